@@ -1,0 +1,244 @@
+#include "acquisition/download.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <memory>
+#include <system_error>
+#include <utility>
+
+#include <windows.h>
+#include <wininet.h>
+
+#include "acquisition/constants.h"
+#include "acquisition/server_folder.h"
+#include "base/files.h"
+#include "base/handles.h"
+#include "base/log.h"
+#include "base/system_message.h"
+
+namespace repair
+{
+namespace
+{
+struct InternetKind
+{
+    using Handle = HINTERNET;
+    static Handle None() noexcept { return nullptr; }
+    static void Close(Handle handle) noexcept { InternetCloseHandle(handle); }
+};
+using InternetHandle = Owned<InternetKind>;
+
+struct InternetSession
+{
+    InternetHandle session;
+    InternetHandle connection;  // closed first
+};
+
+struct DownloadPlan
+{
+    std::wstring url;
+    std::wstring folder;
+    std::wstring temporaryPath;
+    std::wstring finalPath;
+};
+
+DownloadPlan MakePlan(const std::wstring& release)
+{
+    wchar_t temporaryFolder[kTempPathCharacters] = {};
+    GetTempPathW(static_cast<DWORD>(std::size(temporaryFolder)), temporaryFolder);  // ends with a backslash
+    DownloadPlan plan;
+    plan.url = GetServerFolder() + release + kRemoteFile;
+    plan.folder = std::wstring(temporaryFolder) + kDownloadFolder;
+    plan.temporaryPath = plan.folder + kTemporaryFile;
+    plan.finalPath = plan.folder + kInstallerFile;
+    return plan;
+}
+
+struct Server
+{
+    wchar_t host[kUrlPartCharacters] = {};
+    wchar_t path[kUrlPartCharacters] = {};
+    INTERNET_PORT port = 0;
+};
+
+// Logs and answers false when the URL cannot be taken apart.
+bool SplitUrl(const std::wstring& url, Server& server)
+{
+    URL_COMPONENTSW parts = {};
+    static_assert(sizeof(parts) == 104);
+    parts.dwStructSize = sizeof(parts);
+    parts.lpszHostName = server.host;
+    parts.dwHostNameLength = static_cast<DWORD>(std::size(server.host));
+    parts.lpszUrlPath = server.path;
+    parts.dwUrlPathLength = static_cast<DWORD>(std::size(server.path));
+    if (InternetCrackUrlW(url.c_str(), static_cast<DWORD>(url.size()), 0, &parts) == FALSE)
+    {
+        const DWORD error = GetLastError();
+        LogLine(L"Unable to crack URL: %s. Error = %d", url.c_str(), error);
+        return false;
+    }
+    server.port = parts.nPort;
+    return true;
+}
+
+InternetSession Connect(const Server& server)
+{
+    InternetSession session;
+    session.session = InternetHandle(InternetOpenW(kUserAgent, INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
+    if (!session.session)
+    {
+        const DWORD error = GetLastError();
+        throw std::system_error(static_cast<int>(error), std::system_category(), "Unable to open internet connection");
+    }
+    session.connection = InternetHandle(InternetConnectW(session.session.Get(), server.host, server.port, nullptr,
+                                                         nullptr, INTERNET_SERVICE_HTTP, 0, 0));
+    if (!session.connection)
+    {
+        const DWORD error = GetLastError();
+        session.session.Close();
+        throw std::system_error(static_cast<int>(error), std::system_category(), "Unable to connect to server");
+    }
+    return session;
+}
+
+InternetHandle OpenRequest(const InternetSession& session, const Server& server)
+{
+    DWORD flags =
+        INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_HYPERLINK | INTERNET_FLAG_PRAGMA_NOCACHE;
+    if (server.port == INTERNET_DEFAULT_HTTPS_PORT)
+    {
+        // By design the port alone decides about TLS: an https address on another port goes out in the clear.
+        flags |= INTERNET_FLAG_SECURE;
+    }
+    const wchar_t* acceptTypes[] = {kAcceptType, nullptr};
+    InternetHandle request(
+        HttpOpenRequestW(session.connection.Get(), L"GET", server.path, nullptr, kReferrer, acceptTypes, flags, 0));
+    // Before anybody looks whether there is a request: the error that is logged is the one that stands after these.
+    const std::pair<DWORD, DWORD> timeouts[] = {{INTERNET_OPTION_RECEIVE_TIMEOUT, kReceiveTimeoutMs},
+                                                {INTERNET_OPTION_SEND_TIMEOUT, kSendTimeoutMs},
+                                                {INTERNET_OPTION_CONNECT_TIMEOUT, kConnectTimeoutMs}};
+    for (auto [option, milliseconds] : timeouts)
+    {
+        InternetSetOptionW(request.Get(), option, &milliseconds, sizeof(milliseconds));
+    }
+    return request;
+}
+
+void LogReadFailure(DWORD error)
+{
+    if (error != ERROR_INTERNET_EXTENDED_ERROR)
+    {
+        LogLine(L"Download failed with error code: %d %s", error, FormatSystemMessage(error).c_str());
+        return;
+    }
+    // The server has left a text. The first call tells its length, the second fetches it.
+    DWORD extendedError = 0;
+    DWORD length = 0;
+    InternetGetLastResponseInfoW(&extendedError, nullptr, &length);
+    std::wstring text(size_t{length} + 1, L'\0');
+    DWORD room = length + 1;  // whether the length counts the terminator differs between versions
+    InternetGetLastResponseInfoW(&extendedError, text.data(), &room);
+    LogLine(L"Unable to read file from internet. Extended error code: %d %s", extendedError, text.c_str());
+}
+
+// Writes the answer's body into the file. False when it could not be had or written completely, which is logged.
+bool CopyBody(HINTERNET request, FileHandle& file, const std::wstring& temporaryPath)
+{
+    const auto buffer = std::make_unique<std::byte[]>(kReceiveBufferBytes);
+    std::uint32_t total = 0;  // wraps with a body of 4 GiB and more, which only the log line shows
+    DWORD received = 0;
+    do
+    {
+        received = 0;
+        if (InternetReadFile(request, buffer.get(), kReceiveBufferBytes, &received) == FALSE)
+        {
+            const DWORD error = GetLastError();
+            LogReadFailure(error);
+            file.Close();
+            return false;
+        }
+        DWORD written = 0;
+        if (WriteFile(file.Get(), buffer.get(), received, &written, nullptr) == 0 || written < received)
+        {
+            LogLine(L"Failed writing to file: %s", temporaryPath.c_str());
+            return false;
+        }
+        total += received;
+    } while (received != 0);
+
+    FlushFileBuffers(file.Get());
+    file.Close();
+    LogLine(L"Completed download. Total bytes downloaded: %d", total);
+    return true;
+}
+
+// Sends the request and answers whether its body is the installer (status 200); the reason is logged otherwise.
+bool SendRequest(const InternetHandle& request, FileHandle& file, const std::wstring& url)
+{
+    if (!request)
+    {
+        const DWORD error = GetLastError();
+        file.Close();
+        LogLine(L"Unable to call HttpOpenRequest to %s. Error %d", url.c_str(), error);
+        return false;
+    }
+    if (HttpSendRequestW(request.Get(), nullptr, 0, nullptr, 0) == FALSE)
+    {
+        const DWORD error = GetLastError();
+        file.Close();
+        LogLine(L"Unable to call HttpSendRequest to %s. Error %d", url.c_str(), error);
+        return false;
+    }
+    DWORD status = 0;
+    DWORD size = sizeof(status);
+    if (HttpQueryInfoW(request.Get(), HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status, &size, nullptr) ==
+        FALSE)
+    {
+        const DWORD error = GetLastError();
+        LogLine(L"Unable to create query response code from %s. Error code: %d %s", url.c_str(), error,
+                FormatSystemMessage(error).c_str());
+        return false;
+    }
+    LogLine(L"Response code from server: %d", status);
+    if (status != HTTP_STATUS_OK)
+    {
+        LogLine(L"Error response code received from %s", url.c_str());
+        return false;
+    }
+    return true;
+}
+}  // namespace
+
+std::wstring DownloadInstaller(std::wstring release)
+{
+    const DownloadPlan plan = MakePlan(release);
+    CreateDirectories(plan.folder);
+    Server server;
+    if (!SplitUrl(plan.url, server))
+    {
+        return {};
+    }
+    const InternetSession session = Connect(server);
+    RemoveFileIfPresent(plan.finalPath);
+    RemoveFileIfPresent(plan.temporaryPath);
+
+    FileHandle file(CreateFileW(plan.temporaryPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file)
+    {
+        const DWORD error = GetLastError();
+        LogLine(L"Unable to create file to download data into. Target path: %s. Error: %d", plan.temporaryPath.c_str(),
+                error);
+        return {};
+    }
+    const InternetHandle request = OpenRequest(session, server);
+    if (!SendRequest(request, file, plan.url) || !CopyBody(request.Get(), file, plan.temporaryPath))
+    {
+        return {};
+    }
+    RemoveFileIfPresent(plan.finalPath);
+    MoveFileW(plan.temporaryPath.c_str(), plan.finalPath.c_str());  // not checked: the installer's start tells
+    return plan.finalPath;
+}
+}  // namespace repair

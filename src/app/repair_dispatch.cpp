@@ -1,0 +1,104 @@
+#include "app/repair_dispatch.h"
+
+#include <exception>
+
+#include <windows.h>
+
+#include "acquisition/download.h"
+#include "acquisition/local_installer.h"
+#include "app/switches.h"
+#include "base/log.h"
+#include "install/install_sequence.h"
+#include "store/store_install.h"
+#include "store/store_packages.h"
+#include "ui/result_message.h"
+
+namespace repair
+{
+namespace
+{
+void ShowStatus(Run& run, int status)
+{
+    if (!Silent)
+    {
+        SetStatus(run.window, status);
+    }
+}
+
+void ShowOutcome(const Run& run, bool isInstalled)
+{
+    if (!Silent)
+    {
+        ShowResultMessage(run.window, isInstalled ? kMessageFinished : kMessageInstallFailed);
+    }
+}
+
+// An exception counts like a failed download.
+std::wstring Download(const std::wstring& release)
+{
+    try
+    {
+        return DownloadInstaller(release);
+    }
+    catch (const std::exception& error)
+    {
+        LogLine(L"\tException occured during the download of dwx2_install.exe. %hs", error.what());
+        return {};
+    }
+}
+
+// Path of the installer, or an empty text.
+std::wstring AcquireInstaller(Run& run, const std::wstring& driverFolder, const std::wstring& releasePrefix)
+{
+    std::wstring installer = FindLocalInstaller(driverFolder);
+    if (!installer.empty())
+    {
+        LogLine(L"Found dwx2-install.exe at [%s]", installer.c_str());
+        return installer;
+    }
+    LogLine(L"Unable to find dwx2-install.exe at [%s]. Downloading dwx2_install.exe for [%s] from web.",
+            driverFolder.c_str(), releasePrefix.c_str());
+    ShowStatus(run, kStatusDownloading);
+    return Download(releasePrefix);
+}
+
+int InstallDesktopEdition(Run& run, const std::wstring& driverFolder, const std::wstring& releasePrefix)
+{
+    const std::wstring installer = AcquireInstaller(run, driverFolder, releasePrefix);
+    if (installer.empty())
+    {
+        return ExitEarly(run, L"Unable to download dwx2_install.exe from web. Exiting.", kMessageDownloadFailed);
+    }
+    ShowStatus(run, kStatusInstalling);
+    const int result = InstallWithExceptionGuard(installer);
+    if (result == 0)
+    {
+        RemoveStorePackages();  // only one edition stays on the machine
+    }
+    ShowOutcome(run, result == 0);
+    FinishRun(run);
+    return result;
+}
+
+int InstallStoreEdition(Run& run)
+{
+    ShowStatus(run, kStatusInstalling);
+    LogLine(L"Attempting to download and install the UWP version of VLT.");
+    const int result = InstallStoreApplication(run.window.dialog);
+    LogLine(result == 0 ? L"Successfully installed the UWP version of VLT"
+                        : L"failed to install the UWP version of VLT");
+    ShowOutcome(run, result == 0);
+    FinishRun(run);
+    return result;
+}
+}  // namespace
+
+int Repair(Run& run, const std::wstring& driverFolder, const std::wstring& releasePrefix, bool useStore)
+{
+    if (ForceUwp || useStore)
+    {
+        return InstallStoreEdition(run);
+    }
+    return InstallDesktopEdition(run, driverFolder, releasePrefix);
+}
+}  // namespace repair

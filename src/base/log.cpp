@@ -1,0 +1,57 @@
+#include "base/log.h"
+
+#include <iterator>
+
+#include <windows.h>
+
+#include "base/files.h"
+
+namespace repair
+{
+namespace
+{
+constexpr wchar_t kLogFolder[] = L"Program Files\\Tavik\\MIM\\Log\\";
+
+HANDLE OpenLogFile()
+{
+    const std::wstring folder = GetLogFolder();
+    CreateDirectories(folder);
+    SYSTEMTIME now = {};
+    GetLocalTime(&now);
+    const std::wstring name = FormatLine(L"InstallVLTForWUDriver_%d-%d-%d_%d_%d_%d_%d.log", now.wYear, now.wMonth,
+                                         now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds);
+    // Readers may look while the run goes on. An invalid handle is kept: a run without a log still does its work.
+    return CreateFileW((folder + name).c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
+                       FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+// Open until the process ends. An exception leaves the initialisation undone, so the next line tries again.
+HANDLE LogFile()
+{
+    static const HANDLE file = OpenLogFile();
+    return file;
+}
+}  // namespace
+
+std::wstring GetLogFolder()
+{
+    wchar_t buffer[260] = {};
+    GetWindowsDirectoryW(buffer, static_cast<UINT>(std::size(buffer)));
+    std::wstring root = buffer;
+    const size_t backslash = root.find(L'\\');
+    if (backslash != std::wstring::npos)
+    {
+        root.resize(backslash + 1);
+    }
+    return root + kLogFolder;
+}
+
+void WriteLog(const std::wstring& line)
+{
+    const HANDLE file = LogFile();
+    DWORD written = 0;
+    WriteFile(file, line.data(), static_cast<DWORD>(line.size() * sizeof(wchar_t)), &written, nullptr);
+    constexpr wchar_t kLineEnd = L'\n';
+    WriteFile(file, &kLineEnd, sizeof(kLineEnd), &written, nullptr);
+}
+}  // namespace repair

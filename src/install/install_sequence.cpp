@@ -1,0 +1,107 @@
+#include "install/install_sequence.h"
+
+#include <exception>
+#include <iterator>
+#include <list>
+
+#include <windows.h>
+#include <msi.h>
+#include <shlobj.h>
+
+#include "base/files.h"
+#include "base/log.h"
+#include "install/component_stop.h"
+#include "install/constants.h"
+#include "install/msi_products.h"
+#include "install/process_launcher.h"
+#include "install/secure_directory.h"
+
+namespace repair
+{
+namespace
+{
+constexpr std::int32_t kMainPackageMissing = 2;
+
+std::wstring ExtractionFolder()
+{
+    wchar_t temporaryFolder[kTemporaryPathCharacters] = {};
+    GetTempPathW(static_cast<DWORD>(std::size(temporaryFolder)), temporaryFolder);  // ends with a backslash
+    return std::wstring(temporaryFolder) + kExtractionFolder;
+}
+
+void Extract(const std::wstring& installerPath, const std::wstring& folder)
+{
+    CreateSecureDirectory(folder);  // the sequence goes on without it as well as it may
+    // No quotes: the installer takes everything behind "/D=" up to the end of the line, blanks included.
+    LaunchProcess(installerPath, kExtractionParameters + folder, INFINITE, folder.c_str());
+}
+
+void RemoveProducts(const wchar_t* logLine, const std::list<std::wstring>& packages)
+{
+    for (const std::wstring& package : packages)
+    {
+        LogLine(logLine, package.c_str());
+        const UINT result = MsiInstallProductW(package.c_str(), kRemovalProperties);
+        LogLine(L"\tResult = %d", result);  // as it came, a wanted reboot included; a failure does not stop the rest
+    }
+}
+
+std::int32_t InstallPackage(const std::wstring& package, const std::wstring& customDir)
+{
+    LogLine(L"Installing %s", package.c_str());
+    const std::int32_t result = InstallMsiPackage(package, customDir);
+    LogLine(L"\tResult = %d", result);
+    return result;
+}
+}  // namespace
+
+std::int32_t RunInstallSequence(std::wstring installerPath, bool installAllComponents)
+{
+    MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
+    const std::wstring extractDir = ExtractionFolder();
+    Extract(installerPath, extractDir);
+
+    const std::wstring mainPackage = extractDir + kMainPackage;
+    const std::wstring dvrPackage = extractDir + kDvrPackage;
+    const std::wstring pxlPackage = extractDir + kPxlPackage;
+    if (!Exists(mainPackage))
+    {
+        LogLine(L"Unable to find %s.", mainPackage.c_str());
+        return kMainPackageMissing;
+    }
+    const std::list<std::wstring> haldenProducts = FindRelatedProductPackages(kHaldenUpgradeCode);
+    const std::list<std::wstring> dvrProducts = FindRelatedProductPackages(kDvrUpgradeCode);
+    const std::list<std::wstring> pxlProducts = FindRelatedProductPackages(kPxlUpgradeCode);
+    const std::wstring customDir = GetCustomInstallDir();  // asked before the removal takes the registered folder away
+
+    StopRunningComponents();
+    RemoveProducts(L"Uninstalling installed Halden %s", haldenProducts);
+    RemoveProducts(L"Uninstalling installed DVR %s", dvrProducts);
+    RemoveProducts(L"Uninstalling installed PXL %s", pxlProducts);
+
+    const std::int32_t result = InstallPackage(mainPackage, customDir);
+    if (!dvrProducts.empty() || installAllComponents)
+    {
+        InstallPackage(dvrPackage, customDir);
+    }
+    if (!pxlProducts.empty() || installAllComponents)
+    {
+        InstallPackage(pxlPackage, customDir);
+    }
+    SHChangeNotify(SHCNE_ASSOCCHANGED, SHCNF_IDLIST, nullptr, nullptr);  // icons and file types may be new
+    return result;
+}
+
+std::int32_t InstallWithExceptionGuard(const std::wstring& installerPath)
+{
+    try
+    {
+        return RunInstallSequence(installerPath, false);
+    }
+    catch (const std::exception& error)
+    {
+        LogLine(L"\tException occured during installation. %hs", error.what());
+        return -1;
+    }
+}
+}  // namespace repair

@@ -1,0 +1,121 @@
+#include "install/secure_directory.h"
+
+#include <filesystem>
+#include <iterator>
+
+#include <windows.h>
+#include <aclapi.h>
+#include <wtsapi32.h>
+
+#include "base/files.h"
+#include "base/handles.h"
+#include "install/constants.h"
+
+namespace repair
+{
+namespace
+{
+struct SessionTextKind
+{
+    using Handle = wchar_t*;
+    static Handle None() noexcept { return nullptr; }
+    static void Close(Handle text) noexcept { WTSFreeMemory(text); }
+};
+using SessionText = Owned<SessionTextKind>;
+
+std::wstring QuerySession(DWORD session, WTS_INFO_CLASS information)
+{
+    wchar_t* text = nullptr;
+    DWORD bytes = 0;
+    WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, session, information, &text, &bytes);
+    const SessionText owner(text);
+    return text != nullptr ? std::wstring(text) : std::wstring();
+}
+
+// Domain and name of the user whose session the tool runs in, who need not be the administrator that it runs as.
+std::wstring SessionUser()
+{
+    DWORD session = 0;
+    ProcessIdToSessionId(GetCurrentProcessId(), &session);
+    const std::wstring domain = QuerySession(session, WTSDomainName);
+    return domain + L"\\" + QuerySession(session, WTSUserName);
+}
+
+struct WellKnownSid
+{
+    explicit WellKnownSid(WELL_KNOWN_SID_TYPE type)
+    {
+        DWORD size = sizeof(bytes);
+        CreateWellKnownSid(type, nullptr, bytes, &size);
+    }
+    alignas(DWORD) BYTE bytes[SECURITY_MAX_SID_SIZE] = {};
+};
+
+EXPLICIT_ACCESSW Allow(DWORD rights, TRUSTEE_FORM form, wchar_t* trustee)
+{
+    EXPLICIT_ACCESSW entry = {};
+    entry.grfAccessPermissions = rights;
+    entry.grfAccessMode = SET_ACCESS;
+    entry.grfInheritance = OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE;
+    entry.Trustee.TrusteeForm = form;
+    entry.Trustee.TrusteeType = TRUSTEE_IS_WELL_KNOWN_GROUP;
+    entry.Trustee.ptstrName = trustee;
+    return entry;
+}
+
+// The access list; nothing when it cannot be made, and then the last error in `error`.
+LocalMemory MakeAccessList(DWORD& error)
+{
+    WellKnownSid administrators(WinBuiltinAdministratorsSid);
+    WellKnownSid localSystem(WinLocalSystemSid);
+    std::wstring user = SessionUser();
+    EXPLICIT_ACCESSW entries[] = {
+        Allow(GENERIC_ALL, TRUSTEE_IS_SID, reinterpret_cast<wchar_t*>(administrators.bytes)),
+        Allow(GENERIC_ALL, TRUSTEE_IS_SID, reinterpret_cast<wchar_t*>(localSystem.bytes)),
+        Allow(GENERIC_READ | GENERIC_EXECUTE | DELETE, TRUSTEE_IS_NAME, user.data()),
+    };
+    ACL* list = nullptr;
+    if (SetEntriesInAclW(static_cast<ULONG>(std::size(entries)), entries, nullptr, &list) != ERROR_SUCCESS)
+    {
+        error = GetLastError();
+        return {};
+    }
+    return LocalMemory(list);
+}
+}  // namespace
+
+DWORD CreateSecureDirectory(const std::wstring& folder)
+{
+    DWORD error = ERROR_SUCCESS;
+    const LocalMemory accessList = MakeAccessList(error);
+    if (!accessList)
+    {
+        return error;
+    }
+    const LocalMemory descriptor(LocalAlloc(LPTR, SECURITY_DESCRIPTOR_MIN_LENGTH));
+    if (!descriptor || InitializeSecurityDescriptor(descriptor.Get(), SECURITY_DESCRIPTOR_REVISION) == FALSE ||
+        SetSecurityDescriptorDacl(descriptor.Get(), TRUE, static_cast<ACL*>(accessList.Get()), FALSE) == FALSE ||
+        // The user's temporary folder hands down full control to the user; here that would undo the list.
+        SetSecurityDescriptorControl(descriptor.Get(), SE_DACL_PROTECTED, SE_DACL_PROTECTED) == FALSE)
+    {
+        return GetLastError();
+    }
+    SECURITY_ATTRIBUTES attributes = {};
+    static_assert(sizeof(attributes) == 24 && SECURITY_DESCRIPTOR_MIN_LENGTH == 40);
+    attributes.nLength = sizeof(attributes);
+    attributes.lpSecurityDescriptor = descriptor.Get();
+    attributes.bInheritHandle = FALSE;
+
+    CreateDirectories(std::filesystem::path(folder).parent_path().wstring());
+    RemoveAll(folder);
+    if (CreateDirectoryW(folder.c_str(), &attributes) == FALSE)
+    {
+        return GetLastError();
+    }
+    // Never closed: while this unshared file is open nobody can remove or replace the folder that the installer unpacks
+    // into. The system deletes the file when the process ends.
+    CreateFileW((folder + kMarkerFile).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+    return ERROR_SUCCESS;
+}
+}  // namespace repair

@@ -1,0 +1,5 @@
+// The version of the tool; it lives here and nowhere else. Plain defines: the resource compiler reads them too.
+#pragma once
+
+#define TAVIK_VERSION_NUMBERS 1, 0, 0, 1
+#define TAVIK_VERSION_TEXT "1.0.0.1"

@@ -1,0 +1,108 @@
+// Blocks until an asynchronous operation of the Windows Runtime has finished.
+#pragma once
+
+#include <atomic>
+#include <utility>
+
+#include <windows.h>
+
+#include "base/handles.h"
+#include "store/winrt_abi.h"
+#include "store/winrt_runtime.h"
+
+namespace repair
+{
+inline constexpr HRESULT kCanceledError = static_cast<HRESULT>(0x800704C7);  // HRESULT_FROM_WIN32(ERROR_CANCELLED)
+
+// Records the final status and wakes the waiter. The operation may call it before, inside or after put_Completed, on
+// any thread, and may keep it longer than the waiter does: so event and status live in here, counted by reference.
+template <typename Identity>
+class CompletedHandler final : public abi::ICompletedHandler<Identity>
+{
+public:
+    // Throws WinrtError when there is no event to be had.
+    static Reference<CompletedHandler> Create()
+    {
+        EventHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        if (!event)
+        {
+            ThrowWinrtError(HRESULT_FROM_WIN32(GetLastError()));
+        }
+        return Reference<CompletedHandler>(new CompletedHandler(std::move(event)));
+    }
+
+    abi::AsyncStatus Wait()
+    {
+        WaitForSingleObject(event_.Get(), INFINITE);
+        return status_;
+    }
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override
+    {
+        if (object == nullptr)
+        {
+            return E_POINTER;
+        }
+        if (iid != IID_IUnknown && iid != abi::ICompletedHandler<Identity>::kIid && iid != abi::kIidAgileObject)
+        {
+            *object = nullptr;
+            return E_NOINTERFACE;
+        }
+        *object = static_cast<abi::ICompletedHandler<Identity>*>(this);
+        AddRef();
+        return S_OK;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return ++references_; }
+    ULONG STDMETHODCALLTYPE Release() override
+    {
+        const ULONG left = --references_;
+        if (left == 0)
+        {
+            delete this;
+        }
+        return left;
+    }
+    HRESULT STDMETHODCALLTYPE Invoke(abi::IAsyncOperation<Identity>*, abi::AsyncStatus status) override
+    {
+        status_ = status;
+        SetEvent(event_.Get());
+        return S_OK;
+    }
+
+    CompletedHandler(const CompletedHandler&) = delete;
+    CompletedHandler& operator=(const CompletedHandler&) = delete;
+    CompletedHandler(CompletedHandler&&) = delete;
+    CompletedHandler& operator=(CompletedHandler&&) = delete;
+
+private:
+    explicit CompletedHandler(EventHandle event) : event_(std::move(event)) {}
+    ~CompletedHandler() = default;
+
+    std::atomic<ULONG> references_ = 1;
+    std::atomic<abi::AsyncStatus> status_ = abi::AsyncStatus::kStarted;
+    EventHandle event_;
+};
+
+// Waits without a limit and returns the operation's result. Throws WinrtError with the operation's own error, or with
+// kCanceledError when it was canceled.
+template <typename Identity>
+Reference<typename Identity::Result> WaitForAsync(abi::IAsyncOperation<Identity>* operation)
+{
+    const Reference<abi::IAsyncInfo> information = QueryFor<abi::IAsyncInfo>(operation);
+    abi::AsyncStatus status = abi::AsyncStatus::kStarted;
+    CheckResult(information.Get()->get_Status(&status));
+    if (status == abi::AsyncStatus::kStarted)
+    {
+        const auto handler = CompletedHandler<Identity>::Create();
+        CheckResult(operation->put_Completed(handler.Get()));
+        status = handler.Get()->Wait();
+    }
+    if (status == abi::AsyncStatus::kCanceled)
+    {
+        ThrowWinrtError(kCanceledError);
+    }
+    typename Identity::Result* result = nullptr;
+    const HRESULT code = operation->GetResults(&result);
+    return TakeObject(code, result);
+}
+}  // namespace repair
