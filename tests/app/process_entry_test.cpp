@@ -1,0 +1,178 @@
+// The entry is not in the library; here it is an ordinary function.
+#include "app/main.cpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/box_recorder.h"
+#include "support/fake_adapter.h"
+#include "support/fake_machine.h"
+#include "support/fake_runtime.h"
+#include "support/log_capture.h"
+#include "support/machine_registry.h"
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+IMPORTED(GetCommandLineW)
+IMPORTED(SetDefaultDllDirectories)
+IMPORTED(SetUnhandledExceptionFilter)
+IMPORTED(GetStdHandle)
+IMPORTED(TerminateProcess)
+
+namespace repair
+{
+namespace
+{
+class ProcessEntry : public testing::Test
+{
+protected:
+    ~ProcessEntry() override { std::set_terminate(terminate_); }
+
+    int Start(const std::wstring& arguments, HINSTANCE instance = nullptr)
+    {
+        line_ = L"tool.exe " + arguments;
+        return wWinMain(instance, nullptr, nullptr, 0);
+    }
+    // What the process wrote to its standard output.
+    std::string Output() const
+    {
+        std::string text(1000, '\0');
+        DWORD read = 0;
+        SetFilePointer(output_, 0, nullptr, FILE_BEGIN);
+        ReadFile(output_, text.data(), static_cast<DWORD>(text.size()), &read, nullptr);
+        return text.substr(0, read);
+    }
+    bool RanTheCheck() const { return adapters_.enumerations == 1; }
+    bool RanTheDirectInstall(const std::wstring& installer) const
+    {
+        return testing::Value(machine_.steps, Contains(StartsWith(L"run " + installer + L" | /NCRC")));
+    }
+
+    std::terminate_handler terminate_ = std::get_terminate();
+    MachineRegistry registry_;
+    FakeMachine machine_;
+    FakeRuntime runtime_;
+    FakeAdapters adapters_;
+    BoxRecorder boxes_;
+    std::wstring line_;
+    HANDLE output_ = CreateFileW(machine_.Folder().WriteBytes(L"output", "").c_str(), GENERIC_READ | GENERIC_WRITE, 0,
+                                 nullptr, OPEN_EXISTING, FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+    std::vector<std::string> order_;
+    LPTOP_LEVEL_EXCEPTION_FILTER filter_ = nullptr;
+
+    SUBSTITUTE(GetCommandLineW)
+    commandLine_{[this] {
+        order_.push_back("command line");
+        return line_.data();
+    }};
+    SUBSTITUTE(SetDefaultDllDirectories)
+    dllFolders_{[this](DWORD flags) {
+        EXPECT_EQ(flags, 0x800u);
+        order_.push_back("DLL folders");
+        return FailWith(87);  // the result does not matter
+    }};
+    SUBSTITUTE(SetUnhandledExceptionFilter)
+    setFilter_{[this](LPTOP_LEVEL_EXCEPTION_FILTER filter) {
+        filter_ = filter;
+        return LPTOP_LEVEL_EXCEPTION_FILTER{nullptr};
+    }};
+    SUBSTITUTE(GetStdHandle)
+    standard_{[this](DWORD which) { return which == STD_OUTPUT_HANDLE ? output_ : standard_.Original()(which); }};
+
+    void TearDown() override { CloseHandle(output_); }
+};
+
+TEST_F(ProcessEntry, RestrictsTheLibrarySearchBeforeAnythingElse)
+{
+    Start(L"-SILENT");
+    EXPECT_THAT(order_, ElementsAre("DLL folders", "command line"));
+}
+
+TEST_F(ProcessEntry, KeepsTheModuleInstance)
+{
+    const auto instance = reinterpret_cast<HINSTANCE>(0x1234);
+    EXPECT_EQ(Start(L"-VLT -Install", instance), 2);
+    EXPECT_EQ(AppInstance, instance);
+}
+
+TEST_F(ProcessEntry, GivenInstallerThatIsMissingIsLoggedPrintedAndGivesTwo)
+{
+    LogCapture log;
+    EXPECT_EQ(Start(L"-VLT -Install -Path \"C:\\no such.exe\""), 2);
+    EXPECT_THAT(log.Lines(),
+                ElementsAre(L"Launched with command line: tool.exe -VLT -Install -Path \"C:\\no such.exe\"",
+                            L"Unable to find file at : C:\\no such.exe."));
+    EXPECT_EQ(Output(), "The given location does not contain the file : C:\\no such.exe");
+    EXPECT_THAT(machine_.steps, IsEmpty());
+    EXPECT_THAT(boxes_.boxes, IsEmpty());
+}
+
+TEST_F(ProcessEntry, WithoutAPathTheInstallerIsMissingToo)
+{
+    LogCapture log;
+    EXPECT_EQ(Start(L"-vlt -install"), 2);
+    EXPECT_EQ(log.Lines().back(), L"Unable to find file at : .");
+    EXPECT_EQ(Output(), "The given location does not contain the file : ");
+}
+
+TEST_F(ProcessEntry, GivenInstallerIsInstalledWithoutTheCheck)
+{
+    registry_.SetString(L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\", L"Location", L"C:\\HL");
+    const std::wstring installer = machine_.Folder().WriteBytes(L"given.exe", "x");
+    EXPECT_EQ(Start(L"-vlt -install -path \"" + installer + L"\""), 0);
+    EXPECT_TRUE(RanTheDirectInstall(installer));
+    EXPECT_FALSE(RanTheCheck());
+}
+
+TEST_F(ProcessEntry, ResultOfTheDirectInstallIsTheExitCode)
+{
+    const std::wstring installer = machine_.Folder().WriteBytes(L"given.exe", "x");
+    machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload", "in the way");
+    EXPECT_EQ(Start(L"-VLT -Install -Path \"" + installer + L"\""), -1);
+}
+
+class CheckedLine : public ProcessEntry, public testing::WithParamInterface<std::wstring>
+{
+};
+INSTANTIATE_TEST_SUITE_P(Lines, CheckedLine,
+                         testing::Values(L"", L"-VLT", L"-Install", L"-Path {}", L"-VLT -Path {}", L"-Install -Path {}",
+                                         L"-FORCE"));
+
+TEST_P(CheckedLine, RunsTheCheckAndReturnsItsResult)
+{
+    std::wstring arguments = GetParam();
+    const std::wstring installer = machine_.Folder().WriteBytes(L"given.exe", "x");
+    if (const size_t place = arguments.find(L"{}"); place != std::wstring::npos)
+    {
+        arguments.replace(place, 2, installer);
+    }
+    EXPECT_EQ(Start(arguments), -1);
+    EXPECT_TRUE(RanTheCheck());
+    EXPECT_FALSE(RanTheDirectInstall(installer));
+    EXPECT_EQ(Output(), "");
+}
+
+TEST_F(ProcessEntry, WhatNobodyCaughtEndsTheProcessWithoutABox)
+{
+    std::vector<UINT> codes;
+    SUBSTITUTE(TerminateProcess)
+    terminate([&](HANDLE process, UINT code) {
+        EXPECT_EQ(process, GetCurrentProcess());
+        codes.push_back(code);
+        throw 5;  // does not come back
+        return TRUE;
+    });
+    Start(L"-SILENT");
+    ASSERT_NE(filter_, nullptr);
+    EXPECT_ANY_THROW(filter_(nullptr));
+    EXPECT_NE(std::get_terminate(), terminate_);
+    EXPECT_THAT(codes, ElementsAre(3u));
+}
+}  // namespace
+}  // namespace repair

@@ -1,0 +1,318 @@
+#include <winsock2.h>
+
+#include <windows.h>
+
+#include <wininet.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "app/repair_dispatch.h"
+#include "app/switches.h"
+#include "support/box_recorder.h"
+#include "support/fake_machine.h"
+#include "support/fake_runtime.h"
+#include "support/http_server.h"
+#include "support/log_capture.h"
+#include "support/machine_registry.h"
+
+using testing::AllOf;
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+IMPORTED(SetDlgItemTextW)
+IMPORTED(InvalidateRect)
+IMPORTED(ShowWindow)
+IMPORTED(SetEvent)
+IMPORTED(CloseHandle)
+IMPORTED(PostThreadMessageW)
+IMPORTED(InternetOpenW)
+
+namespace repair
+{
+namespace
+{
+const BoxRecorder::Box kFinished = {L"Finished installing Tavik Software", 0x10040};
+const BoxRecorder::Box kInstallFailed = {L"Error installing Tavik Software.", 0x10010};
+const BoxRecorder::Box kDownloadFailed = {L"Error downloading Tavik Software", 0x10010};
+constexpr wchar_t kStorePackage[] = L"TavikSystemsInc-2.TavikCorvelSoftware_1.0.0.0_x64__abc";
+
+// A run whose status window is a number, on a machine where nothing is really installed.
+class RepairTest : public testing::Test
+{
+protected:
+    RepairTest()
+    {
+        registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", L"no address");  // nothing to be downloaded
+        run_.window.instance = reinterpret_cast<HINSTANCE>(0x99);
+        run_.window.dialog = reinterpret_cast<HWND>(0x77);
+        run_.instanceEvent = EventHandle(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        event_ = run_.instanceEvent.Get();
+        boxes_.onBox = [this] { order_.push_back("box"); };
+    }
+
+    // A driver package with an installer; returns its folder.
+    std::wstring DriverPackage()
+    {
+        machine_.Folder().CreateFolder(L"package\\Bin64");
+        installer_ = machine_.Folder().WriteBytes(L"package\\Bin64\\DWX2_Install.exe", "x");
+        return machine_.Folder() / L"package";
+    }
+    std::wstring MainPackage() const { return machine_.ExtractionFolder() + L"\\HL\\halden\\halden64\\dwx-next64.msi"; }
+
+    MachineRegistry registry_;
+    FakeMachine machine_;
+    FakeRuntime runtime_;
+    BoxRecorder boxes_;
+    repair::Run run_;
+    std::wstring installer_;
+    HANDLE event_ = nullptr;
+    std::vector<std::wstring> statusTexts_;
+    std::vector<std::string> order_;
+
+    SUBSTITUTE(SetDlgItemTextW)
+    setText_{[this](HWND dialog, int control, const wchar_t* text) {
+        EXPECT_EQ(dialog, reinterpret_cast<HWND>(0x77));
+        EXPECT_EQ(control, 1004);
+        statusTexts_.push_back(text);
+        return TRUE;
+    }};
+    SUBSTITUTE(InvalidateRect)
+    invalidate_{[this](HWND dialog, const RECT*, BOOL) {
+        EXPECT_EQ(dialog, reinterpret_cast<HWND>(0x77));
+        order_.push_back("invalidate");
+        return TRUE;
+    }};
+    SUBSTITUTE(ShowWindow)
+    show_{[this](HWND dialog, int command) {
+        EXPECT_EQ(dialog, reinterpret_cast<HWND>(0x77));
+        EXPECT_EQ(command, 0);
+        order_.push_back("hide");
+        return TRUE;
+    }};
+    SUBSTITUTE(SetEvent)
+    setEvent_{[this](HANDLE event) {
+        if (event == event_)
+        {
+            order_.push_back("signal");
+        }
+        return setEvent_.Original()(event);
+    }};
+    SUBSTITUTE(CloseHandle)
+    close_{[this](HANDLE handle) {
+        if (handle == event_)
+        {
+            order_.push_back("close");
+            event_ = nullptr;
+        }
+        return close_.Original()(handle);
+    }};
+};
+
+// --- Desktop edition
+TEST_F(RepairTest, InstallerOfTheDriverPackageIsUsedWithoutADownload)
+{
+    const std::wstring package = DriverPackage();
+    machine_.UnpacksMainPackage();
+    LogCapture log;
+    EXPECT_EQ(Repair(run_, package, L"24.20", false), 0);
+    ASSERT_FALSE(log.Lines().empty());
+    EXPECT_EQ(log.Lines()[0], L"Found dwx2-install.exe at [" + installer_ + L"]");
+    EXPECT_THAT(log.Lines(), Each(Not(HasSubstr(L"Downloading"))));
+    EXPECT_THAT(statusTexts_, ElementsAre(L"Installing..."));
+    EXPECT_THAT(machine_.StepsOf(L"run")[0], StartsWith(L"run " + installer_ + L" | /NCRC"));
+    EXPECT_THAT(boxes_.boxes, ElementsAre(kFinished));
+}
+
+TEST_F(RepairTest, FinishedRunHidesTheWindowShowsTheBoxAndThenReleasesTheEvent)
+{
+    const std::wstring package = DriverPackage();
+    machine_.UnpacksMainPackage();
+    Repair(run_, package, L"24.20", false);
+    EXPECT_THAT(order_, ElementsAre("invalidate", "hide", "box", "signal", "close"));
+    EXPECT_FALSE(run_.instanceEvent);
+}
+
+TEST_F(RepairTest, OnlyWhatWasThereIsInstalled)
+{
+    const std::wstring package = DriverPackage();
+    machine_.UnpacksMainPackage();
+    Repair(run_, package, L"24.20", false);
+    EXPECT_THAT(machine_.StepsOf(L"install"), testing::SizeIs(1));
+}
+
+TEST_F(RepairTest, SuccessRemovesEveryStorePackageBeforeTheBox)
+{
+    const std::wstring package = DriverPackage();
+    machine_.UnpacksMainPackage();
+    runtime_.packages = {{kStorePackage, {1, 0, 0, 0}}, {L"TavikSystemsInc-2.8F31D07A2B6E4_1", {2, 0, 0, 0}}};
+    std::vector<std::wstring> before;
+    boxes_.onBox = [&] { before = runtime_.Calls(); };
+    EXPECT_EQ(Repair(run_, package, L"24.20", false), 0);
+    EXPECT_THAT(before, AllOf(Contains(std::wstring(L"remove ") + kStorePackage + L" 0x80000"),
+                              Contains(L"remove TavikSystemsInc-2.8F31D07A2B6E4_1 0x80000")));
+}
+
+TEST_F(RepairTest, FailedInstallationIsShownAndReturnedAndLeavesTheStoreEditionAlone)
+{
+    const std::wstring package = DriverPackage();
+    machine_.UnpacksMainPackage();
+    machine_.packageResults[MainPackage()] = 1603;
+    runtime_.packages = {{kStorePackage, {1, 0, 0, 0}}};
+    EXPECT_EQ(Repair(run_, package, L"24.20", false), 1603);
+    EXPECT_THAT(boxes_.boxes, ElementsAre(kInstallFailed));
+    EXPECT_THAT(runtime_.Calls(), IsEmpty());
+    EXPECT_FALSE(run_.instanceEvent);
+}
+
+TEST_F(RepairTest, InstallerThatUnpacksNothingGivesTwo)
+{
+    const std::wstring package = DriverPackage();
+    EXPECT_EQ(Repair(run_, package, L"24.20", false), 2);
+    EXPECT_THAT(boxes_.boxes, ElementsAre(kInstallFailed));
+}
+
+TEST_F(RepairTest, ExceptionOfTheInstallationIsLoggedAndGivesMinusOne)
+{
+    const std::wstring package = DriverPackage();
+    machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload", "in the way");
+    LogCapture log;
+    EXPECT_EQ(Repair(run_, package, L"24.20", false), -1);
+    EXPECT_THAT(log.Lines(), Contains(StartsWith(L"\tException occured during installation. filesystem error: ")));
+    EXPECT_THAT(boxes_.boxes, ElementsAre(kInstallFailed));
+}
+
+TEST_F(RepairTest, WithoutALocalInstallerTheReleaseIsDownloaded)
+{
+    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 1\r\nConnection: close\r\n\r\nx";
+    const std::map<std::string, std::string> answers = {{"/vlt/24.20/dwx2_install.txt", answer}};
+    HttpServer server(answers);
+    registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", L"http://127.0.0.1:" + server.Port() + L"/vlt/");
+    machine_.UnpacksMainPackage();
+    const std::wstring folder = machine_.Folder().CreateFolder(L"empty");
+    LogCapture log;
+    EXPECT_EQ(Repair(run_, folder, L"24.20", false), 0);
+    EXPECT_THAT(log.Lines(), Contains(L"Unable to find dwx2-install.exe at [" + folder +
+                                      L"]. Downloading dwx2_install.exe for [24.20] from web."));
+    EXPECT_THAT(statusTexts_, ElementsAre(L"Downloading compatible version of Tavik Software.", L"Installing..."));
+    EXPECT_THAT(machine_.StepsOf(L"run")[0],
+                StartsWith(L"run " + machine_.Temporary() + L"Tavik_VLTInstallerDownload\\dwx2_install.exe | /NCRC"));
+    EXPECT_THAT(boxes_.boxes, ElementsAre(kFinished));
+}
+
+TEST_F(RepairTest, DownloadWithoutAResultEndsTheRun)
+{
+    LogCapture log;
+    EXPECT_EQ(Repair(run_, L"", L"24.20", false), -1);
+    EXPECT_EQ(log.Lines().front(),
+              L"Unable to find dwx2-install.exe at []. Downloading dwx2_install.exe for [24.20] from web.");
+    EXPECT_EQ(log.Lines().back(), L"Unable to download dwx2_install.exe from web. Exiting.");
+    EXPECT_THAT(statusTexts_, ElementsAre(L"Downloading compatible version of Tavik Software."));
+    EXPECT_THAT(boxes_.boxes, ElementsAre(kDownloadFailed));
+    EXPECT_THAT(order_, ElementsAre("invalidate", "hide", "box", "signal", "close"));
+    EXPECT_THAT(machine_.steps, IsEmpty());
+    EXPECT_THAT(runtime_.Calls(), IsEmpty());
+}
+
+TEST_F(RepairTest, ExceptionOfTheDownloadIsLoggedAndCountsAsNoResult)
+{
+    registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", L"http://server/");
+    SUBSTITUTE(InternetOpenW)
+    open([](const wchar_t*, DWORD, const wchar_t*, const wchar_t*, DWORD) {
+        return FailWith(ERROR_ACCESS_DENIED, HINTERNET{nullptr});
+    });
+    LogCapture log;
+    EXPECT_EQ(Repair(run_, L"", L"24.20", false), -1);
+    const std::vector<std::wstring> lines = log.Lines();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_THAT(lines[lines.size() - 2], StartsWith(L"\tException occured during the download of dwx2_install.exe. "
+                                                    L"Unable to open internet connection: "));
+    EXPECT_EQ(lines.back(), L"Unable to download dwx2_install.exe from web. Exiting.");
+    EXPECT_THAT(boxes_.boxes, ElementsAre(kDownloadFailed));
+}
+
+TEST_F(RepairTest, SilentDesktopRunShowsNothing)
+{
+    Silent = true;
+    const std::wstring package = DriverPackage();
+    machine_.UnpacksMainPackage();
+    EXPECT_EQ(Repair(run_, package, L"24.20", false), 0);
+    EXPECT_EQ(Repair(run_, L"", L"24.20", false), -1);
+    EXPECT_THAT(boxes_.boxes, IsEmpty());
+    EXPECT_THAT(statusTexts_, IsEmpty());
+    EXPECT_THAT(order_, ElementsAre("signal", "close"));
+}
+
+// --- Store edition
+TEST_F(RepairTest, StoreEditionInUseIsInstalledFromTheStoreWithTheDialogAsOwner)
+{
+    const std::wstring package = DriverPackage();
+    LogCapture log;
+    EXPECT_EQ(Repair(run_, package, L"24.20", true), 0);
+    EXPECT_THAT(log.Lines(), ElementsAre(L"Attempting to download and install the UWP version of VLT.",
+                                         L"Successfully installed the UWP version of VLT"));
+    EXPECT_THAT(runtime_.Calls(), AllOf(Contains(L"window 119"), Contains(L"install 9PQ4XK7ZT2MV")));
+    EXPECT_THAT(statusTexts_, ElementsAre(L"Installing..."));
+    EXPECT_THAT(boxes_.boxes, ElementsAre(kFinished));
+    EXPECT_THAT(order_, ElementsAre("invalidate", "hide", "box", "signal", "close"));
+    EXPECT_THAT(machine_.steps, IsEmpty());
+}
+
+TEST_F(RepairTest, ForcedStoreEditionIsTakenEvenWithTheDesktopEditionInUse)
+{
+    ForceUwp = true;
+    const std::wstring package = DriverPackage();
+    EXPECT_EQ(Repair(run_, package, L"24.20", false), 0);
+    EXPECT_THAT(runtime_.Calls(), Contains(L"install 9PQ4XK7ZT2MV"));
+    EXPECT_THAT(machine_.steps, IsEmpty());
+}
+
+TEST_F(RepairTest, StoreThatDoesNotCompleteIsLoggedShownAndGivesMinusOne)
+{
+    runtime_.updateState = 8;
+    LogCapture log;
+    EXPECT_EQ(Repair(run_, L"", L"24.20", true), -1);
+    EXPECT_THAT(log.Lines(), ElementsAre(L"Attempting to download and install the UWP version of VLT.",
+                                         L"failed to install the UWP version of VLT"));
+    EXPECT_THAT(boxes_.boxes, ElementsAre(kInstallFailed));
+    EXPECT_THAT(order_, ElementsAre("invalidate", "hide", "box", "signal", "close"));
+}
+
+TEST_F(RepairTest, ErrorOfTheStoreIsTheResult)
+{
+    runtime_.faults.fails["GetDefault"] = static_cast<HRESULT>(0x80070005);
+    EXPECT_EQ(Repair(run_, L"", L"24.20", true), static_cast<int>(0x80070005));
+    EXPECT_THAT(boxes_.boxes, ElementsAre(kInstallFailed));
+}
+
+TEST_F(RepairTest, SilentStoreRunShowsNothing)
+{
+    Silent = true;
+    LogCapture log;
+    EXPECT_EQ(Repair(run_, L"", L"24.20", true), 0);
+    runtime_.updateState = 5;
+    EXPECT_EQ(Repair(run_, L"", L"24.20", true), -1);
+    EXPECT_THAT(boxes_.boxes, IsEmpty());
+    EXPECT_THAT(statusTexts_, IsEmpty());
+    EXPECT_THAT(order_, ElementsAre("signal", "close"));
+    EXPECT_THAT(log.Lines(), testing::SizeIs(4));
+}
+
+TEST_F(RepairTest, WithoutAWindowTheStoreIsAskedAllTheSame)
+{
+    run_.window.instance = nullptr;
+    EXPECT_EQ(Repair(run_, L"", L"24.20", true), 0);
+    EXPECT_THAT(statusTexts_, IsEmpty());
+    EXPECT_THAT(boxes_.boxes, ElementsAre(kFinished));
+}
+}  // namespace
+}  // namespace repair

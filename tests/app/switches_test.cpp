@@ -1,0 +1,168 @@
+#include <windows.h>
+
+#include <shellapi.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "app/switches.h"
+#include "support/log_capture.h"
+#include "support/substitute.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+IMPORTED(GetCommandLineW)
+IMPORTED(CommandLineToArgvW)
+IMPORTED(LocalFree)
+
+namespace repair
+{
+namespace
+{
+struct Line
+{
+    std::wstring arguments;
+    std::string flags;  // F force, U force Store, S silent, V and I of the direct install
+    std::wstring path;
+};
+
+void PrintTo(const Line& line, std::ostream* stream)
+{
+    *stream << testing::PrintToString(line.arguments);
+}
+
+std::string Flags()
+{
+    std::string flags;
+    flags += Force ? "F" : "";
+    flags += ForceUwp ? "U" : "";
+    flags += Silent ? "S" : "";
+    flags += VltMode ? "V" : "";
+    flags += InstallMode ? "I" : "";
+    return flags;
+}
+
+class Switches : public testing::TestWithParam<Line>
+{
+protected:
+    void Read(const std::wstring& commandLine)
+    {
+        line_ = commandLine;
+        ReadCommandLine();
+    }
+
+private:
+    std::wstring line_;
+    SUBSTITUTE(GetCommandLineW) commandLine_{[this] { return line_.data(); }};
+};
+
+const Line kLines[] = {
+    {L"", "", L""},
+    {L"-FORCE", "F", L""},
+    {L"-FORCEVLTUWP", "FU", L""},
+    {L"-SILENT", "S", L""},
+    {L"-VLT", "V", L""},
+    {L"-Install", "I", L""},
+    {L"-Path C:\\a.exe", "", L"C:\\a.exe"},
+    {L"-force", "F", L""},
+    {L"-ForceVltUwp", "FU", L""},
+    {L"-silent", "S", L""},
+    {L"-vlt -install -path c:\\x", "VI", L"c:\\x"},
+    {L"-INSTALL -PATH X", "I", L"X"},
+    {L"-VLT -Install -Path \"C:\\My Files\\a b.exe\" -SILENT", "SVI", L"C:\\My Files\\a b.exe"},
+    {L"-FORCE -FORCEVLTUWP -SILENT -VLT -Install", "FUSVI", L""},
+    {L"-SILENT -SILENT -FORCE -FORCE", "FS", L""},  // more than once
+    {L"-Path -SILENT", "", L"-SILENT"},             // what follows is the path, whatever it looks like
+    {L"-Path -Path -SILENT", "S", L"-Path"},
+    {L"-Path one -Path two", "", L"two"},
+    {L"-SILENT -Path", "S", L""},  // nothing follows
+    {L"-Path one -Path", "", L""},
+    {L"-Path \"\"", "", L""},
+    {L"-unknown /FORCE FORCE --FORCE -FORCED -FORC -Pat x", "", L""},
+    {L"\"-FORCE\" \"-SI\"LENT", "FS", L""},  // quotes are the shell's, not part of the switch
+    {L"\" -FORCE\"", "", L""},
+};
+
+INSTANTIATE_TEST_SUITE_P(Lines, Switches, testing::ValuesIn(kLines));
+
+TEST_P(Switches, AreReadFromTheCommandLine)
+{
+    Read(L"\"C:\\Tavik\\tool.exe\" " + GetParam().arguments);
+    EXPECT_EQ(Flags(), GetParam().flags);
+    EXPECT_EQ(InstallerPath, GetParam().path);
+}
+
+TEST_P(Switches, LineIsLoggedWhole)
+{
+    LogCapture log;
+    Read(L"tool.exe  " + GetParam().arguments);
+    EXPECT_THAT(log.Lines(), ElementsAre(L"Launched with command line: tool.exe  " + GetParam().arguments));
+}
+
+TEST_F(Switches, AreOffUntilTheLineIsRead)
+{
+    EXPECT_EQ(Flags(), "");
+    EXPECT_EQ(InstallerPath, L"");
+    EXPECT_EQ(AppInstance, nullptr);
+}
+
+TEST_F(Switches, NameOfTheProgramIsNoSwitch)
+{
+    Read(L"-SILENT -FORCE");
+    EXPECT_EQ(Flags(), "F");
+}
+
+TEST_F(Switches, LongLineIsCutInTheLog)
+{
+    LogCapture log;
+    Read(L"tool.exe " + std::wstring(2000, L'x') + L" -SILENT");
+    EXPECT_EQ(Flags(), "S");
+    EXPECT_THAT(log.Lines(), ElementsAre(L"Launched with command line: tool.exe " + std::wstring(1023 - 37, L'x')));
+}
+
+TEST_F(Switches, LineThatCannotBeSplitSetsNothingAndIsNotLogged)
+{
+    SUBSTITUTE(CommandLineToArgvW) split([](const wchar_t*, int*) { return FailWith<wchar_t**>(8, nullptr); });
+    LogCapture log;
+    Read(L"tool.exe -SILENT");
+    EXPECT_EQ(Flags(), "");
+    EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST_F(Switches, WithoutEvenAProgramNameNothingIsLogged)
+{
+    SUBSTITUTE(CommandLineToArgvW)
+    split([](const wchar_t*, int* count) {
+        *count = 0;
+        return static_cast<wchar_t**>(LocalAlloc(LPTR, sizeof(wchar_t*)));
+    });
+    LogCapture log;
+    Read(L"tool.exe");
+    EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST_F(Switches, MemoryOfTheSplitLineIsGivenBack)
+{
+    void* split = nullptr;
+    int freed = 0;
+    SUBSTITUTE(CommandLineToArgvW)
+    splitLine([&](const wchar_t* line, int* count) {
+        wchar_t** const arguments = splitLine.Original()(line, count);
+        split = arguments;
+        return arguments;
+    });
+    SUBSTITUTE(LocalFree)
+    release([&](void* memory) {
+        freed += memory == split ? 1 : 0;
+        return release.Original()(memory);
+    });
+    Read(L"tool.exe -SILENT");
+    EXPECT_EQ(freed, 1);
+}
+}  // namespace
+}  // namespace repair

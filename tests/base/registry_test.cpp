@@ -1,0 +1,296 @@
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "base/registry.h"
+#include "support/log_capture.h"
+#include "support/machine_registry.h"
+#include "support/substitute.h"
+
+IMPORTED(RegCloseKey)
+IMPORTED(RegGetValueW)
+IMPORTED(RegOpenKeyExW)
+
+namespace repair
+{
+namespace
+{
+template <typename Action>
+RegKeyError RegistryErrorOf(Action action)
+{
+    try
+    {
+        action();
+    }
+    catch (const RegKeyError& error)
+    {
+        return error;
+    }
+    ADD_FAILURE() << "no registry error was thrown";
+    return {0, std::system_category(), "none"};
+}
+
+std::string Composed(const std::string& message, int code)
+{
+    return message + ": " + std::system_category().message(code);
+}
+
+TEST(RegistryError, CarriesTheStatusAndComposesItsTextLikeTheStandardError)
+{
+    const RegKeyError error(5, std::system_category(), "Some message");
+    EXPECT_EQ(error.code(), std::error_code(5, std::system_category()));
+    EXPECT_EQ(std::string(error.what()), std::system_error(5, std::system_category(), "Some message").what());
+    EXPECT_EQ(std::string(error.what()), Composed("Some message", 5));
+    const RegKeyError fromString(-2147024891, std::system_category(), std::string("Other"));
+    EXPECT_EQ(fromString.code().value(), -2147024891);
+    EXPECT_EQ(std::string(fromString.what()), Composed("Other", -2147024891));
+    const RegKeyError copy = error;  // NOLINT: a copy is what is tested
+    EXPECT_EQ(copy.code(), error.code());
+    EXPECT_STREQ(copy.what(), error.what());
+}
+
+TEST(RegistryError, IsCaughtAsAnyOfItsBases)
+{
+    const auto raise = [] { throw RegKeyError(2, std::system_category(), "m"); };
+    EXPECT_THROW(raise(), RegKeyError);
+    EXPECT_THROW(raise(), std::system_error);
+    EXPECT_THROW(raise(), std::runtime_error);
+    EXPECT_THROW(raise(), std::exception);
+}
+
+TEST(RegistryKeyOpening, AsksForReadingInTheProcessesOwnView)
+{
+    const HKEY given = reinterpret_cast<HKEY>(static_cast<INT_PTR>(0x1234));
+    std::vector<HKEY> closed;
+    SUBSTITUTE(RegOpenKeyExW)
+    open([&](HKEY root, const wchar_t* path, DWORD options, REGSAM access, HKEY* key) {
+        EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+        EXPECT_STREQ(path, L"SOFTWARE\\Some Key\\");
+        EXPECT_EQ(options, 0u);
+        EXPECT_EQ(access, 0x20019u);
+        *key = given;
+        return ERROR_SUCCESS;
+    });
+    SUBSTITUTE(RegCloseKey)
+    close([&](HKEY key) {
+        closed.push_back(key);
+        return ERROR_SUCCESS;
+    });
+    EXPECT_EQ(OpenMachineKey(L"SOFTWARE\\Some Key\\").Get(), given);
+    EXPECT_EQ(closed, std::vector<HKEY>{given});
+}
+
+TEST(RegistryKeyOpening, FailureIsRaisedWithItsStatusAndNotLogged)
+{
+    MachineRegistry registry;
+    LogCapture log;
+    const RegKeyError missing = RegistryErrorOf([] { OpenMachineKey(L"SOFTWARE\\Nothing"); });
+    EXPECT_EQ(missing.code().value(), 2);
+    EXPECT_EQ(std::string(missing.what()), Composed("Unable to open registry key", 2));
+    SUBSTITUTE(RegOpenKeyExW) open([](auto...) { return ERROR_ACCESS_DENIED; });
+    const RegKeyError denied = RegistryErrorOf([] { OpenMachineKey(L"SOFTWARE\\Denied"); });
+    EXPECT_EQ(denied.code().value(), 5);
+    EXPECT_EQ(std::string(denied.what()), Composed("Unable to open registry key", 5));
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+// Bytes of a stored value, and the text they are read as; without one, the status raised.
+struct StoredValue
+{
+    const char* description;
+    DWORD type;
+    std::vector<BYTE> data;
+    std::optional<std::wstring> text;
+    int status;
+};
+
+std::ostream& operator<<(std::ostream& out, const StoredValue& value)
+{
+    return out << value.description;
+}
+
+class RegistryString : public testing::TestWithParam<StoredValue>
+{
+};
+
+TEST_P(RegistryString, TypeAndSizeDecide)
+{
+    MachineRegistry registry;
+    registry.SetValue(L"SOFTWARE\\Key", L"Value", GetParam().type, GetParam().data);
+    LogCapture log;
+    const auto read = [] { return ReadRegistryString(OpenMachineKey(L"SOFTWARE\\Key"), L"", L"Value"); };
+    if (GetParam().text)
+    {
+        EXPECT_EQ(read(), *GetParam().text);
+    }
+    else
+    {
+        const RegKeyError error = RegistryErrorOf(read);
+        EXPECT_EQ(error.code().value(), GetParam().status);
+        EXPECT_EQ(std::string(error.what()), Composed("Unable to get registry value", GetParam().status));
+    }
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, RegistryString,
+    testing::Values(
+        StoredValue{"text", REG_SZ, {'2', 0, '4', 0, 0, 0}, L"24", 0},
+        StoredValue{"text without NUL", REG_SZ, {'2', 0, '4', 0}, L"24", 0},
+        StoredValue{"one character without NUL", REG_SZ, {'2', 0}, L"2", 0},
+        StoredValue{"empty text", REG_SZ, {0, 0}, L"", 0}, StoredValue{"no bytes", REG_SZ, {}, L"", 0},
+        StoredValue{"text up to its first NUL", REG_SZ, {'a', 0, 0, 0, 'b', 0, 0, 0}, L"a", 0},
+        StoredValue{"no ASCII", REG_SZ, {0xAC, 0x20, 0xE9, 0, 0x3D, 0xD8, 0, 0xDE, 0, 0}, L"\u20ac\u00e9\U0001f600", 0},
+        StoredValue{"blanks stay", REG_SZ, {' ', 0, 'a', 0, ' ', 0, 0, 0}, L" a ", 0},
+        StoredValue{"number", REG_DWORD, {1, 0, 0, 0}, {}, 1630},
+        StoredValue{"long number", REG_QWORD, {1, 0, 0, 0, 0, 0, 0, 0}, {}, 1630},
+        StoredValue{"bytes", REG_BINARY, {'a', 0, 0, 0}, {}, 1630},
+        StoredValue{"several texts", REG_MULTI_SZ, {'a', 0, 0, 0, 0, 0}, {}, 1630},
+        StoredValue{"no type", REG_NONE, {'a', 0, 0, 0}, {}, 1630}));
+
+TEST(RegistryStrings, OddNumberOfBytesIsReadWithoutRunningPastThem)
+{
+    MachineRegistry registry;
+    registry.SetValue(L"SOFTWARE\\Key", L"Five", REG_SZ, {'a', 0, 'b', 0, 'c'});
+    registry.SetValue(L"SOFTWARE\\Key", L"One", REG_SZ, {'a'});
+    const RegistryKey key = OpenMachineKey(L"SOFTWARE\\Key");
+    EXPECT_EQ(ReadRegistryString(key, L"", L"Five").substr(0, 2), L"ab");
+    EXPECT_LE(ReadRegistryString(key, L"", L"Five").size(), 3u);
+    EXPECT_LE(ReadRegistryString(key, L"", L"One").size(), 1u);
+}
+
+TEST(RegistryStrings, LongTextIsReadWhole)
+{
+    MachineRegistry registry;
+    registry.SetString(L"SOFTWARE\\Key", L"Value", std::wstring(20000, L'x'));
+    EXPECT_EQ(ReadRegistryString(OpenMachineKey(L"SOFTWARE\\Key"), L"", L"Value"), std::wstring(20000, L'x'));
+}
+
+TEST(RegistryStrings, ValueOfASubKey)
+{
+    MachineRegistry registry;
+    registry.SetString(L"SOFTWARE\\Key\\Below", L"Value", L"below");
+    registry.SetString(L"SOFTWARE\\Key", L"Value", L"itself");
+    const RegistryKey key = OpenMachineKey(L"SOFTWARE\\Key");
+    EXPECT_EQ(ReadRegistryString(key, L"Below", L"Value"), L"below");
+    EXPECT_EQ(ReadRegistryString(key, L"", L"Value"), L"itself");
+}
+
+TEST(RegistryStrings, MissingValueOrSubKeyIsFileNotFound)
+{
+    MachineRegistry registry;
+    registry.CreateKey(L"SOFTWARE\\Key");
+    const RegistryKey key = OpenMachineKey(L"SOFTWARE\\Key");
+    for (const wchar_t* subKey : {L"", L"Below"})
+    {
+        const RegKeyError error = RegistryErrorOf([&] { ReadRegistryString(key, subKey, L"Value"); });
+        EXPECT_EQ(error.code().value(), 2);
+        EXPECT_EQ(std::string(error.what()), Composed("Unable to get registry value", 2));
+    }
+}
+
+TEST(RegistryStrings, FirstReadAsksForTheSizeAndTheSecondForTheText)
+{
+    const RegistryKey key = OpenMachineKey(L"SOFTWARE");
+    int calls = 0;
+    SUBSTITUTE(RegGetValueW)
+    get([&](HKEY handle, const wchar_t* subKey, const wchar_t* value, DWORD flags, DWORD* type, void* data,
+            DWORD* size) {
+        EXPECT_EQ(handle, key.Get());
+        EXPECT_STREQ(subKey, L"sub");
+        EXPECT_STREQ(value, L"name");
+        EXPECT_EQ(flags, 2u);
+        EXPECT_EQ(type, nullptr);
+        if (++calls == 1)
+        {
+            EXPECT_EQ(data, nullptr);
+            *size = 6;
+        }
+        else
+        {
+            EXPECT_EQ(*size, 6u);
+            std::wstring(L"ab").copy(static_cast<wchar_t*>(data), 2);
+            static_cast<wchar_t*>(data)[2] = L'\0';
+        }
+        return ERROR_SUCCESS;
+    });
+    EXPECT_EQ(ReadRegistryString(key, L"sub", L"name"), L"ab");
+    EXPECT_EQ(calls, 2);
+}
+
+// The statuses of the two reads, and what is raised; nothing when the second one succeeds.
+struct TwoReads
+{
+    LSTATUS first;
+    LSTATUS second;
+    std::optional<int> raised;
+};
+
+class RegistryReadStatus : public testing::TestWithParam<TwoReads>
+{
+};
+
+TEST_P(RegistryReadStatus, SecondDecidesButTheFirstIsCarried)
+{
+    int calls = 0;
+    SUBSTITUTE(RegGetValueW)
+    get([&](HKEY, const wchar_t*, const wchar_t*, DWORD, DWORD*, void*, DWORD*) {
+        return ++calls == 1 ? GetParam().first : GetParam().second;
+    });  // the size is left alone
+    const auto read = [] { return ReadRegistryString(RegistryKey(), L"", L"Value"); };
+    if (GetParam().raised)
+    {
+        const RegKeyError error = RegistryErrorOf(read);
+        EXPECT_EQ(error.code().value(), *GetParam().raised);
+        EXPECT_EQ(std::string(error.what()), Composed("Unable to get registry value", *GetParam().raised));
+    }
+    else
+    {
+        EXPECT_EQ(read(), L"");
+    }
+    EXPECT_EQ(calls, 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, RegistryReadStatus,
+                         testing::Values(TwoReads{0, 5, 0}, TwoReads{2, 2, 2}, TwoReads{5, 2, 5},
+                                         TwoReads{234, 1018, 234}, TwoReads{2, 0, {}}, TwoReads{0, 0, {}}));
+
+TEST(RegistryStrings, WithoutACharacterThereIsNoBuffer)
+{
+    for (const DWORD bytes : {0u, 1u})
+    {
+        int calls = 0;
+        SUBSTITUTE(RegGetValueW)
+        get([&](HKEY, const wchar_t*, const wchar_t*, DWORD, DWORD*, void* data, DWORD* size) {
+            ++calls;
+            EXPECT_EQ(data, nullptr);
+            *size = bytes;
+            return ERROR_SUCCESS;
+        });
+        EXPECT_EQ(ReadRegistryString(RegistryKey(), L"", L"Value"), L"");
+        EXPECT_EQ(calls, 2);
+    }
+}
+
+TEST(RegistryWriteError, TextWithNameAndNumber)
+{
+    EXPECT_EQ(FormatRegistryWriteError(L"VLTUWPReplaced", 1),
+              "Unable to write to registry for value = VLTUWPReplaced data = 1.");
+    EXPECT_EQ(FormatRegistryWriteError(L"", -2147483647 - 1),
+              "Unable to write to registry for value =  data = -2147483648.");
+}
+
+TEST(RegistryWriteError, IsCutAfter259Characters)
+{
+    const std::string start = "Unable to write to registry for value = ";
+    const std::string text = FormatRegistryWriteError(std::wstring(400, L'n'), 1);
+    EXPECT_EQ(text, start + std::string(259 - start.size(), 'n'));
+}
+}  // namespace
+}  // namespace repair

@@ -1,0 +1,63 @@
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <cwchar>
+#include <string>
+
+#include "base/system_message.h"
+#include "support/substitute.h"
+
+IMPORTED(FormatMessageW)
+IMPORTED(LocalFree)
+
+namespace repair
+{
+namespace
+{
+TEST(SystemMessage, AsksTheSystemForOneLineAndKeepsExactlyTheLengthReturned)
+{
+    wchar_t* const given = static_cast<wchar_t*>(LocalAlloc(LMEM_ZEROINIT, 64));
+    std::wcscpy(given, L"Some words. and more");
+    void* freed = nullptr;
+    SUBSTITUTE(FormatMessageW)
+    format([&](DWORD flags, const void* source, DWORD code, DWORD language, wchar_t* buffer, DWORD size,
+               va_list* inserts) {
+        EXPECT_EQ(flags, 0x13FFu);
+        EXPECT_EQ(source, nullptr);
+        EXPECT_EQ(code, 0x800F020Bu);
+        EXPECT_EQ(language, 0u);
+        EXPECT_EQ(size, 0u);
+        EXPECT_EQ(inserts, nullptr);
+        *reinterpret_cast<wchar_t**>(buffer) = given;
+        return DWORD{12};
+    });
+    SUBSTITUTE(LocalFree)
+    free([&](HLOCAL memory) {
+        freed = memory;
+        return free.Original()(memory);
+    });
+    EXPECT_EQ(FormatSystemMessage(0x800F020B), L"Some words. ");  // the blank at the end stays
+    EXPECT_EQ(freed, given);
+}
+
+TEST(SystemMessage, CodeWithoutATextIsEmpty)
+{
+    EXPECT_EQ(FormatSystemMessage(0x20001234), L"");
+    EXPECT_EQ(FormatSystemMessage(12029), L"");  // texts of the internet functions are not the system's
+}
+
+TEST(SystemMessage, LineBreaksBecomeBlanks)
+{
+    const std::wstring text = FormatSystemMessage(ERROR_FILE_NOT_FOUND);
+    ASSERT_FALSE(text.empty());
+    EXPECT_EQ(text.back(), L' ');
+    EXPECT_EQ(text.find_first_of(L"\r\n"), std::wstring::npos);
+}
+
+TEST(SystemMessage, PlaceholdersInATextStay)
+{
+    EXPECT_NE(FormatSystemMessage(ERROR_BAD_EXE_FORMAT).find(L"%1"), std::wstring::npos);
+}
+}  // namespace
+}  // namespace repair

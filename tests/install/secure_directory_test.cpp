@@ -1,0 +1,330 @@
+#include <windows.h>
+
+#include <aclapi.h>
+#include <wtsapi32.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "install/secure_directory.h"
+#include "support/error_matcher.h"
+#include "support/log_capture.h"
+#include "support/substitute.h"
+#include "support/temporary_folder.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+IMPORTED(SetEntriesInAclW)
+IMPORTED(WTSQuerySessionInformationW)
+IMPORTED(WTSFreeMemory)
+IMPORTED(ProcessIdToSessionId)
+IMPORTED(InitializeSecurityDescriptor)
+IMPORTED(SetSecurityDescriptorDacl)
+IMPORTED(CreateWellKnownSid)
+IMPORTED(CreateDirectoryW)
+IMPORTED(CreateFileW)
+IMPORTED(LocalAlloc)
+IMPORTED(LocalFree)
+
+namespace repair
+{
+namespace
+{
+struct SeenEntry
+{
+    DWORD rights;
+    int mode;
+    DWORD inheritance;
+    int form;
+    int type;
+    std::wstring trustee;  // the name, or the bytes of the SID
+
+    bool operator==(const SeenEntry&) const = default;
+};
+
+std::wstring SidText(const std::vector<BYTE>& bytes)
+{
+    return std::wstring(bytes.begin(), bytes.end());
+}
+
+// The calls that set up the rights and the folder, in order, on a machine where user VILLA\ann is signed in.
+class SecureDirectoryTest : public testing::Test
+{
+protected:
+    ~SecureDirectoryTest() override
+    {
+        for (const HANDLE file : markers_)
+        {
+            CloseHandle(file);
+        }
+    }
+
+    TemporaryFolder parent_;
+    std::wstring folder_ = parent_ / L"Tavik\\LPInstaller";
+    std::vector<std::string> calls_;
+    std::vector<SeenEntry> entries_;
+    std::vector<HANDLE> markers_;
+    ULONG aclResult_ = ERROR_SUCCESS;  // of SetEntriesInAclW
+    DWORD folderError_ = ERROR_SUCCESS;
+    bool markerFails_ = false;
+    ACL* list_ = nullptr;
+    std::vector<void*> freed_;
+    int sessionTexts_ = 0;
+
+    SUBSTITUTE(ProcessIdToSessionId)
+    session_{[](DWORD process, DWORD* session) {
+        EXPECT_EQ(process, GetCurrentProcessId());
+        *session = 7;
+        return TRUE;
+    }};
+    SUBSTITUTE(WTSQuerySessionInformationW)
+    query_{[this](HANDLE server, DWORD session, WTS_INFO_CLASS information, wchar_t** text, DWORD* bytes) {
+        EXPECT_EQ(server, nullptr);
+        EXPECT_EQ(session, 7u);
+        EXPECT_TRUE(information == 5 || information == 7);
+        const std::wstring answer = information == 7 ? L"VILLA" : L"ann";
+        *text = new wchar_t[answer.size() + 1];
+        wcscpy(*text, answer.c_str());
+        *bytes = static_cast<DWORD>((answer.size() + 1) * 2);
+        ++sessionTexts_;
+        return TRUE;
+    }};
+    SUBSTITUTE(WTSFreeMemory)
+    release_{[this](void* memory) {
+        --sessionTexts_;
+        delete[] static_cast<wchar_t*>(memory);
+    }};
+    SUBSTITUTE(SetEntriesInAclW)
+    setEntries_{[this](ULONG count, EXPLICIT_ACCESSW* entries, ACL* previous, ACL** list) {
+        calls_.push_back("entries");
+        EXPECT_EQ(previous, nullptr);
+        for (ULONG i = 0; i < count; ++i)
+        {
+            const EXPLICIT_ACCESSW& entry = entries[i];
+            EXPECT_EQ(entry.Trustee.pMultipleTrustee, nullptr);
+            EXPECT_EQ(entry.Trustee.MultipleTrusteeOperation, NO_MULTIPLE_TRUSTEE);
+            std::wstring trustee;
+            if (entry.Trustee.TrusteeForm == TRUSTEE_IS_SID)
+            {
+                const BYTE* const sid = reinterpret_cast<const BYTE*>(entry.Trustee.ptstrName);
+                trustee = SidText(std::vector<BYTE>(sid, sid + GetLengthSid(entry.Trustee.ptstrName)));
+            }
+            else
+            {
+                trustee = entry.Trustee.ptstrName;
+            }
+            entries_.push_back({entry.grfAccessPermissions, entry.grfAccessMode, entry.grfInheritance,
+                                entry.Trustee.TrusteeForm, entry.Trustee.TrusteeType, trustee});
+        }
+        if (aclResult_ != ERROR_SUCCESS)
+        {
+            SetLastError(aclResult_);
+            return DWORD{aclResult_};
+        }
+        list_ = static_cast<ACL*>(LocalAlloc(LPTR, sizeof(ACL)));
+        InitializeAcl(list_, sizeof(ACL), ACL_REVISION);
+        *list = list_;
+        return DWORD{ERROR_SUCCESS};
+    }};
+    SUBSTITUTE(CreateDirectoryW)
+    createFolder_{[this](const wchar_t* path, SECURITY_ATTRIBUTES* security) {
+        calls_.push_back(security != nullptr ? "secured folder" : "plain folder");
+        if (security != nullptr)
+        {
+            EXPECT_EQ(path, folder_);
+            EXPECT_EQ(security->nLength, 24u);
+            EXPECT_EQ(security->bInheritHandle, FALSE);
+            BOOL present = FALSE;
+            BOOL defaulted = TRUE;
+            ACL* list = nullptr;
+            EXPECT_EQ(LocalSize(security->lpSecurityDescriptor), 40u);
+            EXPECT_NE(GetSecurityDescriptorDacl(security->lpSecurityDescriptor, &present, &list, &defaulted), FALSE);
+            EXPECT_EQ(present, TRUE);
+            EXPECT_EQ(defaulted, FALSE);
+            EXPECT_EQ(list, list_);
+        }
+        return security != nullptr && folderError_ != ERROR_SUCCESS ? FailWith(folderError_)
+                                                                    : createFolder_.Original()(path, nullptr);
+    }};
+    SUBSTITUTE(CreateFileW)
+    createFile_{[this](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,
+                       DWORD flags, HANDLE model) {
+        const bool isMarker = path == folder_ + L"\\~.tmp" && creation == CREATE_ALWAYS;
+        if (isMarker && markerFails_)
+        {
+            return FailWith(5, INVALID_HANDLE_VALUE);
+        }
+        const HANDLE file = createFile_.Original()(path, access, share, security, creation, flags, model);
+        if (isMarker)
+        {
+            calls_.push_back("marker");
+            EXPECT_EQ(access, 0xC0000000u);
+            EXPECT_EQ(share, 0u);
+            EXPECT_EQ(security, nullptr);
+            EXPECT_EQ(flags, 0x04000000u);
+            EXPECT_EQ(model, nullptr);
+            EXPECT_NE(file, INVALID_HANDLE_VALUE);
+            markers_.push_back(file);
+        }
+        return file;
+    }};
+    SUBSTITUTE(LocalFree)
+    localFree_{[this](void* memory) {
+        freed_.push_back(memory);
+        return localFree_.Original()(memory);
+    }};
+};
+
+TEST_F(SecureDirectoryTest, GrantsThreeEntriesInThisOrder)
+{
+    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
+    const std::wstring administrators = SidText({1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, 0x20, 2, 0, 0});  // S-1-5-32-544
+    const std::wstring localSystem = SidText({1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0});                    // S-1-5-18
+    EXPECT_THAT(entries_, ElementsAre(SeenEntry{0x10000000, 2, 3, 0, 5, administrators},
+                                      SeenEntry{0x10000000, 2, 3, 0, 5, localSystem},
+                                      SeenEntry{0xA0010000, 2, 3, 1, 5, L"VILLA\\ann"}));
+    EXPECT_EQ(sessionTexts_, 0);  // all given back
+}
+
+TEST_F(SecureDirectoryTest, SetsUpTheRightsFirstThenTheParentsThenTheFolderThenTheMarker)
+{
+    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
+    EXPECT_THAT(calls_, ElementsAre("entries", "plain folder", "secured folder", "marker"));
+    EXPECT_THAT(freed_, testing::Contains(static_cast<void*>(list_)));
+}
+
+TEST_F(SecureDirectoryTest, MarkerStaysOpenAndKeepsTheFolderFromBeingRemoved)
+{
+    ASSERT_EQ(CreateSecureDirectory(folder_), 0u);
+    ASSERT_THAT(markers_, testing::SizeIs(1));
+    DWORD flags = 0;
+    EXPECT_NE(GetHandleInformation(markers_[0], &flags), FALSE);
+    EXPECT_THROW(RemoveAll(folder_), std::filesystem::filesystem_error);
+    EXPECT_TRUE(Exists(folder_));
+    CloseHandle(markers_[0]);
+    markers_.clear();
+    EXPECT_FALSE(Exists(folder_ + L"\\~.tmp"));  // gone with its handle
+}
+
+TEST_F(SecureDirectoryTest, NothingOfAnEarlierRunSurvives)
+{
+    CreateDirectories(folder_ + L"\\HL\\halden");
+    parent_.WriteBytes(L"Tavik\\LPInstaller\\HL\\halden\\planted.msi", "x");
+    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
+    EXPECT_FALSE(Exists(folder_ + L"\\HL"));
+    EXPECT_TRUE(Exists(folder_ + L"\\~.tmp"));
+}
+
+TEST_F(SecureDirectoryTest, ReturnsTheErrorAndCreatesNothingWhenTheAccessListCannotBeMade)
+{
+    aclResult_ = 1332;
+    LogCapture log;
+    EXPECT_EQ(CreateSecureDirectory(folder_), 1332u);
+    EXPECT_THAT(calls_, ElementsAre("entries"));
+    EXPECT_FALSE(Exists(parent_ / L"Tavik"));
+    EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST_F(SecureDirectoryTest, ReturnsTheErrorAndLeavesAnOldFolderWhenTheDescriptorCannotBeInitialized)
+{
+    CreateDirectories(folder_);
+    calls_.clear();
+    SUBSTITUTE(InitializeSecurityDescriptor)
+    initialize([](void*, DWORD revision) {
+        EXPECT_EQ(revision, 1u);
+        return FailWith(1305);
+    });
+    EXPECT_EQ(CreateSecureDirectory(folder_), 1305u);
+    EXPECT_THAT(calls_, ElementsAre("entries"));
+    EXPECT_TRUE(Exists(folder_));
+    EXPECT_THAT(freed_, testing::Contains(static_cast<void*>(list_)));
+}
+
+TEST_F(SecureDirectoryTest, ReturnsTheErrorAndCreatesNothingWhenTheListCannotBeSet)
+{
+    SUBSTITUTE(SetSecurityDescriptorDacl)
+    setList([this](void*, BOOL present, ACL* list, BOOL defaulted) {
+        EXPECT_EQ(present, TRUE);
+        EXPECT_EQ(list, list_);
+        EXPECT_EQ(defaulted, FALSE);
+        return FailWith(1336);
+    });
+    EXPECT_EQ(CreateSecureDirectory(folder_), 1336u);
+    EXPECT_THAT(calls_, ElementsAre("entries"));
+}
+
+TEST_F(SecureDirectoryTest, AFolderThatCannotBeCreatedGivesItsErrorAndNoMarker)
+{
+    folderError_ = 112;
+    EXPECT_EQ(CreateSecureDirectory(folder_), 112u);
+    EXPECT_THAT(markers_, IsEmpty());
+    EXPECT_THAT(freed_, testing::Contains(static_cast<void*>(list_)));
+}
+
+TEST_F(SecureDirectoryTest, ParentsThatCannotBeCreatedAreAnExceptionForCreateDirectories)
+{
+    parent_.WriteBytes(L"Tavik", "a file where the parent should be");
+    const auto error = FileErrorOf([this] { CreateSecureDirectory(folder_); });
+    EXPECT_THAT(error.what(), testing::HasSubstr("create_directories"));
+}
+
+TEST_F(SecureDirectoryTest, AnOldFolderThatCannotBeRemovedIsAnExceptionForRemoveAll)
+{
+    CreateDirectories(folder_);
+    const std::wstring locked = parent_.WriteBytes(L"Tavik\\LPInstaller\\locked", "x");
+    const HANDLE open = CreateFileW(locked.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    const auto error = FileErrorOf([this] { CreateSecureDirectory(folder_); });
+    EXPECT_THAT(error.what(), testing::HasSubstr("remove_all"));
+    EXPECT_EQ(error.code().value(), ERROR_SHARING_VIOLATION);
+    EXPECT_THAT(markers_, IsEmpty());
+    CloseHandle(open);
+}
+
+TEST_F(SecureDirectoryTest, AMarkerThatCannotBeCreatedIsPassedOver)
+{
+    markerFails_ = true;
+    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
+    EXPECT_TRUE(Exists(folder_));
+}
+
+TEST_F(SecureDirectoryTest, AsksForTheTwoWellKnownGroups)
+{
+    std::vector<int> types;
+    SUBSTITUTE(CreateWellKnownSid)
+    wellKnown([&](WELL_KNOWN_SID_TYPE type, void* domain, void* sid, DWORD* size) {
+        types.push_back(type);
+        return wellKnown.Original()(type, domain, sid, size);
+    });
+    CreateSecureDirectory(folder_);
+    EXPECT_THAT(types, ElementsAre(26, 22));
+}
+
+TEST_F(SecureDirectoryTest, ASessionThatCannotBeAskedGivesAnEmptyNameAndReleasesNothing)
+{
+    SUBSTITUTE(WTSQuerySessionInformationW)
+    query([](HANDLE, DWORD, WTS_INFO_CLASS, wchar_t**, DWORD*) { return FailWith(7022); });
+    CreateSecureDirectory(folder_);
+    ASSERT_THAT(entries_, testing::SizeIs(3));
+    EXPECT_EQ(entries_[2].trustee, L"\\");
+    EXPECT_EQ(sessionTexts_, 0);
+}
+
+TEST(CreateSecureDirectory, RealAccessListOfTheRealSessionIsAccepted)
+{
+    TemporaryFolder parent;
+    const std::wstring folder = parent / L"a\\b";
+    HANDLE marker = INVALID_HANDLE_VALUE;
+    SUBSTITUTE(CreateFileW)
+    create([&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,
+               DWORD flags, HANDLE model) {
+        const HANDLE file = create.Original()(path, access, share, security, creation, flags, model);
+        marker = std::wstring(path).ends_with(L"~.tmp") ? file : marker;
+        return file;
+    });
+    EXPECT_EQ(CreateSecureDirectory(folder), 0u);
+    EXPECT_TRUE(Exists(folder));
+    CloseHandle(marker);
+}
+}  // namespace
+}  // namespace repair

@@ -1,0 +1,194 @@
+// The two expressions of the INF reader, matched by hand in the product, against the standard library's own.
+#include <gtest/gtest.h>
+
+#include <iterator>
+#include <optional>
+#include <random>
+#include <regex>
+#include <string>
+#include <string_view>
+
+#include "inventory/inf_release.h"
+
+namespace repair
+{
+namespace
+{
+std::optional<std::wstring> Header(std::wstring_view line)
+{
+    std::wstring_view name;
+    return MatchSectionHeader(line, name) ? std::optional<std::wstring>(name) : std::nullopt;
+}
+
+std::optional<std::wstring> Release(std::wstring_view text)
+{
+    std::wstring_view value;
+    return MatchReleaseLine(text, value) ? std::optional<std::wstring>(value) : std::nullopt;
+}
+
+struct Line
+{
+    std::wstring text;
+    std::optional<std::wstring> group;
+};
+
+class SectionHeader : public testing::TestWithParam<Line>
+{
+};
+
+TEST_P(SectionHeader, IsAWholeLineInBrackets)
+{
+    EXPECT_EQ(Header(GetParam().text), GetParam().group);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, SectionHeader,
+    testing::Values(Line{L"[Version]", L"Version"}, Line{L"[]", L""}, Line{L"[[x]]", L"[x]"}, Line{L"[a]b]", L"a]b"},
+                    Line{L"[ a ]", L" a "}, Line{L"[\tx]", L"\tx"}, Line{L"[\u00e9\u00ff]", L"\u00e9\u00ff"},
+                    Line{std::wstring(L"[a\0b]", 5), std::wstring(L"a\0b", 3)}, Line{L"", {}}, Line{L"[", {}},
+                    Line{L"]", {}}, Line{L"][", {}}, Line{L"[Version", {}}, Line{L"Version]", {}},
+                    Line{L" [Version]", {}}, Line{L"[Version] ", {}}, Line{L"[Version] ; comment", {}},
+                    Line{L"[Version];]", L"Version];"}, Line{L"[Version]\r", {}}, Line{L"[a\r]", {}},
+                    Line{L"[a\nb]", {}}, Line{L"[a\u2028b]", {}}, Line{L"[\u2029]", {}},
+                    Line{L"[a\u0085b]", L"a\u0085b"}, Line{L"[" + std::wstring(1'000'000, L'x'), {}},
+                    Line{L"[" + std::wstring(1'000'000, L'x') + L"]", std::wstring(1'000'000, L'x')}));
+
+class ReleaseLine : public testing::TestWithParam<Line>
+{
+};
+
+TEST_P(ReleaseLine, BeginsWithThePrefixInAnyCase)
+{
+    EXPECT_EQ(Release(GetParam().text), GetParam().group);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, ReleaseLine,
+    testing::Values(Line{L"HKR,,ReleaseVersion,,22.5.1", L"22.5.1"}, Line{L"hkr,,releaseversion,,22.5.1", L"22.5.1"},
+                    Line{L"HKR,,RELEASEVERSION,,AbC", L"AbC"}, Line{L"HKR,,ReleaseVersion,,", L""},
+                    Line{L"HKR,,ReleaseVersion,,a,b", L"a,b"}, Line{L"HKR,,ReleaseVersion,, x ", L" x "},
+                    Line{L"HKR,,ReleaseVersion,", {}}, Line{L"HKR,,ReleaseVersion", {}}, Line{L"", {}},
+                    Line{L"HKR,,ReleaseVersion,0,22.5.1", {}}, Line{L" HKR,,ReleaseVersion,,22.5.1", {}},
+                    Line{L"HKR,,ReleaseVersions,,22.5.1", {}}, Line{L"HKLM,,ReleaseVersion,,1", {}},
+                    Line{L"xHKR,,ReleaseVersion,,1", {}}, Line{L"H\u212aR,,ReleaseVersion,,1", {}},
+                    Line{L"HKR,,Relea\u017feVersion,,1", {}}, Line{L"HKR,,ReleaseVersion,,a\nb", {}},
+                    Line{L"HKR,,ReleaseVersion,,a\r", {}}, Line{L"HKR,,ReleaseVersion,,\u2028", {}},
+                    Line{std::wstring(L"HKR,,ReleaseVersion,,a\0b", 24), std::wstring(L"a\0b", 3)}));
+
+// Short lines that look much like a match, from a fixed seed.
+class LineSource
+{
+public:
+    std::wstring Header()
+    {
+        std::wstring line;
+        AppendAny(line, 1);
+        line = Chance(80) ? L"[" + line.substr(0, Below(2)) : line;
+        AppendAny(line, 9);
+        if (Chance(80))
+        {
+            line += L']';
+        }
+        AppendAny(line, Chance(15) ? 3 : 0);
+        return line;
+    }
+
+    std::wstring Release()
+    {
+        std::wstring line = Chance(5) ? L" " : L"";
+        for (wchar_t c : std::wstring_view(L"HKR,,ReleaseVersion,,"))
+        {
+            const bool isLetter = c != L',';
+            if (isLetter && Chance(30))
+            {
+                c = static_cast<wchar_t>(c ^ 0x20);
+            }
+            if (Chance(1))
+            {
+                c = Any();
+            }
+            if (!Chance(1))
+            {
+                line += c;
+            }
+        }
+        AppendAny(line, 8);
+        return line;
+    }
+
+private:
+    size_t Below(size_t limit) { return std::uniform_int_distribution<size_t>(0, limit - 1)(random_); }
+    bool Chance(size_t percent) { return Below(100) < percent; }
+
+    wchar_t Any()
+    {
+        static constexpr wchar_t kCharacters[] =
+            L"[[]]]aZ09 ,;\t\0\r\n\x0b\x0c\x7f\u0080\u0085\u00a0\u00c9\u00e9\u00ff\u0130\u0131\u017f\u2028\u2029\u212a"
+            L"HKRhkrReleaseVersion\ufeff\uffff";
+        static_assert(std::size(kCharacters) > 50);
+        // Most lines keep to plain characters, else hardly one would match.
+        return Chance(70) ? static_cast<wchar_t>(L'a' + Below(26)) : kCharacters[Below(std::size(kCharacters) - 1)];
+    }
+
+    void AppendAny(std::wstring& line, size_t longest)
+    {
+        for (size_t count = Below(longest + 1); count > 0; --count)
+        {
+            line += Any();
+        }
+    }
+
+    std::mt19937 random_{20240611};
+};
+
+std::optional<std::wstring> ByExpression(const std::wstring& line, const std::wregex& expression)
+{
+    std::wsmatch match;
+    return std::regex_match(line, match, expression) ? std::optional<std::wstring>(match[1].str()) : std::nullopt;
+}
+
+std::string Numbers(const std::wstring& line)
+{
+    std::string text;
+    for (const wchar_t c : line)
+    {
+        text += std::to_string(static_cast<unsigned>(c)) + " ";
+    }
+    return text;
+}
+
+TEST(SectionHeaderOfGeneratedLines, IsWhatTheExpressionMatches)
+{
+    const std::wregex expression(LR"(\[(.*)\])", std::regex::icase);
+    LineSource lines;
+    int matches = 0;
+    constexpr int kLines = 50'000;
+    for (int i = 0; i < kLines; ++i)
+    {
+        const std::wstring line = lines.Header();
+        const auto expected = ByExpression(line, expression);
+        ASSERT_EQ(Header(line), expected) << Numbers(line);
+        matches += expected ? 1 : 0;
+    }
+    EXPECT_GT(matches, kLines / 5);  // the comparison is worth something only when both answers are frequent
+    EXPECT_LT(matches, kLines * 4 / 5);
+}
+
+TEST(ReleaseLineOfGeneratedLines, IsWhatTheExpressionMatches)
+{
+    const std::wregex expression(L"HKR,,ReleaseVersion,,(.*)", std::regex::icase);
+    LineSource lines;
+    int matches = 0;
+    constexpr int kLines = 50'000;
+    for (int i = 0; i < kLines; ++i)
+    {
+        const std::wstring line = lines.Release();
+        const auto expected = ByExpression(line, expression);
+        ASSERT_EQ(Release(line), expected) << Numbers(line);
+        matches += expected ? 1 : 0;
+    }
+    EXPECT_GT(matches, kLines / 5);
+    EXPECT_LT(matches, kLines * 4 / 5);
+}
+}  // namespace
+}  // namespace repair

@@ -1,0 +1,66 @@
+// HKEY_LOCAL_MACHINE of this process only: empty at first, gone at the end.
+#pragma once
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace repair
+{
+class MachineRegistry
+{
+public:
+    MachineRegistry()
+    {
+        name_ = L"Software\\TavikTests\\" + std::to_wstring(GetCurrentProcessId());
+        HKEY key = nullptr;
+        EXPECT_EQ(
+            RegCreateKeyExW(HKEY_CURRENT_USER, name_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
+            ERROR_SUCCESS);
+        EXPECT_EQ(RegOverridePredefKey(HKEY_LOCAL_MACHINE, key), ERROR_SUCCESS);
+        RegCloseKey(key);
+    }
+    ~MachineRegistry()
+    {
+        RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
+        RegDeleteTreeW(HKEY_CURRENT_USER, name_.c_str());
+    }
+    MachineRegistry(const MachineRegistry&) = delete;
+    MachineRegistry& operator=(const MachineRegistry&) = delete;
+    MachineRegistry(MachineRegistry&&) = delete;
+    MachineRegistry& operator=(MachineRegistry&&) = delete;
+
+    static void CreateKey(const std::wstring& path)
+    {
+        HKEY key = nullptr;
+        EXPECT_EQ(
+            RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
+            ERROR_SUCCESS);
+        RegCloseKey(key);
+    }
+
+    // The bytes exactly as given, with or without a terminator. Creates the key.
+    static void SetValue(const std::wstring& path, const std::wstring& name, DWORD type, const std::vector<BYTE>& data)
+    {
+        HKEY key = nullptr;
+        EXPECT_EQ(
+            RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
+            ERROR_SUCCESS);
+        EXPECT_EQ(RegSetValueExW(key, name.c_str(), 0, type, data.data(), static_cast<DWORD>(data.size())),
+                  ERROR_SUCCESS);
+        RegCloseKey(key);
+    }
+
+    static void SetString(const std::wstring& path, const std::wstring& name, const std::wstring& text)
+    {
+        const BYTE* const bytes = reinterpret_cast<const BYTE*>(text.c_str());
+        SetValue(path, name, REG_SZ, std::vector<BYTE>(bytes, bytes + (text.size() + 1) * sizeof(wchar_t)));
+    }
+
+private:
+    std::wstring name_;
+};
+}  // namespace repair
