@@ -1,0 +1,47 @@
+"""The file that ships: what Windows reads from it before its first instruction runs. No machine is needed for that."""
+from __future__ import annotations
+
+import re
+import struct
+import subprocess
+import xml.etree.ElementTree
+
+from lab import paths
+
+
+def resource(kind: int, number: int) -> bytes:
+    """As it is stored, without the header that a file of its own would have."""
+    command = ["wrestool", "--extract", "--raw", f"--type={kind}", f"--name={number}", str(paths.need(paths.TOOL))]
+    return subprocess.run(command, stdout=subprocess.PIPE, check=True).stdout
+
+
+def test_manifest_asks_for_an_administrator():
+    manifest = xml.etree.ElementTree.fromstring(resource(24, 1))
+    level, = manifest.iter("{urn:schemas-microsoft-com:asm.v3}requestedExecutionLevel")
+    assert level.attrib == {"level": "requireAdministrator", "uiAccess": "false"}
+
+
+def test_version_and_description():
+    version = resource(16, 1)
+    fixed = struct.unpack_from("<13I", version, version.index(struct.pack("<I", 0xFEEF04BD)))
+    assert [f"{high >> 16}.{high & 0xFFFF}.{low >> 16}.{low & 0xFFFF}" for high, low in (fixed[2:4], fixed[4:6])] == ["1.0.0.1"] * 2
+    texts = version.decode("utf-16-le", errors="replace")
+    found = {name: re.search(rf"{name}\0+([^\0]+)\0", texts).group(1) for name in ("FileVersion", "ProductVersion", "FileDescription")}
+    assert found == {"FileVersion": "1.0.0.1", "ProductVersion": "1.0.0.1", "FileDescription": "Tavik Software Compatibility Tool"}
+
+
+def test_status_dialog_is_stored_as_designed():
+    signature, kind, _, extended, style, controls, x, y, width, height = struct.unpack_from("<HHIIIHhhhh", resource(5, 161))
+    assert (signature, kind, extended, style, controls, x, y, width, height) == (1, 0xFFFF, 0, 0x80800C40, 4, 0, 0, 286, 72)
+
+
+def test_banner_is_640_by_192_in_24_bits():
+    size, width, height, planes, bits, compression = struct.unpack_from("<IiiHHI", resource(2, 163))
+    assert (size, width, height, planes, bits, compression) == (40, 640, 192, 1, 24, 0)
+
+
+def test_libraries_that_anybody_could_plant_do_not_load_at_start():
+    """They load at their first call, when only the system's folder is searched any more."""
+    table = subprocess.run(["x86_64-w64-mingw32-objdump", "-p", str(paths.need(paths.TOOL))], stdout=subprocess.PIPE, text=True, check=True).stdout
+    loaded = {name.lower() for name in re.findall(r"DLL Name: (\S+)", table)}
+    assert loaded and loaded <= {"advapi32.dll", "gdi32.dll", "kernel32.dll", "msvcrt.dll", "ole32.dll", "shell32.dll", "user32.dll"}

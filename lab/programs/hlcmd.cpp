@@ -1,0 +1,33 @@
+// Stands in for the command tool of the desktop edition: "hlcmd.exe exit" asks the running programs to end.
+#include <string_view>
+
+#include "program.h"
+
+namespace
+{
+constexpr DWORD kPollMs = 10;
+constexpr DWORD kPatienceMs = 2000;
+
+// Asks, and waits until the last program that listens is gone: the event goes with it.
+void AskProgramsToEnd()
+{
+    for (DWORD waited = 0; waited < kPatienceMs; waited += kPollMs)
+    {
+        const HANDLE event = OpenEventW(EVENT_MODIFY_STATE, FALSE, programs::kExitEvent);
+        if (event == nullptr)
+            return;
+        SetEvent(event);
+        CloseHandle(event);
+        Sleep(kPollMs);
+    }
+}
+}  // namespace
+
+int WINAPI wWinMain(HINSTANCE, HINSTANCE, wchar_t* arguments, int)
+{
+    programs::RecordStart();
+    if (std::wstring_view(arguments) == L"exit" && !programs::IsYes(L"ignore"))
+        AskProgramsToEnd();
+    Sleep(programs::StayTime());
+    return programs::ExitCode();
+}

@@ -1,0 +1,98 @@
+#include "watcher_actions.h"
+
+#include <cwchar>
+
+#include "watcher_windows.h"
+
+namespace watcher
+{
+namespace
+{
+bool SendMouse(DWORD flags)
+{
+    INPUT input{};
+    input.type = INPUT_MOUSE;
+    input.mi.dwFlags = flags;
+    return SendInput(1, &input, sizeof input) == 1;
+}
+
+bool SendKey(WORD key, DWORD flags)
+{
+    INPUT input{};
+    input.type = INPUT_KEYBOARD;
+    input.ki.wVk = key;
+    input.ki.dwFlags = flags;
+    return SendInput(1, &input, sizeof input) == 1;
+}
+
+bool ReadPair(const std::wstring& text, int& x, int& y)
+{
+    return std::swscanf(text.c_str(), L"%d,%d", &x, &y) == 2;
+}
+}  // namespace
+
+bool PressKey(const std::wstring& name)
+{
+    WORD key = 0;
+    if (name == L"return")
+        key = VK_RETURN;
+    else if (name == L"escape")
+        key = VK_ESCAPE;
+    else if (name == L"space")
+        key = VK_SPACE;
+    else if (name == L"tab")
+        key = VK_TAB;
+    else
+        key = static_cast<WORD>(std::wcstoul(name.c_str(), nullptr, 0));
+    return key != 0 && SendKey(key, 0) && SendKey(key, KEYEVENTF_KEYUP);
+}
+
+bool Click(HWND window, const std::wstring& where)
+{
+    RECT place{};
+    int x = 0;
+    int y = 0;
+    if (ReadPair(where, x, y))
+    {
+        GetWindowRect(window, &place);
+        x += place.left;
+        y += place.top;
+    }
+    else
+    {
+        const HWND control = FindControl(window, static_cast<int>(std::wcstol(where.c_str(), nullptr, 10)));
+        if (control == nullptr)
+            return false;
+        GetWindowRect(control, &place);
+        x = (place.left + place.right) / 2;
+        y = (place.top + place.bottom) / 2;
+    }
+    return SetCursorPos(x, y) != 0 && SendMouse(MOUSEEVENTF_LEFTDOWN) && SendMouse(MOUSEEVENTF_LEFTUP);
+}
+
+bool Drag(HWND window, const std::wstring& distance)
+{
+    int dx = 0;
+    int dy = 0;
+    RECT place{};
+    if (!ReadPair(distance, dx, dy) || GetWindowRect(window, &place) == 0)
+        return false;
+    const int x = (place.left + place.right) / 2;
+    const int y = (place.top + place.bottom) / 2;
+    SetCursorPos(x, y);
+    bool sent = SendMouse(MOUSEEVENTF_LEFTDOWN);
+    for (int step = 1; step <= 4; ++step)
+    {
+        Sleep(30);  // the window must have entered its own loop for moving before the pointer moves
+        SetCursorPos(x + dx * step / 4, y + dy * step / 4);
+    }
+    Sleep(30);
+    sent = SendMouse(MOUSEEVENTF_LEFTUP) && sent;
+    return sent;
+}
+
+bool CloseWindowByMenu(HWND window)
+{
+    return PostMessageW(window, WM_SYSCOMMAND, SC_CLOSE, 0) != 0;
+}
+}  // namespace watcher

@@ -1,0 +1,52 @@
+// What the watcher has seen, and its report of it.
+#pragma once
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+#include "watcher_windows.h"
+
+namespace watcher
+{
+struct Sample
+{
+    int instance;
+    DWORD at;
+    StatusView view;
+};
+
+struct Instance
+{
+    std::wstring arguments, output;
+    HANDLE process = nullptr;
+    DWORD id = 0;
+    DWORD started = 0, ended = 0;
+    DWORD exitCode = 0;
+    bool running = true;
+    StatusView status;
+    DWORD statusSince = 0;
+    bool pictured = false;
+};
+
+struct Program
+{
+    std::wstring commandLine;
+    HANDLE process;
+    DWORD id;
+};
+
+// Times are milliseconds after the start of the first instance.
+struct Seen
+{
+    std::vector<Instance> instances;
+    std::vector<Program> programs;  // those that ran before the tool, and those that an action started
+    std::vector<Sample> samples;    // of the status window, one for each change
+    std::vector<Box> boxes;
+    std::vector<std::string> actions;  // as JSON
+    HANDLE event = nullptr;            // kept open, so that it can be asked when the program that made it has ended
+    bool timedOut = false;
+};
+
+std::string Report(const Seen& seen);
+}  // namespace watcher

@@ -1,0 +1,36 @@
+// What the watcher is told to do, and the part of the machine that can only be set up while Wine runs.
+#pragma once
+#include <string>
+#include <vector>
+
+namespace watcher
+{
+struct When
+{
+    std::wstring trigger;
+    std::wstring action;
+    bool done = false;
+};
+
+struct Orders
+{
+    std::wstring program, arguments, directory, report, pictures;
+    std::vector<std::wstring> start;     // programs that run before the tool does
+    std::vector<std::wstring> held;      // files that stay open, without sharing, for the whole run
+    std::vector<std::wstring> registry;  // <key below HKLM> TAB <value> TAB <type> TAB <hexadecimal bytes>
+    std::vector<When> whens;             // <trigger> : <action>
+    unsigned long timeoutMs = 60000;
+    unsigned long holdMs = 0;
+    bool showOwnAdapter = false;
+};
+
+// Exits with a message when a line is not understood.
+Orders ReadOrders(const wchar_t* path);
+
+// Wine renews its list of display devices when the first window appears and drops those it does not know, together
+// with their driver keys. So that happens first, then the machine's own ones are written.
+void SetUpDevices(const Orders& orders);
+
+// From now on nobody may set a value in this key below HKLM; the keys below it can still be made and read.
+bool DenyKey(const std::wstring& path);
+}  // namespace watcher

@@ -1,0 +1,209 @@
+#include "watcher_windows.h"
+
+#include "watcher_hook.h"
+#include "watcher_json.h"
+
+namespace watcher
+{
+namespace
+{
+// Reads what the system keeps as the window's text. It sends no message, so the watched thread is not disturbed.
+std::wstring TextOf(HWND window)
+{
+    wchar_t text[1024] = L"";
+    InternalGetWindowText(window, text, 1024);
+    return text;
+}
+
+std::wstring ClassOf(HWND window)
+{
+    wchar_t name[64] = L"";
+    GetClassNameW(window, name, 64);
+    return name;
+}
+
+std::vector<HWND> DialogsOf(DWORD process)
+{
+    std::vector<HWND> found;
+    HWND window = nullptr;
+    while ((window = FindWindowExW(nullptr, window, L"#32770", nullptr)) != nullptr)
+    {
+        DWORD owner = 0;
+        GetWindowThreadProcessId(window, &owner);
+        if (owner == process)
+            found.push_back(window);
+    }
+    return found;
+}
+
+std::vector<HWND> ChildrenOf(HWND window)
+{
+    std::vector<HWND> children;
+    for (HWND child = GetWindow(window, GW_CHILD); child != nullptr; child = GetWindow(child, GW_HWNDNEXT))
+        children.push_back(child);
+    return children;
+}
+
+INT_PTR Property(HWND window, const wchar_t* name)
+{
+    return reinterpret_cast<INT_PTR>(GetPropW(window, name));
+}
+
+// Only inside a process can a window be asked for its icon. The answers are properties of the window.
+bool Ask(HWND window, HMODULE hook)
+{
+    const auto procedure = reinterpret_cast<HOOKPROC>(reinterpret_cast<void*>(GetProcAddress(hook, "WatcherHook")));
+    const DWORD thread = GetWindowThreadProcessId(window, nullptr);
+    const HHOOK handle = SetWindowsHookExW(WH_CALLWNDPROC, procedure, hook, thread);
+    if (handle == nullptr)
+        return false;
+    DWORD_PTR ignored = 0;
+    SendMessageTimeoutW(window, RegisterWindowMessageW(kAskMessage), 0, 0, SMTO_ABORTIFHUNG, 1000, &ignored);
+    UnhookWindowsHookEx(handle);
+    return Property(window, kBodyIconProperty) != 0 && Property(window, kTitleIconProperty) != 0;
+}
+
+const wchar_t* TitleIconOf(HWND window)
+{
+    const wchar_t* titles[] = {L"none", L"big", L"small", L"big and small"};
+    return titles[Property(window, kTitleIconProperty) - 1];
+}
+
+RECT PlaceIn(HWND parent, HWND control)
+{
+    RECT place{};
+    GetWindowRect(control, &place);
+    MapWindowPoints(nullptr, parent, reinterpret_cast<POINT*>(&place), 2);
+    return place;
+}
+
+std::string DescribeControl(HWND parent, HWND control)
+{
+    const RECT place = PlaceIn(parent, control);
+    Json json;
+    json.Add("id", GetDlgCtrlID(control)).Add("class", ClassOf(control)).Add("text", TextOf(control));
+    json.Add("style", static_cast<DWORD>(GetWindowLongW(control, GWL_STYLE)));
+    json.Add("extended", static_cast<DWORD>(GetWindowLongW(control, GWL_EXSTYLE)));
+    json.Add("x", place.left).Add("y", place.top);
+    json.Add("width", place.right - place.left).Add("height", place.bottom - place.top);
+    json.Add("font", static_cast<int>(Property(control, kFontHeightProperty)) - 1);
+    return json.Text();
+}
+}  // namespace
+
+bool StatusView::SameAs(const StatusView& other) const
+{
+    return window == other.window && visible == other.visible && minimised == other.minimised &&
+           EqualRect(&place, &other.place) != 0 && title == other.title && line == other.line && dots == other.dots &&
+           heading == other.heading && mark == other.mark;
+}
+
+HWND FindControl(HWND window, int id)
+{
+    for (HWND child : ChildrenOf(window))
+        if (GetDlgCtrlID(child) == id)
+            return child;
+    return nullptr;
+}
+
+StatusView FindStatusWindow(DWORD process)
+{
+    StatusView view;
+    for (HWND window : DialogsOf(process))
+    {
+        if (FindControl(window, kStatusLine) == nullptr)
+            continue;
+        view.window = window;
+        view.visible = IsWindowVisible(window) != 0;
+        view.minimised = IsIconic(window) != 0;
+        GetWindowRect(window, &view.place);
+        view.title = TextOf(window);
+        for (HWND child : ChildrenOf(window))
+        {
+            switch (GetDlgCtrlID(child))
+            {
+                case kStatusLine:
+                    view.line = TextOf(child);
+                    break;
+                case kDots:
+                    view.dots = TextOf(child);
+                    break;
+                case kHeading:
+                    view.heading = TextOf(child);
+                    break;
+                case kMinimiseMark:
+                    view.mark = TextOf(child);
+                    break;
+                default:
+                    break;
+            }
+        }
+        break;
+    }
+    return view;
+}
+
+std::vector<HWND> FindBoxes(DWORD process)
+{
+    std::vector<HWND> boxes;
+    for (HWND window : DialogsOf(process))
+    {
+        if (IsWindowVisible(window) == 0)
+            continue;
+        for (HWND child : ChildrenOf(window))
+        {
+            if (lstrcmpiW(ClassOf(child).c_str(), L"Button") == 0)
+            {
+                boxes.push_back(window);
+                break;
+            }
+        }
+    }
+    return boxes;
+}
+
+void Describe(Box& box)
+{
+    box.caption = TextOf(box.window);
+    for (HWND child : ChildrenOf(box.window))
+    {
+        const std::wstring name = ClassOf(child);
+        const LONG style = GetWindowLongW(child, GWL_STYLE);
+        if (lstrcmpiW(name.c_str(), L"Button") == 0)
+        {
+            if ((style & WS_VISIBLE) != 0)
+                box.buttons.push_back(TextOf(child));
+        }
+        else if (lstrcmpiW(name.c_str(), L"Static") == 0 && (style & SS_TYPEMASK) != SS_ICON)
+            box.text += TextOf(child);
+    }
+    box.foreground = GetForegroundWindow() == box.window;
+}
+
+bool AskIcons(Box& box, HMODULE hook)
+{
+    if (!Ask(box.window, hook))
+        return false;
+    const wchar_t* kinds[] = {L"none", L"error", L"information", L"warning", L"question", L"other"};
+    box.icon = kinds[Property(box.window, kBodyIconProperty) - 1];
+    box.titleIcon = TitleIconOf(box.window);
+    return true;
+}
+
+std::string LookAt(HWND window, HMODULE hook)
+{
+    if (!Ask(window, hook))
+        return {};
+    RECT client{};
+    GetClientRect(window, &client);
+    std::vector<std::string> controls;
+    for (HWND child : ChildrenOf(window))
+        controls.push_back(DescribeControl(window, child));
+    Json json;
+    json.Add("title", TextOf(window)).Add("title_icon", TitleIconOf(window));
+    json.Add("style", static_cast<DWORD>(GetWindowLongW(window, GWL_STYLE)));
+    json.Add("extended", static_cast<DWORD>(GetWindowLongW(window, GWL_EXSTYLE)));
+    json.Add("width", client.right).Add("height", client.bottom).AddRaw("controls", JsonList(controls));
+    return json.Text();
+}
+}  // namespace watcher

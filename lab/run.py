@@ -1,0 +1,188 @@
+"""One run of the shipping exe on one machine, in a prefix, a server and a display of its own."""
+from __future__ import annotations
+
+import contextlib
+import functools
+import itertools
+import json
+import os
+import pathlib
+import re
+import subprocess
+import time
+
+from lab import certificates, paths, prefix as prefixes, state
+from lab.display import Display, Photographer
+from lab.hive import Hive
+from lab.machine import Machine
+from lab.result import Result
+from lab.server.web import WebServer
+
+TOOL = r"C:\lab\TavikCompatibilityTool.exe"
+LOGS = pathlib.Path("Program Files", "Tavik", "MIM", "Log")
+_numbers = itertools.count(1)
+
+
+class RunError(RuntimeError):
+    """The run could not be carried out; the machine is kept."""
+
+    def __init__(self, error: Exception, folder: pathlib.Path):
+        super().__init__(f"{error} (the machine is kept in {folder})")
+        self.folder = folder
+
+
+def fresh_folder() -> pathlib.Path:
+    folder = paths.RUNS / f"{os.getpid()}-{next(_numbers)}"
+    folder.mkdir(parents=True)
+    return folder
+
+
+def remove_folder(folder: pathlib.Path) -> None:
+    subprocess.run(["rm", "-rf", str(folder)], check=False)
+
+
+def default_address() -> str:
+    """An address of this run's own, so that several can have port 443."""
+    return f"127.{1 + os.getpid() % 250}.{1 + os.getpid() // 250 % 250}.{1 + next(_numbers) % 250}"
+
+
+@functools.cache
+def private_hosts_obstacle() -> str:
+    """Why no run here can have a hosts file of its own and port 443; empty when it can. Root in a container may not."""
+    if os.geteuid() != 0:
+        return "the maker's own server address needs port 443 and a private hosts file: only root has them"
+    tried = subprocess.run(["unshare", "--mount", "mount", "--bind", "/etc/hosts", "/etc/hosts"], capture_output=True, text=True)
+    return f"the maker's own server address needs a private hosts file: {tried.stderr.strip()}" if tried.returncode else ""
+
+
+def _lines(file: pathlib.Path, encoding: str = "utf-8") -> list[str]:
+    if not file.exists():
+        return []
+    return [line for line in file.read_bytes().decode(encoding, "replace").replace("\r", "").split("\n") if line]
+
+
+def read_log(file: pathlib.Path) -> list[str]:
+    """Every line ends in one line feed; one that does not is marked, so that no case takes it for a whole one."""
+    text = file.read_bytes().decode("utf-16-le", "surrogatepass")
+    *lines, rest = text.split("\n")
+    return lines + [rest + " (no line end)"] if rest else lines
+
+
+def _log_order(file: pathlib.Path) -> list[int]:
+    return [int(number) for number in re.findall(r"\d+", file.name)]  # date and time without leading zeros
+
+
+def _orders(machine: Machine, arguments: str, late: list[str], timeout: float, hold: float, when: tuple[str, ...], pictures: bool) -> str:
+    lines = [f"program = {TOOL}", r"directory = C:\windows\system32", f"arguments = {arguments}", r"report = C:\lab\report.json",
+             f"timeout = {int(timeout * 1000)}", f"hold = {int(hold * 1000)}"]
+    lines += [f"start = {program}" for program in machine.data["running"]]
+    lines += [f"held = {path}" for path in machine.data["held"]]
+    lines += [f"registry = {line}" for line in late]
+    lines += [f"when = {line}" for line in when]
+    if pictures:
+        lines.append(r"pictures = C:\lab\pictures")
+    if machine.data["own_adapter"]:
+        lines.append("own-adapter = shown")
+    return "\n".join(lines) + "\n"
+
+
+class Run:
+    """Holds what has to be taken down again."""
+
+    def __init__(self, machine: Machine, pictures: pathlib.Path | None):
+        self.machine = machine
+        self.folder = fresh_folder()
+        self.pictures = pictures
+        self.stack = contextlib.ExitStack()
+        self.launcher: tuple[str, ...] = ()
+
+    def _start_server(self) -> WebServer | None:
+        server = self.machine.server
+        if server.reach == "none":
+            return None
+        if server.reach == "override":
+            web = WebServer(self.folder / "server", server.answers)
+        else:
+            obstacle = private_hosts_obstacle()
+            if obstacle:
+                raise PermissionError(obstacle)
+            address = default_address()
+            web = WebServer(self.folder / "server", server.answers, address, server.certificate)
+            hosts = self.folder / "hosts"
+            hosts.write_text(f"127.0.0.1 localhost\n{address} {certificates.HOST}\n", "ascii")
+            self.launcher = ("unshare", "--mount", "sh", "-c", 'mount --bind "$0" /etc/hosts && exec "$@"', str(hosts))
+        self.stack.callback(web.close)
+        return web
+
+    def execute(self, arguments: str, timeout: float, hold: float, when: tuple[str, ...]) -> Result:
+        started = time.monotonic()
+        with self.stack:
+            web = self._start_server()
+            address = f"{web.address}:{web.port}" if web else ""
+            prefix = prefixes.Prefix.copy(self.machine.template(), self.folder / "prefix")
+            late, system = self.machine.install(prefix, address)
+            if self.pictures:
+                self._prepare_pictures(prefix)
+            before = state.read(prefix.drive, system)
+            orders = _orders(self.machine, arguments, late, timeout, hold, when, self.pictures is not None)
+            (prefix.drive / "lab" / "watcher.txt").write_text(orders, "utf-8", "surrogatepass")
+            self.stack.callback(prefix.stop)
+            prefix.start()
+            errors = self.folder / "errors.txt"
+            code = prefix.wine(r"C:\lab\watcher.exe", output=errors, timeout=timeout + 60, launcher=self.launcher)
+            prefix.stop()
+            if code != 0:
+                raise RuntimeError(f"the watcher ended with {code}: {errors.read_text('utf-8', 'replace')[:2000]}")
+            if web:
+                web.close()
+        return self._collect(prefix, web, address, before, errors, time.monotonic() - started)
+
+    def _store_left(self, state_file: pathlib.Path) -> list[str]:
+        """The stand-in writes the file when something changes."""
+        return _lines(state_file) if state_file.exists() else self.machine.store_packages
+
+    def _prepare_pictures(self, prefix: prefixes.Prefix) -> None:
+        display = Display()
+        self.stack.callback(display.close)
+        prefix.variables["DISPLAY"] = display.name
+        user = Hive(prefix.path / "user.reg")
+        user.remove(r"Software\Wine\Drivers", "Graphics")
+        user.save()
+        self.photographer = Photographer(display, prefix.drive / "lab" / "pictures", self.pictures)
+        self.stack.callback(self.photographer.close)
+
+    def _collect(self, prefix: prefixes.Prefix, web: WebServer | None, address: str, before: state.State, errors: pathlib.Path,
+                 seconds: float) -> Result:
+        lab = prefix.drive / "lab"
+        report = json.loads((lab / "report.json").read_text("utf-8"))
+        logs = [read_log(file) for file in sorted((prefix.drive / LOGS).glob("*.log"), key=_log_order)]
+        installer = lab / "installer.txt"
+        return Result(
+            exit_code=report["instances"][0]["exit_code"], log=logs[0] if logs else [], logs=logs, boxes=report["boxes"],
+            status=report["status"], requests=web.requests if web else [], calls=_lines(lab / "standins" / "calls.txt"),
+            store_calls=_lines(lab / "standins" / "winrt-calls.txt"), store_left=self._store_left(lab / "standins" / "store-state.txt"),
+            programs=_lines(lab / "programs.txt"), installer=[line.strip() for line in _lines(installer, "utf-16-le")],
+            instances=report["instances"], actions=report["actions"], started_before=report["started_before"],
+            still_running=report["still_running"], event=report["event"], timed_out=report["timed_out"], before=before,
+            after=state.read(prefix.drive, Hive(prefix.path / "system.reg")),
+            output=[file.read_bytes().decode("utf-8", "replace") for file in sorted(lab.glob("output-*.txt"))],
+            errors=errors.read_text("utf-8", "replace") if errors.exists() else "", server=address, seconds=seconds,
+            pictures=self.photographer.taken if self.pictures else [], prefix=str(self.folder))
+
+
+def run(machine: Machine, arguments: str = "", *, timeout: float = 60, hold: float = 0, when: tuple[str, ...] | list[str] = (),
+        pictures: pathlib.Path | str | None = None, keep: bool = False) -> Result:
+    """Runs the tool. The machine is removed afterwards unless it is to be kept; it is kept when something goes wrong."""
+    one = Run(machine, pathlib.Path(pictures) if pictures else None)
+    try:
+        result = one.execute(arguments, timeout, hold, tuple(when))
+    except PermissionError:
+        remove_folder(one.folder)
+        raise
+    except Exception as error:
+        raise RunError(error, one.folder) from error
+    if not keep:
+        remove_folder(one.folder)
+        result.prefix = ""
+    return result
+

@@ -1,0 +1,207 @@
+// Stand-in for setupapi.dll: devices, drivers and INF files are Wine's; where a package lies in the driver store, which
+// Wine does not know, is answered from C:\lab\standins\driverstore.txt.
+#include <windows.h>
+#include <setupapi.h>
+
+#include <cwchar>
+
+#include "fault.h"
+#include "lab_file.h"
+
+using standin::Call;
+using standin::Failure;
+
+namespace standin
+{
+const std::vector<std::wstring> kSpecialKeys;
+}
+
+namespace
+{
+constexpr const wchar_t* kDriverStorePath = L"C:\\lab\\standins\\driverstore.txt";
+
+std::wstring GuidText(const GUID& guid)
+{
+    wchar_t text[40];
+    std::swprintf(text, std::size(text), L"{%08lX-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}", guid.Data1, guid.Data2,
+                  guid.Data3, guid.Data4[0], guid.Data4[1], guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5],
+                  guid.Data4[6], guid.Data4[7]);
+    return text;
+}
+
+std::wstring FileName(std::wstring path)
+{
+    return path.substr(path.find_last_of(L"\\/") + 1);
+}
+
+// Empty when the driver store holds no package of this INF.
+std::wstring DriverStoreLocation(const wchar_t* inf)
+{
+    const std::wstring wanted = standin::Lower(FileName(inf));
+    for (const standin::Line& line : standin::ReadLines(kDriverStorePath))
+    {
+        const std::size_t tab = line.text.find(L'\t');
+        if (tab != std::wstring::npos && standin::Lower(standin::Trim(line.text.substr(0, tab))) == wanted)
+            return standin::Trim(line.text.substr(tab + 1));
+    }
+    return {};
+}
+}  // namespace
+
+extern "C"
+{
+HDEVINFO WINAPI Lab_SetupDiGetClassDevsW(const GUID* classGuid, PCWSTR enumerator, HWND parent, DWORD flags)
+{
+    Call call(L"SetupDiGetClassDevsW");
+    call.Raw(L"class", classGuid == nullptr ? L"(null)" : GuidText(*classGuid));
+    call.Text(L"enumerator", enumerator).Flags(L"parent", reinterpret_cast<ULONG_PTR>(parent)).Flags(L"flags", flags);
+    return call.Run<HDEVINFO>(Failure::InvalidHandle,
+                              [&] { return REAL(SetupDiGetClassDevsW)(classGuid, enumerator, parent, flags); });
+}
+
+BOOL WINAPI Lab_SetupDiEnumDeviceInfo(HDEVINFO set, DWORD index, PSP_DEVINFO_DATA data)
+{
+    Call call(L"SetupDiEnumDeviceInfo");
+    call.Number(L"index", index).Number(L"size", data == nullptr ? 0 : data->cbSize);
+    return call.Run<BOOL>(Failure::Zero, [&] { return REAL(SetupDiEnumDeviceInfo)(set, index, data); });
+}
+
+BOOL WINAPI Lab_SetupDiGetDeviceInstanceIdW(HDEVINFO set, PSP_DEVINFO_DATA data, PWSTR buffer, DWORD size,
+                                            PDWORD required)
+{
+    Call call(L"SetupDiGetDeviceInstanceIdW");
+    call.Number(L"size", size);
+    const BOOL result = call.Run<BOOL>(
+        Failure::Zero, [&] { return REAL(SetupDiGetDeviceInstanceIdW)(set, data, buffer, size, required); });
+    if (result && call.WasForwarded())
+        call.Text(L"id", buffer);
+    return result;
+}
+
+BOOL WINAPI Lab_SetupDiGetDeviceRegistryPropertyW(HDEVINFO set, PSP_DEVINFO_DATA data, DWORD property, PDWORD type,
+                                                  PBYTE buffer, DWORD size, PDWORD required)
+{
+    Call call(L"SetupDiGetDeviceRegistryPropertyW");
+    call.Number(L"property", property).Number(L"size", size);
+    const BOOL result = call.Run<BOOL>(Failure::Zero, [&] {
+        return REAL(SetupDiGetDeviceRegistryPropertyW)(set, data, property, type, buffer, size, required);
+    });
+    if (call.WasForwarded() && required != nullptr)
+        call.Number(L"required", *required);
+    if (result && call.WasForwarded() && buffer != nullptr &&
+        (property == SPDRP_DEVICEDESC || property == SPDRP_DRIVER))
+        call.Text(L"text", std::wstring(reinterpret_cast<const wchar_t*>(buffer), size / sizeof(wchar_t)).c_str());
+    return result;
+}
+
+BOOL WINAPI Lab_SetupDiGetDevicePropertyW(HDEVINFO set, PSP_DEVINFO_DATA data, const DEVPROPKEY* key, DEVPROPTYPE* type,
+                                          PBYTE buffer, DWORD size, PDWORD required, DWORD flags)
+{
+    Call call(L"SetupDiGetDevicePropertyW");
+    call.Raw(L"key", GuidText(key->fmtid)).Number(L"pid", key->pid).Number(L"type", *type).Number(L"size", size);
+    call.Flags(L"flags", flags);
+    return call.Run<BOOL>(Failure::Zero, [&] {
+        return REAL(SetupDiGetDevicePropertyW)(set, data, key, type, buffer, size, required, flags);
+    });
+}
+
+BOOL WINAPI Lab_SetupDiBuildDriverInfoList(HDEVINFO set, PSP_DEVINFO_DATA data, DWORD type)
+{
+    Call call(L"SetupDiBuildDriverInfoList");
+    call.Number(L"type", type);
+    return call.Run<BOOL>(Failure::Zero, [&] { return REAL(SetupDiBuildDriverInfoList)(set, data, type); });
+}
+
+BOOL WINAPI Lab_SetupDiEnumDriverInfoW(HDEVINFO set, PSP_DEVINFO_DATA data, DWORD type, DWORD index,
+                                       PSP_DRVINFO_DATA_W driver)
+{
+    Call call(L"SetupDiEnumDriverInfoW");
+    call.Number(L"type", type).Number(L"index", index).Number(L"size", driver == nullptr ? 0 : driver->cbSize);
+    return call.Run<BOOL>(Failure::Zero, [&] { return REAL(SetupDiEnumDriverInfoW)(set, data, type, index, driver); });
+}
+
+BOOL WINAPI Lab_SetupDiGetDriverInfoDetailW(HDEVINFO set, PSP_DEVINFO_DATA data, PSP_DRVINFO_DATA_W driver,
+                                            PSP_DRVINFO_DETAIL_DATA_W detail, DWORD size, PDWORD required)
+{
+    Call call(L"SetupDiGetDriverInfoDetailW");
+    call.Number(L"size", size).Number(L"detail", detail == nullptr ? 0 : detail->cbSize);
+    const BOOL result = call.Run<BOOL>(
+        Failure::Zero, [&] { return REAL(SetupDiGetDriverInfoDetailW)(set, data, driver, detail, size, required); });
+    if (result && call.WasForwarded() && detail != nullptr)
+        call.Text(L"inf", detail->InfFileName);
+    return result;
+}
+
+BOOL WINAPI Lab_SetupGetInfDriverStoreLocationW(PCWSTR inf, PSP_ALTPLATFORM_INFO platform, PCWSTR locale, PWSTR buffer,
+                                                DWORD size, PDWORD required)
+{
+    Call call(L"SetupGetInfDriverStoreLocationW");
+    call.Text(L"inf", inf).Flags(L"platform", reinterpret_cast<ULONG_PTR>(platform)).Text(L"locale", locale);
+    call.Number(L"size", size);
+    DWORD error = ERROR_SUCCESS;
+    const BOOL result = call.Run<BOOL>(Failure::Zero, [&]() -> BOOL {
+        const std::wstring location = DriverStoreLocation(inf);
+        const DWORD needed = static_cast<DWORD>(location.size() + 1);
+        if (required != nullptr && !location.empty())
+            *required = needed;
+        error = location.empty() ? ERROR_FILE_NOT_FOUND : size < needed ? ERROR_INSUFFICIENT_BUFFER : ERROR_SUCCESS;
+        if (error == ERROR_SUCCESS)
+            location.copy(buffer, needed);
+        if (error == ERROR_SUCCESS)
+            buffer[location.size()] = L'\0';
+        SetLastError(error);
+        return error == ERROR_SUCCESS;
+    });
+    if (result && call.WasForwarded())
+        call.Text(L"location", buffer);
+    return result;
+}
+
+BOOL WINAPI Lab_SetupDiDestroyDeviceInfoList(HDEVINFO set)
+{
+    Call call(L"SetupDiDestroyDeviceInfoList");
+    return call.Run<BOOL>(Failure::Zero, [&] { return REAL(SetupDiDestroyDeviceInfoList)(set); });
+}
+
+HINF WINAPI Lab_SetupOpenInfFileW(PCWSTR path, PCWSTR infClass, DWORD style, PUINT errorLine)
+{
+    Call call(L"SetupOpenInfFileW");
+    call.Text(L"path", path).Text(L"class", infClass).Flags(L"style", style);
+    return call.Run<HINF>(Failure::InvalidHandle,
+                          [&] { return REAL(SetupOpenInfFileW)(path, infClass, style, errorLine); });
+}
+
+BOOL WINAPI Lab_SetupFindFirstLineW(HINF inf, PCWSTR section, PCWSTR key, PINFCONTEXT context)
+{
+    Call call(L"SetupFindFirstLineW");
+    call.Text(L"section", section).Text(L"key", key);
+    return call.Run<BOOL>(Failure::Zero, [&] { return REAL(SetupFindFirstLineW)(inf, section, key, context); });
+}
+
+BOOL WINAPI Lab_SetupFindNextLine(PINFCONTEXT from, PINFCONTEXT to)
+{
+    Call call(L"SetupFindNextLine");
+    return call.Run<BOOL>(Failure::Zero, [&] { return REAL(SetupFindNextLine)(from, to); });
+}
+
+BOOL WINAPI Lab_SetupGetLineTextW(PINFCONTEXT context, HINF inf, PCWSTR section, PCWSTR key, PWSTR buffer, DWORD size,
+                                  PDWORD required)
+{
+    Call call(L"SetupGetLineTextW");
+    call.Text(L"section", section).Text(L"key", key).Number(L"size", size);
+    const BOOL result = call.Run<BOOL>(
+        Failure::Zero, [&] { return REAL(SetupGetLineTextW)(context, inf, section, key, buffer, size, required); });
+    if (result && call.WasForwarded())
+        call.Text(L"text", buffer);
+    return result;
+}
+
+void WINAPI Lab_SetupCloseInfFile(HINF inf)
+{
+    Call call(L"SetupCloseInfFile");
+    call.Run<int>(Failure::Zero, [&] {  // no result: recorded as 0
+        REAL(SetupCloseInfFile)(inf);
+        return 0;
+    });
+}
+}

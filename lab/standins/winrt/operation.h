@@ -1,0 +1,179 @@
+// An asynchronous operation that ends when and how the case says.
+#pragma once
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "object.h"
+#include "script.h"
+
+namespace lab
+{
+inline constexpr HRESULT kIllegalMethodCall = static_cast<HRESULT>(0x8000000E);
+inline constexpr HRESULT kIllegalDelegateAssignment = static_cast<HRESULT>(0x80000018);
+inline constexpr HRESULT kNotAgile = static_cast<HRESULT>(0x8000001C);
+
+struct OperationPlan
+{
+    Completion completion;
+    Ending ending;
+    Outcome putCompleted;
+    std::function<void(abi::AsyncStatus)> finish;                // the work itself, once, before the end is visible
+    std::function<HRESULT(abi::IInspectable** result)> results;  // of an operation that completed
+};
+
+// Asks the program's object whether any thread may call it, and notes the answer.
+inline bool IsAgile(const wchar_t* what, IUnknown* object)
+{
+    void* agile = nullptr;
+    const HRESULT result = object->QueryInterface(abi::IAgileObject::kIid, &agile);
+    Record(std::wstring(what) + L" QueryInterface IAgileObject", result);
+    if (SUCCEEDED(result) && agile != nullptr)
+        static_cast<IUnknown*>(agile)->Release();
+    return SUCCEEDED(result) && agile != nullptr;
+}
+
+template <class Interface>
+class Operation final : public Object<Interface, abi::IAsyncInfo>
+{
+public:
+    static Operation* Start(const wchar_t* className, OperationPlan plan)
+    {
+        auto* const operation = new Operation(className, std::move(plan));
+        if (operation->plan_.completion.kind == Completion::Before)
+            operation->Complete();
+        else if (operation->plan_.completion.kind == Completion::Later)
+            operation->CompleteLater();
+        return operation;
+    }
+
+    ~Operation() override
+    {
+        if (thread_.joinable())
+            thread_.join();
+        if (handler_ != nullptr)
+            handler_->Release();
+        Record(this->ClassName() + L" destroyed");
+    }
+
+    HRESULT STDMETHODCALLTYPE get_Id(UINT32* id) override
+    {
+        *id = 1;
+        return S_OK;
+    }
+
+    HRESULT STDMETHODCALLTYPE get_Status(INT32* status) override
+    {
+        const std::scoped_lock lock(mutex_);
+        *status = status_;
+        return Record(this->ClassName() + L" get_Status " + std::to_wstring(status_), S_OK);
+    }
+
+    HRESULT STDMETHODCALLTYPE get_ErrorCode(HRESULT* error) override
+    {
+        const std::scoped_lock lock(mutex_);
+        *error = status_ == abi::kError ? plan_.ending.error.result : S_OK;
+        return Record(this->ClassName() + L" get_ErrorCode", S_OK);
+    }
+
+    HRESULT STDMETHODCALLTYPE put_Completed(abi::ICompletedHandler* handler) override
+    {
+        const HRESULT result = Accept(handler);
+        Record(this->ClassName() + L" put_Completed", result);
+        if (FAILED(result))
+            return result;
+        if (plan_.completion.kind == Completion::Inside)
+            Complete();
+        else if (plan_.completion.kind == Completion::Thread)
+            std::thread([this] { Complete(); }).join();
+        CallHandler();  // an operation that ended before it had a handler calls it at once
+        return S_OK;
+    }
+
+    HRESULT STDMETHODCALLTYPE GetResults(abi::IInspectable** result) override
+    {
+        abi::AsyncStatus status = abi::kStarted;
+        {
+            const std::scoped_lock lock(mutex_);
+            status = status_;
+        }
+        HRESULT code = kIllegalMethodCall;  // not finished, or canceled: there is nothing to get
+        if (status == abi::kCompleted)
+            code = plan_.results(result);
+        else if (status == abi::kError)
+            code = plan_.ending.error.Apply();
+        return Record(this->ClassName() + L" GetResults", code);
+    }
+
+private:
+    Operation(const wchar_t* className, OperationPlan plan)
+        : Object<Interface, abi::IAsyncInfo>(className), plan_(std::move(plan))
+    {
+    }
+
+    HRESULT Accept(abi::ICompletedHandler* handler)
+    {
+        if (handler == nullptr)
+            return E_POINTER;
+        void* asked = nullptr;
+        const HRESULT hasInterface = handler->QueryInterface(Interface::kHandlerIid, &asked);
+        Record(L"handler QueryInterface own interface", hasInterface);
+        if (FAILED(hasInterface))
+            return hasInterface;
+        static_cast<IUnknown*>(asked)->Release();
+        if (!IsAgile(L"handler", handler))
+            return kNotAgile;
+        if (FAILED(plan_.putCompleted.result))
+            return plan_.putCompleted.Apply();
+        const std::scoped_lock lock(mutex_);
+        if (handler_ != nullptr)
+            return kIllegalDelegateAssignment;
+        handler->AddRef();
+        handler_ = handler;
+        KeepUntilTheEnd(L"handler", handler);
+        return S_OK;
+    }
+
+    // The operation outlives this thread: its destructor waits.
+    void CompleteLater()
+    {
+        thread_ = std::thread([this] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(plan_.completion.milliseconds));
+            Complete();
+        });
+    }
+
+    void Complete()
+    {
+        plan_.finish(plan_.ending.status);
+        {
+            const std::scoped_lock lock(mutex_);
+            status_ = plan_.ending.status;
+        }
+        CallHandler();
+    }
+
+    // Once, when the operation has ended and has a handler; without holding the lock, because the handler may call
+    // back.
+    void CallHandler()
+    {
+        {
+            const std::scoped_lock lock(mutex_);
+            if (status_ == abi::kStarted || handler_ == nullptr || isHandlerCalled_)
+                return;
+            isHandlerCalled_ = true;
+        }
+        Record(this->ClassName() + L" calls the handler, status " + std::to_wstring(plan_.ending.status));
+        const HRESULT result = handler_->Invoke(static_cast<Interface*>(this), plan_.ending.status);
+        Record(L"handler Invoke", result);
+    }
+
+    OperationPlan plan_;
+    std::mutex mutex_;
+    std::thread thread_;
+    abi::AsyncStatus status_ = abi::kStarted;
+    abi::ICompletedHandler* handler_ = nullptr;
+    bool isHandlerCalled_ = false;
+};
+}  // namespace lab
