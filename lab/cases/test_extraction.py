@@ -159,3 +159,45 @@ def test_downloaded_installer_is_unpacked_too(lab):
     lab.run({"files": {FOLDER + r"\old.txt": "old"}, **PRETENDED})
     lab.check(exit_code=0, boxes=[FINISHED], after={"files": [downloaded, MAIN], "missing": [FOLDER + r"\old.txt"]})
     assert unpack().replace("{temp}", TEMP) in lab.result.log
+
+
+# The installer is held while it runs elevated
+
+STAYING = {"program": "CorvelSoftware.exe"}  # unlike a real installer it does not keep its own file open
+ATTEMPTS = ("write", "rename", "delete")
+
+
+@pytest.mark.parametrize("silent", ["", "-SILENT"], ids=["window", "silent"])
+def test_installer_cannot_be_exchanged_while_it_unpacks(lab, silent):
+    """Neither written, renamed nor removed; the later steps go on, and the file is free again at the end."""
+    downloaded = PARENT + r"\dwx2_install.exe"
+    started = r"file C:\lab\installer.txt"
+    attempts = [f"{started} : {attempt} {downloaded}" for attempt in ATTEMPTS]
+    lab.run({"installer": {"sleep": 1500}}, silent, when=attempts)
+    lab.check(exit_code=0, boxes=[] if silent else [FINISHED], before=UNTOUCHED, after={**REPAIRED, "files": [downloaded]})
+    assert [action["done"] for action in lab.result.actions] == [False] * 3
+
+
+def test_a_program_that_leaves_its_file_open_to_others_is_held_too(lab):
+    given = r"C:\Given folder\setup.exe"
+    attempts = [rf"file C:\lab\programs.txt : {attempt} {given}" for attempt in ATTEMPTS]
+    lab.run({"server": {"reach": "none"}, "files": {given: STAYING}, "programs": {"setup.exe.stay": 1500}},
+            f'-VLT -Install -Path "{given}"', when=attempts)
+    lab.check(exit_code=0, after={"files": [given], "missing": [given + ".renamed"]})
+    assert [action["done"] for action in lab.result.actions] == [False] * 3
+
+
+def test_installer_is_free_again_when_it_has_ended(lab):
+    downloaded = PARENT + r"\dwx2_install.exe"
+    lab.run(PRETENDED, when=[f"box : write {downloaded}", f"box : rename {downloaded}"])
+    lab.check(exit_code=0, boxes=[FINISHED], after={"files": [downloaded + ".renamed"], "missing": [downloaded]})
+    assert [action["done"] for action in lab.result.actions] == [True, True]
+
+
+def test_an_installer_that_somebody_else_holds_for_writing_is_started_all_the_same(lab):
+    """It cannot be held then; whether it starts is the system's answer."""
+    given = r"C:\Given folder\setup.exe"
+    lab.run({"server": {"reach": "none"}, "files": {given: STAYING}, "held": [given]},
+            f'-VLT -Install -Path "{given}"')
+    lab.check(exit_code=0, after={"files": [given]})
+    assert any(line.startswith(f"Launching process {given} ") for line in lab.result.log)

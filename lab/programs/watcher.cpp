@@ -31,6 +31,7 @@ private:
     DWORD Now() const { return GetTickCount() - start_; }
     void StartProgram(const std::wstring& commandLine);
     static void HoldFile(const std::wstring& path);
+    static bool CanWrite(const std::wstring& path);
     void StartInstance(const std::wstring& arguments);
     void Look();
     void LookAtStatus(Instance& instance, int index);
@@ -75,6 +76,17 @@ void Watch::HoldFile(const std::wstring& path)
         std::fprintf(stderr, "watcher: cannot open %ls: %lu\n", path.c_str(), GetLastError());
         std::exit(91);
     }
+}
+
+// Whether somebody else could change the file now. It stays as it is.
+bool Watch::CanWrite(const std::wstring& path)
+{
+    const DWORD shared = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    const HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, shared, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return false;
+    CloseHandle(file);
+    return true;
 }
 
 void Watch::StartInstance(const std::wstring& arguments)
@@ -272,6 +284,10 @@ bool Watch::Do(const std::wstring& action)
         return DenyKey(rest);
     if (verb == L"delete")
         return DeleteFileW(rest.c_str()) != 0;
+    if (verb == L"rename")
+        return MoveFileExW(rest.c_str(), (rest + L".renamed").c_str(), MOVEFILE_REPLACE_EXISTING) != 0;
+    if (verb == L"write")
+        return CanWrite(rest);
     if (verb == L"wait")
     {
         waitUntil_ = Now() + std::wcstoul(rest.c_str(), nullptr, 10);

@@ -39,24 +39,46 @@ std::string Describe(const Box& box)
     return json.Text();
 }
 
+constexpr DWORD kNameWaitMs = 2000;
+
+// Names of all processes. One that is just being started has no name yet, and says so.
+std::vector<std::wstring> ProcessNames(bool& isComplete)
+{
+    std::vector<std::wstring> names;
+    const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    PROCESSENTRY32W entry{};
+    entry.dwSize = sizeof entry;
+    isComplete = true;
+    for (BOOL more = Process32FirstW(snapshot, &entry); more != 0; more = Process32NextW(snapshot, &entry))
+    {
+        isComplete = isComplete && entry.szExeFile[0] != L'\0';
+        names.emplace_back(entry.szExeFile);
+    }
+    CloseHandle(snapshot);
+    return names;
+}
+
 // What still runs besides Wine's own services.
 std::vector<std::string> RunningPrograms()
 {
     const wchar_t* own[] = {L"watcher.exe", L"services.exe", L"winedevice.exe", L"plugplay.exe", L"svchost.exe",
                             L"rpcss.exe",   L"explorer.exe", L"conhost.exe",    L"wineboot.exe", L"start.exe"};
+    bool isComplete = false;
+    std::vector<std::wstring> names = ProcessNames(isComplete);
+    for (DWORD waited = 0; !isComplete && waited < kNameWaitMs; waited += 20)
+    {
+        Sleep(20);
+        names = ProcessNames(isComplete);
+    }
     std::vector<std::string> running;
-    const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-    PROCESSENTRY32W entry{};
-    entry.dwSize = sizeof entry;
-    for (BOOL more = Process32FirstW(snapshot, &entry); more != 0; more = Process32NextW(snapshot, &entry))
+    for (const std::wstring& name : names)
     {
         bool isOwn = false;
-        for (const wchar_t* name : own)
-            isOwn = isOwn || lstrcmpiW(name, entry.szExeFile) == 0;
+        for (const wchar_t* one : own)
+            isOwn = isOwn || lstrcmpiW(one, name.c_str()) == 0;
         if (!isOwn)
-            running.push_back(JsonText(entry.szExeFile));
+            running.push_back(JsonText(name));
     }
-    CloseHandle(snapshot);
     return running;
 }
 }  // namespace

@@ -9,6 +9,7 @@
 #include <shlobj.h>
 
 #include "base/files.h"
+#include "base/handles.h"
 #include "base/log.h"
 #include "install/component_stop.h"
 #include "install/constants.h"
@@ -32,6 +33,9 @@ std::wstring ExtractionFolder()
 void Extract(const std::wstring& installerPath, const std::wstring& folder)
 {
     CreateSecureDirectory(folder);  // the sequence goes on without it as well as it may
+    // Nobody exchanges the file under the elevated start. Where it cannot be held, the start itself tells what is wrong.
+    const FileHandle held(CreateFileW(installerPath.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr));
     // No quotes: the installer takes everything behind "/D=" up to the end of the line, blanks included.
     LaunchProcess(installerPath, kExtractionParameters + folder, INFINITE, folder.c_str());
 }
