@@ -72,13 +72,16 @@ def _log_order(file: pathlib.Path) -> list[int]:
     return [int(number) for number in re.findall(r"\d+", file.name)]  # date and time without leading zeros
 
 
-def _orders(machine: Machine, arguments: str, late: list[str], timeout: float, hold: float, when: tuple[str, ...], pictures: bool) -> str:
+def _orders(machine: Machine, arguments: str, late: list[str], timeout: float, hold: float, when: tuple[str, ...], then: str | None,
+            pictures: bool) -> str:
     lines = [f"program = {TOOL}", r"directory = C:\windows\system32", f"arguments = {arguments}", r"report = C:\lab\report.json",
              f"timeout = {int(timeout * 1000)}", f"hold = {int(hold * 1000)}"]
     lines += [f"start = {program}" for program in machine.data["running"]]
     lines += [f"held = {path}" for path in machine.data["held"]]
     lines += [f"registry = {line}" for line in late]
     lines += [f"when = {line}" for line in when]
+    if then is not None:
+        lines.append(f"then = {then}")
     if pictures:
         lines.append(r"pictures = C:\lab\pictures")
     if machine.data["own_adapter"]:
@@ -114,7 +117,7 @@ class Run:
         self.stack.callback(web.close)
         return web
 
-    def execute(self, arguments: str, timeout: float, hold: float, when: tuple[str, ...]) -> Result:
+    def execute(self, arguments: str, timeout: float, hold: float, when: tuple[str, ...], then: str | None) -> Result:
         started = time.monotonic()
         with self.stack:
             web = self._start_server()
@@ -124,7 +127,7 @@ class Run:
             if self.pictures:
                 self._prepare_pictures(prefix)
             before = state.read(prefix.drive, system)
-            orders = _orders(self.machine, arguments, late, timeout, hold, when, self.pictures is not None)
+            orders = _orders(self.machine, arguments, late, timeout, hold, when, then, self.pictures is not None)
             (prefix.drive / "lab" / "watcher.txt").write_text(orders, "utf-8", "surrogatepass")
             self.stack.callback(prefix.stop)
             prefix.start()
@@ -171,11 +174,12 @@ class Run:
 
 
 def run(machine: Machine, arguments: str = "", *, timeout: float = 60, hold: float = 0, when: tuple[str, ...] | list[str] = (),
-        pictures: pathlib.Path | str | None = None, keep: bool = False) -> Result:
-    """Runs the tool. The machine is removed afterwards unless it is to be kept; it is kept when something goes wrong."""
+        then: str | None = None, pictures: pathlib.Path | str | None = None, keep: bool = False) -> Result:
+    """Runs the tool, and with `then` once more, undisturbed and with these arguments, when it has ended. The machine is
+    removed afterwards unless it is to be kept; it is kept when something goes wrong."""
     one = Run(machine, pathlib.Path(pictures) if pictures else None)
     try:
-        result = one.execute(arguments, timeout, hold, tuple(when))
+        result = one.execute(arguments, timeout, hold, tuple(when), then)
     except PermissionError:
         remove_folder(one.folder)
         raise

@@ -53,6 +53,16 @@ def test_log_survives_a_kill(lab):
     assert result.status_texts == [CHECKING, DOWNLOADING]
 
 
+def test_second_run_is_undisturbed(lab):
+    """The rule kills every run at its first call; the last action would kill the second one."""
+    result = lab.run({"faults": ["setupapi!SetupDiGetClassDevsW 1 exit=77"]}, "-FORCE", then="-SILENT",
+                     when=["text Installing : kill 78"])
+    lab.check(exit_code=77, boxes=[], log=opening("-FORCE"), after={"products": ["Tavik Halden 24.20"]})
+    assert [(one["arguments"], one["exit_code"]) for one in result.instances] == [("-FORCE", 77), ("-SILENT", 0)]
+    assert result.logs[1][:2] == opening("-SILENT") and len(result.logs) == 2
+    assert result.boxes == [] and result.actions == []
+
+
 def test_run_has_a_time_limit(lab):
     result = lab.run("compatible.toml", hold=100, timeout=1.5)
     assert result.timed_out and result.boxes[0]["text"] == SAME_RELEASE[1]

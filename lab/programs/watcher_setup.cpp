@@ -108,6 +108,8 @@ Orders ReadOrders(const wchar_t* path)
             orders.timeoutMs = std::wcstoul(value.c_str(), nullptr, 10);
         else if (name == L"hold")
             orders.holdMs = std::wcstoul(value.c_str(), nullptr, 10);
+        else if (name == L"then")
+            orders.then = value;
         else if (name == L"own-adapter")
             orders.showOwnAdapter = value == L"shown";
         else if (name == L"when")

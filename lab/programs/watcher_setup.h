@@ -1,5 +1,6 @@
 // What the watcher is told to do, and the part of the machine that can only be set up while Wine runs.
 #pragma once
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,7 @@ struct Orders
     std::vector<std::wstring> held;      // files that stay open, without sharing, for the whole run
     std::vector<std::wstring> registry;  // <key below HKLM> TAB <value> TAB <type> TAB <hexadecimal bytes>
     std::vector<When> whens;             // <trigger> : <action>
+    std::optional<std::wstring> then;    // arguments of an undisturbed run after all others have ended
     unsigned long timeoutMs = 60000;
     unsigned long holdMs = 0;
     bool showOwnAdapter = false;
