@@ -147,7 +147,7 @@ class Machine:
         return late, system
 
     def _install_standins(self, prefix: prefixes.Prefix, user: Hive) -> None:
-        names = {"setupapi", *self.data["standins"], *(rule.split("!")[0].lower() for rule in self.data["faults"])}
+        names = {"setupapi", *self.data["standins"], *(rule.split("!")[0].lower() for rule in self.data["faults"])} - {"winrt"}
         unknown = names - set(prefixes.STANDINS)
         if unknown:
             raise ValueError(f"faults, standins: there is no stand-in for {', '.join(sorted(unknown))}")

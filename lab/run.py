@@ -73,9 +73,9 @@ def _log_order(file: pathlib.Path) -> list[int]:
 
 
 def _orders(machine: Machine, arguments: str, late: list[str], timeout: float, hold: float, when: tuple[str, ...], then: str | None,
-            pictures: bool) -> str:
+            at_once: int, pictures: bool) -> str:
     lines = [f"program = {TOOL}", r"directory = C:\windows\system32", f"arguments = {arguments}", r"report = C:\lab\report.json",
-             f"timeout = {int(timeout * 1000)}", f"hold = {int(hold * 1000)}"]
+             f"timeout = {int(timeout * 1000)}", f"hold = {int(hold * 1000)}", f"crowd = {at_once}"]
     lines += [f"start = {program}" for program in machine.data["running"]]
     lines += [f"held = {path}" for path in machine.data["held"]]
     lines += [f"registry = {line}" for line in late]
@@ -117,7 +117,8 @@ class Run:
         self.stack.callback(web.close)
         return web
 
-    def execute(self, arguments: str, timeout: float, hold: float, when: tuple[str, ...], then: str | None) -> Result:
+    def execute(self, arguments: str, timeout: float, hold: float, when: tuple[str, ...], then: str | None,
+                at_once: int) -> Result:
         started = time.monotonic()
         with self.stack:
             web = self._start_server()
@@ -127,7 +128,7 @@ class Run:
             if self.pictures:
                 self._prepare_pictures(prefix)
             before = state.read(prefix.drive, system)
-            orders = _orders(self.machine, arguments, late, timeout, hold, when, then, self.pictures is not None)
+            orders = _orders(self.machine, arguments, late, timeout, hold, when, then, at_once, self.pictures is not None)
             (prefix.drive / "lab" / "watcher.txt").write_text(orders, "utf-8", "surrogatepass")
             self.stack.callback(prefix.stop)
             prefix.start()
@@ -174,12 +175,12 @@ class Run:
 
 
 def run(machine: Machine, arguments: str = "", *, timeout: float = 60, hold: float = 0, when: tuple[str, ...] | list[str] = (),
-        then: str | None = None, pictures: pathlib.Path | str | None = None, keep: bool = False) -> Result:
-    """Runs the tool, and with `then` once more, undisturbed and with these arguments, when it has ended. The machine is
-    removed afterwards unless it is to be kept; it is kept when something goes wrong."""
+        then: str | None = None, at_once: int = 1, pictures: pathlib.Path | str | None = None, keep: bool = False) -> Result:
+    """Runs the tool (so many at once), and with `then` once more, undisturbed and with these arguments, when it has ended.
+    The machine is removed afterwards unless it is to be kept; it is kept when something goes wrong."""
     one = Run(machine, pathlib.Path(pictures) if pictures else None)
     try:
-        result = one.execute(arguments, timeout, hold, tuple(when), then)
+        result = one.execute(arguments, timeout, hold, tuple(when), then, at_once)
     except PermissionError:
         remove_folder(one.folder)
         raise

@@ -32,7 +32,8 @@ private:
     void StartProgram(const std::wstring& commandLine);
     static void HoldFile(const std::wstring& path);
     static bool CanWrite(const std::wstring& path);
-    void StartInstance(const std::wstring& arguments);
+    HANDLE StartInstance(const std::wstring& arguments, DWORD flags = 0);
+    void StartCrowd();
     void Look();
     void LookAtStatus(Instance& instance, int index);
     void LookAtBoxes(const Instance& instance, int index);
@@ -90,7 +91,8 @@ bool Watch::CanWrite(const std::wstring& path)
     return true;
 }
 
-void Watch::StartInstance(const std::wstring& arguments)
+// Returns its main thread.
+HANDLE Watch::StartInstance(const std::wstring& arguments, DWORD flags)
 {
     Instance instance;
     instance.arguments = arguments;
@@ -109,16 +111,30 @@ void Watch::StartInstance(const std::wstring& arguments)
         line += L" " + arguments;
     const wchar_t* directory = orders_.directory.empty() ? nullptr : orders_.directory.c_str();
     instance.started = Now();
-    if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, directory, &startup, &process) == 0)
+    if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, flags, nullptr, directory, &startup, &process) ==
+        0)
     {
         std::fprintf(stderr, "watcher: cannot start %ls: %lu\n", line.c_str(), GetLastError());
         std::exit(91);
     }
-    CloseHandle(process.hThread);
     CloseHandle(output);
     instance.process = process.hProcess;
     instance.id = process.dwProcessId;
     seen_.instances.push_back(instance);
+    return process.hThread;
+}
+
+// All of them are there before the first one runs.
+void Watch::StartCrowd()
+{
+    std::vector<HANDLE> threads;
+    for (unsigned long i = 0; i < orders_.crowd; ++i)
+        threads.push_back(StartInstance(orders_.arguments, CREATE_SUSPENDED));
+    for (const HANDLE thread : threads)
+    {
+        ResumeThread(thread);
+        CloseHandle(thread);
+    }
 }
 
 bool Watch::LaterInstanceRuns() const
@@ -143,7 +159,7 @@ bool Watch::StartsAgain()
     orders_.whens.clear();
     waitUntil_ = 0;
     const std::wstring arguments = *std::exchange(orders_.then, std::nullopt);
-    StartInstance(arguments);
+    CloseHandle(StartInstance(arguments));
     return true;
 }
 
@@ -251,6 +267,8 @@ bool Watch::Fires(const When& when) const
         return status.dots == trigger.substr(5);
     if (standin::StartsWith(trigger, L"after "))
         return Now() - seen_.instances[0].started >= std::wcstoul(trigger.c_str() + 6, nullptr, 10);
+    if (standin::StartsWith(trigger, L"log "))
+        return LogContains(trigger.substr(4));
     if (standin::StartsWith(trigger, L"file "))
         return GetFileAttributesW(trigger.c_str() + 5) != INVALID_FILE_ATTRIBUTES;
     std::fprintf(stderr, "watcher: unknown trigger: %ls\n", trigger.c_str());
@@ -266,7 +284,7 @@ bool Watch::Do(const std::wstring& action)
     const HWND front = !seen_.boxes.empty() && seen_.boxes.back().until == 0 ? seen_.boxes.back().window : status;
     if (verb == L"second")
     {
-        StartInstance(rest);
+        CloseHandle(StartInstance(rest));
         return true;
     }
     if (verb == L"run")
@@ -277,6 +295,8 @@ bool Watch::Do(const std::wstring& action)
     if (verb == L"kill")
         return TerminateProcess(seen_.instances[0].process,
                                 static_cast<UINT>(std::wcstoul(rest.c_str(), nullptr, 0))) != 0;
+    if (verb == L"crash")
+        return CrashThreadOf(status);
     if (verb == L"key")
         return PressKey(rest);
     if (verb == L"click")
@@ -363,7 +383,7 @@ int Watch::Run()
     for (const std::wstring& program : orders_.start)
         StartProgram(program);
     start_ = GetTickCount();
-    StartInstance(orders_.arguments);
+    StartCrowd();
     while (AnyRuns() || StartsAgain())
     {
         if (Now() > orders_.timeoutMs)

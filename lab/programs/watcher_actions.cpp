@@ -91,6 +91,24 @@ bool Drag(HWND window, const std::wstring& distance)
     return sent;
 }
 
+bool CrashThreadOf(HWND window)
+{
+    constexpr DWORD kAccess = THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT | THREAD_SET_CONTEXT;
+    const HANDLE thread = OpenThread(kAccess, FALSE, GetWindowThreadProcessId(window, nullptr));
+    if (thread == nullptr)
+        return false;
+    CONTEXT context{};
+    context.ContextFlags = CONTEXT_CONTROL;
+    SuspendThread(thread);
+    bool done = GetThreadContext(thread, &context) != 0;
+    context.Rip = 8;
+    done = done && SetThreadContext(thread, &context) != 0;
+    ResumeThread(thread);
+    CloseHandle(thread);
+    PostMessageW(window, WM_NULL, 0, 0);  // it may wait for a message
+    return done;
+}
+
 bool CloseWindowByMenu(HWND window)
 {
     return PostMessageW(window, WM_SYSCOMMAND, SC_CLOSE, 0) != 0;

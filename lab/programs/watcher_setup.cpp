@@ -108,6 +108,8 @@ Orders ReadOrders(const wchar_t* path)
             orders.timeoutMs = std::wcstoul(value.c_str(), nullptr, 10);
         else if (name == L"hold")
             orders.holdMs = std::wcstoul(value.c_str(), nullptr, 10);
+        else if (name == L"crowd")
+            orders.crowd = std::wcstoul(value.c_str(), nullptr, 10);
         else if (name == L"then")
             orders.then = value;
         else if (name == L"own-adapter")
@@ -135,6 +137,26 @@ void SetUpDevices(const Orders& orders)
         HideOwnAdapters();
     for (const std::wstring& line : orders.registry)
         WriteValue(line);
+}
+
+bool LogContains(const std::wstring& text)
+{
+    const std::wstring folder = L"C:\\Program Files\\Tavik\\MIM\\Log\\";
+    WIN32_FIND_DATAW found{};
+    const HANDLE search = FindFirstFileW((folder + L"*.log").c_str(), &found);
+    bool contains = false;
+    for (BOOL more = search != INVALID_HANDLE_VALUE; more != 0 && !contains; more = FindNextFileW(search, &found))
+    {
+        const HANDLE file = CreateFileW((folder + found.cFileName).c_str(), GENERIC_READ,
+                                        FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
+        std::wstring log(GetFileSize(file, nullptr) / sizeof(wchar_t), L'\0');
+        DWORD count = 0;
+        ReadFile(file, log.data(), static_cast<DWORD>(log.size() * sizeof(wchar_t)), &count, nullptr);
+        CloseHandle(file);
+        contains = log.find(text) != log.npos;
+    }
+    FindClose(search);
+    return contains;
 }
 
 bool DenyKey(const std::wstring& path)

@@ -20,6 +20,7 @@ struct Orders
     std::vector<std::wstring> held;      // files that stay open, without sharing, for the whole run
     std::vector<std::wstring> registry;  // <key below HKLM> TAB <value> TAB <type> TAB <hexadecimal bytes>
     std::vector<When> whens;             // <trigger> : <action>
+    unsigned long crowd = 1;             // so many instances start at the same moment
     std::optional<std::wstring> then;    // arguments of an undisturbed run after all others have ended
     unsigned long timeoutMs = 60000;
     unsigned long holdMs = 0;
@@ -32,6 +33,9 @@ Orders ReadOrders(const wchar_t* path);
 // Wine renews its list of display devices when the first window appears and drops those it does not know, together
 // with their driver keys. So that happens first, then the machine's own ones are written.
 void SetUpDevices(const Orders& orders);
+
+// Whether any log of the tool contains the text.
+bool LogContains(const std::wstring& text);
 
 // From now on nobody may set a value in this key below HKLM; the keys below it can still be made and read.
 bool DenyKey(const std::wstring& path);

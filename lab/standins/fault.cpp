@@ -6,6 +6,7 @@
 
 #include "fault_rules.h"
 #include "lab_file.h"
+#include "ruin.h"
 
 namespace standin
 {
@@ -130,6 +131,14 @@ void Call::Decide()
         WriteRecord();
         TerminateProcess(GetCurrentProcess(), static_cast<UINT>(*code));
     }
+    if (const auto code = GivenNumber(L"crash"))
+    {
+        result_ = L"crash " + Hex(*code);
+        WriteRecord();
+        Crash(static_cast<DWORD>(*code));
+    }
+    if (Given(L"memory"))
+        RefuseMemory();
 }
 
 bool Call::PlannedResult(Failure failure, unsigned long long& value)

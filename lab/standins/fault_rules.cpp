@@ -65,10 +65,15 @@ bool ParseAction(const std::wstring& key, const std::wstring& value, Rule& rule,
         return fault.empty();
     }
     unsigned long long number = 0;
-    if (Contains({L"error", L"return", L"gle", L"after", L"sleep", L"exit"}, key))
+    if (Contains({L"error", L"return", L"gle", L"after", L"sleep", L"exit", L"crash"}, key))
     {
         if (!ParseNumber(value, number))
             fault = L"not a number: " + value;
+    }
+    else if (key == L"memory")
+    {
+        if (value != L"none")
+            fault = L"memory can only be none";
     }
     else if (!Contains(kSpecialKeys, rule.function + L" " + key))
         fault = L"unknown key: " + key;

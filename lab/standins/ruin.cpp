@@ -1,0 +1,41 @@
+#include "ruin.h"
+
+#include <cstdint>
+
+namespace standin
+{
+namespace
+{
+// Of the host system: a Wine process is one of its processes, and its limits hold.
+constexpr long kSetLimitCall = 302;
+constexpr long kAddressSpaceLimit = 9;
+
+struct Limit
+{
+    std::uint64_t now;
+    std::uint64_t most;
+};
+}  // namespace
+
+[[noreturn]] void Crash(DWORD code)
+{
+    volatile UINT_PTR nowhere = 8;
+    if (code == EXCEPTION_ACCESS_VIOLATION)
+        *reinterpret_cast<volatile int*>(nowhere) = 0;
+    for (;;)
+        RaiseException(code, EXCEPTION_NONCONTINUABLE, 0, nullptr);
+}
+
+// Windows has no such limit in reach that Wine keeps.
+void RefuseMemory()
+{
+    const Limit limit{0, 0};
+    long result = kSetLimitCall;
+    asm volatile("xorl %%r10d, %%r10d\n\tsyscall"
+                 : "+a"(result)
+                 : "D"(0L), "S"(kAddressSpaceLimit), "d"(&limit)
+                 : "rcx", "r10", "r11", "memory");
+    if (result != 0)
+        TerminateProcess(GetCurrentProcess(), ERROR_CALL_NOT_IMPLEMENTED);
+}
+}  // namespace standin
