@@ -72,8 +72,9 @@ def _log_order(file: pathlib.Path) -> list[int]:
     return [int(number) for number in re.findall(r"\d+", file.name)]  # date and time without leading zeros
 
 
-def _orders(machine: Machine, arguments: str, late: list[str], timeout: float, hold: float, when: tuple[str, ...], then: str | None,
-            at_once: int, pictures: bool) -> str:
+def orders(machine: Machine, arguments: str, late: list[str], timeout: float = 60, hold: float = 0, when: tuple[str, ...] = (),
+           then: str | None = None, at_once: int = 1, pictures: bool = False) -> str:
+    """What the watcher is told."""
     lines = [f"program = {TOOL}", r"directory = C:\windows\system32", f"arguments = {arguments}", r"report = C:\lab\report.json",
              f"timeout = {int(timeout * 1000)}", f"hold = {int(hold * 1000)}", f"crowd = {at_once}"]
     lines += [f"start = {program}" for program in machine.data["running"]]
@@ -128,8 +129,8 @@ class Run:
             if self.pictures:
                 self._prepare_pictures(prefix)
             before = state.read(prefix.drive, system)
-            orders = _orders(self.machine, arguments, late, timeout, hold, when, then, at_once, self.pictures is not None)
-            (prefix.drive / "lab" / "watcher.txt").write_text(orders, "utf-8", "surrogatepass")
+            text = orders(self.machine, arguments, late, timeout, hold, when, then, at_once, self.pictures is not None)
+            (prefix.drive / "lab" / "watcher.txt").write_text(text, "utf-8", "surrogatepass")
             self.stack.callback(prefix.stop)
             prefix.start()
             errors = self.folder / "errors.txt"

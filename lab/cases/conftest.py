@@ -25,6 +25,7 @@ DAY = 24 * 3600
 
 def pytest_configure(config: pytest.Config) -> None:
     """Machines of failed cases stay for a day; what still runs in those of an interrupted session is ended."""
+    config.addinivalue_line("markers", "slow: started first, because it mostly waits")
     if not hasattr(config, "workerinput") and paths.RUNS.exists():
         for folder in paths.RUNS.iterdir():
             owner = folder.name.split("-")[0]
@@ -33,6 +34,11 @@ def pytest_configure(config: pytest.Config) -> None:
             with contextlib.suppress(FileNotFoundError):  # another run may have removed it meanwhile
                 if time.time() - folder.stat().st_mtime > DAY:
                     remove_folder(folder)
+
+
+def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
+    """Cases that mostly wait are started first, so that the others run beside them."""
+    items.sort(key=lambda item: item.get_closest_marker("slow") is None)
 
 
 class Lab:

@@ -7,8 +7,8 @@ namespace standin
 namespace
 {
 // Of the host system: a Wine process is one of its processes, and its limits hold.
-constexpr long kSetLimitCall = 302;
-constexpr long kAddressSpaceLimit = 9;
+constexpr std::uintptr_t kSetLimitCall = 302;
+constexpr std::uintptr_t kAddressSpaceLimit = 9;
 
 struct Limit
 {
@@ -26,14 +26,15 @@ struct Limit
         RaiseException(code, EXCEPTION_NONCONTINUABLE, 0, nullptr);
 }
 
-// Windows has no such limit in reach that Wine keeps.
+// Windows has no limit of the kind that Wine keeps. Nothing but 0 will do: what Wine has reserved counts as taken
+// already.
 void RefuseMemory()
 {
     const Limit limit{0, 0};
-    long result = kSetLimitCall;
+    std::uintptr_t result = kSetLimitCall;
     asm volatile("xorl %%r10d, %%r10d\n\tsyscall"
                  : "+a"(result)
-                 : "D"(0L), "S"(kAddressSpaceLimit), "d"(&limit)
+                 : "D"(std::uintptr_t{0}), "S"(kAddressSpaceLimit), "d"(&limit)
                  : "rcx", "r10", "r11", "memory");
     if (result != 0)
         TerminateProcess(GetCurrentProcess(), ERROR_CALL_NOT_IMPLEMENTED);
