@@ -21,7 +21,8 @@ INF = r"Found driver {store1}\u0400001.inf. Version [24.20.11.01-240619a]"
 
 
 def with_debugger(machine: dict[str, Any]) -> dict[str, Any]:
-    key = {r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\AeDebug": {"Debugger": f"{DEBUGGER} -p %ld -e %ld -g", "Auto": "1"},
+    command = {"Debugger": f"{DEBUGGER} -p %ld -e %ld -g", "Auto": "1"}
+    key = {r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\AeDebug": command,
            r"HKCU\Software\Wine\WineDbg": {"ShowCrashDialog": 1}}
     return {**machine, "registry": {**machine.get("registry", {}), **key},
             "files": {**machine.get("files", {}), DEBUGGER: {"program": "CorvelSettings.exe"}}}
@@ -30,11 +31,11 @@ def with_debugger(machine: dict[str, Any]) -> dict[str, Any]:
 def check_end(lab, log: list[str], **more: Any) -> None:
     lab.check(exit_code=QUIET_END, boxes=[], log=log, **more)
     assert [line for line in lab.result.programs if "debugger" in line.lower()] == []
-    assert "Unhandled" not in lab.result.errors
+    assert (lab.result.output, "Unhandled" in lab.result.errors) == ([""], False)  # a C runtime's own end says something
 
 
-def crash(machine: dict[str, Any], call: str, code: str = BAD_ADDRESS, **options: Any) -> dict[str, Any]:
-    return with_debugger({**machine, "faults": [*options.get("also", []), f"{call} crash={code}"]})
+def crash(machine: dict[str, Any], call: str, code: str = BAD_ADDRESS) -> dict[str, Any]:
+    return with_debugger({**machine, "faults": [f"{call} crash={code}"]})
 
 
 def direct(**changes: Any) -> dict[str, Any]:
@@ -89,14 +90,11 @@ def test_a_crash_of_the_status_window(lab):
     assert result.instances[0]["ended"] - result.actions[0]["at"] < 5000
 
 
-@pytest.mark.parametrize("machine, left, log", [
-    (store_only(package(completion="later:300"), service={"completion": "later:300"}), [CORVEL], [*until_query(), has(), ATTEMPT])])
-def test_a_crash_of_a_thread_of_the_system(lab, machine, left, log):
+def test_a_crash_of_a_thread_of_the_system(lab):
     """The main thread waits without limit for what this thread was to say."""
-    result = lab.run(crash(machine, "winrt!calls 1"))
-    lab.check(exit_code=QUIET_END, boxes=[], log=log)
-    check_end(lab, log)
-    assert result.store_left == left
+    result = lab.run(crash(store_only(package(), service={"completion": "later:300"}), "winrt!calls 1"))
+    check_end(lab, [*until_query(), has(), ATTEMPT])
+    assert result.store_left == [CORVEL]
 
 
 # No memory left
@@ -118,7 +116,8 @@ def test_no_memory_for_a_download_is_caught(lab):
     lab.run(with_debugger(machine), "-SILENT")
     lab.check(exit_code=-1, boxes=[], after=UNTOUCHED, log=[
         *opening("-SILENT"), *inventory(), *download()[:3],
-        "\tException occured during the download of dwx2_install.exe. std::bad_alloc", "Unable to download dwx2_install.exe from web. Exiting."])
+        "\tException occured during the download of dwx2_install.exe. std::bad_alloc",
+        "Unable to download dwx2_install.exe from web. Exiting."])
 
 
 # How quickly

@@ -175,6 +175,8 @@ def test_rule_can_end_the_process(machine: Machine):
     ("setupapi!SetupDiGetClassDevsW 1 error=five", "not a number: five"),
     ("setupapi!SetupDiGetClassDevsW 1 error=5 error=6", "given twice: error"),
     ("setupapi!SetupDiGetClassDevsW 1 count=5", "unknown key: count"),  # belongs to another function
+    ("setupapi!SetupDiGetClassDevsW 1 crash=hard", "not a number: hard"),
+    ("setupapi!SetupDiGetClassDevsW 1 memory=some", "memory can only be none"),
 ])
 def test_rule_that_cannot_be_understood_is_reported(machine: Machine, rule: str, why: str):
     machine.write("standins/faults.txt", "# comment", rule)
@@ -329,6 +331,23 @@ def test_line_that_cannot_be_understood_stops_everything(machine: Machine, line:
     machine.write("standins/store.txt", "[package]", line)
     assert machine.run("winrt_probe", "query")[1] == ["activation: 0x8007000D"]
     assert machine.lines("standins/winrt-calls.txt")[0].startswith("!bad line 2 of store.txt: ")
+
+
+@pytest.mark.parametrize("rule", ["winrt!FindPackages 1", "winrt!FindPackages 0 exit=9", "winrt!FindPackages 1 error=9",
+                                  "winrt!FindPackages 1 exit=nine", "winrt!FindPackages 1 exit=9 crash=9"])
+def test_rule_of_the_component_that_cannot_be_understood_is_reported(machine: Machine, rule: str):
+    machine.write("standins/faults.txt", "# comment", rule)
+    machine.run("winrt_probe", "query")
+    assert machine.lines("standins/winrt-calls.txt")[0] == "!bad rule in line 2"
+
+
+def test_rule_of_the_component_ends_the_process(machine: Machine):
+    """At the second line that has the word, not at one that has it further on."""
+    machine.write("standins/store.txt", "[package]", "name = MoveNext_1", "version = 1.2.3.4", "[package]", "name = Two_1")
+    machine.write("standins/faults.txt", "winrt!MoveNext 2 exit=77")
+    assert machine.run("winrt_probe", "query")[0] == 77
+    lines = [line.split(" ")[0] for line in machine.lines("standins/winrt-calls.txt")]
+    assert lines.count("MoveNext") == 2 and lines[-1] == "MoveNext"
 
 
 # The application's programs.

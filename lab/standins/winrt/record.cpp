@@ -60,7 +60,7 @@ std::vector<Rule> ReadRules()
         if (equal != std::wstring::npos)
             rule.what = words[2].substr(0, equal);
         if ((rule.what == L"exit" || rule.what == L"crash") && standin::ParseNumber(words[1], rule.left) &&
-            standin::ParseNumber(words[2].substr(equal + 1), rule.code))
+            rule.left > 0 && standin::ParseNumber(words[2].substr(equal + 1), rule.code))
         {
             rule.word = words[0];
             rules.push_back(rule);
