@@ -71,10 +71,9 @@ std::vector<Rule> ReadRules()
     return rules;
 }
 
-void FollowRules(const std::wstring& text)
+void FollowRules(std::vector<Rule>& rules, const std::wstring& text)
 {
     static std::mutex mutex;
-    static std::vector<Rule>& rules = *new std::vector<Rule>(ReadRules());
     if (rules.empty())
         return;
     const std::scoped_lock lock(mutex);
@@ -92,8 +91,9 @@ void FollowRules(const std::wstring& text)
 
 void Record(const std::wstring& text)
 {
+    static std::vector<Rule>& rules = *new std::vector<Rule>(ReadRules());
     TheJournal().Append(text + L" thread=" + std::to_wstring(ThreadNumber()));
-    FollowRules(text);
+    FollowRules(rules, text);
 }
 
 HRESULT Record(const std::wstring& text, HRESULT result)
