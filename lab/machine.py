@@ -27,6 +27,7 @@ DEFAULTS: dict[str, Any] = {
     "remove": [],
     "read_only": [],
     "held": [],
+    "hollow": [],
     "running": [],
     "programs": {},
     "installer": {},
@@ -39,7 +40,7 @@ DEFAULTS: dict[str, Any] = {
 }
 DESKTOP_KEYS = {"release", "families", "folder", "packages"}
 STORE_KEYS = {"registered", "manager", "service", "packages"}
-SERVER_KEYS = {"reach", "folder", "certificate", "answers"}
+SERVER_KEYS = {"reach", "folder", "certificate", "tls", "also_plain", "answers"}
 CLASSES = ("Windows.Management.Deployment.PackageManager", "Windows.Services.Store.StoreContext")
 
 
@@ -61,6 +62,8 @@ class Server:
     reach: str = "override"
     folder: str = "http://{server}" + SERVER_PATH
     certificate: str = "good"
+    tls: str = ""  # versions as nginx names them, or "none": plain HTTP; without it the maker's address has TLS, others not
+    also_plain: bool = False  # the maker's address answers on port 80 too
     answers: list[Answer] = dataclasses.field(default_factory=list)
 
 

@@ -14,6 +14,7 @@ import time
 from lab import certificates, paths, prefix as prefixes, state
 from lab.display import Display, Photographer
 from lab.hive import Hive
+from lab.hollow import Hollow
 from lab.machine import Machine
 from lab.result import Result
 from lab.server.web import WebServer
@@ -104,14 +105,18 @@ class Run:
         server = self.machine.server
         if server.reach == "none":
             return None
-        if server.reach == "override":
-            web = WebServer(self.folder / "server", server.answers)
+        default = server.reach == "default"
+        secure = server.tls != "none" and (default or bool(server.tls))
+        options = {"certificate": server.certificate if secure else "", "protocols": server.tls if secure else "",
+                   "also_plain": server.also_plain, "tool_log": self.folder / "prefix" / "drive_c" / LOGS}
+        if not default:
+            web = WebServer(self.folder / "server", server.answers, **options)
         else:
             obstacle = private_hosts_obstacle()
             if obstacle:
                 raise PermissionError(obstacle)
             address = default_address()
-            web = WebServer(self.folder / "server", server.answers, address, server.certificate)
+            web = WebServer(self.folder / "server", server.answers, address=address, port=443, **options)
             hosts = self.folder / "hosts"
             hosts.write_text(f"127.0.0.1 localhost\n{address} {certificates.HOST}\n", "ascii")
             self.launcher = ("unshare", "--mount", "sh", "-c", 'mount --bind "$0" /etc/hosts && exec "$@"', str(hosts))
@@ -131,6 +136,8 @@ class Run:
             before = state.read(prefix.drive, system)
             text = orders(self.machine, arguments, late, timeout, hold, when, then, at_once, self.pictures is not None)
             (prefix.drive / "lab" / "watcher.txt").write_text(text, "utf-8", "surrogatepass")
+            hollow = Hollow([prefix.windows_path(path) for path in self.machine.data["hollow"]])
+            self.stack.callback(hollow.close)
             self.stack.callback(prefix.stop)
             prefix.start()
             errors = self.folder / "errors.txt"
@@ -140,7 +147,8 @@ class Run:
                 raise RuntimeError(f"the watcher ended with {code}: {errors.read_text('utf-8', 'replace')[:2000]}")
             if web:
                 web.close()
-        return self._collect(prefix, web, address, before, errors, time.monotonic() - started)
+            hollow.close()
+        return self._collect(prefix, web, address, before, errors, hollow.most, time.monotonic() - started)
 
     def _store_left(self, state_file: pathlib.Path) -> list[str]:
         """The stand-in writes the file when something changes."""
@@ -157,7 +165,7 @@ class Run:
         self.stack.callback(self.photographer.close)
 
     def _collect(self, prefix: prefixes.Prefix, web: WebServer | None, address: str, before: state.State, errors: pathlib.Path,
-                 seconds: float) -> Result:
+                 disk_used: int, seconds: float) -> Result:
         lab = prefix.drive / "lab"
         report = json.loads((lab / "report.json").read_text("utf-8"))
         logs = [read_log(file) for file in sorted((prefix.drive / LOGS).glob("*.log"), key=_log_order)]
@@ -172,6 +180,7 @@ class Run:
             after=state.read(prefix.drive, Hive(prefix.path / "system.reg")),
             output=[file.read_bytes().decode("utf-8", "replace") for file in sorted(lab.glob("output-*.txt"))],
             errors=errors.read_text("utf-8", "replace") if errors.exists() else "", server=address, seconds=seconds,
+            disk_used=disk_used,
             pictures=self.photographer.taken if self.pictures else [], prefix=str(self.folder))
 
 

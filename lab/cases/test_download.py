@@ -1,48 +1,14 @@
 """The download: where from, what the server may answer, what is asked of the system, and every way to fail."""
 from __future__ import annotations
 
-import pathlib
 import re
 import zlib
 
 import pytest
 
-from expect import DOWNLOAD_FAILED, DOWNLOADING, INSTALL_FAILED, TEMP, download, inventory, opening
-
-SERVER_PATH = "/drivers/installer/vlt/"
-PATH = f"{SERVER_PATH}24.20/dwx2_install.txt"
-URL = "http://{server}" + PATH
-FOLDER = TEMP + "Tavik_VLTInstallerDownload"
-FINAL = FOLDER + "\\dwx2_install.exe"
-TEMPORARY = FINAL + ".tmp"
-UNTOUCHED = {"products": ["Tavik Halden 23.40"], "values": {r"Software\Tavik\HL\HLVersion": "23.40"}}
-NOT_DOWNLOADED = "Unable to download dwx2_install.exe from web. Exiting."
-START = download()[:2]
-# What is downloaded in most cases cannot be started, so that these end right after the download.
-NO_PROGRAM = "no program"
-AFTERWARDS = [r"Launching process {temp}Tavik_VLTInstallerDownload\dwx2_install.exe /NCRC /S -EXTRACTONLY=YES "
-              r"/D={temp}Tavik_VLTInstallerDownload\LPInstaller failed. Error code = {number} {any}",
-              r"Unable to find {temp}Tavik_VLTInstallerDownload\LPInstaller\HL\halden\halden64\dwx-next64.msi."]
-
-
-def failed(*lines: str, start: list[str] | None = None) -> dict:
-    """The whole log of a run whose download fails, its exit code and its box."""
-    log = [*opening(), *inventory(), *(START if start is None else start), *lines, NOT_DOWNLOADED]
-    return {"exit_code": -1, "boxes": [DOWNLOAD_FAILED], "log": log}
-
-
-def downloaded(size: int, start: list[str] | None = None) -> dict:
-    log = [*opening(), *inventory(), *(START if start is None else start), "Response code from server: 200",
-           f"Completed download. Total bytes downloaded: {size}", *AFTERWARDS]
-    return {"exit_code": 2, "boxes": [INSTALL_FAILED], "log": log}
-
-
-def thrown(text: str) -> str:
-    return f"\tException occured during the download of dwx2_install.exe. {text}"
-
-
-def file_of(result, path: str) -> pathlib.Path:
-    return pathlib.Path(result.prefix, "prefix", "drive_c", *path.split("\\")[1:])
+from download_machine import (FINAL, FOLDER, NO_PROGRAM, PATH, SERVER_PATH, START, TEMPORARY, UNTOUCHED, URL, answering, downloaded,
+                              failed, file_of, thrown)
+from expect import DOWNLOADING, INSTALL_FAILED
 
 
 def wininet(result, skip: tuple[str, ...] = ("InternetReadFile",)) -> list[str]:
@@ -53,10 +19,6 @@ def wininet(result, skip: tuple[str, ...] = ("InternetReadFile",)) -> list[str]:
 
 
 # Where from
-
-def answering(answer: object = None, folder: str = "http://{server}" + SERVER_PATH, path: str = PATH) -> dict:
-    return {"server": {"folder": folder, "answers": {path: {"text": NO_PROGRAM} if answer is None else answer}}}
-
 
 def test_request_as_the_server_sees_it(lab):
     result = lab.run(answering())

@@ -2,12 +2,14 @@
 from __future__ import annotations
 
 import dataclasses
+import hashlib
 import pathlib
 
 from lab import paths
 
-RAW = ("cut", "reset", "delay", "pause", "raw")  # what a real web server never does
-KEYS = {"installer", "text", "hex", "size", "status", "redirect", "rate", "type", "length", *RAW}
+# What a real web server never does.
+RAW = ("cut", "reset", "delay", "pause", "raw", "announce", "trickle", "turns")
+KEYS = {"installer", "text", "hex", "size", "status", "redirect", "rate", "type", "length", "headers", *RAW}
 
 
 @dataclasses.dataclass
@@ -28,6 +30,10 @@ class Answer:
     delay: float = 0         # seconds of silence before the answer
     pause: list[float] | None = None  # [bytes, seconds]: silence in the middle of the body
     raw: str | None = None   # the bytes sent instead of an HTTP answer
+    headers: dict[str, str] = dataclasses.field(default_factory=dict)  # further ones
+    announce: int | None = None  # Content-Length, whatever the body is
+    trickle: float = 0       # head and body byte by byte, with so many seconds between two
+    turns: int | None = None  # so many times redirected, from then on the body
 
     @staticmethod
     def of(path: str, description: object) -> "Answer":
@@ -44,13 +50,17 @@ class Answer:
 
     @property
     def needs_raw(self) -> bool:
-        return self.raw is not None or self.cut is not None or self.reset is not None or bool(self.delay) or bool(self.pause)
+        return not self.length or any(getattr(self, key) != Answer.__dataclass_fields__[key].default for key in RAW)
+
+    @property
+    def has_file(self) -> bool:
+        return bool(self.installer) or self.hex is not None or self.size is not None
 
     def body_file(self, folder: pathlib.Path) -> pathlib.Path:
         """The body as a file: an installer's own, else one made in the folder."""
         if self.installer:
             return paths.need(paths.PACKAGES / f"installer-{self.installer}.exe")
-        file = folder / ("body-" + self.path.strip("/").replace("/", "_"))
+        file = folder / f"body-{hashlib.sha1(self.path.encode()).hexdigest()[:10]}"  # a path may be too long for a name
         if self.size is not None:
             with open(file, "wb") as body:
                 body.truncate(self.size)

@@ -25,30 +25,45 @@ def _quoted(text: str) -> str:
 def _location(answer: Answer, folder: pathlib.Path) -> str:
     name = answer.path.replace("\\", "\\\\").replace('"', '\\"')  # no variables in a location's name
     lines = [f'location = "{name}" {{', f"  default_type {answer.type};"]
+    lines += [f"  add_header {_quoted(header)} {_quoted(value)} always;" for header, value in answer.headers.items()]
+    body: list[str] = []
     if answer.redirect:
         lines.append(f"  return {answer.status} {_quoted(answer.redirect)};")
-    elif answer.status != 200:
-        lines.append(f"  return {answer.status} {_quoted(answer.text or '')};")
+    elif answer.status == 200:
+        body = [f"  alias {_quoted(str(answer.body_file(folder)))};"]
+    elif answer.has_file:
+        lines += [f'  error_page {answer.status} "/page-of{name}";', f"  return {answer.status};", "}",
+                  f'location = "/page-of{name}" {{', "  internal;", f"  default_type {answer.type};"]
+        body = [f"  alias {_quoted(str(answer.body_file(folder)))};"]
     else:
-        lines.append(f"  alias {_quoted(str(answer.body_file(folder)))};")
-        if answer.rate:
-            lines.append(f"  limit_rate {answer.rate};")
-    return "\n".join([*lines, "}"])
+        lines.append(f"  return {answer.status} {_quoted(answer.text or '')};")
+    if body and answer.rate:
+        body.append(f"  limit_rate {answer.rate};")
+    return "\n".join([*lines, *body, "}"])
 
 
 class WebServer:
     """Listens as soon as it exists. `requests` lists what came in, also after close()."""
 
-    def __init__(self, folder: pathlib.Path, answers: list[Answer], address: str = "127.0.0.1", certificate: str = ""):
+    def __init__(self, folder: pathlib.Path, answers: list[Answer], *, address: str = "127.0.0.1", port: int = 0,
+                 certificate: str = "", protocols: str = "", also_plain: bool = False,
+                 tool_log: pathlib.Path | None = None):
+        """port 0: a free one. certificate: TLS is spoken, in these versions (nginx's names). also_plain: and HTTP on port 80.
+        tool_log: the folder of the tool's log, which tells the raw server how far the tool has come."""
         folder.mkdir(parents=True, exist_ok=True)
         self.folder = folder
         self.address = address
         self.log = folder / "requests.jsonl"
         self.errors = folder / "errors.log"
         self.certificate = certificate
-        raw = any(answer.needs_raw or not answer.length for answer in answers)
+        self.protocols = protocols
+        self.also_plain = also_plain
+        self.tool_log = tool_log
+        raw = any(answer.needs_raw for answer in answers)
+        if raw and (protocols or also_plain):
+            raise ValueError("server: an answer that breaks the rules comes from a server without TLS versions and second port")
         for _ in range(5):  # somebody else may take the port between the look and the start
-            self.port = 443 if certificate else self._free_port()
+            self.port = port or self._free_port()
             self.process = self._start_raw(answers) if raw else self._start_nginx(answers)
             if self._listens():
                 return
@@ -70,11 +85,15 @@ class WebServer:
         return False
 
     def _start_nginx(self, answers: list[Answer]) -> "subprocess.Popen[bytes]":
-        tls = ""
+        listen = f"listen {self.address}:{self.port}"
         if self.certificate:
             files = certificates.folder()
-            tls = f" ssl; ssl_certificate {files / self.certificate}.pem; ssl_certificate_key {files / self.certificate}.key"
-        values = {"@FOLDER@": str(self.folder), "@LISTEN@": f"{self.address}:{self.port}{tls}", "@LOG@": LOG,
+            listen += f" ssl; ssl_certificate {files / self.certificate}.pem; ssl_certificate_key {files / self.certificate}.key"
+        if self.protocols:
+            listen += f"; ssl_protocols {self.protocols}"
+        if self.also_plain:
+            listen += f"; listen {self.address}:80"
+        values = {"@FOLDER@": str(self.folder), "@LISTEN@": listen, "@LOG@": LOG,
                   "@LOCATIONS@": "\n".join(_location(answer, self.folder) for answer in answers)}
         text = (HERE / "nginx.conf.in").read_text("utf-8")
         for name, value in values.items():
@@ -91,7 +110,8 @@ class WebServer:
             if answer.raw is None:
                 item["file"] = str(answer.body_file(self.folder))
             described.append(item)
-        config = {"address": self.address, "port": self.port, "log": str(self.log), "answers": described}
+        config = {"address": self.address, "port": self.port, "log": str(self.log), "answers": described,
+                  "tool_log": str(self.tool_log or "")}
         if self.certificate:
             config["certificate"] = str(certificates.folder() / self.certificate)
         (self.folder / "raw.json").write_text(json.dumps(config), "utf-8")
