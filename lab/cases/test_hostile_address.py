@@ -69,14 +69,16 @@ def test_http_address_of_a_tls_server_on_another_port(lab):
 
 
 def test_redirect_out_of_encryption_is_followed(lab):
-    result = lab.run(own({PATH: {"redirect": f"http://{HOST}/mirror"}, "/mirror": {"text": NO_PROGRAM}}, also_plain=True))
+    answers = {PATH: {"redirect": f"http://{HOST}/mirror"}, "/mirror": {"text": NO_PROGRAM}}
+    result = lab.run(own(answers, also_plain=True))
     check_arrived(lab, 10, [f"{PATH} 302", "/mirror 200"], DEFAULT)
     assert [item["tls"] for item in result.requests] == ["TLSv1.2", ""]
 
 
 def test_redirect_into_encryption_is_followed(lab):
     folder = f"http://{HOST}{SERVER_PATH}"
-    result = lab.run(own({PATH: {"redirect": f"https://{HOST}/mirror"}, "/mirror": {"text": NO_PROGRAM}}, folder, also_plain=True))
+    answers = {PATH: {"redirect": f"https://{HOST}/mirror"}, "/mirror": {"text": NO_PROGRAM}}
+    result = lab.run(own(answers, folder, also_plain=True))
     check_arrived(lab, 10, [f"{PATH} 302", "/mirror 200"], changed(folder))
     assert [item["tls"] for item in result.requests] == ["", "TLSv1.2"]
 
@@ -157,8 +159,8 @@ def test_empty_value_does_not_mean_the_default(lab):
     check_failed(lab, not_split("24.20/dwx2_install.txt", 12006), requests=[], left=None, start=changed(""))
 
 
-@pytest.mark.parametrize("folder", ["http:///vlt/", "http:/{server}/vlt/", r"http:\\{server}\vlt" + "\\", "file:///C:/vlt/", r"C:\vlt" + "\\",
-                                    "mailto:admin@mirror.example/", "{server}" + SERVER_PATH],
+@pytest.mark.parametrize("folder", ["http:///vlt/", "http:/{server}/vlt/", "http:\\\\{server}\\vlt\\", "file:///C:/vlt/",
+                                    "C:\\vlt\\", "mailto:admin@mirror.example/", "{server}" + SERVER_PATH],
                          ids=["no host", "one slash", "backslashes", "file", "path", "mailto", "host and port"])
 def test_value_that_names_no_server(lab, folder):
     """What stands before the first colon is taken for the scheme."""
@@ -192,7 +194,8 @@ def test_value_is_used_as_it_stands(lab, folder, path, status):
     if status == 200:
         check_arrived(lab, 10, [f"{path} 200"], changed(folder))
     else:
-        check_failed(lab, *status_line(status, f"{folder}24.20/dwx2_install.txt"), requests=[f"{path} {status}"], start=changed(folder))
+        lines = status_line(status, f"{folder}24.20/dwx2_install.txt")
+        check_failed(lab, *lines, requests=[f"{path} {status}"], start=changed(folder))
 
 
 def test_host_without_a_slash_is_glued_to_the_release(lab):

@@ -8,8 +8,8 @@ import gzip
 
 import pytest
 
-from download_machine import (BEFORE, FINAL, NO_PROGRAM, PATH, START, TEMPORARY, UNTOUCHED, answering, check_arrived, check_failed,
-                              file_of, status_line)
+from download_machine import (BEFORE, FINAL, NO_PROGRAM, PATH, START, TEMPORARY, UNTOUCHED, answering, check_arrived,
+                              check_failed, file_of, status_line)
 from expect import CHECKING, DOWNLOADING, FINISHED, INSTALLING, download, install, inventory, opening, remove, stop, unpack
 
 MIB = 1 << 20

@@ -4,6 +4,7 @@ from __future__ import annotations
 import contextlib
 import json
 import pathlib
+import re
 import socket
 import subprocess
 import sys
@@ -24,7 +25,9 @@ def _quoted(text: str) -> str:
 
 def _location(answer: Answer, folder: pathlib.Path) -> str:
     name = answer.path.replace("\\", "\\\\").replace('"', '\\"')  # no variables in a location's name
-    lines = [f'location = "{name}" {{', f"  default_type {answer.type};"]
+    # nginx compares only 255 characters of a name, so a longer one is a pattern.
+    where = f'= "{name}"' if len(name) <= 255 else f'~ "^{re.escape(name)}$"'
+    lines = [f"location {where} {{", f"  default_type {answer.type};"]
     lines += [f"  add_header {_quoted(header)} {_quoted(value)} always;" for header, value in answer.headers.items()]
     body: list[str] = []
     if answer.redirect:
@@ -88,7 +91,8 @@ class WebServer:
         listen = f"listen {self.address}:{self.port}"
         if self.certificate:
             files = certificates.folder()
-            listen += f" ssl; ssl_certificate {files / self.certificate}.pem; ssl_certificate_key {files / self.certificate}.key"
+            listen += f" ssl; ssl_certificate {files / self.certificate}.pem"
+            listen += f"; ssl_certificate_key {files / self.certificate}.key"
         if self.protocols:
             listen += f"; ssl_protocols {self.protocols}"
         if self.also_plain:
