@@ -25,15 +25,28 @@ def line(key: str, name: str, value: Value | None) -> str:
     return "\t".join((key, name, str(value.kind), value.data.hex()) if value else (key,))
 
 
+def _write_parts(file: pathlib.Path, parts: list[Any]) -> None:
+    """Big files in little time: repeated texts, and holes that take no room on the disk."""
+    with open(file, "wb") as out:
+        for part in parts:
+            if isinstance(part, int):
+                out.seek(part, 1)
+            else:
+                text, times = (part, 1) if isinstance(part, str) else part
+                out.write(text.encode() * times)
+        out.truncate(out.tell())
+
+
 def write_file(file: pathlib.Path, content: Any) -> None:
-    """Text, or a table: hex, size, installer (a release), program (one of the lab's), copy (a host's file), folder = true,
-    link (a symbolic link to that path of the host: a folder that does what no folder of the machine would)."""
+    """Text, or a table: hex, size, parts (texts and how often they stand there, or a number of zero bytes), installer (a
+    release), program (one of the lab's), copy (a host's file), folder = true, link (a symbolic link to that path of the
+    host: a folder that does what no folder of the machine would)."""
     file.parent.mkdir(parents=True, exist_ok=True)
     file.unlink(missing_ok=True) if not file.is_dir() else None
     if isinstance(content, str):
         file.write_text(content, "utf-8", newline="")
         return
-    kinds = {"hex", "size", "installer", "program", "copy", "folder", "link"}
+    kinds = {"hex", "size", "parts", "installer", "program", "copy", "folder", "link"}
     if not isinstance(content, dict) or len(content) != 1 or not set(content) <= kinds:
         raise ValueError(f"{file.name}: a file is a text or a table with one of {', '.join(sorted(kinds))}")
     kind, value = next(iter(content.items()))
@@ -46,6 +59,8 @@ def write_file(file: pathlib.Path, content: Any) -> None:
     elif kind == "size":
         with open(file, "wb") as empty:
             empty.truncate(value)
+    elif kind == "parts":
+        _write_parts(file, value)
     else:
         source = {"installer": paths.PACKAGES / f"installer-{value}.exe", "program": paths.PROGRAMS / value,
                   "copy": pathlib.Path(value)}

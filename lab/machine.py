@@ -28,6 +28,7 @@ DEFAULTS: dict[str, Any] = {
     "read_only": [],
     "held": [],
     "hollow": [],
+    "shared": [],
     "running": [],
     "programs": {},
     "installer": {},
@@ -35,6 +36,8 @@ DEFAULTS: dict[str, Any] = {
     "standins": [],
     "server": {},
     "temp": "",
+    "disks": {},
+    "largest_file": 0,
     "own_adapter": False,
     "environment": {},
 }
@@ -225,9 +228,20 @@ class Machine:
                 else:
                     target.unlink()
         for path, content in self.data["files"].items():
-            adapters.write_file(prefix.windows_path(path), content)
+            if isinstance(content, dict) and set(content) <= {"link", "same"} and str(*content.values()).startswith("C:\\"):
+                self._link(prefix.windows_path(path), prefix.windows_path(*content.values()), soft="link" in content)
+            else:
+                adapters.write_file(prefix.windows_path(path), content)
+        for path in self.data["disks"]:
+            prefix.windows_path(path).mkdir(parents=True, exist_ok=True)
         for path in self.data["read_only"]:
             prefix.windows_path(path).chmod(0o444)
+
+    @staticmethod
+    def _link(place: pathlib.Path, target: pathlib.Path, soft: bool) -> None:
+        """Within the machine: a symbolic link, or a second name of the same file."""
+        place.parent.mkdir(parents=True, exist_ok=True)
+        place.symlink_to(target) if soft else place.hardlink_to(target)
 
 
 def merge(base: dict[str, Any], changes: dict[str, Any]) -> dict[str, Any]:

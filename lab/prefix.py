@@ -68,6 +68,7 @@ class Prefix:
         self.drive = self.path / "drive_c"
         self.server: subprocess.Popen[bytes] | None = None
         self.variables: dict[str, str] = {}
+        self.launcher: tuple[str, ...] = ()  # what the server is started through
 
     @classmethod
     def copy(cls, template: pathlib.Path, path: pathlib.Path) -> "Prefix":
@@ -114,7 +115,7 @@ class Prefix:
 
         It must listen before the first program starts, which would otherwise start a server of its own.
         """
-        self.server = subprocess.Popen([paths.WINESERVER, "-f", "-p"], env=self.environment(), stdin=subprocess.DEVNULL,
+        self.server = subprocess.Popen([*self.launcher, paths.WINESERVER, "-f", "-p"], env=self.environment(), stdin=subprocess.DEVNULL,
                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True,
                                        preexec_fn=None if outlives_us else end_with_parent)
         name = self.path / "wineserver"  # names the folder below TMPDIR that holds the socket

@@ -12,6 +12,7 @@ import subprocess
 import time
 
 from lab import certificates, paths, prefix as prefixes, state
+from lab.children import end_with_parent
 from lab.display import Display, Photographer
 from lab.hive import Hive
 from lab.hollow import Hollow
@@ -56,6 +57,35 @@ def private_hosts_obstacle() -> str:
     return f"the maker's own server address needs a private hosts file: {tried.stderr.strip()}" if tried.returncode else ""
 
 
+@functools.cache
+def mounting_obstacle() -> str:
+    """Why no run here can have disks of its own; empty when it can."""
+    tried = subprocess.run(["unshare", "--mount", "mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", "/tmp"], capture_output=True, text=True)
+    return f"a disk of a run's own cannot be mounted: {tried.stderr.strip()}" if tried.returncode else ""
+
+
+class Disks:
+    """File systems of a given size that only one run sees. A process that does nothing else keeps them mounted."""
+
+    SCRIPT = 'while [ $# -gt 0 ]; do mount -t tmpfs -o "size=$1" tmpfs "$2" || exit 1; shift 2; done; echo mounted; exec cat'
+
+    def __init__(self, folders: dict[pathlib.Path, int]):
+        arguments = [text for folder, size in folders.items() for text in (str(size), str(folder))]
+        self.keeper = subprocess.Popen(["unshare", "--mount", "sh", "-c", self.SCRIPT, "sh", *arguments], stdin=subprocess.PIPE,
+                                       stdout=subprocess.PIPE, stderr=subprocess.PIPE, preexec_fn=end_with_parent)
+        if self.keeper.stdout.readline() != b"mounted\n":
+            self.keeper.kill()
+            raise PermissionError(f"a disk of a run's own cannot be mounted: {self.keeper.communicate()[1].decode().strip()}")
+        self.launcher = ("nsenter", f"--mount=/proc/{self.keeper.pid}/ns/mnt", "--")
+
+    def seen(self, folder: pathlib.Path) -> pathlib.Path:
+        """The folder as it looks with the disks."""
+        return pathlib.Path(f"/proc/{self.keeper.pid}/root") / folder.relative_to("/")
+
+    def close(self) -> None:
+        self.keeper.communicate(b"")
+
+
 def _lines(file: pathlib.Path, encoding: str = "utf-8") -> list[str]:
     if not file.exists():
         return []
@@ -80,6 +110,7 @@ def orders(machine: Machine, arguments: str, late: list[str], timeout: float = 6
              f"timeout = {int(timeout * 1000)}", f"hold = {int(hold * 1000)}", f"crowd = {at_once}"]
     lines += [f"start = {program}" for program in machine.data["running"]]
     lines += [f"held = {path}" for path in machine.data["held"]]
+    lines += [f"shared = {path}" for path in machine.data["shared"]]
     lines += [f"registry = {line}" for line in late]
     lines += [f"when = {line}" for line in when]
     if then is not None:
@@ -100,6 +131,7 @@ class Run:
         self.pictures = pictures
         self.stack = contextlib.ExitStack()
         self.launcher: tuple[str, ...] = ()
+        self.disks: Disks | None = None
 
     def _start_server(self) -> WebServer | None:
         server = self.machine.server
@@ -123,6 +155,17 @@ class Run:
         self.stack.callback(web.close)
         return web
 
+    def _limit_disks(self, prefix: prefixes.Prefix) -> None:
+        """Files are opened by Wine's server and written by its clients: both have to see the disks."""
+        if self.machine.data["disks"]:
+            self.disks = Disks({prefix.windows_path(path): size for path, size in self.machine.data["disks"].items()})
+            self.stack.callback(self.disks.close)
+            prefix.launcher = self.disks.launcher
+            self.launcher = (*self.disks.launcher, *self.launcher)
+        if self.machine.data["largest_file"]:
+            script = 'trap "" XFSZ && exec prlimit "--fsize=$0" "$@"'  # the signal would end whoever writes too much
+            self.launcher = (*self.launcher, "sh", "-c", script, str(self.machine.data["largest_file"]))
+
     def execute(self, arguments: str, timeout: float, hold: float, when: tuple[str, ...], then: str | None,
                 at_once: int) -> Result:
         started = time.monotonic()
@@ -131,6 +174,7 @@ class Run:
             address = f"{web.address}:{web.port}" if web else ""
             prefix = prefixes.Prefix.copy(self.machine.template(), self.folder / "prefix")
             late, system = self.machine.install(prefix, address)
+            self._limit_disks(prefix)
             if self.pictures:
                 self._prepare_pictures(prefix)
             before = state.read(prefix.drive, system)
@@ -148,7 +192,9 @@ class Run:
             if web:
                 web.close()
             hollow.close()
-        return self._collect(prefix, web, address, before, errors, hollow.most, time.monotonic() - started)
+            drive = self.disks.seen(prefix.drive) if self.disks else prefix.drive
+            after = state.read(drive, Hive(prefix.path / "system.reg"))
+        return self._collect(prefix, web, address, before, after, errors, hollow.most, time.monotonic() - started)
 
     def _store_left(self, state_file: pathlib.Path) -> list[str]:
         """The stand-in writes the file when something changes."""
@@ -164,8 +210,8 @@ class Run:
         self.photographer = Photographer(display, prefix.drive / "lab" / "pictures", self.pictures)
         self.stack.callback(self.photographer.close)
 
-    def _collect(self, prefix: prefixes.Prefix, web: WebServer | None, address: str, before: state.State, errors: pathlib.Path,
-                 disk_used: int, seconds: float) -> Result:
+    def _collect(self, prefix: prefixes.Prefix, web: WebServer | None, address: str, before: state.State, after: state.State,
+                 errors: pathlib.Path, disk_used: int, seconds: float) -> Result:
         lab = prefix.drive / "lab"
         report = json.loads((lab / "report.json").read_text("utf-8"))
         logs = [read_log(file) for file in sorted((prefix.drive / LOGS).glob("*.log"), key=_log_order)]
@@ -177,7 +223,7 @@ class Run:
             programs=_lines(lab / "programs.txt"), installer=[line.strip() for line in _lines(installer, "utf-16-le")],
             instances=report["instances"], actions=report["actions"], started_before=report["started_before"],
             still_running=report["still_running"], event=report["event"], timed_out=report["timed_out"], before=before,
-            after=state.read(prefix.drive, Hive(prefix.path / "system.reg")),
+            after=after,
             output=[file.read_bytes().decode("utf-8", "replace") for file in sorted(lab.glob("output-*.txt"))],
             errors=errors.read_text("utf-8", "replace") if errors.exists() else "", server=address, seconds=seconds,
             disk_used=disk_used,

@@ -40,5 +40,5 @@ def read(drive: pathlib.Path, system: Hive) -> State:
             continue
         for item in [top, *sorted(top.rglob("*"))] if top.is_dir() else [top]:
             name = "C:\\" + "\\".join(item.relative_to(drive).parts)
-            files[name] = -1 if item.is_dir() else item.stat().st_size
+            files[name] = -1 if item.is_dir() else item.lstat().st_size  # a link may lead nowhere
     return State(system.below(*REGISTRY_ROOTS), sorted(packages), packages, files)

@@ -17,7 +17,7 @@ from lab import paths  # noqa: E402
 from lab.machine import Machine  # noqa: E402
 from lab.prefix import Prefix  # noqa: E402
 from lab.result import Result, render  # noqa: E402
-from lab.run import RunError, private_hosts_obstacle, remove_folder, run  # noqa: E402
+from lab.run import RunError, mounting_obstacle, private_hosts_obstacle, remove_folder, run  # noqa: E402
 from lab.state import State  # noqa: E402
 
 DAY = 24 * 3600
@@ -55,6 +55,8 @@ class Lab:
             self.machine = Machine(machine or {})
         if self.machine.server.reach == "default" and private_hosts_obstacle():
             pytest.skip(private_hosts_obstacle())
+        if self.machine.data["disks"] and mounting_obstacle():
+            pytest.skip(mounting_obstacle())
         try:
             self.result = run(self.machine, arguments, keep=True, **options)
         except RunError as error:

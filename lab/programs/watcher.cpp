@@ -2,6 +2,8 @@
 // it answers with OK) and its exit code. Orders come from C:\lab\watcher.txt, the report goes where they say, as JSON.
 #include <windows.h>
 
+#include <psapi.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
@@ -30,13 +32,14 @@ public:
 private:
     DWORD Now() const { return GetTickCount() - start_; }
     void StartProgram(const std::wstring& commandLine);
-    static void HoldFile(const std::wstring& path);
     static bool CanWrite(const std::wstring& path);
     HANDLE StartInstance(const std::wstring& arguments, DWORD flags = 0);
     void StartCrowd();
+    static void HoldFile(const std::wstring& path, DWORD sharing);
     void Look();
     void LookAtStatus(Instance& instance, int index);
     void LookAtBoxes(const Instance& instance, int index);
+    static void LookAtMemory(Instance& instance);
     void Act();
     bool Fires(const When& when) const;
     bool Do(const std::wstring& action);
@@ -71,9 +74,9 @@ void Watch::StartProgram(const std::wstring& commandLine)
 }
 
 // Its handle is closed by the end of the watcher.
-void Watch::HoldFile(const std::wstring& path)
+void Watch::HoldFile(const std::wstring& path, DWORD sharing)
 {
-    if (CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr) == INVALID_HANDLE_VALUE)
+    if (CreateFileW(path.c_str(), GENERIC_READ, sharing, nullptr, OPEN_EXISTING, 0, nullptr) == INVALID_HANDLE_VALUE)
     {
         std::fprintf(stderr, "watcher: cannot open %ls: %lu\n", path.c_str(), GetLastError());
         std::exit(91);
@@ -228,6 +231,16 @@ void Watch::LookAtBoxes(const Instance& instance, int index)
             box.until = Now();
 }
 
+// The most so far. What a process takes between the last look and its end is not seen.
+void Watch::LookAtMemory(Instance& instance)
+{
+    PROCESS_MEMORY_COUNTERS memory{};
+    memory.cb = sizeof memory;
+    if (K32GetProcessMemoryInfo(instance.process, &memory, sizeof memory) != 0 &&
+        memory.PeakWorkingSetSize > instance.peakMemory)
+        instance.peakMemory = memory.PeakWorkingSetSize;
+}
+
 void Watch::Look()
 {
     for (size_t i = 0; i < seen_.instances.size(); ++i)
@@ -238,6 +251,7 @@ void Watch::Look()
         const int index = static_cast<int>(i);
         LookAtStatus(instance, index);
         LookAtBoxes(instance, index);
+        LookAtMemory(instance);
         if (WaitForSingleObject(instance.process, 0) != WAIT_OBJECT_0)
             continue;
         GetExitCodeProcess(instance.process, &instance.exitCode);
@@ -379,7 +393,9 @@ int Watch::Run()
     }
     SetUpDevices(orders_);
     for (const std::wstring& path : orders_.held)
-        HoldFile(path);
+        HoldFile(path, 0);
+    for (const std::wstring& path : orders_.shared)
+        HoldFile(path, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
     for (const std::wstring& program : orders_.start)
         StartProgram(program);
     start_ = GetTickCount();

@@ -95,6 +95,7 @@ std::string Report(const Seen& seen)
                                 .Add("started", instance.started)
                                 .Add("ended", instance.ended)
                                 .Add("exit_code", static_cast<LONG>(instance.exitCode))
+                                .Add("peak_memory", static_cast<long long>(instance.peakMemory))
                                 .Text());
     for (const Sample& sample : seen.samples)
         samples.push_back(Describe(sample));

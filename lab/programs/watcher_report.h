@@ -23,6 +23,7 @@ struct Instance
     DWORD id = 0;
     DWORD started = 0, ended = 0;
     DWORD exitCode = 0;
+    size_t peakMemory = 0;  // bytes of its working set
     bool running = true;
     StatusView status;
     DWORD statusSince = 0;

@@ -102,6 +102,8 @@ Orders ReadOrders(const wchar_t* path)
             orders.start.push_back(value);
         else if (name == L"held")
             orders.held.push_back(value);
+        else if (name == L"shared")
+            orders.shared.push_back(value);
         else if (name == L"registry")
             orders.registry.push_back(value);
         else if (name == L"timeout")

@@ -18,6 +18,7 @@ struct Orders
     std::wstring program, arguments, directory, report, pictures;
     std::vector<std::wstring> start;     // programs that run before the tool does
     std::vector<std::wstring> held;      // files that stay open, without sharing, for the whole run
+    std::vector<std::wstring> shared;    // the same, but everybody else may read, write and delete them meanwhile
     std::vector<std::wstring> registry;  // <key below HKLM> TAB <value> TAB <type> TAB <hexadecimal bytes>
     std::vector<When> whens;             // <trigger> : <action>
     unsigned long crowd = 1;             // so many instances start at the same moment
