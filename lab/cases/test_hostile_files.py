@@ -7,7 +7,7 @@ from typing import Any
 import pytest
 
 from expect import DOWNLOAD_FAILED, FINISHED, INSTALL_FAILED, download, inventory, opening, unpack
-from hostile_machine import (AFTER, BEFORE, DOWNLOADS, EXTRACTED, FINAL, INSTALLER, MAIN_PACKAGE, NO_SERVER, QUIET_END, REPAIR,
+from hostile_machine import (AFTER, BEFORE, DOWNLOADS, EXTRACTED, FINAL, INSTALLER, MAIN_PACKAGE, NO_SERVER, REPAIR,
                              TEMPORARY, check, check_ends_without_server, download_thrown, found_there, host_path, install_thrown,
                              until_found)
 from lab import inf
@@ -42,12 +42,16 @@ def seen(version: str) -> list[str]:
     return [device[0], rf"Found driver {{store1}}\{NAME}. Version [{version}]", device[3], f"\t [Tavik Corvel 7800] [{RELEASE}] []"]
 
 
-def check_read(lab, version: str, megabytes: int = 64) -> None:
-    """The rest of the run goes its way, in little time and memory."""
-    check_ends_without_server(lab, [*opening(), *seen(version)], folder="{store1}" if version == RELEASE else "")
+def check_cost(lab, megabytes: int = 64) -> None:
     tool = lab.result.instances[0]
     assert tool["ended"] - tool["started"] < PATIENCE
     assert 0 < tool["peak_memory"] < megabytes * MEBIBYTE, "memory of the tool"
+
+
+def check_read(lab, version: str, megabytes: int = 64) -> None:
+    """The rest of the run goes its way, in little time and memory."""
+    check_ends_without_server(lab, [*opening(), *seen(version)], folder="{store1}" if version == RELEASE else "")
+    check_cost(lab, megabytes)
 
 
 def sections(count: int) -> str:
@@ -74,10 +78,18 @@ UNREADABLE = {
 }
 
 
-@pytest.mark.parametrize("kind", UNREADABLE)
-def test_package_tells_no_release(lab, kind):
-    lab.run(spoilt(UNREADABLE[kind]))
-    check_read(lab, "")
+def spoilt_ones(contents: dict[str, Any]) -> dict[str, Any]:
+    """Packages of one adapter, in the order given: the system takes them in the order of their names."""
+    packages = [{"inf": f"oem{number:02}.inf", "files": {f"u04{number:05}.inf": content}} for number, content in enumerate(contents.values(), 1)]
+    return {"adapters": [{"packages": packages}], **NO_SERVER}
+
+
+def test_packages_that_tell_no_release(lab):
+    lab.run(spoilt_ones(UNREADABLE))
+    device = inventory()
+    lines = [rf"Found driver {{store{number}}}\u04{number:05}.inf. Version []" for number in range(1, len(UNREADABLE) + 1)]
+    check_ends_without_server(lab, [*opening(), device[0], *lines, device[3], f"\t [Tavik Corvel 7800] [{RELEASE}] []"], folder="")
+    check_cost(lab)
 
 
 READABLE = {
@@ -91,10 +103,15 @@ READABLE = {
 }
 
 
-@pytest.mark.parametrize("kind", READABLE)
-def test_package_tells_its_release(lab, kind):
-    lab.run(spoilt(READABLE[kind]))
-    check_read(lab, RELEASE, 128)
+def test_packages_that_tell_their_release(lab):
+    lab.run(spoilt_ones(READABLE))
+    device = inventory()
+    lines = []
+    for number in range(1, len(READABLE) + 1):
+        lines += [rf"Found driver {{store{number}}}\u04{number:05}.inf. Version [{RELEASE}]", device[2]]
+    last = f"{{store{len(READABLE)}}}"
+    check_ends_without_server(lab, [*opening(), device[0], *lines, device[3], f"\t [Tavik Corvel 7800] [{RELEASE}] [{last}]"], folder=last)
+    check_cost(lab, 128)
 
 
 @pytest.mark.parametrize("parts, version, megabytes", [
@@ -128,22 +145,17 @@ def test_driver_folder_is_missing(lab):
     check_read(lab, "")
 
 
-@pytest.mark.parametrize("how", ["installer in use", "folder in the installer's place", "link to nothing"])
-def test_installer_of_the_package_is_not_usable(lab, how):
-    """It is there, so it is not downloaded, whatever comes of it. A folder is opened by the system, so that run is ended."""
-    path = r"B384125\DWX2_Install.exe"
-    if how == "link to nothing":
-        lab.run({"adapters": [{"packages": [{"files": {path: {"link": "/nowhere"}}}]}], **NO_SERVER})
-        check_ends_without_server(lab, [*opening(), *inventory()])  # nothing is there
-        return
-    if how == "installer in use":
-        lab.run(found_there(held=[rf"{STORE}\{path}"]))
-        check(lab, exit_code=2, boxes=[INSTALL_FAILED], before=BEFORE, after=BEFORE, log=[
-            *until_found(), f"Launching process {INSTALLER} /NCRC /S -EXTRACTONLY=YES /D={EXTRACTED} failed. Error code = 32 {{any}}",
-            f"Unable to find {EXTRACTED}{MAIN_PACKAGE}."])
-        return
-    lab.run({"adapters": [{"packages": [{"files": {path: {"folder": True}}}]}], **NO_SERVER}, when=["text Installing : kill 77"])
-    check(lab, exit_code=77, boxes=[], before=BEFORE, after=BEFORE, log=until_found())
+def test_installer_of_the_package_is_in_use(lab):
+    """It is there, so it is not downloaded, whatever comes of it."""
+    lab.run(found_there(held=[rf"{STORE}\B384125\DWX2_Install.exe"]))
+    check(lab, exit_code=2, boxes=[INSTALL_FAILED], before=BEFORE, after=BEFORE, log=[
+        *until_found(), f"Launching process {INSTALLER} /NCRC /S -EXTRACTONLY=YES /D={EXTRACTED} failed. Error code = 32 {{any}}",
+        f"Unable to find {EXTRACTED}{MAIN_PACKAGE}."])
+
+
+def test_installer_of_the_package_is_a_link_to_nothing(lab):
+    lab.run({"adapters": [{"packages": [{"files": {r"B384125\DWX2_Install.exe": {"link": "/nowhere"}}}]}], **NO_SERVER})
+    check_ends_without_server(lab, [*opening(), *inventory()])
 
 
 # The download folder
