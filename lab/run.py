@@ -60,7 +60,7 @@ def private_hosts_obstacle() -> str:
 @functools.cache
 def mounting_obstacle() -> str:
     """Why no run here can have disks of its own; empty when it can."""
-    tried = subprocess.run(["unshare", "--mount", "mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", "/tmp"], capture_output=True, text=True)
+    tried = subprocess.run(["unshare", "--mount", "mount", "-t", "tmpfs", "tmpfs", "/tmp"], capture_output=True, text=True)
     return f"a disk of a run's own cannot be mounted: {tried.stderr.strip()}" if tried.returncode else ""
 
 

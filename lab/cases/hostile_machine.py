@@ -15,7 +15,7 @@ MAIN_PACKAGE = r"\HL\halden\halden64\dwx-next64.msi"
 INSTALLER = r"{store1}\B384125\DWX2_Install.exe"
 LOGS = r"C:\Program Files\Tavik\MIM\Log"
 PRODUCT = r"C:\Program Files\Tavik\Halden"
-SYSTEMS_OWN = r"C:\users\root\AppData\Local\Microsoft\Windows\INet"  # what the system notes about connections
+SYSTEMS_OWN = TEMP.removesuffix("Temp\\") + r"AppData\Local\Microsoft\Windows\INet"  # what the system notes about connections
 BEFORE = {"products": ["Tavik Halden 23.40"], "values": {r"Software\Tavik\HL\HLVersion": "23.40"}}
 AFTER = {"products": ["Tavik Halden 24.20"], "values": {r"Software\Tavik\HL\HLVersion": "24.20"}}
 NOT_DOWNLOADED = "Unable to download dwx2_install.exe from web. Exiting."
@@ -31,11 +31,13 @@ def in_folder(path: str, folder: str) -> bool:
 def check_only_own_touched(result: Result, *own: str) -> None:
     """No file but those of the log, of the download folder, of the replaced product and below `own` has come, gone or grown."""
     before, after = result.before.files, result.after.files
-    folders = [r"C:\Program Files\Tavik\MIM", DOWNLOADS, *own, *([PRODUCT] if result.before.products != result.after.products else [])]
+    folders = [r"C:\Program Files\Tavik\MIM", DOWNLOADS, *own,
+               *([PRODUCT] if result.before.products != result.after.products else [])]
     touched = [path for path in {*before, *after} if before.get(path) != after.get(path) and not path.startswith(SYSTEMS_OWN)]
     strange = [path for path in touched if not any(in_folder(path, folder) or in_folder(folder, path) for folder in folders)]
     assert sorted(strange) == []
-    assert not [path for path in touched if path not in after and any(in_folder(folder, path) for folder in folders if folder != path)]
+    above = [path for path in touched if path not in after and path not in folders]
+    assert not [path for path in above if any(in_folder(folder, path) for folder in folders)], "a folder above the tool's own"
 
 
 def check(lab, *own: str, **wanted: Any) -> None:
@@ -70,6 +72,11 @@ def unpack_into(temp: str, installer: str = "", code: int = 0) -> str:
     return unpack(installer or place + "\\dwx2_install.exe", code).replace("{temp}", temp)
 
 
+def not_started(installer: str, folder: str, code: str = "{number}") -> str:
+    """The line of an installer that cannot be started."""
+    return f"Launching process {installer} /NCRC /S -EXTRACTONLY=YES /D={folder} failed. Error code = {code} {{any}}"
+
+
 def repair_in(temp: str) -> list[str]:
     return [line.replace("{temp}", temp) for line in REPAIR]
 
@@ -83,7 +90,8 @@ def until_found() -> list[str]:
     return [*opening(), *inventory(), f"Found dwx2-install.exe at [{INSTALLER}]"]
 
 
-def check_ends_without_server(lab, lines: list[str], *, folder: str = "{store1}", prefix: str = "24.20", before: dict | None = None,
+def check_ends_without_server(lab, lines: list[str], *, folder: str = "{store1}", prefix: str = "24.20",
+                              before: dict | None = None,
                               after: dict | None = None, own: tuple[str, ...] = ()) -> None:
     """The lines, then a repair that finds no server."""
     check(lab, *own, exit_code=-1, boxes=[DOWNLOAD_FAILED], requests=[], before=BEFORE if before is None else before,

@@ -8,8 +8,8 @@ import pytest
 
 from expect import DOWNLOAD_FAILED, FINISHED, INSTALL_FAILED, download, inventory, opening, unpack
 from hostile_machine import (AFTER, BEFORE, DOWNLOADS, EXTRACTED, FINAL, INSTALLER, MAIN_PACKAGE, NO_SERVER, REPAIR,
-                             TEMPORARY, check, check_ends_without_server, download_thrown, found_there, host_path, install_thrown,
-                             until_found)
+                             TEMPORARY, check, check_ends_without_server, download_thrown, found_there, host_path,
+                             install_thrown, not_started, until_found)
 from lab import inf
 from lab.adapters import RELEASE, Package
 
@@ -20,6 +20,7 @@ HEAD = '[Version]\r\nSignature="$Windows NT$"\r\n'
 LINE = f"HKR,,ReleaseVersion,,{RELEASE}\r\n"
 LIST = "Currently installed drivers on system:"
 PATH = "/drivers/installer/vlt/24.20/dwx2_install.txt"
+UPDATE_FAILED = ("error", "Update failed. Please visit www.tavik.example to install the appropriate driver.")
 MEBIBYTE = 1 << 20
 PATIENCE = 20_000  # ms; a tenth of that without other work on the computer
 
@@ -39,7 +40,8 @@ def seen(version: str) -> list[str]:
     device = inventory()
     if version == RELEASE:
         return device
-    return [device[0], rf"Found driver {{store1}}\{NAME}. Version [{version}]", device[3], f"\t [Tavik Corvel 7800] [{RELEASE}] []"]
+    return [device[0], rf"Found driver {{store1}}\{NAME}. Version [{version}]", device[3],
+            f"\t [Tavik Corvel 7800] [{RELEASE}] []"]
 
 
 def check_cost(lab, megabytes: int = 64) -> None:
@@ -80,7 +82,8 @@ UNREADABLE = {
 
 def spoilt_ones(contents: dict[str, Any]) -> dict[str, Any]:
     """Packages of one adapter, in the order given: the system takes them in the order of their names."""
-    packages = [{"inf": f"oem{number:02}.inf", "files": {f"u04{number:05}.inf": content}} for number, content in enumerate(contents.values(), 1)]
+    packages = [{"inf": f"oem{number:02}.inf", "files": {f"u04{number:05}.inf": content}}
+                for number, content in enumerate(contents.values(), 1)]
     return {"adapters": [{"packages": packages}], **NO_SERVER}
 
 
@@ -88,7 +91,8 @@ def test_packages_that_tell_no_release(lab):
     lab.run(spoilt_ones(UNREADABLE))
     device = inventory()
     lines = [rf"Found driver {{store{number}}}\u04{number:05}.inf. Version []" for number in range(1, len(UNREADABLE) + 1)]
-    check_ends_without_server(lab, [*opening(), device[0], *lines, device[3], f"\t [Tavik Corvel 7800] [{RELEASE}] []"], folder="")
+    check_ends_without_server(lab, [*opening(), device[0], *lines, device[3], f"\t [Tavik Corvel 7800] [{RELEASE}] []"],
+                              folder="")
     check_cost(lab)
 
 
@@ -110,7 +114,8 @@ def test_packages_that_tell_their_release(lab):
     for number in range(1, len(READABLE) + 1):
         lines += [rf"Found driver {{store{number}}}\u04{number:05}.inf. Version [{RELEASE}]", device[2]]
     last = f"{{store{len(READABLE)}}}"
-    check_ends_without_server(lab, [*opening(), device[0], *lines, device[3], f"\t [Tavik Corvel 7800] [{RELEASE}] [{last}]"], folder=last)
+    check_ends_without_server(lab, [*opening(), device[0], *lines, device[3], f"\t [Tavik Corvel 7800] [{RELEASE}] [{last}]"],
+                              folder=last)
     check_cost(lab, 128)
 
 
@@ -128,10 +133,12 @@ def test_package_is_huge(lab, parts, version, megabytes):
 
 def test_package_with_20000_sections(lab):
     """The system at hand takes a minute to open such a file, and longer to look into it. So it is not asked."""
-    rules = ["setupapi!SetupOpenInfFileW * return=77", "setupapi!SetupFindFirstLineW * error=3758096642", "setupapi!SetupCloseInfFile * return=0"]
+    rules = ["setupapi!SetupOpenInfFileW * return=77", "setupapi!SetupFindFirstLineW * error=3758096642",
+             "setupapi!SetupCloseInfFile * return=0"]
     lab.run({**spoilt(HEAD + sections(20_000)), "faults": rules})
     check_read(lab, "")
-    asked = [line.partition('section="')[2].partition('"')[0] for line in lab.result.calls if line.startswith("setupapi!SetupFindFirstLineW")]
+    asked = [line.partition('section="')[2].partition('"')[0] for line in lab.result.calls
+             if line.startswith("setupapi!SetupFindFirstLineW")]
     assert asked == ["Version", *(f"Section{number}" for number in range(20_000))]
 
 
@@ -149,7 +156,7 @@ def test_installer_of_the_package_is_in_use(lab):
     """It is there, so it is not downloaded, whatever comes of it."""
     lab.run(found_there(held=[rf"{STORE}\B384125\DWX2_Install.exe"]))
     check(lab, exit_code=2, boxes=[INSTALL_FAILED], before=BEFORE, after=BEFORE, log=[
-        *until_found(), f"Launching process {INSTALLER} /NCRC /S -EXTRACTONLY=YES /D={EXTRACTED} failed. Error code = 32 {{any}}",
+        *until_found(), not_started(INSTALLER, EXTRACTED, "32"),
         f"Unable to find {EXTRACTED}{MAIN_PACKAGE}."])
 
 
@@ -178,7 +185,8 @@ def test_folder_appears_in_the_files_place_during_the_download(lab, target):
 def test_empty_folder_in_the_files_place_is_removed(lab, target):
     lab.run({"files": {target: {"folder": True}}})
     check(lab, exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"], before={**BEFORE, "files": [target]},
-          after={**AFTER, "files": [FINAL], "missing": [TEMPORARY]}, log=[*opening(), *inventory(), *download(), unpack(), *REPAIR])
+          after={**AFTER, "files": [FINAL], "missing": [TEMPORARY]},
+          log=[*opening(), *inventory(), *download(), unpack(), *REPAIR])
     assert lab.result.after.files[FINAL] > 100_000
 
 
@@ -186,15 +194,19 @@ def test_empty_folder_in_the_files_place_is_removed(lab, target):
 def test_both_old_files_cannot_be_removed(lab, key):
     """The final one is tried first, so the temporary one stays even when it could go."""
     lab.run({"files": {FINAL: "old", TEMPORARY: "older"}, key: [FINAL]}, "-SILENT")
-    check(lab, exit_code=-1, boxes=[], requests=[], before={**BEFORE, "files": [FINAL, TEMPORARY]}, after={**BEFORE, "files": [FINAL, TEMPORARY]},
-          log=[*opening("-SILENT"), *inventory(), *download()[:2], *download_thrown(f"filesystem error: remove: {{any}} [{FINAL}]")])
+    check(lab, exit_code=-1, boxes=[], requests=[], before={**BEFORE, "files": [FINAL, TEMPORARY]},
+          after={**BEFORE, "files": [FINAL, TEMPORARY]},
+          log=[*opening("-SILENT"), *inventory(), *download()[:2],
+               *download_thrown(f"filesystem error: remove: {{any}} [{FINAL}]")])
     assert (lab.result.after.files[FINAL], lab.result.after.files[TEMPORARY]) == (3, 5)
 
 
 def test_second_name_of_an_old_file_is_left_alone(lab):
     """The old download is a second name of somebody else's file: only the name goes, the file is not written into."""
-    lab.run({"files": {r"C:\Victim\file.txt": "precious", FINAL: {"same": r"C:\Victim\file.txt"}, TEMPORARY: {"same": r"C:\Victim\file.txt"}}})
-    check(lab, exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"], before={**BEFORE, "files": [FINAL, TEMPORARY]}, after=AFTER)
+    lab.run({"files": {r"C:\Victim\file.txt": "precious", FINAL: {"same": r"C:\Victim\file.txt"},
+                       TEMPORARY: {"same": r"C:\Victim\file.txt"}}})
+    check(lab, exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"], before={**BEFORE, "files": [FINAL, TEMPORARY]},
+          after=AFTER)
     assert host_path(lab.result, r"C:\Victim\file.txt").read_text() == "precious"
 
 
@@ -212,11 +224,13 @@ def check_victim(lab) -> None:
         path: size for path, size in lab.result.before.files.items() if path.startswith(VICTIM)}
 
 
-@pytest.mark.parametrize("place", [EXTRACTED, EXTRACTED + r"\link", EXTRACTED + r"\HL\halden\link", EXTRACTED + "\\" + "\\".join("abcdefgh") + r"\link"],
+@pytest.mark.parametrize("place", [EXTRACTED, EXTRACTED + r"\link", EXTRACTED + r"\HL\halden\link",
+                                   EXTRACTED + "\\" + "\\".join("abcdefgh") + r"\link"],
                          ids=["the folder itself", "in it", "deeper", "very deep"])
 def test_link_to_a_folder_is_not_followed(lab, place):
     lab.run(found_there(files={**TREE, place: {"link": VICTIM}}))
-    check(lab, exit_code=-1, boxes=[INSTALL_FAILED], before={**BEFORE, "files": [*TREE, place]}, after={**BEFORE, "files": list(TREE)},
+    check(lab, exit_code=-1, boxes=[INSTALL_FAILED], before={**BEFORE, "files": [*TREE, place]},
+          after={**BEFORE, "files": list(TREE)},
           log=[*until_found(), install_thrown(f"filesystem error: remove_all: {{any}} [{EXTRACTED}] [{place}]")])
     check_victim(lab)
     assert lab.result.installer == []
@@ -253,7 +267,8 @@ def test_second_names_of_files_go_and_the_files_stay(lab, depth):
     folder = EXTRACTED + "".join(rf"\d{number}" for number in range(depth))
     lab.run(found_there(files={**TREE, **{rf"{folder}\link{number}": {"same": path} for number, path in enumerate(TREE)}}))
     check(lab, exit_code=0, boxes=[FINISHED], before={**BEFORE, "files": [rf"{folder}\link0"]},
-          after={**AFTER, "missing": [rf"{EXTRACTED}\d0", rf"{folder}\link0"]}, log=[*until_found(), unpack(INSTALLER), *REPAIR])
+          after={**AFTER, "missing": [rf"{EXTRACTED}\d0", rf"{folder}\link0"]},
+          log=[*until_found(), unpack(INSTALLER), *REPAIR])
     check_victim(lab)
 
 
@@ -278,7 +293,8 @@ def test_file_in_use_ends_the_run_at_once(lab, how, place):
     path = EXTRACTED + place
     lab.run(found_there(files={path: "old"}, **{how: [path]}))
     blocked = path if how == "held" else path.rpartition("\\")[0]
-    check(lab, exit_code=-1, boxes=[INSTALL_FAILED], before={**BEFORE, "files": [path]}, after={**BEFORE, "files": [path] if how == "held" else []},
+    check(lab, exit_code=-1, boxes=[INSTALL_FAILED], before={**BEFORE, "files": [path]},
+          after={**BEFORE, "files": [path] if how == "held" else []},
           log=[*until_found(), install_thrown(f"filesystem error: remove_all: {{any}} [{EXTRACTED}] [{blocked}]")])
     check_quick(lab)
     assert lab.result.installer == []
@@ -288,9 +304,10 @@ def test_file_in_use_ends_the_run_at_once(lab, how, place):
 def test_file_in_use_ends_direct_installation_at_once(lab, how):
     given, path = r"C:\Given\setup.exe", EXTRACTED + r"\old.txt"
     arguments = f"-VLT -Install -Path {given}"
-    lab.run({"desktop": False, "server": {"reach": "none"}, "files": {given: {"installer": "24.20"}, path: "old"}, how: [path]}, arguments)
+    lab.run({"desktop": False, "server": {"reach": "none"}, "files": {given: {"installer": "24.20"}, path: "old"}, how: [path]},
+            arguments)
     blocked = path if how == "held" else EXTRACTED
-    check(lab, exit_code=-1, boxes=[("error", "Update failed. Please visit www.tavik.example to install the appropriate driver.")],
+    check(lab, exit_code=-1, boxes=[UPDATE_FAILED],
           before={"products": []}, after={"products": [], "files": [given]},
           log=[opening(arguments)[0], install_thrown(f"filesystem error: remove_all: {{any}} [{EXTRACTED}] [{blocked}]")])
     check_quick(lab)
