@@ -17,7 +17,6 @@ PAGE = 4096  # disks are as big as so many bytes or a multiple
 LIST = "Currently installed drivers on system:"
 NO_PROGRAM = {"text": "no program"}
 PATH = "/drivers/installer/vlt/24.20/dwx2_install.txt"
-DRIVE_ONLY = {"before": {"products": []}, "after": {"products": []}}
 
 
 # The log
