@@ -210,7 +210,9 @@ def test_a_hundred_packages_of_one_adapter(lab):
 
 
 def test_no_package_at_all(lab):
-    lab.run({"adapters": [{"packages": []}, {"packages": [], "release": "24.10.1", "description": "Second"}],
+    """An installer in the folder that the tool was started in is none of a driver package."""
+    lab.run({"files": {r"C:\windows\system32\B1\DWX2_Install.exe": "planted"},
+             "adapters": [{"packages": []}, {"packages": [], "release": "24.10.1", "description": "Second"}],
              "desktop": {"families": ["Halden", "DVR"]}})
     second = inventory(description="Second")[0].replace("DEV_2F11", "DEV_2F12").replace("0&0001", "0&0002")
     check(lab, r"C:\Program Files\Tavik", exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"],
