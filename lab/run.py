@@ -21,6 +21,7 @@ from lab.result import Result
 from lab.server.web import WebServer
 
 TOOL = r"C:\lab\TavikCompatibilityTool.exe"
+SYSTEM = r"C:\windows\system32"
 LOGS = pathlib.Path("Program Files", "Tavik", "MIM", "Log")
 _numbers = itertools.count(1)
 
@@ -104,9 +105,9 @@ def _log_order(file: pathlib.Path) -> list[int]:
 
 
 def orders(machine: Machine, arguments: str, late: list[str], timeout: float = 60, hold: float = 0, when: tuple[str, ...] = (),
-           then: str | None = None, at_once: int = 1, pictures: bool = False) -> str:
+           then: str | None = None, at_once: int = 1, pictures: bool = False, directory: str = SYSTEM) -> str:
     """What the watcher is told."""
-    lines = [f"program = {TOOL}", r"directory = C:\windows\system32", f"arguments = {arguments}", r"report = C:\lab\report.json",
+    lines = [f"program = {TOOL}", f"directory = {directory}", f"arguments = {arguments}", r"report = C:\lab\report.json",
              f"timeout = {int(timeout * 1000)}", f"hold = {int(hold * 1000)}", f"crowd = {at_once}"]
     lines += [f"start = {program}" for program in machine.data["running"]]
     lines += [f"held = {path}" for path in machine.data["held"]]
@@ -167,7 +168,7 @@ class Run:
             self.launcher = (*self.launcher, "sh", "-c", script, str(self.machine.data["largest_file"]))
 
     def execute(self, arguments: str, timeout: float, hold: float, when: tuple[str, ...], then: str | None,
-                at_once: int) -> Result:
+                at_once: int, directory: str) -> Result:
         started = time.monotonic()
         with self.stack:
             web = self._start_server()
@@ -178,7 +179,7 @@ class Run:
             if self.pictures:
                 self._prepare_pictures(prefix)
             before = state.read(prefix.drive, system)
-            text = orders(self.machine, arguments, late, timeout, hold, when, then, at_once, self.pictures is not None)
+            text = orders(self.machine, arguments, late, timeout, hold, when, then, at_once, self.pictures is not None, directory)
             (prefix.drive / "lab" / "watcher.txt").write_text(text, "utf-8", "surrogatepass")
             hollow = Hollow([prefix.windows_path(path) for path in self.machine.data["hollow"]])
             self.stack.callback(hollow.close)
@@ -231,12 +232,13 @@ class Run:
 
 
 def run(machine: Machine, arguments: str = "", *, timeout: float = 60, hold: float = 0, when: tuple[str, ...] | list[str] = (),
-        then: str | None = None, at_once: int = 1, pictures: pathlib.Path | str | None = None, keep: bool = False) -> Result:
-    """Runs the tool (so many at once), and with `then` once more, undisturbed and with these arguments, when it has ended.
+        then: str | None = None, at_once: int = 1, directory: str = SYSTEM, pictures: pathlib.Path | str | None = None,
+        keep: bool = False) -> Result:
+    """Runs the tool (so many at once), started in that directory, and with `then` once more, undisturbed and with these arguments, when it has ended.
     The machine is removed afterwards unless it is to be kept; it is kept when something goes wrong."""
     one = Run(machine, pathlib.Path(pictures) if pictures else None)
     try:
-        result = one.execute(arguments, timeout, hold, tuple(when), then, at_once)
+        result = one.execute(arguments, timeout, hold, tuple(when), then, at_once, directory)
     except PermissionError:
         remove_folder(one.folder)
         raise
