@@ -234,8 +234,8 @@ class Run:
 def run(machine: Machine, arguments: str = "", *, timeout: float = 60, hold: float = 0, when: tuple[str, ...] | list[str] = (),
         then: str | None = None, at_once: int = 1, directory: str = SYSTEM, pictures: pathlib.Path | str | None = None,
         keep: bool = False) -> Result:
-    """Runs the tool (so many at once), started in that directory, and with `then` once more, undisturbed and with these arguments, when it has ended.
-    The machine is removed afterwards unless it is to be kept; it is kept when something goes wrong."""
+    """Runs the tool (so many at once), started in that directory, and with `then` once more, undisturbed and with these
+    arguments, when it has ended. The machine is removed afterwards unless it is to be kept; it is kept when something goes wrong."""
     one = Run(machine, pathlib.Path(pictures) if pictures else None)
     try:
         result = one.execute(arguments, timeout, hold, tuple(when), then, at_once, directory)
