@@ -84,15 +84,18 @@ class Package:
         digest = hashlib.sha1(self.name.encode()).hexdigest()[:16]
         return rf"{STORE}\{self.name}.inf_amd64_{digest}"
 
-    def install(self, prefix: Prefix, adapter: "Adapter") -> str:
-        """Returns the driver store's line about it."""
+    def inf_text(self, adapter: "Adapter") -> str:
         release = adapter.release_text() if self.release is None else self.release
         text = self.text
         if text is None:
             text = inf.text(self.name, adapter.description or "Tavik Display", adapter.hardware, release)
         for key, value in (("hardware", adapter.hardware), ("description", adapter.description or ""), ("release", release)):
             text = text.replace("{%s}" % key, value)
-        data = text.encode(self.encoding)
+        return text
+
+    def install(self, prefix: Prefix, adapter: "Adapter") -> str:
+        """Returns the driver store's line about it."""
+        data = self.inf_text(adapter).encode(self.encoding)
         folder = self.store_folder()
         for path in (rf"C:\windows\inf\{self.inf}", rf"{folder}\{self.name}.inf"):
             file = prefix.windows_path(path)

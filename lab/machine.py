@@ -168,17 +168,10 @@ class Machine:
         if store is False or store.get("registered") is False:
             return
         (lab / "standins" / "winrt.dll").write_bytes(paths.need(paths.STANDINS / "winrt.dll").read_bytes())
+        (lab / "standins" / "store.txt").write_text(store_text(store), "utf-8")
+        (lab / "standins" / "store-undisturbed.txt").write_text(store_text(undisturbed(store)), "utf-8")
         for name in CLASSES:
             system.set(rf"Software\Microsoft\WindowsRuntime\ActivatableClassId\{name}", "DllPath", r"C:\lab\standins\winrt.dll")
-        sections = [("manager", store.get("manager", {})), *(("package", item) for item in store.get("packages", [])),
-                    ("store", store.get("service", {}))]
-        lines = []
-        for title, table in sections:
-            lines.append(f"[{title}]\n")
-            for key, value in table.items():
-                for item in value if isinstance(value, list) else [value]:
-                    lines.append(f"{key} = {_word(item)}\n")
-        (lab / "standins" / "store.txt").write_text("".join(lines), "utf-8")
 
     def _install_behaviour(self, lab: pathlib.Path) -> None:
         behaviour = dict(self.data["programs"])
@@ -242,6 +235,27 @@ class Machine:
         """Within the machine: a symbolic link, or a second name of the same file."""
         place.parent.mkdir(parents=True, exist_ok=True)
         place.symlink_to(target) if soft else place.hardlink_to(target)
+
+
+def store_text(store: dict[str, Any]) -> str:
+    """The file store.txt."""
+    sections = [("manager", store.get("manager", {})), *(("package", item) for item in store.get("packages", [])),
+                ("store", store.get("service", {}))]
+    lines = []
+    for title, table in sections:
+        lines.append(f"[{title}]\n")
+        for key, value in table.items():
+            for item in value if isinstance(value, list) else [value]:
+                lines.append(f"{key} = {_word(item)}\n")
+    return "".join(lines)
+
+
+def undisturbed(store: dict[str, Any]) -> dict[str, Any]:
+    """The same packages and answers, but nothing fails any more."""
+    packages = [{key: value for key, value in package.items() if key in ("name", "version", "ok", "user", "completion")}
+                for package in store.get("packages", [])]
+    service = {key: value for key, value in store.get("service", {}).items() if key in ("installs", "completion")}
+    return {"packages": packages, "service": service}
 
 
 def merge(base: dict[str, Any], changes: dict[str, Any]) -> dict[str, Any]:

@@ -9,6 +9,16 @@ from lab.state import State
 
 
 @dataclasses.dataclass
+class Again:
+    """Of the start that followed the first one, on the machine that this one had left."""
+    exit_code: int
+    log: list[str]
+    boxes: list[dict[str, Any]]
+    calls: list[str]
+    store_calls: list[str]
+
+
+@dataclasses.dataclass
 class Result:
     exit_code: int
     log: list[str]                   # of the first instance
@@ -36,6 +46,7 @@ class Result:
     disk_used: int                   # by the files that the machine keeps hollow, at the most
     pictures: list[str]
     prefix: str = ""                 # where the machine was kept
+    again: Again | None = None       # calls, store_calls and boxes above are then those of the first start alone
 
     @property
     def status_texts(self) -> list[str]:
@@ -69,7 +80,7 @@ def render(result: Result, calls: bool = False) -> str:
     for number, log in enumerate(result.logs):
         lines += ["", "log" if number == 0 else f"log of instance {number + 1}", *(f"  {line}" for line in log)]
     lines += ["", "message boxes"]
-    for box in result.boxes:
+    for box in [*result.boxes, *(result.again.boxes if result.again else [])]:
         looks = f"(icon {box['icon']}, buttons {', '.join(box['buttons'])})"
         lines.append(f"  {box['since']} ms  [{box['caption']}] {box['text']}  {looks}")
     lines += ["", "status window"]
@@ -85,6 +96,8 @@ def render(result: Result, calls: bool = False) -> str:
     lines += ["", "files changed", *_changes(result.before.files, result.after.files)]
     if calls:
         lines += ["", "calls", *(f"  {line}" for line in [*result.calls, *result.store_calls])]
+        if result.again:
+            lines += ["", "calls of the second start", *(f"  {line}" for line in [*result.again.calls, *result.again.store_calls])]
     if result.errors.strip():
         lines += ["", "errors of the system", *(f"  {line}" for line in result.errors.splitlines()[:40])]
     if result.pictures:

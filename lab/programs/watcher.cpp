@@ -48,6 +48,7 @@ private:
     bool LaterInstanceRuns() const;
     bool AnyRuns() const;
     bool StartsAgain();
+    bool AwaitsEnd() const;
 
     Orders orders_;
     HMODULE hook_;
@@ -166,6 +167,14 @@ bool Watch::StartsAgain()
     return true;
 }
 
+// Something is to be done when no instance runs any more: then the watch goes on, since it may start one.
+bool Watch::AwaitsEnd() const
+    for (const When& when : orders_.whens)
+        if (!when.done)
+            return when.trigger == L"ended" && !seen_.timedOut;
+    return false;
+}
+
 // The lab outside takes the picture and removes the request.
 void Watch::TakePicture(const std::wstring& name)
 {
@@ -271,6 +280,8 @@ bool Watch::Fires(const When& when) const
     const std::wstring& trigger = when.trigger;
     if (trigger == L"start")
         return true;
+    if (trigger == L"ended")
+        return !AnyRuns();
     if (trigger == L"window")
         return status.visible;
     if (trigger == L"box")
@@ -336,6 +347,8 @@ bool Watch::Do(const std::wstring& action)
         return MoveFileExW(rest.c_str(), (rest + L".renamed").c_str(), MOVEFILE_REPLACE_EXISTING) != 0;
     if (verb == L"write")
         return CanWrite(rest);
+    if (verb == L"move")
+        return MoveTo(rest);
     if (verb == L"wait")
     {
         waitUntil_ = Now() + std::wcstoul(rest.c_str(), nullptr, 10);
@@ -400,7 +413,7 @@ int Watch::Run()
         StartProgram(program);
     start_ = GetTickCount();
     StartCrowd();
-    while (AnyRuns() || StartsAgain())
+    while (AnyRuns() || AwaitsEnd() || StartsAgain())
     {
         if (Now() > orders_.timeoutMs)
         {
@@ -416,6 +429,8 @@ int Watch::Run()
         if (AnyRuns())
             WaitForSingleObject(
                 seen_.instances[0].running ? seen_.instances[0].process : seen_.instances.back().process, kSampleMs);
+        else if (Now() < waitUntil_)
+            Sleep(kSampleMs);
     }
     const std::string report = Report(seen_);
     const HANDLE file = CreateFileW(orders_.report.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
