@@ -107,10 +107,10 @@ def _log_order(file: pathlib.Path) -> list[int]:
 
 
 def _second_start(arguments: str) -> list[str]:
-    """Once the first start has ended its records are put aside, what made calls fail is taken away, and the tool starts again."""
-    aside = [rf"ended : move {STANDINS}\{name}.txt > {STANDINS}\{name}{FIRST}.txt" for name in ("calls", "winrt-calls")]
-    return [*aside, rf"ended : delete {STANDINS}\faults.txt", rf"ended : move {STANDINS}\store-undisturbed.txt > {STANDINS}\store.txt",
-            f"ended : second {arguments}".rstrip()]
+    """When the tool has ended its records are put aside, what made calls fail is taken away, and it is started again."""
+    aside = [rf"move {STANDINS}\{name}.txt > {STANDINS}\{name}{FIRST}.txt" for name in ("calls", "winrt-calls")]
+    calm = [rf"delete {STANDINS}\faults.txt", rf"move {STANDINS}\store-undisturbed.txt > {STANDINS}\store.txt"]
+    return [f"ended : {action}" for action in (*aside, *calm, f"second {arguments}".rstrip())]
 
 
 def orders(machine: Machine, arguments: str, late: list[str], timeout: float = 60, hold: float = 0, when: tuple[str, ...] = (),
@@ -215,8 +215,8 @@ class Run:
         if len(result.instances) < 2:  # the time limit ended the first one
             return result
         boxes = [box for box in result.boxes if box["instance"] == 1]
-        result.again = Again(result.instances[1]["exit_code"], result.logs[1] if len(result.logs) > 1 else [], boxes, result.calls,
-                             result.store_calls)
+        log = result.logs[1] if len(result.logs) > 1 else []
+        result.again = Again(result.instances[1]["exit_code"], log, boxes, result.calls, result.store_calls)
         result.boxes = [box for box in result.boxes if box["instance"] == 0]
         result.calls = _lines(standins / f"calls{FIRST}.txt")
         result.store_calls = _lines(standins / f"winrt-calls{FIRST}.txt")

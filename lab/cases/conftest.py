@@ -19,6 +19,7 @@ from lab.prefix import Prefix  # noqa: E402
 from lab.result import Result, render  # noqa: E402
 from lab.run import RunError, mounting_obstacle, private_hosts_obstacle, remove_folder, run  # noqa: E402
 from lab.state import State  # noqa: E402
+from lab.torture.campaign import slice_name  # noqa: E402
 
 DAY = 24 * 3600
 
@@ -39,6 +40,12 @@ def pytest_configure(config: pytest.Config) -> None:
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
     """Cases that mostly wait are started first, so that the others run beside them."""
     items.sort(key=lambda item: item.get_closest_marker("slow") is None)
+
+
+def pytest_terminal_summary(terminalreporter: Any) -> None:
+    if any("test_torture_slice" in str(report.nodeid) for reports in terminalreporter.stats.values() for report in reports
+           if hasattr(report, "nodeid")):
+        terminalreporter.write_line(f"torture: slice {slice_name()}; TORTURE_SLICE={slice_name()} makes the same runs again")
 
 
 class Lab:

@@ -169,6 +169,7 @@ bool Watch::StartsAgain()
 
 // Something is to be done when no instance runs any more: then the watch goes on, since it may start one.
 bool Watch::AwaitsEnd() const
+{
     for (const When& when : orders_.whens)
         if (!when.done)
             return when.trigger == L"ended" && !seen_.timedOut;

@@ -20,7 +20,6 @@ from __future__ import annotations
 import argparse
 import fnmatch
 import pathlib
-import subprocess
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -30,17 +29,12 @@ from lab.result import render  # noqa: E402
 from lab.torture import campaign, plan  # noqa: E402
 
 
-def commit() -> str:
-    found = subprocess.run(["git", "-C", str(ROOT), "rev-parse", "HEAD"], capture_output=True, text=True, check=False)
-    return found.stdout.strip()
-
-
 def chosen(options: argparse.Namespace) -> list[plan.Planned]:
     runs = plan.planned()
     if options.only:
         runs = [run for run in runs if fnmatch.fnmatchcase(run.id, options.only)]
     if options.slice:
-        part = plan.slice_of(commit(), runs) if options.slice == "commit" else options.slice
+        part = plan.slice_of(campaign.commit(), runs) if options.slice == "commit" else options.slice
         print(f"slice {part}", flush=True)
         runs = plan.take_slice(runs, part)
     return plan.take_sample(runs, options.sample, options.seed) if options.sample else runs
@@ -57,7 +51,8 @@ def show(name: str) -> int:
 
 
 def main() -> int:
-    parser = argparse.ArgumentParser(prog="scripts/torture", description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser = argparse.ArgumentParser(prog="scripts/torture", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--list", action="store_true", help="print the names of the runs")
     parser.add_argument("--count", action="store_true", help="measure again and write lab/torture/counts.json")
     parser.add_argument("--show", metavar="NAME", help="make one run and print everything about it")
@@ -71,7 +66,7 @@ def main() -> int:
     if options.show:
         return show(options.show)
     if options.count:
-        problems = campaign.count(options.jobs)
+        problems = campaign.count(options.jobs, write=True)
         print("\n".join(problems) or f"{len(plan.planned())} runs planned")
         return 1 if problems else 0
     try:
@@ -81,6 +76,11 @@ def main() -> int:
     if options.list:
         print("\n".join(run.id for run in runs))
         return 0
+    if len(runs) == len(plan.planned()):
+        problems = campaign.count(options.jobs, write=False)
+        if problems:
+            print("the undisturbed runs are not as they should be:", *problems, sep="\n")
+            return 1
     return 1 if campaign.campaign(runs, options.jobs, options.fresh) else 0
 
 

@@ -6,7 +6,9 @@ import concurrent.futures
 import functools
 import hashlib
 import json
+import os
 import pathlib
+import subprocess
 import sys
 import time
 from typing import Any
@@ -39,23 +41,45 @@ def execute(run: Planned, keep: bool = False) -> tuple[Result, judge.Verdict]:
 def count_machine(name: str) -> tuple[str, dict[str, Any], list[str]]:
     torture = MACHINES[name]
     if torture.needs_root and private_hosts_obstacle():
-        return name, {}, [private_hosts_obstacle()]
+        return name, plan.load()[name], []  # not to be measured here
     result = start(torture.machine(), torture.arguments)
     return name, plan.count(result), judge.check_good(torture, result)
 
 
-def count(jobs: int) -> list[str]:
-    """Measures all machines anew and writes counts.json. Returns what is wrong with the undisturbed runs."""
-    counts, problems = {}, []
+def count(jobs: int, write: bool) -> list[str]:
+    """Measures all machines anew and compares with counts.json, or writes it. Returns what is wrong with the
+    undisturbed runs."""
+    counts: dict[str, Any] = {}
+    problems: list[str] = []
+    known = {} if write else plan.load()
     with concurrent.futures.ProcessPoolExecutor(jobs) as pool:
         for name, found, wrong in pool.map(count_machine, MACHINES):
-            print(f"{name}: {sum(item['count'] for item in found.get('calls', {}).values())} calls, {len(found.get('store', []))} steps",
-                  flush=True)
+            calls = sum(item["count"] for item in found["calls"].values())
+            print(f"{name}: {calls} calls, {len(found['store'])} steps", flush=True)
             counts[name] = found
             problems += [f"{name}: {item}" for item in wrong]
-    if not problems:
+            if not write and not wrong and found != known.get(name):
+                problems.append(f"{name}: counts.json is out of date, run scripts/torture --count")
+    if write and not problems:
         plan.save(counts)
     return problems
+
+
+def commit() -> str:
+    found = subprocess.run(["git", "-C", str(paths.ROOT), "rev-parse", "HEAD"], capture_output=True, text=True, check=False)
+    return found.stdout.strip()
+
+
+def slice_name() -> str:
+    """Of the tests: by the commit, unless TORTURE_SLICE says otherwise."""
+    return os.environ.get("TORTURE_SLICE") or plan.slice_of(commit(), plan.planned())
+
+
+def slice_for_tests() -> list[Planned]:
+    name = slice_name()
+    if name == "none":
+        return []
+    return plan.planned() if name == "all" else plan.take_slice(plan.planned(), name)
 
 
 @functools.cache
@@ -66,8 +90,8 @@ def by_id() -> dict[str, Planned]:
 def stamp() -> str:
     """Results of another program or another plan do not count any more."""
     digest = hashlib.sha256(paths.TOOL.read_bytes())
-    for file in sorted([*pathlib.Path(__file__).parent.glob("*.py"), plan.COUNTS]):
-        digest.update(file.read_bytes())
+    for name in ("counts.json", "faults.py", "judge.py", "machines.py", "model.py", "plan.py"):
+        digest.update(pathlib.Path(__file__).with_name(name).read_bytes())
     return digest.hexdigest()[:12]
 
 
@@ -107,12 +131,13 @@ def campaign(runs: list[Planned], jobs: int, fresh: bool = False) -> int:
     if fresh:
         RESULTS.unlink(missing_ok=True)
     results = {identity: item for identity, item in known_results(mark).items() if identity in {run.id for run in runs}}
-    left = [run.id for run in runs if run.id not in results]
+    left = [run for run in runs if run.id not in results]
+    left = plan.take_sample(left, len(left), 1)  # shuffled, so that a part tells of all machines
     print(f"{len(runs)} runs, {len(results)} of them done before, {jobs} at a time", flush=True)
     began = time.monotonic()
     failed = 0
     with open(RESULTS, "a", encoding="utf-8") as file, concurrent.futures.ProcessPoolExecutor(jobs) as pool:
-        futures = [pool.submit(record, identity, mark) for identity in left]
+        futures = [pool.submit(record, run.id, mark) for run in left]
         try:
             for done, future in enumerate(concurrent.futures.as_completed(futures), 1):
                 item = future.result()
@@ -149,7 +174,8 @@ def summarise(results: dict[str, dict[str, Any]], mark: str, seconds: float) -> 
     print("\nby machine")
     for name in MACHINES:
         if name in machines:
-            print(f"  {name:18} " + ", ".join(f"{number} {what}" for what, number in sorted(machines[name].items(), reverse=True)))
+            parts = sorted(machines[name].items(), reverse=True)
+            print(f"  {name:18} " + ", ".join(f"{number} {what}" for what, number in parts))
     print("by outcome")
     for name, number in outcomes.most_common():
         print(f"  {name:26} {number:5}")

@@ -24,7 +24,7 @@ class Row:
     ends: tuple[str, ...]
     line: str = ""          # {hresult}, {code} and {url} are filled in; empty: the failure is not mentioned
     how: str = "error"      # "after": the real call is made as well
-    always: bool = True     # false: the line comes only with some of the calls
+    always: bool = True     # false: the line comes with some of the calls only (a missing description is not mentioned)
 
 
 # A package whose INF is not found, or read without its release, is not the active one: the driver folder stays unknown.
@@ -35,10 +35,12 @@ LOST_ADAPTER = (GOOD, NO_ADAPTER, NO_DOWNLOAD, SAME)
 ROWS = {
     "setupapi!SetupDiGetClassDevsW": Row(DEVICE, (NO_ADAPTER,), "Failed to call SetupDiGetClassDevs {hresult}  {any}"),
     "setupapi!SetupDiEnumDeviceInfo": Row((NO_MORE, DENIED, NO_DEVICE), LOST_ADAPTER),
-    "setupapi!SetupDiGetDeviceInstanceIdW": Row(DEVICE, LOST_ADAPTER, "Failed to call SetupDiGetDeviceInstanceId {hresult}  {any}"),
-    "setupapi!SetupDiGetDeviceRegistryPropertyW": Row(DEVICE, LOST_ADAPTER, "Failed to get SPDRP_DRIVER for {any}: {number}  {any}",
-                                                      always=False),  # nothing is said about a missing description
-    "setupapi!SetupDiGetDevicePropertyW": Row(DEVICE, (GOOD,), "Unable to get DEVPKEY_Device_ProblemCode property: {signed} {any}"),
+    "setupapi!SetupDiGetDeviceInstanceIdW": Row(DEVICE, LOST_ADAPTER,
+                                                "Failed to call SetupDiGetDeviceInstanceId {hresult}  {any}"),
+    "setupapi!SetupDiGetDeviceRegistryPropertyW": Row(
+        DEVICE, LOST_ADAPTER, "Failed to get SPDRP_DRIVER for {any}: {number}  {any}", always=False),
+    "setupapi!SetupDiGetDevicePropertyW": Row(
+        DEVICE, (GOOD,), "Unable to get DEVPKEY_Device_ProblemCode property: {signed} {any}"),
     "setupapi!SetupDiBuildDriverInfoList": Row((DENIED, NO_DEVICE, 14), LOST_FOLDER),
     "setupapi!SetupDiEnumDriverInfoW": Row((NO_MORE, DENIED, INVALID), LOST_FOLDER),
     "setupapi!SetupDiGetDriverInfoDetailW": Row((DENIED, INVALID, NOT_FOUND), LOST_FOLDER),
@@ -95,8 +97,10 @@ class Step:
 
 ENUMERATING = "{any} when enumerating info for {any}"
 QUERY = (GOOD, NOT_INSTALLED, STORE_DONE)
+ACTIVATE = "DllGetActivationFactory Windows."
+CANCELED = (0x800704C7,)
 STEPS = (
-    Step("activation", "manager", "activation", "{failure}", "DllGetActivationFactory Windows.Management.Deployment.PackageManager", QUERY),
+    Step("activation", "manager", "activation", "{failure}", ACTIVATE + "Management.Deployment.PackageManager", QUERY),
     Step("create", "manager", "create", "{failure}", "ActivateInstance", QUERY),
     Step("find", "manager", "find", "{failure}", "FindPackages", QUERY),
     Step("first", "manager", "first", "{failure}", "First", QUERY),
@@ -107,14 +111,15 @@ STEPS = (
                                ("IPackage3", "QueryInterface Package IPackage3"), ("get_Status", "get_Status"),
                                ("VerifyIsOK", "VerifyIsOK"))),
     *(Step(method, "package", "fail", method + ":{failure}", recorded, (GOOD,), ENUMERATING)
-      for method, recorded in (("RemovePackageAsync", "RemovePackageWithOptionsAsync"), ("put_Completed", "DeploymentOperation put_Completed"),
+      for method, recorded in (("RemovePackageAsync", "RemovePackageWithOptionsAsync"),
+                               ("put_Completed", "DeploymentOperation put_Completed"),
                                ("GetResults", "DeploymentOperation GetResults"), ("get_ErrorText", "get_ErrorText"),
                                ("get_ExtendedErrorCode", "get_ExtendedErrorCode"))),
     Step("removal", "package", "removal", "{failure}", "get_ExtendedErrorCode -> 0x0 ", (GOOD,), "\t Result = {code} {any}"),
     Step("removal ends", "package", "removal_end", "error:{failure}", "DeploymentOperation GetResults", (GOOD,), ENUMERATING),
-    Step("removal canceled", "package", "removal_end", "canceled", "DeploymentOperation calls the handler, status 2", (GOOD,), ENUMERATING,
-         (0x800704C7,)),
-    Step("store activation", "service", "activation", "{failure}", "DllGetActivationFactory Windows.Services.Store.StoreContext",
+    Step("removal canceled", "package", "removal_end", "canceled", "DeploymentOperation calls the handler, status 2", (GOOD,),
+         ENUMERATING, CANCELED),
+    Step("store activation", "service", "activation", "{failure}", ACTIVATE + "Services.Store.StoreContext",
          (STORE_CODE, STORE_FAILED)),
     Step("default", "service", "default", "{failure}", "GetDefault", (STORE_CODE, STORE_FAILED)),
     Step("window", "service", "window", "{failure}", "Initialize", (STORE_CODE,), "Error: Unable to initialize with window."),
@@ -122,6 +127,7 @@ STEPS = (
     Step("results", "service", "results", "{failure}", "StoreOperation GetResults", (STORE_CODE, STORE_FAILED)),
     Step("overall", "service", "overall", "{failure}", "get_OverallState", (STORE_CODE, STORE_FAILED)),
     Step("store ends", "service", "end", "error:{failure}", "StoreOperation GetResults", (STORE_CODE, STORE_FAILED)),
-    Step("store canceled", "service", "end", "canceled", "StoreOperation calls the handler, status 2", (STORE_CODE,), codes=(0x800704C7,)),
+    Step("store canceled", "service", "end", "canceled", "StoreOperation calls the handler, status 2", (STORE_CODE,),
+         codes=CANCELED),
     Step("state", "service", "state", "{code}", "get_OverallState {code} ", (STORE_FAILED,), "", (0, 1, 4, 5, 6, 8)),
 )

@@ -53,11 +53,13 @@ def fired(run: Planned, result: Result) -> list[str]:
         return [f"the lab does not understand its own rules: {bad}"]
     if run.step is None:
         mark = f"{run.fault.function}#{run.fault.number}"
-        lines = [match for line in result.calls if (match := RECORD.match(line)) and f"{match['function']}#{match['number']}" == mark]
+        lines = [match for line in result.calls if line.startswith(mark + " ") and (match := RECORD.match(line))]
         if [match["error"] for match in lines] != [str(run.fault.code & 0xFFFFFFFF)]:
             return [f"the fault rule never fired: {[match.group() for match in lines]}"]
         return []
-    return [] if any(_shows(run, line) for line in result.store_calls) else [f"the Store's step did not fail: {run.step.recorded}"]
+    if any(_shows(run, line) for line in result.store_calls):
+        return []
+    return [f"the Store's step did not fail: {run.step.recorded}"]
 
 
 def _shows(run: Planned, line: str) -> bool:
@@ -144,7 +146,7 @@ def mentioned(run: Planned, machine: Machine, result: Result) -> bool:
         return True
     code = run.fault.code
     number = signed(code)
-    for key, text in (("code", "0" if code in model.REBOOT and number else str(number)), ("hresult", str(model.setup_result(code))),
+    for key, text in (("code", "0" if code in model.REBOOT else str(number)), ("hresult", str(model.setup_result(code))),
                       ("signed", str(number) if number < 0 else f" {number}"), ("url", "{any}")):
         line = line.replace("{%s}" % key, text)
     also = line.replace("\tResult = 0", f"\tResult = {code}")  # a removal's result is not turned into a success
@@ -170,7 +172,8 @@ def expected(run: Planned, machine: Machine) -> tuple[Outcome, list[Outcome], st
     return good, may, mend(run.torture, run.torture.machine(), may[0].world)
 
 
-def _start(machine: Machine, result: Result, outcome: Outcome, exit_code: int, log: list[str], boxes: list[dict[str, Any]]) -> list[str]:
+def _start(machine: Machine, result: Result, outcome: Outcome, exit_code: int, log: list[str],
+           boxes: list[dict[str, Any]]) -> list[str]:
     problems = []
     if exit_code != outcome.exit_code:
         problems.append(f"exit code {exit_code} instead of {outcome.exit_code}")
@@ -228,8 +231,9 @@ def judge(run: Planned, result: Result) -> Verdict:
     unread = run.step is not None and run.step.name == "window"
     problems += handles(result.calls) + store_leaks(result.store_calls, unread)
     if result.again:
-        problems += [f"the next start: {problem}" for problem in handles(result.again.calls) + store_leaks(result.again.store_calls, False)
-                     + well_formed(arguments, result.again.log)]
+        again = [*handles(result.again.calls), *store_leaks(result.again.store_calls, False),
+                 *well_formed(arguments, result.again.log)]
+        problems += [f"the next start: {problem}" for problem in again]
     problems += _both(run, machine, result, may, arguments)
     return Verdict(problems, end or "none that is allowed")
 
@@ -251,7 +255,8 @@ def check_good(torture: Torture, result: Result) -> list[str]:
         if match:
             made[match["function"]] = made.get(match["function"], 0) + 1
     if made != outcome.calls:
-        differ = {name: (made.get(name), outcome.calls.get(name)) for name in {*made, *outcome.calls} if made.get(name) != outcome.calls.get(name)}
+        differ = {name: (made.get(name), outcome.calls.get(name)) for name in {*made, *outcome.calls}
+                  if made.get(name) != outcome.calls.get(name)}
         problems.append(f"calls made and modelled differ: {differ}")
     return problems + handles(result.calls) + store_leaks(result.store_calls, False)
 

@@ -182,7 +182,8 @@ class Run:
 
     def _check(self) -> int:
         version = self.world.version
-        self.say(f"Currently installed VLT is version [{version}] from driver version [{version + '.11.01' if version else ''}]")
+        driver = f"{version}.11.01" if version else ""
+        self.say(f"Currently installed VLT is version [{version}] from driver version [{driver}]")
         records = self.adapters()
         self.say("Currently installed drivers on system:")
         for record in records:
@@ -217,12 +218,14 @@ class Run:
         return result
 
     def _desktop_repair(self, record: Record, prefix: str) -> int:
-        package = next((one for one in self.packages() if one.installer and one.store_folder() == self.place(record.folder)), None)
+        place = self.place(record.folder)
+        package = next((one for one in self.packages() if one.installer and one.store_folder() == place), None)
         if package:
             installer, kind = rf"{record.folder}\{package.folder}\DWX2_Install.exe", package.installer
             self.say(f"Found dwx2-install.exe at [{installer}]")
         else:
-            self.say(f"Unable to find dwx2-install.exe at [{record.folder}]. Downloading dwx2_install.exe for [{prefix}] from web.")
+            self.say(f"Unable to find dwx2-install.exe at [{record.folder}]. "
+                     f"Downloading dwx2_install.exe for [{prefix}] from web.")
             kind = self.download(prefix)
             installer = r"{temp}Tavik_VLTInstallerDownload\dwx2_install.exe"
             if not kind:
@@ -455,7 +458,7 @@ class Run:
     def _stop(self) -> None:
         if self.world.location:
             self.say(rf"Process {self.world.location}\hlcmd.exe exit completed with exit code 0")
-        self.log += expect.stop("", tuple(name if name != "CorvelSoftware.exe" else "Corvelsoftware.exe" for name in self.world.running))
+        self.log += expect.stop("", tuple(self.world.running))
         self.world.running = []
 
     def _remove(self, product: Product) -> int | str:

@@ -111,7 +111,8 @@ def store_steps(calls: list[str]) -> list[str]:
             steps += [f"{step.name}@{name}" for name in looked.get(step.name, removed)]
         elif step.place == "manager":
             times = len([line for line in main if line.startswith(step.recorded)])
-            steps += [f"{step.name}#{number}" for number in range(1, times + 1)] if "{call}" in step.value else [step.name] * (times > 0)
+            numbered = [f"{step.name}#{number}" for number in range(1, times + 1)]
+            steps += numbered if "{call}" in step.value else [step.name] * (times > 0)
         elif any(line.startswith("DownloadAndInstallStorePackagesAsync") for line in main):
             steps.append(step.name)
     return steps
@@ -156,7 +157,8 @@ def _steps(torture: Torture, steps: list[str]) -> list[Planned]:
         for at, code in enumerate(step.codes):
             failure = f"0x{code:08X}" + (f":{faults.TEXT}" if at % 2 == 0 else "")
             value = step.value.format(failure=failure, call=number or "", code=code)
-            runs.append(Planned(f"{torture.name}/{text}={written(code)}", torture, Fault(code=code), name, step.ends, step, package or "", value))
+            identity = f"{torture.name}/{text}={written(code)}"
+            runs.append(Planned(identity, torture, Fault(code=code), name, step.ends, step, package or "", value))
     return runs
 
 
