@@ -3,7 +3,10 @@ from __future__ import annotations
 
 import pytest
 
-from expect import CHECKING, DOWNLOADING, FINISHED, SAME_RELEASE, download, inventory, opening
+from expect import (CHECKING, DOWNLOADING, FINISHED, INSTALL_FAILED, NO_ADAPTER, SAME_RELEASE, download, install, inventory,
+                    opening, remove, stop, unpack)
+from repair_machine import INSTALLER, found
+from store_machine import package, store_only
 
 NEW_INSTALLER = "/drivers/installer/vlt/24.20/dwx2_install.txt"
 SLOW = {"server": {"answers": {NEW_INSTALLER: {"installer": "24.20", "delay": 1.5}}}}
@@ -73,3 +76,39 @@ def test_run_has_a_time_limit(lab):
 def test_orders_that_make_no_sense_are_refused(lab):
     with pytest.raises(RuntimeError, match="unknown action: dance"):
         lab.run("compatible.toml", when=["start : dance"])
+
+
+# A second start on the same machine
+
+def test_a_second_start_meets_the_machine_that_the_first_one_left(lab):
+    result = lab.run(found(standins=["msi"]), again="-FORCE -SILENT")
+    lab.check(exit_code=0, boxes=[FINISHED], after={"products": ["Tavik Halden 24.20"]})
+    first, second = result.log, result.again.log
+    assert first[1] == opening()[1] and second[:2] == opening("-FORCE -SILENT", "24.20")
+    assert (result.again.exit_code, result.again.boxes) == (0, [])
+    levels = [call.split()[0] for call in result.again.calls if "MsiSetInternalUI" in call]
+    assert levels == ["msi!MsiSetInternalUI#1"], "each start has its own record"
+
+
+def test_fault_rules_are_gone_at_the_second_start(lab):
+    result = lab.run(found(faults=["setupapi!SetupDiGetClassDevsW 1 error=5"]), again="")
+    lab.check(exit_code=-1, boxes=[NO_ADAPTER], after={"products": ["Tavik Halden 24.20"]})
+    assert result.again.exit_code == 0 and [box["text"] for box in result.again.boxes] == [FINISHED[1]]
+    lab.result.log = result.again.log
+    lab.check(exit_code=-1, log=[*opening(), *inventory(), f"Found dwx2-install.exe at [{INSTALLER}]", unpack(INSTALLER),
+                                 *stop(), *remove("Halden"), *install("Halden")])
+
+
+def test_the_store_works_again_at_the_second_start(lab):
+    newer = "TavikSystemsInc-2.TavikCorvelSoftware_2.24.20.0_x64__0a9344xs7nr4m"
+    broken = {"installs": f"{newer} | 2.24.20.0", "end": "error:0x80240438:No way to the Store."}
+    result = lab.run(store_only(package(), service=broken), again="-SILENT")
+    lab.check(exit_code=-2145123272, boxes=[INSTALL_FAILED])
+    assert result.again.exit_code == 0 and result.store_left == [newer]
+    for calls in (result.store_calls, result.again.store_calls):
+        assert len([call for call in calls if call.startswith("FindPackages")]) == 1
+
+
+def test_after_the_time_limit_there_is_no_second_start(lab):
+    result = lab.run("compatible.toml", hold=100, timeout=1.5, again="")
+    assert result.timed_out and result.again is None and len(result.instances) == 1
