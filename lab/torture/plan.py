@@ -1,7 +1,7 @@
 """Which runs there are: counted on undisturbed runs, kept in counts.json, and made into runs with stable names.
 
-Of each function on each machine fail the first and the last call and the first one with other arguments; each with at least
-two codes. Of the Store each step fails.
+Of each function on each machine fail the first and the last call, and the first and the last one of each kind of arguments as
+long as there are not too many; each with at least two codes. Of the Store each step fails.
 """
 from __future__ import annotations
 
@@ -75,11 +75,9 @@ def shape(rest: str) -> str:
 
 def pick(shapes: list[str]) -> list[int]:
     """Numbers of the calls that are to fail."""
-    picked = {1, len(shapes)}
-    for number, one in enumerate(shapes, 1):
-        if shapes.index(one) == number - 1 and len(picked) < MOST:
-            picked.add(number)
-    return sorted(picked)
+    firsts = [shapes.index(one) + 1 for one in shapes]
+    lasts = [len(shapes) - shapes[::-1].index(one) for one in shapes]
+    return sorted(list(dict.fromkeys((1, len(shapes), *firsts, *lasts)))[:MOST])
 
 
 def count(result: Result) -> dict[str, Any]:
