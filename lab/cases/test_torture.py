@@ -71,8 +71,8 @@ SPOILT: dict[str, tuple[Callable[[Result], Result], str]] = {
     "a call too many": (lambda r: but(r, calls=[*r.calls, r.calls[-1]]), "calls made and calls modelled"),
     "an INF left open": (lambda r: but(r, calls=without(r.calls, "setupapi!SetupCloseInfFile")), "INF: 1 left open"),
     "the list of devices kept": (lambda r: but(r, calls=without(r.calls, "setupapi!SetupDiDestroy")), "device list: 1 left"),
-    "a list closed twice": (lambda r: but(r, calls=[*r.calls, r.calls[-1], *r.calls[-1:]][:-1] + [
-        next(line for line in r.calls if "DiDestroy" in line)]), "device list: -1 left"),
+    "a list closed twice": (lambda r: but(r, calls=[*r.calls, *(line for line in r.calls if "DiDestroy" in line)]),
+                            "device list: -1 left"),
     "a handler kept": (lambda r: but(r, store_calls=["handler released count=1"]), "handler released count=1"),
     "an object kept": (lambda r: but(r, store_calls=["still held: Package refs=1"]), "still held: Package"),
     "no second start": (lambda r: but(r, again=None), "not started again"),
