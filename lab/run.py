@@ -46,6 +46,14 @@ def remove_folder(folder: pathlib.Path) -> None:
     subprocess.run(["rm", "-rf", str(folder)], check=False)
 
 
+def end_orphans() -> None:
+    """Ends what still runs on machines whose owner was killed."""
+    for folder in paths.RUNS.iterdir() if paths.RUNS.exists() else ():
+        owner = folder.name.split("-")[0]
+        if owner.isdigit() and not pathlib.Path("/proc", owner).exists():
+            prefixes.Prefix(folder / "prefix").stop()
+
+
 def default_address() -> str:
     """An address of this run's own, so that several can have port 443."""
     return f"127.{1 + os.getpid() % 250}.{1 + os.getpid() // 250 % 250}.{1 + next(_numbers) % 250}"

@@ -15,9 +15,8 @@ sys.path[:0] = [str(ROOT), str(pathlib.Path(__file__).parent)]
 import expect  # noqa: E402
 from lab import paths  # noqa: E402
 from lab.machine import Machine  # noqa: E402
-from lab.prefix import Prefix  # noqa: E402
 from lab.result import Result, render  # noqa: E402
-from lab.run import RunError, mounting_obstacle, private_hosts_obstacle, remove_folder, run  # noqa: E402
+from lab.run import RunError, end_orphans, mounting_obstacle, private_hosts_obstacle, remove_folder, run  # noqa: E402
 from lab.state import State  # noqa: E402
 from lab.torture.campaign import slice_name  # noqa: E402
 
@@ -28,10 +27,8 @@ def pytest_configure(config: pytest.Config) -> None:
     """Machines of failed cases stay for a day; what still runs in those of an interrupted session is ended."""
     config.addinivalue_line("markers", "slow: started first, because it mostly waits")
     if not hasattr(config, "workerinput") and paths.RUNS.exists():
+        end_orphans()
         for folder in paths.RUNS.iterdir():
-            owner = folder.name.split("-")[0]
-            if owner.isdigit() and not pathlib.Path("/proc", owner).exists():
-                Prefix(folder / "prefix").stop()
             with contextlib.suppress(FileNotFoundError):  # another run may have removed it meanwhile
                 if time.time() - folder.stat().st_mtime > DAY:
                     remove_folder(folder)

@@ -15,7 +15,7 @@ from typing import Any
 
 from lab import paths
 from lab.result import Result
-from lab.run import RunError, private_hosts_obstacle, remove_folder, run as start
+from lab.run import RunError, end_orphans, private_hosts_obstacle, remove_folder, run as start
 from lab.torture import judge, plan
 from lab.torture.machines import MACHINES
 from lab.torture.plan import Planned
@@ -127,6 +127,7 @@ def known_results(mark: str) -> dict[str, dict[str, Any]]:
 def campaign(runs: list[Planned], jobs: int, fresh: bool = False) -> int:
     """Makes the runs that have no result yet. The number of runs with something wrong."""
     FOLDER.mkdir(parents=True, exist_ok=True)
+    end_orphans()
     mark = stamp()
     if fresh:
         RESULTS.unlink(missing_ok=True)

@@ -36,7 +36,7 @@ PAIRS = {"device list": ("setupapi!SetupDiGetClassDevsW", "setupapi!SetupDiDestr
          "INF": ("setupapi!SetupOpenInfFileW", "setupapi!SetupCloseInfFile")}
 INTERNET = ("wininet!InternetOpenW", "wininet!InternetConnectW", "wininet!HttpOpenRequestW")
 RECORD = re.compile(r"(?P<function>\w+!\w+)#(?P<number>\d+) ?(?P<rest>.*) -> (?P<result>\S+) gle=(?P<error>\d+)$")
-LIMIT = 60  # seconds for both starts together
+LIMIT = 120  # seconds for both starts together; they take two when nothing else is going on
 
 
 @dataclasses.dataclass
