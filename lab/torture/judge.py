@@ -156,12 +156,20 @@ def mentioned(run: Planned, machine: Machine, result: Result) -> bool:
 
 def mend(torture: Torture, machine: Machine, world: World) -> str:
     """The arguments with which the tool puts the machine right: the same ones if that does, else by force, else as a direct
-    installation. When nothing does (an optional package that is lost is not missed by anybody) the same ones."""
+    installation (which may bring more than there was). When nothing does the same ones: an optional package that is lost is
+    not missed by anybody."""
     same = torture.arguments
-    for arguments in (same, f"{same} -FORCE".strip(), DIRECT):
-        if model.Run(machine, world, arguments).execute().world.end() == (sorted(torture.products), sorted(torture.store)):
+    for arguments in (same, f"{same} -FORCE".strip(), "-FORCE -SILENT", DIRECT):
+        if is_right(torture, model.Run(machine, world, arguments).execute().world):
             return arguments
     return same
+
+
+def is_right(torture: Torture, world: World) -> bool:
+    """All that the undisturbed run leaves is there, nothing twice, and the Store packages are the same."""
+    products, store = world.end()
+    families = [product.family for product in world.products]
+    return set(torture.products) <= set(products) and len(set(families)) == len(families) and store == sorted(torture.store)
 
 
 def expected(run: Planned, machine: Machine) -> tuple[Outcome, list[Outcome], str]:
