@@ -73,7 +73,7 @@ std::vector<std::string> RunningPrograms()
     std::vector<std::string> running;
     for (const std::wstring& name : names)
     {
-        bool isOwn = false;
+        bool isOwn = name.empty();  // still none after all that time: it is ending
         for (const wchar_t* one : own)
             isOwn = isOwn || lstrcmpiW(one, name.c_str()) == 0;
         if (!isOwn)

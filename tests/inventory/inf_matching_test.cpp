@@ -162,7 +162,7 @@ TEST(SectionHeaderOfGeneratedLines, IsWhatTheExpressionMatches)
     const std::wregex expression(LR"(\[(.*)\])", std::regex::icase);
     LineSource lines;
     int matches = 0;
-    constexpr int kLines = 50'000;
+    constexpr int kLines = 1'000'000;
     for (int i = 0; i < kLines; ++i)
     {
         const std::wstring line = lines.Header();
@@ -179,7 +179,7 @@ TEST(ReleaseLineOfGeneratedLines, IsWhatTheExpressionMatches)
     const std::wregex expression(L"HKR,,ReleaseVersion,,(.*)", std::regex::icase);
     LineSource lines;
     int matches = 0;
-    constexpr int kLines = 50'000;
+    constexpr int kLines = 1'000'000;
     for (int i = 0; i < kLines; ++i)
     {
         const std::wstring line = lines.Release();

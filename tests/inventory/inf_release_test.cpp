@@ -133,6 +133,41 @@ TEST(InfSectionNames, HostileLongLinesAreNoTrouble)
     EXPECT_EQ(sections.back(), L"end");
 }
 
+// Reads `path` on a thread whose stack is as small as the system makes them.
+std::list<std::wstring> SectionsReadOnASmallStack(std::wstring path)
+{
+    struct Reading
+    {
+        std::wstring path;
+        std::list<std::wstring> sections;
+    } reading{std::move(path), {}};
+    constexpr DWORD kStackBytes = 65'536;
+    const auto read = [](void* context) -> DWORD
+    {
+        Reading& one = *static_cast<Reading*>(context);
+        one.sections = ReadInfSectionNames(one.path);
+        return 0;
+    };
+    const HANDLE thread =
+        CreateThread(nullptr, kStackBytes, read, &reading, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+    EXPECT_NE(thread, nullptr);
+    WaitForSingleObject(thread, INFINITE);
+    CloseHandle(thread);
+    return std::move(reading.sections);
+}
+
+TEST(InfSectionNames, LineOf64MebibytesIsReadInConstantStack)
+{
+    const TemporaryFolder folder;
+    const std::string filler(64 * 1024 * 1024, 'x');
+    const std::wstring open = folder.WriteBytes(L"open.inf", "[" + filler + "\n[end]\n");
+    EXPECT_THAT(SectionsReadOnASmallStack(open), ElementsAre(L"end"));
+    const std::wstring closed = folder.WriteBytes(L"closed.inf", "[" + filler + "]\n[end]\n");
+    const std::list<std::wstring> sections = SectionsReadOnASmallStack(closed);
+    ASSERT_EQ(sections.size(), 2u);
+    EXPECT_EQ(sections.front().size(), filler.size());
+}
+
 TEST(InfSectionNames, HeaderIsFoundWhereverTheReadingBlocksEnd)
 {
     const TemporaryFolder folder;
