@@ -90,8 +90,10 @@ def by_id() -> dict[str, Planned]:
 def stamp() -> str:
     """Results of another program or another plan do not count any more."""
     digest = hashlib.sha256(paths.TOOL.read_bytes())
-    for name in ("counts.json", "faults.py", "judge.py", "machines.py", "model.py", "plan.py"):
-        digest.update(pathlib.Path(__file__).with_name(name).read_bytes())
+    here = pathlib.Path(__file__)
+    for file in sorted(set(here.parent.glob("*.py")) - {here, here.with_name("__main__.py")}):
+        digest.update(file.read_bytes())
+    digest.update(json.dumps(plan.load()).encode())
     return digest.hexdigest()[:12]
 
 

@@ -13,9 +13,10 @@ import expect
 from lab.machine import Machine
 from lab.result import Result
 from lab.torture import faults, model
+from lab.torture.installation import REBOOT
 from lab.torture.machines import DIRECT, Torture
-from lab.torture.model import Outcome, World, signed
 from lab.torture.plan import Planned
+from lab.torture.world import Outcome, World, setup_result, signed
 
 SAME = "Currently installed version of VLT is from the same release as the active driver. Exiting."
 # How runs end: exit code and last line; "code" is the one that was injected. GOOD is as the undisturbed run.
@@ -146,7 +147,7 @@ def mentioned(run: Planned, machine: Machine, result: Result) -> bool:
         return True
     code = run.fault.code
     number = signed(code)
-    for key, text in (("code", "0" if code in model.REBOOT else str(number)), ("hresult", str(model.setup_result(code))),
+    for key, text in (("code", "0" if code in REBOOT else str(number)), ("hresult", str(setup_result(code))),
                       ("signed", str(number) if number < 0 else f" {number}"), ("url", "{any}")):
         line = line.replace("{%s}" % key, text)
     also = line.replace("\tResult = 0", f"\tResult = {code}")  # a removal's result is not turned into a success

@@ -16,7 +16,7 @@ from lab.machine import Machine, merge
 from lab.result import Result
 from lab.torture import faults
 from lab.torture.machines import MACHINES, Torture
-from lab.torture.model import Fault
+from lab.torture.world import Fault
 
 COUNTS = pathlib.Path(__file__).with_name("counts.json")
 MOST = 6   # calls of one function on one machine
@@ -121,7 +121,12 @@ def load() -> dict[str, Any]:
 
 
 def save(counts: dict[str, Any]) -> None:
-    COUNTS.write_text(json.dumps(counts, indent=1) + "\n", "utf-8")
+    """One line for each function and for each machine's steps, so that a difference is easy to read."""
+    parts = []
+    for name, found in counts.items():
+        calls = ",\n".join(f"   {json.dumps(function)}: {json.dumps(item)}" for function, item in found["calls"].items())
+        parts.append(f' {json.dumps(name)}: {{\n  "calls": {{\n{calls}\n  }},\n  "store": {json.dumps(found["store"])}\n }}')
+    COUNTS.write_text("{\n" + ",\n".join(parts) + "\n}\n", "utf-8")
 
 
 # The runs
