@@ -149,7 +149,7 @@ def test_a_sample_is_the_same_for_the_same_seed():
 
 
 def test_nearly_every_machine_is_put_right_by_the_start_afterwards():
-    """Only an optional package that was lost is not missed, and a direct update that took the edition for missing has done more."""
+    """Only a lost optional package is not missed, and a direct update that took the edition for missing has done more."""
     seen: set[str] = set()
     for run in RUNS:
         call = run.id.partition("=")[0].partition("~")[0]
