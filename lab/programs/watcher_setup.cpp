@@ -51,6 +51,25 @@ void WriteValue(const std::wstring& line)
     RegCloseKey(key);
 }
 
+// The first window of a machine starts its desktop. On a busy host that can fail, and then no window of the tool would
+// appear either.
+void AwaitDesktop()
+{
+    constexpr DWORD kPatienceMs = 20000;
+    constexpr DWORD kPauseMs = 50;
+    for (DWORD waited = 0; waited < kPatienceMs; waited += kPauseMs)
+    {
+        const HWND window = CreateWindowExW(0, L"STATIC", L"", WS_POPUP, 0, 0, 1, 1, nullptr, nullptr, nullptr, nullptr);
+        if (window != nullptr)
+        {
+            DestroyWindow(window);
+            return;
+        }
+        Sleep(kPauseMs);
+    }
+    Refuse(L"no window can be made");
+}
+
 // Takes them out of the class of display adapters. Wine lists absent devices as well, so nothing milder hides one.
 void HideOwnAdapters()
 {
@@ -132,6 +151,7 @@ Orders ReadOrders(const wchar_t* path)
 
 void SetUpDevices(const Orders& orders)
 {
+    AwaitDesktop();
     DISPLAY_DEVICEW device{};
     device.cb = sizeof device;
     EnumDisplayDevicesW(nullptr, 0, &device, 0);
