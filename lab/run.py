@@ -140,6 +140,10 @@ def orders(machine: Machine, arguments: str, late: list[str], timeout: float = 6
     return "\n".join(lines) + "\n"
 
 
+class StartError(RuntimeError):
+    """Wine itself did not come up; the tool has not been started."""
+
+
 class Run:
     """Holds what has to be taken down again."""
 
@@ -207,6 +211,8 @@ class Run:
             errors = self.folder / "errors.txt"
             code = prefix.wine(r"C:\lab\watcher.exe", output=errors, timeout=timeout + 60, launcher=self.launcher)
             prefix.stop()
+            if code == 1 and errors.stat().st_size == 0:  # the watcher itself gives other codes, or a reason
+                raise StartError("the watcher was not started")
             if code != 0:
                 raise RuntimeError(f"the watcher ended with {code}: {errors.read_text('utf-8', 'replace')[:2000]}")
             if web:
@@ -274,7 +280,12 @@ def run(machine: Machine, arguments: str = "", *, timeout: float = 60, hold: flo
     without fault rules and failures of the Store; the result's `again` is about that start."""
     one = Run(machine, pathlib.Path(pictures) if pictures else None)
     try:
-        result = one.execute(arguments, timeout, hold, tuple(when), then, at_once, directory, again)
+        try:
+            result = one.execute(arguments, timeout, hold, tuple(when), then, at_once, directory, again)
+        except StartError:
+            remove_folder(one.folder)
+            one = Run(machine, one.pictures)
+            result = one.execute(arguments, timeout, hold, tuple(when), then, at_once, directory, again)
     except PermissionError:
         remove_folder(one.folder)
         raise

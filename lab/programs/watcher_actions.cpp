@@ -70,6 +70,24 @@ bool Click(HWND window, const std::wstring& where)
     return SetCursorPos(x, y) != 0 && SendMouse(MOUSEEVENTF_LEFTDOWN) && SendMouse(MOUSEEVENTF_LEFTUP);
 }
 
+namespace
+{
+// Whether a window of the thread follows the pointer. Gives up after a while: not every window can be moved.
+void AwaitMoving(DWORD thread, bool isMoving)
+{
+    constexpr DWORD kPatienceMs = 1500;
+    constexpr DWORD kPauseMs = 10;
+    for (DWORD waited = 0; waited < kPatienceMs; waited += kPauseMs)
+    {
+        GUITHREADINFO info{};
+        info.cbSize = sizeof info;
+        if (GetGUIThreadInfo(thread, &info) != 0 && ((info.flags & GUI_INMOVESIZE) != 0) == isMoving)
+            return;
+        Sleep(kPauseMs);
+    }
+}
+}  // namespace
+
 bool Drag(HWND window, const std::wstring& distance)
 {
     int dx = 0;
@@ -79,15 +97,17 @@ bool Drag(HWND window, const std::wstring& distance)
         return false;
     const int x = (place.left + place.right) / 2;
     const int y = (place.top + place.bottom) / 2;
+    const DWORD thread = GetWindowThreadProcessId(window, nullptr);
     SetCursorPos(x, y);
     bool sent = SendMouse(MOUSEEVENTF_LEFTDOWN);
+    AwaitMoving(thread, true);  // the pointer must not move before the window follows it
     for (int step = 1; step <= 4; ++step)
     {
-        Sleep(30);  // the window must have entered its own loop for moving before the pointer moves
         SetCursorPos(x + dx * step / 4, y + dy * step / 4);
+        Sleep(30);
     }
-    Sleep(30);
     sent = SendMouse(MOUSEEVENTF_LEFTUP) && sent;
+    AwaitMoving(thread, false);  // what is done next begins where the window is by then
     return sent;
 }
 

@@ -33,7 +33,8 @@ std::wstring ExtractionFolder()
 void Extract(const std::wstring& installerPath, const std::wstring& folder)
 {
     CreateSecureDirectory(folder);  // the sequence goes on without it as well as it may
-    // Nobody exchanges the file under the elevated start. Where it cannot be held, the start itself tells what is wrong.
+    // Nobody exchanges the file under the elevated start. Where it cannot be held, the start itself tells what is
+    // wrong.
     const FileHandle held(CreateFileW(installerPath.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                       FILE_ATTRIBUTE_NORMAL, nullptr));
     // No quotes: the installer takes everything behind "/D=" up to the end of the line, blanks included.

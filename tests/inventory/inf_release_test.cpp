@@ -142,8 +142,7 @@ std::list<std::wstring> SectionsReadOnASmallStack(std::wstring path)
         std::list<std::wstring> sections;
     } reading{std::move(path), {}};
     constexpr DWORD kStackBytes = 65'536;
-    const auto read = [](void* context) -> DWORD
-    {
+    const auto read = [](void* context) -> DWORD {
         Reading& one = *static_cast<Reading*>(context);
         one.sections = ReadInfSectionNames(one.path);
         return 0;
