@@ -24,8 +24,6 @@ TOOL = r"C:\lab\TavikCompatibilityTool.exe"
 SYSTEM = r"C:\windows\system32"
 LOGS = pathlib.Path("Program Files", "Tavik", "MIM", "Log")
 _numbers = itertools.count(1)
-FIRST = "-first"  # in the names of the records of the first of two starts
-STANDINS = r"C:\lab\standins"
 
 
 class RunError(RuntimeError):
@@ -114,13 +112,6 @@ def _log_order(file: pathlib.Path) -> list[int]:
     return [int(number) for number in re.findall(r"\d+", file.name)]  # date and time without leading zeros
 
 
-def _second_start(arguments: str) -> list[str]:
-    """When the tool has ended its records are put aside, what made calls fail is taken away, and it is started again."""
-    aside = [rf"move {STANDINS}\{name}.txt > {STANDINS}\{name}{FIRST}.txt" for name in ("calls", "winrt-calls")]
-    calm = [rf"delete {STANDINS}\faults.txt", rf"move {STANDINS}\store-undisturbed.txt > {STANDINS}\store.txt"]
-    return [f"ended : {action}" for action in (*aside, *calm, f"second {arguments}".rstrip())]
-
-
 def orders(machine: Machine, arguments: str, late: list[str], timeout: float = 60, hold: float = 0, when: tuple[str, ...] = (),
            then: str | None = None, at_once: int = 1, pictures: bool = False, directory: str = SYSTEM) -> str:
     """What the watcher is told."""
@@ -189,9 +180,7 @@ class Run:
             self.launcher = (*self.launcher, "sh", "-c", script, str(self.machine.data["largest_file"]))
 
     def execute(self, arguments: str, timeout: float, hold: float, when: tuple[str, ...], then: str | None,
-                at_once: int, directory: str, again: str | None) -> Result:
-        if again is not None:
-            when = (*when, *_second_start(again))
+                at_once: int, directory: str) -> Result:
         started = time.monotonic()
         with self.stack:
             web = self._start_server()
@@ -221,19 +210,20 @@ class Run:
             drive = self.disks.seen(prefix.drive) if self.disks else prefix.drive
             after = state.read(drive, Hive(prefix.path / "system.reg"))
         result = self._collect(prefix, web, address, before, after, errors, hollow.most, time.monotonic() - started)
-        return result if again is None else self._divide(result, prefix.drive / "lab" / "standins")
+        return result if then is None else self._divide(result, prefix.drive / "lab" / "standins")
 
     @staticmethod
     def _divide(result: Result, standins: pathlib.Path) -> Result:
-        """What belongs to the second start goes into `again`."""
-        if len(result.instances) < 2:  # the time limit ended the first one
+        """What belongs to the start afterwards goes into `again`."""
+        if result.timed_out:  # then there was none
             return result
-        boxes = [box for box in result.boxes if box["instance"] == 1]
-        log = result.logs[1] if len(result.logs) > 1 else []
-        result.again = Again(result.instances[1]["exit_code"], log, boxes, result.calls, result.store_calls)
-        result.boxes = [box for box in result.boxes if box["instance"] == 0]
-        result.calls = _lines(standins / f"calls{FIRST}.txt")
-        result.store_calls = _lines(standins / f"winrt-calls{FIRST}.txt")
+        last = len(result.instances) - 1
+        boxes = [box for box in result.boxes if box["instance"] == last]
+        result.again = Again(result.instances[last]["exit_code"], result.logs[last] if len(result.logs) > last else [], boxes,
+                             result.calls, result.store_calls)
+        result.boxes = [box for box in result.boxes if box["instance"] != last]
+        result.calls = _lines(standins / "calls-first.txt")
+        result.store_calls = _lines(standins / "winrt-calls-first.txt")
         return result
 
     def _store_left(self, state_file: pathlib.Path) -> list[str]:
@@ -272,20 +262,20 @@ class Run:
 
 def run(machine: Machine, arguments: str = "", *, timeout: float = 60, hold: float = 0, when: tuple[str, ...] | list[str] = (),
         then: str | None = None, at_once: int = 1, directory: str = SYSTEM, pictures: pathlib.Path | str | None = None,
-        keep: bool = False, again: str | None = None) -> Result:
-    """Runs the tool (so many at once), started in that directory, and with `then` once more, undisturbed and with these
-    arguments, when it has ended. The machine is removed afterwards unless it is to be kept; it is kept when something goes wrong.
+        keep: bool = False) -> Result:
+    """Runs the tool (so many at once), started in that directory. The machine is removed afterwards unless it is to be kept; it
+    is kept when something goes wrong.
 
-    again: when the tool has ended it is started once more with these arguments, on the machine as it is by then but
-    without fault rules and failures of the Store; the result's `again` is about that start."""
+    then: when the tool has ended it is started once more with these arguments, on the machine as it is by then but without
+    fault rules, failures of the Store and actions; the result's `again` is about that start."""
     one = Run(machine, pathlib.Path(pictures) if pictures else None)
     try:
         try:
-            result = one.execute(arguments, timeout, hold, tuple(when), then, at_once, directory, again)
+            result = one.execute(arguments, timeout, hold, tuple(when), then, at_once, directory)
         except StartError:
             remove_folder(one.folder)
             one = Run(machine, one.pictures)
-            result = one.execute(arguments, timeout, hold, tuple(when), then, at_once, directory, again)
+            result = one.execute(arguments, timeout, hold, tuple(when), then, at_once, directory)
     except PermissionError:
         remove_folder(one.folder)
         raise

@@ -56,8 +56,8 @@ def kill_and_start_again(lab, machine: dict[str, Any], arguments: str = "", *, w
 
 def check_second(result: Result, outcome: tuple, *, products: list[str], store: tuple[str, ...] = ()) -> None:
     code, box, last = outcome
-    assert (result.instances[1]["exit_code"], result.logs[-1][-1]) == (code, last if last else "\tResult = 0")
-    assert [(one["icon"], one["text"]) for one in result.boxes if one["instance"] == 1] == [box]
+    assert (result.again.exit_code, result.logs[-1][-1]) == (code, last if last else "\tResult = 0")
+    assert [(one["icon"], one["text"]) for one in result.again.boxes] == [box]
     assert (result.after.products, tuple(result.store_left)) == (products, store)
     missing = {MARKER.lower(), DOWNLOADED.lower() + ".tmp"}
     assert [path for path in result.after.files if path.lower() in missing] == []
@@ -131,10 +131,10 @@ def outcomes(log: list[str]) -> list[tuple]:
 
 def check_seen(lab, result: Result) -> None:
     allowed = outcomes(result.logs[0] if len(result.logs) == 2 else [])
-    end = (result.instances[1]["exit_code"], result.logs[-1][-1])
+    end = (result.again.exit_code, result.logs[-1][-1])
     outcome = next((one for one in allowed if end == (one[0], one[2] or "\tResult = 0")), None)
     assert outcome is not None, (end, allowed)
-    assert [box["text"] for box in result.boxes if box["instance"] == 1] == [outcome[1][1]]
+    assert [box["text"] for box in result.again.boxes] == [outcome[1][1]]
     main = [] if outcome is FINDS_NOTHING else ["Tavik Halden 24.20"]
     assert [name for name in result.after.products if "Halden" in name] == main
     if outcome is REPAIRS and not any(line.startswith("Uninstalling") for line in result.log):
@@ -162,10 +162,10 @@ def test_while_the_installer_unpacks(lab, seen):
     the second run fails as it does with any folder that cannot be prepared or package that is no good."""
     result = kill_and_start_again(lab, desktop(installer={"sleep": 800}), when=(f"file {seen}",))
     assert len(result.installer) <= 2 and not any("DWX2_Install" in line for line in result.log if line.startswith("Process"))
-    if result.instances[1]["exit_code"] == 0:
+    if result.again.exit_code == 0:
         check_second(result, REPAIRS, products=NEW)
     else:
-        assert [box["text"] for box in result.boxes] == [INSTALL_FAILED[1]]
+        assert [box["text"] for box in result.again.boxes] == [INSTALL_FAILED[1]]
 
 
 # While it downloads
@@ -248,7 +248,7 @@ def test_direct_installation(lab, point, was_missing, families):
     machine = {"desktop": False, "server": {"reach": "none"}, "files": {GIVEN: {"installer": "24.20"}},
                "store": {"packages": [package()]}, **exits(point)}
     result = kill_and_start_again(lab, machine, SWITCHES)
-    assert (result.instances[1]["exit_code"], result.boxes) == (0, [])
+    assert (result.again.exit_code, result.boxes, result.again.boxes) == (0, [], [])
     assert result.after.products == [f"Tavik {family} 24.20" for family in sorted(families)]
     assert result.after.value(REPLACED, "VLTUWPReplaced") == (1 if was_missing else None)
     assert result.store_left == ([] if was_missing or "get_ErrorText" in point else [CORVEL])
@@ -260,5 +260,5 @@ def test_direct_installation_while_the_application_starts(lab):
     machine = {"desktop": False, "server": {"reach": "none"}, "files": {GIVEN: {"installer": "24.20"}},
                "programs": {"CorvelSoftware.exe.stay": 300}}
     result = kill_and_start_again(lab, machine, SWITCHES, when=(r"file C:\lab\programs.txt",))
-    assert (result.instances[1]["exit_code"], result.after.products) == (0, NEW)
+    assert (result.again.exit_code, result.after.products) == (0, NEW)
     assert result.after.value(REPLACED, "VLTUWPReplaced") == 1

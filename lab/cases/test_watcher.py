@@ -63,7 +63,7 @@ def test_second_run_is_undisturbed(lab):
     lab.check(exit_code=77, boxes=[], log=opening("-FORCE"), after={"products": ["Tavik Halden 24.20"]})
     assert [(one["arguments"], one["exit_code"]) for one in result.instances] == [("-FORCE", 77), ("-SILENT", 0)]
     assert result.logs[1][:2] == opening("-SILENT") and len(result.logs) == 2
-    assert result.boxes == [] and result.actions == []
+    assert result.boxes == result.again.boxes == [] and result.actions == []
 
 
 def test_run_has_a_time_limit(lab):
@@ -81,7 +81,7 @@ def test_orders_that_make_no_sense_are_refused(lab):
 # A second start on the same machine
 
 def test_a_second_start_meets_the_machine_that_the_first_one_left(lab):
-    result = lab.run(found(standins=["msi"]), again="-FORCE -SILENT")
+    result = lab.run(found(standins=["msi"]), then="-FORCE -SILENT")
     lab.check(exit_code=0, boxes=[FINISHED], after={"products": ["Tavik Halden 24.20"]})
     first, second = result.log, result.again.log
     assert first[1] == opening()[1] and second[:2] == opening("-FORCE -SILENT", "24.20")
@@ -91,7 +91,7 @@ def test_a_second_start_meets_the_machine_that_the_first_one_left(lab):
 
 
 def test_fault_rules_are_gone_at_the_second_start(lab):
-    result = lab.run(found(faults=["setupapi!SetupDiGetClassDevsW 1 error=5"]), again="")
+    result = lab.run(found(faults=["setupapi!SetupDiGetClassDevsW 1 error=5"]), then="")
     lab.check(exit_code=-1, boxes=[NO_ADAPTER], after={"products": ["Tavik Halden 24.20"]})
     assert result.again.exit_code == 0 and [box["text"] for box in result.again.boxes] == [FINISHED[1]]
     lab.result.log = result.again.log
@@ -102,7 +102,7 @@ def test_fault_rules_are_gone_at_the_second_start(lab):
 def test_the_store_works_again_at_the_second_start(lab):
     newer = "TavikSystemsInc-2.TavikCorvelSoftware_2.24.20.0_x64__0a9344xs7nr4m"
     broken = {"installs": f"{newer} | 2.24.20.0", "end": "error:0x80240438:No way to the Store."}
-    result = lab.run(store_only(package(), service=broken), again="-SILENT")
+    result = lab.run(store_only(package(), service=broken), then="-SILENT")
     lab.check(exit_code=-2145123272, boxes=[INSTALL_FAILED])
     assert result.again.exit_code == 0 and result.store_left == [newer]
     for calls in (result.store_calls, result.again.store_calls):
@@ -110,5 +110,5 @@ def test_the_store_works_again_at_the_second_start(lab):
 
 
 def test_after_the_time_limit_there_is_no_second_start(lab):
-    result = lab.run("compatible.toml", hold=100, timeout=1.5, again="")
+    result = lab.run("compatible.toml", hold=100, timeout=6, then="")
     assert result.timed_out and result.again is None and len(result.instances) == 1

@@ -23,6 +23,11 @@ constexpr DWORD kSampleMs = 15;
 constexpr DWORD kPictureLimitMs = 15000;
 constexpr DWORD kSettleMs = 700;  // the first picture of the status window is complete after one tick of its timer
 
+// Each start has its own record, and the Store works at the second one.
+constexpr std::pair<const wchar_t*, const wchar_t*> kPutAside[] = {{L"calls.txt", L"calls-first.txt"},
+                                                                   {L"winrt-calls.txt", L"winrt-calls-first.txt"},
+                                                                   {L"store-undisturbed.txt", L"store.txt"}};
+
 class Watch
 {
 public:
@@ -48,7 +53,6 @@ private:
     bool LaterInstanceRuns() const;
     bool AnyRuns() const;
     bool StartsAgain();
-    bool AwaitsEnd() const;
 
     Orders orders_;
     HMODULE hook_;
@@ -154,26 +158,20 @@ bool Watch::AnyRuns() const
     return (!seen_.instances.empty() && seen_.instances[0].running) || LaterInstanceRuns();
 }
 
-// The run after the last one has nothing in its way: no fault rules, and nothing is done to it.
+// The run after the last one has nothing in its way: no failing calls, and nothing is done to it.
 bool Watch::StartsAgain()
 {
-    if (!orders_.then)
+    if (!orders_.then || seen_.timedOut)
         return false;
-    DeleteFileW(L"C:\\lab\\standins\\faults.txt");
+    const std::wstring standins = L"C:\\lab\\standins\\";
+    DeleteFileW((standins + L"faults.txt").c_str());
+    for (const auto& [from, to] : kPutAside)
+        MoveFileExW((standins + from).c_str(), (standins + to).c_str(), MOVEFILE_REPLACE_EXISTING);
     orders_.whens.clear();
     waitUntil_ = 0;
     const std::wstring arguments = *std::exchange(orders_.then, std::nullopt);
     CloseHandle(StartInstance(arguments));
     return true;
-}
-
-// Something is to be done when no instance runs any more: then the watch goes on, since it may start one.
-bool Watch::AwaitsEnd() const
-{
-    for (const When& when : orders_.whens)
-        if (!when.done)
-            return when.trigger == L"ended" && !seen_.timedOut;
-    return false;
 }
 
 // The lab outside takes the picture and removes the request.
@@ -281,8 +279,6 @@ bool Watch::Fires(const When& when) const
     const std::wstring& trigger = when.trigger;
     if (trigger == L"start")
         return true;
-    if (trigger == L"ended")
-        return !AnyRuns();
     if (trigger == L"window")
         return status.visible;
     if (trigger == L"box")
@@ -348,8 +344,6 @@ bool Watch::Do(const std::wstring& action)
         return MoveFileExW(rest.c_str(), (rest + L".renamed").c_str(), MOVEFILE_REPLACE_EXISTING) != 0;
     if (verb == L"write")
         return CanWrite(rest);
-    if (verb == L"move")
-        return MoveTo(rest);
     if (verb == L"wait")
     {
         waitUntil_ = Now() + std::wcstoul(rest.c_str(), nullptr, 10);
@@ -414,7 +408,7 @@ int Watch::Run()
         StartProgram(program);
     start_ = GetTickCount();
     StartCrowd();
-    while (AnyRuns() || AwaitsEnd() || StartsAgain())
+    while (AnyRuns() || StartsAgain())
     {
         if (Now() > orders_.timeoutMs)
         {

@@ -133,11 +133,4 @@ bool CloseWindowByMenu(HWND window)
 {
     return PostMessageW(window, WM_SYSCOMMAND, SC_CLOSE, 0) != 0;
 }
-
-bool MoveTo(const std::wstring& both)
-{
-    const size_t mark = both.find(L" > ");
-    return mark != std::wstring::npos &&
-           MoveFileExW(both.substr(0, mark).c_str(), both.substr(mark + 3).c_str(), MOVEFILE_REPLACE_EXISTING) != 0;
-}
 }  // namespace watcher

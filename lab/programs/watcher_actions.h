@@ -12,5 +12,4 @@ bool Click(HWND window, const std::wstring& where);    // a control id, or "x,y"
 bool Drag(HWND window, const std::wstring& distance);  // "dx,dy", from the middle of the window
 bool CrashThreadOf(HWND window);                       // its thread goes on where no code is
 bool CloseWindowByMenu(HWND window);                   // what Alt+F4 does
-bool MoveTo(const std::wstring& both);                 // "file > file", in place of one that is already there
 }  // namespace watcher

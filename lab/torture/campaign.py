@@ -34,7 +34,7 @@ def execute(run: Planned, keep: bool = False) -> tuple[Result, judge.Verdict]:
     """One run: the disturbed start, the undisturbed one after it, and the judgement."""
     machine = run.machine()
     _, _, arguments = judge.expected(run, machine)
-    result = start(machine, run.torture.arguments, timeout=judge.LIMIT, again=arguments, keep=keep)
+    result = start(machine, run.torture.arguments, timeout=judge.LIMIT, then=arguments, keep=keep)
     return result, judge.judge(run, result)
 
 
