@@ -215,12 +215,12 @@ class Run:
     @staticmethod
     def _divide(result: Result, standins: pathlib.Path) -> Result:
         """What belongs to the start afterwards goes into `again`."""
-        if result.timed_out:  # then there was none
-            return result
         last = len(result.instances) - 1
+        if last == 0:  # the time limit ended the first one
+            return result
         boxes = [box for box in result.boxes if box["instance"] == last]
-        result.again = Again(result.instances[last]["exit_code"], result.logs[last] if len(result.logs) > last else [], boxes,
-                             result.calls, result.store_calls)
+        result.again = Again(result.instances[last]["exit_code"], result.logs[-1] if result.logs else [], boxes, result.calls,
+                             result.store_calls)
         result.boxes = [box for box in result.boxes if box["instance"] != last]
         result.calls = _lines(standins / "calls-first.txt")
         result.store_calls = _lines(standins / "winrt-calls-first.txt")

@@ -24,7 +24,7 @@ DAY = 24 * 3600
 
 
 def pytest_configure(config: pytest.Config) -> None:
-    """Machines of failed cases stay for a day; what still runs in those of an interrupted session is ended."""
+    """Machines of failed cases stay for a day; what still runs in those of an interrupted test run is ended."""
     config.addinivalue_line("markers", "slow: started first, because it mostly waits")
     if not hasattr(config, "workerinput") and paths.RUNS.exists():
         end_orphans()

@@ -25,7 +25,7 @@ def codes(result) -> list[int]:
 def test_only_one_of_many_works(lab, number):
     """Their logs are named by the millisecond. Who comes second in one finds the file taken and goes without a log, so there
     can be fewer logs than instances; never two in one file."""
-    slow = found(faults=["setupapi!SetupDiGetClassDevsW 1 sleep=1500"])  # nobody may come when the work is done
+    slow = found(faults=["setupapi!SetupDiGetClassDevsW 1 sleep=5000"])  # nobody may come when the work is done
     result = lab.run(slow, "-SILENT", at_once=number)
     assert len(result.instances) == number and codes(result) == [-1] * (number - 1) + [0]
     assert (result.boxes, result.after.products, result.still_running) == ([], REPAIRED["products"], [])
@@ -59,7 +59,7 @@ def test_a_killed_instance_is_in_nobodys_way(lab):
 
 def test_of_many_the_working_one_is_killed(lab):
     """Nothing of the other nine is left to stand in the way of the eleventh."""
-    rule = "setupapi!SetupDiDestroyDeviceInfoList 1 sleep=2000 exit=9"
+    rule = "setupapi!SetupDiDestroyDeviceInfoList 1 sleep=5000 exit=9"
     result = lab.run(found(faults=[rule]), "-SILENT", at_once=10, then="-SILENT")
     assert codes(result) == [-1] * 9 + [0, 9] and result.instances[-1]["exit_code"] == 0
     assert result.after.products == REPAIRED["products"]

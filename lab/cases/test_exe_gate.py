@@ -1,7 +1,6 @@
 """The gate that the exe has to pass (scripts/check-exe): each of its rules sees a copy of the exe that breaks it."""
 from __future__ import annotations
 
-import getpass
 import json
 import struct
 from collections.abc import Callable
@@ -13,7 +12,7 @@ from exe_gate import check_exe
 from lab import paths
 
 DIRECTORY = pefile.DIRECTORY_ENTRY
-USER = getpass.getuser()
+USER = check_exe.user_name()
 
 
 def wide(text: str) -> bytes:

@@ -164,7 +164,7 @@ def test_downloaded_installer_is_unpacked_too(lab):
 # The installer is held while it runs elevated
 
 STAYING = {"program": "CorvelSoftware.exe"}  # unlike a real installer it does not keep its own file open
-ATTEMPTS = ("write", "rename", "delete")
+ATTEMPTS = ("write", "replace", "rename", "delete")
 
 
 @pytest.mark.parametrize("silent", ["", "-SILENT"], ids=["window", "silent"])
@@ -173,18 +173,19 @@ def test_installer_cannot_be_exchanged_while_it_unpacks(lab, silent):
     downloaded = PARENT + r"\dwx2_install.exe"
     started = r"file C:\lab\installer.txt"
     attempts = [f"{started} : {attempt} {downloaded}" for attempt in ATTEMPTS]
-    lab.run({"installer": {"sleep": 1500}}, silent, when=attempts)
+    lab.run({"installer": {"sleep": 1500}, "files": {downloaded + ".new": "other"}}, silent, when=attempts, then="-FORCE -SILENT")
     lab.check(exit_code=0, boxes=[] if silent else [FINISHED], before=UNTOUCHED, after={**REPAIRED, "files": [downloaded]})
-    assert [action["done"] for action in lab.result.actions] == [False] * 3
+    assert [action["done"] for action in lab.result.actions] == [False] * 4
+    assert (lab.result.again.exit_code, lab.result.again.log[-1]) == (0, "\tResult = 0"), "the next run downloads and installs anew"
 
 
 def test_a_program_that_leaves_its_file_open_to_others_is_held_too(lab):
     given = r"C:\Given folder\setup.exe"
     attempts = [rf"file C:\lab\programs.txt : {attempt} {given}" for attempt in ATTEMPTS]
-    lab.run({"server": {"reach": "none"}, "files": {given: STAYING}, "programs": {"setup.exe.stay": 1500}},
+    lab.run({"server": {"reach": "none"}, "files": {given: STAYING, given + ".new": "other"}, "programs": {"setup.exe.stay": 1500}},
             f'-VLT -Install -Path "{given}"', when=attempts)
-    lab.check(exit_code=0, after={"files": [given], "missing": [given + ".renamed"]})
-    assert [action["done"] for action in lab.result.actions] == [False] * 3
+    lab.check(exit_code=0, after={"files": [given, given + ".new"], "missing": [given + ".renamed"]})
+    assert [action["done"] for action in lab.result.actions] == [False] * 4
 
 
 def test_installer_is_free_again_when_it_has_ended(lab):

@@ -82,14 +82,9 @@ REPAIR = [*stop(), *(line for family in FAMILIES for line in remove(family)),
 # Nothing has been changed yet: the second run repairs as if there had been none before.
 
 @pytest.mark.parametrize("point", [
-    "setupapi!SetupDiGetClassDevsW 1", "setupapi!SetupDiEnumDeviceInfo 1", "setupapi!SetupDiGetDeviceInstanceIdW 1",
-    "setupapi!SetupDiGetDeviceRegistryPropertyW 1", "setupapi!SetupDiGetDevicePropertyW 1",
-    "setupapi!SetupDiBuildDriverInfoList 1", "setupapi!SetupDiEnumDriverInfoW 1",
-    "setupapi!SetupDiGetDriverInfoDetailW 2", "setupapi!SetupGetInfDriverStoreLocationW 1",
-    "setupapi!SetupOpenInfFileW 1", "setupapi!SetupGetLineTextW 2", "setupapi!SetupDiDestroyDeviceInfoList 1",
-    "msi!MsiEnumRelatedProductsW 1", "msi!MsiGetProductInfoW 1", "msi!MsiSetInternalUI 1",
-    "wtsapi32!WTSQuerySessionInformationW 1", "wtsapi32!WTSFreeMemory 2", "msi!MsiEnumRelatedProductsW 3",
-    "msi!MsiEnumRelatedProductsW 5", "msi!MsiEnumRelatedProductsW 7", "msi!MsiGetProductInfoW 4",
+    "setupapi!SetupDiGetClassDevsW 1", "setupapi!SetupDiGetDriverInfoDetailW 2", "setupapi!SetupGetInfDriverStoreLocationW 1",
+    "setupapi!SetupGetLineTextW 2", "setupapi!SetupDiDestroyDeviceInfoList 1", "msi!MsiEnumRelatedProductsW 1",
+    "msi!MsiSetInternalUI 1", "wtsapi32!WTSFreeMemory 2", "msi!MsiEnumRelatedProductsW 5", "msi!MsiGetProductInfoW 4",
     "msi!MsiInstallProductW 1"])
 def test_before_anything_is_changed(lab, point):
     result = kill_and_start_again(lab, desktop(**exits(point)))
@@ -137,7 +132,8 @@ def check_seen(lab, result: Result) -> None:
     assert [box["text"] for box in result.again.boxes] == [outcome[1][1]]
     main = [] if outcome is FINDS_NOTHING else ["Tavik Halden 24.20"]
     assert [name for name in result.after.products if "Halden" in name] == main
-    if outcome is REPAIRS and not any(line.startswith("Uninstalling") for line in result.log):
+    first = result.log if len(result.logs) == 2 else []
+    if outcome is REPAIRS and not any(line.startswith("Uninstalling") for line in first):
         check_log(lab, [*until_unpacked(), *REPAIR])
     assert MARKER not in result.after.files
 
@@ -165,16 +161,16 @@ def test_while_the_installer_unpacks(lab, seen):
     if result.again.exit_code == 0:
         check_second(result, REPAIRS, products=NEW)
     else:
+        assert result.again.exit_code in (-1, 2, 110, 1619, 1620, 1627)  # folder, package missing, in use, or cut short
         assert [box["text"] for box in result.again.boxes] == [INSTALL_FAILED[1]]
 
 
 # While it downloads
 
 @pytest.mark.parametrize("point, more", [
-    ("InternetCrackUrlW 1", ()), ("InternetOpenW 1", ()), ("InternetConnectW 1", ()), ("HttpOpenRequestW 1", ()),
-    ("InternetSetOptionW 2", ()), ("HttpSendRequestW 1", ()), ("HttpQueryInfoW 1", ()), ("InternetReadFile 1", ()),
+    ("InternetOpenW 1", ()), ("HttpOpenRequestW 1", ()), ("HttpSendRequestW 1", ()), ("InternetReadFile 1", ()),
     ("InternetReadFile 2", ("count=1",)), ("InternetReadFile 3", ("count=65536",)), ("InternetReadFile 2", ()),
-    ("InternetCloseHandle 1", ()), ("InternetCloseHandle 3", ())],
+    ("InternetCloseHandle 1", ())],
     ids=lambda value: " ".join(value) if isinstance(value, tuple) else value)
 def test_while_it_downloads(lab, point, more):
     """Without a count the first read takes everything: at the second one all is written and nothing renamed."""
@@ -197,9 +193,7 @@ STORE = {"installs": f"{NEW_STORE} | 2.24.20.0"}
 
 
 @pytest.mark.parametrize("point, outcome", [
-    ("DllGetActivationFactory 1", GETS_IT_FROM_THE_STORE), ("FindPackages 1", GETS_IT_FROM_THE_STORE),
-    ("get_FullName 1", GETS_IT_FROM_THE_STORE), ("VerifyIsOK 1", GETS_IT_FROM_THE_STORE),
-    ("MoveNext 1", GETS_IT_FROM_THE_STORE), ("GetDefault 1", GETS_IT_FROM_THE_STORE), ("Initialize 1", GETS_IT_FROM_THE_STORE),
+    ("FindPackages 1", GETS_IT_FROM_THE_STORE), ("VerifyIsOK 1", GETS_IT_FROM_THE_STORE), ("GetDefault 1", GETS_IT_FROM_THE_STORE),
     ("DownloadAndInstallStorePackagesAsync 1", GETS_IT_FROM_THE_STORE), ("put_Completed 1", GETS_IT_FROM_THE_STORE),
     ("GetResults 1", IS_SAME), ("get_OverallState 1", IS_SAME)])
 def test_while_the_store_edition_is_looked_at_or_installed(lab, point, outcome):

@@ -10,7 +10,10 @@ from lab.result import render
 from lab.torture import campaign
 
 
-@pytest.mark.parametrize("run", campaign.slice_for_tests(), ids=lambda run: run.id)
+RUNS = campaign.slice_for_tests()
+
+
+@pytest.mark.parametrize("run", RUNS, ids=[run.id for run in RUNS])
 def test_torture(run):
     if campaign.obstacle(run):
         pytest.skip(campaign.obstacle(run))

@@ -342,6 +342,8 @@ bool Watch::Do(const std::wstring& action)
         return DeleteFileW(rest.c_str()) != 0;
     if (verb == L"rename")
         return MoveFileExW(rest.c_str(), (rest + L".renamed").c_str(), MOVEFILE_REPLACE_EXISTING) != 0;
+    if (verb == L"replace")
+        return MoveFileExW((rest + L".new").c_str(), rest.c_str(), MOVEFILE_REPLACE_EXISTING) != 0;
     if (verb == L"write")
         return CanWrite(rest);
     if (verb == L"wait")

@@ -171,6 +171,8 @@ bool LogContains(const std::wstring& text)
     {
         const HANDLE file = CreateFileW((folder + found.cFileName).c_str(), GENERIC_READ,
                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
+        if (file == INVALID_HANDLE_VALUE)
+            continue;  // gone, or not shared yet: another look comes
         std::wstring log(GetFileSize(file, nullptr) / sizeof(wchar_t), L'\0');
         DWORD count = 0;
         ReadFile(file, log.data(), static_cast<DWORD>(log.size() * sizeof(wchar_t)), &count, nullptr);

@@ -3,7 +3,7 @@
 
   scripts/torture                    all runs that have no good result yet; stop it and start it again as you like
   scripts/torture --sample 150       a random part (--seed for another one)
-  scripts/torture --slice 3/29       the third of 29 slices; "commit" is the slice that scripts/test runs
+  scripts/torture --slice 3/30       the third of 30 slices; "commit" is the slice that scripts/test runs
   scripts/torture --only 'store/*'   runs whose names match
   scripts/torture --list             the names of the runs, nothing is run
   scripts/torture --show NAME        one run with all its logs and calls, and the machine kept
@@ -35,7 +35,7 @@ def chosen(options: argparse.Namespace) -> list[plan.Planned]:
         runs = [run for run in runs if fnmatch.fnmatchcase(run.id, options.only)]
     if options.slice:
         part = plan.slice_of(campaign.commit(), runs) if options.slice == "commit" else options.slice
-        print(f"slice {part}", flush=True)
+        print(f"slice {part}", file=sys.stderr)
         runs = plan.take_slice(runs, part)
     return plan.take_sample(runs, options.sample, options.seed) if options.sample else runs
 

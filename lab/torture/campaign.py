@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import collections
 import concurrent.futures
+import contextlib
 import functools
 import hashlib
 import json
@@ -14,6 +15,7 @@ import time
 from typing import Any
 
 from lab import paths
+from lab.children import end_with_parent
 from lab.result import Result
 from lab.run import RunError, end_orphans, private_hosts_obstacle, remove_folder, run as start
 from lab.torture import judge, plan
@@ -52,7 +54,7 @@ def count(jobs: int, write: bool) -> list[str]:
     counts: dict[str, Any] = {}
     problems: list[str] = []
     known = {} if write else plan.load()
-    with concurrent.futures.ProcessPoolExecutor(jobs) as pool:
+    with concurrent.futures.ProcessPoolExecutor(jobs, initializer=end_with_parent) as pool:
         for name, found, wrong in pool.map(count_machine, MACHINES):
             calls = sum(item["count"] for item in found["calls"].values())
             print(f"{name}: {calls} calls, {len(found['store'])} steps", flush=True)
@@ -89,9 +91,12 @@ def by_id() -> dict[str, Planned]:
 
 def stamp() -> str:
     """Results of another program or another plan do not count any more."""
-    digest = hashlib.sha256(paths.TOOL.read_bytes())
+    digest = hashlib.sha256(paths.need(paths.TOOL).read_bytes())
     here = pathlib.Path(__file__)
-    for file in sorted(set(here.parent.glob("*.py")) - {here, here.with_name("__main__.py")}):
+    lab = here.parent.parent
+    parts = {*here.parent.glob("*.py"), *lab.glob("*.py"), lab / "cases" / "expect.py", *lab.glob("standins/**/*.cpp"),
+             *lab.glob("programs/*.cpp")}
+    for file in sorted(parts - {here, here.with_name("__main__.py")}):
         digest.update(file.read_bytes())
     digest.update(json.dumps(plan.load()).encode())
     return digest.hexdigest()[:12]
@@ -122,7 +127,10 @@ def known_results(mark: str) -> dict[str, dict[str, Any]]:
     """Good results of this program and plan; runs that failed are done again."""
     if not RESULTS.exists():
         return {}
-    found = (json.loads(line) for line in RESULTS.read_text("utf-8").splitlines() if line.endswith("}"))
+    found = []
+    for line in RESULTS.read_text("utf-8").splitlines():
+        with contextlib.suppress(ValueError):  # a campaign that was killed may have left half a line
+            found.append(json.loads(line))
     return {item["id"]: item for item in found if item["stamp"] == mark and not item["problems"]}
 
 
@@ -139,7 +147,7 @@ def campaign(runs: list[Planned], jobs: int, fresh: bool = False) -> int:
     print(f"{len(runs)} runs, {len(results)} of them done before, {jobs} at a time", flush=True)
     began = time.monotonic()
     failed = 0
-    with open(RESULTS, "a", encoding="utf-8") as file, concurrent.futures.ProcessPoolExecutor(jobs) as pool:
+    with open(RESULTS, "a", encoding="utf-8") as file, concurrent.futures.ProcessPoolExecutor(jobs, initializer=end_with_parent) as pool:
         futures = [pool.submit(record, run.id, mark) for run in left]
         try:
             for done, future in enumerate(concurrent.futures.as_completed(futures), 1):

@@ -10,7 +10,7 @@
 #include <windows.h>
 
 // Declares the import slot of a function, static or delay-loaded. At namespace scope, outside of all namespaces.
-#define IMPORTED(function) extern "C" void* __imp_##function;  // NOLINT
+#define IMPORTED(function) extern "C" void* __imp_##function;  // NOLINT: the linker's own name
 
 namespace repair
 {
