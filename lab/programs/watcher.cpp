@@ -119,8 +119,16 @@ HANDLE Watch::StartInstance(const std::wstring& arguments, DWORD flags)
         line += L" " + arguments;
     const wchar_t* directory = orders_.directory.empty() ? nullptr : orders_.directory.c_str();
     instance.started = Now();
-    if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, flags, nullptr, directory, &startup, &process) ==
-        0)
+    BOOL started = FALSE;
+    for (DWORD attempt = 0; attempt < 5 && started == 0; ++attempt)  // a busy Wine may fail with an internal error
+    {
+        Sleep(attempt * 200U);
+        started =
+            CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, flags, nullptr, directory, &startup, &process);
+        if (started == 0 && GetLastError() != ERROR_INTERNAL_ERROR)
+            break;
+    }
+    if (started == 0)
     {
         std::fprintf(stderr, "watcher: cannot start %ls: %lu\n", line.c_str(), GetLastError());
         std::exit(91);
