@@ -1,6 +1,7 @@
 """The gate that the exe has to pass (scripts/check-exe): each of its rules sees a copy of the exe that breaks it."""
 from __future__ import annotations
 
+import collections
 import json
 import struct
 from collections.abc import Callable
@@ -96,7 +97,7 @@ def no_calls_of_the_guard(data: bytes) -> bytes:
     text = pe.sections[0]
     shift = text.VirtualAddress - text.PointerToRawData
     exe = check_exe.Exe(paths.TOOL, paths.BUILD)
-    end, = (begin for begin, end in exe.functions() if check_exe.FAST_FAIL in exe.image[begin:end])
+    end, = (begin for begin, end, _ in exe.functions() if check_exe.FAST_FAIL in exe.image[begin:end])
     changed = bytearray(data)
     left = 2
     for at in range(text.PointerToRawData, text.PointerToRawData + text.SizeOfRawData - 5):
@@ -105,6 +106,34 @@ def no_calls_of_the_guard(data: bytes) -> bytes:
             if left < 0:
                 changed[at:at + 5] = b"\x90" * 5
     return bytes(changed)
+
+
+def table_of_functions(change: Callable[[list[tuple[int, int, int]]], None]) -> Callable[[bytes], bytes]:
+    """Changes the table that Windows unwinds the stack with."""
+    def doctor(data: bytes) -> bytes:
+        pe = pefile.PE(data=data, fast_load=True)
+        entry = pe.OPTIONAL_HEADER.DATA_DIRECTORY[DIRECTORY["IMAGE_DIRECTORY_ENTRY_EXCEPTION"]]
+        at = pe.get_offset_from_rva(entry.VirtualAddress)
+        rows = list(struct.iter_unpack("<3I", data[at:at + entry.Size]))
+        change(rows)
+        entry.Size = 12 * len(rows)
+        table = b"".join(struct.pack("<3I", *row) for row in rows)
+        return bytes(pe.write())[:at] + table + data[at + len(table):]
+    return doctor
+
+
+def without_the_most_called(rows: list[tuple[int, int, int]]) -> None:
+    exe = check_exe.Exe(paths.TOOL, paths.BUILD)
+    targets = collections.Counter(target for begin, end, _ in rows for target in exe.calls(begin, end))
+    rows.remove(max(rows, key=lambda row: targets[row[0]]))
+
+
+def unsorted(rows: list[tuple[int, int, int]]) -> None:
+    rows[10], rows[11] = rows[11], rows[10]
+
+
+def description_in_the_code(rows: list[tuple[int, int, int]]) -> None:
+    rows[10] = (*rows[10][:2], rows[10][0])
 
 
 CODE, WRITE, SHARED = 0x20000000, 0x80000000, 0x10000000
@@ -125,6 +154,10 @@ DOCTORED = {
     "begins in data": (begins_in(".data"), "the program begins in section .data"),
     "bound imports": (directory("BOUND_IMPORT", 0x200, 0x20), "the imports are bound"),
     "exports": (directory("EXPORT", 0xC0000, 0x28), "it exports something"),
+    "functions without an entry": (table_of_functions(without_the_most_called),
+                                   "1 functions are called but not in the table of functions"),
+    "functions in disorder": (table_of_functions(unsorted), "the table of functions is not sorted"),
+    "wrong description": (table_of_functions(description_in_the_code), "the table of functions names something outside"),
     "guard's end is gone": (swap(check_exe.FAST_FAIL, b"\xba\0\0\0\0"), "0 functions end the process for a damaged stack"),
     "hardly any guards": (no_calls_of_the_guard, "2 functions have a stack guard"),
     "ordinary user": (swap(b'"requireAdministrator"', b'"asInvoker"           '),
