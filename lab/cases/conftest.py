@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import contextlib
+import os
 import pathlib
 import sys
 import time
@@ -21,11 +22,13 @@ from lab.state import State  # noqa: E402
 from lab.torture.campaign import slice_name  # noqa: E402
 
 DAY = 24 * 3600
+CORES = sorted(os.sched_getaffinity(0))
 
 
 def pytest_configure(config: pytest.Config) -> None:
     """Machines of failed cases stay for a day; what still runs in those of an interrupted test run is ended."""
     config.addinivalue_line("markers", "slow: started first, because it mostly waits")
+    config.addinivalue_line("markers", "all_cores: its programs are to run at the same moment, not in turns")
     if not hasattr(config, "workerinput") and paths.RUNS.exists():
         end_orphans()
         for folder in paths.RUNS.iterdir():
@@ -37,6 +40,16 @@ def pytest_configure(config: pytest.Config) -> None:
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
     """Cases that mostly wait are started first, so that the others run beside them."""
     items.sort(key=lambda item: item.get_closest_marker("slow") is None)
+
+
+@pytest.fixture(autouse=True)
+def one_core(request: pytest.FixtureRequest) -> None:
+    """All programs of a case share a core: they and Wine's server mostly wait for each other, and waking somebody on
+    another core costs more than the waiting (a sixth of all computing time on two cores)."""
+    worker = int(os.environ.get("PYTEST_XDIST_WORKER", "gw0").removeprefix("gw"))
+    workers = int(os.environ.get("PYTEST_XDIST_WORKER_COUNT", "1"))
+    spread = workers < len(CORES) or request.node.get_closest_marker("all_cores") is not None
+    os.sched_setaffinity(0, CORES if spread else {CORES[worker % len(CORES)]})
 
 
 def pytest_terminal_summary(terminalreporter: Any) -> None:

@@ -8,6 +8,7 @@ from expect import (ANOTHER, DOWNLOADING, FINISHED, SAME_RELEASE, compare_log, d
 from repair_machine import REPAIRED, found, until_unpacked
 from store_machine import SAME
 
+pytestmark = pytest.mark.all_cores
 REFUSED = "Another instance is running. Exiting."
 SLOW = {"server": {"answers": {"/drivers/installer/vlt/24.20/dwx2_install.txt": {"installer": "24.20", "delay": 2.5}}}}
 WORK = [*until_unpacked("-SILENT"), *stop(), *remove("Halden"), *install("Halden")]
