@@ -5,6 +5,7 @@ import dataclasses
 import json
 from typing import Any
 
+from deploy import outcomes
 from lab.state import State
 
 
@@ -76,6 +77,7 @@ def _flat(registry: dict[str, dict[str, Any]]) -> dict[str, Any]:
 def render(result: Result, calls: bool = False) -> str:
     """What a supporter wants to see, in the order of interest."""
     lines = [f"exit code   {result.exit_code}" + ("   TIMED OUT" if result.timed_out else ""),
+             f"outcome     {' or '.join(outcomes.matching(result.exit_code, result.log)) or 'none of the catalogue'}",
              f"took        {result.seconds:.1f} s"]
     for number, log in enumerate(result.logs):
         lines += ["", "log" if number == 0 else f"log of instance {number + 1}", *(f"  {line}" for line in log)]

@@ -23,6 +23,7 @@ from lab.server.web import WebServer
 TOOL = r"C:\lab\TavikCompatibilityTool.exe"
 SYSTEM = r"C:\windows\system32"
 LOGS = pathlib.Path("Program Files", "Tavik", "MIM", "Log")
+NO_LINE_END = " (no line end)"
 _numbers = itertools.count(1)
 
 
@@ -105,7 +106,7 @@ def read_log(file: pathlib.Path) -> list[str]:
     """Every line ends in one line feed; one that does not is marked, so that no case takes it for a whole one."""
     text = file.read_bytes().decode("utf-16-le", "surrogatepass")
     *lines, rest = text.split("\n")
-    return lines + [rest + " (no line end)"] if rest else lines
+    return lines + [rest + NO_LINE_END] if rest else lines
 
 
 def _log_order(file: pathlib.Path) -> list[int]:

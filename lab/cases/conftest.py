@@ -14,7 +14,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT), str(pathlib.Path(__file__).parent)]
 
 import expect  # noqa: E402
-from lab import paths  # noqa: E402
+from lab import corpus, paths, statements  # noqa: E402
 from lab.machine import Machine  # noqa: E402
 from lab.result import Result, render  # noqa: E402
 from lab.run import RunError, end_orphans, mounting_obstacle, private_hosts_obstacle, remove_folder, run  # noqa: E402
@@ -62,6 +62,7 @@ class Lab:
     def __init__(self) -> None:
         self.machine: Machine | None = None
         self.result: Result | None = None
+        self.runs: list[tuple[Result, bool]] = []  # and whether all starts were made at once
         self.kept: list[pathlib.Path] = []
 
     def run(self, machine: dict[str, Any] | str | None = None, arguments: str = "", **options: Any) -> Result:
@@ -80,6 +81,7 @@ class Lab:
             self.kept.append(error.folder)
             raise
         self.kept.append(pathlib.Path(self.result.prefix))
+        self.runs.append((self.result, options.get("at_once", 1) > 1))
         return self.result
 
     def check(self, *, exit_code: int, log: list[str] | None = None, boxes: list[tuple[str, str]] | None = None,
@@ -124,6 +126,18 @@ class Lab:
         assert [path for path in wanted.get("files", []) if path.lower() not in present] == [], f"missing {when}"
         assert [path for path in wanted.get("missing", []) if path.lower() in present] == [], f"still there {when}"
 
+    def check_outcomes(self, name: str) -> None:
+        """That each start has exactly one outcome of the catalogue, and the one that outcomes.txt states for this case."""
+        stated = statements.stated(name) if self.runs else []
+        for number, (result, at_once) in enumerate(self.runs, 1):
+            codes = [one["exit_code"] for one in result.instances]
+            starts, stated = (stated[:len(codes)], stated[len(codes):]) if number < len(self.runs) else (stated, [])
+            difference = statements.compare(starts, codes, result.logs, at_once)
+            assert not difference, f"outcomes of run {number}: {difference}"
+            if len(codes) == len(result.logs) and not at_once:
+                for code, log in zip(codes, result.logs):
+                    corpus.add(*statements.recognised(code, log), code, log)
+
     def close(self, keep: bool) -> None:
         if not keep:
             for folder in self.kept:
@@ -136,6 +150,15 @@ def lab(request: pytest.FixtureRequest):
     request.node.lab = one
     yield one
     one.close(keep=getattr(request.node, "failed", False))
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_pyfunc_call(pyfuncitem: pytest.Function):
+    """After a case that has passed."""
+    outcome = yield
+    outcome.get_result()
+    if hasattr(pyfuncitem, "lab"):
+        pyfuncitem.lab.check_outcomes(pyfuncitem.nodeid.rpartition("/")[2])
 
 
 @pytest.hookimpl(hookwrapper=True)

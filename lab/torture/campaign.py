@@ -14,7 +14,8 @@ import sys
 import time
 from typing import Any
 
-from lab import paths
+from deploy import outcomes
+from lab import corpus, paths
 from lab.children import end_with_parent
 from lab.result import Result
 from lab.run import RunError, end_orphans, private_hosts_obstacle, remove_folder, run as start
@@ -37,7 +38,11 @@ def execute(run: Planned, keep: bool = False) -> tuple[Result, judge.Verdict]:
     machine = run.machine()
     _, _, arguments = judge.expected(run, machine)
     result = start(machine, run.torture.arguments, timeout=judge.LIMIT, then=arguments, keep=keep)
-    return result, judge.judge(run, result)
+    verdict = judge.judge(run, result)
+    if not verdict.problems:
+        for code, log in ((result.exit_code, result.log), (result.again.exit_code, result.again.log)):
+            corpus.add(*outcomes.matching(code, log), code, log)  # judged, so there is exactly one
+    return result, verdict
 
 
 def count_machine(name: str) -> tuple[str, dict[str, Any], list[str]]:
@@ -96,6 +101,7 @@ def stamp() -> str:
     lab = here.parent.parent
     parts = {*here.parent.glob("*.py"), *lab.glob("*.py"), lab / "cases" / "expect.py", *lab.glob("standins/**/*.cpp"),
              *lab.glob("programs/*.cpp")}
+    parts |= {outcomes.FILE, pathlib.Path(outcomes.__file__)}
     for file in sorted(parts - {here, here.with_name("__main__.py")}):
         digest.update(file.read_bytes())
     digest.update(json.dumps(plan.load()).encode())

@@ -31,13 +31,16 @@ class Installation(Start):
         code = self.call("wininet!InternetCrackUrlW")
         if code is not None:
             self.say(f"Unable to crack URL: {url}. Error = {code}")
+            self.reason = "download-bad-address"
             return ""
         if self.call("wininet!InternetOpenW") is not None:
             self.say(thrown("Unable to open internet connection"))
+            self.reason = "download-error"
             return ""
         if self.call("wininet!InternetConnectW") is not None:
             self.call("wininet!InternetCloseHandle")
             self.say(thrown("Unable to connect to server"))
+            self.reason = "download-bad-address"
             return ""
         good = self._transfer(url, release)
         for _ in range(good[0]):
@@ -51,21 +54,25 @@ class Installation(Start):
             self.call("wininet!InternetSetOptionW")
         if opened is not None:
             self.say(f"Unable to call HttpOpenRequest to {url}. Error {opened}")
+            self.reason = "download-error"
             return 2, ""
         sent = self.call("wininet!HttpSendRequestW")
         if sent is None and self.machine.server.reach == "none":
             sent = 12007  # there is no such host here
         if sent is not None:
             self.say(f"Unable to call HttpSendRequest to {url}. Error {sent}")
+            self.reason = "download-unreachable"
             return 3, ""
         code = self.call("wininet!HttpQueryInfoW")
         if code is not None:
             self.say(f"Unable to create query response code from {url}. Error code: {code} {{any}}")
+            self.reason = "download-error"
             return 3, ""
         self.say("Response code from server: 200")
         size = (paths.PACKAGES / f"installer-{release}.exe").stat().st_size
         for _ in range(math.ceil(size / BLOCK) + 1):
             code = self.call("wininet!InternetReadFile")
+            self.reason = "download-broken" if code is not None else ""
             if code == faults.EXTENDED:
                 for _ in range(2):
                     self.call("wininet!InternetGetLastResponseInfoW")
@@ -105,6 +112,7 @@ class Installation(Start):
             self.say(f"Launching process {installer} /NCRC /S -EXTRACTONLY=YES /D={LP} failed. Error code = {{number}} {{any}}")
         if not self.world.unpacked:
             self.say(f"Unable to find {LP}{PACKAGE_FILES['Halden']}.")
+            self.reason = ("direct-" if self.direct else "") + ("installer-empty" if self.launched else "installer-blocked")
             return NOT_FOUND
         installed = {family: self.related(family) for family in FAMILIES}
         folder = self.world.folder + "\\" if self.world.folder and self.world.location else ""
@@ -112,7 +120,8 @@ class Installation(Start):
         for family in FAMILIES:
             for product in installed[family]:
                 self.say(rf"Uninstalling installed {family} C:\windows\Installer\{{any}}.msi")
-                self.say(f"\tResult = {self._remove(product)}")
+                self.removals.append(self._remove(product))
+                self.say(f"\tResult = {self.removals[-1]}")
         if not folder:
             self.world.folder = ""
         result = self._install("Halden", release, variant, folder)
@@ -160,6 +169,8 @@ class Installation(Start):
             code = code if code is not None else 3010 if variant == "reboot" else 0
         if code in REBOOT:
             self.say(f"System reboot may be required for {path}.")
+            self.restart = True
             code = 0
+        self.installations.append(code)
         self.say(f"\tResult = {code}")
         return code

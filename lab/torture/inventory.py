@@ -32,6 +32,7 @@ class Inventory(Start):
         code = self.call("setupapi!SetupDiGetClassDevsW")
         if code is not None:
             self.say(f"Failed to call SetupDiGetClassDevs {setup_result(code)}  {{any}}")
+            self.adapter_seen = True  # nobody knows
             return []
         self.id, self.path = "", ""  # buffers that are never cleared
         records = []
@@ -56,10 +57,12 @@ class Inventory(Start):
             self.id = adapter.id
         else:
             self.say(f"Failed to call SetupDiGetDeviceInstanceId {setup_result(code)}  {{any}}")
+            self.adapter_seen = True  # nobody knows
         description, _ = self._property(str(adapter.description))
         if not any(maker in self.id.upper() for maker in MAKERS):
             self.say(f"[{description}] - [{self.id}] is not an Tavik Display Adapter.")
             return None
+        self.adapter_seen = True
         _, code = self._property("the driver's key")
         if code:
             self.say(f"Failed to get SPDRP_DRIVER for {self.id}: {setup_result(code)}  {{any}}")

@@ -10,6 +10,7 @@ import re
 from typing import Any
 
 import expect
+from deploy import outcomes
 from lab.machine import Machine
 from lab.result import Result
 from lab.torture import faults, model
@@ -206,6 +207,9 @@ def _start(machine: Machine, result: Result, outcome: Outcome, exit_code: int, l
     difference = expect.compare_log(outcome.log, log, expect.places(machine, result))
     if difference:
         problems.append(difference)
+    named = outcomes.matching(exit_code, log)
+    if named != [outcome.id]:
+        problems.append(f"by the catalogue it is {' and '.join(named) or 'no outcome'}, by the model {outcome.id}")
     shown = [(box["icon"], box["text"]) for box in boxes]
     if shown != outcome.boxes:
         problems.append(f"message boxes {shown} instead of {outcome.boxes}")

@@ -10,7 +10,7 @@ import dataclasses
 
 import expect
 from lab.machine import Machine
-from lab.torture.installation import Installation
+from lab.torture.installation import REBOOT, Installation
 from lab.torture.inventory import Inventory, Record
 from lab.torture.store import Store
 from lab.torture.world import Fault, Outcome, World
@@ -31,10 +31,35 @@ class Run(Inventory, Installation, Store):
             code = self._direct() if self.direct else self._check()
         except Quiet:
             code = QUIET_EXIT
-        return Outcome(code, self.log, self.boxes, self.calls, self.world)
+        return Outcome(code, self.log, self.boxes, self.calls, self.world, self.named(code))
 
-    def leave(self, line: str, box: tuple[str, str]) -> int:
+    def named(self, code: int) -> str:
+        """The catalogue's word for this run, from what has happened and not from what the log says about it."""
+        if self.reason:
+            return self.reason
+        if not self.installations:
+            return "quiet-end"
+        main, *optional = self.installations
+        if main != 0 and self.direct:
+            return "direct-busy" if main == 1618 else "direct-failed"
+        if main != 0:
+            return {1618: "install-busy", 1603: "install-failed"}.get(main, "install-failed-other")
+        if code == QUIET_EXIT:
+            return "direct-no-location"
+        kind = "direct" if self.direct else "repaired"
+        if any(optional):
+            return f"{kind}-optional-failed"
+        if self.restart or any(one in REBOOT for one in self.removals):
+            return f"{kind}-restart"
+        if any(self.removals):
+            return f"{kind}-old-left"
+        if self.store_trouble:
+            return f"{kind}-store-left"
+        return "direct-done" if self.direct else kind
+
+    def leave(self, line: str, box: tuple[str, str], reason: str = "") -> int:
         self.say(line)
+        self.reason = reason or self.reason
         self.box(box)
         return -1
 
@@ -49,14 +74,16 @@ class Run(Inventory, Installation, Store):
         for record in records:
             self.say(f"\t [{record.description}] [{record.release}] [{record.folder}]")
         if not records:
-            return self.leave("Unable to find installed Tavik display adapters. Exiting.", expect.NO_ADAPTER)
+            return self.leave("Unable to find installed Tavik display adapters. Exiting.", expect.NO_ADAPTER,
+                              "no-usable-driver" if self.adapter_seen else "no-adapter")
         use_store = not self.related("Halden")
         if use_store:
             self.say("User does not desktop VLT installed.")
             found = self.store_version()
             if found == (0, 0, 0, 0):
                 if not self.force:
-                    return self.leave("User does not have VLT installed. Exiting.", expect.NOT_INSTALLED)
+                    return self.leave("User does not have VLT installed. Exiting.", expect.NOT_INSTALLED,
+                                      "no-application-store-unread" if self.store_trouble else "no-application")
                 self.say("User does not have VLT installed.")
             version = f"{found[1]}.{found[2]}"[:5]
         first = records[0]
@@ -64,7 +91,7 @@ class Run(Inventory, Installation, Store):
         if version.lower() in (first.base.lower(), prefix.lower()) or prefix.lower() == version[:5].lower():
             same = "Currently installed version of VLT is from the same release as the active driver."
             if not self.force:
-                return self.leave(f"{same} Exiting.", expect.SAME_RELEASE)
+                return self.leave(f"{same} Exiting.", expect.SAME_RELEASE, "same-release")
             self.say(same)
         if self.uwp or use_store:
             return self._store_repair()

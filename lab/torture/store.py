@@ -8,7 +8,7 @@ from lab.torture.world import Start, signed
 
 STORE_NAMES = ("taviksystemsinc-2.8f31d07a2b6e4", "taviksystemsinc-2.tavikcorvelsoftware")
 SEARCHING = "when searching for UWP version of VLT"
-CANCELED = "Operation canceled by user."
+CANCELED, CANCELED_CODE = "Operation canceled by user.", 0x800704C7
 
 
 class StoreError(Exception):
@@ -49,11 +49,13 @@ class Store(Start):
                 if any(one in package["name"].lower() for one in STORE_NAMES):
                     look(package)
             except StoreError as error:
+                self.store_trouble = True
                 told = "Unknown expection occured" if error.code == faults.E_MEMORY else f"Exception {error.text}"
                 self.say(f"{told} when enumerating info for {name[0]}")
             self.counted("next", number)
 
     def searching(self, error: StoreError, brackets: bool) -> None:
+        self.store_trouble = True
         if error.code == faults.E_MEMORY:
             self.say(f"Unknown expection occured {SEARCHING}")
         else:
@@ -110,21 +112,28 @@ class Store(Start):
             self.method(package, name)
         text = "" if refusal is None or refusal.text == "{any}" else refusal.text
         self.say(f"\t Result = {signed(refusal.code) if refusal else 0} {text}")
+        self.store_trouble |= refusal is not None
 
     def install_store(self) -> int:
+        self.reason = "store-installed"
         try:
             for key in ("activation", "default"):
                 self.fail(self.service, key)
             window = str(self.service.get("window", "ok"))
             if window != "ok":
                 self.say("Error: Unable to initialize with window.")
+                self.reason = "store-no-window"
                 return signed(StoreError(window).code)
             self.fail(self.service, "request")
             self._store_ends()
             for key in ("results", "overall"):
                 self.fail(self.service, key)
-            return 0 if int(self.service.get("state", 3)) == 3 else -1
+            if int(self.service.get("state", 3)) == 3:
+                return 0
+            self.reason = "store-not-completed"
+            return -1
         except StoreError as error:
+            self.reason = "store-canceled" if error.code == CANCELED_CODE else "store-error"
             self.searching(error, brackets=True)
             return -1 if error.code == faults.E_MEMORY else signed(error.code)
 

@@ -80,6 +80,7 @@ class Outcome:
     boxes: list[tuple[str, str]]
     calls: dict[str, int]
     world: World
+    id: str  # of the catalogue
 
 
 class Start:
@@ -105,6 +106,11 @@ class Start:
         if not fault:  # an undisturbed Store
             self.service = {key: value for key, value in self.service.items() if key in ("installs", "completion")}
         self.disturbed = fault is not None
+        # What the catalogue's word for the run depends on.
+        self.reason = ""  # decided by the time
+        self.adapter_seen = self.store_trouble = self.restart = False
+        self.removals: list[int | str] = []
+        self.installations: list[int] = []  # the main package first
 
     def call(self, name: str) -> int | None:
         """Counts a call. The code with which it fails when it is the one; it is then not made, unless told otherwise."""
