@@ -157,7 +157,7 @@ def test_packages_that_really_want_a_restart(lab):
                    f"System reboot may be required for {NEW['Halden']}.", result, *install("DVR")])
 
 
-@pytest.mark.parametrize("code", [1602, 1603, 1618, 1619, 1638, 3009, 3012, -2147024891])
+@pytest.mark.parametrize("code", [1602, 1603, 1618, 1619, 1625, 1638, 3009, 3012, -2147024891])
 def test_the_failure_of_the_main_package_is_the_exit_code(lab, code):
     """The optional packages are installed all the same, and the Store package stays."""
     lab.run(found(desktop={"families": ["Halden", "DVR"]},
