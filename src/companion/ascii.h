@@ -1,0 +1,34 @@
+// Letters A to Z without regard to case, and the like, in UTF-8 text.
+#pragma once
+
+#include <algorithm>
+#include <string_view>
+
+namespace repair
+{
+constexpr char LowerAscii(char c)
+{
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+constexpr bool IsAsciiDigit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+constexpr bool IsAsciiAlphanumeric(char c)
+{
+    return IsAsciiDigit(c) || (LowerAscii(c) >= 'a' && LowerAscii(c) <= 'z');
+}
+
+constexpr bool EqualNoCase(std::string_view a, std::string_view b)
+{
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [](char x, char y) { return LowerAscii(x) == LowerAscii(y); });
+}
+
+constexpr bool StartsNoCase(std::string_view text, std::string_view start)
+{
+    return text.size() >= start.size() && EqualNoCase(text.substr(0, start.size()), start);
+}
+}  // namespace repair

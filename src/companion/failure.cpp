@@ -1,0 +1,17 @@
+#include "companion/failure.h"
+
+#include "base/system_message.h"
+#include "companion/wide_text.h"
+
+namespace repair
+{
+std::string SystemFailure(const std::string& what, DWORD error)
+{
+    std::string words = ToUtf8(FormatSystemMessage(error));
+    while (words.ends_with(' '))
+    {
+        words.pop_back();
+    }
+    return what + ": error " + std::to_string(error) + (words.empty() ? "" : ", " + words);
+}
+}  // namespace repair

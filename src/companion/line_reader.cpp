@@ -1,0 +1,267 @@
+#include "companion/line_reader.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "companion/unicode.h"
+
+namespace repair
+{
+namespace
+{
+constexpr size_t kSampleBytes = 4096;
+constexpr size_t kLeastZeros = 10;  // UTF-16 has a zero in ten bytes at least; a zero here and there is damage of UTF-8
+constexpr char32_t kReplacement = 0xFFFD;
+
+constexpr bool IsHighSurrogate(char16_t unit)
+{
+    return unit >= 0xD800 && unit <= 0xDBFF;
+}
+
+constexpr bool IsLowSurrogate(char16_t unit)
+{
+    return unit >= 0xDC00 && unit <= 0xDFFF;
+}
+}  // namespace
+
+LineReader::LineReader(std::function<void(const Line&)> sink) : sink_(std::move(sink)) {}
+
+void LineReader::Feed(std::string_view bytes)
+{
+    if (!detected_)
+    {
+        const size_t taken = std::min(kSampleBytes - sample_.size(), bytes.size());
+        sample_.append(bytes.substr(0, taken));
+        bytes.remove_prefix(taken);
+        if (sample_.size() < kSampleBytes)
+        {
+            return;
+        }
+        Detect();
+    }
+    Decode(bytes);
+}
+
+void LineReader::Finish()
+{
+    if (!detected_)
+    {
+        Detect();
+    }
+    damage_.cutAtEnd = firstByte_ >= 0 || surrogate_ != 0 || missing_ > 0;
+    if (damage_.cutAtEnd)
+    {
+        PutUnreadable();
+    }
+    if (!line_.empty() || continued_)
+    {
+        damage_.lastLineOpen = true;
+        EndLine(false);
+    }
+}
+
+// A mark decides. Without one, zeros do: the tool's texts are mostly ASCII, so that every second byte is one. Where
+// they are the first of each pair, the log has lost its first byte.
+void LineReader::Detect()
+{
+    detected_ = true;
+    std::string_view bytes = sample_;
+    if (bytes.starts_with("\xEF\xBB\xBF"))
+    {
+        encoding_ = Encoding::Utf8;
+        bytes.remove_prefix(3);
+    }
+    else if (bytes.starts_with("\xFF\xFE"))
+    {
+        bytes.remove_prefix(2);
+    }
+    else if (bytes.starts_with("\xFE\xFF"))
+    {
+        encoding_ = Encoding::Utf16Be;
+        bytes.remove_prefix(2);
+    }
+    else
+    {
+        size_t zeros[2] = {};
+        for (size_t i = 0; i < bytes.size(); ++i)
+        {
+            zeros[i % 2] += bytes[i] == '\0' ? 1U : 0U;
+        }
+        if ((zeros[0] + zeros[1]) * kLeastZeros < bytes.size())
+        {
+            encoding_ = Encoding::Utf8;
+        }
+        else if (zeros[0] > zeros[1])
+        {
+            damage_.cutAtStart = true;
+            bytes.remove_prefix(1);
+        }
+    }
+    Decode(bytes);
+    sample_ = {};
+}
+
+void LineReader::Decode(std::string_view bytes)
+{
+    if (encoding_ == Encoding::Utf8)
+    {
+        for (const char byte : bytes)
+        {
+            DecodeUtf8(static_cast<unsigned char>(byte));
+        }
+        return;
+    }
+    for (const char byte : bytes)
+    {
+        DecodeUtf16(static_cast<unsigned char>(byte));
+    }
+}
+
+void LineReader::DecodeUtf16(unsigned char byte)
+{
+    if (firstByte_ < 0)
+    {
+        firstByte_ = byte;
+        return;
+    }
+    const int low = encoding_ == Encoding::Utf16Le ? firstByte_ : byte;
+    const int high = encoding_ == Encoding::Utf16Le ? byte : firstByte_;
+    firstByte_ = -1;
+    PutUnit(static_cast<char16_t>(high << 8 | low));
+}
+
+void LineReader::PutUnit(char16_t unit)
+{
+    if (surrogate_ != 0)
+    {
+        const char32_t high = std::exchange(surrogate_, u'\0');
+        if (IsLowSurrogate(unit))
+        {
+            Put(0x10000 + ((high - 0xD800) << 10) + (unit - 0xDC00U));
+            return;
+        }
+        PutUnreadable();
+    }
+    if (IsHighSurrogate(unit))
+    {
+        surrogate_ = unit;
+    }
+    else if (IsLowSurrogate(unit))
+    {
+        PutUnreadable();
+    }
+    else
+    {
+        Put(unit);
+    }
+}
+
+void LineReader::DecodeUtf8(unsigned char byte)
+{
+    if (missing_ > 0)
+    {
+        if ((byte & 0xC0) == 0x80)
+        {
+            partial_ = partial_ << 6 | (byte & 0x3FU);
+            if (--missing_ == 0)
+            {
+                const bool valid =
+                    partial_ >= smallest_ && partial_ <= 0x10FFFF && (partial_ < 0xD800 || partial_ > 0xDFFF);
+                if (valid)
+                {
+                    Put(partial_);
+                }
+                else
+                {
+                    PutUnreadable();
+                }
+            }
+            return;
+        }
+        missing_ = 0;
+        PutUnreadable();
+    }
+    if (byte < 0x80)
+    {
+        Put(byte);
+    }
+    else if (byte >= 0xC2 && byte <= 0xF4)
+    {
+        missing_ = byte < 0xE0 ? 1 : byte < 0xF0 ? 2 : 3;
+        partial_ = byte & (0x3FU >> missing_);
+        smallest_ = byte < 0xE0 ? 0x80 : byte < 0xF0 ? 0x800 : 0x10000;
+    }
+    else
+    {
+        PutUnreadable();
+    }
+}
+
+void LineReader::PutUnreadable()
+{
+    ++damage_.unreadable;
+    Put(kReplacement);
+}
+
+void LineReader::Put(char32_t character)
+{
+    if (character == U'\n')
+    {
+        EndLine(true);
+        return;
+    }
+    if (line_.size() >= kLongestPiece)
+    {
+        if (!continued_)
+        {
+            ++damage_.overlongLines;
+        }
+        sink_({line_, !continued_, false, true});
+        continued_ = true;
+        line_.clear();
+    }
+    if (character == U'\0')
+    {
+        ++damage_.unreadable;
+        character = kReplacement;
+    }
+    AppendUtf8(line_, character);
+}
+
+void LineReader::EndLine(bool hasLineEnd)
+{
+    if (line_.ends_with('\r'))  // somebody has given the log other line ends
+    {
+        line_.pop_back();
+    }
+    sink_({line_, !continued_, true, hasLineEnd});
+    line_.clear();
+    continued_ = false;
+}
+
+std::vector<std::string> DescribeDamage(const Damage& damage)
+{
+    std::vector<std::string> sentences;
+    if (damage.cutAtStart)
+    {
+        sentences.emplace_back("it begins in the middle of a character");
+    }
+    if (damage.cutAtEnd)
+    {
+        sentences.emplace_back("it ends in the middle of a character");
+    }
+    if (damage.lastLineOpen)
+    {
+        sentences.emplace_back("its last line is not complete");
+    }
+    if (damage.unreadable > 0)
+    {
+        sentences.push_back(std::to_string(damage.unreadable) + " of its characters cannot be read");
+    }
+    if (damage.overlongLines > 0)
+    {
+        sentences.push_back(std::to_string(damage.overlongLines) + " of its lines are too long to be the tool's");
+    }
+    return sentences;
+}
+}  // namespace repair

@@ -1,0 +1,100 @@
+#include "companion/log_files.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "base/handles.h"
+#include "companion/failure.h"
+#include "companion/log_name.h"
+#include "companion/wide_text.h"
+
+namespace repair
+{
+namespace
+{
+constexpr DWORD kPieceBytes = 262'144;
+
+struct SearchKind
+{
+    using Handle = HANDLE;
+    static Handle None() noexcept { return INVALID_HANDLE_VALUE; }
+    static void Close(Handle search) noexcept { FindClose(search); }
+};
+using SearchHandle = Owned<SearchKind>;
+}  // namespace
+
+std::vector<LogFile> ListLogs(const std::wstring& folder)
+{
+    std::vector<LogFile> logs;
+    WIN32_FIND_DATAW data = {};
+    const SearchHandle search(FindFirstFileW(JoinPath(folder, L"*.log").c_str(), &data));
+    DWORD error = ERROR_SUCCESS;
+    if (!search)
+    {
+        error = GetLastError();
+    }
+    else
+    {
+        do
+        {
+            const bool isFolder = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+            if (!isFolder && ParseLogName(ToUtf8(data.cFileName)))
+            {
+                logs.push_back({data.cFileName, data.ftLastWriteTime});
+            }
+        } while (FindNextFileW(search.Get(), &data) != 0);
+        error = GetLastError();
+    }
+    if (error != ERROR_NO_MORE_FILES && error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND)
+    {
+        throw Failure(SystemFailure(ToUtf8(folder) + " cannot be listed", error));
+    }
+    std::ranges::sort(logs, [](const LogFile& a, const LogFile& b) {
+        return std::pair(ParseLogName(ToUtf8(a.name)), a.name) < std::pair(ParseLogName(ToUtf8(b.name)), b.name);
+    });
+    return logs;
+}
+
+std::uint64_t ReadFileBytes(const std::wstring& path, const std::function<void(std::string_view)>& sink,
+                            std::uint64_t most)
+{
+    const FileHandle file(CreateFileW(path.c_str(), GENERIC_READ,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                      FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    if (!file)
+    {
+        const DWORD error = GetLastError();
+        throw UnreadableFile(SystemFailure(ToUtf8(path) + " cannot be opened", error));
+    }
+    std::string piece(kPieceBytes, '\0');
+    std::uint64_t total = 0;
+    while (total < most)
+    {
+        const auto wanted = static_cast<DWORD>(std::min<std::uint64_t>(kPieceBytes, most - total));
+        DWORD got = 0;
+        if (ReadFile(file.Get(), piece.data(), wanted, &got, nullptr) == 0)
+        {
+            const DWORD error = GetLastError();
+            throw UnreadableFile(SystemFailure(ToUtf8(path) + " cannot be read", error));
+        }
+        if (got == 0)
+        {
+            break;
+        }
+        sink(std::string_view(piece.data(), got));
+        total += got;
+    }
+    return total;
+}
+
+std::wstring JoinPath(const std::wstring& folder, const std::wstring& name)
+{
+    const bool separated = folder.empty() || folder.ends_with(L'\\') || folder.ends_with(L'/');
+    return folder + (separated ? L"" : L"\\") + name;
+}
+
+std::wstring FileNameOf(const std::wstring& path)
+{
+    return path.substr(path.find_last_of(L"\\/:") + 1);
+}
+}  // namespace repair

@@ -1,0 +1,68 @@
+#include "companion/output_file.h"
+
+#include <utility>
+
+#include "companion/failure.h"
+#include "companion/wide_text.h"
+
+namespace repair
+{
+OutputFile::OutputFile(std::wstring path)
+    : path_(std::move(path)),
+      partPath_(path_ + L".part"),
+      file_(CreateFileW(partPath_.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr))
+{
+    if (!file_)
+    {
+        const DWORD error = GetLastError();
+        throw Failure(SystemFailure(ToUtf8(partPath_) + " cannot be created", error));
+    }
+}
+
+OutputFile::~OutputFile()
+{
+    if (file_)
+    {
+        file_.Close();
+        DeleteFileW(partPath_.c_str());
+    }
+}
+
+void OutputFile::Append(std::string_view bytes)
+{
+    DWORD written = 0;
+    if (WriteFile(file_.Get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) == 0 ||
+        written < bytes.size())
+    {
+        throw Failure(SystemFailure(ToUtf8(partPath_) + " cannot be written", GetLastError()));
+    }
+}
+
+void OutputFile::Move(std::uint64_t offset, unsigned long from)
+{
+    LARGE_INTEGER distance = {};
+    distance.QuadPart = static_cast<LONGLONG>(offset);
+    if (SetFilePointerEx(file_.Get(), distance, nullptr, from) == 0)
+    {
+        throw Failure(SystemFailure(ToUtf8(partPath_) + " cannot be written", GetLastError()));
+    }
+}
+
+void OutputFile::Patch(std::uint64_t offset, std::string_view bytes)
+{
+    Move(offset, FILE_BEGIN);
+    Append(bytes);
+    Move(0, FILE_END);
+}
+
+void OutputFile::Keep()
+{
+    file_.Close();
+    if (MoveFileExW(partPath_.c_str(), path_.c_str(), MOVEFILE_REPLACE_EXISTING) == 0)
+    {
+        const DWORD error = GetLastError();
+        DeleteFileW(partPath_.c_str());
+        throw Failure(SystemFailure(ToUtf8(path_) + " cannot be replaced", error));
+    }
+}
+}  // namespace repair

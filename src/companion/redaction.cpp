@@ -1,0 +1,275 @@
+#include "companion/redaction.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "companion/unicode.h"
+
+namespace repair
+{
+namespace
+{
+using Text = std::u32string_view;
+
+// Nobody's names. An account of one of them is as good as none, and the words stand in texts of the tool.
+constexpr std::array kNobody = {
+    Text(U"administrator"), Text(U"administrators"),  Text(U"all users"),
+    Text(U"default"),       Text(U"default user"),    Text(U"everyone"),
+    Text(U"guest"),         Text(U"local service"),   Text(U"localhost"),
+    Text(U"localservice"),  Text(U"network service"), Text(U"networkservice"),
+    Text(U"public"),        Text(U"system"),          Text(U"systemprofile"),
+    Text(U"users"),         Text(U"workgroup"),       Text(U"127.0.0.1"),
+    Text(U"::1"),
+};
+
+// What stands before a backslash without being the domain of an account: roots of the registry, buses, and the second
+// words of "NT AUTHORITY" and the like.
+constexpr std::array kNoDomain = {
+    Text(U"acpi"),     Text(U"authority"), Text(U"builtin"), Text(U"display"), Text(U"hdaudio"),
+    Text(U"hkcu"),     Text(U"hklm"),      Text(U"pci"),     Text(U"root"),    Text(U"service"),
+    Text(U"software"), Text(U"swd"),       Text(U"system"),  Text(U"usb"),
+};
+
+// Endings that make the part behind the backslash a file.
+constexpr std::array kFileEndings = {Text(U".bat"), Text(U".cab"), Text(U".cmd"), Text(U".dll"),
+                                     Text(U".exe"), Text(U".inf"), Text(U".log"), Text(U".msi"),
+                                     Text(U".ps1"), Text(U".tmp"), Text(U".txt"), Text(U".zip")};
+
+constexpr std::array kProfileFolders = {Text(U"\\users\\"), Text(U"/users/"), Text(U"\\documents and settings\\")};
+
+constexpr Text kSchemeEnd = U"://";
+constexpr Text kNotInAccounts = U"\"/\\[]:;|=,+*?<>@";  // Windows allows none of these in the name of an account
+constexpr Text kBetweenWords = U" \t\"'[](){}<>,;=";
+constexpr Text kAuthorityEnds = U"/\\?# \t\"'[]()<>,";
+constexpr size_t kLongestDomain = 255;
+constexpr size_t kLongestUser = 64;
+
+template <size_t size>
+bool IsOneOf(Text text, const std::array<Text, size>& list)
+{
+    return std::ranges::find(list, text) != list.end();
+}
+
+bool IsWordCharacter(char32_t c)
+{
+    return c >= 0x80 || (c >= U'0' && c <= U'9') || (c >= U'a' && c <= U'z') || (c >= U'A' && c <= U'Z');
+}
+
+bool IsNameCharacter(char32_t c)
+{
+    return IsWordCharacter(c) || c == U'-' || c == U'_' || c == U'.' || c == U'$';
+}
+
+std::u32string FoldText(std::u32string text)
+{
+    std::ranges::transform(text, text.begin(), Fold);
+    return text;
+}
+
+std::string ToUtf8(Text text)
+{
+    std::string utf8;
+    for (const char32_t c : text)
+    {
+        AppendUtf8(utf8, c);
+    }
+    return utf8;
+}
+
+Text Trimmed(Text text)
+{
+    while (text.ends_with(U' ') || text.ends_with(U'.'))
+    {
+        text.remove_suffix(1);
+    }
+    while (text.starts_with(U' '))
+    {
+        text.remove_prefix(1);
+    }
+    return text;
+}
+
+// The authority of an address: what stands between "://" and the path.
+Text AuthorityAt(Text text, size_t at)
+{
+    const Text rest = text.substr(at);
+    // A bracket belongs to an IPv6 address only at the beginning or behind the user.
+    const size_t user = rest.substr(0, rest.find_first_of(U"/\\ \t\"")).rfind(U'@');
+    const size_t host = user == Text::npos ? 0 : user + 1;
+    if (host < rest.size() && rest[host] == U'[')
+    {
+        const size_t bracket = rest.find(U']', host);
+        if (bracket != Text::npos)
+        {
+            return rest.substr(0, std::min(rest.find_first_of(kAuthorityEnds, bracket + 1), rest.size()));
+        }
+    }
+    return rest.substr(0, std::min(rest.find_first_of(kAuthorityEnds, host), rest.size()));
+}
+}  // namespace
+
+void Redactor::Add(NameKind kind, std::string_view name)
+{
+    const std::u32string folded = FoldText(std::u32string(Trimmed(ToUtf32(name))));
+    if (folded.empty() || IsOneOf(folded, kNobody) || known_.contains(folded))
+    {
+        return;
+    }
+    constexpr std::string_view kWords[] = {"user", "machine", "domain"};
+    const auto index = static_cast<size_t>(kind);
+    known_.emplace(folded, false);
+    std::vector<Name>& same = names_[folded.front()];
+    same.push_back({folded, "<" + std::string(kWords[index]) + std::to_string(++counts_[index]) + ">"});
+    std::ranges::stable_sort(same, [](const Name& a, const Name& b) { return a.folded.size() > b.folded.size(); });
+}
+
+void Redactor::KeepHost(std::string_view host)
+{
+    known_.emplace(FoldText(ToUtf32(host)), true);
+}
+
+void Redactor::Learn(std::string_view line)
+{
+    // Without one of these there is nothing to be learnt; most lines end here.
+    if (line.find_first_of("\\/@") == std::string_view::npos)
+    {
+        return;
+    }
+    const std::u32string text = FoldText(ToUtf32(line));
+    LearnProfile(text);
+    LearnAccount(text);
+    LearnHosts(text);
+}
+
+void Redactor::LearnProfile(std::u32string_view text)
+{
+    for (const Text folder : kProfileFolders)
+    {
+        for (size_t at = text.find(folder); at != Text::npos; at = text.find(folder, at + 1))
+        {
+            const Text rest = text.substr(at + folder.size());
+            Add(NameKind::User, ToUtf8(rest.substr(0, std::min(rest.find_first_of(kNotInAccounts), kLongestUser))));
+        }
+    }
+}
+
+void Redactor::LearnAccount(std::u32string_view text)
+{
+    while (!text.empty())
+    {
+        const size_t length = std::min(text.find_first_of(kBetweenWords), text.size());
+        const Text word = text.substr(0, length);
+        text.remove_prefix(std::min(text.size(), length + 1));
+        const size_t mark = word.find_first_of(U"\\@");
+        if (mark == Text::npos || mark == 0 || mark + 1 == word.size())
+        {
+            continue;
+        }
+        const bool isAddress = word[mark] == U'@';
+        const Text before = word.substr(0, mark);
+        Text after = word.substr(mark + 1);
+        if (!std::ranges::all_of(before, IsNameCharacter) || !std::ranges::all_of(after, IsNameCharacter))
+        {
+            continue;
+        }
+        after = Trimmed(after);
+        const bool isFile = std::ranges::any_of(kFileEndings, [after](Text ending) { return after.ends_with(ending); });
+        if (isAddress && after.find(U'.') != Text::npos)
+        {
+            Add(NameKind::User, ToUtf8(before));
+            Add(NameKind::Domain, ToUtf8(after));
+        }
+        else if (!isAddress && !isFile && before.size() <= kLongestDomain && after.size() <= kLongestUser &&
+                 !IsOneOf(before, kNoDomain))
+        {
+            Add(NameKind::Domain, ToUtf8(before));
+            Add(NameKind::User, ToUtf8(after));
+        }
+    }
+}
+
+void Redactor::LearnHosts(std::u32string_view text)
+{
+    for (size_t at = text.find(kSchemeEnd); at != Text::npos; at = text.find(kSchemeEnd, at + 1))
+    {
+        Text host = AuthorityAt(text, at + kSchemeEnd.size());
+        const size_t user = host.rfind(U'@');
+        host.remove_prefix(user == Text::npos ? 0 : user + 1);
+        host = host.starts_with(U'[') ? host.substr(1, std::max<size_t>(host.find(U']'), 1) - 1)
+                                      : host.substr(0, std::min(host.find(U':'), host.size()));
+        Add(NameKind::Machine, ToUtf8(host));
+    }
+    constexpr Text kShare = U"\\\\";
+    for (size_t at = text.find(kShare); at != Text::npos; at = text.find(kShare, at + 1))
+    {
+        // Elsewhere two backslashes are one too many.
+        const bool begins = at == 0 || kBetweenWords.find(text[at - 1]) != Text::npos;
+        Text rest = text.substr(at + kShare.size());
+        constexpr Text kLongForm = U"?\\unc\\";
+        rest.remove_prefix(rest.starts_with(kLongForm) ? kLongForm.size() : 0);
+        const Text host = rest.substr(0, std::min(rest.find(U'\\'), rest.size()));
+        if (begins && host.size() < rest.size() && host != U"." && std::ranges::all_of(host, IsNameCharacter))
+        {
+            Add(NameKind::Machine, ToUtf8(host));
+        }
+    }
+}
+
+// The longest known name that stands at this place as a word of its own.
+const Redactor::Name* Redactor::Find(std::u32string_view folded, size_t at) const
+{
+    const auto same = names_.find(folded[at]);
+    if (same == names_.end() || (at > 0 && IsWordCharacter(folded[at - 1]) && IsWordCharacter(folded[at])))
+    {
+        return nullptr;
+    }
+    for (const Name& name : same->second)
+    {
+        const Text rest = folded.substr(at);
+        if (!rest.starts_with(name.folded))
+        {
+            continue;
+        }
+        const size_t end = name.folded.size();
+        const bool ends = end == rest.size() || !IsWordCharacter(rest[end]) || !IsWordCharacter(name.folded.back());
+        // A name of one letter could be a drive's.
+        const bool isAlone = end == 1 && (at == 0 || (folded[at - 1] != U'\\' && folded[at - 1] != U'/'));
+        if (ends && !isAlone)
+        {
+            return &name;
+        }
+    }
+    return nullptr;
+}
+
+std::string Redactor::Redact(std::string_view line) const
+{
+    const std::u32string text = ToUtf32(line);
+    const std::u32string folded = FoldText(text);
+    std::string out;
+    for (size_t at = 0; at < text.size();)
+    {
+        if (Text(folded).substr(at).starts_with(kSchemeEnd))
+        {
+            out += "://";
+            at += kSchemeEnd.size();
+            const size_t user = AuthorityAt(folded, at).rfind(U'@');
+            if (user != Text::npos)
+            {
+                out += "<login>@";
+                at += user + 1;
+            }
+            continue;
+        }
+        if (const Name* name = Find(folded, at))
+        {
+            out += name->placeholder;
+            at += name->folded.size();
+            continue;
+        }
+        AppendUtf8(out, text[at++]);
+    }
+    return out;
+}
+}  // namespace repair
