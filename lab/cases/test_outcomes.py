@@ -1,6 +1,9 @@
 """The catalogue of outcomes: its rules, its form, what the cases state about it, and cases for outcomes that no other case has."""
 from __future__ import annotations
 
+import importlib.machinery
+import importlib.util
+import json
 import pathlib
 import re
 from typing import Any
@@ -99,6 +102,35 @@ def test_a_catalogue_that_is_none(before, after, fault):
 def test_a_key_that_is_unknown_or_missing(line):
     with pytest.raises(TypeError):
         outcomes.read(HEAD.replace("code = 0", line))
+
+
+# The pages made from it
+
+@pytest.fixture(scope="module")
+def docs() -> Any:
+    path = str(HERE.parents[1] / "scripts" / "docs")
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("docs", importlib.machinery.SourceFileLoader("docs", path)))
+    module.__spec__.loader.exec_module(module)
+    return module
+
+
+def test_the_page_has_every_outcome_once(docs):
+    rows = re.findall(r"^\| \*\*([a-z-]+)\*\*", docs.page(outcomes.catalogue()), re.M)
+    assert sorted(rows) == sorted(one.id for one in outcomes.catalogue())
+
+
+def test_a_table_inside_a_page_is_made_anew(docs, tmp_path):
+    file = tmp_path / "deploy" / "recipe" / "README.md"
+    file.parent.mkdir(parents=True)
+    file.write_text(f"Before\n{docs.MARK}\nold\n<!-- end -->\nAfter\n")
+    (tmp_path / "deploy" / "other.md").write_text("Nothing of that.\n")
+    found = docs.wanted(tmp_path)
+    assert sorted(path.name for path in found) == ["README.md", "outcomes.md", "return-codes.json"]
+    assert re.fullmatch(r"Before\n<!-- .* -->\n(\|.*\|\n){6}<!-- end -->\nAfter\n", found[file])
+    assert json.loads(found[tmp_path / "deploy" / "return-codes.json"])["codes"][1]["outcomes"] == ["repaired-restart", "direct-restart"]
+    file.write_text(f"{docs.MARK}\nold\n")
+    with pytest.raises(ValueError, match="without its end"):
+        docs.wanted(tmp_path)
 
 
 # What the cases state
