@@ -9,6 +9,7 @@ import hashlib
 import os
 import pathlib
 import re
+import shutil
 
 from deploy import outcomes
 from lab import paths
@@ -42,6 +43,13 @@ def add(outcome: str, exit_code: int, lines: list[str]) -> None:
     part = file.with_name(f"{file.name}.{os.getpid()}")
     part.write_bytes(to_bytes(lines))
     part.replace(file)
+
+
+def forget_others() -> None:
+    """Removes what was kept for other catalogues."""
+    for one in ROOT.glob("*"):
+        if one != FOLDER:
+            shutil.rmtree(one, ignore_errors=True)
 
 
 def to_bytes(lines: list[str]) -> bytes:

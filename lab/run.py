@@ -23,6 +23,7 @@ from lab.server.web import WebServer
 TOOL = r"C:\lab\TavikCompatibilityTool.exe"
 SYSTEM = r"C:\windows\system32"
 LOGS = pathlib.Path("Program Files", "Tavik", "MIM", "Log")
+LOG_NAMES = "InstallVLTForWUDriver_*.log"
 NO_LINE_END = " (no line end)"
 _numbers = itertools.count(1)
 
@@ -210,7 +211,8 @@ class Run:
             hollow.close()
             drive = self.disks.seen(prefix.drive) if self.disks else prefix.drive
             after = state.read(drive, Hive(prefix.path / "system.reg"))
-        result = self._collect(prefix, web, address, before, after, errors, hollow.most, time.monotonic() - started)
+            logs = [read_log(file) for file in sorted((drive / LOGS).glob(LOG_NAMES), key=_log_order)]
+        result = self._collect(prefix, web, address, before, after, logs, errors, hollow.most, time.monotonic() - started)
         return result if then is None else self._divide(result, prefix.drive / "lab" / "standins")
 
     @staticmethod
@@ -242,10 +244,9 @@ class Run:
         self.stack.callback(self.photographer.close)
 
     def _collect(self, prefix: prefixes.Prefix, web: WebServer | None, address: str, before: state.State, after: state.State,
-                 errors: pathlib.Path, disk_used: int, seconds: float) -> Result:
+                 logs: list[list[str]], errors: pathlib.Path, disk_used: int, seconds: float) -> Result:
         lab = prefix.drive / "lab"
         report = json.loads((lab / "report.json").read_text("utf-8"))
-        logs = [read_log(file) for file in sorted((prefix.drive / LOGS).glob("*.log"), key=_log_order)]
         installer = lab / "installer.txt"
         return Result(
             exit_code=report["instances"][0]["exit_code"], log=logs[0] if logs else [], logs=logs, boxes=report["boxes"],

@@ -29,7 +29,10 @@ def pytest_configure(config: pytest.Config) -> None:
     """Machines of failed cases stay for a day; what still runs in those of an interrupted test run is ended."""
     config.addinivalue_line("markers", "slow: started first, because it mostly waits")
     config.addinivalue_line("markers", "all_cores: its programs are to run at the same moment, not in turns")
-    if not hasattr(config, "workerinput") and paths.RUNS.exists():
+    if hasattr(config, "workerinput"):
+        return
+    corpus.forget_others()
+    if paths.RUNS.exists():
         end_orphans()
         for folder in paths.RUNS.iterdir():
             with contextlib.suppress(FileNotFoundError):  # another run may have removed it meanwhile

@@ -55,7 +55,7 @@ def test_log_on_a_full_disk(lab):
     lab.run({"disks": {LOGS: PAGE}}, "x" * 900)  # a long first line
     check(lab, exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"], before=BEFORE, after=AFTER)
     sizes = [size for path, size in lab.result.after.files.items() if path.startswith(LOGS + "\\")]
-    assert sizes == [PAGE]
+    assert sizes == [PAGE] and lab.result.log[0].endswith("x" * 900)
 
 
 # The temporary folder
