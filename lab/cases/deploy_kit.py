@@ -1,0 +1,69 @@
+"""What the cases of the deployment kit share: its scripts as modules (they have no ending that would make them some), and a
+maker of signed installers with certificate authorities of its own."""
+from __future__ import annotations
+
+import importlib.machinery
+import importlib.util
+import pathlib
+import subprocess
+import sys
+import types
+
+from lab import paths
+
+DEPLOY = paths.ROOT / "deploy"
+MIRROR = DEPLOY / "mirror"
+PUBLISH = MIRROR / "publish"
+SIGNER = "Tavik Systems, Inc."
+
+
+def load(path: pathlib.Path) -> types.ModuleType:
+    name = path.name.replace("-", "_")
+    loader = importlib.machinery.SourceFileLoader(name, str(path))
+    spec = importlib.util.spec_from_loader(name, loader)
+    assert spec is not None
+    module = importlib.util.module_from_spec(spec)
+    written, sys.dont_write_bytecode = sys.dont_write_bytecode, True  # nothing of it beside the scripts
+    try:
+        loader.exec_module(module)
+    finally:
+        sys.dont_write_bytecode = written
+    return module
+
+
+def _openssl(folder: pathlib.Path, *arguments: str) -> None:
+    subprocess.run(["openssl", *arguments], cwd=folder, check=True, capture_output=True)
+
+
+class Signers:
+    """Two authorities, `ca` and `stranger`, and a signing certificate of each name below. Files end in .pem and .key."""
+    NAMES = {"maker": (SIGNER, "ca", 365), "other": ("Other Maker", "ca", 365), "impostor": (SIGNER, "stranger", 365),
+             "expired": (SIGNER, "ca", -1)}
+
+    def __init__(self, folder: pathlib.Path):
+        self.folder = folder
+        new_key = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes")
+        for authority in ("ca", "stranger"):
+            _openssl(folder, "req", "-x509", *new_key, "-keyout", f"{authority}.key", "-out", f"{authority}.pem", "-days", "365",
+                     "-subj", f"/CN=Root {authority}", "-addext", "basicConstraints=critical,CA:TRUE",
+                     "-addext", "keyUsage=critical,keyCertSign,cRLSign")
+        (folder / "signing.ext").write_text("extendedKeyUsage=codeSigning\nbasicConstraints=CA:FALSE\n", "ascii")
+        for name, (person, authority, days) in self.NAMES.items():
+            _openssl(folder, "req", *new_key, "-keyout", f"{name}.key", "-out", f"{name}.csr", "-subj", f"/O=Somebody/CN={person}")
+            _openssl(folder, "x509", "-req", "-in", f"{name}.csr", "-CA", f"{authority}.pem", "-CAkey", f"{authority}.key",
+                     "-CAcreateserial", "-days", str(days), "-extfile", "signing.ext", "-out", f"{name}.pem")
+
+    @property
+    def ca(self) -> pathlib.Path:
+        return self.folder / "ca.pem"
+
+    def sign(self, program: pathlib.Path, by: str, target: pathlib.Path, along: str = "") -> pathlib.Path:
+        """`along`: the certificate of that name goes into the signature too, as anybody can do."""
+        more = ["-ac", str(self.folder / f"{along}.pem")] if along else []
+        subprocess.run(["osslsigncode", "sign", "-h", "sha256", "-certs", str(self.folder / f"{by}.pem"), *more,
+                        "-key", str(self.folder / f"{by}.key"), "-in", str(program), "-out", str(target)], check=True, capture_output=True)
+        return target
+
+
+def publish(*arguments: object) -> subprocess.CompletedProcess[str]:
+    return subprocess.run([str(PUBLISH), *map(str, arguments)], capture_output=True, text=True, check=False)
