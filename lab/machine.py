@@ -35,6 +35,7 @@ DEFAULTS: dict[str, Any] = {
     "faults": [],
     "standins": [],
     "server": {},
+    "hosts": {},
     "temp": "",
     "disks": {},
     "largest_file": 0,
@@ -82,6 +83,8 @@ class Machine:
         if isinstance(self.data["store"], dict):
             _known(self.data["store"], STORE_KEYS, "store")
         self.server = self._read_server(self.data["server"])
+        if self.data["hosts"] and self.server.reach != "none":
+            raise ValueError('hosts: only with reach = "none", or the lab\'s own server would not be found')
 
     @staticmethod
     def load(path: pathlib.Path | str) -> "Machine":

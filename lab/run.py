@@ -151,6 +151,8 @@ class Run:
     def _start_server(self) -> WebServer | None:
         server = self.machine.server
         if server.reach == "none":
+            if self.machine.data["hosts"]:
+                self._name_hosts(self.machine.data["hosts"])
             return None
         default = server.reach == "default"
         secure = server.tls != "none" and (default or bool(server.tls))
@@ -164,11 +166,18 @@ class Run:
                 raise PermissionError(obstacle)
             address = default_address()
             web = WebServer(self.folder / "server", server.answers, address=address, port=443, **options)
-            hosts = self.folder / "hosts"
-            hosts.write_text(f"127.0.0.1 localhost\n{address} {certificates.HOST}\n", "ascii")
-            self.launcher = ("unshare", "--mount", "sh", "-c", 'mount --bind "$0" /etc/hosts && exec "$@"', str(hosts))
+            self._name_hosts({certificates.HOST: address})
         self.stack.callback(web.close)
         return web
+
+    def _name_hosts(self, addresses: dict[str, str]) -> None:
+        """The run, and nobody else, finds these names at these addresses."""
+        obstacle = private_hosts_obstacle()
+        if obstacle:
+            raise PermissionError(obstacle)
+        hosts = self.folder / "hosts"
+        hosts.write_text("127.0.0.1 localhost\n" + "".join(f"{address} {name}\n" for name, address in addresses.items()), "ascii")
+        self.launcher = ("unshare", "--mount", "sh", "-c", 'mount --bind "$0" /etc/hosts && exec "$@"', str(hosts))
 
     def _limit_disks(self, prefix: prefixes.Prefix) -> None:
         """Files are opened by Wine's server and written by its clients: both have to see the disks."""

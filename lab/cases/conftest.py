@@ -74,7 +74,7 @@ class Lab:
             self.machine = Machine.load(ROOT / "lab" / "machines" / machine)
         else:
             self.machine = Machine(machine or {})
-        if self.machine.server.reach == "default" and private_hosts_obstacle():
+        if (self.machine.server.reach == "default" or self.machine.data["hosts"]) and private_hosts_obstacle():
             pytest.skip(private_hosts_obstacle())
         if self.machine.data["disks"] and mounting_obstacle():
             pytest.skip(mounting_obstacle())
