@@ -1,0 +1,55 @@
+#Requires -Version 5.1
+<#
+.SYNOPSIS
+Creates the application in Configuration Manager (2107 or newer). Run it on the site's drive, as in PS XYZ:\>.
+
+.DESCRIPTION
+Content is a share that holds TavikCompatibilityTool.exe, TavikToolLog.exe and Repair-TavikSoftware.ps1; Detection is the path of
+Test-TavikRelease.ps1. Distribute and deploy the application afterwards as "required". Never run on a real Configuration Manager.
+
+.PARAMETER Content
+Share with the three files.
+
+.PARAMETER Detection
+Path of Test-TavikRelease.ps1.
+#>
+[CmdletBinding()]
+param(
+    [Parameter(Mandatory = $true)] [string] $Content,
+    [Parameter(Mandatory = $true)] [string] $Detection,
+    [string] $Name = 'Tavik Software repair'
+)
+
+Set-StrictMode -Version 2.0
+$ErrorActionPreference = 'Stop'
+
+# What the exit codes of Repair-TavikSoftware.ps1 mean to Configuration Manager.
+$returnCodes = @(
+    @{ ReturnCode = 0; CodeType = 'Success' }
+    @{ ReturnCode = 3010; CodeType = 'SoftReboot' }
+    @{ ReturnCode = 1618; CodeType = 'FastRetry' }
+    @{ ReturnCode = 1603; CodeType = 'Failure' }
+)
+# A new deployment type has these already, with the meaning they have here. 1603 counts as a failure like every code that is
+# not listed, but is named so that reports show it.
+$listedFromTheStart = 0, 3010, 1618
+
+New-CMApplication -Name $Name -Publisher 'Tavik' -Description 'Puts the application in place that matches the display driver.' | Out-Null
+$type = @{
+    ApplicationName           = $Name
+    DeploymentTypeName        = "$Name - script"
+    ContentLocation           = $Content
+    InstallCommand            = 'powershell.exe -NoProfile -NonInteractive -ExecutionPolicy Bypass -File Repair-TavikSoftware.ps1'
+    ScriptLanguage            = 'PowerShell'
+    ScriptText                = Get-Content -LiteralPath "FileSystem::$Detection" -Raw
+    InstallationBehaviorType  = 'InstallForSystem'
+    LogonRequirementType      = 'WhetherOrNotUserLoggedOn'
+    UserInteractionMode       = 'Hidden'
+    RebootBehavior            = 'BasedOnExitCode'
+    EstimatedRuntimeMins      = 15
+    MaximumRuntimeMins        = 180
+}
+$created = Add-CMScriptDeploymentType @type
+foreach ($one in $returnCodes | Where-Object { $listedFromTheStart -notcontains $_.ReturnCode }) {
+    Add-CMDeploymentTypeReturnCode -InputObject $created -ReturnCode $one.ReturnCode -CodeType $one.CodeType -Name 'Repair failed'
+}

@@ -1,0 +1,65 @@
+#Requires -Version 5.1
+<#
+.SYNOPSIS
+Runs the tool silently from a deployment system, as SYSTEM or as an administrator, and ends with a code that the system understands.
+
+.DESCRIPTION
+TavikCompatibilityTool.exe and TavikToolLog.exe lie beside this script, in a folder that users cannot write to. The output is one
+line of JSON with the outcome, as TavikToolLog.exe writes it.
+
+Exit codes: 0 done or nothing to do, 3010 done and a restart completes it, 1618 busy, try again later, 1603 failed.
+
+Never run on a real Windows.
+
+.PARAMETER Folder
+Where the two programs are.
+#>
+[CmdletBinding()]
+param([string] $Folder = $PSScriptRoot)
+
+Set-StrictMode -Version 2.0
+$ErrorActionPreference = 'Stop'
+$exitBusy = 1618
+$exitFailed = 1603
+$lock = $null
+$temp = $null
+$code = $exitFailed
+try {
+    foreach ($name in 'TavikToolLog.exe', 'TavikCompatibilityTool.exe') {
+        if (-not (Test-Path -LiteralPath (Join-Path $Folder $name) -PathType Leaf)) { throw "$name is missing in $Folder." }
+    }
+    $identity = [Security.Principal.WindowsPrincipal] [Security.Principal.WindowsIdentity]::GetCurrent()
+    if (-not $identity.IsInRole([Security.Principal.WindowsBuiltInRole]::Administrator)) { throw 'Administrator rights are needed.' }
+
+    # SYSTEM's own temporary folder is one in which every user may create folders, and in session 0 the tool cannot protect the
+    # folder that it unpacks into (docs/deploying.md). So it gets one that only administrators can write to. In a 32-bit
+    # PowerShell ProgramFiles is the other folder.
+    $programFiles = if ($env:ProgramW6432) { $env:ProgramW6432 } else { $env:ProgramFiles }
+    $base = Join-Path $programFiles 'Tavik\MIM'
+    New-Item -ItemType Directory -Force -Path $base | Out-Null
+
+    # One at a time: the folder is emptied. Nobody but administrators can hold the file.
+    try { $lock = [IO.File]::Open((Join-Path $base 'Repair.lock'), 'OpenOrCreate', 'ReadWrite', 'None') }
+    catch [IO.IOException] {
+        [Console]::Error.WriteLine('Another repair is running.')
+        exit $exitBusy
+    }
+    $temp = Join-Path $base 'Temp'
+    if (Test-Path -LiteralPath $temp) { Remove-Item -LiteralPath $temp -Recurse -Force }
+    # With the folder that the installer is started in: without it the tool may not be able to start the installer.
+    New-Item -ItemType Directory -Path (Join-Path $temp 'Tavik_VLTInstallerDownload\LPInstaller') | Out-Null
+    $env:TMP = $temp
+    $env:TEMP = $temp
+
+    & (Join-Path $Folder 'TavikToolLog.exe') 'run' '--' '-SILENT'
+    $code = $LASTEXITCODE
+}
+catch {
+    [Console]::Error.WriteLine("$_")
+    $code = $exitFailed
+}
+finally {
+    if ($null -ne $temp) { Remove-Item -LiteralPath $temp -Recurse -Force -ErrorAction SilentlyContinue }
+    if ($null -ne $lock) { $lock.Close() }
+}
+exit $code

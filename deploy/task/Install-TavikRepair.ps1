@@ -1,0 +1,43 @@
+#Requires -Version 5.1
+#Requires -RunAsAdministrator
+<#
+.SYNOPSIS
+Puts the tool onto a machine and registers the task that repairs the application after each update of the display driver.
+
+.DESCRIPTION
+Run it again to update the files; -Remove takes task and files away. Source holds TavikCompatibilityTool.exe, TavikToolLog.exe,
+Repair-TavikSoftware.ps1 and TavikRepairAfterDriverUpdate.xml; a share will do.
+
+As a startup script of a Group Policy it works as it is. Never run on a real Windows.
+
+.PARAMETER Source
+Where the four files are.
+
+.PARAMETER Remove
+Takes everything away again.
+#>
+[CmdletBinding()]
+param([string] $Source = $PSScriptRoot, [switch] $Remove)
+
+Set-StrictMode -Version 2.0
+$ErrorActionPreference = 'Stop'
+$taskPath = '\Tavik\'
+$taskName = 'RepairAfterDriverUpdate'
+$log = 'Microsoft-Windows-Kernel-PnP/Configuration'
+$files = 'TavikCompatibilityTool.exe', 'TavikToolLog.exe', 'Repair-TavikSoftware.ps1'
+$programFiles = if ($env:ProgramW6432) { $env:ProgramW6432 } else { $env:ProgramFiles }
+# Users cannot write there. The task runs as SYSTEM, so they must not.
+$target = Join-Path $programFiles 'Tavik\Repair'
+
+if ($Remove) {
+    Get-ScheduledTask -TaskPath $taskPath -TaskName $taskName -ErrorAction SilentlyContinue | Unregister-ScheduledTask -Confirm:$false
+    if (Test-Path -LiteralPath $target) { Remove-Item -LiteralPath $target -Recurse -Force }
+    exit 0
+}
+New-Item -ItemType Directory -Force -Path $target | Out-Null
+foreach ($file in $files) { Copy-Item -LiteralPath (Join-Path $Source $file) -Destination $target -Force }
+# The event that starts the task is written to this log.
+& (Join-Path $env:SystemRoot 'System32\wevtutil.exe') 'set-log' $log '/enabled:true'
+$xml = Get-Content -LiteralPath (Join-Path $Source 'TavikRepairAfterDriverUpdate.xml') -Raw
+Register-ScheduledTask -TaskPath $taskPath -TaskName $taskName -Xml $xml -Force | Out-Null
+exit 0
