@@ -31,3 +31,14 @@ function(project_link_options target)
     -Wl,--major-os-version=10 -Wl,--minor-os-version=0                # Windows 10 is the oldest system supported
     -Wl,--major-subsystem-version=10 -Wl,--minor-subsystem-version=0)
 endfunction()
+
+# Programs that are handed out carry no symbols. In the preset "symbols" they keep them, and the linker writes beside each
+# what it took from which library: scripts/release makes the symbol files and the list of components from that. The
+# instructions are the same in both, which scripts/release checks.
+function(project_strip target)
+  if(TAVIK_KEEP_SYMBOLS)
+    target_link_options(${target} PRIVATE -Wl,-Map=$<TARGET_FILE:${target}>.map)
+  else()
+    target_link_options(${target} PRIVATE -s)
+  endif()
+endfunction()

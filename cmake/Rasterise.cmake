@@ -25,9 +25,10 @@ function(rasterise_banner svg out)
     VERBATIM)
 endfunction()
 
-# rasterise_icon(<svg> <small svg> <out.ico>): every size that Windows asks for at scales from 100 % to 250 %.
-# Below 32 pixels a drawing of its own is used, because the details of the full one blur there. 256 pixels are stored
-# as PNG, as bitmap they alone would be a quarter of a megabyte.
+# rasterise_icon(<svg> <small svg> <out.ico>): the sizes that Windows asks for at scales up to 200 %, and 256 pixels, from
+# which it makes all others (128 pixels of their own would take 66 KB). Below 32 pixels a drawing of its own is used,
+# because the details of the full one blur there. 256 pixels are stored as PNG, as bitmap they alone would be a quarter of
+# a megabyte; the smaller ones are not, since only that size is promised to be read in that form.
 function(rasterise_icon svg smallSvg out)
   cmake_path(ABSOLUTE_PATH svg)
   cmake_path(ABSOLUTE_PATH smallSvg)
@@ -38,7 +39,7 @@ function(rasterise_icon svg smallSvg out)
   set(draw)
   set(pictures)
   set(arguments)
-  foreach(size 16 20 24 32 40 48 64 128 256)
+  foreach(size 16 20 24 32 40 48 64 256)
     set(source ${svg})
     if(size LESS 32)
       set(source ${smallSvg})
