@@ -201,7 +201,7 @@ def test_one_box_tells_the_outcome(lab, machine, code, text, icon):
     assert result.exit_code == code
     (box,) = result.boxes
     assert (box["caption"], box["text"], box["icon"], box["buttons"]) == ("Tavik Software Compatibility Tool", text, icon, ["OK"])
-    assert box["title_icon"] == "big and small" and box["status_hidden"] and box["foreground"]
+    assert box["title_icon"] == "big and small" and box["status_hidden"]
 
 
 def test_box_of_a_second_instance_has_no_icon_of_its_own(lab):
