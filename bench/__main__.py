@@ -1,0 +1,138 @@
+"""Measures the tool against its floors and against what people would use instead.
+
+    scripts/bench                 everything, each figure in at least 11 interleaved pairs; takes about half an hour
+    scripts/bench --quick         a glance in less than three minutes: fewer pairs, smaller files
+    scripts/bench --only start log    some figures only; --list names them
+    scripts/bench --size          where the bytes of the exe are
+    scripts/bench --write-docs    everything, and then the table, the sizes and the pictures of docs/performance.md
+
+Prints a table and writes it to build/bench as CSV, with every single measurement, and as pictures. The exit code is 1 when
+a goal is missed or something could not be measured.
+"""
+from __future__ import annotations
+
+import argparse
+import datetime
+import os
+import pathlib
+import platform
+import re
+import shutil
+import subprocess
+import sys
+import time
+from typing import Callable
+
+from bench import downloads, parts, plots, report, runs, size, window
+from bench.figures import Missing, Row, exit_code
+from bench.settings import FULL, QUICK, Settings
+from lab import paths
+from lab.run import end_orphans
+
+FIGURES: dict[str, tuple[str, Callable[[Settings, Callable[[str], None]], list[Row]]]] = {
+    "size": ("size of the exe", parts.size),
+    "start": ("process start to first log line", runs.start),
+    "early-exit": ("a run that finds nothing to do", runs.early_exit),
+    "small": ("download of a small file", downloads.small),
+    "download": ("download over http, with curl and wget", downloads.http),
+    "https": ("download over https", downloads.https),
+    "memory": ("peak memory of a download", downloads.memory),
+    "inf": ("section names of a large INF", parts.inf_names),
+    "log": ("10,000 log lines", parts.log),
+    "window": ("status window while nothing happens", window.idle),
+    "enumeration": ("many driver packages", runs.enumeration),
+}
+RESULTS = paths.ROOT / "build" / "bench"
+PAGE = paths.ROOT / "docs" / "performance.md"
+IMAGES = paths.ROOT / "docs" / "images"
+SIZE_BEGIN, SIZE_END = "<!-- size: begin -->", "<!-- size: end -->"
+
+
+def say(text: str) -> None:
+    print(f"bench: {text}", flush=True)
+
+
+def measure(names: list[str], settings: Settings) -> tuple[list[Row], list[Missing]]:
+    rows: list[Row] = []
+    missing: list[Missing] = []
+    for number, name in enumerate(names, 1):
+        what, take = FIGURES[name]
+        say(f"{number} of {len(names)}: {what}")
+        start = time.monotonic()
+        try:
+            rows += take(settings, lambda text: print(f"    {text}", flush=True))
+        except (OSError, RuntimeError) as error:
+            missing.append(Missing(name, what, f"{error}"))
+            say(f"could not be measured: {error}")
+        print(f"    {time.monotonic() - start:.0f} s", flush=True)
+    return rows, missing
+
+
+def machine_line() -> str:
+    """What the figures hold for."""
+    cpu = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text("utf-8", "replace"))
+    wine = subprocess.run([paths.WINE, "--version"], capture_output=True, text=True).stdout.split()[0]
+    commit = subprocess.run(["git", "rev-parse", "--short", "HEAD"], cwd=paths.ROOT, capture_output=True, text=True).stdout.strip()
+    changed = subprocess.run(["git", "status", "--porcelain", "--", "src", "cmake", "bench"], cwd=paths.ROOT, capture_output=True,
+                             text=True).stdout.strip()
+    date = datetime.date.today().isoformat()
+    return (f"Measured on {date} at commit {commit}{' with changes' if changed else ''}: {os.cpu_count()} cores "
+            f"({cpu[1] if cpu else 'unknown'}), {wine}, Linux {platform.release().split('-')[0]}. This is not Windows.")
+
+
+def write_docs(rows: list[Row], missing: list[Missing], pictures: list[pathlib.Path], quick: bool) -> None:
+    fresh = [machine_line() + (" A glance only (--quick)." if quick else ""), "", *report.markdown(rows, missing), ""]
+    IMAGES.mkdir(exist_ok=True)
+    for old in IMAGES.glob("performance-*.png"):
+        old.unlink()
+    for picture in pictures:
+        shutil.copy(picture, IMAGES / f"performance-{picture.name}")
+        fresh.append(f"![{picture.stem}](images/performance-{picture.name})")
+    text = report.replace_between_marks(PAGE.read_text("utf-8"), fresh)
+    text = report.replace_between_marks(text, size.markdown(), SIZE_BEGIN, SIZE_END)
+    PAGE.write_text(text, "utf-8")
+    say(f"{PAGE.relative_to(paths.ROOT)} is up to date.")
+
+
+def main(arguments: list[str]) -> int:
+    parser = argparse.ArgumentParser(prog="scripts/bench", description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--quick", action="store_true", help="a glance in less than three minutes")
+    parser.add_argument("--only", nargs="+", choices=FIGURES, metavar="NAME", help="some figures only")
+    parser.add_argument("--list", action="store_true", help="the names of the figures")
+    parser.add_argument("--size", action="store_true", help="where the bytes of the exe are")
+    parser.add_argument("--write-docs", action="store_true", help="bring docs/performance.md up to date")
+    options = parser.parse_args(arguments)
+    if options.list:
+        print("\n".join(f"{name:12} {what}" for name, (what, _) in FIGURES.items()))
+        return 0
+    if options.size:
+        print("\n".join(size.text()))
+        return 0
+    if options.write_docs and options.only:
+        parser.error("--write-docs needs all figures")
+
+    end_orphans()
+    load = os.getloadavg()[0]
+    if load > 0.5:
+        say(f"something else runs on this machine (load {load:.1f}): look at the quartiles before you believe a figure.")
+    start = time.monotonic()
+    rows, missing = measure(options.only or list(FIGURES), QUICK if options.quick else FULL)
+    RESULTS.mkdir(parents=True, exist_ok=True)
+    for old in [*RESULTS.glob("*.png"), *RESULTS.glob("*.csv")]:
+        old.unlink()
+    report.write_csv(RESULTS, rows, missing)
+    pictures = plots.draw_all(RESULTS, rows)
+    table = report.lines(rows, missing)
+    (RESULTS / "table.txt").write_text("\n".join(table) + "\n", "utf-8")
+    print("\n" + "\n".join(table) + "\n")
+    if options.write_docs:
+        write_docs(rows, missing, pictures, options.quick)
+    missed = [row for row in rows if row.met is False]
+    judged = [row for row in rows if row.met is not None]
+    say(f"{len(judged) - len(missed)} of {len(judged)} goals met, {len(missing)} figures not measured, in "
+        f"{time.monotonic() - start:.0f} s; table, measurements and pictures are in build/bench.")
+    return exit_code(rows, missing)
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

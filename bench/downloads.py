@@ -1,0 +1,213 @@
+"""Downloads: the tool beside a bare loop of the same calls, and beside curl and wget."""
+from __future__ import annotations
+
+import contextlib
+import os
+import pathlib
+import subprocess
+import threading
+import time
+from typing import Callable, Iterator
+
+from bench import turns
+from bench.figures import Row
+from bench.machine import DOWNLOADS, INSTALLER, TOOL, WarmMachine, roomy_folder
+from bench.settings import MIB, Settings
+from bench.watch import CLOSE_WRITE, CREATE, MOVED_TO, FileWatch
+from lab import certificates
+from lab.hollow import Hollow
+from lab.machine import SERVER_PATH
+
+PATH = SERVER_PATH + "24.20/dwx2_install.txt"
+TEMPORARY = INSTALLER + ".tmp"
+NOT_A_PROGRAM = 2  # what the tool ends with when the installer that it got cannot be started
+SMALL = 17 * 1024
+FLAT_MIB = 1.0     # what counts as no growth: the kernel's own count is off by some pages
+
+
+class Peak:
+    """The most memory that a process has had resident, asked for until it ends."""
+
+    def __init__(self, process: int):
+        self.status = pathlib.Path("/proc", str(process), "status")
+        self.bytes = 0
+        self._end = threading.Event()
+        self._thread = threading.Thread(target=self._work, daemon=True)
+        self._thread.start()
+
+    def look(self) -> None:
+        with contextlib.suppress(OSError):
+            for line in self.status.read_text("ascii", "replace").splitlines():
+                if line.startswith("VmHWM:"):
+                    self.bytes = int(line.split()[1]) * 1024
+
+    def _work(self) -> None:
+        while not self._end.wait(0.01):
+            self.look()
+
+    def close(self) -> int:
+        self._end.set()
+        self._thread.join()
+        return self.bytes
+
+
+class Downloads:
+    """A machine whose application is older than the driver, and a server with a body of any size."""
+
+    def __init__(self, secure: bool = False):
+        answers = {PATH: {"size": SMALL}}
+        self.machine = WarmMachine({"server": {"answers": answers, **({"reach": "default"} if secure else {})}})
+        self.secure = secure
+
+    def __enter__(self) -> "Downloads":
+        self.machine.__enter__()
+        host = certificates.HOST if self.secure else f"{self.machine.web.address}:{self.machine.web.port}"
+        self.url = f"{'https' if self.secure else 'http'}://{host}{PATH}"
+        self.body, = (self.machine.folder / "server").glob("body-*")
+        self.folder = self.machine.downloads
+        return self
+
+    def __exit__(self, *about: object) -> None:
+        self.machine.__exit__(*about)
+
+    def set_size(self, size: int) -> None:
+        self.size = size
+        os.truncate(self.body, size)
+
+    def _check(self, who: str, file: pathlib.Path, code: int, good: int = 0) -> None:
+        if code != good or file.stat().st_size != self.size:
+            raise RuntimeError(f"{who} ended with {code} and a file of {file.stat().st_size} bytes, not {self.size}")
+
+    def _windows(self, name: str) -> str:
+        return f"{self.machine.windows_folder(self.folder)}\\{name}"
+
+    def tool(self) -> float:
+        """Seconds from the request to the renamed file."""
+        with FileWatch(self.folder, CREATE | MOVED_TO) as watch:
+            code = self.machine.run(TOOL, "-SILENT").code
+        self._check("the tool", self.folder / INSTALLER, code, NOT_A_PROGRAM)
+        return watch.first(MOVED_TO, INSTALLER) - watch.first(CREATE, TEMPORARY)
+
+    def loop(self) -> float:
+        with FileWatch(self.folder, CREATE | MOVED_TO) as watch:
+            code = self.machine.run("bare_loop.exe", self.url, *self._bare_names()).code
+        self._check("the bare loop", self.folder / "bare.exe", code)
+        return watch.first(MOVED_TO, "bare.exe") - watch.first(CREATE, "bare.tmp")
+
+    def _fresh(self, name: str) -> pathlib.Path:
+        (self.folder / name).unlink(missing_ok=True)
+        return self.folder / name
+
+    def curl(self) -> float:
+        """By its own clock, which begins with the request."""
+        file = self._fresh("curl.exe")
+        done = subprocess.run(["curl", "--silent", "--noproxy", "*", "--output", file, "--write-out", "%{time_total}", self.url],
+                              capture_output=True, text=True)
+        self._check("curl", file, done.returncode)
+        return float(done.stdout)
+
+    def wget(self) -> float:
+        """It makes the file before it asks."""
+        file = self._fresh("wget.exe")
+        with FileWatch(self.folder, CREATE | CLOSE_WRITE) as watch:
+            code = subprocess.run(["wget", "--no-config", "--no-proxy", "--quiet", "--output-document", file, self.url]).returncode
+        self._check("wget", file, code)
+        return watch.first(CLOSE_WRITE, file.name) - watch.first(CREATE, file.name)
+
+    def _bare_names(self) -> tuple[str, str]:
+        return self._windows("bare.tmp"), self._windows("bare.exe")
+
+    def peak(self, program: str, *arguments: str, done: str, good: int) -> float:
+        """Bytes until the file is renamed; what comes after the download does not count."""
+        with FileWatch(self.folder, MOVED_TO) as watch:
+            process = self.machine.start(program, *arguments)
+            peak = Peak(process.pid)
+            while not watch.events and process.poll() is None:
+                time.sleep(0.005)
+            most = peak.close()
+            code = process.wait()
+        watch.first(MOVED_TO, done)
+        self._check(program, self.folder / done, code, good)
+        return float(most)
+
+    def tool_peak(self) -> float:
+        with self._hollow(TEMPORARY):
+            return self.peak(TOOL, "-SILENT", done=INSTALLER, good=NOT_A_PROGRAM)
+
+    def loop_peak(self) -> float:
+        with self._hollow("bare.tmp"):
+            return self.peak("bare_loop.exe", self.url, *self._bare_names(), done="bare.exe", good=0)
+
+    def same_calls_peak(self) -> float:
+        """The bare loop after the system calls that the tool has made by then, and with the same window."""
+        with self._hollow("bare.tmp"):
+            return self.peak("same_calls.exe", r"C:\lab\lines.txt", self.url, *self._bare_names(), done="bare.exe", good=0)
+
+    @contextlib.contextmanager
+    def _hollow(self, name: str) -> Iterator[None]:
+        """Gigabytes do not stay: the file's memory is given back while it is written."""
+        hollow = Hollow([self.folder / name])
+        try:
+            yield
+        finally:
+            hollow.close()
+
+
+def text_of(size: int) -> str:
+    return f"{size / 1e9:g} GB" if size % 1_000_000_000 == 0 else f"{size >> 30} GiB" if size % (1 << 30) == 0 else f"{size >> 20} MiB"
+
+
+def where() -> str:
+    return "the files are in memory, so the flush that ends a download costs nothing" if roomy_folder() else \
+        "the files are on this machine's disk; tool and loop flush them, curl and wget do not"
+
+
+def http(settings: Settings, say: Callable[[str], None]) -> list[Row]:
+    what = f"download of {text_of(settings.download)}, http"
+    with Downloads() as downloads:
+        downloads.set_size(settings.download)
+        times = turns.take({"tool": downloads.tool, "loop": downloads.loop, "curl": downloads.curl, "wget": downloads.wget},
+                           settings.pairs, say)
+    def row(against: str, who: str, limit: float, note: str = "") -> Row:
+        return Row("download", what, "s", times["tool"], against, times[who], "speed", limit, note)
+    return [row("bare WinINet loop", "loop", 0.97, where()), row("curl", "curl", 0.8), row("wget", "wget", 1.0)]
+
+
+def https(settings: Settings, say: Callable[[str], None]) -> list[Row]:
+    with Downloads(secure=True) as downloads:
+        downloads.set_size(settings.secure_download)
+        times = turns.take({"tool": downloads.tool, "loop": downloads.loop}, settings.pairs, say)
+    return [Row("https", f"download of {text_of(settings.secure_download)}, https", "s", times["tool"], "bare WinINet loop",
+                times["loop"], "speed", 0.97)]
+
+
+def small(settings: Settings, say: Callable[[str], None]) -> list[Row]:
+    with Downloads() as downloads:
+        downloads.set_size(SMALL)
+        with downloads.machine.one_core():
+            times = turns.take({"tool": downloads.tool, "loop": downloads.loop}, settings.short_pairs, say)
+    milliseconds = {who: [1000 * seconds for seconds in values] for who, values in times.items()}
+    return [Row("small", "file of 17 KiB, from the new file to the renamed one", "ms", milliseconds["tool"], "bare WinINet loop",
+                milliseconds["loop"], "difference", 5)]
+
+
+def memory(settings: Settings, say: Callable[[str], None]) -> list[Row]:
+    rows = []
+    peaks: dict[int, list[float]] = {}
+    with Downloads() as downloads:
+        downloads.machine.keep_log("lines.txt")
+        for size in settings.memory:
+            downloads.set_size(size)
+            took = turns.take({"tool": downloads.tool_peak, "loop": downloads.loop_peak, "same": downloads.same_calls_peak},
+                              settings.pairs, say)
+            peaks[size] = [value / MIB for value in took["tool"]]
+            what = f"peak memory, download of {text_of(size)}"
+            note = "" if rows else "the libraries of window, adapters and installed products are in the tool; see the next line"
+            rows.append(Row("memory", what, "MiB", peaks[size], "bare WinINet loop", [value / MIB for value in took["loop"]],
+                            "difference", None, note))
+            rows.append(Row("memory", what, "MiB", peaks[size], "the loop after the same system calls",
+                            [value / MIB for value in took["same"]], "difference", 4))
+    low, high = settings.memory[0], settings.memory[-1]
+    rows.append(Row("memory", f"growth from {text_of(low)} to {text_of(high)}", "MiB", peaks[high], f"the tool, {text_of(low)}",
+                    peaks[low], "difference", FLAT_MIB, "flat, but for pages that the kernel counts late"))
+    return rows

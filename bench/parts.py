@@ -1,0 +1,62 @@
+"""Parts of the tool that no whole run shows alone, and its file."""
+from __future__ import annotations
+
+import pathlib
+from typing import Callable
+
+from bench.figures import Row
+from bench.machine import WarmMachine
+from bench.runs import SAME_RELEASE
+from bench.settings import MIB, Settings
+from lab import paths
+
+INF_BYTES, INF_LINES = 8_000_000, 30_000
+LOG_LINES = 10_000
+EXE_KB = 1000
+STACK_BYTES = 64 * 1024
+
+
+def write_inf(file: pathlib.Path, size: int, lines: int) -> int:
+    """So many lines, one in forty a section's header; returns how many sections there are."""
+    filler = f"HKR,,Feature_%05d,%%REG_BINARY%%,{'0x5a,' * 100}"
+    sections = 0
+    with open(file, "w", encoding="ascii", newline="") as out:
+        for number in range(lines):
+            if number % 40 == 0:
+                sections += 1
+                text = f"[Section_{number:05d}]"
+            else:
+                text = (filler % number)[:size * 40 // (lines * 39) - 2]
+            out.write(text + "\r\n")
+    return sections
+
+
+def inf_names(settings: Settings, say: Callable[[str], None]) -> list[Row]:
+    with WarmMachine(SAME_RELEASE) as machine, machine.one_core():
+        sections = write_inf(machine.lab / "large.inf", INF_BYTES, INF_LINES)
+        write_inf(machine.lab / "small.inf", INF_BYTES // 100, INF_LINES // 100)
+        size = (machine.lab / "large.inf").stat().st_size
+        (names, memory, stack), *rounds = machine.texts("inf_names.exe", str(10 * settings.short_pairs), r"C:\lab\large.inf")
+        (_, _, small_stack), *_ = machine.texts("inf_names.exe", "1", r"C:\lab\small.inf")
+    if names != sections:
+        raise RuntimeError(f"{names:g} section names were found instead of {sections}")
+    say(f"{names:g} names in {size} bytes")
+    what = f"section names of an INF of {INF_BYTES / 1e6:g} MB, {INF_LINES:,} lines"
+    ours, theirs = ([values[side] / 1000 for values in rounds] for side in (0, 1))
+    return [Row("inf", what, "ms", ours, "reading the file once", theirs, "speed", 0.5),
+            Row("inf", "the same, memory in use", "file sizes", [memory / size], limit=2),
+            Row("inf", "the same, stack", "bytes", [stack], "an INF of 80 KB", [small_stack], "difference", 0,
+                "the same however long the file")]
+
+
+def log(settings: Settings, say: Callable[[str], None]) -> list[Row]:
+    with WarmMachine(SAME_RELEASE) as machine, machine.one_core():
+        rounds = machine.texts("log_lines.exe", str(settings.short_pairs), str(LOG_LINES))
+    say(f"{len(rounds)} times {LOG_LINES} lines")
+    ours, theirs = ([values[side] / 1000 for values in rounds] for side in (0, 1))
+    return [Row("log", f"log, {LOG_LINES:,} lines", "ms", ours, "the same WriteFile calls", theirs, "ratio", 1.2)]
+
+
+def size(_: Settings, __: Callable[[str], None]) -> list[Row]:
+    return [Row("size", "size of the exe", "KB", [paths.need(paths.TOOL).stat().st_size / 1000], limit=EXE_KB,
+                note="KB are thousands of bytes; scripts/bench --size shows where they are")]

@@ -1,0 +1,182 @@
+"""Whole runs of the tool that end early: the start, the check that finds nothing to do, many driver packages."""
+from __future__ import annotations
+
+import functools
+import re
+from typing import Any, Callable
+
+from bench import turns
+from bench.figures import Row, quartiles
+from bench.machine import TOOL, WarmMachine
+from bench.settings import Settings
+from bench.watch import MODIFY, FileWatch, LogWatch
+from lab import inf
+from lab.adapters import RELEASE
+
+NOTHING_TO_DO = 255  # what Unix sees of -1
+POLL_MS = 100        # the tool looks that often whether its window is ready
+SAME_RELEASE = {"desktop": {"release": "24.20"}, "server": {"reach": "none"}}
+ADAPTERS = 4
+
+
+def run_and_watch(machine: WarmMachine, program: str, *arguments: str, code: int):
+    with LogWatch(machine.logs) as log:
+        ran = machine.run(program, *arguments)
+    if ran.code != code:
+        raise RuntimeError(f"{program} ended with {ran.code} instead of {code}: {[line for _, line in log.lines]}")
+    return ran, log
+
+
+# The start
+
+def start(settings: Settings, say: Callable[[str], None]) -> list[Row]:
+    def tool() -> float:
+        ran, log = run_and_watch(machine, TOOL, "-SILENT", code=NOTHING_TO_DO)
+        return 1000 * (log.when("Launched with command line") - ran.start)
+
+    def bare() -> float:
+        with FileWatch(machine.lab, MODIFY) as watch:
+            ran = machine.run("bare_gui.exe", r"C:\lab\bare.txt")
+        return 1000 * (watch.first(MODIFY, "bare.txt") - ran.start)
+
+    def same() -> float:
+        ran, log = run_and_watch(machine, "same_calls.exe", r"C:\lab\lines.txt", code=0)
+        return 1000 * (log.when("Launched with command line") - ran.start)
+
+    with WarmMachine(SAME_RELEASE) as machine, machine.one_core():
+        machine.keep_log("lines.txt")
+        times = turns.take({"tool": tool, "bare": bare, "same": same}, settings.short_pairs, say)
+    what = "process start to first log line"
+    return [Row("start", what, "ms", times["tool"], "bare exe that writes one file", times["bare"], "difference", 25),
+            Row("start", what, "ms", times["tool"], "an exe that needs the tool's libraries", times["same"], "difference", None,
+                "loading these libraries is most of the difference")]
+
+
+# The check that finds nothing to do
+
+class EarlyExit:
+    """What one run of the tool, or of its floor, took. Both write the same lines at the same places."""
+
+    def __init__(self, machine: WarmMachine, program: str, argument: str, code: int):
+        ran, log = run_and_watch(machine, program, argument, code=code)
+        (launched, _), (checked, _), *_ = log.lines
+        self.wall = 1000 * ran.wall
+        self.polls = int(1000 * (checked - launched) / POLL_MS)  # nothing but the window is waited for between these lines
+        self.cpu = 1000 * ran.cpu
+
+
+def recorded_calls(machine: WarmMachine, *command: str) -> list[str]:
+    """Names of the calls into SetupAPI and Windows Installer."""
+    record = machine.lab / "standins" / "calls.txt"
+    record.unlink(missing_ok=True)
+    machine.run(*command)
+    return re.findall(r"^(\w+!\w+)#", record.read_text("utf-8"), re.MULTILINE)
+
+
+def compare_calls() -> int:
+    """How many calls tool and floor have in common: all of them, or the floor is none."""
+    with WarmMachine(SAME_RELEASE, recorded=True) as machine:
+        machine.keep_log("lines.txt")
+        ours = recorded_calls(machine, TOOL, "-SILENT")
+        theirs = recorded_calls(machine, "same_calls.exe", r"C:\lab\lines.txt")
+    if ours != theirs or not ours:
+        raise RuntimeError(f"same_calls.exe does not make the tool's calls: {theirs} instead of {ours}")
+    return len(ours)
+
+
+def early_exit(settings: Settings, say: Callable[[str], None]) -> list[Row]:
+    say(f"the floor makes the same {compare_calls()} calls into SetupAPI and Windows Installer")
+    runs: dict[str, list[EarlyExit]] = {"tool": [], "floor": []}
+
+    def run(who: str, *command: Any) -> float:
+        runs[who].append(EarlyExit(machine, *command))
+        return runs[who][-1].wall
+
+    contestants = {"tool": functools.partial(run, "tool", TOOL, "-SILENT", NOTHING_TO_DO),
+                   "floor": functools.partial(run, "floor", "same_calls.exe", r"C:\lab\lines.txt", 0)}
+    with WarmMachine(SAME_RELEASE) as machine, machine.one_core():
+        machine.keep_log("lines.txt")
+        turns.take(contestants, settings.short_pairs, say)
+    tool, floor = runs["tool"][1:], runs["floor"][1:]  # without those that warmed up
+    against = "the same system calls"
+
+    def row(what: str, pick: Callable[[EarlyExit], float], measure: str, limit: float | None, note: str = "") -> Row:
+        return Row("early-exit", f"early exit, {what}", "ms", [pick(one) for one in tool], against, [pick(one) for one in floor],
+                   measure, limit, note)
+    polls = quartiles([float(one.polls) for one in tool])[1]
+    return [row("whole run", lambda one: one.wall, "difference", None,
+                f"{polls:g} times {POLL_MS} ms of it is the wait for the window, which is looked for that often"),
+            row("without that wait", lambda one: one.wall - POLL_MS * one.polls, "difference", 30),
+            row("CPU", lambda one: one.cpu, "ratio", 1.5)]
+
+
+# Many driver packages
+
+def inf_text(size: int, release: str) -> str:
+    """An INF like those of display drivers: a head, then sections with registry settings, about so many bytes."""
+    head = inf.TEMPLATE.replace("{name}", "package").replace("{release}", release).replace("\n", "\r\n")
+    lines = [head]
+    length = len(head)
+    section = 0
+    while length < size:
+        section += 1
+        rest = [f"[Settings_{section:05d}]", *(f"HKR,,Feature_{section:05d}_{line:02d},%REG_DWORD%,0x{section * line:08x}"
+                                              for line in range(1, 40))]
+        lines.append("\r\n".join(rest) + "\r\n\r\n")
+        length += len(lines[-1])
+    return "".join(lines)
+
+
+def machine_with(packages: int, size: int) -> dict[str, Any]:
+    """Four adapters with so many driver packages together. The first of each carries the adapter's release."""
+    other, same = (inf_text(size, release) for release in ("23.10.01.00-230101a", RELEASE))
+    adapters = []
+    for number in range(ADAPTERS):
+        own = packages // ADAPTERS + (number < packages % ADAPTERS)
+        adapters.append({"packages": [{"text": same if index == 0 else other} for index in range(own)]})
+    return {**SAME_RELEASE, "adapters": adapters}
+
+
+def enumerate_packages(packages: int, size: int, pairs: int, say: Callable[[str], None]) -> dict[str, list[float]]:
+    def tool() -> float:
+        _, log = run_and_watch(machine, TOOL, "-SILENT", code=NOTHING_TO_DO)
+        found = sum(line.startswith("Found driver ") and not line.endswith("[]") for _, line in log.lines)
+        if found != packages:
+            raise RuntimeError(f"the tool has found {found} packages instead of {packages}")
+        return log.when("Currently installed drivers on system:") - log.when("Currently installed VLT is version")
+
+    def floor() -> float:
+        (infs, microseconds), = machine.texts("setup_floor.exe")
+        if infs != packages:
+            raise RuntimeError(f"the floor has opened {infs} INFs instead of {packages}")
+        return microseconds / 1e6
+
+    with WarmMachine(machine_with(packages, size)) as machine:
+        return turns.take({"tool": tool, "floor": floor}, pairs, say, warm=packages * size < 50_000_000)
+
+
+def slope(counts: list[int], seconds: list[float], low: int, high: int) -> float:
+    return (seconds[high] - seconds[low]) / (counts[high] - counts[low])
+
+
+def enumeration(settings: Settings, say: Callable[[str], None]) -> list[Row]:
+    rows = []
+    counts = list(settings.packages)
+    for size, pairs in settings.inf_sizes:
+        tool: list[list[float]] = []
+        what = f"{size // 1000} KB" if size < 1_000_000 else f"{size // 1_000_000} MB"
+        for count in counts:
+            say(f"{count} packages of {what}")
+            times = enumerate_packages(count, size, pairs, say)
+            tool.append(times["tool"])
+            judged = 1.15 if count == counts[-1] else None
+            rows.append(Row("enumeration", f"{count} driver packages of {what} on {ADAPTERS} adapters", "s", times["tool"],
+                            "the same SetupAPI calls", times["floor"], "ratio", judged))
+        per_package = [[1000 * slope(counts, list(pair), low, high) for pair in zip(*tool)]
+                       for low, high in ((0, len(counts) // 2), (len(counts) // 2, -1))] if len(counts) > 2 else []
+        if per_package:
+            first, second = per_package
+            middle = counts[len(counts) // 2]
+            rows.append(Row("enumeration", f"each further package of {what}, {middle} to {counts[-1]}", "ms", second,
+                            f"the tool, {counts[0]} to {middle}", first, "ratio", 1.25, "1 is a straight line"))
+    return rows

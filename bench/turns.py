@@ -1,0 +1,21 @@
+"""Takes measurements in turn, so that whatever disturbs the machine meets all of them alike."""
+from __future__ import annotations
+
+from typing import Callable
+
+
+def take(contestants: dict[str, Callable[[], float]], rounds: int, say: Callable[[str], None],
+         warm: bool = True) -> dict[str, list[float]]:
+    """Each round asks every contestant once, each time beginning with another one. The first round warms up and does
+    not count."""
+    names = list(contestants)
+    values: dict[str, list[float]] = {name: [] for name in names}
+    if warm:
+        for name in names:
+            contestants[name]()
+    for number in range(rounds):
+        begin = number % len(names)
+        for name in names[begin:] + names[:begin]:
+            values[name].append(contestants[name]())
+        say(f"{number + 1} of {rounds}: " + ", ".join(f"{name} {values[name][-1]:.4g}" for name in names))
+    return values
