@@ -1,0 +1,186 @@
+// Looks on this machine whether Windows behaves as the product relies on it. Changes nothing: what it makes for itself
+// (one temporary folder, one volatile registry key) is removed at the end.
+//
+//   TavikWindowsCheck.exe [--json FILE] [--only ID-or-GROUP]
+//
+// Exit code: 0 nothing differs, 1 something differs, 2 the checks could not be made, 3 something could not be removed.
+#include <windows.h>
+
+#include <cstdio>
+#include <cwchar>
+#include <iterator>
+#include <string>
+
+#include "base/library.h"
+#include "windows_check/check.h"
+#include "windows_check/modules.h"
+#include "windows_check/own_things.h"
+#include "windows_check/probe.h"
+#include "windows_check/report.h"
+#include "windows_check/runner.h"
+#include "windows_check/words.h"
+
+namespace
+{
+using namespace windows_check;
+
+constexpr int kDiffers = 1;
+constexpr int kNotMade = 2;
+constexpr int kLeftBehind = 3;
+
+void Print(const std::string& text)
+{
+    DWORD written = 0;
+    WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+}
+
+// Ctrl+C and a closed console: what was made is removed all the same.
+BOOL WINAPI RemoveAndEnd(DWORD)
+{
+    RemoveOwnThings();
+    return FALSE;
+}
+
+bool IsElevated()
+{
+    HANDLE token = nullptr;
+    TOKEN_ELEVATION elevation = {};
+    DWORD size = 0;
+    const bool isKnown = OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token) != 0 &&
+                         GetTokenInformation(token, TokenElevation, &elevation, sizeof(elevation), &size) != 0;
+    if (token != nullptr)
+    {
+        CloseHandle(token);
+    }
+    return isKnown && elevation.TokenIsElevated != 0;
+}
+
+bool HasVisibleDesktop()
+{
+    USEROBJECTFLAGS flags = {};
+    return GetUserObjectInformationW(GetProcessWindowStation(), UOI_FLAGS, &flags, sizeof(flags), nullptr) != 0 &&
+           (flags.dwFlags & WSF_VISIBLE) != 0;
+}
+
+void LookAtMachine()
+{
+    Machine& machine = ThisMachine();
+    wchar_t program[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    machine.program = program;
+    const HMODULE system = GetModuleHandleW(L"ntdll.dll");
+    if (auto* const version = repair::LookUpFunction<LONG(WINAPI*)(OSVERSIONINFOW*)>(system, "RtlGetVersion"))
+    {
+        OSVERSIONINFOW found = {};
+        found.dwOSVersionInfoSize = sizeof(found);
+        version(&found);
+        machine.version =
+            Number(found.dwMajorVersion) + L"." + Number(found.dwMinorVersion) + L"." + Number(found.dwBuildNumber);
+    }
+    if (auto* const wine = repair::LookUpFunction<const char*(CDECL*)()>(system, "wine_get_version"))
+    {
+        machine.wine = wine();
+    }
+    ProcessIdToSessionId(GetCurrentProcessId(), &machine.session);
+    machine.isElevated = IsElevated();
+    machine.isInteractive = HasVisibleDesktop();
+}
+
+std::string Opening()
+{
+    const Machine& machine = ThisMachine();
+    const std::wstring system = L"Windows " + machine.version +
+                                (machine.wine.empty() ? L"" : L" played by Wine " + Widened(machine.wine)) +
+                                L", session " + Number(machine.session) +
+                                (machine.isElevated ? L", as administrator" : L", not as administrator");
+    return Utf8(system + L"\n" +
+                (machine.isElevated ? L"" : L"Some facts need an administrator and are skipped; they say so.\n") +
+                L"\n");
+}
+
+bool WriteJson(const std::wstring& path, const std::string& json)
+{
+    FILE* const file = _wfopen(path.c_str(), L"wb");
+    if (file == nullptr)
+    {
+        return false;
+    }
+    const bool isWritten = std::fwrite(json.data(), 1, json.size(), file) == json.size();
+    return std::fclose(file) == 0 && isWritten;
+}
+
+int RunAll(const std::wstring& jsonPath, const std::wstring& only)
+{
+    LookAtMachine();
+    SetConsoleCtrlHandler(RemoveAndEnd, TRUE);
+    if (!MakeOwnThings())
+    {
+        RemoveOwnThings();
+        Print("The temporary folder or the volatile registry key of this program cannot be made.\n");
+        return kNotMade;
+    }
+    Print(Opening());
+    std::wstring complaint;
+    const std::vector<Finding> findings = RunChecks(only, complaint);
+    const bool isClean = RemoveOwnThings();
+    if (findings.empty())
+    {
+        Print(Utf8(complaint.empty() ? L"There is no such fact.\n" : complaint));
+        return kNotMade;
+    }
+    const int different = Count(findings, Verdict::kDiffers);
+    Print(Table(findings));
+    Print("\n" + std::to_string(Count(findings, Verdict::kOk)) + " ok, " + std::to_string(different) + " differ, " +
+          std::to_string(Count(findings, Verdict::kNotApplicable)) + " not applicable\n");
+    if (!jsonPath.empty() && !WriteJson(jsonPath, Json(findings)))
+    {
+        Print(Utf8(jsonPath + L" cannot be written.\n"));
+        return kNotMade;
+    }
+    if (!isClean)
+    {
+        Print(Utf8(L"This could not be removed: " + ThisMachine().folder + L" or the key HKEY_CURRENT_USER\\" +
+                   ThisMachine().key + L"\n"));
+        return kLeftBehind;
+    }
+    return different == 0 ? 0 : kDiffers;
+}
+}  // namespace
+
+int wmain(int count, wchar_t** arguments)
+{
+    ThisMachine().modulesFirst = LoadedModules();  // before anything else has loaded one
+    if (count >= 3 && std::wstring(arguments[1]) == L"--probe")
+    {
+        const Probe probe = FindProbe(arguments[2]);
+        return probe == nullptr ? kNotMade : probe(count - 3, arguments + 3);
+    }
+    // As the tool does first of all.
+    SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
+    ThisMachine().modulesThen = LoadedModules();
+    SetConsoleOutputCP(CP_UTF8);
+
+    std::wstring jsonPath;
+    std::wstring only;
+    for (int i = 1; i < count; ++i)
+    {
+        const std::wstring argument = arguments[i];
+        if (argument == L"--json" && i + 1 < count)
+        {
+            jsonPath = arguments[++i];
+        }
+        else if (argument == L"--only" && i + 1 < count)
+        {
+            only = arguments[++i];
+        }
+        else
+        {
+            Print("usage: TavikWindowsCheck.exe [--json FILE] [--only ID-or-GROUP]\n");
+            return kNotMade;
+        }
+    }
+    const int result = RunAll(jsonPath, only);
+    // Threads of checks that did not come back must not hold the end up.
+    TerminateProcess(GetCurrentProcess(), static_cast<UINT>(result));
+    return result;
+}

@@ -1,0 +1,179 @@
+#include "windows_check/runner.h"
+
+#include <windows.h>
+
+#include <atomic>
+#include <exception>
+#include <map>
+#include <memory>
+#include <string_view>
+
+#include "windows_check/words.h"
+
+namespace windows_check
+{
+namespace
+{
+// Shared by the check's thread and the one that waits for it, which may go on alone.
+struct Attempt
+{
+    explicit Attempt(const Check& wanted) : check(wanted), done(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+    ~Attempt() { CloseHandle(done); }
+    Attempt(const Attempt&) = delete;
+    Attempt& operator=(const Attempt&) = delete;
+    Attempt(Attempt&&) = delete;
+    Attempt& operator=(Attempt&&) = delete;
+
+    Check check;
+    HANDLE done;
+    Seen seen;
+    std::atomic<DWORD> crash = 0;
+};
+
+// The one that is being waited for; only a crash looks at it.
+std::atomic<Attempt*> current = nullptr;
+
+// A crash ends the check, not the program: its thread never goes on.
+LONG WINAPI NoteCrash(EXCEPTION_POINTERS* exception)
+{
+    if (Attempt* const attempt = current.load())
+    {
+        attempt->crash = exception->ExceptionRecord->ExceptionCode;
+        SetEvent(attempt->done);
+    }
+    for (;;)
+    {
+        Sleep(INFINITE);
+    }
+}
+
+DWORD WINAPI RunOne(void* argument)
+{
+    const std::unique_ptr<std::shared_ptr<Attempt>> attempt(static_cast<std::shared_ptr<Attempt>*>(argument));
+    Seen seen;
+    try
+    {
+        seen = (*attempt)->check.look();
+    }
+    catch (const std::exception& error)
+    {
+        seen = Saw(L"the check ended with an exception: " + Widened(error.what()));
+    }
+    catch (...)
+    {
+        seen = Saw(L"the check ended with an exception");
+    }
+    (*attempt)->seen = std::move(seen);
+    SetEvent((*attempt)->done);
+    return 0;
+}
+
+Seen Look(const Check& check)
+{
+    const auto attempt = std::make_shared<Attempt>(check);
+    auto own = std::make_unique<std::shared_ptr<Attempt>>(attempt);
+    current = attempt.get();
+    const HANDLE thread = CreateThread(nullptr, 0, RunOne, own.get(), 0, nullptr);
+    if (thread == nullptr)
+    {
+        current = nullptr;
+        return Saw(L"no thread for the check: " + Number(GetLastError()));
+    }
+    [[maybe_unused]] auto* const handedOver = own.release();
+    CloseHandle(thread);
+    const bool isDone = WaitForSingleObject(attempt->done, check.limitMs) == WAIT_OBJECT_0;
+    current = nullptr;
+    if (!isDone)
+    {
+        return Saw(L"no answer in " + Number(check.limitMs / 1000) + L" s");
+    }
+    if (attempt->crash != 0)
+    {
+        return Saw(L"the check crashed: " + Hex(attempt->crash));
+    }
+    return attempt->seen;
+}
+
+std::map<std::string_view, Check> ChecksById(std::wstring& complaint)
+{
+    std::map<std::string_view, Check> checks;
+    for (const auto list :
+         {LibraryChecks, ProcessChecks, EventChecks, RegistryChecks, MessageChecks, TextChecks, ReadingChecks,
+          FolderChecks, RemovalChecks, SharingChecks, SecurityChecks, DeviceChecks, InfChecks, InstallerChecks,
+          InternetChecks, DownloadChecks, RuntimeChecks, StoreChecks, WindowChecks})
+    {
+        for (const Check& check : list())
+        {
+            if (!checks.emplace(check.id, check).second)
+            {
+                complaint += L"two checks are called " + Widened(check.id) + L"\n";
+            }
+        }
+    }
+    return checks;
+}
+}  // namespace
+
+const char* NameOf(Verdict verdict)
+{
+    switch (verdict)
+    {
+        case Verdict::kOk:
+            return "ok";
+        case Verdict::kNotApplicable:
+            return "not applicable";
+        case Verdict::kDiffers:
+            break;
+    }
+    return "differs";
+}
+
+std::vector<Finding> RunChecks(const std::wstring& only, std::wstring& complaint)
+{
+    std::map<std::string_view, Check> checks = ChecksById(complaint);
+    for (const Fact& fact : AllFacts())
+    {
+        if (checks.count(fact.id) == 0)
+        {
+            complaint += L"no check looks at " + Widened(fact.id) + L"\n";
+        }
+    }
+    if (checks.size() != AllFacts().size())
+    {
+        complaint += Number(static_cast<long long>(checks.size())) + L" checks, " +
+                     Number(static_cast<long long>(AllFacts().size())) + L" facts\n";
+    }
+    if (!complaint.empty())
+    {
+        return {};
+    }
+
+    SetUnhandledExceptionFilter(NoteCrash);
+    std::vector<Finding> findings;
+    for (const Fact& fact : AllFacts())
+    {
+        if (!only.empty() && only != Widened(fact.id) && only != Widened(fact.group))
+        {
+            continue;
+        }
+        Finding finding;
+        finding.fact = &fact;
+        const ULONGLONG start = GetTickCount64();
+        finding.seen = Look(checks.at(fact.id));
+        finding.milliseconds = static_cast<DWORD>(GetTickCount64() - start);
+        if (!finding.seen.applies)
+        {
+            finding.verdict = Verdict::kNotApplicable;
+        }
+        for (const std::wstring_view expected : fact.expected)
+        {
+            if (finding.seen.applies && finding.seen.text == expected)
+            {
+                finding.verdict = Verdict::kOk;
+            }
+        }
+        findings.push_back(std::move(finding));
+    }
+    return findings;
+}
+}  // namespace windows_check

@@ -1,0 +1,32 @@
+// Runs the checks and compares what they have seen with the facts.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "windows_check/check.h"
+#include "windows_check/fact.h"
+
+namespace windows_check
+{
+enum class Verdict
+{
+    kOk,
+    kDiffers,
+    kNotApplicable,
+};
+const char* NameOf(Verdict verdict);
+
+struct Finding
+{
+    const Fact* fact = nullptr;
+    Seen seen;
+    Verdict verdict = Verdict::kDiffers;
+    DWORD milliseconds = 0;
+};
+
+// Runs each check on a thread of its own, one after the other, in the order of the facts. What throws, crashes or does
+// not come back within its limit differs, and says so; such a thread is left behind. Only facts whose id or group is
+// `only` when that is not empty. `complaint` is set when facts and checks are not the same ones, and then nothing runs.
+std::vector<Finding> RunChecks(const std::wstring& only, std::wstring& complaint);
+}  // namespace windows_check

@@ -1,0 +1,325 @@
+// The session's user, names and security identifiers, and the rights of the folder that the installer is unpacked into.
+#include <windows.h>
+#include <aclapi.h>
+#include <sddl.h>
+#include <wtsapi32.h>
+
+#include <map>
+#include <vector>
+
+#include "base/handles.h"
+#include "install/secure_directory.h"
+#include "windows_check/check.h"
+#include "windows_check/own_things.h"
+#include "windows_check/probes.h"
+#include "windows_check/words.h"
+
+namespace windows_check
+{
+namespace
+{
+std::wstring SessionText(WTS_INFO_CLASS information)
+{
+    wchar_t* text = nullptr;
+    DWORD bytes = 0;
+    WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, ThisMachine().session, information, &text, &bytes);
+    const std::wstring copy = text == nullptr ? L"" : text;
+    WTSFreeMemory(text);
+    return copy;
+}
+
+std::wstring SessionUser()
+{
+    return SessionText(WTSDomainName) + L"\\" + SessionText(WTSUserName);
+}
+
+constexpr wchar_t kSystemSession[] = L"this session belongs to the system, nobody has signed in to it";
+
+Seen UserIsKnown()
+{
+    if (ThisMachine().session == 0)
+    {
+        return DoesNotApply(kSystemSession);
+    }
+    const bool hasName = !SessionText(WTSUserName).empty();
+    const bool hasDomain = !SessionText(WTSDomainName).empty();
+    return Saw(hasName && hasDomain ? L"domain and name" : hasName ? L"name only" : L"none");
+}
+
+Seen SystemSession()
+{
+    if (ThisMachine().session != 0)
+    {
+        return DoesNotApply(
+            L"somebody has signed in to this session; start the program as the system account for this");
+    }
+    return Saw(SessionUser() == L"\\" ? L"none" : L"a name");
+}
+
+Seen NameHasSid()
+{
+    if (ThisMachine().session == 0)
+    {
+        return DoesNotApply(kSystemSession);
+    }
+    BYTE sid[SECURITY_MAX_SID_SIZE] = {};
+    DWORD sidBytes = sizeof(sid);
+    wchar_t domain[256] = {};
+    DWORD domainLength = 256;
+    SID_NAME_USE use = SidTypeUnknown;
+    if (LookupAccountNameW(nullptr, SessionUser().c_str(), sid, &sidBytes, domain, &domainLength, &use) == 0)
+    {
+        return Saw(L"none: " + Number(GetLastError()));
+    }
+    return Saw(use == SidTypeUser ? L"a user" : L"kind " + Number(use));
+}
+
+Seen WellKnownSids()
+{
+    std::wstring seen;
+    for (const WELL_KNOWN_SID_TYPE type : {WinBuiltinAdministratorsSid, WinLocalSystemSid})
+    {
+        BYTE sid[SECURITY_MAX_SID_SIZE] = {};
+        DWORD bytes = sizeof(sid);
+        wchar_t* text = nullptr;
+        CreateWellKnownSid(type, nullptr, sid, &bytes);
+        ConvertSidToStringSidW(sid, &text);
+        seen += (seen.empty() ? L"" : L" ") + std::wstring(text == nullptr ? L"none" : text);
+        LocalFree(text);
+    }
+    return Saw(seen);
+}
+
+// As the tool makes its list, with one entry by name.
+std::wstring ListWithName(std::wstring name, std::wstring& detail)
+{
+    EXPLICIT_ACCESSW entry = {};
+    entry.grfAccessPermissions = GENERIC_READ | GENERIC_EXECUTE | DELETE;
+    entry.grfAccessMode = SET_ACCESS;
+    entry.grfInheritance = OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE;
+    entry.Trustee.TrusteeForm = TRUSTEE_IS_NAME;
+    entry.Trustee.TrusteeType = TRUSTEE_IS_WELL_KNOWN_GROUP;
+    entry.Trustee.ptstrName = name.data();
+    ACL* list = nullptr;
+    const DWORD result = SetEntriesInAclW(1, &entry, nullptr, &list);
+    const repair::LocalMemory owner(list);
+    if (result != ERROR_SUCCESS || list == nullptr)
+    {
+        return Number(result);
+    }
+    void* first = nullptr;
+    if (list->AceCount != 1 || GetAce(list, 0, &first) == 0)
+    {
+        return Number(list->AceCount) + L" entries";
+    }
+    const auto* const allowed = static_cast<const ACCESS_ALLOWED_ACE*>(first);
+    detail = L"flags " + Number(allowed->Header.AceFlags);
+    return Hex(allowed->Mask);
+}
+
+Seen ListWithUser()
+{
+    if (ThisMachine().session == 0)
+    {
+        return DoesNotApply(kSystemSession);
+    }
+    std::wstring detail;
+    const std::wstring seen = ListWithName(SessionUser(), detail);
+    return Saw(seen, detail);
+}
+
+Seen ListWithUnknownName()
+{
+    std::wstring detail;
+    return Saw(ListWithName(L"TavikWindowsCheckNobody", detail));
+}
+
+// What the tool hands over in a session without a user.
+Seen ListWithoutName()
+{
+    std::wstring detail;
+    const std::wstring seen = ListWithName(L"\\", detail);
+    return Saw(seen.starts_with(L"0x") ? L"accepted" : L"refused", seen);
+}
+
+// Asked once for all facts about the folder; the answering process holds the marker.
+const Answer& FolderAnswer()
+{
+    static const Answer answer = [] {
+        const std::wstring parent = MakeFolder(L"secure");
+        return Ask(ThisMachine().program, L"folder", L"\"" + parent + L"\"");
+    }();
+    return answer;
+}
+
+Seen OfFolder(const wchar_t* name)
+{
+    if (!ThisMachine().isElevated)
+    {
+        return DoesNotApply(
+            L"needs an administrator, as the tool does: others may not write into a folder of these rights");
+    }
+    if (ThisMachine().session == 0)
+    {
+        return DoesNotApply(kSystemSession);
+    }
+    return Saw(FolderAnswer()[name], FolderAnswer()[L"sddl"]);
+}
+
+Seen FolderIsMade()
+{
+    return OfFolder(L"result");
+}
+
+Seen FolderIsProtected()
+{
+    return OfFolder(L"protected");
+}
+
+Seen FolderRights()
+{
+    return OfFolder(L"rights");
+}
+
+Seen RightsInside()
+{
+    return OfFolder(L"inside");
+}
+
+Seen MarkerKeepsFolder()
+{
+    return OfFolder(L"marker");
+}
+
+Seen MarkerIsGone()
+{
+    if (OfFolder(L"result").applies)
+    {
+        const std::wstring marker = ThisMachine().folder + L"\\secure\\LPInstaller\\~.tmp";
+        return Saw(GetFileAttributesW(marker.c_str()) == INVALID_FILE_ATTRIBUTES ? L"gone" : L"still there");
+    }
+    return OfFolder(L"result");
+}
+
+// Who may do what to the object itself: the rights of all entries together, by kind of account.
+std::wstring RightsOf(ACL* list, const std::vector<BYTE>& userSid)
+{
+    GENERIC_MAPPING mapping = {FILE_GENERIC_READ, FILE_GENERIC_WRITE, FILE_GENERIC_EXECUTE, FILE_ALL_ACCESS};
+    std::map<std::wstring, DWORD> rights;
+    for (WORD i = 0; list != nullptr && i < list->AceCount; ++i)
+    {
+        void* found = nullptr;
+        GetAce(list, i, &found);
+        auto* const entry = static_cast<ACCESS_ALLOWED_ACE*>(found);
+        if (entry->Header.AceType != ACCESS_ALLOWED_ACE_TYPE || (entry->Header.AceFlags & INHERIT_ONLY_ACE) != 0)
+        {
+            continue;
+        }
+        void* const sid = &entry->SidStart;
+        std::wstring who = L"others";
+        if (IsWellKnownSid(sid, WinBuiltinAdministratorsSid) != 0)
+        {
+            who = L"administrators";
+        }
+        else if (IsWellKnownSid(sid, WinLocalSystemSid) != 0)
+        {
+            who = L"system";
+        }
+        else if (!userSid.empty() && EqualSid(sid, const_cast<BYTE*>(userSid.data())) != 0)
+        {
+            who = L"user";
+        }
+        DWORD mask = entry->Mask;
+        MapGenericMask(&mask, &mapping);
+        rights[who] |= mask;
+    }
+    std::wstring text;
+    for (const auto& [who, mask] : rights)
+    {
+        text += (text.empty() ? L"" : L", ") + who + L" " + Hex(mask).substr(2);
+    }
+    return text.empty() ? L"none" : text;
+}
+
+std::vector<BYTE> SidOfUser()
+{
+    std::vector<BYTE> sid(SECURITY_MAX_SID_SIZE);
+    DWORD bytes = static_cast<DWORD>(sid.size());
+    wchar_t domain[256] = {};
+    DWORD domainLength = 256;
+    SID_NAME_USE use = SidTypeUnknown;
+    const BOOL isKnown =
+        LookupAccountNameW(nullptr, SessionUser().c_str(), sid.data(), &bytes, domain, &domainLength, &use);
+    return isKnown == 0 ? std::vector<BYTE>() : sid;
+}
+
+void TellRights(const wchar_t* name, const std::wstring& path)
+{
+    ACL* list = nullptr;
+    void* descriptor = nullptr;
+    const DWORD result =
+        GetNamedSecurityInfoW(const_cast<wchar_t*>(path.c_str()), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                              nullptr, &list, nullptr, &descriptor);
+    const repair::LocalMemory owner(descriptor);
+    Tell(name, result == ERROR_SUCCESS ? RightsOf(list, SidOfUser()) : L"error " + Number(result));
+    if (result == ERROR_SUCCESS && std::wstring(name) == L"rights")
+    {
+        SECURITY_DESCRIPTOR_CONTROL control = 0;
+        DWORD revision = 0;
+        GetSecurityDescriptorControl(descriptor, &control, &revision);
+        Tell(L"protected", YesNo((control & SE_DACL_PROTECTED) != 0));
+        wchar_t* text = nullptr;
+        ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
+                                                             &text, nullptr);
+        Tell(L"sddl", text == nullptr ? L"none" : text);
+        LocalFree(text);
+    }
+}
+}  // namespace
+
+int FolderProbe(int count, wchar_t** arguments)
+{
+    if (count == 0)
+    {
+        return 1;
+    }
+    ProcessIdToSessionId(GetCurrentProcessId(), &ThisMachine().session);
+    const std::wstring parent = arguments[0];
+    const std::wstring folder = parent + L"\\LPInstaller";
+    Tell(L"result", Number(repair::CreateSecureDirectory(folder)));
+    TellRights(L"rights", folder);
+    TellRights(L"inside", WriteBytes(folder + L"\\unpacked", "x"));
+
+    const std::wstring marker = folder + L"\\~.tmp";
+    const HANDLE opened = CreateFileW(marker.c_str(), GENERIC_READ, 7, nullptr, OPEN_EXISTING, 0, nullptr);
+    std::wstring seen = L"opened " + Code(opened != INVALID_HANDLE_VALUE, GetLastError());
+    seen += L", deleted " + Code(DeleteFileW(marker.c_str()) != 0, GetLastError());
+    const bool isRenamed = MoveFileW(folder.c_str(), (folder + L"2").c_str()) != 0;
+    seen += L", folder renamed " + Code(isRenamed, GetLastError());
+    if (isRenamed)
+    {
+        MoveFileW((folder + L"2").c_str(), folder.c_str());
+    }
+    Tell(L"marker", seen);
+    return 0;
+}
+
+std::vector<Check> SecurityChecks()
+{
+    return {
+        {"security.user_is_known", UserIsKnown},
+        {"security.system_session", SystemSession},
+        {"security.name_has_sid", NameHasSid},
+        {"security.well_known_sids", WellKnownSids},
+        {"security.list_with_user", ListWithUser},
+        {"security.list_with_unknown_name", ListWithUnknownName, 60'000},
+        {"security.list_without_name", ListWithoutName, 60'000},
+        {"security.folder_is_made", FolderIsMade, 30'000},
+        {"security.folder_is_protected", FolderIsProtected, 30'000},
+        {"security.folder_rights", FolderRights, 30'000},
+        {"security.rights_inside", RightsInside, 30'000},
+        {"security.marker_keeps_folder", MarkerKeepsFolder, 30'000},
+        {"security.marker_is_gone", MarkerIsGone, 30'000},
+    };
+}
+}  // namespace windows_check

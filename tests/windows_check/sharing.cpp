@@ -1,0 +1,147 @@
+// Files that are open: what others may do meanwhile. Log, installer, marker file.
+#include <windows.h>
+
+#include "windows_check/check.h"
+#include "windows_check/own_things.h"
+#include "windows_check/words.h"
+
+namespace windows_check
+{
+namespace
+{
+std::wstring Open(const std::wstring& path, DWORD access, DWORD share, DWORD creation = OPEN_EXISTING)
+{
+    SetLastError(ERROR_SUCCESS);
+    const HANDLE file = CreateFileW(path.c_str(), access, share, nullptr, creation, 0, nullptr);
+    const DWORD error = GetLastError();
+    CloseHandle(file);
+    return Code(file != INVALID_HANDLE_VALUE, error);
+}
+
+std::wstring Delete(const std::wstring& path)
+{
+    return Code(DeleteFileW(path.c_str()) != 0, GetLastError());
+}
+
+std::wstring Rename(const std::wstring& path)
+{
+    const std::wstring other = path + L".renamed";
+    const bool isRenamed = MoveFileW(path.c_str(), other.c_str()) != 0;
+    const std::wstring code = Code(isRenamed, GetLastError());
+    if (isRenamed)
+    {
+        MoveFileW(other.c_str(), path.c_str());
+    }
+    return code;
+}
+
+Seen Log()
+{
+    const std::wstring path = MakeFolder(L"sharing") + L"\\log";
+    const HANDLE log = CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
+                                   FILE_ATTRIBUTE_NORMAL, nullptr);
+    const std::wstring seen = L"read " + Open(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE) +
+                              L", made anew " + Open(path, GENERIC_WRITE, 7, CREATE_ALWAYS) + L", deleted " +
+                              Delete(path) + L", renamed " + Rename(path);
+    CloseHandle(log);
+    return Saw(seen);
+}
+
+Seen HeldInstaller()
+{
+    const std::wstring path = WriteBytes(MakeFolder(L"sharing") + L"\\installer", "x");
+    const HANDLE held = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr);
+    const std::wstring seen =
+        L"written " + Open(path, GENERIC_WRITE, 7) + L", deleted " + Delete(path) + L", renamed " + Rename(path);
+    CloseHandle(held);
+    return Saw(seen);
+}
+
+// In a folder of the user's own; with the rights of the tool's folder see security.marker_keeps_folder.
+Seen Marker()
+{
+    const std::wstring parent = MakeFolder(L"parent");
+    const std::wstring folder = parent + L"\\folder";
+    CreateDirectoryW(folder.c_str(), nullptr);
+    const std::wstring path = folder + L"\\~.tmp";
+    const HANDLE marker = CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                      FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+    const std::wstring seen = L"opened " + Open(path, GENERIC_READ, 7) + L", deleted " + Delete(path) +
+                              L", folder removed " + Code(RemoveDirectoryW(folder.c_str()) != 0, GetLastError()) +
+                              L", folder renamed " + Rename(folder) + L", parent renamed " + Rename(parent);
+    CloseHandle(marker);
+    return Saw(seen);
+}
+
+Seen MarkerGoes()
+{
+    const std::wstring path = MakeFolder(L"sharing") + L"\\marker";
+    CloseHandle(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                            FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+    return Saw(GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES ? L"gone" : L"still there");
+}
+
+Seen CreateAnew()
+{
+    const std::wstring folder = MakeFolder(L"sharing");
+    const std::wstring existing = WriteBytes(folder + L"\\existing", "x");
+    SetLastError(ERROR_SUCCESS);
+    const HANDLE file = CreateFileW(existing.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    const std::wstring last = Number(GetLastError());
+    CloseHandle(file);
+    const std::wstring readOnly = WriteBytes(folder + L"\\read-only", "x");
+    SetFileAttributesW(readOnly.c_str(), FILE_ATTRIBUTE_READONLY);
+    const std::wstring refused = Open(readOnly, GENERIC_WRITE, 0, CREATE_ALWAYS);
+    SetFileAttributesW(readOnly.c_str(), FILE_ATTRIBUTE_NORMAL);
+    return Saw((file != INVALID_HANDLE_VALUE ? L"a handle and " : L"none and ") + last + L", read-only " + refused +
+               L", folder " + Open(folder, GENERIC_WRITE, 0, CREATE_ALWAYS));
+}
+
+Seen MoveCodes()
+{
+    const std::wstring folder = MakeFolder(L"sharing");
+    const std::wstring from = WriteBytes(folder + L"\\from", "x");
+    const std::wstring to = WriteBytes(folder + L"\\to", "x");
+    const std::wstring there = Code(MoveFileW(from.c_str(), to.c_str()) != 0, GetLastError());
+    const HANDLE held = CreateFileW(from.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    const std::wstring open = Rename(from);
+    CloseHandle(held);
+    return Saw(L"target there " + there + L", source open " + open);
+}
+
+// An old download that another program keeps open and lets everybody delete; see docs/security.md.
+Seen DeletedDownload()
+{
+    const std::wstring folder = MakeFolder(L"download");
+    const std::wstring final = WriteBytes(folder + L"\\final", "old");
+    const std::wstring fresh = WriteBytes(folder + L"\\fresh", "new");
+    const HANDLE held = CreateFileW(final.c_str(), GENERIC_READ, 7, nullptr, OPEN_EXISTING, 0, nullptr);
+    std::wstring seen = L"deleted " + Delete(final);
+    seen += L", renamed " + Code(MoveFileW(fresh.c_str(), final.c_str()) != 0, GetLastError());
+    CloseHandle(held);
+    return Saw(seen);
+}
+
+Seen WriteToNothing()
+{
+    DWORD written = 5;
+    const BOOL isWritten = WriteFile(INVALID_HANDLE_VALUE, "x", 1, &written, nullptr);
+    return Saw(Code(isWritten != 0, GetLastError()));
+}
+}  // namespace
+
+std::vector<Check> SharingChecks()
+{
+    return {
+        {"sharing.log", Log},
+        {"sharing.held_installer", HeldInstaller},
+        {"sharing.marker", Marker},
+        {"sharing.marker_goes", MarkerGoes},
+        {"sharing.create_anew", CreateAnew},
+        {"sharing.move_codes", MoveCodes},
+        {"sharing.deleted_download", DeletedDownload},
+        {"sharing.write_to_nothing", WriteToNothing},
+    };
+}
+}  // namespace windows_check

@@ -1,0 +1,124 @@
+// The C runtime's wide printf family and character functions, as the log uses them.
+#include "base/text.h"
+
+#include <windows.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cwchar>
+#include <cwctype>
+
+#include "base/registry.h"
+#include "windows_check/check.h"
+#include "windows_check/words.h"
+
+namespace windows_check
+{
+namespace
+{
+// Result, length of what was written, and whether a terminator followed, of a buffer with room for `room` characters.
+std::wstring Cut(size_t room, const wchar_t* format, ...)
+{
+    wchar_t buffer[32];
+    std::wmemset(buffer, L'#', std::size(buffer));
+    va_list arguments;
+    va_start(arguments, format);
+    const int result = _vsnwprintf(buffer, room, format, arguments);
+    va_end(arguments);
+    size_t written = 0;
+    while (written < std::size(buffer) && buffer[written] != L'#' && buffer[written] != L'\0')
+    {
+        ++written;
+    }
+    return Number(result) + L", " + Number(static_cast<long long>(written)) + L" characters, " +
+           (buffer[written] == L'\0' ? L"terminated" : L"not terminated");
+}
+
+Seen CutOff()
+{
+    return Saw(Cut(8, L"%s", L"0123456789"));
+}
+
+Seen JustFits()
+{
+    return Saw(Cut(8, L"%s", L"01234567"));
+}
+
+Seen LongLine()
+{
+    const std::wstring text(3000, L'x');
+    return Saw(Number(static_cast<long long>(repair::FormatLine(L"%s", text.c_str()).size())));
+}
+
+Seen WideText()
+{
+    constexpr wchar_t kText[] = L"\u00E9\u65E5\xD83D\xDE00";
+    const bool isS = repair::FormatLine(L"%s", kText) == kText;
+    const bool isLs = repair::FormatLine(L"%ls", kText) == kText;
+    return Saw(isS && isLs ? L"unchanged" : L"changed", Quoted(repair::FormatLine(L"%s %ls", kText, kText)));
+}
+
+Seen NarrowText()
+{
+    return Saw(Quoted(repair::FormatLine(L"%hs", "A\xC3\xA9\x80\xFF")));
+}
+
+Seen NullText()
+{
+    const wchar_t* const wide = nullptr;
+    const char* const narrow = nullptr;
+    return Saw(repair::FormatLine(L"%s %ls %hs", wide, wide, narrow));
+}
+
+Seen Numbers()
+{
+    return Saw(repair::FormatLine(L"%d %d %d", 0x80004005u, 0xFFFFFFFFu, std::uint16_t{65535}));
+}
+
+Seen NarrowWithWide()
+{
+    return Saw(Widened(repair::FormatRegistryWriteError(L"VLTUWPReplaced", -1)));
+}
+
+Seen LetterCase()
+{
+    const bool isAscii = _wcsicmp(L"24.20A-x", L"24.20a-X") == 0;
+    const bool isMore = _wcsicmp(L"\u00C9", L"\u00E9") == 0;
+    return Saw(isAscii ? (isMore ? L"all letters" : L"A to Z only") : L"no letters");
+}
+
+Seen Blanks()
+{
+    std::wstring seen;
+    for (const wchar_t c : {L' ', L'\t', L'\r', L'\n', L'.', L'\0'})
+    {
+        seen += std::iswspace(c) != 0 ? L"1" : L"0";
+    }
+    return Saw(seen);
+}
+
+Seen CodePage()
+{
+    BOOL isReplaced = FALSE;
+    char bytes[8] = {};
+    if (GetACP() == CP_UTF8)
+    {
+        return DoesNotApply(L"the system's code page is UTF-8, which has every character");
+    }
+    const int size = WideCharToMultiByte(CP_ACP, 0, L"\u16A0", 1, bytes, sizeof(bytes), nullptr, &isReplaced);
+    return Saw(Quoted(Widened(std::string(bytes, static_cast<size_t>(size)))), L"code page " + Number(GetACP()));
+}
+}  // namespace
+
+std::vector<Check> TextChecks()
+{
+    return {
+        {"text.cut_off", CutOff},         {"text.just_fits", JustFits},
+        {"text.long_line", LongLine},     {"text.wide", WideText},
+        {"text.narrow", NarrowText},      {"text.null", NullText},
+        {"text.numbers", Numbers},        {"text.narrow_with_wide", NarrowWithWide},
+        {"text.letter_case", LetterCase}, {"text.blanks", Blanks},
+        {"text.code_page", CodePage},
+    };
+}
+}  // namespace windows_check
