@@ -17,12 +17,13 @@
 
 namespace
 {
+bool isCounting = false;  // never while time is measured
 size_t allocated = 0;
 size_t mostAllocated = 0;
 
 void Forget(void* memory)
 {
-    if (memory != nullptr)
+    if (isCounting && memory != nullptr)
         allocated -= _msize(memory);
     std::free(memory);
 }
@@ -33,8 +34,11 @@ void* operator new(size_t size)
     void* const memory = std::malloc(size);
     if (memory == nullptr)
         throw std::bad_alloc();
-    allocated += _msize(memory);
-    mostAllocated = allocated > mostAllocated ? allocated : mostAllocated;
+    if (isCounting)
+    {
+        allocated += _msize(memory);
+        mostAllocated = allocated > mostAllocated ? allocated : mostAllocated;
+    }
     return memory;
 }
 
@@ -72,13 +76,13 @@ DWORD WINAPI MeasureMemory(void* parameter)
     volatile unsigned char* const top = static_cast<unsigned char*>(__builtin_frame_address(0)) - kOwnFrameBytes;
     for (size_t i = 0; i < kPaintedBytes; ++i)
         top[-static_cast<ptrdiff_t>(i)] = kPaint;
-    const size_t before = allocated;
-    mostAllocated = allocated;
+    isCounting = true;
     {
         const auto names = repair::ReadInfSectionNames(measured.file);
         measured.names = names.size();
     }
-    measured.memory = mostAllocated - before;
+    isCounting = false;
+    measured.memory = mostAllocated;
     size_t deepest = kPaintedBytes;
     while (deepest > 0 && top[1 - static_cast<ptrdiff_t>(deepest)] == kPaint)
         --deepest;
