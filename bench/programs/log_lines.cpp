@@ -9,6 +9,7 @@
 #include <cwchar>
 
 #include "base/log.h"
+#include "base/text.h"
 
 namespace
 {
