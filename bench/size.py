@@ -7,13 +7,12 @@ import re
 
 import pefile
 
-from bench.machine import PROGRAMS
 from lab import paths
 
 # What the linker names an input section by, and what a reader calls it. The first that fits counts.
 _CPP = r"libstdc\+\+\.a\(.*(%s).*\)"
 PARTS = (
-    (r"librepair\.a|CMakeFiles/", "the tool itself"),
+    (r"lib(repair|base)\.a|CMakeFiles/", "the tool itself"),
     (_CPP % "locale|ctype|codecvt|collate|messages|monetary|numeric|time_members|facet", "C++ library: locales"),
     (_CPP % "ios|istream|ostream|fstream|sstream|streambuf|basic_file", "C++ library: streams"),
     (_CPP % "fs_|path", "C++ library: file system"),
@@ -62,17 +61,24 @@ def in_file(map_text: str) -> dict[tuple[str, str], int]:
     return counts
 
 
+def linker_map(exe: pathlib.Path) -> str:
+    """What the link has left beside the exe. Raises when it is not that of this exe."""
+    text = paths.need(exe.with_name(exe.name + ".map")).read_text("utf-8", "replace")
+    code, *_ = pefile.PE(str(exe), fast_load=True).sections
+    sizes = {name: int(size, 16) for name, _, size in _OUTPUT.findall(text)}
+    if sizes.get(".text") != code.SizeOfRawData:
+        raise ValueError(f"{exe.name}.map is not the list of this {exe.name}: build again")
+    return text
+
+
 def tables() -> tuple[list[tuple[str, int]], list[tuple[str, int]]]:
     """By section and by part, each adding up to the size of the exe."""
-    exe, twin = paths.need(paths.TOOL), paths.need(PROGRAMS / "mapped_tool.exe")
-    if exe.read_bytes() != twin.read_bytes():
-        raise RuntimeError("the exe and the one that the linker has listed differ: build again (scripts/bench does)")
+    exe = paths.need(paths.TOOL)
     counts: dict[str, int] = collections.Counter()
-    for (section, origin), size in in_file((PROGRAMS / "tool.map").read_text("utf-8", "replace")).items():
+    for (section, origin), size in in_file(linker_map(exe)).items():
         counts["resources" if section == ".rsrc" else part_of(origin)] += size
     sections = by_section(exe)
-    resources = next(size for name, size in sections if name.startswith(".rsrc"))
-    counts["resources"] = resources
+    counts["resources"] = next(size for name, size in sections if name.startswith(".rsrc"))
     rest = exe.stat().st_size - sum(counts.values())
     parts = sorted(counts.items(), key=lambda item: -item[1])
     return sections, [*parts, ("headers, addresses to adjust, gaps", rest)]

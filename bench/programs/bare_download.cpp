@@ -75,11 +75,15 @@ int Download(const wchar_t* url, const wchar_t* temporary, const wchar_t* final)
     if (HttpSendRequestW(request, nullptr, 0, nullptr, 0) == FALSE ||
         HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status, &size, nullptr) == FALSE ||
         status != HTTP_STATUS_OK)
+    {
+        CloseHandle(file);
         return 4;
-    if (!Copy(request, file))
-        return 5;
+    }
+    const bool copied = Copy(request, file);
     FlushFileBuffers(file);
     CloseHandle(file);
+    if (!copied)
+        return 5;
     const bool moved = MoveFileW(temporary, final) != 0;
     InternetCloseHandle(request);
     InternetCloseHandle(connection);

@@ -82,5 +82,6 @@ int wmain(int count, wchar_t** arguments)
         return 1;
     std::printf("%lu %lu %u %u\n", GetGuiResources(process, GR_GDIOBJECTS), GetGuiResources(process, GR_USEROBJECTS),
                 CountGdiTable(process), CountUserObjects());
+    CloseHandle(process);
     return 0;
 }

@@ -40,7 +40,8 @@ HANDLE OpenLog()
 {
     wchar_t windows[260] = {};
     GetWindowsDirectoryW(windows, 260);
-    GetFileAttributesW(kLogFolder);
+    if (GetFileAttributesW(kLogFolder) == INVALID_FILE_ATTRIBUTES)  // asked for as by the tool
+        return INVALID_HANDLE_VALUE;
     SYSTEMTIME now = {};
     GetLocalTime(&now);
     const std::wstring name = std::wstring(kLogFolder) + L"floor_" + std::to_wstring(now.wHour) + L"_" +
