@@ -161,7 +161,7 @@ def pytest_pyfunc_call(pyfuncitem: pytest.Function):
     outcome = yield
     outcome.get_result()
     if hasattr(pyfuncitem, "lab"):
-        pyfuncitem.lab.check_outcomes(pyfuncitem.nodeid.rpartition("/")[2])
+        pyfuncitem.lab.check_outcomes(f"{pyfuncitem.path.name}::{pyfuncitem.name}")
 
 
 @pytest.hookimpl(hookwrapper=True)
