@@ -176,7 +176,7 @@ OTHER = ["Launched with command line: x", "Another instance is running. Exiting.
     ("same-release, another-instance", [-1, -1], [OTHER, SAME], False, "start 1"),
     ("same-release, another-instance", [-1, -1], [OTHER, SAME], True, ""),
     ("same-release, another-instance", [-1, -1], [OTHER, OTHER], True, "do not come to"),
-    ("interrupted, same-release", [9, -1], [SAME, [CHECK]], True, ""), ("interrupted, same-release", [9, -1], [SAME, [CHECK]], False, "start 1"),
+    ("interrupted, same-release", [9, -1], [SAME, [CHECK]], True, ""), ("interrupted, same-release", [9, -1], [SAME, [CHECK]], False, "start 2"),
     ("no-log, same-release", [9, -1], [SAME], False, ""), ("same-release, no-log", [9, -1], [SAME], False, "do not come to"),
     ("interrupted | no-log, same-release", [9, -1], [SAME], False, ""), ("interrupted, same-release", [9, -1], [SAME], False, "do not come to"),
     ("same-release | no-log, 3 another-instance | no-log", [-1] * 4, [OTHER, SAME, OTHER], True, ""),
