@@ -90,6 +90,11 @@ Text Trimmed(Text text)
     return text;
 }
 
+bool IsFile(Text text)
+{
+    return std::ranges::any_of(kFileEndings, [text](Text ending) { return text.ends_with(ending); });
+}
+
 // The authority of an address: what stands between "://" and the path.
 Text AuthorityAt(Text text, size_t at)
 {
@@ -156,36 +161,49 @@ void Redactor::LearnProfile(std::u32string_view text)
 
 void Redactor::LearnAccount(std::u32string_view text)
 {
+    bool inPath = false;  // a path with blanks in it goes on in the next word
     while (!text.empty())
     {
         const size_t length = std::min(text.find_first_of(kBetweenWords), text.size());
         const Text word = text.substr(0, length);
+        const bool endsHere = length < text.size() && text[length] != U' ';
         text.remove_prefix(std::min(text.size(), length + 1));
-        const size_t mark = word.find_first_of(U"\\@");
-        if (mark == Text::npos || mark == 0 || mark + 1 == word.size())
+        inPath = inPath || word.find(U":\\") != Text::npos || word.starts_with(U"\\\\");
+        if (!inPath)
         {
-            continue;
+            LearnWord(word);
         }
-        const bool isAddress = word[mark] == U'@';
-        const Text before = word.substr(0, mark);
-        Text after = word.substr(mark + 1);
-        if (!std::ranges::all_of(before, IsNameCharacter) || !std::ranges::all_of(after, IsNameCharacter))
-        {
-            continue;
-        }
-        after = Trimmed(after);
-        const bool isFile = std::ranges::any_of(kFileEndings, [after](Text ending) { return after.ends_with(ending); });
-        if (isAddress && after.find(U'.') != Text::npos)
+        inPath = inPath && !endsHere && !IsFile(Trimmed(word));
+    }
+}
+
+// DOMAIN\user or user@domain.
+void Redactor::LearnWord(std::u32string_view word)
+{
+    const size_t mark = word.find_first_of(U"\\@");
+    if (mark == Text::npos || mark == 0 || mark + 1 == word.size())
+    {
+        return;
+    }
+    const Text before = word.substr(0, mark);
+    const Text after = Trimmed(word.substr(mark + 1));
+    if (!std::ranges::all_of(before, IsNameCharacter) || !std::ranges::all_of(after, IsNameCharacter))
+    {
+        return;
+    }
+    if (word[mark] == U'@')
+    {
+        if (after.find(U'.') != Text::npos)
         {
             Add(NameKind::User, ToUtf8(before));
             Add(NameKind::Domain, ToUtf8(after));
         }
-        else if (!isAddress && !isFile && before.size() <= kLongestDomain && after.size() <= kLongestUser &&
-                 !IsOneOf(before, kNoDomain))
-        {
-            Add(NameKind::Domain, ToUtf8(before));
-            Add(NameKind::User, ToUtf8(after));
-        }
+    }
+    else if (!IsFile(after) && before.size() <= kLongestDomain && after.size() <= kLongestUser &&
+             !IsOneOf(before, kNoDomain))
+    {
+        Add(NameKind::Domain, ToUtf8(before));
+        Add(NameKind::User, ToUtf8(after));
     }
 }
 

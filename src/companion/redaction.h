@@ -42,6 +42,7 @@ private:
 
     void LearnProfile(std::u32string_view text);
     void LearnAccount(std::u32string_view text);
+    void LearnWord(std::u32string_view word);
     void LearnHosts(std::u32string_view text);
     [[nodiscard]] const Name* Find(std::u32string_view folded, size_t at) const;
 
