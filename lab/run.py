@@ -115,9 +115,9 @@ def _log_order(file: pathlib.Path) -> list[int]:
 
 
 def orders(machine: Machine, arguments: str, late: list[str], timeout: float = 60, hold: float = 0, when: tuple[str, ...] = (),
-           then: str | None = None, at_once: int = 1, pictures: bool = False, directory: str = SYSTEM) -> str:
+           then: str | None = None, at_once: int = 1, pictures: bool = False, directory: str = SYSTEM, program: str = TOOL) -> str:
     """What the watcher is told."""
-    lines = [f"program = {TOOL}", f"directory = {directory}", f"arguments = {arguments}", r"report = C:\lab\report.json",
+    lines = [f"program = {program}", f"directory = {directory}", f"arguments = {arguments}", r"report = C:\lab\report.json",
              f"timeout = {int(timeout * 1000)}", f"hold = {int(hold * 1000)}", f"crowd = {at_once}"]
     lines += [f"start = {program}" for program in machine.data["running"]]
     lines += [f"held = {path}" for path in machine.data["held"]]
@@ -191,7 +191,7 @@ class Run:
             self.launcher = (*self.launcher, "sh", "-c", script, str(self.machine.data["largest_file"]))
 
     def execute(self, arguments: str, timeout: float, hold: float, when: tuple[str, ...], then: str | None,
-                at_once: int, directory: str) -> Result:
+                at_once: int, directory: str, program: str) -> Result:
         started = time.monotonic()
         with self.stack:
             web = self._start_server()
@@ -202,7 +202,7 @@ class Run:
             if self.pictures:
                 self._prepare_pictures(prefix)
             before = state.read(prefix.drive, system)
-            text = orders(self.machine, arguments, late, timeout, hold, when, then, at_once, self.pictures is not None, directory)
+            text = orders(self.machine, arguments, late, timeout, hold, when, then, at_once, self.pictures is not None, directory, program)
             (prefix.drive / "lab" / "watcher.txt").write_text(text, "utf-8", "surrogatepass")
             hollow = Hollow([prefix.windows_path(path) for path in self.machine.data["hollow"]])
             self.stack.callback(hollow.close)
@@ -273,8 +273,8 @@ class Run:
 
 def run(machine: Machine, arguments: str = "", *, timeout: float = 60, hold: float = 0, when: tuple[str, ...] | list[str] = (),
         then: str | None = None, at_once: int = 1, directory: str = SYSTEM, pictures: pathlib.Path | str | None = None,
-        keep: bool = False) -> Result:
-    """Runs the tool (so many at once), started in that directory. The machine is removed afterwards unless it is to be kept; it
+        keep: bool = False, program: str = TOOL) -> Result:
+    """Runs the tool (so many at once), or a program that starts it, in that directory. The machine is removed afterwards unless it is to be kept; it
     is kept when something goes wrong.
 
     then: when the tool has ended it is started once more with these arguments, on the machine as it is by then but without
@@ -282,11 +282,11 @@ def run(machine: Machine, arguments: str = "", *, timeout: float = 60, hold: flo
     one = Run(machine, pathlib.Path(pictures) if pictures else None)
     try:
         try:
-            result = one.execute(arguments, timeout, hold, tuple(when), then, at_once, directory)
+            result = one.execute(arguments, timeout, hold, tuple(when), then, at_once, directory, program)
         except StartError:
             remove_folder(one.folder)
             one = Run(machine, one.pictures)
-            result = one.execute(arguments, timeout, hold, tuple(when), then, at_once, directory)
+            result = one.execute(arguments, timeout, hold, tuple(when), then, at_once, directory, program)
     except PermissionError:
         remove_folder(one.folder)
         raise
