@@ -204,12 +204,12 @@ LIBRARIES = {
 }
 
 
-def complaints(data: bytes, tmp_path, build=paths.BUILD, checksum: bool = True) -> list[str]:
+def complaints(data: bytes, tmp_path, build=paths.BUILD, checksum: bool = True, product=check_exe.TOOL) -> list[str]:
     file = tmp_path / "doctored.exe"
     if checksum:
         data = field("OPTIONAL_HEADER.CheckSum", check_exe.checksum(data))(data)
     file.write_bytes(data)
-    return check_exe.complaints(file, build)
+    return check_exe.complaints(file, build, product)
 
 
 @pytest.fixture(scope="module")
@@ -219,6 +219,22 @@ def shipped() -> bytes:
 
 def test_the_exe_passes():
     assert check_exe.complaints(paths.need(paths.TOOL), paths.BUILD) == []
+
+
+def test_the_companion_passes_by_its_own_lists():
+    assert check_exe.complaints(paths.need(paths.COMPANION), paths.BUILD, check_exe.COMPANION) == []
+
+
+@pytest.mark.parametrize("doctor, wanted", [
+    (field("OPTIONAL_HEADER.Subsystem", 2), ["the subsystem is 2, not that of console programs"]),
+    (swap(b'"asInvoker"', b'"highest"  '), ["the manifest is not src/resources/companion.manifest", "the manifest wants more"]),
+    (swap(b"WININET.dll\0", b"WINHTTP.dll\0"), ["winhttp.dll is imported at its first call", "wininet.dll is on a list", "the library winhttp.dll is named"]),
+    (swap(b"SHELL32.dll\0", b"version.dll\0"), ["version.dll is imported statically, but Windows", "shell32.dll is on a list", "the library version.dll is named"]),
+    (paste(b"base/log.cpp"), ["there is a trace of the build in it: .cpp"])],
+    ids=["window program", "more rights", "other delayed library", "planted by anybody", "path of a source"])
+def test_one_rule_of_the_companion_is_broken(tmp_path, doctor, wanted):
+    found = complaints(doctor(paths.need(paths.COMPANION).read_bytes()), tmp_path, product=check_exe.COMPANION)
+    assert len(found) == len(wanted) and all(any(one.startswith(text) for one in found) for text in wanted), found
 
 
 @pytest.mark.parametrize("name", DOCTORED)

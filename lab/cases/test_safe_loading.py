@@ -72,7 +72,7 @@ def closure(names: set[str], delayed: bool) -> set[str]:
 def planted() -> tuple[str, ...]:
     exe = check_exe.Exe(paths.need(paths.TOOL), paths.BUILD)
     at_start = exe.static_imports()
-    later = exe.delayed_imports() | set(check_exe.LOOKED_UP)
+    later = exe.delayed_imports() | set(check_exe.TOOL.looked_up)
     names = closure(at_start | later | {f"{name}.dll" for name in AT_RUN_TIME}, delayed=True)
     return tuple(sorted((names | {NOWHERE}) - closure(at_start | BY_WINE, delayed=False)))
 

@@ -28,8 +28,10 @@ TEST(LogName, TellsWhenTheRunBegan)
     ASSERT_TRUE(time);
     EXPECT_EQ(FormatLocalTime(*time), "2026-11-06T04:07:31.015");
     EXPECT_EQ(ParseLogName("copy of installvltforwudriver_2026-11-6_4_7_31_15 (2).LOG"), time);
-    for (const char* name : {"", "InstallVLTForWUDriver_.log", "InstallVLTForWUDriver_2026-13-6_4_7_31_15.log", "InstallVLTForWUDriver_2026-11-6_24_7_31_15.log",
-                             "InstallVLTForWUDriver_2026-11-6_4_7_31.log", "InstallVLTForWUDriver_2026-11-6_4_7_31_1000.log", "other.log"})
+    for (const char* name :
+         {"", "InstallVLTForWUDriver_.log", "InstallVLTForWUDriver_2026-13-6_4_7_31_15.log",
+          "InstallVLTForWUDriver_2026-11-6_24_7_31_15.log", "InstallVLTForWUDriver_2026-11-6_4_7_31.log",
+          "InstallVLTForWUDriver_2026-11-6_4_7_31_1000.log", "other.log"})
     {
         EXPECT_FALSE(ParseLogName(name)) << name;
     }
@@ -37,23 +39,30 @@ TEST(LogName, TellsWhenTheRunBegan)
 
 TEST(LogName, LaterRunsComeLater)
 {
-    EXPECT_LT(*ParseLogName("InstallVLTForWUDriver_2026-9-30_4_7_31_15.log"), *ParseLogName("InstallVLTForWUDriver_2026-10-1_4_7_31_15.log"));
+    EXPECT_LT(*ParseLogName("InstallVLTForWUDriver_2026-9-30_4_7_31_15.log"),
+              *ParseLogName("InstallVLTForWUDriver_2026-10-1_4_7_31_15.log"));
 }
 
 TEST(Json, EscapesWhatItHasTo)
 {
     JsonObject object;
     const std::vector<std::string> list = {"a", "b"};
-    object.Add("a\"b", "c\\d\n\x01\x7Fü").Add("n", -5).Add("u", std::numeric_limits<std::uint64_t>::max()).Add("t", true).AddNull("z");
+    object.Add("a\"b", "c\\d\n\x01\x7Fü")
+        .Add("n", -5)
+        .Add("u", std::numeric_limits<std::uint64_t>::max())
+        .Add("t", true)
+        .AddNull("z");
     object.Add("l", list).Add("e", std::span<const std::string>());
-    EXPECT_EQ(object.Text(), "{\"a\\\"b\":\"c\\\\d\\u000a\\u0001\\u007fü\",\"n\":-5,\"u\":18446744073709551615,\"t\":true,\"z\":null,"
-                             "\"l\":[\"a\",\"b\"],\"e\":[]}");
+    EXPECT_EQ(object.Text(),
+              "{\"a\\\"b\":\"c\\\\d\\u000a\\u0001\\u007fü\",\"n\":-5,\"u\":18446744073709551615,\"t\":true,\"z\":null,"
+              "\"l\":[\"a\",\"b\"],\"e\":[]}");
 }
 
 TEST(CmTrace, ALineHasTheTimeOfTheStart)
 {
     EXPECT_EQ(CmTraceLine("\tResult = 1603", {2026, 11, 6, 4, 7, 31, 15}),
-              "<![LOG[\tResult = 1603]LOG]!><time=\"04:07:31.015+000\" date=\"11-06-2026\" component=\"TavikCompatibilityTool\" context=\"\" "
+              "<![LOG[\tResult = 1603]LOG]!><time=\"04:07:31.015+000\" date=\"11-06-2026\" "
+              "component=\"TavikCompatibilityTool\" context=\"\" "
               "type=\"3\" thread=\"0\" file=\"\">");
 }
 
@@ -68,7 +77,8 @@ TEST(CmTrace, TroubleIsMarked)
 {
     const std::pair<const char*, Severity> cases[] = {
         {"Launched with command line: x", Severity::Information},
-        {"Unable to find dwx2-install.exe at [x]. Downloading dwx2_install.exe for [24.20] from web.", Severity::Information},
+        {"Unable to find dwx2-install.exe at [x]. Downloading dwx2_install.exe for [24.20] from web.",
+         Severity::Information},
         {"Unable to find x\\dwx-next64.msi.", Severity::Error},
         {"Response code from server: 200", Severity::Information},
         {"Response code from server: 404", Severity::Error},
@@ -79,7 +89,8 @@ TEST(CmTrace, TroubleIsMarked)
         {"\tException occured during installation. x", Severity::Error},
         {"Exception x when searching for UWP version of VLT", Severity::Warning},
         {"failed to install the UWP version of VLT", Severity::Error},
-        {"Currently installed version of VLT is from the same release as the active driver. Exiting.", Severity::Information},
+        {"Currently installed version of VLT is from the same release as the active driver. Exiting.",
+         Severity::Information},
     };
     for (const auto& [line, severity] : cases)
     {
@@ -89,7 +100,9 @@ TEST(CmTrace, TroubleIsMarked)
 
 TEST(QuoteArgument, WindowsTakesItApartAgain)
 {
-    const std::vector<std::wstring> arguments = {L"-Path", L"C:\\My Files\\setup.exe", L"", L"C:\\ends with\\", L"a\"b", L"\\\\\"", L"a\\\\b c\\\\", L"\t", L"ü"};
+    const std::vector<std::wstring> arguments = {
+        L"-Path", L"C:\\My Files\\setup.exe", L"", L"C:\\ends with\\", L"a\"b", L"\\\\\"", L"a\\\\b c\\\\", L"\t",
+        L"ü"};
     std::wstring line = L"program";
     for (const std::wstring& argument : arguments)
     {
@@ -141,7 +154,8 @@ TEST(Unicode, LettersAreFoldedAsWindowsDoes)
         {
             const auto wide = static_cast<wchar_t>(c);
             wchar_t lower = 0;
-            ASSERT_EQ(LCMapStringEx(LOCALE_NAME_INVARIANT, LCMAP_LOWERCASE, &wide, 1, &lower, 1, nullptr, nullptr, 0), 1);
+            ASSERT_EQ(LCMapStringEx(LOCALE_NAME_INVARIANT, LCMAP_LOWERCASE, &wide, 1, &lower, 1, nullptr, nullptr, 0),
+                      1);
             EXPECT_EQ(folded, static_cast<char32_t>(lower)) << std::hex << static_cast<unsigned>(c);
         }
     }
@@ -181,7 +195,8 @@ TEST(ZipArchive, HoldsFilesOneAfterTheOther)
     EXPECT_TRUE(archive.Write("56789"));
     EXPECT_TRUE(archive.End());
     EXPECT_TRUE(archive.Finish());
-    const std::string sizes("\x26\x39\xF4\xCB\x09\x00\x00\x00\x09\x00\x00\x00", 12);  // the well-known checksum of these digits
+    const std::string sizes("\x26\x39\xF4\xCB\x09\x00\x00\x00\x09\x00\x00\x00",
+                            12);  // the well-known checksum of these digits
     EXPECT_EQ(target.text.substr(0, 4), "PK\x03\x04");
     EXPECT_EQ(target.text.substr(14, 12), sizes);
     EXPECT_EQ(target.text.substr(30, 15), "ü.txt123456789");

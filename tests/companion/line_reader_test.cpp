@@ -89,8 +89,9 @@ TEST(LineReader, SaysWhereALogWasCut)
     read = ReadAll("one two three \xE2\x82");
     EXPECT_THAT(read.lines, ElementsAre("one two three \xEF\xBF\xBD"));
     EXPECT_TRUE(read.damage.cutAtEnd);
-    EXPECT_THAT(DescribeDamage(read.damage), ElementsAre("it ends in the middle of a character", "its last line is not complete",
-                                                         "1 of its characters cannot be read"));
+    EXPECT_THAT(DescribeDamage(read.damage),
+                ElementsAre("it ends in the middle of a character", "its last line is not complete",
+                            "1 of its characters cannot be read"));
 }
 
 TEST(LineReader, PutsAMarkInThePlaceOfWhatIsNoCharacter)
@@ -125,7 +126,8 @@ TEST(LineReader, HandsOutALineThatIsTooLongInPieces)
     reader.Feed(Bytes(std::u16string(3 * LineReader::kLongestPiece, u'x') + u"\nend\n"));
     reader.Finish();
     EXPECT_EQ(total, 3 * LineReader::kLongestPiece + 3);
-    EXPECT_THAT(ends, ElementsAre(std::pair(true, false), std::pair(false, false), std::pair(false, true), std::pair(true, true)));
+    EXPECT_THAT(ends, ElementsAre(std::pair(true, false), std::pair(false, false), std::pair(false, true),
+                                  std::pair(true, true)));
     EXPECT_EQ(reader.GetDamage().overlongLines, 1U);
 }
 

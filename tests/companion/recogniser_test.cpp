@@ -38,10 +38,10 @@ std::vector<std::string> Ids(std::optional<int> exitCode, const std::vector<std:
 TEST(Pattern, StarStandsForAnyTextAndEverythingElseForItself)
 {
     const std::tuple<std::string_view, std::string_view, bool> cases[] = {
-        {"a", "a", true},         {"a", "A", false},        {"a", "ab", false},     {"", "", true},
-        {"", "a", false},         {"*", "", true},          {"*", "abc", true},     {"a*c", "ac", true},
-        {"a*c", "abcbc", true},   {"a*c", "abcd", false},   {"*b*", "abc", true},   {"*ab*ab", "ababab", true},
-        {"*ab*ab", "aab", false}, {"a**b", "axb", true},    {"[*]", "[]", true},    {"a.c", "abc", false},
+        {"a", "a", true},         {"a", "A", false},        {"a", "ab", false},   {"", "", true},
+        {"", "a", false},         {"*", "", true},          {"*", "abc", true},   {"a*c", "ac", true},
+        {"a*c", "abcbc", true},   {"a*c", "abcd", false},   {"*b*", "abc", true}, {"*ab*ab", "ababab", true},
+        {"*ab*ab", "aab", false}, {"a**b", "axb", true},    {"[*]", "[]", true},  {"a.c", "abc", false},
         {"*aab", "aaab", true},   {"a*bc*d", "abbcd", true}};
     for (const auto& [pattern, line, matches] : cases)
     {
@@ -76,12 +76,15 @@ TEST(Pattern, FailureIsEveryNumberThatWindowsInstallerDoesNotMeanAsSuccess)
 
 TEST(Recogniser, NamesTheOutcomeOfARun)
 {
-    EXPECT_THAT(Ids(-1, {kCheck, "Currently installed version of VLT is from the same release as the active driver. Exiting."}),
-                ElementsAre("same-release"));
+    EXPECT_THAT(
+        Ids(-1, {kCheck, "Currently installed version of VLT is from the same release as the active driver. Exiting."}),
+        ElementsAre("same-release"));
     EXPECT_THAT(Ids(0, {kCheck, "Installing C:\\x\\dwx-next64.msi", "\tResult = 0"}), ElementsAre("repaired"));
-    EXPECT_THAT(Ids(0, {kCheck, "Installing C:\\x\\dwx-next64.msi", "\tResult = 0", "System reboot may be required for x."}),
-                ElementsAre("repaired-restart"));
-    EXPECT_THAT(Ids(1618, {kCheck, "Installing C:\\x\\dwx-next64.msi", "\tResult = 1618"}), ElementsAre("install-busy"));
+    EXPECT_THAT(
+        Ids(0, {kCheck, "Installing C:\\x\\dwx-next64.msi", "\tResult = 0", "System reboot may be required for x."}),
+        ElementsAre("repaired-restart"));
+    EXPECT_THAT(Ids(1618, {kCheck, "Installing C:\\x\\dwx-next64.msi", "\tResult = 1618"}),
+                ElementsAre("install-busy"));
     EXPECT_THAT(Ids(3, {}), ElementsAre("no-log-folder"));
     EXPECT_THAT(Ids(5, {}), ElementsAre("no-log"));
 }
@@ -102,15 +105,16 @@ TEST(Recogniser, TakesAnOutcomeOfTheWrongModeOrCodeForNone)
 TEST(Recogniser, KeepsTheLinesThatDecided)
 {
     Recogniser recogniser(BuiltInCatalogue(), 0);
-    for (const std::string_view line : {kCheck, std::string_view("Installing C:\\x\\dwx-next64.msi"), std::string_view("something else"),
-                                        std::string_view("\tResult = 0"), std::string_view("System reboot may be required for x.")})
+    for (const std::string_view line :
+         {kCheck, std::string_view("Installing C:\\x\\dwx-next64.msi"), std::string_view("something else"),
+          std::string_view("\tResult = 0"), std::string_view("System reboot may be required for x.")})
     {
         recogniser.Feed(line);
     }
     EXPECT_EQ(recogniser.GetMode(), RunMode::Check);
     ASSERT_EQ(recogniser.Finish().size(), 1U);
-    EXPECT_THAT(recogniser.Finish().front().evidence,
-                ElementsAre("Installing C:\\x\\dwx-next64.msi", "\tResult = 0", "System reboot may be required for x."));
+    EXPECT_THAT(recogniser.Finish().front().evidence, ElementsAre("Installing C:\\x\\dwx-next64.msi", "\tResult = 0",
+                                                                  "System reboot may be required for x."));
 }
 
 TEST(Explanation, ALineThatIsTooLongIsNoneOfTheTools)
@@ -128,10 +132,13 @@ TEST(Explanation, SaysItInOneLineForPrograms)
     Classifier classifier(BuiltInCatalogue(), "InstallVLTForWUDriver_2026-11-6_4_7_31_15.log", -1);
     classifier.Feed("Launched with command line: \"x\"\nAnother instance is running. Exiting.\n");
     const std::string json = ExplainAsJson(classifier.Finish());
-    EXPECT_THAT(json, testing::StartsWith("{\"log\":\"InstallVLTForWUDriver_2026-11-6_4_7_31_15.log\",\"began\":\"2026-11-06T04:07:31.015\","
-                                          "\"mode\":\"check\",\"exit\":-1,\"outcome\":\"another-instance\","));
+    EXPECT_THAT(json,
+                testing::StartsWith(
+                    "{\"log\":\"InstallVLTForWUDriver_2026-11-6_4_7_31_15.log\",\"began\":\"2026-11-06T04:07:31.015\","
+                    "\"mode\":\"check\",\"exit\":-1,\"outcome\":\"another-instance\","));
     EXPECT_THAT(json, HasSubstr("\"code\":1618,\"retry\":\"later\","));
-    EXPECT_THAT(json, HasSubstr("\"evidence\":[\"Another instance is running. Exiting.\"],\"candidates\":[\"another-instance\"],\"lines\":2,"));
+    EXPECT_THAT(json, HasSubstr("\"evidence\":[\"Another instance is running. "
+                                "Exiting.\"],\"candidates\":[\"another-instance\"],\"lines\":2,"));
     EXPECT_THAT(json, testing::EndsWith("\"damage\":[]}"));
 }
 

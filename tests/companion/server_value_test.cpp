@@ -45,7 +45,8 @@ TEST(ServerValue, AGoodOneGivesTheAddressThatTheToolAsksFor)
 
 TEST(ServerValue, TheSlashAtTheEndIsMissing)
 {
-    EXPECT_THAT(Remarks("https://mirror.example/vlt"), ElementsAre(ErrorWith("https://mirror.example/vlt24.20/dwx2_install.txt")));
+    EXPECT_THAT(Remarks("https://mirror.example/vlt"),
+                ElementsAre(ErrorWith("https://mirror.example/vlt24.20/dwx2_install.txt")));
     EXPECT_THAT(Remarks("https://mirror.example"), ElementsAre(ErrorWith("/ at the end")));
 }
 
@@ -61,7 +62,8 @@ TEST(ServerValue, APortIsANumber)
 {
     for (const char* port : {"", "0", "65536", "80x", "-1", "99999999999"})
     {
-        EXPECT_THAT(Remarks("http://mirror.example:" + std::string(port) + "/"), ElementsAre(ErrorWith("port number"))) << port;
+        EXPECT_THAT(Remarks("http://mirror.example:" + std::string(port) + "/"), ElementsAre(ErrorWith("port number")))
+            << port;
     }
 }
 
@@ -88,7 +90,9 @@ TEST(ServerValue, WhatWouldNotWorkAsMeant)
 TEST(ServerValue, ThePathHas259CharactersAtTheMost)
 {
     const std::string name = "24.20/dwx2_install.txt";
-    const auto value = [&name](size_t length) { return "https://h/" + std::string(length - 2 - name.size(), 'x') + "/"; };
+    const auto value = [&name](size_t length) {
+        return "https://h/" + std::string(length - 2 - name.size(), 'x') + "/";
+    };
     EXPECT_THAT(Remarks(value(259)), IsEmpty());
     EXPECT_THAT(Remarks(value(260)), ElementsAre(ErrorWith("260 characters")));
 }
