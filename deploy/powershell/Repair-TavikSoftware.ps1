@@ -21,9 +21,14 @@ Set-StrictMode -Version 2.0
 $ErrorActionPreference = 'Stop'
 $exitBusy = 1618
 $exitFailed = 1603
+# Below the three hours that the recipes give this script. At the limit the tool goes on and the code is 1618.
+$limitSeconds = 9000
 $lock = $null
 $temp = $null
 $code = $exitFailed
+
+function Test-Running { return [bool] (Get-Process -Name 'TavikCompatibilityTool' -ErrorAction SilentlyContinue) }
+
 try {
     foreach ($name in 'TavikToolLog.exe', 'TavikCompatibilityTool.exe') {
         if (-not (Test-Path -LiteralPath (Join-Path $Folder $name) -PathType Leaf)) { throw "$name is missing in $Folder." }
@@ -38,11 +43,14 @@ try {
     $base = Join-Path $programFiles 'Tavik\MIM'
     New-Item -ItemType Directory -Force -Path $base | Out-Null
 
-    # One at a time: the folder is emptied. Nobody but administrators can hold the file.
+    # One at a time: the folder is emptied. Nobody but administrators can hold the file. The tool itself only sees others in its
+    # own session, and one may still be at work after a time limit.
     try { $lock = [IO.File]::Open((Join-Path $base 'Repair.lock'), 'OpenOrCreate', 'ReadWrite', 'None') }
-    catch [IO.IOException] {
+    catch [IO.IOException] { $lock = $null }
+    if ($null -eq $lock -or (Test-Running)) {
         [Console]::Error.WriteLine('Another repair is running.')
-        exit $exitBusy
+        $code = $exitBusy
+        exit $code
     }
     $temp = Join-Path $base 'Temp'
     if (Test-Path -LiteralPath $temp) { Remove-Item -LiteralPath $temp -Recurse -Force }
@@ -51,7 +59,7 @@ try {
     $env:TMP = $temp
     $env:TEMP = $temp
 
-    & (Join-Path $Folder 'TavikToolLog.exe') 'run' '--' '-SILENT'
+    & (Join-Path $Folder 'TavikToolLog.exe') 'run' '--timeout' $limitSeconds '--' '-SILENT'
     $code = $LASTEXITCODE
 }
 catch {
@@ -59,7 +67,7 @@ catch {
     $code = $exitFailed
 }
 finally {
-    if ($null -ne $temp) { Remove-Item -LiteralPath $temp -Recurse -Force -ErrorAction SilentlyContinue }
+    if ($null -ne $temp -and -not (Test-Running)) { Remove-Item -LiteralPath $temp -Recurse -Force -ErrorAction SilentlyContinue }
     if ($null -ne $lock) { $lock.Close() }
 }
 exit $code

@@ -158,4 +158,4 @@ def test_the_repair_script_prepares_what_that_run_found():
     assert r"Join-Path $programFiles 'Tavik\MIM'" in script and r"$temp = Join-Path $base 'Temp'" in script
     assert r"(Join-Path $temp 'Tavik_VLTInstallerDownload\LPInstaller')" in script
     assert re.search(r"^    \$env:TMP = \$temp\n    \$env:TEMP = \$temp$", script, re.M)
-    assert "& (Join-Path $Folder 'TavikToolLog.exe') 'run' '--' '-SILENT'" in script
+    assert "& (Join-Path $Folder 'TavikToolLog.exe') 'run' '--timeout' $limitSeconds '--' '-SILENT'" in script
