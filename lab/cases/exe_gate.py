@@ -1,4 +1,4 @@
-"""scripts/check-exe as a module: it has no ending that would make it one."""
+"""Scripts as modules: they have no ending that would make them one."""
 from __future__ import annotations
 
 import importlib.machinery
@@ -9,10 +9,10 @@ import types
 from lab import paths
 
 
-def load() -> types.ModuleType:
-    path = paths.ROOT / "scripts" / "check-exe"
-    loader = importlib.machinery.SourceFileLoader("check_exe", str(path))
-    spec = importlib.util.spec_from_loader("check_exe", loader)
+def load(script: str) -> types.ModuleType:
+    name = script.replace("-", "_")
+    loader = importlib.machinery.SourceFileLoader(name, str(paths.ROOT / "scripts" / script))
+    spec = importlib.util.spec_from_loader(name, loader)
     assert spec is not None
     module = importlib.util.module_from_spec(spec)
     written, sys.dont_write_bytecode = sys.dont_write_bytecode, True  # nothing of it beside the scripts
@@ -23,4 +23,4 @@ def load() -> types.ModuleType:
     return module
 
 
-check_exe = load()
+check_exe = load("check-exe")
