@@ -123,7 +123,7 @@ Seen PropertySize()
         detail += Quoted(text.data()) + L" ";
         if (isRead != 0 || isReadNow == 0)
         {
-            return L"first " + Code(isRead != 0, error) + L", then " + Code(isReadNow != 0, GetLastError());
+            return L"first " + Code(isRead != 0, error) + L", then " + Code(isReadNow != 0);
         }
         const bool isExact = bytes == (std::wcslen(text.data()) + 1) * sizeof(wchar_t);
         return Number(error) + (isExact ? L", bytes with the terminator" : L", " + Number(bytes) + L" bytes");

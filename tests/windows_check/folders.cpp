@@ -16,21 +16,16 @@ namespace windows_check
 {
 namespace
 {
-std::wstring ErrorOf(bool succeeded)
-{
-    return Code(succeeded, GetLastError());
-}
-
 std::wstring Attributes(const std::wstring& path)
 {
-    return ErrorOf(GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES);
+    return Code(GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES);
 }
 
 std::wstring Search(const std::wstring& pattern)
 {
     WIN32_FIND_DATAW data = {};
     const HANDLE search = FindFirstFileW(pattern.c_str(), &data);
-    const std::wstring code = ErrorOf(search != INVALID_HANDLE_VALUE);
+    const std::wstring code = Code(search != INVALID_HANDLE_VALUE);
     FindClose(search);
     return code;
 }
@@ -51,27 +46,27 @@ Seen CreateCodes()
 {
     const std::wstring folder = MakeFolder(L"codes");
     const std::wstring file = WriteBytes(folder + L"\\file", "x");
-    std::wstring seen = ErrorOf(CreateDirectoryW(folder.c_str(), nullptr) != 0);
-    seen += L" " + ErrorOf(CreateDirectoryW(file.c_str(), nullptr) != 0);
-    seen += L" " + ErrorOf(CreateDirectoryW((folder + L"\\none\\x").c_str(), nullptr) != 0);
-    seen += L" " + ErrorOf(CreateDirectoryW((file + L"\\x").c_str(), nullptr) != 0);
-    seen += L" " + ErrorOf(CreateDirectoryW((folder + L"\\a<b").c_str(), nullptr) != 0);
+    std::wstring seen = Code(CreateDirectoryW(folder.c_str(), nullptr) != 0);
+    seen += L" " + Code(CreateDirectoryW(file.c_str(), nullptr) != 0);
+    seen += L" " + Code(CreateDirectoryW((folder + L"\\none\\x").c_str(), nullptr) != 0);
+    seen += L" " + Code(CreateDirectoryW((file + L"\\x").c_str(), nullptr) != 0);
+    seen += L" " + Code(CreateDirectoryW((folder + L"\\a<b").c_str(), nullptr) != 0);
     return Saw(seen);
 }
 
 Seen DeleteCodes()
 {
     const std::wstring folder = MakeFolder(L"codes");
-    std::wstring seen = ErrorOf(DeleteFileW((folder + L"\\missing").c_str()) != 0);
-    seen += L" " + ErrorOf(DeleteFileW((folder + L"\\missing\\x").c_str()) != 0);
+    std::wstring seen = Code(DeleteFileW((folder + L"\\missing").c_str()) != 0);
+    seen += L" " + Code(DeleteFileW((folder + L"\\missing\\x").c_str()) != 0);
     const std::wstring readOnly = WriteBytes(folder + L"\\read-only", "x");
     SetFileAttributesW(readOnly.c_str(), FILE_ATTRIBUTE_READONLY);
-    seen += L" " + ErrorOf(DeleteFileW(readOnly.c_str()) != 0);
+    seen += L" " + Code(DeleteFileW(readOnly.c_str()) != 0);
     SetFileAttributesW(readOnly.c_str(), FILE_ATTRIBUTE_NORMAL);
     const HANDLE held = CreateFileW(readOnly.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    seen += L" " + ErrorOf(DeleteFileW(readOnly.c_str()) != 0);
+    seen += L" " + Code(DeleteFileW(readOnly.c_str()) != 0);
     CloseHandle(held);
-    seen += L" " + ErrorOf(DeleteFileW(folder.c_str()) != 0);
+    seen += L" " + Code(DeleteFileW(folder.c_str()) != 0);
     return Saw(seen);
 }
 
@@ -79,9 +74,9 @@ Seen RemoveFolderCodes()
 {
     const std::wstring folder = MakeFolder(L"codes");
     const std::wstring file = WriteBytes(folder + L"\\in the way", "x");
-    std::wstring seen = ErrorOf(RemoveDirectoryW(folder.c_str()) != 0);
-    seen += L" " + ErrorOf(RemoveDirectoryW(file.c_str()) != 0);
-    seen += L" " + ErrorOf(RemoveDirectoryW((folder + L"\\missing").c_str()) != 0);
+    std::wstring seen = Code(RemoveDirectoryW(folder.c_str()) != 0);
+    seen += L" " + Code(RemoveDirectoryW(file.c_str()) != 0);
+    seen += L" " + Code(RemoveDirectoryW((folder + L"\\missing").c_str()) != 0);
     return Saw(seen);
 }
 
@@ -225,9 +220,9 @@ Seen LongPath()
     {
         return Saw(L"the folder could not be made: " + Number(GetLastError()));
     }
-    return Saw(L"made: " + ErrorOf(CreateDirectoryW((deep + L"\\z").c_str(), nullptr) != 0) + L", looked at: " +
-                   Attributes(deep),
-               Number(static_cast<long long>(deep.size())) + L" characters");
+    return Saw(
+        L"made: " + Code(CreateDirectoryW((deep + L"\\z").c_str(), nullptr) != 0) + L", looked at: " + Attributes(deep),
+        Number(static_cast<long long>(deep.size())) + L" characters");
 }
 
 Seen TemporaryFolder()

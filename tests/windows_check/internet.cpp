@@ -133,7 +133,7 @@ Seen TimeoutWithoutRequest()
     DWORD milliseconds = kReceiveTimeoutMs;
     const BOOL isSet =
         InternetSetOptionW(nullptr, INTERNET_OPTION_RECEIVE_TIMEOUT, &milliseconds, sizeof(milliseconds));
-    const std::wstring seen = Code(isSet != FALSE, GetLastError());
+    const std::wstring seen = Code(isSet != FALSE);
     InternetSetOptionW(nullptr, INTERNET_OPTION_RECEIVE_TIMEOUT, &before, sizeof(before));  // of this process
     return Saw(seen);
 }
@@ -143,7 +143,7 @@ Seen NoResponseText()
     DWORD error = 77;
     DWORD length = 0;
     const BOOL isAnswered = InternetGetLastResponseInfoW(&error, nullptr, &length);
-    return Saw(Code(isAnswered != FALSE, GetLastError()) + L", " + Number(length) + L" characters");
+    return Saw(Code(isAnswered != FALSE) + L", " + Number(length) + L" characters");
 }
 }  // namespace
 

@@ -270,7 +270,7 @@ Seen PlantedCopyWouldBeTaken()
 Seen RestrictionSucceeds()
 {
     // Once more in this process, which has done it already.
-    return Saw(Code(SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32) != 0, GetLastError()));
+    return Saw(Code(SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32) != 0));
 }
 
 std::wstring Missing(const wchar_t* library, const std::vector<const char*>& names)

@@ -158,7 +158,6 @@ int wmain(int count, wchar_t** arguments)
     // As the tool does first of all.
     SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
     ThisMachine().modulesThen = LoadedModules();
-    SetConsoleOutputCP(CP_UTF8);
 
     std::wstring jsonPath;
     std::wstring only;
@@ -179,7 +178,10 @@ int wmain(int count, wchar_t** arguments)
             return kNotMade;
         }
     }
+    const UINT codePage = GetConsoleOutputCP();  // the console outlives this program
+    SetConsoleOutputCP(CP_UTF8);
     const int result = RunAll(jsonPath, only);
+    SetConsoleOutputCP(codePage);
     // Threads of checks that did not come back must not hold the end up.
     TerminateProcess(GetCurrentProcess(), static_cast<UINT>(result));
     return result;

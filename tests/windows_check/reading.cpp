@@ -57,7 +57,7 @@ Seen Utf8Mark()
 
 Seen Nul()
 {
-    return Saw(Sections(Write(L"nul.inf", std::string_view("[A\0B]\r\n", 7))));
+    return Saw(Sections(Write(L"zero.inf", std::string_view("[A\0B]\r\n", 7))));
 }
 
 Seen LongLine()

@@ -96,6 +96,20 @@ Reference<abi::IPackageIterable> PackagesOfUser()
     return repair::TakeObject(code, found);
 }
 
+// As the tool asks, where that is allowed.
+Reference<abi::IPackageIterable> Packages()
+{
+    if (!ThisMachine().isElevated)
+    {
+        return PackagesOfUser();
+    }
+    const Reference<abi::IInspectable> instance = MakeManager();
+    const auto manager = repair::QueryFor<abi::IPackageManager>(instance.Get());
+    abi::IPackageIterable* found = nullptr;
+    const HRESULT code = manager.Get()->FindPackages(&found);
+    return repair::TakeObject(code, found);
+}
+
 // Enumerates as the tool does; `visit` says whether to go on. How many packages there were.
 template <typename Visit>
 int ForEach(abi::IPackageIterable* packages, Visit visit)
@@ -237,12 +251,15 @@ Seen ManagerInterfaces()
     });
 }
 
+Seen HowMany(abi::IPackageIterable* packages)
+{
+    const int count = ForEach(packages, [](abi::IPackage*) { return true; });
+    return count > 0 ? Saw(L"packages", Number(count)) : DoesNotApply(L"the user has no packages");
+}
+
 Seen ManagerSlots()
 {
-    return Guarded([] {
-        const int count = ForEach(PackagesOfUser().Get(), [](abi::IPackage*) { return true; });
-        return Saw(count > 0 ? L"packages" : L"none", Number(count));
-    });
+    return Guarded([] { return HowMany(PackagesOfUser().Get()); });
 }
 
 Seen Manager2Slots()
@@ -254,8 +271,7 @@ Seen Manager2Slots()
         const HRESULT code =
             manager.Get()->FindPackagesByUserSecurityIdWithPackageTypes(nullptr, kMainPackages, &found);
         const Reference<abi::IPackageIterable> packages = repair::TakeObject(code, found);
-        const int count = ForEach(packages.Get(), [](abi::IPackage*) { return true; });
-        return Saw(count > 0 ? L"packages" : L"none", Number(count));
+        return HowMany(packages.Get());
     });
 }
 
@@ -265,15 +281,7 @@ Seen AllPackages()
     {
         return DoesNotApply(L"needs an administrator: packages of all users are listed");
     }
-    return Guarded([] {
-        const Reference<abi::IInspectable> instance = MakeManager();
-        const auto manager = repair::QueryFor<abi::IPackageManager>(instance.Get());
-        abi::IPackageIterable* found = nullptr;
-        const HRESULT code = manager.Get()->FindPackages(&found);
-        const Reference<abi::IPackageIterable> packages = repair::TakeObject(code, found);
-        const int count = ForEach(packages.Get(), [](abi::IPackage*) { return true; });
-        return Saw(count > 0 ? L"packages" : L"none", Number(count));
-    });
+    return Guarded([] { return HowMany(Packages().Get()); });
 }
 
 Seen AllPackagesRefused()
@@ -299,7 +307,7 @@ Seen OfEachPackage(const wchar_t* wanted, Ask ask)
     return Guarded([&] {
         std::wstring seen = wanted;
         std::wstring detail;
-        const int count = ForEach(PackagesOfUser().Get(), [&](abi::IPackage* package) {
+        const int count = ForEach(Packages().Get(), [&](abi::IPackage* package) {
             seen = ask(package, detail);
             return seen == wanted;
         });
@@ -358,7 +366,7 @@ Seen PackageStatus()
 Seen PastTheEnd()
 {
     return Guarded([] {
-        const Reference<abi::IPackageIterable> packages = PackagesOfUser();
+        const Reference<abi::IPackageIterable> packages = Packages();
         abi::IPackageIterator* first = nullptr;
         const HRESULT code = packages.Get()->First(&first);
         const Reference<abi::IPackageIterator> iterator = repair::TakeObject(code, first);

@@ -292,10 +292,10 @@ int FolderProbe(int count, wchar_t** arguments)
 
     const std::wstring marker = folder + L"\\~.tmp";
     const HANDLE opened = CreateFileW(marker.c_str(), GENERIC_READ, 7, nullptr, OPEN_EXISTING, 0, nullptr);
-    std::wstring seen = L"opened " + Code(opened != INVALID_HANDLE_VALUE, GetLastError());
-    seen += L", deleted " + Code(DeleteFileW(marker.c_str()) != 0, GetLastError());
+    std::wstring seen = L"opened " + Code(opened != INVALID_HANDLE_VALUE);
+    seen += L", deleted " + Code(DeleteFileW(marker.c_str()) != 0);
     const bool isRenamed = MoveFileW(folder.c_str(), (folder + L"2").c_str()) != 0;
-    seen += L", folder renamed " + Code(isRenamed, GetLastError());
+    seen += L", folder renamed " + Code(isRenamed);
     if (isRenamed)
     {
         MoveFileW((folder + L"2").c_str(), folder.c_str());

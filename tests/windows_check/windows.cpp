@@ -69,10 +69,10 @@ Seen DialogStyle()
 {
     return OfStatusWindow([](HWND dialog) {
         const DWORD style = static_cast<DWORD>(GetWindowLongW(dialog, GWL_STYLE));
-        constexpr DWORD kWanted = WS_POPUP | WS_BORDER | WS_MINIMIZEBOX;
+        constexpr DWORD kWanted = WS_POPUP | WS_MINIMIZEBOX;
         return Saw(
             (style & kWanted) == kWanted && (style & (WS_SYSMENU | WS_THICKFRAME)) == 0 && (style & WS_VISIBLE) == 0
-                ? L"borderless, can be minimised, hidden"
+                ? L"no caption, can be minimised, hidden"
                 : Hex(style),
             Hex(style));
     });

@@ -60,6 +60,11 @@ std::string Utf8(const std::wstring& text)
     return bytes;
 }
 
+std::wstring Code(bool succeeded)
+{
+    return Code(succeeded, GetLastError());
+}
+
 std::wstring Code(bool succeeded, DWORD error)
 {
     return succeeded ? L"ok" : Number(error);

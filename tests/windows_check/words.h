@@ -15,6 +15,7 @@ std::wstring YesNo(bool yes);            // yes, no
 std::wstring Widened(const std::string& text);
 std::string Utf8(const std::wstring& text);
 std::wstring Code(bool succeeded, DWORD error);  // "ok" or the number
+std::wstring Code(bool succeeded);               // the same with the last error: asked for after the call was made
 
 inline std::wstring ResultOf(HRESULT code)
 {
