@@ -203,8 +203,7 @@ Seen CompatibleDrivers()
 std::wstring InfOf(HDEVINFO list, SP_DEVINFO_DATA& device, SP_DRVINFO_DATA_V2_W& driver, DWORD& needed, DWORD& error)
 {
     needed = 0;
-    SetupDiGetDriverInfoDetailW(list, &device, &driver, nullptr, 0, &needed);
-    error = GetLastError();
+    error = SetupDiGetDriverInfoDetailW(list, &device, &driver, nullptr, 0, &needed) == 0 ? GetLastError() : 0;
     const DWORD bytes = std::max<DWORD>(needed, sizeof(SP_DRVINFO_DETAIL_DATA_W));
     const auto memory = std::make_unique<std::byte[]>(bytes);
     auto* const detail = reinterpret_cast<SP_DRVINFO_DETAIL_DATA_W*>(memory.get());

@@ -1,7 +1,7 @@
 // Looks on this machine whether Windows behaves as the product relies on it. Changes nothing: what it makes for itself
 // (one temporary folder, one volatile registry key) is removed at the end.
 //
-//   TavikWindowsCheck.exe [--json FILE] [--only ID-or-GROUP]
+//   TavikWindowsCheck.exe [--json FILE] [--only ID-or-GROUP]... [--limit SECONDS]
 //
 // Exit code: 0 nothing differs, 1 something differs, 2 the checks could not be made, 3 something could not be removed.
 #include <windows.h>
@@ -10,6 +10,7 @@
 #include <cwchar>
 #include <iterator>
 #include <string>
+#include <vector>
 
 #include "base/library.h"
 #include "windows_check/check.h"
@@ -109,7 +110,14 @@ bool WriteJson(const std::wstring& path, const std::string& json)
     return std::fclose(file) == 0 && isWritten;
 }
 
-int RunAll(const std::wstring& jsonPath, const std::wstring& only)
+struct Wishes
+{
+    std::wstring jsonPath;
+    std::vector<std::wstring> only;
+    DWORD longestMs = INFINITE;
+};
+
+int RunAll(const Wishes& wishes)
 {
     LookAtMachine();
     SetConsoleCtrlHandler(RemoveAndEnd, TRUE);
@@ -121,7 +129,7 @@ int RunAll(const std::wstring& jsonPath, const std::wstring& only)
     }
     Print(Opening());
     std::wstring complaint;
-    const std::vector<Finding> findings = RunChecks(only, complaint);
+    const std::vector<Finding> findings = RunChecks(wishes.only, wishes.longestMs, complaint);
     const bool isClean = RemoveOwnThings();
     if (findings.empty())
     {
@@ -132,9 +140,9 @@ int RunAll(const std::wstring& jsonPath, const std::wstring& only)
     Print(Table(findings));
     Print("\n" + std::to_string(Count(findings, Verdict::kOk)) + " ok, " + std::to_string(different) + " differ, " +
           std::to_string(Count(findings, Verdict::kNotApplicable)) + " not applicable\n");
-    if (!jsonPath.empty() && !WriteJson(jsonPath, Json(findings)))
+    if (!wishes.jsonPath.empty() && !WriteJson(wishes.jsonPath, Json(findings)))
     {
-        Print(Utf8(jsonPath + L" cannot be written.\n"));
+        Print(Utf8(wishes.jsonPath + L" cannot be written.\n"));
         return kNotMade;
     }
     if (!isClean)
@@ -159,28 +167,31 @@ int wmain(int count, wchar_t** arguments)
     SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
     ThisMachine().modulesThen = LoadedModules();
 
-    std::wstring jsonPath;
-    std::wstring only;
+    Wishes wishes;
     for (int i = 1; i < count; ++i)
     {
         const std::wstring argument = arguments[i];
         if (argument == L"--json" && i + 1 < count)
         {
-            jsonPath = arguments[++i];
+            wishes.jsonPath = arguments[++i];
         }
         else if (argument == L"--only" && i + 1 < count)
         {
-            only = arguments[++i];
+            wishes.only.emplace_back(arguments[++i]);
+        }
+        else if (argument == L"--limit" && i + 1 < count)
+        {
+            wishes.longestMs = 1000 * std::wcstoul(arguments[++i], nullptr, 10);
         }
         else
         {
-            Print("usage: TavikWindowsCheck.exe [--json FILE] [--only ID-or-GROUP]\n");
+            Print("usage: TavikWindowsCheck.exe [--json FILE] [--only ID-or-GROUP]... [--limit SECONDS]\n");
             return kNotMade;
         }
     }
     const UINT codePage = GetConsoleOutputCP();  // the console outlives this program
     SetConsoleOutputCP(CP_UTF8);
-    const int result = RunAll(jsonPath, only);
+    const int result = RunAll(wishes);
     SetConsoleOutputCP(codePage);
     // Threads of checks that did not come back must not hold the end up.
     TerminateProcess(GetCurrentProcess(), static_cast<UINT>(result));

@@ -69,7 +69,7 @@ std::wstring TaskKill()
 Seen ExitCodes()
 {
     std::wstring seen;
-    for (const wchar_t* code : {L"-1", L"3", L"3010", L"-2147024891"})
+    for (const wchar_t* code : {L"-1", L"-2147024891"})
     {
         const Answer answer = Ask(ThisMachine().program, L"exit", code);
         seen += (seen.empty() ? L"" : L" ") + (answer.hasEnded ? Hex(answer.exitCode) : std::wstring(L"not ended"));

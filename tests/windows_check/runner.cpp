@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <atomic>
 #include <exception>
 #include <map>
@@ -68,7 +69,7 @@ DWORD WINAPI RunOne(void* argument)
     return 0;
 }
 
-Seen Look(const Check& check)
+Seen Look(const Check& check, DWORD longestMs)
 {
     const auto attempt = std::make_shared<Attempt>(check);
     auto own = std::make_unique<std::shared_ptr<Attempt>>(attempt);
@@ -81,11 +82,12 @@ Seen Look(const Check& check)
     }
     [[maybe_unused]] auto* const handedOver = own.release();
     CloseHandle(thread);
-    const bool isDone = WaitForSingleObject(attempt->done, check.limitMs) == WAIT_OBJECT_0;
+    const DWORD limitMs = std::min(check.limitMs, longestMs);
+    const bool isDone = WaitForSingleObject(attempt->done, limitMs) == WAIT_OBJECT_0;
     current = nullptr;
     if (!isDone)
     {
-        return Saw(L"no answer in " + Number(check.limitMs / 1000) + L" s");
+        return Saw(L"no answer in " + Number(limitMs / 1000) + L" s");
     }
     if (attempt->crash != 0)
     {
@@ -114,6 +116,16 @@ std::map<std::string_view, Check> ChecksById(std::wstring& complaint)
 }
 }  // namespace
 
+namespace
+{
+bool IsWanted(const Fact& fact, const std::vector<std::wstring>& only)
+{
+    return only.empty() || std::any_of(only.begin(), only.end(), [&](const std::wstring& name) {
+               return name == Widened(fact.id) || name == Widened(fact.group);
+           });
+}
+}  // namespace
+
 const char* NameOf(Verdict verdict)
 {
     switch (verdict)
@@ -128,7 +140,7 @@ const char* NameOf(Verdict verdict)
     return "differs";
 }
 
-std::vector<Finding> RunChecks(const std::wstring& only, std::wstring& complaint)
+std::vector<Finding> RunChecks(const std::vector<std::wstring>& only, DWORD longestMs, std::wstring& complaint)
 {
     std::map<std::string_view, Check> checks = ChecksById(complaint);
     for (const Fact& fact : AllFacts())
@@ -152,14 +164,14 @@ std::vector<Finding> RunChecks(const std::wstring& only, std::wstring& complaint
     std::vector<Finding> findings;
     for (const Fact& fact : AllFacts())
     {
-        if (!only.empty() && only != Widened(fact.id) && only != Widened(fact.group))
+        if (!IsWanted(fact, only))
         {
             continue;
         }
         Finding finding;
         finding.fact = &fact;
         const ULONGLONG start = GetTickCount64();
-        finding.seen = Look(checks.at(fact.id));
+        finding.seen = Look(checks.at(fact.id), longestMs);
         finding.milliseconds = static_cast<DWORD>(GetTickCount64() - start);
         if (!finding.seen.applies)
         {

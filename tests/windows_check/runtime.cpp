@@ -16,7 +16,6 @@
 
 namespace windows_check
 {
-namespace abi = repair::abi;
 using repair::Reference;
 
 std::wstring ClassOf(abi::IInspectable* object)
@@ -29,31 +28,6 @@ std::wstring ClassOf(abi::IInspectable* object)
 
 namespace
 {
-// The same interface as the tool's, with a neighbour that anybody may call: packages of the current user. That it
-// answers shows that the slots in front of it are as many as the tool counts as well.
-struct PackageManagerOfUser : abi::IInspectable
-{
-    static constexpr GUID kIid = abi::IPackageManager::kIid;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot6() = 0;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot7() = 0;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot8() = 0;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot9() = 0;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot10() = 0;
-    virtual HRESULT STDMETHODCALLTYPE FindPackages(abi::IPackageIterable** packages) = 0;
-    virtual HRESULT STDMETHODCALLTYPE FindPackagesByUserSecurityId(abi::HString sid,
-                                                                   abi::IPackageIterable** packages) = 0;
-};
-
-struct PackageManager2OfUser : abi::IInspectable
-{
-    static constexpr GUID kIid = abi::IPackageManager2::kIid;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot6() = 0;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot7() = 0;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot8() = 0;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot9() = 0;
-    virtual HRESULT STDMETHODCALLTYPE
-    FindPackagesByUserSecurityIdWithPackageTypes(abi::HString sid, UINT32 types, abi::IPackageIterable** packages) = 0;
-};
 constexpr UINT32 kMainPackages = 1;
 
 std::wstring Told(const repair::WinrtError& error)

@@ -11,15 +11,7 @@ namespace windows_check
 {
 namespace
 {
-namespace abi = repair::abi;
 using repair::Reference;
-
-// The tool's interface with its first slot, a question without any effect: may packages be downloaded silently?
-struct StoreContext3First : abi::IInspectable
-{
-    static constexpr GUID kIid = abi::IStoreContext3::kIid;
-    virtual HRESULT STDMETHODCALLTYPE get_CanSilentlyDownloadStorePackageUpdates(abi::Boolean* can) = 0;
-};
 
 Reference<abi::IStoreContextStatics> Factory()
 {
