@@ -48,7 +48,7 @@ def check(prefix: Prefix, name: str, *arguments: str) -> tuple[int, list[dict[st
         file.unlink(missing_ok=True)
     code = prefix.wine(rf"C:\lab\{name}", "--json", r"C:\lab\found.json", *arguments, output=output, timeout=240)
     findings = json.loads(result.read_text("utf-8"))["facts"] if result.exists() else []
-    assert [str(item) for item in prefix.drive.rglob("TavikWindowsCheck-*")] == [], "the temporary folder was left behind"
+    assert [str(item) for item in (prefix.drive / "users").rglob("TavikWindowsCheck-*")] == [], "the temporary folder was left behind"
     return code, findings, output.read_text("utf-8", "replace")
 
 

@@ -7,6 +7,7 @@
 #include "store/winrt_runtime.h"
 #include "support/fake_runtime.h"
 #include "support/log_capture.h"
+#include "support/system_text.h"
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -124,7 +125,8 @@ TEST_P(StoreFailure, GivesItsErrorAndTheTextOfTheSearch)
     runtime.faults.fails[GetParam()] = kDenied;
     LogCapture log;
     EXPECT_EQ(InstallStoreApplication(nullptr), kDenied);
-    EXPECT_THAT(log.Lines(), ElementsAre(L"Exception [Access denied.] when searching for UWP version of VLT"));
+    EXPECT_THAT(log.Lines(),
+                ElementsAre(L"Exception [" + SystemText(kDenied) + L"] when searching for UWP version of VLT"));
     runtime.WaitForThreads();
     EXPECT_LE(component::liveObjects, 1);
     EXPECT_EQ(LiveStrings(), 0);

@@ -9,6 +9,7 @@
 
 #include "store/winrt_runtime.h"
 #include "support/fake_runtime.h"
+#include "support/system_text.h"
 
 IMPORTED(FormatMessageW)
 
@@ -17,7 +18,7 @@ namespace repair
 namespace
 {
 constexpr HRESULT kDenied = static_cast<HRESULT>(0x80070005);
-constexpr HRESULT kNoText = static_cast<HRESULT>(0x80040154);
+constexpr HRESULT kNoText = static_cast<HRESULT>(0xA0001234);  // nobody's: marked as a customer's code
 
 std::wstring MessageFor(HRESULT code)
 {
@@ -42,7 +43,7 @@ protected:
 
 TEST_F(ErrorText, WithoutAnErrorObjectIsTheSystemsOneWithoutTrailingBlanks)
 {
-    EXPECT_EQ(MessageFor(kDenied), L"Access denied.");
+    EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
 }
 
 TEST_F(ErrorText, IsEmptyWhereTheSystemHasNone)
@@ -88,13 +89,13 @@ TEST_F(ErrorText, IsThePlainDescriptionWithoutARestrictedOne)
 TEST_F(ErrorText, OfAnObjectForAnotherErrorIsNotUsed)
 {
     LeaveErrorObject(MakeErrorObject(L"about something else", true, E_FAIL));
-    EXPECT_EQ(MessageFor(kDenied), L"Access denied.");
+    EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
 }
 
 TEST_F(ErrorText, OfAnObjectThatCannotTellItsDetailsIsNotUsed)
 {
     LeaveErrorObject(MakeErrorObject(L"half told", true, kDenied, nullptr, S_FALSE));
-    EXPECT_EQ(MessageFor(kDenied), L"Access denied.");
+    EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
 }
 
 TEST_F(ErrorText, IsTheDescriptionOfAnObjectWithoutTheRestrictedInterface)
@@ -106,20 +107,20 @@ TEST_F(ErrorText, IsTheDescriptionOfAnObjectWithoutTheRestrictedInterface)
 TEST_F(ErrorText, OfAClassicObjectWithoutADescriptionIsTheSystemsOne)
 {
     LeaveErrorObject(MakeErrorObject(L" ", false));
-    EXPECT_EQ(MessageFor(kDenied), L"Access denied.");
+    EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
 }
 
 TEST_F(ErrorText, IsUsedOnceTheObjectLeavesTheThread)
 {
     LeaveErrorObject(MakeErrorObject(L"once", true, kDenied));
     EXPECT_EQ(MessageFor(kDenied), L"once");
-    EXPECT_EQ(MessageFor(kDenied), L"Access denied.");
+    EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
 }
 
 TEST_F(ErrorText, OfAnotherThreadIsNotUsed)
 {
     std::thread([] { LeaveErrorObject(MakeErrorObject(L"elsewhere", true, kDenied)); }).join();
-    EXPECT_EQ(MessageFor(kDenied), L"Access denied.");
+    EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
 }
 
 TEST_F(ErrorText, ExhaustedMemoryIsTheStandardExceptionAndTakesTheObjectAlong)
@@ -132,7 +133,7 @@ TEST_F(ErrorText, ExhaustedMemoryIsTheStandardExceptionAndTakesTheObjectAlong)
 TEST_F(ErrorText, WithoutTheErrorFunctionIsTheSystemsOne)
 {
     runtime_.missingFunctions = {"GetErrorInfo"};
-    EXPECT_EQ(MessageFor(kDenied), L"Access denied.");
+    EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
 }
 
 TEST_F(ErrorText, SuccessCodesThrowNothing)

@@ -228,11 +228,12 @@ BoxOnScreen LookAndClose()
     seen.bigIcon = reinterpret_cast<HICON>(SendMessageW(box, WM_GETICON, ICON_BIG, 0));
     seen.smallIcon = reinterpret_cast<HICON>(SendMessageW(box, WM_GETICON, ICON_SMALL, 0));
     seen.hasBodyIcon = SendDlgItemMessageW(box, 1088, STM_GETICON, 0, 0) != 0;
-    for (HWND button = nullptr; (button = FindWindowExW(box, button, L"Button", nullptr)) != nullptr;)
+    HWND last = nullptr;
+    for (HWND button = nullptr; (button = FindWindowExW(box, button, L"Button", nullptr)) != nullptr; last = button)
     {
         ++seen.buttons;
     }
-    PostMessageW(box, WM_COMMAND, IDOK, 0);
+    PostMessageW(last, BM_CLICK, 0, 0);  // a lone button need not carry the number of "OK"
     return seen;
 }
 

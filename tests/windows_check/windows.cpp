@@ -216,7 +216,9 @@ LRESULT CALLBACK WatchBox(int code, WPARAM wParam, LPARAM lParam)
         const LPARAM icon = reinterpret_cast<LPARAM>(LoadIconW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(IDI_TOOL)));
         SendMessageW(call.hwnd, WM_SETICON, ICON_BIG, icon);
         watched->hasIcon = icon != 0 && SendMessageW(call.hwnd, WM_GETICON, ICON_BIG, 0) == icon;
-        PostMessageW(call.hwnd, WM_COMMAND, IDOK, 0);
+        // A lone button need not carry the number of "OK".
+        PostMessageW(FindWindowExW(call.hwnd, nullptr, L"Button", nullptr), BM_CLICK, 0, 0);
+        PostMessageW(call.hwnd, WM_CLOSE, 0, 0);
     }
     return CallNextHookEx(nullptr, code, wParam, lParam);
 }

@@ -1,0 +1,26 @@
+// The test program may be copied to a real Windows. There some tests have nothing to show: what they expect is a habit
+// of Wine, or the machine lacks what the lab gives it. They are skipped with the reason, and counted as skipped.
+#pragma once
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+namespace repair
+{
+// True when the tests run on Wine. The variable TAVIK_TESTS_AS_ON_WINDOWS (any value) makes them skip as on Windows, so
+// that this can be looked at on Wine as well.
+inline bool RunsOnWine()
+{
+    return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr &&
+           GetEnvironmentVariableW(L"TAVIK_TESTS_AS_ON_WINDOWS", nullptr, 0) == 0;
+}
+}  // namespace repair
+
+// First line of a test that shows something on Wine only.
+#define ONLY_ON_WINE(reason)                                 \
+    if (!repair::RunsOnWine())                               \
+    {                                                        \
+        GTEST_SKIP() << "shows nothing on Windows: " reason; \
+    }                                                        \
+    static_assert(true, "asks for a semicolon")
