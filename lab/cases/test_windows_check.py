@@ -8,6 +8,7 @@ from __future__ import annotations
 import json
 import os
 import re
+import subprocess
 import tomllib
 from typing import Any
 
@@ -20,6 +21,10 @@ from lab.run import fresh_folder, remove_folder
 from store_machine import CORVEL, OTHER, package
 
 PROGRAM = paths.BUILD / "TavikWindowsCheck.exe"
+CALLS = paths.ROOT / "tests" / "windows_check" / "calls.toml"
+UNIT_TESTS = paths.BUILD / "tests" / "unit_tests.exe"
+# Of the compiler's own making, or arithmetic on memory.
+NO_CALLS = {"IID_IUnknown", "abort", "atexit", "memchr", "memcpy", "memmove", "memset", "strlen", "wcslen"}
 GROUPS = ("devices", "infs", "installer", "runtime", "store")  # where a machine of the lab has more to show than a bare prefix
 DIFFERENCES = paths.ROOT / "tests" / "windows_check" / "wine-differences.toml"
 
@@ -114,3 +119,30 @@ def test_a_difference_that_comes_or_goes_is_an_error():
     assert changes(findings, {}) == ["new: a.b: ('differs', 'x')"]
     assert changes(findings, {"a.b": ("differs", "z")}) == ["other: a.b: ('differs', 'x') instead of ('differs', 'z')"]
     assert changes(findings, {"a.b": ("differs", "x"), "a.c": ("differs", "y")}) == ["gone: a.c: ('ok', 'y')"]
+
+
+def test_every_call_of_the_product_is_among_the_calls_of_the_facts():
+    objects = [paths.need(paths.BUILD / "src" / "librepair.a"), *(paths.BUILD / "src").rglob("main.cpp.obj"),
+               *(paths.BUILD / "src").rglob("stack_guard.cpp.obj")]
+    assert len(objects) == 3
+    listed = subprocess.run(["x86_64-w64-mingw32-nm", "--undefined-only", *map(str, objects)], stdout=subprocess.PIPE, text=True, check=True).stdout
+    linked = {name.removeprefix("__imp_") for name in re.findall(r" U (\S+)$", listed, re.MULTILINE)}
+    linked = {name for name in linked if not name.startswith(("_Z", "_Unwind", "__")) } - NO_CALLS
+    assert len(linked) > 100
+    assert linked == set(tomllib.loads(CALLS.read_text("utf-8"))["functions"])
+
+
+def test_what_only_wine_shows_is_skipped_on_windows_with_the_reason(bare: Prefix):
+    """In-process tests that were copied to a real Windows: as far as that can be seen on Wine."""
+    replace_file(bare.drive / "lab" / UNIT_TESTS.name, paths.need(UNIT_TESTS).read_bytes())
+    output = bare.path / "tests.txt"
+    bare.variables["TAVIK_TESTS_AS_ON_WINDOWS"] = "1"
+    try:
+        code = bare.wine(rf"C:\lab\{UNIT_TESTS.name}", "--gtest_filter=CreateDirectories.*:Exists.*:FindSubfolder.*:Remove*",
+                         output=output, timeout=100)
+    finally:
+        del bare.variables["TAVIK_TESTS_AS_ON_WINDOWS"]
+    printed = output.read_text("utf-8", "replace")
+    assert code == 0, printed
+    assert "[  SKIPPED ] 6 tests" in printed
+    assert len(re.findall("shows nothing on Windows: .{20,}", printed)) == 6

@@ -49,6 +49,10 @@ Seen NameOfMutex()
     const HANDLE mutex = CreateMutexW(nullptr, FALSE, name.c_str());
     const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, name.c_str());
     const DWORD error = GetLastError();
+    if (event != nullptr)
+    {
+        CloseHandle(event);
+    }
     CloseHandle(mutex);
     return Saw((event == nullptr ? L"none, " : L"a handle, ") + Number(error));
 }

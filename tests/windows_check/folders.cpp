@@ -139,8 +139,12 @@ Seen SearchBegins()
     const std::wstring folder = MakeFolder(L"empty");
     WIN32_FIND_DATAW data = {};
     const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &data);
+    if (search == INVALID_HANDLE_VALUE)
+    {
+        return Saw(L"no list: " + Number(GetLastError()));
+    }
     std::wstring seen = data.cFileName;
-    while (search != INVALID_HANDLE_VALUE && FindNextFileW(search, &data) != 0)
+    while (FindNextFileW(search, &data) != 0)
     {
         seen += std::wstring(L" ") + data.cFileName;
     }
@@ -158,6 +162,10 @@ Seen Order()
     }
     WIN32_FIND_DATAW data = {};
     const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &data);
+    if (search == INVALID_HANDLE_VALUE)
+    {
+        return Saw(L"no list: " + Number(GetLastError()));
+    }
     std::wstring seen;
     do
     {
@@ -165,7 +173,7 @@ Seen Order()
         {
             seen += (seen.empty() ? L"" : L" ") + std::wstring(data.cFileName);
         }
-    } while (search != INVALID_HANDLE_VALUE && FindNextFileW(search, &data) != 0);
+    } while (FindNextFileW(search, &data) != 0);
     FindClose(search);
     wchar_t system[MAX_PATH] = {};
     GetVolumeInformationW(ThisMachine().folder.substr(0, 3).c_str(), nullptr, 0, nullptr, nullptr, nullptr, system,

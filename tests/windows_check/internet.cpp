@@ -68,8 +68,8 @@ struct Handles
     HINTERNET request = nullptr;
 
     explicit Handles(const wchar_t* host)
+        : session(InternetOpenW(kUserAgent, INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0))
     {
-        session = InternetOpenW(kUserAgent, INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0);
         connection = InternetConnectW(session, host, 80, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 0);
         connectError = GetLastError();
         const wchar_t* accept[] = {kAcceptType, nullptr};

@@ -82,8 +82,10 @@ Seen NarrowWithWide()
 
 Seen LetterCase()
 {
-    const bool isAscii = _wcsicmp(L"24.20A-x", L"24.20a-X") == 0;
-    const bool isMore = _wcsicmp(L"\u00C9", L"\u00E9") == 0;
+    const std::wstring ascii = L"24.20A-x";
+    const std::wstring other = L"\u00C9";
+    const bool isAscii = _wcsicmp(ascii.c_str(), L"24.20a-X") == 0;
+    const bool isMore = _wcsicmp(other.c_str(), L"\u00E9") == 0;
     return Saw(isAscii ? (isMore ? L"all letters" : L"A to Z only") : L"no letters");
 }
 
