@@ -48,10 +48,11 @@ std::optional<int> Arguments::TakeNumber(std::wstring_view option)
     {
         return std::nullopt;
     }
-    const auto number = ParseExitCode(ToUtf8(*value));
+    const std::string text = ToUtf8(*value);
+    const auto number = ParseExitCode(text);
     if (!number)
     {
-        throw UsageError(ToUtf8(*value) + " behind " + ToUtf8(option) + " is no number");
+        throw UsageError(text + " behind " + ToUtf8(option) + " is no number");
     }
     return number;
 }
@@ -79,8 +80,9 @@ std::vector<std::wstring> Arguments::TakeOperands(size_t least, size_t most)
 std::optional<int> ParseExitCode(std::string_view text)
 {
     std::int64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size() || number < INT32_MIN || number > UINT32_MAX)
+    const char* const end = text.data() + text.size();
+    const std::from_chars_result parsed = std::from_chars(text.data(), end, number);
+    if (parsed.ec != std::errc() || parsed.ptr != end || number < INT32_MIN || number > UINT32_MAX)
     {
         return std::nullopt;
     }
