@@ -7,9 +7,9 @@
 
 namespace repair
 {
-int ExplainCommand(std::vector<std::wstring> arguments);
-int ConvertCommand(std::vector<std::wstring> arguments);
-int CollectCommand(std::vector<std::wstring> arguments);
-int RunCommand(std::vector<std::wstring> arguments);
-int CheckServerCommand(std::vector<std::wstring> arguments);
+int ExplainCommand(std::vector<std::wstring> given);
+int ConvertCommand(std::vector<std::wstring> given);
+int CollectCommand(std::vector<std::wstring> given);
+int RunCommand(std::vector<std::wstring> given);
+int CheckServerCommand(std::vector<std::wstring> given);
 }  // namespace repair
