@@ -15,9 +15,9 @@ import pytest
 from deploy_kit import MIRROR, SIGNER, Signers, load, publish
 from download_machine import answering
 from expect import DOWNLOAD_FAILED, download, install, inventory, opening, remove, stop, unpack
-from lab import certificates, paths
+from lab import certificates, paths, prefix as prefixes
 from lab.children import end_with_parent
-from lab.run import default_address, private_hosts_obstacle
+from lab.run import default_address, fresh_folder, private_hosts_obstacle, remove_folder
 
 loadtest = load(MIRROR / "loadtest")
 CONFIG = (MIRROR / "nginx.conf").read_text("utf-8")
@@ -120,6 +120,26 @@ def test_the_load_test_asks_as_the_tool_does(lab):
     result = lab.run(answering(), "-SILENT")
     names = {"User-Agent": "user_agent", "Accept": "accept", "Referer": "referer", "Pragma": "pragma"}
     assert {name: result.requests[0][key] for name, key in names.items()} == loadtest.HEADERS
+
+
+@pytest.mark.parametrize("release, good", [("24.20.11.01-240619a", True), ("24.30", False)], ids=["published", "not published"])
+def test_the_companion_asks_it_like_the_tool(mirror, release, good):
+    """TavikToolLog check-server, which an administrator uses before the value gets onto ten thousand machines."""
+    folder = fresh_folder()
+    prefix = prefixes.Prefix.copy(prefixes.template(), folder / "prefix")
+    try:
+        (prefix.drive / "lab").mkdir()
+        prefixes.replace_file(prefix.drive / "lab" / "TavikToolLog.exe", paths.need(paths.BUILD / "TavikToolLog.exe").read_bytes())
+        prefix.start()
+        code = prefix.wine(r"C:\lab\TavikToolLog.exe", "check-server", f"http://127.0.0.1:{mirror.port}/vlt/", "--release", release,
+                           output=folder / "said.txt", timeout=60)
+    finally:
+        prefix.stop()
+    said = (folder / "said.txt").read_text("utf-8", "replace")
+    remove_folder(folder)
+    asked = re.findall(r'"GET (\S+) HTTP/1.1" (\d+) .* "Tavik Marlin Install Manager" ', mirror.requests()[-1])
+    assert (code == 0) == good, said
+    assert asked == [(f"/vlt/{release[:5]}/dwx2_install.txt", "200" if good else "404")]
 
 
 # What the configuration says to others
