@@ -5,6 +5,7 @@ products of Windows Installer and the Windows Runtime classes.
 """
 from __future__ import annotations
 
+import getpass
 import json
 import os
 import re
@@ -76,6 +77,8 @@ def test_every_difference_of_a_bare_prefix_is_known(bare: Prefix):
     last = re.search(r"(\d+) ok, (\d+) differ, (\d+) not applicable$", printed.strip())
     assert last and sum(map(int, last.groups())) == len(findings)
     assert not re.search(r"TavikWindowsCheck-\d+", (bare.path / "user.reg").read_text("utf-8")), "the key was left behind"
+    told = json.dumps(findings).lower()
+    assert getpass.getuser().lower() not in told.replace("<user", "") and "s-1-5-21-<numbers>" in told, "who uses the machine is nobody's business"
     names = {row["id"] for row in findings}
     assert all(f"\n{name}" in printed for name in names)
 

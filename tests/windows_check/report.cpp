@@ -20,6 +20,33 @@ std::wstring Expected(const Fact& fact)
     return text;
 }
 
+std::wstring Lower(std::wstring text)
+{
+    CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
+    return text;
+}
+
+void Replace(std::wstring& text, const std::wstring& name, const std::wstring& by)
+{
+    size_t at = Lower(text).find(Lower(name));
+    while (at != std::wstring::npos)
+    {
+        text.replace(at, name.size(), by);
+        at = Lower(text).find(Lower(name), at + by.size());
+    }
+}
+
+// Security identifiers of accounts begin with this; the numbers behind it tell the machine or the domain.
+void ReplaceMachineNumbers(std::wstring& text)
+{
+    const std::wstring start = L"S-1-5-21-";
+    for (size_t at = text.find(start); at != std::wstring::npos; at = text.find(start, at + start.size()))
+    {
+        const size_t end = text.find_first_not_of(L"0123456789-", at + start.size());
+        text.replace(at + start.size(), std::min(end, text.size()) - at - start.size(), L"<numbers>");
+    }
+}
+
 // Takes the names of people and computers out of paths and texts.
 std::wstring WithoutNames(std::wstring text)
 {
@@ -27,16 +54,12 @@ std::wstring WithoutNames(std::wstring text)
     {
         wchar_t value[MAX_PATH] = {};
         const DWORD length = GetEnvironmentVariableW(variable, value, MAX_PATH);
-        if (length < 3 || length >= MAX_PATH)  // shorter ones are part of ordinary words
+        if (length >= 3 && length < MAX_PATH)  // shorter ones are part of ordinary words
         {
-            continue;
-        }
-        const std::wstring replacement = std::wstring(L"<") + variable + L">";
-        for (size_t at = text.find(value); at != std::wstring::npos; at = text.find(value, at + replacement.size()))
-        {
-            text.replace(at, length, replacement);
+            Replace(text, value, std::wstring(L"<") + variable + L">");
         }
     }
+    ReplaceMachineNumbers(text);
     return text;
 }
 
