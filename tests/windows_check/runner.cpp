@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <exception>
 #include <map>
 #include <memory>
@@ -15,6 +16,8 @@ namespace windows_check
 {
 namespace
 {
+constexpr wchar_t kSilence[] = L"no answer in ";
+
 // Shared by the check's thread and the one that waits for it, which may go on alone.
 struct Attempt
 {
@@ -46,6 +49,17 @@ LONG WINAPI NoteCrash(EXCEPTION_POINTERS* exception)
     {
         Sleep(INFINITE);
     }
+}
+
+// An exception that nobody catches, on a thread that a check has started.
+[[noreturn]] void NoteTerminate()
+{
+    constexpr DWORD kUncaughtException = 0x20474343;  // how the compiler's exceptions are numbered
+    EXCEPTION_RECORD record = {};
+    record.ExceptionCode = kUncaughtException;
+    EXCEPTION_POINTERS pointers = {&record, nullptr};
+    NoteCrash(&pointers);
+    std::abort();  // not reached
 }
 
 DWORD WINAPI RunOne(void* argument)
@@ -87,7 +101,7 @@ Seen Look(const Check& check, DWORD longestMs)
     current = nullptr;
     if (!isDone)
     {
-        return Saw(L"no answer in " + Number(limitMs / 1000) + L" s");
+        return Saw(kSilence + Number(limitMs / 1000) + L" s");
     }
     if (attempt->crash != 0)
     {
@@ -161,6 +175,12 @@ std::vector<Finding> RunChecks(const std::vector<std::wstring>& only, DWORD long
     }
 
     SetUnhandledExceptionFilter(NoteCrash);
+    std::set_terminate(NoteTerminate);
+    SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);  // no box of the system, whatever happens
+    // Where several did not come back they may hold what others wait for: nobody should wait for hours.
+    constexpr int kSilentOnes = 3;
+    constexpr DWORD kShortMs = 3'000;
+    int silent = 0;
     std::vector<Finding> findings;
     for (const Fact& fact : AllFacts())
     {
@@ -171,7 +191,8 @@ std::vector<Finding> RunChecks(const std::vector<std::wstring>& only, DWORD long
         Finding finding;
         finding.fact = &fact;
         const ULONGLONG start = GetTickCount64();
-        finding.seen = Look(checks.at(fact.id), longestMs);
+        finding.seen = Look(checks.at(fact.id), silent < kSilentOnes ? longestMs : std::min(longestMs, kShortMs));
+        silent += finding.seen.text.starts_with(kSilence) ? 1 : 0;
         finding.milliseconds = static_cast<DWORD>(GetTickCount64() - start);
         if (!finding.seen.applies)
         {
