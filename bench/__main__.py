@@ -25,9 +25,9 @@ from typing import Callable
 
 from bench import downloads, parts, plots, report, runs, size, window
 from bench.figures import Missing, Row, exit_code
+from bench.machine import remove_leftovers
 from bench.settings import FULL, QUICK, Settings
 from lab import paths
-from lab.run import end_orphans
 
 FIGURES: dict[str, tuple[str, Callable[[Settings, Callable[[str], None]], list[Row]]]] = {
     "size": ("size of the exe", parts.size),
@@ -111,7 +111,7 @@ def main(arguments: list[str]) -> int:
     if options.write_docs and options.only:
         parser.error("--write-docs needs all figures")
 
-    end_orphans()
+    remove_leftovers()
     load = os.getloadavg()[0]
     if load > 0.5:
         say(f"something else runs on this machine (load {load:.1f}): look at the quartiles before you believe a figure.")

@@ -8,7 +8,7 @@ import pathlib
 import resource
 import shutil
 import subprocess
-from typing import Any, Iterator
+from typing import Any, Callable, Iterator
 
 from bench.watch import now
 from lab import certificates, paths, run as lab_run
@@ -24,6 +24,7 @@ FLOORS = ("same_calls.exe", "setup_floor.exe")  # these need the driver store as
 TOOL = "TavikCompatibilityTool.exe"
 DOWNLOADS = "Tavik_VLTInstallerDownload"
 INSTALLER = "dwx2_install.exe"
+MEMORY_NAME = "tavik-bench-"  # folders in memory; the number of the process follows
 LIMIT = 600  # seconds for any run
 
 
@@ -50,16 +51,27 @@ def roomy_folder(need: int = 7 << 30) -> pathlib.Path | None:
     return None
 
 
+def remove_leftovers() -> None:
+    """What measurements that were killed have left running, and in memory."""
+    lab_run.end_orphans()
+    place = roomy_folder(0)
+    for folder in place.glob(f"{MEMORY_NAME}*") if place else ():
+        owner = folder.name.removeprefix(MEMORY_NAME).split("-")[0]
+        if owner.isdigit() and not pathlib.Path("/proc", owner).exists():
+            shutil.rmtree(folder, ignore_errors=True)
+
+
 class WarmMachine:
     """Set up like every machine of the lab, then the tool has run on it once. Use it with `with`."""
 
     def __init__(self, description: dict[str, Any], first: str = "-SILENT", shown: bool = False, recorded: bool = False,
-                 when: tuple[str, ...] = ()):
-        """first: the switches of the first run; when: what is done meanwhile (lab/README.md). shown: it has a screen. recorded: calls into SetupAPI and Windows Installer are written down, which takes time."""
+                 when: tuple[str, ...] = (), prepare: Callable[["WarmMachine"], None] = lambda machine: None):
+        """prepare: what else is to be done before the system starts. first: the switches of the first run; when: what is done meanwhile (lab/README.md). shown: it has a screen. recorded: calls into SetupAPI and Windows Installer are written down, which takes time."""
         self.machine = Machine({**description, **({"standins": ["setupapi", "msi"]} if recorded else {})})
         self.folder = lab_run.fresh_folder()
         self.first = first
         self.when = when
+        self.prepare = prepare
         self.shown = shown
         self.recorded = recorded
         self.stack = contextlib.ExitStack()
@@ -87,6 +99,7 @@ class WarmMachine:
         self.logs = self.prefix.drive / lab_run.LOGS
         self._install_programs()
         self._put_downloads_into_memory()
+        self.prepare(self)
         orders = lab_run.orders(self.machine, self.first, late, timeout=LIMIT, when=self.when)
         (self.lab / "watcher.txt").write_text(orders, "utf-8")
         self.stack.callback(self.prefix.stop)
@@ -140,7 +153,7 @@ class WarmMachine:
         if place is None:
             self.downloads.mkdir(exist_ok=True)
             return
-        memory = place / f"tavik-bench-{self.folder.name}"
+        memory = place / f"{MEMORY_NAME}{self.folder.name}"
         memory.mkdir()
         self.stack.callback(shutil.rmtree, memory, ignore_errors=True)
         self.downloads.symlink_to(memory)
