@@ -1,10 +1,12 @@
 #include "base/log.h"
 
+#include <cstdarg>
 #include <iterator>
 
 #include <windows.h>
 
 #include "base/files.h"
+#include "base/text.h"
 
 namespace repair
 {
@@ -31,6 +33,15 @@ HANDLE LogFile()
     static const HANDLE file = OpenLogFile();
     return file;
 }
+
+void Write(const wchar_t* line, size_t length)
+{
+    const HANDLE file = LogFile();
+    DWORD written = 0;
+    WriteFile(file, line, static_cast<DWORD>(length * sizeof(wchar_t)), &written, nullptr);
+    constexpr wchar_t kLineEnd = L'\n';
+    WriteFile(file, &kLineEnd, sizeof(kLineEnd), &written, nullptr);
+}
 }  // namespace
 
 std::wstring GetLogFolder()
@@ -48,10 +59,16 @@ std::wstring GetLogFolder()
 
 void WriteLog(const std::wstring& line)
 {
-    const HANDLE file = LogFile();
-    DWORD written = 0;
-    WriteFile(file, line.data(), static_cast<DWORD>(line.size() * sizeof(wchar_t)), &written, nullptr);
-    constexpr wchar_t kLineEnd = L'\n';
-    WriteFile(file, &kLineEnd, sizeof(kLineEnd), &written, nullptr);
+    Write(line.data(), line.size());
+}
+
+void LogLine(const wchar_t* format, ...)
+{
+    wchar_t buffer[kLongestLine + 1];
+    va_list arguments;
+    va_start(arguments, format);
+    const size_t length = FormatLineInto(buffer, format, arguments);
+    va_end(arguments);
+    Write(buffer, length);
 }
 }  // namespace repair

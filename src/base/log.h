@@ -3,8 +3,6 @@
 
 #include <string>
 
-#include "base/text.h"
-
 namespace repair
 {
 // Folder of the log files, with a trailing backslash, on the drive that holds the Windows directory.
@@ -16,9 +14,5 @@ std::wstring GetLogFolder();
 void WriteLog(const std::wstring& line);
 
 // FormatLine and WriteLog in one step. Throws what WriteLog throws.
-template <typename... Arguments>
-void LogLine(const wchar_t* format, Arguments... arguments)
-{
-    WriteLog(FormatLine(format, arguments...));
-}
+void LogLine(const wchar_t* format, ...);
 }  // namespace repair

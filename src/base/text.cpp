@@ -1,8 +1,9 @@
 #include "base/text.h"
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
+#include <cwchar>
+#include <iterator>
 
 namespace repair
 {
@@ -23,13 +24,20 @@ bool ContainsNoCase(std::wstring haystack, std::wstring needle)
 
 std::wstring FormatLine(const wchar_t* format, ...)
 {
-    wchar_t buffer[kLongestLine + 1] = {};
+    wchar_t buffer[kLongestLine + 1];
     va_list arguments;
     va_start(arguments, format);
+    const size_t length = FormatLineInto(buffer, format, arguments);
+    va_end(arguments);
+    return std::wstring(buffer, length);
+}
+
+size_t FormatLineInto(wchar_t (&buffer)[kLongestLine + 1], const wchar_t* format, va_list arguments)
+{
+    std::fill(std::begin(buffer), std::end(buffer), L'\0');
     // The underscore name is the only one in which "%s" is wide text with every compiler we use.
     _vsnwprintf(buffer, kLongestLine, format, arguments);
-    va_end(arguments);
     buffer[kLongestLine] = L'\0';  // a cut text comes back without a terminator
-    return buffer;
+    return std::wcslen(buffer);
 }
 }  // namespace repair

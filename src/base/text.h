@@ -1,6 +1,7 @@
 // Wide text shared by all folders: comparison and formatting of log lines.
 #pragma once
 
+#include <cstdarg>
 #include <string>
 
 namespace repair
@@ -16,4 +17,7 @@ bool ContainsNoCase(std::wstring haystack, std::wstring needle);
 // narrow text (each byte becomes one character). The result is cut after kLongestLine characters and at the first NUL.
 // A format that the runtime rejects yields what was written before the fault.
 std::wstring FormatLine(const wchar_t* format, ...);
+
+// FormatLine into the caller's memory, terminated; returns the length. For the log, which needs no text of its own.
+size_t FormatLineInto(wchar_t (&buffer)[kLongestLine + 1], const wchar_t* format, va_list arguments);
 }  // namespace repair
