@@ -8,6 +8,7 @@ import pathlib
 import resource
 import shutil
 import subprocess
+import time
 from typing import Any, Callable, Iterator
 
 from bench.watch import now
@@ -25,7 +26,8 @@ TOOL = "TavikCompatibilityTool.exe"
 DOWNLOADS = "Tavik_VLTInstallerDownload"
 INSTALLER = "dwx2_install.exe"
 MEMORY_NAME = "tavik-bench-"  # folders in memory; the number of the process follows
-LIMIT = 600  # seconds for any run
+LIMIT = 600    # seconds for any run
+SETTLE = 0.05  # seconds that the system needs after a program's end; it would be time of the next one
 
 
 @dataclasses.dataclass
@@ -176,6 +178,7 @@ class WarmMachine:
 
     def run(self, program: str, *arguments: str, output: pathlib.Path | None = None) -> Ran:
         with open(output or os.devnull, "wb") as file:
+            time.sleep(SETTLE)
             start = now()
             process = self.start(program, *arguments, output=file.fileno())
             _, status, usage = os.wait4(process.pid, 0)

@@ -44,8 +44,8 @@ def inf_names(settings: Settings, say: Callable[[str], None]) -> list[Row]:
     what = f"section names of an INF of {INF_BYTES / 1e6:g} MB, {INF_LINES:,} lines"
     ours, theirs = ([values[side] / 1000 for values in rounds] for side in (0, 1))
     return [Row("inf", what, "ms", ours, "reading the file once", theirs, "speed", 0.5),
-            Row("inf", "the same, memory in use", "file sizes", [memory / size], limit=2),
-            Row("inf", "the same, stack", "bytes", [stack], "an INF of 80 KB", [small_stack], "difference", 0,
+            Row("inf", "section names, memory in use", "file sizes", [memory / size], limit=2),
+            Row("inf", "section names, stack", "bytes", [stack], "an INF of 80 KB", [small_stack], "difference", 0,
                 "the same however long the file")]
 
 

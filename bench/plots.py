@@ -44,7 +44,7 @@ set xrange [-0.6:{len(values) - 0.4}]
 set boxwidth 0.6
 set style fill solid
 unset key
-plot $data using 1:2:6:xtic(5) with boxes lc rgb variable, $data using 1:2:3:4 with yerrorbars lc rgb 'black' pt 0
+plot $data using 1:2:6:xtic(5) with boxes lc rgb variable, $data using 1:2:3:4 with yerrorbars lc rgb 'black' ps 0
 """
     return draw(file, title, script, width=540)
 

@@ -74,8 +74,8 @@ def test_contestants_take_turns_and_the_first_round_does_not_count():
     def contestant(name):
         return lambda: asked.append(name) or float(len(asked))
     values = turns.take({name: contestant(name) for name in "abc"}, 3, lambda text: None)
-    assert "".join(asked) == "abc" + "abc" + "bca" + "cab"
-    assert values == {"a": [4.0, 9.0, 11.0], "b": [5.0, 7.0, 12.0], "c": [6.0, 8.0, 10.0]}
+    assert "".join(asked) == "abc" + "abc" + "acb" + "cab"
+    assert values == {"a": [4.0, 7.0, 11.0], "b": [5.0, 9.0, 12.0], "c": [6.0, 8.0, 10.0]}
 
 
 def test_table_names_every_row_with_its_verdict():

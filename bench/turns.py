@@ -6,8 +6,8 @@ from typing import Callable
 
 def take(contestants: dict[str, Callable[[], float]], rounds: int, say: Callable[[str], None],
          warm: bool = True) -> dict[str, list[float]]:
-    """Each round asks every contestant once, each time beginning with another one. The first round warms up and does
-    not count."""
+    """Each round asks every contestant once, each time beginning with another one and every other time backwards, so
+    that nobody always follows the same one. The first round warms up and does not count."""
     names = list(contestants)
     values: dict[str, list[float]] = {name: [] for name in names}
     if warm:
@@ -15,7 +15,8 @@ def take(contestants: dict[str, Callable[[], float]], rounds: int, say: Callable
             contestants[name]()
     for number in range(rounds):
         begin = number % len(names)
-        for name in names[begin:] + names[:begin]:
+        order = names[begin:] + names[:begin]
+        for name in order if number % 2 == 0 else reversed(order):
             values[name].append(contestants[name]())
         say(f"{number + 1} of {rounds}: " + ", ".join(f"{name} {values[name][-1]:.4g}" for name in names))
     return values
