@@ -163,8 +163,10 @@ def enumerate_packages(packages: int, size: int, pairs: int, say: Callable[[str]
         return turns.take({"tool": tool, "floor": floor}, pairs, say, warm=False)  # its first run was the warm-up
 
 
-def slope(counts: list[int], seconds: list[float], low: int, high: int) -> float:
-    return (seconds[high] - seconds[low]) / (counts[high] - counts[low])
+def growth(counts: list[int], seconds: list[list[float]], low: int, high: int) -> float:
+    """Milliseconds for each further package, by the medians of two numbers of packages."""
+    middle = [quartiles(values)[1] for values in seconds]
+    return 1000 * (middle[high] - middle[low]) / (counts[high] - counts[low])
 
 
 def enumeration(settings: Settings, say: Callable[[str], None]) -> list[Row]:
@@ -180,11 +182,11 @@ def enumeration(settings: Settings, say: Callable[[str], None]) -> list[Row]:
             judged = 1.15 if count == counts[-1] else None
             rows.append(Row("enumeration", f"{count} driver packages of {what} on {ADAPTERS} adapters", "s", times["tool"],
                             "the same SetupAPI calls", times["floor"], "ratio", judged))
-        per_package = [[1000 * slope(counts, list(pair), low, high) for pair in zip(*tool)]
-                       for low, high in ((0, len(counts) // 2), (len(counts) // 2, -1))] if len(counts) > 2 else []
-        if per_package:
-            first, second = per_package
-            middle = counts[len(counts) // 2]
-            rows.append(Row("enumeration", f"each further package of {what}, {middle} to {counts[-1]}", "ms", second,
-                            f"the tool, {counts[0]} to {middle}", first, "ratio", 1.25, "1 is a straight line"))
+        if len(counts) > 2:
+            half = len(counts) // 2
+            first, second = growth(counts, tool, 0, half), growth(counts, tool, half, -1)
+            if first <= 0:
+                raise RuntimeError("more packages took less time: this machine is too busy to tell anything")
+            rows.append(Row("enumeration", f"each further package of {what}, {counts[half]} to {counts[-1]}", "ms", [second],
+                            f"the tool, {counts[0]} to {counts[half]}", [first], "ratio", 1.25, "1 is a straight line"))
     return rows
