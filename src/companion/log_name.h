@@ -17,7 +17,8 @@ struct LocalTime
     int second = 0;
     int millisecond = 0;
 
-    friend auto operator<=>(const LocalTime&, const LocalTime&) = default;
+    // The analyser takes what the compiler writes for a number that should be a pointer.
+    friend auto operator<=>(const LocalTime&, const LocalTime&) = default;  // NOLINT(modernize-use-nullptr)
 };
 
 // The local time in "InstallVLTForWUDriver_2026-11-6_4_7_31_15.log"; something may stand before and behind, as in the
