@@ -9,7 +9,7 @@ exit code 0 without output that a repair is due. An error is exit code 1 with it
 take the state as not known.
 
 It reads the registry, the list of devices and the list of Store packages, and changes nothing. It gives the same answer in a
-32-bit and in a 64-bit PowerShell. Tested on Linux only, and there the rule alone; never run on a real Windows.
+32-bit and in a 64-bit PowerShell. Only its rule was tested, translated into another language; never run on a real Windows.
 #>
 Set-StrictMode -Version 2.0
 $ErrorActionPreference = 'Stop'
@@ -62,7 +62,7 @@ function Get-StoreVersion {
     return Get-ReleasePrefix ('{0}.{1}' -f $versions[0].Minor, $versions[0].Build)
 }
 
-# The rule. lab/cases/test_deploy.py runs these three functions against the table of the tool's own tests.
+# The rule. lab/cases/test_deploy.py translates these three functions and holds them against the table of the tool's own tests.
 function Get-ReleaseBase([string] $Release) {
     return $Release.Split('-')[0]
 }

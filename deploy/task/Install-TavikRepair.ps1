@@ -8,7 +8,7 @@ Puts the tool onto a machine and registers the task that repairs the application
 Run it again to update the files; -Remove takes task and files away. Source holds TavikCompatibilityTool.exe, TavikToolLog.exe,
 Repair-TavikSoftware.ps1 and TavikRepairAfterDriverUpdate.xml; a share will do.
 
-As a startup script of a Group Policy it works as it is. Never run on a real Windows.
+As a startup script of a Group Policy it needs no parameters. Never run on a real Windows.
 
 .PARAMETER Source
 Where the four files are.
