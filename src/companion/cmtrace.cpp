@@ -40,6 +40,7 @@ constexpr Rule kRules[] = {
     {"\tResult = 0", Severity::Information},
     {"\tResult = 1641", Severity::Warning},  // a restart has begun
     {"\tResult = 3010", Severity::Warning},  // a restart is wanted
+    {"\tResult = 3011", Severity::Warning},  // the same
     {"\tResult = *", Severity::Error},
     {"\t Result = 0*", Severity::Information},
     {"\t Result = *", Severity::Warning},  // of the removal of a Store package

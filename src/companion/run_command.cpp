@@ -109,12 +109,25 @@ bool FirstLineHas(const std::wstring& path, const std::string& mark)
     return found;
 }
 
+// What goes wrong beside the tool is said, but does not take the place of its outcome.
+void Complain(const Failure& failure)
+{
+    WriteError("TavikToolLog: " + std::string(failure.what()) + "\n");
+}
+
 std::map<std::wstring, std::uint64_t> LogTimes(const std::wstring& folder)
 {
     std::map<std::wstring, std::uint64_t> times;
-    for (const LogFile& log : ListLogs(folder))
+    try
     {
-        times[log.name] = std::uint64_t{log.written.dwHighDateTime} << 32 | log.written.dwLowDateTime;
+        for (const LogFile& log : ListLogs(folder))
+        {
+            times[log.name] = std::uint64_t{log.written.dwHighDateTime} << 32 | log.written.dwLowDateTime;
+        }
+    }
+    catch (const Failure& failure)
+    {
+        Complain(failure);
     }
     return times;
 }
@@ -161,7 +174,14 @@ Ended Wait(HANDLE process, int limitSeconds, bool kill)
 
 int Report(const Finding& finding)
 {
-    WriteOutput(ExplainAsJson(finding) + "\n");
+    try
+    {
+        WriteOutput(ExplainAsJson(finding) + "\n");
+    }
+    catch (const Failure& failure)  // there may be no output at all; the code is what counts
+    {
+        Complain(failure);
+    }
     return finding.candidates.size() == 1 ? finding.candidates.front().meaning->code : kUnknownCode;
 }
 }  // namespace
@@ -206,7 +226,14 @@ int RunCommand(std::vector<std::wstring> given)
     Classifier classifier(BuiltInCatalogue(), log ? ToUtf8(*log) : std::string(), ended.exitCode);
     if (log)
     {
-        ReadFileBytes(JoinPath(folder, *log), [&classifier](std::string_view bytes) { classifier.Feed(bytes); });
+        try
+        {
+            ReadFileBytes(JoinPath(folder, *log), [&classifier](std::string_view bytes) { classifier.Feed(bytes); });
+        }
+        catch (const UnreadableFile& failure)  // what was read of it has to do
+        {
+            Complain(failure);
+        }
     }
     Finding finding = classifier.Finish();
     if (!ended.isOver)
