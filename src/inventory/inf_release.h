@@ -13,7 +13,8 @@ std::wstring ReadInfReleaseVersion(const std::wstring& infPath);
 
 // The section names of an INF in file order, duplicates kept. Only lines that are a header and nothing else
 // count: an indented header or one with a comment behind it does not. Each byte of the file is one character, so a
-// UTF-16 file has no sections. Empty when the file cannot be opened. Logs nothing; throws only on failed allocation.
+// UTF-16 file has no sections; CR LF is one line end, and the byte 1A ends the file. Empty when the file cannot be
+// opened. Logs nothing; throws only on failed allocation.
 std::list<std::wstring> ReadInfSectionNames(const std::wstring& infPath);
 
 // Matches a whole line against "\[(.*)\]" (ECMAScript, "." ends at line ends); the group comes back in `name`.
