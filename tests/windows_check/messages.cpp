@@ -84,7 +84,7 @@ Seen OfResult()
 
 Seen OfSetup()
 {
-    // SPAPI_E_NO_DEVICE_INFO and E_INVALIDARG's neighbours as the inventory logs them.
+    // SPAPI_E_NO_SUCH_DEVINST, SPAPI_E_NO_DRIVER_SELECTED, SPAPI_E_WRONG_INF_STYLE: the form that the inventory logs.
     return Shapes({0x800F020B, 0x800F0203, 0x800F0100});
 }
 

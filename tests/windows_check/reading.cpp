@@ -1,4 +1,4 @@
-// Reading a file as text, as the inventory reads INF files.
+// INF files as the inventory reads them, byte by byte: what must come out whatever the system, and who may open a file.
 #include <windows.h>
 
 #include <cstdio>
@@ -81,7 +81,7 @@ Seen Locked()
 Seen DeletedMeanwhile()
 {
     const std::wstring path = Write(L"open.inf", "[A]\r\n");
-    FILE* const file = _wfopen(path.c_str(), L"rt");
+    FILE* const file = _wfopen(path.c_str(), L"rb");
     const BOOL isDeleted = DeleteFileW(path.c_str());
     const DWORD error = GetLastError();
     if (file != nullptr)
