@@ -59,6 +59,10 @@ Seen NameOfMutex()
 
 Seen LocalName()
 {
+    if (ThisMachine().session == 0)
+    {
+        return DoesNotApply(L"in session 0 the session's names are the machine's");
+    }
     const std::wstring name = OwnName(L"local");
     const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, name.c_str());
     const HANDLE local = OpenEventW(SYNCHRONIZE, FALSE, (L"Local\\" + name).c_str());

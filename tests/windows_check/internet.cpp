@@ -129,12 +129,15 @@ Seen TimeoutWithoutRequest()
 {
     DWORD before = 0;
     DWORD size = sizeof(before);
-    InternetQueryOptionW(nullptr, INTERNET_OPTION_RECEIVE_TIMEOUT, &before, &size);
+    const BOOL isKnown = InternetQueryOptionW(nullptr, INTERNET_OPTION_RECEIVE_TIMEOUT, &before, &size);
     DWORD milliseconds = kReceiveTimeoutMs;
     const BOOL isSet =
         InternetSetOptionW(nullptr, INTERNET_OPTION_RECEIVE_TIMEOUT, &milliseconds, sizeof(milliseconds));
     const std::wstring seen = Code(isSet != FALSE);
-    InternetSetOptionW(nullptr, INTERNET_OPTION_RECEIVE_TIMEOUT, &before, sizeof(before));  // of this process
+    if (isKnown != FALSE)
+    {
+        InternetSetOptionW(nullptr, INTERNET_OPTION_RECEIVE_TIMEOUT, &before, sizeof(before));  // of this process
+    }
     return Saw(seen);
 }
 
