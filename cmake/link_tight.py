@@ -12,7 +12,8 @@ what the linker keeps then is what is reachable. These functions get their table
 reachable (clean-up, handlers), and so on until a link keeps no function whose table is left out. That link, with the
 linker's own script but for the two tables, is the program. It takes three or four rounds of a fraction of a second.
 
-Ends with the linker's message and code when a link fails. Beside the program it leaves PROGRAM.map and PROGRAM.ld.
+Ends with the linker's message and code when a link fails, and then leaves the program as it was. Beside the program it
+leaves PROGRAM.map and PROGRAM.ld.
 """
 import re
 import subprocess
@@ -33,7 +34,7 @@ def call(command: list[str], *options: str) -> str:
     if done.returncode != 0:
         sys.stderr.write(done.stdout + done.stderr)
         sys.exit(done.returncode)
-    return done.stdout
+    return done.stdout + done.stderr
 
 
 def usual_script(command: list[str]) -> str:
@@ -73,18 +74,26 @@ def reachable(linker_map: str) -> set[Function]:
 
 def main() -> None:
     command = sys.argv[1:]
-    program = Path(command[command.index("-o") + 1])
+    place = command.index("-o") + 1
+    program = Path(command[place])
+    # Not under its own name before it is complete: what is killed in between must not be taken for it.
+    unfinished = program.with_name(program.name + ".unfinished")
+    command[place] = str(unfinished)
     script_file, map_file = program.with_name(program.name + ".ld"), program.with_name(program.name + ".map")
-    script = usual_script(command)
-    kept: set[Function] = set()
-    for _ in range(ROUNDS):
-        script_file.write_text(with_tables(script, kept), encoding="utf-8")
-        call(command, f"-T,{script_file}", f"-Map={map_file}")
-        there = reachable(map_file.read_text(encoding="utf-8", errors="replace"))
-        if there <= kept:
-            return
-        kept |= there
-    program.unlink()
+    try:
+        script = usual_script(command)
+        kept: set[Function] = set()
+        for _ in range(ROUNDS):
+            script_file.write_text(with_tables(script, kept), encoding="utf-8")
+            said = call(command, f"-T,{script_file}", f"-Map={map_file}")
+            there = reachable(map_file.read_text(encoding="utf-8", errors="replace"))
+            if there <= kept:
+                sys.stderr.write(said)
+                unfinished.replace(program)
+                return
+            kept |= there
+    finally:
+        unfinished.unlink(missing_ok=True)
     sys.exit(f"link_tight.py: after {ROUNDS} rounds there are still functions without their unwind tables.")
 
 
