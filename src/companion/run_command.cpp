@@ -154,13 +154,19 @@ struct Ended
     std::optional<int> exitCode;  // none while it still runs
 };
 
+bool IsOver(HANDLE process, int limitSeconds)
+{
+    return WaitForSingleObject(process, static_cast<DWORD>(limitSeconds) * 1000) == WAIT_OBJECT_0;
+}
+
 Ended Wait(HANDLE process, int limitSeconds, bool kill)
 {
     Ended ended;
-    ended.isOver = WaitForSingleObject(process, static_cast<DWORD>(limitSeconds) * 1000) == WAIT_OBJECT_0;
+    ended.isOver = IsOver(process, limitSeconds);
     if (!ended.isOver && kill)
     {
-        TerminateProcess(process, kKilled);
+        // It may have ended by itself just now; what has ended cannot be ended either.
+        ended.isOver = IsOver(process, 0) || TerminateProcess(process, kKilled) == 0;
         WaitForSingleObject(process, INFINITE);
     }
     if (ended.isOver || kill)
@@ -220,9 +226,13 @@ int RunCommand(std::vector<std::wstring> given)
     }
     const EventHandle process(started.hProcess);  // closed like one
     CloseHandle(started.hThread);
-    const Ended ended = Wait(process.Get(), limit, kill);
+    Ended ended = Wait(process.Get(), limit, kill);
 
     const std::optional<std::wstring> log = FindOwnLog(folder, before, mark);
+    if (!ended.exitCode)
+    {
+        ended = Wait(process.Get(), 0, false);  // it may have ended just now, and its log is whole then
+    }
     Classifier classifier(BuiltInCatalogue(), log ? ToUtf8(*log) : std::string(), ended.exitCode);
     if (log)
     {
