@@ -13,6 +13,18 @@ namespace
 {
 constexpr size_t kMostAtOnce = 16'384;  // a console takes less than 64 KB in one call
 
+// As many of the first bytes as may go out at once, without a part of a character at their end: a console would show
+// the two parts as two unknown ones. A character has four bytes at the most.
+size_t FirstPart(std::string_view bytes)
+{
+    size_t size = std::min(bytes.size(), kMostAtOnce);
+    for (int i = 0; i < 3 && size < bytes.size() && (static_cast<unsigned char>(bytes[size]) & 0xC0) == 0x80; ++i)
+    {
+        --size;
+    }
+    return size;
+}
+
 // False when not all of it could be written; the reason is the last error.
 bool Write(DWORD stream, std::string_view bytes)
 {
@@ -20,7 +32,7 @@ bool Write(DWORD stream, std::string_view bytes)
     while (!bytes.empty())
     {
         DWORD written = 0;
-        const auto size = static_cast<DWORD>(std::min(bytes.size(), kMostAtOnce));
+        const auto size = static_cast<DWORD>(FirstPart(bytes));
         if (WriteFile(handle, bytes.data(), size, &written, nullptr) == 0 || written == 0)
         {
             return false;

@@ -5,6 +5,7 @@
 
 #include "companion/json.h"
 #include "companion/log_name.h"
+#include "companion/unicode.h"
 
 namespace repair
 {
@@ -42,6 +43,18 @@ std::string_view RetryInWords(std::string_view retry)
         return "after a restart";
     }
     return "no";
+}
+
+// A control character of a damaged log would move the cursor of a terminal, or worse.
+std::string Printable(std::string_view utf8)
+{
+    std::string text;
+    for (const char32_t c : ToUtf32(utf8))
+    {
+        const bool isControl = (c < 0x20 && c != U'\t') || (c >= 0x7F && c < 0xA0);
+        AppendUtf8(text, isControl ? U'\uFFFD' : c);
+    }
+    return text;
 }
 
 // "Label      text", the text broken between words and indented.
@@ -82,8 +95,7 @@ std::string Describe(const Candidate& candidate)
     for (const std::string& line : candidate.evidence)
     {
         text += &line == &candidate.evidence.front() ? "Log lines  " : kIndent;
-        text += line;
-        text += "\n";
+        text += Printable(line) + "\n";
     }
     return text;
 }
@@ -129,7 +141,7 @@ Finding ClassifyWithoutLog(const Catalogue& catalogue, std::optional<int> exitCo
 
 std::string ExplainAsText(const Finding& finding)
 {
-    std::string text = Paragraph("Log", finding.log.empty() ? "none" : finding.log);
+    std::string text = Paragraph("Log", finding.log.empty() ? "none" : Printable(finding.log));
     if (const auto began = ParseLogName(finding.log))
     {
         text += Paragraph("Began", FormatLocalTime(*began));

@@ -55,7 +55,7 @@ private:
 // The finding of a run that has left no log.
 Finding ClassifyWithoutLog(const Catalogue& catalogue, std::optional<int> exitCode);
 
-// Several lines, each with a line feed.
+// Several lines, each with a line feed; U+FFFD stands for the control characters of the log but tabs.
 std::string ExplainAsText(const Finding& finding);
 
 // One line without its end. `clean` is applied to every text that comes from the machine: file name and lines.

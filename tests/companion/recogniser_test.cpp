@@ -142,13 +142,26 @@ TEST(Explanation, SaysItInOneLineForPrograms)
     EXPECT_THAT(json, testing::EndsWith("\"damage\":[]}"));
 }
 
+TEST(Explanation, KeepsControlCharactersFromTheTerminal)
+{
+    Classifier classifier(BuiltInCatalogue(), "a\x1B.log", 1618);
+    classifier.Feed(
+        "Launched with command line: \"x\"\nCurrently installed VLT is version [1] from driver version [1]\n"
+        "Installing \x1B[2J\x07\x7F\u009B\u00A0\xC3\xBC dwx-next64.msi\n\tResult = 1618\n");
+    const std::string text = ExplainAsText(classifier.Finish());
+    EXPECT_THAT(text, HasSubstr("Log        a\uFFFD.log\n"));
+    EXPECT_THAT(
+        text,
+        HasSubstr("Installing \uFFFD[2J\uFFFD\uFFFD\uFFFD\u00A0\xC3\xBC dwx-next64.msi\n           \tResult = 1618\n"));
+}
+
 TEST(Explanation, CleansWhatComesFromTheMachine)
 {
-    Classifier classifier(BuiltInCatalogue(), "kim.log", std::nullopt);
-    classifier.Feed("a line of kim\n");
+    Classifier classifier(BuiltInCatalogue(), "owner.log", std::nullopt);
+    classifier.Feed("a line of owner\n");
     const auto clean = [](std::string_view) { return std::string("CLEAN"); };
     const std::string json = ExplainAsJson(classifier.Finish(), clean);
-    EXPECT_THAT(json, testing::Not(HasSubstr("kim")));
+    EXPECT_THAT(json, testing::Not(HasSubstr("owner")));
     EXPECT_THAT(json, HasSubstr("\"log\":\"CLEAN\""));
     EXPECT_THAT(json, HasSubstr("\"last_line\":\"CLEAN\""));
 }
