@@ -84,10 +84,18 @@ void Check(bool written)
     }
 }
 
+// Windows allows no brackets in the name of a file, so that its Explorer would not unpack it.
+std::string NameInArchive(const std::wstring& name, const Redactor& redactor)
+{
+    std::string clean = redactor.Redact(ToUtf8(name));
+    std::erase_if(clean, [](char c) { return c == '<' || c == '>'; });
+    return clean;
+}
+
 // The second time: into the archive.
 void Pack(const std::wstring& folder, const CollectedLog& log, const Redactor& redactor, ZipArchive& archive)
 {
-    Check(archive.Begin(redactor.Redact(ToUtf8(log.name)), ParseLogName(ToUtf8(log.name)).value_or(LocalTime())));
+    Check(archive.Begin(NameInArchive(log.name, redactor), ParseLogName(ToUtf8(log.name)).value_or(LocalTime())));
     std::string buffer;
     LineReader reader([&](const Line& line) {
         buffer += redactor.Redact(line.text);
@@ -176,6 +184,12 @@ int CollectCommand(std::vector<std::wstring> given)
     summaryFile.Append(summary);
     file.Keep();
     summaryFile.Keep();
+    if (redactor.IsFull())
+    {
+        WriteError("TavikToolLog: the logs hold more than " + std::to_string(Redactor::kMostLearnt) +
+                   " names of users and machines; the last ones have been left in\n");
+        result = kFailed;
+    }
     WriteOutput(std::to_string(logs.size()) + (logs.size() == 1 ? " log in " : " logs in ") +
                 ToUtf8(JoinPath(folder, kBundle)) + ", summary in " + ToUtf8(JoinPath(folder, kSummary)) + "\n");
     return result;

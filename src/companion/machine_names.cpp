@@ -47,7 +47,7 @@ void AddProfiles(Redactor& redactor)
         {
             try
             {
-                redactor.Add(NameKind::User, ToUtf8(FileNameOf(ReadRegistryString(profiles, name, kProfilePath))));
+                redactor.AddProfile(ToUtf8(FileNameOf(ReadRegistryString(profiles, name, kProfilePath))));
             }
             catch (const RegKeyError&)  // a key without a path is no profile
             {

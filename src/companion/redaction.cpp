@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <utility>
 
 #include "companion/unicode.h"
@@ -14,13 +15,11 @@ using Text = std::u32string_view;
 
 // Nobody's names. An account of one of them is as good as none, and the words stand in texts of the tool.
 constexpr std::array kNobody = {
-    Text(U"administrator"), Text(U"administrators"),  Text(U"all users"),
-    Text(U"default"),       Text(U"default user"),    Text(U"everyone"),
-    Text(U"guest"),         Text(U"local service"),   Text(U"localhost"),
-    Text(U"localservice"),  Text(U"network service"), Text(U"networkservice"),
-    Text(U"public"),        Text(U"system"),          Text(U"systemprofile"),
-    Text(U"users"),         Text(U"workgroup"),       Text(U"127.0.0.1"),
-    Text(U"::1"),
+    Text(U"administrator"), Text(U"administrators"), Text(U"all users"),       Text(U"default"),
+    Text(U"default user"),  Text(U"everyone"),       Text(U"guest"),           Text(U"local service"),
+    Text(U"localhost"),     Text(U"localservice"),   Text(U"network service"), Text(U"networkservice"),
+    Text(U"public"),        Text(U"system"),         Text(U"systemprofile"),   Text(U"temp"),
+    Text(U"users"),         Text(U"workgroup"),      Text(U"127.0.0.1"),       Text(U"::1"),
 };
 
 // What stands before a backslash without being the domain of an account: roots of the registry, buses, and the second
@@ -32,9 +31,10 @@ constexpr std::array kNoDomain = {
 };
 
 // Endings that make the part behind the backslash a file.
-constexpr std::array kFileEndings = {Text(U".bat"), Text(U".cab"), Text(U".cmd"), Text(U".dll"),
-                                     Text(U".exe"), Text(U".inf"), Text(U".log"), Text(U".msi"),
-                                     Text(U".ps1"), Text(U".tmp"), Text(U".txt"), Text(U".zip")};
+constexpr std::array kFileEndings = {
+    Text(U".bat"), Text(U".cab"), Text(U".cmd"), Text(U".dll"), Text(U".exe"), Text(U".inf"), Text(U".ini"),
+    Text(U".log"), Text(U".msi"), Text(U".ps1"), Text(U".tmp"), Text(U".txt"), Text(U".zip"),
+};
 
 constexpr std::array kProfileFolders = {Text(U"\\users\\"), Text(U"/users/"), Text(U"\\documents and settings\\")};
 
@@ -67,16 +67,6 @@ std::u32string FoldText(std::u32string text)
     return text;
 }
 
-std::string ToUtf8(Text text)
-{
-    std::string utf8;
-    for (const char32_t c : text)
-    {
-        AppendUtf8(utf8, c);
-    }
-    return utf8;
-}
-
 Text Trimmed(Text text)
 {
     while (text.ends_with(U' ') || text.ends_with(U'.'))
@@ -93,6 +83,19 @@ Text Trimmed(Text text)
 bool IsFile(Text text)
 {
     return std::ranges::any_of(kFileEndings, [text](Text ending) { return text.ends_with(ending); });
+}
+
+// "owner.domain.000": that, "owner.domain" and "owner". One letter is an initial.
+std::vector<Text> NamesOfProfile(Text folder)
+{
+    std::vector<Text> names = {folder};
+    size_t dot = IsFile(folder) ? Text::npos : folder.rfind(U'.');
+    while (dot != Text::npos && dot > 1)
+    {
+        names.push_back(folder.substr(0, dot));
+        dot = folder.rfind(U'.', dot - 1);
+    }
+    return names;
 }
 
 // The authority of an address: what stands between "://" and the path.
@@ -116,17 +119,54 @@ Text AuthorityAt(Text text, size_t at)
 
 void Redactor::Add(NameKind kind, std::string_view name)
 {
-    const std::u32string folded = FoldText(std::u32string(Trimmed(ToUtf32(name))));
-    if (folded.empty() || IsOneOf(folded, kNobody) || known_.contains(folded))
+    Put(kind, FoldText(ToUtf32(name)));
+}
+
+void Redactor::AddProfile(std::string_view folder)
+{
+    const std::u32string folded = FoldText(ToUtf32(folder));
+    for (const Text name : NamesOfProfile(folded))
+    {
+        Put(NameKind::User, name);
+    }
+}
+
+void Redactor::LearnName(NameKind kind, std::u32string_view name)
+{
+    if (name.size() > kLongestDomain || !IsWanted(name))
+    {
+        return;
+    }
+    if (learnt_ == kMostLearnt)
+    {
+        isFull_ = true;
+        return;
+    }
+    ++learnt_;
+    Put(kind, name);
+}
+
+// Somebody's name that is not there yet.
+bool Redactor::IsWanted(std::u32string_view name) const
+{
+    const Text trimmed = Trimmed(name);
+    return !trimmed.empty() && !IsOneOf(trimmed, kNobody) && !known_.contains(std::u32string(trimmed));
+}
+
+void Redactor::Put(NameKind kind, std::u32string_view name)
+{
+    if (!IsWanted(name))
     {
         return;
     }
     constexpr std::string_view kWords[] = {"user", "machine", "domain"};
     const auto index = static_cast<size_t>(kind);
+    const std::u32string folded(Trimmed(name));
     known_.emplace(folded, false);
     std::vector<Name>& same = names_[folded.front()];
-    same.push_back({folded, "<" + std::string(kWords[index]) + std::to_string(++counts_[index]) + ">"});
-    std::ranges::stable_sort(same, [](const Name& a, const Name& b) { return a.folded.size() > b.folded.size(); });
+    const auto place = std::ranges::upper_bound(same, folded.size(), std::ranges::greater(),
+                                                [](const Name& other) { return other.folded.size(); });
+    same.insert(place, {folded, "<" + std::string(kWords[index]) + std::to_string(++counts_[index]) + ">"});
 }
 
 void Redactor::KeepHost(std::string_view host)
@@ -154,7 +194,11 @@ void Redactor::LearnProfile(std::u32string_view text)
         for (size_t at = text.find(folder); at != Text::npos; at = text.find(folder, at + 1))
         {
             const Text rest = text.substr(at + folder.size());
-            Add(NameKind::User, ToUtf8(rest.substr(0, std::min(rest.find_first_of(kNotInAccounts), kLongestUser))));
+            const Text name = rest.substr(0, std::min(rest.find_first_of(kNotInAccounts), kLongestUser));
+            for (const Text part : NamesOfProfile(name))
+            {
+                LearnName(NameKind::User, part);
+            }
         }
     }
 }
@@ -195,15 +239,15 @@ void Redactor::LearnWord(std::u32string_view word)
     {
         if (after.find(U'.') != Text::npos)
         {
-            Add(NameKind::User, ToUtf8(before));
-            Add(NameKind::Domain, ToUtf8(after));
+            LearnName(NameKind::User, before);
+            LearnName(NameKind::Domain, after);
         }
     }
     else if (!IsFile(after) && before.size() <= kLongestDomain && after.size() <= kLongestUser &&
              !IsOneOf(before, kNoDomain))
     {
-        Add(NameKind::Domain, ToUtf8(before));
-        Add(NameKind::User, ToUtf8(after));
+        LearnName(NameKind::Domain, before);
+        LearnName(NameKind::User, after);
     }
 }
 
@@ -216,7 +260,7 @@ void Redactor::LearnHosts(std::u32string_view text)
         host.remove_prefix(user == Text::npos ? 0 : user + 1);
         host = host.starts_with(U'[') ? host.substr(1, std::max<size_t>(host.find(U']'), 1) - 1)
                                       : host.substr(0, std::min(host.find(U':'), host.size()));
-        Add(NameKind::Machine, ToUtf8(host));
+        LearnName(NameKind::Machine, host);
     }
     constexpr Text kShare = U"\\\\";
     for (size_t at = text.find(kShare); at != Text::npos; at = text.find(kShare, at + 1))
@@ -229,7 +273,7 @@ void Redactor::LearnHosts(std::u32string_view text)
         const Text host = rest.substr(0, std::min(rest.find(U'\\'), rest.size()));
         if (begins && host.size() < rest.size() && host != U"." && std::ranges::all_of(host, IsNameCharacter))
         {
-            Add(NameKind::Machine, ToUtf8(host));
+            LearnName(NameKind::Machine, host);
         }
     }
 }
