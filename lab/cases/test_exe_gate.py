@@ -173,7 +173,7 @@ DOCTORED = {
     "name of the file": (swap(wide("OriginalFilename"), wide("OriginalFilenam_")), "the text OriginalFilename is None"),
     "path of the build": (paste(str(paths.ROOT).encode()), f"there is a trace of the build in it: {paths.ROOT}"),
     "wide path of the build": (paste(wide(str(paths.ROOT))), f"there is a trace of the build in it: {paths.ROOT}"),
-    "somebody's folder": (paste(b"/home/" + b"kim/x"), "there is a trace of the build in it: /home/"),
+    "somebody's folder": (paste(b"/home/" + b"somebody/x"), "there is a trace of the build in it: /home/"),
     "path of a source": (paste(b"base/log.cpp"), "there is a trace of the build in it: .cpp"),
     "wide path of a source": (paste(wide("app\\main.cpp")), "there is a trace of the build in it: .cpp"),
     "user": (paste(f"/{USER}/".encode()), f"there is a trace of the build in it: /{USER}/"),
