@@ -195,8 +195,13 @@ Seen MarkerIsGone()
 {
     if (OfFolder(L"result").applies)
     {
-        const std::wstring marker = ThisMachine().folder + L"\\secure\\LPInstaller\\~.tmp";
-        return Saw(GetFileAttributesW(marker.c_str()) == INVALID_FILE_ATTRIBUTES ? L"gone" : L"still there");
+        const std::wstring folder = ThisMachine().folder + L"\\secure\\LPInstaller";
+        if (FolderAnswer()[L"has marker"] != L"yes" || GetFileAttributesW(folder.c_str()) == INVALID_FILE_ATTRIBUTES)
+        {
+            return Saw(L"no marker that could go");
+        }
+        const DWORD attributes = GetFileAttributesW((folder + L"\\~.tmp").c_str());
+        return Saw(attributes == INVALID_FILE_ATTRIBUTES ? L"gone" : L"still there");
     }
     return OfFolder(L"result");
 }
@@ -291,6 +296,7 @@ int FolderProbe(int count, wchar_t** arguments)
     TellRights(L"inside", WriteBytes(folder + L"\\unpacked", "x"));
 
     const std::wstring marker = folder + L"\\~.tmp";
+    Tell(L"has marker", YesNo(GetFileAttributesW(marker.c_str()) != INVALID_FILE_ATTRIBUTES));
     const HANDLE opened = CreateFileW(marker.c_str(), GENERIC_READ, 7, nullptr, OPEN_EXISTING, 0, nullptr);
     std::wstring seen = L"opened " + Code(opened != INVALID_HANDLE_VALUE);
     seen += L", deleted " + Code(DeleteFileW(marker.c_str()) != 0);

@@ -46,6 +46,10 @@ Seen Ends()
 {
     repair::StatusWindow window;
     repair::StartStatusWindow(window, GetModuleHandleW(nullptr), true);
+    if (!window.ready)
+    {
+        return Saw(L"no window that could end");
+    }
     const ULONGLONG start = GetTickCount64();
     repair::StopStatusWindow(window);
     const ULONGLONG then = GetTickCount64() - start;
