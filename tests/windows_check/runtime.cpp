@@ -30,6 +30,12 @@ namespace
 {
 constexpr UINT32 kMainPackages = 1;
 
+// An interface that nobody has.
+struct Nobodys
+{
+    static constexpr GUID kIid = {0x5B0D31C4, 0x9E4F, 0x4D3B, {0x8A, 0x61, 0x27, 0xC0, 0x5E, 0x12, 0xF9, 0x04}};
+};
+
 std::wstring Told(const repair::WinrtError& error)
 {
     return ResultOf(error.code);
@@ -309,6 +315,32 @@ Seen PackageClasses()
     });
 }
 
+Seen PackageInterfaces()
+{
+    return OfEachPackage(L"yes yes yes yes, another 0x80004002", [](abi::IPackage* package, std::wstring&) {
+        const auto package3 = repair::QueryFor<abi::IPackage3>(package);
+        abi::IPackageStatus* found = nullptr;
+        const HRESULT code = package3.Get()->get_Status(&found);
+        const Reference<abi::IPackageStatus> status = repair::TakeObject(code, found);
+        // The last one has an id that nothing answers: the others can be refused.
+        return Answers<abi::IPackage>(package) + L" " + Answers<abi::IPackage3>(package) + L" " +
+               Answers<abi::IPackageId>(IdOf(package).Get()) + L" " + Answers<abi::IPackageStatus>(status.Get()) +
+               L", another " + Answers<Nobodys>(package);
+    });
+}
+
+Seen ListInterfaces()
+{
+    return Guarded([] {
+        const Reference<abi::IPackageIterable> packages = Packages();
+        abi::IPackageIterator* first = nullptr;
+        const HRESULT code = packages.Get()->First(&first);
+        const Reference<abi::IPackageIterator> iterator = repair::TakeObject(code, first);
+        return Saw(Answers<abi::IPackageIterable>(packages.Get()) + L" " +
+                   Answers<abi::IPackageIterator>(iterator.Get()));
+    });
+}
+
 Seen PackageNames()
 {
     return OfEachPackage(L"plausible", [](abi::IPackage* package, std::wstring& detail) {
@@ -419,6 +451,8 @@ std::vector<Check> RuntimeChecks()
         {"runtime.all_packages", AllPackages, 60'000},
         {"runtime.all_packages_refused", AllPackagesRefused, 60'000},
         {"runtime.package_classes", PackageClasses, 60'000},
+        {"runtime.package_interfaces", PackageInterfaces, 60'000},
+        {"runtime.list_interfaces", ListInterfaces, 60'000},
         {"runtime.package_names", PackageNames, 60'000},
         {"runtime.package_status", PackageStatus, 120'000},
         {"runtime.past_the_end", PastTheEnd, 60'000},
