@@ -64,7 +64,13 @@ def bare():
     with Prefix.copy(template(), paths.RUNS / f"windows-check-{os.getpid()}") as prefix:
         (prefix.drive / "lab").mkdir()
         replace_file(prefix.drive / "lab" / PROGRAM.name, paths.need(PROGRAM).read_bytes())
-        prefix.start()
+        # What the program makes is open to everybody here unless it closes it itself, as in the temporary folder of the
+        # system account; from an open folder it starts nothing, which would be a new difference.
+        before = os.umask(0)
+        try:
+            prefix.start()
+        finally:
+            os.umask(before)
         prefix.wine("wineboot")
         yield prefix
 

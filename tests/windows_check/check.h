@@ -31,11 +31,12 @@ inline Seen DoesNotApply(std::wstring reason)
 // The machine and what the program has made on it for itself.
 struct Machine
 {
-    std::wstring program;  // full path of this program
-    std::wstring folder;   // temporary folder of this run, without a trailing backslash
-    std::wstring key;      // volatile key of this run, below HKEY_CURRENT_USER
-    std::wstring version;  // 10.0.22631
-    std::string wine;      // empty on Windows
+    std::wstring program;       // full path of this program
+    std::wstring folder;        // temporary folder of this run, without a trailing backslash
+    bool isFolderOurs = false;  // nobody but this account, administrators and the system can write into it
+    std::wstring key;           // volatile key of this run, below HKEY_CURRENT_USER
+    std::wstring version;       // 10.0.22631
+    std::string wine;           // empty on Windows
     DWORD session = 0;
     bool isElevated = false;
     bool isInteractive = false;              // somebody could see a window

@@ -257,12 +257,20 @@ Answer AskCopy(const wchar_t* how)
 
 Seen PlantedCopyIsPassedOver()
 {
+    if (!ThisMachine().isFolderOurs)
+    {
+        return DoesNotApply(kFolderIsOpen);
+    }
     const Answer answer = AskCopy(L"restricted");
     return Saw(answer[L"place"], answer[L"path"]);
 }
 
 Seen PlantedCopyWouldBeTaken()
 {
+    if (!ThisMachine().isFolderOurs)
+    {
+        return DoesNotApply(kFolderIsOpen);
+    }
     const Answer answer = AskCopy(L"free");
     return Saw(answer[L"place"], answer[L"path"]);
 }

@@ -1,16 +1,23 @@
 #include "windows_check/own_things.h"
 
 #include <windows.h>
+#include <aclapi.h>
+#include <sddl.h>
 
+#include <atomic>
 #include <stdexcept>
 #include <vector>
 
+#include "base/handles.h"
 #include "windows_check/check.h"
 
 namespace windows_check
 {
 namespace
 {
+// Open while the program runs, so that nobody can put another folder into the place of the own one.
+std::atomic<HANDLE> folderInUse = INVALID_HANDLE_VALUE;
+
 // With the prefix paths may be of any length.
 std::wstring Unlimited(const std::wstring& path)
 {
@@ -58,6 +65,95 @@ void RemoveTree(const std::wstring& path, DWORD attributes)
     }
     RemoveDirectoryW(Unlimited(path).c_str());
 }
+
+std::vector<BYTE> SidOfAccount()
+{
+    HANDLE token = nullptr;
+    alignas(TOKEN_USER) BYTE bytes[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE] = {};
+    DWORD size = 0;
+    std::vector<BYTE> sid(SECURITY_MAX_SID_SIZE);
+    const bool isKnown =
+        OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token) != 0 &&
+        GetTokenInformation(token, TokenUser, bytes, sizeof(bytes), &size) != 0 &&
+        CopySid(SECURITY_MAX_SID_SIZE, sid.data(), reinterpret_cast<TOKEN_USER*>(bytes)->User.Sid) != 0;
+    if (token != nullptr)
+    {
+        CloseHandle(token);
+    }
+    return isKnown ? sid : std::vector<BYTE>();
+}
+
+// Full control, also below, for the account, administrators and the system, and nothing handed down from above. Nothing
+// when the list cannot be made.
+repair::LocalMemory ClosedToOthers(std::vector<BYTE>& account)
+{
+    wchar_t* text = nullptr;
+    if (account.empty() || ConvertSidToStringSidW(account.data(), &text) == 0)
+    {
+        return {};
+    }
+    const repair::LocalMemory owner(text);
+    const std::wstring list = L"D:P(A;OICI;FA;;;" + std::wstring(text) + L")(A;OICI;FA;;;BA)(A;OICI;FA;;;SY)";
+    void* descriptor = nullptr;
+    ConvertStringSecurityDescriptorToSecurityDescriptorW(list.c_str(), SDDL_REVISION_1, &descriptor, nullptr);
+    return repair::LocalMemory(descriptor);
+}
+
+bool IsTrusted(void* sid, std::vector<BYTE>& account)
+{
+    return EqualSid(sid, account.data()) != 0 || IsWellKnownSid(sid, WinBuiltinAdministratorsSid) != 0 ||
+           IsWellKnownSid(sid, WinLocalSystemSid) != 0;
+}
+
+// Asked of the folder itself: there are disks that keep no rights, and folders on servers that keep others.
+bool IsClosedToOthers(HANDLE folder, std::vector<BYTE>& account)
+{
+    constexpr DWORD kReading = FILE_GENERIC_READ | FILE_GENERIC_EXECUTE | GENERIC_READ | GENERIC_EXECUTE;
+    void* owner = nullptr;
+    ACL* list = nullptr;
+    void* descriptor = nullptr;
+    const DWORD result = GetSecurityInfo(folder, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION,
+                                         &owner, nullptr, &list, nullptr, &descriptor);
+    const repair::LocalMemory memory(descriptor);
+    if (result != ERROR_SUCCESS || list == nullptr || owner == nullptr || !IsTrusted(owner, account))
+    {
+        return false;
+    }
+    for (WORD i = 0; i < list->AceCount; ++i)
+    {
+        void* found = nullptr;
+        if (GetAce(list, i, &found) == 0)
+        {
+            return false;
+        }
+        auto* const entry = static_cast<ACCESS_ALLOWED_ACE*>(found);
+        const bool isRefusal = entry->Header.AceType == ACCESS_DENIED_ACE_TYPE;
+        const bool isPlain = entry->Header.AceType == ACCESS_ALLOWED_ACE_TYPE;
+        if (!isRefusal && (!isPlain || ((entry->Mask & ~kReading) != 0 && !IsTrusted(&entry->SidStart, account))))
+        {
+            return false;
+        }
+    }
+    return true;
+}
+
+// True when the folder is new.
+bool MakeOwnFolder(const std::wstring& folder)
+{
+    std::vector<BYTE> account = SidOfAccount();
+    const repair::LocalMemory descriptor = ClosedToOthers(account);
+    SECURITY_ATTRIBUTES attributes = {sizeof(attributes), descriptor.Get(), FALSE};
+    if (CreateDirectoryW(folder.c_str(), descriptor ? &attributes : nullptr) == 0)
+    {
+        return false;
+    }
+    const HANDLE opened =
+        CreateFileW(folder.c_str(), FILE_LIST_DIRECTORY | READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                    OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+    folderInUse = opened;
+    ThisMachine().isFolderOurs = descriptor && opened != INVALID_HANDLE_VALUE && IsClosedToOthers(opened, account);
+    return true;
+}
 }  // namespace
 
 Machine& ThisMachine()
@@ -75,7 +171,7 @@ bool MakeOwnThings()
     // The long form: the temporary folder may be given by short names, which would spoil comparisons.
     const DWORD length = GetLongPathNameW(temporary, whole, MAX_PATH + 1);
     const std::wstring folder = std::wstring(length > 0 && length <= MAX_PATH ? whole : temporary) + name;
-    if (CreateDirectoryW(folder.c_str(), nullptr) == 0)
+    if (!MakeOwnFolder(folder))
     {
         return false;
     }
@@ -98,6 +194,10 @@ bool RemoveOwnThings()
     bool isLeft = false;
     if (!machine.folder.empty())
     {
+        if (const HANDLE folder = folderInUse.exchange(INVALID_HANDLE_VALUE); folder != INVALID_HANDLE_VALUE)
+        {
+            CloseHandle(folder);
+        }
         // A program that has just ended, or a virus scanner, may hold a file for a moment.
         for (int attempt = 0; attempt < 50 && IsThere(machine.folder); ++attempt)
         {

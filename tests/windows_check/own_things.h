@@ -6,12 +6,17 @@
 
 namespace windows_check
 {
-// Makes both and enters them into ThisMachine(). False when that is not possible.
+// Makes both and enters them into ThisMachine(). False when that is not possible. The folder is closed to other users,
+// and cannot be renamed or removed while the program runs; where that did not work `isFolderOurs` stays false.
 bool MakeOwnThings();
 
 // Removes both, also what checks that failed have left in them; links are never followed. False when something is left.
 // May be called more than once, from any thread.
 bool RemoveOwnThings();
+
+// What a check says instead of starting a program from the own folder, or in it, when that is open to other users.
+inline constexpr wchar_t kFolderIsOpen[] =
+    L"the program's temporary folder could not be closed to other users, so nothing is started from it";
 
 // A folder for one check, below the own folder; its full path.
 std::wstring MakeFolder(const std::wstring& name);

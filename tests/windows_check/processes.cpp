@@ -124,6 +124,10 @@ Seen ShellMissingWorkingFolder()
 
 Seen ShellParameters()
 {
+    if (!ThisMachine().isFolderOurs)
+    {
+        return DoesNotApply(kFolderIsOpen);
+    }
     const std::wstring folder = MakeFolder(L"parameters");
     const std::wstring output = folder + L"\\a b.txt";
     const std::wstring parameters = L"--probe arguments \"" + output + L"\" /NCRC /S /D=C:\\a b\\c";
@@ -147,6 +151,10 @@ Seen ShellParameters()
 
 Seen ShellLockedProgram()
 {
+    if (!ThisMachine().isFolderOurs)
+    {
+        return DoesNotApply(kFolderIsOpen);
+    }
     const std::wstring program = MakeFolder(L"start") + L"\\locked.exe";
     CopyFileW(ThisMachine().program.c_str(), program.c_str(), FALSE);
     const HANDLE file = CreateFileW(program.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
@@ -157,6 +165,10 @@ Seen ShellLockedProgram()
 
 Seen ShellHeldProgram()
 {
+    if (!ThisMachine().isFolderOurs)
+    {
+        return DoesNotApply(kFolderIsOpen);
+    }
     const std::wstring program = MakeFolder(L"start") + L"\\held.exe";
     CopyFileW(ThisMachine().program.c_str(), program.c_str(), FALSE);
     const HANDLE file = CreateFileW(program.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
@@ -173,6 +185,10 @@ Seen TaskKillNobody()
 
 Seen TaskKillOne()
 {
+    if (!ThisMachine().isFolderOurs)
+    {
+        return DoesNotApply(kFolderIsOpen);
+    }
     // A copy of this program under a name that nothing else has.
     const std::wstring name = L"TavikWindowsCheckEnd" + Number(GetCurrentProcessId()) + L".exe";
     const std::wstring program = MakeFolder(L"start") + L"\\" + name;
