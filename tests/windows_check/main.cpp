@@ -35,10 +35,11 @@ void Print(const std::string& text)
     WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
 }
 
-// Ctrl+C and a closed console: what was made is removed all the same.
+// Ctrl+C and a closed console: what was made is removed all the same, and the console is as before.
 BOOL WINAPI RemoveAndEnd(DWORD)
 {
     RemoveOwnThings();
+    GiveConsoleBack();
     return FALSE;
 }
 
@@ -189,10 +190,9 @@ int wmain(int count, wchar_t** arguments)
             return kNotMade;
         }
     }
-    const UINT codePage = GetConsoleOutputCP();  // the console outlives this program
-    SetConsoleOutputCP(CP_UTF8);
+    TakeConsole();
     const int result = RunAll(wishes);
-    SetConsoleOutputCP(codePage);
+    GiveConsoleBack();
     // Threads of checks that did not come back must not hold the end up.
     TerminateProcess(GetCurrentProcess(), static_cast<UINT>(result));
     return result;

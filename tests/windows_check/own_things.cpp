@@ -18,6 +18,8 @@ namespace
 // Open while the program runs, so that nobody can put another folder into the place of the own one.
 std::atomic<HANDLE> folderInUse = INVALID_HANDLE_VALUE;
 
+std::atomic<UINT> codePageBefore = 0;
+
 // With the prefix paths may be of any length.
 std::wstring Unlimited(const std::wstring& path)
 {
@@ -212,6 +214,20 @@ bool RemoveOwnThings()
         isLeft = isLeft || (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND);
     }
     return !isLeft;
+}
+
+void TakeConsole()
+{
+    codePageBefore = GetConsoleOutputCP();
+    SetConsoleOutputCP(CP_UTF8);
+}
+
+void GiveConsoleBack()
+{
+    if (const UINT before = codePageBefore.exchange(0))
+    {
+        SetConsoleOutputCP(before);
+    }
 }
 
 std::wstring MakeFolder(const std::wstring& name)

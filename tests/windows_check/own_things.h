@@ -14,6 +14,11 @@ bool MakeOwnThings();
 // May be called more than once, from any thread.
 bool RemoveOwnThings();
 
+// The console shows UTF-8 from here on, and what it showed before: it outlives this program. Giving it back may be done
+// more than once, from any thread.
+void TakeConsole();
+void GiveConsoleBack();
+
 // What a check says instead of starting a program from the own folder, or in it, when that is open to other users.
 inline constexpr wchar_t kFolderIsOpen[] =
     L"the program's temporary folder could not be closed to other users, so nothing is started from it";

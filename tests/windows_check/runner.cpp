@@ -10,6 +10,7 @@
 #include <memory>
 #include <string_view>
 
+#include "windows_check/own_things.h"
 #include "windows_check/words.h"
 
 namespace windows_check
@@ -37,9 +38,39 @@ struct Attempt
 // The one that is being waited for; only a crash looks at it.
 std::atomic<Attempt*> current = nullptr;
 
-// A crash ends the check, not the program: its thread never goes on.
+DWORD mainThread = 0;  // the one that runs the checks
+
+// The program itself is broken: what it made is removed and the console given back, as far as that still works.
+[[noreturn]] void EndBroken(DWORD code)
+{
+    constexpr UINT kNotMade = 2;  // the checks could not be made
+    constexpr DWORD kPatienceMs = 15'000;
+    static DWORD crash;
+    crash = code;
+    // On a thread of its own: the stack of this one may be used up, and a lock that it holds must not keep it for ever.
+    const HANDLE cleaner = CreateThread(
+        nullptr, 0,
+        [](void*) -> DWORD {
+            const std::string text = Utf8(L"\nThe program itself crashed: " + Hex(crash) + L"\n");
+            DWORD written = 0;
+            WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+            RemoveOwnThings();
+            GiveConsoleBack();
+            return 0;
+        },
+        nullptr, 0, nullptr);
+    WaitForSingleObject(cleaner, kPatienceMs);
+    TerminateProcess(GetCurrentProcess(), kNotMade);
+    std::abort();  // not reached
+}
+
+// A crash ends the check, not the program: its thread never goes on. One outside of the checks ends the program.
 LONG WINAPI NoteCrash(EXCEPTION_POINTERS* exception)
 {
+    if (GetCurrentThreadId() == mainThread)
+    {
+        EndBroken(exception->ExceptionRecord->ExceptionCode);
+    }
     if (Attempt* const attempt = current.load())
     {
         attempt->crash = exception->ExceptionRecord->ExceptionCode;
@@ -174,6 +205,7 @@ std::vector<Finding> RunChecks(const std::vector<std::wstring>& only, DWORD long
         return {};
     }
 
+    mainThread = GetCurrentThreadId();
     SetUnhandledExceptionFilter(NoteCrash);
     std::set_terminate(NoteTerminate);
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);  // no box of the system, whatever happens
