@@ -1,13 +1,9 @@
-"""What the cases of the deployment kit share: its scripts as modules (they have no ending that would make them some), and a
-maker of signed installers with certificate authorities of its own."""
+"""What the cases of the deployment kit share: its places, and a maker of signed installers with certificate authorities of its
+own."""
 from __future__ import annotations
 
-import importlib.machinery
-import importlib.util
 import pathlib
 import subprocess
-import sys
-import types
 
 from lab import paths
 
@@ -15,20 +11,6 @@ DEPLOY = paths.ROOT / "deploy"
 MIRROR = DEPLOY / "mirror"
 PUBLISH = MIRROR / "publish"
 SIGNER = "Tavik Systems, Inc."
-
-
-def load(path: pathlib.Path) -> types.ModuleType:
-    name = path.name.replace("-", "_")
-    loader = importlib.machinery.SourceFileLoader(name, str(path))
-    spec = importlib.util.spec_from_loader(name, loader)
-    assert spec is not None
-    module = importlib.util.module_from_spec(spec)
-    written, sys.dont_write_bytecode = sys.dont_write_bytecode, True  # nothing of it beside the scripts
-    try:
-        loader.exec_module(module)
-    finally:
-        sys.dont_write_bytecode = written
-    return module
 
 
 def _openssl(folder: pathlib.Path, *arguments: str) -> None:

@@ -1,26 +1,7 @@
-"""Scripts as modules: they have no ending that would make them one."""
+"""The gate of the exe as a module."""
 from __future__ import annotations
 
-import importlib.machinery
-import importlib.util
-import sys
-import types
-
 from lab import paths
+from script_module import load
 
-
-def load(script: str) -> types.ModuleType:
-    name = script.replace("-", "_")
-    loader = importlib.machinery.SourceFileLoader(name, str(paths.ROOT / "scripts" / script))
-    spec = importlib.util.spec_from_loader(name, loader)
-    assert spec is not None
-    module = importlib.util.module_from_spec(spec)
-    written, sys.dont_write_bytecode = sys.dont_write_bytecode, True  # nothing of it beside the scripts
-    try:
-        loader.exec_module(module)
-    finally:
-        sys.dont_write_bytecode = written
-    return module
-
-
-check_exe = load("check-exe")
+check_exe = load(paths.ROOT / "scripts" / "check-exe")

@@ -6,8 +6,8 @@ import shutil
 
 import pytest
 
-from deploy_kit import load
 from lab import paths
+from script_module import load
 
 check = load(paths.ROOT / "scripts" / "check-deploy")
 

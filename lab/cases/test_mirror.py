@@ -12,12 +12,13 @@ from collections.abc import Iterator
 
 import pytest
 
-from deploy_kit import MIRROR, SIGNER, Signers, load, publish
+from deploy_kit import MIRROR, SIGNER, Signers, publish
 from download_machine import answering
 from expect import DOWNLOAD_FAILED, download, install, inventory, opening, remove, stop, unpack
 from lab import certificates, paths, prefix as prefixes
 from lab.children import end_with_parent
 from lab.run import default_address, fresh_folder, private_hosts_obstacle, remove_folder
+from script_module import load
 
 loadtest = load(MIRROR / "loadtest")
 CONFIG = (MIRROR / "nginx.conf").read_text("utf-8")

@@ -1,8 +1,6 @@
 """The catalogue of outcomes: its rules, its form, what the cases state about it, and cases for outcomes that no other case has."""
 from __future__ import annotations
 
-import importlib.machinery
-import importlib.util
 import json
 import pathlib
 import re
@@ -17,6 +15,7 @@ from lab.run import NO_LINE_END
 from lab.torture import judge, model, plan
 from lab.torture.world import World
 from repair_machine import INSTALL_KEY, MSI_AGREES
+from script_module import load
 
 HERE = pathlib.Path(__file__).parent
 HEAD = """
@@ -108,10 +107,7 @@ def test_a_key_that_is_unknown_or_missing(line):
 
 @pytest.fixture(scope="module")
 def docs() -> Any:
-    path = str(HERE.parents[1] / "scripts" / "docs")
-    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("docs", importlib.machinery.SourceFileLoader("docs", path)))
-    module.__spec__.loader.exec_module(module)
-    return module
+    return load(HERE.parents[1] / "scripts" / "docs")
 
 
 def test_the_page_has_every_outcome_once(docs):

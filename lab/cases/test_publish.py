@@ -8,8 +8,9 @@ import time
 
 import pytest
 
-from deploy_kit import PUBLISH, SIGNER, Signers, load, publish
+from deploy_kit import PUBLISH, SIGNER, Signers, publish
 from lab import paths
+from script_module import load
 
 script = load(PUBLISH)
 

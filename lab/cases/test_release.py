@@ -8,10 +8,10 @@ import zipfile
 
 import pytest
 
-from exe_gate import load
 from lab import paths
+from script_module import load
 
-release, sbom = load("release"), load("sbom")
+release, sbom = (load(paths.ROOT / "scripts" / name) for name in ("release", "sbom"))
 
 
 def good() -> dict:
