@@ -5,7 +5,7 @@ import pathlib
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = pathlib.Path(os.environ.get("TAVIK_BUILD", ROOT / "build" / "release")).resolve()
 TOOL = BUILD / "TavikCompatibilityTool.exe"
-COMPANION = BUILD / "TavikToolLog.exe"
+COMPANION = BUILD / "TavikToolCompanion.exe"
 PROGRAMS = BUILD / "lab" / "programs"
 PACKAGES = BUILD / "lab" / "packages"
 STANDINS = BUILD / "lab" / "standins"

@@ -5,7 +5,7 @@ import dataclasses
 import json
 from typing import Any
 
-from deploy import outcomes
+from companion import outcomes
 from lab.state import State
 
 

@@ -4,7 +4,7 @@
 Creates the application in Configuration Manager (2107 or newer). Run it on the site's drive, as in PS XYZ:\>.
 
 .DESCRIPTION
-Content is a share that holds TavikCompatibilityTool.exe, TavikToolLog.exe and Repair-TavikSoftware.ps1; Detection is the path of
+Content is a share that holds TavikCompatibilityTool.exe, TavikToolCompanion.exe and Repair-TavikSoftware.ps1; Detection is the path of
 Test-TavikRelease.ps1. Distribute and deploy the application afterwards as "required". Never run on a real Configuration Manager.
 
 .PARAMETER Content

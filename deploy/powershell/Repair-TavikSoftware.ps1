@@ -4,8 +4,8 @@
 Runs the tool silently from a deployment system, as SYSTEM or as an administrator, and ends with a code that the system understands.
 
 .DESCRIPTION
-TavikCompatibilityTool.exe and TavikToolLog.exe lie beside this script, in a folder that users cannot write to. The output is one
-line of JSON with the outcome, as TavikToolLog.exe writes it.
+TavikCompatibilityTool.exe and TavikToolCompanion.exe lie beside this script, in a folder that users cannot write to. The output is one
+line of JSON with the outcome, as TavikToolCompanion.exe writes it.
 
 Exit codes: 0 done or nothing to do, 3010 done and a restart completes it, 1618 busy, try again later, 1603 failed.
 
@@ -30,7 +30,7 @@ $code = $exitFailed
 function Test-Running { return [bool] (Get-Process -Name 'TavikCompatibilityTool' -ErrorAction SilentlyContinue) }
 
 try {
-    foreach ($name in 'TavikToolLog.exe', 'TavikCompatibilityTool.exe') {
+    foreach ($name in 'TavikToolCompanion.exe', 'TavikCompatibilityTool.exe') {
         if (-not (Test-Path -LiteralPath (Join-Path $Folder $name) -PathType Leaf)) { throw "$name is missing in $Folder." }
     }
     $identity = [Security.Principal.WindowsPrincipal] [Security.Principal.WindowsIdentity]::GetCurrent()
@@ -59,7 +59,7 @@ try {
     $env:TMP = $temp
     $env:TEMP = $temp
 
-    & (Join-Path $Folder 'TavikToolLog.exe') 'run' '--timeout' $limitSeconds '--' '-SILENT'
+    & (Join-Path $Folder 'TavikToolCompanion.exe') 'run' '--timeout' $limitSeconds '--' '-SILENT'
     $code = $LASTEXITCODE
 }
 catch {

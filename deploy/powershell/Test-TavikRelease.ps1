@@ -62,7 +62,7 @@ function Get-StoreVersion {
     return Get-ReleasePrefix ('{0}.{1}' -f $versions[0].Minor, $versions[0].Build)
 }
 
-# The rule. lab/cases/test_deploy.py translates these three functions and holds them against the table of the tool's own tests.
+# The rule. tools/tests/test_deploy.py translates these three functions and holds them against the table of the tool's own tests.
 function Get-ReleaseBase([string] $Release) {
     return $Release.Split('-')[0]
 }

@@ -5,7 +5,7 @@
 Puts the tool onto a machine and registers the task that repairs the application after each update of the display driver.
 
 .DESCRIPTION
-Run it again to update the files; -Remove takes task and files away. Source holds TavikCompatibilityTool.exe, TavikToolLog.exe,
+Run it again to update the files; -Remove takes task and files away. Source holds TavikCompatibilityTool.exe, TavikToolCompanion.exe,
 Repair-TavikSoftware.ps1 and TavikRepairAfterDriverUpdate.xml; a share will do.
 
 As a startup script of a Group Policy it needs no parameters. Never run on a real Windows.
@@ -24,7 +24,7 @@ $ErrorActionPreference = 'Stop'
 $taskPath = '\Tavik\'
 $taskName = 'RepairAfterDriverUpdate'
 $log = 'Microsoft-Windows-Kernel-PnP/Configuration'
-$files = 'TavikCompatibilityTool.exe', 'TavikToolLog.exe', 'Repair-TavikSoftware.ps1'
+$files = 'TavikCompatibilityTool.exe', 'TavikToolCompanion.exe', 'Repair-TavikSoftware.ps1'
 $programFiles = if ($env:ProgramW6432) { $env:ProgramW6432 } else { $env:ProgramFiles }
 # Users cannot write there. The task runs as SYSTEM, so they must not.
 $target = Join-Path $programFiles 'Tavik\Repair'

@@ -1,0 +1,141 @@
+"""No library that somebody has put beside the exe, or into the folder it is started from, is ever loaded into it.
+
+The tool runs as administrator from wherever it was downloaded to. So a DLL is planted under every name that it could come
+to load, and the machine is told to prefer files over Wine's own DLLs. Each planted DLL leaves a line when it is loaded.
+
+What loads before the first instruction of the tool cannot be kept out by the tool: there Windows helps, which takes its
+KnownDLLs, and what these need, from its own folder only. Wine knows no such list. Such names are not planted; instead
+every static import is required to be on the list of Windows 10.
+"""
+from __future__ import annotations
+
+import functools
+import pathlib
+from typing import Any
+
+import pefile
+import pytest
+
+from tools import exe_gate as check_exe
+from cases.support.expect import FINISHED, opening
+from lab import paths
+from cases.support.repair_machine import REPAIRED, UNTOUCHED, found
+from cases.support.store_machine import package, store_only
+from cases.store.test_store_install import INSTALLS
+
+BESIDE, START = "C:\\lab\\", "C:\\Downloads\\"
+OVERRIDES = r"HKCU\Software\Wine\AppDefaults\TavikCompatibilityTool.exe\DllOverrides"
+IMPORTS, DELAYED = (pefile.DIRECTORY_ENTRY[f"IMAGE_DIRECTORY_ENTRY_{name}"] for name in ("IMPORT", "DELAY_IMPORT"))
+
+# Loaded by name at run time, by parts of Windows or of Wine that the tool uses. Their files need not exist here.
+AT_RUN_TIME = """apphelp bcryptprimitives clbcatq comctl32 cryptbase cryptnet cryptsp dnsapi dpapi dwmapi edputil gpapi iertutil
+    iphlpapi jsproxy linkinfo logoncli mlang msihnd msimg32 msisip netapi32 netprofm netutils ncrypt ncryptsslp newdev
+    nlaapi ntmarta ondemandconnroutehelper oleacc powrprof profapi propsys rasadhlp rsaenh samcli schannel secur32 spfileq
+    spinf srpapi srvcli sspicli textinputframework textshaping twinapi.appcore userenv usp10 uxtheme webio windows.storage
+    winhttp winmm winnsi winsta wintypes wkscli wldp wshtcpip xmllite""".split()
+# Wine's user32 loads the first when the process starts; that one loads the other at a call, and a delayed import of Wine's
+# own DLLs is searched for beside the program whatever the program has asked for. Windows protects both, and what they need.
+BY_WINE = {"imm32.dll", "ole32.dll"}
+NOWHERE = "tavik-nowhere.dll"  # a name that no system folder has: the folder that the program is started from is looked at
+
+
+@functools.cache
+def named_by(name: str) -> tuple[frozenset[str], frozenset[str]]:
+    """What one of Wine's DLLs imports, and what it imports at the first call."""
+    path = paths.WINE_DLLS / name
+    if not path.exists():
+        return frozenset(), frozenset()
+    pe = pefile.PE(str(path), fast_load=True)
+    found = []
+    for directory, size, at in ((IMPORTS, 20, 12), (DELAYED, 32, 4)):
+        names = set()
+        table = pe.OPTIONAL_HEADER.DATA_DIRECTORY[directory].VirtualAddress
+        while table and (text := pe.get_dword_at_rva(table + at)):
+            names.add(pe.get_string_at_rva(text).decode("ascii").lower())
+            table += size
+        found.append(frozenset(names))
+    return found[0], found[1]
+
+
+def closure(names: set[str], delayed: bool) -> set[str]:
+    done: set[str] = set()
+    due = set(names)
+    while due:
+        name = due.pop()
+        done.add(name)
+        imports, later = named_by(name)
+        due |= (imports | later if delayed else imports) - done
+    return done
+
+
+@functools.cache
+def planted() -> tuple[str, ...]:
+    exe = check_exe.Exe(paths.need(paths.TOOL), paths.BUILD)
+    at_start = exe.static_imports()
+    later = exe.delayed_imports() | set(check_exe.TOOL.looked_up)
+    names = closure(at_start | later | {f"{name}.dll" for name in AT_RUN_TIME}, delayed=True)
+    return tuple(sorted((names | {NOWHERE}) - closure(at_start | BY_WINE, delayed=False)))
+
+
+def trapped(machine: dict[str, Any], *folders: str) -> dict[str, Any]:
+    traps = {folder + name: {"program": "trap.dll"} for folder in folders for name in planted()}
+    overrides = {name.removesuffix(".dll"): "native,builtin" for name in planted()}
+    return {**machine, "files": traps | machine.get("files", {}), "registry": {OVERRIDES: overrides}}
+
+
+def loaded(result) -> list[str]:
+    """Program and planted file, of every planted file that was loaded; the name in small letters."""
+    file = pathlib.Path(result.prefix, "prefix", "drive_c", "lab", "traps.txt")
+    found = [line.rpartition("\\") for line in file.read_text("utf-16-le").splitlines()] if file.exists() else []
+    return [folder + "\\" + name.lower() for folder, _, name in found]
+
+
+def planted_file(name: str, folder: str = BESIDE) -> str:
+    return rf"C:\lab\TavikCompatibilityTool.exe|{folder}{name}"
+
+
+# The traps are good
+
+def test_a_careless_program_falls_into_every_trap(lab):
+    machine = trapped({"files": {r"C:\lab\TavikCompatibilityTool.exe": {"program": "careless.exe"}}}, BESIDE)
+    result = lab.run(machine, " ".join(planted()))
+    lab.check(exit_code=0)
+    assert sorted(loaded(result)) == sorted(planted_file(name) for name in planted())
+
+
+def test_a_careless_program_falls_into_one_where_it_is_started(lab):
+    machine = trapped({"files": {r"C:\lab\TavikCompatibilityTool.exe": {"program": "careless.exe"}}}, START)
+    result = lab.run(machine, NOWHERE, directory=START.rstrip("\\"))
+    lab.check(exit_code=0)
+    assert loaded(result) == [planted_file(NOWHERE, START)]
+
+
+def test_the_tool_would_fall_into_one_without_its_first_statement(lab, tmp_path):
+    """The same exe, but it calls another function with the argument that would restrict the search."""
+    careless = paths.need(paths.TOOL).read_bytes()
+    first = b"SetDefaultDllDirectories\0"
+    assert careless.count(first) == 1
+    (tmp_path / "tool.exe").write_bytes(careless.replace(first, b"SetErrorMode".ljust(len(first), b"\0")))
+    machine = found()
+    machine["files"] = {r"C:\lab\TavikCompatibilityTool.exe": {"copy": str(tmp_path / "tool.exe")}}
+    result = lab.run(trapped(machine, BESIDE, START), directory=START.rstrip("\\"))
+    assert planted_file("setupapi.dll") in loaded(result)
+    lab.check(exit_code=3, crash=True, after=UNTOUCHED)  # a trap has none of the functions
+
+
+# The tool does not
+
+def test_what_loads_at_start_is_protected_by_windows():
+    at_start = check_exe.Exe(paths.need(paths.TOOL), paths.BUILD).static_imports()
+    assert at_start and {name.removesuffix(".dll") for name in at_start | BY_WINE} <= check_exe.KNOWN_DLLS
+
+
+@pytest.mark.parametrize("machine", [
+    found(), {}, store_only(package(), service={"installs": INSTALLS}),
+], ids=["installer of the driver package", "download", "Store"])
+def test_nothing_planted_is_loaded(lab, machine):
+    assert {"msi.dll", "setupapi.dll", "wininet.dll", "wtsapi32.dll", "oleaut32.dll", "cryptbase.dll"} <= set(planted())
+    result = lab.run(trapped(machine, BESIDE, START), directory=START.rstrip("\\"))
+    assert loaded(result) == []
+    lab.check(exit_code=0, boxes=[FINISHED], after=REPAIRED if lab.machine.products else {"products": []})
+    assert result.log[0] == opening()[0]

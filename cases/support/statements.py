@@ -1,0 +1,97 @@
+"""What the cases state about the outcomes of their runs: cases/outcomes.txt, and the comparison with what came of them."""
+from __future__ import annotations
+
+import functools
+import pathlib
+import re
+
+from companion import outcomes
+from lab.run import NO_LINE_END
+
+FILE = pathlib.Path(__file__).resolve().parent.parent / "outcomes.txt"
+
+Stated = list[frozenset[str]]  # for each start the outcomes that it may have
+
+
+def parse(text: str) -> dict[str, Stated]:
+    """By pattern. Raises ValueError for a line that is no statement, an outcome that there is not, or a pattern that stands twice."""
+    known = {one.id for one in outcomes.catalogue()}
+    found: dict[str, Stated] = {}
+    for number, line in enumerate(text.splitlines(), 1):
+        if not line.strip() or line.startswith("#"):
+            continue
+        pattern, _, statement = line.rpartition(" = ")
+        starts: Stated = []
+        for part in statement.split(","):
+            match = re.fullmatch(r"(?:(\d+) )?([a-z-]+(?: \| [a-z-]+)*)", part.strip())
+            names = frozenset(match[2].split(" | ")) if match else frozenset()
+            if not match or names - known:
+                raise ValueError(f"{FILE.name}, line {number}: {part.strip()!r} is no outcome")
+            starts += [names] * int(match[1] or 1)
+        if not pattern.strip() or pattern.strip() in found:
+            raise ValueError(f"{FILE.name}, line {number}: no pattern, or one that stood there before")
+        found[pattern.strip()] = starts
+    return found
+
+
+@functools.cache
+def statements() -> dict[str, Stated]:
+    return parse(FILE.read_text("utf-8"))
+
+
+def fits(pattern: str, name: str) -> bool:
+    """Only * is special: names of cases are full of brackets."""
+    return re.fullmatch(".*".join(map(re.escape, pattern.split("*"))), name, re.S) is not None
+
+
+def stated(name: str, among: dict[str, Stated] | None = None) -> Stated:
+    """For a case, "test_check.py::test_name[row]": of the patterns that fit the one with the most characters besides *. Raises
+    LookupError when there is none."""
+    patterns = [one for one in (among if among is not None else statements()) if fits(one, name)]
+    if not patterns:
+        raise LookupError(f"{FILE.name} does not say which outcome {name} has; see lab/README.md")
+    return (among if among is not None else statements())[max(patterns, key=lambda one: len(one.replace("*", "")))]
+
+
+def recognised(exit_code: int, log: list[str]) -> list[str]:
+    """The outcomes that match. log: as run.read_log gives it, without the mark of a line that was not ended."""
+    return outcomes.matching(exit_code, [line.removesuffix(NO_LINE_END) for line in log])
+
+
+def compare(starts: Stated, codes: list[int], logs: list[list[str]], at_once: bool = False) -> str:
+    """Empty when the starts can be what is stated; else what they are. codes: exit codes in the order of the starts; logs in the
+    order of their beginning. A start without a log has to be stated as such. at_once: neither order says anything."""
+    if len(starts) != len(codes):
+        return f"{len(codes)} starts, {len(starts)} outcomes stated"
+    without = len(codes) - len(logs)
+    kept = [*logs, *([[]] * without)]
+
+    @functools.cache
+    def classes(code: int, log: int) -> frozenset[str]:
+        return frozenset(recognised(code, kept[log] if log >= 0 else []))
+
+    def assign(start: int, log: int, missing: int, codes_left: tuple[int, ...], stated_left: tuple[frozenset[str], ...]) -> bool:
+        """In the order of the starts, each takes the next log or none; at once, each log takes some start."""
+        if start == len(codes):
+            return True
+        choices = range(len(codes_left)) if at_once else range(1)
+        for which in dict.fromkeys(codes_left.index(codes_left[one]) for one in choices):
+            for one in dict.fromkeys(stated_left if at_once else stated_left[:1]):
+                at = stated_left.index(one)
+                rest = (codes_left[:which] + codes_left[which + 1:], stated_left[:at] + stated_left[at + 1:])
+                for number, left in ((log, missing), (-1, missing - 1)):
+                    if left < 0 or number >= len(logs):
+                        continue
+                    found = classes(codes_left[which], number)
+                    if len(found) == 1 and found <= one and assign(start + 1, log + (number >= 0), left, *rest):
+                        return True
+        return False
+
+    if assign(0, 0, without, tuple(codes), tuple(starts)):
+        return ""
+    if without == 0 and not at_once:
+        return "; ".join(f"start {number}: exit code {code}, {' and '.join(sorted(classes(code, number - 1))) or 'no outcome'} instead of "
+                         f"{' or '.join(sorted(starts[number - 1]))}" for number, code in enumerate(codes, 1)
+                         if not (len(classes(code, number - 1)) == 1 and classes(code, number - 1) <= starts[number - 1]))
+    return (f"exit codes {codes} with {len(logs)} logs do not come to {[' | '.join(sorted(one)) for one in starts]}: "
+            f"{[outcomes.matching(None, log) for log in logs]}")

@@ -1,0 +1,227 @@
+"""The status window and the message boxes: what stands in them, when they show, what mouse and keys do to them."""
+from __future__ import annotations
+
+import pytest
+
+from cases.support.expect import (CAPTION, CHECKING, DOTS, FINISHED, INSTALL_FAILED, INSTALLING, NO_ADAPTER, SAME_RELEASE, install, inventory,
+                    opening, remove, stop)
+from cases.support.repair_machine import MSI_AGREES, REPAIRED, UNTOUCHED, found, until_unpacked
+
+INSTALLS = f"text {INSTALLING}"
+SLOW = found(installer={"sleep": 1200}, faults=[MSI_AGREES])
+SHORT = found("24.20-nomain", installer={"sleep": 900})  # ends with the failure box as soon as the installer has ended
+FAILED = {"exit_code": 2, "boxes": [INSTALL_FAILED], "after": UNTOUCHED}
+
+# Window styles.
+POPUP, VISIBLE, MINIMIZE_BOX, CENTER, CONTROL = 0x80000000, 0x10000000, 0x00020000, 0x0800, 0x0400
+SYSTEM_MENU, CAPTION_FRAME = 0x00080000, 0x00400000
+CHILD_VISIBLE = 0x50000000
+TRANSPARENT, RIGHT = 0x20, 0x1000
+
+
+def shown(result) -> list[dict]:
+    return [sample for sample in result.status if sample["instance"] == 0 and sample["visible"]]
+
+
+def changes(values: list) -> list:
+    return [one for number, one in enumerate(values) if number == 0 or values[number - 1] != one]
+
+
+def dots(result) -> list[str]:
+    return changes([sample["dots"] for sample in result.status if sample["dots"]])
+
+
+# What stands in it
+
+def test_window_and_its_controls(lab):
+    result = lab.run(SHORT, when=[f"{INSTALLS} : look"])
+    lab.check(**FAILED)
+    (action,) = result.actions
+    window = action["seen"]
+    assert (window["title"], window["title_icon"]) == (CAPTION, "big and small")
+    wanted = POPUP | VISIBLE | MINIMIZE_BOX | CENTER | CONTROL  # Wine drops the border
+    assert window["style"] & (wanted | SYSTEM_MENU | CAPTION_FRAME) == wanted
+    controls = {control["id"]: control for control in window["controls"]}
+    assert len(controls) == len(window["controls"]) == 5 and {control["class"] for control in window["controls"]} == {"Static"}
+    for number, style, extended, font in ((1004, 0x5002004C, TRANSPARENT, 21), (1013, 0x5002004C, TRANSPARENT, 27),
+                                          (1005, 0x50020002, TRANSPARENT | RIGHT, 16), (1014, 0x50020101, TRANSPARENT, 16)):
+        control = controls.pop(number)
+        assert (number, control["style"], control["extended"] & 0x1020, control["font"]) == (number, style, extended, font)
+    (background,) = controls.values()
+    assert background["style"] == CHILD_VISIBLE | 0x4E  # bitmap, keeps its size
+    assert [background[name] for name in ("x", "y", "width", "height")] == [0, 0, window["width"], window["height"]]
+    texts = {control["id"]: control["text"] for control in window["controls"]}
+    assert (background["text"], texts[1004], texts[1013], texts[1014]) == ("", INSTALLING, "", "—")
+
+
+def test_places_of_the_controls(lab):
+    """Sizes follow from the font, so they are compared with each other: in dialog units the window is 286 by 72."""
+    result = lab.run(SHORT, when=[f"{INSTALLS} : look"])
+    lab.check(**FAILED)
+    window = result.actions[0]["seen"]
+    across, down = window["width"] / 286, window["height"] / 72
+    for number, *units in ((1004, 15, 57, 194, 11), (1013, 15, 47, 268, 20), (1005, 216, 57, 63, 11), (1014, 260, 3, 10, 9)):
+        control = next(one for one in window["controls"] if one["id"] == number)
+        place = [control[name] for name in ("x", "y", "width", "height")]
+        assert all(abs(pixels - unit * scale) <= 1 for pixels, unit, scale in zip(place, units, (across, down, across, down))), number
+
+
+# What it tells
+
+def test_found_installer_is_not_downloaded(lab):
+    result = lab.run(SHORT)
+    lab.check(**FAILED, requests=[])
+    assert result.status_texts == [CHECKING, INSTALLING]
+
+
+def test_an_early_exit_only_checks(lab):
+    result = lab.run({"adapters": []}, hold=0.2)
+    lab.check(exit_code=-1, boxes=[NO_ADAPTER], log=[
+        *opening(), "Currently installed drivers on system:", "Unable to find installed Tavik display adapters. Exiting."])
+    assert result.status_texts == [CHECKING]
+
+
+def test_silent_window_exists_but_is_never_shown_and_says_nothing_new(lab):
+    result = lab.run(SHORT, "-SILENT")
+    lab.check(exit_code=2, boxes=[], after=UNTOUCHED)
+    assert result.status_texts == [CHECKING]
+    assert shown(result) == []
+    assert dots(result)[:2] == DOTS[:2]
+
+
+def test_dots_go_round_while_the_installer_works(lab):
+    result = lab.run(found("24.20-nomain", installer={"sleep": 2600}))
+    lab.check(**FAILED)
+    seen = dots(result)
+    assert len(seen) >= 5 and seen == [DOTS[number % 3] for number in range(len(seen))]
+
+
+def test_window_is_shown_from_the_start_and_hidden_for_the_box(lab):
+    result = lab.run(SHORT, hold=0.3)
+    lab.check(**FAILED)
+    visible = changes([sample["visible"] for sample in result.status if sample["exists"]])
+    assert visible in ([True, False], [False, True, False])
+    hidden = next(sample for sample in result.status if not sample["visible"] and sample["line"] == INSTALLING)
+    assert hidden["at"] <= result.boxes[0]["since"] + 20 and hidden["exists"]
+    after = [sample for sample in result.status if sample["at"] >= hidden["at"]]
+    assert not any(sample["visible"] for sample in after)
+
+
+def test_window_stays_where_it_is(lab):
+    result = lab.run(SHORT)
+    lab.check(**FAILED)
+    assert len({(one["x"], one["y"], one["width"], one["height"]) for one in shown(result)}) == 1
+
+
+# Mouse and keys
+
+@pytest.mark.parametrize("place", ["1004", "1005", "1013", "5,5"])
+def test_click_elsewhere_does_nothing(lab, place):
+    result = lab.run(SHORT, when=[f"{INSTALLS} : click {place}"])
+    lab.check(**FAILED)
+    assert [action["done"] for action in result.actions] == [True]
+    assert not any(sample["minimised"] for sample in result.status)
+    assert len({(one["x"], one["y"]) for one in shown(result)}) == 1
+
+
+def test_minimised_window_stays_down_and_the_box_comes_up(lab):
+    result = lab.run(SLOW, when=[f"{INSTALLS} : click 1014"])
+    lab.check(exit_code=0, boxes=[FINISHED])
+    minimised = changes([sample["minimised"] for sample in shown(result)])
+    assert minimised == [False, True]
+    assert result.status_texts == [CHECKING, INSTALLING]
+
+
+def test_window_minimised_while_checking_goes_on_telling(lab):
+    """The first package list takes its time; the text and the dots change although nobody sees it."""
+    slow = {"installer": {"sleep": 700}, "faults": ["msi!MsiEnumRelatedProductsW 1 sleep=700"]}
+    result = lab.run(found("24.20-nomain", **slow), when=[f"text {CHECKING} : click 1014"])
+    lab.check(**FAILED)
+    assert [sample["line"] for sample in result.status if sample["minimised"]][-1] == INSTALLING
+    assert result.status_texts == [CHECKING, INSTALLING] and len(dots(result)) >= 2
+
+
+def test_window_is_dragged_by_its_text(lab):
+    result = lab.run(SHORT, when=[f"{INSTALLS} : drag -70,-30"])
+    lab.check(**FAILED)
+    first, *_, last = [(one["x"], one["y"]) for one in shown(result)]
+    assert last == (first[0] - 70, first[1] - 30)
+
+
+def test_window_can_be_dragged_again_and_then_minimised(lab):
+    result = lab.run(SLOW, when=[f"{INSTALLS} : drag 50,20", f"{INSTALLS} : drag -20,-50", f"{INSTALLS} : click 1014"])
+    lab.check(exit_code=0, boxes=[FINISHED])
+    places = [(one["x"], one["y"]) for one in shown(result) if not one["minimised"]]
+    assert places[-1] == (places[0][0] + 30, places[0][1] - 30)
+    assert any(sample["minimised"] for sample in result.status)
+
+
+@pytest.mark.parametrize("action", ["close", "key escape"])
+def test_window_cannot_be_closed(lab, action):
+    result = lab.run(SHORT, when=[f"{INSTALLS} : {action}"])
+    lab.check(**FAILED)
+    at, end = result.actions[0]["at"], result.boxes[0]["since"]
+    assert result.actions[0]["done"] and all(sample["exists"] for sample in result.status if at < sample["at"] < end)
+    assert not any(sample["minimised"] for sample in result.status)
+
+
+# Without a window
+
+NO_DISPLAY = {"registry": {r"HKCU\Software\Wine\Drivers": {"Graphics": "x11"}}}
+
+
+def test_no_display_costs_two_seconds(lab):
+    """Neither window nor box can be made: the start waits in vain for the window."""
+    result = lab.run({"adapters": [], **NO_DISPLAY})
+    lab.check(exit_code=-1, boxes=[], log=[
+        *opening(), "Currently installed drivers on system:", "Unable to find installed Tavik display adapters. Exiting."])
+    assert result.instances[0]["ended"] - result.instances[0]["started"] >= 2000
+    assert not any(sample["exists"] for sample in result.status)
+
+
+def test_no_display_keeps_no_repair(lab):
+    lab.run(found(**NO_DISPLAY))
+    lab.check(exit_code=0, boxes=[], after=REPAIRED, log=[*until_unpacked(), *stop(), *remove("Halden"), *install("Halden")])
+
+
+# Message boxes
+
+@pytest.mark.parametrize("machine, code, text, icon", [
+    ({"adapters": []}, -1, "Unable to detect active Tavik Display Driver.", "error"),
+    ("compatible.toml", -1, "The version of Tavik Software installed is already a compatible version. "
+                            "Please check if the Tavik Display Driver is working correctly.", "information"),
+    ({"desktop": False}, -1, "There is no Tavik Software application installed.", "information"),
+    ({"server": {"reach": "none"}, "registry": {r"HKLM\Software\Tavik": {"DWXServerFolder": "http://127.0.0.1:9/"}}}, -1,
+     "Error downloading Tavik Software", "error"),
+    (SHORT, 2, "Error installing Tavik Software.", "error"),
+    (found(faults=[MSI_AGREES]), 0, "Finished installing Tavik Software", "information"),
+], ids=["no adapter", "same release", "nothing installed", "download", "install", "finished"])
+def test_one_box_tells_the_outcome(lab, machine, code, text, icon):
+    result = lab.run(machine)
+    assert result.exit_code == code
+    (box,) = result.boxes
+    assert (box["caption"], box["text"], box["icon"], box["buttons"]) == ("Tavik Software Compatibility Tool", text, icon, ["OK"])
+    assert box["title_icon"] == "big and small" and box["status_hidden"]
+
+
+def test_box_of_a_second_instance_has_no_icon_of_its_own(lab):
+    result = lab.run("compatible.toml", when=["box : second"])
+    lab.check(exit_code=-1, boxes=[SAME_RELEASE])
+    (box,) = [box for box in result.boxes if box["instance"] == 1]
+    assert (box["text"], box["icon"], box["title_icon"]) == ("Another instance is running.", "none", "big and small")
+
+
+@pytest.mark.parametrize("action", ["key return", "key escape", "key space", "close"])
+def test_box_is_answered_in_any_way(lab, action):
+    """The answer does not matter: the exit code is that of the check."""
+    result = lab.run("compatible.toml", hold=20, when=[f"box : {action}"])
+    lab.check(exit_code=-1, boxes=[SAME_RELEASE], log=[*opening(version="24.20"), *inventory(),
+              "Currently installed version of VLT is from the same release as the active driver. Exiting."])
+    assert result.boxes[0]["until"] - result.boxes[0]["since"] < 15000
+
+
+def test_tool_runs_on_until_the_box_is_answered(lab):
+    result = lab.run(found(), hold=0.5)
+    lab.check(exit_code=0, boxes=[FINISHED], after=REPAIRED)
+    assert result.boxes[0]["until"] - result.boxes[0]["since"] >= 500
+    assert result.instances[0]["ended"] >= result.boxes[0]["until"] - 20

@@ -1,0 +1,273 @@
+"""The catalogue of outcomes: its rules, its form, what the cases state about it, and cases for outcomes that no other case has."""
+from __future__ import annotations
+
+import json
+import pathlib
+import re
+from typing import Any
+
+import pytest
+
+from companion import outcomes
+from tools import outcome_pages
+from cases.support.expect import install, opening, remove, stop, unpack
+from cases.support import corpus, statements
+from lab.run import NO_LINE_END
+from cases.fault_injection import judge, model, plan
+from cases.fault_injection.world import World
+from cases.support.repair_machine import INSTALL_KEY, MSI_AGREES
+
+HERE = pathlib.Path(__file__).parent
+HEAD = """
+[[outcome]]
+id = "one"
+title = "One"
+mode = "any"
+exit = [0]
+lines = ["a"]
+owner = "Text."
+cause = "Text."
+action = "Text."
+retry = "no"
+code = 0
+"""
+
+
+def one(**changes: Any) -> outcomes.Outcome:
+    given = {"id": "one", "title": "One", "mode": "any", "exit": "any", "owner": "-", "cause": "-", "action": "-", "retry": "no", "code": 0}
+    return outcomes.Outcome(**{**given, **changes})
+
+
+# The rules
+
+CHECK = "Currently installed VLT is version [23.40] from driver version []"
+RESULT = {"lines": ["main", "R = <result>"]}
+
+
+@pytest.mark.parametrize("keys, code, log, matches", [
+    ({"lines": ["a*c"]}, 0, ["ac"], True), ({"lines": ["a*c"]}, 0, ["abc", "x"], True), ({"lines": ["a*c"]}, 0, ["abcd"], False),
+    ({"lines": ["a.c"]}, 0, ["abc"], False), ({"lines": ["[*]"]}, 0, ["[]"], True),
+    ({"lines": ["a", "b"]}, 0, ["b", "a"], False), ({"lines": ["a", "b"]}, 0, ["a", "x", "b"], True), ({"lines": ["a", "a"]}, 0, ["a"], False),
+    ({"lines": ["a*", "a*b"]}, 0, ["ab", "ac"], False),
+    (RESULT | {"result": [5]}, 0, ["R = 4", "main", "x", "R = 5", "R = 6"], True), (RESULT | {"result": [6]}, 0, ["main", "R = 5", "R = 6"], False),
+    (RESULT | {"result_not": [5]}, 0, ["main", "R = -6"], True), (RESULT | {"result_not": [5]}, 0, ["main", "R = 5"], False),
+    (RESULT | {"exit": "result"}, -6, ["main", "R = -6"], True), (RESULT | {"exit": "result"}, 6, ["main", "R = -6"], False),
+    ({"lines": ["R = <result>"]}, 0, ["R = five"], False),
+    *(({"lines": ["R = <failure>"]}, 0, [f"R = {number}"], number not in (0, 1641, 3010, 3011)) for number in (0, 1, -1, 30, 1641, 3010, 3011, 30100)),
+    ({"exit": [0, 2]}, 2, ["a"], True), ({"exit": [0, 2]}, 1, ["a"], False), ({"exit": "negative"}, -1, ["a"], True),
+    ({"exit": "negative"}, 0, ["a"], False), ({"exit_not": [3]}, 3, ["a"], False), ({"exit_not": [3]}, 4, ["a"], True),
+    ({"one_of": ["a", "b"]}, 0, ["x", "b"], True), ({"one_of": ["a", "b"]}, 0, ["x"], False),
+    ({"without": ["a", "b"]}, 0, ["x", "b"], False), ({"without": ["a", "b"]}, 0, ["x"], True),
+    ({"lines": ["a"], "without_after": ["b"]}, 0, ["b", "a"], True), ({"lines": ["a"], "without_after": ["b"]}, 0, ["a", "x", "b"], False),
+    ({"last": ["a", "b"]}, 0, ["x", "b"], True), ({"last": ["a", "b"]}, 0, ["b", "x"], False),
+    ({"log": "none"}, 0, [], True), ({"log": "none"}, 0, ["a"], False), ({}, 0, [], False),
+    ({"mode": "check"}, 0, [CHECK], True), ({"mode": "direct"}, 0, [CHECK], False), ({"mode": "direct"}, 0, ["a"], True),
+    ({"mode": "check"}, 0, ["Another instance is running. Exiting."], True), ({"mode": "check"}, 0, ["a"], False)])
+def test_a_rule(keys, code, log, matches):
+    assert one(**keys).matches(code, log) is matches
+
+
+def test_a_fallback_matches_only_alone():
+    known = [one(id="a", last=["a"], exit=[1]), one(id="rest", fallback=True)]
+    assert outcomes.matching(1, ["a"], known) == ["a"] and outcomes.matching(1, ["b"], known) == ["rest"]
+
+
+def test_without_an_exit_code_all_that_fit_are_named():
+    assert one(exit=[1]).matches(None, ["a"]) and one(exit="result", lines=["R = <result>"]).matches(None, ["R = 5"])
+    assert outcomes.matching(None, ["Launched with command line: x"]) == ["quiet-end", "interrupted", "log-cut"]
+
+
+@pytest.mark.parametrize("log, lines", [("a\nb\n", ["a", "b"]), ("a\nb", ["a", "b"]), ("", []), ("\n", [""]), ("a\n\nb\r\n", ["a", "", "b\r"])])
+def test_the_lines_of_a_log(log, lines):
+    assert outcomes.to_lines(log.encode("utf-16-le")) == lines
+
+
+# The form
+
+@pytest.mark.parametrize("before, after, fault", [
+    ('"one"', '"One"', "kebab-case"), ('"any"', '"both"', "unknown mode"), ("[0]", "[]", "unknown exit"), ("[0]", '"some"', "unknown exit"),
+    ('"no"', '"never"', "unknown retry"), ("code = 0", "code = 1", "no standard code"), ("code = 0", "code = 1618", "belong together"),
+    ('retry = "no"', 'retry = "later"', "belong together"), ("code = 0", 'code = 0\nlog = "some"', "unknown log"),
+    ("[0]", '"result"', "not remembered"), ("code = 0", "code = 0\nresult = [5]", "not remembered"),
+    ('["a"]', '["<result>", "<result>"]', "more than one number"), ('cause = "Text."', 'cause = " "', "empty text"),
+    ('"One"', '"One."', "no sentence"), ('owner = "Text."', 'owner = "Text"', "no sentence"), ("code = 0", "code = 0" + HEAD, "stands there twice")])
+def test_a_catalogue_that_is_none(before, after, fault):
+    assert outcomes.read(HEAD)[0].id == "one"
+    with pytest.raises(ValueError, match=fault):
+        outcomes.read(HEAD.replace(before, after, 1))
+
+
+@pytest.mark.parametrize("line", ['colour = "red"', ""])
+def test_a_key_that_is_unknown_or_missing(line):
+    with pytest.raises(TypeError):
+        outcomes.read(HEAD.replace("code = 0", line))
+
+
+# The pages made from it
+
+@pytest.fixture(scope="module")
+def docs() -> Any:
+    return outcome_pages
+
+
+def test_the_page_has_every_outcome_once(docs):
+    rows = re.findall(r"^\| \*\*([a-z-]+)\*\*", docs.page(outcomes.catalogue()), re.M)
+    assert sorted(rows) == sorted(one.id for one in outcomes.catalogue())
+
+
+def test_a_table_inside_a_page_is_made_anew(docs, tmp_path):
+    file = tmp_path / "deploy" / "recipe" / "README.md"
+    file.parent.mkdir(parents=True)
+    file.write_text(f"Before\n{docs.MARK}\nold\n<!-- end -->\nAfter\n")
+    (tmp_path / "deploy" / "other.md").write_text("Nothing of that.\n")
+    found = docs.wanted(tmp_path)
+    assert sorted(path.name for path in found) == ["README.md", "outcomes.md", "return-codes.json"]
+    assert re.fullmatch(r"Before\n<!-- .* -->\n(\|.*\|\n){6}<!-- end -->\nAfter\n", found[file])
+    assert json.loads(found[tmp_path / "deploy" / "return-codes.json"])["codes"][1]["outcomes"] == ["repaired-restart", "direct-restart"]
+    file.write_text(f"{docs.MARK}\nold\n")
+    with pytest.raises(ValueError, match="without its end"):
+        docs.wanted(tmp_path)
+
+
+# What the cases state
+
+def test_every_outcome_has_a_case_that_states_it_alone():
+    alone = {name for starts in statements.statements().values() for names in starts if len(names) == 1 for name in names}
+    assert {one.id for one in outcomes.catalogue()} - alone == set()
+
+
+WITHOUT_A_RUN = {"test_watcher.py::test_orders_that_make_no_sense_are_refused"}
+
+
+def test_every_case_has_a_statement_and_every_statement_a_case():
+    """By name, so that nobody has to wait for the run; a row of a case without one makes that row fail."""
+    known = {f"{file.name}::{name}": "lab" in arguments.split(", ") for file in HERE.glob("test_*.py")
+             for name, arguments in re.findall(r"^def (test_\w+)\((.*)\)", file.read_text("utf-8"), re.M)}
+    patterns = {pattern.partition("[")[0] for pattern in statements.statements()}
+    assert [one for one in sorted(patterns) if not any(statements.fits(one, name) for name in known)] == []
+    cases = {name for name, runs in known.items() if runs} - WITHOUT_A_RUN
+    assert [name for name in sorted(cases) if not any(statements.fits(one, name) for one in patterns)] == []
+
+
+@pytest.mark.parametrize("text", ["test_a.py::test_b", "test_a.py::test_b = nothing-like-it", "test_a.py::test_b = ", " = repaired",
+                                  "test_a.py::test_b = repaired,", "test_a.py::test_b = repaired | ", "a = repaired\na = repaired"])
+def test_a_statement_that_is_none(text):
+    with pytest.raises(ValueError, match="outcomes.txt, line [12]"):
+        statements.parse(text)
+
+
+def test_the_closest_statement_counts():
+    known = statements.parse("# Text\n\nt.py::* = repaired\nt.py::b* = same-release\nt.py::b[x = 1] = quiet-end | no-log, 2 repaired")
+    found = {name: statements.stated(name, known) for name in ("t.py::a", "t.py::bc", "t.py::b[x = 1]")}
+    assert found == {"t.py::a": [{"repaired"}], "t.py::bc": [{"same-release"}], "t.py::b[x = 1]": [{"quiet-end", "no-log"}, {"repaired"}, {"repaired"}]}
+    with pytest.raises(LookupError):
+        statements.stated("other.py::a", known)
+
+
+SAME = [CHECK, "Currently installed version of VLT is from the same release as the active driver. Exiting."]
+OTHER = ["Launched with command line: x", "Another instance is running. Exiting."]
+
+
+@pytest.mark.parametrize("stated, codes, logs, at_once, fault", [
+    ("same-release", [-1], [SAME], False, ""),
+    ("same-release", [-1], [OTHER], False, "start 1: exit code -1, another-instance instead of same-release"),
+    ("same-release", [0], [SAME], False, "log-cut"), ("same-release", [-1, -1], [SAME, SAME], False, "2 starts, 1 outcomes"),
+    ("same-release, another-instance", [-1, -1], [SAME, OTHER], False, ""),
+    ("same-release, another-instance", [-1, -1], [OTHER, SAME], False, "start 1"),
+    ("same-release, another-instance", [-1, -1], [OTHER, SAME], True, ""),
+    ("same-release, another-instance", [-1, -1], [OTHER, OTHER], True, "do not come to"),
+    ("interrupted, same-release", [9, -1], [SAME, [CHECK]], True, ""), ("interrupted, same-release", [9, -1], [SAME, [CHECK]], False, "start 2"),
+    ("no-log, same-release", [9, -1], [SAME], False, ""), ("same-release, no-log", [9, -1], [SAME], False, "do not come to"),
+    ("interrupted | no-log, same-release", [9, -1], [SAME], False, ""), ("interrupted, same-release", [9, -1], [SAME], False, "do not come to"),
+    ("same-release | no-log, 3 another-instance | no-log", [-1] * 4, [OTHER, SAME, OTHER], True, ""),
+    ("same-release | no-log, 3 another-instance | no-log", [-1] * 4, [SAME, SAME], True, "do not come to"),
+    ("no-log-folder", [3], [], False, ""), ("quiet-end", [3], [[f"Half{NO_LINE_END}"]], False, ""),
+    ("same-release", [-1], [[CHECK, SAME[1] + NO_LINE_END]], False, "")])
+def test_what_is_stated_is_compared(stated, codes, logs, at_once, fault):
+    starts = statements.parse(f"x = {stated}")["x"]
+    found = statements.compare(starts, codes, logs, at_once)
+    assert fault in found and bool(found) == bool(fault)
+
+
+# The torture campaign: what the model says of each planned run without looking at the log, and what the log says
+
+def test_the_model_and_the_catalogue_agree_on_every_planned_run():
+    """On the model's own logs; those of the slice's runs are compared with them by the judge."""
+    def filled(line: str) -> str:
+        return re.sub(r"\{[a-z0-9]+\}", lambda match: "1605" if match[0] == "{number}" else "text", line)
+
+    seen: dict[tuple[str, int, tuple[str, ...]], str] = {}
+    for run in plan.planned():
+        machine = run.machine()
+        for outcome in model.outcomes(machine, World.of(machine), run.torture.arguments, run.fault):
+            seen[outcome.id, outcome.exit_code, tuple(map(filled, outcome.log))] = run.id
+    wrong = [(run, outcome, found) for (outcome, code, log), run in seen.items() if (found := outcomes.matching(code, list(log))) != [outcome]]
+    assert wrong == [] and len({outcome for outcome, _, _ in seen}) > 25
+
+
+# The kept logs
+
+def test_a_log_is_kept_once(tmp_path, monkeypatch):
+    monkeypatch.setattr(corpus, "FOLDER", tmp_path / "corpus")
+    for lines in (["a 12", "\tResult = 5"], ["a 7", "\tResult = 5"], ["a 12", "\tResult = 6"], [], ["a", f"b{NO_LINE_END}"]):
+        corpus.add("interrupted", -1, lines)
+    found = corpus.entries()
+    assert [(code, outcome) for _, code, outcome in found] == [(-1, "interrupted")] * 3
+    logs = {file.read_bytes().decode("utf-16-le") for file, _, _ in found}
+    assert logs == {"a 12\n\tResult = 5\n", "a 12\n\tResult = 6\n", "a\nb"}
+
+
+# Direct installations
+
+GIVEN = r"C:\Given\setup.exe"
+SWITCHES = f"-VLT -Install -Path {GIVEN}"
+KEPT = r"C:\Kept"
+
+
+def direct(*rules: str, **changes: Any) -> dict[str, Any]:
+    """Windows Installer does nothing, and says yes where no rule says something else."""
+    return {"desktop": False, "server": {"reach": "none"}, "files": {GIVEN: {"installer": "24.20"}},
+            "faults": [MSI_AGREES, *(f"msi!MsiInstallProductW * {rule}" for rule in rules)], **changes}
+
+
+def placed(*files: str) -> dict[str, Any]:
+    return {"registry": {INSTALL_KEY: {"Location": KEPT}},
+            "files": {GIVEN: {"installer": "24.20"}, **{rf"{KEPT}\{name}": {"program": name} for name in files}}}
+
+
+def check_direct(lab, *results: int, removal: tuple[int, ...] = (), exit_code: int = 0, end: str = "") -> None:
+    location = KEPT if lab.machine.data["registry"] else r"C:\Program Files\Tavik\Halden" if removal else ""
+    stopping = stop(location) if removal or "hlcmd.exe" in str(lab.machine.data["files"]) else stop("")
+    lab.check(exit_code=exit_code, boxes=[], log=[
+        opening(SWITCHES)[0], unpack(GIVEN), *stopping, *(line for code in removal for line in remove("Halden", code)),
+        *(line for family, code in zip(("Halden", "DVR", "PXL"), results) for line in install(family, code)), *([end] if end else [])])
+
+
+STARTED = rf"Process {KEPT}\CorvelSoftware.exe  completed with exit code 0"
+
+
+def test_direct_nobody_knows_where_the_application_is(lab):
+    lab.run(direct(), SWITCHES)
+    check_direct(lab, 0, 0, 0, exit_code=3)
+
+
+def test_direct_the_application_cannot_be_started(lab):
+    lab.run(direct(**placed("hlcmd.exe")), SWITCHES)
+    check_direct(lab, 0, 0, 0, end=rf"Launching process {KEPT}\CorvelSoftware.exe  failed. Error code = {{number}} {{any}}")
+
+
+@pytest.mark.parametrize("place, code", [(placed("hlcmd.exe", "CorvelSoftware.exe"), 0), ({}, 3)], ids=["application there", "no application"])
+def test_direct_another_installation_is_going_on(lab, place, code):
+    lab.run(direct("return=1618", **place), SWITCHES)
+    check_direct(lab, 1618, 1618, 1618, exit_code=code, end=STARTED if place else "")
+
+
+def test_direct_an_optional_package_refuses(lab):
+    lab.run(direct("if=package~PXL64 return=1603", **placed("hlcmd.exe", "CorvelSoftware.exe")), SWITCHES)
+    check_direct(lab, 0, 0, 1603, end=STARTED)
+
+
+def test_direct_an_old_product_stays(lab):
+    machine = direct(r"if=package~windows\Installer return=1603", desktop={"release": "23.40"})
+    lab.run(machine, SWITCHES)
+    check_direct(lab, 0, removal=(1603,), end=r"Process C:\Program Files\Tavik\Halden\CorvelSoftware.exe  completed with exit code 0")

@@ -1,0 +1,173 @@
+"""The fixture `lab`: one run of the tool on a described machine, and the check of what came of it."""
+from __future__ import annotations
+
+import contextlib
+import os
+import pathlib
+import time
+from typing import Any
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parent
+
+from cases.support import corpus, expect, statements  # noqa: E402
+from lab import paths  # noqa: E402
+from lab.machine import Machine  # noqa: E402
+from lab.result import Result, render  # noqa: E402
+from lab.run import RunError, end_orphans, mounting_obstacle, private_hosts_obstacle, remove_folder, run  # noqa: E402
+from lab.state import State  # noqa: E402
+from cases.fault_injection.campaign import slice_name  # noqa: E402
+
+DAY = 24 * 3600
+CORES = sorted(os.sched_getaffinity(0))
+
+
+def pytest_configure(config: pytest.Config) -> None:
+    """Machines of failed cases stay for a day; what still runs in those of an interrupted test run is ended."""
+    config.addinivalue_line("markers", "slow: started first, because it mostly waits")
+    config.addinivalue_line("markers", "all_cores: its programs are to run at the same moment, not in turns")
+    if hasattr(config, "workerinput"):
+        return
+    corpus.forget_others()
+    if paths.RUNS.exists():
+        end_orphans()
+        for folder in paths.RUNS.iterdir():
+            with contextlib.suppress(FileNotFoundError):  # another run may have removed it meanwhile
+                if time.time() - folder.stat().st_mtime > DAY:
+                    remove_folder(folder)
+
+
+def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
+    """Cases that mostly wait are started first, so that the others run beside them."""
+    items.sort(key=lambda item: item.get_closest_marker("slow") is None)
+
+
+@pytest.fixture(autouse=True)
+def one_core(request: pytest.FixtureRequest) -> None:
+    """All programs of a case share a core: they and Wine's server mostly wait for each other, and waking somebody on
+    another core costs more than the waiting (a sixth of all computing time on two cores)."""
+    worker = int(os.environ.get("PYTEST_XDIST_WORKER", "gw0").removeprefix("gw"))
+    workers = int(os.environ.get("PYTEST_XDIST_WORKER_COUNT", "1"))
+    spread = workers < len(CORES) or request.node.get_closest_marker("all_cores") is not None
+    os.sched_setaffinity(0, CORES if spread else {CORES[worker % len(CORES)]})
+
+
+def pytest_terminal_summary(terminalreporter: Any) -> None:
+    if any("test_torture_slice" in str(report.nodeid) for reports in terminalreporter.stats.values() for report in reports
+           if hasattr(report, "nodeid")):
+        terminalreporter.write_line(f"torture: slice {slice_name()}; TORTURE_SLICE={slice_name()} makes the same runs again")
+
+
+class Lab:
+    def __init__(self) -> None:
+        self.machine: Machine | None = None
+        self.result: Result | None = None
+        self.runs: list[tuple[Result, bool]] = []  # and whether all starts were made at once
+        self.kept: list[pathlib.Path] = []
+
+    def run(self, machine: dict[str, Any] | str | None = None, arguments: str = "", **options: Any) -> Result:
+        """machine: what differs from the common machine, or the name of a file in lab/machines."""
+        if isinstance(machine, str):
+            self.machine = Machine.load(ROOT / "lab" / "machines" / machine)
+        else:
+            self.machine = Machine(machine or {})
+        if (self.machine.server.reach == "default" or self.machine.data["hosts"]) and private_hosts_obstacle():
+            pytest.skip(private_hosts_obstacle())
+        if self.machine.data["disks"] and mounting_obstacle():
+            pytest.skip(mounting_obstacle())
+        try:
+            self.result = run(self.machine, arguments, keep=True, **options)
+        except RunError as error:
+            self.kept.append(error.folder)
+            raise
+        self.kept.append(pathlib.Path(self.result.prefix))
+        self.runs.append((self.result, options.get("at_once", 1) > 1))
+        return self.result
+
+    def check(self, *, exit_code: int, log: list[str] | None = None, boxes: list[tuple[str, str]] | None = None,
+              before: dict[str, Any] | None = None, after: dict[str, Any] | None = None, requests: list[str] | None = None,
+              running: list[str] | None = None, crash: bool = False) -> None:
+        """States are tables: products (names), values ("key\\name" below HKLM -> value, None: absent), files (present),
+        missing (absent files), store (Store packages, after only). requests: "<path> <status>"; running: programs left."""
+        result = self.result
+        assert result is not None and self.machine is not None
+        names = ["Tavik " + " ".join(product.split("-")[:2]) for product in self.machine.products]
+        self._check_state("before the run", result.before, {"products": sorted(names), **(before or {})})
+        assert not result.timed_out, "the run was ended by the time limit"
+        bad = [line for line in [*result.calls, *result.store_calls] if line.startswith("!bad")]
+        assert not bad, f"the case's own rules are not understood: {bad}"
+        assert crash or "Unhandled exception" not in result.errors, result.errors
+        assert result.exit_code == exit_code
+        if log is not None:
+            difference = expect.compare_log(log, result.log, expect.places(self.machine, result))
+            assert not difference, difference
+        if boxes is not None:
+            assert [(box["icon"], box["text"]) for box in result.boxes if box["instance"] == 0] == boxes
+        for box in result.boxes:
+            assert (box["caption"], box["buttons"], box["title_icon"]) == (expect.CAPTION, ["OK"], "big and small")
+            assert box["status_hidden"], "the status window is hidden before a message is shown"
+        self._check_state("after the run", result.after, after or {})
+        if after and "store" in after:
+            assert result.store_left == after["store"]
+        if requests is not None:
+            assert [f"{item['path']} {item['status']}" for item in result.requests] == requests
+        assert sorted(result.still_running) == sorted(running or [])
+
+    @staticmethod
+    def _check_state(when: str, state: State, wanted: dict[str, Any]) -> None:
+        unknown = set(wanted) - {"products", "values", "files", "missing", "store"}
+        assert not unknown, f"unknown in a state: {unknown}"
+        if "products" in wanted:
+            assert state.products == wanted["products"], when
+        for path, value in wanted.get("values", {}).items():
+            key, _, name = path.rpartition("\\")
+            assert (path, state.value(key, name)) == (path, value), when
+        present = {path.lower() for path in state.files}
+        assert [path for path in wanted.get("files", []) if path.lower() not in present] == [], f"missing {when}"
+        assert [path for path in wanted.get("missing", []) if path.lower() in present] == [], f"still there {when}"
+
+    def check_outcomes(self, name: str) -> None:
+        """That each start has exactly one outcome of the catalogue, and the one that outcomes.txt states for this case."""
+        stated = statements.stated(name) if self.runs else []
+        for number, (result, at_once) in enumerate(self.runs, 1):
+            codes = [one["exit_code"] for one in result.instances]
+            starts, stated = (stated[:len(codes)], stated[len(codes):]) if number < len(self.runs) else (stated, [])
+            difference = statements.compare(starts, codes, result.logs, at_once)
+            assert not difference, f"outcomes of run {number}: {difference}"
+            if len(codes) == len(result.logs) and not at_once:
+                for code, log in zip(codes, result.logs):
+                    corpus.add(*statements.recognised(code, log), code, log)
+
+    def close(self, keep: bool) -> None:
+        if not keep:
+            for folder in self.kept:
+                remove_folder(folder)
+
+
+@pytest.fixture
+def lab(request: pytest.FixtureRequest):
+    one = Lab()
+    request.node.lab = one
+    yield one
+    one.close(keep=getattr(request.node, "failed", False))
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_pyfunc_call(pyfuncitem: pytest.Function):
+    """After a case that has passed."""
+    outcome = yield
+    outcome.get_result()
+    if hasattr(pyfuncitem, "lab"):
+        pyfuncitem.lab.check_outcomes(f"{pyfuncitem.path.name}::{pyfuncitem.name}")
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo):
+    outcome = yield
+    report = outcome.get_result()
+    if call.when == "call" and report.failed:
+        item.failed = True
+        one = getattr(item, "lab", None)
+        if one is not None and one.result is not None:
+            report.sections.append(("the run", render(one.result)))

@@ -1,0 +1,321 @@
+#!/usr/bin/python3
+"""Looks at the files of the deployment kit (deploy/) without running them: their formats, and that they fit the product.
+
+    tools/deployment_check.py             what Debian's small packages can check
+    tools/deployment_check.py --full      and the Ansible role with ansible-lint, and the PowerShell scripts with a parser
+
+--full needs the Debian packages ansible, ansible-lint, nodejs and npm, hundreds of megabytes for nothing else here; it says
+what is missing and fetches the parser (npm: web-tree-sitter, tree-sitter-powershell) into build/check. Each complaint is one
+line; without any the exit code is 0. tools/tests/test_check_deploy.py shows for every rule that it can fail.
+"""
+from __future__ import annotations
+
+import argparse
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import xml.etree.ElementTree as ElementTree
+from collections.abc import Iterator
+from pathlib import Path
+
+import jsonschema
+import yaml
+
+TOP = Path(__file__).resolve().parent.parent
+SCHEMAS = TOP / "tools" / "schemas"
+POLICY = "{http://schemas.microsoft.com/GroupPolicy/2006/07/PolicyDefinitions}"
+TASK = "{http://schemas.microsoft.com/windows/2004/02/mit/task}"
+
+# What every recipe says to its deployment system. It is also what TavikToolCompanion.exe ends with.
+CODES = {"success": 0, "restart": 3010, "retry": 1618, "failed": 1603}
+PARSER = {"web-tree-sitter": "0.27.1", "tree-sitter-powershell": "0.26.4"}
+YAMLLINT = "{extends: default, rules: {line-length: {max: 140}, document-start: disable}}"
+
+
+def read(path: Path) -> str:
+    return path.read_text("utf-8")
+
+
+def constant(top: Path, file: str, name: str) -> str:
+    """A text of the product, as it is at run time."""
+    match = re.search(rf'{name}(?:\[\])?\s*=\s*L?"((?:[^"\\]|\\.)*)"', read(top / "src" / file))
+    if not match:
+        raise ValueError(f"src/{file} has no {name}")
+    return match[1].replace("\\\\", "\\")
+
+
+def display_class(top: Path) -> str:
+    numbers = re.findall(r"0x([0-9A-F]+)", re.search(r"kDisplayClass = (.*);", read(top / "src/inventory/constants.h"))[1])
+    return f"{{{numbers[0]}-{numbers[1]}-{numbers[2]}-{''.join(numbers[3:5])}-{''.join(numbers[5:])}}}".lower()
+
+
+# Group Policy
+
+def policy(top: Path) -> Iterator[str]:
+    folder = top / "deploy" / "policy"
+    for template in sorted(folder.glob("*.admx")):
+        definitions = ElementTree.parse(template).getroot()
+        for texts in sorted(folder.glob(f"*/{template.stem}.adml")):
+            yield from _resolve(definitions, ElementTree.parse(texts).getroot())
+        if not (folder / "en-US" / f"{template.stem}.adml").exists():
+            yield f"{template.name} has no texts in en-US"
+        yield from _fits_the_product(top, definitions)
+
+
+def _resolve(definitions: ElementTree.Element, resources: ElementTree.Element) -> Iterator[str]:
+    """Every name that is used is there once, and every one that is there is used."""
+    everything = " ".join(value for item in definitions.iter() for value in item.attrib.values())
+    for kind, element in (("string", "string"), ("presentation", "presentation")):
+        used = re.findall(rf"\$\({kind}\.(\w+)\)", everything)
+        there = [item.get("id") for item in resources.iter(POLICY + element)]
+        yield from (f"policy: there is no {kind} {name}" for name in sorted(set(used) - set(there)))
+        yield from (f"policy: nothing uses the {kind} {name}" for name in sorted(set(there) - set(used)))
+        yield from (f"policy: the {kind} {name} stands twice" for name in sorted(set(there)) if there.count(name) > 1)
+        yield from (f"policy: the string {item.get('id')} is empty" for item in resources.iter(POLICY + "string")
+                    if kind == "string" and not (item.text or "").strip())
+    for element, target in (("parentCategory", "category"), ("supportedOn", "definition")):
+        there = {item.get("name") for item in definitions.iter(POLICY + target)}
+        yield from (f"policy: there is no {target} {item.get('ref')}" for item in definitions.iter(POLICY + element)
+                    if item.get("ref") is not None and item.get("ref") not in there)
+    for one in definitions.iter(POLICY + "policy"):
+        elements = [item.get("id") for item in one.iter(POLICY + "text")]
+        name = re.fullmatch(r"\$\(presentation\.(\w+)\)", one.get("presentation", ""))
+        boxes = [box.get("refId") for item in resources.iter(POLICY + "presentation") if name and item.get("id") == name[1]
+                 for box in item.iter(POLICY + "textBox")]
+        if sorted(elements) != sorted(boxes):
+            yield f"policy: {one.get('name')} has the elements {elements}, its presentation shows {boxes}"
+
+
+def _fits_the_product(top: Path, definitions: ElementTree.Element) -> Iterator[str]:
+    file = "acquisition/constants.h"
+    key, value = constant(top, file, "kServerKey"), constant(top, file, "kServerFolderValue")
+    found = [(one.get("key"), item.get("valueName"), item.get("maxLength")) for one in definitions.iter(POLICY + "policy")
+             for item in one.iter(POLICY + "text")]
+    room = int(re.search(r"kUrlPartCharacters = (\d+)", read(top / "src" / file))[1]) - 1
+    longest = room - 5 - len(constant(top, file, "kRemoteFile"))
+    if found != [(key, value, str(longest))]:
+        yield f"policy: the product reads {value} in {key}, up to {longest} characters; the template has {found}"
+
+
+# The scheduled task
+
+def task(top: Path) -> Iterator[str]:
+    file = top / "deploy" / "task" / "TavikRepairAfterDriverUpdate.xml"
+    text = file.read_bytes()
+    if not text.isascii() or b"encoding" in text.splitlines()[0]:
+        yield f"{file.name}: ASCII only and no encoding, so that it can be read in any way"
+    root = ElementTree.parse(file).getroot()
+    for subscription in root.iter(TASK + "Subscription"):
+        try:
+            queries = ElementTree.fromstring(subscription.text or "")
+        except ElementTree.ParseError as error:
+            yield f"{file.name}: the subscription is no XML: {error}"
+            continue
+        select = "".join(item.text or "" for item in queries.iter("Select"))
+        if f"='{display_class(top)}'" not in select:
+            yield f"{file.name}: the event is not one of the class of display adapters {display_class(top)}"
+        if select.count("[") != select.count("]") or select.count("(") != select.count(")"):
+            yield f"{file.name}: the brackets of the query do not match"
+        if {item.get("Path") for item in queries.iter() if item.get("Path")} != {"Microsoft-Windows-Kernel-PnP/Configuration"}:
+            yield f"{file.name}: the query names another log than the installation script enables"
+    contexts = [item.get("Context") for item in root.iter(TASK + "Actions")]
+    if contexts != [item.get("id") for item in root.iter(TASK + "Principal")]:
+        yield f"{file.name}: there is no principal {contexts}"
+    if [item.text for item in root.iter(TASK + "UserId")] != ["S-1-5-18"]:
+        yield f"{file.name}: it runs as SYSTEM"
+    arguments = "".join(item.text or "" for item in root.iter(TASK + "Arguments"))
+    if r'"%ProgramFiles%\Tavik\Repair\Repair-TavikSoftware.ps1"' not in arguments:
+        yield f"{file.name}: it starts the script where Install-TavikRepair.ps1 puts it"
+    installer = read(top / "deploy" / "task" / "Install-TavikRepair.ps1")
+    path, name = re.search(r"^\$taskPath = '(.*)'", installer, re.M)[1], re.search(r"^\$taskName = '(.*)'", installer, re.M)[1]
+    if [item.text for item in root.iter(TASK + "URI")] != [path + name]:
+        yield f"{file.name}: Install-TavikRepair.ps1 registers it as {path}{name}"
+
+
+# Formats
+
+def formats(top: Path) -> Iterator[str]:
+    """Well-formed, and after the schemas."""
+    deploy = top / "deploy"
+    xml = {"policy.xsd": sorted((deploy / "policy").glob("*.admx")), "policy-resources.xsd": sorted((deploy / "policy").glob("*/*.adml")),
+           "task.xsd": sorted((deploy / "task").glob("*.xml"))}
+    for schema, files in xml.items():
+        yield from _output_of("xmllint", "--noout", "--nonet", "--schema", str(SCHEMAS / schema), *map(str, files))
+        if not files:
+            yield f"there is no file for {schema}"
+    yield from _schema("intune-app.json", deploy / "intune" / "app.json", json.loads)
+    for file in sorted((deploy / "winget").glob("*.yaml")):
+        yield from _schema("winget.json", file, yaml.safe_load)
+    yield from _output_of("yamllint", "--strict", "-f", "parsable", "-d", YAMLLINT, str(deploy))
+
+
+def _output_of(*command: str, folder: Path | None = None, **variables: str) -> Iterator[str]:
+    done = subprocess.run(command, cwd=folder, env={**os.environ, "NO_COLOR": "1", **variables}, capture_output=True, text=True, check=False)
+    if done.returncode != 0:
+        lines = [line for line in (done.stdout + done.stderr).strip().splitlines() if not line.endswith(" validates")]
+        yield from lines or [f"{command[0]} ended with {done.returncode}"]
+
+
+def _schema(schema: str, file: Path, load) -> Iterator[str]:
+    rules = json.loads(read(SCHEMAS / schema))
+    try:
+        content = load(read(file))
+    except (ValueError, yaml.YAMLError) as error:
+        yield f"{file.name}: {error}"
+        return
+    if "forms" in rules:  # one of several, by its type
+        form = rules["forms"].get(content.get("ManifestType"))
+        if form is None:
+            yield f"{file.name}: ManifestType is none of {', '.join(rules['forms'])}"
+            return
+        rules = {"definitions": rules["definitions"], **form}
+    for error in jsonschema.Draft7Validator(rules).iter_errors(content):
+        yield f"{file.name}: {'/'.join(map(str, error.absolute_path)) or 'top'}: {error.message[:200]}"
+
+
+# Return codes
+
+def return_codes(top: Path) -> Iterator[str]:
+    """Each recipe's table has the codes that the companion ends with, each with its meaning there, and no other."""
+    deploy = top / "deploy"
+    intune = {item["type"]: item["returnCode"] for item in json.loads(read(deploy / "intune/app.json"))["returnCodes"]}
+    configmgr = {kind: int(code) for code, kind in re.findall(r"@\{ ReturnCode = (\d+); CodeType = '(\w+)' \}",
+                                                              read(deploy / "configmgr/New-TavikApplication.ps1"))}
+    ansible = yaml.safe_load(read(deploy / "ansible/roles/tavik_repair/defaults/main.yml"))["tavik_repair_return_codes"]
+    winget = {item["ReturnResponse"]: item["InstallerReturnCode"] for item in
+              yaml.safe_load(read(deploy / "winget/Tavik.SoftwareRepair.installer.yaml"))["ExpectedReturnCodes"]}
+    script = read(deploy / "powershell/Repair-TavikSoftware.ps1")
+    own = {name: int(code) for name, code in re.findall(r"^\$exit(\w+) = (\d+)", script, re.M)}
+    tables = {
+        "intune/app.json": (intune, dict(zip(("success", "softReboot", "retry", "failed"), CODES.values()))),
+        "configmgr/New-TavikApplication.ps1": (configmgr, dict(zip(("Success", "SoftReboot", "FastRetry", "Failure"), CODES.values()))),
+        "ansible/roles/tavik_repair/defaults/main.yml": (ansible, CODES),
+        "winget/Tavik.SoftwareRepair.installer.yaml": (winget, {"rebootRequiredToFinish": CODES["restart"], "installInProgress": CODES["retry"],
+                                                                "contactSupport": CODES["failed"]}),
+        "powershell/Repair-TavikSoftware.ps1": (own, {"Busy": CODES["retry"], "Failed": CODES["failed"]}),
+    }
+    yield from (f"{name}: the return codes are {found}, not {wanted}" for name, (found, wanted) in tables.items() if found != wanted)
+    catalogue = {item["code"]: item for item in json.loads(read(deploy / "return-codes.json"))["codes"]}
+    if set(catalogue) != set(CODES.values()):
+        yield f"return-codes.json has the codes {sorted(catalogue)}, the recipes {sorted(CODES.values())}"
+    for system, table in (("intune", intune), ("configuration_manager", configmgr)):
+        said = {code: item[system].partition(" (")[0].replace(" ", "").lower() for code, item in catalogue.items()}
+        done = {code: kind.lower() for kind, code in table.items()}
+        yield from (f"return-codes.json: to {system}, {code} is {said[code]}, and {done[code]} in the recipe"
+                    for code in sorted(said.keys() & done.keys()) if said[code] != done[code])
+
+
+# The scripts
+
+def scripts(top: Path) -> Iterator[str]:
+    """What they say about the product is so."""
+    deploy = top / "deploy"
+    for file in sorted(deploy.rglob("*.ps1")):
+        data = file.read_bytes()
+        if not data.isascii():
+            yield f"{file.name}: ASCII only; Windows PowerShell takes other bytes for the machine's code page"
+        if "Never run on a real" not in data.decode("ascii", "replace") and "never run on a real" not in data.decode("ascii", "replace"):
+            yield f"{file.name}: it has to say that it has never run on a real Windows"
+        if re.search(r"-VLT|-Install\b", data.decode("ascii", "replace")):
+            yield f"{file.name}: no direct installation without somebody at the screen, its box would wait for ever"
+        for name in re.findall(r"[\w-]+\.(?:ps1|xml)\b", data.decode("ascii", "replace")):
+            if not list(deploy.rglob(name)):
+                yield f"{file.name}: there is no {name} in the kit"
+    detection = read(deploy / "powershell/Test-TavikRelease.ps1")
+    inventory = "inventory/constants.h"
+    names = re.findall(r'L"([^"]+)"', re.search(r"StorePackageNames = \{(.*?)\};", read(top / "src/store/constants.h"), re.S)[1])
+    expected = {
+        "displayClass": repr(display_class(top)), "releaseValue": repr(constant(top, inventory, "kReleaseVersionValue")),
+        "vendorIds": f"@('{constant(top, inventory, 'kVendorId')}', '{constant(top, inventory, 'kSecondVendorId')}')",
+        "driverKeys": f"'{constant(top, inventory, 'kDriverKeys')}'", "applicationKey": f"'{constant(top, inventory, 'kApplicationKey')}'",
+        "applicationValue": f"'{constant(top, inventory, 'kApplicationVersionValue')}'",
+        "upgradeCode": f"'{constant(top, 'install/constants.h', 'kHaldenUpgradeCode')}'",
+        "storePackages": "@(" + ", ".join(f"'{name}'" for name in names) + ")"}
+    for name, wanted in expected.items():
+        found = re.findall(rf"^\${name} = (.*)$", detection, re.M)
+        if found != [wanted]:
+            yield f"Test-TavikRelease.ps1: ${name} is {found}, the product has {wanted}"
+    version = re.search(r'TAVIK_VERSION_TEXT "(.*)"', read(top / "src/resources/version.h"))[1]
+    manifests = [yaml.safe_load(read(file)) for file in sorted((deploy / "winget").glob("*.yaml"))]
+    if {(one["PackageIdentifier"], one["PackageVersion"]) for one in manifests} != {("Tavik.SoftwareRepair", version)}:
+        yield f"winget: all manifests are of Tavik.SoftwareRepair {version}"
+    inside = [file["RelativeFilePath"] for one in manifests for file in one.get("NestedInstallerFiles", [])]
+    if inside != [rf"TavikCompatibilityTool-{version}\TavikToolCompanion.exe"]:
+        yield f"winget: the zip of the release has TavikToolCompanion.exe in the folder TavikCompatibilityTool-{version}, not {inside}"
+    if {one["ManifestType"] for one in manifests} != {"version", "installer", "defaultLocale"}:
+        yield "winget: there are three manifests, one of each type"
+    commands = [json.loads(read(deploy / "intune/app.json"))["installCommandLine"],
+                *re.findall(r"InstallCommand\s+= '(.*)'", read(deploy / "configmgr/New-TavikApplication.ps1"))]
+    if len(commands) != 2 or len(set(commands)) != 1 or not commands[0].endswith("-File Repair-TavikSoftware.ps1"):
+        yield f"Intune and Configuration Manager start the same script: {commands}"
+
+
+# With --full
+
+def ansible(top: Path) -> Iterator[str]:
+    folder = top / "deploy" / "ansible"
+    missing = [name for name in ("ansible-playbook", "ansible-lint") if not shutil.which(name)]
+    if missing:
+        yield f"missing: {', '.join(missing)}; apt-get install --no-install-recommends ansible ansible-lint"
+        return
+    roles = {"ANSIBLE_ROLES_PATH": str(folder / "roles"), "ANSIBLE_NOCOLOR": "1"}
+    yield from _output_of("ansible-playbook", "--syntax-check", "-i", "hosts.example.yml", "site.yml", folder=folder, **roles)
+    yield from _output_of("ansible-lint", "--offline", "--nocolor", "--strict", "--profile", "production", "site.yml", "roles",
+                          folder=folder, **roles)
+
+
+PARSE = """
+const { Parser, Language } = require("web-tree-sitter");
+const fs = require("fs");
+(async () => {
+  await Parser.init();
+  const parser = new Parser();
+  parser.setLanguage(await Language.load("node_modules/tree-sitter-powershell/tree-sitter-powershell.wasm"));
+  let bad = 0;
+  const look = (file, node) => {
+    if (node.isError || node.isMissing) {
+      bad++;
+      console.log(`${file}:${node.startPosition.row + 1}: not understood: ${node.text.slice(0, 60)}`);
+    } else if (node.hasError) node.children.forEach((child) => look(file, child));
+  };
+  process.argv.slice(2).forEach((file) => look(file, parser.parse(fs.readFileSync(file, "utf8")).rootNode));
+  process.exit(bad ? 1 : 0);
+})();
+"""
+
+
+def powershell(top: Path) -> Iterator[str]:
+    """Only the grammar: whether a command or a parameter exists nobody here can tell."""
+    missing = [name for name in ("node", "npm") if not shutil.which(name)]
+    if missing:
+        yield f"missing: {', '.join(missing)}; apt-get install --no-install-recommends nodejs npm"
+        return
+    folder = TOP / "build" / "check" / "powershell"
+    folder.mkdir(parents=True, exist_ok=True)
+    if not all((folder / "node_modules" / name).exists() for name in PARSER):
+        (folder / "package.json").write_text(json.dumps({"private": True, "dependencies": PARSER}), "ascii")
+        yield from _output_of("npm", "install", "--ignore-scripts", "--no-audit", "--no-fund", "--silent", folder=folder)
+    (folder / "parse.cjs").write_text(PARSE, "ascii")
+    yield from _output_of("node", "parse.cjs", *map(str, sorted((top / "deploy").rglob("*.ps1"))), folder=folder)
+
+
+RULES = (formats, policy, task, return_codes, scripts)
+FULL = (ansible, powershell)
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(prog="check-deploy", description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--full", action="store_true")
+    rules = RULES + FULL if parser.parse_args().full else RULES
+    complaints = [complaint for rule in rules for complaint in rule(TOP)]
+    for complaint in complaints:
+        print(complaint)
+    print(f"check-deploy: {', '.join(rule.__name__.replace('_', ' ') for rule in rules)}: {len(complaints)} complaints.")
+    return 1 if complaints else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

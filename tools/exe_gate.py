@@ -1,0 +1,399 @@
+#!/usr/bin/python3
+"""Looks into an exe that ships, as Windows will: flags, sections, imports, resources, and what must not be in it.
+
+    tools/exe_gate.py [EXE]...    the two of build/release unless told otherwise; TavikToolCompanion.exe by its own lists
+
+The compiler calls of the build that the exe lies in are looked at too. Each complaint is one line; without any the exit
+code is 0. tools/tests/test_exe_gate.py shows for every rule that it can fail.
+"""
+import array
+import contextlib
+import dataclasses
+import getpass
+import itertools
+import json
+import re
+import struct
+import sys
+from collections.abc import Iterator
+from pathlib import Path
+
+import pefile
+
+TOP = Path(__file__).resolve().parent.parent
+BUILD = TOP / "build" / "release"
+RESOURCES = TOP / "src" / "resources"
+
+# What Windows 10 takes from its own folder whatever lies beside the program: HKLM\SYSTEM\CurrentControlSet\Control\
+# Session Manager\KnownDLLs.
+KNOWN_DLLS = set("""advapi32 clbcatq combase comdlg32 coml2 gdi32 gdiplus imagehlp imm32 kernel32 msctf msvcrt normaliz nsi
+    ole32 oleaut32 psapi rpcrt4 sechost setupapi shcore shell32 shlwapi user32 wldap32 ws2_32""".split())
+
+@dataclasses.dataclass(frozen=True)
+class Product:
+    """What differs between the programs that ship."""
+    name: str
+    subsystem: str
+    other_subsystem: str      # what an exe of another subsystem would do
+    static: dict[str, str]    # loaded before the first instruction: only from the list above
+    delayed: dict[str, str]   # loaded at the first call, from the system's folder only
+    looked_up: dict[str, str]  # names that the exe looks up itself
+    protected: int            # functions with a guard in what is linked, at least
+    manifest: str
+    level: str
+    no_level: str
+    description: str
+
+    @property
+    def texts(self) -> dict[str, str]:
+        return {"CompanyName": "Tavik", "FileDescription": self.description, "InternalName": self.name.removesuffix(".exe"),
+                "OriginalFilename": self.name, "ProductName": "Tavik Software Compatibility Tool"}
+
+
+TOOL = Product(
+    name="TavikCompatibilityTool.exe",
+    subsystem="IMAGE_SUBSYSTEM_WINDOWS_GUI", other_subsystem="not that of window programs: a console would open",
+    static={
+        "advapi32.dll": "registry, security descriptor of the folder that is unpacked into",
+        "gdi32.dll": "font and text of the status window",
+        "kernel32.dll": "the system",
+        "msvcrt.dll": "the C library below the compiler's",
+        "shell32.dll": "switches, known folders, starting installers as Explorer would",
+        "user32.dll": "status window and message boxes",
+    },
+    delayed={
+        "msi.dll": "the desktop edition's packages",
+        "setupapi.dll": "display adapters and driver packages; protected, but start-up does not wait for it",
+        "wininet.dll": "download",
+        "wtsapi32.dll": "the user of the session",
+    },
+    looked_up={
+        "combase.dll": "Windows Runtime, from the system's folder only; a run without Store packages never needs it",
+        "oleaut32.dll": "error texts of the Windows Runtime, from the system's folder only",
+    },
+    protected=50,  # there were 77 when this was written
+    manifest="tool.manifest", level="requireAdministrator", no_level="the manifest does not ask for an administrator",
+    description="Tavik Software Compatibility Tool")
+COMPANION = Product(
+    name="TavikToolCompanion.exe",
+    subsystem="IMAGE_SUBSYSTEM_WINDOWS_CUI", other_subsystem="not that of console programs: nobody would see its output",
+    static={
+        "advapi32.dll": "registry: profiles of this machine",
+        "kernel32.dll": "the system",
+        "msvcrt.dll": "the C library below the compiler's",
+        "shell32.dll": "its command line",
+    },
+    delayed={"wininet.dll": "asking a download server"},
+    looked_up={},
+    protected=80,  # there were 110 when this was written
+    manifest="companion.manifest", level="asInvoker", no_level="the manifest wants more than whoever starts it has",
+    description="Log reader of the Tavik Software Compatibility Tool")
+PRODUCTS = (TOOL, COMPANION)
+
+FLAGS = {
+    "IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE": "the exe would always lie at the same address",
+    "IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA": "it would get only the lower addresses",
+    "IMAGE_DLLCHARACTERISTICS_NX_COMPAT": "data could be executed",
+}
+FAST_FAIL = bytes.fromhex("ba090400c0")  # mov edx, STATUS_STACK_BUFFER_OVERRUN: nothing but the guard's end does that
+STACK_PROBE = bytes.fromhex("5150483d00100000")  # begin of the one function in assembly; it needs no unwinding
+FUNCTION_ALIGNMENT = 16  # a call of another address only looks like one
+JUMP = b"\xff\x25"  # all that the entry of an imported function consists of
+FOREIGN = ("/home/", "/root/", "/tmp/", "/usr/", "/build/", "\\build\\", "\\users\\", ".cpp", ".cc", ".hpp", ".obj",
+           ".pdb")
+
+SLOW = ("IMAGE_DIRECTORY_ENTRY_EXCEPTION",)  # not for pefile, which unpacks far more of it than is needed here
+
+Complaints = Iterator[str]
+
+
+def checksum(data: bytes) -> int:
+    """As the linker has it: the 16-bit words added up with their carries, without the field itself, plus the size."""
+    at = pefile.PE(data=data, fast_load=True).OPTIONAL_HEADER.get_field_absolute_offset("CheckSum")
+    words = array.array("H", data[:at] + bytes(4) + data[at + 4:] + bytes(len(data) % 2))
+    total = sum(words)
+    while total >> 16:
+        total = (total & 0xFFFF) + (total >> 16)
+    return total + len(data)
+
+
+class Exe:
+    """The file, parsed, and the build it came from."""
+
+    def __init__(self, path: Path, build: Path, product: Product = TOOL):
+        self.product = product
+        self.data = path.read_bytes()
+        self.build = build
+        self.pe = pefile.PE(data=self.data, fast_load=True)
+        self.pe.parse_data_directories([number for name, number in pefile.directory_entry_types if name not in SLOW])
+        self.image = bytes(self.pe.get_memory_mapped_image())
+
+    def directory(self, name: str) -> int:
+        number = pefile.DIRECTORY_ENTRY[f"IMAGE_DIRECTORY_ENTRY_{name}"]
+        entry = self.pe.OPTIONAL_HEADER.DATA_DIRECTORY[number]
+        return entry.Size or entry.VirtualAddress
+
+    def functions(self) -> list[tuple[int, int, int]]:
+        """Begin, end and description of each, from the table that Windows unwinds the stack with."""
+        table = self.pe.OPTIONAL_HEADER.DATA_DIRECTORY[pefile.DIRECTORY_ENTRY["IMAGE_DIRECTORY_ENTRY_EXCEPTION"]]
+        return list(struct.iter_unpack("<3I", self.image[table.VirtualAddress:table.VirtualAddress + table.Size // 12 * 12]))
+
+    def calls(self, begin: int, end: int) -> Iterator[int]:
+        """Where the calls of this code lead. Bytes that only look like a call are among them."""
+        for call in re.finditer(b"\xe8", self.image[begin:end - 4]):
+            yield begin + call.end() + 4 + struct.unpack_from("<i", self.image, begin + call.end())[0]
+
+    def section(self, name: str) -> range:
+        """Its place in memory; empty when there is none of that name."""
+        for section in self.pe.sections:
+            if section.Name.rstrip(b"\0") == name.encode():
+                return range(section.VirtualAddress, section.VirtualAddress + section.Misc_VirtualSize)
+        return range(0)
+
+    def text_at(self, address: int) -> str:
+        return self.image[address:address + 64].split(b"\0")[0].decode("ascii", "replace")
+
+    def static_imports(self) -> set[str]:
+        return {entry.dll.decode("ascii", "replace").lower() for entry in getattr(self.pe, "DIRECTORY_ENTRY_IMPORT", [])}
+
+    def delayed_imports(self) -> set[str]:
+        """The linker leaves the directory of delayed imports empty; their descriptors stand among the code or data.
+
+        Attributes 1, then the places of the DLL's name, its handle, its addresses and its names.
+        """
+        listed = getattr(self.pe, "DIRECTORY_ENTRY_DELAY_IMPORT", [])
+        found = {entry.dll.decode("ascii", "replace").lower() for entry in listed}
+        end = len(self.image)
+        for mark in re.finditer(b"\1\0\0\0", self.image[:-32]):
+            places = struct.unpack_from("<4I", self.image, mark.end())
+            if all(0x1000 <= place < end for place in places):
+                name = self.text_at(places[0]).lower()
+                if re.fullmatch(r"[\w.-]+\.dll", name):
+                    found.add(name)
+        return found
+
+    def resources(self, kind: str) -> list[bytes]:
+        found = []
+        for entry in getattr(self.pe, "DIRECTORY_ENTRY_RESOURCE", None).entries if self.directory("RESOURCE") else []:
+            if entry.id == pefile.RESOURCE_TYPE[kind]:
+                for name in entry.directory.entries:
+                    found += [self.pe.get_data(language.data.struct.OffsetToData, language.data.struct.Size)
+                              for language in name.directory.entries]
+        return found
+
+
+def header(exe: Exe) -> Complaints:
+    file, optional = exe.pe.FILE_HEADER, exe.pe.OPTIONAL_HEADER
+    if file.Machine != pefile.MACHINE_TYPE["IMAGE_FILE_MACHINE_AMD64"]:
+        yield f"the machine is {file.Machine:#x}, not x86-64"
+    if optional.Subsystem != pefile.SUBSYSTEM_TYPE[exe.product.subsystem]:
+        yield f"the subsystem is {optional.Subsystem}, {exe.product.other_subsystem}"
+    if (optional.MajorSubsystemVersion, optional.MinorSubsystemVersion) != (10, 0):
+        yield (f"it wants Windows {optional.MajorSubsystemVersion}.{optional.MinorSubsystemVersion}, "
+               "but 10.0 is the oldest that is supported")
+    for flag, reason in FLAGS.items():
+        if not optional.DllCharacteristics & pefile.DLL_CHARACTERISTICS[flag]:
+            yield f"{flag.removeprefix('IMAGE_DLLCHARACTERISTICS_')} is not set: {reason}"
+    if optional.CheckSum != checksum(exe.data):
+        yield "the checksum is wrong: the file was changed after it was linked"
+
+
+def relocations(exe: Exe) -> Complaints:
+    if exe.pe.FILE_HEADER.Characteristics & pefile.IMAGE_CHARACTERISTICS["IMAGE_FILE_RELOCS_STRIPPED"]:
+        yield "the header says that relocations were stripped"
+    count = sum(len(block.entries) for block in getattr(exe.pe, "DIRECTORY_ENTRY_BASERELOC", []))
+    if count < 100:
+        yield f"there are {count} relocations: the exe cannot be moved"
+    base = exe.pe.OPTIONAL_HEADER.ImageBase
+    if base % 0x10000 or base < 1 << 32:
+        yield f"the image base {base:#x} is not a multiple of 64 KB above 4 GB"
+
+
+def sections(exe: Exe) -> Complaints:
+    flags = pefile.SECTION_CHARACTERISTICS
+    entry = exe.pe.OPTIONAL_HEADER.AddressOfEntryPoint
+    for section in exe.pe.sections:
+        name = section.Name.rstrip(b"\0").decode("ascii", "replace")
+        executable = section.Characteristics & flags["IMAGE_SCN_MEM_EXECUTE"]
+        if executable and section.Characteristics & flags["IMAGE_SCN_MEM_WRITE"]:
+            yield f"section {name} is writable and executable"
+        if section.Characteristics & flags["IMAGE_SCN_MEM_SHARED"]:
+            yield f"section {name} is shared between processes"
+        if section.contains_rva(entry) and not executable:
+            yield f"the program begins in section {name}, which is not executable"
+
+
+def imports(exe: Exe) -> Complaints:
+    static, delayed = exe.static_imports(), exe.delayed_imports()
+    for name in sorted(static):
+        if name.removesuffix(".dll") not in KNOWN_DLLS:
+            yield f"{name} is imported statically, but Windows does not protect that name against a copy beside the exe"
+        elif name not in exe.product.static:
+            yield f"{name} is imported statically and is not on the list in this script"
+    for name in sorted(delayed - set(exe.product.delayed)):
+        yield f"{name} is imported at its first call and is not on the list in this script"
+    # The lists say what is there: a name that nothing imports any more would let it come back unseen.
+    for name in sorted((set(exe.product.static) - static) | (set(exe.product.delayed) - delayed)):
+        yield f"{name} is on a list in this script but not imported as it says"
+    if exe.directory("BOUND_IMPORT"):
+        yield "the imports are bound to the DLLs of one version of Windows"
+
+
+def looked_up(exe: Exe) -> Complaints:
+    """Every text that names a library, however it is loaded."""
+    known = set(exe.product.static) | set(exe.product.delayed) | set(exe.product.looked_up)
+    name = rb"[A-Za-z0-9_.-]+\.(?:dll|drv|ocx|cpl)"
+    narrow = {found.decode("ascii").lower() for found in re.findall(name, exe.data, re.I)}
+    # The last letter of a narrow text and its end look like a wide letter, so a wide text begins behind a zero.
+    name = rb"(?<=\0)(?:[A-Za-z0-9_.-]\0)+\.\0(?:d\0l\0l\0|d\0r\0v\0|o\0c\0x\0|c\0p\0l\0)"
+    wide = {found.replace(b"\0", b"").decode("ascii").lower() for found in re.findall(name, exe.data, re.I)}
+    for text in sorted((narrow | wide) - known):
+        yield f"the library {text} is named in it and is not on a list in this script"
+    for text in sorted(set(exe.product.looked_up) - wide):
+        yield f"{text} is on the list of what is looked up in this script but not in the exe"
+
+
+def exports(exe: Exe) -> Complaints:
+    if exe.directory("EXPORT"):
+        yield "it exports something: a program has nothing to export"
+
+
+def unwinding(exe: Exe) -> Complaints:
+    """An exception passes through a function only when the table has it; without, it ends the process. The build leaves
+    unused functions out of code and table (cmake/link_tight.py), so that the two fit is looked at here."""
+    functions, code, descriptions = exe.functions(), exe.section(".text"), exe.section(".xdata")
+    if any(begin >= end for begin, end, _ in functions) or any(
+            one[1] > other[0] for one, other in itertools.pairwise(functions)):
+        yield "the table of functions is not sorted, or two overlap: Windows would not find them"
+    if any(begin not in code or end - 1 not in code or about not in descriptions for begin, end, about in functions):
+        yield "the table of functions names something outside of the code, or of the descriptions"
+    begins = {begin for begin, _, _ in functions}
+    covered = bytearray(code.stop)
+    for begin, end, _ in functions:
+        covered[begin:end] = b"\1" * (end - begin)
+    missing = {target for begin, end, _ in functions for target in exe.calls(begin, end)
+               if target in code and target % FUNCTION_ALIGNMENT == 0 and target not in begins and not covered[target]
+               and not exe.image[target:].startswith((JUMP, STACK_PROBE))}
+    if missing:
+        yield f"{len(missing)} functions are called but not in the table of functions, the first at {min(missing):#x}"
+
+
+def stack_protector(exe: Exe) -> Complaints:
+    """In the linked code: who calls the function that ends the process when a guard was overwritten?"""
+    functions = exe.functions()
+    ends = [begin for begin, end, _ in functions if FAST_FAIL in exe.image[begin:end]]
+    if len(ends) != 1:
+        yield f"{len(ends)} functions end the process for a damaged stack, expected one (src/base/stack_guard.cpp)"
+    else:
+        protected = sum(ends[0] in exe.calls(begin, end) for begin, end, _ in functions)
+        if protected < exe.product.protected:
+            yield f"{protected} functions have a stack guard, at least {exe.product.protected} should"
+    listing = exe.build / "compile_commands.json"
+    if not listing.is_file():
+        yield f"{listing.name} is missing in {exe.build.name}: the compiler calls cannot be looked at"
+        return
+    calls = {Path(call["file"]): call["command"] for call in json.loads(listing.read_text("utf-8"))}
+    for file in sorted((TOP / "src").rglob("*.cpp")):
+        if file.name != "stack_guard.cpp" and "-fstack-protector-strong" not in calls.get(file, "").split():
+            yield f"{file.relative_to(TOP)} is compiled without the stack protector"
+
+
+def manifest(exe: Exe) -> Complaints:
+    found = exe.resources("RT_MANIFEST")
+    if len(found) != 1:
+        yield f"there are {len(found)} manifests, expected one"
+        return
+    if found[0] != (RESOURCES / exe.product.manifest).read_bytes():
+        yield f"the manifest is not src/resources/{exe.product.manifest} byte for byte"
+    if f'"{exe.product.level}"'.encode() not in found[0]:
+        yield exe.product.no_level
+    if b"dependen" in found[0].lower():  # dependency, dependentAssembly
+        yield "the manifest names another assembly, which is searched beside the exe first"
+
+
+def version(exe: Exe) -> Complaints:
+    defines = dict(re.findall(r"^#define (TAVIK_VERSION_\w+) (.+)$", (RESOURCES / "version.h").read_text("utf-8"), re.M))
+    numbers = [int(number) for number in defines["TAVIK_VERSION_NUMBERS"].split(",")]
+    text = defines["TAVIK_VERSION_TEXT"].strip('"')
+    if text != ".".join(map(str, numbers)):
+        yield f"src/resources/version.h contradicts itself: {numbers} and {text}"
+    fixed = getattr(exe.pe, "VS_FIXEDFILEINFO", [])
+    if len(fixed) != 1:
+        yield f"there are {len(fixed)} version blocks, expected one"
+        return
+    for field in ("FileVersion", "ProductVersion"):
+        high, low = getattr(fixed[0], f"{field}MS"), getattr(fixed[0], f"{field}LS")
+        found = [high >> 16, high & 0xFFFF, low >> 16, low & 0xFFFF]
+        if found != numbers:
+            yield f"the number {field} is {found}, src/resources/version.h says {numbers}"
+    tables = [table for part in exe.pe.FileInfo[0] if part.Key == b"StringFileInfo" for table in part.StringTable]
+    entries = {key.decode(): value.decode("utf-8", "replace") for table in tables for key, value in table.entries.items()}
+    wanted = exe.product.texts | {"FileVersion": text, "ProductVersion": text}
+    for key in sorted(set(entries) | set(wanted)):
+        if entries.get(key) != wanted.get(key):
+            yield f"the text {key} is {entries.get(key)!r}, not {wanted.get(key)!r}"
+
+
+def user_name() -> str:
+    """Of whoever builds; a user without an entry has none that could get into the exe."""
+    with contextlib.suppress(KeyError, OSError):
+        return getpass.getuser()
+    return "nobody"
+
+
+def traces(exe: Exe) -> Complaints:
+    """Where and when it was built is nobody's business, and differs from build to build."""
+    user = user_name()
+    lower = exe.data.lower()
+    for text in [*FOREIGN, str(TOP), str(exe.build), f"/{user}/", f"\\{user}\\"]:
+        if any(text.lower().encode(encoding) in lower for encoding in ("utf-8", "utf-16-le")):
+            yield f"there is a trace of the build in it: {text}"
+    if exe.pe.FILE_HEADER.TimeDateStamp:
+        yield f"the time stamp of the link is {exe.pe.FILE_HEADER.TimeDateStamp:#x}, not 0"
+    if any(entry.struct.TimeDateStamp for entry in getattr(exe.pe, "DIRECTORY_ENTRY_IMPORT", [])):
+        yield "the imports have a time stamp"
+    if exe.directory("RESOURCE") and exe.pe.DIRECTORY_ENTRY_RESOURCE.struct.TimeDateStamp:
+        yield "the resources have a time stamp"
+    if exe.directory("DEBUG"):
+        yield "there is a debug directory, which names files of the build"
+    if exe.pe.FILE_HEADER.PointerToSymbolTable or exe.pe.FILE_HEADER.NumberOfSymbols:
+        yield "the symbols were not stripped"
+
+
+def rest(exe: Exe) -> Complaints:
+    """Signing comes after the build; nothing else belongs behind the last section."""
+    if exe.directory("SECURITY"):
+        yield "there is a certificate in it: this looks at what the build made, before it is signed"
+    over = exe.pe.get_overlay_data_start_offset()
+    if over is not None:
+        yield f"{len(exe.data) - over} bytes lie behind the last section"
+
+
+RULES = (header, relocations, sections, imports, looked_up, exports, unwinding, stack_protector, manifest, version, traces, rest)
+
+
+def complaints(path: Path, build: Path, product: Product = TOOL) -> list[str]:
+    exe = Exe(path, build, product)
+    return [complaint for rule in RULES for complaint in rule(exe)]
+
+
+def main(arguments: list[str]) -> int:
+    if any(argument.startswith("-") for argument in arguments):
+        print(__doc__)
+        return 0 if arguments in (["-h"], ["--help"]) else 2
+    total = 0
+    for path in [Path(argument).resolve() for argument in arguments] or [BUILD / product.name for product in PRODUCTS]:
+        if not path.is_file():
+            print(f"check-exe: {path.name} is missing; scripts/build makes it.", file=sys.stderr)
+            return 1
+        product = next((one for one in PRODUCTS if one.name == path.name), TOOL)
+        found = complaints(path, path.parent, product)
+        total += len(found)
+        for complaint in found:
+            print(f"{path.name}: {complaint}")
+        print(f"check-exe: {path.name}, {path.stat().st_size} bytes, {len(RULES)} groups of rules, {len(found)} complaints.")
+    return 1 if total else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

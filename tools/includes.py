@@ -1,0 +1,92 @@
+#!/usr/bin/python3
+"""Checks who includes whom.
+
+The tool: app stands on top and knows every folder of src/; the folders in the middle know only base and themselves, so
+each can be read and tested alone; base knows nothing of ours. The companion uses base, inventory, the MSI products and the
+Store queries, never the other way round. Tests and the Windows check may look at any part of the tool. The lab drives the
+programs that ship and therefore includes nothing of them.
+"""
+import re
+import subprocess
+import sys
+from pathlib import Path, PurePosixPath
+
+TOP = Path(__file__).resolve().parent.parent
+
+MIDDLE = ["ui", "inventory", "acquisition", "install", "store"]
+TOOL = {"base", "resources", "app", *MIDDLE}
+# Folder -> folders or single headers that its files may include, written from the include roots src/ and the project's top.
+MAY_INCLUDE = {
+    "base": {"base"},
+    "resources": {"resources"},
+    "app": {"app", "base", *MIDDLE},
+    **{folder: {folder, "base"} for folder in MIDDLE},
+    "companion": {"companion", "base", "inventory", "install/msi_products.h", "store/store_packages.h", "resources/version.h"},
+    "windows_check": {"windows_check", "support", *TOOL},
+    "tests": {"support", *TOOL},
+    "companion/tests": {"companion", "support", "base"},
+    "companion/fuzz": {"companion"},
+    "bench": {"bench", *TOOL},
+}
+MAY_INCLUDE["ui"].add("resources/resource_ids.h")
+OURS = {*TOOL, "companion", "windows_check", "support"}
+
+INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]')
+
+
+def rule_of(file: Path) -> str:
+    """The row of MAY_INCLUDE that a file belongs to."""
+    parts = file.relative_to(TOP).parts
+    if parts[0] == "src":
+        return parts[1]
+    if parts[0] == "companion" and parts[1] in ("tests", "fuzz"):
+        return "/".join(parts[:2])
+    return parts[0]
+
+
+def wrong(file: Path, path: str, quoted: bool) -> str | None:
+    """Why this include must not be, or None."""
+    first = PurePosixPath(path).parts[0]
+    if not quoted:
+        return "our headers are included in quotes" if first in OURS else None
+    if ".." in PurePosixPath(path).parts:
+        return 'written from an include root, as in "base/log.h"'
+    rule = rule_of(file)
+    if rule == "lab":
+        return "the lab includes nothing of the programs it runs" if first in OURS and not (file.parent / path).is_file() else None
+    if rule not in MAY_INCLUDE:
+        return f"tools/includes.py has no rule for {rule}"
+    if first not in OURS:
+        return None if (file.parent / path).is_file() and not path.startswith(rule) and rule in ("bench", "resources") else \
+            'written from an include root, as in "base/log.h"'
+    if first not in MAY_INCLUDE[rule] and path not in MAY_INCLUDE[rule]:
+        return f"{rule} may include only {', '.join(sorted(MAY_INCLUDE[rule]))}"
+    return None
+
+
+def sources() -> list[Path]:
+    listed = subprocess.run(
+        ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard", "--deduplicate", "--", "*.cpp", "*.h"],
+        cwd=TOP, check=True, capture_output=True, text=True)
+    return [TOP / name for name in listed.stdout.split("\0") if name and (TOP / name).is_file()]
+
+
+def main() -> int:
+    files = sources()
+    includes = problems = 0
+    for file in files:
+        for number, line in enumerate(file.read_text(encoding="utf-8").splitlines(), 1):
+            found = INCLUDE.match(line)
+            if not found:
+                continue
+            includes += 1
+            reason = wrong(file, found[2], found[1] == '"')
+            if reason:
+                problems += 1
+                print(f"{file.relative_to(TOP)}:{number}: {line.strip()}: {reason}")
+    print(f"includes: {includes} includes in {len(files)} files, {problems} wrong.")
+    return 1 if problems or not includes else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,313 @@
+#!/usr/bin/python3
+"""Makes dist/: what is handed out, signed, with its list of components, its licences and its checksums.
+
+    scripts/release                              signed with a test certificate that is made now and thrown away
+    scripts/release --certificate FILE [--password-file FILE] [--ca FILE]
+                                                 FILE: certificate, chain and key, as PEM or PKCS #12 (.p12, .pfx);
+                                                 --ca: whom to trust when the signature is verified, else the system's list
+    scripts/release --check                      made once more in another folder: the unsigned files are the same
+
+The version comes from src/resources/version.h, the date from CHANGELOG.md. docs/releasing.md describes the result.
+"""
+from __future__ import annotations
+
+import argparse
+import hashlib
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import zipfile
+from pathlib import Path
+from urllib.parse import unquote
+
+import pefile
+
+TOP = Path(__file__).resolve().parent.parent
+BUILD = TOP / "build" / "release"
+SYMBOLS = TOP / "build" / "symbols"
+WORK = TOP / "build" / "release-files"
+DIST = TOP / "dist"
+SYSTEM_CAS = Path("/etc/ssl/certs/ca-certificates.crt")
+
+# What is handed out. Everything in these lists has to be there; a release with a part missing is none.
+PROGRAMS = ["TavikCompatibilityTool", "TavikToolCompanion"]
+PAGES = ["README.md", "CHANGELOG.md"]
+FOLDERS = ["deploy", "docs"]
+WINDOWS_CHECK = ["build/release/TavikWindowsCheck.exe", "windows_check/README.txt"]
+
+
+def say(text: str) -> None:
+    print(f"release: {text}", flush=True)
+
+
+def fail(text: str) -> None:
+    raise SystemExit(f"release: {text}")
+
+
+def run(*command: str | Path, cwd: Path = TOP, env: dict[str, str] | None = None) -> str:
+    """Output of a command, which is shown when it fails."""
+    done = subprocess.run([str(part) for part in command], cwd=cwd, env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+    if done.returncode:
+        print(done.stdout[-4000:], file=sys.stderr)
+        fail(f"{Path(command[0]).name} failed, see above")
+    return done.stdout
+
+
+def version_and_date() -> tuple[str, str]:
+    """The version of the resources, and the day that the change log has for it."""
+    header = (TOP / "src/resources/version.h").read_text("utf-8")
+    found = re.search(r'TAVIK_VERSION_TEXT "(\d+\.\d+\.\d+)\.(\d+)"', header)
+    if not found:
+        fail("src/resources/version.h has no version")
+    changes = (TOP / "CHANGELOG.md").read_text("utf-8")
+    heading = re.search(rf"^## \[{re.escape(found[1])}\] - (\d{{4}}-\d\d-\d\d)$", changes, re.MULTILINE)
+    if not heading:
+        fail(f'CHANGELOG.md has no heading "## [{found[1]}] - <date>"')
+    return f"{found[1]}.{found[2]}", heading[1]
+
+
+def project_files(folder: str) -> list[Path]:
+    """Files of the project below a folder; in a copy without git all that are there."""
+    if (TOP / ".git").exists():
+        names = run("git", "ls-files", "--cached", "--others", "--exclude-standard", "--deduplicate", "--", folder).splitlines()
+        return sorted(TOP / name for name in names if (TOP / name).is_file())
+    return sorted(file for file in (TOP / folder).rglob("*") if file.is_file() and "__pycache__" not in file.parts)
+
+
+def zip_files(target: Path, files: dict[str, Path], date: str) -> None:
+    """Same files, same bytes: names sorted, one time for all, no trace of the machine."""
+    year, month, day = (int(part) for part in date.split("-"))
+    with zipfile.ZipFile(target, "w", zipfile.ZIP_DEFLATED, compresslevel=9) as archive:
+        for name in sorted(files):
+            entry = zipfile.ZipInfo(name, (year, month, day, 0, 0, 0))
+            entry.compress_type = zipfile.ZIP_DEFLATED
+            entry.create_system = 3
+            entry.external_attr = (0o755 if files[name].suffix in (".exe", ".sh") or os.access(files[name], os.X_OK) else 0o644) << 16
+            archive.writestr(entry, files[name].read_bytes())
+
+
+def checksums(folder: Path, names: list[str]) -> None:
+    lines = [f"{hashlib.sha256((folder / name).read_bytes()).hexdigest()}  {name}\n" for name in sorted(names)]
+    (folder / "SHA256SUMS").write_text("".join(lines), "ascii")
+
+
+# Building
+
+def build() -> None:
+    checks = [path for path in WINDOWS_CHECK if path.endswith(".exe")]
+    for preset, targets in (("release", [*PROGRAMS, *(Path(path).stem for path in checks)]), ("symbols", PROGRAMS)):
+        run("cmake", "--preset", preset)
+        known = run("cmake", "--build", "--preset", preset, "--target", "help")
+        for target in targets:
+            if f"{target}: phony" not in known and f"{target}.exe: " not in known:
+                fail(f"the build knows no program {target}; a release needs {', '.join([*PROGRAMS, *checks])}")
+        run("cmake", "--build", "--preset", preset, "--target", *targets)
+
+
+def loaded_sections(exe: Path) -> dict[str, tuple[int, bytes]]:
+    return {section.Name.rstrip(b"\0").decode(): (section.VirtualAddress, section.get_data()) for section in pefile.PE(str(exe), fast_load=True).sections
+            if not section.Name.startswith(b"/") and not section.Name.startswith(b".debug")}
+
+
+def without_time(file: Path) -> None:
+    """objcopy writes the time of day into the header, which nobody reads, and a checksum that includes it."""
+    data = bytearray(file.read_bytes())
+    header = int.from_bytes(data[0x3C:0x40], "little")
+    for field in (header + 8, header + 24 + 64):  # TimeDateStamp, CheckSum
+        data[field:field + 4] = bytes(4)
+    file.write_bytes(data)
+
+
+def symbol_file(name: str, target: Path) -> None:
+    """The symbols of the shipping exe, from the same program linked with them."""
+    shipping, full = BUILD / f"{name}.exe", SYMBOLS / f"{name}.exe"
+    if loaded_sections(shipping) != loaded_sections(full):
+        fail(f"{name}.exe differs from the one with symbols; both presets must link it with project_strip")
+    run("x86_64-w64-mingw32-objcopy", "--only-keep-debug", full, target)
+    without_time(target)
+    names = run("x86_64-w64-mingw32-nm", "--defined-only", target)
+    entry = re.search(r"^([0-9a-f]+) T (wWinMain|wmain|main)$", names, re.MULTILINE)
+    place = run("x86_64-w64-mingw32-addr2line", "-e", target, f"0x{entry[1]}").strip() if entry else ""
+    if not re.search(r"\bsrc/\w+/\w+\.cpp:\d+", place):
+        fail(f"the symbols of {name} do not lead to its sources: {place or 'no entry point'}")
+    if str(TOP).encode() in target.read_bytes():
+        fail(f"the symbols of {name} name the folder {TOP}")
+
+
+def third_party(sbom: Path, target: Path) -> None:
+    """The licences of what is linked in: a short list, then what the packages themselves say, word by word."""
+    packages = [one for one in json.loads(sbom.read_text("utf-8"))["packages"] if one["primaryPackagePurpose"] == "LIBRARY"]
+    lines = ["What is linked into the programs, and its licences", "", "The packages are those of Debian 12.", ""]
+    texts: dict[str, str] = {}
+    for one in packages:
+        name = unquote(one["externalRefs"][0]["referenceLocator"].split("/")[-1].split("@")[0])
+        lines += [f"{one['name']} ({name} {one['versionInfo']})", f"    {one['licenseDeclared']}", f"    {one['licenseComments']}", ""]
+        source = Path("/usr/share/doc", name, "copyright")
+        if not source.is_file():
+            fail(f"{source} is missing; this system leaves out documentation, so the licences cannot be quoted")
+        texts.setdefault(source.read_text("utf-8", errors="replace"), name)
+    for text, name in texts.items():
+        lines += ["=" * 100, f"The copyright file of {name}", "=" * 100, "", text.rstrip(), ""]
+    target.write_text("\n".join(lines), "utf-8")
+
+
+def make_unsigned(out: Path) -> str:
+    """Everything but the signatures, into the folder out; returns the version."""
+    version, date = version_and_date()
+    missing = [path for path in [*PAGES, *FOLDERS, *(path for path in WINDOWS_CHECK if not path.endswith(".exe"))] if not (TOP / path).exists()]
+    if missing:
+        fail(f"not there, but part of a release: {', '.join(missing)}")
+    say(f"building version {version} of {date}, with and without symbols")
+    build()
+    shutil.rmtree(out, ignore_errors=True)
+    out.mkdir(parents=True)
+    for name in PROGRAMS:
+        shutil.copyfile(BUILD / f"{name}.exe", out / f"{name}.exe")
+        symbol_file(name, out / f"{name}.exe.debug")
+        shutil.copyfile(SYMBOLS / f"{name}.exe.map", out / f"{name}.exe.map")
+    for path in WINDOWS_CHECK:
+        shutil.copyfile(TOP / path, out / Path(path).name)
+    sbom = out / "sbom.spdx.json"
+    run("/usr/bin/python3", TOP / "tools/sbom.py", "--out", sbom, "--version", version, "--created", f"{date}T00:00:00Z", *(out / f"{name}.exe" for name in PROGRAMS))
+    for name in PROGRAMS:
+        (out / f"{name}.exe.map").unlink()  # full of paths of this machine
+    third_party(sbom, out / "THIRD-PARTY.txt")
+    pack(out, out, version, date, "-unsigned")
+    checksums(out, [file.name for file in out.iterdir()])
+    return version
+
+
+def pack(source: Path, target: Path, version: str, date: str, ending: str = "") -> None:
+    """The archives; the programs are taken from the folder source."""
+    name = f"TavikCompatibilityTool-{version}"
+    files = {f"{program}.exe": source / f"{program}.exe" for program in PROGRAMS}
+    files |= {one: source / one for one in ("THIRD-PARTY.txt", "sbom.spdx.json")}
+    files |= {page: TOP / page for page in PAGES}
+    if (TOP / "LICENSE").exists():
+        files["LICENSE"] = TOP / "LICENSE"
+    files |= {str(file.relative_to(TOP)): file for folder in FOLDERS for file in project_files(folder)}
+    with tempfile.TemporaryDirectory() as work:
+        sums = Path(work, "SHA256SUMS")
+        sums.write_text("".join(f"{hashlib.sha256(file.read_bytes()).hexdigest()}  {one}\n" for one, file in sorted(files.items())), "utf-8")
+        zip_files(target / f"{name}{ending}.zip", {f"{name}/{one}": file for one, file in {**files, "SHA256SUMS": sums}.items()}, date)
+    zip_files(target / f"windows-check{ending}.zip", {Path(path).name: source / Path(path).name for path in WINDOWS_CHECK}, date)
+    if not ending:
+        zip_files(target / f"{name}-symbols.zip", {f"{program}.exe.debug": source / f"{program}.exe.debug" for program in PROGRAMS}, date)
+
+
+# Signing
+
+class Signer:
+    """Signs with the given certificate or with one made for this run, and makes sure of the result."""
+
+    def __init__(self, certificate: Path | None, password_file: Path | None, trusted: Path | None, work: Path):
+        self.own = certificate is None
+        if certificate is None:
+            certificate = work / "test.pem"
+            run("openssl", "req", "-x509", "-newkey", "rsa:3072", "-nodes", "-sha256", "-days", "30", "-subj", "/CN=Tavik test certificate",
+                "-addext", "keyUsage=critical,digitalSignature", "-addext", "extendedKeyUsage=codeSigning",
+                "-keyout", work / "key.pem", "-out", work / "cert.pem")
+            certificate.write_bytes((work / "cert.pem").read_bytes() + (work / "key.pem").read_bytes())
+        if not certificate.is_file():
+            fail(f"there is no certificate {certificate}")
+        if certificate.suffix.lower() in (".p12", ".pfx"):
+            self.how = ["-pkcs12", certificate, *(["-readpass", password_file] if password_file else ["-pass", ""])]
+        else:
+            self.how = ["-certs", certificate, "-key", certificate, *(["-readpass", password_file] if password_file else [])]
+        self.trusted = trusted or (work / "cert.pem" if self.own else SYSTEM_CAS)
+        self.work = work
+
+    def verifies(self, exe: Path) -> bool:
+        command = ["osslsigncode", "verify", "-CAfile", str(self.trusted), "-in", str(exe)]
+        return subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False).returncode == 0
+
+    def sign(self, source: Path, target: Path, title: str) -> None:
+        target.unlink(missing_ok=True)
+        run("osslsigncode", "sign", *self.how, "-h", "sha256", "-n", title, "-in", source, "-out", target)
+        if not self.verifies(target):
+            fail(f"the signature of {target.name} does not verify against {self.trusted}; --ca names another list of certificates")
+        # A verification that lets everything pass would be worth nothing, and nothing but the signature may be new.
+        changed = bytearray(target.read_bytes())
+        changed[len(source.read_bytes()) // 2] ^= 1
+        damaged, bare = self.work / "damaged.exe", self.work / "bare.exe"
+        damaged.write_bytes(changed)
+        if self.verifies(damaged):
+            fail(f"{target.name} with a changed byte verifies as well")
+        bare.unlink(missing_ok=True)
+        run("osslsigncode", "remove-signature", "-in", target, "-out", bare)
+        if bare.read_bytes() != source.read_bytes():
+            fail(f"{target.name} without its signature is not what was built")
+
+
+def make(given: argparse.Namespace) -> None:
+    version = make_unsigned(WORK)
+    date = version_and_date()[1]
+    shutil.rmtree(DIST, ignore_errors=True)
+    DIST.mkdir()
+    with tempfile.TemporaryDirectory() as folder:
+        work = Path(folder)
+        signer = Signer(given.certificate, given.password_file, given.ca, work)
+        say("signing" + (" with a test certificate, for trials only: nobody else's machine trusts it" if signer.own else ""))
+        signed = work / "signed"
+        shutil.copytree(WORK, signed)
+        for name in [*PROGRAMS, *(Path(path).stem for path in WINDOWS_CHECK if path.endswith(".exe"))]:
+            signer.sign(WORK / f"{name}.exe", signed / f"{name}.exe", "Tavik Software Compatibility Tool")
+        pack(signed, DIST, version, date)
+        shutil.copytree(WORK, DIST / "unsigned", ignore=shutil.ignore_patterns("*.debug", "*.zip"))
+        checksums(DIST / "unsigned", [file.name for file in (DIST / "unsigned").iterdir() if file.name != "SHA256SUMS"])
+        if signer.own:
+            shutil.copyfile(work / "cert.pem", DIST / "test-certificate.pem")
+    checksums(DIST, [file.name for file in DIST.iterdir() if file.is_file()])
+    if not (TOP / "LICENSE").exists():
+        say("there is no file LICENSE: under which terms the tool is handed out is its owner's decision")
+    for file in sorted(DIST.rglob("*")):
+        if file.is_file():
+            say(f"{file.stat().st_size:>9}  {file.relative_to(TOP)}")
+
+
+def check() -> None:
+    """The same sources in another folder, with other times, another language and another time zone."""
+    make_unsigned(WORK)
+    top = TOP / "build" / "check" / "release-again"
+    shutil.rmtree(top, ignore_errors=True)
+    copy = top / "a-folder-of-another-length" / "sources"
+    for file in project_files("."):
+        target = copy / file.relative_to(TOP)
+        target.parent.mkdir(parents=True, exist_ok=True)
+        shutil.copy(file, target)
+        os.utime(target, (981158400, 981158400))
+    say("the same again in another folder")
+    again = copy / "build" / "release-files"
+    run(copy / "scripts/release", "--unsigned", again, cwd=copy, env={**os.environ, "LC_ALL": "C", "TZ": "Asia/Kathmandu"})
+    first = {file.name: file.read_bytes() for file in WORK.iterdir()}
+    second = {file.name: file.read_bytes() for file in again.iterdir()}
+    different = sorted(name for name in first.keys() | second.keys() if first.get(name) != second.get(name))
+    if different:
+        fail(f"the two differ in {', '.join(different)}; compare {WORK} and {again}")
+    shutil.rmtree(top)
+    say(f"all {len(first)} unsigned files are the same from two folders")
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--certificate", type=lambda name: Path(name).absolute())
+    parser.add_argument("--password-file", type=lambda name: Path(name).absolute())
+    parser.add_argument("--ca", type=lambda name: Path(name).absolute())
+    parser.add_argument("--check", action="store_true")
+    parser.add_argument("--unsigned", type=lambda name: Path(name).absolute(), metavar="FOLDER", help="only the unsigned files, into FOLDER")
+    given = parser.parse_args()
+    run(TOP / "scripts/setup")
+    if given.check:
+        check()
+    elif given.unsigned:
+        make_unsigned(given.unsigned)
+    else:
+        make(given)
+
+
+if __name__ == "__main__":
+    main()

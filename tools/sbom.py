@@ -1,0 +1,181 @@
+#!/usr/bin/python3
+"""Lists what is linked into the programs (SPDX 2.3, JSON), and checks such a list.
+
+    tools/sbom.py --out FILE --version V --created TIME PROGRAM...    from PROGRAM and the linker's PROGRAM.map beside it
+    tools/sbom.py --check FILE                                        each complaint is one line, exit code 1 if any
+
+The linker says which libraries it took parts from, dpkg to which package and version they belong. A library that stands in
+no row of COMPONENTS is an error: nothing gets into a release unlisted.
+"""
+from __future__ import annotations
+
+import argparse
+import hashlib
+import json
+import re
+import subprocess
+import sys
+from collections import Counter
+from pathlib import Path
+from typing import Any
+from urllib.parse import quote
+
+# What may be linked in: name, files of the tool chain, licence as SPDX writes it, and what the licence field cannot say.
+COMPONENTS = [
+    ("libstdc++", r"libstdc\+\+\.a", "GPL-3.0-or-later WITH GCC-exception-3.1",
+     "C++ library. The exception permits to link it into programs under any licence."),
+    ("libgcc", r"libgcc(_eh)?\.a|crt(begin|end)\.o", "GPL-3.0-or-later WITH GCC-exception-3.1",
+     "Compiler's support routines. The exception permits to link them into programs under any licence."),
+    ("winpthreads", r"lib(win)?pthread\.a", "MIT AND BSD-3-Clause", "Threads for the C++ library."),
+    ("mingw-w64 runtime", r"lib(mingwex|mingw32|moldname|msvcrt|uuid)\.a|crt2u?\.o", "ZPL-2.1",
+     "Start-up code and C library routines. Single files are in the public domain or under other permissive licences: see "
+     "the package's copyright file."),
+    ("mingw-w64 import libraries", r"lib(advapi32|gdi32|kernel32|ole32|oleaut32|shell32|user32|wintrust|crypt32|setupapi)\.a", "ZPL-2.1",
+     "Tables of names through which functions of Windows are found; no code of Windows."),
+]
+
+MEMBER = re.compile(r"^(\S.*?\.a)\(([^)]+)\)$", re.MULTILINE)
+LOADED = re.compile(r"^LOAD (\S.*)$", re.MULTILINE)
+
+
+def linked_files(linker_map: Path) -> Counter[Path]:
+    """Files of the tool chain that the linker took something from, with the number of parts."""
+    text = linker_map.read_text("utf-8", errors="replace")
+    taken = Counter(Path(archive).resolve() for archive, _ in MEMBER.findall(text.split("\nMemory Configuration")[0]))
+    for name in LOADED.findall(text):
+        if name.endswith(".o") and name.startswith("/"):
+            taken[Path(name).resolve()] += 1
+    return Counter({file: parts for file, parts in taken.items() if file.is_relative_to("/usr")})
+
+
+def debian_package(file: Path) -> tuple[str, str]:
+    owner = subprocess.run(["dpkg-query", "--search", str(file)], stdout=subprocess.PIPE, text=True, check=True).stdout
+    name = owner.split(":")[0].strip()
+    version = subprocess.run(["dpkg-query", "--show", "--showformat=${Version}", name], stdout=subprocess.PIPE, text=True, check=True).stdout
+    return name, version
+
+
+def component(file: Path) -> tuple[str, str, str]:
+    for name, files, licence, remark in COMPONENTS:
+        if re.fullmatch(files, file.name):
+            return name, licence, remark
+    raise SystemExit(f"sbom: {file} is linked in, but belongs to no known component. Add it to COMPONENTS, with its licence.")
+
+
+def identifier(*parts: str) -> str:
+    return "SPDXRef-" + re.sub(r"[^A-Za-z0-9.]+", "-", "-".join(parts).replace("++", "pp")).strip("-")
+
+
+def document(programs: list[Path], version: str, created: str) -> dict[str, Any]:
+    packages: dict[str, dict[str, Any]] = {}
+    relationships = []
+    hashes = []
+    for program in programs:
+        digest = hashlib.sha256(program.read_bytes()).hexdigest()
+        hashes.append(digest)
+        own = identifier(program.name)
+        packages[own] = {
+            "SPDXID": own, "name": program.name, "versionInfo": version, "supplier": "Organization: Tavik",
+            "downloadLocation": "NOASSERTION", "filesAnalyzed": False, "primaryPackagePurpose": "APPLICATION",
+            "licenseConcluded": "NOASSERTION", "licenseDeclared": "NOASSERTION", "copyrightText": "NOASSERTION",
+            "checksums": [{"algorithm": "SHA256", "checksumValue": digest}], "comment": "The checksum is that of the file before it was signed."}
+        relationships.append({"spdxElementId": "SPDXRef-DOCUMENT", "relationshipType": "DESCRIBES", "relatedSpdxElement": own})
+        parts: dict[str, list[str]] = {}
+        for file, number in sorted(linked_files(program.with_name(program.name + ".map")).items()):
+            name, licence, remark = component(file)
+            package, package_version = debian_package(file)
+            key = identifier(name, package)
+            parts.setdefault(key, []).append(f"{number} of {file.name}")
+            packages.setdefault(key, {
+                "SPDXID": key, "name": name, "versionInfo": package_version, "supplier": "Organization: Debian",
+                "downloadLocation": "NOASSERTION", "filesAnalyzed": False, "primaryPackagePurpose": "LIBRARY",
+                "licenseConcluded": "NOASSERTION", "licenseDeclared": licence, "licenseComments": remark, "copyrightText": "NOASSERTION",
+                "externalRefs": [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl",
+                                  "referenceLocator": f"pkg:deb/debian/{quote(package)}@{quote(package_version)}"}]})
+        for key, names in parts.items():
+            relationships.append({"spdxElementId": own, "relationshipType": "STATIC_LINK", "relatedSpdxElement": key,
+                                  "comment": "Parts taken: " + ", ".join(names)})
+    name = f"TavikCompatibilityTool-{version}"
+    return {"spdxVersion": "SPDX-2.3", "dataLicense": "CC0-1.0", "SPDXID": "SPDXRef-DOCUMENT", "name": name,
+            "documentNamespace": f"https://www.tavik.example/spdx/{name}-{hashlib.sha256(''.join(hashes).encode()).hexdigest()[:32]}",
+            "creationInfo": {"created": created, "creators": ["Organization: Tavik", "Tool: tools/sbom.py"]},
+            "packages": list(packages.values()), "relationships": relationships}
+
+
+def complaints(sbom: dict[str, Any]) -> list[str]:
+    """What SPDX 2.3 demands of a document of this kind, and what a release demands of its list."""
+    found = []
+    wanted = {"spdxVersion": r"SPDX-2\.3", "dataLicense": r"CC0-1\.0", "SPDXID": "SPDXRef-DOCUMENT", "name": r"\S.*",
+              "documentNamespace": r"https://[^#\s]+"}
+    for field, form in wanted.items():
+        if not re.fullmatch(form, str(sbom.get(field, ""))):
+            found.append(f"{field} is {sbom.get(field)!r}")
+    info = sbom.get("creationInfo", {})
+    if not re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", str(info.get("created"))):
+        found.append(f"created is {info.get('created')!r}, not a time of UTC")
+    creators = info.get("creators") or []
+    if not creators or not all(re.fullmatch(r"(Tool|Organization|Person): \S.*", one) for one in creators):
+        found.append(f"creators are {creators!r}")
+
+    packages = {package.get("SPDXID", "?"): package for package in sbom.get("packages", [])}
+    if len(packages) != len(sbom.get("packages", [])):
+        found.append("two packages have the same SPDXID")
+    programs = [key for key, package in packages.items() if package.get("primaryPackagePurpose") == "APPLICATION"]
+    for key, package in packages.items():
+        if not re.fullmatch(r"SPDXRef-[A-Za-z0-9.-]+", key):
+            found.append(f"{key} is no SPDXID")
+        for field in ("name", "versionInfo", "downloadLocation", "licenseConcluded", "licenseDeclared", "copyrightText"):
+            if not package.get(field):
+                found.append(f"{key} has no {field}")
+        if package.get("filesAnalyzed") is not False:
+            found.append(f"{key}: filesAnalyzed must be false, as no files are listed")
+        if key in programs:
+            sums = [one.get("checksumValue", "") for one in package.get("checksums", []) if one.get("algorithm") == "SHA256"]
+            if not sums or not re.fullmatch(r"[0-9a-f]{64}", sums[0]):
+                found.append(f"{key} has no SHA-256")
+        else:
+            if not any(re.match(r"pkg:deb/debian/[a-z0-9%A-F.-]+@\S+", ref.get("referenceLocator", "")) for ref in package.get("externalRefs", [])):
+                found.append(f"{key} names no Debian package")
+            if package.get("licenseDeclared") == "NOASSERTION":
+                found.append(f"{key} has no licence")
+
+    known = {"SPDXRef-DOCUMENT", *packages}
+    arrows = [(one.get("spdxElementId"), one.get("relationshipType"), one.get("relatedSpdxElement")) for one in sbom.get("relationships", [])]
+    for start, kind, end in arrows:
+        if kind not in ("DESCRIBES", "STATIC_LINK") or start not in known or end not in known:
+            found.append(f"relationship {start} {kind} {end}")
+    for key in programs:
+        if ("SPDXRef-DOCUMENT", "DESCRIBES", key) not in arrows:
+            found.append(f"{key} is not described")
+        if not any(start == key and kind == "STATIC_LINK" for start, kind, _ in arrows):
+            found.append(f"{key} has nothing linked in, which no program of this tool chain can be")
+    if not programs:
+        found.append("no program is listed")
+    for key in set(packages) - set(programs) - {end for _, kind, end in arrows if kind == "STATIC_LINK"}:
+        found.append(f"{key} is linked into nothing")
+    return found
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--check", type=Path)
+    parser.add_argument("--out", type=Path)
+    parser.add_argument("--version")
+    parser.add_argument("--created")
+    parser.add_argument("programs", type=Path, nargs="*")
+    given = parser.parse_args()
+    if given.check:
+        sbom = json.loads(given.check.read_text("utf-8"))
+    elif given.out and given.version and given.created and given.programs:
+        sbom = document(given.programs, given.version, given.created)
+        given.out.write_text(json.dumps(sbom, indent=1, ensure_ascii=False) + "\n", "utf-8")
+    else:
+        parser.error("either --check, or --out, --version, --created and programs")
+    found = complaints(sbom)
+    for one in found:
+        print(f"sbom: {one}", file=sys.stderr)
+    return 1 if found else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

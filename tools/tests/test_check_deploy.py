@@ -1,0 +1,121 @@
+"""tools/deployment_check.py: each of its rules sees a copy of the kit that breaks it."""
+from __future__ import annotations
+
+import pathlib
+import shutil
+
+import pytest
+
+from lab import paths
+from tools import deployment_check as check
+
+
+ADMX = "deploy/policy/TavikCompatibilityTool.admx"
+ADML = "deploy/policy/en-US/TavikCompatibilityTool.adml"
+TASK = "deploy/task/TavikRepairAfterDriverUpdate.xml"
+TASK_SCRIPT = "deploy/task/Install-TavikRepair.ps1"
+REPAIR = "deploy/powershell/Repair-TavikSoftware.ps1"
+DETECTION = "deploy/powershell/Test-TavikRelease.ps1"
+INTUNE = "deploy/intune/app.json"
+CONFIGMGR = "deploy/configmgr/New-TavikApplication.ps1"
+ROLE = "deploy/ansible/roles/tavik_repair/"
+WINGET = "deploy/winget/Tavik.SoftwareRepair"
+
+
+@pytest.fixture(scope="module")
+def kit(tmp_path_factory) -> pathlib.Path:
+    top = tmp_path_factory.mktemp("kit")
+    for folder in ("deploy", "src"):
+        shutil.copytree(paths.ROOT / folder, top / folder)
+    return top
+
+
+@pytest.fixture
+def doctored(kit):
+    """Replaces one text in one file of the copy, until the test ends."""
+    kept = {}
+
+    def change(name: str, old: str, new: str) -> None:
+        file = kit / name
+        kept.setdefault(file, file.read_bytes())
+        text = file.read_bytes().decode("utf-8")
+        assert old in text, f"{name} has no {old!r}"
+        file.write_bytes(text.replace(old, new, 1).encode("utf-8"))
+    yield change
+    for file, data in kept.items():
+        file.write_bytes(data)
+
+
+def test_the_kit_itself_is_good(kit):
+    assert [complaint for rule in check.RULES for complaint in rule(kit)] == []
+
+
+FAULTS = {
+    "formats": [
+        (ADMX, "</policies>", "", "policies"), (ADMX, 'class="Machine"', 'class="Machines"', "Machines"),
+        (ADMX, r'key="SOFTWARE\Tavik"', r'key="HKLM\SOFTWARE\Tavik"', "pattern"), (ADMX, "<elements>", "<elements><decimal/>", "decimal"),
+        (ADML, "<label>", "<lable>", "lable"), (ADML, 'revision="1.0"', "", "revision"),
+        (TASK, "<Delay>PT10M</Delay>", "<Delay>10 minutes</Delay>", "Delay"), (TASK, "<UserId>S-1-5-18</UserId>", "", "UserId"),
+        (TASK, "<RandomDelay>PT4H</RandomDelay>\n", "", ""), (TASK, "IgnoreNew", "Ignore", "Ignore"),
+        (INTUNE, '"retry"', '"tryAgain"', "tryAgain"), (INTUNE, '"returnCode": 0', '"returnCode": "0"', "'0' is not of type"),
+        (INTUNE, '"rules"', '"detectionRules"', "detectionRules"), (INTUNE, '"publisher": "Tavik",', '"publisher": "Tavik"', "delimiter"),
+        (WINGET + ".installer.yaml", "rebootRequiredToFinish", "restart", "restart"),
+        (WINGET + ".installer.yaml", "InstallerReturnCode", "ExpectedReturnCode", "ExpectedReturnCode"),
+        (WINGET + ".installer.yaml", "'0000", "'000g", "does not match"), (WINGET + ".installer.yaml", "Scope: machine", "Scope: machine\nScope: user", "Scope"),
+        (WINGET + ".locale.en-US.yaml", "PackageName: Tavik Software Compatibility Tool\n", "", "PackageName"),
+        (WINGET + ".yaml", "1.0.0.1", "1.0.0.1 beta", "does not match"),
+        (ROLE + "tasks/main.yml", "    state: directory\n", "    state: directory \n", "trailing"),
+        (ROLE + "defaults/main.yml", "tavik_repair_tries: 3", "tavik_repair_tries: 3\ntavik_repair_tries: 4", "duplication"),
+    ],
+    "policy": [
+        (ADML, '<string id="Tavik">', '<string id="Tavig">', "there is no string Tavik"), (ADML, '<string id="Tavik">', '<string id="Tavig">', "nothing uses the string Tavig"),
+        (ADML, '<presentation id="DownloadServer">', '<presentation id="Server">', "no presentation DownloadServer"),
+        (ADML, '<string id="Tavik">Tavik</string>', '<string id="Tavik">Tavik</string><string id="Tavik">T</string>', "stands twice"),
+        (ADML, '<string id="Tavik">Tavik</string>', '<string id="Tavik"> </string>', "is empty"),
+        (ADML, 'refId="DownloadServer_Folder"', 'refId="Folder"', "its presentation shows"),
+        (ADMX, '<parentCategory ref="Tavik" />', '<parentCategory ref="Other" />', "there is no category Other"),
+        (ADMX, '<supportedOn ref="SUPPORTED_Tool" />', '<supportedOn ref="Windows" />', "there is no definition Windows"),
+        (ADMX, r'key="SOFTWARE\Tavik"', r'key="SOFTWARE\Policies\Tavik"', "the product reads"),
+        (ADMX, 'valueName="DWXServerFolder"', 'valueName="ServerFolder"', "the product reads"), (ADMX, '"237"', '"255"', "up to 237"),
+        ("src/acquisition/constants.h", 'L"DWXServerFolder"', 'L"ServerFolder"', "the product reads ServerFolder"),
+    ],
+    "task": [
+        (TASK, "Puts the", "Puts the\u00e9", "ASCII"), (TASK, '<?xml version="1.0"?>', '<?xml version="1.0" encoding="utf-8"?>', "no encoding"),
+        (TASK, "&lt;/Select&gt;", "", "no XML"), (TASK, "4d36e968", "4d36e969", "class of display adapters"), (TASK, "EventID=400]]", "EventID=400]", "brackets"),
+        (TASK, 'Path="Microsoft-Windows-Kernel-PnP/Configuration"', 'Path="System"', "another log"), (TASK, "S-1-5-18", "S-1-5-32-544", "SYSTEM"),
+        (TASK, 'Context="System"', 'Context="Someone"', "no principal"),
+        (TASK, r"Tavik\Repair\Repair", r"Tavik\Repair", "where Install-TavikRepair.ps1"), (TASK_SCRIPT, "'RepairAfterDriverUpdate'", "'Repair'", "registers it as"),
+    ],
+    "return_codes": [
+        (INTUNE, '"returnCode": 1618', '"returnCode": 1602', "intune"), (INTUNE, '"softReboot"', '"hardReboot"', "intune"),
+        (CONFIGMGR, "ReturnCode = 3010", "ReturnCode = 1641", "configmgr"), (CONFIGMGR, "'FastRetry'", "'Success'", "configmgr"),
+        (ROLE + "defaults/main.yml", "retry: 1618", "retry: 1619", "ansible"), (WINGET + ".installer.yaml", "InstallerReturnCode: 1603", "InstallerReturnCode: 1", "winget"),
+        (REPAIR, "$exitBusy = 1618", "$exitBusy = 1603", "powershell"),
+        ("deploy/return-codes.json", '"code": 1618', '"code": 1641', "has the codes"),
+        ("deploy/return-codes.json", '"intune": "Retry"', '"intune": "Failed"', "to intune, 1618"),
+        ("deploy/return-codes.json", '"Fast retry"', '"Success (no reboot)"', "to configuration_manager, 1618"),
+    ],
+    "scripts": [
+        (REPAIR, "One at a time", "One at a t\u00edme", "ASCII only"), (REPAIR, "Never run on a real Windows", "Runs on Windows", "has to say"),
+        (REPAIR, "'-SILENT'", "'-VLT'", "direct installation"), (TASK_SCRIPT, "TavikRepairAfterDriverUpdate.xml", "Other.xml", "no Other.xml"),
+        (DETECTION, "'VEN_1E7C'", "'VEN_1E7B'", "$vendorIds"), (DETECTION, "4d36e968", "4d36e967", "$displayClass"),
+        (DETECTION, "'HLVersion'", "'Version'", "$applicationValue"), (DETECTION, "5D2C81F0", "5D2C81F1", "$upgradeCode"),
+        (DETECTION, r"\Control\Class\'", r"\Control\Classes\'", "$driverKeys"), (DETECTION, "'ReleaseVersion'", "'Release'", "$releaseValue"),
+        (DETECTION, "TavikCorvelSoftware", "TavikSoftware", "$storePackages"), (DETECTION, r"'SOFTWARE\Tavik\HL'", r"'SOFTWARE\Tavik'", "$applicationKey"),
+        (WINGET + ".yaml", "1.0.0.1", "1.0.0.2", "all manifests"), (WINGET + ".yaml", "ManifestType: version", "ManifestType: installer", "three manifests"),
+        (WINGET + ".installer.yaml", "Tool-1.0.0.1\\", "", "in the folder"),
+        (CONFIGMGR, "-File Repair", "-File Other", "the same script"),
+    ],
+}
+
+
+@pytest.mark.parametrize("rule, file, old, new, complaint", [
+    (rule, *fault) for rule, faults in FAULTS.items() for fault in faults],
+    ids=[f"{rule}-{number}" for rule, faults in FAULTS.items() for number in range(1, len(faults) + 1)])
+def test_a_fault_is_named(kit, doctored, rule, file, old, new, complaint):
+    doctored(file, old, new)
+    found = list(getattr(check, rule)(kit))
+    if not complaint:  # allowed: shows that the schema knows what may be left out
+        assert found == []
+    else:
+        assert any(complaint in line for line in found), found

@@ -1,0 +1,181 @@
+"""A mirror as docs/mirror.md has it: deploy/mirror/publish fills it, nginx serves it with deploy/mirror/nginx.conf, and machines
+are repaired from it."""
+from __future__ import annotations
+
+import contextlib
+import hashlib
+import http.client
+import pathlib
+import re
+import subprocess
+from collections.abc import Iterator
+
+import pytest
+
+from tools.tests.deploy_kit import MIRROR, SIGNER, Signers, publish
+from cases.support.download_machine import answering
+from cases.support.expect import DOWNLOAD_FAILED, download, install, inventory, opening, remove, stop, unpack
+from lab import certificates, paths, prefix as prefixes
+from lab.children import end_with_parent
+from lab.run import default_address, fresh_folder, private_hosts_obstacle, remove_folder
+from tools.tests.script_module import load
+
+loadtest = load(MIRROR / "loadtest")
+CONFIG = (MIRROR / "nginx.conf").read_text("utf-8")
+REPAIR = [unpack(), *stop(), *remove("Halden"), *install("Halden")]
+REPAIRED = {"products": ["Tavik Halden 24.20"], "values": {r"Software\Tavik\HL\HLVersion": "24.20"}}
+
+
+class Mirror:
+    """nginx on addresses of its own, so that several can have port 443."""
+
+    def __init__(self, folder: pathlib.Path, secure: bool):
+        self.folder, self.releases = folder, folder / "site" / "vlt"
+        folder.chmod(0o755)
+        signers = Signers(folder)
+        installer = signers.sign(paths.need(paths.PACKAGES / "installer-24.20.exe"), "maker", folder / "installer.exe")
+        self.installer = installer.read_bytes()
+        for release in ("24.20.11.01-240619a", "24.2"):
+            done = publish("--root", self.releases, "--ca", signers.ca, "--signer", SIGNER, release, installer)
+            assert done.returncode == 0, done.stderr
+        self.address, self.port = (default_address() if secure else "127.0.0.1"), loadtest.free_port()
+        pair = tuple(certificates.folder() / f"good.{ending}" for ending in ("pem", "key")) if secure else None
+        config = loadtest.own_config(CONFIG, folder, root=folder / "site", http=f"{self.address}:{self.port}",
+                                     https=f"{self.address}:443", certificate=pair)
+        # Without other processes there is no user to change to, and nothing is left when this one ends.
+        self.process = loadtest.start(folder, config.replace("worker_processes auto;", "master_process off;"),
+                                      (self.address, self.port), before=end_with_parent)
+
+    def requests(self) -> list[str]:
+        return (self.folder / "access.log").read_text("utf-8").splitlines()
+
+    def close(self) -> None:
+        loadtest.stop(self.process)
+
+    def ask(self, method: str, path: str, **headers: str) -> tuple[int, dict[str, str], bytes]:
+        with contextlib.closing(http.client.HTTPConnection(self.address, self.port, timeout=10)) as connection:
+            connection.request(method, path, headers=headers)
+            answer = connection.getresponse()
+            return answer.status, {name.lower(): value for name, value in answer.getheaders()}, answer.read()
+
+
+@pytest.fixture(scope="module")
+def mirror(tmp_path_factory) -> Iterator[Mirror]:
+    one = Mirror(tmp_path_factory.mktemp("mirror"), secure=False)
+    yield one
+    one.close()
+
+
+@pytest.fixture
+def secure_mirror(tmp_path) -> Iterator[Mirror]:
+    if private_hosts_obstacle():
+        pytest.skip(private_hosts_obstacle())
+    one = Mirror(tmp_path, secure=True)
+    yield one
+    one.close()
+
+
+def machine(folder: str, **more: object) -> dict:
+    """A machine with DWXServerFolder, far from the lab's own server."""
+    return {"server": {"reach": "none"}, "registry": {r"HKLM\Software\Tavik": {"DWXServerFolder": folder}}, **more}
+
+
+def downloaded(folder: str) -> list[str]:
+    first, _, *rest = download()
+    return [first, f"Change server to {folder}.", *rest]
+
+
+# Machines
+
+def test_a_machine_is_repaired_from_it(lab, mirror):
+    folder = f"http://127.0.0.1:{mirror.port}/vlt/"
+    lab.run(machine(folder), "-SILENT")
+    lab.check(exit_code=0, boxes=[], after=REPAIRED, log=[*opening("-SILENT"), *inventory(), *downloaded(folder), *REPAIR])
+    assert re.search(rf'"GET /vlt/24.20/dwx2_install.txt HTTP/1.1" 200 {len(mirror.installer)} [0-9.]+ "Tavik Marlin Install Manager" -$',
+                     mirror.requests()[-1])
+
+
+def test_a_machine_is_repaired_from_it_over_https(lab, secure_mirror):
+    """Under the name of the lab's certificate, on port 443: nowhere else does the tool use TLS."""
+    folder = f"https://{certificates.HOST}/vlt/"
+    lab.run(machine(folder, hosts={certificates.HOST: secure_mirror.address}), "-SILENT")
+    lab.check(exit_code=0, boxes=[], after=REPAIRED, log=[*opening("-SILENT"), *inventory(), *downloaded(folder), *REPAIR])
+    assert re.search(r'"GET /vlt/24.20/dwx2_install.txt HTTP/1.1" 200 .* TLSv1.[23]$', secure_mirror.requests()[-1])
+
+
+def test_a_release_of_fewer_characters_has_the_shorter_folder(lab, mirror):
+    lab.run(machine(f"http://127.0.0.1:{mirror.port}/vlt/", adapters=[{"release": "24.2-240101"}]), "-SILENT")
+    lab.check(exit_code=0, boxes=[], after=REPAIRED)
+    assert '"GET /vlt/24.2/dwx2_install.txt HTTP/1.1" 200 ' in mirror.requests()[-1]
+
+
+def test_a_release_that_was_not_published(lab, mirror):
+    lab.run(machine(f"http://127.0.0.1:{mirror.port}/vlt/", adapters=[{"release": "24.30.1"}]))
+    lab.check(exit_code=-1, boxes=[DOWNLOAD_FAILED], after={"products": ["Tavik Halden 23.40"]})
+    assert lab.result.log[-3:] == ["Response code from server: 404",
+                                   f"Error response code received from http://127.0.0.1:{mirror.port}/vlt/24.30/dwx2_install.txt",
+                                   "Unable to download dwx2_install.exe from web. Exiting."]
+
+
+def test_the_load_test_asks_as_the_tool_does(lab):
+    result = lab.run(answering(), "-SILENT")
+    names = {"User-Agent": "user_agent", "Accept": "accept", "Referer": "referer", "Pragma": "pragma"}
+    assert {name: result.requests[0][key] for name, key in names.items()} == loadtest.HEADERS
+
+
+@pytest.mark.parametrize("release, good", [("24.20.11.01-240619a", True), ("24.30", False)], ids=["published", "not published"])
+def test_the_companion_asks_it_like_the_tool(mirror, release, good):
+    """TavikToolCompanion check-server, which an administrator uses before the value gets onto ten thousand machines."""
+    folder = fresh_folder()
+    prefix = prefixes.Prefix.copy(prefixes.template(), folder / "prefix")
+    try:
+        (prefix.drive / "lab").mkdir()
+        prefixes.replace_file(prefix.drive / "lab" / "TavikToolCompanion.exe", paths.need(paths.BUILD / "TavikToolCompanion.exe").read_bytes())
+        prefix.start()
+        code = prefix.wine(r"C:\lab\TavikToolCompanion.exe", "check-server", f"http://127.0.0.1:{mirror.port}/vlt/", "--release", release,
+                           output=folder / "said.txt", timeout=60)
+    finally:
+        prefix.stop()
+    said = (folder / "said.txt").read_text("utf-8", "replace")
+    remove_folder(folder)
+    asked = re.findall(r'"GET (\S+) HTTP/1.1" (\d+) .* "Tavik Marlin Install Manager" ', mirror.requests()[-1])
+    assert (code == 0) == good, said
+    assert asked == [(f"/vlt/{release[:5]}/dwx2_install.txt", "200" if good else "404")]
+
+
+# What the configuration says to others
+
+def test_the_installer_comes_byte_for_byte_and_unchanged(mirror):
+    status, headers, body = mirror.ask("GET", "/vlt/24.20/dwx2_install.txt", **{"Accept-Encoding": "gzip"})
+    assert (status, headers["content-length"], body) == (200, str(len(mirror.installer)), mirror.installer)
+    assert headers["content-type"] == "application/octet-stream" and "content-encoding" not in headers
+    assert mirror.ask("HEAD", "/vlt/24.20/dwx2_install.txt")[::2] == (200, b"")
+
+
+def test_the_list_can_be_read(mirror):
+    digest = hashlib.sha256(mirror.installer).hexdigest()
+    assert mirror.ask("GET", "/vlt/SHA256SUMS")[::2] == (
+        200, "".join(f"{digest}  {folder}/dwx2_install.txt\n" for folder in ("24.2", "24.20")).encode())
+
+
+@pytest.mark.parametrize("path", [
+    "/", "/vlt", "/vlt/", "/vlt/24.20", "/vlt/24.20/", "/vlt/24.30/dwx2_install.txt", "/vlt/24.20.1/dwx2_install.txt", "/vlt/.lock",
+    "/vlt/24.20/../.lock", "/vlt//dwx2_install.txt", "/24.20/dwx2_install.txt", "/vlt/24.20/dwx2_install.exe", "/../installer.exe",
+    "/vlt/%2e%2e/dwx2_install.txt", "/vlt/24.20/DWX2_INSTALL.TXT"])
+def test_nothing_else_is_there_and_nothing_is_redirected(mirror, path):
+    assert mirror.ask("GET", path)[0] in (400, 404)
+
+
+@pytest.mark.parametrize("method", ["POST", "PUT", "DELETE"])
+def test_it_only_hands_out(mirror, method):
+    assert mirror.ask(method, "/vlt/24.20/dwx2_install.txt")[0] == 405
+    assert mirror.ask("GET", "/vlt/24.20/dwx2_install.txt")[2] == mirror.installer
+
+
+# Many clients
+
+def test_a_thousand_clients_at_once():
+    """One second only, and 1 KiB for each: docs/mirror.md has the figures for real sizes."""
+    done = subprocess.run([str(MIRROR / "loadtest"), "--small", "--seconds", "1"], capture_output=True, text=True, check=False)
+    assert done.returncode == 0, done.stdout + done.stderr
+    assert "1000 clients" in done.stdout and "0 answers other than 200, 0 lines in nginx's error log" in done.stdout

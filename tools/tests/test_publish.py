@@ -1,0 +1,214 @@
+"""deploy/mirror/publish: what it lets onto a mirror, under which name, and what it refuses. No Windows machine is needed."""
+from __future__ import annotations
+
+import hashlib
+import pathlib
+import subprocess
+import time
+
+import pytest
+
+from tools.tests.deploy_kit import PUBLISH, SIGNER, Signers, publish
+from lab import paths
+from tools.tests.script_module import load
+
+script = load(PUBLISH)
+
+
+@pytest.fixture(scope="module")
+def signers(tmp_path_factory):
+    return Signers(tmp_path_factory.mktemp("signers"))
+
+
+@pytest.fixture(scope="module")
+def installer(signers):
+    """The lab's installer of release 24.20, signed by the maker."""
+    return signers.sign(paths.need(paths.PACKAGES / "installer-24.20.exe"), "maker", signers.folder / "installer.exe")
+
+
+@pytest.fixture(scope="module")
+def another(signers):
+    return signers.sign(paths.need(paths.PACKAGES / "installer-24.10.exe"), "maker", signers.folder / "another.exe")
+
+
+@pytest.fixture
+def site(tmp_path, signers):
+    """add(release, file, ...) publishes; files() are those that nginx would hand out, and the list."""
+    class Site:
+        root = tmp_path / "vlt"
+
+        def add(self, release: str, file: pathlib.Path, *more: object, signer: str = SIGNER):
+            return publish("--root", self.root, "--ca", signers.ca, "--signer", signer, *more, release, file)
+
+        def files(self) -> list[str]:
+            return sorted(str(path.relative_to(self.root)) for path in self.root.rglob("*") if path.is_file() and path.name != ".lock")
+    return Site()
+
+
+def listed(file: pathlib.Path, folder: str) -> str:
+    return f"{hashlib.sha256(file.read_bytes()).hexdigest()}  {folder}/dwx2_install.txt\n"
+
+
+# Names
+
+@pytest.mark.parametrize("release, folder", [
+    ("24.20", "24.20"), ("24.20.11.01-240619a", "24.20"), ("24.2", "24.2"), ("24.2-a", "24.2"), ("9", "9"), ("24.2.1", "24.2."),
+    ("22.q4.1", "22.q4"), ("22.Q4", "22.Q4"), ("4.2.20-x-y", "4.2.2")])
+def test_the_folder_is_what_the_tool_asks_for(release, folder):
+    assert script.folder_of(release) == folder
+
+
+@pytest.mark.parametrize("release", ["", "-24.20", "..", ".-1", "../x", "a/b", "24 20", "24.2\u0660", "24%20", "24\n"])
+def test_what_is_no_release(release):
+    with pytest.raises(script.Refused):
+        script.folder_of(release)
+
+
+# What gets onto the mirror
+
+def test_a_signed_installer_is_published(site, installer):
+    done = site.add("24.20.11.01-240619a", installer)
+    assert (done.returncode, done.stderr) == (0, "")
+    assert site.files() == ["24.20/dwx2_install.txt", "SHA256SUMS"]
+    assert (site.root / "24.20/dwx2_install.txt").read_bytes() == installer.read_bytes()
+    assert (site.root / "SHA256SUMS").read_text() == listed(installer, "24.20")
+    assert subprocess.run(["sha256sum", "--check", "--strict", "SHA256SUMS"], cwd=site.root, capture_output=True, check=False).returncode == 0
+    modes = [oct((site.root / name).stat().st_mode & 0o777) for name in ("24.20", "24.20/dwx2_install.txt", "SHA256SUMS")]
+    assert modes == ["0o755", "0o644", "0o644"], "nginx runs as somebody else"
+
+
+def test_the_same_again_changes_nothing(site, installer):
+    site.add("24.20", installer)
+    before = {name: (site.root / name).stat().st_mtime_ns for name in site.files()}
+    time.sleep(0.01)
+    again = site.add("24.20", installer)
+    assert again.returncode == 0 and "is there already" in again.stdout
+    assert {name: (site.root / name).stat().st_mtime_ns for name in site.files()} == before
+
+
+def test_another_file_of_a_release_needs_a_word(site, installer, another):
+    site.add("24.20", installer)
+    refused = site.add("24.20", another)
+    assert refused.returncode == 1 and "--replace" in refused.stderr
+    assert (site.root / "SHA256SUMS").read_text() == listed(installer, "24.20")
+    assert site.add("24.20", another, "--replace").returncode == 0
+    assert (site.root / "SHA256SUMS").read_text() == listed(another, "24.20")
+    assert (site.root / "24.20/dwx2_install.txt").read_bytes() == another.read_bytes()
+
+
+def test_a_download_under_way_keeps_its_file(site, installer, another):
+    """The old file is not written to: whoever reads it reads it to its end."""
+    site.add("24.20", installer)
+    with open(site.root / "24.20/dwx2_install.txt", "rb") as client:
+        first = client.read(100)
+        site.add("24.20", another, "--replace")
+        assert first + client.read() == installer.read_bytes()
+
+
+def test_releases_stand_side_by_side_and_are_removed(site, installer, another):
+    site.add("24.20", installer)
+    site.add("24.10", another)
+    assert (site.root / "SHA256SUMS").read_text() == listed(another, "24.10") + listed(installer, "24.20")
+    done = publish("--root", site.root, "--remove", "24.10.05.00-a")
+    assert done.returncode == 0 and "removed" in done.stdout
+    assert site.files() == ["24.20/dwx2_install.txt", "SHA256SUMS"] and not (site.root / "24.10").exists()
+    assert (site.root / "SHA256SUMS").read_text() == listed(installer, "24.20")
+    again = publish("--root", site.root, "--remove", "24.10")
+    assert again.returncode == 0 and "is not there" in again.stdout
+
+
+def test_a_dry_run_checks_and_changes_nothing(site, signers, installer):
+    done = site.add("24.20", installer, "--dry-run")
+    assert done.returncode == 0 and "would be published" in done.stdout and not site.root.exists()
+    unsigned = site.add("24.20", paths.PACKAGES / "installer-24.20.exe", "--dry-run")
+    assert unsigned.returncode == 1 and not site.root.exists()
+    site.add("24.20", installer)
+    assert "would be removed" in publish("--root", site.root, "--dry-run", "--remove", "24.20").stdout
+    assert site.files() == ["24.20/dwx2_install.txt", "SHA256SUMS"]
+
+
+# What is refused
+
+def doctored(data: bytes, how: str) -> bytes:
+    if how == "changed":  # one bit in the middle, far from headers and signature
+        middle = len(data) // 2
+        return data[:middle] + bytes([data[middle] ^ 1]) + data[middle + 1:]
+    if how == "longer":
+        return data + b"more"
+    return data[:-16]
+
+
+def refused_file(signers: Signers, installer: pathlib.Path, folder: pathlib.Path, how: str) -> pathlib.Path:
+    plain = paths.PACKAGES / "installer-24.20.exe"
+    target = folder / "refused.exe"
+    if how == "unsigned":
+        return plain
+    if how == "text":
+        target.write_text("MZ, but no program")
+    elif how == "accompanied":
+        signers.sign(plain, "other", target, along="maker")
+    elif how in signers.NAMES:
+        signers.sign(plain, how, target)
+    else:
+        target.write_bytes(doctored(installer.read_bytes(), how))
+    return target
+
+
+@pytest.mark.parametrize("how, why", [
+    ("unsigned", "it is not signed"), ("text", "no Windows program"), ("changed", "the signature is not good"),
+    ("longer", "something was added"), ("shorter", "something was added"), ("other", "not signed by"),
+    ("impostor", "the signature is not good"), ("expired", "the signature is not good"), ("accompanied", "the signature is not good")])
+def test_refused(site, signers, installer, tmp_path, how, why):
+    """`impostor` has the maker's name from an authority that nobody trusts; `accompanied` brings the maker's own certificate
+    along but was signed with another."""
+    site.add("24.10", installer)
+    before = (site.files(), (site.root / "SHA256SUMS").read_text())
+    done = site.add("24.20", refused_file(signers, installer, tmp_path, how))
+    assert done.returncode == 1 and why in done.stderr, done.stderr
+    assert (site.files(), (site.root / "SHA256SUMS").read_text()) == before
+
+
+@pytest.mark.parametrize("signer", ["Tavik Systems", "tavik systems, inc.", "Somebody", "Tavik Systems, Inc. "])
+def test_the_name_counts_to_the_letter(site, installer, signer):
+    done = site.add("24.20", installer, signer=signer)
+    assert done.returncode == 1 and "not signed by" in done.stderr and not list(site.root.glob("24.20"))
+
+
+def test_missing_files_are_named(site, signers, installer, tmp_path):
+    assert "there is no file" in site.add("24.20", tmp_path / "missing.exe").stderr
+    done = publish("--root", site.root, "--ca", tmp_path / "missing.pem", "--signer", SIGNER, "24.20", installer)
+    assert done.returncode == 1 and "there is no file" in done.stderr
+
+
+@pytest.mark.parametrize("arguments", [
+    [], ["24.20"], ["24.20", "file"], ["--ca", "x", "24.20", "file"], ["--signer", "x", "24.20", "file"], ["--check", "--remove", "24.20"],
+    ["--remove", "24.20", "24.10", "file"]])
+def test_arguments_that_make_no_sense(tmp_path, arguments):
+    assert publish("--root", tmp_path / "vlt", *arguments).returncode == 2
+    assert not (tmp_path / "vlt").exists()
+
+
+# After a crash
+
+def test_a_call_that_was_killed_leaves_nothing_that_lasts(site, installer, another):
+    """Killed after the file took its place and before it was listed; and half a copy of another call."""
+    site.add("24.20", installer)
+    (site.root / ".incoming-half").write_bytes(b"MZ")
+    (site.root / "24.10").mkdir()
+    (site.root / "24.10/dwx2_install.txt").write_bytes(another.read_bytes())
+    told = publish("--root", site.root, "--check")
+    assert told.returncode == 1 and "24.10 is there but not listed" in told.stderr
+    assert site.add("24.20", installer).returncode == 0
+    assert site.files() == ["24.10/dwx2_install.txt", "24.20/dwx2_install.txt", "SHA256SUMS"]
+    assert publish("--root", site.root, "--check").returncode == 0
+
+
+@pytest.mark.parametrize("break_it, word", [
+    (lambda root: (root / "24.20/dwx2_install.txt").write_bytes(b"MZ"), "not the file that was published"),
+    (lambda root: (root / "24.20/dwx2_install.txt").unlink(), "listed but not there")], ids=["changed", "gone"])
+def test_check_finds_what_changed(site, installer, break_it, word):
+    site.add("24.20", installer)
+    assert publish("--root", site.root, "--check").stdout == "1 releases, all as listed: 24.20\n"
+    break_it(site.root)
+    told = publish("--root", site.root, "--check")
+    assert told.returncode == 1 and word in told.stderr

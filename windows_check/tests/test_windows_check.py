@@ -1,0 +1,161 @@
+"""The program for real Windows machines, on Wine: every difference is known, and a known one that is gone is an error too.
+
+Once in a bare prefix, and once on a machine of the lab under the tool's name, so with the stand-ins, display adapters,
+products of Windows Installer and the Windows Runtime classes.
+"""
+from __future__ import annotations
+
+import getpass
+import json
+import os
+import re
+import subprocess
+import tomllib
+from typing import Any
+
+import pytest
+
+from lab import paths, run
+from lab.machine import Machine
+from lab.prefix import Prefix, replace_file, template
+from lab.run import fresh_folder, remove_folder
+from cases.support.store_machine import CORVEL, OTHER, package
+
+PROGRAM = paths.BUILD / "TavikWindowsCheck.exe"
+CALLS = paths.ROOT / "windows_check" / "calls.toml"
+UNIT_TESTS = paths.BUILD / "tests" / "unit_tests.exe"
+# Of the compiler's own making, or arithmetic on memory.
+NO_CALLS = {"IID_IUnknown", "abort", "atexit", "memchr", "memcmp", "memcpy", "memmove", "memset", "strlen", "wcslen"}
+GROUPS = ("devices", "infs", "installer", "runtime", "store")  # where a machine of the lab has more to show than a bare prefix
+DIFFERENCES = paths.ROOT / "windows_check" / "wine-differences.toml"
+
+
+def known(machine: str) -> dict[str, tuple[str, str]]:
+    """Fact -> (result, what is seen) of those that are not as expected on "bare" or "lab"."""
+    rows = tomllib.loads(DIFFERENCES.read_text("utf-8"))["difference"]
+    return {row["id"]: (row["result"], row["seen"]) for row in rows if row.get("machine", machine) in (machine, "both")
+            and (os.geteuid() == 0 or not row.get("root"))}
+
+
+def changes(findings: list[dict[str, Any]], expected: dict[str, tuple[str, str]]) -> list[str]:
+    """What is new and what is gone, one line each."""
+    seen = {row["id"]: (row["result"], row["seen"]) for row in findings}
+    found = {name: what for name, what in seen.items() if what[0] != "ok"}
+    return ([f"new: {name}: {what}" for name, what in found.items() if name not in expected]
+            + [f"gone: {name}: {seen.get(name)}" for name in expected if name not in found]
+            + [f"other: {name}: {what} instead of {expected[name]}" for name, what in found.items()
+               if name in expected and what != expected[name]])
+
+
+def check(prefix: Prefix, name: str, *arguments: str) -> tuple[int, list[dict[str, Any]], str]:
+    """Runs the program in C:\\lab; low 8 bits of the exit code, the findings, what it printed."""
+    output, result = prefix.path / "printed.txt", prefix.drive / "lab" / "found.json"
+    for file in (output, result):
+        file.unlink(missing_ok=True)
+    code = prefix.wine(rf"C:\lab\{name}", "--json", r"C:\lab\found.json", *arguments, output=output, timeout=240)
+    findings = json.loads(result.read_text("utf-8"))["facts"] if result.exists() else []
+    assert [str(item) for item in (prefix.drive / "users").rglob("TavikWindowsCheck-*")] == [], "the temporary folder was left behind"
+    return code, findings, output.read_text("utf-8", "replace")
+
+
+@pytest.fixture(scope="module")
+def bare():
+    paths.RUNS.mkdir(parents=True, exist_ok=True)
+    with Prefix.copy(template(), paths.RUNS / f"windows-check-{os.getpid()}") as prefix:
+        (prefix.drive / "lab").mkdir()
+        replace_file(prefix.drive / "lab" / PROGRAM.name, paths.need(PROGRAM).read_bytes())
+        # What the program makes is open to everybody here unless it closes it itself, as in the temporary folder of the
+        # system account; from an open folder it starts nothing, which would be a new difference.
+        before = os.umask(0)
+        try:
+            prefix.start()
+        finally:
+            os.umask(before)
+        prefix.wine("wineboot")
+        yield prefix
+
+
+def test_every_difference_of_a_bare_prefix_is_known(bare: Prefix):
+    code, findings, printed = check(bare, PROGRAM.name)
+    assert len(findings) > 200
+    assert changes(findings, known("bare")) == []
+    assert code == 1
+    last = re.search(r"(\d+) ok, (\d+) differ, (\d+) not applicable$", printed.strip())
+    assert last and sum(map(int, last.groups())) == len(findings)
+    assert not re.search(r"TavikWindowsCheck-\d+", (bare.path / "user.reg").read_text("utf-8")), "the key was left behind"
+    told = json.dumps(findings).lower()
+    assert getpass.getuser().lower() not in told.replace("<user", "") and "s-1-5-21-<numbers>" in told, "who uses the machine is nobody's business"
+    names = {row["id"] for row in findings}
+    assert all(f"\n{name}" in printed for name in names)
+
+
+def test_every_difference_of_a_machine_of_the_lab_is_known():
+    folder = fresh_folder()
+    machine = Machine({"desktop": {"release": "24.20"}, "server": {"reach": "none"},
+                       "store": {"packages": [package(CORVEL), package(OTHER, "11.2404.5.0")]}})
+    prefix = Prefix.copy(machine.template(), folder / "prefix")
+    try:
+        late, _ = machine.install(prefix, "")
+        (prefix.drive / "lab" / "watcher.txt").write_text(run.orders(machine, "-SILENT", late), "utf-8")
+        prefix.start()
+        assert prefix.wine(r"C:\lab\watcher.exe") == 0  # makes the adapters
+        replace_file(prefix.drive / "lab" / paths.TOOL.name, paths.need(PROGRAM).read_bytes())
+        code, findings, _ = check(prefix, paths.TOOL.name, *(word for group in GROUPS for word in ("--only", group)))
+
+        # A check that crashes or hangs is a difference, and the others go on.
+        faults = prefix.drive / "lab" / "standins" / "faults.txt"
+        faults.write_text("setupapi!SetupDiGetClassDevsW 1 crash=0xC0000005\nsetupapi!SetupDiGetClassDevsW 2 sleep=9000\n", "utf-8")
+        hurt_code, hurt, _ = check(prefix, paths.TOOL.name, "--only", "devices", "--limit", "2")
+    finally:
+        prefix.stop()
+    remove_folder(folder)
+    assert {row["group"] for row in findings} == set(GROUPS)
+    assert changes(findings, {name: what for name, what in known("lab").items() if name.split(".")[0] in GROUPS}) == []
+    assert (code, hurt_code) == (1, 1)
+    assert [row["seen"] for row in hurt[:3]] == ["the check crashed: 0xC0000005", "no answer in 2 s", "fits"]
+
+
+@pytest.mark.parametrize("only, code, count", [("text", 0, 11), ("events.fresh", 0, 1), ("libraries.dpi_functions", 1, 1),
+                                               ("nobody", 2, 0)])
+def test_exit_code(bare: Prefix, only: str, code: int, count: int):
+    found, findings, _ = check(bare, PROGRAM.name, "--only", only)
+    assert (found, len(findings)) == (code, count)
+
+
+def test_a_difference_that_comes_or_goes_is_an_error():
+    findings = [{"id": "a.b", "result": "differs", "seen": "x"}, {"id": "a.c", "result": "ok", "seen": "y"}]
+    assert changes(findings, {"a.b": ("differs", "x")}) == []
+    assert changes(findings, {}) == ["new: a.b: ('differs', 'x')"]
+    assert changes(findings, {"a.b": ("differs", "z")}) == ["other: a.b: ('differs', 'x') instead of ('differs', 'z')"]
+    assert changes(findings, {"a.b": ("differs", "x"), "a.c": ("differs", "y")}) == ["gone: a.c: ('ok', 'y')"]
+
+
+def test_every_call_of_the_product_is_among_the_calls_of_the_facts():
+    """A new call has a row of its own in calls.toml: which facts are about it, or why none is needed."""
+    folder = paths.BUILD / "src"
+    objects = [*(paths.need(folder / f"lib{name}.a") for name in ("base", "repair", "companion")), *folder.rglob("main.cpp.obj"),
+               *folder.rglob("stack_guard.cpp.obj")]
+    assert len(objects) == 6
+    listed = subprocess.run(["x86_64-w64-mingw32-nm", "--undefined-only", *map(str, objects)], stdout=subprocess.PIPE, text=True, check=True).stdout
+    linked = {name.removeprefix("__imp_") for name in re.findall(r" U (\S+)$", listed, re.MULTILINE)}
+    linked = {name for name in linked if not name.startswith(("_Z", "_Unwind", "__"))} - NO_CALLS
+    assert len(linked) > 100
+    known_calls = set(tomllib.loads(CALLS.read_text("utf-8"))["functions"])
+    assert sorted(linked - known_calls) == [], "not in windows_check/calls.toml"
+    assert sorted(known_calls - linked) == [], "called no more"
+
+
+def test_what_only_wine_shows_is_skipped_on_windows_with_the_reason(bare: Prefix):
+    """In-process tests that were copied to a real Windows: as far as that can be seen on Wine."""
+    replace_file(bare.drive / "lab" / UNIT_TESTS.name, paths.need(UNIT_TESTS).read_bytes())
+    output = bare.path / "tests.txt"
+    bare.variables["TAVIK_TESTS_AS_ON_WINDOWS"] = "1"
+    try:
+        code = bare.wine(rf"C:\lab\{UNIT_TESTS.name}", "--gtest_filter=CreateDirectories.*:Exists.*:FindSubfolder.*:Remove*",
+                         output=output, timeout=100)
+    finally:
+        del bare.variables["TAVIK_TESTS_AS_ON_WINDOWS"]
+    printed = output.read_text("utf-8", "replace")
+    assert code == 0, printed
+    assert "[  SKIPPED ] 6 tests" in printed
+    assert len(re.findall("shows nothing on Windows: .{20,}", printed)) == 6
