@@ -1,58 +1,127 @@
 #!/usr/bin/python3
-"""Checks docs/proof.md against the tests: every behaviour names a test that exists, or says why none can show it.
+"""Compares tests/behaviours.md with the tests, and makes the table of proofs, build/docs/proof.md.
 
-In each table the last column of a row holds tests in backquotes, Suite.Name of the in-process tests or
-file.py::function of the lab's cases, or it begins with "not shown:" and the reason.
+tests/behaviours.md lists every situation that a test has to show, "- SITUATION", or says why none can:
+"- SITUATION => WHAT HAPPENS [not shown: REASON]". A test names what it shows in a comment line directly above it:
+
+    // Proves: SITUATION => WHAT HAPPENS        (# in Python)
+
+Where several tests show one situation, one of them says what happens; the others name the situation only.
 """
-import pathlib
 import re
 import sys
+from dataclasses import dataclass, field
+from pathlib import Path
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
-PAGE = ROOT / "docs" / "proof.md"
-IN_PROCESS = re.compile(r"^TEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)\s*\)", re.MULTILINE)
-CASE = re.compile(r"^(?:async )?def (test_\w+)\(", re.MULTILINE)
+TOP = Path(__file__).resolve().parent.parent
+LIST = TOP / "tests" / "behaviours.md"
+TABLE = TOP / "build" / "docs" / "proof.md"
+TESTS = {"tests": "*.cpp", "companion/tests": "*.cpp", ".": "test_*.py"}
+PROVES = re.compile(r"^(?://|#) Proves: (.+)$")
+TEST = re.compile(r"^TEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)\s*\)|^def (test_\w+)\(", re.MULTILINE)
+NOT_SHOWN = re.compile(r"(.+) => (.+) \[not shown: (.{20,})\]")
 
 
-def known_tests() -> set[str]:
-    names = set()
-    for file in (file for folder in ("tests", "companion/tests") for file in (ROOT / folder).rglob("*.cpp")):
-        names |= {f"{suite}.{name}" for suite, name in IN_PROCESS.findall(file.read_text("utf-8"))}
-    for file in (file for folder in ("cases", "lab/tests", "tools/tests", "companion/tests", "windows_check/tests")
-                 for file in (ROOT / folder).rglob("test_*.py")):
-        names |= {f"{file.name}::{name}" for name in CASE.findall(file.read_text("utf-8"))}
-    return names
+@dataclass
+class Row:
+    section: str
+    happens: str = ""
+    shown_by: list[str] = field(default_factory=list)
+    reason: str = ""
+
+
+def behaviours(text: str) -> dict[str, Row]:
+    """The rows by situation. Raises ValueError for a situation that is listed twice."""
+    rows: dict[str, Row] = {}
+    section = ""
+    for line in text.splitlines():
+        if line.startswith("## "):
+            section = line[3:]
+        elif line.startswith("- "):
+            excused = NOT_SHOWN.fullmatch(line[2:])
+            situation = excused[1] if excused else line[2:]
+            if situation in rows:
+                raise ValueError(f"{LIST.name}: listed twice: {situation}")
+            rows[situation] = Row(section, excused[2], reason=excused[3]) if excused else Row(section)
+    return rows
+
+
+def proofs(file: Path) -> list[tuple[str, str]]:
+    """Pairs of a test's name and the text behind "Proves:". A line that stands above no test names the test "". """
+    text = file.read_text("utf-8")
+    found: list[tuple[str, str]] = []
+    waiting: list[str] = []
+    for line in text.splitlines():
+        proves = PROVES.match(line)
+        test = TEST.match(line) or re.match(r"^TEST(?:_F|_P)?\((\w+),$", line)
+        if proves:
+            waiting.append(proves[1])
+        elif test and waiting:
+            at = text.index(line)
+            whole = TEST.match(text, at)
+            name = (f"{whole[1]}.{whole[2]}" if whole[1] else f"{file.name}::{whole[3]}") if whole else ""
+            found += [(name, one) for one in waiting]
+            waiting = []
+    return found + [("", one) for one in waiting]
+
+
+def collect(rows: dict[str, Row]) -> list[str]:
+    """Fills in what the tests say. Returns what does not fit."""
+    faults = []
+    for folder, pattern in TESTS.items():
+        for file in sorted((TOP / folder).rglob(pattern)):
+            if "build" in file.relative_to(TOP).parts[:1]:
+                continue
+            where = file.relative_to(TOP)
+            for name, text in proofs(file):
+                situation, _, happens = text.partition(" => ")
+                row = rows.get(situation)
+                if not name:
+                    faults.append(f"{where}: no test below: {text}")
+                elif row is None:
+                    faults.append(f"{where}, {name}: {LIST.name} does not list: {situation}")
+                elif row.reason:
+                    faults.append(f"{where}, {name}: {LIST.name} says that it cannot be shown: {situation}")
+                elif happens and row.happens:
+                    faults.append(f"{where}, {name}: {row.shown_by[0]} says already what happens: {situation}")
+                else:
+                    row.happens = row.happens or happens
+                    row.shown_by.append(name)
+    faults += [f"{LIST.name}: no test shows: {situation}" for situation, row in rows.items() if not row.reason and not row.shown_by]
+    faults += [f"{LIST.name}: no test says what happens: {situation}" for situation, row in rows.items() if row.shown_by and not row.happens]
+    return faults
+
+
+def cell(text: str) -> str:
+    return text.replace("|", "\\|")
+
+
+def table(rows: dict[str, Row]) -> str:
+    lines = ["# Proofs", "", "Made by `scripts/docs` from the tests. All of them have run under Wine only, none on a real Windows."]
+    section = ""
+    for situation, row in rows.items():
+        if row.section != section:
+            section = row.section
+            lines += ["", f"## {section}", "", "| Situation | What happens | Shown by |", "|---|---|---|"]
+        shown = ", ".join(f"`{name}`" for name in row.shown_by) or f"not shown: {row.reason}"
+        lines.append(f"| {cell(situation)} | {cell(row.happens)} | {shown} |")
+    return "\n".join(lines) + "\n"
 
 
 def main() -> int:
-    known = known_tests()
-    faults, rows, named = [], 0, set()
-    for number, line in enumerate(PAGE.read_text("utf-8").splitlines(), 1):
-        if not line.startswith("|") or re.fullmatch(r"[|\s:-]+", line):
-            continue
-        cells = [cell.strip() for cell in re.split(r"(?<!\\)\|", line.strip().strip("|"))]
-        proof = cells[-1]
-        if proof == "Shown by":
-            continue
-        rows += 1
-        tests = re.findall(r"`([^`]+)`", proof)
-        if proof.startswith("not shown:"):
-            if len(proof) < 30:
-                faults.append(f"line {number}: no reason is given")
-            continue
-        if not tests:
-            faults.append(f"line {number}: names no test")
-        for test in tests:
-            named.add(test)
-            if test not in known:
-                faults.append(f"line {number}: there is no test {test}")
-    for fault in faults:
-        print(f"docs/proof.md, {fault}", file=sys.stderr)
-    if rows == 0:
-        print("docs/proof.md has no table", file=sys.stderr)
+    try:
+        rows = behaviours(LIST.read_text("utf-8"))
+    except ValueError as error:
+        print(error, file=sys.stderr)
         return 1
-    print(f"docs/proof.md: {rows} behaviours, {len(named)} of {len(known)} tests named")
-    return 1 if faults else 0
+    faults = collect(rows)
+    for fault in faults:
+        print(fault, file=sys.stderr)
+    TABLE.parent.mkdir(parents=True, exist_ok=True)
+    TABLE.write_text(table(rows), "utf-8")
+    excused = sum(bool(row.reason) for row in rows.values())
+    print(f"{len(rows)} behaviours, {sum(len(row.shown_by) for row in rows.values())} proofs, {excused} that Wine cannot show.")
+    return 1 if faults or not rows else 0
 
 
 if __name__ == "__main__":

@@ -20,6 +20,8 @@ def wininet(result, skip: tuple[str, ...] = ("InternetReadFile",)) -> list[str]:
 
 # Where from
 
+# Proves: The value names another server
+# Proves: What the server sees
 def test_request_as_the_server_sees_it(lab):
     result = lab.run(answering())
     lab.check(**downloaded(len(NO_PROGRAM)), requests=[f"{PATH} 200"], after={**UNTOUCHED, "files": [FINAL], "missing": [TEMPORARY]})
@@ -29,6 +31,8 @@ def test_request_as_the_server_sees_it(lab):
         "accept": "Accept: */*", "referer": "http://support.tavik.example/", "pragma": "no-cache"}
 
 
+# Proves: It has no slash at its end
+# Proves: The address is made
 def test_folder_without_a_slash_is_glued_to_the_release(lab):
     path = "/drivers/installer/vlt24.20/dwx2_install.txt"
     start = [START[0], "Change server to http://{server}/drivers/installer/vlt."]
@@ -36,6 +40,7 @@ def test_folder_without_a_slash_is_glued_to_the_release(lab):
     lab.check(**downloaded(len(NO_PROGRAM), start), requests=[f"{path} 200"])
 
 
+# Proves: An https address with another port than 443
 def test_https_on_another_port_goes_out_in_the_clear(lab):
     start = [START[0], "Change server to https://{server}/drivers/installer/vlt/."]
     result = lab.run(answering(folder="https://{server}" + SERVER_PATH))
@@ -43,6 +48,7 @@ def test_https_on_another_port_goes_out_in_the_clear(lab):
     assert result.requests[0]["tls"] == ""
 
 
+# Proves: An http address with port 443
 def test_http_on_port_443_is_encrypted(lab):
     folder = f"http://download.tavik.example:443{SERVER_PATH}"
     result = lab.run({"server": {"reach": "default", "answers": {PATH: {"text": NO_PROGRAM}}}, "standins": ["wininet"],
@@ -52,6 +58,7 @@ def test_http_on_port_443_is_encrypted(lab):
     assert any(line.startswith("HttpOpenRequestW#1 ") and "flags=0x84800500" in line for line in wininet(result))
 
 
+# Proves: The value is no text, or reading it fails
 def test_folder_that_is_no_text_counts_for_nothing(lab):
     lab.run({"server": {"reach": "default", "answers": {PATH: {"text": NO_PROGRAM}}},
              "registry": {r"HKLM\Software\Tavik": {"DWXServerFolder": 5}}})
@@ -65,6 +72,8 @@ def test_server_that_is_not_the_makers(lab, certificate, code):
     lab.check(**failed(f"Unable to call HttpSendRequest to {url}. Error {code}", start=START[:1]), requests=[], after=UNTOUCHED)
 
 
+# Proves: It is empty
+# Proves: The address cannot be split
 @pytest.mark.parametrize("folder, code", [
     ("", 12006), ("server/", 12006), ("http://{server}/" + "x" * 240 + "/", 122), ("http://" + "h" * 260 + "/", 122),
 ], ids=["empty", "no scheme", "long path", "long host"])
@@ -74,6 +83,7 @@ def test_folder_that_is_no_address(lab, folder, code):
                        start=[START[0], f"Change server to {folder}."]), requests=[], after={**UNTOUCHED, "files": [FOLDER]})
 
 
+# Proves: The request cannot be sent: nobody listens, wrong, expired or unknown certificate
 def test_nobody_listens(lab):
     lab.run({"server": {"reach": "none"}, "registry": {r"HKLM\Software\Tavik": {"DWXServerFolder": "http://127.0.0.1:1/"}}})
     lab.check(**failed("Unable to call HttpSendRequest to http://127.0.0.1:1/24.20/dwx2_install.txt. Error 12029",
@@ -82,6 +92,7 @@ def test_nobody_listens(lab):
 
 # Answers
 
+# Proves: A status other than 200, even another good one
 @pytest.mark.parametrize("status", [201, 204, 206, 304, 308, 403, 500])
 def test_only_200_is_good(lab, status):
     lab.run(answering({"status": status, "text": "MZ", "length": status not in (204, 304)}))
@@ -89,6 +100,7 @@ def test_only_200_is_good(lab, status):
               requests=[f"{PATH} {status}"], after={**UNTOUCHED, "missing": [FINAL], "files": [TEMPORARY]})
 
 
+# Proves: A redirect
 def test_redirect_is_followed(lab):
     result = lab.run({"server": {"answers": {PATH: {"redirect": "/mirror/file"}, "/mirror/file": {"text": NO_PROGRAM}}}})
     lab.check(**downloaded(len(NO_PROGRAM)), requests=[f"{PATH} 302", "/mirror/file 200"])
@@ -101,12 +113,14 @@ def test_redirect_to_nothing(lab):
               requests=[f"{PATH} 302", "/mirror/file 404"], after=UNTOUCHED)
 
 
+# Proves: An empty body
 def test_empty_body(lab):
     result = lab.run(answering({"text": ""}))
     lab.check(**downloaded(0), requests=[f"{PATH} 200"], after={**UNTOUCHED, "files": [FINAL], "missing": [TEMPORARY]})
     assert result.after.files[FINAL] == 0
 
 
+# Proves: The body arrives
 @pytest.mark.parametrize("length", [True, False], ids=["with length", "without length"])
 def test_body_arrives_byte_for_byte(lab, length):
     body = b"".join(zlib.crc32(number.to_bytes(4, "big")).to_bytes(4, "big") for number in range(600_000))
@@ -117,6 +131,7 @@ def test_body_arrives_byte_for_byte(lab, length):
     assert reads == [("1048576", "1048576"), ("1048576", "1048576"), ("1048576", str(len(body) - 2097152)), ("1048576", "0")]
 
 
+# Proves: Reading fails otherwise
 def test_connection_is_lost_in_mid_body(lab):
     result = lab.run(answering({"size": 3_000_000, "reset": 1_500_000}))
     lab.check(**failed("Response code from server: 200", "Download failed with error code: 10054 {any}"),
@@ -133,12 +148,14 @@ def test_old_files_are_gone_even_when_the_download_fails(lab):
     assert (result.before.files[TEMPORARY], result.after.files[TEMPORARY]) == (5, 0)
 
 
+# Proves: Old files that can be removed
 def test_old_files_are_replaced(lab):
     result = lab.run({**answering(), "files": {FINAL: "the old one", TEMPORARY: "older"}})
     lab.check(**downloaded(len(NO_PROGRAM)), before={"files": [FINAL, TEMPORARY]}, after={"missing": [TEMPORARY]})
     assert file_of(result, FINAL).read_text() == NO_PROGRAM
 
 
+# Proves: An old file is locked, write-protected or a folder
 @pytest.mark.parametrize("path", [FINAL, TEMPORARY], ids=["final", "temporary"])
 @pytest.mark.parametrize("how", ["held", "read_only"])
 def test_old_file_that_cannot_be_removed(lab, path, how):
@@ -155,12 +172,14 @@ def test_folder_in_place_of_an_old_file(lab, path):
               after={**UNTOUCHED, "files": [path + "\\inside"]})
 
 
+# Proves: The download folder cannot be created
 def test_download_folder_blocked_by_a_file(lab):
     lab.run({**answering(), "files": {FOLDER: "in the way"}})
     lab.check(**failed(thrown(f"filesystem error: create_directories: {{any}} [{FOLDER}\\]")), requests=[],
               after={**UNTOUCHED, "files": [FOLDER]})
 
 
+# Proves: The temporary file cannot be created
 def test_temporary_file_cannot_be_created(lab):
     """A folder in which nobody may create anything, not even root."""
     lab.run({**answering(), "files": {FOLDER: {"link": "/proc/sys"}}})
@@ -170,6 +189,7 @@ def test_temporary_file_cannot_be_created(lab):
 
 # What is asked of the system
 
+# Proves: A good download
 def test_calls_into_the_system(lab):
     result = lab.run({**answering(), "standins": ["wininet"]})
     lab.check(**downloaded(len(NO_PROGRAM)))
@@ -218,6 +238,13 @@ FAILING = {
 }
 
 
+# Proves: The download raises an exception
+# Proves: The session cannot be opened
+# Proves: The connection cannot be opened
+# Proves: The request cannot be opened
+# Proves: The time limits are refused
+# Proves: The status cannot be read
+# Proves: Reading fails with a text of the server
 @pytest.mark.parametrize("name", FAILING)
 def test_failing_call(lab, name):
     rules, lines, handles = FAILING[name]
@@ -245,6 +272,7 @@ def test_status_line_while_downloading(lab):
     assert result.status_texts[-1] == DOWNLOADING
 
 
+# Proves: Several adapters
 def test_greatest_release_is_downloaded(lab):
     """The greatest release decides, wherever its adapter stands."""
     path = f"{SERVER_PATH}24.30/dwx2_install.txt"

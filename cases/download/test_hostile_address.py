@@ -94,6 +94,7 @@ def test_certificate_is_looked_at_after_a_redirect_too(lab, certificate, code):
     check_failed(lab, not_sent(f"{folder}24.20/dwx2_install.txt", code), requests=[f"{PATH} 302"], start=changed(folder))
 
 
+# Proves: The server's certificate or TLS version is no good, or the address is odd => the download fails, or goes where the port says
 @pytest.mark.parametrize("certificate, code", CERTIFICATES)
 def test_certificate_is_looked_at_whatever_the_scheme(lab, certificate, code):
     folder = f"http://{HOST}:443{SERVER_PATH}"

@@ -24,6 +24,7 @@ def raw(text: str) -> dict:
 
 # Those that take long come first, see conftest.py.
 
+# Proves: The server says nothing for 90 seconds
 @pytest.mark.slow
 def test_silence_in_mid_body_is_given_up_after_a_minute_and_a_half(lab):
     """The error of the time-out has no text."""
@@ -32,6 +33,8 @@ def test_silence_in_mid_body_is_given_up_after_a_minute_and_a_half(lab):
     assert result.seconds > 90
 
 
+# Proves: A body of 2 GiB or more
+# Proves: The body has more than 2 or 4 GiB => it arrives whole; the counter in the log wraps
 @pytest.mark.slow
 @pytest.mark.parametrize("size, logged", [((2 << 30) + 1, -2147483647), (5_000_000_000, 705032704)], ids=["2 GiB + 1", "5 GB"])
 def test_more_than_the_counter_can_count(lab, size, logged):
@@ -45,6 +48,7 @@ def test_more_than_the_counter_can_count(lab, size, logged):
 
 # Statuses
 
+# Proves: The server answers with any status, loop, redirect, broken length or chunk, reset or silence => only 200 is good; the rest ends as a failed download, in 90 seconds at most after the last byte
 @pytest.mark.parametrize("answer", [
     {"status": 204, "headers": {"ETag": '"empty"'}},
     {"status": 206, "text": NO_PROGRAM, "headers": {"Content-Range": "bytes 0-9/100"}},

@@ -13,6 +13,7 @@ from cases.fault_injection import campaign
 RUNS = campaign.slice_for_tests()
 
 
+# Proves: Any one call into SetupAPI, Windows Installer, WinINet or the session functions, or any step of the package manager or the Store fails (3,016 runs on 20 machines by scripts/inject-faults, a hundred of them with the cases) => what the lab's model of the tool says for that call: whole log, exit code, box, machine afterwards; nothing leaks; the next start repairs
 @pytest.mark.parametrize("run", RUNS, ids=[run.id for run in RUNS])
 def test_torture(run):
     if campaign.obstacle(run):

@@ -54,6 +54,7 @@ def direct(**changes: Any) -> dict[str, Any]:
 
 # What cannot be looked at
 
+# Proves: The installer's existence cannot be tested
 @pytest.mark.parametrize("arguments", ["", "-SILENT"])
 def test_the_installer_of_the_driver_package_cannot_be_looked_at(lab, arguments):
     """Nobody catches that: the run ends before anything is touched, and nothing is downloaded instead."""
@@ -102,6 +103,7 @@ def test_a_folder_that_cannot_be_looked_at_is_not_passed_on(lab, registered, cha
 
 # The extraction folder
 
+# Proves: The folder cannot be created (extraction folder)
 def test_the_extraction_folder_cannot_be_created(lab):
     """A folder in which nobody may create anything, not even root. Nothing is said about it, the installer is started all the
     same, and what it could not unpack is missing then."""
@@ -110,6 +112,7 @@ def test_the_extraction_folder_cannot_be_created(lab):
     assert len(result.installer) == 1
 
 
+# Proves: The session cannot be asked
 @pytest.mark.parametrize("condition, given_back", [("", 0), ("if=class:5 ", 1)], ids=["at all", "for the name"])
 def test_the_session_cannot_be_asked(lab, condition, given_back):
     """Without a user there is no access list, so nothing is prepared: what is in the folder stays, and nothing is said."""
@@ -144,6 +147,7 @@ def test_an_installer_that_no_program_opens(lab):
         MAIN_PACKAGE_MISSING, STARTED])
 
 
+# Proves: The exit code cannot be read, or no process handle came back
 def test_a_start_that_gives_no_process(lab):
     """A shortcut: the system at hand starts what it leads to, with the parameters, and hands out nothing to wait for. The
     application stays a while, so that the other one has time to start."""
@@ -160,6 +164,7 @@ def test_a_start_that_gives_no_process(lab):
 
 # The download. Somebody has an old file open and lets others delete it: its name is taken until that one closes it, too.
 
+# Proves: The rename fails
 def test_the_rename_fails_and_nobody_notices(lab):
     """The old file was deleted twice by then, and its name is not free. The path is returned all the same, and what is started
     is not the download: that stays under its temporary name."""

@@ -87,6 +87,7 @@ def spoilt_ones(contents: dict[str, Any]) -> dict[str, Any]:
     return {"adapters": [{"packages": packages}], **NO_SERVER}
 
 
+# Proves: A driver package is huge, empty, noise, UTF-16, has 20,000 sections, or is in use => it tells a release or none; the run goes on
 def test_packages_that_tell_no_release(lab):
     lab.run(spoilt_ones(UNREADABLE))
     device = inventory()
@@ -224,6 +225,7 @@ def check_victim(lab) -> None:
         path: size for path, size in lab.result.before.files.items() if path.startswith(VICTIM)}
 
 
+# Proves: The extraction or download folder holds links, or is one => what they lead to survives
 @pytest.mark.parametrize("place", [EXTRACTED, EXTRACTED + r"\link", EXTRACTED + r"\HL\halden\link",
                                    EXTRACTED + "\\" + "\\".join("abcdefgh") + r"\link"],
                          ids=["the folder itself", "in it", "deeper", "very deep"])
@@ -286,6 +288,7 @@ def check_quick(lab) -> None:
     assert tool["ended"] - tool["started"] < 10_000  # two seconds, on a computer with nothing else to do
 
 
+# Proves: An old file there is in use => the run ends at once with the "remove_all" error
 @pytest.mark.parametrize("place", [r"\old.txt", r"\HL\halden\halden64\dwx-next64.msi"], ids=["in it", "deeper"])
 @pytest.mark.parametrize("how", ["held", "shared"])
 def test_file_in_use_ends_the_run_at_once(lab, how, place):

@@ -44,12 +44,14 @@ def test_log_folder_blocked_in_direct_installation(lab, path):
     assert lab.result.installer == []
 
 
+# Proves: The file cannot be created
 def test_log_file_that_cannot_be_made(lab):
     """Not even root can make a file there. The run goes on without a log."""
     lab.run({"files": {LOGS: {"link": "/proc/sys"}}})
     check(lab, exit_code=0, log=[], boxes=[FINISHED], requests=[f"{PATH} 200"], before=BEFORE, after=AFTER)
 
 
+# Proves: A line cannot be written (disk full)
 def test_log_on_a_full_disk(lab):
     """What does not fit is lost, and nothing else."""
     lab.run({"disks": {LOGS: PAGE}}, "x" * 900)  # a long first line
@@ -65,6 +67,7 @@ def moved(temp: str, **changes) -> dict:
     return {"registry": {r"HKCU\Environment": {"TMP": temp, "TEMP": temp}}, **changes}
 
 
+# Proves: The temporary folder has blanks, other letters, more than 260 characters, or is none => the run works there, or says what it cannot make
 @pytest.mark.parametrize("temp", ["C:\\Übung ☃ 中文\\", "C:\\ two  blanks, ' and % (x86)\\end\\",
                                   "C:\\not\\there\\yet\\at\\all\\"])
 def test_repair_in_an_odd_temporary_folder(lab, temp):
@@ -141,6 +144,7 @@ FULL = [*opening(), *inventory(), *download()[:3],
         r"Failed writing to file: {temp}Tavik_VLTInstallerDownload\dwx2_install.exe.tmp", NOT_DOWNLOADED]
 
 
+# Proves: The disk is full during download or extraction, or under the log => a documented end; without a log the run goes on
 @pytest.mark.parametrize("room", [2 * PAGE, 300 * PAGE, SIZE // PAGE * PAGE],
                          ids=["at once", "in the second block", "at the end"])
 def test_disk_is_full_during_the_download(lab, room):
@@ -182,6 +186,7 @@ def test_file_cannot_grow_during_extraction(lab):
 
 # Crowds
 
+# Proves: 200 adapters, or 100 driver packages of one => all of them are looked at
 def test_two_hundred_adapters(lab):
     """The last one is the newest, and the only one with a driver package."""
     ids = [rf"PCI\VEN_1E7D&DEV_{number:04X}&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&{number:04X}" for number in range(1, 201)]
@@ -229,6 +234,7 @@ DEVICE = r"PCI\VEN_1E7D&DEV_2F11&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&0001"
 PLAIN_INF = inf.text("u", "Adapter", "{hardware}", "{release}")
 
 
+# Proves: An adapter's name has percent signs, quotes or 4,000 characters => it is only text; the log line is cut at 1,023 characters
 def test_names_of_adapters_are_only_text(lab):
     """Line feeds in a name break the line; nothing in it is filled in or left out."""
     names = ['The "best" card\'s \'quote', "%s %n %d %hs %1!x! %% %5000d", "{0} $(calc) `id` & | > < ^",

@@ -54,6 +54,7 @@ KINDS = list(kinds(""))
 
 # HLVersion and DriverVersion, DWXServerFolder
 
+# Proves: A registry value has another type, an odd size, no terminator, or a mebibyte => read as far as it is text, else missing
 @pytest.mark.parametrize("kind", KINDS)
 def test_versions_and_server_folder(lab, kind):
     """All three in one run. Without a server folder of its own the tool turns to the maker's server."""
@@ -180,6 +181,7 @@ def test_odd_release_still_finds_its_package(lab):
 
 # Releases that are none
 
+# Proves: A release is empty, "-", or no release at all => taken as it is
 @pytest.mark.parametrize("release, prefix", [
     ("-", ""), ("2", "2"), ("..............", "....."), ("\t\r ", "\t\r "), ("\\..\\..\\x", "\\..\\."), ("☃" * 9, "☃" * 5),
 ], ids=["hyphen", "one digit", "points", "controls", "path", "snowmen"])

@@ -25,6 +25,8 @@ def listening(result) -> dict[str, bool]:
     return {program["command_line"].rpartition("\\")[2]: program["running"] for program in result.started_before}
 
 
+# Proves: The application is installed
+# Proves: A name is not running
 def test_order_and_wording(lab):
     """The application is asked before it is killed, although both succeed; the lines in full."""
     lab.run(pretended())
@@ -46,6 +48,7 @@ def test_command_tool_is_started_hidden_in_the_tools_own_folder(lab):
     assert re.sub("pid=[0-9]+", "pid=PID", result.programs[0]) == line
 
 
+# Proves: Programs listen => they end by themselves
 def test_programs_that_listen_end_by_themselves(lab):
     names = ["CorvelSoftware.exe", "CorvelSettings.exe"]
     result = lab.run(found(running=[rf"{HOME}\{name}" for name in names]))
@@ -53,6 +56,7 @@ def test_programs_that_listen_end_by_themselves(lab):
     assert listening(result) == {name: False for name in names}
 
 
+# Proves: Programs do not listen => they are killed, in any letter case and wherever they lie
 def test_programs_that_do_not_listen_are_killed(lab):
     """Four of the five; the letters of a name do not matter."""
     folder = r"C:\Program Files\Tavik"
@@ -75,6 +79,7 @@ def test_every_process_of_a_name_is_killed_wherever_it_lies(lab):
     assert [program["running"] for program in result.started_before] == [False] * 3
 
 
+# Proves: Other programs run => they are left alone
 def test_other_programs_are_left_alone(lab):
     names = ["Corvel.exe", "MyCorvelSoftware.exe", "tavikow.exe.exe"]
     programs = [rf"C:\Other\{name}" for name in names]
@@ -84,6 +89,7 @@ def test_other_programs_are_left_alone(lab):
     assert listening(result) == {name: True for name in names}
 
 
+# Proves: The command tool refuses => its code is logged, the kills run
 def test_a_refusing_command_tool_does_not_matter(lab):
     program = rf"{HOME}\CorvelSoftware.exe"
     result = lab.run(pretended(running=[program], programs={"hlcmd.exe.exit": 3, "hlcmd.exe.ignore": True}))
@@ -92,6 +98,7 @@ def test_a_refusing_command_tool_does_not_matter(lab):
     assert listening(result) == {"CorvelSoftware.exe": False}
 
 
+# Proves: The command tool is missing
 def test_missing_command_tool(lab):
     lab.run(pretended(remove=[rf"{HOME}\hlcmd.exe"], running=[rf"{HOME}\CorvelSettings.exe"]))
     polite, *kills = stop(running=("CorvelSettings.exe",))
@@ -99,6 +106,7 @@ def test_missing_command_tool(lab):
         *until_unpacked(), rf"Launching process {HOME}\hlcmd.exe exit {NOT_FOUND}", *kills, *DONE])
 
 
+# Proves: The key or the location is missing
 @pytest.mark.parametrize("changes", [
     {"remove": [INSTALL_KEY]}, {"remove": [INSTALL_KEY + "@Location"]}, {"registry": {INSTALL_KEY: {"Location": 1}}},
     {"registry": {INSTALL_KEY: {"Location": [HOME]}}}], ids=["no key", "no value", "number", "list"])
@@ -108,6 +116,7 @@ def test_unknown_location_is_passed_over_in_silence(lab, changes):
     assert not any(line.startswith("hlcmd.exe") for line in result.programs)
 
 
+# Proves: The location ends in a backslash
 @pytest.mark.parametrize("location", [HOME + "\\", r"C:\My Apps\x y", r"C:\PROG~FBU\Tavik\Halden"])
 def test_location_is_taken_as_it_is(lab, location):
     """A backslash at its end gives two."""
@@ -124,6 +133,7 @@ def test_location_without_command_tool(lab, location, failure):
         *until_unpacked(), rf"Launching process {location}\hlcmd.exe exit {failure}", *stop(""), *DONE])
 
 
+# Proves: A step does not end within 30 seconds => it is left running, the next one starts
 def test_command_tool_that_hangs_is_left_after_half_a_minute_and_killed(lab):
     lab.run(pretended(programs={"hlcmd.exe.stay": "forever"}), timeout=90)
     polite, *kills = stop(running=("hlcmd.exe",))

@@ -61,6 +61,12 @@ def check_application_started(result, folder: str = FOLDER) -> None:
     assert len([line for line in result.programs if line.startswith("CorvelSoftware.exe")]) == 1
 
 
+# Proves: `-VLT` and `-Install`, and the file exists
+# Proves: It starts
+# Proves: The desktop edition was missing
+# Proves: It was missing and the installation succeeded (a wanted restart included)
+# Proves: Everything is done
+# Proves: All components wanted
 def test_the_desktop_edition_takes_the_store_editions_place(lab):
     result = lab.run(given(store=store(package(), package(OTHER), package(EARLIER, "1.2.3.4", ok=False))), SWITCHES)
     lab.check(exit_code=0, boxes=[], requests=[], before={"values": {MARKER: None}}, after=ALL, log=[
@@ -93,6 +99,7 @@ def test_switches_in_other_spellings_and_orders(lab, arguments):
     lab.check(exit_code=0, boxes=[], after=ALL, log=[*started(arguments), *NEW_LOG, application()])
 
 
+# Proves: The desktop edition was there before
 def test_an_installed_desktop_edition_is_replaced_family_by_family(lab):
     old = {"release": "23.40", "families": ["Halden", "DVR"]}
     result = lab.run(given(desktop=old, store=store(package())), SWITCHES)
@@ -120,6 +127,7 @@ def test_a_machine_without_an_adapter_of_the_maker_is_no_matter(lab):
     lab.check(exit_code=0, boxes=[], after=ALL, log=[*started(), *NEW_LOG, application()])
 
 
+# Proves: The application's programs run => they are stopped as in a repair
 def test_running_programs_are_stopped_before(lab):
     old = {"release": "23.40"}
     lab.run(given(desktop=old, running=[rf"{FOLDER}\CorvelSettings.exe"], programs={"CorvelSettings.exe.deaf": True}), SWITCHES)
@@ -136,11 +144,14 @@ def test_a_restart_that_is_wanted_is_a_success(lab):
         *install("DVR"), *install("PXL"), *REMOVED, application()])
 
 
+# Proves: Exit codes above 0x7FFFFFFF
 def test_the_applications_exit_code_is_only_logged(lab):
     lab.run(given(programs={"CorvelSoftware.exe.exit": "0xC0000005"}), SWITCHES)
     lab.check(exit_code=0, boxes=[], after=ALL, log=[*started(), *NEW_LOG, application(-1073741819)])
 
 
+# Proves: The application stays => it is waited for 30 seconds and left running; exit code 0, no box
+# Proves: It outlives the wait
 def test_an_application_that_stays_is_waited_for_30_seconds_and_left_running(lab):
     result = lab.run(given("24.20-nomain", programs={"CorvelSoftware.exe.stay": "forever"}, **kept_application()), SWITCHES, timeout=90)
     lab.check(exit_code=0, boxes=[], running=["CorvelSoftware.exe"], log=[
@@ -149,6 +160,7 @@ def test_an_application_that_stays_is_waited_for_30_seconds_and_left_running(lab
     assert 30_000 <= result.instances[0]["ended"] - result.instances[0]["started"] < 60_000
 
 
+# Proves: The installation fails, or the installer unpacks nothing
 def test_a_failed_installation_is_not_reported_and_the_application_starts(lab):
     result = lab.run(given("24.20-fail", store=store(package()), **kept_application()), SWITCHES)
     lab.check(exit_code=0, boxes=[], after={"products": ["Tavik DVR 24.20", "Tavik PXL 24.20"], "values": {MARKER: None}}, log=[
@@ -167,6 +179,7 @@ def test_an_installer_that_unpacks_nothing_useful(lab, release, installer, code)
     check_application_started(result, KEPT)
 
 
+# Proves: The application is missing, or ends with a code of its own
 @pytest.mark.parametrize("location, why", [(r"C:\Nowhere", "3 Path not found. "), (r"C:\Given folder", "2 File not found. ")])
 def test_a_location_without_the_application(lab, location, why):
     lab.run(given("24.20-nomain", registry={HALDEN: {"Location": location}}), SWITCHES)
@@ -176,6 +189,7 @@ def test_a_location_without_the_application(lab, location, why):
 
 
 # The only box of this mode, and one that -SILENT does not keep away.
+# Proves: The installation raises an exception (direct installation)
 @pytest.mark.parametrize("arguments", [SWITCHES, f"{SWITCHES} -SILENT"])
 def test_an_exception_during_the_installation(lab, arguments):
     changes = kept_application()
@@ -186,6 +200,7 @@ def test_an_exception_during_the_installation(lab, arguments):
     assert (result.programs, result.installer, result.store_calls) == ([], [], [])
 
 
+# Proves: The marker's key cannot be created
 def test_a_marker_that_cannot_be_written_is_logged(lab):
     late = store(package(completion="later:1500"))  # the package of the DVR comes before, and writes nothing there
     result = lab.run(given(store=late), SWITCHES, when=[rf"file C:\Program Files\Tavik\DVR\release.txt : deny {INSTALL_KEY}"])
@@ -195,11 +210,13 @@ def test_a_marker_that_cannot_be_written_is_logged(lab):
     check_application_started(result)
 
 
+# Proves: A marker is there already, even of another type => it is replaced
 def test_a_marker_of_another_kind_is_replaced(lab):
     lab.run(given(registry={rf"HKLM\{INSTALL_KEY}": {"VLTUWPReplaced": "yes"}}), SWITCHES)
     lab.check(exit_code=0, boxes=[], before={"values": {MARKER: "yes"}}, after=ALL)
 
 
+# Proves: A Store package stays, or the Store cannot be asked
 @pytest.mark.parametrize("failure", ["canceled", "error:0x80070005:It is in use."])
 def test_the_marker_is_written_although_a_store_package_stays(lab, failure):
     text = "Operation canceled by user." if failure == "canceled" else "It is in use."
@@ -216,6 +233,7 @@ def test_a_system_without_the_package_manager(lab):
 
 
 # Where the application is cannot be read: the run ends at once and without a word, the log is complete so far.
+# Proves: The application's key or its location is missing
 @pytest.mark.parametrize("registry", [{}, {HALDEN: {"InstallDir": KEPT}}, {HALDEN: {"Location": 5}}, {HALDEN: {"Location": [KEPT]}}])
 def test_without_a_location_the_run_ends_quietly(lab, registry):
     result = lab.run(given("24.20-nomain", registry=registry), SWITCHES)
@@ -237,6 +255,8 @@ def missing(path: str) -> list[str]:
     return [f"Unable to find file at : {path}."]
 
 
+# Proves: `-Path` is the last argument
+# Proves: `-VLT` and `-Install`, and there is no such file (or no path, or a folder)
 @pytest.mark.parametrize("arguments, path", [
     (r"-VLT -Install -Path C:\nothing.exe", r"C:\nothing.exe"),
     ("-VLT -Install -Path -SILENT", "-SILENT"),
@@ -253,6 +273,7 @@ def test_a_given_file_that_is_missing(lab, arguments, path):
     assert (result.status, result.installer, result.programs) == ([], [], [])
 
 
+# Proves: The standard output is a pipe
 def test_the_text_goes_into_a_pipe_as_well(tmp_path):
     """Not by way of the watcher, which gives the tool a file."""
     folder = paths.RUNS / f"pipe-{os.getpid()}"
@@ -284,6 +305,7 @@ def test_the_text_goes_into_a_pipe_as_well(tmp_path):
 
 # One switch alone changes nothing.
 
+# Proves: Only one of `-VLT` and `-Install`, or `-Path` alone
 @pytest.mark.parametrize("arguments", ["-VLT", "-Install", f'-Path "{GIVEN}"', f'-VLT -Path "{GIVEN}"', f'-Install -Path "{GIVEN}"',
                                        "-VLT -Path -Install", "-Install -Path -VLT", f'-VLT -Installs -Path "{GIVEN}"'])
 def test_half_of_the_switches_is_the_ordinary_check(lab, arguments):
@@ -318,6 +340,7 @@ def test_a_check_beside_a_running_direct_installation(lab):
     assert [(box["icon"], box["text"]) for box in result.boxes] == [SAME_RELEASE]
 
 
+# Proves: The run ends
 @pytest.mark.parametrize("machine, box", [
     ({"desktop": {"release": "24.20"}}, SAME_RELEASE),
     ({"desktop": False, "store": {"packages": [package()]}}, FINISHED),

@@ -24,12 +24,14 @@ def mode(lab, path: str) -> int:
     return drive.joinpath(*path.split("\\")[1:]).stat().st_mode & 0o777
 
 
+# Proves: The folder is made
 def test_folder_is_made_with_all_its_parents_and_stays(lab):
     lab.run(found(**PRETENDED))
     lab.check(exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *DONE], before={"missing": [PARENT]},
               after={"files": [MAIN, FOLDER + PACKAGES["DVR"], FOLDER + PACKAGES["PXL"]], "missing": [MARKER]})
 
 
+# Proves: Something of an earlier run is there, or a file in the folder's place
 def test_what_an_earlier_run_left_is_gone_before_the_installer_starts(lab):
     """The old main package would be installed otherwise."""
     old = [MAIN, FOLDER + r"\deep\deeper\old.txt", FOLDER + r"\~.tmp.old", FOLDER + r"\HL\empty"]
@@ -47,6 +49,7 @@ def test_a_file_in_the_folders_place_is_replaced(lab):
 
 # The marker
 
+# Proves: The marker file
 def test_marker_is_held_while_the_installer_unpacks(lab):
     lab.run(found(installer={"sleep": 400}, **PRETENDED), when=[f"file {MARKER} : delete {MARKER}"])
     lab.check(exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *DONE], before={"missing": [MARKER]}, after={"missing": [MARKER]})
@@ -69,6 +72,7 @@ def test_marker_goes_with_a_tool_that_is_killed(lab):
 
 # Access rights
 
+# Proves: The rights are made
 def test_rights_are_those_of_administrators_and_system_and_the_sessions_user(lab):
     """Wine keeps the rights of owner, group and others only: nothing is left for others, unlike in the folder above."""
     result = lab.run(found(standins=["wtsapi32"], **PRETENDED))
@@ -79,6 +83,7 @@ def test_rights_are_those_of_administrators_and_system_and_the_sessions_user(lab
     assert [line.split(" ")[1] for line in result.calls if "WTSFreeMemory" in line] == ["memory=given"] * 2
 
 
+# Proves: The access list cannot be made
 def test_without_an_access_list_the_folder_is_used_as_it_is(lab):
     """The session's user is not known: nothing is prepared, nothing said, and the installer unpacks into what is there."""
     nobody = 'wtsapi32!WTSQuerySessionInformationW * return=1 text="No Such User"'
@@ -91,6 +96,8 @@ def test_without_an_access_list_the_folder_is_used_as_it_is(lab):
 
 # What cannot be prepared
 
+# Proves: The installation raises an exception (repair)
+# Proves: The parents cannot be created
 def test_a_file_in_the_parents_place_ends_the_installation(lab):
     lab.run(found(files={PARENT: "not a folder"}))
     lab.check(exit_code=-1, boxes=[INSTALL_FAILED], before={"files": [PARENT]},
@@ -103,6 +110,8 @@ def test_a_file_in_the_parents_place_with_silent(lab):
               log=[*until_found("-SILENT"), f"{EXCEPTION}create_directories: {{any}} [{PARENT}]"])
 
 
+# Proves: The old folder cannot be removed
+# Proves: An exception, through the guard
 @pytest.mark.parametrize("key", ["held", "read_only"])
 def test_an_old_file_that_cannot_be_removed_ends_the_installation(lab, key):
     old = FOLDER + r"\HL\old.txt"
@@ -115,6 +124,7 @@ def test_an_old_file_that_cannot_be_removed_ends_the_installation(lab, key):
 
 # How the installer is started
 
+# Proves: A program is started
 def test_installer_is_started_hidden_in_the_extraction_folder(lab):
     """A program of the lab in the installer's place tells how it was started; it unpacks nothing."""
     result = lab.run(brought({"program": "CorvelSoftware.exe"}))
@@ -125,6 +135,7 @@ def test_installer_is_started_hidden_in_the_extraction_folder(lab):
     assert [re.sub("pid=[0-9]+", "pid=PID", one) for one in result.programs] == [line]
 
 
+# Proves: The installer is started
 @pytest.mark.parametrize("temp", [r"C:\My Temp", "C:\\Übung ☃ (2)", r"C:\T"])
 def test_folder_is_not_quoted_whatever_the_temporary_path(lab, temp):
     folder = temp + r"\Tavik_VLTInstallerDownload\LPInstaller"
@@ -141,6 +152,7 @@ def test_temporary_folder_that_does_not_exist_yet(lab):
               after={"files": [temp + r"\Tavik_VLTInstallerDownload\LPInstaller" + PACKAGES["Halden"]]})
 
 
+# Proves: The packages => are taken from the extraction folder, which stays behind; the downloaded installer beside it survives
 def test_packages_are_taken_from_the_extraction_folder(lab):
     result = lab.run(found(temp=r"C:\My Temp", **PRETENDED))
     lab.check(exit_code=0, boxes=[FINISHED])
@@ -167,6 +179,7 @@ STAYING = {"program": "CorvelSoftware.exe"}  # unlike a real installer it does n
 ATTEMPTS = ("write", "replace", "rename", "delete")
 
 
+# Proves: Somebody wants to exchange the installer while it unpacks => it can be neither written, renamed nor deleted until it has ended
 @pytest.mark.parametrize("silent", ["", "-SILENT"], ids=["window", "silent"])
 def test_installer_cannot_be_exchanged_while_it_unpacks(lab, silent):
     """Neither written, renamed nor removed; the later steps go on, and the file is free again at the end."""
@@ -195,6 +208,7 @@ def test_installer_is_free_again_when_it_has_ended(lab):
     assert [action["done"] for action in lab.result.actions] == [True, True]
 
 
+# Proves: The installer cannot be held, because somebody else has it => it is started all the same
 def test_an_installer_that_somebody_else_holds_for_writing_is_started_all_the_same(lab):
     """It cannot be held then; whether it starts is the system's answer."""
     given = r"C:\Given folder\setup.exe"

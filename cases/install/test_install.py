@@ -24,6 +24,7 @@ def new_packages(result) -> list[str]:
 
 # What is replaced
 
+# Proves: DVR installed, PXL not (and the reverse)
 @pytest.mark.parametrize("families", [("Halden",), ("Halden", "DVR"), ("Halden", "PXL"), ("Halden", "DVR", "PXL")], ids="+".join)
 def test_only_families_that_are_there_are_replaced(lab, families):
     lab.run(found(desktop={"families": list(families)}))
@@ -35,6 +36,8 @@ def test_only_families_that_are_there_are_replaced(lab, families):
                    *(line for family in families for line in install(family))])
 
 
+# Proves: A package is installed
+# Proves: Everything is there
 def test_windows_installer_is_asked_in_this_order(lab):
     result = lab.run(found(desktop={"families": ["PXL", "DVR", "Halden"]}, standins=["msi"]))
     lab.check(exit_code=0, boxes=[FINISHED])
@@ -51,6 +54,7 @@ def test_windows_installer_is_asked_in_this_order(lab):
     assert len(asked) == 4 and all('property="LocalPackage"; size=260' in line for line in asked)
 
 
+# Proves: Products of a family are installed
 def test_every_product_of_a_family_is_removed(lab):
     result = lab.run(found(**SEVERAL, standins=["msi"]))
     lab.check(exit_code=0, boxes=[FINISHED], before={"products": ["Tavik DVR 23.40", "Tavik Halden 23.40", "Tavik Halden 24.10"]},
@@ -70,6 +74,7 @@ def test_an_optional_family_alone_is_no_desktop_edition(lab, family):
         "User does not have VLT installed. Exiting."])
 
 
+# Proves: No product, not all components wanted
 def test_products_that_vanished_meanwhile_leave_nothing_to_remove(lab):
     """The check finds the product, the sequence no more: only the main package is installed."""
     gone = f"msi!MsiEnumRelatedProductsW 3+ if=upgrade:{UPGRADE_CODES['Halden']} return=259"
@@ -78,6 +83,7 @@ def test_products_that_vanished_meanwhile_leave_nothing_to_remove(lab):
     assert asked_of_msi(result) == [(NEW["Halden"], INSTALL_PROPERTIES)]
 
 
+# Proves: An older driver => brings the older application back
 def test_older_driver_brings_the_older_application_back(lab):
     release = "23.40.05.01-230801c"
     lab.run({"desktop": {"release": "24.20"}, "server": {"reach": "none"},
@@ -98,6 +104,7 @@ def test_same_release_is_put_in_again_when_forced(lab, arguments, boxes):
 
 # What Windows Installer answers
 
+# Proves: A product's package cannot be read, or its path has 260 characters or more
 def test_products_whose_package_is_unknown_stay(lab):
     """Without its package a product cannot be removed; an optional family then counts as not installed."""
     result = lab.run(found(desktop={"families": ["Halden", "DVR"]}, faults=["msi!MsiGetProductInfoW 2+ error=1608", MSI_AGREES]))
@@ -105,6 +112,7 @@ def test_products_whose_package_is_unknown_stay(lab):
     assert new_packages(result) == [NEW["Halden"]]
 
 
+# Proves: Is the desktop edition installed?
 @pytest.mark.parametrize("rule", ["error=1608", "return=0 value=" + "C:\\\\" + "x" * 300], ids=["unknown", "too long"])
 def test_a_product_whose_package_is_unknown_is_no_desktop_edition(lab, rule):
     lab.run(found(faults=[f"msi!MsiGetProductInfoW * {rule}"]))
@@ -113,6 +121,7 @@ def test_a_product_whose_package_is_unknown_is_no_desktop_edition(lab, rule):
         "User does not have VLT installed. Exiting."])
 
 
+# Proves: The enumeration fails in between
 def test_only_the_end_of_the_list_ends_the_enumeration(lab):
     """After an error the product found before is looked up once more, so it is removed twice."""
     rule = f"msi!MsiEnumRelatedProductsW 4 if=upgrade:{UPGRADE_CODES['Halden']} error=1610"
@@ -123,6 +132,7 @@ def test_only_the_end_of_the_list_ends_the_enumeration(lab):
     assert [package for package, _ in asked_of_msi(result)] == [old, old, NEW["Halden"]]
 
 
+# Proves: A removal fails
 def test_a_removal_that_is_refused_stops_nothing(lab):
     lab.run(found(desktop={"packages": ["Halden-23.40-stubborn", "DVR-23.40"]}))
     lab.check(exit_code=0, boxes=[FINISHED], before={"products": ["Tavik DVR 23.40", "Tavik Halden 23.40"]},
@@ -130,6 +140,7 @@ def test_a_removal_that_is_refused_stops_nothing(lab):
               log=[*until_unpacked(), *stop(), *remove("Halden", 1603), *remove("DVR"), *install("Halden"), *install("DVR")])
 
 
+# Proves: Removals and installs
 @pytest.mark.parametrize("code", [3010, 1641, 3011, 1605, 1618, -2147024891])
 def test_the_result_of_a_removal_is_logged_as_it_came(lab, code):
     """Neither the rest of the family nor the other families are left out."""
@@ -140,6 +151,7 @@ def test_the_result_of_a_removal_is_logged_as_it_came(lab, code):
         *until_unpacked(), *stop(), *removals, *install("Halden"), *install("DVR")])
 
 
+# Proves: It wants a restart (1641, 3010, 3011)
 @pytest.mark.parametrize("code", [1641, 3010, 3011])
 def test_a_main_package_that_wants_a_restart_is_a_success(lab, code):
     lab.run(found(faults=[MSI_AGREES, f"msi!MsiInstallProductW * {MAIN} return={code}"]))
@@ -157,6 +169,8 @@ def test_packages_that_really_want_a_restart(lab):
                    f"System reboot may be required for {NEW['Halden']}.", result, *install("DVR")])
 
 
+# Proves: It fails otherwise
+# Proves: The main package fails
 @pytest.mark.parametrize("code", [1602, 1603, 1618, 1619, 1625, 1638, 3009, 3012, -2147024891])
 def test_the_failure_of_the_main_package_is_the_exit_code(lab, code):
     """The optional packages are installed all the same, and the Store package stays."""
@@ -174,6 +188,7 @@ def test_a_main_package_that_really_refuses(lab):
                    *install("DVR"), *install("PXL")])
 
 
+# Proves: Another package fails, or was not unpacked
 def test_optional_packages_do_not_decide(lab):
     rules = [MSI_AGREES, "msi!MsiInstallProductW * if=package~tavikdvr64 return=1603",
              "msi!MsiInstallProductW * if=package~PXL64 return=3010"]
@@ -202,6 +217,7 @@ def store_lines() -> list[str]:
     return [line for package in STORE["packages"] for line in (f"Remvoing {package['name']} - version 1.23.40.0", "\t Result = 0 ")]
 
 
+# Proves: The installation succeeds (result 0)
 @pytest.mark.parametrize("rule", ["return=0", "return=3010"])
 def test_store_packages_are_gone_before_the_result_is_shown(lab, rule):
     """The tool is killed while the box is up. A wanted restart is a success here as well."""
@@ -228,12 +244,14 @@ def test_an_installation_that_fails_keeps_the_store_packages(lab):
 
 # The installer
 
+# Proves: The installer reports failure but has unpacked
 @pytest.mark.parametrize("code", [7, 259, -5])
 def test_exit_code_of_the_installer_is_only_logged(lab, code):
     lab.run(found(installer={"exit": code}, faults=[MSI_AGREES]))
     lab.check(exit_code=0, boxes=[FINISHED], log=[*until_unpacked(code=code), *stop(), *remove("Halden"), *install("Halden")])
 
 
+# Proves: The main package is missing afterwards
 @pytest.mark.parametrize("arguments, boxes", [("", [INSTALL_FAILED]), ("-SILENT", [])])
 def test_without_the_main_package_nothing_is_touched(lab, arguments, boxes):
     program = r"C:\Program Files\Tavik\Halden\CorvelSoftware.exe"
@@ -249,6 +267,8 @@ def test_an_installer_that_unpacks_nothing(lab):
     lab.check(exit_code=2, boxes=[INSTALL_FAILED], after=UNTOUCHED, log=[*until_unpacked(code=5), MAIN_PACKAGE_MISSING])
 
 
+# Proves: It cannot be started
+# Proves: The installer cannot be started
 def test_an_installer_that_is_no_program(lab):
     lab.run(brought("not a program"))
     lab.check(exit_code=2, boxes=[INSTALL_FAILED], after=UNTOUCHED, log=[
@@ -273,12 +293,14 @@ def check_folder(lab, folder: str) -> None:
         *until_unpacked(), *stop(), *remove("Halden"), *remove("DVR"), *remove("PXL"), *(text for lines in installs for text in lines)])
 
 
+# Proves: Into a folder of the user's own, with blanks
 @pytest.mark.parametrize("folder", [r"C:\My Apps", "C:\\My Apps\\", r"C:\Program Files", r"C:\Program Files\Tavik\Halden"])
 def test_a_folder_of_the_users_own_is_kept(lab, folder):
     lab.run(custom(folder, files={r"C:\My Apps\note.txt": "mine"}))
     check_folder(lab, folder)
 
 
+# Proves: It is the default one in another spelling: letter case, short name, backslash at the end
 @pytest.mark.parametrize("folder", [
     r"C:\Program Files\Tavik", "C:\\Program Files\\Tavik\\", r"c:\PROGRAM FILES\tavik", "C:/Program Files/Tavik",
     r"C:\Program Files\Tavik\Halden\..", r"C:\PROG~FBU\Tavik"])
@@ -287,17 +309,20 @@ def test_the_default_folder_in_any_spelling_is_not_passed_on(lab, folder):
     check_folder(lab, "")
 
 
+# Proves: The default one exists, the registered one does not or cannot be opened
 @pytest.mark.parametrize("folder", [r"C:\Gone", r"Q:\Apps", "", 5, ["C:\\Windows"]], ids=str)
 def test_a_folder_that_cannot_be_compared_is_not_passed_on(lab, folder):
     lab.run(custom(folder))
     check_folder(lab, "")
 
 
+# Proves: Key or value is missing
 def test_no_folder_registered(lab):
     lab.run(custom(r"C:\windows") | {"remove": [INSTALL_KEY + "@InstallDir"]})
     check_folder(lab, "")
 
 
+# Proves: The default folder does not exist
 @pytest.mark.parametrize("folder", [r"C:\windows", r"C:\Gone Away"])
 def test_any_registered_folder_counts_when_the_default_one_does_not_exist(lab, folder):
     machine = custom(folder)
@@ -306,6 +331,8 @@ def test_any_registered_folder_counts_when_the_default_one_does_not_exist(lab, f
     check_folder(lab, folder)
 
 
+# Proves: The registered folder is another than the default one
+# Proves: The user had a folder of their own
 def test_the_repair_goes_into_the_users_folder(lab):
     place = r"C:\My Apps\Graphics"
     lab.run(found(desktop={"folder": place, "families": ["Halden", "DVR"]}))

@@ -81,6 +81,7 @@ REPAIR = [*stop(), *(line for family in FAMILIES for line in remove(family)),
 
 # Nothing has been changed yet: the second run repairs as if there had been none before.
 
+# Proves: The tool is killed anywhere => the next start repairs the machine or says why it does not
 @pytest.mark.parametrize("point", [
     "setupapi!SetupDiGetClassDevsW 1", "setupapi!SetupDiGetDriverInfoDetailW 2", "setupapi!SetupGetInfDriverStoreLocationW 1",
     "setupapi!SetupGetLineTextW 2", "setupapi!SetupDiDestroyDeviceInfoList 1", "msi!MsiEnumRelatedProductsW 1",

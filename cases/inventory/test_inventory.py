@@ -58,11 +58,13 @@ def found(number: int = 1, version: str = RELEASE) -> str:
 
 # Which adapters count
 
+# Proves: Neither of the maker's two vendor ids in the id
 def test_adapters_of_others_are_named_and_passed_over(lab):
     run(lab, OTHER, {"id": MAKER})
     check(lab, enumerating(), found(), MATCHING, NOT_OTHERS, listed=[f"[{NAME}] [{RELEASE}] [{{store1}}]"])
 
 
+# Proves: A vendor id anywhere, in lower case
 @pytest.mark.parametrize("device", [
     r"PCI\VEN_1E7C&DEV_2F11&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&0001",
     r"ROOT\XVEN_1E7DX\0001",
@@ -97,6 +99,7 @@ def cards(key: str, *values: object) -> tuple[list[dict], list[str]]:
     return [{"id": device, key: value} for device, value in zip(ids, values)], ids
 
 
+# Proves: A description shorter than nine characters, or in other letter case
 def test_generic_drivers_are_left_out(lab):
     """The word decides, in these very letters and anywhere in the name."""
     names = ["Microsoft Basic Display Adapter", "microsoft basic display adapter", "Microsoft", "MICROSOFT", "The Microsoft one", "Microsof"]
@@ -108,6 +111,7 @@ def test_generic_drivers_are_left_out(lab):
     check(lab, *lines, listed=[f"[{names[number - 1]}] [{RELEASE}] [{{store{number}}}]" for number in (2, 4, 6)])
 
 
+# Proves: "Microsoft" in the description
 def test_only_a_generic_driver(lab):
     run(lab, {"id": MAKER, "description": "Microsoft Basic Display Adapter"})
     check(lab, enumerating(name="Microsoft Basic Display Adapter"), found(), MATCHING, listed=[])
@@ -118,6 +122,7 @@ def test_adapter_without_a_description(lab):
     check(lab, enumerating(name=""), found(), MATCHING, listed=[f"[] [{RELEASE}] [{{store1}}]"])
 
 
+# Proves: Device Manager reports a problem
 def test_devices_with_a_problem_are_kept(lab):
     adapters, ids = cards("problem", 43, 0, 22)
     run(lab, *adapters)
@@ -126,12 +131,14 @@ def test_devices_with_a_problem_are_kept(lab):
           listed=[f"[{NAME}] [{RELEASE}] [{{store{number}}}]" for number in (1, 2, 3)])
 
 
+# Proves: The problem code cannot be read
 def test_problem_is_not_known(lab):
     run(lab, {"id": MAKER, "problem": False})
     check(lab, "Unable to get DEVPKEY_Device_ProblemCode property:  1168 {any}", enumerating(), found(), MATCHING,
           listed=[f"[{NAME}] [{RELEASE}] [{{store1}}]"])
 
 
+# Proves: The driver key cannot be opened, or has no readable release
 def test_release_cannot_be_read(lab):
     adapters, ids = cards("release", False, {"type": "REG_DWORD", "hex": "14000000"}, ["24.20"], RELEASE, RELEASE)
     adapters[3]["driver_key"] = r"{4D36E968-E325-11CE-BFC1-08002BE10318}\0077"
@@ -159,6 +166,9 @@ def several(*releases: str) -> list[dict]:
     return [{"release": release, "description": f"Card {number}"} for number, release in enumerate(releases, 1)]
 
 
+# Proves: Any run
+# Proves: Releases 23.10.2 and 23.9.1
+# Proves: Equal releases
 @pytest.mark.parametrize("releases, order, version", [
     (("23.10.2-a", "23.9.1-b"), (2, 1), "23.9.1"),
     (("24.20-a", "24.20.1-b"), (2, 1), "24.20"),
@@ -173,6 +183,7 @@ def test_order_of_releases(lab, releases, order, version):
     assert result.log[at + 1:-1] == [f"\t [Card {number}] [{releases[number - 1]}] [{stores[number - 1]}]" for number in order]
 
 
+# Proves: A release without a hyphen, or one that begins with it
 @pytest.mark.parametrize("release, prefix", [("24.30.1.2", "24.30"), ("-240619a", ""), ("a-b-c", "a"), ("24.30-1-2", "24.30")])
 def test_release_up_to_its_first_hyphen(lab, release, prefix):
     run(lab, {"id": MAKER, "release": release})
@@ -181,18 +192,21 @@ def test_release_up_to_its_first_hyphen(lab, release, prefix):
 
 # Packages
 
+# Proves: A package's release is the active one, in any letter case
 def test_last_matching_package_wins(lab):
     run(lab, {"id": MAKER, "packages": [{}, {"release": RELEASE.upper()}, {"release": "24.10.1"}]})
     check(lab, enumerating(), found(), MATCHING, found(2, RELEASE.upper()), MATCHING, found(3, "24.10.1"),
           listed=[f"[{NAME}] [{RELEASE}] [{{store2}}]"])
 
 
+# Proves: No package carries the release
 @pytest.mark.parametrize("packages", [[], [{"release": "24.20.11.01"}]], ids=["none", "another"])
 def test_no_package_of_the_release(lab, packages):
     run(lab, {"id": MAKER, "packages": packages})
     check(lab, enumerating(), *(found(version="24.20.11.01") for _ in packages), listed=[f"[{NAME}] [{RELEASE}] []"])
 
 
+# Proves: The driver store does not know a package
 def test_package_that_is_not_in_the_store(lab):
     """What stood in the buffer before is used: the package before, or nothing."""
     run(lab, {"id": MAKER, "packages": [{"release": "24.10.1", "store": False}, {}, {"release": "24.30.1", "store": False}]})
@@ -259,6 +273,11 @@ READ = {
 }
 
 
+# Proves: A header with a comment behind it, or indented
+# Proves: Saved as UTF-16
+# Proves: The release line in any letter case
+# Proves: The value is a string key
+# Proves: Several release lines
 def test_release_of_an_inf(lab):
     """All of them are packages of one adapter."""
     packages = [inf(settings) for settings, _ in READ.values()]
@@ -285,6 +304,7 @@ def setup(*rules: str) -> dict:
     return {"faults": [f"setupapi!{rule}" for rule in rules]}
 
 
+# Proves: The list of devices cannot be opened
 @pytest.mark.parametrize("code, line", [
     (5, "Failed to call SetupDiGetClassDevs -2147024891  Access denied. "),
     (0xE0000209, "Failed to call SetupDiGetClassDevs -2146500087  "),
@@ -295,17 +315,20 @@ def test_list_of_devices_cannot_be_had(lab, code, line):
     check(lab, line, listed=[])
 
 
+# Proves: The devices cannot be enumerated => an empty list without a line
 def test_devices_cannot_be_enumerated(lab):
     run(lab, {}, **setup("SetupDiEnumDeviceInfo * error=13"))
     check(lab, listed=[])
 
 
+# Proves: The first device has no id
 def test_first_device_has_no_id(lab):
     run(lab, {"id": MAKER}, {"id": SECOND}, **setup("SetupDiGetDeviceInstanceIdW 1 error=13"))
     check(lab, "Failed to call SetupDiGetDeviceInstanceId -2147024883  {any}", f"[{NAME}] - [] is not an Tavik Display Adapter.",
           enumerating(SECOND), found(2), MATCHING, listed=[f"[{NAME}] [{RELEASE}] [{{store2}}]"])
 
 
+# Proves: A later device has no id
 def test_later_device_has_no_id(lab):
     """It goes on with the id of the device before."""
     run(lab, {"id": MAKER}, OTHER, **setup("SetupDiGetDeviceInstanceIdW 2 error=3758096907"))
@@ -313,11 +336,13 @@ def test_later_device_has_no_id(lab):
     assert lab.result.log[5:7] == ["Failed to call SetupDiGetDeviceInstanceId -2146500085  ", f"Enumerating installed drivers for {MAKER} - Other Graphics"]
 
 
+# Proves: The description cannot be read
 def test_description_cannot_be_read(lab):
     run(lab, {"id": MAKER}, **setup("SetupDiGetDeviceRegistryPropertyW * if=property:0 error=5"))
     check(lab, enumerating(name=""), found(), MATCHING, listed=[f"[] [{RELEASE}] [{{store1}}]"])
 
 
+# Proves: The driver key cannot be read
 def test_driver_key_cannot_be_read(lab):
     run(lab, {"id": MAKER}, {"id": SECOND}, **setup("SetupDiGetDeviceRegistryPropertyW 1 if=property:9 error=5",
                                                     "SetupDiGetDeviceRegistryPropertyW 2 if=property:9 error=5"))
@@ -338,6 +363,8 @@ def test_problem_code_fails_with_a_code_of_setupapi(lab):
           listed=[f"[{NAME}] [{RELEASE}] [{{store1}}]"])
 
 
+# Proves: The list of drivers cannot be built, a detail cannot be read
+# Proves: The system rejects the file
 @pytest.mark.parametrize("rule, lines, folder", [
     ("SetupDiBuildDriverInfoList * after=5", [found(), MATCHING], "{store1}"),
     ("SetupDiBuildDriverInfoList * error=5", [], ""),
@@ -354,6 +381,7 @@ def test_packages_cannot_be_read(lab, rule, lines, folder):
     check(lab, enumerating(), *lines, listed=[f"[{NAME}] [{RELEASE}] [{folder}]"])
 
 
+# Proves: A line that cannot be fetched, or is longer than 2,063 characters
 def test_line_that_cannot_be_fetched_is_passed_over(lab):
     """The tenth line of the file is the first of the section whose second one tells the release."""
     package = inf(SETTINGS + "HKR,,ReleaseVersion,,1.0\nHKR,,ReleaseVersion,,24.20.11.01-240619a\nHKR,,ReleaseVersion,,2.0")
@@ -363,6 +391,7 @@ def test_line_that_cannot_be_fetched_is_passed_over(lab):
     assert texts[8].startswith('"Adapter_Settings"') and texts[10] == f'"HKR,,ReleaseVersion,,{RELEASE}"' and len(texts) == 14
 
 
+# Proves: An adapter of the maker with its package
 def test_calls_into_the_system(lab):
     result = run(lab, {"id": MAKER})
     check(lab, enumerating(), found(), MATCHING, listed=[f"[{NAME}] [{RELEASE}] [{{store1}}]"])

@@ -35,12 +35,14 @@ def check_not_found(lab, folder: str = "{store1}", device: list[str] | None = No
         "Unable to download dwx2_install.exe from web. Exiting."])
 
 
+# Proves: A subfolder begins with B or b
 @pytest.mark.parametrize("path", [rf"B384125\{NAME}", rf"bonus\{NAME}", rf"B\{NAME}"])
 def test_folder_that_begins_with_b(lab, path):
     lab.run(machine({path: NO_PROGRAM, rf"A384125\{NAME}": NO_PROGRAM}))
     check_found(lab, path)
 
 
+# Proves: The file's name in other letter case
 def test_name_in_other_letters(lab):
     lab.run(machine({r"B384125\dwx2_INSTALL.EXE": NO_PROGRAM}))
     check_found(lab, rf"B384125\{NAME}")
@@ -51,6 +53,7 @@ def test_file_that_begins_with_b_is_passed_over(lab):
     check_found(lab, rf"B384125\{NAME}")
 
 
+# Proves: Two such folders (Bin64 before B384125)
 def test_first_folder_decides(lab):
     """The folders come in the order of their names here; the second one is not looked at."""
     lab.run(machine({r"B1\readme.txt": "nothing", rf"B384125\{NAME}": NO_PROGRAM}))
@@ -62,12 +65,15 @@ def test_first_of_two_installers(lab):
     check_found(lab, rf"b1\{NAME}")
 
 
+# Proves: A link to a folder
 def test_link_to_a_folder_is_followed(lab, tmp_path):
     (tmp_path / NAME).write_text(NO_PROGRAM)
     lab.run(machine({"B384125": {"link": str(tmp_path)}}))
     check_found(lab, rf"B384125\{NAME}")
 
 
+# Proves: Only a file begins with B
+# Proves: No such folder, or the installer lies elsewhere
 @pytest.mark.parametrize("files", [
     {}, {"B384125": NO_PROGRAM}, {NAME: NO_PROGRAM}, {rf"Release\{NAME}": NO_PROGRAM, rf"8B\{NAME}": NO_PROGRAM},
     {rf"Display\B384125\{NAME}": NO_PROGRAM}, {r"B384125\DWX2_Install.ex": NO_PROGRAM, rf"B384125\deep\{NAME}": NO_PROGRAM},
@@ -78,6 +84,7 @@ def test_not_found(lab, files):
     check_not_found(lab)
 
 
+# Proves: Packages of other releases have installers => not looked at
 def test_only_the_active_package_is_looked_at(lab):
     packages = [{"release": "24.10.1", "files": {rf"B1\{NAME}": NO_PROGRAM}}, {}]
     lab.run({**machine({}), "adapters": [{"packages": packages}]})
@@ -96,6 +103,7 @@ def test_only_the_first_adapters_package_is_looked_at(lab):
                                   "Downloading dwx2_install.exe for [24.30] from web.")
 
 
+# Proves: The driver has no matching package (empty folder)
 def test_no_package_of_the_active_release(lab):
     lab.run({**machine({}), "adapters": [{"packages": [{"release": "24.10.1", "files": {rf"B1\{NAME}": NO_PROGRAM}}]}]})
     device = inventory()
@@ -103,6 +111,7 @@ def test_no_package_of_the_active_release(lab):
                               "\t [Tavik Corvel 7800] [24.20.11.01-240619a] []"])
 
 
+# Proves: A folder has the installer's name
 def test_folder_in_place_of_the_installer(lab):
     """Only existence counts. The system opens a folder in its file manager, so the run is ended when it gets there."""
     path = rf"B1\{NAME}"
@@ -112,6 +121,8 @@ def test_folder_in_place_of_the_installer(lab):
     assert INSTALLING in result.status_texts and DOWNLOADING not in result.status_texts
 
 
+# Proves: The driver package's folder cannot be listed => nobody catches that: exit code 3
+# Proves: The folder cannot be listed
 @pytest.mark.parametrize("arguments", ["", "-SILENT"])
 def test_driver_folder_that_is_gone(lab, arguments):
     """An empty release matches the empty one of an INF that is gone. Its folder cannot be listed, nobody catches that."""

@@ -22,6 +22,7 @@ def codes(result) -> list[int]:
     return sorted(one["exit_code"] for one in result.instances)
 
 
+# Proves: Two or ten are started at the same moment => one works, the others say so and return -1; after a kill the name is free again
 @pytest.mark.parametrize("number", [2, 10])
 def test_only_one_of_many_works(lab, number):
     """Their logs are named by the millisecond. Who comes second in one finds the file taken and goes without a log, so there

@@ -34,6 +34,8 @@ def log_files(result) -> list[pathlib.Path]:
 
 # The log file
 
+# Proves: The file gets its name
+# Proves: Lines are written
 def test_log_is_one_utf16_file_named_after_local_time(lab):
     zone = zoneinfo.ZoneInfo("America/New_York")
     start = datetime.datetime.now(zone)
@@ -53,6 +55,8 @@ def test_log_is_one_utf16_file_named_after_local_time(lab):
     assert text.endswith("active driver. Exiting.\n") and "\r" not in text and "\ufeff" not in text and "\0" not in text
 
 
+# Proves: The command line is very long
+# Proves: A line is longer than 1,023 characters, or has a NUL inside
 def test_log_line_is_cut_at_1023_characters(lab):
     argument = "".join(f"{number:05}" for number in range(300))
     result = lab.run(COMPATIBLE, argument)
@@ -70,6 +74,7 @@ def test_log_keeps_characters_of_every_language(lab):
     assert result.log[0] == rf'Launched with command line: "C:\lab\TavikCompatibilityTool.exe" {argument}'
 
 
+# Proves: Two lines, two runs
 def test_log_folder_that_is_there_already_is_used(lab):
     old = r"C:\Program Files\Tavik\MIM\Log\old.log"
     result = lab.run({**COMPATIBLE, "files": {old: "kept"}})
@@ -77,6 +82,8 @@ def test_log_folder_that_is_there_already_is_used(lab):
     assert len(log_files(result)) == 2
 
 
+# Proves: An error that nobody catches
+# Proves: The folder cannot be created (log file)
 @pytest.mark.parametrize("arguments", ["", "-SILENT"])
 def test_log_folder_blocked_by_a_file_ends_the_tool(lab, arguments):
     """The first line cannot be written, nobody catches that: no window, no box, nothing else is done."""
@@ -88,6 +95,7 @@ def test_log_folder_blocked_by_a_file_ends_the_tool(lab, arguments):
 
 # Early exits without a word to the user
 
+# Proves: `-SILENT` on any of these ways out
 @pytest.mark.parametrize("machine, last", [
     ({"adapters": [{"id": OTHER, "description": "Other Graphics"}]}, "Unable to find installed Tavik display adapters. Exiting."),
     ({"adapters": []}, "Unable to find installed Tavik display adapters. Exiting."),
@@ -104,6 +112,7 @@ def test_silent_early_exit_shows_nothing(lab, machine, last):
     assert not any(sample["visible"] for sample in result.status)
 
 
+# Proves: No device at all
 def test_no_display_adapter_at_all(lab):
     lab.run({"adapters": []})
     lab.check(exit_code=-1, boxes=[NO_ADAPTER], requests=[], log=[
@@ -147,6 +156,7 @@ def test_second_instance_while_the_first_installs(lab):
     assert result.logs[1] == [opening("-FORCE")[0], "Another instance is running. Exiting."]
 
 
+# Proves: The refused instance ends
 def test_two_instances_after_each_other_are_both_refused(lab):
     """A refused instance must not take the place of the first one, nor free it."""
     result = lab.run(COMPATIBLE, when=["box : second -SILENT", "box : second -SILENT"])
@@ -157,6 +167,7 @@ def test_two_instances_after_each_other_are_both_refused(lab):
 
 # Switches
 
+# Proves: Switches in other letter case, in any order, more than once
 @pytest.mark.parametrize("arguments", ["-force", "other -FoRcE /x -FORCE", '"-FORCE"', "-Path -x -FORCE"])
 def test_forced(lab, arguments):
     lab.run({**COMPATIBLE, **NOWHERE}, arguments)
@@ -164,6 +175,8 @@ def test_forced(lab, arguments):
               log=[*opening(arguments, "24.20"), *inventory(), SAME, *ends_without_server()])
 
 
+# Proves: Unknown arguments, and such that only look like a switch
+# Proves: What follows `-Path` looks like a switch
 @pytest.mark.parametrize("arguments", ["FORCE /FORCE --FORCE", '-FORCED -FORC "-FORCE "', "-Path -FORCE", "-path", "-Install -Path -VLT"])
 def test_not_forced(lab, arguments):
     """Unknown arguments count for nothing, and what follows -Path is a path."""
@@ -195,6 +208,10 @@ def launch_failed(installer: str = "{temp}Tavik_VLTInstallerDownload\\dwx2_insta
 
 # Versions of the installed application
 
+# Proves: Empty text, no bytes, half a character
+# Proves: Only one of the values is there
+# Proves: A value is no text
+# Proves: The values stand in the 32-bit view only => they do not count
 @pytest.mark.parametrize("changes, version, driver", [
     ({"remove": [rf"{HL}@DriverVersion"]}, "23.40", ""),
     ({"remove": [rf"{HL}@HLVersion"]}, "", "23.40.11.01"),
@@ -215,6 +232,9 @@ def test_installed_version(lab, changes, version, driver):
 
 # Same release: the whole release, or its first five characters against the version or against its first five
 
+# Proves: The whole release equals the installed version
+# Proves: The release's first five characters equal the installed version, or its first five characters (24.20 and 24.20.11.01)
+# Proves: Only the letter case differs
 @pytest.mark.parametrize("release, version", [
     ("24.20.11.01-240619a", "24.20.11.01"),
     ("24.20.11.01-240619a", "24.20.99"),
@@ -231,6 +251,8 @@ def test_same_release(lab, release, version):
               log=[*opening("", version, "23.40.11.01"), *inventory(release), f"{SAME} Exiting."])
 
 
+# Proves: None of these
+# Proves: The desktop edition has recorded no version => another release, which is repaired
 @pytest.mark.parametrize("release, version, prefix", [
     ("24.20.11.01-240619a", "24.2", "24.20"),
     ("24.20.11.01-240619a", "24.21", "24.20"),
@@ -248,6 +270,7 @@ def test_another_release(lab, release, version, prefix):
 
 # Libraries
 
+# Proves: A library of a system name lies beside the tool => it is not loaded
 @pytest.mark.parametrize("name", ["setupapi", "wininet", "msi"])
 def test_library_beside_the_tool_is_not_loaded(lab, name):
     """Whoever can write into the folder that the tool lies in must not get its rights."""

@@ -12,18 +12,24 @@ UNTOUCHED = {"products": ["Tavik Halden 23.40"], "values": {HL_VERSION: "23.40"}
 REPAIR = [unpack(), *stop(), *remove("Halden"), *install("Halden")]
 
 
+# Proves: There is at least one argument
+# Proves: Same release, not forced
+# Proves: A box appears
 def test_same_release_is_left_alone(lab):
     lab.run("compatible.toml")
     lab.check(exit_code=-1, log=[*opening(version="24.20"), *inventory(), f"{SAME} Exiting."], boxes=[SAME_RELEASE],
               requests=[], after={"products": ["Tavik Halden 24.20"]})
 
 
+# Proves: Same release, forced
+# Proves: `-FORCE` with the same release => the installation runs again
 def test_same_release_is_installed_again_when_forced(lab):
     lab.run("compatible.toml", "-FORCE")
     lab.check(exit_code=0, boxes=[FINISHED], after=REPAIRED,
               log=[*opening("-FORCE", "24.20"), *inventory(), SAME, *download(), *REPAIR])
 
 
+# Proves: No adapter of the maker
 def test_no_adapter_of_the_maker(lab):
     other = r"PCI\VEN_8086&DEV_46A6&SUBSYS_00000000&REV_0C\3&11583659&0&10"
     lab.run({"adapters": [{"id": other, "description": "Other Graphics"}]})
@@ -32,6 +38,8 @@ def test_no_adapter_of_the_maker(lab):
         "Unable to find installed Tavik display adapters. Exiting."])
 
 
+# Proves: Neither edition installed, not forced
+# Proves: No desktop application: the key is missing
 def test_nothing_installed(lab):
     lab.run({"desktop": False})
     lab.check(exit_code=-1, boxes=[NOT_INSTALLED], requests=[], after={"products": []}, log=[
@@ -50,6 +58,7 @@ def test_repair_with_the_installer_of_the_driver_package(lab):
     lab.check(exit_code=0, log=log, boxes=[FINISHED], after=REPAIRED)
 
 
+# Proves: It has none
 def test_repair_with_the_installer_from_the_server(lab):
     result = lab.run()
     lab.check(exit_code=0, log=[*opening(), *inventory(), *download(), *REPAIR], boxes=[FINISHED],
@@ -58,6 +67,7 @@ def test_repair_with_the_installer_from_the_server(lab):
         "method": "GET", "user_agent": "Tavik Marlin Install Manager", "accept": "Accept: */*", "pragma": "no-cache"}
 
 
+# Proves: Which components
 def test_families_that_were_installed_are_replaced(lab):
     lab.run({"desktop": {"families": ["Halden", "DVR"]}})
     log = [*opening(), *inventory(), *download(), unpack(), *stop(), *remove("Halden"), *remove("DVR"), *install("Halden"),
@@ -66,6 +76,7 @@ def test_families_that_were_installed_are_replaced(lab):
               after={"products": ["Tavik DVR 24.20", "Tavik Halden 24.20"], "values": {HL_VERSION: "24.20"}})
 
 
+# Proves: The installer is neither found nor downloaded
 def test_installer_not_on_the_server(lab):
     lab.run({"server": {"answers": {NEW_INSTALLER: 404}}})
     start = download()
@@ -75,12 +86,14 @@ def test_installer_not_on_the_server(lab):
         "Unable to download dwx2_install.exe from web. Exiting."])
 
 
+# Proves: The installation fails (any other result)
 def test_package_that_refuses_to_install(lab):
     lab.run({"server": {"answers": {NEW_INSTALLER: "24.20-fail"}}})
     lab.check(exit_code=1603, boxes=[INSTALL_FAILED], after={"products": [], "values": {HL_VERSION: None}}, log=[
         *opening(), *inventory(), *download(), unpack(), *stop(), *remove("Halden"), *install("Halden", 1603)])
 
 
+# Proves: Another instance is running
 def test_second_instance_says_so_and_goes(lab):
     result = lab.run("compatible.toml", when=["box : second"])
     lab.check(exit_code=-1, boxes=[SAME_RELEASE])
@@ -89,12 +102,14 @@ def test_second_instance_says_so_and_goes(lab):
     assert result.logs[1] == [opening()[0], "Another instance is running. Exiting."]
 
 
+# Proves: `-SILENT` (repair)
 def test_silent_shows_nothing(lab):
     result = lab.run({"server": {"answers": {NEW_INSTALLER: {"installer": "24.20", "delay": 0.6}}}}, "-SILENT")
     lab.check(exit_code=0, log=[*opening("-SILENT"), *inventory(), *download(), *REPAIR], boxes=[], after=REPAIRED)
     assert not any(sample["visible"] for sample in result.status)
 
 
+# Proves: A status is set
 def test_status_window_tells_how_far_it_is(lab):
     result = lab.run({"server": {"answers": {NEW_INSTALLER: {"installer": "24.20", "delay": 2.2}}}})
     lab.check(exit_code=0, boxes=[FINISHED], after=REPAIRED)
@@ -124,6 +139,7 @@ def test_running_programs_are_stopped(lab):
     assert not result.started_before[0]["running"]
 
 
+# Proves: The Store edition is the one in use
 def test_store_edition_of_an_older_release(lab):
     result = lab.run("store.toml")
     name = "TavikSystemsInc-2.TavikCorvelSoftware_1.23.40.0_x64__0a9344xs7nr4m"
@@ -133,6 +149,7 @@ def test_store_edition_of_an_older_release(lab):
     assert any("9PQ4XK7ZT2MV" in line for line in result.store_calls)
 
 
+# Proves: No key, no value
 def test_the_makers_own_server_over_https(lab):
     result = lab.run({"server": {"reach": "default"}})
     start = download()

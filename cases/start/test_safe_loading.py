@@ -125,11 +125,13 @@ def test_the_tool_would_fall_into_one_without_its_first_statement(lab, tmp_path)
 
 # The tool does not
 
+# Proves: The file is loaded => only libraries that Windows protects load before the first instruction; the others wait until the search for libraries is restricted
 def test_what_loads_at_start_is_protected_by_windows():
     at_start = check_exe.Exe(paths.need(paths.TOOL), paths.BUILD).static_imports()
     assert at_start and {name.removesuffix(".dll") for name in at_start | BY_WINE} <= check_exe.KNOWN_DLLS
 
 
+# Proves: A DLL lies beside the exe or in the folder it is started in => it is never loaded
 @pytest.mark.parametrize("machine", [
     found(), {}, store_only(package(), service={"installs": INSTALLS}),
 ], ids=["installer of the driver package", "download", "Store"])

@@ -35,6 +35,8 @@ def check_failure(lab, code: int, *lines: str, held: tuple[str, ...] = ()) -> No
     check_nothing_leaks(lab.result, *held)
 
 
+# Proves: The Store installation succeeds
+# Proves: The overall state is Completed
 def test_an_outdated_store_version_is_replaced(lab):
     result = run(lab, {"installs": INSTALLS})
     lab.check(**DONE, before={"files": []}, after={"products": [], "values": {r"Software\Orrel Technologies\Install\VLTUWPReplaced": None}})
@@ -45,6 +47,7 @@ def test_an_outdated_store_version_is_replaced(lab):
     check_nothing_leaks(result)
 
 
+# Proves: The Store is asked
 def test_the_calls_of_an_installation_in_order(lab):
     result = run(lab, {"completion": "later:300"})
     lab.check(**DONE)
@@ -76,6 +79,7 @@ def test_an_operation_that_ends_early_or_late(lab, completion, status, handler):
     check_nothing_leaks(result)
 
 
+# Proves: The installation takes long
 def test_a_long_installation_is_waited_for_and_the_window_lives_on(lab):
     result = run(lab, {"completion": "later:3300", "installs": INSTALLS})
     lab.check(**DONE)
@@ -87,6 +91,7 @@ def test_a_long_installation_is_waited_for_and_the_window_lives_on(lab):
     check_nothing_leaks(result)
 
 
+# Proves: The list of products is read
 @pytest.mark.parametrize("service", [{"walk": "iterator"}, {"walk": "getmany"}, {"walk": "iterator", "read": "late"},
                                      {"walk": "getmany", "read": "late"}])
 def test_the_list_of_ids_holds_one_id_however_it_is_read(lab, service):
@@ -98,6 +103,7 @@ def test_the_list_of_ids_holds_one_id_however_it_is_read(lab, service):
     check_nothing_leaks(result)
 
 
+# Proves: Any other overall state (canceled, other error, Wi-Fi required, ...)
 @pytest.mark.parametrize("state", [0, 1, 2, 4, 5, 6, 7, 8, 9])
 def test_only_the_state_completed_is_success(lab, state):
     run(lab, {"state": state, "installs": INSTALLS})
@@ -106,11 +112,13 @@ def test_only_the_state_completed_is_success(lab, state):
     assert lab.result.store_left == [CORVEL]
 
 
+# Proves: No store context, or one without windows
 def test_no_store_context(lab):
     run(lab, {"default": "null"})
     check_failure(lab, 0xFFFFFFFF, NO_WINDOW)
 
 
+# Proves: Any call or the operation fails
 def test_a_store_context_that_cannot_be_got(lab):
     run(lab, {"default": "0x80070525:There is no user."})
     check_failure(lab, 0x80070525, searching("There is no user."))
@@ -122,6 +130,7 @@ def test_a_store_context_without_windows(lab):
     assert not asked(lab.result, "Initialize") and not asked(lab.result, "Download")
 
 
+# Proves: The window is refused
 @pytest.mark.parametrize("window, code", [("0x80070578", 0x80070578), ("0x80004005:Not this window.", 0x80004005),
                                           ("0x8007000E", 0x8007000E)])
 def test_a_window_that_the_store_refuses(lab, window, code):
@@ -136,6 +145,8 @@ def test_a_system_of_before_1803(lab):
     check_failure(lab, 0x80004002, searching(""))
 
 
+# Proves: The Store installation fails
+# Proves: The operation is canceled
 @pytest.mark.parametrize("service, code, text", [
     ({"activation": "0x80040154"}, 0x80040154, ""),
     ({"activation": "0x800401F0"}, 0x800401F0, ""),
@@ -156,18 +167,21 @@ def test_a_failure_of_the_store_becomes_the_exit_code(lab, service, code, text):
     check_failure(lab, code, searching(text))
 
 
+# Proves: It was canceled
 def test_a_canceled_operation_is_not_asked_for_results(lab):
     run(lab, {"end": "canceled"})
     check_failure(lab, 0x800704C7, searching(CANCELED))
     assert not asked(lab.result, "StoreOperation GetResults")
 
 
+# Proves: Any other exception (memory)
 @pytest.mark.parametrize("service", [{"request": "0x8007000E"}, {"end": "error:0x8007000E:With a text."}, {"default": "0x8007000E"}])
 def test_out_of_memory_is_an_unknown_exception(lab, service):
     run(lab, service)
     check_failure(lab, 0xFFFFFFFF, "Unknown expection occured when searching for UWP version of VLT")
 
 
+# Proves: The thread has no apartment (store installation)
 def test_a_thread_without_an_apartment_gets_one(lab):
     result = lab.run({"store": {"packages": [package()], "service": {"activation": "mta"}}}, "-FORCEVLTUWP")  # nobody made one before
     lab.check(exit_code=0, boxes=[FINISHED], log=[*opening("-FORCEVLTUWP"), *inventory(), ATTEMPT, INSTALLED])
@@ -175,18 +189,21 @@ def test_a_thread_without_an_apartment_gets_one(lab):
     assert asked(result, factory) == [f"{factory} -> 0x800401F0 thread=1", f"{factory} -> 0x0 thread=1"]
 
 
+# Proves: A Windows without the Store, or before 1803 => logged, its code
 def test_a_system_without_the_store(lab):
     lab.run({"desktop": False, "store": False}, "-FORCE")
     lab.check(exit_code=signed(0x80040154), boxes=[INSTALL_FAILED], log=[
         *until_query("-FORCE"), "Exception  when searching for UWP version of VLT", NOTHING, ATTEMPT, searching(""), FAILED])
 
 
+# Proves: `-FORCE` with neither edition
 def test_forced_with_neither_edition_installs_the_store_edition(lab):
     lab.run(store_only(package(OTHER), service={"installs": INSTALLS}), "-FORCE")
     lab.check(exit_code=0, boxes=[FINISHED], requests=[], log=[*until_query("-FORCE"), NO_STORE, NOTHING, ATTEMPT, INSTALLED])
     assert lab.result.store_left == [OTHER, NEWER]
 
 
+# Proves: Neither edition installed, forced
 def test_neither_edition_counts_as_version_0_0(lab):
     release = "0.0-240101a"
     lab.run(store_only(adapters=[{"release": release}]), "-FORCE")
@@ -207,6 +224,7 @@ def test_forced_to_the_store_although_the_desktop_edition_is_there(lab):
     assert (result.installer, result.programs) == ([], [])
 
 
+# Proves: `-FORCEVLTUWP` with the desktop edition (of the same release, too), an installer at hand, or neither edition
 def test_forced_to_the_store_with_the_desktop_edition_of_the_same_release(lab):
     lab.run({"desktop": {"release": "24.20"}, "store": {"service": {"state": 5}}}, "-forcevltuwp")
     lab.check(exit_code=-1, boxes=[INSTALL_FAILED], requests=[], after={"products": ["Tavik Halden 24.20"]},
@@ -235,6 +253,7 @@ def test_silent_shows_nothing_and_still_hands_the_window_over(lab, service, code
         'Initialize hwnd=0x; window=yes; title="Tavik Software Compatibility Tool"']
 
 
+# Proves: Somebody starts the tool again meanwhile => that instance is refused
 def test_a_second_instance_during_a_store_installation(lab):
     result = run(lab, {"completion": "later:2500", "installs": INSTALLS}, when=[f"text {INSTALLING} : second"])
     lab.check(**DONE)

@@ -26,6 +26,7 @@ def test_the_store_version_of_the_drivers_release_is_left_alone(lab):
 
 
 # Minor and Build in decimal, cut to five characters, are compared with the first five of the driver's release.
+# Proves: Only the Store edition installed
 @pytest.mark.parametrize("version", ["24.24.20.24", "0.24.201.0", "0.24.2011.9", "65535.24.20.65535"])
 def test_versions_of_the_drivers_release(lab, version):
     lab.run(store_only(package(version=version)))
@@ -49,18 +50,21 @@ def test_a_short_release_equals_a_short_version(lab):
     lab.check(**SAME_HERE, log=[*until_query(release="24.5-240101a"), has(version="2.24.5.0"), f"{SAME} Exiting."])
 
 
+# Proves: All matching packages disabled
 def test_a_disabled_version_does_not_count(lab):
     lab.run(store_only(package(version="2.24.20.0", ok=False)))
     lab.check(**NOT_HERE, log=[*until_query(), has(version="2.24.20.0"), DISABLED, NO_STORE, f"{NOTHING} Exiting."])
     assert lab.result.store_left == [CORVEL]
 
 
+# Proves: A disabled package
 def test_a_disabled_version_never_wins_even_when_it_is_the_highest(lab):
     lab.run(store_only(package(version="2.24.20.0"), package(EARLIER, "9.99.99.0", ok=False)))
     lab.check(**SAME_HERE, log=[*until_query(), has(version="2.24.20.0"), has(EARLIER, "9.99.99.0"), DISABLED, f"{SAME} Exiting."])
 
 
 # The highest version counts, not the first and not the last.
+# Proves: Two usable versions, 1.10.0.0 and 1.9.5.0
 @pytest.mark.parametrize("high, low, high_first", [
     ("2.24.20.0", "1.99.99.0", True), ("2.24.20.0", "1.99.99.0", False), ("1.24.20.0", "1.9.99.0", True),
     ("1.24.20.9", "1.24.3.10", False), ("10.24.20.0", "9.30.10.0", True), ("10.24.20.0", "9.30.10.0", False)])
@@ -70,12 +74,14 @@ def test_the_numerically_highest_version_counts(lab, high, low, high_first):
     lab.check(**SAME_HERE, log=[*until_query(), *(has(*one) for one in packages), f"{SAME} Exiting."])
 
 
+# Proves: Packages of other users
 def test_another_users_package_counts(lab):
     lab.run(store_only(package(version="2.24.20.0", user="S-1-5-21-7-8-9-1002")))
     lab.check(**SAME_HERE, log=[*until_query(), has(version="2.24.20.0"), f"{SAME} Exiting."])
     assert asked(lab.result, "FindPackages") == ["FindPackages -> 0x0 thread=1"]
 
 
+# Proves: A full name contains either name anywhere, in any letter case
 @pytest.mark.parametrize("name", ["Contoso.taviksystemsinc-2.8f31d07a2b6e4.Extra_1.0.0.0_neutral__abc",
                                   "TAVIKSYSTEMSINC-2.TAVIKCORVELSOFTWAREPRO_1.0.0.0_x64__abc", "TavikSystemsInc-2.TavikCorvelSoftware"])
 def test_the_name_counts_anywhere_and_in_any_case(lab, name):
@@ -83,6 +89,8 @@ def test_the_name_counts_anywhere_and_in_any_case(lab, name):
     lab.check(**SAME_HERE, log=[*until_query(), has(name, "2.24.20.0"), f"{SAME} Exiting."])
 
 
+# Proves: Other packages, a package without a name
+# Proves: No matching package (store package query)
 def test_packages_of_other_names_are_passed_over_in_silence(lab):
     others = [OTHER, "TavikSystemsInc-2.TavikCorvelSoftwar_9.9.9.9_x64__abc", "TavikSystemsInc-2.8F31D07A2B6E_9.9.9.9_x64__abc",
               "TavikSystemsInc-3.8F31D07A2B6E4_9.9.9.9_x64__abc"]
@@ -92,11 +100,13 @@ def test_packages_of_other_names_are_passed_over_in_silence(lab):
     assert not asked(lab.result, "get_Version") and not asked(lab.result, "get_Status")
 
 
+# Proves: A version of zeros => counts as none
 def test_a_version_of_zeros_is_none(lab):
     lab.run(store_only(package(version="0.0.0.0")))
     lab.check(**NOT_HERE, log=[*until_query(), has(version="0.0.0.0"), f"{NOTHING} Exiting."])
 
 
+# Proves: Reading one package fails
 def test_every_failure_of_one_package_is_logged_and_the_next_one_is_read(lab):
     def name(number: int) -> str:
         return f"TavikSystemsInc-2.TavikCorvelSoftware_2.99.{number}.0_x64__0a9344xs7nr4m"
@@ -130,12 +140,15 @@ TEXTS = [("0x80070005:Told by the system.", "Told by the system."),
          ("0x80073CF1", "")]
 
 
+# Proves: The thread carries an error object for this code
+# Proves: It carries none, one for another code, one that cannot tell, or it is another thread's
 def test_the_text_of_an_error(lab):
     lab.run(store_only(*(package(fail=f"get_Version:{failure}") for failure, _ in TEXTS)))
     texts = "\n".join(f"Exception {text} when enumerating info for {CORVEL}" for _, text in TEXTS)  # one of them has two lines
     lab.check(**NOT_HERE, log=[*until_query(), *texts.split("\n"), NO_STORE, f"{NOTHING} Exiting."])
 
 
+# Proves: Memory runs out while reading one
 def test_out_of_memory_is_an_unknown_exception(lab):
     lab.run(store_only(package(fail="VerifyIsOK:0x8007000E"), package(fail="get_Status:0x8007000E:With a text."),
                        package(EARLIER, "2.24.20.0")))
@@ -143,6 +156,7 @@ def test_out_of_memory_is_an_unknown_exception(lab):
     lab.check(**SAME_HERE, log=[*until_query(), has(), unknown, has(), unknown, has(EARLIER, "2.24.20.0"), f"{SAME} Exiting."])
 
 
+# Proves: The manager cannot be created, or the enumeration fails (store package query)
 @pytest.mark.parametrize("manager, text", [
     ({"activation": "0x80070005:No such manager."}, "No such manager."),
     ({"create": "0x80070005"}, DENIED),
@@ -164,16 +178,19 @@ def test_a_search_that_fails_halfway_finds_nothing(lab, manager):
     check_nothing_leaks(lab.result)
 
 
+# Proves: Memory runs out while searching (store package query)
 def test_a_search_without_memory(lab):
     lab.run(store_only(package(version="2.24.20.0"), manager={"find": "0x8007000E"}))
     lab.check(**NOT_HERE, log=[*until_query(), "Unknown expection occured when searching for UWP version of VLT", f"{NOTHING} Exiting."])
 
 
+# Proves: A Windows without these classes or functions
 def test_a_system_without_the_package_manager(lab):
     lab.run({"desktop": False, "store": False})
     lab.check(**NOT_HERE, log=[*until_query(), *searching("")])
 
 
+# Proves: The thread has no apartment (store package query)
 def test_a_thread_without_an_apartment_gets_one(lab):
     lab.run(store_only(package(version="2.24.20.0"), manager={"activation": "mta"}))
     lab.check(**SAME_HERE, log=[*until_query(), has(version="2.24.20.0"), f"{SAME} Exiting."])
@@ -205,6 +222,7 @@ def test_the_calls_of_a_search_in_order(lab):
         "QueryInterface Package IPackage3", f'get_Status "{CORVEL}"', f'VerifyIsOK "{CORVEL}"', "MoveNext"]
 
 
+# Proves: Desktop edition installed
 def test_the_desktop_edition_makes_the_search_needless(lab):
     lab.run({"desktop": {"release": "24.20"}, "store": {"packages": [package()]}})
     lab.check(exit_code=-1, boxes=[SAME_RELEASE])

@@ -41,6 +41,8 @@ def check(lab, *lines: str, left: tuple[str, ...] = ()) -> None:
     check_nothing_leaks(lab.result)
 
 
+# Proves: Two matching packages
+# Proves: A package of another user => is removed too
 def test_all_packages_of_the_application_go_one_after_the_other(lab):
     third = "Contoso.TAVIKSYSTEMSINC-2.8f31d07a2b6e4.Extra_1.0.0.0_x64__abc"
     run(lab, package(), package(OTHER), package(EARLIER, "1.22.11.65535"), package(third, "1.0.0.0", user="S-1-5-21-7-8-9-1002"))
@@ -65,18 +67,21 @@ def test_the_calls_of_a_removal_in_order(lab):
         "DeploymentOperation destroyed", "MoveNext", f'get_Current "{OTHER}"', f'get_Id "{OTHER}"', f'get_FullName "{OTHER}"', "MoveNext"]
 
 
+# Proves: No matching package (store package removal)
 def test_without_a_package_of_the_application_nothing_is_said(lab):
     run(lab, package(OTHER), package("(null)"))
     check(lab, left=(OTHER, "(null)"))
     assert asked(lab.result, "FindPackages") and not asked(lab.result, "RemovePackage") and not asked(lab.result, "get_Version")
 
 
+# Proves: Disabled packages
 def test_a_disabled_package_goes_as_well(lab):
     run(lab, package(ok=False), package(EARLIER, "0.0.0.0", ok=False, fail="get_Status:0x80004005"))
     check(lab, removing(), RESULT(0, ""), removing(EARLIER, "0.0.0.0"), RESULT(0, ""))
     assert not asked(lab.result, "get_Status") and not asked(lab.result, "QueryInterface Package IPackage3")
 
 
+# Proves: The system rejects a removal
 def test_what_the_system_says_about_a_removal_is_logged(lab):
     run(lab, package(numbered(1), removal="0x80073CF1:Package was not found."), package(numbered(2), removal="0x80073CFA"),
         package(numbered(3), removal="0x0:Removed at the next start."), package(numbered(4), null="get_ErrorText"),
@@ -87,6 +92,7 @@ def test_what_the_system_says_about_a_removal_is_logged(lab):
           left=(numbered(1), numbered(2), numbered(5)))
 
 
+# Proves: It still runs
 def test_a_removal_may_end_early_or_late(lab):
     completions = ["before", "inside", "thread", "later:0", "later:400"]
     run(lab, *(package(numbered(number), completion=completion) for number, completion in enumerate(completions)))
@@ -95,6 +101,9 @@ def test_a_removal_may_end_early_or_late(lab):
     assert (status[0], status[1], status[2], status[4]) == ("1", "0", "0", "0")
 
 
+# Proves: A removal is canceled
+# Proves: Any step of one package fails
+# Proves: Memory runs out for one package
 def test_every_failure_of_one_removal_is_logged_and_the_next_package_goes(lab):
     run(lab, package(numbered(1), removal_end="canceled"), package(numbered(2), removal_end="error:0x80070005:It is in use."),
         package(numbered(3), fail="RemovePackageAsync:0x80070005"), package(numbered(4), null="RemovePackageAsync"),
@@ -111,6 +120,7 @@ def test_every_failure_of_one_removal_is_logged_and_the_next_package_goes(lab):
           removing(numbered(15)), RESULT(0, ""), left=tuple(numbered(number) for number in range(1, 16) if number not in gone))
 
 
+# Proves: The manager cannot be created, or the enumeration fails (store package removal)
 @pytest.mark.parametrize("manager, text", [({"create": "0x80070005"}, DENIED), ({"find": "0x80070005:Administrators only."}, "Administrators only."),
                                            ({"first": "0x80004005:No first."}, "No first."), ({"activation": "0x80040154"}, "")])
 def test_a_search_that_fails_removes_nothing_and_is_no_failure(lab, manager, text):
@@ -123,6 +133,7 @@ def test_a_search_that_fails_halfway_has_removed_what_it_found(lab):
     check(lab, removing(), RESULT(0, ""), SEARCHING("The list has changed."), left=(EARLIER,))
 
 
+# Proves: Memory runs out while searching (store package removal)
 def test_a_search_without_memory(lab):
     run(lab, package(), manager={"find": "0x8007000E"})
     check(lab, "Unknown expection occured when searching for UWP version of VLT", left=(CORVEL,))
@@ -133,6 +144,7 @@ def test_a_system_without_the_package_manager(lab):
     check(lab, SEARCHING(""))
 
 
+# Proves: The thread has no apartment (store package removal) => it gets one
 def test_a_thread_without_an_apartment_gets_one(lab):
     run(lab, package(), manager={"activation": "mta"})
     check(lab, removing(), RESULT(0, ""))
@@ -145,6 +157,7 @@ def test_after_a_failed_installation_the_store_packages_stay(lab):
     assert lab.result.store_left == [CORVEL] and lab.result.store_calls == []
 
 
+# Proves: `-SILENT` (store package removal) => the same
 def test_silent_removal(lab):
     run(lab, package(), arguments="-SILENT")
     lab.check(exit_code=0, boxes=[], log=[*opening("-SILENT"), *REPAIR[2:], removing(), RESULT(0, "")], after=REPAIRED)

@@ -33,6 +33,7 @@ def dots(result) -> list[str]:
 
 # What stands in it
 
+# Proves: It is started
 def test_window_and_its_controls(lab):
     result = lab.run(SHORT, when=[f"{INSTALLS} : look"])
     lab.check(**FAILED)
@@ -68,6 +69,7 @@ def test_places_of_the_controls(lab):
 
 # What it tells
 
+# Proves: The driver package has an installer
 def test_found_installer_is_not_downloaded(lab):
     result = lab.run(SHORT)
     lab.check(**FAILED, requests=[])
@@ -81,6 +83,7 @@ def test_an_early_exit_only_checks(lab):
     assert result.status_texts == [CHECKING]
 
 
+# Proves: Silent
 def test_silent_window_exists_but_is_never_shown_and_says_nothing_new(lab):
     result = lab.run(SHORT, "-SILENT")
     lab.check(exit_code=2, boxes=[], after=UNTOUCHED)
@@ -89,6 +92,7 @@ def test_silent_window_exists_but_is_never_shown_and_says_nothing_new(lab):
     assert dots(result)[:2] == DOTS[:2]
 
 
+# Proves: Time passes
 def test_dots_go_round_while_the_installer_works(lab):
     result = lab.run(found("24.20-nomain", installer={"sleep": 2600}))
     lab.check(**FAILED)
@@ -96,6 +100,7 @@ def test_dots_go_round_while_the_installer_works(lab):
     assert len(seen) >= 5 and seen == [DOTS[number % 3] for number in range(len(seen))]
 
 
+# Proves: Not silent
 def test_window_is_shown_from_the_start_and_hidden_for_the_box(lab):
     result = lab.run(SHORT, hold=0.3)
     lab.check(**FAILED)
@@ -124,6 +129,7 @@ def test_click_elsewhere_does_nothing(lab, place):
     assert len({(one["x"], one["y"]) for one in shown(result)}) == 1
 
 
+# Proves: A click on the mark
 def test_minimised_window_stays_down_and_the_box_comes_up(lab):
     result = lab.run(SLOW, when=[f"{INSTALLS} : click 1014"])
     lab.check(exit_code=0, boxes=[FINISHED])
@@ -141,6 +147,7 @@ def test_window_minimised_while_checking_goes_on_telling(lab):
     assert result.status_texts == [CHECKING, INSTALLING] and len(dots(result)) >= 2
 
 
+# Proves: The mouse is pressed anywhere else
 def test_window_is_dragged_by_its_text(lab):
     result = lab.run(SHORT, when=[f"{INSTALLS} : drag -70,-30"])
     lab.check(**FAILED)
@@ -156,6 +163,7 @@ def test_window_can_be_dragged_again_and_then_minimised(lab):
     assert any(sample["minimised"] for sample in result.status)
 
 
+# Proves: Somebody tries to close it, by key or system menu => it stays
 @pytest.mark.parametrize("action", ["close", "key escape"])
 def test_window_cannot_be_closed(lab, action):
     result = lab.run(SHORT, when=[f"{INSTALLS} : {action}"])
@@ -170,6 +178,7 @@ def test_window_cannot_be_closed(lab, action):
 NO_DISPLAY = {"registry": {r"HKCU\Software\Wine\Drivers": {"Graphics": "x11"}}}
 
 
+# Proves: Picture, dialog or the larger font cannot be created
 def test_no_display_costs_two_seconds(lab):
     """Neither window nor box can be made: the start waits in vain for the window."""
     result = lab.run({"adapters": [], **NO_DISPLAY})
@@ -186,6 +195,7 @@ def test_no_display_keeps_no_repair(lab):
 
 # Message boxes
 
+# Proves: Codes 0 to 7
 @pytest.mark.parametrize("machine, code, text, icon", [
     ({"adapters": []}, -1, "Unable to detect active Tavik Display Driver.", "error"),
     ("compatible.toml", -1, "The version of Tavik Software installed is already a compatible version. "
@@ -204,6 +214,7 @@ def test_one_box_tells_the_outcome(lab, machine, code, text, icon):
     assert box["title_icon"] == "big and small" and box["status_hidden"]
 
 
+# Proves: Code 0
 def test_box_of_a_second_instance_has_no_icon_of_its_own(lab):
     result = lab.run("compatible.toml", when=["box : second"])
     lab.check(exit_code=-1, boxes=[SAME_RELEASE])
@@ -211,6 +222,7 @@ def test_box_of_a_second_instance_has_no_icon_of_its_own(lab):
     assert (box["text"], box["icon"], box["title_icon"]) == ("Another instance is running.", "none", "big and small")
 
 
+# Proves: The box is answered, with a key or by closing it => the run goes on until then; the answer does not matter
 @pytest.mark.parametrize("action", ["key return", "key escape", "key space", "close"])
 def test_box_is_answered_in_any_way(lab, action):
     """The answer does not matter: the exit code is that of the check."""

@@ -131,6 +131,7 @@ def test_a_table_inside_a_page_is_made_anew(docs, tmp_path):
 
 # What the cases state
 
+# Proves: An outcome of the catalogue => at least one case states it
 def test_every_outcome_has_a_case_that_states_it_alone():
     alone = {name for starts in statements.statements().values() for names in starts if len(names) == 1 for name in names}
     assert {one.id for one in outcomes.catalogue()} - alone == set()
@@ -168,6 +169,7 @@ SAME = [CHECK, "Currently installed version of VLT is from the same release as t
 OTHER = ["Launched with command line: x", "Another instance is running. Exiting."]
 
 
+# Proves: Any start in any case of the lab => exit code and log have exactly one of the [outcomes](outcomes.md), the one stated for the case
 @pytest.mark.parametrize("stated, codes, logs, at_once, fault", [
     ("same-release", [-1], [SAME], False, ""),
     ("same-release", [-1], [OTHER], False, "start 1: exit code -1, another-instance instead of same-release"),
@@ -191,6 +193,7 @@ def test_what_is_stated_is_compared(stated, codes, logs, at_once, fault):
 
 # The torture campaign: what the model says of each planned run without looking at the log, and what the log says
 
+# Proves: Any run of the torture campaign => the same, stated by its model
 def test_the_model_and_the_catalogue_agree_on_every_planned_run():
     """On the model's own logs; those of the slice's runs are compared with them by the judge."""
     def filled(line: str) -> str:

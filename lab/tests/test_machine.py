@@ -59,6 +59,8 @@ def test_wines_own_adapter_can_be_left(lab):
     assert any(line.startswith("[Wine Adapter] - [PCI\\VEN_0000") for line in result.log)
 
 
+# Proves: The value is no plain text
+# Proves: The value is a text with variables => the system replaces them, and it counts
 @pytest.mark.parametrize("value, shown", [
     ("23.40x", "23.40x"), (5, ""), (["a", "b"], ""), ({"type": "REG_EXPAND_SZ", "text": "%OS%"}, "Windows_NT"),
     ({"type": "REG_SZ", "hex": "31002e003200"}, "1.2"), ("Ünï ☃", "Ünï ☃")], ids=str)

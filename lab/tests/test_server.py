@@ -29,6 +29,7 @@ def test_statuses(lab, status):
     assert f"Response code from server: {status}" in result.log
 
 
+# Proves: The body is shorter than announced, or no installer at all => nothing checks it
 @pytest.mark.parametrize("description, size", [
     ({}, 0), ({"text": "not a program"}, 13), ({"size": 3000000}, 3000000), ({"installer": "24.20", "cut": 4096}, 4096),
     ({"raw": "SSH-2.0-Lab\r\n"}, None)], ids=str)

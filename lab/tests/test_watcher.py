@@ -50,6 +50,7 @@ def test_box_stays_until_it_is_answered(lab):
     assert result.boxes[0]["until"] - result.boxes[0]["since"] >= 1000
 
 
+# Proves: The tool is killed => what was logged so far is in the file
 def test_log_survives_a_kill(lab):
     result = lab.run(SLOW, when=[f"{DURING} : wait 300", f"{DURING} : kill 77"])
     lab.check(exit_code=77, boxes=[], log=[*opening(), *inventory(), *download()[:2]])

@@ -75,6 +75,7 @@ protected:
     }};
 };
 
+// Proves: What the server sees => a GET with agent, referrer, accept type; caches are passed by, every download asks the server
 TEST_F(HttpDownload, RequestCarriesReferrerAgentAndAcceptTypeAndPassesCachesBy)
 {
     Use(Url(L"/f/"));
@@ -114,6 +115,7 @@ TEST_F(HttpDownload, EmptyBodySucceeds)
     EXPECT_EQ(log_.Lines().back(), L"Completed download. Total bytes downloaded: 0");
 }
 
+// Proves: A redirect => is followed, only the final status counts
 TEST_F(HttpDownload, FinalStatusOfARedirectionCounts)
 {
     Use(Url(L"/f/"));

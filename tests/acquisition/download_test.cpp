@@ -49,6 +49,9 @@ std::vector<std::wstring> After(std::vector<std::wstring> calls, const std::vect
     return calls;
 }
 
+// Proves: A good download => address, session, connection, old files removed, file created, request with its flags and three time limits, status, copy, flush, close, old file removed, rename; then the request, the connection and the session are closed
+// Proves: The download folder is missing => it is created with its parents, and stays
+// Proves: The server says nothing for 90 seconds => the time limit of the request ends it
 TEST_F(Download, StepsInTheirOrder)
 {
     body_ = {"MZ first ", "second"};
@@ -62,6 +65,7 @@ TEST_F(Download, StepsInTheirOrder)
     EXPECT_FALSE(IsThere(TemporaryPath()));
 }
 
+// Proves: An empty body => succeeds with 0 bytes and an empty file
 TEST_F(Download, EmptyBodyIsAnEmptyInstaller)
 {
     body_.clear();
@@ -71,6 +75,7 @@ TEST_F(Download, EmptyBodyIsAnEmptyInstaller)
                                           L"Completed download. Total bytes downloaded: 0"));
 }
 
+// Proves: The body arrives => byte for byte, in blocks of a mebibyte, whatever the reads give
 TEST_F(Download, BodyIsCopiedByteForByte)
 {
     body_ = {std::string("a\0\r\n\x1a\xff", 6)};
@@ -78,6 +83,7 @@ TEST_F(Download, BodyIsCopiedByteForByte)
     EXPECT_EQ(Content(FinalPath()), std::string("a\0\r\n\x1a\xff", 6));
 }
 
+// Proves: Old files that can be removed => are replaced, and are gone even when the download fails
 TEST_F(Download, EarlierFilesAreReplaced)
 {
     Put(L"dwx2_install.exe", "an earlier installer that is longer");
@@ -87,6 +93,7 @@ TEST_F(Download, EarlierFilesAreReplaced)
     EXPECT_FALSE(IsThere(TemporaryPath()));
 }
 
+// Proves: The final file appears during the transfer => it is removed; when that fails, an exception
 TEST_F(Download, FinalFileThatAppearsDuringTheTransferIsRemoved)
 {
     SUBSTITUTE(FlushFileBuffers)
@@ -98,6 +105,7 @@ TEST_F(Download, FinalFileThatAppearsDuringTheTransferIsRemoved)
     EXPECT_EQ(Content(FinalPath()), "installer");
 }
 
+// Proves: The rename fails => not noticed: the path of a file that does not exist comes back
 TEST_F(Download, RenameThatFailsIsNotNoticed)
 {
     moveError_ = ERROR_ACCESS_DENIED;
@@ -107,12 +115,14 @@ TEST_F(Download, RenameThatFailsIsNotNoticed)
                                           L"Completed download. Total bytes downloaded: 9"));
 }
 
+// Proves: The time limits are refused => not noticed
 TEST_F(Download, TimeoutsThatAreRefusedDoNotMatter)
 {
     optionError_ = ERROR_INVALID_PARAMETER;
     EXPECT_EQ(DownloadInstaller(L"24.20"), FinalPath());
 }
 
+// Proves: A body of 2 GiB or more => is copied, the logged number overflows
 TEST_F(Download, CounterOfAHugeBodyShowsAsANegativeNumber)
 {
     int reads = 0;
@@ -144,6 +154,9 @@ class DownloadAddress : public MadeUpInternet, public testing::WithParamInterfac
 {
 };
 
+// Proves: The address is made => server folder, release, file name, glued together without a separator
+// Proves: An https address with another port than 443 => requested without encryption
+// Proves: An http address with port 443 => requested with encryption
 TEST_P(DownloadAddress, IsGluedTogetherAndItsPortAloneDecidesAboutTls)
 {
     registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", GetParam().folder);
@@ -190,6 +203,7 @@ class DownloadBadAddress : public MadeUpInternet, public testing::WithParamInter
 {
 };
 
+// Proves: The address cannot be split => logged with the code, nothing is opened; empty result
 TEST_P(DownloadBadAddress, IsLoggedAndNothingIsOpened)
 {
     registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", GetParam().folder);
@@ -227,6 +241,7 @@ std::string Composed(const std::string& message, int code)
     return std::system_error(code, std::system_category(), message).what();
 }
 
+// Proves: The session cannot be opened => exception "Unable to open internet connection" with the code
 TEST_F(Download, SessionThatCannotBeOpenedIsRaised)
 {
     openError_ = 12055;
@@ -238,6 +253,7 @@ TEST_F(Download, SessionThatCannotBeOpenedIsRaised)
     EXPECT_EQ(calls_.back(), L"session");
 }
 
+// Proves: The connection cannot be opened => exception "Unable to connect to server" with its own code, the session is closed; old files are still there
 TEST_F(Download, ConnectionThatCannotBeOpenedIsRaisedWithItsOwnErrorAndTheSessionClosed)
 {
     connectError_ = 5;
@@ -257,6 +273,7 @@ TEST_F(Download, EarlierFilesAreKeptUntilTheConnectionIsOpen)
     EXPECT_EQ(Content(FinalPath()), "earlier");
 }
 
+// Proves: The download folder cannot be created => file-system exception before anything is opened
 TEST_F(Download, FolderThatCannotBeCreatedIsRaisedBeforeAnythingIsOpened)
 {
     recording_ = false;
@@ -270,6 +287,7 @@ class DownloadOldFile : public MadeUpInternet, public testing::WithParamInterfac
 {
 };
 
+// Proves: An old file is locked, write-protected or a folder => file-system exception "remove", all handles are closed
 TEST_P(DownloadOldFile, ThatCannotBeRemovedIsRaisedAndTheConnectionClosed)
 {
     const std::wstring path = Put(GetParam(), "old");
@@ -300,6 +318,7 @@ TEST_F(Download, FinalFileThatCannotBeRemovedAfterTheTransferIsRaised)
     CloseHandle(lock);
 }
 
+// Proves: The temporary file cannot be created => logged with path and code, handles are closed; empty result
 TEST_F(Download, TemporaryFileThatCannotBeCreated)
 {
     createError_ = ERROR_DISK_FULL;
@@ -311,6 +330,7 @@ TEST_F(Download, TemporaryFileThatCannotBeCreated)
     EXPECT_EQ(calls_.back(), L"close 1");
 }
 
+// Proves: The request cannot be opened => the time limits are set all the same; logged with the code that stands after them; empty result
 TEST_F(Download, RequestThatCannotBeOpenedHasItsTimeoutsSetAllTheSame)
 {
     requestError_ = 12028;
@@ -330,6 +350,7 @@ TEST_F(Download, ErrorOfTheRequestIsTheOneThatStandsAfterTheTimeouts)
     EXPECT_EQ(log_.Lines().back(), L"Unable to call HttpOpenRequest to " + std::wstring(kUrl) + L". Error 12018");
 }
 
+// Proves: The request cannot be sent: nobody listens, wrong, expired or unknown certificate => logged with the code; empty result
 TEST_F(Download, RequestThatCannotBeSent)
 {
     sendError_ = 12029;
@@ -341,6 +362,7 @@ TEST_F(Download, RequestThatCannotBeSent)
     EXPECT_EQ(Content(TemporaryPath()), "");
 }
 
+// Proves: The status cannot be read => logged with code and text; empty result
 TEST_F(Download, StatusThatCannotBeRead)
 {
     queryError_ = ERROR_ACCESS_DENIED;
@@ -363,6 +385,7 @@ class DownloadStatus : public MadeUpInternet, public testing::WithParamInterface
 {
 };
 
+// Proves: A status other than 200, even another good one => the status and a second line are logged, nothing is read; empty result
 TEST_P(DownloadStatus, OtherThan200IsAFailure)
 {
     status_ = GetParam();
@@ -378,6 +401,7 @@ TEST_P(DownloadStatus, OtherThan200IsAFailure)
 INSTANTIATE_TEST_SUITE_P(All, DownloadStatus,
                          testing::Values(0u, 100u, 199u, 201u, 202u, 204u, 206u, 301u, 304u, 401u, 404u, 500u, 503u));
 
+// Proves: Reading fails otherwise => logged with code and text; what had arrived stays in the temporary file; empty result
 TEST_F(Download, ReadThatFailsLeavesWhatHadArrived)
 {
     body_ = {"first"};
@@ -399,6 +423,7 @@ TEST_F(Download, ReadThatFailsForAReasonWithoutAText)
     EXPECT_EQ(log_.Lines().back(), L"Download failed with error code: 12002 ");
 }
 
+// Proves: Reading fails with a text of the server => length and text are asked for and logged; empty result
 TEST_F(Download, TextThatTheServerLeftIsAskedForItsLengthThenFetched)
 {
     readError_ = 12003;
@@ -437,6 +462,7 @@ TEST_F(Download, ServerWithoutATextLeavesItOut)
     EXPECT_EQ(log_.Lines().back(), L"Unable to read file from internet. Extended error code: 7 ");
 }
 
+// Proves: Writing fails or is short => "Failed writing to file" is logged; empty result
 TEST_F(Download, WriteThatFails)
 {
     writeError_ = ERROR_DISK_FULL;
@@ -458,6 +484,7 @@ TEST_F(Download, WriteOfFewerBytesThanWereRead)
     EXPECT_EQ(Content(TemporaryPath()), "installe");
 }
 
+// Proves: Several downloads in one run => each is complete in itself
 TEST_F(Download, EachIsSelfContained)
 {
     sendError_ = 12029;

@@ -20,6 +20,7 @@ namespace repair
 {
 namespace
 {
+// Proves: A subfolder begins with B or b => the installer's path in it
 TEST(LocalInstaller, StandsInTheSubfolderThatBeginsWithB)
 {
     const TemporaryFolder folder;
@@ -49,6 +50,7 @@ TEST(LocalInstaller, FolderOfOneLetter)
     EXPECT_EQ(FindInstallerInFolder(folder.Path()).wstring(), folder / L"b\\DWX2_Install.exe");
 }
 
+// Proves: Two such folders (Bin64 before B384125) => only the file system's first one is tried, even when it has no installer
 TEST(LocalInstaller, OnlyTheFirstSuchFolderIsTried)
 {
     const TemporaryFolder folder;
@@ -87,6 +89,7 @@ TEST(LocalInstaller, FirstIsTheFileSystemsFirstNotTheAlphabets)
     EXPECT_EQ(FindLocalInstaller(folder.Path()), L"");
 }
 
+// Proves: Only a file begins with B => not found
 TEST(LocalInstaller, FileThatBeginsWithBIsNoSubfolder)
 {
     const TemporaryFolder folder;
@@ -105,12 +108,14 @@ TEST(LocalInstaller, FoldersBelowAreNotSearched)
     EXPECT_EQ(FindLocalInstaller(folder.Path()), L"");
 }
 
+// Proves: No such folder, or the installer lies elsewhere => not found
 TEST(LocalInstaller, EmptyFolderHasNone)
 {
     const TemporaryFolder folder;
     EXPECT_EQ(FindLocalInstaller(folder.Path()), L"");
 }
 
+// Proves: A folder has the installer's name => its path comes back: only existence counts
 TEST(LocalInstaller, OnlyExistenceIsTestedSoAFolderOfThatNameIsReturned)
 {
     const TemporaryFolder folder;
@@ -118,6 +123,7 @@ TEST(LocalInstaller, OnlyExistenceIsTestedSoAFolderOfThatNameIsReturned)
     EXPECT_EQ(FindLocalInstaller(folder.Path()), installer);
 }
 
+// Proves: The file's name in other letter case => found
 TEST(LocalInstaller, FileNameInOtherLettersIsFoundByTheFileSystem)
 {
     const TemporaryFolder folder;
@@ -126,6 +132,7 @@ TEST(LocalInstaller, FileNameInOtherLettersIsFoundByTheFileSystem)
     EXPECT_EQ(FindLocalInstaller(folder.Path()), folder / L"B1\\DWX2_Install.exe");
 }
 
+// Proves: The folder's path ends in a separator => none is added
 TEST(LocalInstaller, FolderThatEndsInASeparator)
 {
     const TemporaryFolder folder;
@@ -134,6 +141,7 @@ TEST(LocalInstaller, FolderThatEndsInASeparator)
     EXPECT_EQ(FindLocalInstaller(folder.Path() + L"\\"), folder / L"B1\\DWX2_Install.exe");
 }
 
+// Proves: A link to a folder => counts as a folder; a link to nothing does not
 TEST(LocalInstaller, LinkToAFolderCounts)
 {
     const TemporaryFolder folder;
@@ -147,6 +155,7 @@ TEST(LocalInstaller, LinkToAFolderCounts)
     EXPECT_EQ(FindLocalInstaller(folder.Path()), folder / L"B1\\DWX2_Install.exe");
 }
 
+// Proves: The driver has no matching package (empty folder) => not found, wherever the process stands
 TEST(LocalInstaller, WithoutAFolderThereIsNoneWhereverTheProcessStands)
 {
     const TemporaryFolder folder;
@@ -160,6 +169,7 @@ TEST(LocalInstaller, WithoutAFolderThereIsNoneWhereverTheProcessStands)
     SetCurrentDirectoryW(before);
 }
 
+// Proves: The folder cannot be listed => file-system error "directory_iterator", nothing is logged
 TEST(LocalInstaller, FolderThatCannotBeListedRaisesTheErrorAndLogsNothing)
 {
     const TemporaryFolder folder;
@@ -170,6 +180,7 @@ TEST(LocalInstaller, FolderThatCannotBeListedRaisesTheErrorAndLogsNothing)
     EXPECT_TRUE(log.Lines().empty());
 }
 
+// Proves: The installer's existence cannot be tested => file-system error "exists"
 TEST(LocalInstaller, InstallerThatCannotBeLookedAtRaisesTheError)
 {
     const TemporaryFolder folder;

@@ -30,6 +30,9 @@ class ServerOverride : public testing::TestWithParam<const wchar_t*>
 {
 };
 
+// Proves: The value names another server => it comes back exactly as stored, and is logged
+// Proves: It has no slash at its end => none is added
+// Proves: It is empty => an empty folder and a line without one; the address cannot be split afterwards
 TEST_P(ServerOverride, ComesBackAsStoredAndIsLogged)
 {
     MachineRegistry registry;
@@ -43,6 +46,7 @@ INSTANTIATE_TEST_SUITE_P(All, ServerOverride,
                          testing::Values(L"http://mirror/x/", L"http://mirror/x",  // no slash added
                                          L"  http://mirror/ ", L"not an address", L"\u00e9", L""));
 
+// Proves: No key, no value => the maker's server, nothing is logged
 TEST(ServerFolder, WithoutTheKeyItIsTheMakersServer)
 {
     MachineRegistry registry;
@@ -60,6 +64,7 @@ TEST(ServerFolder, WithoutTheValueItIsTheMakersServer)
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
+// Proves: The value is no text, or reading it fails => the maker's server, nothing is logged, the key is closed
 TEST(ServerFolder, ValueThatIsNoTextIsPassedOver)
 {
     MachineRegistry registry;
@@ -69,6 +74,7 @@ TEST(ServerFolder, ValueThatIsNoTextIsPassedOver)
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
+// Proves: It is very long => cut in the log only
 TEST(ServerFolder, LongOverrideIsCutInTheLogOnly)
 {
     MachineRegistry registry;
@@ -104,6 +110,7 @@ TEST(ServerFolder, KeyIsOpenedForReadingAndClosedAlsoWhenTheReadFails)
 }
 
 // Needs a process that has not written a log line before.
+// Proves: The line cannot be logged => the maker's server
 TEST(ServerFolder, OverrideThatCannotBeLoggedIsNotUsed)
 {
     MachineRegistry registry;

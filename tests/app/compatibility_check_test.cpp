@@ -78,6 +78,10 @@ const Release kReleases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Pairs, SameRelease, testing::ValuesIn(kReleases));
 
+// Proves: The whole release equals the installed version => same release
+// Proves: The release's first five characters equal the installed version, or its first five characters (24.20 and 24.20.11.01) => same release
+// Proves: Only the letter case differs => same release
+// Proves: None of these => another release, which is repaired
 TEST_P(SameRelease, ByTheWholeTextOrByFiveCharactersInAnyLetterCase)
 {
     EXPECT_EQ(IsSameRelease(GetParam().base, GetParam().installed), GetParam().isSame);
@@ -145,6 +149,8 @@ protected:
     std::vector<std::wstring> lines_;
 };
 
+// Proves: Another instance is running => box "Another instance is running." without an icon, result -1, nothing else is done
+// Proves: The refused instance ends => it sets and closes the event, and the first one still holds the machine
 TEST_F(Check, SecondInstanceSaysSoAndDoesNothingElse)
 {
     const HANDLE first = CreateEventW(nullptr, TRUE, FALSE, kEventName);
@@ -158,6 +164,7 @@ TEST_F(Check, SecondInstanceSaysSoAndDoesNothingElse)
     EXPECT_TRUE(IsEventGone());
 }
 
+// Proves: The guard is taken => a named event with manual reset, not set
 TEST_F(Check, InstanceEventIsANamedManualResetEvent)
 {
     int created = 0;
@@ -176,6 +183,7 @@ TEST_F(Check, InstanceEventIsANamedManualResetEvent)
     EXPECT_EQ(created, 1);
 }
 
+// Proves: The event cannot be had for another reason => the check goes on without a guard
 TEST_F(Check, EventThatCannotBeHadDoesNotStopTheCheck)
 {
     SUBSTITUTE(CreateEventW)
@@ -190,6 +198,7 @@ TEST_F(Check, EventThatCannotBeHadDoesNotStopTheCheck)
     EXPECT_EQ(signalled, 0);
 }
 
+// Proves: The event exists but cannot be opened => the same exit, without an event to set
 TEST_F(Check, SecondInstanceWithoutAHandleOnlyExits)
 {
     SUBSTITUTE(CreateEventW)
@@ -200,6 +209,8 @@ TEST_F(Check, SecondInstanceWithoutAHandleOnlyExits)
     EXPECT_THAT(lines_, ElementsAre(L"Another instance is running. Exiting."));
 }
 
+// Proves: Any run => installed version and driver version are logged, then all adapters in their order
+// Proves: No adapter of the maker => box "Unable to detect active Tavik Display Driver.", result -1
 TEST_F(Check, WithoutAnAdapterOfTheMakerItExits)
 {
     Installed(L"24.20", L"24.20.11.01");
@@ -211,6 +222,7 @@ TEST_F(Check, WithoutAnAdapterOfTheMakerItExits)
     EXPECT_TRUE(IsEventGone());
 }
 
+// Proves: The run ends => the event is set after the box and then closed
 TEST_F(Check, EventIsSignalledAfterTheBoxAndThenClosed)
 {
     HANDLE event = nullptr;
@@ -243,6 +255,7 @@ TEST_F(Check, EventIsSignalledAfterTheBoxAndThenClosed)
     EXPECT_THAT(order, ElementsAre("box", "signal", "close"));
 }
 
+// Proves: Neither edition installed, not forced => box "There is no Tavik Software application installed.", result -1
 TEST_F(Check, WithoutAnyEditionItExits)
 {
     Driver(L"24.20.11.01-xyz");
@@ -256,6 +269,8 @@ TEST_F(Check, WithoutAnyEditionItExits)
                 ElementsAre(BoxRecorder::Box{L"There is no Tavik Software application installed.", 0x10040}));
 }
 
+// Proves: Desktop edition installed => its version counts, the Store is not asked
+// Proves: Same release, not forced => box that the version is compatible, result -1
 TEST_F(Check, SameReleaseOfTheDesktopEditionExitsWithoutAskingTheStore)
 {
     Driver(L"24.20.11.01-xyz");
@@ -273,6 +288,7 @@ TEST_F(Check, SameReleaseOfTheDesktopEditionExitsWithoutAskingTheStore)
     EXPECT_THAT(machine_.StepsOf(L"run"), IsEmpty());
 }
 
+// Proves: Several adapters => only the first of the sorted list counts
 TEST_F(Check, OnlyTheHighestReleaseCountsAndAllAreListedInThatOrder)
 {
     adapters_.Add({L"Old", L"22.10.1"});
@@ -304,6 +320,7 @@ INSTANTIATE_TEST_SUITE_P(Versions, StoreComparison,
                                          StoreVersion{{1, 24, 20110, 0}, L"24.20"},
                                          StoreVersion{{1, 65535, 65535, 0}, L"65535"}));
 
+// Proves: Only the Store edition installed => second and third number of its version in decimal, without leading zeros, cut to five characters, replace the installed version
 TEST_P(StoreComparison, IsMadeWithTheSecondAndThirdNumberCutToFiveCharacters)
 {
     Driver(GetParam().comparedAs);
@@ -326,6 +343,7 @@ TEST_F(Check, OtherReleaseOfTheStoreEditionIsInstalledFromTheStore)
     EXPECT_TRUE(IsEventGone());
 }
 
+// Proves: Another release => handed to the repair with the driver's folder and the five characters; its result is the check's
 TEST_F(Check, OtherReleaseOfTheDesktopEditionIsAskedForByTheDriversPrefix)
 {
     Driver(L"24.20.11.01-xyz");
@@ -353,6 +371,7 @@ TEST_F(Check, FolderOfTheActiveDriverIsWhereTheInstallerIsLookedFor)
                                  (machine_.Folder() / L"store\\Bin64\\DWX2_Install.exe") + L"]"));
 }
 
+// Proves: Same release, forced => logged without "Exiting.", and repaired
 TEST_F(Check, ForcedWithTheSameReleaseGoesOnToTheRepair)
 {
     Force = true;
@@ -364,6 +383,8 @@ TEST_F(Check, ForcedWithTheSameReleaseGoesOnToTheRepair)
     EXPECT_EQ(lines_.back(), L"Unable to download dwx2_install.exe from web. Exiting.");
 }
 
+// Proves: Neither edition installed, forced => logged; the Store edition is used, compared as 0.0
+// Proves: `-FORCE` with neither edition => the Store edition is installed
 TEST_F(Check, ForcedWithoutAnyEditionInstallsTheStoreEdition)
 {
     Force = true;
@@ -387,6 +408,7 @@ TEST_F(Check, ForcedStoreEditionIsInstalledOverTheDesktopEdition)
     EXPECT_THAT(runtime_.Calls(), Contains(L"install 9PQ4XK7ZT2MV"));
 }
 
+// Proves: `-SILENT` on any of these ways out => no box, no visible window, the log is written
 TEST_F(Check, SilentRunsShowNoBoxOnAnyPathButLog)
 {
     Silent = true;
@@ -418,6 +440,7 @@ protected:
 };
 INSTANTIATE_TEST_SUITE_P(Silent, CheckWithWindow, testing::Bool());
 
+// Proves: The check starts => the status window starts before the guard is taken, is shown unless silent, and is stopped last
 TEST_P(CheckWithWindow, StartsItBeforeTheGuardShowsItUnlessSilentAndStopsItLast)
 {
     std::vector<std::string> order;

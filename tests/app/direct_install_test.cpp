@@ -92,6 +92,10 @@ protected:
     BoxRecorder boxes_;
 };
 
+// Proves: There is no status window (direct installation) => everything else is done all the same
+// Proves: The desktop edition was missing => all three packages are installed
+// Proves: It was missing and the installation succeeded (a wanted restart included) => the Store packages are removed, then the marker 1 is written; exit code 0
+// Proves: Everything is done => `CorvelSoftware.exe` of the recorded location is started hidden, without arguments
 TEST_F(DirectInstall, NewDesktopEditionGetsAllComponentsReplacesTheStoreEditionAndLeavesTheMarker)
 {
     LogCapture log;
@@ -105,6 +109,7 @@ TEST_F(DirectInstall, NewDesktopEditionGetsAllComponentsReplacesTheStoreEditionA
     EXPECT_THAT(log.Lines(), Contains(L"Process C:\\HL\\CorvelSoftware.exe  completed with exit code 0"));
 }
 
+// Proves: Whether the desktop edition is there => is asked before anything is touched
 TEST_F(DirectInstall, LooksForTheDesktopEditionBeforeItTouchesAnything)
 {
     RunDirectInstall(kInstaller);
@@ -113,6 +118,7 @@ TEST_F(DirectInstall, LooksForTheDesktopEditionBeforeItTouchesAnything)
     EXPECT_EQ(machine_.steps[1], L"ui 2");
 }
 
+// Proves: The desktop edition was there before => only what was there is replaced, no Store removal, no marker
 TEST_F(DirectInstall, DesktopEditionThatWasThereMeansNoRemovalNoMarkerAndNoFurtherComponents)
 {
     DesktopEditionIsInstalled();
@@ -123,6 +129,7 @@ TEST_F(DirectInstall, DesktopEditionThatWasThereMeansNoRemovalNoMarkerAndNoFurth
     ExpectApplicationStarted();
 }
 
+// Proves: The installation fails, or the installer unpacks nothing => not reported: no marker, no Store removal, the application is started, exit code 0
 TEST_F(DirectInstall, FailedInstallationIsNotReportedAndTheApplicationStartedAllTheSame)
 {
     machine_.packageResults[MainPackage()] = 1603;
@@ -141,12 +148,14 @@ TEST_F(DirectInstall, InstallerThatUnpacksNothingIsNotReportedEither)
     ExpectApplicationStarted();
 }
 
+// Proves: The application is missing, or ends with a code of its own => only logged
 TEST_F(DirectInstall, ApplicationThatDoesNotStartIsNotMinded)
 {
     machine_.startErrors[L"C:\\HL\\CorvelSoftware.exe"] = 2;
     EXPECT_EQ(RunDirectInstall(kInstaller), 0);
 }
 
+// Proves: The installation raises an exception (direct installation) => logged, the window is hidden, box "Update failed. ...", even with `-SILENT`; exit code -1, the application is not started
 TEST_F(DirectInstall, ExceptionIsLoggedAndShownEvenWhenSilentAndGivesMinusOne)
 {
     Silent = true;
@@ -212,6 +221,7 @@ TEST_F(DirectInstall, MarkerKeyIsCreatedInTheOwnViewWithDefaultSecurityAndClosed
     EXPECT_EQ(closed, 1);
 }
 
+// Proves: The marker's key cannot be created => one line in the log, the application is started, exit code 0
 TEST_F(DirectInstall, MarkerKeyThatCannotBeCreatedIsOneLineAndTheApplicationStarts)
 {
     SUBSTITUTE(RegCreateKeyExW)
@@ -224,6 +234,7 @@ TEST_F(DirectInstall, MarkerKeyThatCannotBeCreatedIsOneLineAndTheApplicationStar
     ExpectApplicationStarted();
 }
 
+// Proves: The marker cannot be written => the same
 TEST_F(DirectInstall, MarkerThatCannotBeWrittenIsOneLineAndTheApplicationStarts)
 {
     SUBSTITUTE(RegSetValueExW)
@@ -234,6 +245,7 @@ TEST_F(DirectInstall, MarkerThatCannotBeWrittenIsOneLineAndTheApplicationStarts)
     ExpectApplicationStarted();
 }
 
+// Proves: A Store package stays, or the Store cannot be asked => logged; the marker is written
 TEST_F(DirectInstall, StoreThatCannotBeAskedDoesNotKeepTheMarkerAway)
 {
     runtime_.faults.fails["activation"] = E_FAIL;
@@ -241,6 +253,7 @@ TEST_F(DirectInstall, StoreThatCannotBeAskedDoesNotKeepTheMarkerAway)
     EXPECT_EQ(Marker(), "4:4:1");
 }
 
+// Proves: The application's key or its location is missing => the registry error gets out and ends the process with code 3, after everything before was done
 TEST_F(DirectInstall, WithoutTheApplicationsKeyTheRegistryErrorGetsOut)
 {
     RegDeleteKeyW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Orrel Technologies\\Install\\Halden");
@@ -310,6 +323,7 @@ protected:
     }};
 };
 
+// Proves: It starts => the window is shown with "Installing...", even with `-SILENT`; no adapter is looked at, the instance guard is neither asked nor taken
 TEST_F(DirectInstallWindow, IsShownEvenWhenSilentAndSaysInstallingAndIsStopped)
 {
     Silent = true;
@@ -346,6 +360,7 @@ TEST_F(DirectInstallWindow, IsHiddenBeforeTheFailureBoxAndStoppedAfterIt)
     EXPECT_EQ(stops_, 1);
 }
 
+// Proves: Something else than a standard exception is raised => the window is stopped, it passes through
 TEST_F(DirectInstallWindow, IsStoppedWhenAnotherKindOfExceptionPassesThrough)
 {
     machine_.onRun = [] { throw 5; };

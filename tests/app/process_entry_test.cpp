@@ -88,12 +88,14 @@ protected:
     void TearDown() override { CloseHandle(output_); }
 };
 
+// Proves: The process starts => the search for libraries is limited to the system's folder before anything else; that this fails does not matter
 TEST_F(ProcessEntry, RestrictsTheLibrarySearchBeforeAnythingElse)
 {
     Start(L"-SILENT");
     EXPECT_THAT(order_, ElementsAre("DLL folders", "command line"));
 }
 
+// Proves: The process is given its module => it is kept for window and boxes
 TEST_F(ProcessEntry, KeepsTheModuleInstance)
 {
     const auto instance = reinterpret_cast<HINSTANCE>(0x1234);
@@ -101,6 +103,7 @@ TEST_F(ProcessEntry, KeepsTheModuleInstance)
     EXPECT_EQ(AppInstance, instance);
 }
 
+// Proves: `-VLT` and `-Install`, and there is no such file (or no path, or a folder) => a line in the log, a text without a line end on the standard output, exit code 2; no window, no box, nothing is done
 TEST_F(ProcessEntry, GivenInstallerThatIsMissingIsLoggedPrintedAndGivesTwo)
 {
     LogCapture log;
@@ -121,6 +124,7 @@ TEST_F(ProcessEntry, WithoutAPathTheInstallerIsMissingToo)
     EXPECT_EQ(Output(), "The given location does not contain the file : ");
 }
 
+// Proves: `-VLT` and `-Install`, and the file exists => direct installation; its result is the exit code
 TEST_F(ProcessEntry, GivenInstallerIsInstalledWithoutTheCheck)
 {
     registry_.SetString(L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\", L"Location", L"C:\\HL");
@@ -144,6 +148,7 @@ INSTANTIATE_TEST_SUITE_P(Lines, CheckedLine,
                          testing::Values(L"", L"-VLT", L"-Install", L"-Path {}", L"-VLT -Path {}", L"-Install -Path {}",
                                          L"-FORCE"));
 
+// Proves: Only one of `-VLT` and `-Install`, or `-Path` alone => the ordinary check; its result is the exit code
 TEST_P(CheckedLine, RunsTheCheckAndReturnsItsResult)
 {
     std::wstring arguments = GetParam();
@@ -158,6 +163,7 @@ TEST_P(CheckedLine, RunsTheCheckAndReturnsItsResult)
     EXPECT_EQ(Output(), "");
 }
 
+// Proves: An error that nobody catches => the process ends with code 3, without a box
 TEST_F(ProcessEntry, WhatNobodyCaughtEndsTheProcessWithoutABox)
 {
     std::vector<UINT> codes;

@@ -119,6 +119,7 @@ protected:
 };
 
 // --- Desktop edition
+// Proves: The driver package has an installer => logged, not downloaded; the status goes straight to "Installing..."
 TEST_F(RepairTest, InstallerOfTheDriverPackageIsUsedWithoutADownload)
 {
     const std::wstring package = DriverPackage();
@@ -133,6 +134,7 @@ TEST_F(RepairTest, InstallerOfTheDriverPackageIsUsedWithoutADownload)
     EXPECT_THAT(boxes_.boxes, ElementsAre(kFinished));
 }
 
+// Proves: Any end => the window is hidden, the box shown, then the event set and closed
 TEST_F(RepairTest, FinishedRunHidesTheWindowShowsTheBoxAndThenReleasesTheEvent)
 {
     const std::wstring package = DriverPackage();
@@ -142,6 +144,7 @@ TEST_F(RepairTest, FinishedRunHidesTheWindowShowsTheBoxAndThenReleasesTheEvent)
     EXPECT_FALSE(run_.instanceEvent);
 }
 
+// Proves: Which components => only those that were installed before
 TEST_F(RepairTest, OnlyWhatWasThereIsInstalled)
 {
     const std::wstring package = DriverPackage();
@@ -150,6 +153,7 @@ TEST_F(RepairTest, OnlyWhatWasThereIsInstalled)
     EXPECT_THAT(machine_.StepsOf(L"install"), testing::SizeIs(1));
 }
 
+// Proves: The installation succeeds (result 0) => every Store package of the application is removed, then box "Finished installing Tavik Software", result 0
 TEST_F(RepairTest, SuccessRemovesEveryStorePackageBeforeTheBox)
 {
     const std::wstring package = DriverPackage();
@@ -162,6 +166,7 @@ TEST_F(RepairTest, SuccessRemovesEveryStorePackageBeforeTheBox)
                               Contains(L"remove TavikSystemsInc-2.8F31D07A2B6E4_1 0x80000")));
 }
 
+// Proves: The installation fails (any other result) => box "Error installing Tavik Software.", that result is the exit code, the Store packages stay
 TEST_F(RepairTest, FailedInstallationIsShownAndReturnedAndLeavesTheStoreEditionAlone)
 {
     const std::wstring package = DriverPackage();
@@ -181,6 +186,7 @@ TEST_F(RepairTest, InstallerThatUnpacksNothingGivesTwo)
     EXPECT_THAT(boxes_.boxes, ElementsAre(kInstallFailed));
 }
 
+// Proves: The installation raises an exception (repair) => logged with its text, box "Error installing Tavik Software.", result -1
 TEST_F(RepairTest, ExceptionOfTheInstallationIsLoggedAndGivesMinusOne)
 {
     const std::wstring package = DriverPackage();
@@ -191,6 +197,7 @@ TEST_F(RepairTest, ExceptionOfTheInstallationIsLoggedAndGivesMinusOne)
     EXPECT_THAT(boxes_.boxes, ElementsAre(kInstallFailed));
 }
 
+// Proves: It has none => logged, status "Downloading ...", the five-character release is downloaded, then "Installing..."
 TEST_F(RepairTest, WithoutALocalInstallerTheReleaseIsDownloaded)
 {
     const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 1\r\nConnection: close\r\n\r\nx";
@@ -209,6 +216,7 @@ TEST_F(RepairTest, WithoutALocalInstallerTheReleaseIsDownloaded)
     EXPECT_THAT(boxes_.boxes, ElementsAre(kFinished));
 }
 
+// Proves: The installer is neither found nor downloaded => box "Error downloading Tavik Software", result -1; nothing is stopped or installed
 TEST_F(RepairTest, DownloadWithoutAResultEndsTheRun)
 {
     LogCapture log;
@@ -223,6 +231,7 @@ TEST_F(RepairTest, DownloadWithoutAResultEndsTheRun)
     EXPECT_THAT(runtime_.Calls(), IsEmpty());
 }
 
+// Proves: The download raises an exception => logged with its text, then as above
 TEST_F(RepairTest, ExceptionOfTheDownloadIsLoggedAndCountsAsNoResult)
 {
     registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", L"http://server/");
@@ -240,6 +249,7 @@ TEST_F(RepairTest, ExceptionOfTheDownloadIsLoggedAndCountsAsNoResult)
     EXPECT_THAT(boxes_.boxes, ElementsAre(kDownloadFailed));
 }
 
+// Proves: `-SILENT` (repair) => the same without status texts and boxes
 TEST_F(RepairTest, SilentDesktopRunShowsNothing)
 {
     Silent = true;
@@ -253,6 +263,8 @@ TEST_F(RepairTest, SilentDesktopRunShowsNothing)
 }
 
 // --- Store edition
+// Proves: The Store edition is the one in use => it is installed through the Store, with the status dialog as owner and "Installing..." as status
+// Proves: The Store installation succeeds => logged, box "Finished installing Tavik Software", result 0
 TEST_F(RepairTest, StoreEditionInUseIsInstalledFromTheStoreWithTheDialogAsOwner)
 {
     const std::wstring package = DriverPackage();
@@ -267,6 +279,7 @@ TEST_F(RepairTest, StoreEditionInUseIsInstalledFromTheStoreWithTheDialogAsOwner)
     EXPECT_THAT(machine_.steps, IsEmpty());
 }
 
+// Proves: `-FORCEVLTUWP` with the desktop edition (of the same release, too), an installer at hand, or neither edition => the Store edition is installed
 TEST_F(RepairTest, ForcedStoreEditionIsTakenEvenWithTheDesktopEditionInUse)
 {
     ForceUwp = true;
@@ -276,6 +289,7 @@ TEST_F(RepairTest, ForcedStoreEditionIsTakenEvenWithTheDesktopEditionInUse)
     EXPECT_THAT(machine_.steps, IsEmpty());
 }
 
+// Proves: The Store installation fails => logged, box "Error installing Tavik Software.", its result is the exit code
 TEST_F(RepairTest, StoreThatDoesNotCompleteIsLoggedShownAndGivesMinusOne)
 {
     runtime_.updateState = 8;
@@ -307,6 +321,7 @@ TEST_F(RepairTest, SilentStoreRunShowsNothing)
     EXPECT_THAT(log.Lines(), testing::SizeIs(4));
 }
 
+// Proves: There is no status window (repair) => the Store is asked all the same, no status is set
 TEST_F(RepairTest, WithoutAWindowTheStoreIsAskedAllTheSame)
 {
     run_.window.instance = nullptr;

@@ -90,6 +90,11 @@ const Line kLines[] = {
 
 INSTANTIATE_TEST_SUITE_P(Lines, Switches, testing::ValuesIn(kLines));
 
+// Proves: `-FORCE`, `-FORCEVLTUWP`, `-SILENT`, `-VLT`, `-Install`, `-Path FILE` => each sets its switch, `-FORCEVLTUWP` also the one of `-FORCE`; `-Path` takes the next argument
+// Proves: Switches in other letter case, in any order, more than once => the same
+// Proves: Unknown arguments, and such that only look like a switch => count for nothing
+// Proves: What follows `-Path` looks like a switch => it is the path, and sets nothing
+// Proves: `-Path` is the last argument => the path is empty
 TEST_P(Switches, AreReadFromTheCommandLine)
 {
     Read(L"\"C:\\Tavik\\tool.exe\" " + GetParam().arguments);
@@ -97,6 +102,7 @@ TEST_P(Switches, AreReadFromTheCommandLine)
     EXPECT_EQ(InstallerPath, GetParam().path);
 }
 
+// Proves: There is at least one argument => the whole command line, as it was given, is the first line of the log
 TEST_P(Switches, LineIsLoggedWhole)
 {
     LogCapture log;
@@ -104,6 +110,7 @@ TEST_P(Switches, LineIsLoggedWhole)
     EXPECT_THAT(log.Lines(), ElementsAre(L"Launched with command line: tool.exe  " + GetParam().arguments));
 }
 
+// Proves: Before the command line is read => all switches are off, the path is empty
 TEST_F(Switches, AreOffUntilTheLineIsRead)
 {
     EXPECT_EQ(Flags(), "");
@@ -111,12 +118,14 @@ TEST_F(Switches, AreOffUntilTheLineIsRead)
     EXPECT_EQ(AppInstance, nullptr);
 }
 
+// Proves: The program's own name looks like a switch => it sets nothing
 TEST_F(Switches, NameOfTheProgramIsNoSwitch)
 {
     Read(L"-SILENT -FORCE");
     EXPECT_EQ(Flags(), "F");
 }
 
+// Proves: The command line is very long => it is cut in the log, all switches count
 TEST_F(Switches, LongLineIsCutInTheLog)
 {
     LogCapture log;
@@ -125,6 +134,7 @@ TEST_F(Switches, LongLineIsCutInTheLog)
     EXPECT_THAT(log.Lines(), ElementsAre(L"Launched with command line: tool.exe " + std::wstring(1023 - 37, L'x')));
 }
 
+// Proves: The command line cannot be split, or has no argument at all => nothing is set, nothing is logged
 TEST_F(Switches, LineThatCannotBeSplitSetsNothingAndIsNotLogged)
 {
     SUBSTITUTE(CommandLineToArgvW) split([](const wchar_t*, int*) { return FailWith<wchar_t**>(8, nullptr); });
@@ -146,6 +156,7 @@ TEST_F(Switches, WithoutEvenAProgramNameNothingIsLogged)
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
+// Proves: The split command line is no longer needed => its memory is given back
 TEST_F(Switches, MemoryOfTheSplitLineIsGivenBack)
 {
     void* split = nullptr;

@@ -39,6 +39,7 @@ TEST(ThrowFileError, NamesOperationPathAndWin32Code)
                                              std::system_category().message(-2147024891) + " [C:\\a b\\\xc3\xa9]");
 }
 
+// Proves: Folders are created => all missing parents, existing ones are fine, beyond the classic path limit too
 TEST(CreateDirectories, CreatesAllMissingParents)
 {
     const TemporaryFolder folder;
@@ -123,6 +124,7 @@ class CreateDirectoriesFails : public testing::TestWithParam<Obstacle>
 {
 };
 
+// Proves: Creating fails => an error that names operation, path and the system's code
 TEST_P(CreateDirectoriesFails, WithTheWin32CodeAndThePathAsGiven)
 {
     const TemporaryFolder folder;

@@ -36,6 +36,7 @@ FileHandle Lock(const std::wstring& path)
     return file;
 }
 
+// Proves: Something is looked for => objects of any kind exist, links are followed; absence is an answer, everything else an error
 TEST(Exists, ObjectOfAnyType)
 {
     const TemporaryFolder folder;
@@ -261,6 +262,7 @@ class SameObjectId : public testing::TestWithParam<ObjectIds>
 {
 };
 
+// Proves: Two folders are compared => by volume and file id, whatever they are called; both are opened for looking only and closed
 TEST_P(SameObjectId, VolumeAndBothHalvesOfTheIndexCount)
 {
     const TemporaryFolder folder;
@@ -430,6 +432,7 @@ TEST(FindSubfolder, OrderIsTheSystemsNotTheAlphabets)
     EXPECT_EQ(listing.position, 3u);  // the rest is not looked at
 }
 
+// Proves: The listing breaks off => file-system error
 TEST(FindSubfolder, ListingThatBreaksOffIsAnError)
 {
     MadeUpListing listing({{L".", kFolder}, {L"a", kFolder}});
@@ -453,6 +456,7 @@ TEST(FindSubfolder, LinkWhoseTargetIsGoneIsPassedOver)
     EXPECT_EQ(FindSubfolder(L"C:\\f", &BeginsWithX).wstring(), L"C:\\f\\x2");
 }
 
+// Proves: An entry cannot be looked at => file-system error "directory_entry::status", even when its name does not begin with B
 TEST(FindSubfolder, LinkWhoseTargetCannotBeLookedAtIsAnError)
 {
     MadeUpListing listing({{L"x1", kLink}, {L"x2", kFolder}});

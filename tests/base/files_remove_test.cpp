@@ -57,6 +57,7 @@ private:
     std::wstring path_;
 };
 
+// Proves: A file is removed => absence is no error; write-protected and locked files are
 TEST(RemoveFileIfPresent, RemovesAFile)
 {
     const TemporaryFolder folder;
@@ -154,6 +155,7 @@ INSTANTIATE_TEST_SUITE_P(All, RemoveFileCode,
                                          DeletionCode{5, false}, DeletionCode{32, false}, DeletionCode{19, false},
                                          DeletionCode{1117, false}, DeletionCode{303, false}));
 
+// Proves: A tree is removed => whole; what cannot be removed is named
 TEST(RemoveAll, RemovesAFileOrATree)
 {
     const TemporaryFolder folder;
@@ -371,6 +373,7 @@ struct MadeUpTree
     }};
 };
 
+// Proves: The old folder holds links, deep trees, files that vanish meanwhile => links are removed and not entered, everything else goes
 TEST(RemoveAll, LinkToAFolderInsideIsRemovedItselfAndNotEntered)
 {
     MadeUpTree tree(FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT);

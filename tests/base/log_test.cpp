@@ -59,6 +59,8 @@ class LogFolder : public testing::TestWithParam<WindowsFolder>
 {
 };
 
+// Proves: Windows lies on any drive => the log folder is `Program Files\Tavik\MIM\Log\` on that drive
+// Proves: The Windows folder cannot be asked, or has no backslash => its text as far as it is known is put in front
 TEST_P(LogFolder, StandsOnTheDriveOfTheWindowsFolder)
 {
     SUBSTITUTE(GetWindowsDirectoryW)
@@ -84,6 +86,8 @@ TEST(Log, FolderOfThisMachine)
     EXPECT_EQ(GetLogFolder(), kFolder);
 }
 
+// Proves: First line of a run => the folder with all parents is created, then the time is taken, then the file is created: open for reading by others, not for writing
+// Proves: The file gets its name => local time to the millisecond, numbers without leading zeros
 TEST(Log, FirstLineCreatesTheFolderThenTakesTheTimeThenCreatesTheFile)
 {
     std::vector<std::wstring> calls;
@@ -146,6 +150,7 @@ INSTANTIATE_TEST_SUITE_P(
                     NamedTime{{2031, 2, 6, 28, 23, 59, 8, 999}, L"InstallVLTForWUDriver_2031-2-28_23_59_8_999.log"},
                     NamedTime{{2027, 1, 5, 1, 0, 0, 0, 0}, L"InstallVLTForWUDriver_2027-1-1_0_0_0_0.log"}));
 
+// Proves: The file cannot be created => lines are lost silently, it is not tried again
 TEST(Log, FileThatCannotBeCreatedIsPassedOverAndNotTriedAgain)
 {
     int creations = 0;
@@ -167,6 +172,7 @@ TEST(Log, FileThatCannotBeCreatedIsPassedOverAndNotTriedAgain)
     EXPECT_EQ(writes, 4);
 }
 
+// Proves: The folder cannot be created (log file) => the error "create_directories" reaches the caller; the next line tries again
 TEST(Log, FolderThatCannotBeCreatedRaisesTheErrorAndTheNextLineTriesAgain)
 {
     {
@@ -181,6 +187,7 @@ TEST(Log, FolderThatCannotBeCreatedRaisesTheErrorAndTheNextLineTriesAgain)
               std::string("a\0\n\0", 4));
 }
 
+// Proves: Lines are written => UTF-16 little-endian without a mark, each line ends in one line feed, with nothing in front of it
 TEST(Log, LineIsItsCharactersAndALineFeedInUtf16WithoutAMark)
 {
     SUBSTITUTE(GetLocalTime) time([](SYSTEMTIME* now) { *now = At(102); });
@@ -191,6 +198,7 @@ TEST(Log, LineIsItsCharactersAndALineFeedInUtf16WithoutAMark)
     EXPECT_EQ(ReadShared(path), std::string("\t\0A\0\xac\x20\x3d\xd8\x00\xde\n\0\n\0x\0\0\0y\0\n\0", 22));
 }
 
+// Proves: A line cannot be written (disk full) => nobody notices, the run goes on
 TEST(Log, EachLineIsTwoWritesWhoseResultsDoNotMatter)
 {
     SUBSTITUTE(GetLocalTime) time([](SYSTEMTIME* now) { *now = At(103); });
@@ -206,6 +214,7 @@ TEST(Log, EachLineIsTwoWritesWhoseResultsDoNotMatter)
     EXPECT_THAT(written, ElementsAre(L"one", L"\n", L"2 two", L"\n"));
 }
 
+// Proves: Two lines, two runs => one file a run
 TEST(Log, LinesOfOneRunStandInOneFile)
 {
     LogCapture log;
@@ -226,6 +235,7 @@ TEST(Log, OthersMayReadWhileItIsOpenButNotWriteOrDelete)
     EXPECT_EQ(DeleteFileW(log.Path().c_str()), FALSE);
 }
 
+// Proves: Two runs in the same millisecond => the second overwrites the first one's file
 TEST(Log, RunInTheSameMillisecondOverwritesTheFile)
 {
     const std::wstring path = std::wstring(kFolder) + L"InstallVLTForWUDriver_2026-11-6_4_7_31_104.log";
@@ -239,6 +249,7 @@ TEST(Log, RunInTheSameMillisecondOverwritesTheFile)
     EXPECT_EQ(ReadShared(path), std::string("b\0\n\0", 4));
 }
 
+// Proves: Several threads write their first line at once => the file is opened once
 TEST(Log, OpenedOnceAlsoByThreadsThatStartTogether)
 {
     std::atomic<int> creations = 0;

@@ -41,6 +41,7 @@ std::string Composed(const std::string& message, int code)
     return message + ": " + std::system_category().message(code);
 }
 
+// Proves: The registry error is caught => it carries status and text like the system's error type, can be copied, and is caught as any of its bases
 TEST(RegistryError, CarriesTheStatusAndComposesItsTextLikeTheStandardError)
 {
     const RegKeyError error(5, std::system_category(), "Some message");
@@ -64,6 +65,7 @@ TEST(RegistryError, IsCaughtAsAnyOfItsBases)
     EXPECT_THROW(raise(), std::exception);
 }
 
+// Proves: A key is opened => for reading, below the machine's root, in the process's own view; closed when its owner goes
 TEST(RegistryKeyOpening, AsksForReadingInTheProcessesOwnView)
 {
     const HKEY given = reinterpret_cast<HKEY>(static_cast<INT_PTR>(0x1234));
@@ -86,6 +88,7 @@ TEST(RegistryKeyOpening, AsksForReadingInTheProcessesOwnView)
     EXPECT_EQ(closed, std::vector<HKEY>{given});
 }
 
+// Proves: A key cannot be opened => registry error with the status and "Unable to open registry key"; nothing is logged
 TEST(RegistryKeyOpening, FailureIsRaisedWithItsStatusAndNotLogged)
 {
     MachineRegistry registry;
@@ -119,6 +122,8 @@ class RegistryString : public testing::TestWithParam<StoredValue>
 {
 };
 
+// Proves: The value is no plain text => the same error, with the status that says so
+// Proves: Empty text, no bytes, half a character => an empty text
 TEST_P(RegistryString, TypeAndSizeDecide)
 {
     MachineRegistry registry;
@@ -182,6 +187,7 @@ TEST(RegistryStrings, ValueOfASubKey)
     EXPECT_EQ(ReadRegistryString(key, L"", L"Value"), L"itself");
 }
 
+// Proves: The value is missing => registry error "Unable to get registry value" with status 2
 TEST(RegistryStrings, MissingValueOrSubKeyIsFileNotFound)
 {
     MachineRegistry registry;
@@ -195,6 +201,7 @@ TEST(RegistryStrings, MissingValueOrSubKeyIsFileNotFound)
     }
 }
 
+// Proves: A text is read => first its size, then the text up to its first NUL, from the key or a sub-key
 TEST(RegistryStrings, FirstReadAsksForTheSizeAndTheSecondForTheText)
 {
     const RegistryKey key = OpenMachineKey(L"SOFTWARE");
@@ -236,6 +243,7 @@ class RegistryReadStatus : public testing::TestWithParam<TwoReads>
 {
 };
 
+// Proves: First and second read disagree => the second decides whether it is an error, the error carries the first one's status
 TEST_P(RegistryReadStatus, SecondDecidesButTheFirstIsCarried)
 {
     int calls = 0;
@@ -278,6 +286,7 @@ TEST(RegistryStrings, WithoutACharacterThereIsNoBuffer)
     }
 }
 
+// Proves: A number cannot be written => the error's text names value and number, cut after 259 characters
 TEST(RegistryWriteError, TextWithNameAndNumber)
 {
     EXPECT_EQ(FormatRegistryWriteError(L"VLTUWPReplaced", 1),

@@ -36,12 +36,14 @@ std::string Written(const std::wstring& text)
     return std::string(bytes, count);
 }
 
+// Proves: The standard output is a pipe => the text arrives as well
 TEST(StandardOutput, TextAsItIsWithoutALineEnd)
 {
     EXPECT_EQ(Written(L"one\ntwo\t3"), "one\ntwo\t3");
     EXPECT_EQ(Written(std::wstring(3000, L'x')), std::string(3000, 'x'));
 }
 
+// Proves: The path has characters that the standard output cannot show, or there is no standard output => question marks; nothing is written
 TEST(StandardOutput, CharacterThatTheCodePageLacksIsAQuestionMarkAndTheRestFollows)
 {
     if (GetACP() == CP_UTF8)

@@ -15,6 +15,7 @@ namespace repair
 {
 namespace
 {
+// Proves: The text of a code is asked for => the system's text in one line, exactly as long as the system says, placeholders left alone; the memory is given back
 TEST(SystemMessage, AsksTheSystemForOneLineAndKeepsExactlyTheLengthReturned)
 {
     wchar_t* const given = static_cast<wchar_t*>(LocalAlloc(LMEM_ZEROINIT, 64));
@@ -41,6 +42,7 @@ TEST(SystemMessage, AsksTheSystemForOneLineAndKeepsExactlyTheLengthReturned)
     EXPECT_EQ(freed, given);
 }
 
+// Proves: The system has no text for it => an empty text
 TEST(SystemMessage, CodeWithoutATextIsEmpty)
 {
     EXPECT_EQ(FormatSystemMessage(0x20001234), L"");

@@ -41,6 +41,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Occurrence{L"\u212a", L"k", false}, Occurrence{L"\u0131", L"I", false},
                     Occurrence{std::wstring(L"a\0bC", 4), std::wstring(L"\0Bc", 3), true}));
 
+// Proves: A line is formatted => wide and narrow texts, signed numbers
 TEST(LineFormat, WidePrintfFamily)
 {
     EXPECT_EQ(FormatLine(L"no arguments"), L"no arguments");
@@ -59,6 +60,7 @@ TEST(LineFormat, BlankBeforeTheConversionIsTheSignBlankAndNothingForText)
     EXPECT_EQ(FormatLine(L"property: % d % s", -5, L"text"), L"property: -5 text");
 }
 
+// Proves: A line is longer than 1,023 characters, or has a NUL inside => it is cut there
 TEST(LineFormat, CutsAfter1023Characters)
 {
     EXPECT_EQ(FormatLine(L"%s", std::wstring(1022, L'x').c_str()), std::wstring(1022, L'x'));

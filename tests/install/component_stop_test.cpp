@@ -38,6 +38,7 @@ std::vector<std::wstring> AfterAsking(const std::wstring& commandTool)
     return steps;
 }
 
+// Proves: The application is installed => it is asked to exit, then five names are killed in a fixed order, even when the asking succeeded; 30 seconds for each step
 TEST(StopRunningComponents, AsksTheApplicationToExitAndThenKillsAllFiveByName)
 {
     MachineRegistry registry;
@@ -60,6 +61,7 @@ TEST(StopRunningComponents, AsksTheApplicationToExitAndThenKillsAllFiveByName)
                             L"exit code 0"));
 }
 
+// Proves: The location ends in a backslash => two backslashes; it is taken as it is
 TEST(StopRunningComponents, LocationThatEndsInABackslashGetsASecondOne)
 {
     MachineRegistry registry;
@@ -69,6 +71,7 @@ TEST(StopRunningComponents, LocationThatEndsInABackslashGetsASecondOne)
     EXPECT_THAT(machine.steps, ElementsAreArray(AfterAsking(L"C:\\HL\\\\hlcmd.exe")));
 }
 
+// Proves: The key or the location is missing => nobody is asked, nothing is logged about it, the five kills run
 TEST(StopRunningComponents, WithoutTheApplicationsKeyNobodyIsAskedAndNothingLogged)
 {
     MachineRegistry registry;
@@ -90,6 +93,8 @@ TEST(StopRunningComponents, WithoutALocationNobodyIsAskedAndNothingLogged)
     EXPECT_THAT(log.Lines(), SizeIs(5));
 }
 
+// Proves: The command tool is missing => the failed start is logged, the kills run
+// Proves: A name is not running => taskkill's code is logged and ignored
 TEST(StopRunningComponents, KillsWhenTheCommandToolIsMissingAndWhenEveryKillFails)
 {
     MachineRegistry registry;
@@ -107,6 +112,7 @@ TEST(StopRunningComponents, KillsWhenTheCommandToolIsMissingAndWhenEveryKillFail
               L"Process C:\\windows\\system32\\taskkill.exe  /IM \"TavikLPServ.exe\" /F completed with exit code 128");
 }
 
+// Proves: The key is read (stopping the application) => for reading, and closed before the command tool runs
 TEST(StopRunningComponents, ReadsTheKeyInTheProcesssOwnViewAndClosesItBeforeTheToolRuns)
 {
     MachineRegistry registry;
@@ -138,6 +144,7 @@ TEST(StopRunningComponents, ReadsTheKeyInTheProcesssOwnViewAndClosesItBeforeTheT
     EXPECT_EQ(machine.steps[1], L"run C:\\HL\\hlcmd.exe | exit | -");
 }
 
+// Proves: taskkill is looked for => in the system's folder; its parameters begin with a blank and quote the name
 TEST(StopRunningComponents, TaskkillIsTheOneOfTheSystemDirectory)
 {
     MachineRegistry registry;

@@ -55,6 +55,8 @@ protected:
     FakeMachine machine_;
 };
 
+// Proves: Everything is there => no Windows Installer interface, folder, installer, products of the three families asked for, programs stopped, removals, main package, DVR, PXL, shell told; in this order
+// Proves: The installer is started => with the extraction folder last and unquoted, even with blanks in it; the folder is the working directory; waited for without limit
 TEST_F(InstallSequence, RunsItsStepsInOrder)
 {
     machine_.UnpacksMainPackage();
@@ -94,6 +96,8 @@ TEST_F(InstallSequence, RunsItsStepsInOrder)
                 }));
 }
 
+// Proves: Removals and installs => each has its line and its result; a removal's 3010 stays 3010, an install's becomes 0
+// Proves: A removal fails => ignored
 TEST_F(InstallSequence, LogsEveryRemovalAndEveryInstallation)
 {
     machine_.UnpacksMainPackage();
@@ -114,6 +118,7 @@ TEST_F(InstallSequence, LogsEveryRemovalAndEveryInstallation)
                             L"Installing " + Dvr(), L"\tResult = 0", L"Installing " + Pxl(), L"\tResult = 1619"));
 }
 
+// Proves: No product, not all components wanted => no removal line, only the main package
 TEST_F(InstallSequence, WithoutProductsOnlyTheMainPackageIsInstalledAndNothingRemoved)
 {
     machine_.UnpacksMainPackage();
@@ -123,6 +128,7 @@ TEST_F(InstallSequence, WithoutProductsOnlyTheMainPackageIsInstalledAndNothingRe
     EXPECT_THAT(OwnLines(log), ElementsAre(L"Installing " + Main(), L"\tResult = 0"));
 }
 
+// Proves: All components wanted => all three packages
 TEST_F(InstallSequence, AllComponentsWhenTheCallerWantsThem)
 {
     machine_.UnpacksMainPackage();
@@ -132,6 +138,7 @@ TEST_F(InstallSequence, AllComponentsWhenTheCallerWantsThem)
         ElementsAre(L"install " + Main() + kInstall, L"install " + Dvr() + kInstall, L"install " + Pxl() + kInstall));
 }
 
+// Proves: DVR installed, PXL not (and the reverse) => only the one that was there comes back
 TEST_F(InstallSequence, DvrPackageComesBackWhereItWas)
 {
     machine_.UnpacksMainPackage();
@@ -152,6 +159,7 @@ TEST_F(InstallSequence, PxlPackageComesBackWhereItWas)
         ElementsAre(L"install C:\\p.msi" + kRemoval, L"install " + Main() + kInstall, L"install " + Pxl() + kInstall));
 }
 
+// Proves: The main package is missing afterwards => "Unable to find" is logged, result 2; nothing was stopped or removed
 TEST_F(InstallSequence, MissingMainPackageEndsItBeforeAnythingIsStoppedOrRemoved)
 {
     machine_.Unpacks(L"\\HL\\pxl64\\PXL64.msi");
@@ -162,6 +170,7 @@ TEST_F(InstallSequence, MissingMainPackageEndsItBeforeAnythingIsStoppedOrRemoved
     EXPECT_THAT(OwnLines(log), ElementsAre(L"Unable to find " + Main() + L"."));
 }
 
+// Proves: The installer cannot be started => its line, then "Unable to find" and result 2
 TEST_F(InstallSequence, InstallerThatDoesNotStartShowsAsAMissingMainPackage)
 {
     machine_.startErrors[L"C:\\i.exe"] = 5;
@@ -171,6 +180,7 @@ TEST_F(InstallSequence, InstallerThatDoesNotStartShowsAsAMissingMainPackage)
                                          L"Unable to find " + Main() + L"."));
 }
 
+// Proves: The installer reports failure but has unpacked => not minded
 TEST_F(InstallSequence, InstallerThatReportsFailureButUnpackedIsNotMinded)
 {
     machine_.UnpacksMainPackage();
@@ -178,6 +188,7 @@ TEST_F(InstallSequence, InstallerThatReportsFailureButUnpackedIsNotMinded)
     EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", false), 0);
 }
 
+// Proves: The main package fails => its code is the result; the other packages are installed all the same
 TEST_F(InstallSequence, FailureOfTheMainPackageIsTheResultAndTheOthersAreInstalledAllTheSame)
 {
     machine_.UnpacksMainPackage();
@@ -189,6 +200,7 @@ TEST_F(InstallSequence, FailureOfTheMainPackageIsTheResultAndTheOthersAreInstall
     EXPECT_EQ(machine_.steps.back(), L"notify 08000000 0");
 }
 
+// Proves: Another package fails, or was not unpacked => only logged
 TEST_F(InstallSequence, FailureOfAnotherPackageIsOnlyLogged)
 {
     machine_.UnpacksMainPackage();
@@ -197,6 +209,7 @@ TEST_F(InstallSequence, FailureOfAnotherPackageIsOnlyLogged)
     EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", true), 0);
 }
 
+// Proves: The user had a folder of their own => all packages go there
 TEST_F(InstallSequence, EveryPackageGoesIntoTheUsersOwnFolder)
 {
     TemporaryFolder programFiles;
@@ -250,6 +263,7 @@ TEST_F(InstallSequence, ParentsThatCannotBeCreatedAreThrownBeforeAnythingRuns)
     EXPECT_THAT(machine_.StepsOf(L"run"), IsEmpty());
 }
 
+// Proves: An exception, through the guard => logged with its text, result -1
 TEST_F(InstallSequence, GuardTurnsAnExceptionIntoALineAndMinusOne)
 {
     machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload", "in the way");
@@ -269,6 +283,7 @@ TEST_F(InstallSequence, GuardTurnsAnExceptionIntoALineAndMinusOne)
     EXPECT_THAT(log.Lines(), ElementsAre(L"\tException occured during installation. " + message));
 }
 
+// Proves: Something else than a standard exception => passes the guard
 TEST_F(InstallSequence, GuardLetsOtherExceptionsThrough)
 {
     machine_.onRun = [] { throw 5; };
@@ -277,6 +292,7 @@ TEST_F(InstallSequence, GuardLetsOtherExceptionsThrough)
     EXPECT_THAT(log.Lines(), Each(Not(StartsWith(L"\tException"))));
 }
 
+// Proves: The guard => installs only what was there, passes the result on
 TEST_F(InstallSequence, GuardInstallsOnlyWhatWasThereAndPassesTheResult)
 {
     machine_.UnpacksMainPackage();

@@ -25,6 +25,7 @@ namespace
 constexpr wchar_t kHalden[] = L"{5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}";
 constexpr wchar_t kApplicationKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\";
 
+// Proves: Products of a family are installed => their cached packages in the system's order, each asked for with a full buffer
 TEST(FindRelatedProductPackages, GivesTheCachedPackagesInTheInstallersOrder)
 {
     FakeMachine machine;
@@ -33,12 +34,14 @@ TEST(FindRelatedProductPackages, GivesTheCachedPackagesInTheInstallersOrder)
                 ElementsAre(L"C:\\Windows\\Installer\\b.msi", L"C:\\Windows\\Installer\\a.msi"));
 }
 
+// Proves: None => an empty list
 TEST(FindRelatedProductPackages, WithoutAProductTheListIsEmpty)
 {
     FakeMachine machine;
     EXPECT_THAT(FindRelatedProductPackages(L"{X}"), IsEmpty());
 }
 
+// Proves: A product's package cannot be read, or its path has 260 characters or more => it is left out
 TEST(FindRelatedProductPackages, LeavesOutWhatHasNoReadablePackage)
 {
     FakeMachine machine;
@@ -83,6 +86,7 @@ TEST(FindRelatedProductPackages, AsksForEveryIndexWithTheFullBufferEachTime)
     EXPECT_THAT(codes, ElementsAre(L"{first}", L"{second}"));
 }
 
+// Proves: The enumeration fails in between => it goes on with the code read before; only its end ends it
 TEST(FindRelatedProductPackages, AnErrorOfTheEnumerationDoesNotEndItAndTheCodeReadBeforeIsUsed)
 {
     SUBSTITUTE(MsiEnumRelatedProductsW)
@@ -133,6 +137,7 @@ TEST_P(ProductInformation, OfAProductThatCannotBeReadLeavesItOut)
     EXPECT_THAT(FindRelatedProductPackages(L"{X}"), IsEmpty());
 }
 
+// Proves: Is the desktop edition installed? => when the main family has a product with a readable package
 TEST(IsDesktopEditionInstalled, AnswersForTheMainFamilyOnly)
 {
     FakeMachine machine;
@@ -152,6 +157,7 @@ TEST(IsDesktopEditionInstalled, AProductWithoutAReadablePackageDoesNotCount)
     EXPECT_FALSE(IsDesktopEditionInstalled());
 }
 
+// Proves: A package is installed => with the fixed properties, nothing is logged
 TEST(InstallMsiPackage, PassesTheFixedPropertiesAndLogsNothing)
 {
     FakeMachine machine;
@@ -162,6 +168,7 @@ TEST(InstallMsiPackage, PassesTheFixedPropertiesAndLogsNothing)
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
+// Proves: Into a folder of the user's own, with blanks => logged, the folder is appended in quotes
 TEST(InstallMsiPackage, CustomFolderIsLoggedAndAppendedInQuotes)
 {
     FakeMachine machine;
@@ -178,6 +185,7 @@ class RebootCode : public testing::TestWithParam<UINT>
 };
 INSTANTIATE_TEST_SUITE_P(Codes, RebootCode, testing::Values(1641, 3010, 3011));
 
+// Proves: It wants a restart (1641, 3010, 3011) => logged, result 0
 TEST_P(RebootCode, CountsAsSuccessAndIsLogged)
 {
     FakeMachine machine;
@@ -193,6 +201,7 @@ class FailureCode : public testing::TestWithParam<UINT>
 INSTANTIATE_TEST_SUITE_P(Codes, FailureCode,
                          testing::Values(2, 5, 1601, 1602, 1603, 1618, 1619, 1620, 1638, 1640, 1642, 3009, 3012));
 
+// Proves: It fails otherwise => the code comes back, nothing is logged here
 TEST_P(FailureCode, ComesBackAsItIsAndIsNotLogged)
 {
     FakeMachine machine;
@@ -221,6 +230,7 @@ protected:
     }};
 };
 
+// Proves: The registered folder is another than the default one => it is the user's own
 TEST_F(GetCustomInstallDirTest, IsTheRegisteredFolderWhenItIsNotTheDefaultOne)
 {
     programFiles_.CreateFolder(L"Tavik");
@@ -231,6 +241,7 @@ TEST_F(GetCustomInstallDirTest, IsTheRegisteredFolderWhenItIsNotTheDefaultOne)
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
+// Proves: It is the default one in another spelling: letter case, short name, backslash at the end => none
 TEST_F(GetCustomInstallDirTest, IsEmptyForTheDefaultFolderInAnySpelling)
 {
     programFiles_.CreateFolder(L"Tavik");
@@ -241,6 +252,7 @@ TEST_F(GetCustomInstallDirTest, IsEmptyForTheDefaultFolderInAnySpelling)
     }
 }
 
+// Proves: The default folder does not exist => whatever is registered, even a folder that does not exist
 TEST_F(GetCustomInstallDirTest, IsWhateverIsRegisteredWhenThereIsNoDefaultFolder)
 {
     Register(L"Q:\\gone");
@@ -249,6 +261,7 @@ TEST_F(GetCustomInstallDirTest, IsWhateverIsRegisteredWhenThereIsNoDefaultFolder
     EXPECT_EQ(GetCustomInstallDir(), defaultFolder_);
 }
 
+// Proves: The default one exists, the registered one does not or cannot be opened => none, nothing is logged
 TEST_F(GetCustomInstallDirTest, IsEmptyWhenTheRegisteredFolderIsGoneButTheDefaultOneIsThere)
 {
     programFiles_.CreateFolder(L"Tavik");
@@ -258,6 +271,7 @@ TEST_F(GetCustomInstallDirTest, IsEmptyWhenTheRegisteredFolderIsGoneButTheDefaul
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
+// Proves: Key or value is missing => none, nothing is logged
 TEST_F(GetCustomInstallDirTest, IsEmptyWithoutTheKeyOrTheValueAndThenNoFolderIsLookedAt)
 {
     int asked = 0;
@@ -272,6 +286,7 @@ TEST_F(GetCustomInstallDirTest, IsEmptyWithoutTheKeyOrTheValueAndThenNoFolderIsL
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
+// Proves: The key is opened => for reading, in the process's own view, and closed
 TEST_F(GetCustomInstallDirTest, OpensTheKeyForReadingInTheOwnViewAndClosesIt)
 {
     Register(L"Q:\\x");

@@ -77,6 +77,7 @@ private:
     }};
 };
 
+// Proves: A program is started => through the shell with "open", hidden, without dialogs of the shell; path and parameters as they are
 TEST(LaunchProcess, AsksTheShellToOpenTheFileHiddenAndSilently)
 {
     StartedProgram program;
@@ -98,6 +99,7 @@ TEST(LaunchProcess, AsksTheShellToOpenTheFileHiddenAndSilently)
     EXPECT_EQ(program.seen.hProcess, nullptr);
 }
 
+// Proves: No working directory is given => the shell chooses one
 TEST(LaunchProcess, WithoutAWorkingDirectoryTheShellChoosesOne)
 {
     StartedProgram program;
@@ -110,6 +112,7 @@ class LaunchProcessWait : public testing::TestWithParam<DWORD>
 };
 INSTANTIATE_TEST_SUITE_P(Times, LaunchProcessWait, testing::Values(0, 1, 30'000, 0xFFFFFFFF));
 
+// Proves: It runs => it is waited for once, for the given time; that the waiting fails does not matter
 TEST_P(LaunchProcessWait, WaitsOnceForTheGivenTime)
 {
     StartedProgram program;
@@ -117,6 +120,8 @@ TEST_P(LaunchProcessWait, WaitsOnceForTheGivenTime)
     EXPECT_THAT(program.waits, ElementsAre(GetParam()));
 }
 
+// Proves: It ends => its exit code is logged and returned, the handle is closed
+// Proves: Exit code 2, and a missing file => both give 2, only the log tells them apart
 TEST(LaunchProcess, ReturnsAndLogsTheExitCodeAndClosesTheHandle)
 {
     StartedProgram program;
@@ -127,6 +132,7 @@ TEST(LaunchProcess, ReturnsAndLogsTheExitCodeAndClosesTheHandle)
     EXPECT_THAT(log.Lines(), ElementsAre(L"Process a.exe /x completed with exit code 2"));
 }
 
+// Proves: Empty parameters => two blanks in the line
 TEST(LaunchProcess, EmptyParametersLeaveTwoBlanksInTheLine)
 {
     StartedProgram program;
@@ -135,6 +141,7 @@ TEST(LaunchProcess, EmptyParametersLeaveTwoBlanksInTheLine)
     EXPECT_THAT(log.Lines(), ElementsAre(L"Process a.exe  completed with exit code 0"));
 }
 
+// Proves: Exit codes above 0x7FFFFFFF => negative numbers
 TEST(LaunchProcess, ExitCodesAboveTheSignedRangeAreNegative)
 {
     StartedProgram program;
@@ -144,6 +151,7 @@ TEST(LaunchProcess, ExitCodesAboveTheSignedRangeAreNegative)
     EXPECT_THAT(log.Lines(), ElementsAre(L"Process a.exe /x completed with exit code -1073741819"));
 }
 
+// Proves: It outlives the wait => it is not killed, the handle is closed; the code is 259
 TEST(LaunchProcess, ProgramThatOutlivesTheWaitGoesOnAndIsReportedAsStillActive)
 {
     StartedProgram program;
@@ -179,6 +187,7 @@ class LaunchProcessStartFailure : public testing::TestWithParam<DWORD>
 };
 INSTANTIATE_TEST_SUITE_P(Codes, LaunchProcessStartFailure, testing::Values(2, 5, 1155, 1223, 99'999));
 
+// Proves: It cannot be started => logged with code and text, the code comes back, nothing is waited for
 TEST_P(LaunchProcessStartFailure, IsLoggedWithTheSystemsTextAndItsErrorReturned)
 {
     const DWORD code = GetParam();
@@ -209,6 +218,7 @@ TEST(LaunchProcess, MissingFileIsReportedByTheRealShell)
                                                     L"Error code = 2 ")));
 }
 
+// Proves: The exit code cannot be read, or no process handle came back => logged with code and text, the code comes back, the handle is closed
 TEST(LaunchProcess, ExitCodeThatCannotBeReadIsLoggedAndItsErrorReturnedAndTheHandleClosed)
 {
     const HANDLE process = CreateEventW(nullptr, TRUE, TRUE, nullptr);
@@ -235,6 +245,7 @@ TEST(LaunchProcess, StartWithoutAProcessHandleEndsAsAnUnreadableExitCode)
     EXPECT_THAT(log.Lines(), ElementsAre(StartsWith(L"Unable to get exit code for process a.txt . Error code = 6 ")));
 }
 
+// Proves: A very long command line => is cut in the log only
 TEST(LaunchProcess, LongLineIsCutInTheLogButNotOnTheCommandLine)
 {
     StartedProgram program;

@@ -176,6 +176,7 @@ protected:
     }};
 };
 
+// Proves: The rights are made => full access for administrators and system, reading, running and deleting for the session's user; in this order, inherited by what lies inside
 TEST_F(SecureDirectoryTest, GrantsThreeEntriesInThisOrder)
 {
     EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
@@ -187,6 +188,7 @@ TEST_F(SecureDirectoryTest, GrantsThreeEntriesInThisOrder)
     EXPECT_EQ(sessionTexts_, 0);  // all given back
 }
 
+// Proves: The folder is made => rights, parents, removal of the old one, the folder with the rights, the marker; the memory is given back
 TEST_F(SecureDirectoryTest, SetsUpTheRightsFirstThenTheParentsThenTheFolderThenTheMarker)
 {
     EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
@@ -194,6 +196,7 @@ TEST_F(SecureDirectoryTest, SetsUpTheRightsFirstThenTheParentsThenTheFolderThenT
     EXPECT_THAT(freed_, testing::Contains(static_cast<void*>(list_)));
 }
 
+// Proves: The marker file => stays open until the process ends, keeps the folder from being removed, and goes with the process, even a killed one
 TEST_F(SecureDirectoryTest, MarkerStaysOpenAndKeepsTheFolderFromBeingRemoved)
 {
     ASSERT_EQ(CreateSecureDirectory(folder_), 0u);
@@ -207,6 +210,7 @@ TEST_F(SecureDirectoryTest, MarkerStaysOpenAndKeepsTheFolderFromBeingRemoved)
     EXPECT_FALSE(Exists(folder_ + L"\\~.tmp"));  // gone with its handle
 }
 
+// Proves: Something of an earlier run is there, or a file in the folder's place => it is gone before the installer starts
 TEST_F(SecureDirectoryTest, NothingOfAnEarlierRunSurvives)
 {
     CreateDirectories(folder_ + L"\\HL\\halden");
@@ -216,6 +220,7 @@ TEST_F(SecureDirectoryTest, NothingOfAnEarlierRunSurvives)
     EXPECT_TRUE(Exists(folder_ + L"\\~.tmp"));
 }
 
+// Proves: The access list cannot be made => its error, nothing is created; the installation goes on with what is there
 TEST_F(SecureDirectoryTest, ReturnsTheErrorAndCreatesNothingWhenTheAccessListCannotBeMade)
 {
     aclResult_ = 1332;
@@ -226,6 +231,7 @@ TEST_F(SecureDirectoryTest, ReturnsTheErrorAndCreatesNothingWhenTheAccessListCan
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
+// Proves: The descriptor cannot be set up => its error, an old folder stays, the memory is given back
 TEST_F(SecureDirectoryTest, ReturnsTheErrorAndLeavesAnOldFolderWhenTheDescriptorCannotBeInitialized)
 {
     CreateDirectories(folder_);
@@ -254,6 +260,7 @@ TEST_F(SecureDirectoryTest, ReturnsTheErrorAndCreatesNothingWhenTheListCannotBeS
     EXPECT_THAT(calls_, ElementsAre("entries"));
 }
 
+// Proves: The folder cannot be created (extraction folder) => its error, no marker, the memory is given back; the installation goes on
 TEST_F(SecureDirectoryTest, AFolderThatCannotBeCreatedGivesItsErrorAndNoMarker)
 {
     folderError_ = 112;
@@ -262,6 +269,7 @@ TEST_F(SecureDirectoryTest, AFolderThatCannotBeCreatedGivesItsErrorAndNoMarker)
     EXPECT_THAT(freed_, testing::Contains(static_cast<void*>(list_)));
 }
 
+// Proves: The parents cannot be created => exception "create_directories" before anything runs; -1 through the guard
 TEST_F(SecureDirectoryTest, ParentsThatCannotBeCreatedAreAnExceptionForCreateDirectories)
 {
     parent_.WriteBytes(L"Tavik", "a file where the parent should be");
@@ -269,6 +277,7 @@ TEST_F(SecureDirectoryTest, ParentsThatCannotBeCreatedAreAnExceptionForCreateDir
     EXPECT_THAT(error.what(), testing::HasSubstr("create_directories"));
 }
 
+// Proves: The old folder cannot be removed => exception "remove_all" before anything runs; -1 through the guard
 TEST_F(SecureDirectoryTest, AnOldFolderThatCannotBeRemovedIsAnExceptionForRemoveAll)
 {
     CreateDirectories(folder_);
@@ -281,6 +290,7 @@ TEST_F(SecureDirectoryTest, AnOldFolderThatCannotBeRemovedIsAnExceptionForRemove
     CloseHandle(open);
 }
 
+// Proves: The marker cannot be created => passed over
 TEST_F(SecureDirectoryTest, AMarkerThatCannotBeCreatedIsPassedOver)
 {
     markerFails_ = true;
@@ -300,6 +310,7 @@ TEST_F(SecureDirectoryTest, AsksForTheTwoWellKnownGroups)
     EXPECT_THAT(types, ElementsAre(26, 22));
 }
 
+// Proves: The session cannot be asked => an empty name is used, nothing is released
 TEST_F(SecureDirectoryTest, ASessionThatCannotBeAskedGivesAnEmptyNameAndReleasesNothing)
 {
     SUBSTITUTE(WTSQuerySessionInformationW)

@@ -65,6 +65,7 @@ protected:
     MadeUpDevices machine_;
 };
 
+// Proves: An adapter of the maker with its package => one record: id, driver key, release, release up to the first hyphen, package folder, description, problem code; the calls have their parameters
 TEST_F(DisplayDrivers, RecordAndLogOfAnAdapterWithItsPackage)
 {
     AddAdapter(L"PCI\\VEN_1E7D&DEV_0042\\4&1", L"24.20.11-240611a");
@@ -87,6 +88,7 @@ TEST_F(DisplayDrivers, RecordAndLogOfAnAdapterWithItsPackage)
     EXPECT_THAT(machine_.calls, ElementsAre(L"open", L"drivers of PCI\\VEN_1E7D&DEV_0042\\4&1", L"close"));
 }
 
+// Proves: No device at all => an empty list, without a line
 TEST_F(DisplayDrivers, NoDeviceIsAnEmptyListWithoutALine)
 {
     LogCapture log;
@@ -107,6 +109,8 @@ class DisplayDriversSetupCode : public DisplayDrivers, public testing::WithParam
 {
 };
 
+// Proves: The list of devices cannot be opened => logged with the code as HRESULT and its text; empty list
+// Proves: The first device has no id => logged; an empty id, so it is not the maker's
 TEST_P(DisplayDriversSetupCode, IsAnHresultInTheLog)
 {
     const auto expected = [](const std::wstring& start) {
@@ -138,6 +142,7 @@ INSTANTIATE_TEST_SUITE_P(All, DisplayDriversSetupCode,
                                          SetupCode{0xC0000005, 0xC0000005, L"-1073741819"},
                                          SetupCode{0x60000001, 0x80070001, L"-2147024895"}));
 
+// Proves: A later device has no id => logged; the id of the device before is used
 TEST_F(DisplayDrivers, IdThatCannotBeReadIsThatOfTheDeviceBefore)
 {
     AddAdapter(L"PCI\\VEN_1E7D&DEV_1", L"2-x");
@@ -154,6 +159,7 @@ TEST_F(DisplayDrivers, IdThatCannotBeReadIsThatOfTheDeviceBefore)
                                          L"Enumerating installed drivers for PCI\\VEN_1E7D&DEV_1 - Marlin 5"));
 }
 
+// Proves: An id is shorter than the one before => it ends where it ends
 TEST_F(DisplayDrivers, ShorterIdAfterALongerOneIsReadUpToItsEnd)
 {
     AddAdapter(L"PCI\\VEN_1E7D&DEV_0001&SUBSYS_LONG", L"2");
@@ -161,6 +167,7 @@ TEST_F(DisplayDrivers, ShorterIdAfterALongerOneIsReadUpToItsEnd)
     EXPECT_EQ(EnumerateDisplayDrivers().back().instanceId, L"PCI\\VEN_1E7C");
 }
 
+// Proves: The description cannot be read => nothing is logged, it is empty, the adapter is kept
 TEST_F(DisplayDrivers, WithoutADescriptionTheAdapterIsKeptAndNothingIsLogged)
 {
     AddAdapter(L"PCI\\VEN_1E7D", L"1");
@@ -182,6 +189,8 @@ class DisplayDriversVendor : public DisplayDrivers, public testing::WithParamInt
 {
 };
 
+// Proves: Neither of the maker's two vendor ids in the id => one line for each such device, left out
+// Proves: A vendor id anywhere, in lower case => it is the maker's
 TEST_P(DisplayDriversVendor, StandsInTheInstanceIdInAnyCase)
 {
     AddAdapter(GetParam().id, L"1");
@@ -201,6 +210,7 @@ INSTANTIATE_TEST_SUITE_P(
                     InstanceId{L"ROOT\\X&VEN_1E7D", true}, InstanceId{L"PCI\\VEN_1E7E&DEV_1", false},
                     InstanceId{L"PCI\\VEN_8086&DEV_1E7D", false}, InstanceId{L"", false}));
 
+// Proves: The driver key cannot be read => logged, left out
 TEST_F(DisplayDrivers, WithoutADriverKeyItIsSkipped)
 {
     AddAdapter(L"PCI\\VEN_1E7D", L"1");
@@ -218,6 +228,7 @@ std::wstring Wide(const std::string& text)
     return std::wstring(text.begin(), text.end());
 }
 
+// Proves: The driver key cannot be opened, or has no readable release => logged with the reason, left out
 TEST_F(DisplayDrivers, WithoutAReadableReleaseItIsSkippedWithTheReason)
 {
     AddAdapter(L"PCI\\VEN_1E7D&1", L"1");
@@ -251,6 +262,7 @@ TEST_F(DisplayDrivers, AnyStandardExceptionOfTheReadingIsCaught)
                                          L"std::bad_alloc"));
 }
 
+// Proves: The driver key is opened => for reading, and closed
 TEST_F(DisplayDrivers, DriverKeyIsOpenedForReadingAndClosed)
 {
     AddAdapter(L"PCI\\VEN_1E7D", L"1");
@@ -288,6 +300,7 @@ class DisplayDriversRelease : public DisplayDrivers, public testing::WithParamIn
 {
 };
 
+// Proves: A release without a hyphen, or one that begins with it => the whole release; an empty one
 TEST_P(DisplayDriversRelease, BaseEndsBeforeTheFirstHyphen)
 {
     AddAdapter(L"PCI\\VEN_1E7D", GetParam().version);
@@ -301,6 +314,7 @@ INSTANTIATE_TEST_SUITE_P(All, DisplayDriversRelease,
                          testing::Values(Release{L"24.20.11-240611a-1", L"24.20.11"}, Release{L"24.20", L"24.20"},
                                          Release{L"-24.20", L""}, Release{L"", L""}, Release{L" 24 - x", L" 24 "}));
 
+// Proves: Device Manager reports a problem => logged, the adapter is kept with the code
 TEST_F(DisplayDrivers, ProblemCodeIsLoggedAndKept)
 {
     AddAdapter(L"PCI\\VEN_1E7D", L"1");
@@ -313,6 +327,7 @@ TEST_F(DisplayDrivers, ProblemCodeIsLoggedAndKept)
                                          L"Enumerating installed drivers for PCI\\VEN_1E7D - Marlin 5"));
 }
 
+// Proves: The problem code cannot be read => logged with the code as it is (not as HRESULT), 0, the adapter is kept
 TEST_F(DisplayDrivers, ProblemCodeThatCannotBeReadIsLoggedWithTheRawErrorAndZero)
 {
     AddAdapter(L"PCI\\VEN_1E7D", L"1");
@@ -326,6 +341,7 @@ TEST_F(DisplayDrivers, ProblemCodeThatCannotBeReadIsLoggedWithTheRawErrorAndZero
                             L"Enumerating installed drivers for PCI\\VEN_1E7D - Marlin 5"));
 }
 
+// Proves: The list of drivers cannot be built, a detail cannot be read => not noticed, the calls after it decide
 TEST_F(DisplayDrivers, DriverListThatCannotBeBuiltDoesNotMatter)
 {
     AddAdapter(L"PCI\\VEN_1E7D", L"1");
@@ -334,6 +350,7 @@ TEST_F(DisplayDrivers, DriverListThatCannotBeBuiltDoesNotMatter)
     EXPECT_EQ(EnumerateDisplayDrivers().front().driverFolder, folder_ / L"pack");
 }
 
+// Proves: No package carries the release => only the "Found driver" lines; the folder is empty, the adapter kept
 TEST_F(DisplayDrivers, WithoutAMatchingPackageTheFolderIsEmptyAndTheAdapterKept)
 {
     AddAdapter(L"PCI\\VEN_1E7D", L"24.20-b");
@@ -347,6 +364,7 @@ TEST_F(DisplayDrivers, WithoutAMatchingPackageTheFolderIsEmptyAndTheAdapterKept)
                                          L"Found driver " + other.storePath + L". Version [24.20-a]"));
 }
 
+// Proves: A package's release is the active one, in any letter case => logged, its folder is taken; the last such package wins
 TEST_F(DisplayDrivers, LastOfSeveralMatchingPackagesWinsWithoutRegardToCase)
 {
     AddAdapter(L"PCI\\VEN_1E7D", L"24.20-a");
@@ -363,6 +381,7 @@ TEST_F(DisplayDrivers, LastOfSeveralMatchingPackagesWinsWithoutRegardToCase)
                                          L"Found driver " + packages[2].storePath + L". Version [24.20]"));
 }
 
+// Proves: The driver store does not know a package => the path of the package before is used, even across adapters
 TEST_F(DisplayDrivers, PackageThatTheDriverStoreDoesNotKnowIsTakenForTheOneBefore)
 {
     AddAdapter(L"PCI\\VEN_1E7D", L"1");
@@ -385,6 +404,7 @@ TEST_F(DisplayDrivers, PathOfAnUnknownPackageIsKeptAcrossDevices)
     EXPECT_EQ(EnumerateDisplayDrivers().back().driverFolder, folder_ / L"known");
 }
 
+// Proves: An empty release => matches a package without one
 TEST_F(DisplayDrivers, EmptyReleaseMatchesAPackageWithoutOne)
 {
     AddAdapter(L"PCI\\VEN_1E7D", L"");
@@ -393,6 +413,7 @@ TEST_F(DisplayDrivers, EmptyReleaseMatchesAPackageWithoutOne)
     EXPECT_EQ(EnumerateDisplayDrivers().front().driverFolder, folder_ / L"pack");
 }
 
+// Proves: The path of the INF has doubled separators => the folder has none at its end
 TEST_F(DisplayDrivers, FolderIsThePathWithoutItsLastPartAndSeparators)
 {
     AddAdapter(L"PCI\\VEN_1E7D", L"1");
@@ -433,6 +454,8 @@ class DisplayDriversDescription : public DisplayDrivers, public testing::WithPar
 {
 };
 
+// Proves: "Microsoft" in the description => left out without a line, although the vendor matches
+// Proves: A description shorter than nine characters, or in other letter case => never left out for that
 TEST_P(DisplayDriversDescription, OfTheGenericDriverLeavesTheAdapterOutWithoutALine)
 {
     AddAdapter(L"PCI\\VEN_1E7D", L"1");
@@ -450,6 +473,7 @@ INSTANTIATE_TEST_SUITE_P(All, DisplayDriversDescription,
                                          Description{L"microsoft basic display", true},
                                          Description{L"MICROSOFT DISPLAY", true}, Description{L"", true}));
 
+// Proves: Releases 23.10.2 and 23.9.1 => 23.9.1 comes first: characters are compared, not numbers; a longer release before its own beginning
 TEST_F(DisplayDrivers, GreatestBaseComesFirstByCharactersNotNumbers)
 {
     AddAdapter(L"PCI\\VEN_1E7D&1", L"23.10.2-a");
@@ -466,6 +490,7 @@ TEST_F(DisplayDrivers, OrderIsByUtf16UnitsALongerBaseBeforeItsStart)
     EXPECT_THAT(Bases(), ElementsAre(L"\uff21", L"\U0001f600", L"a", L"Z", L"24.20", L"24", L""));
 }
 
+// Proves: Equal releases => keep the system's order
 TEST_F(DisplayDrivers, EqualBasesKeepTheSystemsOrder)
 {
     AddAdapter(L"PCI\\VEN_1E7D&1", L"5-a");
@@ -481,6 +506,7 @@ TEST_F(DisplayDrivers, EqualBasesKeepTheSystemsOrder)
     EXPECT_THAT(ids, ElementsAre(L"2", L"4", L"1", L"3", L"5"));
 }
 
+// Proves: Two adapters one after the other => nothing but the two shared buffers goes from one to the next
 TEST_F(DisplayDrivers, NothingOfADeviceLeaksIntoTheNext)
 {
     AddAdapter(L"PCI\\VEN_1E7D&1", L"2-a");

@@ -39,6 +39,7 @@ protected:
     }};
 };
 
+// Proves: Memory runs out on the way => the exception reaches the caller, the file is closed
 TEST_F(InventoryWithoutMemory, InfReaderClosesTheFileAndPassesTheExceptionOn)
 {
     EXPECT_THROW(ReadInfReleaseVersion(inf_), std::bad_alloc);
@@ -46,6 +47,7 @@ TEST_F(InventoryWithoutMemory, InfReaderClosesTheFileAndPassesTheExceptionOn)
     EXPECT_EQ(closed_, 1);
 }
 
+// Proves: An exception while an INF is read => it passes through, the device list is given back
 TEST_F(InventoryWithoutMemory, EnumerationGivesItsListBackAndPassesTheExceptionOn)
 {
     const MachineRegistry registry;

@@ -59,6 +59,9 @@ class InfSections : public testing::TestWithParam<InfText>
 {
 };
 
+// Proves: Section names are read => whole lines in brackets, in file order, twice when they stand there twice; each byte is a character
+// Proves: A header with a comment behind it, or indented => is none; a release that stands only there is not found
+// Proves: Saved as UTF-16 => no section is seen, the release is empty
 TEST_P(InfSections, AreTheLinesThatAreAHeaderAndNothingElse)
 {
     const TemporaryFolder folder;
@@ -86,6 +89,7 @@ INSTANTIATE_TEST_SUITE_P(
         InfText{"end-of-file byte", "[a]\n[b]\x1a\n[c]\n", {L"a", L"b"}}, InfText{"empty file", "", {}},
         InfText{"empty lines", "\n\n\n", {}}));
 
+// Proves: The file does not exist or cannot be opened as text => no section names, no exception
 TEST(InfSectionNames, FileThatCannotBeOpenedHasNone)
 {
     const TemporaryFolder folder;
@@ -98,6 +102,7 @@ TEST(InfSectionNames, FileThatCannotBeOpenedHasNone)
     EXPECT_THAT(ReadInfSectionNames(L""), IsEmpty());
 }
 
+// Proves: Another program writes the file and shares it; names of any language => it is read, and closed afterwards
 TEST(InfSectionNames, FileThatAWriterHoldsIsReadWhenTheWriterShares)
 {
     const TemporaryFolder folder;
@@ -122,6 +127,7 @@ TEST(InfSectionNames, FileIsClosedAfterwards)
     EXPECT_NE(DeleteFileW(path.c_str()), FALSE);
 }
 
+// Proves: Lines of a million characters, headers at the border of two reads => no trouble
 TEST(InfSectionNames, HostileLongLinesAreNoTrouble)
 {
     const TemporaryFolder folder;
@@ -155,6 +161,7 @@ std::list<std::wstring> SectionsReadOnASmallStack(std::wstring path)
     return std::move(reading.sections);
 }
 
+// Proves: An INF of 64 MiB without a line end, or two million odd lines => read in constant stack, matched as the expressions say
 TEST(InfSectionNames, LineOf64MebibytesIsReadInConstantStack)
 {
     const TemporaryFolder folder;
@@ -247,6 +254,11 @@ class InfReleaseVersion : public testing::TestWithParam<InfRelease>
 {
 };
 
+// Proves: The release line in any letter case => it counts
+// Proves: The value is a string key => the text of the strings section
+// Proves: Several release lines => the last one of the last section wins, also when it is empty
+// Proves: No matching line, no section => empty; the file is closed
+// Proves: Any of these => nothing is logged
 TEST_P(InfReleaseVersion, IsTheValueOfTheLastMatchingLine)
 {
     const TemporaryFolder folder;
@@ -384,6 +396,7 @@ protected:
     }};
 };
 
+// Proves: A section name stands there twice => it is searched twice
 TEST_F(MadeUpInf, SectionsAreSearchedInListOrderDuplicatesToo)
 {
     const std::wstring path = WriteHeaders("[B]\n[a]\n[B]\n[]\n");
@@ -391,6 +404,7 @@ TEST_F(MadeUpInf, SectionsAreSearchedInListOrderDuplicatesToo)
     EXPECT_THAT(calls_, ElementsAre(L"open", L"find B", L"find a", L"find B", L"find ", L"close"));
 }
 
+// Proves: A line that cannot be fetched, or is longer than 2,063 characters => passed over
 TEST_F(MadeUpInf, LineThatCannotBeFetchedIsPassedOver)
 {
     const std::wstring path = WriteHeaders("[S]\n");
@@ -399,6 +413,7 @@ TEST_F(MadeUpInf, LineThatCannotBeFetchedIsPassedOver)
     EXPECT_THAT(calls_, ElementsAre(L"open", L"find S", L"close"));
 }
 
+// Proves: A line that matches only in part => does not count
 TEST_F(MadeUpInf, TextIsMatchedAsAWhole)
 {
     const std::wstring path = WriteHeaders("[S]\n");
@@ -413,6 +428,7 @@ TEST_F(MadeUpInf, WithoutSectionsTheFileIsStillOpenedAndClosed)
     EXPECT_THAT(calls_, ElementsAre(L"open", L"close"));
 }
 
+// Proves: The system rejects the file => empty; nothing is closed that was not opened
 TEST_F(MadeUpInf, WhatWasNotOpenedIsNotClosed)
 {
     const std::wstring path = WriteHeaders("[S]\n");

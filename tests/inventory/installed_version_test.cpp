@@ -23,6 +23,7 @@ namespace
 {
 constexpr wchar_t kKey[] = L"SOFTWARE\\Tavik\\HL";
 
+// Proves: Both values are there => they come back as stored
 TEST(InstalledVersion, BothValuesAsStored)
 {
     MachineRegistry registry;
@@ -34,6 +35,7 @@ TEST(InstalledVersion, BothValuesAsStored)
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
+// Proves: No desktop application: the key is missing => both are empty, nothing is logged, the caller's line shows two empty pairs of brackets
 TEST(InstalledVersion, WithoutTheKeyBothAreEmptyAndNothingIsLogged)
 {
     MachineRegistry registry;
@@ -43,6 +45,7 @@ TEST(InstalledVersion, WithoutTheKeyBothAreEmptyAndNothingIsLogged)
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
+// Proves: Only one of the values is there => one text, one empty
 TEST(InstalledVersion, OneMayBeMissing)
 {
     MachineRegistry registry;
@@ -53,6 +56,7 @@ TEST(InstalledVersion, OneMayBeMissing)
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
+// Proves: A value is no text => empty, nothing is logged, the key is closed
 TEST(InstalledVersion, ValueThatIsNoTextIsEmpty)
 {
     MachineRegistry registry;
@@ -90,6 +94,7 @@ protected:
     }};
 };
 
+// Proves: The key is read (installed application version) => for reading only, in the process's own view, and closed
 TEST_P(WatchedKey, IsReadWithoutASubKeyAndClosed)
 {
     int reads = 0;
@@ -115,6 +120,7 @@ TEST_P(WatchedKey, IsClosedWhenTheReadFails)
     EXPECT_EQ(closed_, 1);
 }
 
+// Proves: Access to the key is denied => empty, nothing is logged
 TEST_P(WatchedKey, ThatIsDeniedGivesEmpty)
 {
     SUBSTITUTE(RegOpenKeyExW) deny([](auto...) { return ERROR_ACCESS_DENIED; });
@@ -122,6 +128,7 @@ TEST_P(WatchedKey, ThatIsDeniedGivesEmpty)
     EXPECT_EQ(closed_, 0);
 }
 
+// Proves: Any exception on the way => stays inside, the result is empty, the key is closed
 TEST_P(WatchedKey, ExceptionOfAnyTypeStaysInside)
 {
     {

@@ -24,6 +24,7 @@ HWND Window(UINT_PTR number)
     return reinterpret_cast<HWND>(number);
 }
 
+// Proves: The Store is asked => once, for the one product, tied to the given window; nothing is logged
 TEST(InstallStoreApplication, AsksTheStoreOnceForTheOneProductTiedToTheWindow)
 {
     FakeRuntime runtime;
@@ -36,6 +37,7 @@ TEST(InstallStoreApplication, AsksTheStoreOnceForTheOneProductTiedToTheWindow)
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
+// Proves: A null window => is handed on, the Store decides
 TEST(InstallStoreApplication, NullWindowIsHandedOnAsItIs)
 {
     FakeRuntime runtime;
@@ -48,6 +50,8 @@ class OverallState : public testing::TestWithParam<std::int32_t>
 };
 INSTANTIATE_TEST_SUITE_P(States, OverallState, testing::Range(0, 10));
 
+// Proves: The overall state is Completed => 0
+// Proves: Any other overall state (canceled, other error, Wi-Fi required, ...) => -1, nothing is logged here
 TEST_P(OverallState, OnlyCompletedIsSuccessAndNothingIsLogged)
 {
     FakeRuntime runtime;
@@ -64,6 +68,7 @@ class StoreCompletion : public testing::TestWithParam<Completion>
 INSTANTIATE_TEST_SUITE_P(Times, StoreCompletion,
                          testing::Values(Completion::kBefore, Completion::kInside, Completion::kLater));
 
+// Proves: The installation takes long => it is waited for, the window lives on
 TEST_P(StoreCompletion, IsWaitedForWheneverItComes)
 {
     FakeRuntime runtime;
@@ -71,6 +76,7 @@ TEST_P(StoreCompletion, IsWaitedForWheneverItComes)
     EXPECT_EQ(InstallStoreApplication(nullptr), 0);
 }
 
+// Proves: The operation is canceled => logged with the text of the cancellation, its code
 TEST_P(StoreCompletion, CanceledOperationGivesTheCancellationErrorAndItsLine)
 {
     FakeRuntime runtime;
@@ -81,6 +87,7 @@ TEST_P(StoreCompletion, CanceledOperationGivesTheCancellationErrorAndItsLine)
                 ElementsAre(L"Exception [Operation canceled by user.] when searching for UWP version of VLT"));
 }
 
+// Proves: No store context, or one without windows => "Store context does not implement ..." is logged, -1
 TEST(InstallStoreApplication, NoContextIsLoggedAndGivesMinusOne)
 {
     FakeRuntime runtime;
@@ -101,6 +108,7 @@ TEST(InstallStoreApplication, ContextWithoutTheWindowInterfaceIsLoggedAndGivesMi
     EXPECT_EQ(component::liveObjects, 1);
 }
 
+// Proves: The window is refused => "Unable to initialize with window." is logged, that code; the Store is not asked
 TEST(InstallStoreApplication, WindowThatIsRefusedGivesThatError)
 {
     FakeRuntime runtime;
@@ -119,6 +127,7 @@ INSTANTIATE_TEST_SUITE_P(Calls, StoreFailure,
                                          "DownloadAndInstall", "QueryInterface(IAsyncInfo)", "GetAsyncStatus",
                                          "PutCompleted", "GetResults", "GetOverallState"));
 
+// Proves: Any call or the operation fails => logged with its text, its code
 TEST_P(StoreFailure, GivesItsErrorAndTheTextOfTheSearch)
 {
     FakeRuntime runtime;
@@ -132,6 +141,7 @@ TEST_P(StoreFailure, GivesItsErrorAndTheTextOfTheSearch)
     EXPECT_EQ(LiveStrings(), 0);
 }
 
+// Proves: Any other exception (memory) => "Unknown expection" is logged, -1
 TEST_P(StoreFailure, OfMemoryIsAnUnknownException)
 {
     FakeRuntime runtime;
@@ -172,6 +182,7 @@ TEST_P(StoreWithoutAnObject, IsAFailureWithoutACrash)
     EXPECT_EQ(InstallStoreApplication(nullptr), static_cast<HRESULT>(0x80004003));
 }
 
+// Proves: Several installations in one process => the factory is fetched once, the context each time; nothing else is kept
 TEST(InstallStoreApplication, FactoryIsFetchedOncePerProcessAndTheContextEveryTime)
 {
     FakeRuntime runtime;
@@ -181,6 +192,7 @@ TEST(InstallStoreApplication, FactoryIsFetchedOncePerProcessAndTheContextEveryTi
     EXPECT_THAT(runtime.Calls(), Contains(L"default").Times(2));
 }
 
+// Proves: The thread has no apartment (store installation) => it gets one
 TEST(InstallStoreApplication, ThreadWithoutAnApartmentIsMadePartOfTheMultithreadedOne)
 {
     FakeRuntime runtime;

@@ -56,11 +56,13 @@ INSTANTIATE_TEST_SUITE_P(Names, MatchesStorePackageTest,
                                          Name{L"TavikSystemsInc_2.TavikCorvelSoftware", false},
                                          Name{L"TavikCorvelSoftware", false}));
 
+// Proves: A full name contains either name anywhere, in any letter case => it is the application
 TEST_P(MatchesStorePackageTest, ByEitherNameAnywhereInAnyLetterCase)
 {
     EXPECT_EQ(MatchesStorePackage(GetParam().text), GetParam().matches);
 }
 
+// Proves: Two usable versions, 1.10.0.0 and 1.9.5.0 => each is logged; the highest by numbers counts, wherever it stands
 TEST(QueryStorePackageVersion, HighestUsableVersionWinsFieldByField)
 {
     FakeRuntime runtime;
@@ -103,6 +105,7 @@ TEST_P(VersionOrder, DoesNotDependOnTheOrderOfEnumeration)
     EXPECT_EQ(Text(QueryStorePackageVersion()), GetParam().highest);
 }
 
+// Proves: A disabled package => logged as such, never counts, even as the highest
 TEST(QueryStorePackageVersion, DisabledPackageIsLoggedButNeverReturned)
 {
     FakeRuntime runtime;
@@ -114,6 +117,7 @@ TEST(QueryStorePackageVersion, DisabledPackageIsLoggedButNeverReturned)
                             std::wstring(L"User has ") + kSecond + L" - version 1.0.0.0"));
 }
 
+// Proves: All matching packages disabled => the same, after their lines
 TEST(QueryStorePackageVersion, OnlyDisabledPackagesMeanNotInstalled)
 {
     FakeRuntime runtime;
@@ -124,6 +128,8 @@ TEST(QueryStorePackageVersion, OnlyDisabledPackagesMeanNotInstalled)
                                          L"\tThis version is disabled", L"UWP version is not installed"));
 }
 
+// Proves: Other packages, a package without a name => passed over in silence
+// Proves: No matching package (store package query) => "UWP version is not installed", the zero version
 TEST(QueryStorePackageVersion, OtherPackagesAreNotMentioned)
 {
     FakeRuntime runtime;
@@ -134,6 +140,7 @@ TEST(QueryStorePackageVersion, OtherPackagesAreNotMentioned)
     EXPECT_THAT(log.Lines(), ElementsAre(L"UWP version is not installed"));
 }
 
+// Proves: Packages of other users => count: all packages are asked for, once
 TEST(QueryStorePackageVersion, AllPackagesOfAllUsersAreAskedForOnce)
 {
     FakeRuntime runtime;
@@ -142,6 +149,7 @@ TEST(QueryStorePackageVersion, AllPackagesOfAllUsersAreAskedForOnce)
                 ElementsAre(L"activate Windows.Management.Deployment.PackageManager", L"create", L"find"));
 }
 
+// Proves: The class's factory => is fetched once a process and kept, nothing else is; threads that race keep one; a failure is not kept
 TEST(QueryStorePackageVersion, FactoryIsFetchedOncePerProcess)
 {
     FakeRuntime runtime;
@@ -179,6 +187,7 @@ TEST(QueryStorePackageVersion, KeepsNothingButTheFactory)
 }
 
 // --- Activation
+// Proves: The thread has no apartment (store package query) => it becomes part of the multithreaded one, and the class is asked for once more; for no other error
 TEST(Activation, ThreadWithoutAnApartmentIsMadePartOfTheMultithreadedOneAndTriesAgain)
 {
     FakeRuntime runtime;
@@ -235,6 +244,7 @@ INSTANTIATE_TEST_SUITE_P(Functions, MissingRuntimeFunction,
                          testing::Values("RoGetActivationFactory", "WindowsCreateString", "WindowsDuplicateString",
                                          "WindowsDeleteString", "WindowsGetStringRawBuffer"));
 
+// Proves: A Windows without these classes or functions => logged as a failed search
 TEST_P(MissingRuntimeFunction, IsAFailureOfTheSearch)
 {
     FakeRuntime runtime;
@@ -254,6 +264,7 @@ INSTANTIATE_TEST_SUITE_P(Calls, SearchFailure,
                          testing::Values("activation", "ActivateInstance", "FindPackages", "First", "GetHasCurrent",
                                          "GetCurrent", "MoveNext"));
 
+// Proves: The manager cannot be created, or the enumeration fails (store package query) => logged with its text, the zero version
 TEST_P(SearchFailure, IsLoggedWithItsTextAndGivesTheZeroVersion)
 {
     FakeRuntime runtime;
@@ -277,6 +288,7 @@ TEST_P(SearchFailure, IsThrownByTheInnerSearch)
     EXPECT_THROW(FindStorePackageVersion(), WinrtError);
 }
 
+// Proves: Memory runs out while searching (store package query) => "Unknown expection", the zero version
 TEST_P(SearchFailure, OutOfMemoryIsAnUnknownException)
 {
     FakeRuntime runtime;
@@ -328,6 +340,7 @@ INSTANTIATE_TEST_SUITE_P(Calls, PackageFailure,
                                          PackageFault{"QueryInterface(IPackage3)", true},
                                          PackageFault{"GetStatus", true}, PackageFault{"VerifyIsOK", true}));
 
+// Proves: Reading one package fails => logged with text and name as far as it was read, the next one is looked at
 TEST_P(PackageFailure, IsLoggedWithTheNameAsFarAsReadAndTheNextOneIsLookedAt)
 {
     FakeRuntime runtime;
@@ -342,6 +355,7 @@ TEST_P(PackageFailure, IsLoggedWithTheNameAsFarAsReadAndTheNextOneIsLookedAt)
     EXPECT_EQ(LiveStrings(), 0);
 }
 
+// Proves: Memory runs out while reading one => "Unknown expection", the next one is looked at
 TEST_P(PackageFailure, OfMemoryIsAnUnknownException)
 {
     FakeRuntime runtime;

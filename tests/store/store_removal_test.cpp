@@ -29,6 +29,7 @@ std::wstring Removing(const wchar_t* name, const wchar_t* version)
     return std::wstring(L"Remvoing ") + name + L" - version " + version;
 }
 
+// Proves: Two matching packages => removed one after the other in the system's order, for all users, each with its two lines
 TEST(RemoveStorePackages, RemovesEveryMatchingPackageForAllUsersOneAfterTheOther)
 {
     FakeRuntime runtime;
@@ -45,6 +46,7 @@ TEST(RemoveStorePackages, RemovesEveryMatchingPackageForAllUsersOneAfterTheOther
                                          L"\t Result = 0 "));
 }
 
+// Proves: No matching package (store package removal) => nothing is logged, nothing removed
 TEST(RemoveStorePackages, WithoutAMatchingPackageNothingIsLoggedOrRemoved)
 {
     FakeRuntime runtime;
@@ -56,6 +58,7 @@ TEST(RemoveStorePackages, WithoutAMatchingPackageNothingIsLoggedOrRemoved)
     EXPECT_THAT(runtime.Calls(), testing::Each(Not(StartsWith(L"remove"))));
 }
 
+// Proves: Disabled packages => removed like any other, their status is not asked for
 TEST(RemoveStorePackages, DisabledPackagesAreRemovedLikeAnyOtherAndNobodyAsksForTheirStatus)
 {
     FakeRuntime runtime;
@@ -66,6 +69,7 @@ TEST(RemoveStorePackages, DisabledPackagesAreRemovedLikeAnyOtherAndNobodyAsksFor
     EXPECT_THAT(log.Lines(), ElementsAre(Removing(kFirst, L"1.2.3.4"), L"\t Result = 0 "));
 }
 
+// Proves: The system rejects a removal => signed code and text in the result line, the next package goes
 TEST(RemoveStorePackages, RefusedRemovalShowsAsItsSignedCodeAndText)
 {
     FakeRuntime runtime;
@@ -78,6 +82,7 @@ TEST(RemoveStorePackages, RefusedRemovalShowsAsItsSignedCodeAndText)
                                          Removing(kSecond, L"5.6.7.8"), L"\t Result = 0 "));
 }
 
+// Proves: A removal is canceled => logged with the full name, the next package goes
 TEST(RemoveStorePackages, CanceledRemovalIsLoggedAndTheNextPackageRemovedAllTheSame)
 {
     FakeRuntime runtime;
@@ -98,6 +103,7 @@ INSTANTIATE_TEST_SUITE_P(Calls, RemovalFailure,
                          testing::Values("RemovePackage", "QueryInterface(IAsyncInfo)", "GetAsyncStatus",
                                          "PutCompleted", "GetResults", "GetExtendedErrorCode", "GetErrorText"));
 
+// Proves: Any step of one package fails => logged with text and name, the next package goes
 TEST_P(RemovalFailure, IsLoggedWithThePackageAndTheNextOneRemovedAllTheSame)
 {
     FakeRuntime runtime;
@@ -118,6 +124,7 @@ TEST_P(RemovalFailure, IsLoggedWithThePackageAndTheNextOneRemovedAllTheSame)
     EXPECT_EQ(LiveBasicStrings(), 0);
 }
 
+// Proves: Memory runs out for one package => "Unknown expection" with its name
 TEST_P(RemovalFailure, OfMemoryIsAnUnknownException)
 {
     FakeRuntime runtime;
@@ -161,6 +168,7 @@ INSTANTIATE_TEST_SUITE_P(Calls, EnumerationFailure,
                          testing::Values("activation", "ActivateInstance", "FindPackages", "First", "GetHasCurrent",
                                          "GetCurrent", "MoveNext"));
 
+// Proves: The manager cannot be created, or the enumeration fails (store package removal) => one line in square brackets; what was removed before stays removed; the repair is still a success
 TEST_P(EnumerationFailure, EndsTheRemovalWithOneLineInSquareBrackets)
 {
     FakeRuntime runtime;
@@ -172,6 +180,7 @@ TEST_P(EnumerationFailure, EndsTheRemovalWithOneLineInSquareBrackets)
     EXPECT_THAT(log.Lines(), ElementsAre(L"Exception [Not for you.] when searching for UWP version of VLT"));
 }
 
+// Proves: Memory runs out while searching (store package removal) => "Unknown expection"
 TEST_P(EnumerationFailure, OfMemoryIsAnUnknownException)
 {
     FakeRuntime runtime;
@@ -190,6 +199,7 @@ TEST_P(EnumerationFailure, IsThrownByTheInnerRemoval)
     EXPECT_THROW(RemoveMatchingStorePackages(), WinrtError);
 }
 
+// Proves: Everything is removed => only the factory is kept
 TEST(RemoveStorePackages, KeepsNothingButTheFactory)
 {
     FakeRuntime runtime;

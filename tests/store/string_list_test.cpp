@@ -59,6 +59,7 @@ protected:
     component::StringIterable* list_ = nullptr;
 };
 
+// Proves: The list of products is read => at once or later, one by one or together: one entry
 TEST_F(StringListTest, IteratorGivesEachTextAndThenTheEnd)
 {
     Make({L"one", L"two"});
@@ -193,6 +194,7 @@ TEST_F(StringListTest, ViewGivesManyFromAnyStart)
     view->Release();
 }
 
+// Proves: The Store asks what kind of object the list is, and keeps it => it is one object behind all its interfaces, counted
 TEST_F(StringListTest, EveryInterfaceLeadsToTheSameIdentity)
 {
     Make({L"one"});
@@ -275,6 +277,7 @@ TEST_F(StringListTest, TextsThatCannotBeCopiedAreAFailureAndNoneIsHandedOut)
     runtime_.faults.fails.clear();
 }
 
+// Proves: A text of the list cannot be made or copied => a failure, and nothing half done is handed out
 TEST_F(StringListTest, TextsThatCannotBeMadeAreThrown)
 {
     runtime_.faults.fails["WindowsCreateString"] = E_FAIL;

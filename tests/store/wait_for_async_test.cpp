@@ -72,6 +72,7 @@ TEST_P(WaitForAsyncTimes, CompletedOperationGivesItsResult)
     EXPECT_EQ(outcome.thrown, S_OK);
 }
 
+// Proves: It was canceled => the cancellation error, results are not asked for
 TEST_P(WaitForAsyncTimes, CanceledOperationIsThrownWithoutAskingForResults)
 {
     const Outcome outcome = WaitFor(Ends(GetParam(), 2));
@@ -80,6 +81,7 @@ TEST_P(WaitForAsyncTimes, CanceledOperationIsThrownWithoutAskingForResults)
     EXPECT_THAT(runtime_.Calls(), testing::Not(Contains(L"results")));
 }
 
+// Proves: It ended with an error => what its results say
 TEST_P(WaitForAsyncTimes, FailedOperationThrowsWhatItsResultsSay)
 {
     FakePackage package = Ends(GetParam(), 3);
@@ -90,6 +92,7 @@ TEST_P(WaitForAsyncTimes, FailedOperationThrowsWhatItsResultsSay)
     EXPECT_EQ(outcome.message, L"The package is in use.");
 }
 
+// Proves: It has ended already => its result, without waiting
 TEST(WaitForAsync, FinishedOperationIsNotWaitedFor)
 {
     FakeRuntime runtime;
@@ -104,6 +107,7 @@ TEST(WaitForAsync, FinishedOperationIsNotWaitedFor)
     EXPECT_THAT(runtime.Calls(), ElementsAre(L"results"));
 }
 
+// Proves: It still runs => waited for without limit on an event of its own, which is closed; the handler may come inside the registration, or much later
 TEST(WaitForAsync, WaitsOnAnUnnamedManualResetEventWithoutALimitAndClosesIt)
 {
     FakeRuntime runtime;
@@ -172,6 +176,7 @@ class WaitForAsyncFailure : public testing::TestWithParam<std::string>
 INSTANTIATE_TEST_SUITE_P(Calls, WaitForAsyncFailure,
                          testing::Values("QueryInterface(IAsyncInfo)", "GetAsyncStatus", "PutCompleted", "GetResults"));
 
+// Proves: A call of it fails, there is no event, or a result is missing => an error
 TEST_P(WaitForAsyncFailure, IsThrown)
 {
     FakeRuntime runtime;

@@ -41,6 +41,7 @@ protected:
     FakeRuntime runtime_;
 };
 
+// Proves: It carries none, one for another code, one that cannot tell, or it is another thread's => the system's text for the code; empty when there is none
 TEST_F(ErrorText, WithoutAnErrorObjectIsTheSystemsOneWithoutTrailingBlanks)
 {
     EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
@@ -68,6 +69,7 @@ TEST_F(ErrorText, OfTheSystemIsInTheUsersLanguageAndKeepsItsLineBreaks)
     EXPECT_EQ(MessageFor(kDenied), L"one\r\ntwo");
 }
 
+// Proves: The thread carries an error object for this code => its restricted description, else its plain one, without trailing blanks
 TEST_F(ErrorText, IsTheRestrictedDescriptionWhenThereIsOne)
 {
     LeaveErrorObject(MakeErrorObject(L"plain", true, kDenied, L"restricted \r\n"));
@@ -110,6 +112,7 @@ TEST_F(ErrorText, OfAClassicObjectWithoutADescriptionIsTheSystemsOne)
     EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
 }
 
+// Proves: The text was used => the object leaves the thread
 TEST_F(ErrorText, IsUsedOnceTheObjectLeavesTheThread)
 {
     LeaveErrorObject(MakeErrorObject(L"once", true, kDenied));
@@ -123,6 +126,7 @@ TEST_F(ErrorText, OfAnotherThreadIsNotUsed)
     EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
 }
 
+// Proves: Exhausted memory => becomes the standard exception, so "Unknown expection"
 TEST_F(ErrorText, ExhaustedMemoryIsTheStandardExceptionAndTakesTheObjectAlong)
 {
     LeaveErrorObject(MakeErrorObject(L"no memory", true, E_OUTOFMEMORY));
@@ -136,6 +140,7 @@ TEST_F(ErrorText, WithoutTheErrorFunctionIsTheSystemsOne)
     EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
 }
 
+// Proves: A success code => is no error
 TEST_F(ErrorText, SuccessCodesThrowNothing)
 {
     EXPECT_NO_THROW(CheckResult(S_OK));

@@ -97,6 +97,7 @@ class KnownCode : public testing::TestWithParam<Message>
 };
 INSTANTIATE_TEST_SUITE_P(Codes, KnownCode, testing::ValuesIn(kMessages));
 
+// Proves: Codes 0 to 7 => each its text, icon and flags; the status window is hidden first, the hook is set before and removed after
 TEST_P(KnownCode, ShowsItsBoxAfterHidingTheWindowAndWithTheHookAroundIt)
 {
     MessageCalls message;
@@ -110,6 +111,7 @@ class UnknownCode : public testing::TestWithParam<int>
 };
 INSTANTIATE_TEST_SUITE_P(Codes, UnknownCode, testing::Values(-1, 8, 100, INT_MAX, INT_MIN));
 
+// Proves: Any other code, negative ones too => nothing is shown or hidden, the hook is set and removed
 TEST_P(UnknownCode, ShowsNothingAndHidesNothingButSetsAndRemovesTheHook)
 {
     MessageCalls message;
@@ -159,6 +161,7 @@ protected:
     }};
 };
 
+// Proves: The hook sees a dialog begin => it sends the icon, large first; it leaves all other messages and codes alone
 TEST_F(MessageIconHookTest, PutsTheIconOnADialogThatBeginsBigFirst)
 {
     EXPECT_EQ(Call(0, 0x110), 77);
@@ -181,6 +184,7 @@ TEST_F(MessageIconHookTest, LeavesOtherHookCodesAlone)
     EXPECT_THAT(icons_, IsEmpty());
 }
 
+// Proves: The icon cannot be loaded => nothing is sent
 TEST_F(MessageIconHookTest, WithoutAnIconSendsNothing)
 {
     icon_ = nullptr;
@@ -242,6 +246,8 @@ class RealBox : public testing::TestWithParam<int>
 };
 INSTANTIATE_TEST_SUITE_P(Codes, RealBox, testing::Values(0, 1, 2));
 
+// Proves: A box appears => it carries the tool's icon in both sizes and one button
+// Proves: Code 0 => no icon in the body, but one in the title bar
 TEST_P(RealBox, CarriesTheToolsIconInBothSizesAndOneButton)
 {
     StatusWindow window;
@@ -259,6 +265,7 @@ TEST_P(RealBox, CarriesTheToolsIconInBothSizesAndOneButton)
     EXPECT_EQ(seen.hasBodyIcon, GetParam() != 0);  // code 0 has no icon in its body
 }
 
+// Proves: After the box => the hook is gone
 TEST(ShowResultMessage, HookIsGoneAfterwards)
 {
     StatusWindow window;

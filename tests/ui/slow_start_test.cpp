@@ -17,6 +17,7 @@ namespace repair
 {
 namespace
 {
+// Proves: The thread needs longer than two seconds => the start returns anyway; later texts go to whatever handle is there
 TEST(SlowStart, IsNotWaitedForLongerThanTwoSecondsAndTheWindowWorksOnceItIsThere)
 {
     const std::thread::id mainThread = std::this_thread::get_id();

@@ -125,6 +125,7 @@ protected:
     StatusWindow window_;
 };
 
+// Proves: It is started => on a thread of its own; the start returns when it is ready, with title, icon, picture, controls and fonts
 TEST_F(StatusWindowTest, IsReadyWithItsTitleWhenTheStartReturns)
 {
     Start();
@@ -210,6 +211,7 @@ protected:
     const BYTE* next_ = nullptr;
 };
 
+// Proves: Dialog and banner are stored => dialog 161 has its size and style, the banner is 640 x 192 pixels in 24 bits
 TEST_F(Template, IsAnExtendedOneWithFourControls)
 {
     EXPECT_EQ(Take<WORD>(), 1u);
@@ -303,6 +305,7 @@ TEST_P(StatusWindowControl, HasItsPlaceStyleAndText)
     EXPECT_NEAR(actual.bottom, place.bottom, 1);
 }
 
+// Proves: The minimise mark => is a hyphen in the template and a dash on the window
 TEST_F(StatusWindowTest, MarkIsAHyphenInTheTemplateUntilTheFontsAreSet)
 {
     std::wstring before;
@@ -320,6 +323,7 @@ TEST_F(StatusWindowTest, MarkIsAHyphenInTheTemplateUntilTheFontsAreSet)
     EXPECT_EQ(before, L"-");
 }
 
+// Proves: The picture => fills the client area behind everything
 TEST_F(StatusWindowTest, PictureFillsTheClientAreaBehindEverything)
 {
     Start();
@@ -404,6 +408,7 @@ TEST_F(StatusWindowTest, HeadingHasTwentyPointsDotsAndMarkHaveTwelve)
     EXPECT_EQ(FontOf(1004).lfWeight, 400);
 }
 
+// Proves: Time passes => the dots take turns every half second
 TEST_F(StatusWindowTest, DotsTakeTurnsOnATimerOfTheBackground)
 {
     Shared<std::wstring> texts;
@@ -485,6 +490,7 @@ INSTANTIATE_TEST_SUITE_P(Codes, StatusText,
                                          StatusCase{1, L"Downloading compatible version of Tavik Software."},
                                          StatusCase{2, L"Installing..."}, StatusCase{3, L""}, StatusCase{-1, L""}));
 
+// Proves: A status is set => the text of its code is on the window when the call returns, the dialog is repainted; unknown codes are an empty text
 TEST_P(StatusText, IsOnTheWindowWhenTheCallReturnsAndTheDialogIsInvalidated)
 {
     SUBSTITUTE(SetTimer) noTimer([](HWND, UINT_PTR, UINT, TIMERPROC) { return UINT_PTR{1}; });
@@ -506,6 +512,7 @@ TEST_P(StatusText, IsOnTheWindowWhenTheCallReturnsAndTheDialogIsInvalidated)
     StopStatusWindow(window_);
 }
 
+// Proves: Not silent => picture and dialog are shown, in this order; the dialog is hidden for the box
 TEST_F(StatusWindowTest, IsShownBackgroundFirst)
 {
     Shared<std::pair<HWND, int>> shown;
@@ -518,6 +525,7 @@ TEST_F(StatusWindowTest, IsShownBackgroundFirst)
     EXPECT_THAT(shown.Get(), ElementsAre(std::pair(Background(), 5), std::pair(Dialog(), 5)));
 }
 
+// Proves: Silent => the window exists and its texts are set, but it is never shown; a silent run leaves it at its first text
 TEST_F(StatusWindowTest, SilentWindowExistsWithItsTextsButIsNeverShown)
 {
     Shared<HWND> shown;
@@ -535,6 +543,7 @@ TEST_F(StatusWindowTest, SilentWindowExistsWithItsTextsButIsNeverShown)
     EXPECT_THAT(shown.Get(), IsEmpty());
 }
 
+// Proves: No module instance => every operation does nothing
 TEST_F(StatusWindowTest, WithoutAnInstanceEveryOperationDoesNothing)
 {
     int touched = 0;
@@ -550,6 +559,7 @@ TEST_F(StatusWindowTest, WithoutAnInstanceEveryOperationDoesNothing)
     EXPECT_EQ(touched, 0);
 }
 
+// Proves: It is stopped => the flag is set, the close is posted to the thread, the thread is joined; the dialog ends with it
 TEST_F(StatusWindowTest, StopSetsTheFlagBeforeItPostsTheCloseToTheThreadAndJoins)
 {
     Start();
@@ -628,6 +638,7 @@ TEST_F(BrokenStart, WithoutADialog)
     EXPECT_EQ(window_.dialog, nullptr);
 }
 
+// Proves: Picture, dialog or the larger font cannot be created => the thread ends, the start waits its two seconds, the later stop joins an ended thread
 TEST_F(BrokenStart, WithoutABackground)
 {
     Shared<HWND> shown;
@@ -656,6 +667,7 @@ TEST_F(BrokenStart, WithoutTheHeadingsFont)
     EXPECT_EQ(timers, 0);
 }
 
+// Proves: The smaller font cannot be created => it goes on
 TEST_F(StatusWindowTest, WithoutTheSmallFontItGoesOn)
 {
     int fonts = 0;
@@ -670,6 +682,7 @@ TEST_F(StatusWindowTest, WithoutTheSmallFontItGoesOn)
     EXPECT_TRUE(window_.ready);
 }
 
+// Proves: The window ends => the larger font is deleted
 TEST_F(StatusWindowTest, HeadingsFontIsDeletedAtTheEnd)
 {
     Start();
@@ -737,6 +750,7 @@ protected:
     }};
 };
 
+// Proves: The system has the scaling functions, one of them, or neither => they are called before the dialog is made and taken back on every way out
 TEST_F(Scaling, IsLeftToTheSystemBeforeTheDialogIsMadeAndGivenBackAtTheEnd)
 {
     Start();
@@ -840,6 +854,7 @@ protected:
     }};
 };
 
+// Proves: A click on the mark => minimises; the texts go on changing, the box comes up all the same
 TEST_F(Mouse, ClickOnTheMarkMinimises)
 {
     Start();
@@ -852,6 +867,7 @@ TEST_F(Mouse, ClickOnTheMarkMinimises)
     EXPECT_EQ(order_.Get().front(), "release");
 }
 
+// Proves: The mouse is pressed anywhere else => it drags the window, as often as one likes; a mere click does nothing
 TEST_F(Mouse, DragAnywhereElseMovesTheWindow)
 {
     Start();
@@ -889,6 +905,7 @@ TEST_F(Mouse, ButtonOnAnotherControlDragsToo)
     EXPECT_THAT(actions_.Get(), ElementsAre(WPARAM{0xF012}));
 }
 
+// Proves: The mouse over the mark => a hand
 TEST_F(Mouse, OverTheMarkTheCursorIsAHand)
 {
     Shared<HCURSOR> cursors;
@@ -907,6 +924,7 @@ TEST_F(Mouse, OverTheMarkTheCursorIsAHand)
     StopStatusWindow(window_);
 }
 
+// Proves: It is stopped during a drag => it ends when the button is released
 TEST_F(Mouse, StopDuringADragEndsTheThreadWhenTheButtonIsReleased)
 {
     Start();
@@ -931,6 +949,7 @@ class EndingMessage : public StatusWindowTest, public testing::WithParamInterfac
 };
 INSTANTIATE_TEST_SUITE_P(Messages, EndingMessage, testing::Values(0x02, 0x10, 0x12));
 
+// Proves: A closing message arrives, for the thread or the window => the loop ends without dispatching it; other messages are dispatched
 TEST_P(EndingMessage, ForTheThreadLeavesTheLoopWithoutBeingDispatched)
 {
     Shared<UINT> dispatched;
@@ -977,6 +996,7 @@ TEST_F(StatusWindowTest, StopFlagAloneEndsTheLoopAfterTheNextMessage)
     EXPECT_TRUE(ThreadEnds());
 }
 
+// Proves: The message queue fails => the loop ends
 TEST_F(StatusWindowTest, FailingMessageQueueEndsTheLoop)
 {
     SUBSTITUTE(GetMessageW)
@@ -992,6 +1012,7 @@ TEST_F(StatusWindowTest, FailingMessageQueueEndsTheLoop)
 }
 
 // --- Painting
+// Proves: Text is painted => light, transparent, on the picture; everything else is left to the system
 TEST_F(StatusWindowTest, TextIsLightAndTransparentOnThePicture)
 {
     Start(true);

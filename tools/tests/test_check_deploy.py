@@ -109,6 +109,7 @@ FAULTS = {
 }
 
 
+# Proves: A file of the kit does not fit its format, the product or the outcomes => `tools/deployment_check.py` names it
 @pytest.mark.parametrize("rule, file, old, new, complaint", [
     (rule, *fault) for rule, faults in FAULTS.items() for fault in faults],
     ids=[f"{rule}-{number}" for rule, faults in FAULTS.items() for number in range(1, len(faults) + 1)])

@@ -94,6 +94,7 @@ def test_the_table_was_found():
     assert {same for _, _, same in pairs()} == {True, False}
 
 
+# Proves: The detection script compares releases => by the tool's own rule
 @pytest.mark.parametrize("base, installed, same", pairs())
 def test_the_same_release_is_the_tools_own_rule(base, installed, same):
     assert RULE["Test_SameRelease"](Text(base), Text(installed)) is same
@@ -129,6 +130,7 @@ def upgrade_key() -> str:
     return folder + "".join(digits[number] for number in order)
 
 
+# Proves: The detection script looks for the desktop edition => where Windows Installer lists it by its upgrade code
 @pytest.mark.parametrize("desktop, products", [({"release": "23.40"}, 1), (False, None)], ids=["installed", "not installed"])
 def test_the_desktop_edition_is_found_where_windows_installer_lists_it(desktop, products):
     """Wine's Windows Installer keeps this list in the same place as Windows' own."""
@@ -142,6 +144,7 @@ PRIVATE = r"C:\Program Files\Tavik\MIM\Temp"
 NOBODY = 'wtsapi32!WTSQuerySessionInformationW * return=1 text=""'
 
 
+# Proves: A silent run in a session without a user, as under SYSTEM => repaired, in the temporary folder that the repair script prepares
 def test_a_silent_run_in_a_session_without_a_user(lab):
     """The session has no user, so the tool cannot protect the folder it unpacks into and says nothing about it; the repair script
     has given it a temporary folder of its own, with that folder in it. What this cannot show: that Windows answers as the

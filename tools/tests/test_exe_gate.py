@@ -217,6 +217,7 @@ def shipped() -> bytes:
     return paths.need(paths.TOOL).read_bytes()
 
 
+# Proves: The exe loses one of its protections, imports something new, or carries a trace of the build => `scripts/check exe` complains
 def test_the_exe_passes():
     assert check_exe.complaints(paths.need(paths.TOOL), paths.BUILD) == []
 

@@ -87,6 +87,7 @@ def downloaded(folder: str) -> list[str]:
 
 # Machines
 
+# Proves: A machine is repaired from a mirror, over http and https => as from the maker's server; a shorter release has the shorter folder, a missing one ends the download
 def test_a_machine_is_repaired_from_it(lab, mirror):
     folder = f"http://127.0.0.1:{mirror.port}/vlt/"
     lab.run(machine(folder), "-SILENT")
@@ -158,6 +159,7 @@ def test_the_list_can_be_read(mirror):
         200, "".join(f"{digest}  {folder}/dwx2_install.txt\n" for folder in ("24.2", "24.20")).encode())
 
 
+# Proves: Something else is asked of the mirror => 404, never a redirect or a list; it only hands out, byte for byte
 @pytest.mark.parametrize("path", [
     "/", "/vlt", "/vlt/", "/vlt/24.20", "/vlt/24.20/", "/vlt/24.30/dwx2_install.txt", "/vlt/24.20.1/dwx2_install.txt", "/vlt/.lock",
     "/vlt/24.20/../.lock", "/vlt//dwx2_install.txt", "/24.20/dwx2_install.txt", "/vlt/24.20/dwx2_install.exe", "/../installer.exe",
@@ -174,6 +176,7 @@ def test_it_only_hands_out(mirror, method):
 
 # Many clients
 
+# Proves: 1,000 clients ask the mirror at once => all are answered
 def test_a_thousand_clients_at_once():
     """One second only, and 1 KiB for each: docs/mirror.md has the figures for real sizes."""
     done = subprocess.run([str(MIRROR / "loadtest"), "--small", "--seconds", "1"], capture_output=True, text=True, check=False)

@@ -15,12 +15,14 @@ def resource(kind: int, number: int) -> bytes:
     return subprocess.run(command, stdout=subprocess.PIPE, check=True).stdout
 
 
+# Proves: Windows reads the manifest => it asks for an administrator
 def test_manifest_asks_for_an_administrator():
     manifest = xml.etree.ElementTree.fromstring(resource(24, 1))
     level, = manifest.iter("{urn:schemas-microsoft-com:asm.v3}requestedExecutionLevel")
     assert level.attrib == {"level": "requireAdministrator", "uiAccess": "false"}
 
 
+# Proves: Somebody looks at the file's properties => file and product version 1.0.0.1, description "Tavik Software Compatibility Tool"
 def test_version_and_description():
     version = resource(16, 1)
     fixed = struct.unpack_from("<13I", version, version.index(struct.pack("<I", 0xFEEF04BD)))
@@ -30,6 +32,7 @@ def test_version_and_description():
     assert found == {"FileVersion": "1.0.0.1", "ProductVersion": "1.0.0.1", "FileDescription": "Tavik Software Compatibility Tool"}
 
 
+# Proves: Dialog and banner are stored
 def test_status_dialog_is_stored_as_designed():
     signature, kind, _, extended, style, controls, x, y, width, height = struct.unpack_from("<HHIIIHhhhh", resource(5, 161))
     assert (signature, kind, extended, style, controls, x, y, width, height) == (1, 0xFFFF, 0, 0x80800C40, 4, 0, 0, 286, 72)

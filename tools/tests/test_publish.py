@@ -51,6 +51,7 @@ def listed(file: pathlib.Path, folder: str) -> str:
 
 # Names
 
+# Proves: An installer is published => under the name the tool asks for, in one step, listed, and again without effect
 @pytest.mark.parametrize("release, folder", [
     ("24.20", "24.20"), ("24.20.11.01-240619a", "24.20"), ("24.2", "24.2"), ("24.2-a", "24.2"), ("9", "9"), ("24.2.1", "24.2."),
     ("22.q4.1", "22.q4"), ("22.Q4", "22.Q4"), ("4.2.20-x-y", "4.2.2")])
@@ -154,6 +155,7 @@ def refused_file(signers: Signers, installer: pathlib.Path, folder: pathlib.Path
     return target
 
 
+# Proves: It is not signed, changed, or signed by somebody else => refused, and the mirror stays as it is
 @pytest.mark.parametrize("how, why", [
     ("unsigned", "it is not signed"), ("text", "no Windows program"), ("changed", "the signature is not good"),
     ("longer", "something was added"), ("shorter", "something was added"), ("other", "not signed by"),
@@ -190,6 +192,7 @@ def test_arguments_that_make_no_sense(tmp_path, arguments):
 
 # After a crash
 
+# Proves: Publishing is killed, or a file changes afterwards => the next call puts the list right; `--check` says what changed
 def test_a_call_that_was_killed_leaves_nothing_that_lasts(site, installer, another):
     """Killed after the file took its place and before it was listed; and half a copy of another call."""
     site.add("24.20", installer)

@@ -70,6 +70,7 @@ def test_a_library_that_nobody_knows_gets_into_no_release(tmp_path):
         sbom.document([program], "1.0.0.1", "2026-11-21T00:00:00Z")
 
 
+# Proves: A release is made => version and change log agree; what is linked in is listed, or there is no release; the same files give the same archive
 def test_version_of_the_program_has_its_heading_in_the_change_log():
     version, date = release.version_and_date()
     assert re.fullmatch(r"\d+\.\d+\.\d+\.\d+", version) and re.fullmatch(r"\d{4}-\d\d-\d\d", date)
