@@ -64,6 +64,7 @@ class Lab:
         self.machine: Machine | None = None
         self.result: Result | None = None
         self.runs: list[tuple[Result, bool]] = []  # and whether all starts were made at once
+        self.stated: dict[int, str] = {}  # number of the run -> the outcomes that the case states
         self.kept: list[pathlib.Path] = []
 
     def run(self, machine: dict[str, Any] | str | None = None, arguments: str = "", **options: Any) -> Result:
@@ -85,13 +86,20 @@ class Lab:
         self.runs.append((self.result, options.get("at_once", 1) > 1))
         return self.result
 
-    def check(self, *, exit_code: int, log: list[str] | None = None, boxes: list[tuple[str, str]] | None = None,
+    def outcome(self, statement: str) -> None:
+        """What each start of the last run came to, in the order of the starts: "repaired", "same-release, 2 another-instance",
+        "repaired | no-log". Every run of a case states it, here or in check()."""
+        self.stated[len(self.runs)] = statement
+
+    def check(self, *, exit_code: int, outcome: str | None = None, log: list[str] | None = None, boxes: list[tuple[str, str]] | None = None,
               before: dict[str, Any] | None = None, after: dict[str, Any] | None = None, requests: list[str] | None = None,
               running: list[str] | None = None, crash: bool = False) -> None:
         """States are tables: products (names), values ("key\\name" below HKLM -> value, None: absent), files (present),
         missing (absent files), store (Store packages, after only). requests: "<path> <status>"; running: programs left."""
         result = self.result
         assert result is not None and self.machine is not None
+        if outcome is not None:
+            self.outcome(outcome)
         names = ["Tavik " + " ".join(product.split("-")[:2]) for product in self.machine.products]
         self._check_state("before the run", result.before, {"products": sorted(names), **(before or {})})
         assert not result.timed_out, "the run was ended by the time limit"
@@ -129,10 +137,14 @@ class Lab:
 
     def check_outcomes(self, name: str) -> None:
         """That each start has exactly one outcome of the catalogue, and the one that outcomes.txt states for this case."""
-        stated = statements.stated(name) if self.runs else []
+        stated = statements.stated(name) if self.runs and not self.stated else []
         for number, (result, at_once) in enumerate(self.runs, 1):
             codes = [one["exit_code"] for one in result.instances]
-            starts, stated = (stated[:len(codes)], stated[len(codes):]) if number < len(self.runs) else (stated, [])
+            if self.stated:
+                assert number in self.stated, f"the case does not state the outcome of run {number}; it is {statements.found(codes, result.logs)}"
+                starts = statements.starts(self.stated[number])
+            else:
+                starts, stated = (stated[:len(codes)], stated[len(codes):]) if number < len(self.runs) else (stated, [])
             difference = statements.compare(starts, codes, result.logs, at_once)
             assert not difference, f"outcomes of run {number}: {difference}"
             if len(codes) == len(result.logs) and not at_once:

@@ -34,6 +34,25 @@ def parse(text: str) -> dict[str, Stated]:
     return found
 
 
+def starts(statement: str) -> Stated:
+    """Of "repaired | no-log, 9 another-instance": for each start the outcomes that it may have. Raises ValueError for anything
+    that is no outcome of the catalogue."""
+    known = {one.id for one in outcomes.catalogue()}
+    found: Stated = []
+    for part in statement.split(","):
+        match = re.fullmatch(r"(?:(\d+) )?([a-z-]+(?: \| [a-z-]+)*)", part.strip())
+        names = frozenset(match[2].split(" | ")) if match else frozenset()
+        if not match or names - known:
+            raise ValueError(f"{part.strip()!r} is no outcome of the catalogue")
+        found += [names] * int(match[1] or 1)
+    return found
+
+
+def found(codes: list[int], logs: list[list[str]]) -> str:
+    """The outcomes of these starts, for a message."""
+    return ", ".join(" and ".join(recognised(code, log)) for code, log in zip(codes, logs))
+
+
 @functools.cache
 def statements() -> dict[str, Stated]:
     return parse(FILE.read_text("utf-8"))
