@@ -6,7 +6,7 @@ import zlib
 
 import pytest
 
-from cases.support.download_machine import (FINAL, FOLDER, NO_PROGRAM, PATH, SERVER_PATH, START, TEMPORARY, UNTOUCHED, URL, answering, downloaded,
+from cases.support.download import (FINAL, FOLDER, NO_PROGRAM, PATH, SERVER_PATH, START, TEMPORARY, UNTOUCHED, URL, answering, downloaded,
                               failed, file_of, thrown)
 from cases.support.expect import DOWNLOADING, INSTALL_FAILED
 

@@ -3,7 +3,7 @@ from __future__ import annotations
 
 import pytest
 
-from cases.support.download_machine import (BEFORE, FINAL, FOLDER, NO_PROGRAM, PATH, SERVER_PATH, START, TEMPORARY, UNTOUCHED, answering,
+from cases.support.download import (BEFORE, FINAL, FOLDER, NO_PROGRAM, PATH, SERVER_PATH, START, TEMPORARY, UNTOUCHED, answering,
                               check_arrived, check_failed, failed, file_of, status_line, thrown)
 from lab.certificates import HOST
 

@@ -8,7 +8,7 @@ import gzip
 
 import pytest
 
-from cases.support.download_machine import (BEFORE, FINAL, NO_PROGRAM, PATH, START, TEMPORARY, UNTOUCHED, answering, check_arrived,
+from cases.support.download import (BEFORE, FINAL, NO_PROGRAM, PATH, START, TEMPORARY, UNTOUCHED, answering, check_arrived,
                               check_failed, file_of, status_line)
 from cases.support.expect import CHECKING, DOWNLOADING, FINISHED, INSTALLING, download, install, inventory, opening, remove, stop, unpack
 

@@ -1,7 +1,7 @@
 """A mirror that is being serviced: its web server answers, but not with the installer. The example of docs/lab-case.md."""
 from __future__ import annotations
 
-from cases.support.download_machine import FINAL, PATH, UNTOUCHED, failed, status_line
+from cases.support.download import FINAL, PATH, UNTOUCHED, failed, status_line
 
 
 def test_a_mirror_under_maintenance_changes_nothing(lab):

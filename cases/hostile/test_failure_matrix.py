@@ -10,11 +10,11 @@ from typing import Any
 
 import pytest
 
-from cases.support.download_machine import FINAL, NO_PROGRAM, TEMPORARY, answering, downloaded, failed, file_of
+from cases.support.download import FINAL, NO_PROGRAM, TEMPORARY, answering, downloaded, failed, file_of
 from cases.support.expect import FINISHED, INSTALL_FAILED, install, inventory, opening, remove, stop, unpack
-from cases.support.repair_machine import (FOLDER, INSTALL_KEY, INSTALL_PROPERTIES, MAIN_PACKAGE_MISSING, MSI_AGREES, PACKAGES, UNTOUCHED,
+from cases.support.repair import (FOLDER, INSTALL_KEY, INSTALL_PROPERTIES, MAIN_PACKAGE_MISSING, MSI_AGREES, PACKAGES, UNTOUCHED,
                             asked_of_msi, found, until_found, until_unpacked)
-from cases.support.store_machine import ATTEMPT, FAILED, INSTALLED, calls, check_nothing_leaks, has, package, store_only, until_query
+from cases.support.store import ATTEMPT, FAILED, INSTALLED, calls, check_nothing_leaks, has, package, store_only, until_query
 
 QUIET_END = 3
 PARENT = FOLDER.rpartition("\\")[0]

@@ -7,7 +7,7 @@ from typing import Any
 import pytest
 
 from cases.support.expect import DOWNLOAD_FAILED, FINISHED, INSTALL_FAILED, download, inventory, opening, unpack
-from cases.support.hostile_machine import (AFTER, BEFORE, DOWNLOADS, EXTRACTED, FINAL, INSTALLER, MAIN_PACKAGE, NO_SERVER, REPAIR,
+from cases.support.hostile import (AFTER, BEFORE, DOWNLOADS, EXTRACTED, FINAL, INSTALLER, MAIN_PACKAGE, NO_SERVER, REPAIR,
                              TEMPORARY, check, check_ends_without_server, download_thrown, found_there, host_path,
                              install_thrown, not_started, until_found)
 from lab import inf

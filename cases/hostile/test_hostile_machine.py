@@ -5,7 +5,7 @@ import pytest
 
 from cases.support.expect import (DOWNLOAD_FAILED, FINISHED, INSTALL_FAILED, SAME_RELEASE, download, install, inventory, opening, remove,
                     stop, unpack)
-from cases.support.hostile_machine import (AFTER, BEFORE, DOWNLOADS, EXTRACTED, FINAL, INSTALLER, LOGS, MAIN_PACKAGE, NO_SERVER,
+from cases.support.hostile import (AFTER, BEFORE, DOWNLOADS, EXTRACTED, FINAL, INSTALLER, LOGS, MAIN_PACKAGE, NO_SERVER,
                              NOT_DOWNLOADED, QUIET_END, REPAIR, TEMPORARY, check, check_ends_without_server, download_thrown,
                              found_there, host_path, install_thrown, not_started, repair_in, unpack_into, until_found)
 from lab import inf

@@ -9,10 +9,10 @@ from typing import Any
 import pytest
 
 from cases.support.expect import (DOWNLOAD_FAILED, FINISHED, NO_ADAPTER, SAME_RELEASE, install, inventory, opening, remove, stop, unpack)
-from cases.support.hostile_machine import (BEFORE, MAIN_PACKAGE, NO_SERVER, NOT_DOWNLOADED, QUIET_END, check, check_ends_without_server,
+from cases.support.hostile import (BEFORE, MAIN_PACKAGE, NO_SERVER, NOT_DOWNLOADED, QUIET_END, check, check_ends_without_server,
                              found_there, without_server)
 from lab.adapters import ENUM, RELEASE
-from cases.support.repair_machine import INSTALL_PROPERTIES, MSI_AGREES, asked_of_msi, until_unpacked
+from cases.support.repair import INSTALL_PROPERTIES, MSI_AGREES, asked_of_msi, until_unpacked
 
 TAVIK = r"HKLM\Software\Tavik"
 HL = TAVIK + r"\HL"

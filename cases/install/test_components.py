@@ -6,7 +6,7 @@ import re
 import pytest
 
 from cases.support.expect import FINISHED, install, remove, stop
-from cases.support.repair_machine import INSTALL_KEY, MSI_AGREES, REPAIRED, found, until_unpacked
+from cases.support.repair import INSTALL_KEY, MSI_AGREES, REPAIRED, found, until_unpacked
 
 HOME = r"C:\Program Files\Tavik\Halden"
 TASKKILL = r"C:\windows\system32\taskkill.exe"

@@ -13,7 +13,7 @@ from lab import paths
 from lab.machine import Machine
 from lab.prefix import Prefix
 from lab.run import LOGS, TOOL, read_log
-from cases.support.store_machine import CORVEL, EARLIER, OTHER, SAME, asked, check_nothing_leaks, package
+from cases.support.store import CORVEL, EARLIER, OTHER, SAME, asked, check_nothing_leaks, package
 
 GIVEN = r"C:\Given folder\setup.exe"
 SWITCHES = f'-VLT -Install -Path "{GIVEN}"'

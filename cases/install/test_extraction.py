@@ -7,7 +7,7 @@ import re
 import pytest
 
 from cases.support.expect import FINISHED, INSTALL_FAILED, TEMP, install, remove, stop, unpack
-from cases.support.repair_machine import (FOLDER, MAIN_PACKAGE_MISSING, MSI_AGREES, PACKAGES, REPAIRED, UNTOUCHED, asked_of_msi, brought,
+from cases.support.repair import (FOLDER, MAIN_PACKAGE_MISSING, MSI_AGREES, PACKAGES, REPAIRED, UNTOUCHED, asked_of_msi, brought,
                             found, until_found, until_unpacked)
 
 PARENT = TEMP + "Tavik_VLTInstallerDownload"

@@ -6,7 +6,7 @@ import re
 import pytest
 
 from cases.support.expect import FINISHED, INSTALL_FAILED, NOT_INSTALLED, install, inventory, opening, remove, stop
-from cases.support.repair_machine import (FOLDER, INSTALL_KEY, INSTALL_PROPERTIES, INSTALLER, MAIN_PACKAGE_MISSING, MSI_AGREES, PACKAGES,
+from cases.support.repair import (FOLDER, INSTALL_KEY, INSTALL_PROPERTIES, INSTALLER, MAIN_PACKAGE_MISSING, MSI_AGREES, PACKAGES,
                             REMOVAL_PROPERTIES, REPAIRED, UNTOUCHED, UPGRADE_CODES, asked_of_msi, brought, found,
                             until_found, until_unpacked)
 

@@ -13,8 +13,8 @@ from cases.support import expect
 from cases.support.expect import (FINISHED, INSTALL_FAILED, NOT_INSTALLED, SAME_RELEASE, TEMP, download, install, inventory, opening, remove,
                     stop, unpack)
 from lab.result import Result
-from cases.support.repair_machine import FOLDER, found, until_unpacked
-from cases.support.store_machine import CORVEL, EARLIER, INSTALLED, OTHER, SAME, package, store_only
+from cases.support.repair import FOLDER, found, until_unpacked
+from cases.support.store import CORVEL, EARLIER, INSTALLED, OTHER, SAME, package, store_only
 
 KILLED = 9
 JUST_STARTED = ("taskkill.exe", "hlcmd.exe", "DWX2_Install.exe")

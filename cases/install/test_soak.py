@@ -13,7 +13,7 @@ from lab import paths, run
 from lab.machine import Machine
 from lab.prefix import Prefix, processes_of, replace_file
 from lab.run import LOGS, fresh_folder, read_log, remove_folder
-from cases.support.store_machine import SAME
+from cases.support.store import SAME
 
 RUNS = 300
 WARM = 20  # services start, caches fill

@@ -5,8 +5,8 @@ import pytest
 
 from cases.support.expect import (ANOTHER, DOWNLOADING, FINISHED, SAME_RELEASE, compare_log, download, install, inventory, opening, places,
                     remove, stop, unpack)
-from cases.support.repair_machine import REPAIRED, found, until_unpacked
-from cases.support.store_machine import SAME
+from cases.support.repair import REPAIRED, found, until_unpacked
+from cases.support.store import SAME
 
 pytestmark = pytest.mark.all_cores
 REFUSED = "Another instance is running. Exiting."

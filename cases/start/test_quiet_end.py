@@ -9,8 +9,8 @@ from typing import Any
 import pytest
 
 from cases.support.expect import CHECKING, DOWNLOADING, download, inventory, opening, remove, stop
-from cases.support.repair_machine import UNTOUCHED, found, until_found, until_unpacked
-from cases.support.store_machine import ATTEMPT, CORVEL, package, store_only, until_query, has
+from cases.support.repair import UNTOUCHED, found, until_found, until_unpacked
+from cases.support.store import ATTEMPT, CORVEL, package, store_only, until_query, has
 
 QUIET_END = 3
 BAD_ADDRESS, ILLEGAL_INSTRUCTION, PAGE_NOT_READ, FOREIGN = "0xC0000005", "0xC000001D", "0xC0000006", "0xE06D7363"

@@ -19,9 +19,8 @@ import pytest
 from tools import exe_gate as check_exe
 from cases.support.expect import FINISHED, opening
 from lab import paths
-from cases.support.repair_machine import REPAIRED, UNTOUCHED, found
-from cases.support.store_machine import package, store_only
-from cases.store.test_store_install import INSTALLS
+from cases.support.repair import REPAIRED, UNTOUCHED, found
+from cases.support.store import INSTALLS, package, store_only
 
 BESIDE, START = "C:\\lab\\", "C:\\Downloads\\"
 OVERRIDES = r"HKCU\Software\Wine\AppDefaults\TavikCompatibilityTool.exe\DllOverrides"

@@ -6,11 +6,9 @@ import re
 import pytest
 
 from cases.support.expect import ANOTHER, CHECKING, DOTS, FINISHED, INSTALL_FAILED, INSTALLING, inventory, opening
-from cases.support.store_machine import (ATTEMPT, CANCELED, CORVEL, DENIED, FAILED, INSTALLED, NO_DESKTOP, NO_STORE, NOTHING, OTHER, POINTER, SAME,
-                           asked, calls, check_nothing_leaks, has, package, store_only, until_query)
+from cases.support.store import (ATTEMPT, CANCELED, CORVEL, DENIED, FAILED, INSTALLED, INSTALLS, NEWER, NO_DESKTOP, NO_STORE, NOTHING, OTHER,
+                                 POINTER, SAME, asked, calls, check_nothing_leaks, has, package, store_only, until_query)
 
-NEWER = "TavikSystemsInc-2.TavikCorvelSoftware_2.24.20.0_x64__0a9344xs7nr4m"
-INSTALLS = f"{NEWER} | 2.24.20.0"
 CONTEXT = "Windows.Services.Store.StoreContext"
 BEGIN = [*until_query(), has(), ATTEMPT]
 DONE = {"exit_code": 0, "boxes": [FINISHED], "requests": [], "log": [*BEGIN, INSTALLED]}

@@ -4,7 +4,7 @@ from __future__ import annotations
 import pytest
 
 from cases.support.expect import ANOTHER, FINISHED, NO_ADAPTER, NOT_INSTALLED, SAME_RELEASE, opening
-from cases.support.store_machine import (ATTEMPT, CORVEL, DENIED, DISABLED, EARLIER, INSTALLED, NO_STORE, NOTHING, OTHER, POINTER, SAME, asked,
+from cases.support.store import (ATTEMPT, CORVEL, DENIED, DISABLED, EARLIER, INSTALLED, NO_STORE, NOTHING, OTHER, POINTER, SAME, asked,
                            calls, check_nothing_leaks, has, package, store_only, until_query)
 
 NOT_HERE = {"exit_code": -1, "boxes": [NOT_INSTALLED], "requests": []}

@@ -6,7 +6,7 @@ from typing import Any
 import pytest
 
 from cases.support.expect import FINISHED, INSTALL_FAILED, install, inventory, opening, remove, stop, unpack
-from cases.support.store_machine import CANCELED, CORVEL, DENIED, EARLIER, OTHER, POINTER, asked, calls, check_nothing_leaks, package
+from cases.support.store import CANCELED, CORVEL, DENIED, EARLIER, OTHER, POINTER, asked, calls, check_nothing_leaks, package
 
 INSTALLER = r"{store1}\B384125\DWX2_Install.exe"
 REPAIR = [*opening(), *inventory(), f"Found dwx2-install.exe at [{INSTALLER}]", unpack(INSTALLER), *stop(), *remove("Halden"),

@@ -5,7 +5,7 @@ import pytest
 
 from cases.support.expect import (CAPTION, CHECKING, DOTS, FINISHED, INSTALL_FAILED, INSTALLING, NO_ADAPTER, SAME_RELEASE, install, inventory,
                     opening, remove, stop)
-from cases.support.repair_machine import MSI_AGREES, REPAIRED, UNTOUCHED, found, until_unpacked
+from cases.support.repair import MSI_AGREES, REPAIRED, UNTOUCHED, found, until_unpacked
 
 INSTALLS = f"text {INSTALLING}"
 SLOW = found(installer={"sleep": 1200}, faults=[MSI_AGREES])

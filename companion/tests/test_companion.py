@@ -24,7 +24,7 @@ from lab.server.answers import Answer
 from lab.server.web import WebServer
 from cases.fault_injection import model, plan
 from cases.fault_injection.world import World
-from cases.support.repair_machine import found
+from cases.support.repair import found
 
 COMPANION = r"C:\lab\TavikToolCompanion.exe"
 NAME = "InstallVLTForWUDriver_2026-11-6_4_7_31_15.log"

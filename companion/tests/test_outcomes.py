@@ -15,7 +15,7 @@ from cases.support import corpus, statements
 from lab.run import NO_LINE_END
 from cases.fault_injection import judge, model, plan
 from cases.fault_injection.world import World
-from cases.support.repair_machine import INSTALL_KEY, MSI_AGREES
+from cases.support.repair import INSTALL_KEY, MSI_AGREES
 
 HERE = pathlib.Path(__file__).parent
 HEAD = """

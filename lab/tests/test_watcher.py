@@ -5,8 +5,8 @@ import pytest
 
 from cases.support.expect import (CHECKING, DOWNLOADING, FINISHED, INSTALL_FAILED, NO_ADAPTER, SAME_RELEASE, download, install, inventory,
                     opening, remove, stop, unpack)
-from cases.support.repair_machine import INSTALLER, found
-from cases.support.store_machine import package, store_only
+from cases.support.repair import INSTALLER, found
+from cases.support.store import package, store_only
 
 NEW_INSTALLER = "/drivers/installer/vlt/24.20/dwx2_install.txt"
 SLOW = {"server": {"answers": {NEW_INSTALLER: {"installer": "24.20", "delay": 1.5}}}}

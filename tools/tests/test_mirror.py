@@ -13,7 +13,7 @@ from collections.abc import Iterator
 import pytest
 
 from tools.tests.deploy_kit import MIRROR, SIGNER, Signers, publish
-from cases.support.download_machine import answering
+from cases.support.download import answering
 from cases.support.expect import DOWNLOAD_FAILED, download, install, inventory, opening, remove, stop, unpack
 from lab import certificates, paths, prefix as prefixes
 from lab.children import end_with_parent

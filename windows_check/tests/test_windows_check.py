@@ -19,7 +19,7 @@ from lab import paths, run
 from lab.machine import Machine
 from lab.prefix import Prefix, replace_file, template
 from lab.run import fresh_folder, remove_folder
-from cases.support.store_machine import CORVEL, OTHER, package
+from cases.support.store import CORVEL, OTHER, package
 
 PROGRAM = paths.BUILD / "TavikWindowsCheck.exe"
 CALLS = paths.ROOT / "windows_check" / "calls.toml"

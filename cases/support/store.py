@@ -12,6 +12,8 @@ from lab.result import Result
 # Full names. The application has two package names, and only their beginning is looked for.
 CORVEL = "TavikSystemsInc-2.TavikCorvelSoftware_2.23.40.0_x64__0a9344xs7nr4m"
 EARLIER = "TavikSystemsInc-2.8F31D07A2B6E4_1.22.11.0_x64__0a9344xs7nr4m"
+NEWER = "TavikSystemsInc-2.TavikCorvelSoftware_2.24.20.0_x64__0a9344xs7nr4m"
+INSTALLS = f"{NEWER} | 2.24.20.0"  # what the Store service puts in the place of CORVEL
 OTHER = "Contoso.Paint_11.2404.5.0_x64__8wekyb3d8bbwe"
 
 SAME = "Currently installed version of VLT is from the same release as the active driver."
