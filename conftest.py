@@ -54,9 +54,9 @@ def one_core(request: pytest.FixtureRequest) -> None:
 
 
 def pytest_terminal_summary(terminalreporter: Any) -> None:
-    if any("test_torture_slice" in str(report.nodeid) for reports in terminalreporter.stats.values() for report in reports
+    if any("test_fault_slice" in str(report.nodeid) for reports in terminalreporter.stats.values() for report in reports
            if hasattr(report, "nodeid")):
-        terminalreporter.write_line(f"torture: slice {slice_name()}; TORTURE_SLICE={slice_name()} makes the same runs again")
+        terminalreporter.write_line(f"fault injection: slice {slice_name()}; FAULT_SLICE={slice_name()} makes the same runs again")
 
 
 class Lab:

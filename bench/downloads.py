@@ -15,7 +15,7 @@ from bench.machine import DOWNLOADS, INSTALLER, TOOL, WarmMachine, roomy_folder
 from bench.settings import MIB, Settings
 from bench.watch import CLOSE_WRITE, CREATE, MOVED_TO, FileWatch
 from lab import certificates
-from lab.hollow import Hollow
+from lab.sparse import SparseFiles
 from lab.machine import SERVER_PATH
 
 PATH = SERVER_PATH + "24.20/dwx2_install.txt"
@@ -131,26 +131,26 @@ class Downloads:
         return float(most)
 
     def tool_peak(self) -> float:
-        with self._hollow(TEMPORARY):
+        with self._sparse(TEMPORARY):
             return self.peak(TOOL, "-SILENT", done=INSTALLER, good=NOT_A_PROGRAM)
 
     def loop_peak(self) -> float:
-        with self._hollow("bare.tmp"):
+        with self._sparse("bare.tmp"):
             return self.peak("bare_loop.exe", self.url, *self._bare_names(), done="bare.exe", good=0)
 
     def same_calls_peak(self) -> float:
         """The bare loop after the system calls that the tool has made by then, and with the same window."""
-        with self._hollow("bare.tmp"):
+        with self._sparse("bare.tmp"):
             return self.peak("same_calls.exe", r"C:\lab\lines.txt", self.url, *self._bare_names(), done="bare.exe", good=0)
 
     @contextlib.contextmanager
-    def _hollow(self, name: str) -> Iterator[None]:
+    def _sparse(self, name: str) -> Iterator[None]:
         """Gigabytes do not stay: the file's memory is given back while it is written."""
-        hollow = Hollow([self.folder / name])
+        sparse = SparseFiles([self.folder / name])
         try:
             yield
         finally:
-            hollow.close()
+            sparse.close()
 
 
 def text_of(size: int) -> str:

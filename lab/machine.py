@@ -27,7 +27,7 @@ DEFAULTS: dict[str, Any] = {
     "remove": [],
     "read_only": [],
     "held": [],
-    "hollow": [],
+    "sparse": [],
     "shared": [],
     "running": [],
     "programs": {},

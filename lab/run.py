@@ -15,7 +15,7 @@ from lab import certificates, paths, prefix as prefixes, state
 from lab.children import end_with_parent
 from lab.display import Display, Photographer
 from lab.hive import Hive
-from lab.hollow import Hollow
+from lab.sparse import SparseFiles
 from lab.machine import Machine
 from lab.result import Again, Result
 from lab.server.web import WebServer
@@ -204,8 +204,8 @@ class Run:
             before = state.read(prefix.drive, system)
             text = orders(self.machine, arguments, late, timeout, hold, when, then, at_once, self.pictures is not None, directory, program)
             (prefix.drive / "lab" / "watcher.txt").write_text(text, "utf-8", "surrogatepass")
-            hollow = Hollow([prefix.windows_path(path) for path in self.machine.data["hollow"]])
-            self.stack.callback(hollow.close)
+            sparse = SparseFiles([prefix.windows_path(path) for path in self.machine.data["sparse"]])
+            self.stack.callback(sparse.close)
             self.stack.callback(prefix.stop)
             prefix.start()
             errors = self.folder / "errors.txt"
@@ -217,11 +217,11 @@ class Run:
                 raise RuntimeError(f"the watcher ended with {code}: {errors.read_text('utf-8', 'replace')[:2000]}")
             if web:
                 web.close()
-            hollow.close()
+            sparse.close()
             drive = self.disks.seen(prefix.drive) if self.disks else prefix.drive
             after = state.read(drive, Hive(prefix.path / "system.reg"))
             logs = [read_log(file) for file in sorted((drive / LOGS).glob(LOG_NAMES), key=_log_order)]
-        result = self._collect(prefix, web, address, before, after, logs, errors, hollow.most, time.monotonic() - started)
+        result = self._collect(prefix, web, address, before, after, logs, errors, sparse.most, time.monotonic() - started)
         return result if then is None else self._divide(result, prefix.drive / "lab" / "standins")
 
     @staticmethod

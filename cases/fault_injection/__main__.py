@@ -12,7 +12,7 @@
 A name says which machine, which function, which of its calls and with which code it fails: found/msi!MsiInstallProductW#2=1603.
 "~" instead of "=": the real call is made, and then reported as failed. Steps of the Store have no "!": store/find=0x80070005.
 
-Results: build/torture/results.jsonl, a line for each run, and build/torture/summary.json. The exit code is 0 only when every
+Results: build/fault-injection/results.jsonl, a line for each run, and build/fault-injection/summary.json. The exit code is 0 only when every
 run was made and is right.
 """
 from __future__ import annotations

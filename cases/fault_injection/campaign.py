@@ -24,21 +24,21 @@ from cases.fault_injection import judge, plan
 from cases.fault_injection.machines import MACHINES
 from cases.fault_injection.plan import Planned
 
-FOLDER = paths.ROOT / "build" / "torture"
+FOLDER = paths.ROOT / "build" / "fault-injection"
 RESULTS = FOLDER / "results.jsonl"
 SUMMARY = FOLDER / "summary.json"
 
 
 def obstacle(run: Planned) -> str:
     """Why this run cannot be made here; empty when it can."""
-    return private_hosts_obstacle() if run.torture.needs_root else ""
+    return private_hosts_obstacle() if run.scenario.needs_root else ""
 
 
 def execute(run: Planned, keep: bool = False) -> tuple[Result, judge.Verdict]:
     """One run: the disturbed start, the undisturbed one after it, and the judgement."""
     machine = run.machine()
     _, _, arguments = judge.expected(run, machine)
-    result = start(machine, run.torture.arguments, timeout=judge.LIMIT, then=arguments, keep=keep)
+    result = start(machine, run.scenario.arguments, timeout=judge.LIMIT, then=arguments, keep=keep)
     verdict = judge.judge(run, result)
     if not verdict.problems:
         for code, log in ((result.exit_code, result.log), (result.again.exit_code, result.again.log)):
@@ -47,11 +47,11 @@ def execute(run: Planned, keep: bool = False) -> tuple[Result, judge.Verdict]:
 
 
 def count_machine(name: str) -> tuple[str, dict[str, Any], list[str]]:
-    torture = MACHINES[name]
-    if torture.needs_root and private_hosts_obstacle():
+    scenario = MACHINES[name]
+    if scenario.needs_root and private_hosts_obstacle():
         return name, plan.load()[name], []  # not to be measured here
-    result = start(torture.machine(), torture.arguments)
-    return name, plan.count(result), judge.check_good(torture, result)
+    result = start(scenario.machine(), scenario.arguments)
+    return name, plan.count(result), judge.check_good(scenario, result)
 
 
 def count(jobs: int, write: bool) -> list[str]:
@@ -79,8 +79,8 @@ def commit() -> str:
 
 
 def slice_name() -> str:
-    """Of the tests: by the commit, unless TORTURE_SLICE says otherwise."""
-    return os.environ.get("TORTURE_SLICE") or plan.slice_of(commit(), plan.planned())
+    """Of the tests: by the commit, unless FAULT_SLICE says otherwise."""
+    return os.environ.get("FAULT_SLICE") or plan.slice_of(commit(), plan.planned())
 
 
 def slice_for_tests() -> list[Planned]:
@@ -112,7 +112,7 @@ def stamp() -> str:
 def record(identity: str, mark: str) -> dict[str, Any]:
     """Runs and judges; what goes into the results."""
     run = by_id()[identity]
-    found: dict[str, Any] = {"id": identity, "machine": run.torture.name, "function": run.function, "stamp": mark}
+    found: dict[str, Any] = {"id": identity, "machine": run.scenario.name, "function": run.function, "stamp": mark}
     if obstacle(run):
         return {**found, "outcome": "not possible here", "problems": [], "seconds": 0}
     began = time.monotonic()

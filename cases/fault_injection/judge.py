@@ -15,7 +15,7 @@ from lab.machine import Machine
 from lab.result import Result
 from cases.fault_injection import faults, model
 from cases.fault_injection.installation import REBOOT
-from cases.fault_injection.machines import DIRECT, Torture
+from cases.fault_injection.machines import DIRECT, Scenario
 from cases.fault_injection.plan import Planned
 from cases.fault_injection.world import Outcome, World, setup_result, signed
 
@@ -156,30 +156,30 @@ def mentioned(run: Planned, machine: Machine, result: Result) -> bool:
     return any(matches(one, text, known) for one in (line, also) for text in result.log)
 
 
-def mend(torture: Torture, machine: Machine, world: World) -> str:
+def mend(scenario: Scenario, machine: Machine, world: World) -> str:
     """The arguments with which the tool puts the machine right: the same ones if that does, else by force, else as a direct
     installation (which may bring more than there was). When nothing does the same ones: an optional package that is lost is
     not missed by anybody."""
-    same = torture.arguments
+    same = scenario.arguments
     for arguments in (same, f"{same} -FORCE".strip(), "-FORCE -SILENT", DIRECT):
-        if is_right(torture, model.Run(machine, world, arguments).execute().world):
+        if is_right(scenario, model.Run(machine, world, arguments).execute().world):
             return arguments
     return same
 
 
-def is_right(torture: Torture, world: World) -> bool:
+def is_right(scenario: Scenario, world: World) -> bool:
     """All that the undisturbed run leaves is there, nothing twice, and the Store packages are the same."""
     products, store = world.end()
     families = [product.family for product in world.products]
-    return set(torture.products) <= set(products) and len(set(families)) == len(families) and store == sorted(torture.store)
+    return set(scenario.products) <= set(products) and len(set(families)) == len(families) and store == sorted(scenario.store)
 
 
 def expected(run: Planned, machine: Machine) -> tuple[Outcome, list[Outcome], str]:
     """The undisturbed run, what the disturbed one may come to, and the arguments of the start after it."""
     world = World.of(machine)
-    good = model.Run(run.torture.machine(), World.of(run.torture.machine()), run.torture.arguments).execute()
-    may = model.outcomes(machine, world, run.torture.arguments, run.fault)
-    return good, may, mend(run.torture, run.torture.machine(), may[0].world)
+    good = model.Run(run.scenario.machine(), World.of(run.scenario.machine()), run.scenario.arguments).execute()
+    may = model.outcomes(machine, world, run.scenario.arguments, run.fault)
+    return good, may, mend(run.scenario, run.scenario.machine(), may[0].world)
 
 
 def made(calls: list[str]) -> dict[str, int]:
@@ -225,7 +225,7 @@ def _both(run: Planned, machine: Machine, result: Result, may: list[Outcome], ar
         if result.again is None:
             problems.append("the tool was not started again")
         else:
-            second = model.Run(run.torture.machine(), outcome.world, arguments).execute()
+            second = model.Run(run.scenario.machine(), outcome.world, arguments).execute()
             again = _start(machine, result, second, result.again.exit_code, result.again.log, result.again.boxes)
             left = (result.after.products, sorted(result.store_left))
             if left != second.world.end():
@@ -249,14 +249,14 @@ def judge(run: Planned, result: Result) -> Verdict:
     if result.exit_code & 0xF0000000 == 0xC0000000:
         problems.append(f"exit code of an exception: {result.exit_code & 0xFFFFFFFF:#x}")
     problems += fired(run, result)
-    problems += well_formed(run.torture.arguments, result.log)
+    problems += well_formed(run.scenario.arguments, result.log)
     end = ended(run, machine, result, good)
     if not end:
         problems.append(f"no end that {run.function} may lead to ({', '.join(run.ends)}): exit code {result.exit_code}, "
                         f"last line {result.log[-1:]}")
     if not mentioned(run, machine, result):
         problems.append(f"the log does not mention the failure: {run.line!r}")
-    silent = "-silent" in run.torture.arguments.lower()
+    silent = "-silent" in run.scenario.arguments.lower()
     if len(result.boxes) > (0 if silent else 1):
         problems.append(f"{len(result.boxes)} message boxes")
     unread = run.step is not None and run.step.name == "window"
@@ -269,15 +269,15 @@ def judge(run: Planned, result: Result) -> Verdict:
     return Verdict(problems, end or "none that is allowed")
 
 
-def check_good(torture: Torture, result: Result) -> list[str]:
+def check_good(scenario: Scenario, result: Result) -> list[str]:
     """Of an undisturbed run: does it end as the machine's description says, and does the model make the same calls?"""
-    machine = torture.machine()
-    outcome = model.Run(machine, World.of(machine), torture.arguments).execute()
+    machine = scenario.machine()
+    outcome = model.Run(machine, World.of(machine), scenario.arguments).execute()
     problems = _start(machine, result, outcome, result.exit_code, result.log, result.boxes)
-    given = (torture.exit_code, list(torture.boxes), (sorted(torture.products), sorted(torture.store)))
+    given = (scenario.exit_code, list(scenario.boxes), (sorted(scenario.products), sorted(scenario.store)))
     modelled = (outcome.exit_code, outcome.boxes, outcome.world.end())
     if given != modelled:
-        problems.append(f"{torture.name}: the model ends with {modelled}, the table says {given}")
+        problems.append(f"{scenario.name}: the model ends with {modelled}, the table says {given}")
     if (result.after.products, sorted(result.store_left)) != outcome.world.end():
         problems.append(f"left on the machine: {result.after.products} {result.store_left}")
     return problems + _calls(outcome, result.calls) + handles(result.calls) + store_leaks(result.store_calls, False)

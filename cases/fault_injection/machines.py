@@ -24,7 +24,7 @@ SECOND_MAKER = r"PCI\VEN_1E7C&DEV_2F19&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&0009"
 
 
 @dataclasses.dataclass(frozen=True)
-class Torture:
+class Scenario:
     """A machine with the good end of the undisturbed run. Its adapters stand in the order of their ids, as Wine has them."""
     name: str
     description: dict[str, Any]
@@ -55,39 +55,39 @@ def store(*names: str, **service: Any) -> dict[str, Any]:
 
 
 DONE, SILENT = (FINISHED,), ()
-MACHINES = {torture.name: torture for torture in (
-    Torture("found", local(), "", 0, DONE, ("Tavik Halden 24.20",)),
-    Torture("download", local({}, server={}), "-SILENT", 0, SILENT, ("Tavik Halden 24.20",)),
-    Torture("https", local({}, server={"reach": "default"}), "-SILENT", 0, SILENT, ("Tavik Halden 24.20",)),
-    Torture("forced", local(desktop={"release": "24.20"}), "-FORCE -SILENT", 0, SILENT, ("Tavik Halden 24.20",)),
-    Torture("store", local(desktop=False, store=store(OTHER, CORVEL)), "", 0, DONE, (), (OTHER, NEWER)),
-    Torture("store-forced", local(desktop=False, store=store(OTHER, EARLIER, NEWER)), "-FORCE -SILENT", 0, SILENT, (),
+MACHINES = {scenario.name: scenario for scenario in (
+    Scenario("found", local(), "", 0, DONE, ("Tavik Halden 24.20",)),
+    Scenario("download", local({}, server={}), "-SILENT", 0, SILENT, ("Tavik Halden 24.20",)),
+    Scenario("https", local({}, server={"reach": "default"}), "-SILENT", 0, SILENT, ("Tavik Halden 24.20",)),
+    Scenario("forced", local(desktop={"release": "24.20"}), "-FORCE -SILENT", 0, SILENT, ("Tavik Halden 24.20",)),
+    Scenario("store", local(desktop=False, store=store(OTHER, CORVEL)), "", 0, DONE, (), (OTHER, NEWER)),
+    Scenario("store-forced", local(desktop=False, store=store(OTHER, EARLIER, NEWER)), "-FORCE -SILENT", 0, SILENT, (),
             (OTHER, EARLIER, NEWER)),
-    Torture("store-instead", local(desktop={"release": "24.20"}, store=store()), "-FORCEVLTUWP -SILENT", 0, SILENT,
+    Scenario("store-instead", local(desktop={"release": "24.20"}, store=store()), "-FORCEVLTUWP -SILENT", 0, SILENT,
             ("Tavik Halden 24.20",), (NEWER,)),
-    Torture("nothing-forced", local(desktop=False, store=store()), "-FORCE", 0, DONE, (), (NEWER,)),
-    Torture("store-removed", local(store=store(CORVEL, OTHER, EARLIER)), "-SILENT", 0, SILENT, ("Tavik Halden 24.20",),
+    Scenario("nothing-forced", local(desktop=False, store=store()), "-FORCE", 0, DONE, (), (NEWER,)),
+    Scenario("store-removed", local(store=store(CORVEL, OTHER, EARLIER)), "-SILENT", 0, SILENT, ("Tavik Halden 24.20",),
             (OTHER,)),
-    Torture("direct", local(desktop=False, store=store(OTHER, CORVEL)), DIRECT, 0, (),
+    Scenario("direct", local(desktop=False, store=store(OTHER, CORVEL)), DIRECT, 0, (),
             ("Tavik DVR 24.20", "Tavik Halden 24.20", "Tavik PXL 24.20"), (OTHER,)),
-    Torture("direct-update", local(desktop={"families": ["Halden", "DVR"]}, store=store(CORVEL)), DIRECT, 0, (),
+    Scenario("direct-update", local(desktop={"families": ["Halden", "DVR"]}, store=store(CORVEL)), DIRECT, 0, (),
             ("Tavik DVR 24.20", "Tavik Halden 24.20"), (CORVEL,)),
-    Torture("adapters", local({"id": SECOND_MAKER, "description": "Tavik Corvel 5500", "release": OLD},
+    Scenario("adapters", local({"id": SECOND_MAKER, "description": "Tavik Corvel 5500", "release": OLD},
                               {"packages": [{"release": OLD}, {"installer": "24.20"}]}, FOREIGN, server={}), "-SILENT",
             0, SILENT, ("Tavik Halden 24.20",)),
-    Torture("running", local(running=[r"C:\Program Files\Tavik\Halden\CorvelSettings.exe"],
+    Scenario("running", local(running=[r"C:\Program Files\Tavik\Halden\CorvelSettings.exe"],
                              programs={"CorvelSettings.exe.deaf": True}), "-SILENT", 0, SILENT, ("Tavik Halden 24.20",)),
-    Torture("reboot", local({"packages": [{"installer": "24.20-reboot"}]},
+    Scenario("reboot", local({"packages": [{"installer": "24.20-reboot"}]},
                             desktop={"packages": ["Halden-23.40-reboot", "DVR-23.40-reboot"]}), "-SILENT", 0, SILENT,
             ("Tavik DVR 24.20", "Tavik Halden 24.20")),
-    Torture("optional", local(desktop={"families": ["Halden", "DVR", "PXL"]}), "-SILENT", 0, SILENT,
+    Scenario("optional", local(desktop={"families": ["Halden", "DVR", "PXL"]}), "-SILENT", 0, SILENT,
             ("Tavik DVR 24.20", "Tavik Halden 24.20", "Tavik PXL 24.20")),
-    Torture("own-folder", local(desktop={"folder": r"C:\My Apps\Graphics", "families": ["Halden", "DVR"]}), "", 0, DONE,
+    Scenario("own-folder", local(desktop={"folder": r"C:\My Apps\Graphics", "families": ["Halden", "DVR"]}), "", 0, DONE,
             ("Tavik DVR 24.20", "Tavik Halden 24.20")),
-    Torture("compatible", local({"packages": [{"release": OLD}, {}]}, desktop={"release": "24.20"}), "", -1, (SAME_RELEASE,),
+    Scenario("compatible", local({"packages": [{"release": OLD}, {}]}, desktop={"release": "24.20"}), "", -1, (SAME_RELEASE,),
             ("Tavik Halden 24.20",)),
-    Torture("store-compatible", local(desktop=False, store=store(EARLIER, NEWER)), "-SILENT", -1, SILENT, (), (EARLIER, NEWER)),
-    Torture("no-edition", local(desktop=False, store=store(OTHER)), "", -1, (NOT_INSTALLED,), (), (OTHER,)),
-    Torture("no-adapter", local({"id": NOBODYS, "packages": []}, FOREIGN), "", -1,
+    Scenario("store-compatible", local(desktop=False, store=store(EARLIER, NEWER)), "-SILENT", -1, SILENT, (), (EARLIER, NEWER)),
+    Scenario("no-edition", local(desktop=False, store=store(OTHER)), "", -1, (NOT_INSTALLED,), (), (OTHER,)),
+    Scenario("no-adapter", local({"id": NOBODYS, "packages": []}, FOREIGN), "", -1,
             (NO_ADAPTER,), ("Tavik Halden 23.40",)),
 )}

@@ -15,7 +15,7 @@ from typing import Any
 from lab.machine import Machine, merge
 from lab.result import Result
 from cases.fault_injection import faults
-from cases.fault_injection.machines import MACHINES, Torture
+from cases.fault_injection.machines import MACHINES, Scenario
 from cases.fault_injection.world import Fault
 
 COUNTS = pathlib.Path(__file__).with_name("counts.json")
@@ -30,7 +30,7 @@ CALL = re.compile(r"(?P<function>\w+!\w+)#(?P<number>\d+) ?(?P<rest>.*) -> ")
 class Planned:
     """One run. place, key and value: what is written in the Store's description."""
     id: str
-    torture: Torture
+    scenario: Scenario
     fault: Fault
     function: str = ""
     ends: tuple[str, ...] = ()
@@ -49,14 +49,14 @@ class Planned:
     def machine(self) -> Machine:
         if self.step is None:
             how = "after" if self.fault.after else "error"
-            return self.torture.machine(faults=[f"{self.fault.function} {self.fault.number} {how}={self.fault.code}"])
-        store = self.torture.description.get("store", {})
+            return self.scenario.machine(faults=[f"{self.fault.function} {self.fault.number} {how}={self.fault.code}"])
+        store = self.scenario.description.get("store", {})
         if self.step.place != "package":
             store = merge(store, {self.step.place: {self.step.key: self.value}})
         else:
             store = {**store, "packages": [{**item, self.step.key: self.value} if item["name"] == self.package else item
                                            for item in store["packages"]]}
-        return self.torture.machine(store=store)
+        return self.scenario.machine(store=store)
 
 
 # Counting
@@ -135,7 +135,7 @@ def written(code: int) -> str:
     return str(code) if code < 0x10000 else f"0x{code:08X}"
 
 
-def _calls(torture: Torture, calls: dict[str, Any]) -> list[Planned]:
+def _calls(scenario: Scenario, calls: dict[str, Any]) -> list[Planned]:
     runs = []
     for name, found in calls.items():
         row = faults.ROWS[name]
@@ -146,12 +146,12 @@ def _calls(torture: Torture, calls: dict[str, Any]) -> list[Planned]:
             codes += [(3010, True), (1641, True)]  # it succeeds and wants a restart
         for number in found["fail"]:
             for code, after in codes:
-                identity = f"{torture.name}/{name}#{number}{'~' if after else '='}{written(code)}"
-                runs.append(Planned(identity, torture, Fault(name, number, code, after), name, row.ends))
+                identity = f"{scenario.name}/{name}#{number}{'~' if after else '='}{written(code)}"
+                runs.append(Planned(identity, scenario, Fault(name, number, code, after), name, row.ends))
     return runs
 
 
-def _steps(torture: Torture, steps: list[str]) -> list[Planned]:
+def _steps(scenario: Scenario, steps: list[str]) -> list[Planned]:
     known = {step.name: step for step in faults.STEPS}
     runs = []
     for text in steps:
@@ -160,15 +160,15 @@ def _steps(torture: Torture, steps: list[str]) -> list[Planned]:
         for at, code in enumerate(step.codes):
             failure = f"0x{code:08X}" + (f":{faults.TEXT}" if at % 2 == 0 else "")
             value = step.value.format(failure=failure, call=number or "", code=code)
-            identity = f"{torture.name}/{text}={written(code)}"
-            runs.append(Planned(identity, torture, Fault(code=code), name, step.ends, step, package or "", value))
+            identity = f"{scenario.name}/{text}={written(code)}"
+            runs.append(Planned(identity, scenario, Fault(code=code), name, step.ends, step, package or "", value))
     return runs
 
 
 def planned(counts: dict[str, Any] | None = None) -> list[Planned]:
     counts = counts if counts is not None else load()
-    return [run for name, torture in MACHINES.items() if name in counts
-            for run in (*_calls(torture, counts[name]["calls"]), *_steps(torture, counts[name]["store"]))]
+    return [run for name, scenario in MACHINES.items() if name in counts
+            for run in (*_calls(scenario, counts[name]["calls"]), *_steps(scenario, counts[name]["store"]))]
 
 
 def slices(runs: list[Planned]) -> int:

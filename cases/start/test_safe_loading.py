@@ -76,15 +76,15 @@ def planted() -> tuple[str, ...]:
     return tuple(sorted((names | {NOWHERE}) - closure(at_start | BY_WINE, delayed=False)))
 
 
-def trapped(machine: dict[str, Any], *folders: str) -> dict[str, Any]:
-    traps = {folder + name: {"program": "trap.dll"} for folder in folders for name in planted()}
+def with_planted(machine: dict[str, Any], *folders: str) -> dict[str, Any]:
+    files = {folder + name: {"program": "planted_dll.dll"} for folder in folders for name in planted()}
     overrides = {name.removesuffix(".dll"): "native,builtin" for name in planted()}
-    return {**machine, "files": traps | machine.get("files", {}), "registry": {OVERRIDES: overrides}}
+    return {**machine, "files": files | machine.get("files", {}), "registry": {OVERRIDES: overrides}}
 
 
 def loaded(result) -> list[str]:
     """Program and planted file, of every planted file that was loaded; the name in small letters."""
-    file = pathlib.Path(result.prefix, "prefix", "drive_c", "lab", "traps.txt")
+    file = pathlib.Path(result.prefix, "prefix", "drive_c", "lab", "planted.txt")
     found = [line.rpartition("\\") for line in file.read_text("utf-16-le").splitlines()] if file.exists() else []
     return [folder + "\\" + name.lower() for folder, _, name in found]
 
@@ -93,33 +93,33 @@ def planted_file(name: str, folder: str = BESIDE) -> str:
     return rf"C:\lab\TavikCompatibilityTool.exe|{folder}{name}"
 
 
-# The traps are good
+# The planted DLLs lie where a program without precautions loads them
 
-def test_a_careless_program_falls_into_every_trap(lab):
-    machine = trapped({"files": {r"C:\lab\TavikCompatibilityTool.exe": {"program": "careless.exe"}}}, BESIDE)
+def test_a_program_that_loads_by_name_loads_every_planted_dll(lab):
+    machine = with_planted({"files": {r"C:\lab\TavikCompatibilityTool.exe": {"program": "load_by_name.exe"}}}, BESIDE)
     result = lab.run(machine, " ".join(planted()))
     lab.check(exit_code=0)
     assert sorted(loaded(result)) == sorted(planted_file(name) for name in planted())
 
 
-def test_a_careless_program_falls_into_one_where_it_is_started(lab):
-    machine = trapped({"files": {r"C:\lab\TavikCompatibilityTool.exe": {"program": "careless.exe"}}}, START)
+def test_a_program_that_loads_by_name_loads_one_from_the_folder_it_is_started_in(lab):
+    machine = with_planted({"files": {r"C:\lab\TavikCompatibilityTool.exe": {"program": "load_by_name.exe"}}}, START)
     result = lab.run(machine, NOWHERE, directory=START.rstrip("\\"))
     lab.check(exit_code=0)
     assert loaded(result) == [planted_file(NOWHERE, START)]
 
 
-def test_the_tool_would_fall_into_one_without_its_first_statement(lab, tmp_path):
+def test_without_its_first_statement_the_tool_would_load_one(lab, tmp_path):
     """The same exe, but it calls another function with the argument that would restrict the search."""
-    careless = paths.need(paths.TOOL).read_bytes()
+    tool = paths.need(paths.TOOL).read_bytes()
     first = b"SetDefaultDllDirectories\0"
-    assert careless.count(first) == 1
-    (tmp_path / "tool.exe").write_bytes(careless.replace(first, b"SetErrorMode".ljust(len(first), b"\0")))
+    assert tool.count(first) == 1
+    (tmp_path / "tool.exe").write_bytes(tool.replace(first, b"SetErrorMode".ljust(len(first), b"\0")))
     machine = found()
     machine["files"] = {r"C:\lab\TavikCompatibilityTool.exe": {"copy": str(tmp_path / "tool.exe")}}
-    result = lab.run(trapped(machine, BESIDE, START), directory=START.rstrip("\\"))
+    result = lab.run(with_planted(machine, BESIDE, START), directory=START.rstrip("\\"))
     assert planted_file("setupapi.dll") in loaded(result)
-    lab.check(exit_code=3, crash=True, after=UNTOUCHED)  # a trap has none of the functions
+    lab.check(exit_code=3, crash=True, after=UNTOUCHED)  # the planted DLL has none of the functions
 
 
 # The tool does not
@@ -136,7 +136,7 @@ def test_what_loads_at_start_is_protected_by_windows():
 ], ids=["installer of the driver package", "download", "Store"])
 def test_nothing_planted_is_loaded(lab, machine):
     assert {"msi.dll", "setupapi.dll", "wininet.dll", "wtsapi32.dll", "oleaut32.dll", "cryptbase.dll"} <= set(planted())
-    result = lab.run(trapped(machine, BESIDE, START), directory=START.rstrip("\\"))
+    result = lab.run(with_planted(machine, BESIDE, START), directory=START.rstrip("\\"))
     assert loaded(result) == []
     lab.check(exit_code=0, boxes=[FINISHED], after=REPAIRED if lab.machine.products else {"products": []})
     assert result.log[0] == opening()[0]

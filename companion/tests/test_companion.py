@@ -154,7 +154,7 @@ def known_runs() -> set[tuple[int, bytes]]:
     runs = set()
     for planned in plan.planned():
         machine = planned.machine()
-        for outcome in model.outcomes(machine, World.of(machine), planned.torture.arguments, planned.fault):
+        for outcome in model.outcomes(machine, World.of(machine), planned.scenario.arguments, planned.fault):
             runs.add((outcome.exit_code, utf16([filled(line) for line in outcome.log])))
     return runs | {(code, file.read_bytes()) for file, code, _ in corpus.entries()}
 

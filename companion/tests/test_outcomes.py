@@ -191,9 +191,9 @@ def test_what_is_stated_is_compared(stated, codes, logs, at_once, fault):
     assert fault in found and bool(found) == bool(fault)
 
 
-# The torture campaign: what the model says of each planned run without looking at the log, and what the log says
+# The fault campaign: what the model says of each planned run without looking at the log, and what the log says
 
-# Proves: Any run of the torture campaign => the same, stated by its model
+# Proves: Any run of the fault campaign => the same, stated by its model
 def test_the_model_and_the_catalogue_agree_on_every_planned_run():
     """On the model's own logs; those of the slice's runs are compared with them by the judge."""
     def filled(line: str) -> str:
@@ -202,7 +202,7 @@ def test_the_model_and_the_catalogue_agree_on_every_planned_run():
     seen: dict[tuple[str, int, tuple[str, ...]], str] = {}
     for run in plan.planned():
         machine = run.machine()
-        for outcome in model.outcomes(machine, World.of(machine), run.torture.arguments, run.fault):
+        for outcome in model.outcomes(machine, World.of(machine), run.scenario.arguments, run.fault):
             seen[outcome.id, outcome.exit_code, tuple(map(filled, outcome.log))] = run.id
     wrong = [(run, outcome, found) for (outcome, code, log), run in seen.items() if (found := outcomes.matching(code, list(log))) != [outcome]]
     assert wrong == [] and len({outcome for outcome, _, _ in seen}) > 25

@@ -6,7 +6,7 @@
 
 #include "fault_rules.h"
 #include "lab_file.h"
-#include "ruin.h"
+#include "process_fault.h"
 
 namespace standin
 {

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "lab_file.h"
-#include "ruin.h"
+#include "process_fault.h"
 
 namespace lab
 {

@@ -55,7 +55,7 @@ class _File:
             self.descriptor = -1
 
 
-class Hollow:
+class SparseFiles:
     """Works from now on until close(). `most`: the disk space that all files used together, at the most."""
 
     def __init__(self, paths: list[pathlib.Path]):

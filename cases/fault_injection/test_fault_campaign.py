@@ -1,4 +1,4 @@
-"""The torture campaign's own proof: its judge sees what is wrong with a run, its plan is complete and its counts are true."""
+"""The fault campaign's own proof: its judge sees what is wrong with a run, its plan is complete and its counts are true."""
 from __future__ import annotations
 
 import dataclasses
@@ -111,7 +111,7 @@ RUNS = plan.planned()
 
 def test_the_plan_is_large_and_names_its_runs():
     assert len(RUNS) >= 1500 and len({run.id for run in RUNS}) == len(RUNS)
-    assert {run.torture.name for run in RUNS} == set(MACHINES)
+    assert {run.scenario.name for run in RUNS} == set(MACHINES)
     for name in faults.ROWS:
         codes = {run.fault.code for run in RUNS if run.fault.function == name}
         assert len(codes) >= 2, f"{name} does not fail in two ways"
@@ -129,7 +129,7 @@ def test_slices_make_up_the_whole():
     parts = [plan.take_slice(RUNS, f"{part}/{number}") for part in range(1, number + 1)]
     assert sorted(run.id for part in parts for run in part) == sorted(run.id for run in RUNS)
     assert all(80 <= len(part) <= 120 for part in parts)
-    assert all({run.torture.name for run in part} >= {"found", "download", "store", "direct", "optional"} for part in parts)
+    assert all({run.scenario.name for run in part} >= {"found", "download", "store", "direct", "optional"} for part in parts)
 
 
 def test_a_commit_has_its_slice():
@@ -156,10 +156,10 @@ def test_nearly_every_machine_is_put_right_by_the_start_afterwards():
         if call in seen:  # one code of each call tells enough
             continue
         seen.add(call)
-        machine = run.torture.machine()
+        machine = run.scenario.machine()
         _, may, arguments = judge.expected(run, run.machine())
-        if not judge.is_right(run.torture, model.Run(machine, may[0].world, arguments).execute().world):
-            assert "MsiInstallProductW#" in run.id or run.torture.name == "direct-update", run.id
+        if not judge.is_right(run.scenario, model.Run(machine, may[0].world, arguments).execute().world):
+            assert "MsiInstallProductW#" in run.id or run.scenario.name == "direct-update", run.id
     assert len(seen) > 700
 
 
@@ -167,9 +167,9 @@ def test_nearly_every_machine_is_put_right_by_the_start_afterwards():
 
 @pytest.mark.parametrize("name", MACHINES)
 def test_the_undisturbed_run_makes_the_calls_that_were_counted(name):
-    torture = MACHINES[name]
-    if torture.needs_root and private_hosts_obstacle():
+    scenario = MACHINES[name]
+    if scenario.needs_root and private_hosts_obstacle():
         pytest.skip(private_hosts_obstacle())
-    result = start(torture.machine(), torture.arguments)
-    assert judge.check_good(torture, result) == []
+    result = start(scenario.machine(), scenario.arguments)
+    assert judge.check_good(scenario, result) == []
     assert plan.count(result) == plan.load()[name], "counts.json is out of date: scripts/inject-faults --count"

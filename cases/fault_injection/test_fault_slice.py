@@ -1,6 +1,6 @@
-"""A slice of the torture campaign: about a hundred of its runs, other ones with nearly every commit.
+"""A slice of the fault campaign: about a hundred of its runs, other ones with nearly every commit.
 
-TORTURE_SLICE=K/N picks one, "all" makes every run, "none" leaves them out.
+FAULT_SLICE=K/N picks one, "all" makes every run, "none" leaves them out.
 """
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ RUNS = campaign.slice_for_tests()
 
 # Proves: Any one call into SetupAPI, Windows Installer, WinINet or the session functions, or any step of the package manager or the Store fails (3,016 runs on 20 machines by scripts/inject-faults, a hundred of them with the cases) => what the lab's model of the tool says for that call: whole log, exit code, box, machine afterwards; nothing leaks; the next start repairs
 @pytest.mark.parametrize("run", RUNS, ids=[run.id for run in RUNS])
-def test_torture(run):
+def test_fault(run):
     if campaign.obstacle(run):
         pytest.skip(campaign.obstacle(run))
     result, verdict = campaign.execute(run)

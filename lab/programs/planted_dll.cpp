@@ -1,5 +1,5 @@
-// Planted under the name of a DLL of Windows: whoever loads it leaves a line "<program>|<this file>" in
-// C:\lab\traps.txt.
+// Lies on a machine under the name of a Windows DLL. When loaded, it appends the line "<program>|<this file>" to
+// C:\lab\planted.txt.
 #include <windows.h>
 
 #include <iterator>
@@ -17,7 +17,7 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, void*)
     lstrcatW(line, L"|");
     lstrcatW(line, file);
     lstrcatW(line, L"\n");
-    const HANDLE journal = CreateFileW(L"C:\\lab\\traps.txt", FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
+    const HANDLE journal = CreateFileW(L"C:\\lab\\planted.txt", FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                        nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     DWORD written = 0;
     WriteFile(journal, line, static_cast<DWORD>(lstrlenW(line)) * static_cast<DWORD>(sizeof *line), &written, nullptr);

@@ -1,7 +1,7 @@
-// Loads every library that it is told, by its bare name and without any precaution, as a program does that has not
-// thought of it. Proves that the traps of a machine are set where such a program looks.
+// Loads every library named on its command line by its bare name, without any precaution. Shows that the planted DLLs of
+// a machine lie where such a program finds them.
 //
-// usage: careless NAME...
+// usage: load_by_name NAME...
 #include <windows.h>
 #include <shellapi.h>
 
@@ -10,6 +10,8 @@ int main()
     int count = 0;
     wchar_t** const names = CommandLineToArgvW(GetCommandLineW(), &count);
     for (int i = 1; i < count; ++i)
+    {
         LoadLibraryW(names[i]);
+    }
     return 0;
 }

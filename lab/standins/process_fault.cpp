@@ -1,4 +1,4 @@
-#include "ruin.h"
+#include "process_fault.h"
 
 #include <cstdint>
 
