@@ -23,8 +23,8 @@ namespace repair
 {
 namespace
 {
-constexpr wchar_t kBundle[] = L"TavikToolCompanions.zip";
-constexpr wchar_t kSummary[] = L"TavikToolCompanions.jsonl";
+constexpr wchar_t kBundle[] = L"TavikToolLogs.zip";
+constexpr wchar_t kSummary[] = L"TavikToolLogs.jsonl";
 constexpr char kSummaryInBundle[] = "summary.jsonl";
 constexpr size_t kBufferBytes = 65'536;
 

@@ -216,20 +216,20 @@ def test_all_logs_without_names(desk):
     desk.put(rf"{folder}\The Owner {LAST}", utf16(SAME))
     desk.put(rf"{folder}\other.txt", b"the owner")
     code, text, errors = desk.run("collect", r"C:\bundle", "--name", "GIVEN")
-    assert (code, errors) == (0, "") and text.startswith("3 logs in C:\\bundle\\TavikToolCompanions.zip")
-    bundle = desk.prefix.windows_path(r"C:\bundle\TavikToolCompanions.zip")
+    assert (code, errors) == (0, "") and text.startswith("3 logs in C:\\bundle\\TavikToolLogs.zip")
+    bundle = desk.prefix.windows_path(r"C:\bundle\TavikToolLogs.zip")
     with zipfile.ZipFile(bundle) as archive:
         assert archive.testzip() is None and [re.sub(r"\d+ ", " ", name) for name in archive.namelist()] == [
             NAME, LATER, f"user {LAST}", "summary.jsonl"]
         log, summary = archive.read(NAME).decode(), archive.read("summary.jsonl")
-    assert summary == desk.prefix.windows_path(r"C:\bundle\TavikToolCompanions.jsonl").read_bytes()
+    assert summary == desk.prefix.windows_path(r"C:\bundle\TavikToolLogs.jsonl").read_bytes()
     everything = bundle.read_bytes().lower() + summary.lower()
     found_names = [name for name in (*NAMES, user.lower(), host.lower()) if re.search(rb"\b%s\b" % re.escape(name.encode()), everything)]
     assert found_names == []
     assert "https://download.tavik.example/x" in log and "://<login>@<machine" in log and log.endswith("\r\n\ufffd")
     assert [(re.sub(r"\d+>", ">", one["log"]), one["outcome"]) for one in map(json.loads, summary.splitlines())] == [
         (NAME, None), (LATER, "install-busy"), (f"<user> {LAST}", "same-release")]
-    assert sorted(item.name for item in bundle.parent.iterdir()) == ["TavikToolCompanions.jsonl", "TavikToolCompanions.zip"]
+    assert sorted(item.name for item in bundle.parent.iterdir()) == ["TavikToolLogs.jsonl", "TavikToolLogs.zip"]
 
 
 def test_logs_of_another_folder(desk):
