@@ -46,9 +46,9 @@ def main() -> int:
             reason = wrong(page, target)
             if reason:
                 problems.append(f"{page.relative_to(TOP)}: {target} {reason}")
-    index = TOP / "docs" / "README.md"
+    index = TOP / "README.md"
     named = {(index.parent / target.partition("#")[0]).resolve() for target in LINK.findall(index.read_text("utf-8"))}
-    problems += [f"docs/README.md does not name {page.relative_to(TOP)}" for page in pages
+    problems += [f"README.md does not name {page.relative_to(TOP)}" for page in pages
                  if page.parent == TOP / "docs" and page not in named and page != index]
     for problem in problems:
         print(problem, file=sys.stderr)
