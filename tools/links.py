@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Checks that what the documents point to exists: files, headings and pictures, and that every page is in docs/README.md.
+"""Checks that what the documents point to exists: files, headings and pictures, and that every page is named in README.md.
 
 Addresses outside of the project are left alone; they would have to be asked for.
 """

@@ -1,4 +1,4 @@
-"""A mirror that is being serviced: its web server answers, but not with the installer. The example of docs/lab-case.md."""
+"""A mirror that is being serviced: its web server answers, but not with the installer. The example of docs/testing.md."""
 from __future__ import annotations
 
 from cases.support.download import FINAL, PATH, UNTOUCHED, failed, status_line
