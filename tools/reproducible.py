@@ -1,0 +1,46 @@
+"""Builds the programs again, from a copy of the sources in another folder, and compares them with build/release bit by bit.
+Anyone with the sources can check that way that a file was built from them."""
+from __future__ import annotations
+
+import hashlib
+import os
+import re
+import shutil
+import subprocess
+import sys
+
+from tools.project import ELSEWHERE, TOP, copy_sources, fail, say
+
+PROGRAMS = ("TavikCompatibilityTool", "TavikToolCompanion")
+FIRST = TOP / "build" / "release"
+AGAIN = TOP / "build" / "check" / "reproducible"
+
+
+def main() -> int:
+    shutil.rmtree(AGAIN, ignore_errors=True)
+    copy = AGAIN / "a-folder-of-another-length" / "sources"
+    copy_sources(copy, "CMakeLists.txt", "CMakePresets.json", "cmake", "companion", "src")
+    # The addresses that build/release was configured with, should they not be the usual ones.
+    addresses = re.findall(r"^(TAVIK_(?:DOWNLOAD_HOST|SUPPORT_ADDRESS|WEB_SITE):STRING=.*)$", (FIRST / "CMakeCache.txt").read_text("utf-8"), re.M)
+    targets = [f"--target={name}" for name in PROGRAMS]
+    for folder, command in ((TOP, ["cmake", "--preset", "release"]),
+                            (TOP, ["cmake", "--build", "--preset", "release", *targets]),
+                            (copy, ["cmake", "--preset", "release", "-DTAVIK_BUILD_TESTS=OFF", "-DTAVIK_BUILD_LAB=OFF", *(f"-D{one}" for one in addresses)]),
+                            (copy, ["cmake", "--build", "--preset", "release", *targets])):
+        subprocess.run(command, cwd=folder, env={**os.environ, **(ELSEWHERE if folder == copy else {})}, check=True)
+    second = copy / "build" / "release"
+    for name in PROGRAMS:
+        if (FIRST / f"{name}.exe").read_bytes() != (second / f"{name}.exe").read_bytes():
+            parts = sorted(part.relative_to(FIRST) for folder in ("src", "companion", "delay") for part in (FIRST / folder).rglob("*")
+                           if part.suffix in (".obj", ".a") or "artwork" in part.parts and part.is_file())
+            for part in parts:
+                if not (second / part).is_file() or (second / part).read_bytes() != (FIRST / part).read_bytes():
+                    say(f"    {part} differs")
+            fail(f"{name}.exe differs when it is built in another folder: compare {FIRST.relative_to(TOP)} and {second.relative_to(TOP)}.")
+    shutil.rmtree(AGAIN)
+    say("; ".join(f"{name} {hashlib.sha256((FIRST / f'{name}.exe').read_bytes()).hexdigest()[:16]}" for name in PROGRAMS) + ": the same from two folders.")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

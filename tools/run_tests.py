@@ -1,0 +1,235 @@
+"""Installs what is missing, builds, checks and tests.
+
+    scripts/test                    everything
+    scripts/test --quick            build, layout, includes, in-process tests, and one case for each file of cases
+    scripts/test FILE::CASE         one case, as in test_check.py::test_second_instance_is_silent_when_told; the file's folder, or
+                                    the file itself, may be left out; FILE alone runs all its cases, a folder all below it
+    scripts/test Suite.Name         one in-process test; wildcards too, as in 'LogName.*'
+    scripts/test in-process         all in-process tests
+
+    scripts/check-undefined [TEST...]    in-process tests and cases, or the tests named as above, with a build in which undefined
+                                    behaviour (shifts, overflows, null pointers, misaligned reads) becomes an illegal instruction
+
+Logs and results are in build/test (build/undefined/test). The last line is "N passed, N failed", with ", N skipped" when there are
+any. The exit code is 0 only when every stage ran and nothing failed.
+"""
+from __future__ import annotations
+
+import difflib
+import fnmatch
+import os
+import re
+import shutil
+import subprocess
+import sys
+import time
+from collections.abc import Callable
+from pathlib import Path
+
+from lab.prefix import Prefix, template
+from tools import results, run_checks
+from tools.project import PYTHON, TOP, build, fail, files, followed, say
+
+CASES = ["cases", "lab/tests", "tools/tests", "companion/tests", "windows_check/tests", "bench"]
+IN_PROCESS = {"unit_tests": "tests", "companion_tests": "companion/tests"}  # program: folder of its sources
+PROGRAMS = ["TavikCompatibilityTool", "TavikToolCompanion", "TavikWindowsCheck", "lab/all"]  # what cases run
+FEW = 8  # more failed cases than these are not tried again
+
+
+class Session:
+    """One call of scripts/test: stages one after the other, and which result files there have to be."""
+
+    def __init__(self, preset: str):
+        self.preset = preset
+        self.build = TOP / "build" / preset
+        self.results = self.build / "test" if preset != "release" else TOP / "build" / "test"
+        shutil.rmtree(self.results, ignore_errors=True)
+        self.results.mkdir(parents=True)
+        self.files: list[Path] = []
+        self.failed: list[str] = []
+
+    def stage(self, name: str, run: Callable[[], bool]) -> None:
+        start = time.monotonic()
+        say(f"== {name}")
+        good = run()
+        say(f"== {name} {'done' if good else 'FAILED'} after {time.monotonic() - start:.0f} s")
+        if not good:
+            self.failed.append(name)
+
+    def finish(self) -> int:
+        if self.failed:
+            say(f"Failed stages: {', '.join(self.failed)}. Logs and results are in {self.results.relative_to(TOP)}/ and build/check/.")
+        return 0 if results.summary(self.files) and not self.failed else 1
+
+    # In-process tests
+
+    def in_process(self, show: Callable[[str], str], commands: dict[str, list[str]]) -> bool:
+        """Runs each command in one warm prefix; its name is that of its log. On one core, where Wine's server and its client
+        hand over quickest."""
+        cores = os.sched_getaffinity(0)
+        os.sched_setaffinity(0, {min(cores)})
+        good = True
+        try:
+            with Prefix.copy(template(), self.results / "prefix") as prefix:
+                prefix.start()
+                prefix.wine("wineboot")  # starts the background services, which the first test would otherwise wait for
+                for name, command in commands.items():
+                    log = self.results / f"{name}.log"
+                    if followed(command, log, show, limit=900, variables=prefix.environment()):
+                        say(f"in-process tests failed; their output is in {log.relative_to(TOP)}")
+                        good = False
+        finally:
+            os.sched_setaffinity(0, cores)
+        return good
+
+    def all_in_process(self) -> bool:
+        # One after the other: two programs that begin their logs in the same millisecond would take the same file. What hangs is
+        # tried once more (Wine itself does now and then); what fails is not.
+        done = 0
+
+        def show(line: str) -> str:
+            nonlocal done
+            done += " Test " in line and "#" in line
+            return line if re.search(r"\*\*\*|tests passed|^CMake Error|^No tests", line) else f"  {done} done" if done % 50 == 0 and "#" in line else ""
+        shared = [self.build / "tests" / f"{program}-shared.xml" for program in IN_PROCESS]
+        for file in shared:
+            file.unlink(missing_ok=True)
+        self.files += [self.results / "in-process.xml", *shared]
+        return self.in_process(show, {"in-process": [
+            "ctest", "--preset", self.preset, "-j", "1", "--repeat", "after-timeout:2", "--output-junit", self.results / "in-process.xml"]})
+
+    def some_in_process(self, patterns: dict[str, list[str]]) -> bool:
+        """By program. Each test has a process of its own, as some need that."""
+        commands = {}
+        for program, wanted in patterns.items():
+            exe = self.build / "tests" / f"{program}.exe"
+            wine = self.wine(exe, f"--gtest_filter={':'.join(f'{one}:*/{one}:{one}/*:*/{one}/*' for one in wanted)}", "--gtest_list_tests")
+            suite = ""
+            for line in wine.splitlines():
+                name = line.partition("#")[0].rstrip()
+                if name and not name.startswith(" "):
+                    suite = name
+                elif name:
+                    test = f"{suite}{name.strip()}"
+                    log = re.sub(r"\W+", "-", test)
+                    self.files.append(self.results / f"{log}.xml")
+                    commands[log] = ["/usr/lib/wine/wine64", exe, f"--gtest_filter={test}", f"--gtest_output=xml:{self.results / log}.xml"]
+        return self.in_process(str, commands)
+
+    def wine(self, *command: str | Path) -> str:
+        with Prefix.copy(template(), self.results / "list") as prefix:
+            prefix.start()
+            output = self.results / "list.txt"
+            prefix.wine(*map(str, command), output=output)
+            return output.read_text("utf-8", "replace").replace("\r", "")
+
+    # Cases
+
+    def pytest(self, name: str, workers: int, *arguments: str, show: Callable[[str], str] = str) -> int:
+        return followed([PYTHON, "-m", "pytest", "-q", "-n", str(workers), f"--junitxml={self.results / name}.xml", *arguments],
+                        self.results / f"{name}.log", show, limit=2400, variables={"TAVIK_BUILD": str(self.build)})
+
+    def cases(self, *arguments: str) -> bool:
+        self.files.append(self.results / "cases.xml")
+        # A run of the lab waits more than it computes, so there are two for each core.
+        if self.pytest("cases", len(os.sched_getaffinity(0)) * 2, *arguments) == 0:
+            return True
+        # Some watch a window for fractions of a second, and a busy host disturbs them. What fails is run again with the machine to
+        # itself; the summary names it in any case. More than a few are no accident.
+        bad = results.failed(self.results / "cases.xml")
+        if bad and len(bad) <= FEW:
+            say(f"Once more, alone: {' '.join(bad)}")
+            if self.pytest("cases-again", 1, *bad) == 0:
+                return True
+        say(f"cases failed; their output is in {(self.results / 'cases.log').relative_to(TOP)}:\n    " + "\n    ".join(bad))
+        return False
+
+
+def in_process_tests() -> dict[str, list[str]]:
+    """Names of the in-process tests by program, parameterised ones without their parameters."""
+    return {program: [f"{suite}.{name}" for file in files(f"{folder}/*.cpp")
+                      for suite, name in re.findall(r"^TEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)\s*\)", file.read_text("utf-8"), re.M)]
+            for program, folder in IN_PROCESS.items()}
+
+
+def case_names() -> dict[str, list[str]]:
+    """Names of the cases by file."""
+    return {str(file.relative_to(TOP)): re.findall(r"^def (test_\w+)", file.read_text("utf-8"), re.M)
+            for folder in CASES for file in files(f"{folder}/*test_*.py")}
+
+
+def unknown(name: str, known: list[str]) -> None:
+    near = difflib.get_close_matches(name, known, 3, 0.5)
+    fail(f"There is no test {name}. {'Similar: ' + ', '.join(near) if near else 'scripts/test --help says how tests are named'}.")
+
+
+def chosen(names: list[str]) -> tuple[dict[str, list[str]], list[str]]:
+    """What the arguments mean: patterns of in-process tests by program, and arguments for pytest."""
+    patterns: dict[str, list[str]] = {}
+    arguments = []
+    for name in names:
+        place, colons, case = name.partition("::")
+        known = case_names()
+        if (TOP / place).exists():
+            arguments.append(name)
+        elif place.endswith(".py"):
+            found = [file for file in known if file.endswith(f"/{place}")]
+            arguments += [file + colons + case for file in found] or unknown(name, [file.rpartition("/")[2] for file in known])
+        elif place.startswith("test_"):
+            found = [f"{file}::{name}" for file, cases in known.items() if re.match(r"\w+", name)[0] in cases]
+            arguments += found or unknown(name, [case for cases in known.values() for case in cases])
+        else:
+            # Of Prefix/Suite.Name/Parameter only the middle is in the sources.
+            middle = next((part for part in name.split("/") if "." in part), name)
+            found = {program: [name] for program, tests in in_process_tests().items() if fnmatch.filter(tests, middle)}
+            for program in found or unknown(name, [test for tests in in_process_tests().values() for test in tests]):
+                patterns.setdefault(program, []).append(name)
+    return patterns, arguments
+
+
+def count_checks(exe: Path) -> int:
+    """Illegal instructions in a program. The compiler ends other things with one too: the ordinary exe has about 15."""
+    code = subprocess.run(["x86_64-w64-mingw32-objdump", "-d", exe], capture_output=True, text=True, check=True).stdout
+    return len(re.findall(r"\bud2\b", code))
+
+
+def main(arguments: list[str]) -> int:
+    undefined, quick = "--undefined" in arguments, "--quick" in arguments
+    names = [argument for argument in arguments if argument not in ("--undefined", "--quick")]
+    if any(name.startswith("-") for name in names) or quick and (names or undefined):
+        print(__doc__)
+        return 0 if "--help" in names or "-h" in names else 2
+    start = time.monotonic()
+    everything_in_process = "in-process" in names
+    patterns, arguments = chosen([name for name in names if name != "in-process"])
+    preset = "undefined" if undefined else "release"
+    targets = [*(IN_PROCESS if everything_in_process else patterns), *(PROGRAMS if arguments else [])] if names else []
+    session = Session(preset)
+    session.stage("build", lambda: build(preset, *targets) is None)  # ends the program when it fails
+    if undefined:
+        found = count_checks(session.build / "TavikCompatibilityTool.exe") if not names or arguments else 0
+        if found < 200 and (not names or arguments):
+            fail(f"The exe has {found} checks for undefined behaviour, hundreds are expected: the compiler did not add them. See the preset \"undefined\".")
+
+    background = None
+    if not names and not undefined:
+        quick_checks = ["layout", "includes"] if quick else list(run_checks.QUICK)
+        session.stage("quick checks", lambda: not run_checks.run(quick_checks))
+        if not quick:
+            # The analysers compute, the tests mostly wait: together they take little longer than the tests alone.
+            say("The slow checks run beside the tests.")
+            background = run_checks.Background(list(run_checks.SLOW))
+    if everything_in_process or not names:
+        session.stage("in-process tests", session.all_in_process)
+    if patterns:
+        session.stage("in-process tests", lambda: session.some_in_process(patterns))
+    if arguments or not names:
+        session.stage("cases", lambda: session.cases(*(arguments or (["-m", "quick"] if quick else []) + CASES)))
+    if background:
+        session.stage("slow checks", lambda: not background.wait())
+    say(f"All stages took {time.monotonic() - start:.0f} s.")
+    return session.finish()
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

@@ -1,0 +1,82 @@
+"""Checks what is written in the project's files.
+
+    tools.texts links    what pages point to exists (files, headings, pictures), and README.md names every page of docs/
+    tools.texts paths    no file names a folder of one machine
+
+Addresses outside the project are not checked: they would have to be fetched. Generated pages (build/docs) count as there.
+"""
+from __future__ import annotations
+
+import re
+import sys
+from collections.abc import Iterator
+from pathlib import Path
+
+from tools.project import TOP, files
+
+LINK = re.compile(r"!?\[[^\]]*\]\(([^()\s]+)\)")
+GENERATED = TOP / "build" / "docs"
+OWN_FOLDER = re.compile(r"(?:^|[^\w.}-])/(?:home|root|work|Users)/[\w.]")
+
+
+def without_code(text: str) -> str:
+    return re.sub(r"`[^`\n]*`", lambda found: found[0].strip("`") if found[0].count("](") == 0 else "",
+                  re.sub(r"^```.*?^```", "", text, flags=re.MULTILINE | re.DOTALL))
+
+
+def anchors(page: Path) -> set[str]:
+    """Of the headings, as the usual viewers make them: letters, digits, hyphens for blanks."""
+    text = without_code(page.read_text("utf-8"))
+    headings = re.findall(r"^#+ (.+)$", text, re.MULTILINE)
+    return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings} | set(re.findall(r'<a id="([^"]+)">', text))
+
+
+def fault(page: Path, target: str) -> str:
+    if re.match(r"[a-z]+:", target):
+        return ""
+    name, _, anchor = target.partition("#")
+    file = (page.parent / name).resolve() if name else page
+    if file.parent == GENERATED:
+        return ""
+    if not file.is_relative_to(TOP) or not file.exists():
+        return "does not exist"
+    return "has no such heading" if anchor and file.suffix == ".md" and anchor not in anchors(file) else ""
+
+
+def links() -> Iterator[str]:
+    pages = files("*.md")
+    for page in pages:
+        for target in LINK.findall(without_code(page.read_text("utf-8"))):
+            if fault(page, target):
+                yield f"{page.relative_to(TOP)}: {target} {fault(page, target)}"
+    index = TOP / "README.md"
+    named = {(index.parent / target.partition("#")[0]).resolve() for target in LINK.findall(index.read_text("utf-8"))}
+    yield from (f"README.md does not name {page.relative_to(TOP)}" for page in pages
+                if page.parent == TOP / "docs" and page not in named and page != index)
+
+
+def lines() -> Iterator[tuple[Path, int, str]]:
+    for file in files():
+        data = file.read_bytes()
+        if b"\0" not in data[:8000]:
+            yield from ((file.relative_to(TOP), number, line) for number, line in enumerate(data.decode("utf-8", "replace").split("\n"), 1))
+
+
+def paths() -> Iterator[str]:
+    for file, number, line in lines():
+        if (OWN_FOLDER.search(line) or f"{TOP}/" in line) and file != Path("tools/texts.py"):
+            yield f"{file}:{number}: {line.strip()[:120]}: write paths relative to the project, or take them from a variable"
+
+
+def main(arguments: list[str]) -> int:
+    checks = {"links": links, "paths": paths}
+    if len(arguments) != 1 or arguments[0] not in checks:
+        print(__doc__)
+        return 2
+    found = list(checks[arguments[0]]())
+    print("\n".join([*found, f"{arguments[0]}: {len(found)} complaints."]))
+    return 1 if found else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
