@@ -22,10 +22,11 @@ def main() -> int:
     copy_sources(copy, "CMakeLists.txt", "CMakePresets.json", "cmake", "companion", "src")
     # The addresses that build/release was configured with, should they not be the usual ones.
     addresses = re.findall(r"^(TAVIK_(?:DOWNLOAD_HOST|SUPPORT_ADDRESS|WEB_SITE):STRING=.*)$", (FIRST / "CMakeCache.txt").read_text("utf-8"), re.M)
+    without = [f"-DTAVIK_BUILD_{part}=OFF" for part in ("TESTS", "WINDOWS_CHECK", "LAB", "BENCH")]
     targets = [f"--target={name}" for name in PROGRAMS]
     for folder, command in ((TOP, ["cmake", "--preset", "release"]),
                             (TOP, ["cmake", "--build", "--preset", "release", *targets]),
-                            (copy, ["cmake", "--preset", "release", "-DTAVIK_BUILD_TESTS=OFF", "-DTAVIK_BUILD_LAB=OFF", *(f"-D{one}" for one in addresses)]),
+                            (copy, ["cmake", "--preset", "release", *without, *(f"-D{one}" for one in addresses)]),
                             (copy, ["cmake", "--build", "--preset", "release", *targets])):
         subprocess.run(command, cwd=folder, env={**os.environ, **(ELSEWHERE if folder == copy else {})}, check=True)
     second = copy / "build" / "release"

@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Runs clang-tidy over the sources of the product, two files at a time.
+"""Runs clang-tidy over the sources of the three programs, two files at a time.
 
-    tools/tidy.py            all files of src/
-    tools/tidy.py FILE...    only these
+    python3 -m tools.tidy            all files of the three programs
+    python3 -m tools.tidy FILE...    only these
 
-A file that passed is not looked at again until it, a header of ours that it includes, its compiler call or the rules
-change. Reads the compiler calls of the Clang build, so build that first (scripts/build clang).
+A file that passed is checked again only after it, one of our headers that it includes, its compiler call or the rules
+have changed. Reads the compiler calls of the Clang build, so build that first: scripts/check clang.
 """
 import hashlib
 import json
@@ -21,18 +21,24 @@ TOP = Path(__file__).resolve().parent.parent
 BUILD = TOP / "build" / "clang"
 PASSED = TOP / "build" / "tidy"
 RULES = TOP / ".clang-tidy"
+PROGRAMS = [TOP / name for name in ("src", "companion", "windows_check")]
+NOT_IN_THE_CLANG_BUILD = [TOP / "companion" / name for name in ("tests", "fuzz")]
 
 
 def fail(text: str) -> None:
     sys.exit(f"tidy: {text}")
 
 
+def is_ours(file: Path) -> bool:
+    return any(file.is_relative_to(folder) for folder in PROGRAMS)
+
+
 def compiler_calls() -> dict[Path, dict[str, str]]:
     listing = BUILD / "compile_commands.json"
     if not listing.is_file():
-        fail(f"{listing.relative_to(TOP)} is missing; scripts/build clang makes it.")
+        fail(f"{listing.relative_to(TOP)} is missing. Run scripts/check clang, which makes it.")
     calls = {Path(call["file"]).resolve(): call for call in json.loads(listing.read_text())}
-    return {file: call for file, call in calls.items() if file.is_relative_to(TOP / "src") and file.suffix == ".cpp"}
+    return {file: call for file, call in calls.items() if is_ours(file) and file.suffix == ".cpp"}
 
 
 def headers_by_object() -> dict[str, list[Path]]:
@@ -45,7 +51,7 @@ def headers_by_object() -> dict[str, list[Path]]:
             current = headers.setdefault(line.split(": #deps")[0], [])
         elif line.strip() and current is not None:
             path = (BUILD / line.strip()).resolve()
-            if path.is_relative_to(TOP / "src"):
+            if is_ours(path):
                 current.append(path)
     return headers
 
@@ -59,7 +65,7 @@ def fingerprint(file: Path, call: dict[str, str], headers: list[Path], tool: str
     return digest.hexdigest()
 
 
-def look_at(file: Path) -> tuple[bool, str]:
+def check(file: Path) -> tuple[bool, str]:
     result = subprocess.run(["clang-tidy", "-p", BUILD, "--quiet", file], capture_output=True, text=True, check=False)
     # On standard error it only counts the warnings of system headers, unless it could not work at all.
     return result.returncode == 0, result.stdout if result.stdout.strip() else result.stderr
@@ -81,12 +87,13 @@ def main(arguments: list[str]) -> int:
             fail(f"not part of the Clang build: {', '.join(unknown)}")
     else:
         wanted = sorted(calls)
-        in_tree = {file for file in (TOP / "src").rglob("*.cpp")}
+        in_tree = {file for folder in PROGRAMS for file in folder.rglob("*.cpp")
+                   if not any(file.is_relative_to(other) for other in NOT_IN_THE_CLANG_BUILD)}
         if in_tree - set(wanted):
             fail("not part of the Clang build: "
                  f"{', '.join(str(file.relative_to(TOP)) for file in sorted(in_tree - set(wanted)))}")
     if not wanted:
-        fail("there is nothing to look at")
+        fail("there are no files to check.")
 
     PASSED.mkdir(parents=True, exist_ok=True)
     headers = headers_by_object()
@@ -97,7 +104,7 @@ def main(arguments: list[str]) -> int:
         command = shlex.split(call["command"])
         output = command[command.index("-o") + 1]
         if output not in headers:
-            fail(f"{file.relative_to(TOP)} has not been compiled yet; run scripts/build clang first.")
+            fail(f"{file.relative_to(TOP)} has not been compiled yet. Run scripts/check clang first.")
         mark = fingerprint(file, call, headers[output], tool)
         known.add(mark)
         if not (PASSED / mark).exists():
@@ -111,7 +118,7 @@ def main(arguments: list[str]) -> int:
     bad = 0
     start = time.monotonic()
     with ThreadPoolExecutor(max_workers=os.cpu_count() or 2) as pool:
-        for number, (file, (passed, text)) in enumerate(zip(due, pool.map(look_at, due)), 1):
+        for number, (file, (passed, text)) in enumerate(zip(due, pool.map(check, due)), 1):
             if passed:
                 (PASSED / due[file]).touch()
             else:

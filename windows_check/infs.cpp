@@ -143,8 +143,8 @@ Seen LongestLine()
         }
         line += ",";
         line.append(static_cast<size_t>(2063 + more) - line.size(), 'y');
-        const std::wstring text =
-            Lines(Write(more == 0 ? L"fits.inf" : L"more.inf", kVersion + "[A]\r\n" + line + "\r\n"), L"A");
+        const std::string inf = std::string(kVersion).append("[A]\r\n").append(line).append("\r\n");
+        const std::wstring text = Lines(Write(more == 0 ? L"fits.inf" : L"more.inf", inf), L"A");
         seen += (seen.empty() ? L"" : L", ") +
                 (text.size() > 2000 ? Number(static_cast<long long>(text.size()) - 2) : text);
     }

@@ -65,13 +65,14 @@ struct Handles
 {
     HINTERNET session = nullptr;
     HINTERNET connection = nullptr;
+    DWORD connectError = 0;
     HINTERNET request = nullptr;
 
     explicit Handles(const wchar_t* host)
-        : session(InternetOpenW(kUserAgent, INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0))
+        : session(InternetOpenW(kUserAgent, INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0)),
+          connection(InternetConnectW(session, host, 80, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 0)),
+          connectError(GetLastError())
     {
-        connection = InternetConnectW(session, host, 80, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 0);
-        connectError = GetLastError();
         const wchar_t* accept[] = {kAcceptType, nullptr};
         request = HttpOpenRequestW(connection, L"GET", L"/x", nullptr, kReferrer, accept, kRequestFlags, 0);
     }
@@ -89,8 +90,6 @@ struct Handles
     Handles& operator=(const Handles&) = delete;
     Handles(Handles&&) = delete;
     Handles& operator=(Handles&&) = delete;
-
-    DWORD connectError = 0;
 };
 
 Seen HandlesNeedNoNetwork()

@@ -84,7 +84,7 @@ void Loopback::End()
     // A connection of our own ends the waiting.
     const SOCKET last = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     sockaddr_in address = Address(port_);
-    connect(last, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    static_cast<void>(connect(last, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
     thread_.join();
     closesocket(last);
 }

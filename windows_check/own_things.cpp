@@ -32,7 +32,7 @@ bool IsThere(const std::wstring& path)
 }
 
 // Not the product's own function, which is among the things that are looked at.
-void RemoveTree(const std::wstring& path, DWORD attributes)
+void RemoveTree(const std::wstring& path, DWORD attributes)  // NOLINT(misc-no-recursion)
 {
     if ((attributes & FILE_ATTRIBUTE_READONLY) != 0)
     {
@@ -110,6 +110,7 @@ bool IsTrusted(void* sid, std::vector<BYTE>& account)
 // Asked of the folder itself: there are disks that keep no rights, and folders on servers that keep others.
 bool IsClosedToOthers(HANDLE folder, std::vector<BYTE>& account)
 {
+    // NOLINTNEXTLINE(misc-redundant-expression): the rights overlap
     constexpr DWORD kReading = FILE_GENERIC_READ | FILE_GENERIC_EXECUTE | GENERIC_READ | GENERIC_EXECUTE;
     void* owner = nullptr;
     ACL* list = nullptr;
