@@ -1,7 +1,8 @@
-#!/usr/bin/python3
-"""Shows the tool at work on a described machine: its log, its windows, the machine before and after.
+"""Shows the tool at work on a Windows machine in a throwaway Wine prefix. Installs what is missing, builds, runs.
 
-    tools/demo.py desktop|store|direct
+    scripts/demo             an outdated desktop edition is repaired; a machine that is compatible already
+    scripts/demo --store     the Store edition is repaired through the Store
+    scripts/demo --direct    a given installer is installed without checks and replaces the Store edition
 """
 from __future__ import annotations
 
@@ -17,23 +18,25 @@ import threading
 import time
 from collections.abc import Iterator
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
-
-from lab import paths  # noqa: E402
-from lab.machine import Machine  # noqa: E402
-from lab.result import Result  # noqa: E402
-from lab.run import run  # noqa: E402
+from lab import paths
+from lab.machine import Machine
+from lab.prefix import Prefix, replace_file, template
+from lab.result import Result
+from lab.run import run
+from tools.project import build, say
 
 PICTURES = paths.ROOT / "build" / "demo"
 WIDTH = max(60, min(140, shutil.get_terminal_size((120, 25)).columns - 6))  # of a line of the log
+COLOURED = sys.stdout.isatty() and "NO_COLOR" not in os.environ and os.environ.get("TERM") != "dumb"
 
 
 @dataclasses.dataclass
 class Show:
-    """One run, and what it has to come to."""
+    """One run, and how it has to end."""
     machine: str
     arguments: str
     exit_code: int
+    outcome: str
     box: str          # text of the final message box; empty: none
     texts: list[str]  # of the status window, in this order
     brief: bool = False  # only the end of the log is printed
@@ -44,38 +47,24 @@ COMPATIBLE = ("The version of Tavik Software installed is already a compatible v
               "Please check if the Tavik Display Driver is working correctly.")
 FINISHED = "Finished installing Tavik Software"
 SHOWS = {
-    "desktop": [Show("demo", "", 0, FINISHED, [CHECKING, DOWNLOADING, INSTALLING]),
-                Show("compatible", "", -1, COMPATIBLE, [CHECKING], brief=True)],
-    "store": [Show("store", "", 0, FINISHED, [CHECKING, INSTALLING])],
-    "direct": [Show("direct", r"-VLT -Install -Path C:\users\Public\dwx2_install.exe", 0, "", [INSTALLING])],
+    "": [Show("demo", "", 0, "repaired", FINISHED, [CHECKING, DOWNLOADING, INSTALLING]),
+         Show("compatible", "", -1, "same-release", COMPATIBLE, [CHECKING], brief=True)],
+    "--store": [Show("store", "", 0, "store-installed", FINISHED, [CHECKING, INSTALLING])],
+    "--direct": [Show("direct", r"-VLT -Install -Path C:\users\Public\dwx2_install.exe", 0, "direct-done", "", [INSTALLING])],
 }
-
-
-COLOURED = sys.stdout.isatty() and "NO_COLOR" not in os.environ and os.environ.get("TERM") != "dumb"
 
 
 def styled(text: str, code: str) -> str:
     return f"\033[{code}m{text}\033[0m" if COLOURED else text
 
 
-def bold(text: str) -> str:
-    return styled(text, "1")
-
-
-def faint(text: str) -> str:
-    return styled(text, "2")
-
-
 @contextlib.contextmanager
 def sign_of_life(what: str) -> Iterator[None]:
-    """On a terminal the seconds count while something runs, on a line that is gone afterwards."""
-    if not COLOURED:
-        yield
-        return
+    """On a terminal, counts the seconds in a line that is removed afterwards."""
     end, start = threading.Event(), time.monotonic()
 
     def count() -> None:
-        while not end.wait(0.2):
+        while COLOURED and not end.wait(0.2):
             print(f"\r  {what}, {time.monotonic() - start:.0f} s ", end="", flush=True)
 
     counter = threading.Thread(target=count)
@@ -85,12 +74,11 @@ def sign_of_life(what: str) -> Iterator[None]:
     finally:
         end.set()
         counter.join()
-        print("\r\033[K", end="", flush=True)
+        print("\r\033[K" if COLOURED else "", end="", flush=True)
 
 
 def keep_pictures(show: Show, result: Result) -> list[pathlib.Path]:
-    """The pictures under names that say what is on them."""
-    folder = PICTURES / show.machine
+    """Renames the pictures after what they show."""
     kept = []
     texts = [text for text in result.status_texts if text in show.texts]
     status = [picture for picture in result.pictures if "status" in picture]
@@ -99,40 +87,49 @@ def keep_pictures(show: Show, result: Result) -> list[pathlib.Path]:
         # A text that was gone at once has no picture: then nothing tells which picture shows which text.
         name = "box" if at < 0 else texts[at] if len(texts) == len(status) else "window"
         slug = re.sub(r"[^a-z]+", "-", name.lower()).strip("-")
-        target = folder / f"{number}-{slug}.png"
-        pathlib.Path(picture).rename(target)
-        kept.append(target)
+        kept.append(pathlib.Path(picture).rename(PICTURES / show.machine / f"{number}-{slug}.png"))
     return kept
 
 
-def table(machine: Machine, result: Result) -> list[tuple[str, str, str]]:
-    def value(state, key: str, name: str) -> str:
-        found = state.value(key, name)
-        return "-" if found is None else str(found)
+def explanation(log: pathlib.Path, exit_code: int) -> list[str]:
+    """What TavikToolCompanion.exe says of the run, without the lines that are shown anyway."""
+    with Prefix.copy(template(), PICTURES / "companion") as prefix:
+        place = prefix.drive / "lab"
+        place.mkdir()
+        replace_file(place / "TavikToolCompanion.exe", paths.need(paths.COMPANION).read_bytes())
+        (place / log.name).write_bytes((log.read_text("utf-8")).encode("utf-16-le", "surrogatepass"))
+        prefix.start()
+        output = PICTURES / "explanation.txt"
+        output.unlink(missing_ok=True)
+        prefix.wine(r"C:\lab\TavikToolCompanion.exe", "explain", rf"C:\lab\{log.name}", "--exit", str(exit_code), output=output)
+    lines = output.read_text("utf-8", "replace").replace("\r", "").splitlines()
+    return [line for line in itertools.takewhile(lambda line: not line.startswith("Log lines"), lines)
+            if line.strip() and not re.match("Log|Began|Exit code", line)]
 
-    key = r"Software\Tavik\HL"
-    rows = [("driver's release", machine.adapters[0].release_text(), machine.adapters[0].release_text()),
-            ("application's version", value(result.before, key, "HLVersion"), value(result.after, key, "HLVersion")),
+
+def state_rows(machine: Machine, result: Result) -> list[tuple[str, str, str]]:
+    """Name, before, after."""
+    def both(key: str, name: str) -> tuple[str, str]:
+        found = [state.value(key, name) for state in (result.before, result.after)]
+        return tuple("-" if one is None else str(one) for one in found)
+
+    release = machine.adapters[0].release_text()
+    rows = [("driver's release", release, release),
+            ("application's version", *both(r"Software\Tavik\HL", "HLVersion")),
             ("desktop products", ", ".join(result.before.products) or "-", ", ".join(result.after.products) or "-"),
-            ("Store package", ", ".join(machine.store_packages) or "-", ", ".join(result.store_left) or "-")]
-    marker = value(result.after, r"Software\Orrel Technologies\Install", "VLTUWPReplaced")
-    if marker != "-":
-        rows.append(("VLTUWPReplaced", value(result.before, r"Software\Orrel Technologies\Install", "VLTUWPReplaced"), marker))
+            ("Store package", ", ".join(machine.store_packages) or "-", ", ".join(result.store_left) or "-"),
+            ("VLTUWPReplaced", *both(r"Software\Orrel Technologies\Install", "VLTUWPReplaced"))]
     return [row for row in rows if row[1:] != ("-", "-")]
 
 
-def print_table(rows: list[tuple[str, str, str]]) -> None:
-    """Before and after; of a machine that is as it was only that."""
+def print_states(rows: list[tuple[str, str, str]]) -> None:
     if all(before == after for _, before, after in rows):
-        for name, before, _ in rows:
-            print(f"  {name:<22} {before}")
-        print(f"  {'the machine afterwards':<22} as before")
-        return
-    rows = [("", "before", "after"), *rows]
-    widths = [max(len(row[column]) for row in rows) for column in range(3)]
-    for number, (name, before, after) in enumerate(rows):
-        line = f"  {name:<22} {before:<{widths[1]}}  "
-        print(faint(line + after) if number == 0 else line + (after if before == after else styled(after, "32")))
+        rows = [(name, before, "") for name, before, _ in rows] + [("the machine afterwards", "as before", "")]
+    else:
+        rows = [("", "before", "after"), *rows]
+    width = max(len(row[1]) for row in rows)
+    for name, before, after in rows:
+        say(f"  {name:<22} {before:<{width}}  {styled(after, '32') if name and before != after else after}".rstrip())
 
 
 def shorten(line: str) -> str:
@@ -141,75 +138,69 @@ def shorten(line: str) -> str:
 
 
 def without_repetition(log: list[str]) -> list[str]:
-    """Calls of the same program one after the other: the first, and how many there are."""
-    def program(line: str) -> str:
-        return line.split("  /IM")[0] if "taskkill.exe" in line else ""
-
+    """Of several calls of the same program only the first, with their number."""
     lines: list[str] = []
-    for same, group in itertools.groupby(log, key=program):
+    for same, group in itertools.groupby(log, key=lambda line: line.split("  /IM")[0] if "taskkill.exe" in line else ""):
         found = list(group)
-        if same and len(found) > 1:
-            lines += [found[0], f"    ... and {len(found) - 1} lines like this one"]
-        else:
-            lines += found
+        lines += [found[0], f"    ... and {len(found) - 1} lines like this one"] if same and len(found) > 1 else found
     return lines
 
 
-def print_log(show: Show, log: list[str]) -> None:
-    file = PICTURES / show.machine / "log.txt"
-    file.parent.mkdir(parents=True, exist_ok=True)
-    file.write_text("\n".join(log) + "\n", encoding="utf-8")
-    print(f"  log, {len(log)} lines, in {file.relative_to(paths.ROOT)}{'; it ends:' if show.brief else ''}")
-    for line in log[-1:] if show.brief else without_repetition(log):
-        print("    " + faint(shorten(line)))
-
-
-def differences(show: Show, result: Result, pictures: list[pathlib.Path]) -> list[str]:
-    """What did not come out as it has to."""
-    wrong = []
-    if result.exit_code != show.exit_code:
-        wrong.append(f"exit code {result.exit_code} instead of {show.exit_code}")
+def differences(show: Show, result: Result, pictures: list[pathlib.Path], explained: list[str]) -> list[str]:
+    """What differs from how the run has to end."""
     boxes = [box["text"] for box in result.boxes]
-    if boxes != ([show.box] if show.box else []):
-        wrong.append(f"message boxes {boxes}")
-    if [text for text in result.status_texts if text in show.texts] != show.texts:
-        wrong.append(f"window texts {result.status_texts}")
-    if not pictures:
-        wrong.append("no pictures were taken")
-    return [f"{show.machine}: {item}" for item in wrong]
+    facts = {f"exit code {result.exit_code} instead of {show.exit_code}": result.exit_code == show.exit_code,
+             f"message boxes {boxes}": boxes == ([show.box] if show.box else []),
+             f"window texts {result.status_texts}": [text for text in result.status_texts if text in show.texts] == show.texts,
+             f"the companion's explanation {explained} without {show.outcome}": any(re.match(rf"Outcome +{show.outcome} ", line) for line in explained),
+             "no pictures were taken": bool(pictures)}
+    return [f"{show.machine}: {fault}" for fault, good in facts.items() if not good]
 
 
 def present(show: Show) -> list[str]:
-    """Runs and prints; returns what did not come out as it has to."""
-    shutil.rmtree(PICTURES / show.machine, ignore_errors=True)
+    """Runs and prints; returns what differs from how it has to end."""
+    folder = PICTURES / show.machine
+    shutil.rmtree(folder, ignore_errors=True)
     machine = Machine.load(paths.ROOT / "lab" / "machines" / f"{show.machine}.toml")
-    print(bold(f"{machine.data['description']}"))
-    print(f"  > TavikCompatibilityTool.exe {show.arguments}".rstrip(), flush=True)
+    say(styled(machine.data["description"], "1"))
+    say(f"  > TavikCompatibilityTool.exe {show.arguments}".rstrip())
     with sign_of_life("the machine starts and the tool works"):
-        result = run(machine, show.arguments, pictures=PICTURES / show.machine, hold=0.5)
-    pictures = keep_pictures(show, result)
-    wrong = differences(show, result, pictures)
-    print_log(show, result.log)
-    print_table(table(machine, result))
-    print(f"  {'window':<22} {' > '.join(result.status_texts)}")
+        result = run(machine, show.arguments, pictures=folder, hold=0.5)
+        pictures = keep_pictures(show, result)
+        log = folder / "log.txt"
+        folder.mkdir(parents=True, exist_ok=True)
+        log.write_text("\n".join(result.log) + "\n", encoding="utf-8")
+        explained = explanation(log, result.exit_code)
+    wrong = differences(show, result, pictures, explained)
+    say(f"  log, {len(result.log)} lines, in {log.relative_to(paths.ROOT)}{'; it ends:' if show.brief else ''}")
+    for line in result.log[-1:] if show.brief else without_repetition(result.log):
+        say("    " + styled(shorten(line), "2"))
+    print_states(state_rows(machine, result))
+    say(f"  {'window':<22} {' > '.join(result.status_texts)}")
     for box in result.boxes or [{"text": "none"}]:
-        print(f"  {'box':<22} {shorten(box['text'])}")
-    print(f"  {'exit code':<22} {styled(str(result.exit_code), '31' if wrong else '32')}, {result.seconds:.0f} s with the machine's start")
+        say(f"  {'box':<22} {shorten(box['text'])}")
+    say(f"  {'exit code':<22} {styled(str(result.exit_code), '31' if wrong else '32')}, {result.seconds:.0f} s with the machine's start")
     for number, picture in enumerate(pictures):
-        print(f"  {'' if number else 'pictures':<22} {picture.relative_to(paths.ROOT)}")
-    print(flush=True)
+        say(f"  {'' if number else 'pictures':<22} {picture.relative_to(paths.ROOT)}")
+    say(f"  > TavikToolCompanion.exe explain log.txt --exit {result.exit_code}")
+    for line in explained:
+        say("    " + shorten(line))
+    say("")
     return wrong
 
 
-def main() -> int:
-    if len(sys.argv) != 2 or sys.argv[1] not in SHOWS:
-        print(__doc__, file=sys.stderr)
-        return 2
-    wrong = [item for show in SHOWS[sys.argv[1]] for item in present(show)]
+def main(arguments: list[str]) -> int:
+    if len(arguments) > 1 or "".join(arguments) not in SHOWS:
+        print(__doc__)
+        return 0 if arguments in (["--help"], ["-h"]) else 2
+    say("1 of 2: building the tool, its companion and the lab (some minutes the first time)")
+    build("release", "TavikCompatibilityTool", "TavikToolCompanion", "lab/all")
+    say("2 of 2: the machine and the run (the first time the machine is set up, which takes about half a minute)\n")
+    wrong = [item for show in SHOWS["".join(arguments)] for item in present(show)]
     for item in wrong:
-        print(f"not as it should be: {item}", file=sys.stderr)
+        print(f"The demonstration differs from what is expected: {item}. scripts/test tells more.", file=sys.stderr)
     return 1 if wrong else 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(sys.argv[1:]))

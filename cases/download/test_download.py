@@ -22,6 +22,7 @@ def wininet(result, skip: tuple[str, ...] = ("InternetReadFile",)) -> list[str]:
 
 # Proves: The value names another server
 # Proves: What the server sees
+@pytest.mark.quick
 def test_request_as_the_server_sees_it(lab):
     result = lab.run(answering())
     lab.check(**downloaded(len(NO_PROGRAM)), requests=[f"{PATH} 200"], after={**UNTOUCHED, "files": [FINAL], "missing": [TEMPORARY]})

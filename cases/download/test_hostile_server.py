@@ -101,6 +101,7 @@ def test_redirect_is_followed_with_each_status(lab, status):
     check_arrived(lab, 10, [f"{PATH} {status}", "/mirror 200"])
 
 
+@pytest.mark.quick
 def test_long_chain_of_redirects(lab):
     hops = [PATH, *[f"/hop/{number}" for number in range(1, 13)]]
     answers = {path: {"redirect": onward, "status": 301} for path, onward in zip(hops, hops[1:])}

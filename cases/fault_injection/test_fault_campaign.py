@@ -109,6 +109,7 @@ def test_a_step_of_the_store_that_did_not_fail_is_seen():
 RUNS = plan.planned()
 
 
+@pytest.mark.quick
 def test_the_plan_is_large_and_names_its_runs():
     assert len(RUNS) >= 1500 and len({run.id for run in RUNS}) == len(RUNS)
     assert {run.scenario.name for run in RUNS} == set(MACHINES)

@@ -104,6 +104,7 @@ def test_a_folder_that_cannot_be_looked_at_is_not_passed_on(lab, registered, cha
 # The extraction folder
 
 # Proves: The folder cannot be created (extraction folder)
+@pytest.mark.quick
 def test_the_extraction_folder_cannot_be_created(lab):
     """A folder in which nobody may create anything, not even root. Nothing is said about it, the installer is started all the
     same, and what it could not unpack is missing then."""

@@ -148,6 +148,7 @@ def test_package_is_in_use(lab):
     check_read(lab, "")
 
 
+@pytest.mark.quick
 def test_driver_folder_is_missing(lab):
     lab.run({**spoilt(GOOD), "remove": [STORE]})
     check_read(lab, "")

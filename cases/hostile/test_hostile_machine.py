@@ -78,6 +78,7 @@ def test_repair_in_an_odd_temporary_folder(lab, temp):
           log=[*opening(), *inventory(), *download(), unpack_into(temp), *repair_in(temp)])
 
 
+@pytest.mark.quick
 def test_relative_temporary_folder(lab):
     """It counts from the folder that the tool was started in."""
     temp = "C:\\windows\\system32\\some where\\"

@@ -160,6 +160,7 @@ def test_release_of_every_kind(lab):
                               folder="", prefix="25.10")
 
 
+@pytest.mark.quick
 def test_the_only_adapter_has_no_release(lab):
     lab.run({"adapters": [{"release": kinds(RELEASE)["binary"][0]}]})
     check(lab, exit_code=-1, boxes=[NO_ADAPTER], requests=[], before=BEFORE, after=BEFORE, log=[

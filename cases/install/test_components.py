@@ -27,6 +27,7 @@ def listening(result) -> dict[str, bool]:
 
 # Proves: The application is installed
 # Proves: A name is not running
+@pytest.mark.quick
 def test_order_and_wording(lab):
     """The application is asked before it is killed, although both succeed; the lines in full."""
     lab.run(pretended())

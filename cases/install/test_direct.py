@@ -67,6 +67,7 @@ def check_application_started(result, folder: str = FOLDER) -> None:
 # Proves: It was missing and the installation succeeded (a wanted restart included)
 # Proves: Everything is done
 # Proves: All components wanted
+@pytest.mark.quick
 def test_the_desktop_edition_takes_the_store_editions_place(lab):
     result = lab.run(given(store=store(package(), package(OTHER), package(EARLIER, "1.2.3.4", ok=False))), SWITCHES)
     lab.check(exit_code=0, boxes=[], requests=[], before={"values": {MARKER: None}}, after=ALL, log=[

@@ -25,6 +25,7 @@ def mode(lab, path: str) -> int:
 
 
 # Proves: The folder is made
+@pytest.mark.quick
 def test_folder_is_made_with_all_its_parents_and_stays(lab):
     lab.run(found(**PRETENDED))
     lab.check(exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *DONE], before={"missing": [PARENT]},

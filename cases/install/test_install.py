@@ -38,6 +38,7 @@ def test_only_families_that_are_there_are_replaced(lab, families):
 
 # Proves: A package is installed
 # Proves: Everything is there
+@pytest.mark.quick
 def test_windows_installer_is_asked_in_this_order(lab):
     result = lab.run(found(desktop={"families": ["PXL", "DVR", "Halden"]}, standins=["msi"]))
     lab.check(exit_code=0, boxes=[FINISHED])

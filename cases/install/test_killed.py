@@ -181,6 +181,7 @@ def test_while_it_downloads(lab, point, more):
     check_log(lab, [*opening(), *inventory(), *download(), unpack(), *stop(), *remove("Halden"), *install("Halden")])
 
 
+@pytest.mark.quick
 def test_while_the_server_is_slow(lab):
     pause = {"installer": "24.20", "pause": [100_000, 1]}
     result = kill_and_start_again(lab, {"server": {"answers": {"/drivers/installer/vlt/24.20/dwx2_install.txt": pause}}},

@@ -84,6 +84,7 @@ def test_ids_that_only_look_like_the_makers(lab):
     check(lab, *lab.result.log[2:5], listed=[])
 
 
+@pytest.mark.quick
 def test_vendor_id_in_lower_case(lab):
     """The system at hand gives ids in capital letters, whatever they are stored in; the adapter counts either way."""
     device = MAKER.replace("VEN_1E7D", "ven_1e7d")

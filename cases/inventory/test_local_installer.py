@@ -60,6 +60,7 @@ def test_first_folder_decides(lab):
     check_not_found(lab)
 
 
+@pytest.mark.quick
 def test_first_of_two_installers(lab):
     lab.run(machine({rf"b1\{NAME}": NO_PROGRAM, rf"B2\{NAME}": NO_PROGRAM}))
     check_found(lab, rf"b1\{NAME}")

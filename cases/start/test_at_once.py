@@ -40,6 +40,7 @@ def test_only_one_of_many_works(lab, number):
     assert len(result.logs) - len(others) <= 1
 
 
+@pytest.mark.quick
 def test_each_start_has_a_window_and_the_refused_one_a_box(lab):
     result = lab.run(SLOW, at_once=2)
     assert codes(result) == [-1, 0]

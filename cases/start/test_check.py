@@ -36,6 +36,7 @@ def log_files(result) -> list[pathlib.Path]:
 
 # Proves: The file gets its name
 # Proves: Lines are written
+@pytest.mark.quick
 def test_log_is_one_utf16_file_named_after_local_time(lab):
     zone = zoneinfo.ZoneInfo("America/New_York")
     start = datetime.datetime.now(zone)

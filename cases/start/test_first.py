@@ -1,6 +1,8 @@
 """One case of each kind: early exits, repair from both sources, failures, switches, the status window."""
 from __future__ import annotations
 
+import pytest
+
 from cases.support.expect import (ANOTHER, CHECKING, DOTS, DOWNLOAD_FAILED, DOWNLOADING, FINISHED, INSTALL_FAILED, INSTALLING, NO_ADAPTER,
                     NOT_INSTALLED, SAME_RELEASE, download, install, inventory, opening, remove, stop, unpack)
 
@@ -59,6 +61,7 @@ def test_repair_with_the_installer_of_the_driver_package(lab):
 
 
 # Proves: It has none
+@pytest.mark.quick
 def test_repair_with_the_installer_from_the_server(lab):
     result = lab.run()
     lab.check(exit_code=0, log=[*opening(), *inventory(), *download(), *REPAIR], boxes=[FINISHED],

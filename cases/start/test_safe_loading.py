@@ -95,6 +95,7 @@ def planted_file(name: str, folder: str = BESIDE) -> str:
 
 # The planted DLLs lie where a program without precautions loads them
 
+@pytest.mark.quick
 def test_a_program_that_loads_by_name_loads_every_planted_dll(lab):
     machine = with_planted({"files": {r"C:\lab\TavikCompatibilityTool.exe": {"program": "load_by_name.exe"}}}, BESIDE)
     result = lab.run(machine, " ".join(planted()))

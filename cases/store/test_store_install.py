@@ -35,6 +35,7 @@ def check_failure(lab, code: int, *lines: str, held: tuple[str, ...] = ()) -> No
 
 # Proves: The Store installation succeeds
 # Proves: The overall state is Completed
+@pytest.mark.quick
 def test_an_outdated_store_version_is_replaced(lab):
     result = run(lab, {"installs": INSTALLS})
     lab.check(**DONE, before={"files": []}, after={"products": [], "values": {r"Software\Orrel Technologies\Install\VLTUWPReplaced": None}})

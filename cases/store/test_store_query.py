@@ -51,6 +51,7 @@ def test_a_short_release_equals_a_short_version(lab):
 
 
 # Proves: All matching packages disabled
+@pytest.mark.quick
 def test_a_disabled_version_does_not_count(lab):
     lab.run(store_only(package(version="2.24.20.0", ok=False)))
     lab.check(**NOT_HERE, log=[*until_query(), has(version="2.24.20.0"), DISABLED, NO_STORE, f"{NOTHING} Exiting."])

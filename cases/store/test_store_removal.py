@@ -43,6 +43,7 @@ def check(lab, *lines: str, left: tuple[str, ...] = ()) -> None:
 
 # Proves: Two matching packages
 # Proves: A package of another user => is removed too
+@pytest.mark.quick
 def test_all_packages_of_the_application_go_one_after_the_other(lab):
     third = "Contoso.TAVIKSYSTEMSINC-2.8f31d07a2b6e4.Extra_1.0.0.0_x64__abc"
     run(lab, package(), package(OTHER), package(EARLIER, "1.22.11.65535"), package(third, "1.0.0.0", user="S-1-5-21-7-8-9-1002"))

@@ -34,6 +34,7 @@ def dots(result) -> list[str]:
 # What stands in it
 
 # Proves: It is started
+@pytest.mark.quick
 def test_window_and_its_controls(lab):
     result = lab.run(SHORT, when=[f"{INSTALLS} : look"])
     lab.check(**FAILED)
