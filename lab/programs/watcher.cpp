@@ -10,7 +10,6 @@
 
 #include "lab_file.h"
 #include "watcher_actions.h"
-#include "watcher_json.h"
 #include "watcher_report.h"
 #include "watcher_setup.h"
 #include "watcher_windows.h"
@@ -60,7 +59,7 @@ private:
     Seen seen_;
     DWORD waitUntil_ = 0;
     int pictures_ = 0;
-    std::string looked_;  // what the last action saw
+    Json looked_;  // what the last action saw
 };
 
 void Watch::StartProgram(const std::wstring& commandLine)
@@ -338,7 +337,7 @@ bool Watch::Do(const std::wstring& action)
     if (verb == L"look")
     {
         looked_ = LookAt(front, hook_);
-        return !looked_.empty();
+        return !looked_.is_null();
     }
     if (verb == L"close")
         return CloseWindowByMenu(front);
@@ -377,11 +376,15 @@ void Watch::Act()
             when.done = true;
             const DWORD at = Now();
             const bool done = Do(when.action);
-            Json action;
-            action.Add("at", at).Add("trigger", when.trigger).Add("action", when.action).AddFlag("done", done);
-            if (!looked_.empty())
-                action.AddRaw("seen", std::exchange(looked_, {}));
-            seen_.actions.push_back(action.Text());
+            Json action = {{"at", at},
+                           {"trigger", standin::ToUtf8(when.trigger)},
+                           {"action", standin::ToUtf8(when.action)},
+                           {"done", done}};
+            if (!looked_.is_null())
+            {
+                action["seen"] = std::exchange(looked_, nullptr);
+            }
+            seen_.actions.push_back(std::move(action));
         }
         return;
     }

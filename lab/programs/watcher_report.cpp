@@ -2,41 +2,89 @@
 
 #include <tlhelp32.h>
 
-#include "watcher_json.h"
+#include <algorithm>
+
+#include "lab_file.h"
 
 namespace watcher
 {
 namespace
 {
-std::string Describe(const Sample& sample)
+using standin::ToUtf8;
+
+Json Describe(const Instance& instance)
 {
-    const StatusView& view = sample.view;
-    Json json;
-    json.Add("instance", sample.instance).Add("at", sample.at).AddFlag("exists", view.window != nullptr);
-    json.AddFlag("visible", view.visible).AddFlag("minimised", view.minimised);
-    json.Add("x", view.place.left).Add("y", view.place.top);
-    json.Add("width", view.place.right - view.place.left).Add("height", view.place.bottom - view.place.top);
-    json.Add("title", view.title)
-        .Add("line", view.line)
-        .Add("dots", view.dots)
-        .Add("heading", view.heading)
-        .Add("mark", view.mark);
-    return json.Text();
+    return {
+        {"arguments", ToUtf8(instance.arguments)},
+        {"started", instance.started},
+        {"ended", instance.ended},
+        {"exit_code", static_cast<LONG>(instance.exitCode)},
+        {"peak_memory", instance.peakMemory},
+    };
 }
 
-std::string Describe(const Box& box)
+Json Describe(const Sample& sample)
 {
-    std::vector<std::string> buttons;
+    const StatusView& view = sample.view;
+    return {
+        {"instance", sample.instance},
+        {"at", sample.at},
+        {"exists", view.window != nullptr},
+        {"visible", view.visible},
+        {"minimised", view.minimised},
+        {"x", view.place.left},
+        {"y", view.place.top},
+        {"width", view.place.right - view.place.left},
+        {"height", view.place.bottom - view.place.top},
+        {"title", ToUtf8(view.title)},
+        {"line", ToUtf8(view.line)},
+        {"dots", ToUtf8(view.dots)},
+        {"heading", ToUtf8(view.heading)},
+        {"mark", ToUtf8(view.mark)},
+    };
+}
+
+Json Describe(const Box& box)
+{
+    Json buttons = Json::array();
     for (const std::wstring& button : box.buttons)
-        buttons.push_back(JsonText(button));
-    Json json;
-    json.Add("instance", box.instance).Add("since", box.since).Add("until", box.until).Add("caption", box.caption);
-    json.Add("text", box.text)
-        .Add("icon", box.icon)
-        .Add("title_icon", box.titleIcon)
-        .AddRaw("buttons", JsonList(buttons));
-    json.AddFlag("status_hidden", box.statusHidden).AddFlag("foreground", box.foreground);
-    return json.Text();
+    {
+        buttons.push_back(ToUtf8(button));
+    }
+    return {
+        {"instance", box.instance},
+        {"since", box.since},
+        {"until", box.until},
+        {"caption", ToUtf8(box.caption)},
+        {"text", ToUtf8(box.text)},
+        {"icon", ToUtf8(box.icon)},
+        {"title_icon", ToUtf8(box.titleIcon)},
+        {"buttons", buttons},
+        {"status_hidden", box.statusHidden},
+        {"foreground", box.foreground},
+    };
+}
+
+Json Describe(const Program& program)
+{
+    DWORD code = 0;
+    GetExitCodeProcess(program.process, &code);
+    return {
+        {"command_line", ToUtf8(program.commandLine)},
+        {"running", WaitForSingleObject(program.process, 0) == WAIT_TIMEOUT},
+        {"exit_code", static_cast<LONG>(code)},
+    };
+}
+
+template <class Item>
+Json DescribeAll(const std::vector<Item>& items)
+{
+    Json all = Json::array();
+    for (const Item& item : items)
+    {
+        all.push_back(Describe(item));
+    }
+    return all;
 }
 
 constexpr DWORD kNameWaitMs = 2000;
@@ -59,7 +107,7 @@ std::vector<std::wstring> ProcessNames(bool& isComplete)
 }
 
 // What still runs besides Wine's own services.
-std::vector<std::string> RunningPrograms()
+Json RunningPrograms()
 {
     const wchar_t* own[] = {L"watcher.exe", L"services.exe", L"winedevice.exe", L"plugplay.exe", L"svchost.exe",
                             L"rpcss.exe",   L"explorer.exe", L"conhost.exe",    L"wineboot.exe", L"start.exe"};
@@ -70,14 +118,15 @@ std::vector<std::string> RunningPrograms()
         Sleep(20);
         names = ProcessNames(isComplete);
     }
-    std::vector<std::string> running;
+    Json running = Json::array();
     for (const std::wstring& name : names)
     {
-        bool isOwn = name.empty();  // still none after all that time: it is ending
-        for (const wchar_t* one : own)
-            isOwn = isOwn || lstrcmpiW(one, name.c_str()) == 0;
-        if (!isOwn)
-            running.push_back(JsonText(name));
+        const bool isOwn = std::any_of(std::begin(own), std::end(own),
+                                       [&](const wchar_t* one) { return lstrcmpiW(one, name.c_str()) == 0; });
+        if (!isOwn && !name.empty())  // a process that still has no name is ending
+        {
+            running.push_back(ToUtf8(name));
+        }
     }
     return running;
 }
@@ -85,41 +134,21 @@ std::vector<std::string> RunningPrograms()
 
 std::string Report(const Seen& seen)
 {
-    const wchar_t* event = L"";
+    std::string event;
     if (seen.event != nullptr)
-        event = WaitForSingleObject(seen.event, 0) == WAIT_OBJECT_0 ? L"set" : L"not set";
-    std::vector<std::string> instances, samples, boxes, programs;
-    for (const Instance& instance : seen.instances)
-        instances.push_back(Json()
-                                .Add("arguments", instance.arguments)
-                                .Add("started", instance.started)
-                                .Add("ended", instance.ended)
-                                .Add("exit_code", static_cast<LONG>(instance.exitCode))
-                                .Add("peak_memory", static_cast<long long>(instance.peakMemory))
-                                .Text());
-    for (const Sample& sample : seen.samples)
-        samples.push_back(Describe(sample));
-    for (const Box& box : seen.boxes)
-        boxes.push_back(Describe(box));
-    for (const Program& program : seen.programs)
     {
-        DWORD code = 0;
-        GetExitCodeProcess(program.process, &code);
-        const bool running = WaitForSingleObject(program.process, 0) == WAIT_TIMEOUT;
-        programs.push_back(Json()
-                               .Add("command_line", program.commandLine)
-                               .AddFlag("running", running)
-                               .Add("exit_code", static_cast<LONG>(code))
-                               .Text());
+        event = WaitForSingleObject(seen.event, 0) == WAIT_OBJECT_0 ? "set" : "not set";
     }
-    Json json;
-    json.AddFlag("timed_out", seen.timedOut)
-        .AddRaw("instances", JsonList(instances))
-        .AddRaw("status", JsonList(samples));
-    json.AddRaw("boxes", JsonList(boxes))
-        .AddRaw("actions", JsonList(seen.actions))
-        .AddRaw("started_before", JsonList(programs));
-    json.Add("event", event).AddRaw("still_running", JsonList(RunningPrograms()));
-    return json.Text();
+    const Json report = {
+        {"timed_out", seen.timedOut},
+        {"instances", DescribeAll(seen.instances)},
+        {"status", DescribeAll(seen.samples)},
+        {"boxes", DescribeAll(seen.boxes)},
+        {"actions", seen.actions},
+        {"started_before", DescribeAll(seen.programs)},
+        {"event", event},
+        {"still_running", RunningPrograms()},
+    };
+    return report.dump(1);
 }
 }  // namespace watcher

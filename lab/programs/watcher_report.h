@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "watcher_windows.h"
 
 namespace watcher
@@ -44,10 +46,11 @@ struct Seen
     std::vector<Program> programs;  // those that ran before the tool, and those that an action started
     std::vector<Sample> samples;    // of the status window, one for each change
     std::vector<Box> boxes;
-    std::vector<std::string> actions;  // as JSON
-    HANDLE event = nullptr;            // kept open, so that it can be asked when the program that made it has ended
+    Json actions = Json::array();
+    HANDLE event = nullptr;  // kept open, so that it can be asked when the program that made it has ended
     bool timedOut = false;
 };
 
+// The report as JSON.
 std::string Report(const Seen& seen);
 }  // namespace watcher

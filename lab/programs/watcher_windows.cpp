@@ -1,7 +1,7 @@
 #include "watcher_windows.h"
 
+#include "lab_file.h"
 #include "watcher_hook.h"
-#include "watcher_json.h"
 
 namespace watcher
 {
@@ -77,17 +77,21 @@ RECT PlaceIn(HWND parent, HWND control)
     return place;
 }
 
-std::string DescribeControl(HWND parent, HWND control)
+Json DescribeControl(HWND parent, HWND control)
 {
     const RECT place = PlaceIn(parent, control);
-    Json json;
-    json.Add("id", GetDlgCtrlID(control)).Add("class", ClassOf(control)).Add("text", TextOf(control));
-    json.Add("style", static_cast<DWORD>(GetWindowLongW(control, GWL_STYLE)));
-    json.Add("extended", static_cast<DWORD>(GetWindowLongW(control, GWL_EXSTYLE)));
-    json.Add("x", place.left).Add("y", place.top);
-    json.Add("width", place.right - place.left).Add("height", place.bottom - place.top);
-    json.Add("font", static_cast<int>(Property(control, kFontHeightProperty)) - 1);
-    return json.Text();
+    return {
+        {"id", GetDlgCtrlID(control)},
+        {"class", standin::ToUtf8(ClassOf(control))},
+        {"text", standin::ToUtf8(TextOf(control))},
+        {"style", static_cast<DWORD>(GetWindowLongW(control, GWL_STYLE))},
+        {"extended", static_cast<DWORD>(GetWindowLongW(control, GWL_EXSTYLE))},
+        {"x", place.left},
+        {"y", place.top},
+        {"width", place.right - place.left},
+        {"height", place.bottom - place.top},
+        {"font", static_cast<int>(Property(control, kFontHeightProperty)) - 1},
+    };
 }
 }  // namespace
 
@@ -190,20 +194,27 @@ bool AskIcons(Box& box, HMODULE hook)
     return true;
 }
 
-std::string LookAt(HWND window, HMODULE hook)
+Json LookAt(HWND window, HMODULE hook)
 {
     if (!Ask(window, hook))
-        return {};
+    {
+        return nullptr;
+    }
     RECT client{};
     GetClientRect(window, &client);
-    std::vector<std::string> controls;
+    Json controls = Json::array();
     for (HWND child : ChildrenOf(window))
+    {
         controls.push_back(DescribeControl(window, child));
-    Json json;
-    json.Add("title", TextOf(window)).Add("title_icon", TitleIconOf(window));
-    json.Add("style", static_cast<DWORD>(GetWindowLongW(window, GWL_STYLE)));
-    json.Add("extended", static_cast<DWORD>(GetWindowLongW(window, GWL_EXSTYLE)));
-    json.Add("width", client.right).Add("height", client.bottom).AddRaw("controls", JsonList(controls));
-    return json.Text();
+    }
+    return {
+        {"title", standin::ToUtf8(TextOf(window))},
+        {"title_icon", standin::ToUtf8(TitleIconOf(window))},
+        {"style", static_cast<DWORD>(GetWindowLongW(window, GWL_STYLE))},
+        {"extended", static_cast<DWORD>(GetWindowLongW(window, GWL_EXSTYLE))},
+        {"width", client.right},
+        {"height", client.bottom},
+        {"controls", controls},
+    };
 }
 }  // namespace watcher

@@ -5,8 +5,12 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 namespace watcher
 {
+using Json = nlohmann::ordered_json;
+
 inline constexpr int kStatusLine = 1004;
 inline constexpr int kDots = 1005;
 inline constexpr int kHeading = 1013;
@@ -48,8 +52,8 @@ void Describe(Box& box);
 // Asks inside the process for the icons. False when it does not answer in time (it will be asked again).
 bool AskIcons(Box& box, HMODULE hook);
 
-// Everything about a window and its controls, as JSON; empty when it does not answer in time.
-std::string LookAt(HWND window, HMODULE hook);
+// Everything about a window and its controls; null if it does not answer in time.
+Json LookAt(HWND window, HMODULE hook);
 
 HWND FindControl(HWND window, int id);
 }  // namespace watcher

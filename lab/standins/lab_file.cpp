@@ -16,15 +16,6 @@ std::wstring FromUtf8(std::string_view bytes)
     return text;
 }
 
-std::string ToUtf8(std::wstring_view text)
-{
-    const int size = static_cast<int>(text.size());
-    const int needed = WideCharToMultiByte(CP_UTF8, 0, text.data(), size, nullptr, 0, nullptr, nullptr);
-    std::string bytes(static_cast<std::size_t>(needed), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), size, bytes.data(), needed, nullptr, nullptr);
-    return bytes;
-}
-
 std::string ReadAll(const wchar_t* path)
 {
     std::string bytes;
@@ -51,6 +42,15 @@ void Write(HANDLE file, const std::string& bytes)
     WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
 }
 }  // namespace
+
+std::string ToUtf8(std::wstring_view text)
+{
+    const int size = static_cast<int>(text.size());
+    const int needed = WideCharToMultiByte(CP_UTF8, 0, text.data(), size, nullptr, 0, nullptr, nullptr);
+    std::string bytes(static_cast<std::size_t>(needed), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text.data(), size, bytes.data(), needed, nullptr, nullptr);
+    return bytes;
+}
 
 std::vector<Line> ReadLines(const wchar_t* path)
 {

@@ -32,6 +32,7 @@ private:
     HANDLE file_;
 };
 
+std::string ToUtf8(std::wstring_view text);
 std::wstring Trim(std::wstring_view text);
 std::wstring Lower(std::wstring_view text);  // ASCII letters only
 bool StartsWith(std::wstring_view text, std::wstring_view start);

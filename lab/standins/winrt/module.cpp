@@ -1,17 +1,15 @@
-// Substitute for the system's package manager and Store context, which Wine does not have.
+// Stand-in for the system's package manager and Store context, which Wine does not have.
 #include <windows.h>
 #include <objbase.h>
 
 #include "classes.h"
-#include "machine.h"
 #include "object.h"
-#include "strings.h"
 
 namespace lab
 {
 namespace
 {
-// Other DLLs and threads of the component's own may still run through it.
+// Other DLLs and threads of the component may still call into it.
 void StayLoaded()
 {
     HMODULE self = nullptr;
@@ -26,38 +24,42 @@ bool HasApartment()
     return SUCCEEDED(CoGetApartmentType(&type, &qualifier));
 }
 
-HRESULT Activate(const Outcome& activation, bool needsApartment, abi::IActivationFactory* (*create)(),
-                 abi::IActivationFactory** factory)
+HRESULT Activate(const ClassScript& script, abi::IActivationFactory* (*create)(), abi::IActivationFactory** factory)
 {
     if (TheScript().isBad)
+    {
         return HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
-    if (needsApartment && !HasApartment())
+    }
+    if (script.needsApartment && !HasApartment())
+    {
         return CO_E_NOTINITIALIZED;
-    if (FAILED(activation.result))
-        return activation.Apply();
-    *factory = activation.isNull ? nullptr : create();
+    }
+    const auto answer = script.answers.find(L"activation");
+    if (answer != script.answers.end())
+    {
+        return answer->second.Give();
+    }
+    *factory = create();
     return S_OK;
 }
 }  // namespace
 }  // namespace lab
 
 extern "C" __declspec(dllexport) HRESULT WINAPI
-    DllGetActivationFactory(HSTRING classId, lab::abi::IActivationFactory** factory)
+    DllGetActivationFactory(HSTRING classId, winrt_abi::IActivationFactory** factory)
 {
     using namespace lab;
     StayLoaded();
     const std::wstring name = TextOf(classId);
     *factory = nullptr;
     HRESULT result = CLASS_E_CLASSNOTAVAILABLE;
-    if (name == kPackageManagerClass)
+    if (name == abi::kPackageManagerClass)
     {
-        const ManagerScript& manager = TheScript().manager;
-        result = Activate(manager.activation, manager.needsApartment, NewPackageManagerFactory, factory);
+        result = Activate(TheScript().manager, NewPackageManagerFactory, factory);
     }
-    else if (name == kStoreContextClass)
+    else if (name == abi::kStoreContextClass)
     {
-        const StoreScript& store = TheScript().store;
-        result = Activate(store.activation, store.needsApartment, NewStoreContextFactory, factory);
+        result = Activate(TheScript().store, NewStoreContextFactory, factory);
     }
     return Record(L"DllGetActivationFactory " + name, result);
 }

@@ -1,8 +1,9 @@
 #include "object.h"
 
-#include <cwchar>
+#include <array>
 #include <mutex>
 #include <set>
+#include <span>
 #include <vector>
 
 namespace lab
@@ -35,53 +36,40 @@ struct Known
     const wchar_t* name;
 };
 
-template <class Interface>
-constexpr Known Name()
+template <class... Interfaces>
+constexpr std::array<Known, sizeof...(Interfaces)> Names()
 {
-    return {Interface::kIid, Interface::kName};
+    return {Known{Interfaces::kIid, Interfaces::kName}...};
 }
 
-constexpr Known kKnown[] = {
-    Name<abi::IInspectable>(),
-    Name<abi::IAgileObject>(),
-    Name<abi::IActivationFactory>(),
-    Name<abi::IRestrictedErrorInfo>(),
-    Name<abi::IAsyncInfo>(),
-    Name<abi::IDeploymentOperation>(),
-    Name<abi::IStoreOperation>(),
-    Name<abi::IStringIterable>(),
-    Name<abi::IPackageIterator>(),
-    Name<abi::IPackageIterable>(),
-    Name<abi::IPackageId>(),
-    Name<abi::IPackageStatus>(),
-    Name<abi::IPackage>(),
-    Name<abi::IPackage3>(),
-    Name<abi::IDeploymentResult>(),
-    Name<abi::IPackageManager>(),
-    Name<abi::IPackageManager2>(),
-    Name<abi::IInitializeWithWindow>(),
-    Name<abi::IStorePackageUpdateResult>(),
-    Name<abi::IStoreContext>(),
-    Name<abi::IStoreContext3>(),
-    Name<abi::IStoreContextStatics>(),
-    {{0, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}}, L"IUnknown"},
-    {{3, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}}, L"IMarshal"},
-    {{0x1CF2B120, 0x547D, 0x101B, {0x8E, 0x65, 0x08, 0x00, 0x2B, 0x2B, 0xD1, 0x19}}, L"IErrorInfo"}};
+constexpr auto kKnown =
+    Names<abi::IInspectable, abi::IAgileObject, abi::IActivationFactory, abi::IErrorInfo, abi::IRestrictedErrorInfo,
+          abi::IAsyncInfo, abi::IDeploymentOperation, abi::IStoreOperation, abi::IStringIterable, abi::IPackageIterator,
+          abi::IPackageIterable, abi::IPackageId, abi::IPackageStatus, abi::IPackage, abi::IPackage3,
+          abi::IDeploymentResult, abi::IPackageManager, abi::IPackageManager2, abi::IInitializeWithWindow,
+          abi::IStorePackageUpdateResult, abi::IStoreContext, abi::IStoreContext3, abi::IStoreContextStatics>();
+constexpr Known kClassic[] = {{abi::Id("00000000-0000-0000-C000-000000000046"), L"IUnknown"},
+                              {abi::Id("00000003-0000-0000-C000-000000000046"), L"IMarshal"}};
 }  // namespace
 
 std::wstring InterfaceName(const GUID& iid)
 {
-    for (const Known& known : kKnown)
+    for (const std::span<const Known> list : {std::span<const Known>(kKnown), std::span<const Known>(kClassic)})
     {
-        if (IsEqualGUID(iid, known.iid))
-            return known.name;
+        for (const Known& known : list)
+        {
+            if (IsEqualGUID(iid, known.iid))
+            {
+                return known.name;
+            }
+        }
     }
     wchar_t text[40];
     StringFromGUID2(iid, text, static_cast<int>(std::size(text)));
     return text;
 }
 
-Living::Living(std::wstring className) : className_(std::move(className))
+Living::Living(std::wstring className, Answers answers) : className_(std::move(className)), answers_(std::move(answers))
 {
     const std::scoped_lock lock(mutex);
     TheLiving().insert(this);
@@ -93,12 +81,27 @@ Living::~Living()
     TheLiving().erase(this);
 }
 
+const Answer* Living::AnswerOf(const std::wstring& method)
+{
+    const auto found = answers_.find(method);
+    if (found == answers_.end())
+    {
+        return nullptr;
+    }
+    const Answer& answer = found->second;
+    return answer.onlyCall == 0 || answer.onlyCall == ++calls_[method] ? &answer : nullptr;
+}
+
 void RecordWhatIsStillHeld()
 {
     if (!mutex.try_lock())
+    {
         return;
+    }
     for (const Living* object : TheLiving())
+    {
         RecordAtEnd(L"still held: " + object->ClassName() + L" refs=" + std::to_wstring(object->References()));
+    }
     mutex.unlock();
 }
 
@@ -112,7 +115,9 @@ void KeepUntilTheEnd(const wchar_t* what, IUnknown* object)
 void RecordWhatTheProgramStillHolds()
 {
     for (const Kept& kept : TheKept())
+    {
         RecordAtEnd(std::wstring(kept.what) + L" released count=" + std::to_wstring(kept.object->Release()));
+    }
     TheKept().clear();
 }
 }  // namespace lab

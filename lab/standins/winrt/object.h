@@ -1,94 +1,86 @@
-// The common part of every object of the component: counting, interface look-up, and a list of what is still held.
+// The common part of every object of the component: it answers as the script says, records each call, and is in a list
+// of living objects.
 #pragma once
-#include <atomic>
 #include <string>
 
-#include "abi.h"
+#include "classes.h"
+#include "com_object.h"
+#include "record.h"
 
 namespace lab
 {
 std::wstring InterfaceName(const GUID& iid);
 
-// Known to the list of living objects, so that the end of the process can tell what the program never released.
+// In the list of living objects: at the end of the process it shows what the program never released.
 class Living
 {
 public:
-    explicit Living(std::wstring className);
+    Living(std::wstring className, Answers answers);
     Living(const Living&) = delete;
     Living& operator=(const Living&) = delete;
-    virtual ~Living();
 
     const std::wstring& ClassName() const { return className_; }
-    ULONG References() const { return references_; }
+    virtual ULONG References() const = 0;
 
 protected:
-    std::atomic<ULONG> references_ = 1;
+    virtual ~Living();
+
+    // The answer that the script has for this call of the method; null if the call succeeds.
+    const Answer* AnswerOf(const std::wstring& method);
 
 private:
     std::wstring className_;
+    Answers answers_;
+    std::map<std::wstring, unsigned> calls_;
 };
 
 // Writes "still held: <class> refs=<n>" for each living object.
 void RecordWhatIsStillHeld();
 
-template <class First, class... Others>
-class Object : public Living, public First, public Others...
+template <class... Interfaces>
+class Object : public Living, public abi::ComObject<Interfaces...>
 {
 public:
-    using Living::Living;
+    explicit Object(std::wstring className, Answers answers = {}) : Living(std::move(className), std::move(answers)) {}
 
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override
+    ULONG References() const override { return this->CountReferences(); }
+
+    HRESULT STDMETHODCALLTYPE GetRuntimeClassName(HSTRING* name) override
     {
-        *object = nullptr;
-        const HRESULT refusal = Refuse(iid);
-        if (SUCCEEDED(refusal))
-            *object = Find(iid);
-        if (*object != nullptr)
-            AddRef();
-        const HRESULT result = *object != nullptr ? S_OK : FAILED(refusal) ? refusal : E_NOINTERFACE;
-        return Record(L"QueryInterface " + ClassName() + L" " + InterfaceName(iid), result);
-    }
-
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++references_; }
-
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        const ULONG left = --references_;
-        if (left == 0)
-            delete this;
-        return left;
-    }
-
-    // Only asked of objects that are IInspectable; the other ones do not have these slots.
-    virtual HRESULT STDMETHODCALLTYPE GetIids(ULONG*, GUID**) { return UnusedSlot(L"IInspectable", L"GetIids"); }
-    virtual HRESULT STDMETHODCALLTYPE GetTrustLevel(INT32*) { return UnusedSlot(L"IInspectable", L"GetTrustLevel"); }
-    virtual HRESULT STDMETHODCALLTYPE GetRuntimeClassName(HSTRING* name)
-    {
-        const std::wstring& text = ClassName();
-        return WindowsCreateString(text.c_str(), static_cast<UINT32>(text.size()), name);
+        *name = NewString(ClassName());
+        return S_OK;
     }
 
 protected:
-    // A failure code: the interface is there, but the case wants it refused.
-    virtual HRESULT Refuse(const GUID&) { return S_OK; }
-
-private:
-    void* Find(const GUID& iid)
+    // Ends a method as the script says: with a failure, with null, or with what `make` returns. Recorded as `text`.
+    template <class Value, class Make>
+    HRESULT Give(const std::wstring& method, const std::wstring& text, Value* value, Make make)
     {
-        void* found = nullptr;
-        if (IsEqualGUID(iid, IID_IUnknown) || IsEqualGUID(iid, abi::IInspectable::kIid))
-            return static_cast<First*>(this);
-        const auto offer = [&](auto* candidate, const GUID& offered) {
-            if (found == nullptr && IsEqualGUID(iid, offered))
-                found = candidate;
-        };
-        offer(static_cast<First*>(this), First::kIid);
-        (offer(static_cast<Others*>(this), Others::kIid), ...);
-        return found;
+        const Answer* const answer = AnswerOf(method);
+        if (answer == nullptr)
+        {
+            *value = make();
+        }
+        else if constexpr (std::is_pointer_v<Value>)
+        {
+            *value = nullptr;
+        }
+        return Record(text, answer == nullptr ? S_OK : answer->Give());
+    }
+
+    HRESULT Refuse(const GUID& iid) override
+    {
+        const Answer* const answer = AnswerOf(InterfaceName(iid));
+        return answer == nullptr ? S_OK : answer->Give();
+    }
+
+    void Asked(const GUID& iid, HRESULT result) override
+    {
+        Record(L"QueryInterface " + ClassName() + L" " + InterfaceName(iid), result);
     }
 };
 
-// One reference of the program's own object kept until the process ends, to see then what else holds it.
+// Keeps one reference of the program's own object until the process ends, to see what the program still holds then.
 void KeepUntilTheEnd(const wchar_t* what, IUnknown* object);
 void RecordWhatTheProgramStillHolds();
 }  // namespace lab

@@ -1,4 +1,4 @@
-// An asynchronous operation that ends when and how the case says.
+// An asynchronous operation that ends when and how the script says.
 #pragma once
 #include <chrono>
 #include <functional>
@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "object.h"
-#include "script.h"
 
 namespace lab
 {
@@ -16,21 +15,23 @@ inline constexpr HRESULT kNotAgile = static_cast<HRESULT>(0x8000001C);
 
 struct OperationPlan
 {
+    Answers answers;
     Completion completion;
     Ending ending;
-    Outcome putCompleted;
-    std::function<void(abi::AsyncStatus)> finish;                // the work itself, once, before the end is visible
-    std::function<HRESULT(abi::IInspectable** result)> results;  // of an operation that completed
+    std::function<void(abi::AsyncStatus)> finish;   // the work itself, once, before the end is visible
+    std::function<abi::IInspectable*()> newResult;  // of an operation that completed
 };
 
-// Asks the program's object whether any thread may call it, and notes the answer.
+// Asks the program's object whether any thread may call it, and records the answer.
 inline bool IsAgile(const wchar_t* what, IUnknown* object)
 {
     void* agile = nullptr;
     const HRESULT result = object->QueryInterface(abi::IAgileObject::kIid, &agile);
     Record(std::wstring(what) + L" QueryInterface IAgileObject", result);
     if (SUCCEEDED(result) && agile != nullptr)
+    {
         static_cast<IUnknown*>(agile)->Release();
+    }
     return SUCCEEDED(result) && agile != nullptr;
 }
 
@@ -41,39 +42,39 @@ public:
     static Operation* Start(const wchar_t* className, OperationPlan plan)
     {
         auto* const operation = new Operation(className, std::move(plan));
-        if (operation->plan_.completion.kind == Completion::Before)
+        if (operation->plan_.completion.kind == Completion::kBefore)
+        {
             operation->Complete();
-        else if (operation->plan_.completion.kind == Completion::Later)
+        }
+        else if (operation->plan_.completion.kind == Completion::kLater)
+        {
             operation->CompleteLater();
+        }
         return operation;
     }
 
     ~Operation() override
     {
         if (thread_.joinable())
+        {
             thread_.join();
+        }
         if (handler_ != nullptr)
+        {
             handler_->Release();
+        }
         Record(this->ClassName() + L" destroyed");
-    }
-
-    HRESULT STDMETHODCALLTYPE get_Id(UINT32* id) override
-    {
-        *id = 1;
-        return S_OK;
     }
 
     HRESULT STDMETHODCALLTYPE get_Status(INT32* status) override
     {
-        const std::scoped_lock lock(mutex_);
-        *status = status_;
-        return Record(this->ClassName() + L" get_Status " + std::to_wstring(status_), S_OK);
+        *status = Status();
+        return Record(this->ClassName() + L" get_Status " + std::to_wstring(*status), S_OK);
     }
 
     HRESULT STDMETHODCALLTYPE get_ErrorCode(HRESULT* error) override
     {
-        const std::scoped_lock lock(mutex_);
-        *error = status_ == abi::kError ? plan_.ending.error.result : S_OK;
+        *error = Status() == abi::kError ? plan_.ending.error.result : S_OK;
         return Record(this->ClassName() + L" get_ErrorCode", S_OK);
     }
 
@@ -82,53 +83,72 @@ public:
         const HRESULT result = Accept(handler);
         Record(this->ClassName() + L" put_Completed", result);
         if (FAILED(result))
+        {
             return result;
-        if (plan_.completion.kind == Completion::Inside)
+        }
+        if (plan_.completion.kind == Completion::kInside)
+        {
             Complete();
-        else if (plan_.completion.kind == Completion::Thread)
+        }
+        else if (plan_.completion.kind == Completion::kThread)
+        {
             std::thread([this] { Complete(); }).join();
+        }
         CallHandler();  // an operation that ended before it had a handler calls it at once
         return S_OK;
     }
 
     HRESULT STDMETHODCALLTYPE GetResults(abi::IInspectable** result) override
     {
-        abi::AsyncStatus status = abi::kStarted;
-        {
-            const std::scoped_lock lock(mutex_);
-            status = status_;
-        }
-        HRESULT code = kIllegalMethodCall;  // not finished, or canceled: there is nothing to get
+        const std::wstring text = this->ClassName() + L" GetResults";
+        const abi::AsyncStatus status = Status();
         if (status == abi::kCompleted)
-            code = plan_.results(result);
-        else if (status == abi::kError)
-            code = plan_.ending.error.Apply();
-        return Record(this->ClassName() + L" GetResults", code);
+        {
+            return this->Give(L"GetResults", text, result, plan_.newResult);
+        }
+        // Before the end, or canceled, there is no result.
+        return Record(text, status == abi::kError ? plan_.ending.error.Give() : kIllegalMethodCall);
     }
 
 private:
     Operation(const wchar_t* className, OperationPlan plan)
-        : Object<Interface, abi::IAsyncInfo>(className), plan_(std::move(plan))
+        : Object<Interface, abi::IAsyncInfo>(className, plan.answers), plan_(std::move(plan))
     {
+    }
+
+    abi::AsyncStatus Status()
+    {
+        const std::scoped_lock lock(mutex_);
+        return status_;
     }
 
     HRESULT Accept(abi::ICompletedHandler* handler)
     {
         if (handler == nullptr)
+        {
             return E_POINTER;
+        }
         void* asked = nullptr;
         const HRESULT hasInterface = handler->QueryInterface(Interface::kHandlerIid, &asked);
         Record(L"handler QueryInterface own interface", hasInterface);
         if (FAILED(hasInterface))
+        {
             return hasInterface;
+        }
         static_cast<IUnknown*>(asked)->Release();
         if (!IsAgile(L"handler", handler))
+        {
             return kNotAgile;
-        if (FAILED(plan_.putCompleted.result))
-            return plan_.putCompleted.Apply();
+        }
+        if (const Answer* const failure = this->AnswerOf(L"put_Completed"))
+        {
+            return failure->Give();
+        }
         const std::scoped_lock lock(mutex_);
         if (handler_ != nullptr)
+        {
             return kIllegalDelegateAssignment;
+        }
         handler->AddRef();
         handler_ = handler;
         KeepUntilTheEnd(L"handler", handler);
@@ -154,14 +174,16 @@ private:
         CallHandler();
     }
 
-    // Once, when the operation has ended and has a handler; without holding the lock, because the handler may call
+    // Calls the handler once the operation has ended and has a handler; without the lock, because the handler may call
     // back.
     void CallHandler()
     {
         {
             const std::scoped_lock lock(mutex_);
             if (status_ == abi::kStarted || handler_ == nullptr || isHandlerCalled_)
+            {
                 return;
+            }
             isHandlerCalled_ = true;
         }
         Record(this->ClassName() + L" calls the handler, status " + std::to_wstring(plan_.ending.status));

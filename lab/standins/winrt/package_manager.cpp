@@ -1,14 +1,9 @@
-#include "classes.h"
-
 #include <algorithm>
 #include <optional>
 
+#include "classes.h"
 #include "lab_file.h"
-#include "machine.h"
-#include "object.h"
 #include "operation.h"
-#include "packages.h"
-#include "strings.h"
 
 namespace lab
 {
@@ -16,118 +11,98 @@ namespace
 {
 constexpr UINT32 kRemoveForAllUsers = 0x80000;
 
-// A failure of this method that the case asks for.
-const Outcome* FailureOf(const PackageScript& package, const std::wstring& method)
-{
-    const auto found = package.failures.find(method);
-    return found == package.failures.end() ? nullptr : &found->second;
-}
-
 class DeploymentResult final : public Object<abi::IDeploymentResult>
 {
 public:
-    explicit DeploymentResult(const PackageScript& package) : Object(L"DeploymentResult"), package_(package) {}
+    explicit DeploymentResult(const PackageScript& package)
+        : Object(L"DeploymentResult", package.answers), removal_(package.removal)
+    {
+    }
 
     HRESULT STDMETHODCALLTYPE get_ErrorText(HSTRING* text) override
     {
-        *text = nullptr;
-        if (const Outcome* failure = FailureOf(package_, L"get_ErrorText"))
-            return Record(L"get_ErrorText", failure->Apply());
-        const bool isNull = package_.nulls.contains(L"get_ErrorText");
-        return Record(L"get_ErrorText", isNull ? S_OK : GiveString(package_.removal.description, text));
+        return Give(L"get_ErrorText", L"get_ErrorText", text, [&] { return NewString(removal_.description); });
     }
 
     HRESULT STDMETHODCALLTYPE get_ExtendedErrorCode(HRESULT* code) override
     {
-        if (const Outcome* failure = FailureOf(package_, L"get_ExtendedErrorCode"))
-            return Record(L"get_ExtendedErrorCode", failure->Apply());
-        *code = package_.removal.result;
-        return Record(L"get_ExtendedErrorCode", S_OK);
+        return Give(L"get_ExtendedErrorCode", L"get_ExtendedErrorCode", code, [&] { return removal_.result; });
     }
 
 private:
-    PackageScript package_;
+    Answer removal_;
 };
 
 OperationPlan RemovalPlan(const PackageScript& package, UINT32 options)
 {
-    OperationPlan plan;
-    plan.completion = package.completion;
-    plan.ending = package.removalEnd;
-    if (const Outcome* failure = FailureOf(package, L"put_Completed"))
-        plan.putCompleted = *failure;
+    OperationPlan plan{package.answers, package.completion, package.end, {}, {}};
     plan.finish = [package, options](abi::AsyncStatus status) {
         const bool isReached = package.user.empty() || (options & kRemoveForAllUsers) != 0;
         if (status == abi::kCompleted && package.removal.result == S_OK && !package.stays && isReached)
+        {
             RemovePackage(package);
+        }
     };
-    plan.results = [package](abi::IInspectable** result) {
-        if (const Outcome* failure = FailureOf(package, L"GetResults"))
-            return failure->Apply();
-        *result = package.nulls.contains(L"GetResults") ? nullptr : new DeploymentResult(package);
-        return S_OK;
-    };
+    plan.newResult = [package] { return new DeploymentResult(package); };
     return plan;
+}
+
+std::optional<PackageScript> Installed(const std::wstring& name)
+{
+    for (const PackageScript& package : InstalledPackages())
+    {
+        if (package.hasName ? package.name == name : name.empty())
+        {
+            return package;
+        }
+    }
+    return std::nullopt;
 }
 
 class PackageManager final : public Object<abi::IPackageManager, abi::IPackageManager2>
 {
 public:
-    PackageManager() : Object(kPackageManagerClass) {}
+    PackageManager() : Object(abi::kPackageManagerClass, TheScript().manager.answers) {}
 
     HRESULT STDMETHODCALLTYPE FindPackages(abi::IPackageIterable** packages) override
     {
-        const Outcome& outcome = TheScript().manager.find;
-        if (FAILED(outcome.result))
-            return Record(L"FindPackages", outcome.Apply());
-        *packages = outcome.isNull ? nullptr : NewPackageList(InstalledPackages());
-        return Record(L"FindPackages", S_OK);
+        return Give(L"FindPackages", L"FindPackages", packages, [] { return NewPackageList(InstalledPackages()); });
     }
 
     HRESULT STDMETHODCALLTYPE RemovePackageWithOptionsAsync(HSTRING fullName, UINT32 options,
                                                             abi::IDeploymentOperation** operation) override
     {
+        *operation = nullptr;
         const std::wstring name = TextOf(fullName);
         const std::optional<PackageScript> package = Installed(name);
-        const std::wstring what =
-            L"RemovePackageWithOptionsAsync name=" + standin::Quoted(name) + L"; options=" + standin::Hex(options) +
-            (package && !package->user.empty() ? L"; user=" + standin::Quoted(package->user) : L"");
+        std::wstring what =
+            L"RemovePackageWithOptionsAsync name=" + standin::Quoted(name) + L"; options=" + standin::Hex(options);
         if (!package)
-            return Record(what, HRESULT_FROM_WIN32(ERROR_NOT_FOUND));
-        if (const Outcome* failure = FailureOf(*package, L"RemovePackageAsync"))
-            return Record(what, failure->Apply());
-        Record(what, S_OK);
-        const bool isNull = package->nulls.contains(L"RemovePackageAsync");
-        *operation = isNull ? nullptr
-                            : Operation<abi::IDeploymentOperation>::Start(L"DeploymentOperation",
-                                                                          RemovalPlan(*package, options));
-        return S_OK;
-    }
-
-private:
-    static std::optional<PackageScript> Installed(const std::wstring& name)
-    {
-        for (const PackageScript& package : InstalledPackages())
         {
-            if (package.hasName ? package.name == name : name.empty())
-                return package;
+            return Record(what, HRESULT_FROM_WIN32(ERROR_NOT_FOUND));
         }
-        return std::nullopt;
+        what += package->user.empty() ? L"" : L"; user=" + standin::Quoted(package->user);
+        const auto answer = package->answers.find(L"RemovePackageAsync");
+        if (answer != package->answers.end())
+        {
+            return Record(what, answer->second.Give());
+        }
+        Record(what, S_OK);  // before the operation records its own lines
+        *operation =
+            Operation<abi::IDeploymentOperation>::Start(L"DeploymentOperation", RemovalPlan(*package, options));
+        return S_OK;
     }
 };
 
 class PackageManagerFactory final : public Object<abi::IActivationFactory, abi::IAgileObject>
 {
 public:
-    PackageManagerFactory() : Object(L"PackageManagerFactory") {}
+    PackageManagerFactory() : Object(L"PackageManagerFactory", TheScript().manager.answers) {}
 
     HRESULT STDMETHODCALLTYPE ActivateInstance(abi::IInspectable** instance) override
     {
-        const Outcome& outcome = TheScript().manager.create;
-        if (FAILED(outcome.result))
-            return Record(L"ActivateInstance PackageManager", outcome.Apply());
-        *instance = outcome.isNull ? nullptr : static_cast<abi::IPackageManager*>(new PackageManager);
-        return Record(L"ActivateInstance PackageManager", S_OK);
+        return Give(L"ActivateInstance", L"ActivateInstance PackageManager", instance,
+                    [] { return static_cast<abi::IPackageManager*>(new PackageManager); });
     }
 };
 }  // namespace

@@ -1,9 +1,12 @@
 #include "record.h"
 
+#include <iterator>
 #include <map>
 #include <mutex>
+#include <sstream>
 #include <vector>
 
+#include "abi.h"
 #include "lab_file.h"
 #include "process_fault.h"
 
@@ -30,21 +33,32 @@ std::size_t ThreadNumber()
 struct Rule
 {
     std::wstring word;
-    unsigned long long left;  // lines with the word until it is due
-    std::wstring what;        // exit or crash
-    unsigned long long code;
+    unsigned long long left = 0;  // lines with the word until it is due
+    bool isExit = false;          // otherwise a crash
+    unsigned long long code = 0;
 };
 
-std::vector<std::wstring> Words(std::wstring text)
+std::vector<std::wstring> Words(const std::wstring& text)
 {
-    std::vector<std::wstring> words;
-    while (!(text = standin::Trim(text)).empty())
+    std::wistringstream stream(text);
+    return {std::istream_iterator<std::wstring, wchar_t>(stream), std::istream_iterator<std::wstring, wchar_t>()};
+}
+
+// "<word> <n> exit=<code>" or "... crash=<code>".
+bool ParseRule(const std::wstring& text, Rule& rule)
+{
+    const std::vector<std::wstring> words = Words(text);
+    if (words.size() != 3)
     {
-        const std::size_t end = text.find(L' ');
-        words.push_back(text.substr(0, end));
-        text.erase(0, words.back().size());
+        return false;
     }
-    return words;
+    const std::size_t equal = words[2].find(L'=');
+    const std::wstring what = words[2].substr(0, equal);
+    rule.word = words[0];
+    rule.isExit = what == L"exit";
+    return (what == L"exit" || what == L"crash") && equal != std::wstring::npos &&
+           standin::ParseNumber(words[1], rule.left) && rule.left > 0 &&
+           standin::ParseNumber(words[2].substr(equal + 1), rule.code);
 }
 
 std::vector<Rule> ReadRules()
@@ -52,21 +66,19 @@ std::vector<Rule> ReadRules()
     std::vector<Rule> rules;
     for (const standin::Line& line : standin::ReadLines(L"C:\\lab\\standins\\faults.txt"))
     {
-        if (!standin::StartsWith(line.text, L"winrt!"))
-            continue;
-        const std::vector<std::wstring> words = Words(line.text.substr(6));
         Rule rule;
-        const std::size_t equal = words.size() == 3 ? words[2].find(L'=') : std::wstring::npos;
-        if (equal != std::wstring::npos)
-            rule.what = words[2].substr(0, equal);
-        if ((rule.what == L"exit" || rule.what == L"crash") && standin::ParseNumber(words[1], rule.left) &&
-            rule.left > 0 && standin::ParseNumber(words[2].substr(equal + 1), rule.code))
+        if (!standin::StartsWith(line.text, L"winrt!"))
         {
-            rule.word = words[0];
+            continue;
+        }
+        if (ParseRule(line.text.substr(6), rule))
+        {
             rules.push_back(rule);
         }
         else
+        {
             TheJournal().Append(L"!bad rule in line " + std::to_wstring(line.number));
+        }
     }
     return rules;
 }
@@ -75,17 +87,24 @@ void FollowRules(std::vector<Rule>& rules, const std::wstring& text)
 {
     static std::mutex mutex;
     if (rules.empty())
+    {
         return;
+    }
     const std::scoped_lock lock(mutex);
     const std::vector<std::wstring> words = Words(text);
     for (Rule& rule : rules)
-        for (std::size_t i = 0; i < words.size() && i < 2; ++i)
-            if (words[i] == rule.word && --rule.left == 0)
-            {
-                if (rule.what == L"exit")
-                    TerminateProcess(GetCurrentProcess(), static_cast<UINT>(rule.code));
-                standin::Crash(static_cast<DWORD>(rule.code));
-            }
+    {
+        const bool hasWord = (!words.empty() && words[0] == rule.word) || (words.size() > 1 && words[1] == rule.word);
+        if (!hasWord || --rule.left != 0)
+        {
+            continue;
+        }
+        if (rule.isExit)
+        {
+            TerminateProcess(GetCurrentProcess(), static_cast<UINT>(rule.code));
+        }
+        standin::Crash(static_cast<DWORD>(rule.code));
+    }
 }
 }  // namespace
 
@@ -98,7 +117,7 @@ void Record(const std::wstring& text)
 
 HRESULT Record(const std::wstring& text, HRESULT result)
 {
-    Record(text + L" -> " + HresultText(result));
+    Record(text + L" -> " + standin::Hex(static_cast<ULONG>(result)));
     return result;
 }
 
@@ -106,14 +125,9 @@ void RecordAtEnd(const std::wstring& text)
 {
     TheJournal().Append(text);
 }
-
-HRESULT UnusedSlot(const wchar_t* interfaceName, const wchar_t* method)
-{
-    return Record(L"unused slot " + std::wstring(interfaceName) + L"." + method, E_NOTIMPL);
-}
-
-std::wstring HresultText(HRESULT result)
-{
-    return standin::Hex(static_cast<ULONG>(result));
-}
 }  // namespace lab
+
+HRESULT winrt_abi::UnusedSlot(const wchar_t* interfaceName, const wchar_t* method)
+{
+    return lab::Record(L"unused slot " + std::wstring(interfaceName) + L"." + method, E_NOTIMPL);
+}

@@ -6,16 +6,12 @@
 
 namespace lab
 {
-// Appends "<text> thread=<n>"; threads are numbered from 1 in the order in which they turn up.
+// Appends "<text> thread=<n>"; threads are numbered from 1 in the order of their first call.
 void Record(const std::wstring& text);
 
-// "<text> -> <result>", and hands the result on.
+// Records "<text> -> <result>" and returns the result.
 HRESULT Record(const std::wstring& text, HRESULT result);
 
-// While the process ends: no thread number, no lock, because the other threads were killed wherever they stood.
+// For the end of the process: no thread number and no lock, because the other threads may have been killed holding it.
 void RecordAtEnd(const std::wstring& text);
-
-HRESULT UnusedSlot(const wchar_t* interfaceName, const wchar_t* method);
-
-std::wstring HresultText(HRESULT result);
 }  // namespace lab

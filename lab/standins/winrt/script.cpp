@@ -1,7 +1,12 @@
 #include "script.h"
 
-#include "error_info.h"
+#include <algorithm>
+#include <cwchar>
+#include <set>
+
+#include "classes.h"
 #include "lab_file.h"
+#include "record.h"
 
 namespace lab
 {
@@ -23,262 +28,301 @@ HRESULT ParseHresult(const std::wstring& text)
 {
     unsigned long long value = 0;
     if (!StartsWith(text, L"0x") || !ParseNumber(text, value) || value > MAXDWORD)
+    {
         throw Fault{L"not a code like 0x80004005: " + text};
+    }
     return static_cast<HRESULT>(static_cast<ULONG>(value));
 }
 
 // <hr>[!<hr of the error object>][:<text> | :<description>|<restricted text> | =<text of a plain IErrorInfo>]
-Outcome ParseFailure(const std::wstring& value)
+Answer ParseFailure(const std::wstring& value)
 {
-    Outcome outcome;
+    Answer answer;
     const std::size_t mark = value.find_first_of(L":=");
     const std::wstring codes = Trim(value.substr(0, mark));
     const std::size_t second = codes.find(L'!');
-    outcome.result = ParseHresult(codes.substr(0, second));
-    outcome.errorObjectResult = second == codes.npos ? outcome.result : ParseHresult(codes.substr(second + 1));
-    outcome.hasErrorObject = mark != value.npos;
-    if (!outcome.hasErrorObject)
-        return outcome;
+    answer.result = ParseHresult(codes.substr(0, second));
+    answer.errorObjectResult = second == codes.npos ? answer.result : ParseHresult(codes.substr(second + 1));
+    answer.hasErrorObject = mark != value.npos;
+    if (!answer.hasErrorObject)
+    {
+        return answer;
+    }
     const std::wstring text = value.substr(mark + 1);
     const std::size_t bar = text.find(L'|');
-    outcome.isRestricted = value[mark] == L':';
-    outcome.description = standin::Unescape(text.substr(0, bar));
-    if (outcome.isRestricted && bar == text.npos)
+    answer.isRestricted = value[mark] == L':';
+    answer.description = standin::Unescape(text.substr(0, bar));
+    if (answer.isRestricted && bar == text.npos)
     {
-        outcome.text = outcome.description;
-        outcome.hasText = true;
+        answer.text = answer.description;
+        answer.hasText = true;
     }
     else if (bar != text.npos && bar + 1 < text.size())
     {
-        outcome.text = standin::Unescape(text.substr(bar + 1));
-        outcome.hasText = true;
+        answer.text = standin::Unescape(text.substr(bar + 1));
+        answer.hasText = true;
     }
-    return outcome;
+    return answer;
 }
 
-Outcome ParseOutcome(const std::wstring& value)
+bool OneOf(const std::wstring& value, const std::wstring& no, const std::wstring& yes)
 {
-    Outcome outcome;
-    if (value == L"ok")
-        return outcome;
-    outcome.isNull = value == L"null";
-    return outcome.isNull ? outcome : ParseFailure(value);
+    if (value != no && value != yes)
+    {
+        throw Fault{no + L" or " + yes + L", not: " + value};
+    }
+    return value == yes;
 }
 
 bool ParseYesNo(const std::wstring& value)
 {
-    if (value != L"yes" && value != L"no")
-        throw Fault{L"yes or no, not: " + value};
-    return value == L"yes";
-}
-
-void ParseActivation(const std::wstring& value, Outcome& outcome, bool& needsApartment)
-{
-    needsApartment = value == L"mta";
-    if (!needsApartment)
-        outcome = ParseOutcome(value);
+    return OneOf(value, L"no", L"yes");
 }
 
 abi::PackageVersion ParseVersion(const std::wstring& value)
 {
-    UINT16 parts[4] = {};
-    std::wstring rest = value + L".";
-    for (UINT16& part : parts)
+    unsigned parts[4] = {};
+    int end = 0;
+    const int read = std::swscanf(value.c_str(), L"%u.%u.%u.%u%n", &parts[0], &parts[1], &parts[2], &parts[3], &end);
+    if (read != 4 || end != static_cast<int>(value.size()) || *std::max_element(parts, parts + 4) > 0xFFFF)
     {
-        const std::size_t dot = rest.find(L'.');
-        unsigned long long number = 0;
-        if (dot == rest.npos || !ParseNumber(rest.substr(0, dot), number) || number > 0xFFFF)
-            throw Fault{L"not a version like 1.2.3.4: " + value};
-        part = static_cast<UINT16>(number);
-        rest.erase(0, dot + 1);
-    }
-    if (!rest.empty())
         throw Fault{L"not a version like 1.2.3.4: " + value};
-    return {parts[0], parts[1], parts[2], parts[3]};
+    }
+    return {static_cast<UINT16>(parts[0]), static_cast<UINT16>(parts[1]), static_cast<UINT16>(parts[2]),
+            static_cast<UINT16>(parts[3])};
 }
 
 Completion ParseCompletion(const std::wstring& value)
 {
+    static const std::map<std::wstring, Completion::Kind> kKinds = {{L"before", Completion::kBefore},
+                                                                    {L"inside", Completion::kInside},
+                                                                    {L"thread", Completion::kThread},
+                                                                    {L"never", Completion::kNever}};
+    const auto kind = kKinds.find(value);
     unsigned long long milliseconds = 0;
-    if (value == L"before")
-        return {Completion::Before, 0};
-    if (value == L"inside")
-        return {Completion::Inside, 0};
-    if (value == L"thread")
-        return {Completion::Thread, 0};
-    if (value == L"never")
-        return {Completion::Never, 0};
+    if (kind != kKinds.end())
+    {
+        return {kind->second, 0};
+    }
     if (StartsWith(value, L"later:") && ParseNumber(value.substr(6), milliseconds))
-        return {Completion::Later, static_cast<DWORD>(milliseconds)};
+    {
+        return {Completion::kLater, static_cast<DWORD>(milliseconds)};
+    }
     throw Fault{L"before, inside, thread, later:<ms> or never, not: " + value};
 }
 
 Ending ParseEnding(const std::wstring& value)
 {
-    if (value == L"completed")
-        return {};
-    if (value == L"canceled")
-        return {abi::kCanceled, {}};
+    if (value == L"completed" || value == L"canceled")
+    {
+        return {value == L"completed" ? abi::kCompleted : abi::kCanceled, {}};
+    }
     if (StartsWith(value, L"error:"))
+    {
         return {abi::kError, ParseFailure(value.substr(6))};
+    }
     throw Fault{L"completed, canceled or error:<code>, not: " + value};
 }
 
-CountedFailure ParseCounted(const std::wstring& value)
+// Reads "ok", "null", a failure, or "<number of the call>:<failure>".
+void SetAnswer(Answers& answers, const wchar_t* method, const std::wstring& value)
 {
-    unsigned long long call = 0;
     const std::size_t mark = value.find(L':');
-    if (value == L"ok")
-        return {};
-    if (mark == value.npos || !ParseNumber(value.substr(0, mark), call) || call == 0)
-        throw Fault{L"ok or <number of the call>:<code>, not: " + value};
-    return {static_cast<unsigned>(call), ParseFailure(value.substr(mark + 1))};
+    unsigned long long call = 0;
+    if (value == L"null")
+    {
+        answers[method] = Answer();
+    }
+    else if (!StartsWith(value, L"0x") && ParseNumber(value.substr(0, mark), call) && call > 0 && mark != value.npos)
+    {
+        answers[method] = ParseFailure(value.substr(mark + 1));
+        answers[method].onlyCall = static_cast<unsigned>(call);
+    }
+    else if (value != L"ok")
+    {
+        answers[method] = ParseFailure(value);
+    }
 }
 
-bool SetManager(ManagerScript& manager, const std::wstring& key, const std::wstring& value)
+void SetActivation(ClassScript& script, const std::wstring& value)
 {
-    if (key == L"activation")
-        ParseActivation(value, manager.activation, manager.needsApartment);
-    else if (key == L"create")
-        manager.create = ParseOutcome(value);
-    else if (key == L"find")
-        manager.find = ParseOutcome(value);
-    else if (key == L"first")
-        manager.first = ParseOutcome(value);
-    else if (key == L"next")
-        manager.next = ParseCounted(value);
-    else if (key == L"current")
-        manager.current = ParseCounted(value);
-    else
-        return false;
-    return true;
+    script.needsApartment = value == L"mta";
+    if (!script.needsApartment)
+    {
+        SetAnswer(script.answers, L"activation", value);
+    }
 }
-
-const std::set<std::wstring> kMethods = {L"get_Id",     L"get_FullName",  L"get_Version",          L"IPackage3",
-                                         L"get_Status", L"VerifyIsOK",    L"RemovePackageAsync",   L"put_Completed",
-                                         L"GetResults", L"get_ErrorText", L"get_ExtendedErrorCode"};
-const std::set<std::wstring> kNullable = {L"package",    L"get_Id",       L"get_Status", L"RemovePackageAsync",
-                                          L"GetResults", L"get_ErrorText"};
 
 std::wstring KnownName(const std::set<std::wstring>& known, const std::wstring& name)
 {
     if (!known.contains(name))
+    {
         throw Fault{L"no such method here: " + name};
+    }
     return name;
 }
 
-bool SetPackage(PackageScript& package, const std::wstring& key, const std::wstring& value)
+void SetFailure(PackageScript& package, const std::wstring& value)
 {
+    static const std::set<std::wstring> kMethods = {
+        L"get_Id",     L"get_FullName",  L"get_Version",          L"IPackage3",
+        L"get_Status", L"VerifyIsOK",    L"RemovePackageAsync",   L"put_Completed",
+        L"GetResults", L"get_ErrorText", L"get_ExtendedErrorCode"};
     const std::size_t colon = value.find(L':');
-    if (key == L"name")
+    if (colon == value.npos)
     {
-        package.hasName = value != L"(null)";
-        package.name = value;
+        throw Fault{L"not <method>:<failure>: " + value};
     }
-    else if (key == L"version")
-        package.version = ParseVersion(value);
-    else if (key == L"ok")
-        package.isOk = ParseYesNo(value);
-    else if (key == L"user")
-        package.user = value;
-    else if (key == L"fail" && colon != value.npos)
-        package.failures[KnownName(kMethods, value.substr(0, colon))] = ParseFailure(value.substr(colon + 1));
-    else if (key == L"null")
-        package.nulls.insert(KnownName(kNullable, value));
-    else if (key == L"removal")
-        package.removal = ParseFailure(value);
-    else if (key == L"removal_end")
-        package.removalEnd = ParseEnding(value);
-    else if (key == L"completion")
-        package.completion = ParseCompletion(value);
-    else if (key == L"keep")
-        package.stays = ParseYesNo(value);
+    package.answers[KnownName(kMethods, value.substr(0, colon))] = ParseFailure(value.substr(colon + 1));
+}
+
+void SetNull(PackageScript& package, const std::wstring& value)
+{
+    static const std::set<std::wstring> kNullable = {
+        L"package", L"get_Id", L"get_Status", L"RemovePackageAsync", L"GetResults", L"get_ErrorText"};
+    package.answers[KnownName(kNullable, value)] = Answer();
+}
+
+void SetWindow(StoreScript& store, const std::wstring& value)
+{
+    if (value == L"missing")
+    {
+        store.answers[abi::IInitializeWithWindow::kName].result = E_NOINTERFACE;
+    }
     else
-        return false;
-    return true;
+    {
+        SetAnswer(store.answers, L"Initialize", value);
+    }
+}
+
+void SetContext3(StoreScript& store, const std::wstring& value)
+{
+    if (!ParseYesNo(value))
+    {
+        store.answers[abi::IStoreContext3::kName].result = E_NOINTERFACE;
+    }
+}
+
+void SetState(StoreScript& store, const std::wstring& value)
+{
+    unsigned long long state = 0;
+    if (!ParseNumber(value, state))
+    {
+        throw Fault{L"not a number: " + value};
+    }
+    store.state = static_cast<INT32>(state);
 }
 
 void SetInstalls(StoreScript& store, const std::wstring& value)
 {
     const std::size_t bar = value.find(L'|');
     if (bar == value.npos)
+    {
         throw Fault{L"<full name> | <version>, not: " + value};
+    }
     store.installsName = Trim(value.substr(0, bar));
     store.installsVersion = ParseVersion(Trim(value.substr(bar + 1)));
 }
 
-INT32 ParseState(const std::wstring& value)
+template <class Section>
+using Keys = std::map<std::wstring, void (*)(Section&, const std::wstring& value)>;
+
+const Keys<ClassScript> kManagerKeys = {
+    {L"activation", SetActivation},
+    {L"create", [](ClassScript& to, const std::wstring& value) { SetAnswer(to.answers, L"ActivateInstance", value); }},
+    {L"find", [](ClassScript& to, const std::wstring& value) { SetAnswer(to.answers, L"FindPackages", value); }},
+    {L"first", [](ClassScript& to, const std::wstring& value) { SetAnswer(to.answers, L"First", value); }},
+    {L"next", [](ClassScript& to, const std::wstring& value) { SetAnswer(to.answers, L"MoveNext", value); }},
+    {L"current", [](ClassScript& to, const std::wstring& value) { SetAnswer(to.answers, L"get_Current", value); }},
+};
+
+const Keys<PackageScript> kPackageKeys = {
+    {L"name",
+     [](PackageScript& to, const std::wstring& value) {
+         to.hasName = value != L"(null)";
+         to.name = value;
+     }},
+    {L"version", [](PackageScript& to, const std::wstring& value) { to.version = ParseVersion(value); }},
+    {L"ok", [](PackageScript& to, const std::wstring& value) { to.isOk = ParseYesNo(value); }},
+    {L"user", [](PackageScript& to, const std::wstring& value) { to.user = value; }},
+    {L"fail", SetFailure},
+    {L"null", SetNull},
+    {L"removal", [](PackageScript& to, const std::wstring& value) { to.removal = ParseFailure(value); }},
+    {L"removal_end", [](PackageScript& to, const std::wstring& value) { to.end = ParseEnding(value); }},
+    {L"completion", [](PackageScript& to, const std::wstring& value) { to.completion = ParseCompletion(value); }},
+    {L"keep", [](PackageScript& to, const std::wstring& value) { to.stays = ParseYesNo(value); }},
+};
+
+const Keys<StoreScript> kStoreKeys = {
+    {L"activation", [](StoreScript& to, const std::wstring& value) { SetActivation(to, value); }},
+    {L"default", [](StoreScript& to, const std::wstring& value) { SetAnswer(to.answers, L"GetDefault", value); }},
+    {L"window", SetWindow},
+    {L"context3", SetContext3},
+    {L"request",
+     [](StoreScript& to, const std::wstring& value) {
+         SetAnswer(to.answers, L"DownloadAndInstallStorePackagesAsync", value);
+     }},
+    {L"walk",
+     [](StoreScript& to, const std::wstring& value) { to.walksWithGetMany = OneOf(value, L"iterator", L"getmany"); }},
+    {L"read", [](StoreScript& to, const std::wstring& value) { to.readsLate = OneOf(value, L"now", L"late"); }},
+    {L"state", SetState},
+    {L"end", [](StoreScript& to, const std::wstring& value) { to.end = ParseEnding(value); }},
+    {L"results", [](StoreScript& to, const std::wstring& value) { SetAnswer(to.answers, L"GetResults", value); }},
+    {L"overall", [](StoreScript& to, const std::wstring& value) { SetAnswer(to.answers, L"get_OverallState", value); }},
+    {L"completion", [](StoreScript& to, const std::wstring& value) { to.completion = ParseCompletion(value); }},
+    {L"installs", SetInstalls},
+};
+
+template <class Section>
+void Set(const Keys<Section>& keys, Section& section, const std::wstring& key, const std::wstring& value)
 {
-    unsigned long long state = 0;
-    if (!ParseNumber(value, state))
-        throw Fault{L"not a number: " + value};
-    return static_cast<INT32>(state);
+    const auto setter = keys.find(key);
+    if (setter == keys.end())
+    {
+        throw Fault{L"no such key here"};
+    }
+    setter->second(section, value);
 }
 
-bool OneOf(const std::wstring& value, const std::wstring& no, const std::wstring& yes)
+void Set(Script& script, const std::wstring& section, const std::wstring& key, const std::wstring& value)
 {
-    if (value != no && value != yes)
-        throw Fault{no + L" or " + yes + L", not: " + value};
-    return value == yes;
-}
-
-bool SetStore(StoreScript& store, const std::wstring& key, const std::wstring& value)
-{
-    if (key == L"activation")
-        ParseActivation(value, store.activation, store.needsApartment);
-    else if (key == L"default")
-        store.context = ParseOutcome(value);
-    else if (key == L"window" && value == L"missing")
-        store.hasWindow = false;
-    else if (key == L"window")
-        store.window = ParseOutcome(value);
-    else if (key == L"context3")
-        store.hasContext3 = ParseYesNo(value);
-    else if (key == L"request")
-        store.request = ParseOutcome(value);
-    else if (key == L"walk")
-        store.walksWithGetMany = OneOf(value, L"iterator", L"getmany");
-    else if (key == L"read")
-        store.readsLate = OneOf(value, L"now", L"late");
-    else if (key == L"state")
-        store.state = ParseState(value);
-    else if (key == L"end")
-        store.end = ParseEnding(value);
-    else if (key == L"results")
-        store.results = ParseOutcome(value);
-    else if (key == L"overall")
-        store.overall = ParseOutcome(value);
-    else if (key == L"completion")
-        store.completion = ParseCompletion(value);
-    else if (key == L"installs")
-        SetInstalls(store, value);
+    if (section == L"[manager]")
+    {
+        Set(kManagerKeys, script.manager, key, value);
+    }
+    else if (section == L"[store]")
+    {
+        Set(kStoreKeys, script.store, key, value);
+    }
+    else if (script.packages.empty())
+    {
+        throw Fault{L"not in a section"};
+    }
     else
-        return false;
-    return true;
+    {
+        Set(kPackageKeys, script.packages.back(), key, value);
+    }
 }
 
 void BeginSection(Script& script, const std::wstring& header)
 {
     if (header == L"[package]")
+    {
         script.packages.emplace_back();
+    }
     else if (header != L"[manager]" && header != L"[store]")
+    {
         throw Fault{L"no such section"};
-}
-
-bool Set(Script& script, const std::wstring& section, const std::wstring& key, const std::wstring& value)
-{
-    if (section == L"[manager]")
-        return SetManager(script.manager, key, value);
-    if (section == L"[store]")
-        return SetStore(script.store, key, value);
-    return !script.packages.empty() && SetPackage(script.packages.at(script.packages.size() - 1), key, value);
+    }
 }
 }  // namespace
 
-HRESULT Outcome::Apply() const
+HRESULT Answer::Give() const
 {
     if (hasErrorObject)
+    {
         PutErrorObject(*this);
+    }
     return result;
 }
 
@@ -292,11 +336,17 @@ Script ReadScript()
         {
             const std::size_t equal = line.text.find(L'=');
             if (StartsWith(line.text, L"["))
+            {
                 BeginSection(script, section = line.text);
+            }
             else if (equal == line.text.npos)
+            {
                 throw Fault{L"not key = value"};
-            else if (!Set(script, section, Trim(line.text.substr(0, equal)), Trim(line.text.substr(equal + 1))))
-                throw Fault{L"no such key here"};
+            }
+            else
+            {
+                Set(script, section, Trim(line.text.substr(0, equal)), Trim(line.text.substr(equal + 1)));
+            }
         }
         catch (const Fault& fault)
         {

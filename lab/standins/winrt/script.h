@@ -1,9 +1,8 @@
-// C:\lab\standins\store.txt: which packages the machine has and how each call of the component ends.
+// C:\lab\standins\store.txt: the packages that the machine has, and how each call of the component ends.
 #pragma once
 #include <windows.h>
 
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -11,11 +10,13 @@
 
 namespace lab
 {
-// How one call ends: "ok", "null", or a failure code, with or without an error object on the thread.
-struct Outcome
+namespace abi = winrt_abi;
+
+// How one call ends: success, success without an object, or a failure, with or without an error object on the thread.
+struct Answer
 {
     HRESULT result = S_OK;
-    bool isNull = false;  // success, but nothing comes back
+    unsigned onlyCall = 0;  // only this call ends so, counted from 1; 0: every call
     bool hasErrorObject = false;
     bool isRestricted = true;  // the error object also answers IRestrictedErrorInfo
     HRESULT errorObjectResult = S_OK;
@@ -24,27 +25,31 @@ struct Outcome
     bool hasText = false;
 
     // Puts the error object, if any, on this thread and returns the code.
-    HRESULT Apply() const;
+    HRESULT Give() const;
 };
+
+// By method, or by interface for QueryInterface. A success in this list comes without an object; a method that is not
+// in the list succeeds.
+using Answers = std::map<std::wstring, Answer>;
 
 struct Completion
 {
     enum Kind
     {
-        Before,  // finished before the program gets the operation
-        Inside,  // the handler runs inside put_Completed
-        Thread,  // the handler runs on another thread before put_Completed returns
-        Later,   // on another thread after some time
-        Never
+        kBefore,  // finished before the program gets the operation
+        kInside,  // the handler runs inside put_Completed
+        kThread,  // the handler runs on another thread before put_Completed returns
+        kLater,   // on another thread after some time
+        kNever
     };
-    Kind kind = Later;
+    Kind kind = kLater;
     DWORD milliseconds = 50;
 };
 
 struct Ending
 {
     abi::AsyncStatus status = abi::kCompleted;
-    Outcome error;
+    Answer error;
 };
 
 struct PackageScript
@@ -54,35 +59,21 @@ struct PackageScript
     abi::PackageVersion version{};
     bool isOk = true;
     std::wstring user;
-    std::map<std::wstring, Outcome> failures;  // by method
-    std::set<std::wstring> nulls;              // getters that succeed with null
-    Outcome removal;
-    Ending removalEnd;
+    Answers answers;
+    Answer removal;  // code and text of the removal's result
+    Ending end;
     Completion completion;
     bool stays = false;
 };
 
-struct CountedFailure
+struct ClassScript
 {
-    unsigned call = 0;  // 0: none
-    Outcome outcome;
+    Answers answers;
+    bool needsApartment = false;
 };
 
-struct ManagerScript
+struct StoreScript : ClassScript
 {
-    Outcome activation;
-    bool needsApartment = false;
-    Outcome create, find, first;
-    CountedFailure next, current;
-};
-
-struct StoreScript
-{
-    Outcome activation;
-    bool needsApartment = false;
-    Outcome context, window, request, results, overall;
-    bool hasWindow = true;
-    bool hasContext3 = true;
     bool walksWithGetMany = false;
     bool readsLate = false;
     INT32 state = 3;
@@ -94,10 +85,10 @@ struct StoreScript
 
 struct Script
 {
-    ManagerScript manager;
+    ClassScript manager;
     StoreScript store;
     std::vector<PackageScript> packages;
-    bool isBad = false;  // the file has a fault; each one is in the record
+    bool isBad = false;  // the file has errors; each one is in the record
 };
 
 Script ReadScript();

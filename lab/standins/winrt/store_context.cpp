@@ -2,150 +2,146 @@
 
 #include "classes.h"
 #include "lab_file.h"
-#include "machine.h"
-#include "object.h"
 #include "operation.h"
-#include "strings.h"
 
 namespace lab
 {
 namespace
 {
-// Walks the program's list the way the case says and notes every id. The owned strings are given back.
-HRESULT ReadIds(abi::IStringIterable* list)
+void RecordId(HSTRING id)
+{
+    Record(L"id " + standin::Quoted(TextOf(id)));
+    WindowsDeleteString(id);
+}
+
+HRESULT ReadIdsAtOnce(abi::IStringIterator* iterator)
+{
+    HSTRING ids[16] = {};
+    UINT32 count = 0;
+    const HRESULT result = iterator->GetMany(static_cast<UINT32>(std::size(ids)), ids, &count);
+    Record(L"list GetMany count=" + std::to_wstring(count), result);
+    for (UINT32 i = 0; SUCCEEDED(result) && i < count && i < std::size(ids); ++i)
+    {
+        RecordId(ids[i]);
+    }
+    UINT32 more = 1;
+    const HRESULT atEnd = iterator->GetMany(1, ids, &more);  // past the end: success, nothing
+    Record(L"list GetMany count=" + std::to_wstring(more), atEnd);
+    return result;
+}
+
+HRESULT ReadIdsOneByOne(abi::IStringIterator* iterator)
+{
+    boolean hasCurrent = FALSE;
+    HRESULT result = iterator->get_HasCurrent(&hasCurrent);
+    for (int i = 0; SUCCEEDED(result) && hasCurrent && i < 100; ++i)
+    {
+        HSTRING id = nullptr;
+        result = iterator->get_Current(&id);
+        if (FAILED(result))
+        {
+            break;
+        }
+        RecordId(id);
+        result = iterator->MoveNext(&hasCurrent);
+    }
+    return Record(L"list walked", result);
+}
+
+// Reads the program's list as the script says and records every id.
+void ReadIds(abi::IStringIterable* list)
 {
     abi::IStringIterator* iterator = nullptr;
-    HRESULT result = Record(L"list First", list->First(&iterator));
-    if (FAILED(result) || iterator == nullptr)
-        return FAILED(result) ? result : E_POINTER;
-    const auto note = [](HSTRING id) {
-        Record(L"id " + standin::Quoted(TextOf(id)));
-        WindowsDeleteString(id);
-    };
-    if (TheScript().store.walksWithGetMany)
+    if (FAILED(Record(L"list First", list->First(&iterator))) || iterator == nullptr)
     {
-        HSTRING ids[16] = {};
-        UINT32 count = 0;
-        result = iterator->GetMany(static_cast<UINT32>(std::size(ids)), ids, &count);
-        Record(L"list GetMany count=" + std::to_wstring(count), result);
-        for (UINT32 i = 0; SUCCEEDED(result) && i < count && i < std::size(ids); ++i)
-            note(ids[i]);
-        UINT32 more = 1;
-        const HRESULT atEnd = iterator->GetMany(1, ids, &more);  // past the end: success, nothing
-        Record(L"list GetMany count=" + std::to_wstring(more), atEnd);
+        return;
     }
-    else
-    {
-        boolean hasCurrent = FALSE;
-        result = iterator->get_HasCurrent(&hasCurrent);
-        for (int i = 0; SUCCEEDED(result) && hasCurrent && i < 100; ++i)
-        {
-            HSTRING id = nullptr;
-            result = iterator->get_Current(&id);
-            if (FAILED(result))
-                break;
-            note(id);
-            result = iterator->MoveNext(&hasCurrent);
-        }
-        Record(L"list walked", result);
-    }
+    TheScript().store.walksWithGetMany ? ReadIdsAtOnce(iterator) : ReadIdsOneByOne(iterator);
     Record(L"iterator released count=" + std::to_wstring(iterator->Release()));
-    return result;
 }
 
 class UpdateResult final : public Object<abi::IStorePackageUpdateResult>
 {
 public:
-    UpdateResult() : Object(L"StorePackageUpdateResult") {}
+    UpdateResult() : Object(L"StorePackageUpdateResult", TheScript().store.answers) {}
 
     HRESULT STDMETHODCALLTYPE get_OverallState(INT32* state) override
     {
-        const Outcome& outcome = TheScript().store.overall;
-        if (FAILED(outcome.result))
-            return Record(L"get_OverallState", outcome.Apply());
-        *state = TheScript().store.state;
-        return Record(L"get_OverallState " + std::to_wstring(*state), S_OK);
+        const INT32 given = TheScript().store.state;
+        return Give(L"get_OverallState", L"get_OverallState " + std::to_wstring(given), state, [&] { return given; });
     }
 };
 
 OperationPlan InstallPlan(std::shared_ptr<abi::IStringIterable> lateList)
 {
     const StoreScript& store = TheScript().store;
-    OperationPlan plan;
-    plan.completion = store.completion;
-    plan.ending = store.end;
-    plan.finish = [lateList](abi::AsyncStatus status) {
+    OperationPlan plan{store.answers, store.completion, store.end, {}, {}};
+    plan.finish = [lateList, &store](abi::AsyncStatus status) {
         if (lateList)
+        {
             ReadIds(lateList.get());
-        const StoreScript& now = TheScript().store;
-        if (status == abi::kCompleted && now.state == 3 && !now.installsName.empty())
-            AddPackage(now.installsName, now.installsVersion);
+        }
+        if (status == abi::kCompleted && store.state == 3 && !store.installsName.empty())
+        {
+            AddPackage(store.installsName, store.installsVersion);
+        }
     };
-    plan.results = [](abi::IInspectable** result) {
-        const Outcome& outcome = TheScript().store.results;
-        if (FAILED(outcome.result))
-            return outcome.Apply();
-        *result = outcome.isNull ? nullptr : new UpdateResult;
-        return S_OK;
-    };
+    plan.newResult = [] { return new UpdateResult; };
     return plan;
+}
+
+std::shared_ptr<abi::IStringIterable> Hold(abi::IStringIterable* list)
+{
+    list->AddRef();
+    return {list, [](abi::IStringIterable* held) { held->Release(); }};
 }
 
 class StoreContext final : public Object<abi::IStoreContext, abi::IStoreContext3, abi::IInitializeWithWindow>
 {
 public:
-    StoreContext() : Object(kStoreContextClass) {}
+    StoreContext() : Object(abi::kStoreContextClass, TheScript().store.answers) {}
 
     HRESULT STDMETHODCALLTYPE Initialize(HWND window) override
     {
         wchar_t title[260] = L"";
         InternalGetWindowText(window, title, static_cast<int>(std::size(title)));  // sends nothing: its thread may wait
+        const Answer* const failure = AnswerOf(L"Initialize");
         return Record(L"Initialize hwnd=" + standin::Hex(reinterpret_cast<ULONG_PTR>(window)) + L"; window=" +
                           (IsWindow(window) ? L"yes" : L"no") + L"; title=" + standin::Quoted(title),
-                      TheScript().store.window.Apply());
+                      failure == nullptr ? S_OK : failure->Give());
     }
 
     HRESULT STDMETHODCALLTYPE DownloadAndInstallStorePackagesAsync(abi::IStringIterable* storeIds,
                                                                    abi::IStoreOperation** operation) override
     {
+        constexpr const wchar_t* kWhat = L"DownloadAndInstallStorePackagesAsync";
+        *operation = nullptr;
         if (storeIds == nullptr)
-            return Record(L"DownloadAndInstallStorePackagesAsync", E_POINTER);
-        const StoreScript& store = TheScript().store;
+        {
+            return Record(kWhat, E_POINTER);
+        }
+        const bool readsLate = TheScript().store.readsLate;
         IsAgile(L"list", storeIds);
         KeepUntilTheEnd(L"list", storeIds);
-        if (!store.readsLate)
+        if (!readsLate)
+        {
             ReadIds(storeIds);
-        if (FAILED(store.request.result))
-            return Record(L"DownloadAndInstallStorePackagesAsync", store.request.Apply());
-        Record(L"DownloadAndInstallStorePackagesAsync", S_OK);
-        *operation = store.request.isNull
-                         ? nullptr
-                         : Operation<abi::IStoreOperation>::Start(
-                               L"StoreOperation", InstallPlan(store.readsLate ? Hold(storeIds) : nullptr));
+        }
+        if (const Answer* const answer = AnswerOf(kWhat))
+        {
+            return Record(kWhat, answer->Give());
+        }
+        Record(kWhat, S_OK);  // before the operation records its own lines
+        *operation = Operation<abi::IStoreOperation>::Start(L"StoreOperation",
+                                                            InstallPlan(readsLate ? Hold(storeIds) : nullptr));
         return S_OK;
-    }
-
-protected:
-    HRESULT Refuse(const GUID& iid) override
-    {
-        const StoreScript& store = TheScript().store;
-        const bool isRefused = (!store.hasContext3 && IsEqualGUID(iid, abi::IStoreContext3::kIid)) ||
-                               (!store.hasWindow && IsEqualGUID(iid, abi::IInitializeWithWindow::kIid));
-        return isRefused ? E_NOINTERFACE : S_OK;
-    }
-
-private:
-    static std::shared_ptr<abi::IStringIterable> Hold(abi::IStringIterable* list)
-    {
-        list->AddRef();
-        return {list, [](abi::IStringIterable* held) { held->Release(); }};
     }
 };
 
 class StoreContextFactory final : public Object<abi::IActivationFactory, abi::IStoreContextStatics, abi::IAgileObject>
 {
 public:
-    StoreContextFactory() : Object(L"StoreContextFactory") {}
+    StoreContextFactory() : Object(L"StoreContextFactory", TheScript().store.answers) {}
 
     HRESULT STDMETHODCALLTYPE ActivateInstance(abi::IInspectable**) override
     {
@@ -154,11 +150,7 @@ public:
 
     HRESULT STDMETHODCALLTYPE GetDefault(abi::IStoreContext** context) override
     {
-        const Outcome& outcome = TheScript().store.context;
-        if (FAILED(outcome.result))
-            return Record(L"GetDefault", outcome.Apply());
-        *context = outcome.isNull ? nullptr : new StoreContext;
-        return Record(L"GetDefault", S_OK);
+        return Give(L"GetDefault", L"GetDefault", context, [] { return new StoreContext; });
     }
 };
 }  // namespace

@@ -1,8 +1,7 @@
-#include "machine.h"
-
 #include <algorithm>
 #include <mutex>
 
+#include "classes.h"
 #include "lab_file.h"
 
 namespace lab
@@ -24,11 +23,13 @@ std::wstring PackageName(const std::wstring& fullName)
     return fullName.substr(0, fullName.find(L'_'));
 }
 
-// An earlier process may have changed the machine: its state names what is left and what came.
+// An earlier process may have changed the packages: the file lists those that are left and those that came.
 std::vector<PackageScript> ReadState(const Script& script)
 {
     if (GetFileAttributesW(kStatePath) == INVALID_FILE_ATTRIBUTES)
+    {
         return script.packages;
+    }
     std::vector<PackageScript> known = script.packages;
     std::vector<PackageScript> installed;
     for (const standin::Line& line : standin::ReadLines(kStatePath))
@@ -46,60 +47,63 @@ std::vector<PackageScript> ReadState(const Script& script)
     return installed;
 }
 
-struct Machine
+struct State
 {
     Script script = ReadScript();
     std::mutex mutex;
     std::vector<PackageScript> packages = ReadState(script);
 
-    void WriteState() const
+    void Write() const
     {
         std::vector<std::wstring> names;
         for (const PackageScript& package : packages)
+        {
             names.push_back(package.name);
+        }
         standin::WriteLines(kStatePath, names);
     }
 };
 
-Machine& TheMachine()
+State& TheState()
 {
-    static Machine& machine = *new Machine;
-    return machine;
+    static State& state = *new State;
+    return state;
 }
 }  // namespace
 
 const Script& TheScript()
 {
-    return TheMachine().script;
+    return TheState().script;
 }
 
 std::vector<PackageScript> InstalledPackages()
 {
-    Machine& machine = TheMachine();
-    const std::scoped_lock lock(machine.mutex);
-    return machine.packages;
+    State& state = TheState();
+    const std::scoped_lock lock(state.mutex);
+    return state.packages;
 }
 
 void RemovePackage(const PackageScript& package)
 {
-    Machine& machine = TheMachine();
-    const std::scoped_lock lock(machine.mutex);
-    const auto found = std::find_if(machine.packages.begin(), machine.packages.end(),
+    State& state = TheState();
+    const std::scoped_lock lock(state.mutex);
+    const auto found = std::find_if(state.packages.begin(), state.packages.end(),
                                     [&](const PackageScript& other) { return other.name == package.name; });
-    if (found == machine.packages.end())
-        return;
-    machine.packages.erase(found);
-    machine.WriteState();
+    if (found != state.packages.end())
+    {
+        state.packages.erase(found);
+        state.Write();
+    }
 }
 
 void AddPackage(const std::wstring& name, abi::PackageVersion version)
 {
-    Machine& machine = TheMachine();
-    const std::scoped_lock lock(machine.mutex);
-    // As on Windows, where a newer version takes the place of the older one: what differs stands behind the first "_".
-    std::erase_if(machine.packages,
+    State& state = TheState();
+    const std::scoped_lock lock(state.mutex);
+    // As on Windows a newer version replaces the older one; full names are the same up to the first "_".
+    std::erase_if(state.packages,
                   [&](const PackageScript& other) { return PackageName(other.name) == PackageName(name); });
-    machine.packages.push_back(NewPackage(name, version));
-    machine.WriteState();
+    state.packages.push_back(NewPackage(name, version));
+    state.Write();
 }
 }  // namespace lab
