@@ -1,16 +1,14 @@
-#!/usr/bin/python3
-"""Looks at the files of the deployment kit (deploy/) without running them: their formats, and that they fit the product.
+"""Checks the files of the deployment kit (deploy/) without running them: their forms, and that they fit the product.
 
-    tools/deployment_check.py             what Debian's small packages can check
-    tools/deployment_check.py --full      and the Ansible role with ansible-lint, and the PowerShell scripts with a parser
+    tools.deployment_check           what Debian's small packages can check
+    tools.deployment_check --full    also the Ansible role with ansible-lint, and the PowerShell scripts with a parser
 
---full needs the Debian packages ansible, ansible-lint, nodejs and npm, hundreds of megabytes for nothing else here; it says
-what is missing and fetches the parser (npm: web-tree-sitter, tree-sitter-powershell) into build/check. Each complaint is one
-line; without any the exit code is 0. tools/tests/test_check_deploy.py shows for every rule that it can fail.
+--full needs the Debian packages ansible, ansible-lint, nodejs and npm (hundreds of megabytes); it names what is missing and fetches the
+parser (npm: web-tree-sitter, tree-sitter-powershell) into build/check. Each complaint is one line; without any the exit code is 0.
+tools/tests/test_deployment_check.py shows for every rule that it can fail.
 """
 from __future__ import annotations
 
-import argparse
 import json
 import os
 import re
@@ -21,15 +19,15 @@ import xml.etree.ElementTree as ElementTree
 from collections.abc import Iterator
 from pathlib import Path
 
-import jsonschema
 import yaml
 
-TOP = Path(__file__).resolve().parent.parent
-SCHEMAS = TOP / "tools" / "schemas"
+from tools import deployment_forms
+from tools.project import TOP
+
 POLICY = "{http://schemas.microsoft.com/GroupPolicy/2006/07/PolicyDefinitions}"
 TASK = "{http://schemas.microsoft.com/windows/2004/02/mit/task}"
 
-# What every recipe says to its deployment system. It is also what TavikToolCompanion.exe ends with.
+# What every recipe tells its deployment system, which is also what TavikToolCompanion.exe ends with.
 CODES = {"success": 0, "restart": 3010, "retry": 1618, "failed": 1603}
 PARSER = {"web-tree-sitter": "0.27.1", "tree-sitter-powershell": "0.26.4"}
 YAMLLINT = "{extends: default, rules: {line-length: {max: 140}, document-start: disable}}"
@@ -52,6 +50,18 @@ def display_class(top: Path) -> str:
     return f"{{{numbers[0]}-{numbers[1]}-{numbers[2]}-{''.join(numbers[3:5])}-{''.join(numbers[5:])}}}".lower()
 
 
+def output_of(*command: str, folder: Path | None = None, **variables: str) -> Iterator[str]:
+    """What a program complains about."""
+    done = subprocess.run(command, cwd=folder, env={**os.environ, "NO_COLOR": "1", **variables}, capture_output=True, text=True, check=False)
+    if done.returncode != 0:
+        yield from (done.stdout + done.stderr).strip().splitlines() or [f"{command[0]} ended with {done.returncode}"]
+
+
+def formats(top: Path) -> Iterator[str]:
+    yield from deployment_forms.complaints(top / "deploy")
+    yield from output_of("yamllint", "--strict", "-f", "parsable", "-d", YAMLLINT, str(top / "deploy"))
+
+
 # Group Policy
 
 def policy(top: Path) -> Iterator[str]:
@@ -66,20 +76,19 @@ def policy(top: Path) -> Iterator[str]:
 
 
 def _resolve(definitions: ElementTree.Element, resources: ElementTree.Element) -> Iterator[str]:
-    """Every name that is used is there once, and every one that is there is used."""
+    """Every name that is used is defined once, and every name that is defined is used."""
     everything = " ".join(value for item in definitions.iter() for value in item.attrib.values())
-    for kind, element in (("string", "string"), ("presentation", "presentation")):
-        used = re.findall(rf"\$\({kind}\.(\w+)\)", everything)
-        there = [item.get("id") for item in resources.iter(POLICY + element)]
-        yield from (f"policy: there is no {kind} {name}" for name in sorted(set(used) - set(there)))
-        yield from (f"policy: nothing uses the {kind} {name}" for name in sorted(set(there) - set(used)))
-        yield from (f"policy: the {kind} {name} stands twice" for name in sorted(set(there)) if there.count(name) > 1)
-        yield from (f"policy: the string {item.get('id')} is empty" for item in resources.iter(POLICY + "string")
-                    if kind == "string" and not (item.text or "").strip())
+    for kind in ("string", "presentation"):
+        used = set(re.findall(rf"\$\({kind}\.(\w+)\)", everything))
+        defined = [item.get("id") for item in resources.iter(POLICY + kind)]
+        yield from (f"policy: there is no {kind} {name}" for name in sorted(used - set(defined)))
+        yield from (f"policy: nothing uses the {kind} {name}" for name in sorted(set(defined) - used))
+        yield from (f"policy: the {kind} {name} is defined twice" for name in sorted(set(defined)) if defined.count(name) > 1)
+    yield from (f"policy: the string {item.get('id')} is empty" for item in resources.iter(POLICY + "string") if not (item.text or "").strip())
     for element, target in (("parentCategory", "category"), ("supportedOn", "definition")):
-        there = {item.get("name") for item in definitions.iter(POLICY + target)}
+        defined = {item.get("name") for item in definitions.iter(POLICY + target)}
         yield from (f"policy: there is no {target} {item.get('ref')}" for item in definitions.iter(POLICY + element)
-                    if item.get("ref") is not None and item.get("ref") not in there)
+                    if item.get("ref") is not None and item.get("ref") not in defined)
     for one in definitions.iter(POLICY + "policy"):
         elements = [item.get("id") for item in one.iter(POLICY + "text")]
         name = re.fullmatch(r"\$\(presentation\.(\w+)\)", one.get("presentation", ""))
@@ -106,17 +115,17 @@ def task(top: Path) -> Iterator[str]:
     file = top / "deploy" / "task" / "TavikRepairAfterDriverUpdate.xml"
     text = file.read_bytes()
     if not text.isascii() or b"encoding" in text.splitlines()[0]:
-        yield f"{file.name}: ASCII only and no encoding, so that it can be read in any way"
+        yield f"{file.name}: must be ASCII without an encoding, so that every reader understands it"
     root = ElementTree.parse(file).getroot()
     for subscription in root.iter(TASK + "Subscription"):
         try:
             queries = ElementTree.fromstring(subscription.text or "")
         except ElementTree.ParseError as error:
-            yield f"{file.name}: the subscription is no XML: {error}"
+            yield f"{file.name}: the subscription cannot be read as XML: {error}"
             continue
         select = "".join(item.text or "" for item in queries.iter("Select"))
         if f"='{display_class(top)}'" not in select:
-            yield f"{file.name}: the event is not one of the class of display adapters {display_class(top)}"
+            yield f"{file.name}: the event must be one of the class of display adapters {display_class(top)}"
         if select.count("[") != select.count("]") or select.count("(") != select.count(")"):
             yield f"{file.name}: the brackets of the query do not match"
         if {item.get("Path") for item in queries.iter() if item.get("Path")} != {"Microsoft-Windows-Kernel-PnP/Configuration"}:
@@ -125,55 +134,14 @@ def task(top: Path) -> Iterator[str]:
     if contexts != [item.get("id") for item in root.iter(TASK + "Principal")]:
         yield f"{file.name}: there is no principal {contexts}"
     if [item.text for item in root.iter(TASK + "UserId")] != ["S-1-5-18"]:
-        yield f"{file.name}: it runs as SYSTEM"
+        yield f"{file.name}: it must run as SYSTEM"
     arguments = "".join(item.text or "" for item in root.iter(TASK + "Arguments"))
     if r'"%ProgramFiles%\Tavik\Repair\Repair-TavikSoftware.ps1"' not in arguments:
-        yield f"{file.name}: it starts the script where Install-TavikRepair.ps1 puts it"
+        yield f"{file.name}: it must start the script where Install-TavikRepair.ps1 puts it"
     installer = read(top / "deploy" / "task" / "Install-TavikRepair.ps1")
     path, name = re.search(r"^\$taskPath = '(.*)'", installer, re.M)[1], re.search(r"^\$taskName = '(.*)'", installer, re.M)[1]
     if [item.text for item in root.iter(TASK + "URI")] != [path + name]:
         yield f"{file.name}: Install-TavikRepair.ps1 registers it as {path}{name}"
-
-
-# Formats
-
-def formats(top: Path) -> Iterator[str]:
-    """Well-formed, and after the schemas."""
-    deploy = top / "deploy"
-    xml = {"policy.xsd": sorted((deploy / "policy").glob("*.admx")), "policy-resources.xsd": sorted((deploy / "policy").glob("*/*.adml")),
-           "task.xsd": sorted((deploy / "task").glob("*.xml"))}
-    for schema, files in xml.items():
-        yield from _output_of("xmllint", "--noout", "--nonet", "--schema", str(SCHEMAS / schema), *map(str, files))
-        if not files:
-            yield f"there is no file for {schema}"
-    yield from _schema("intune-app.json", deploy / "intune" / "app.json", json.loads)
-    for file in sorted((deploy / "winget").glob("*.yaml")):
-        yield from _schema("winget.json", file, yaml.safe_load)
-    yield from _output_of("yamllint", "--strict", "-f", "parsable", "-d", YAMLLINT, str(deploy))
-
-
-def _output_of(*command: str, folder: Path | None = None, **variables: str) -> Iterator[str]:
-    done = subprocess.run(command, cwd=folder, env={**os.environ, "NO_COLOR": "1", **variables}, capture_output=True, text=True, check=False)
-    if done.returncode != 0:
-        lines = [line for line in (done.stdout + done.stderr).strip().splitlines() if not line.endswith(" validates")]
-        yield from lines or [f"{command[0]} ended with {done.returncode}"]
-
-
-def _schema(schema: str, file: Path, load) -> Iterator[str]:
-    rules = json.loads(read(SCHEMAS / schema))
-    try:
-        content = load(read(file))
-    except (ValueError, yaml.YAMLError) as error:
-        yield f"{file.name}: {error}"
-        return
-    if "forms" in rules:  # one of several, by its type
-        form = rules["forms"].get(content.get("ManifestType"))
-        if form is None:
-            yield f"{file.name}: ManifestType is none of {', '.join(rules['forms'])}"
-            return
-        rules = {"definitions": rules["definitions"], **form}
-    for error in jsonschema.Draft7Validator(rules).iter_errors(content):
-        yield f"{file.name}: {'/'.join(map(str, error.absolute_path)) or 'top'}: {error.message[:200]}"
 
 
 # Return codes
@@ -211,17 +179,18 @@ def return_codes(top: Path) -> Iterator[str]:
 # The scripts
 
 def scripts(top: Path) -> Iterator[str]:
-    """What they say about the product is so."""
+    """What they say about the product is true."""
     deploy = top / "deploy"
     for file in sorted(deploy.rglob("*.ps1")):
         data = file.read_bytes()
         if not data.isascii():
-            yield f"{file.name}: ASCII only; Windows PowerShell takes other bytes for the machine's code page"
-        if "Never run on a real" not in data.decode("ascii", "replace") and "never run on a real" not in data.decode("ascii", "replace"):
-            yield f"{file.name}: it has to say that it has never run on a real Windows"
-        if re.search(r"-VLT|-Install\b", data.decode("ascii", "replace")):
-            yield f"{file.name}: no direct installation without somebody at the screen, its box would wait for ever"
-        for name in re.findall(r"[\w-]+\.(?:ps1|xml)\b", data.decode("ascii", "replace")):
+            yield f"{file.name}: must be ASCII: Windows PowerShell reads other bytes in the machine's code page"
+        text = data.decode("ascii", "replace")
+        if "never run on a real" not in text.lower():
+            yield f"{file.name}: must say that it has never run on a real Windows"
+        if re.search(r"-VLT|-Install\b", text):
+            yield f"{file.name}: no direct installation without a user at the screen: its box would wait forever"
+        for name in re.findall(r"[\w-]+\.(?:ps1|xml)\b", text):
             if not list(deploy.rglob(name)):
                 yield f"{file.name}: there is no {name} in the kit"
     detection = read(deploy / "powershell/Test-TavikRelease.ps1")
@@ -241,16 +210,16 @@ def scripts(top: Path) -> Iterator[str]:
     version = re.search(r'TAVIK_VERSION_TEXT "(.*)"', read(top / "src/resources/version.h"))[1]
     manifests = [yaml.safe_load(read(file)) for file in sorted((deploy / "winget").glob("*.yaml"))]
     if {(one["PackageIdentifier"], one["PackageVersion"]) for one in manifests} != {("Tavik.SoftwareRepair", version)}:
-        yield f"winget: all manifests are of Tavik.SoftwareRepair {version}"
+        yield f"winget: all manifests must be of Tavik.SoftwareRepair {version}"
     inside = [file["RelativeFilePath"] for one in manifests for file in one.get("NestedInstallerFiles", [])]
     if inside != [rf"TavikCompatibilityTool-{version}\TavikToolCompanion.exe"]:
         yield f"winget: the zip of the release has TavikToolCompanion.exe in the folder TavikCompatibilityTool-{version}, not {inside}"
     if {one["ManifestType"] for one in manifests} != {"version", "installer", "defaultLocale"}:
-        yield "winget: there are three manifests, one of each type"
+        yield "winget: there must be three manifests, one of each type"
     commands = [json.loads(read(deploy / "intune/app.json"))["installCommandLine"],
                 *re.findall(r"InstallCommand\s+= '(.*)'", read(deploy / "configmgr/New-TavikApplication.ps1"))]
     if len(commands) != 2 or len(set(commands)) != 1 or not commands[0].endswith("-File Repair-TavikSoftware.ps1"):
-        yield f"Intune and Configuration Manager start the same script: {commands}"
+        yield f"Intune and Configuration Manager must start the same script: {commands}"
 
 
 # With --full
@@ -262,8 +231,8 @@ def ansible(top: Path) -> Iterator[str]:
         yield f"missing: {', '.join(missing)}; apt-get install --no-install-recommends ansible ansible-lint"
         return
     roles = {"ANSIBLE_ROLES_PATH": str(folder / "roles"), "ANSIBLE_NOCOLOR": "1"}
-    yield from _output_of("ansible-playbook", "--syntax-check", "-i", "hosts.example.yml", "site.yml", folder=folder, **roles)
-    yield from _output_of("ansible-lint", "--offline", "--nocolor", "--strict", "--profile", "production", "site.yml", "roles",
+    yield from output_of("ansible-playbook", "--syntax-check", "-i", "hosts.example.yml", "site.yml", folder=folder, **roles)
+    yield from output_of("ansible-lint", "--offline", "--nocolor", "--strict", "--profile", "production", "site.yml", "roles",
                           folder=folder, **roles)
 
 
@@ -278,7 +247,7 @@ const fs = require("fs");
   const look = (file, node) => {
     if (node.isError || node.isMissing) {
       bad++;
-      console.log(`${file}:${node.startPosition.row + 1}: not understood: ${node.text.slice(0, 60)}`);
+      console.log(`${file}:${node.startPosition.row + 1}: cannot be parsed: ${node.text.slice(0, 60)}`);
     } else if (node.hasError) node.children.forEach((child) => look(file, child));
   };
   process.argv.slice(2).forEach((file) => look(file, parser.parse(fs.readFileSync(file, "utf8")).rootNode));
@@ -288,7 +257,7 @@ const fs = require("fs");
 
 
 def powershell(top: Path) -> Iterator[str]:
-    """Only the grammar: whether a command or a parameter exists nobody here can tell."""
+    """Only the grammar, not whether a command or a parameter exists."""
     missing = [name for name in ("node", "npm") if not shutil.which(name)]
     if missing:
         yield f"missing: {', '.join(missing)}; apt-get install --no-install-recommends nodejs npm"
@@ -297,25 +266,24 @@ def powershell(top: Path) -> Iterator[str]:
     folder.mkdir(parents=True, exist_ok=True)
     if not all((folder / "node_modules" / name).exists() for name in PARSER):
         (folder / "package.json").write_text(json.dumps({"private": True, "dependencies": PARSER}), "ascii")
-        yield from _output_of("npm", "install", "--ignore-scripts", "--no-audit", "--no-fund", "--silent", folder=folder)
+        yield from output_of("npm", "install", "--ignore-scripts", "--no-audit", "--no-fund", "--silent", folder=folder)
     (folder / "parse.cjs").write_text(PARSE, "ascii")
-    yield from _output_of("node", "parse.cjs", *map(str, sorted((top / "deploy").rglob("*.ps1"))), folder=folder)
+    yield from output_of("node", "parse.cjs", *map(str, sorted((top / "deploy").rglob("*.ps1"))), folder=folder)
 
 
 RULES = (formats, policy, task, return_codes, scripts)
 FULL = (ansible, powershell)
 
 
-def main() -> int:
-    parser = argparse.ArgumentParser(prog="check-deploy", description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--full", action="store_true")
-    rules = RULES + FULL if parser.parse_args().full else RULES
+def main(arguments: list[str]) -> int:
+    if arguments not in ([], ["--full"]):
+        print(__doc__)
+        return 0 if arguments in (["--help"], ["-h"]) else 2
+    rules = RULES + FULL if arguments else RULES
     complaints = [complaint for rule in rules for complaint in rule(TOP)]
-    for complaint in complaints:
-        print(complaint)
-    print(f"check-deploy: {', '.join(rule.__name__.replace('_', ' ') for rule in rules)}: {len(complaints)} complaints.")
+    print("\n".join([*complaints, f"{', '.join(rule.__name__.replace('_', ' ') for rule in rules)}: {len(complaints)} complaints."]))
     return 1 if complaints else 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(sys.argv[1:]))

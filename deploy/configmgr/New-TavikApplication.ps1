@@ -5,7 +5,7 @@ Creates the application in Configuration Manager (2107 or newer). Run it on the 
 
 .DESCRIPTION
 Content is a share that holds TavikCompatibilityTool.exe, TavikToolCompanion.exe and Repair-TavikSoftware.ps1; Detection is the path of
-Test-TavikRelease.ps1. Distribute and deploy the application afterwards as "required". Never run on a real Configuration Manager.
+Test-TavikRelease.ps1. Afterwards distribute the application and deploy it as "required". Never run on a real Configuration Manager.
 
 .PARAMETER Content
 Share with the three files.
@@ -30,11 +30,11 @@ $returnCodes = @(
     @{ ReturnCode = 1618; CodeType = 'FastRetry' }
     @{ ReturnCode = 1603; CodeType = 'Failure' }
 )
-# A new deployment type has these already, with the meaning they have here. 1603 counts as a failure like every code that is
-# not listed, but is named so that reports show it.
+# A new deployment type has these from the start, with the same meaning. 1603 would count as a failure anyway, like every code that
+# is not listed; it is added so that reports show a name for it.
 $listedFromTheStart = 0, 3010, 1618
 
-New-CMApplication -Name $Name -Publisher 'Tavik' -Description 'Puts the application in place that matches the display driver.' | Out-Null
+New-CMApplication -Name $Name -Publisher 'Tavik' -Description 'Installs the application that matches the display driver.' | Out-Null
 $type = @{
     ApplicationName           = $Name
     DeploymentTypeName        = "$Name - script"

@@ -4,12 +4,11 @@
 Tells whether the application belongs to the release of the active display driver: the tool's own rule, without running the tool.
 
 .DESCRIPTION
-Detection script for Intune and Configuration Manager: exit code 0 with a line of output means that nothing is to be repaired,
-exit code 0 without output that a repair is due. An error is exit code 1 with its text on the error stream; both systems then
-take the state as not known.
+Detection script for Intune and Configuration Manager. Exit code 0 with a line of output: no repair is needed. Exit code 0 without
+output: a repair is needed. Exit code 1 with a text on the error stream: an error; both systems then treat the state as unknown.
 
-It reads the registry, the list of devices and the list of Store packages, and changes nothing. It gives the same answer in a
-32-bit and in a 64-bit PowerShell. Only its rule was tested, translated into another language; never run on a real Windows.
+It reads the registry, the list of devices and the list of Store packages, and changes nothing. The answer is the same in a 32-bit
+and in a 64-bit PowerShell. Only its rule was tested, translated into Python; never run on a real Windows.
 #>
 Set-StrictMode -Version 2.0
 $ErrorActionPreference = 'Stop'
@@ -23,10 +22,10 @@ $applicationValue = 'HLVersion'
 $upgradeCode = '{5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}'
 $storePackages = @('TavikSystemsInc-2.8F31D07A2B6E4', 'TavikSystemsInc-2.TavikCorvelSoftware')
 
-# The 64-bit view, whatever this PowerShell is: that is where the tool looks.
+# The 64-bit view, also in a 32-bit PowerShell: the tool reads this view.
 $machine = [Microsoft.Win32.RegistryKey]::OpenBaseKey('LocalMachine', 'Registry64')
 
-# A text of the registry; nothing when it is missing or no text. The tool takes neither for one.
+# A text of the registry; nothing when the value is missing or not a text, as in the tool.
 function Read-Text([string] $KeyPath, [string] $Name) {
     $key = $machine.OpenSubKey($KeyPath)
     if ($null -eq $key) { return $null }
@@ -62,7 +61,7 @@ function Get-StoreVersion {
     return Get-ReleasePrefix ('{0}.{1}' -f $versions[0].Minor, $versions[0].Build)
 }
 
-# The rule. tools/tests/test_deploy.py translates these three functions and holds them against the table of the tool's own tests.
+# The rule. tools/tests/test_deploy.py translates these three functions and runs them on the table of the tool's own tests.
 function Get-ReleaseBase([string] $Release) {
     return $Release.Split('-')[0]
 }
@@ -79,7 +78,7 @@ function Test-SameRelease([string] $Base, [string] $Installed) {
     return $false
 }
 
-# The greatest release of the maker's adapters that are there, by characters and not by numbers; nothing when there is none.
+# The greatest release of the maker's adapters that are present, compared by characters and not by numbers; nothing if there is none.
 function Get-DriverRelease {
     $greatest = $null
     foreach ($device in @(Get-CimInstance -ClassName Win32_PnPEntity -Filter "ClassGuid='$displayClass'")) {

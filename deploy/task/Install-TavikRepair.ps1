@@ -2,19 +2,19 @@
 #Requires -RunAsAdministrator
 <#
 .SYNOPSIS
-Puts the tool onto a machine and registers the task that repairs the application after each update of the display driver.
+Installs the tool on a machine and registers the task that repairs the application after each update of the display driver.
 
 .DESCRIPTION
-Run it again to update the files; -Remove takes task and files away. Source holds TavikCompatibilityTool.exe, TavikToolCompanion.exe,
-Repair-TavikSoftware.ps1 and TavikRepairAfterDriverUpdate.xml; a share will do.
+Run it again to update the files; -Remove removes task and files. Source holds TavikCompatibilityTool.exe, TavikToolCompanion.exe,
+Repair-TavikSoftware.ps1 and TavikRepairAfterDriverUpdate.xml; it may be a share.
 
 As a startup script of a Group Policy it needs no parameters. Never run on a real Windows.
 
 .PARAMETER Source
-Where the four files are.
+Folder with the four files.
 
 .PARAMETER Remove
-Takes everything away again.
+Removes the task and the files.
 #>
 [CmdletBinding()]
 param([string] $Source = $PSScriptRoot, [switch] $Remove)
@@ -26,7 +26,7 @@ $taskName = 'RepairAfterDriverUpdate'
 $log = 'Microsoft-Windows-Kernel-PnP/Configuration'
 $files = 'TavikCompatibilityTool.exe', 'TavikToolCompanion.exe', 'Repair-TavikSoftware.ps1'
 $programFiles = if ($env:ProgramW6432) { $env:ProgramW6432 } else { $env:ProgramFiles }
-# Users cannot write there. The task runs as SYSTEM, so they must not.
+# Users cannot write there, and must not be able to: the task runs as SYSTEM.
 $target = Join-Path $programFiles 'Tavik\Repair'
 
 if ($Remove) {
