@@ -83,7 +83,7 @@ FAULTS = {
         ("src/acquisition/constants.h", 'L"DWXServerFolder"', 'L"ServerFolder"', "the product reads ServerFolder"),
     ],
     "task": [
-        (TASK, "Puts the", "Puts the\u00e9", "ASCII"), (TASK, '<?xml version="1.0"?>', '<?xml version="1.0" encoding="utf-8"?>', "without an encoding"),
+        (TASK, "Installs the", "Installs the\u00e9", "ASCII"), (TASK, '<?xml version="1.0"?>', '<?xml version="1.0" encoding="utf-8"?>', "without an encoding"),
         (TASK, "&lt;/Select&gt;", "", "cannot be read as XML"), (TASK, "4d36e968", "4d36e969", "class of display adapters"), (TASK, "EventID=400]]", "EventID=400]", "brackets"),
         (TASK, 'Path="Microsoft-Windows-Kernel-PnP/Configuration"', 'Path="System"', "another log"), (TASK, "S-1-5-18", "S-1-5-32-544", "SYSTEM"),
         (TASK, 'Context="System"', 'Context="Someone"', "no principal"),
