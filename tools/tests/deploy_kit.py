@@ -1,9 +1,11 @@
-"""What the cases of the deployment kit share: its places, and a maker of signed installers with certificate authorities of its
-own."""
+"""What the tests of the deployment kit share: its places, its scripts as modules, and installers signed by a maker with certificate
+authorities of its own."""
 from __future__ import annotations
 
 import pathlib
+import runpy
 import subprocess
+import types
 
 from lab import paths
 
@@ -11,6 +13,15 @@ DEPLOY = paths.ROOT / "deploy"
 MIRROR = DEPLOY / "mirror"
 PUBLISH = MIRROR / "publish"
 SIGNER = "Tavik Systems, Inc."
+
+
+def load(script: pathlib.Path) -> types.SimpleNamespace:
+    """A script without an ending as a module."""
+    return types.SimpleNamespace(**runpy.run_path(str(script)))
+
+
+def publish(*arguments: object) -> subprocess.CompletedProcess[str]:
+    return subprocess.run([str(PUBLISH), *map(str, arguments)], capture_output=True, text=True, check=False)
 
 
 def _openssl(folder: pathlib.Path, *arguments: str) -> None:
@@ -23,7 +34,7 @@ class Signers:
              "expired": (SIGNER, "ca", -1)}
 
     def __init__(self, folder: pathlib.Path):
-        self.folder = folder
+        self.folder, self.ca = folder, folder / "ca.pem"
         new_key = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes")
         for authority in ("ca", "stranger"):
             _openssl(folder, "req", "-x509", *new_key, "-keyout", f"{authority}.key", "-out", f"{authority}.pem", "-days", "365",
@@ -31,21 +42,13 @@ class Signers:
                      "-addext", "keyUsage=critical,keyCertSign,cRLSign")
         (folder / "signing.ext").write_text("extendedKeyUsage=codeSigning\nbasicConstraints=CA:FALSE\n", "ascii")
         for name, (person, authority, days) in self.NAMES.items():
-            _openssl(folder, "req", *new_key, "-keyout", f"{name}.key", "-out", f"{name}.csr", "-subj", f"/O=Somebody/CN={person}")
+            _openssl(folder, "req", *new_key, "-keyout", f"{name}.key", "-out", f"{name}.csr", "-subj", f"/O=Organisation/CN={person}")
             _openssl(folder, "x509", "-req", "-in", f"{name}.csr", "-CA", f"{authority}.pem", "-CAkey", f"{authority}.key",
                      "-CAcreateserial", "-days", str(days), "-extfile", "signing.ext", "-out", f"{name}.pem")
 
-    @property
-    def ca(self) -> pathlib.Path:
-        return self.folder / "ca.pem"
-
     def sign(self, program: pathlib.Path, by: str, target: pathlib.Path, along: str = "") -> pathlib.Path:
-        """`along`: the certificate of that name goes into the signature too, as anybody can do."""
+        """`along`: the certificate of that name is added to the signature, which any signer can do."""
         more = ["-ac", str(self.folder / f"{along}.pem")] if along else []
         subprocess.run(["osslsigncode", "sign", "-h", "sha256", "-certs", str(self.folder / f"{by}.pem"), *more,
                         "-key", str(self.folder / f"{by}.key"), "-in", str(program), "-out", str(target)], check=True, capture_output=True)
         return target
-
-
-def publish(*arguments: object) -> subprocess.CompletedProcess[str]:
-    return subprocess.run([str(PUBLISH), *map(str, arguments)], capture_output=True, text=True, check=False)

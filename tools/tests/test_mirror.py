@@ -1,5 +1,5 @@
-"""A mirror as docs/mirror.md has it: deploy/mirror/publish fills it, nginx serves it with deploy/mirror/nginx.conf, and machines
-are repaired from it."""
+"""A mirror as docs/mirror.md describes it: deploy/mirror/publish fills it, nginx serves it with deploy/mirror/nginx.conf, and
+machines are repaired from it."""
 from __future__ import annotations
 
 import contextlib
@@ -12,13 +12,12 @@ from collections.abc import Iterator
 
 import pytest
 
-from tools.tests.deploy_kit import MIRROR, SIGNER, Signers, publish
+from tools.tests.deploy_kit import MIRROR, SIGNER, Signers, load, publish
 from cases.support.download import answering
 from cases.support.expect import DOWNLOAD_FAILED, download, install, inventory, opening, remove, stop, unpack
 from lab import certificates, paths, prefix as prefixes
 from lab.children import end_with_parent
 from lab.run import default_address, fresh_folder, private_hosts_obstacle, remove_folder
-from tools.tests.script_module import load
 
 loadtest = load(MIRROR / "loadtest")
 CONFIG = (MIRROR / "nginx.conf").read_text("utf-8")
@@ -42,7 +41,7 @@ class Mirror:
         pair = tuple(certificates.folder() / f"good.{ending}" for ending in ("pem", "key")) if secure else None
         config = loadtest.own_config(CONFIG, folder, root=folder / "site", http=f"{self.address}:{self.port}",
                                      https=f"{self.address}:443", certificate=pair)
-        # Without other processes there is no user to change to, and nothing is left when this one ends.
+        # As a single process: no change of user, and no process is left when this one ends.
         self.process = loadtest.start(folder, config.replace("worker_processes auto;", "master_process off;"),
                                       (self.address, self.port), before=end_with_parent)
 
@@ -126,7 +125,7 @@ def test_the_load_test_asks_as_the_tool_does(lab):
 
 @pytest.mark.parametrize("release, good", [("24.20.11.01-240619a", True), ("24.30", False)], ids=["published", "not published"])
 def test_the_companion_asks_it_like_the_tool(mirror, release, good):
-    """TavikToolCompanion check-server, which an administrator uses before the value gets onto ten thousand machines."""
+    """TavikToolCompanion check-server, with which an administrator checks the value before it is set on ten thousand machines."""
     folder = fresh_folder()
     prefix = prefixes.Prefix.copy(prefixes.template(), folder / "prefix")
     try:
@@ -144,7 +143,7 @@ def test_the_companion_asks_it_like_the_tool(mirror, release, good):
     assert asked == [(f"/vlt/{release[:5]}/dwx2_install.txt", "200" if good else "404")]
 
 
-# What the configuration says to others
+# What the configuration answers to other requests
 
 def test_the_installer_comes_byte_for_byte_and_unchanged(mirror):
     status, headers, body = mirror.ask("GET", "/vlt/24.20/dwx2_install.txt", **{"Accept-Encoding": "gzip"})
@@ -164,12 +163,12 @@ def test_the_list_can_be_read(mirror):
     "/", "/vlt", "/vlt/", "/vlt/24.20", "/vlt/24.20/", "/vlt/24.30/dwx2_install.txt", "/vlt/24.20.1/dwx2_install.txt", "/vlt/.lock",
     "/vlt/24.20/../.lock", "/vlt//dwx2_install.txt", "/24.20/dwx2_install.txt", "/vlt/24.20/dwx2_install.exe", "/../installer.exe",
     "/vlt/%2e%2e/dwx2_install.txt", "/vlt/24.20/DWX2_INSTALL.TXT"])
-def test_nothing_else_is_there_and_nothing_is_redirected(mirror, path):
+def test_every_other_path_is_not_found(mirror, path):
     assert mirror.ask("GET", path)[0] in (400, 404)
 
 
 @pytest.mark.parametrize("method", ["POST", "PUT", "DELETE"])
-def test_it_only_hands_out(mirror, method):
+def test_other_methods_are_refused(mirror, method):
     assert mirror.ask(method, "/vlt/24.20/dwx2_install.txt")[0] == 405
     assert mirror.ask("GET", "/vlt/24.20/dwx2_install.txt")[2] == mirror.installer
 

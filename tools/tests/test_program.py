@@ -22,7 +22,7 @@ def test_manifest_asks_for_an_administrator():
     assert level.attrib == {"level": "requireAdministrator", "uiAccess": "false"}
 
 
-# Proves: Somebody looks at the file's properties => file and product version 1.0.0.1, description "Tavik Software Compatibility Tool"
+# Proves: A user opens the file's properties => file and product version 1.0.0.1, description "Tavik Software Compatibility Tool"
 def test_version_and_description():
     version = resource(16, 1)
     fixed = struct.unpack_from("<13I", version, version.index(struct.pack("<I", 0xFEEF04BD)))

@@ -8,9 +8,8 @@ import time
 
 import pytest
 
-from tools.tests.deploy_kit import PUBLISH, SIGNER, Signers, publish
 from lab import paths
-from tools.tests.script_module import load
+from tools.tests.deploy_kit import PUBLISH, SIGNER, Signers, load, publish
 
 script = load(PUBLISH)
 
@@ -33,7 +32,7 @@ def another(signers):
 
 @pytest.fixture
 def site(tmp_path, signers):
-    """add(release, file, ...) publishes; files() are those that nginx would hand out, and the list."""
+    """add(release, file, ...) publishes; files(): what nginx would serve, and the list."""
     class Site:
         root = tmp_path / "vlt"
 
@@ -60,12 +59,12 @@ def test_the_folder_is_what_the_tool_asks_for(release, folder):
 
 
 @pytest.mark.parametrize("release", ["", "-24.20", "..", ".-1", "../x", "a/b", "24 20", "24.2\u0660", "24%20", "24\n"])
-def test_what_is_no_release(release):
+def test_what_is_not_a_release(release):
     with pytest.raises(script.Refused):
         script.folder_of(release)
 
 
-# What gets onto the mirror
+# What is published
 
 def test_a_signed_installer_is_published(site, installer):
     done = site.add("24.20.11.01-240619a", installer)
@@ -75,7 +74,7 @@ def test_a_signed_installer_is_published(site, installer):
     assert (site.root / "SHA256SUMS").read_text() == listed(installer, "24.20")
     assert subprocess.run(["sha256sum", "--check", "--strict", "SHA256SUMS"], cwd=site.root, capture_output=True, check=False).returncode == 0
     modes = [oct((site.root / name).stat().st_mode & 0o777) for name in ("24.20", "24.20/dwx2_install.txt", "SHA256SUMS")]
-    assert modes == ["0o755", "0o644", "0o644"], "nginx runs as somebody else"
+    assert modes == ["0o755", "0o644", "0o644"], "nginx runs as another user"
 
 
 def test_the_same_again_changes_nothing(site, installer):
@@ -87,7 +86,7 @@ def test_the_same_again_changes_nothing(site, installer):
     assert {name: (site.root / name).stat().st_mtime_ns for name in site.files()} == before
 
 
-def test_another_file_of_a_release_needs_a_word(site, installer, another):
+def test_another_file_of_a_release_needs_the_option_replace(site, installer, another):
     site.add("24.20", installer)
     refused = site.add("24.20", another)
     assert refused.returncode == 1 and "--replace" in refused.stderr
@@ -98,7 +97,7 @@ def test_another_file_of_a_release_needs_a_word(site, installer, another):
 
 
 def test_a_download_under_way_keeps_its_file(site, installer, another):
-    """The old file is not written to: whoever reads it reads it to its end."""
+    """The old file is not written to, so a client reads it to its end."""
     site.add("24.20", installer)
     with open(site.root / "24.20/dwx2_install.txt", "rb") as client:
         first = client.read(100)
@@ -106,7 +105,7 @@ def test_a_download_under_way_keeps_its_file(site, installer, another):
         assert first + client.read() == installer.read_bytes()
 
 
-def test_releases_stand_side_by_side_and_are_removed(site, installer, another):
+def test_releases_are_kept_side_by_side_and_removed(site, installer, another):
     site.add("24.20", installer)
     site.add("24.10", another)
     assert (site.root / "SHA256SUMS").read_text() == listed(another, "24.10") + listed(installer, "24.20")
@@ -130,48 +129,43 @@ def test_a_dry_run_checks_and_changes_nothing(site, signers, installer):
 
 # What is refused
 
-def doctored(data: bytes, how: str) -> bytes:
-    if how == "changed":  # one bit in the middle, far from headers and signature
-        middle = len(data) // 2
-        return data[:middle] + bytes([data[middle] ^ 1]) + data[middle + 1:]
-    if how == "longer":
-        return data + b"more"
-    return data[:-16]
+def changed(data: bytes) -> bytes:
+    """One bit in the middle, far from headers and signature."""
+    middle = len(data) // 2
+    return data[:middle] + bytes([data[middle] ^ 1]) + data[middle + 1:]
 
 
-def refused_file(signers: Signers, installer: pathlib.Path, folder: pathlib.Path, how: str) -> pathlib.Path:
+DOCTORED = {"changed": changed, "longer": lambda data: data + b"more", "shorter": lambda data: data[:-16],
+            "text": lambda data: b"MZ, but no program"}
+
+
+def refused_file(signers: Signers, installer: pathlib.Path, target: pathlib.Path, how: str) -> pathlib.Path:
     plain = paths.PACKAGES / "installer-24.20.exe"
-    target = folder / "refused.exe"
     if how == "unsigned":
         return plain
-    if how == "text":
-        target.write_text("MZ, but no program")
-    elif how == "accompanied":
-        signers.sign(plain, "other", target, along="maker")
-    elif how in signers.NAMES:
-        signers.sign(plain, how, target)
-    else:
-        target.write_bytes(doctored(installer.read_bytes(), how))
-    return target
+    if how in DOCTORED:
+        target.write_bytes(DOCTORED[how](installer.read_bytes()))
+        return target
+    return signers.sign(plain, "other" if how == "accompanied" else how, target, along="maker" if how == "accompanied" else "")
 
 
-# Proves: It is not signed, changed, or signed by somebody else => refused, and the mirror stays as it is
+# Proves: It is not signed, changed, or signed by another signer => refused, and the mirror stays as it is
 @pytest.mark.parametrize("how, why", [
     ("unsigned", "it is not signed"), ("text", "no Windows program"), ("changed", "the signature is not good"),
     ("longer", "something was added"), ("shorter", "something was added"), ("other", "not signed by"),
     ("impostor", "the signature is not good"), ("expired", "the signature is not good"), ("accompanied", "the signature is not good")])
 def test_refused(site, signers, installer, tmp_path, how, why):
-    """`impostor` has the maker's name from an authority that nobody trusts; `accompanied` brings the maker's own certificate
-    along but was signed with another."""
+    """`impostor` has the maker's name from an authority that is not trusted; `accompanied` contains the maker's own certificate but
+    was signed with another."""
     site.add("24.10", installer)
     before = (site.files(), (site.root / "SHA256SUMS").read_text())
-    done = site.add("24.20", refused_file(signers, installer, tmp_path, how))
+    done = site.add("24.20", refused_file(signers, installer, tmp_path / "refused.exe", how))
     assert done.returncode == 1 and why in done.stderr, done.stderr
     assert (site.files(), (site.root / "SHA256SUMS").read_text()) == before
 
 
-@pytest.mark.parametrize("signer", ["Tavik Systems", "tavik systems, inc.", "Somebody", "Tavik Systems, Inc. "])
-def test_the_name_counts_to_the_letter(site, installer, signer):
+@pytest.mark.parametrize("signer", ["Tavik Systems", "tavik systems, inc.", "Another", "Tavik Systems, Inc. "])
+def test_the_signers_name_is_compared_exactly(site, installer, signer):
     done = site.add("24.20", installer, signer=signer)
     assert done.returncode == 1 and "not signed by" in done.stderr and not list(site.root.glob("24.20"))
 
@@ -185,7 +179,7 @@ def test_missing_files_are_named(site, signers, installer, tmp_path):
 @pytest.mark.parametrize("arguments", [
     [], ["24.20"], ["24.20", "file"], ["--ca", "x", "24.20", "file"], ["--signer", "x", "24.20", "file"], ["--check", "--remove", "24.20"],
     ["--remove", "24.20", "24.10", "file"]])
-def test_arguments_that_make_no_sense(tmp_path, arguments):
+def test_wrong_arguments(tmp_path, arguments):
     assert publish("--root", tmp_path / "vlt", *arguments).returncode == 2
     assert not (tmp_path / "vlt").exists()
 
@@ -193,8 +187,8 @@ def test_arguments_that_make_no_sense(tmp_path, arguments):
 # After a crash
 
 # Proves: Publishing is killed, or a file changes afterwards => the next call puts the list right; `--check` says what changed
-def test_a_call_that_was_killed_leaves_nothing_that_lasts(site, installer, another):
-    """Killed after the file took its place and before it was listed; and half a copy of another call."""
+def test_the_next_call_repairs_what_a_killed_one_left(site, installer, another):
+    """Killed after the file was put in its place and before it was listed; and half a copy of another call."""
     site.add("24.20", installer)
     (site.root / ".incoming-half").write_bytes(b"MZ")
     (site.root / "24.10").mkdir()
