@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import dataclasses
 import json
+import pathlib
 from typing import Any
 
 from companion import outcomes
@@ -57,6 +58,10 @@ class Result:
             if sample["instance"] == 0 and sample["exists"] and sample["line"] and texts[-1:] != [sample["line"]]:
                 texts.append(sample["line"])
         return texts
+
+    def file(self, path: str) -> pathlib.Path:
+        """A file of the machine as the run has left it. path: "C:\\...", in the letters it has there."""
+        return pathlib.Path(self.prefix, "prefix", "drive_c", *path.split("\\")[1:])
 
     def json(self) -> str:
         return json.dumps(dataclasses.asdict(self), indent=1, ensure_ascii=False)

@@ -177,7 +177,7 @@ def test_the_rename_fails_and_nobody_notices(lab):
 
 def test_the_temporary_name_is_still_taken(lab):
     lab.run({**answering(), "files": {TEMPORARY: "old"}, "shared": [TEMPORARY]})
-    lab.check(**failed(f"Unable to create file to download data into. Target path: {TEMPORARY}. Error: {{number}}"),
+    lab.check(**failed("download-file-in-the-way", f"Unable to create file to download data into. Target path: {TEMPORARY}. Error: {{number}}"),
               requests=[], before={"files": [TEMPORARY]}, after={**UNTOUCHED, "missing": [FINAL, TEMPORARY]})
 
 
@@ -185,7 +185,7 @@ def test_the_servers_words_cannot_be_had(lab):
     """Neither of the two calls for them: number 0 and no text."""
     rules = ["wininet!InternetReadFile 1 error=12003", "wininet!InternetGetLastResponseInfoW * error=14"]
     result = lab.run({**answering(), "faults": rules})
-    lab.check(**failed("Response code from server: 200", "Unable to read file from internet. Extended error code: 0 "),
+    lab.check(**failed("download-broken", "Response code from server: 200", "Unable to read file from internet. Extended error code: 0 "),
               after={**UNTOUCHED, "missing": [FINAL], "files": [TEMPORARY]})
     assert len([line for line in result.calls if "GetLastResponseInfoW" in line]) == 2
 

@@ -17,6 +17,20 @@ from lab.result import Result
 CAPTION = "Tavik Software Compatibility Tool"
 TEMP = f"C:\\users\\{pwd.getpwuid(os.getuid()).pw_name}\\Temp\\"  # Wine names the user as the host does
 
+DOWNLOADS = TEMP + "Tavik_VLTInstallerDownload"
+EXTRACTED = DOWNLOADS + r"\LPInstaller"
+
+# The desktop edition of the common machine, before and after a repair.
+HL_VERSION = r"Software\Tavik\HL\HLVersion"
+UNTOUCHED = {"products": ["Tavik Halden 23.40"], "values": {HL_VERSION: "23.40"}}
+REPAIRED = {"products": ["Tavik Halden 24.20"], "values": {HL_VERSION: "24.20"}}
+
+# Parts of a machine.
+NO_SERVER = {"server": {"folder": "http:///x"}}  # an address without a host: a repair ends before a request is sent
+OTHER_ADAPTER = {"id": r"PCI\VEN_8086&DEV_46A6&SUBSYS_00000000&REV_0C\3&11583659&0&10", "description": "Other Graphics", "packages": []}
+
+QUIET_END = 3  # exit code after an error that the tool does not catch
+
 # Message boxes: icon and text.
 ANOTHER = ("none", "Another instance is running.")
 NO_ADAPTER = ("error", "Unable to detect active Tavik Display Driver.")
@@ -30,6 +44,15 @@ FINISHED = ("information", "Finished installing Tavik Software")
 # The progress dots, and the status line.
 DOTS = ["◉ ○ ○", "○ ◉ ○", "○ ○ ◉"]
 CHECKING, DOWNLOADING, INSTALLING = ("Checking System.", "Downloading compatible version of Tavik Software.", "Installing...")
+
+# Single lines of the log.
+SAME = "Currently installed version of VLT is from the same release as the active driver."
+REFUSED = "Another instance is running. Exiting."
+NO_DESKTOP = "User does not desktop VLT installed."
+NOT_DOWNLOADED = "Unable to download dwx2_install.exe from web. Exiting."
+MAIN_PACKAGE_MISSING = r"Unable to find {temp}Tavik_VLTInstallerDownload\LPInstaller\HL\halden\halden64\dwx-next64.msi."
+NOT_THE_MAKERS = rf"[Other Graphics] - [{OTHER_ADAPTER['id']}] is not an Tavik Display Adapter."
+NO_ADAPTER_LEFT = ["Currently installed drivers on system:", "Unable to find installed Tavik display adapters. Exiting."]
 
 
 def opening(arguments: str = "", version: str = "23.40", driver: str | None = None) -> list[str]:
@@ -77,6 +100,28 @@ def remove(family: str, result: int = 0) -> list[str]:
 def install(family: str, result: int = 0) -> list[str]:
     package = {"Halden": r"halden\halden64\dwx-next64.msi", "DVR": r"tavikdvr\tavikdvr64\tavikdvr64.msi", "PXL": r"pxl64\PXL64.msi"}
     return [f"Installing {{temp}}Tavik_VLTInstallerDownload\\LPInstaller\\HL\\{package[family]}", f"\tResult = {result}"]
+
+
+REPAIR = [*stop(), *remove("Halden"), *install("Halden")]  # once the installer has unpacked
+
+
+def not_started(installer: str, folder: str = r"{temp}Tavik_VLTInstallerDownload\LPInstaller", code: str = "{number}") -> str:
+    """The line of an installer that cannot be started."""
+    return f"Launching process {installer} /NCRC /S -EXTRACTONLY=YES /D={folder} failed. Error code = {code} {{any}}"
+
+
+def without_server(folder: str = "{store1}", prefix: str = "24.20") -> list[str]:
+    """No installer in the driver package, and with NO_SERVER no download."""
+    return [f"Unable to find dwx2-install.exe at [{folder}]. Downloading dwx2_install.exe for [{prefix}] from web.",
+            "Change server to http:///x.",
+            "\tException occured during the download of dwx2_install.exe. Unable to connect to server: {any}", NOT_DOWNLOADED]
+
+
+def check_refused(result: Result, arguments: str = "", box: bool = True, number: int = 1) -> None:
+    """That this instance found another one at work, said so and ended."""
+    assert result.instances[number]["exit_code"] == -1
+    assert result.logs[number] == [opening(arguments)[0], REFUSED]
+    assert [(one["icon"], one["text"]) for one in result.boxes if one["instance"] == number] == ([ANOTHER] if box else [])
 
 
 def places(machine: Machine, result: Result) -> dict[str, str]:

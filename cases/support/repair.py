@@ -1,13 +1,12 @@
-"""What the cases of a desktop repair share: a machine whose driver package brings the installer, and the lines of its log."""
+"""Machines whose driver package brings the installer, the lines of their log, and what Windows Installer was asked to do."""
 from __future__ import annotations
 
 from typing import Any
 
-from cases.support.expect import TEMP, inventory, opening, unpack
+from cases.support.expect import EXTRACTED as FOLDER, MAIN_PACKAGE_MISSING, REPAIRED, UNTOUCHED, inventory, opening, unpack
 from lab.result import Result
 
 INSTALLER = r"{store1}\B384125\DWX2_Install.exe"
-FOLDER = TEMP + r"Tavik_VLTInstallerDownload\LPInstaller"
 PACKAGES = {"Halden": r"\HL\halden\halden64\dwx-next64.msi", "DVR": r"\HL\tavikdvr\tavikdvr64\tavikdvr64.msi",
             "PXL": r"\HL\pxl64\PXL64.msi"}
 UPGRADE_CODES = {"Halden": "{5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}", "DVR": "{8E41A6D2-0C9B-4F73-A215-6B7D3E9F0A58}",
@@ -15,12 +14,9 @@ UPGRADE_CODES = {"Halden": "{5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}", "DVR": "{8E
 INSTALL_PROPERTIES = 'REBOOT=ReallySuppress MSIFASTINSTALL=3 LAUNCHED_FROM_MIM="1"'
 REMOVAL_PROPERTIES = "REMOVE=ALL REBOOT=ReallySuppress MSIFASTINSTALL=3 MSIRESTARTMANAGERCONTROL=Disable UPGRADINGPRODUCTCODE=1"
 INSTALL_KEY = r"HKLM\SOFTWARE\Orrel Technologies\Install\Halden"
-MAIN_PACKAGE_MISSING = f"Unable to find {FOLDER}{PACKAGES['Halden']}."
 
-# Windows Installer says yes to everything and does nothing: for cases that are about what it is asked.
+# Windows Installer reports success and does nothing: for cases about what it is asked to do.
 MSI_AGREES = "msi!MsiInstallProductW * return=0"
-UNTOUCHED = {"products": ["Tavik Halden 23.40"]}
-REPAIRED = {"products": ["Tavik Halden 24.20"]}
 
 
 def found(kind: str = "24.20", /, **changes: Any) -> dict[str, Any]:

@@ -1,4 +1,4 @@
-"""What the cases of the Store edition share: names, machines with certain packages, lines and calls.
+"""Names of Store packages, machines that have them, the lines of their log, and the calls into the Store component.
 
 The driver of the common machine is of release 24.20, and a Store version 2.24.20.0 belongs to it.
 """
@@ -6,7 +6,7 @@ from __future__ import annotations
 
 from typing import Any
 
-from cases.support.expect import inventory, opening
+from cases.support.expect import NO_DESKTOP, SAME, inventory, opening
 from lab.result import Result
 
 # Full names. The application has two package names, and only their beginning is looked for.
@@ -16,8 +16,6 @@ NEWER = "TavikSystemsInc-2.TavikCorvelSoftware_2.24.20.0_x64__0a9344xs7nr4m"
 INSTALLS = f"{NEWER} | 2.24.20.0"  # what the Store service puts in the place of CORVEL
 OTHER = "Contoso.Paint_11.2404.5.0_x64__8wekyb3d8bbwe"
 
-SAME = "Currently installed version of VLT is from the same release as the active driver."
-NO_DESKTOP = "User does not desktop VLT installed."
 NO_STORE = "UWP version is not installed"
 NOTHING = "User does not have VLT installed."
 ATTEMPT = "Attempting to download and install the UWP version of VLT."

@@ -350,7 +350,7 @@ TEST_F(Download, ErrorOfTheRequestIsTheOneThatStandsAfterTheTimeouts)
     EXPECT_EQ(log_.Lines().back(), L"Unable to call HttpOpenRequest to " + std::wstring(kUrl) + L". Error 12018");
 }
 
-// Proves: The request cannot be sent: nobody listens, wrong, expired or unknown certificate => logged with the code; empty result
+// Proves: The request cannot be sent: no server listens, wrong, expired or unknown certificate => logged with the code; empty result
 TEST_F(Download, RequestThatCannotBeSent)
 {
     sendError_ = 12029;

@@ -163,7 +163,7 @@ TEST_P(CheckedLine, RunsTheCheckAndReturnsItsResult)
     EXPECT_EQ(Output(), "");
 }
 
-// Proves: An error that nobody catches => the process ends with code 3, without a box
+// Proves: An error that is not caught => the process ends with code 3, without a box
 TEST_F(ProcessEntry, WhatNobodyCaughtEndsTheProcessWithoutABox)
 {
     std::vector<UINT> codes;

@@ -1,6 +1,6 @@
-"""A download server that does everything wrong. The numbers of errors are the system's own, others on other systems.
+"""Everything that a download server can answer, and how its connections can end. Error numbers are those of this system.
 
-What the server says and how the connection ends; test_hostile_address.py has addresses, TLS and certificates.
+test_address.py has addresses, TLS and certificates.
 """
 from __future__ import annotations
 
@@ -8,12 +8,12 @@ import gzip
 
 import pytest
 
-from cases.support.download import (BEFORE, FINAL, NO_PROGRAM, PATH, START, TEMPORARY, UNTOUCHED, answering, check_arrived,
-                              check_failed, file_of, status_line)
-from cases.support.expect import CHECKING, DOWNLOADING, FINISHED, INSTALLING, download, install, inventory, opening, remove, stop, unpack
+from cases.support.download import (BEFORE, FINAL, GOOD, NO_PROGRAM, PATH, START, TEMPORARY, URL, answering, check_arrived, check_failed, not_sent,
+                                    status_line)
+from cases.support.expect import (CHECKING, DOWNLOADING, FINISHED, INSTALLING, REPAIR, REPAIRED, UNTOUCHED, download, inventory, opening,
+                                  unpack)
 
 MIB = 1 << 20
-GOOD = f"{PATH} 200"
 OK = "HTTP/1.1 200 OK\r\n"
 LOST = ["Response code from server: 200", "Download failed with error code: 10054 Connection reset by peer. "]
 
@@ -22,14 +22,12 @@ def raw(text: str) -> dict:
     return answering({"raw": text})
 
 
-# Those that take long come first, see conftest.py.
-
 # Proves: The server says nothing for 90 seconds
 @pytest.mark.slow
 def test_silence_in_mid_body_is_given_up_after_a_minute_and_a_half(lab):
     """The error of the time-out has no text."""
     result = lab.run(answering({"size": 3 * MIB, "pause": [MIB + 1000, 900]}), timeout=300)
-    check_failed(lab, "Response code from server: 200", "Download failed with error code: 10060 ", requests=[GOOD], left=MIB)
+    check_failed(lab, "download-broken", "Response code from server: 200", "Download failed with error code: 10060 ", requests=[GOOD], left=MIB)
     assert result.seconds > 90
 
 
@@ -49,23 +47,28 @@ def test_more_than_the_counter_can_count(lab, size, logged):
 # Statuses
 
 # Proves: The server answers with any status, loop, redirect, broken length or chunk, reset or silence => only 200 is good; the rest ends as a failed download, in 90 seconds at most after the last byte
-@pytest.mark.parametrize("answer", [
-    {"status": 204, "headers": {"ETag": '"empty"'}},
-    {"status": 206, "text": NO_PROGRAM, "headers": {"Content-Range": "bytes 0-9/100"}},
-    {"status": 300, "text": NO_PROGRAM},
-    {"status": 308, "redirect": "/elsewhere"},
-    {"status": 401, "text": "who are you", "headers": {"WWW-Authenticate": 'Basic realm="lab"'}},
-    {"status": 404, "installer": "24.20"},
-    {"status": 407, "text": "who are you", "headers": {"Proxy-Authenticate": 'Basic realm="lab"'}},
-    {"status": 410, "size": 3 * MIB},
-    {"status": 500, "hex": "00ff"},
-    {"status": 503, "text": "later", "headers": {"Retry-After": "1"}},
-    {"status": 999, "text": NO_PROGRAM},
-], ids=lambda answer: f"{answer['status']}")
-def test_only_200_is_good_whatever_comes_with_it(lab, answer):
-    """No second try, no second address, and an installer that comes as an error page stays unused."""
+# Proves: The installer is neither found nor downloaded
+# Proves: A status other than 200, even another good one
+@pytest.mark.parametrize("outcome, answer", [
+    ("download-refused", {"status": 201, "text": "MZ"}),
+    ("download-refused", {"status": 204, "headers": {"ETag": '"empty"'}}),
+    ("download-refused", {"status": 206, "text": NO_PROGRAM, "headers": {"Content-Range": "bytes 0-9/100"}}),
+    ("download-refused", {"status": 300, "text": NO_PROGRAM}),
+    ("download-refused", {"status": 304, "text": "MZ", "length": False}),
+    ("download-refused", {"status": 308, "redirect": "/elsewhere"}),
+    ("download-refused", {"status": 401, "text": "who are you", "headers": {"WWW-Authenticate": 'Basic realm="lab"'}}),
+    ("download-refused", {"status": 403, "text": "MZ"}),
+    ("download-not-there", {"status": 404, "installer": "24.20"}),
+    ("download-refused", {"status": 407, "text": "who are you", "headers": {"Proxy-Authenticate": 'Basic realm="lab"'}}),
+    ("download-not-there", {"status": 410, "size": 3 * MIB}),
+    ("download-server-trouble", {"status": 500, "hex": "00ff"}),
+    ("download-server-trouble", {"status": 503, "text": "later", "headers": {"Retry-After": "1"}}),
+    ("download-refused", {"status": 999, "text": NO_PROGRAM}),
+], ids=lambda value: f"{value['status']}" if isinstance(value, dict) else "")
+def test_only_status_200_is_good(lab, outcome, answer):
+    """No second try, no second address, and an installer that is sent as an error page stays unused."""
     lab.run(answering(answer))
-    check_failed(lab, *status_line(answer["status"]), requests=[f"{PATH} {answer['status']}"])
+    check_failed(lab, outcome, *status_line(answer["status"]), requests=[f"{PATH} {answer['status']}"])
 
 
 @pytest.mark.parametrize("text, status", [
@@ -75,9 +78,9 @@ def test_only_200_is_good_whatever_comes_with_it(lab, answer):
     ("HTTP/1.1 302 Found\r\nContent-Length: 10\r\n\r\nno program", 302),
     ("", 0),
 ], ids=["too many digits", "negative", "words", "redirect to nowhere", "no answer at all"])
-def test_status_that_is_none(lab, text, status):
+def test_malformed_status_is_refused(lab, text, status):
     lab.run(raw(text))
-    check_failed(lab, *status_line(status), requests=[f"{PATH} 0"])
+    check_failed(lab, "download-refused", *status_line(status), requests=[f"{PATH} 0"])
 
 
 @pytest.mark.parametrize("text", [
@@ -88,17 +91,19 @@ def test_status_that_is_none(lab, text, status):
     f"{OK}Content-Length: many\r\n\r\nno program",
     f"{OK}Content-Length: 10000000000\r\n\r\nno program",
 ], ids=["100 before", "long line", "3000 lines", "nonsense", "length in words", "length of 10 GB"])
-def test_strange_head_does_not_hurt(lab, text):
+def test_strange_headers_are_ignored(lab, text):
     lab.run(raw(text))
     check_arrived(lab, 10, [f"{PATH} 0"])
 
 
 # Redirects
 
+# Proves: A redirect
 @pytest.mark.parametrize("status", [301, 302, 303, 307])
-def test_redirect_is_followed_with_each_status(lab, status):
-    lab.run({"server": {"answers": {PATH: {"redirect": "/mirror", "status": status}, "/mirror": {"text": NO_PROGRAM}}}})
+def test_redirect_is_followed(lab, status):
+    result = lab.run({"server": {"answers": {PATH: {"redirect": "/mirror", "status": status}, "/mirror": {"text": NO_PROGRAM}}}})
     check_arrived(lab, 10, [f"{PATH} {status}", "/mirror 200"])
+    assert result.requests[1]["accept"] == "Accept: */*"
 
 
 @pytest.mark.quick
@@ -111,37 +116,38 @@ def test_long_chain_of_redirects(lab):
 
 def test_only_the_last_status_of_a_chain_counts(lab):
     lab.run({"server": {"answers": {PATH: {"redirect": "/a"}, "/a": {"redirect": "/b", "status": 307}, "/b": 500}}})
-    check_failed(lab, *status_line(500), requests=[f"{PATH} 302", "/a 307", "/b 500"])
+    check_failed(lab, "download-server-trouble", *status_line(500), requests=[f"{PATH} 302", "/a 307", "/b 500"])
 
 
-def test_loop_that_ends_after_50_turns(lab):
+def test_redirect_loop_that_ends_after_50_turns(lab):
     lab.run(answering({"redirect": PATH, "turns": 50, "text": NO_PROGRAM}))
     check_arrived(lab, 10, [f"{PATH} 302"] * 50 + [GOOD])
 
 
-def test_loop_without_an_end_lasts_until_the_user_ends_it(lab):
-    """The system counts no turns, and leaves the window its life: it is up and can be ended like any program."""
+def test_endless_redirect_loop_lasts_until_the_user_ends_it(lab):
+    """The system sets no limit to redirects. The window stays up, and the program can be ended like any other."""
     result = lab.run({"server": {"answers": {PATH: {"redirect": "/other"}, "/other": {"redirect": PATH}}}},
                      when=[f"text {DOWNLOADING} : wait 1000", "window : kill 77"])
-    lab.check(exit_code=77, boxes=[], log=[*opening(), *inventory(), *START], before=BEFORE,
+    lab.check(exit_code=77, outcome="interrupted", boxes=[], log=[*opening(), *inventory(), *START], before=BEFORE,
               after={**UNTOUCHED, "files": [TEMPORARY], "missing": [FINAL]})
     asked = [(item["path"], item["status"]) for item in result.requests]
     assert len(asked) > 4 and set(asked[::2]) == {(PATH, 302)} and set(asked[1::2]) <= {("/other", 302)}
 
 
-@pytest.mark.parametrize("where, line", [
-    ("http://127.0.0.1:1/x", "Unable to call HttpSendRequest to {url}. Error 12029"),
-    ("http://", "Unable to call HttpSendRequest to {url}. Error 12005"),
-    ("ftp://127.0.0.1:1/x", None), ("file:///C:/windows/notepad.exe", None)], ids=["nobody there", "no address", "ftp", "file"])
-def test_redirect_to_what_cannot_be_fetched(lab, where, line):
-    """The first address is the one in the log. What is no HTTP is not followed, and so the redirect's own status counts."""
+@pytest.mark.parametrize("where, outcome, lines", [
+    ("http://127.0.0.1:1/x", "download-unreachable", [not_sent(URL, 12029)]),
+    ("http://", "download-unreachable", [not_sent(URL, 12005)]),
+    ("ftp://127.0.0.1:1/x", "download-refused", status_line(302)),
+    ("file:///C:/windows/notepad.exe", "download-refused", status_line(302))], ids=["no server", "no address", "ftp", "file"])
+def test_redirect_that_cannot_be_followed(lab, where, outcome, lines):
+    """The log has the first address. Only HTTP is followed; otherwise the redirect's own status counts."""
     lab.run(answering({"redirect": where}))
-    lines = [line.replace("{url}", "http://{server}" + PATH)] if line else status_line(302)
-    check_failed(lab, *lines, requests=[f"{PATH} 302"])
+    check_failed(lab, outcome, *lines, requests=[f"{PATH} 302"])
 
 
 # Bodies
 
+# Proves: An empty body
 @pytest.mark.parametrize("answer", [{"text": ""}, {"text": "", "length": False}, {"text": "", "announce": 5}],
                          ids=["of length 0", "without a length", "of length 5"])
 def test_empty_body_is_an_installer_of_no_bytes(lab, answer):
@@ -162,28 +168,29 @@ def test_body_longer_than_announced_is_cut(lab, body, announced):
     check_arrived(lab, announced, [GOOD])
 
 
+# Proves: Reading fails otherwise
 @pytest.mark.parametrize("at, left", [(0, 0), (1, 0), (MIB - 1, 0), (MIB, MIB), (MIB + 1, MIB), (3 * MIB - 1, 2 * MIB)])
 def test_reset_at_byte(lab, at, left):
     """Full blocks are in the file, what was read before the reset is not."""
     result = lab.run(answering({"size": 3 * MIB, "reset": at}))
-    check_failed(lab, *LOST, requests=[GOOD], left=left)
+    check_failed(lab, "download-broken", *LOST, requests=[GOOD], left=left)
     assert result.requests[0]["bytes"] == at
 
 
-def test_reset_after_the_last_byte_comes_too_late(lab):
-    """On a busy host the system may ask once more, unseen by the tool."""
+def test_reset_after_the_last_byte_does_not_matter(lab):
+    """On a busy host the system may send the request once more, unseen by the tool."""
     result = lab.run(answering({"size": 3 * MIB, "reset": 3 * MIB}))
     check_arrived(lab, 3 * MIB, [GOOD] * min(2, len(result.requests)))
 
 
 def test_reset_after_the_last_byte_of_an_unknown_length(lab):
     lab.run(answering({"size": 2 * MIB, "length": False, "reset": 2 * MIB}))
-    check_failed(lab, *LOST, requests=[GOOD], left=2 * MIB)
+    check_failed(lab, "download-broken", *LOST, requests=[GOOD], left=2 * MIB)
 
 
 def test_reset_in_place_of_an_answer(lab):
     lab.run(answering({"raw": "", "reset": 0}))
-    check_failed(lab, "Unable to call HttpSendRequest to http://{server}" + PATH + ". Error 12030", requests=[f"{PATH} 0"])
+    check_failed(lab, "download-unreachable", not_sent(URL, 12030), requests=[f"{PATH} 0"])
 
 
 CHUNKS = {
@@ -195,8 +202,8 @@ CHUNKS = {
     "chunk ends early": ("ff\r\nno program", 10),
     "chunk goes on": ("2\r\nno program\r\n0\r\n\r\n", 2),
     "only the last chunk": ("0\r\n\r\n", 0),
-    "more than there is in the world": ("ffffffffffffffff\r\nno program", 10),
-    "good, with all there is": ("4;name=value\r\nno p\r\n06\r\nrogram\r\n0\r\nX-Trailer: 1\r\n\r\n", 10),
+    "size of 16 digits": ("ffffffffffffffff\r\nno program", 10),
+    "good, with extension and trailer": ("4;name=value\r\nno p\r\n06\r\nrogram\r\n0\r\nX-Trailer: 1\r\n\r\n", 10),
 }
 
 
@@ -205,36 +212,35 @@ def test_bad_chunks_end_the_body(lab, name):
     chunks, size = CHUNKS[name]
     result = lab.run(raw(f"{OK}Transfer-Encoding: chunked\r\n\r\n{chunks}"))
     check_arrived(lab, size, [f"{PATH} 0"])
-    assert file_of(result, FINAL).read_text() == NO_PROGRAM[:size]
+    assert result.file(FINAL).read_text() == NO_PROGRAM[:size]
 
 
-def test_gzip_label_is_not_believed(lab):
+def test_gzip_label_is_ignored(lab):
     """A real installer under that label is installed: the bytes are taken as they come."""
     lab.run(answering({"installer": "24.20", "headers": {"Content-Encoding": "gzip"}}))
-    log = [*opening(), *inventory(), *download(), unpack(), *stop(), *remove("Halden"), *install("Halden")]
-    lab.check(exit_code=0, boxes=[FINISHED], before=BEFORE, requests=[GOOD], log=log,
-              after={"products": ["Tavik Halden 24.20"], "files": [FINAL], "missing": [TEMPORARY]})
+    lab.check(exit_code=0, outcome="repaired", boxes=[FINISHED], before=BEFORE, requests=[GOOD],
+              log=[*opening(), *inventory(), *download(), unpack(), *REPAIR], after={**REPAIRED, "files": [FINAL], "missing": [TEMPORARY]})
 
 
 def test_gzip_body_stays_packed(lab):
     packed = gzip.compress(b"no program" * 1000, mtime=0)
     result = lab.run(answering({"hex": packed.hex(), "headers": {"Content-Encoding": "gzip"}}))
     check_arrived(lab, len(packed), [GOOD])
-    assert file_of(result, FINAL).read_bytes() == packed
+    assert result.file(FINAL).read_bytes() == packed
 
 
 # Time
 
-def test_every_byte_by_itself(lab):
-    """Head and body come in about a hundred pieces."""
+def test_answer_that_arrives_byte_by_byte(lab):
+    """Headers and body arrive in about a hundred pieces."""
     result = lab.run(answering({"text": NO_PROGRAM, "trickle": 0.02}))
     check_arrived(lab, 10, [GOOD])
-    assert file_of(result, FINAL).read_text() == NO_PROGRAM
+    assert result.file(FINAL).read_text() == NO_PROGRAM
 
 
 @pytest.mark.parametrize("answer", [{"size": 3000, "rate": 2000, "delay": 0.01}, {"size": 2 * MIB, "pause": [MIB + 7, 2]},
-                                    {"size": 7, "delay": 2}], ids=["slow", "long breath in the middle", "long breath before"])
-def test_slow_is_not_too_slow(lab, answer):
+                                    {"size": 7, "delay": 2}], ids=["slow", "pause in the body", "pause before the answer"])
+def test_slow_server_is_waited_for(lab, answer):
     lab.run(answering(answer))
     check_arrived(lab, answer["size"], [GOOD])
     assert lab.result.status_texts[-3:] == [CHECKING, DOWNLOADING, INSTALLING]
