@@ -1,7 +1,7 @@
 """The inventory: which adapters count, their releases and order, their packages, and what an INF tells.
 
-The desktop edition is of release 24.20. When that is also the greatest release, the run ends there; the server has no
-host, so that any other run ends before a download.
+The desktop edition is of release 24.20. When that is also the greatest release, the run ends there; otherwise it ends before a
+download, because the server folder has no host.
 """
 from __future__ import annotations
 
@@ -9,38 +9,35 @@ import re
 
 import pytest
 
-from cases.support.expect import DOWNLOAD_FAILED, NO_ADAPTER, SAME_RELEASE, opening
+from cases.support.expect import (DOWNLOAD_FAILED, NO_ADAPTER, NO_ADAPTER_LEFT, NO_SERVER, NOT_THE_MAKERS, OTHER_ADAPTER, SAME, SAME_RELEASE,
+                                  opening, without_server)
+from lab import inf
 from lab.adapters import RELEASE
 
 NAME = "Tavik Corvel 7800"
 MAKER = r"PCI\VEN_1E7D&DEV_2F11&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&0001"
 SECOND = r"PCI\VEN_1E7D&DEV_2F12&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&0002"
-OTHER = {"id": r"PCI\VEN_8086&DEV_46A6&SUBSYS_00000000&REV_0C\3&11583659&0&10", "description": "Other Graphics", "packages": []}
-NOT_OTHERS = rf"[Other Graphics] - [{OTHER['id']}] is not an Tavik Display Adapter."
-NONE_LEFT = ["Currently installed drivers on system:", "Unable to find installed Tavik display adapters. Exiting."]
+GENERIC = "Microsoft Basic Display Adapter"
 MATCHING = "\tFound driver matching active driver"
 
 
-def run(lab, *adapters: dict, **machine) -> object:
-    return lab.run({"desktop": {"release": "24.20"}, "adapters": list(adapters), "server": {"folder": "http:///x"}, **machine})
+def run(lab, *adapters: dict, rules: tuple[str, ...] = (), **machine) -> object:
+    """rules: faults of SetupAPI."""
+    faults = {"faults": [f"setupapi!{rule}" for rule in rules]} if rules else {}
+    return lab.run({"desktop": {"release": "24.20"}, "adapters": list(adapters), **NO_SERVER, **faults, **machine})
 
 
-def check(lab, *lines: str, listed: list[str], prefix: str | None = None, version: str = "24.20", folder: str = "{store1}") -> None:
-    """The lines between the installed version and the list, then the list. prefix: the release that is asked for, none when
-    the release is the same as the installed one."""
-    start = opening("", version, "24.20.11.01")
-    log = [*start, *lines, "Currently installed drivers on system:", *(f"\t {line}" for line in listed)]
+def check(lab, *lines: str, listed: list[str], outcome: str = "same-release", prefix: str | None = None) -> None:
+    """The lines between the installed version and the list, then the list. prefix: the release that is downloaded, if it is another
+    one than the installed release."""
+    start = [*opening("", "24.20"), *lines]
+    log = [*start, NO_ADAPTER_LEFT[0], *(f"\t {line}" for line in listed)]
     if not listed:
-        lab.check(exit_code=-1, boxes=[NO_ADAPTER], log=[*start, *lines, *NONE_LEFT])
+        lab.check(exit_code=-1, outcome=outcome, boxes=[NO_ADAPTER], log=[*start, *NO_ADAPTER_LEFT])
     elif prefix is None:
-        log.append("Currently installed version of VLT is from the same release as the active driver. Exiting.")
-        lab.check(exit_code=-1, boxes=[SAME_RELEASE], log=log)
+        lab.check(exit_code=-1, outcome=outcome, boxes=[SAME_RELEASE], log=[*log, f"{SAME} Exiting."])
     else:
-        log += [f"Unable to find dwx2-install.exe at [{folder}]. Downloading dwx2_install.exe for [{prefix}] from web.",
-                "Change server to http:///x.",
-                "\tException occured during the download of dwx2_install.exe. Unable to connect to server: {any}",
-                "Unable to download dwx2_install.exe from web. Exiting."]
-        lab.check(exit_code=-1, boxes=[DOWNLOAD_FAILED], log=log)
+        lab.check(exit_code=-1, outcome=outcome, boxes=[DOWNLOAD_FAILED], log=[*log, *without_server(prefix=prefix)])
     lists = [line for line in lab.result.calls if line.startswith(("setupapi!SetupDiGetClassDevsW", "setupapi!SetupDiDestroy"))]
     opened = [line for line in lab.result.calls if line.startswith("setupapi!SetupOpenInfFileW") and "-> invalid" not in line]
     closed = [line for line in lab.result.calls if line.startswith("setupapi!SetupCloseInfFile")]
@@ -56,42 +53,17 @@ def found(number: int = 1, version: str = RELEASE) -> str:
     return rf"Found driver {{store{number}}}\u04{number:05}.inf. Version [{version}]"
 
 
-# Which adapters count
-
-# Proves: Neither of the maker's two vendor ids in the id
-def test_adapters_of_others_are_named_and_passed_over(lab):
-    run(lab, OTHER, {"id": MAKER})
-    check(lab, enumerating(), found(), MATCHING, NOT_OTHERS, listed=[f"[{NAME}] [{RELEASE}] [{{store1}}]"])
+def shown(number: int = 1, name: str = NAME) -> str:
+    """An adapter in the list, with the folder of this package."""
+    return f"[{name}] [{RELEASE}] [{{store{number}}}]"
 
 
-# Proves: A vendor id anywhere, in lower case
-@pytest.mark.parametrize("device", [
-    r"PCI\VEN_1E7C&DEV_2F11&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&0001",
-    r"ROOT\XVEN_1E7DX\0001",
-], ids=["second vendor", "anywhere in the id"])
-def test_makers_ids(lab, device):
-    run(lab, {"id": device})
-    check(lab, enumerating(device), found(), MATCHING, listed=[f"[{NAME}] [{RELEASE}] [{{store1}}]"])
+def no_release(device: str, why: str = "Unable to get registry value") -> str:
+    return f"Unable to find ReleaseVersion regkey for [{NAME}] - [{device}]. {why}: {{any}}"
 
 
-def test_ids_that_only_look_like_the_makers(lab):
-    ids = [r"PCI\1E7D_VEN&DEV_2F11&SUBSYS_1E7CVEN_&REV_A1\4&1A2B3C4D&0&0001",
-           r"PCI\VEN_1E7&DEV_D2F1&SUBSYS_00011E7C&REV_A1\4&1A2B3C4D&0&0001",
-           r"PCI\VEN_1E7E&DEV_1E7D&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&0001"]
-    run(lab, *({"id": device} for device in ids))
-    lines = {f"[{NAME}] - [{device}] is not an Tavik Display Adapter." for device in ids}
-    assert set(lab.result.log[2:5]) == lines
-    check(lab, *lab.result.log[2:5], listed=[])
-
-
-@pytest.mark.quick
-def test_vendor_id_in_lower_case(lab):
-    """The system at hand gives ids in capital letters, whatever they are stored in; the adapter counts either way."""
-    device = MAKER.replace("VEN_1E7D", "ven_1e7d")
-    result = run(lab, {"id": device})
-    given = re.search(r'SetupDiGetDeviceInstanceIdW#1 .*id="([^"]*)"', "\n".join(result.calls)).group(1)
-    assert given.upper() == MAKER
-    check(lab, enumerating(given), found(), MATCHING, listed=[f"[{NAME}] [{RELEASE}] [{{store1}}]"])
+def not_the_makers(device: str) -> str:
+    return f"[{NAME}] - [{device}] is not an Tavik Display Adapter."
 
 
 def cards(key: str, *values: object) -> tuple[list[dict], list[str]]:
@@ -100,27 +72,65 @@ def cards(key: str, *values: object) -> tuple[list[dict], list[str]]:
     return [{"id": device, key: value} for device, value in zip(ids, values)], ids
 
 
+USUAL = [enumerating(), found(), MATCHING]
+OTHER_VENDOR = r"PCI\VEN_1E7C&DEV_2F11&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&0001"
+INSIDE = r"ROOT\XVEN_1E7DX\0001"
+PROBLEM = "Unable to get DEVPKEY_Device_ProblemCode property: "
+
+
+# Which adapters count
+
+ONE = {  # name: adapter, rule, lines, how the adapter is listed
+    "second vendor": ({"id": OTHER_VENDOR}, "", [enumerating(OTHER_VENDOR), *USUAL[1:]], shown()),
+    "vendor id anywhere": ({"id": INSIDE}, "", [enumerating(INSIDE), *USUAL[1:]], shown()),
+    "no description": ({"description": False}, "", [enumerating(name=""), *USUAL[1:]], shown(name="")),
+    "description cannot be read": ({}, "SetupDiGetDeviceRegistryPropertyW * if=property:0 error=5", [enumerating(name=""), *USUAL[1:]],
+                                   shown(name="")),
+    "no problem code": ({"problem": False}, "", [f"{PROBLEM} 1168 {{any}}", *USUAL], shown()),
+    "problem code cannot be read": ({"problem": 43}, "SetupDiGetDevicePropertyW * error=5", [f"{PROBLEM} 5 Access denied. ", *USUAL], shown()),
+    # Unlike the other codes of SetupAPI this one is logged as it is.
+    "problem code with a code of SetupAPI": ({}, "SetupDiGetDevicePropertyW * error=3758096900", [f"{PROBLEM}-536870396 ", *USUAL], shown()),
+    "no package": ({"packages": []}, "", USUAL[:1], f"[{NAME}] [{RELEASE}] []"),
+    "no package of the release": ({"packages": [{"release": "24.20.11.01"}]}, "", [enumerating(), found(version="24.20.11.01")],
+                                  f"[{NAME}] [{RELEASE}] []"),
+}
+
+
+# Proves: A vendor id anywhere, in lower case
+# Proves: The description cannot be read
+# Proves: The problem code cannot be read
+# Proves: No package carries the release
+@pytest.mark.parametrize("name", ONE)
+def test_one_adapter_is_kept(lab, name):
+    adapter, rule, lines, listed = ONE[name]
+    run(lab, {"id": MAKER, **adapter}, rules=(rule,) if rule else ())
+    check(lab, *lines, listed=[listed])
+
+
+# Proves: Neither of the maker's two vendor ids in the id
+def test_adapters_of_other_makers_are_logged_and_left_out(lab):
+    run(lab, OTHER_ADAPTER, {"id": MAKER})
+    check(lab, *USUAL, NOT_THE_MAKERS, listed=[shown()])
+
+
+def test_vendor_id_in_lower_case(lab):
+    """Wine returns ids in capital letters, whatever is stored; the adapter counts either way."""
+    result = run(lab, {"id": MAKER.replace("VEN_1E7D", "ven_1e7d")})
+    given = re.search(r'SetupDiGetDeviceInstanceIdW#1 .*id="([^"]*)"', "\n".join(result.calls)).group(1)
+    assert given.upper() == MAKER
+    check(lab, enumerating(given), *USUAL[1:], listed=[shown()])
+
+
 # Proves: A description shorter than nine characters, or in other letter case
 def test_generic_drivers_are_left_out(lab):
     """The word decides, in these very letters and anywhere in the name."""
-    names = ["Microsoft Basic Display Adapter", "microsoft basic display adapter", "Microsoft", "MICROSOFT", "The Microsoft one", "Microsof"]
+    names = [GENERIC, "microsoft basic display adapter", "Microsoft", "MICROSOFT", "The Microsoft one", "Microsof"]
     adapters, ids = cards("description", *names)
     run(lab, *adapters)
     lines = []
     for number, (device, name) in enumerate(zip(ids, names), 1):
         lines += [enumerating(device, name), found(number), MATCHING]
-    check(lab, *lines, listed=[f"[{names[number - 1]}] [{RELEASE}] [{{store{number}}}]" for number in (2, 4, 6)])
-
-
-# Proves: "Microsoft" in the description
-def test_only_a_generic_driver(lab):
-    run(lab, {"id": MAKER, "description": "Microsoft Basic Display Adapter"})
-    check(lab, enumerating(name="Microsoft Basic Display Adapter"), found(), MATCHING, listed=[])
-
-
-def test_adapter_without_a_description(lab):
-    run(lab, {"id": MAKER, "description": False})
-    check(lab, enumerating(name=""), found(), MATCHING, listed=[f"[] [{RELEASE}] [{{store1}}]"])
+    check(lab, *lines, listed=[shown(number, names[number - 1]) for number in (2, 4, 6)])
 
 
 # Proves: Device Manager reports a problem
@@ -128,15 +138,7 @@ def test_devices_with_a_problem_are_kept(lab):
     adapters, ids = cards("problem", 43, 0, 22)
     run(lab, *adapters)
     check(lab, "Device has CM_PROB_Xxx code 43", enumerating(ids[0]), found(1), MATCHING, enumerating(ids[1]), found(2), MATCHING,
-          "Device has CM_PROB_Xxx code 22", enumerating(ids[2]), found(3), MATCHING,
-          listed=[f"[{NAME}] [{RELEASE}] [{{store{number}}}]" for number in (1, 2, 3)])
-
-
-# Proves: The problem code cannot be read
-def test_problem_is_not_known(lab):
-    run(lab, {"id": MAKER, "problem": False})
-    check(lab, "Unable to get DEVPKEY_Device_ProblemCode property:  1168 {any}", enumerating(), found(), MATCHING,
-          listed=[f"[{NAME}] [{RELEASE}] [{{store1}}]"])
+          "Device has CM_PROB_Xxx code 22", enumerating(ids[2]), found(3), MATCHING, listed=[shown(1), shown(2), shown(3)])
 
 
 # Proves: The driver key cannot be opened, or has no readable release
@@ -144,28 +146,70 @@ def test_release_cannot_be_read(lab):
     adapters, ids = cards("release", False, {"type": "REG_DWORD", "hex": "14000000"}, ["24.20"], RELEASE, RELEASE)
     adapters[3]["driver_key"] = r"{4D36E968-E325-11CE-BFC1-08002BE10318}\0077"
     run(lab, *adapters)
-    value, key = "Unable to get registry value: {any}", "Unable to open registry key: {any}"
-    check(lab, *(f"Unable to find ReleaseVersion regkey for [{NAME}] - [{device}]. {text}"
-                 for device, text in zip(ids, [value, value, value, key])),
-          enumerating(ids[4]), found(5), MATCHING, listed=[f"[{NAME}] [{RELEASE}] [{{store5}}]"])
+    check(lab, *(no_release(device) for device in ids[:3]), no_release(ids[3], "Unable to open registry key"),
+          enumerating(ids[4]), found(5), MATCHING, listed=[shown(5)])
 
 
-def test_device_without_a_driver_key(lab):
-    run(lab, {"id": MAKER, "driver_key": False}, {"id": SECOND})
-    check(lab, f"Failed to get SPDRP_DRIVER for {MAKER}: {{number}}  {{any}}", enumerating(SECOND), found(2), MATCHING,
-          listed=[f"[{NAME}] [{RELEASE}] [{{store2}}]"])
+LEFT_OUT = {  # name: what differs about the first adapter, rules, its lines
+    "no driver key": ({"driver_key": False}, (), [f"Failed to get SPDRP_DRIVER for {MAKER}: {{number}}  {{any}}"]),
+    "driver key cannot be read": ({}, ("SetupDiGetDeviceRegistryPropertyW 1 if=property:9 error=5",
+                                       "SetupDiGetDeviceRegistryPropertyW 2 if=property:9 error=5"),
+                                  [f"Failed to get SPDRP_DRIVER for {MAKER}: -2147024891  Access denied. "]),
+    "no id": ({}, ("SetupDiGetDeviceInstanceIdW 1 error=13",),
+              ["Failed to call SetupDiGetDeviceInstanceId -2147024883  {any}", not_the_makers("")]),
+}
 
 
-def test_every_adapter_is_unreadable(lab):
-    run(lab, {"id": MAKER, "release": False}, OTHER)
-    check(lab, f"Unable to find ReleaseVersion regkey for [{NAME}] - [{MAKER}]. Unable to get registry value: {{any}}", NOT_OTHERS, listed=[])
+# Proves: The driver key cannot be read
+# Proves: The first device has no id
+@pytest.mark.parametrize("name", LEFT_OUT)
+def test_first_of_two_adapters_is_left_out(lab, name):
+    first, rules, lines = LEFT_OUT[name]
+    run(lab, {"id": MAKER, **first}, {"id": SECOND}, rules=rules)
+    check(lab, *lines, enumerating(SECOND), found(2), MATCHING, listed=[shown(2)])
+
+
+# Proves: A later device has no id
+def test_later_device_without_an_id_counts_with_the_id_before(lab):
+    run(lab, {"id": MAKER}, OTHER_ADAPTER, rules=("SetupDiGetDeviceInstanceIdW 2 error=3758096907",))
+    lab.check(exit_code=-1, outcome="same-release", boxes=[SAME_RELEASE])
+    assert lab.result.log[5:7] == ["Failed to call SetupDiGetDeviceInstanceId -2146500085  ", enumerating(MAKER, "Other Graphics")]
+
+
+NONE_LEFT = {  # name: outcome, adapters, rules, lines
+    "only a generic driver": ("no-usable-driver", [{"id": MAKER, "description": GENERIC}], (), [enumerating(name=GENERIC), *USUAL[1:]]),
+    "every adapter is unreadable": ("no-usable-driver", [{"id": MAKER, "release": False}, OTHER_ADAPTER], (),
+                                    [no_release(MAKER), NOT_THE_MAKERS]),
+    "list with a plain code": ("no-usable-driver", [{}], ("SetupDiGetClassDevsW * error=5",),
+                               ["Failed to call SetupDiGetClassDevs -2147024891  Access denied. "]),
+    "list with a code of SetupAPI": ("no-usable-driver", [{}], ("SetupDiGetClassDevsW * error=3758096905",),
+                                     ["Failed to call SetupDiGetClassDevs -2146500087  "]),
+    "list with an HRESULT": ("no-usable-driver", [{}], ("SetupDiGetClassDevsW * error=2147500037",),
+                             ["Failed to call SetupDiGetClassDevs -2147467259  {any}"]),
+    "devices cannot be enumerated": ("no-adapter", [{}], ("SetupDiEnumDeviceInfo * error=13",), []),
+}
+
+
+# Proves: "Microsoft" in the description
+# Proves: The list of devices cannot be opened
+# Proves: The devices cannot be enumerated => an empty list without a line
+@pytest.mark.parametrize("name", NONE_LEFT)
+def test_no_adapter_is_left(lab, name):
+    outcome, adapters, rules, lines = NONE_LEFT[name]
+    run(lab, *adapters, rules=rules)
+    check(lab, *lines, listed=[], outcome=outcome)
+
+
+def test_ids_that_only_look_like_the_makers(lab):
+    ids = [r"PCI\1E7D_VEN&DEV_2F11&SUBSYS_1E7CVEN_&REV_A1\4&1A2B3C4D&0&0001",
+           r"PCI\VEN_1E7&DEV_D2F1&SUBSYS_00011E7C&REV_A1\4&1A2B3C4D&0&0001",
+           r"PCI\VEN_1E7E&DEV_1E7D&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&0001"]
+    run(lab, *({"id": device} for device in ids))
+    assert set(lab.result.log[2:5]) == set(map(not_the_makers, ids))
+    check(lab, *lab.result.log[2:5], listed=[], outcome="no-adapter")
 
 
 # Releases and their order
-
-def several(*releases: str) -> list[dict]:
-    return [{"release": release, "description": f"Card {number}"} for number, release in enumerate(releases, 1)]
-
 
 # Proves: Any run
 # Proves: Releases 23.10.2 and 23.9.1
@@ -177,9 +221,10 @@ def several(*releases: str) -> list[dict]:
     (("24.10.3", "V24.20", "24.30.1", "-24.40", "v24.10"), (5, 2, 3, 1, 4), "v24.1"),
 ], ids=["characters, not numbers", "prefix comes last", "equal ones stay", "five"])
 def test_order_of_releases(lab, releases, order, version):
-    result = run(lab, *several(*releases), registry={r"HKLM\Software\Tavik\HL": {"HLVersion": version}})
-    lab.check(exit_code=-1, boxes=[SAME_RELEASE])
-    at = result.log.index("Currently installed drivers on system:")
+    adapters = [{"release": release, "description": f"Card {number}"} for number, release in enumerate(releases, 1)]
+    result = run(lab, *adapters, registry={r"HKLM\Software\Tavik\HL": {"HLVersion": version}})
+    lab.check(exit_code=-1, outcome="same-release", boxes=[SAME_RELEASE])
+    at = result.log.index(NO_ADAPTER_LEFT[0])
     stores = [adapter.packages[0].store_folder() for adapter in lab.machine.adapters]
     assert result.log[at + 1:-1] == [f"\t [Card {number}] [{releases[number - 1]}] [{stores[number - 1]}]" for number in order]
 
@@ -188,7 +233,8 @@ def test_order_of_releases(lab, releases, order, version):
 @pytest.mark.parametrize("release, prefix", [("24.30.1.2", "24.30"), ("-240619a", ""), ("a-b-c", "a"), ("24.30-1-2", "24.30")])
 def test_release_up_to_its_first_hyphen(lab, release, prefix):
     run(lab, {"id": MAKER, "release": release})
-    check(lab, enumerating(), found(version=release), MATCHING, listed=[f"[{NAME}] [{release}] [{{store1}}]"], prefix=prefix)
+    check(lab, enumerating(), found(version=release), MATCHING, listed=[f"[{NAME}] [{release}] [{{store1}}]"], prefix=prefix,
+          outcome="download-bad-address")
 
 
 # Packages
@@ -196,172 +242,19 @@ def test_release_up_to_its_first_hyphen(lab, release, prefix):
 # Proves: A package's release is the active one, in any letter case
 def test_last_matching_package_wins(lab):
     run(lab, {"id": MAKER, "packages": [{}, {"release": RELEASE.upper()}, {"release": "24.10.1"}]})
-    check(lab, enumerating(), found(), MATCHING, found(2, RELEASE.upper()), MATCHING, found(3, "24.10.1"),
-          listed=[f"[{NAME}] [{RELEASE}] [{{store2}}]"])
-
-
-# Proves: No package carries the release
-@pytest.mark.parametrize("packages", [[], [{"release": "24.20.11.01"}]], ids=["none", "another"])
-def test_no_package_of_the_release(lab, packages):
-    run(lab, {"id": MAKER, "packages": packages})
-    check(lab, enumerating(), *(found(version="24.20.11.01") for _ in packages), listed=[f"[{NAME}] [{RELEASE}] []"])
+    check(lab, *USUAL, found(2, RELEASE.upper()), MATCHING, found(3, "24.10.1"), listed=[shown(2)])
 
 
 # Proves: The driver store does not know a package
 def test_package_that_is_not_in_the_store(lab):
-    """What stood in the buffer before is used: the package before, or nothing."""
+    """The buffer keeps its content, so the package before is used, or nothing."""
     run(lab, {"id": MAKER, "packages": [{"release": "24.10.1", "store": False}, {}, {"release": "24.30.1", "store": False}]})
-    check(lab, enumerating(), "Found driver . Version []", found(2), MATCHING, found(2), MATCHING,
-          listed=[f"[{NAME}] [{RELEASE}] [{{store2}}]"])
+    check(lab, enumerating(), "Found driver . Version []", found(2), MATCHING, found(2), MATCHING, listed=[shown(2)])
 
 
 def test_package_of_the_adapter_before_is_used_too(lab):
     run(lab, {"id": MAKER}, {"id": SECOND, "packages": [{"store": False}]})
-    check(lab, enumerating(), found(), MATCHING, enumerating(SECOND), found(), MATCHING,
-          listed=[f"[{NAME}] [{RELEASE}] [{{store1}}]"] * 2)
-
-
-# What an INF tells
-
-INF = """\
-[Version]
-Signature="$Windows NT$"
-Class=Display
-ClassGuid={4D36E968-E325-11CE-BFC1-08002BE10318}
-Provider=%Maker%
-CatalogFile=u.cat
-DriverVer=06/19/2024,31.0.24020.1101
-
-[Manufacturer]
-%Maker%=Adapters,NTamd64
-
-[Adapters.NTamd64]
-"Adapter"=Adapter_Install,{hardware}
-
-[Adapter_Install.NT]
-AddReg=Adapter_Settings
-
-@SETTINGS@
-[Strings]
-Maker="Tavik"
-Release="24.20.11.01-240619a"
-"""
-
-
-def inf(settings: str, **package) -> dict:
-    text = INF.replace("@SETTINGS@", settings).replace("\r\n", "\n").replace("\n", "\r\n")
-    return {"text": text, **package}
-
-
-SETTINGS = "[Adapter_Settings]\n"
-READ = {
-    "lower case": (SETTINGS + 'hkr,,releaseversion,,"24.20.11.01-240619a"', RELEASE),
-    "string key": (SETTINGS + "HKR,,ReleaseVersion,,%Release%", RELEASE),
-    "blanks and a comment": (SETTINGS + " HKR , , ReleaseVersion , , 24.20.11.01-240619a ; the release", RELEASE),
-    "last line": (SETTINGS + "HKR,,ReleaseVersion,,1.0\nHKR,,Other,,2.0\nHKR,,ReleaseVersion,,24.20.11.01-240619a\nHKR,,Other,,3.0", RELEASE),
-    "later section": (SETTINGS + "HKR,,ReleaseVersion,,1.0\n[Unused]\nHKR,,ReleaseVersion,,24.20.11.01-240619a", RELEASE),
-    "any section": ("[Unused]\nHKR,,ReleaseVersion,,24.20.11.01-240619a\n" + SETTINGS + "HKR,,Other,,1", RELEASE),
-    "comma in the value": (SETTINGS + 'HKR,,ReleaseVersion,,"1.0,2"', "1.0,2"),
-    "empty value": (SETTINGS + "HKR,,ReleaseVersion,,", ""),
-    "comment behind the header": ("[Adapter_Settings] ; settings\nHKR,,ReleaseVersion,,24.20.11.01-240619a", ""),
-    "indented header": (" [Adapter_Settings]\nHKR,,ReleaseVersion,,24.20.11.01-240619a", ""),
-    "header once plain": ("[Adapter_Settings] ; settings\nHKR,,ReleaseVersion,,24.20.11.01-240619a\n" + SETTINGS + "HKR,,Other,,1", RELEASE),
-    "other root": (SETTINGS + "HKLM,,ReleaseVersion,,24.20.11.01-240619a", ""),
-    "with flags": (SETTINGS + "HKR,,ReleaseVersion,0x0,24.20.11.01-240619a", ""),
-    "sub-key": (SETTINGS + "HKR,Sub,ReleaseVersion,,24.20.11.01-240619a", ""),
-    "line too long": (SETTINGS + "HKR,,ReleaseVersion,," + ",".join("x" * 500 for _ in range(5)) + "\nHKR,,Other,,1", ""),
-    "no line": (SETTINGS + "HKR,,Other,,1", ""),
-}
-
-
-# Proves: A header with a comment behind it, or indented
-# Proves: Saved as UTF-16
-# Proves: The release line in any letter case
-# Proves: The value is a string key
-# Proves: Several release lines
-def test_release_of_an_inf(lab):
-    """All of them are packages of one adapter."""
-    packages = [inf(settings) for settings, _ in READ.values()]
-    versions = [version for _, version in READ.values()]
-    # Sections of a UTF-16 file are not seen; a UTF-8 mark hides just the first header.
-    plain = SETTINGS + "HKR,,ReleaseVersion,,24.20.11.01-240619a"
-    packages += [inf(plain, encoding="utf-16"), inf(plain, encoding="utf-8-sig"), inf(plain, encoding="utf-16")]
-    versions += ["", RELEASE, ""]
-    for number, package in enumerate(packages, 1):
-        package["inf"] = f"oem{number:02}.inf"  # the system takes them in the order of their names
-    result = run(lab, {"id": MAKER, "packages": packages})
-    cases = [*READ, "UTF-16", "UTF-8", "UTF-16 again"]
-    seen = dict(zip(cases, (re.search(r"Version \[(.*)\]$", line).group(1) for line in result.log if line.startswith("Found driver "))))
-    assert seen == dict(zip(cases, versions))
-    lines = []
-    for number, version in enumerate(versions, 1):
-        lines += [found(number, version), *([MATCHING] if version == RELEASE else [])]
-    check(lab, enumerating(), *lines, listed=[f"[{NAME}] [{RELEASE}] [{{store{len(cases) - 1}}}]"])
-
-
-# Calls that fail. Of these the adapter is kept or left out as described, and the run goes on.
-
-def setup(*rules: str) -> dict:
-    return {"faults": [f"setupapi!{rule}" for rule in rules]}
-
-
-# Proves: The list of devices cannot be opened
-@pytest.mark.parametrize("code, line", [
-    (5, "Failed to call SetupDiGetClassDevs -2147024891  Access denied. "),
-    (0xE0000209, "Failed to call SetupDiGetClassDevs -2146500087  "),
-    (0x80004005, "Failed to call SetupDiGetClassDevs -2147467259  {any}"),
-], ids=["plain code", "SetupAPI's code", "HRESULT"])
-def test_list_of_devices_cannot_be_had(lab, code, line):
-    run(lab, {}, **setup(f"SetupDiGetClassDevsW * error={code}"))
-    check(lab, line, listed=[])
-
-
-# Proves: The devices cannot be enumerated => an empty list without a line
-def test_devices_cannot_be_enumerated(lab):
-    run(lab, {}, **setup("SetupDiEnumDeviceInfo * error=13"))
-    check(lab, listed=[])
-
-
-# Proves: The first device has no id
-def test_first_device_has_no_id(lab):
-    run(lab, {"id": MAKER}, {"id": SECOND}, **setup("SetupDiGetDeviceInstanceIdW 1 error=13"))
-    check(lab, "Failed to call SetupDiGetDeviceInstanceId -2147024883  {any}", f"[{NAME}] - [] is not an Tavik Display Adapter.",
-          enumerating(SECOND), found(2), MATCHING, listed=[f"[{NAME}] [{RELEASE}] [{{store2}}]"])
-
-
-# Proves: A later device has no id
-def test_later_device_has_no_id(lab):
-    """It goes on with the id of the device before."""
-    run(lab, {"id": MAKER}, OTHER, **setup("SetupDiGetDeviceInstanceIdW 2 error=3758096907"))
-    lab.check(exit_code=-1, boxes=[SAME_RELEASE])
-    assert lab.result.log[5:7] == ["Failed to call SetupDiGetDeviceInstanceId -2146500085  ", f"Enumerating installed drivers for {MAKER} - Other Graphics"]
-
-
-# Proves: The description cannot be read
-def test_description_cannot_be_read(lab):
-    run(lab, {"id": MAKER}, **setup("SetupDiGetDeviceRegistryPropertyW * if=property:0 error=5"))
-    check(lab, enumerating(name=""), found(), MATCHING, listed=[f"[] [{RELEASE}] [{{store1}}]"])
-
-
-# Proves: The driver key cannot be read
-def test_driver_key_cannot_be_read(lab):
-    run(lab, {"id": MAKER}, {"id": SECOND}, **setup("SetupDiGetDeviceRegistryPropertyW 1 if=property:9 error=5",
-                                                    "SetupDiGetDeviceRegistryPropertyW 2 if=property:9 error=5"))
-    check(lab, f"Failed to get SPDRP_DRIVER for {MAKER}: -2147024891  Access denied. ", enumerating(SECOND), found(2), MATCHING,
-          listed=[f"[{NAME}] [{RELEASE}] [{{store2}}]"])
-
-
-def test_problem_code_cannot_be_read(lab):
-    run(lab, {"id": MAKER, "problem": 43}, **setup("SetupDiGetDevicePropertyW * error=5"))
-    check(lab, "Unable to get DEVPKEY_Device_ProblemCode property:  5 Access denied. ", enumerating(), found(), MATCHING,
-          listed=[f"[{NAME}] [{RELEASE}] [{{store1}}]"])
-
-
-def test_problem_code_fails_with_a_code_of_setupapi(lab):
-    """Unlike the other failures it is shown as it is."""
-    run(lab, {"id": MAKER}, **setup("SetupDiGetDevicePropertyW * error=3758096900"))
-    check(lab, "Unable to get DEVPKEY_Device_ProblemCode property: -536870396 ", enumerating(), found(), MATCHING,
-          listed=[f"[{NAME}] [{RELEASE}] [{{store1}}]"])
+    check(lab, *USUAL, enumerating(SECOND), found(), MATCHING, listed=[shown()] * 2)
 
 
 # Proves: The list of drivers cannot be built, a detail cannot be read
@@ -378,24 +271,81 @@ def test_problem_code_fails_with_a_code_of_setupapi(lab):
     ("SetupDiDestroyDeviceInfoList * after=6", [found(), MATCHING], "{store1}"),
 ], ids=lambda value: value.split(" ")[0] + value[-8:].strip() if isinstance(value, str) and "!" not in value and "*" in value else "")
 def test_packages_cannot_be_read(lab, rule, lines, folder):
-    run(lab, {"id": MAKER}, **setup(rule))
+    run(lab, {"id": MAKER}, rules=(rule,))
     check(lab, enumerating(), *lines, listed=[f"[{NAME}] [{RELEASE}] [{folder}]"])
+
+
+# What an INF tells
+
+def inf_with(settings: str, **package) -> dict:
+    """A package whose INF has these settings, and the release as a string as well."""
+    text = inf.text("u", "Adapter", "{hardware}", RELEASE).replace("\r\n", "\n")
+    text = re.sub(r"\[Adapter_Settings\].*?(?=\[Strings\])", lambda _: f"{settings}\n", text, flags=re.S) + f'Release="{RELEASE}"\n'
+    return {"text": text.replace("\n", "\r\n"), **package}
+
+
+SETTINGS = "[Adapter_Settings]\n"
+LINE = "HKR,,ReleaseVersion,,24.20.11.01-240619a"
+NO_LINE = SETTINGS + "HKR,,Other,,1"
+READ = {
+    "lower case": (SETTINGS + 'hkr,,releaseversion,,"24.20.11.01-240619a"', RELEASE),
+    "string key": (SETTINGS + "HKR,,ReleaseVersion,,%Release%", RELEASE),
+    "blanks and a comment": (SETTINGS + " HKR , , ReleaseVersion , , 24.20.11.01-240619a ; the release", RELEASE),
+    "last line": (SETTINGS + "HKR,,ReleaseVersion,,1.0\nHKR,,Other,,2.0\n" + LINE + "\nHKR,,Other,,3.0", RELEASE),
+    "later section": (SETTINGS + "HKR,,ReleaseVersion,,1.0\n[Unused]\n" + LINE, RELEASE),
+    "any section": ("[Unused]\n" + LINE + "\n" + NO_LINE, RELEASE),
+    "comma in the value": (SETTINGS + 'HKR,,ReleaseVersion,,"1.0,2"', "1.0,2"),
+    "empty value": (SETTINGS + "HKR,,ReleaseVersion,,", ""),
+    "comment behind the header": ("[Adapter_Settings] ; settings\n" + LINE, ""),
+    "indented header": (" [Adapter_Settings]\n" + LINE, ""),
+    "header once plain": ("[Adapter_Settings] ; settings\n" + LINE + "\n" + NO_LINE, RELEASE),
+    "other root": (SETTINGS + "HKLM,,ReleaseVersion,,24.20.11.01-240619a", ""),
+    "with flags": (SETTINGS + "HKR,,ReleaseVersion,0x0,24.20.11.01-240619a", ""),
+    "sub-key": (SETTINGS + "HKR,Sub,ReleaseVersion,,24.20.11.01-240619a", ""),
+    "line too long": (SETTINGS + "HKR,,ReleaseVersion,," + ",".join("x" * 500 for _ in range(5)) + "\nHKR,,Other,,1", ""),
+    "no line": (NO_LINE, ""),
+}
+
+
+# Proves: A header with a comment behind it, or indented
+# Proves: Saved as UTF-16
+# Proves: The release line in any letter case
+# Proves: The value is a string key
+# Proves: Several release lines
+def test_release_of_an_inf(lab):
+    """All of them are packages of one adapter."""
+    packages = [inf_with(settings) for settings, _ in READ.values()]
+    versions = [version for _, version in READ.values()]
+    # Sections of a UTF-16 file are not seen; a UTF-8 mark hides just the first header.
+    packages += [inf_with(SETTINGS + LINE, encoding=encoding) for encoding in ("utf-16", "utf-8-sig", "utf-16")]
+    versions += ["", RELEASE, ""]
+    for number, package in enumerate(packages, 1):
+        package["inf"] = f"oem{number:02}.inf"  # the system takes them in the order of their names
+    result = run(lab, {"id": MAKER, "packages": packages})
+    cases = [*READ, "UTF-16", "UTF-8", "UTF-16 again"]
+    seen = dict(zip(cases, (re.search(r"Version \[(.*)\]$", line).group(1) for line in result.log if line.startswith("Found driver "))))
+    assert seen == dict(zip(cases, versions))
+    lines = []
+    for number, version in enumerate(versions, 1):
+        lines += [found(number, version), *([MATCHING] if version == RELEASE else [])]
+    check(lab, enumerating(), *lines, listed=[shown(len(cases) - 1)])
 
 
 # Proves: A line that cannot be fetched, or is longer than 2,063 characters
 def test_line_that_cannot_be_fetched_is_passed_over(lab):
-    """The tenth line of the file is the first of the section whose second one tells the release."""
-    package = inf(SETTINGS + "HKR,,ReleaseVersion,,1.0\nHKR,,ReleaseVersion,,24.20.11.01-240619a\nHKR,,ReleaseVersion,,2.0")
-    result = run(lab, {"id": MAKER, "packages": [package]}, **setup("SetupGetLineTextW 10 error=122", "SetupGetLineTextW 12 error=122"))
-    check(lab, enumerating(), found(), MATCHING, listed=[f"[{NAME}] [{RELEASE}] [{{store1}}]"])
+    """Line 11 of the file is the first of the section, and line 12 tells the release."""
+    package = inf_with(SETTINGS + "HKR,,ReleaseVersion,,1.0\n" + LINE + "\nHKR,,ReleaseVersion,,2.0")
+    result = run(lab, {"id": MAKER, "packages": [package]},
+                 rules=("SetupGetLineTextW 11 error=122", "SetupGetLineTextW 13 error=122"))
+    check(lab, *USUAL, listed=[shown()])
     texts = [line.rpartition("text=")[2].partition(" -> ")[0] for line in result.calls if "SetupGetLineTextW" in line]
-    assert texts[8].startswith('"Adapter_Settings"') and texts[10] == f'"HKR,,ReleaseVersion,,{RELEASE}"' and len(texts) == 14
+    assert texts[9].startswith('"Adapter_Settings"') and texts[11] == f'"HKR,,ReleaseVersion,,{RELEASE}"' and len(texts) == 16
 
 
 # Proves: An adapter of the maker with its package
 def test_calls_into_the_system(lab):
     result = run(lab, {"id": MAKER})
-    check(lab, enumerating(), found(), MATCHING, listed=[f"[{NAME}] [{RELEASE}] [{{store1}}]"])
+    check(lab, *USUAL, listed=[shown()])
     calls = [line.removeprefix("setupapi!").rpartition(" -> ")[0] for line in result.calls if "Line" not in line]
     store = lab.machine.adapters[0].packages[0].store_folder()
     assert [call.split(" ")[0] for call in calls] == [

@@ -1,133 +1,104 @@
-"""The installer that a driver package brings along: where it is looked for, and what is done without it."""
+"""The installer that a driver package brings along: where the tool searches for it, and what happens without it."""
 from __future__ import annotations
 
 import pytest
 
-from cases.support.expect import (DOWNLOAD_FAILED, DOWNLOADING, INSTALL_FAILED, INSTALLING, inventory, opening)
+from cases.support.download import NO_PROGRAM
+from cases.support.expect import (DOWNLOAD_FAILED, DOWNLOADING, FINISHED, INSTALL_FAILED, INSTALLING, MAIN_PACKAGE_MISSING, NO_SERVER, QUIET_END,
+                                  REPAIR, REPAIRED, UNTOUCHED, inventory, not_started, opening, unpack, without_server)
 
-UNTOUCHED = {"products": ["Tavik Halden 23.40"], "values": {r"Software\Tavik\HL\HLVersion": "23.40"}}
 NAME = "DWX2_Install.exe"
-NO_PROGRAM = "no program"
+OLDER = r"Found driver {store1}\u0400001.inf. Version [24.10.1]"
+DEVICE = inventory()
+SECOND_PACKAGE = [r"Found driver {store2}\u0400002.inf. Version [24.20.11.01-240619a]", *DEVICE[2:4],
+                  "\t [Tavik Corvel 7800] [24.20.11.01-240619a] [{store2}]"]
+NOT_FOUND = {"exit_code": -1, "outcome": "download-bad-address", "boxes": [DOWNLOAD_FAILED], "requests": [], "after": UNTOUCHED}
 
 
 def machine(files: dict, **adapter) -> dict:
-    """One driver package with these files. The host of the server is missing: a download ends before it begins."""
-    return {"adapters": [{"packages": [{"files": files}], **adapter}], "server": {"folder": "http:///x"}}
-
-
-def check_found(lab, path: str) -> None:
-    """What is found is tried. It is no program, which ends the run after one more look."""
-    result = lab.result
-    lab.check(exit_code=2, boxes=[INSTALL_FAILED], requests=[], after=UNTOUCHED, log=[
-        *opening(), *inventory(), rf"Found dwx2-install.exe at [{{store1}}\{path}]",
-        rf"Launching process {{store1}}\{path} /NCRC /S -EXTRACTONLY=YES /D={{temp}}Tavik_VLTInstallerDownload\LPInstaller failed. "
-        "Error code = {number} {any}",
-        r"Unable to find {temp}Tavik_VLTInstallerDownload\LPInstaller\HL\halden\halden64\dwx-next64.msi."])
-    assert DOWNLOADING not in result.status_texts
-
-
-def check_not_found(lab, folder: str = "{store1}", device: list[str] | None = None) -> None:
-    lab.check(exit_code=-1, boxes=[DOWNLOAD_FAILED], requests=[], after=UNTOUCHED, log=[
-        *opening(), *(device or inventory()),
-        f"Unable to find dwx2-install.exe at [{folder}]. Downloading dwx2_install.exe for [24.20] from web.",
-        "Change server to http:///x.",
-        "\tException occured during the download of dwx2_install.exe. Unable to connect to server: {any}",
-        "Unable to download dwx2_install.exe from web. Exiting."])
+    """One driver package with these files. A download ends before it begins."""
+    return {"adapters": [{"packages": [{"files": files}], **adapter}], **NO_SERVER}
 
 
 # Proves: A subfolder begins with B or b
-@pytest.mark.parametrize("path", [rf"B384125\{NAME}", rf"bonus\{NAME}", rf"B\{NAME}"])
-def test_folder_that_begins_with_b(lab, path):
-    lab.run(machine({path: NO_PROGRAM, rf"A384125\{NAME}": NO_PROGRAM}))
-    check_found(lab, path)
-
-
 # Proves: The file's name in other letter case
-def test_name_in_other_letters(lab):
-    lab.run(machine({r"B384125\dwx2_INSTALL.EXE": NO_PROGRAM}))
-    check_found(lab, rf"B384125\{NAME}")
-
-
-def test_file_that_begins_with_b_is_passed_over(lab):
-    lab.run(machine({"B0": "a file", rf"B384125\{NAME}": NO_PROGRAM}))
-    check_found(lab, rf"B384125\{NAME}")
+# Proves: A link to a folder
+@pytest.mark.parametrize("files, path", [
+    ({rf"B384125\{NAME}": NO_PROGRAM, rf"A384125\{NAME}": NO_PROGRAM}, rf"B384125\{NAME}"),
+    ({rf"bonus\{NAME}": NO_PROGRAM}, rf"bonus\{NAME}"),
+    ({rf"B\{NAME}": NO_PROGRAM}, rf"B\{NAME}"),
+    ({r"B384125\dwx2_INSTALL.EXE": NO_PROGRAM}, rf"B384125\{NAME}"),
+    ({"B0": "a file", rf"B384125\{NAME}": NO_PROGRAM}, rf"B384125\{NAME}"),
+    ({rf"b1\{NAME}": NO_PROGRAM, rf"B2\{NAME}": NO_PROGRAM}, rf"b1\{NAME}"),
+    ({"B384125": {"link": "{folder}"}}, rf"B384125\{NAME}"),
+], ids=["beside other folders", "small b", "only b", "name in other letters", "after a file", "first of two", "link to a folder"])
+def test_installer_is_found(lab, tmp_path, files, path):
+    """The installer is no program, so the run ends when it is started."""
+    (tmp_path / NAME).write_text(NO_PROGRAM)
+    files = {name: {"link": str(tmp_path)} if isinstance(file, dict) else file for name, file in files.items()}
+    result = lab.run(machine(files))
+    lab.check(exit_code=2, outcome="installer-blocked", boxes=[INSTALL_FAILED], requests=[], after=UNTOUCHED, log=[
+        *opening(), *DEVICE, rf"Found dwx2-install.exe at [{{store1}}\{path}]", not_started(rf"{{store1}}\{path}"), MAIN_PACKAGE_MISSING])
+    assert DOWNLOADING not in result.status_texts
 
 
 # Proves: Two such folders (Bin64 before B384125)
-def test_first_folder_decides(lab):
-    """The folders come in the order of their names here; the second one is not looked at."""
-    lab.run(machine({r"B1\readme.txt": "nothing", rf"B384125\{NAME}": NO_PROGRAM}))
-    check_not_found(lab)
-
-
-@pytest.mark.quick
-def test_first_of_two_installers(lab):
-    lab.run(machine({rf"b1\{NAME}": NO_PROGRAM, rf"B2\{NAME}": NO_PROGRAM}))
-    check_found(lab, rf"b1\{NAME}")
-
-
-# Proves: A link to a folder
-def test_link_to_a_folder_is_followed(lab, tmp_path):
-    (tmp_path / NAME).write_text(NO_PROGRAM)
-    lab.run(machine({"B384125": {"link": str(tmp_path)}}))
-    check_found(lab, rf"B384125\{NAME}")
-
-
 # Proves: Only a file begins with B
 # Proves: No such folder, or the installer lies elsewhere
 @pytest.mark.parametrize("files", [
     {}, {"B384125": NO_PROGRAM}, {NAME: NO_PROGRAM}, {rf"Release\{NAME}": NO_PROGRAM, rf"8B\{NAME}": NO_PROGRAM},
     {rf"Display\B384125\{NAME}": NO_PROGRAM}, {r"B384125\DWX2_Install.ex": NO_PROGRAM, rf"B384125\deep\{NAME}": NO_PROGRAM},
-    {"B384125": {"link": "/nowhere"}},
-], ids=["no folder", "only a file", "beside the INF", "other folders", "deeper", "other name", "link to nothing"])
-def test_not_found(lab, files):
+    {"B384125": {"link": "/nowhere"}}, {r"B1\readme.txt": "nothing", rf"B384125\{NAME}": NO_PROGRAM},
+], ids=["no folder", "only a file", "beside the INF", "other folders", "deeper", "other name", "link to nothing", "only the second folder"])
+def test_installer_is_not_found(lab, files):
+    """Of several folders only the first one by name is searched."""
     lab.run(machine(files))
-    check_not_found(lab)
+    lab.check(**NOT_FOUND, log=[*opening(), *DEVICE, *without_server()])
+
+
+# The active package
+
+def test_installer_of_the_active_package_repairs(lab):
+    lab.run("found.toml")
+    installer = r"{store2}\B384125\DWX2_Install.exe"
+    older = r"Found driver {store1}\u0400001.inf. Version [24.10.05.00-240301b]"
+    lab.check(exit_code=0, outcome="repaired", boxes=[FINISHED], requests=[], before=UNTOUCHED, after=REPAIRED, log=[
+        *opening(), DEVICE[0], older, *SECOND_PACKAGE, f"Found dwx2-install.exe at [{installer}]", unpack(installer), *REPAIR])
 
 
 # Proves: Packages of other releases have installers => not looked at
-def test_only_the_active_package_is_looked_at(lab):
-    packages = [{"release": "24.10.1", "files": {rf"B1\{NAME}": NO_PROGRAM}}, {}]
-    lab.run({**machine({}), "adapters": [{"packages": packages}]})
-    device = inventory()
-    check_not_found(lab, "{store2}", [
-        device[0], r"Found driver {store1}\u0400001.inf. Version [24.10.1]",
-        r"Found driver {store2}\u0400002.inf. Version [24.20.11.01-240619a]", device[2], device[3],
-        "\t [Tavik Corvel 7800] [24.20.11.01-240619a] [{store2}]"])
-
-
-def test_only_the_first_adapters_package_is_looked_at(lab):
-    newer = {"release": "24.30.1-a", "description": "Tavik Corvel 7900"}
-    lab.run({**machine({}), "adapters": [{"packages": [{"files": {rf"B1\{NAME}": NO_PROGRAM}}]}, newer]})
-    lab.check(exit_code=-1, boxes=[DOWNLOAD_FAILED], after=UNTOUCHED)
-    assert lab.result.log[-4] == (f"Unable to find dwx2-install.exe at [{lab.machine.adapters[1].packages[0].store_folder()}]. "
-                                  "Downloading dwx2_install.exe for [24.30] from web.")
-
-
 # Proves: The driver has no matching package (empty folder)
-def test_no_package_of_the_active_release(lab):
-    lab.run({**machine({}), "adapters": [{"packages": [{"release": "24.10.1", "files": {rf"B1\{NAME}": NO_PROGRAM}}]}]})
-    device = inventory()
-    check_not_found(lab, "", [device[0], r"Found driver {store1}\u0400001.inf. Version [24.10.1]", device[3],
-                              "\t [Tavik Corvel 7800] [24.20.11.01-240619a] []"])
+@pytest.mark.parametrize("others, lines, folder", [
+    ([{}], [DEVICE[0], OLDER, *SECOND_PACKAGE], "{store2}"),
+    ([], [DEVICE[0], OLDER, DEVICE[3], "\t [Tavik Corvel 7800] [24.20.11.01-240619a] []"], ""),
+], ids=["beside the active package", "alone"])
+def test_installer_of_another_release_is_ignored(lab, others, lines, folder):
+    packages = [{"release": "24.10.1", "files": {rf"B1\{NAME}": NO_PROGRAM}}, *others]
+    lab.run({"adapters": [{"packages": packages}], **NO_SERVER})
+    lab.check(**NOT_FOUND, log=[*opening(), *lines, *without_server(folder)])
+
+
+def test_installer_of_the_second_adapter_is_ignored(lab):
+    newer = {"release": "24.30.1-a", "description": "Tavik Corvel 7900"}
+    lab.run({"adapters": [{"packages": [{"files": {rf"B1\{NAME}": NO_PROGRAM}}]}, newer], **NO_SERVER})
+    lab.check(**NOT_FOUND)
+    assert lab.result.log[-4] == without_server(lab.machine.adapters[1].packages[0].store_folder(), "24.30")[0]
 
 
 # Proves: A folder has the installer's name
 def test_folder_in_place_of_the_installer(lab):
-    """Only existence counts. The system opens a folder in its file manager, so the run is ended when it gets there."""
+    """Only existence counts. Wine would open the folder in its file manager, so the run is ended before."""
     path = rf"B1\{NAME}"
     result = lab.run({**machine({path: {"folder": True}}), "server": {"reach": "none"}}, when=["text Installing : kill 77"])
-    lab.check(exit_code=77, boxes=[], after=UNTOUCHED,
-              log=[*opening(), *inventory(), rf"Found dwx2-install.exe at [{{store1}}\{path}]"])
+    lab.check(exit_code=77, outcome="interrupted", boxes=[], after=UNTOUCHED,
+              log=[*opening(), *DEVICE, rf"Found dwx2-install.exe at [{{store1}}\{path}]"])
     assert INSTALLING in result.status_texts and DOWNLOADING not in result.status_texts
 
 
-# Proves: The driver package's folder cannot be listed => nobody catches that: exit code 3
+# Proves: The driver package's folder cannot be listed => this is not caught: exit code 3
 # Proves: The folder cannot be listed
 @pytest.mark.parametrize("arguments", ["", "-SILENT"])
 def test_driver_folder_that_is_gone(lab, arguments):
-    """An empty release matches the empty one of an INF that is gone. Its folder cannot be listed, nobody catches that."""
-    one = machine({}, release="")
-    folder = r"C:\windows\System32\DriverStore\FileRepository"
-    lab.run({**one, "remove": [folder]}, arguments)
-    lab.check(exit_code=3, boxes=[], requests=[], crash=True, after=UNTOUCHED, log=[*opening(arguments), *inventory("")])
+    """An empty release matches the empty one of an INF that is gone. Its folder cannot be listed, which is not caught."""
+    lab.run({**machine({}, release=""), "remove": [r"C:\windows\System32\DriverStore\FileRepository"]}, arguments)
+    lab.check(exit_code=QUIET_END, outcome="quiet-end", boxes=[], requests=[], crash=True, after=UNTOUCHED, log=[*opening(arguments), *inventory("")])

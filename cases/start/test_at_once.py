@@ -76,7 +76,7 @@ def test_refused_start_holds_the_event_while_its_box_is_up(lab):
     assert result.after.products == REPAIRED["products"]
 
 
-@pytest.mark.parametrize("release, code, outcome, box", [("24.20", -1, "same-release, same-release", SAME_RELEASE),
+@pytest.mark.parametrize("release, code, outcome, box", [("24.20", -1, "2 same-release", SAME_RELEASE),
                                                          ("23.40", 0, "repaired, same-release", FINISHED)])
 def test_starts_after_each_other_do_not_meet(lab, release, code, outcome, box):
     result = lab.run(found(desktop={"release": release}), then="")
