@@ -10,12 +10,10 @@ import pytest
 
 from companion import outcomes
 from tools import outcome_pages
-from cases.support.expect import install, opening, remove, stop, unpack
 from cases.support import corpus, statements
 from lab.run import NO_LINE_END
 from cases.fault_injection import judge, model, plan
 from cases.fault_injection.world import World
-from cases.support.repair import INSTALL_KEY, MSI_AGREES
 
 HERE = pathlib.Path(__file__).parent
 HEAD = """
@@ -218,59 +216,3 @@ def test_a_log_is_kept_once(tmp_path, monkeypatch):
     assert [(code, outcome) for _, code, outcome in found] == [(-1, "interrupted")] * 3
     logs = {file.read_bytes().decode("utf-16-le") for file, _, _ in found}
     assert logs == {"a 12\n\tResult = 5\n", "a 12\n\tResult = 6\n", "a\nb"}
-
-
-# Direct installations
-
-GIVEN = r"C:\Given\setup.exe"
-SWITCHES = f"-VLT -Install -Path {GIVEN}"
-KEPT = r"C:\Kept"
-
-
-def direct(*rules: str, **changes: Any) -> dict[str, Any]:
-    """Windows Installer does nothing, and says yes where no rule says something else."""
-    return {"desktop": False, "server": {"reach": "none"}, "files": {GIVEN: {"installer": "24.20"}},
-            "faults": [MSI_AGREES, *(f"msi!MsiInstallProductW * {rule}" for rule in rules)], **changes}
-
-
-def placed(*files: str) -> dict[str, Any]:
-    return {"registry": {INSTALL_KEY: {"Location": KEPT}},
-            "files": {GIVEN: {"installer": "24.20"}, **{rf"{KEPT}\{name}": {"program": name} for name in files}}}
-
-
-def check_direct(lab, *results: int, removal: tuple[int, ...] = (), exit_code: int = 0, end: str = "") -> None:
-    location = KEPT if lab.machine.data["registry"] else r"C:\Program Files\Tavik\Halden" if removal else ""
-    stopping = stop(location) if removal or "hlcmd.exe" in str(lab.machine.data["files"]) else stop("")
-    lab.check(exit_code=exit_code, boxes=[], log=[
-        opening(SWITCHES)[0], unpack(GIVEN), *stopping, *(line for code in removal for line in remove("Halden", code)),
-        *(line for family, code in zip(("Halden", "DVR", "PXL"), results) for line in install(family, code)), *([end] if end else [])])
-
-
-STARTED = rf"Process {KEPT}\CorvelSoftware.exe  completed with exit code 0"
-
-
-def test_direct_nobody_knows_where_the_application_is(lab):
-    lab.run(direct(), SWITCHES)
-    check_direct(lab, 0, 0, 0, exit_code=3)
-
-
-def test_direct_the_application_cannot_be_started(lab):
-    lab.run(direct(**placed("hlcmd.exe")), SWITCHES)
-    check_direct(lab, 0, 0, 0, end=rf"Launching process {KEPT}\CorvelSoftware.exe  failed. Error code = {{number}} {{any}}")
-
-
-@pytest.mark.parametrize("place, code", [(placed("hlcmd.exe", "CorvelSoftware.exe"), 0), ({}, 3)], ids=["application there", "no application"])
-def test_direct_another_installation_is_going_on(lab, place, code):
-    lab.run(direct("return=1618", **place), SWITCHES)
-    check_direct(lab, 1618, 1618, 1618, exit_code=code, end=STARTED if place else "")
-
-
-def test_direct_an_optional_package_refuses(lab):
-    lab.run(direct("if=package~PXL64 return=1603", **placed("hlcmd.exe", "CorvelSoftware.exe")), SWITCHES)
-    check_direct(lab, 0, 0, 1603, end=STARTED)
-
-
-def test_direct_an_old_product_stays(lab):
-    machine = direct(r"if=package~windows\Installer return=1603", desktop={"release": "23.40"})
-    lab.run(machine, SWITCHES)
-    check_direct(lab, 0, removal=(1603,), end=r"Process C:\Program Files\Tavik\Halden\CorvelSoftware.exe  completed with exit code 0")

@@ -12,7 +12,7 @@ import re
 import pytest
 
 from tools.tests.deploy_kit import DEPLOY
-from cases.support.expect import download, install, inventory, opening, remove, stop, unpack
+from cases.support.expect import REPAIR, download, inventory, opening, unpack
 from lab import paths
 from lab.hive import Hive
 from lab.machine import Machine
@@ -151,9 +151,9 @@ def test_a_silent_run_in_a_session_without_a_user(lab):
     stand-in does, and the folder's access rights."""
     unpacked = PRIVATE + r"\Tavik_VLTInstallerDownload\LPInstaller"
     lab.run({"temp": PRIVATE, "files": {unpacked: {"folder": True}}, "faults": [NOBODY]}, "-SILENT")
-    lab.check(exit_code=0, boxes=[], before={"files": [unpacked]},
+    lab.check(exit_code=0, outcome="repaired", boxes=[], before={"files": [unpacked]},
               after={"products": ["Tavik Halden 24.20"], "files": [unpacked + r"\HL\halden\halden64\dwx-next64.msi"]},
-              log=[*opening("-SILENT"), *inventory(), *download(), unpack(), *stop(), *remove("Halden"), *install("Halden")])
+              log=[*opening("-SILENT"), *inventory(), *download(), unpack(), *REPAIR])
 
 
 def test_the_repair_script_prepares_what_that_run_found():
