@@ -20,6 +20,7 @@ def test_tls_13_only_is_too_new(lab):
     check_failed(lab, "download-not-trusted", not_sent(HTTPS_URL, 12157), requests=[], start=DEFAULT)
 
 
+@pytest.mark.quick
 def test_tls_12_is_spoken(lab):
     result = lab.run(own(tls="TLSv1.2"))
     check_arrived(lab, 10, [GOOD], DEFAULT)

@@ -113,6 +113,7 @@ def test_adapters_of_other_makers_are_logged_and_left_out(lab):
     check(lab, *USUAL, NOT_THE_MAKERS, listed=[shown()])
 
 
+@pytest.mark.quick
 def test_vendor_id_in_lower_case(lab):
     """Wine returns ids in capital letters, whatever is stored; the adapter counts either way."""
     result = run(lab, {"id": MAKER.replace("VEN_1E7D", "ven_1e7d")})

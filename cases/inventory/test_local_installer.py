@@ -58,6 +58,7 @@ def test_installer_is_not_found(lab, files):
 
 # The active package
 
+@pytest.mark.quick
 def test_installer_of_the_active_package_repairs(lab):
     lab.run("found.toml")
     installer = r"{store2}\B384125\DWX2_Install.exe"

@@ -77,6 +77,7 @@ def test_crash_of_a_direct_installation(lab, call, lines):
 
 # Other threads
 
+@pytest.mark.quick
 def test_crash_of_the_status_window(lab):
     machine = {"server": {"answers": {PATH: {"installer": "24.20", "delay": 20}}}}
     result = lab.run(with_debugger(machine), when=["text Downloading : crash"], timeout=40)

@@ -102,6 +102,7 @@ def test_program_without_precautions_loads_planted_dlls(lab, folder, options):
     assert sorted(loaded(result)) == sorted(planted_file(name, folder) for name in names)
 
 
+@pytest.mark.quick
 def test_tool_without_its_first_statement_loads_a_planted_dll(lab, tmp_path):
     """The same exe, but it calls another function with the argument that would restrict the search."""
     tool = paths.need(paths.TOOL).read_bytes()
