@@ -59,20 +59,20 @@ def direct(**changes: Any) -> dict[str, Any]:
 def test_the_installer_of_the_driver_package_cannot_be_looked_at(lab, arguments):
     """Nobody catches that: the run ends before anything is touched, and nothing is downloaded instead."""
     lab.run({"adapters": [{"packages": [{"files": loop(r"B384125\DWX2_Install.exe")}]}]}, arguments)
-    lab.check(exit_code=QUIET_END, boxes=[], requests=[], after=UNTOUCHED, log=[*opening(arguments), *inventory()])
+    lab.check(outcome="quiet-end", exit_code=QUIET_END, boxes=[], requests=[], after=UNTOUCHED, log=[*opening(arguments), *inventory()])
 
 
 def test_the_given_installer_cannot_be_looked_at(lab):
     arguments = f"-VLT -Install -Path {GIVEN}"
     result = lab.run(direct(files=loop(GIVEN)), arguments)
-    lab.check(exit_code=QUIET_END, boxes=[], after=UNTOUCHED, log=opening(arguments)[:1])
+    lab.check(outcome="quiet-end", exit_code=QUIET_END, boxes=[], after=UNTOUCHED, log=opening(arguments)[:1])
     assert (result.output, result.status) == ([""], [])
 
 
 def test_the_old_extraction_folder_cannot_be_looked_at(lab):
     """Unlike a file in it that cannot be removed, it is the only path that the error names."""
     result = lab.run(found(files=loop(FOLDER)))
-    lab.check(exit_code=-1, boxes=[INSTALL_FAILED], after=UNTOUCHED, log=[
+    lab.check(outcome="folder-not-prepared", exit_code=-1, boxes=[INSTALL_FAILED], after=UNTOUCHED, log=[
         *until_found(), f"\tException occured during installation. filesystem error: remove_all: {{any}} [{FOLDER}]"])
     assert result.installer == []
 
@@ -83,7 +83,7 @@ def test_the_main_package_cannot_be_looked_at(lab, arguments, box):
     """The folder is used as it is when the session's user is not known, so something of an earlier run can be there."""
     machine = found(files={**loop(MAIN), GIVEN: {"installer": "24.20"}}, installer={"extract": "no"}, faults=[NOBODY])
     result = lab.run(machine, arguments)
-    lab.check(exit_code=-1, boxes=[box], after=UNTOUCHED)
+    lab.check(outcome="folder-not-prepared", exit_code=-1, boxes=[box], after=UNTOUCHED)
     assert result.log[-1].startswith("\tException occured during installation. filesystem error: exists: ")
     assert result.log[-1].endswith(f" [{MAIN}]") and len(result.installer) == 1
 
@@ -97,7 +97,7 @@ def test_a_folder_that_cannot_be_looked_at_is_not_passed_on(lab, registered, cha
     if "Programme" in str(changes):
         registry[r"HKLM\Software\Microsoft\Windows\CurrentVersion"] = {"ProgramFilesDir": r"C:\Programme"}
     result = lab.run(found(registry=registry, faults=[MSI_AGREES], **changes))
-    lab.check(exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *DONE])
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *DONE])
     assert asked_of_msi(result)[-1] == (MAIN, INSTALL_PROPERTIES)
 
 
@@ -109,7 +109,7 @@ def test_the_extraction_folder_cannot_be_created(lab):
     """A folder in which nobody may create anything, not even root. Nothing is said about it, the installer is started all the
     same, and what it could not unpack is missing then."""
     result = lab.run(found(files={PARENT: {"link": "/proc/sys"}}))
-    lab.check(exit_code=2, boxes=[INSTALL_FAILED], after=UNTOUCHED, log=[*until_unpacked(), MAIN_PACKAGE_MISSING])
+    lab.check(outcome="installer-empty", exit_code=2, boxes=[INSTALL_FAILED], after=UNTOUCHED, log=[*until_unpacked(), MAIN_PACKAGE_MISSING])
     assert len(result.installer) == 1
 
 
@@ -120,7 +120,7 @@ def test_the_session_cannot_be_asked(lab, condition, given_back):
     old = FOLDER + r"\old.txt"
     rule = f"wtsapi32!WTSQuerySessionInformationW * {condition}error=5"
     result = lab.run(found(files={old: "old"}, faults=[rule, MSI_AGREES]))
-    lab.check(exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *DONE], before={"files": [old]},
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *DONE], before={"files": [old]},
               after={"files": [old, MAIN]})
     assert len([line for line in result.calls if "WTSFreeMemory" in line]) == given_back
 
@@ -134,7 +134,7 @@ def test_the_systems_own_kill_program_is_gone(lab):
     lab.run(machine)
     polite, *kills = stop()
     told = [f"Launching process {line.removeprefix('Process ').removesuffix(COMPLETED)}{NOT_FOUND}" for line in kills]
-    lab.check(exit_code=0, boxes=[FINISHED], running=["CorvelSettings.exe"], log=[
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], running=["CorvelSettings.exe"], log=[
         *until_unpacked(), polite, *told, *remove("Halden"), *install("Halden")])
 
 
@@ -143,7 +143,7 @@ def test_an_installer_that_no_program_opens(lab):
     given = r"C:\Given\setup.unknown"
     arguments = f"-VLT -Install -Path {given}"
     lab.run(direct(files={given: "a document"}), arguments)
-    lab.check(exit_code=0, boxes=[], after=UNTOUCHED, log=[
+    lab.check(outcome="direct-installer-blocked", exit_code=0, boxes=[], after=UNTOUCHED, log=[
         opening(arguments)[0], f"Launching process {given} {UNPACK} failed. Error code = {{number}} {{any}}",
         MAIN_PACKAGE_MISSING, STARTED])
 
@@ -156,7 +156,7 @@ def test_a_start_that_gives_no_process(lab):
     arguments = f"-VLT -Install -Path {given}"
     machine = direct(files={given: shortcut(rf"{HOME}\hlcmd.exe")}, programs={"CorvelSoftware.exe.stay": 3000})
     result = lab.run(machine, arguments)
-    lab.check(exit_code=0, boxes=[], after=UNTOUCHED, log=[
+    lab.check(outcome="direct-installer-empty", exit_code=0, boxes=[], after=UNTOUCHED, log=[
         opening(arguments)[0], f"Unable to get exit code for process {given} {UNPACK}. Error code = 6 Invalid handle. ",
         MAIN_PACKAGE_MISSING, STARTED])
     started = next(line for line in result.programs if line.startswith("hlcmd.exe"))
@@ -192,13 +192,13 @@ def test_the_servers_words_cannot_be_had(lab):
 
 # Without a window, without memory
 
-@pytest.mark.parametrize("window, code, lines", [
-    ("ok", 0, [INSTALLED]), ("0x80070578", -2147023496, ["Error: Unable to initialize with window.", FAILED])],
-    ids=["taken", "refused"])
-def test_a_window_that_never_was_is_handed_to_the_store(lab, window, code, lines):
+@pytest.mark.parametrize("window, outcome, code, lines", [
+    ("ok", "store-installed", 0, [INSTALLED]),
+    ("0x80070578", "store-no-window", -2147023496, ["Error: Unable to initialize with window.", FAILED])], ids=["taken", "refused"])
+def test_a_window_that_never_was_is_handed_to_the_store(lab, window, outcome, code, lines):
     """Whether it does is for the Store to say."""
     result = lab.run({**store_only(package(), service={"window": window}), **NO_DISPLAY})
-    lab.check(exit_code=code, boxes=[], log=[*until_query(), has(), ATTEMPT, *lines])
+    lab.check(outcome=outcome, exit_code=code, boxes=[], log=[*until_query(), has(), ATTEMPT, *lines])
     assert any(line.startswith("Initialize hwnd=0x0; ") for line in calls(result))
     check_nothing_leaks(result)
 
@@ -206,7 +206,7 @@ def test_a_window_that_never_was_is_handed_to_the_store(lab, window, code, lines
 def test_a_direct_installation_without_a_window(lab):
     arguments = f"-VLT -Install -Path {GIVEN}"
     result = lab.run(direct(files={GIVEN: {"installer": "24.20"}}, **NO_DISPLAY), arguments)
-    lab.check(exit_code=0, boxes=[], after={"products": ["Tavik Halden 24.20"]}, log=[
+    lab.check(outcome="direct-done", exit_code=0, boxes=[], after={"products": ["Tavik Halden 24.20"]}, log=[
         opening(arguments)[0], unpack(GIVEN), *DONE, STARTED])
     assert not any(sample["exists"] for sample in result.status)
 
@@ -217,6 +217,6 @@ def test_no_memory_for_the_installation_is_caught(lab):
                 r"HKLM\Software\Microsoft\Windows\CurrentVersion": {"ProgramFilesDir": r"C:\Programme"}}
     rules = [MSI_AGREES, "msi!MsiInstallProductW 1 return=0 memory=none"]
     lab.run(found(registry=registry, faults=rules, environment={"LD_PRELOAD": "libgcc_s.so.1"}), "-SILENT")
-    lab.check(exit_code=-1, boxes=[], log=[*until_unpacked("-SILENT"), *stop(), *remove("Halden"), install("Halden")[0],
+    lab.check(outcome="installation-exception", exit_code=-1, boxes=[], log=[*until_unpacked("-SILENT"), *stop(), *remove("Halden"), install("Halden")[0],
                                            "\tException occured during installation. std::bad_alloc"])
     assert len(asked_of_msi(lab.result)) == 1

@@ -157,7 +157,7 @@ def test_driver_folder_is_missing(lab):
 def test_installer_of_the_package_is_in_use(lab):
     """It is there, so it is not downloaded, whatever comes of it."""
     lab.run(found_there(held=[rf"{STORE}\B384125\DWX2_Install.exe"]))
-    check(lab, exit_code=2, boxes=[INSTALL_FAILED], before=BEFORE, after=BEFORE, log=[
+    check(lab, outcome="installer-blocked", exit_code=2, boxes=[INSTALL_FAILED], before=BEFORE, after=BEFORE, log=[
         *until_found(), not_started(INSTALLER, EXTRACTED, "32"),
         f"Unable to find {EXTRACTED}{MAIN_PACKAGE}."])
 
@@ -179,14 +179,14 @@ def test_folder_appears_in_the_files_place_during_the_download(lab, target):
     else:
         lab.run({"server": {"answers": {PATH: body}}}, when=[f"file {TEMPORARY} : run cmd /c md {FINAL}\\mine"])
         lines = [*download()[:3], "Completed download. Total bytes downloaded: 3000000"]
-    check(lab, exit_code=-1, boxes=[DOWNLOAD_FAILED], before=BEFORE, after={**BEFORE, "files": [target, TEMPORARY]},
+    check(lab, outcome="download-file-in-the-way", exit_code=-1, boxes=[DOWNLOAD_FAILED], before=BEFORE, after={**BEFORE, "files": [target, TEMPORARY]},
           log=[*opening(), *inventory(), *lines, *download_thrown(f"filesystem error: remove: {{any}} [{target}]")])
 
 
 @pytest.mark.parametrize("target", [FINAL, TEMPORARY], ids=["final", "temporary"])
 def test_empty_folder_in_the_files_place_is_removed(lab, target):
     lab.run({"files": {target: {"folder": True}}})
-    check(lab, exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"], before={**BEFORE, "files": [target]},
+    check(lab, outcome="repaired", exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"], before={**BEFORE, "files": [target]},
           after={**AFTER, "files": [FINAL], "missing": [TEMPORARY]},
           log=[*opening(), *inventory(), *download(), unpack(), *REPAIR])
     assert lab.result.after.files[FINAL] > 100_000
@@ -196,7 +196,7 @@ def test_empty_folder_in_the_files_place_is_removed(lab, target):
 def test_both_old_files_cannot_be_removed(lab, key):
     """The final one is tried first, so the temporary one stays even when it could go."""
     lab.run({"files": {FINAL: "old", TEMPORARY: "older"}, key: [FINAL]}, "-SILENT")
-    check(lab, exit_code=-1, boxes=[], requests=[], before={**BEFORE, "files": [FINAL, TEMPORARY]},
+    check(lab, outcome="download-file-in-the-way", exit_code=-1, boxes=[], requests=[], before={**BEFORE, "files": [FINAL, TEMPORARY]},
           after={**BEFORE, "files": [FINAL, TEMPORARY]},
           log=[*opening("-SILENT"), *inventory(), *download()[:2],
                *download_thrown(f"filesystem error: remove: {{any}} [{FINAL}]")])
@@ -207,7 +207,7 @@ def test_second_name_of_an_old_file_is_left_alone(lab):
     """The old download is a second name of somebody else's file: only the name goes, the file is not written into."""
     lab.run({"files": {r"C:\Victim\file.txt": "precious", FINAL: {"same": r"C:\Victim\file.txt"},
                        TEMPORARY: {"same": r"C:\Victim\file.txt"}}})
-    check(lab, exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"], before={**BEFORE, "files": [FINAL, TEMPORARY]},
+    check(lab, outcome="repaired", exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"], before={**BEFORE, "files": [FINAL, TEMPORARY]},
           after=AFTER)
     assert host_path(lab.result, r"C:\Victim\file.txt").read_text() == "precious"
 
@@ -232,7 +232,7 @@ def check_victim(lab) -> None:
                          ids=["the folder itself", "in it", "deeper", "very deep"])
 def test_link_to_a_folder_is_not_followed(lab, place):
     lab.run(found_there(files={**TREE, place: {"link": VICTIM}}))
-    check(lab, exit_code=-1, boxes=[INSTALL_FAILED], before={**BEFORE, "files": [*TREE, place]},
+    check(lab, outcome="folder-not-prepared", exit_code=-1, boxes=[INSTALL_FAILED], before={**BEFORE, "files": [*TREE, place]},
           after={**BEFORE, "files": list(TREE)},
           log=[*until_found(), install_thrown(f"filesystem error: remove_all: {{any}} [{EXTRACTED}] [{place}]")])
     check_victim(lab)
@@ -242,7 +242,7 @@ def test_link_to_a_folder_is_not_followed(lab, place):
 def test_link_to_the_folder_above_is_no_endless_loop(lab):
     place = EXTRACTED + r"\loop"
     lab.run(found_there(files={EXTRACTED + r"\old.txt": "old", place: {"link": DOWNLOADS}, DOWNLOADS + r"\other.txt": "other"}))
-    check(lab, exit_code=-1, boxes=[INSTALL_FAILED], before=BEFORE, after={**BEFORE, "files": [DOWNLOADS + r"\other.txt"]},
+    check(lab, outcome="folder-not-prepared", exit_code=-1, boxes=[INSTALL_FAILED], before=BEFORE, after={**BEFORE, "files": [DOWNLOADS + r"\other.txt"]},
           log=[*until_found(), install_thrown(f"filesystem error: remove_all: {{any}} [{EXTRACTED}] [{place}]")])
 
 
@@ -250,7 +250,7 @@ def test_link_to_nothing_is_no_victim(lab):
     """The system at hand does not show such a link at all; the folder around it is not empty then."""
     place = EXTRACTED + r"\HL\gone"
     lab.run(found_there(files={**TREE, place: {"link": VICTIM + r"\not there"}}))
-    check(lab, exit_code=-1, boxes=[INSTALL_FAILED], before=BEFORE, after=BEFORE,
+    check(lab, outcome="folder-not-prepared", exit_code=-1, boxes=[INSTALL_FAILED], before=BEFORE, after=BEFORE,
           log=[*until_found(), install_thrown(rf"filesystem error: remove_all: {{any}} [{EXTRACTED}] [{EXTRACTED}\HL]")])
     check_victim(lab)
 
@@ -258,7 +258,7 @@ def test_link_to_nothing_is_no_victim(lab):
 def test_download_folder_is_a_link(lab):
     """Parents are followed: the tool works in the folder behind the link, and touches just its own there."""
     lab.run(found_there(files={**TREE, VICTIM + r"\LPInstaller\old.txt": "an older run's", DOWNLOADS: {"link": VICTIM}}))
-    check(lab, VICTIM, exit_code=0, boxes=[FINISHED], before=BEFORE, after={
+    check(lab, VICTIM, outcome="repaired", exit_code=0, boxes=[FINISHED], before=BEFORE, after={
         **AFTER, "files": [*TREE, VICTIM + r"\LPInstaller" + MAIN_PACKAGE], "missing": [VICTIM + r"\LPInstaller\old.txt"]},
         log=[*until_found(), unpack(INSTALLER), *REPAIR])
     for path, text in TREE.items():
@@ -269,7 +269,7 @@ def test_download_folder_is_a_link(lab):
 def test_second_names_of_files_go_and_the_files_stay(lab, depth):
     folder = EXTRACTED + "".join(rf"\d{number}" for number in range(depth))
     lab.run(found_there(files={**TREE, **{rf"{folder}\link{number}": {"same": path} for number, path in enumerate(TREE)}}))
-    check(lab, exit_code=0, boxes=[FINISHED], before={**BEFORE, "files": [rf"{folder}\link0"]},
+    check(lab, outcome="repaired", exit_code=0, boxes=[FINISHED], before={**BEFORE, "files": [rf"{folder}\link0"]},
           after={**AFTER, "missing": [rf"{EXTRACTED}\d0", rf"{folder}\link0"]},
           log=[*until_found(), unpack(INSTALLER), *REPAIR])
     check_victim(lab)
@@ -278,7 +278,7 @@ def test_second_names_of_files_go_and_the_files_stay(lab, depth):
 def test_another_disk_in_the_extraction_folder_is_not_entered(lab):
     place = EXTRACTED + r"\mounted"
     lab.run(found_there(disks={place: 65536}))
-    check(lab, exit_code=-1, boxes=[INSTALL_FAILED], before=BEFORE, after={**BEFORE, "files": [place]},
+    check(lab, outcome="folder-not-prepared", exit_code=-1, boxes=[INSTALL_FAILED], before=BEFORE, after={**BEFORE, "files": [place]},
           log=[*until_found(), install_thrown(f"filesystem error: remove_all: {{any}} [{EXTRACTED}] [{{any}}]")])
 
 
@@ -297,7 +297,7 @@ def test_file_in_use_ends_the_run_at_once(lab, how, place):
     path = EXTRACTED + place
     lab.run(found_there(files={path: "old"}, **{how: [path]}))
     blocked = path if how == "held" else path.rpartition("\\")[0]
-    check(lab, exit_code=-1, boxes=[INSTALL_FAILED], before={**BEFORE, "files": [path]},
+    check(lab, outcome="folder-not-prepared", exit_code=-1, boxes=[INSTALL_FAILED], before={**BEFORE, "files": [path]},
           after={**BEFORE, "files": [path] if how == "held" else []},
           log=[*until_found(), install_thrown(f"filesystem error: remove_all: {{any}} [{EXTRACTED}] [{blocked}]")])
     check_quick(lab)
@@ -311,7 +311,7 @@ def test_file_in_use_ends_direct_installation_at_once(lab, how):
     lab.run({"desktop": False, "server": {"reach": "none"}, "files": {given: {"installer": "24.20"}, path: "old"}, how: [path]},
             arguments)
     blocked = path if how == "held" else EXTRACTED
-    check(lab, exit_code=-1, boxes=[UPDATE_FAILED],
+    check(lab, outcome="folder-not-prepared", exit_code=-1, boxes=[UPDATE_FAILED],
           before={"products": []}, after={"products": [], "files": [given]},
           log=[opening(arguments)[0], install_thrown(f"filesystem error: remove_all: {{any}} [{EXTRACTED}] [{blocked}]")])
     check_quick(lab)
@@ -328,7 +328,7 @@ def test_file_in_use_ends_direct_installation_at_once(lab, how):
 def test_whatever_an_earlier_run_left_is_gone(lab, names):
     old = [EXTRACTED + name for name in names]
     lab.run(found_there(files={path: "old" for path in old}))
-    check(lab, exit_code=0, boxes=[FINISHED], before={**BEFORE, "files": old}, after={**AFTER, "missing": old},
+    check(lab, outcome="repaired", exit_code=0, boxes=[FINISHED], before={**BEFORE, "files": old}, after={**AFTER, "missing": old},
           log=[*until_found(), unpack(INSTALLER), *REPAIR])
 
 
@@ -336,5 +336,5 @@ def test_file_that_has_a_devices_name_cannot_be_removed(lab):
     """Some other system has put it there; Windows takes the name for the device."""
     path = EXTRACTED + r"\NUL"
     lab.run(found_there(files={path: "odd"}))
-    check(lab, exit_code=-1, boxes=[INSTALL_FAILED], before={**BEFORE, "files": [path]}, after={**BEFORE, "files": [path]},
+    check(lab, outcome="folder-not-prepared", exit_code=-1, boxes=[INSTALL_FAILED], before={**BEFORE, "files": [path]}, after={**BEFORE, "files": [path]},
           log=[*until_found(), install_thrown(f"filesystem error: remove_all: {{any}} [{EXTRACTED}] [{path}]")])

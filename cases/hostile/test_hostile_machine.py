@@ -28,7 +28,7 @@ BLOCKED = [r"C:\Program Files", r"C:\Program Files\Tavik", LOGS]
 def test_log_folder_blocked_by_a_file(lab, path):
     """The first line cannot be written and nobody catches that: the run ends before it has done anything."""
     lab.run({"desktop": False, "remove": [path] if path == BLOCKED[0] else [], "files": {path: "in the way"}})
-    check(lab, exit_code=QUIET_END, log=[], boxes=[], requests=[], crash=True, before={"products": [], "files": [path]},
+    check(lab, outcome="no-log-folder", exit_code=QUIET_END, log=[], boxes=[], requests=[], crash=True, before={"products": [], "files": [path]},
           after={"products": [], "files": [path], "missing": [DOWNLOADS]})
     assert host_path(lab.result, path).read_text() == "in the way"
     assert not any(sample["exists"] for sample in lab.result.status)
@@ -39,7 +39,7 @@ def test_log_folder_blocked_in_direct_installation(lab, path):
     given = r"C:\Given\setup.exe"
     lab.run({"desktop": False, "server": {"reach": "none"}, "files": {path: "in the way", given: {"installer": "24.20"}}},
             f"-VLT -Install -Path {given}")
-    check(lab, exit_code=QUIET_END, log=[], boxes=[], crash=True, before={"products": []},
+    check(lab, outcome="no-log-folder", exit_code=QUIET_END, log=[], boxes=[], crash=True, before={"products": []},
           after={"products": [], "files": [path, given], "missing": [DOWNLOADS]})
     assert lab.result.installer == []
 
@@ -48,14 +48,14 @@ def test_log_folder_blocked_in_direct_installation(lab, path):
 def test_log_file_that_cannot_be_made(lab):
     """Not even root can make a file there. The run goes on without a log."""
     lab.run({"files": {LOGS: {"link": "/proc/sys"}}})
-    check(lab, exit_code=0, log=[], boxes=[FINISHED], requests=[f"{PATH} 200"], before=BEFORE, after=AFTER)
+    check(lab, outcome="no-log", exit_code=0, log=[], boxes=[FINISHED], requests=[f"{PATH} 200"], before=BEFORE, after=AFTER)
 
 
 # Proves: A line cannot be written (disk full)
 def test_log_on_a_full_disk(lab):
     """What does not fit is lost, and nothing else."""
     lab.run({"disks": {LOGS: PAGE}}, "x" * 900)  # a long first line
-    check(lab, exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"], before=BEFORE, after=AFTER)
+    check(lab, outcome="log-cut", exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"], before=BEFORE, after=AFTER)
     sizes = [size for path, size in lab.result.after.files.items() if path.startswith(LOGS + "\\")]
     assert sizes == [PAGE] and lab.result.log[0].endswith("x" * 900)
 
@@ -73,7 +73,7 @@ def moved(temp: str, **changes) -> dict:
 def test_repair_in_an_odd_temporary_folder(lab, temp):
     lab.run(moved(temp.rstrip("\\")))
     own = temp + "Tavik_VLTInstallerDownload"
-    check(lab, own, exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"], before={**BEFORE, "missing": [temp.rstrip("\\")]},
+    check(lab, own, outcome="repaired", exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"], before={**BEFORE, "missing": [temp.rstrip("\\")]},
           after={**AFTER, "files": [own + "\\dwx2_install.exe", own + r"\LPInstaller" + MAIN_PACKAGE], "missing": [DOWNLOADS]},
           log=[*opening(), *inventory(), *download(), unpack_into(temp), *repair_in(temp)])
 
@@ -83,7 +83,7 @@ def test_relative_temporary_folder(lab):
     """It counts from the folder that the tool was started in."""
     temp = "C:\\windows\\system32\\some where\\"
     lab.run(moved("some where"))
-    check(lab, exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"], before=BEFORE, after={**AFTER, "missing": [DOWNLOADS]},
+    check(lab, outcome="repaired", exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"], before=BEFORE, after={**AFTER, "missing": [DOWNLOADS]},
           log=[*opening(), *inventory(), *download(), unpack_into(temp), *repair_in(temp)])
     assert host_path(lab.result, temp + r"Tavik_VLTInstallerDownload\LPInstaller" + MAIN_PACKAGE).exists()
 
@@ -93,7 +93,7 @@ def test_temporary_folder_of_more_than_260_characters(lab):
     temp = "C:\\" + "\\".join(["t" * 60] * 5)
     lab.run(moved(temp, server={"answers": {PATH: NO_PROGRAM}}))
     place = "Tavik_VLTInstallerDownload"
-    check(lab, exit_code=2, boxes=[INSTALL_FAILED], requests=[f"{PATH} 200"], before=BEFORE,
+    check(lab, outcome="installer-blocked", exit_code=2, boxes=[INSTALL_FAILED], requests=[f"{PATH} 200"], before=BEFORE,
           after={**BEFORE, "missing": [temp, DOWNLOADS]},
           log=[*opening(), *inventory(), *download(),
                not_started(rf"{place}\dwx2_install.exe", rf"{place}\LPInstaller"),
@@ -106,7 +106,7 @@ def test_download_folder_of_more_than_260_characters(lab):
     temp = "C:\\" + "\\".join(["t" * 57] * 4) + "\\"
     lab.run(moved(temp.rstrip("\\")))
     own = temp + "Tavik_VLTInstallerDownload"
-    check(lab, own, exit_code=2, boxes=[INSTALL_FAILED], requests=[f"{PATH} 200"], before=BEFORE,
+    check(lab, own, outcome="installer-blocked", exit_code=2, boxes=[INSTALL_FAILED], requests=[f"{PATH} 200"], before=BEFORE,
           after={**BEFORE, "files": [own + "\\dwx2_install.exe", own + r"\LPInstaller"],
                  "missing": [own + "\\dwx2_install.exe.tmp"]},
           log=[*opening(), *inventory(), *download(),
@@ -120,7 +120,7 @@ def test_download_folder_of_more_than_260_characters(lab):
 def test_temporary_folder_that_cannot_be_made(lab, temp, files):
     own = temp + "Tavik_VLTInstallerDownload"
     lab.run(moved(temp.rstrip("\\"), files=files))
-    check(lab, exit_code=-1, boxes=[DOWNLOAD_FAILED], requests=[], before=BEFORE, after={**BEFORE, "files": list(files)},
+    check(lab, outcome="download-file-in-the-way", exit_code=-1, boxes=[DOWNLOAD_FAILED], requests=[], before=BEFORE, after={**BEFORE, "files": list(files)},
           log=[*opening(), *inventory(), *download()[:2],
                *download_thrown(rf"filesystem error: create_directories: {{any}} [{own}\]")])
 
@@ -130,7 +130,7 @@ def test_temporary_folder_that_cannot_be_made(lab, temp, files):
 def test_no_place_to_unpack_to(lab, temp, files):
     own = temp + "Tavik_VLTInstallerDownload"
     lab.run(moved(temp.rstrip("\\"), **found_there(files=files)))
-    check(lab, exit_code=-1, boxes=[INSTALL_FAILED], before=BEFORE, after={**BEFORE, "files": list(files)},
+    check(lab, outcome="folder-not-prepared", exit_code=-1, boxes=[INSTALL_FAILED], before=BEFORE, after={**BEFORE, "files": list(files)},
           log=[*until_found(), install_thrown(f"filesystem error: create_directories: {{any}} [{own}]")])
     assert lab.result.installer == []
 
@@ -151,7 +151,7 @@ FULL = [*opening(), *inventory(), *download()[:3],
 def test_disk_is_full_during_the_download(lab, room):
     lab.run({**BIG, "temp": SMALL, "disks": {SMALL: room}})
     temporary = SMALL + r"\Tavik_VLTInstallerDownload\dwx2_install.exe.tmp"
-    check(lab, SMALL, exit_code=-1, boxes=[DOWNLOAD_FAILED], requests=[f"{PATH} 200"], before=BEFORE, log=FULL,
+    check(lab, SMALL, outcome="download-disk-full", exit_code=-1, boxes=[DOWNLOAD_FAILED], requests=[f"{PATH} 200"], before=BEFORE, log=FULL,
           after={**BEFORE, "files": [temporary], "missing": [temporary.removesuffix(".tmp")]})
     assert 0 <= lab.result.after.files[temporary] <= room
 
@@ -160,7 +160,7 @@ def test_disk_is_full_during_the_download(lab, room):
 def test_file_cannot_grow_during_the_download(lab, arguments):
     """Works without a disk of its own. The old installer is gone all the same: it was removed before."""
     lab.run({**BIG, "largest_file": 1_500_000, "files": {FINAL: "old", TEMPORARY: "older"}}, arguments)
-    check(lab, exit_code=-1, boxes=[] if arguments else [DOWNLOAD_FAILED], before={**BEFORE, "files": [FINAL, TEMPORARY]},
+    check(lab, outcome="download-disk-full", exit_code=-1, boxes=[] if arguments else [DOWNLOAD_FAILED], before={**BEFORE, "files": [FINAL, TEMPORARY]},
           after={**BEFORE, "missing": [FINAL], "files": [TEMPORARY]}, log=[*opening(arguments), *FULL[2:]])
     assert lab.result.after.files[TEMPORARY] <= 1_500_000
 
@@ -170,7 +170,7 @@ def test_disk_is_full_during_extraction(lab):
     temp = SMALL + "\\"
     main = temp + r"Tavik_VLTInstallerDownload\LPInstaller" + MAIN_PACKAGE
     lab.run(found_there(temp=SMALL, disks={SMALL: 24 * PAGE}))
-    check(lab, SMALL, exit_code=DAMAGED, boxes=[INSTALL_FAILED], before=BEFORE,
+    check(lab, SMALL, outcome="install-failed-other", exit_code=DAMAGED, boxes=[INSTALL_FAILED], before=BEFORE,
           after={"products": [], "files": [main], "missing": [DOWNLOADS]},
           log=[*until_found(), unpack_into(temp, INSTALLER, 2), *repair_in(temp)[:-1], f"\tResult = {DAMAGED}"])
     assert 0 < lab.result.after.files[main] <= 24 * PAGE
@@ -179,7 +179,7 @@ def test_disk_is_full_during_extraction(lab):
 def test_file_cannot_grow_during_extraction(lab):
     """The same without a disk of its own."""
     lab.run(found_there(largest_file=200_000))
-    check(lab, exit_code=DAMAGED, boxes=[INSTALL_FAILED], before=BEFORE,
+    check(lab, outcome="install-failed-other", exit_code=DAMAGED, boxes=[INSTALL_FAILED], before=BEFORE,
           after={"products": [], "files": [EXTRACTED + MAIN_PACKAGE]},
           log=[*until_found(), unpack(INSTALLER, 2), *REPAIR[:-1], f"\tResult = {DAMAGED}"])
     assert lab.result.after.files[EXTRACTED + MAIN_PACKAGE] == 200_000
@@ -221,7 +221,7 @@ def test_no_package_at_all(lab):
              "adapters": [{"packages": []}, {"packages": [], "release": "24.10.1", "description": "Second"}],
              "desktop": {"families": ["Halden", "DVR"]}})
     second = inventory(description="Second")[0].replace("DEV_2F11", "DEV_2F12").replace("0&0001", "0&0002")
-    check(lab, r"C:\Program Files\Tavik", exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"],
+    check(lab, r"C:\Program Files\Tavik", outcome="repaired", exit_code=0, boxes=[FINISHED], requests=[f"{PATH} 200"],
           before={"products": ["Tavik DVR 23.40", "Tavik Halden 23.40"]},
           after={"products": ["Tavik DVR 24.20", "Tavik Halden 24.20"]}, log=[
         *opening(), inventory()[0], second, LIST, f"\t [Tavik Corvel 7800] [{RELEASE}] []", "\t [Second] [24.10.1] []",
@@ -250,7 +250,7 @@ def test_names_of_adapters_are_only_text(lab):
                   rf"Found driver {{store{number}}}\u04{number:05}.inf. Version [{RELEASE}]", MATCHING]
     listed = [f"\t [{name}] [{RELEASE}] [{{store{number}}}]" for number, name in enumerate(names, 1)]
     log = "\n".join([*opening("", "24.20"), *lines, LIST, *listed, SAME_EXIT]).split("\n")
-    check(lab, exit_code=-1, boxes=[SAME_RELEASE], requests=[], log=log, after={"products": ["Tavik Halden 24.20"]})
+    check(lab, outcome="same-release", exit_code=-1, boxes=[SAME_RELEASE], requests=[], log=log, after={"products": ["Tavik Halden 24.20"]})
 
 
 def test_name_of_4000_characters_is_cut_in_the_log_and_nowhere_else(lab):
@@ -262,7 +262,7 @@ def test_name_of_4000_characters_is_cut_in_the_log_and_nowhere_else(lab):
     second = DEVICE.replace("DEV_2F11", "DEV_2F12").replace("0&0001", "0&0002")
     lines = [f"{one}{DEVICE}{other}"[:1023], *inventory()[1:3], f"{one}{second} - {name[::-1]}"[:1023], LIST,
              f"\t [{name}"[:1023], SAME_EXIT]
-    check(lab, exit_code=-1, boxes=[SAME_RELEASE], requests=[], log=[*opening("", "24.20"), *lines])
+    check(lab, outcome="same-release", exit_code=-1, boxes=[SAME_RELEASE], requests=[], log=[*opening("", "24.20"), *lines])
     assert max(map(len, lab.result.log)) == 1023
 
 

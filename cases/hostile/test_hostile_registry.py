@@ -70,7 +70,8 @@ def test_versions_and_server_folder(lab, kind):
         server = ["Response code from server: 404",
                   f"Error response code received from https://download.tavik.example{PATH}"]
     same = {"products": ["Tavik Halden 23.40"]}
-    check(lab, exit_code=-1, boxes=[DOWNLOAD_FAILED], before=same, after=same, log=[
+    check(lab, outcome="download-not-there" if folder_text is None else "download-bad-address", exit_code=-1, boxes=[DOWNLOAD_FAILED],
+          before=same, after=same, log=[
         *opening("", version_text or "", driver_text or ""), *inventory(), without_server()[0], *server, NOT_DOWNLOADED])
     assert len(lab.result.requests) == (1 if folder_text is None else 0)
 
@@ -80,14 +81,14 @@ def test_versions_of_a_mebibyte(lab):
     text = "24.20" + "v" * (MEBIBYTE // 2)
     lab.run({"registry": {HL: {"HLVersion": text, "DriverVersion": text}}})
     same = {"products": ["Tavik Halden 23.40"]}
-    check(lab, exit_code=-1, boxes=[SAME_RELEASE], requests=[], before=same, after=same, log=[
+    check(lab, outcome="same-release", exit_code=-1, boxes=[SAME_RELEASE], requests=[], before=same, after=same, log=[
         opening()[0], f"Currently installed VLT is version [{text}"[:1023], *inventory(), SAME_EXIT])
 
 
 def test_server_folder_of_a_mebibyte(lab):
     text = "http://127.0.0.1:1/" + "f" * (MEBIBYTE // 2)
     lab.run({"server": {"reach": "none"}, "registry": {TAVIK: {"DWXServerFolder": text}}})
-    check(lab, exit_code=-1, boxes=[DOWNLOAD_FAILED], before=BEFORE, after=BEFORE, log=[
+    check(lab, outcome="download-bad-address", exit_code=-1, boxes=[DOWNLOAD_FAILED], before=BEFORE, after=BEFORE, log=[
         *opening(), *inventory(), without_server()[0], f"Change server to {text}"[:1023], f"Unable to crack URL: {text}"[:1023],
         NOT_DOWNLOADED])
 
@@ -104,7 +105,7 @@ def test_location_and_install_folder(lab, kind):
     custom = folder_text if folder_text == r"C:\My Apps" else ""  # any other cannot be compared
     one, two = install("Halden")
     same = {"products": ["Tavik Halden 23.40"]}
-    check(lab, exit_code=0, boxes=[FINISHED], before=same, after={**same, "files": [r"C:\My Apps\note.txt"]}, log=[
+    check(lab, outcome="repaired", exit_code=0, boxes=[FINISHED], before=same, after={**same, "files": [r"C:\My Apps\note.txt"]}, log=[
         *until_unpacked(), *(polite if location_text is not None else []), *stop(""), *remove("Halden"), one,
         *([f"Using custom install directory {custom}"] if custom else []), two])
     assert asked_of_msi(lab.result)[-1][1] == INSTALL_PROPERTIES + (f' INSTALLDIR="{custom}"' if custom else "")
@@ -116,7 +117,7 @@ def test_location_of_600_characters_and_install_folder_of_a_mebibyte(lab):
     lab.run(found_there(registry={HALDEN: {"Location": location, "InstallDir": "C:\\" + "l" * (MEBIBYTE // 2)}},
                         faults=[MSI_AGREES]))
     same = {"products": ["Tavik Halden 23.40"]}
-    check(lab, exit_code=0, boxes=[FINISHED], before=same, after=same, log=[
+    check(lab, outcome="repaired", exit_code=0, boxes=[FINISHED], before=same, after=same, log=[
         *until_unpacked(), rf"Launching process {location}\hlcmd.exe exit failed. Error code = {{number}} {{any}}", *stop(""),
         *remove("Halden"), *install("Halden")])
     assert asked_of_msi(lab.result)[-1][1] == INSTALL_PROPERTIES
@@ -131,7 +132,7 @@ def test_location_in_direct_installation(lab, kind):
     lab.run({"desktop": False, "server": {"reach": "none"}, "files": {given: {"program": "CorvelSoftware.exe"}},
              "registry": {HALDEN: {"Location": location}}}, arguments)
     last = [] if text is None else [rf"Launching process {text}\CorvelSoftware.exe  failed. Error code = {{number}} {{any}}"]
-    check(lab, exit_code=QUIET_END if text is None else 0, boxes=[], crash=text is None, before={"products": []},
+    check(lab, outcome="direct-installer-empty", exit_code=QUIET_END if text is None else 0, boxes=[], crash=text is None, before={"products": []},
           after={"products": [], "files": [given]}, log=[
         opening(arguments)[0], unpack(given),
         "Unable to find {temp}Tavik_VLTInstallerDownload\\LPInstaller" + MAIN_PACKAGE + ".", *last])
@@ -163,7 +164,7 @@ def test_release_of_every_kind(lab):
 @pytest.mark.quick
 def test_the_only_adapter_has_no_release(lab):
     lab.run({"adapters": [{"release": kinds(RELEASE)["binary"][0]}]})
-    check(lab, exit_code=-1, boxes=[NO_ADAPTER], requests=[], before=BEFORE, after=BEFORE, log=[
+    check(lab, outcome="no-usable-driver", exit_code=-1, boxes=[NO_ADAPTER], requests=[], before=BEFORE, after=BEFORE, log=[
         *opening(), f"Unable to find ReleaseVersion regkey for [{NAME}] - [{DEVICE}]. Unable to get registry value: {{any}}",
         LIST,
         "Unable to find installed Tavik display adapters. Exiting."])
@@ -206,7 +207,7 @@ def test_releases_that_are_none_can_still_be_the_same(lab, release, version):
     if version == "2-x":
         check_ends_without_server(lab, lines, folder="", prefix="2", before=same, after=same)
     else:
-        check(lab, exit_code=-1, boxes=[SAME_RELEASE], requests=[], before=same, after=same, log=[*lines, SAME_EXIT])
+        check(lab, outcome="same-release", exit_code=-1, boxes=[SAME_RELEASE], requests=[], before=same, after=same, log=[*lines, SAME_EXIT])
 
 
 def test_release_of_a_mebibyte(lab):
@@ -216,12 +217,13 @@ def test_release_of_a_mebibyte(lab):
     check_ends_without_server(lab, [*opening(), *device[:2], LIST, f"\t [{NAME}] [{release}"[:1023]], folder="")
 
 
-@pytest.mark.parametrize("release, status", [("%s%n%d.1", 400), ("-", 404), ("a?b#c", 404), ("../x/", 404)])
-def test_release_becomes_a_part_of_the_address_as_it_is(lab, release, status):
+@pytest.mark.parametrize("release, status, outcome", [
+    ("%s%n%d.1", 400, "download-refused"), *((release, 404, "download-not-there") for release in ("-", "a?b#c", "../x/"))])
+def test_release_becomes_a_part_of_the_address_as_it_is(lab, release, status, outcome):
     """Whatever the server makes of it, the run ends in order."""
     lab.run({"adapters": [{"release": release, "packages": []}]})
     prefix = release.partition("-")[0][:5]
-    check(lab, exit_code=-1, boxes=[DOWNLOAD_FAILED], before=BEFORE, after=BEFORE, log=[
+    check(lab, outcome=outcome, exit_code=-1, boxes=[DOWNLOAD_FAILED], before=BEFORE, after=BEFORE, log=[
         *opening(), inventory()[0], LIST, f"\t [{NAME}] [{release}] []", without_server("", prefix)[0],
         "Change server to http://{server}/drivers/installer/vlt/.", f"Response code from server: {status}",
         f"Error response code received from http://{{server}}/drivers/installer/vlt/{prefix}/dwx2_install.txt", NOT_DOWNLOADED])

@@ -31,7 +31,7 @@ def listening(result) -> dict[str, bool]:
 def test_order_and_wording(lab):
     """The application is asked before it is killed, although both succeed; the lines in full."""
     lab.run(pretended())
-    lab.check(exit_code=0, boxes=[FINISHED], log=[
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[
         *until_unpacked(),
         r"Process C:\Program Files\Tavik\Halden\hlcmd.exe exit completed with exit code 0",
         r'Process C:\windows\system32\taskkill.exe  /IM "hlcmd.exe" /F completed with exit code 128',
@@ -43,7 +43,7 @@ def test_order_and_wording(lab):
 
 def test_command_tool_is_started_hidden_in_the_tools_own_folder(lab):
     result = lab.run(pretended())
-    lab.check(exit_code=0, boxes=[FINISHED])
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED])
     assert len(result.programs) == 1
     line = rf'hlcmd.exe pid=PID; show=0; folder="C:\windows\system32"; command="""{HOME}\hlcmd.exe"" exit"'
     assert re.sub("pid=[0-9]+", "pid=PID", result.programs[0]) == line
@@ -53,7 +53,7 @@ def test_command_tool_is_started_hidden_in_the_tools_own_folder(lab):
 def test_programs_that_listen_end_by_themselves(lab):
     names = ["CorvelSoftware.exe", "CorvelSettings.exe"]
     result = lab.run(found(running=[rf"{HOME}\{name}" for name in names]))
-    lab.check(exit_code=0, boxes=[FINISHED], after=REPAIRED, log=[*until_unpacked(), *stop(), *DONE])
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], after=REPAIRED, log=[*until_unpacked(), *stop(), *DONE])
     assert listening(result) == {name: False for name in names}
 
 
@@ -66,7 +66,7 @@ def test_programs_that_do_not_listen_are_killed(lab):
     names = [program.rpartition("\\")[2] for program in programs]
     families = ("Halden", "DVR", "PXL")
     result = lab.run(found(desktop={"families": list(families)}, running=programs, programs={f"{name}.deaf": True for name in names}))
-    lab.check(exit_code=0, boxes=[FINISHED], after={"products": ["Tavik DVR 24.20", "Tavik Halden 24.20", "Tavik PXL 24.20"]},
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], after={"products": ["Tavik DVR 24.20", "Tavik Halden 24.20", "Tavik PXL 24.20"]},
               log=[*until_unpacked(), *stop(running=IMAGES[1:]), *(line for family in families for line in remove(family)),
                    *(line for family in families for line in install(family))])
     assert listening(result) == {name: False for name in names}
@@ -76,7 +76,7 @@ def test_every_process_of_a_name_is_killed_wherever_it_lies(lab):
     other = r"C:\Other\corvelSOFTWARE.exe"
     result = lab.run(pretended(files={other: {"program": "CorvelSoftware.exe"}}, programs={"CorvelSoftware.exe.deaf": True},
                                running=[rf"{HOME}\CorvelSoftware.exe", other, other]))
-    lab.check(exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *stop(running=("Corvelsoftware.exe",)), *DONE])
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *stop(running=("Corvelsoftware.exe",)), *DONE])
     assert [program["running"] for program in result.started_before] == [False] * 3
 
 
@@ -86,7 +86,7 @@ def test_other_programs_are_left_alone(lab):
     programs = [rf"C:\Other\{name}" for name in names]
     result = lab.run(pretended(files={program: {"program": "CorvelSoftware.exe"} for program in programs}, running=programs,
                                programs={f"{name}.deaf": True for name in names}))
-    lab.check(exit_code=0, boxes=[FINISHED], running=names, log=[*until_unpacked(), *stop(), *DONE])
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], running=names, log=[*until_unpacked(), *stop(), *DONE])
     assert listening(result) == {name: True for name in names}
 
 
@@ -95,7 +95,7 @@ def test_a_refusing_command_tool_does_not_matter(lab):
     program = rf"{HOME}\CorvelSoftware.exe"
     result = lab.run(pretended(running=[program], programs={"hlcmd.exe.exit": 3, "hlcmd.exe.ignore": True}))
     polite, *kills = stop(running=("Corvelsoftware.exe",))
-    lab.check(exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), polite.replace("code 0", "code 3"), *kills, *DONE])
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), polite.replace("code 0", "code 3"), *kills, *DONE])
     assert listening(result) == {"CorvelSoftware.exe": False}
 
 
@@ -103,7 +103,7 @@ def test_a_refusing_command_tool_does_not_matter(lab):
 def test_missing_command_tool(lab):
     lab.run(pretended(remove=[rf"{HOME}\hlcmd.exe"], running=[rf"{HOME}\CorvelSettings.exe"]))
     polite, *kills = stop(running=("CorvelSettings.exe",))
-    lab.check(exit_code=0, boxes=[FINISHED], before={"missing": [rf"{HOME}\hlcmd.exe"]}, log=[
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], before={"missing": [rf"{HOME}\hlcmd.exe"]}, log=[
         *until_unpacked(), rf"Launching process {HOME}\hlcmd.exe exit {NOT_FOUND}", *kills, *DONE])
 
 
@@ -113,7 +113,7 @@ def test_missing_command_tool(lab):
     {"registry": {INSTALL_KEY: {"Location": [HOME]}}}], ids=["no key", "no value", "number", "list"])
 def test_unknown_location_is_passed_over_in_silence(lab, changes):
     result = lab.run(pretended(running=[rf"{HOME}\CorvelSoftware.exe"], **changes))
-    lab.check(exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *stop("", running=("Corvelsoftware.exe",)), *DONE])
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *stop("", running=("Corvelsoftware.exe",)), *DONE])
     assert not any(line.startswith("hlcmd.exe") for line in result.programs)
 
 
@@ -123,14 +123,14 @@ def test_location_is_taken_as_it_is(lab, location):
     """A backslash at its end gives two."""
     lab.run(pretended(registry={INSTALL_KEY: {"Location": location}},
                       files={r"C:\My Apps\x y\hlcmd.exe": {"program": "hlcmd.exe"}}))
-    lab.check(exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *stop(location), *DONE])
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *stop(location), *DONE])
     assert len(lab.result.programs) == 1 and lab.result.programs[0].startswith("hlcmd.exe ")
 
 
 @pytest.mark.parametrize("location, failure", [(r"C:\Gone", "failed. Error code = 3 Path not found. "), ("", NOT_FOUND)])
 def test_location_without_command_tool(lab, location, failure):
     lab.run(pretended(registry={INSTALL_KEY: {"Location": location}}))
-    lab.check(exit_code=0, boxes=[FINISHED], log=[
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[
         *until_unpacked(), rf"Launching process {location}\hlcmd.exe exit {failure}", *stop(""), *DONE])
 
 
@@ -138,6 +138,6 @@ def test_location_without_command_tool(lab, location, failure):
 def test_command_tool_that_hangs_is_left_after_half_a_minute_and_killed(lab):
     lab.run(pretended(programs={"hlcmd.exe.stay": "forever"}), timeout=90)
     polite, *kills = stop(running=("hlcmd.exe",))
-    lab.check(exit_code=0, boxes=[FINISHED], running=[], log=[
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], running=[], log=[
         *until_unpacked(), polite.replace("code 0", "code 259"), *kills, *DONE])
     assert 30000 <= lab.result.instances[0]["ended"] - lab.result.instances[0]["started"] < 60000

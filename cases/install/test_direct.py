@@ -8,7 +8,7 @@ from typing import Any
 
 import pytest
 
-from cases.support.expect import CAPTION, CHECKING, FINISHED, INSTALLING, SAME_RELEASE, install, opening, remove, stop, unpack
+from cases.support.expect import CAPTION, CHECKING, FINISHED, INSTALL_FAILED, INSTALLING, SAME_RELEASE, install, opening, remove, stop, unpack
 from lab import paths
 from lab.machine import Machine
 from lab.prefix import Prefix
@@ -70,7 +70,7 @@ def check_application_started(result, folder: str = FOLDER) -> None:
 @pytest.mark.quick
 def test_the_desktop_edition_takes_the_store_editions_place(lab):
     result = lab.run(given(store=store(package(), package(OTHER), package(EARLIER, "1.2.3.4", ok=False))), SWITCHES)
-    lab.check(exit_code=0, boxes=[], requests=[], before={"values": {MARKER: None}}, after=ALL, log=[
+    lab.check(outcome="direct-done", exit_code=0, boxes=[], requests=[], before={"values": {MARKER: None}}, after=ALL, log=[
         *started(), *NEW_LOG, *REMOVED, f"Remvoing {EARLIER} - version 1.2.3.4", "\t Result = 0 ", application()])
     assert result.store_left == [OTHER]
     assert [line.rpartition("options=")[2].split()[0] for line in asked(result, "RemovePackage")] == ["0x80000", "0x80000"]
@@ -82,14 +82,14 @@ def test_the_desktop_edition_takes_the_store_editions_place(lab):
 
 def test_the_window_shows_what_it_does(lab):
     result = lab.run(given(), SWITCHES)
-    lab.check(exit_code=0, boxes=[], after=ALL)
+    lab.check(outcome="direct-done", exit_code=0, boxes=[], after=ALL)
     assert result.status_texts == [CHECKING, INSTALLING]
     assert any(sample["visible"] and sample["line"] == INSTALLING and sample["title"] == CAPTION for sample in result.status)
 
 
 def test_the_switch_silent_does_not_hide_the_window(lab):
     result = lab.run(given(), f"-SILENT {SWITCHES}")
-    lab.check(exit_code=0, boxes=[], after=ALL, log=[*started(f"-SILENT {SWITCHES}"), *NEW_LOG, application()])
+    lab.check(outcome="direct-done", exit_code=0, boxes=[], after=ALL, log=[*started(f"-SILENT {SWITCHES}"), *NEW_LOG, application()])
     assert any(sample["visible"] and sample["line"] == INSTALLING for sample in result.status)
 
 
@@ -97,14 +97,14 @@ def test_the_switch_silent_does_not_hide_the_window(lab):
                                        f'-VLT -VLT -Install -Path C:\\nothing.exe -Path "{GIVEN}" -Unknown /VLT'])
 def test_switches_in_other_spellings_and_orders(lab, arguments):
     lab.run(given(), arguments)
-    lab.check(exit_code=0, boxes=[], after=ALL, log=[*started(arguments), *NEW_LOG, application()])
+    lab.check(outcome="direct-done", exit_code=0, boxes=[], after=ALL, log=[*started(arguments), *NEW_LOG, application()])
 
 
 # Proves: The desktop edition was there before
 def test_an_installed_desktop_edition_is_replaced_family_by_family(lab):
     old = {"release": "23.40", "families": ["Halden", "DVR"]}
     result = lab.run(given(desktop=old, store=store(package())), SWITCHES)
-    lab.check(exit_code=0, boxes=[], before={"products": ["Tavik DVR 23.40", "Tavik Halden 23.40"]},
+    lab.check(outcome="direct-done", exit_code=0, boxes=[], before={"products": ["Tavik DVR 23.40", "Tavik Halden 23.40"]},
               after={"products": ["Tavik DVR 24.20", "Tavik Halden 24.20"], "values": {MARKER: None}},
               log=[*started(), unpack(GIVEN), *stop(), *remove("Halden"), *remove("DVR"), *install("Halden"), *install("DVR"), application()])
     assert result.store_left == [CORVEL] and result.store_calls == []
@@ -113,33 +113,33 @@ def test_an_installed_desktop_edition_is_replaced_family_by_family(lab):
 
 def test_the_same_release_is_installed_again_without_a_question(lab):
     lab.run(given(desktop={"release": "24.20"}), SWITCHES)
-    lab.check(exit_code=0, boxes=[], after={"products": ["Tavik Halden 24.20"], "values": {MARKER: None}},
+    lab.check(outcome="direct-done", exit_code=0, boxes=[], after={"products": ["Tavik Halden 24.20"], "values": {MARKER: None}},
               log=[*started(), unpack(GIVEN), *stop(), *remove("Halden"), *install("Halden"), application()])
 
 
 def test_optional_families_without_the_main_one_count_as_missing(lab):
     lab.run(given(desktop={"packages": ["DVR-23.40"]}, store=store(package())), SWITCHES)
-    lab.check(exit_code=0, boxes=[], after=ALL, log=[
+    lab.check(outcome="direct-done", exit_code=0, boxes=[], after=ALL, log=[
         *started(), unpack(GIVEN), *stop(""), *remove("DVR"), *install("Halden"), *install("DVR"), *install("PXL"), *REMOVED, application()])
 
 
 def test_a_machine_without_an_adapter_of_the_maker_is_no_matter(lab):
     lab.run(given(adapters=[]), SWITCHES)
-    lab.check(exit_code=0, boxes=[], after=ALL, log=[*started(), *NEW_LOG, application()])
+    lab.check(outcome="direct-done", exit_code=0, boxes=[], after=ALL, log=[*started(), *NEW_LOG, application()])
 
 
 # Proves: The application's programs run => they are stopped as in a repair
 def test_running_programs_are_stopped_before(lab):
     old = {"release": "23.40"}
     lab.run(given(desktop=old, running=[rf"{FOLDER}\CorvelSettings.exe"], programs={"CorvelSettings.exe.deaf": True}), SWITCHES)
-    lab.check(exit_code=0, boxes=[], after={"products": ["Tavik Halden 24.20"]}, log=[
+    lab.check(outcome="direct-done", exit_code=0, boxes=[], after={"products": ["Tavik Halden 24.20"]}, log=[
         *started(), unpack(GIVEN), *stop(running=("CorvelSettings.exe",)), *remove("Halden"), *install("Halden"), application()])
 
 
 def test_a_restart_that_is_wanted_is_a_success(lab):
     lab.run(given("24.20-reboot", store=store(package())), SWITCHES)
     main = install("Halden")
-    lab.check(exit_code=0, boxes=[], after=ALL, log=[
+    lab.check(outcome="direct-restart", exit_code=0, boxes=[], after=ALL, log=[
         *started(), unpack(GIVEN), *stop(""), main[0],
         "System reboot may be required for {temp}Tavik_VLTInstallerDownload\\LPInstaller\\HL\\halden\\halden64\\dwx-next64.msi.", main[1],
         *install("DVR"), *install("PXL"), *REMOVED, application()])
@@ -148,14 +148,14 @@ def test_a_restart_that_is_wanted_is_a_success(lab):
 # Proves: Exit codes above 0x7FFFFFFF
 def test_the_applications_exit_code_is_only_logged(lab):
     lab.run(given(programs={"CorvelSoftware.exe.exit": "0xC0000005"}), SWITCHES)
-    lab.check(exit_code=0, boxes=[], after=ALL, log=[*started(), *NEW_LOG, application(-1073741819)])
+    lab.check(outcome="direct-done", exit_code=0, boxes=[], after=ALL, log=[*started(), *NEW_LOG, application(-1073741819)])
 
 
 # Proves: The application stays => it is waited for 30 seconds and left running; exit code 0, no box
 # Proves: It outlives the wait
 def test_an_application_that_stays_is_waited_for_30_seconds_and_left_running(lab):
     result = lab.run(given("24.20-nomain", programs={"CorvelSoftware.exe.stay": "forever"}, **kept_application()), SWITCHES, timeout=90)
-    lab.check(exit_code=0, boxes=[], running=["CorvelSoftware.exe"], log=[
+    lab.check(outcome="direct-installer-empty", exit_code=0, boxes=[], running=["CorvelSoftware.exe"], log=[
         *started(), unpack(GIVEN), "Unable to find {temp}Tavik_VLTInstallerDownload\\LPInstaller\\HL\\halden\\halden64\\dwx-next64.msi.",
         application(259, KEPT)])
     assert 30_000 <= result.instances[0]["ended"] - result.instances[0]["started"] < 60_000
@@ -164,7 +164,7 @@ def test_an_application_that_stays_is_waited_for_30_seconds_and_left_running(lab
 # Proves: The installation fails, or the installer unpacks nothing
 def test_a_failed_installation_is_not_reported_and_the_application_starts(lab):
     result = lab.run(given("24.20-fail", store=store(package()), **kept_application()), SWITCHES)
-    lab.check(exit_code=0, boxes=[], after={"products": ["Tavik DVR 24.20", "Tavik PXL 24.20"], "values": {MARKER: None}}, log=[
+    lab.check(outcome="direct-failed", exit_code=0, boxes=[], after={"products": ["Tavik DVR 24.20", "Tavik PXL 24.20"], "values": {MARKER: None}}, log=[
         *started(), unpack(GIVEN), *stop(KEPT), *install("Halden", 1603), *install("DVR"), *install("PXL"), application(folder=KEPT)])
     assert result.store_left == [CORVEL] and result.store_calls == []
     check_application_started(result, KEPT)
@@ -173,7 +173,7 @@ def test_a_failed_installation_is_not_reported_and_the_application_starts(lab):
 @pytest.mark.parametrize("release, installer, code", [("24.20-nomain", {}, 0), ("24.20", {"exit": 7, "extract": "no"}, 7)])
 def test_an_installer_that_unpacks_nothing_useful(lab, release, installer, code):
     result = lab.run(given(release, store=store(package()), installer=installer, **kept_application()), SWITCHES)
-    lab.check(exit_code=0, boxes=[], after={"products": [], "values": {MARKER: None}}, log=[
+    lab.check(outcome="direct-installer-empty", exit_code=0, boxes=[], after={"products": [], "values": {MARKER: None}}, log=[
         *started(), unpack(GIVEN, code), "Unable to find {temp}Tavik_VLTInstallerDownload\\LPInstaller\\HL\\halden\\halden64\\dwx-next64.msi.",
         application(folder=KEPT)])
     assert result.store_left == [CORVEL] and result.store_calls == []
@@ -184,7 +184,7 @@ def test_an_installer_that_unpacks_nothing_useful(lab, release, installer, code)
 @pytest.mark.parametrize("location, why", [(r"C:\Nowhere", "3 Path not found. "), (r"C:\Given folder", "2 File not found. ")])
 def test_a_location_without_the_application(lab, location, why):
     lab.run(given("24.20-nomain", registry={HALDEN: {"Location": location}}), SWITCHES)
-    lab.check(exit_code=0, boxes=[], log=[
+    lab.check(outcome="direct-installer-empty", exit_code=0, boxes=[], log=[
         *started(), unpack(GIVEN), "Unable to find {temp}Tavik_VLTInstallerDownload\\LPInstaller\\HL\\halden\\halden64\\dwx-next64.msi.",
         rf"Launching process {location}\CorvelSoftware.exe  failed. Error code = {why}"])
 
@@ -196,7 +196,7 @@ def test_an_exception_during_the_installation(lab, arguments):
     changes = kept_application()
     changes["files"][r"C:\users\root\Temp\Tavik_VLTInstallerDownload"] = "a file, not a folder"
     result = lab.run(given(store=store(package()), **changes), arguments)
-    lab.check(exit_code=-1, boxes=[UPDATE_FAILED], after={"products": [], "values": {MARKER: None}},
+    lab.check(outcome="folder-not-prepared", exit_code=-1, boxes=[UPDATE_FAILED], after={"products": [], "values": {MARKER: None}},
               log=[*started(arguments), "\tException occured during installation. {any}create_directories{any}"])
     assert (result.programs, result.installer, result.store_calls) == ([], [], [])
 
@@ -206,7 +206,7 @@ def test_a_marker_that_cannot_be_written_is_logged(lab):
     late = store(package(completion="later:1500"))  # the package of the DVR comes before, and writes nothing there
     result = lab.run(given(store=late), SWITCHES, when=[rf"file C:\Program Files\Tavik\DVR\release.txt : deny {INSTALL_KEY}"])
     assert [action["done"] for action in result.actions] == [True]
-    lab.check(exit_code=0, boxes=[], after={**ALL, "values": {MARKER: None}}, log=[
+    lab.check(outcome="direct-not-marked", exit_code=0, boxes=[], after={**ALL, "values": {MARKER: None}}, log=[
         *started(), *NEW_LOG, *REMOVED, "Unable to create VLTUWPReplaced registry key SOFTWARE\\Orrel Technologies\\Install\\", application()])
     check_application_started(result)
 
@@ -214,7 +214,7 @@ def test_a_marker_that_cannot_be_written_is_logged(lab):
 # Proves: A marker is there already, even of another type => it is replaced
 def test_a_marker_of_another_kind_is_replaced(lab):
     lab.run(given(registry={rf"HKLM\{INSTALL_KEY}": {"VLTUWPReplaced": "yes"}}), SWITCHES)
-    lab.check(exit_code=0, boxes=[], before={"values": {MARKER: "yes"}}, after=ALL)
+    lab.check(outcome="direct-done", exit_code=0, boxes=[], before={"values": {MARKER: "yes"}}, after=ALL)
 
 
 # Proves: A Store package stays, or the Store cannot be asked
@@ -222,14 +222,14 @@ def test_a_marker_of_another_kind_is_replaced(lab):
 def test_the_marker_is_written_although_a_store_package_stays(lab, failure):
     text = "Operation canceled by user." if failure == "canceled" else "It is in use."
     lab.run(given(store=store(package(removal_end=failure))), SWITCHES)
-    lab.check(exit_code=0, boxes=[], after=ALL, log=[
+    lab.check(outcome="direct-store-left", exit_code=0, boxes=[], after=ALL, log=[
         *started(), *NEW_LOG, REMOVED[0], f"Exception {text} when enumerating info for {CORVEL}", application()])
     assert lab.result.store_left == [CORVEL]
 
 
 def test_a_system_without_the_package_manager(lab):
     lab.run(given(store=False), SWITCHES)
-    lab.check(exit_code=0, boxes=[], after=ALL, log=[
+    lab.check(outcome="direct-store-left", exit_code=0, boxes=[], after=ALL, log=[
         *started(), *NEW_LOG, "Exception [] when searching for UWP version of VLT", application()])
 
 
@@ -238,7 +238,7 @@ def test_a_system_without_the_package_manager(lab):
 @pytest.mark.parametrize("registry", [{}, {HALDEN: {"InstallDir": KEPT}}, {HALDEN: {"Location": 5}}, {HALDEN: {"Location": [KEPT]}}])
 def test_without_a_location_the_run_ends_quietly(lab, registry):
     result = lab.run(given("24.20-nomain", registry=registry), SWITCHES)
-    lab.check(exit_code=QUIET_END, boxes=[], log=[
+    lab.check(outcome="direct-installer-empty", exit_code=QUIET_END, boxes=[], log=[
         *started(), unpack(GIVEN), "Unable to find {temp}Tavik_VLTInstallerDownload\\LPInstaller\\HL\\halden\\halden64\\dwx-next64.msi."])
     assert result.instances[0]["ended"] - result.instances[0]["started"] < 10_000
     assert result.programs == []
@@ -246,7 +246,7 @@ def test_without_a_location_the_run_ends_quietly(lab, registry):
 
 def test_a_failed_replacement_leaves_no_location(lab):
     lab.run(given("24.20-fail", desktop={"release": "23.40"}), SWITCHES)
-    lab.check(exit_code=QUIET_END, boxes=[], after={"products": []},
+    lab.check(outcome="direct-failed", exit_code=QUIET_END, boxes=[], after={"products": []},
               log=[*started(), unpack(GIVEN), *stop(), *remove("Halden"), *install("Halden", 1603)])
 
 
@@ -269,7 +269,7 @@ def missing(path: str) -> list[str]:
     (r'-VLT -Install -Path "C:\no \"such\" file"', 'C:\\no "such" file')])
 def test_a_given_file_that_is_missing(lab, arguments, path):
     result = lab.run(given(), arguments)
-    lab.check(exit_code=2, boxes=[], requests=[], after={"products": []}, log=[*started(arguments), *missing(path)])
+    lab.check(outcome="direct-file-missing", exit_code=2, boxes=[], requests=[], after={"products": []}, log=[*started(arguments), *missing(path)])
     assert result.output == [f"The given location does not contain the file : {path}"]
     assert (result.status, result.installer, result.programs) == ([], [], [])
 
@@ -311,14 +311,14 @@ def test_the_text_goes_into_a_pipe_as_well(tmp_path):
                                        "-VLT -Path -Install", "-Install -Path -VLT", f'-VLT -Installs -Path "{GIVEN}"'])
 def test_half_of_the_switches_is_the_ordinary_check(lab, arguments):
     result = lab.run(given(desktop={"release": "24.20"}), arguments)
-    lab.check(exit_code=-1, boxes=[SAME_RELEASE], after={"products": ["Tavik Halden 24.20"]})
+    lab.check(outcome="same-release", exit_code=-1, boxes=[SAME_RELEASE], after={"products": ["Tavik Halden 24.20"]})
     assert result.log[:2] == opening(arguments, "24.20") and result.log[-1] == f"{SAME} Exiting."
     assert (result.installer, result.programs, result.output) == ([], [], [""])
 
 
 def test_a_path_that_swallows_the_switch_silent(lab):
     lab.run({"desktop": {"release": "24.20"}}, "-Path -SILENT")
-    lab.check(exit_code=-1, boxes=[SAME_RELEASE])
+    lab.check(outcome="same-release", exit_code=-1, boxes=[SAME_RELEASE])
 
 
 # The instance event.
@@ -326,7 +326,7 @@ def test_a_path_that_swallows_the_switch_silent(lab):
 def test_direct_installation_beside_a_running_check(lab):
     machine = given("24.20-nomain", desktop={"release": "24.20"})
     result = lab.run(machine, when=[f"box : second {SWITCHES}"])
-    lab.check(exit_code=-1, boxes=[SAME_RELEASE])
+    lab.check(outcome="same-release, direct-installer-empty", exit_code=-1, boxes=[SAME_RELEASE])
     assert result.instances[1]["exit_code"] == 0
     assert result.logs[1][0] == started()[0] and result.logs[1][-1] == application()
     assert [box for box in result.boxes if box["instance"] == 1] == []
@@ -335,19 +335,19 @@ def test_direct_installation_beside_a_running_check(lab):
 def test_a_check_beside_a_running_direct_installation(lab):
     machine = given("24.20-nomain", desktop={"release": "24.20"}, installer={"sleep": 2500})
     result = lab.run(machine, SWITCHES, when=[f"text {INSTALLING} : watch Tavik_Software_Repair_Tool_Mutex", f"text {INSTALLING} : second"])
-    lab.check(exit_code=0, boxes=[])
+    lab.check(outcome="direct-installer-empty, same-release", exit_code=0, boxes=[])
     assert [action["done"] for action in result.actions] == [False, True]
     assert result.instances[1]["exit_code"] == -1 and result.logs[1][-1] == f"{SAME} Exiting."
     assert [(box["icon"], box["text"]) for box in result.boxes] == [SAME_RELEASE]
 
 
 # Proves: The run ends
-@pytest.mark.parametrize("machine, box", [
-    ({"desktop": {"release": "24.20"}}, SAME_RELEASE),
-    ({"desktop": False, "store": {"packages": [package()]}}, FINISHED),
-    ({"desktop": False, "store": {"packages": [package()], "service": {"state": 4}}}, ("error", "Error installing Tavik Software."))])
-def test_the_instance_event_is_set_at_the_end_of_a_check(lab, machine, box):
+@pytest.mark.parametrize("machine, outcome, box", [
+    ({"desktop": {"release": "24.20"}}, "same-release", SAME_RELEASE),
+    ({"desktop": False, "store": {"packages": [package()]}}, "store-installed", FINISHED),
+    ({"desktop": False, "store": {"packages": [package()], "service": {"state": 4}}}, "store-not-completed", INSTALL_FAILED)])
+def test_the_instance_event_is_set_at_the_end_of_a_check(lab, machine, outcome, box):
     result = lab.run(machine, when=["box : watch Tavik_Software_Repair_Tool_Mutex"])
-    lab.check(exit_code=0 if box == FINISHED else -1, boxes=[box])
+    lab.check(outcome=outcome, exit_code=0 if box == FINISHED else -1, boxes=[box])
     assert [action["done"] for action in result.actions] == [True]
     assert result.event == "set"

@@ -14,7 +14,7 @@ from cases.support.expect import (FINISHED, INSTALL_FAILED, NOT_INSTALLED, SAME_
                     stop, unpack)
 from lab.result import Result
 from cases.support.repair import FOLDER, found, until_unpacked
-from cases.support.store import CORVEL, EARLIER, INSTALLED, OTHER, SAME, package, store_only
+from cases.support.store import CORVEL, EARLIER, INSTALLED, NEWER, NOTHING, OTHER, SAME, package, store_only
 
 KILLED = 9
 JUST_STARTED = ("taskkill.exe", "hlcmd.exe", "DWX2_Install.exe")
@@ -23,13 +23,13 @@ OLD, NEW = [[f"Tavik {family} {release}" for family in sorted(FAMILIES)] for rel
 MARKER = FOLDER + r"\~.tmp"
 DOWNLOADED = TEMP + r"Tavik_VLTInstallerDownload\dwx2_install.exe"
 HALDEN_FILE = r"C:\Program Files\Tavik\Halden\release.txt"
-NEW_STORE = "TavikSystemsInc-2.TavikCorvelSoftware_2.24.20.0_x64__0a9344xs7nr4m"
+IMAGES = ("hlcmd.exe", "CorvelSettings.exe", "Corvelsoftware.exe", "tavikow.exe", "TavikLPServ.exe")
 
-# How a second run ends: exit code, message box, last line of its log (None: the result of the last installation).
-REPAIRS = (0, FINISHED, None)
-IS_SAME = (-1, SAME_RELEASE, f"{SAME} Exiting.")
-FINDS_NOTHING = (-1, NOT_INSTALLED, "User does not have VLT installed. Exiting.")
-GETS_IT_FROM_THE_STORE = (0, FINISHED, INSTALLED)
+# How a second run ends: outcome, exit code, message box, last line of its log.
+REPAIRS = ("repaired", 0, FINISHED, "\tResult = 0")
+IS_SAME = ("same-release", -1, SAME_RELEASE, f"{SAME} Exiting.")
+FINDS_NOTHING = ("no-application", -1, NOT_INSTALLED, f"{NOTHING} Exiting.")
+GETS_IT_FROM_THE_STORE = ("store-installed", 0, FINISHED, INSTALLED)
 
 
 def desktop(**changes: Any) -> dict[str, Any]:
@@ -54,9 +54,11 @@ def kill_and_start_again(lab, machine: dict[str, Any], arguments: str = "", *, w
     return result
 
 
-def check_second(result: Result, outcome: tuple, *, products: list[str], store: tuple[str, ...] = ()) -> None:
-    code, box, last = outcome
-    assert (result.again.exit_code, result.logs[-1][-1]) == (code, last if last else "\tResult = 0")
+def check_second(lab, end: tuple, *, products: list[str], store: tuple[str, ...] = ()) -> None:
+    result = lab.result
+    outcome, code, box, last = end
+    lab.outcome(f"interrupted, {outcome}")
+    assert (result.again.exit_code, result.logs[-1][-1]) == (code, last)
     assert [(one["icon"], one["text"]) for one in result.again.boxes] == [box]
     assert (result.after.products, tuple(result.store_left)) == (products, store)
     missing = {MARKER.lower(), DOWNLOADED.lower() + ".tmp"}
@@ -90,7 +92,7 @@ REPAIR = [*stop(), *(line for family in FAMILIES for line in remove(family)),
 def test_before_anything_is_changed(lab, point):
     result = kill_and_start_again(lab, desktop(**exits(point)))
     check_point(result, point)
-    check_second(result, REPAIRS, products=NEW)
+    check_second(lab, REPAIRS, products=NEW)
     check_log(lab, [*until_unpacked(), *REPAIR])
 
 
@@ -103,19 +105,19 @@ def test_between_two_packages(lab, number, outcome, products):
     """The call with this number is not made any more: three removals, then three installations."""
     result = kill_and_start_again(lab, desktop(**exits(f"msi!MsiInstallProductW {number}")))
     check_point(result, f"msi!MsiInstallProductW {number}")
-    check_second(result, outcome, products=products)
+    check_second(lab, outcome, products=products)
 
 
 @pytest.mark.parametrize("number", [2, 4])
 def test_without_the_main_package_the_store_edition_is_brought_when_forced(lab, number):
-    machine = desktop(**exits(f"msi!MsiInstallProductW {number}"), store={"service": {"installs": f"{NEW_STORE} | 2.24.20.0"}})
+    machine = desktop(**exits(f"msi!MsiInstallProductW {number}"), store={"service": {"installs": f"{NEWER} | 2.24.20.0"}})
     result = kill_and_start_again(lab, machine, then="-FORCE")
-    check_second(result, GETS_IT_FROM_THE_STORE, products=OLD[:1] + OLD[2:] if number == 2 else [], store=(NEW_STORE,))
+    check_second(lab, GETS_IT_FROM_THE_STORE, products=OLD[:1] + OLD[2:] if number == 2 else [], store=(NEWER,))
 
 
 # Where no call can be caught: killed as soon as something is seen, so not always at the same place.
 
-def outcomes(log: list[str]) -> list[tuple]:
+def allowed_after(log: list[str]) -> list[tuple]:
     """What may come of the second run, by what the first one has done for sure and what it had begun."""
     done = [line for line in log if line.startswith(("Uninstalling", "Installing", "\tResult"))]
     if len(done) < 2:
@@ -126,11 +128,11 @@ def outcomes(log: list[str]) -> list[tuple]:
 
 
 def check_seen(lab, result: Result) -> None:
-    allowed = outcomes(result.logs[0] if len(result.logs) == 2 else [])
+    allowed = allowed_after(result.logs[0] if len(result.logs) == 2 else [])
     end = (result.again.exit_code, result.logs[-1][-1])
-    outcome = next((one for one in allowed if end == (one[0], one[2] or "\tResult = 0")), None)
+    outcome = next((one for one in allowed if end == (one[1], one[3])), None)
     assert outcome is not None, (end, allowed)
-    assert [box["text"] for box in result.again.boxes] == [outcome[1][1]]
+    assert [box["text"] for box in result.again.boxes] == [outcome[2][1]]
     main = [] if outcome is FINDS_NOTHING else ["Tavik Halden 24.20"]
     assert [name for name in result.after.products if "Halden" in name] == main
     first = result.log if len(result.logs) == 2 else []
@@ -139,18 +141,23 @@ def check_seen(lab, result: Result) -> None:
     assert MARKER not in result.after.files
 
 
-KILL = r'taskkill.exe  /IM "{}" /F completed'.format
+ANY = "interrupted, repaired | no-application | same-release"  # what fits how far the first run came is checked in check_seen
+EARLY = "interrupted | no-log, repaired"
 
 
-@pytest.mark.parametrize("when", [
-    ("start",), ("window",), ("after 60",), ("log Launched",), (r"file C:\lab\programs.txt",),
-    ("log hlcmd.exe exit completed",), (f"log {KILL('hlcmd.exe')}",), (f"log {KILL('CorvelSettings.exe')}",),
-    (f"log {KILL('Corvelsoftware.exe')}",), (f"log {KILL('tavikow.exe')}",), (f"log {KILL('TavikLPServ.exe')}",),
-    ("log Uninstalling installed Halden",), ("log Uninstalling installed DVR",), ("log Uninstalling installed PXL",),
-    ("log Installing",), ("log dwx-next64.msi : wait 1", f"file {HALDEN_FILE}"), ("log tavikdvr64.msi",), ("log PXL64.msi",)],
-    ids=lambda when: when[-1].rpartition("\\")[2])
-def test_as_soon_as_something_is_seen(lab, when):
-    check_seen(lab, kill_and_start_again(lab, desktop(), when=when))
+@pytest.mark.parametrize("outcomes, when", [
+    (EARLY, ("start",)), (EARLY, ("after 60",)),
+    *((ANY, (when,)) for when in (
+        "window", "log Launched", r"file C:\lab\programs.txt", "log hlcmd.exe exit completed",
+        *(f'log taskkill.exe  /IM "{name}" /F completed' for name in IMAGES),
+        *(f"log Uninstalling installed {family}" for family in FAMILIES), "log Installing")),
+    (ANY, ("log dwx-next64.msi : wait 1", f"file {HALDEN_FILE}")),
+    ("interrupted, same-release", ("log tavikdvr64.msi",)), ("interrupted, same-release", ("log PXL64.msi",))],
+    ids=lambda value: value[-1].rpartition("\\")[2] if isinstance(value, tuple) else "")
+def test_as_soon_as_something_is_seen(lab, outcomes, when):
+    result = kill_and_start_again(lab, desktop(), when=when)
+    lab.outcome(outcomes)
+    check_seen(lab, result)
 
 
 @pytest.mark.parametrize("seen", [MARKER, r"C:\lab\installer.txt"])
@@ -159,8 +166,9 @@ def test_while_the_installer_unpacks(lab, seen):
     the second run fails as it does with any folder that cannot be prepared or package that is no good."""
     result = kill_and_start_again(lab, desktop(installer={"sleep": 800}), when=(f"file {seen}",))
     assert len(result.installer) <= 2 and not any("DWX2_Install" in line for line in result.log if line.startswith("Process"))
+    lab.outcome("interrupted, repaired | folder-not-prepared | installer-empty | install-package-unreadable | install-failed-other")
     if result.again.exit_code == 0:
-        check_second(result, REPAIRS, products=NEW)
+        check_second(lab, REPAIRS, products=NEW)
     else:
         assert result.again.exit_code in (-1, 2, 110, 1619, 1620, 1627)  # folder, package missing, in use, or cut short
         assert [box["text"] for box in result.again.boxes] == [INSTALL_FAILED[1]]
@@ -177,7 +185,7 @@ def test_while_it_downloads(lab, point, more):
     """Without a count the first read takes everything: at the second one all is written and nothing renamed."""
     result = kill_and_start_again(lab, exits(*(f"wininet!InternetReadFile * {rule}" for rule in more), f"wininet!{point}"))
     check_point(result, f"wininet!{point}")
-    check_second(result, REPAIRS, products=["Tavik Halden 24.20"])
+    check_second(lab, REPAIRS, products=["Tavik Halden 24.20"])
     check_log(lab, [*opening(), *inventory(), *download(), unpack(), *stop(), *remove("Halden"), *install("Halden")])
 
 
@@ -186,12 +194,12 @@ def test_while_the_server_is_slow(lab):
     pause = {"installer": "24.20", "pause": [100_000, 1]}
     result = kill_and_start_again(lab, {"server": {"answers": {"/drivers/installer/vlt/24.20/dwx2_install.txt": pause}}},
                                   when=("text Downloading : wait 300", "text Downloading"))
-    check_second(result, REPAIRS, products=["Tavik Halden 24.20"])
+    check_second(lab, REPAIRS, products=["Tavik Halden 24.20"])
 
 
 # The Store edition
 
-STORE = {"installs": f"{NEW_STORE} | 2.24.20.0"}
+STORE = {"installs": f"{NEWER} | 2.24.20.0"}
 
 
 @pytest.mark.parametrize("point, outcome", [
@@ -200,7 +208,7 @@ STORE = {"installs": f"{NEW_STORE} | 2.24.20.0"}
     ("GetResults 1", IS_SAME), ("get_OverallState 1", IS_SAME)])
 def test_while_the_store_edition_is_looked_at_or_installed(lab, point, outcome):
     result = kill_and_start_again(lab, store_only(package(), service=STORE, faults=[f"winrt!{point} exit={KILLED}"]))
-    check_second(result, outcome, products=[], store=(NEW_STORE,))
+    check_second(lab, outcome, products=[], store=(NEWER,))
 
 
 # The desktop edition is in place when the Store edition's turn comes: the second run has no reason to look at it.
@@ -211,7 +219,7 @@ def test_while_the_store_edition_is_looked_at_or_installed(lab, point, outcome):
 def test_while_the_store_edition_is_removed(lab, point, left):
     packages = [package(), package(EARLIER, "1.22.11.0"), package(OTHER, "11.2404.5.0")]
     result = kill_and_start_again(lab, found(store={"packages": packages}, faults=[f"winrt!{point} exit={KILLED}"]))
-    check_second(result, IS_SAME, products=["Tavik Halden 24.20"], store=left)
+    check_second(lab, IS_SAME, products=["Tavik Halden 24.20"], store=left)
 
 
 # The last word
@@ -222,7 +230,7 @@ def test_while_the_store_edition_is_removed(lab, point, left):
     ids=["finished", "nothing installed", "same release"])
 def test_while_a_box_is_up(lab, machine, outcome, products):
     result = kill_and_start_again(lab, machine, when=("box",))
-    check_second(result, outcome, products=products)
+    check_second(lab, outcome, products=products)
 
 
 # Direct installation
@@ -244,6 +252,7 @@ def test_direct_installation(lab, point, was_missing, families):
     machine = {"desktop": False, "server": {"reach": "none"}, "files": {GIVEN: {"installer": "24.20"}},
                "store": {"packages": [package()]}, **exits(point)}
     result = kill_and_start_again(lab, machine, SWITCHES)
+    lab.outcome("interrupted, direct-done")
     assert (result.again.exit_code, result.boxes, result.again.boxes) == (0, [], [])
     assert result.after.products == [f"Tavik {family} 24.20" for family in sorted(families)]
     assert result.after.value(REPLACED, "VLTUWPReplaced") == (1 if was_missing else None)
@@ -256,5 +265,6 @@ def test_direct_installation_while_the_application_starts(lab):
     machine = {"desktop": False, "server": {"reach": "none"}, "files": {GIVEN: {"installer": "24.20"}},
                "programs": {"CorvelSoftware.exe.stay": 300}}
     result = kill_and_start_again(lab, machine, SWITCHES, when=(r"file C:\lab\programs.txt",))
+    lab.outcome("interrupted, direct-done")
     assert (result.again.exit_code, result.after.products) == (0, NEW)
     assert result.after.value(REPLACED, "VLTUWPReplaced") == 1

@@ -11,7 +11,7 @@ from cases.support.store import (ATTEMPT, CANCELED, CORVEL, DENIED, FAILED, INST
 
 CONTEXT = "Windows.Services.Store.StoreContext"
 BEGIN = [*until_query(), has(), ATTEMPT]
-DONE = {"exit_code": 0, "boxes": [FINISHED], "requests": [], "log": [*BEGIN, INSTALLED]}
+DONE = {"outcome": "store-installed", "exit_code": 0, "boxes": [FINISHED], "requests": [], "log": [*BEGIN, INSTALLED]}
 NO_WINDOW = "Error: Store context does not implement IInitializeWithWindow."
 
 
@@ -28,8 +28,8 @@ def run(lab, service: dict[str, object], arguments: str = "", **options: object)
     return lab.run(store_only(package(), service=service), arguments, **options)
 
 
-def check_failure(lab, code: int, *lines: str, held: tuple[str, ...] = ()) -> None:
-    lab.check(exit_code=signed(code), boxes=[INSTALL_FAILED], requests=[], log=[*BEGIN, *lines, FAILED], after={"products": []})
+def check_failure(lab, outcome: str, code: int, *lines: str, held: tuple[str, ...] = ()) -> None:
+    lab.check(outcome=outcome, exit_code=signed(code), boxes=[INSTALL_FAILED], requests=[], log=[*BEGIN, *lines, FAILED], after={"products": []})
     check_nothing_leaks(lab.result, *held)
 
 
@@ -106,7 +106,7 @@ def test_the_list_of_ids_holds_one_id_however_it_is_read(lab, service):
 @pytest.mark.parametrize("state", [0, 1, 2, 4, 5, 6, 7, 8, 9])
 def test_only_the_state_completed_is_success(lab, state):
     run(lab, {"state": state, "installs": INSTALLS})
-    check_failure(lab, 0xFFFFFFFF)
+    check_failure(lab, "store-not-completed", 0xFFFFFFFF)
     assert f"get_OverallState {state}" in calls(lab.result)
     assert lab.result.store_left == [CORVEL]
 
@@ -114,18 +114,18 @@ def test_only_the_state_completed_is_success(lab, state):
 # Proves: No store context, or one without windows
 def test_no_store_context(lab):
     run(lab, {"default": "null"})
-    check_failure(lab, 0xFFFFFFFF, NO_WINDOW)
+    check_failure(lab, "store-no-window", 0xFFFFFFFF, NO_WINDOW)
 
 
 # Proves: Any call or the operation fails
 def test_a_store_context_that_cannot_be_got(lab):
     run(lab, {"default": "0x80070525:There is no user."})
-    check_failure(lab, 0x80070525, searching("There is no user."))
+    check_failure(lab, "store-error", 0x80070525, searching("There is no user."))
 
 
 def test_a_store_context_without_windows(lab):
     run(lab, {"window": "missing"})
-    check_failure(lab, 0xFFFFFFFF, NO_WINDOW)
+    check_failure(lab, "store-no-window", 0xFFFFFFFF, NO_WINDOW)
     assert not asked(lab.result, "Initialize") and not asked(lab.result, "Download")
 
 
@@ -135,13 +135,13 @@ def test_a_store_context_without_windows(lab):
 def test_a_window_that_the_store_refuses(lab, window, code):
     run(lab, {"window": window})
     unread = "still held: ErrorInfo refs=1"  # nobody asks for this text; the thread itself keeps the object
-    check_failure(lab, code, "Error: Unable to initialize with window.", held=(unread,) if ":" in window else ())
+    check_failure(lab, "store-no-window", code, "Error: Unable to initialize with window.", held=(unread,) if ":" in window else ())
     assert not asked(lab.result, "Download") and not asked(lab.result, f"QueryInterface {CONTEXT} IStoreContext3")
 
 
 def test_a_system_of_before_1803(lab):
     run(lab, {"context3": False})
-    check_failure(lab, 0x80004002, searching(""))
+    check_failure(lab, "store-error", 0x80004002, searching(""))
 
 
 # Proves: The Store installation fails
@@ -163,13 +163,13 @@ def test_a_system_of_before_1803(lab):
     ({"end": "error:0x80070005=Plain text", "completion": "before"}, 0x80070005, "Plain text")])
 def test_a_failure_of_the_store_becomes_the_exit_code(lab, service, code, text):
     run(lab, {"installs": INSTALLS, **service})
-    check_failure(lab, code, searching(text))
+    check_failure(lab, "store-canceled" if text == CANCELED else "store-error", code, searching(text))
 
 
 # Proves: It was canceled
 def test_a_canceled_operation_is_not_asked_for_results(lab):
     run(lab, {"end": "canceled"})
-    check_failure(lab, 0x800704C7, searching(CANCELED))
+    check_failure(lab, "store-canceled", 0x800704C7, searching(CANCELED))
     assert not asked(lab.result, "StoreOperation GetResults")
 
 
@@ -177,13 +177,13 @@ def test_a_canceled_operation_is_not_asked_for_results(lab):
 @pytest.mark.parametrize("service", [{"request": "0x8007000E"}, {"end": "error:0x8007000E:With a text."}, {"default": "0x8007000E"}])
 def test_out_of_memory_is_an_unknown_exception(lab, service):
     run(lab, service)
-    check_failure(lab, 0xFFFFFFFF, "Unknown expection occured when searching for UWP version of VLT")
+    check_failure(lab, "store-error", 0xFFFFFFFF, "Unknown expection occured when searching for UWP version of VLT")
 
 
 # Proves: The thread has no apartment (store installation)
 def test_a_thread_without_an_apartment_gets_one(lab):
     result = lab.run({"store": {"packages": [package()], "service": {"activation": "mta"}}}, "-FORCEVLTUWP")  # nobody made one before
-    lab.check(exit_code=0, boxes=[FINISHED], log=[*opening("-FORCEVLTUWP"), *inventory(), ATTEMPT, INSTALLED])
+    lab.check(outcome="store-installed", exit_code=0, boxes=[FINISHED], log=[*opening("-FORCEVLTUWP"), *inventory(), ATTEMPT, INSTALLED])
     factory = f"DllGetActivationFactory {CONTEXT}"
     assert asked(result, factory) == [f"{factory} -> 0x800401F0 thread=1", f"{factory} -> 0x0 thread=1"]
 
@@ -191,14 +191,14 @@ def test_a_thread_without_an_apartment_gets_one(lab):
 # Proves: A Windows without the Store, or before 1803 => logged, its code
 def test_a_system_without_the_store(lab):
     lab.run({"desktop": False, "store": False}, "-FORCE")
-    lab.check(exit_code=signed(0x80040154), boxes=[INSTALL_FAILED], log=[
+    lab.check(outcome="store-error", exit_code=signed(0x80040154), boxes=[INSTALL_FAILED], log=[
         *until_query("-FORCE"), "Exception  when searching for UWP version of VLT", NOTHING, ATTEMPT, searching(""), FAILED])
 
 
 # Proves: `-FORCE` with neither edition
 def test_forced_with_neither_edition_installs_the_store_edition(lab):
     lab.run(store_only(package(OTHER), service={"installs": INSTALLS}), "-FORCE")
-    lab.check(exit_code=0, boxes=[FINISHED], requests=[], log=[*until_query("-FORCE"), NO_STORE, NOTHING, ATTEMPT, INSTALLED])
+    lab.check(outcome="store-installed", exit_code=0, boxes=[FINISHED], requests=[], log=[*until_query("-FORCE"), NO_STORE, NOTHING, ATTEMPT, INSTALLED])
     assert lab.result.store_left == [OTHER, NEWER]
 
 
@@ -206,17 +206,17 @@ def test_forced_with_neither_edition_installs_the_store_edition(lab):
 def test_neither_edition_counts_as_version_0_0(lab):
     release = "0.0-240101a"
     lab.run(store_only(adapters=[{"release": release}]), "-FORCE")
-    lab.check(exit_code=0, boxes=[FINISHED], log=[*until_query("-FORCE", release), NO_STORE, NOTHING, SAME, ATTEMPT, INSTALLED])
+    lab.check(outcome="store-installed", exit_code=0, boxes=[FINISHED], log=[*until_query("-FORCE", release), NO_STORE, NOTHING, SAME, ATTEMPT, INSTALLED])
 
 
 def test_forced_with_the_same_release_asks_the_store_again(lab):
     lab.run(store_only(package(version="2.24.20.0")), "-force")
-    lab.check(exit_code=0, boxes=[FINISHED], log=[*until_query("-force"), has(version="2.24.20.0"), SAME, ATTEMPT, INSTALLED])
+    lab.check(outcome="store-installed", exit_code=0, boxes=[FINISHED], log=[*until_query("-force"), has(version="2.24.20.0"), SAME, ATTEMPT, INSTALLED])
 
 
 def test_forced_to_the_store_although_the_desktop_edition_is_there(lab):
     result = lab.run({"store": {"packages": [package()], "service": {"installs": INSTALLS}}}, "-FORCEVLTUWP")
-    lab.check(exit_code=0, boxes=[FINISHED], requests=[], before={"products": ["Tavik Halden 23.40"]},
+    lab.check(outcome="store-installed", exit_code=0, boxes=[FINISHED], requests=[], before={"products": ["Tavik Halden 23.40"]},
               after={"products": ["Tavik Halden 23.40"], "values": {r"Software\Tavik\HL\HLVersion": "23.40"}},
               log=[*opening("-FORCEVLTUWP"), *inventory(), ATTEMPT, INSTALLED])
     assert not asked(result, "FindPackages")
@@ -226,25 +226,26 @@ def test_forced_to_the_store_although_the_desktop_edition_is_there(lab):
 # Proves: `-FORCEVLTUWP` with the desktop edition (of the same release, too), an installer at hand, or neither edition
 def test_forced_to_the_store_with_the_desktop_edition_of_the_same_release(lab):
     lab.run({"desktop": {"release": "24.20"}, "store": {"service": {"state": 5}}}, "-forcevltuwp")
-    lab.check(exit_code=-1, boxes=[INSTALL_FAILED], requests=[], after={"products": ["Tavik Halden 24.20"]},
+    lab.check(outcome="store-not-completed", exit_code=-1, boxes=[INSTALL_FAILED], requests=[], after={"products": ["Tavik Halden 24.20"]},
               log=[*opening("-forcevltuwp", "24.20"), *inventory(), SAME, ATTEMPT, FAILED])
 
 
 def test_forced_to_the_store_with_an_installer_at_hand(lab):
     result = lab.run({"adapters": [{"packages": [{"installer": "24.20"}]}]}, "-FORCEVLTUWP")
-    lab.check(exit_code=0, boxes=[FINISHED], after={"products": ["Tavik Halden 23.40"]})
+    lab.check(outcome="store-installed", exit_code=0, boxes=[FINISHED], after={"products": ["Tavik Halden 23.40"]})
     assert not any("dwx2-install.exe" in line for line in result.log)
 
 
 def test_forced_to_the_store_with_neither_edition(lab):
     lab.run(store_only(), "-FORCEVLTUWP")
-    lab.check(exit_code=0, boxes=[FINISHED], log=[*until_query("-FORCEVLTUWP"), NO_STORE, NOTHING, ATTEMPT, INSTALLED])
+    lab.check(outcome="store-installed", exit_code=0, boxes=[FINISHED], log=[*until_query("-FORCEVLTUWP"), NO_STORE, NOTHING, ATTEMPT, INSTALLED])
 
 
-@pytest.mark.parametrize("service, code, last", [({}, 0, INSTALLED), ({"window": "0x80070578"}, 0x80070578, FAILED)])
-def test_silent_shows_nothing_and_still_hands_the_window_over(lab, service, code, last):
+@pytest.mark.parametrize("service, outcome, code, last", [
+    ({}, "store-installed", 0, INSTALLED), ({"window": "0x80070578"}, "store-no-window", 0x80070578, FAILED)])
+def test_silent_shows_nothing_and_still_hands_the_window_over(lab, service, outcome, code, last):
     result = run(lab, {"completion": "later:200", **service}, "-SILENT")
-    lab.check(exit_code=signed(code), boxes=[])
+    lab.check(outcome=outcome, exit_code=signed(code), boxes=[])
     assert result.log[0] == opening("-SILENT")[0] and result.log[-1] == last
     assert not any(sample["visible"] for sample in result.status)
     assert result.status_texts == [CHECKING]
@@ -255,7 +256,7 @@ def test_silent_shows_nothing_and_still_hands_the_window_over(lab, service, code
 # Proves: Somebody starts the tool again meanwhile => that instance is refused
 def test_a_second_instance_during_a_store_installation(lab):
     result = run(lab, {"completion": "later:2500", "installs": INSTALLS}, when=[f"text {INSTALLING} : second"])
-    lab.check(**DONE)
+    lab.check(**{**DONE, "outcome": "store-installed, another-instance"})
     assert NEWER in result.store_left
     assert result.instances[1]["exit_code"] == -1
     assert [(box["icon"], box["text"]) for box in result.boxes if box["instance"] == 1] == [ANOTHER]
@@ -265,5 +266,5 @@ def test_a_second_instance_during_a_store_installation(lab):
 
 def test_the_desktop_route_never_asks_the_store_service(lab):
     result = lab.run({"adapters": [{"packages": [{"installer": "24.20"}]}], "store": {"packages": [package(OTHER)]}})
-    lab.check(exit_code=0, boxes=[FINISHED], requests=[], after={"products": ["Tavik Halden 24.20"]})
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], requests=[], after={"products": ["Tavik Halden 24.20"]})
     assert not asked(result, f"DllGetActivationFactory {CONTEXT}") and NO_DESKTOP not in result.log

@@ -7,9 +7,10 @@ from cases.support.expect import ANOTHER, FINISHED, NO_ADAPTER, NOT_INSTALLED, S
 from cases.support.store import (ATTEMPT, CORVEL, DENIED, DISABLED, EARLIER, INSTALLED, NO_STORE, NOTHING, OTHER, POINTER, SAME, asked,
                            calls, check_nothing_leaks, has, package, store_only, until_query)
 
-NOT_HERE = {"exit_code": -1, "boxes": [NOT_INSTALLED], "requests": []}
-SAME_HERE = {"exit_code": -1, "boxes": [SAME_RELEASE], "requests": []}
-UPDATED = {"exit_code": 0, "boxes": [FINISHED], "requests": []}
+NOT_HERE = {"outcome": "no-application", "exit_code": -1, "boxes": [NOT_INSTALLED], "requests": []}
+UNREAD = {**NOT_HERE, "outcome": "no-application-store-unread"}
+SAME_HERE = {"outcome": "same-release", "exit_code": -1, "boxes": [SAME_RELEASE], "requests": []}
+UPDATED = {"outcome": "store-installed", "exit_code": 0, "boxes": [FINISHED], "requests": []}
 UPDATE = [ATTEMPT, INSTALLED]
 
 
@@ -146,7 +147,7 @@ TEXTS = [("0x80070005:Told by the system.", "Told by the system."),
 def test_the_text_of_an_error(lab):
     lab.run(store_only(*(package(fail=f"get_Version:{failure}") for failure, _ in TEXTS)))
     texts = "\n".join(f"Exception {text} when enumerating info for {CORVEL}" for _, text in TEXTS)  # one of them has two lines
-    lab.check(**NOT_HERE, log=[*until_query(), *texts.split("\n"), NO_STORE, f"{NOTHING} Exiting."])
+    lab.check(**UNREAD, log=[*until_query(), *texts.split("\n"), NO_STORE, f"{NOTHING} Exiting."])
 
 
 # Proves: Memory runs out while reading one
@@ -168,27 +169,27 @@ def test_out_of_memory_is_an_unknown_exception(lab):
     ({"first": "null"}, POINTER)])
 def test_a_search_that_fails_finds_nothing(lab, manager, text):
     lab.run(store_only(package(version="2.24.20.0"), manager=manager))
-    lab.check(**NOT_HERE, log=[*until_query(), *searching(text)])
+    lab.check(**UNREAD, log=[*until_query(), *searching(text)])
     check_nothing_leaks(lab.result)
 
 
 @pytest.mark.parametrize("manager", [{"next": "2:0x80004005:The list has changed."}, {"current": "3:0x80004005:The list has changed."}])
 def test_a_search_that_fails_halfway_finds_nothing(lab, manager):
     lab.run(store_only(package(version="2.24.20.0"), package(EARLIER), package(OTHER), manager=manager))
-    lab.check(**NOT_HERE, log=[*until_query(), has(version="2.24.20.0"), has(EARLIER), *searching("The list has changed.")])
+    lab.check(**UNREAD, log=[*until_query(), has(version="2.24.20.0"), has(EARLIER), *searching("The list has changed.")])
     check_nothing_leaks(lab.result)
 
 
 # Proves: Memory runs out while searching (store package query)
 def test_a_search_without_memory(lab):
     lab.run(store_only(package(version="2.24.20.0"), manager={"find": "0x8007000E"}))
-    lab.check(**NOT_HERE, log=[*until_query(), "Unknown expection occured when searching for UWP version of VLT", f"{NOTHING} Exiting."])
+    lab.check(**UNREAD, log=[*until_query(), "Unknown expection occured when searching for UWP version of VLT", f"{NOTHING} Exiting."])
 
 
 # Proves: A Windows without these classes or functions
 def test_a_system_without_the_package_manager(lab):
     lab.run({"desktop": False, "store": False})
-    lab.check(**NOT_HERE, log=[*until_query(), *searching("")])
+    lab.check(**UNREAD, log=[*until_query(), *searching("")])
 
 
 # Proves: The thread has no apartment (store package query)
@@ -201,13 +202,13 @@ def test_a_thread_without_an_apartment_gets_one(lab):
 
 def test_activation_is_tried_only_twice(lab):
     lab.run(store_only(package(), manager={"activation": "0x800401F0"}))
-    lab.check(**NOT_HERE, log=[*until_query(), *searching("")])
+    lab.check(**UNREAD, log=[*until_query(), *searching("")])
     assert len(asked(lab.result, "DllGetActivationFactory")) == 2
 
 
 def test_any_other_failure_of_activation_is_not_tried_again(lab):
     lab.run(store_only(package(), manager={"activation": "0x80040154:Gone."}))
-    lab.check(**NOT_HERE, log=[*until_query(), *searching("Gone.")])
+    lab.check(**UNREAD, log=[*until_query(), *searching("Gone.")])
     assert len(asked(lab.result, "DllGetActivationFactory")) == 1
 
 
@@ -226,29 +227,30 @@ def test_the_calls_of_a_search_in_order(lab):
 # Proves: Desktop edition installed
 def test_the_desktop_edition_makes_the_search_needless(lab):
     lab.run({"desktop": {"release": "24.20"}, "store": {"packages": [package()]}})
-    lab.check(exit_code=-1, boxes=[SAME_RELEASE])
+    lab.check(outcome="same-release", exit_code=-1, boxes=[SAME_RELEASE])
     assert lab.result.store_calls == []
 
 
 def test_without_an_adapter_the_store_is_not_asked(lab):
     lab.run(store_only(package(), adapters=[]))
-    lab.check(exit_code=-1, boxes=[NO_ADAPTER], log=[
+    lab.check(outcome="no-adapter", exit_code=-1, boxes=[NO_ADAPTER], log=[
         *opening(version=""), "Currently installed drivers on system:", "Unable to find installed Tavik display adapters. Exiting."])
     assert lab.result.store_calls == []
 
 
-@pytest.mark.parametrize("machine, last", [(store_only(package(version="2.24.20.0")), f"{SAME} Exiting."),
-                                           (store_only(package(OTHER)), f"{NOTHING} Exiting.")])
-def test_silent_early_exits_show_nothing(lab, machine, last):
+@pytest.mark.parametrize("machine, outcome, last", [
+    (store_only(package(version="2.24.20.0")), "same-release", f"{SAME} Exiting."),
+    (store_only(package(OTHER)), "no-application", f"{NOTHING} Exiting.")])
+def test_silent_early_exits_show_nothing(lab, machine, outcome, last):
     lab.run(machine, "-SILENT")
-    lab.check(exit_code=-1, boxes=[])
+    lab.check(outcome=outcome, exit_code=-1, boxes=[])
     assert lab.result.log[-1] == last
     assert not any(sample["visible"] for sample in lab.result.status)
 
 
 def test_a_second_instance_asks_no_store(lab):
     result = lab.run(store_only(package(version="2.24.20.0")), when=["box : second -FORCE"])
-    lab.check(**SAME_HERE)
+    lab.check(**{**SAME_HERE, "outcome": "same-release, another-instance"})
     assert result.instances[1]["exit_code"] == -1
     assert [(box["icon"], box["text"]) for box in result.boxes if box["instance"] == 1] == [ANOTHER]
     assert result.logs[1] == [opening("-FORCE")[0], "Another instance is running. Exiting."]

@@ -33,9 +33,9 @@ def run(lab, *packages: dict[str, Any], manager: dict[str, Any] | None = None, a
     return lab.run({**machine, **changes}, arguments)
 
 
-def check(lab, *lines: str, left: tuple[str, ...] = ()) -> None:
+def check(lab, *lines: str, left: tuple[str, ...] = (), outcome: str = "repaired") -> None:
     """Whatever becomes of the Store packages, the repair is a success."""
-    lab.check(exit_code=0, boxes=[FINISHED], requests=[], log=[*REPAIR, *lines], before={"products": ["Tavik Halden 23.40"]},
+    lab.check(outcome=outcome, exit_code=0, boxes=[FINISHED], requests=[], log=[*REPAIR, *lines], before={"products": ["Tavik Halden 23.40"]},
               after=REPAIRED)
     assert lab.result.store_left == list(left)
     check_nothing_leaks(lab.result)
@@ -90,7 +90,7 @@ def test_what_the_system_says_about_a_removal_is_logged(lab):
     check(lab, removing(numbered(1)), RESULT(-2147009295, "Package was not found."), removing(numbered(2)), RESULT(-2147009286, ""),
           removing(numbered(3)), RESULT(0, "Removed at the next start."), removing(numbered(4)), RESULT(0, ""),
           removing(numbered(5)), RESULT(-2147024882, "Out of memory, as a result."),
-          left=(numbered(1), numbered(2), numbered(5)))
+          left=(numbered(1), numbered(2), numbered(5)), outcome="repaired-store-left")
 
 
 # Proves: It still runs
@@ -118,7 +118,8 @@ def test_every_failure_of_one_removal_is_logged_and_the_next_package_goes(lab):
     gone = {5, 6, 7, 8, 9, 15}  # these removals succeed although something else fails
     check(lab, *lines, FAILED("No version.", numbered(10)), FAILED("No name.", ""), FAILED("No id.", ""), FAILED(POINTER, ""),
           removing(numbered(14)), f"Unknown expection occured when enumerating info for {numbered(14)}",
-          removing(numbered(15)), RESULT(0, ""), left=tuple(numbered(number) for number in range(1, 16) if number not in gone))
+          removing(numbered(15)), RESULT(0, ""), outcome="repaired-store-left",
+          left=tuple(numbered(number) for number in range(1, 16) if number not in gone))
 
 
 # Proves: The manager cannot be created, or the enumeration fails (store package removal)
@@ -126,23 +127,23 @@ def test_every_failure_of_one_removal_is_logged_and_the_next_package_goes(lab):
                                            ({"first": "0x80004005:No first."}, "No first."), ({"activation": "0x80040154"}, "")])
 def test_a_search_that_fails_removes_nothing_and_is_no_failure(lab, manager, text):
     run(lab, package(), manager=manager)
-    check(lab, SEARCHING(text), left=(CORVEL,))
+    check(lab, SEARCHING(text), left=(CORVEL,), outcome="repaired-store-left")
 
 
 def test_a_search_that_fails_halfway_has_removed_what_it_found(lab):
     run(lab, package(), package(EARLIER), manager={"next": "1:0x80004005:The list has changed."})
-    check(lab, removing(), RESULT(0, ""), SEARCHING("The list has changed."), left=(EARLIER,))
+    check(lab, removing(), RESULT(0, ""), SEARCHING("The list has changed."), left=(EARLIER,), outcome="repaired-store-left")
 
 
 # Proves: Memory runs out while searching (store package removal)
 def test_a_search_without_memory(lab):
     run(lab, package(), manager={"find": "0x8007000E"})
-    check(lab, "Unknown expection occured when searching for UWP version of VLT", left=(CORVEL,))
+    check(lab, "Unknown expection occured when searching for UWP version of VLT", left=(CORVEL,), outcome="repaired-store-left")
 
 
 def test_a_system_without_the_package_manager(lab):
     run(lab, store=False)
-    check(lab, SEARCHING(""))
+    check(lab, SEARCHING(""), outcome="repaired-store-left")
 
 
 # Proves: The thread has no apartment (store package removal) => it gets one
@@ -154,12 +155,12 @@ def test_a_thread_without_an_apartment_gets_one(lab):
 
 def test_after_a_failed_installation_the_store_packages_stay(lab):
     run(lab, package(), adapters=[{"packages": [{"installer": "24.20-fail"}]}])
-    lab.check(exit_code=1603, boxes=[INSTALL_FAILED], after={"products": []}, log=[*REPAIR[:-1], "\tResult = 1603"])
+    lab.check(outcome="install-failed", exit_code=1603, boxes=[INSTALL_FAILED], after={"products": []}, log=[*REPAIR[:-1], "\tResult = 1603"])
     assert lab.result.store_left == [CORVEL] and lab.result.store_calls == []
 
 
 # Proves: `-SILENT` (store package removal) => the same
 def test_silent_removal(lab):
     run(lab, package(), arguments="-SILENT")
-    lab.check(exit_code=0, boxes=[], log=[*opening("-SILENT"), *REPAIR[2:], removing(), RESULT(0, "")], after=REPAIRED)
+    lab.check(outcome="repaired", exit_code=0, boxes=[], log=[*opening("-SILENT"), *REPAIR[2:], removing(), RESULT(0, "")], after=REPAIRED)
     assert lab.result.store_left == []
