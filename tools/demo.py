@@ -14,6 +14,7 @@ import pathlib
 import re
 import shutil
 import sys
+import textwrap
 import threading
 import time
 from collections.abc import Iterator
@@ -92,7 +93,7 @@ def keep_pictures(show: Show, result: Result) -> list[pathlib.Path]:
 
 
 def explanation(log: pathlib.Path, exit_code: int) -> list[str]:
-    """What TavikToolCompanion.exe says of the run, without the lines that are shown anyway."""
+    """What TavikToolCompanion.exe says of the run: outcome, meaning and next step."""
     with Prefix.copy(template(), PICTURES / "companion") as prefix:
         place = prefix.drive / "lab"
         place.mkdir()
@@ -102,9 +103,8 @@ def explanation(log: pathlib.Path, exit_code: int) -> list[str]:
         output = PICTURES / "explanation.txt"
         output.unlink(missing_ok=True)
         prefix.wine(r"C:\lab\TavikToolCompanion.exe", "explain", rf"C:\lab\{log.name}", "--exit", str(exit_code), output=output)
-    lines = output.read_text("utf-8", "replace").replace("\r", "").splitlines()
-    return [line for line in itertools.takewhile(lambda line: not line.startswith("Log lines"), lines)
-            if line.strip() and not re.match("Log|Began|Exit code", line)]
+    text = output.read_text("utf-8", "replace").replace("\r", "")
+    return "\n".join(re.findall(r"^(?:Outcome|Meaning|Next step) .*(?:\n {5}.*)*", text, re.M)).splitlines()
 
 
 def state_rows(machine: Machine, result: Result) -> list[tuple[str, str, str]]:
@@ -178,7 +178,7 @@ def present(show: Show) -> list[str]:
     print_states(state_rows(machine, result))
     say(f"  {'window':<22} {' > '.join(result.status_texts)}")
     for box in result.boxes or [{"text": "none"}]:
-        say(f"  {'box':<22} {shorten(box['text'])}")
+        say(f"  {'box':<22} " + f"\n{'':25}".join(textwrap.wrap(box["text"], max(40, WIDTH - 20))))
     say(f"  {'exit code':<22} {styled(str(result.exit_code), '31' if wrong else '32')}, {result.seconds:.0f} s with the machine's start")
     for number, picture in enumerate(pictures):
         say(f"  {'' if number else 'pictures':<22} {picture.relative_to(paths.ROOT)}")

@@ -1,10 +1,9 @@
-#!/usr/bin/python3
-"""Looks into an exe that ships, as Windows will: flags, sections, imports, resources, and what must not be in it.
+"""Checks what Windows reads from an exe that ships (flags, sections, imports, resources), and what must not be in it.
 
-    tools/exe_gate.py [EXE]...    the two of build/release unless told otherwise; TavikToolCompanion.exe by its own lists
+    tools.exe_gate [EXE]...    the two of build/release unless told otherwise; TavikToolCompanion.exe has its own lists
 
-The compiler calls of the build that the exe lies in are looked at too. Each complaint is one line; without any the exit
-code is 0. tools/tests/test_exe_gate.py shows for every rule that it can fail.
+The compiler calls of the build are checked too. Each complaint is one line; without any the exit code is 0.
+tools/tests/test_exe_gate.py shows for every rule that it can fail.
 """
 import array
 import contextlib
@@ -20,12 +19,13 @@ from pathlib import Path
 
 import pefile
 
-TOP = Path(__file__).resolve().parent.parent
+from tools.project import TOP
+
 BUILD = TOP / "build" / "release"
 RESOURCES = TOP / "src" / "resources"
 
-# What Windows 10 takes from its own folder whatever lies beside the program: HKLM\SYSTEM\CurrentControlSet\Control\
-# Session Manager\KnownDLLs.
+# What Windows 10 takes from its own folder only, even if a DLL of that name is beside the program: HKLM\SYSTEM\CurrentControlSet\
+# Control\Session Manager\KnownDLLs.
 KNOWN_DLLS = set("""advapi32 clbcatq combase comdlg32 coml2 gdi32 gdiplus imagehlp imm32 kernel32 msctf msvcrt normaliz nsi
     ole32 oleaut32 psapi rpcrt4 sechost setupapi shcore shell32 shlwapi user32 wldap32 ws2_32""".split())
 
@@ -54,7 +54,7 @@ TOOL = Product(
     name="TavikCompatibilityTool.exe",
     subsystem="IMAGE_SUBSYSTEM_WINDOWS_GUI", other_subsystem="not that of window programs: a console would open",
     static={
-        "advapi32.dll": "registry, security descriptor of the folder that is unpacked into",
+        "advapi32.dll": "registry, security descriptor of the folder that it unpacks into",
         "gdi32.dll": "font and text of the status window",
         "kernel32.dll": "the system",
         "msvcrt.dll": "the C library below the compiler's",
@@ -63,20 +63,20 @@ TOOL = Product(
     },
     delayed={
         "msi.dll": "the desktop edition's packages",
-        "setupapi.dll": "display adapters and driver packages; protected, but start-up does not wait for it",
+        "setupapi.dll": "display adapters and driver packages; protected, but delayed to start faster",
         "wininet.dll": "download",
         "wtsapi32.dll": "the user of the session",
     },
     looked_up={
-        "combase.dll": "Windows Runtime, from the system's folder only; a run without Store packages never needs it",
+        "combase.dll": "Windows Runtime, from the system's folder only; a run without Store packages does not need it",
         "oleaut32.dll": "error texts of the Windows Runtime, from the system's folder only",
     },
-    protected=50,  # there were 77 when this was written
-    manifest="tool.manifest", level="requireAdministrator", no_level="the manifest does not ask for an administrator",
+    protected=50,  # 77 when this was written
+    manifest="src/resources/tool.manifest", level="requireAdministrator", no_level="the manifest does not ask for an administrator",
     description="Tavik Software Compatibility Tool")
 COMPANION = Product(
     name="TavikToolCompanion.exe",
-    subsystem="IMAGE_SUBSYSTEM_WINDOWS_CUI", other_subsystem="not that of console programs: nobody would see its output",
+    subsystem="IMAGE_SUBSYSTEM_WINDOWS_CUI", other_subsystem="not that of console programs: its output would not be shown",
     static={
         "advapi32.dll": "registry: profiles of this machine",
         "kernel32.dll": "the system",
@@ -85,8 +85,8 @@ COMPANION = Product(
     },
     delayed={"wininet.dll": "asking a download server"},
     looked_up={},
-    protected=80,  # there were 110 when this was written
-    manifest="companion.manifest", level="asInvoker", no_level="the manifest wants more than whoever starts it has",
+    protected=80,  # 110 when this was written
+    manifest="companion/companion.manifest", level="asInvoker", no_level="the manifest asks for more rights than its caller has",
     description="Log reader of the Tavik Software Compatibility Tool")
 PRODUCTS = (TOOL, COMPANION)
 
@@ -95,23 +95,21 @@ FLAGS = {
     "IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA": "it would get only the lower addresses",
     "IMAGE_DLLCHARACTERISTICS_NX_COMPAT": "data could be executed",
 }
-FAST_FAIL = bytes.fromhex("ba090400c0")  # mov edx, STATUS_STACK_BUFFER_OVERRUN: nothing but the guard's end does that
-STACK_PROBE = bytes.fromhex("5150483d00100000")  # begin of the one function in assembly; it needs no unwinding
-FUNCTION_ALIGNMENT = 16  # a call of another address only looks like one
-JUMP = b"\xff\x25"  # all that the entry of an imported function consists of
-FOREIGN = ("/home/", "/root/", "/tmp/", "/usr/", "/build/", "\\build\\", "\\users\\", ".cpp", ".cc", ".hpp", ".obj",
-           ".pdb")
+FAST_FAIL = bytes.fromhex("ba090400c0")  # mov edx, STATUS_STACK_BUFFER_OVERRUN: only in the function that the guard ends with
+STACK_PROBE = bytes.fromhex("5150483d00100000")  # start of the only function in assembly; it needs no unwinding
+FUNCTION_ALIGNMENT = 16  # bytes that seem to call another address are not a call
+JUMP = b"\xff\x25"  # the stub of an imported function is only this jump
+FOREIGN = ("/home/", "/root/", "/tmp/", "/usr/", "/build/", "\\build\\", "\\users\\", ".cpp", ".cc", ".hpp", ".obj", ".pdb")
 
-SLOW = ("IMAGE_DIRECTORY_ENTRY_EXCEPTION",)  # not for pefile, which unpacks far more of it than is needed here
+SLOW = ("IMAGE_DIRECTORY_ENTRY_EXCEPTION",)  # read here: pefile unpacks far more of it than is needed
 
 Complaints = Iterator[str]
 
 
 def checksum(data: bytes) -> int:
-    """As the linker has it: the 16-bit words added up with their carries, without the field itself, plus the size."""
+    """Of the header: the 16-bit words added up with their carries, without the field itself, plus the size. pefile takes 50 times longer."""
     at = pefile.PE(data=data, fast_load=True).OPTIONAL_HEADER.get_field_absolute_offset("CheckSum")
-    words = array.array("H", data[:at] + bytes(4) + data[at + 4:] + bytes(len(data) % 2))
-    total = sum(words)
+    total = sum(array.array("H", data[:at] + bytes(4) + data[at + 4:] + bytes(len(data) % 2)))
     while total >> 16:
         total = (total & 0xFFFF) + (total >> 16)
     return total + len(data)
@@ -134,17 +132,17 @@ class Exe:
         return entry.Size or entry.VirtualAddress
 
     def functions(self) -> list[tuple[int, int, int]]:
-        """Begin, end and description of each, from the table that Windows unwinds the stack with."""
+        """Start, end and description of each, from the table with which Windows unwinds the stack."""
         table = self.pe.OPTIONAL_HEADER.DATA_DIRECTORY[pefile.DIRECTORY_ENTRY["IMAGE_DIRECTORY_ENTRY_EXCEPTION"]]
         return list(struct.iter_unpack("<3I", self.image[table.VirtualAddress:table.VirtualAddress + table.Size // 12 * 12]))
 
     def calls(self, begin: int, end: int) -> Iterator[int]:
-        """Where the calls of this code lead. Bytes that only look like a call are among them."""
+        """Targets of the calls in this code, and of bytes that only look like a call."""
         for call in re.finditer(b"\xe8", self.image[begin:end - 4]):
             yield begin + call.end() + 4 + struct.unpack_from("<i", self.image, begin + call.end())[0]
 
     def section(self, name: str) -> range:
-        """Its place in memory; empty when there is none of that name."""
+        """Its addresses in memory; empty if there is no section of that name."""
         for section in self.pe.sections:
             if section.Name.rstrip(b"\0") == name.encode():
                 return range(section.VirtualAddress, section.VirtualAddress + section.Misc_VirtualSize)
@@ -157,10 +155,8 @@ class Exe:
         return {entry.dll.decode("ascii", "replace").lower() for entry in getattr(self.pe, "DIRECTORY_ENTRY_IMPORT", [])}
 
     def delayed_imports(self) -> set[str]:
-        """The linker leaves the directory of delayed imports empty; their descriptors stand among the code or data.
-
-        Attributes 1, then the places of the DLL's name, its handle, its addresses and its names.
-        """
+        """The linker leaves the directory of delayed imports empty, so their descriptors are searched in code and data: attributes 1,
+        then the addresses of the DLL's name, its handle, its functions and their names."""
         listed = getattr(self.pe, "DIRECTORY_ENTRY_DELAY_IMPORT", [])
         found = {entry.dll.decode("ascii", "replace").lower() for entry in listed}
         end = len(self.image)
@@ -189,8 +185,7 @@ def header(exe: Exe) -> Complaints:
     if optional.Subsystem != pefile.SUBSYSTEM_TYPE[exe.product.subsystem]:
         yield f"the subsystem is {optional.Subsystem}, {exe.product.other_subsystem}"
     if (optional.MajorSubsystemVersion, optional.MinorSubsystemVersion) != (10, 0):
-        yield (f"it wants Windows {optional.MajorSubsystemVersion}.{optional.MinorSubsystemVersion}, "
-               "but 10.0 is the oldest that is supported")
+        yield f"it wants Windows {optional.MajorSubsystemVersion}.{optional.MinorSubsystemVersion}, but 10.0 is the oldest that is supported"
     for flag, reason in FLAGS.items():
         if not optional.DllCharacteristics & pefile.DLL_CHARACTERISTICS[flag]:
             yield f"{flag.removeprefix('IMAGE_DLLCHARACTERISTICS_')} is not set: {reason}"
@@ -220,7 +215,7 @@ def sections(exe: Exe) -> Complaints:
         if section.Characteristics & flags["IMAGE_SCN_MEM_SHARED"]:
             yield f"section {name} is shared between processes"
         if section.contains_rva(entry) and not executable:
-            yield f"the program begins in section {name}, which is not executable"
+            yield f"the program starts in section {name}, which is not executable"
 
 
 def imports(exe: Exe) -> Complaints:
@@ -232,7 +227,7 @@ def imports(exe: Exe) -> Complaints:
             yield f"{name} is imported statically and is not on the list in this script"
     for name in sorted(delayed - set(exe.product.delayed)):
         yield f"{name} is imported at its first call and is not on the list in this script"
-    # The lists say what is there: a name that nothing imports any more would let it come back unseen.
+    # A name that is no longer imported must leave its list; otherwise the import could come back unnoticed.
     for name in sorted((set(exe.product.static) - static) | (set(exe.product.delayed) - delayed)):
         yield f"{name} is on a list in this script but not imported as it says"
     if exe.directory("BOUND_IMPORT"):
@@ -240,11 +235,11 @@ def imports(exe: Exe) -> Complaints:
 
 
 def looked_up(exe: Exe) -> Complaints:
-    """Every text that names a library, however it is loaded."""
+    """Every text that names a library, in whatever way it is loaded."""
     known = set(exe.product.static) | set(exe.product.delayed) | set(exe.product.looked_up)
     name = rb"[A-Za-z0-9_.-]+\.(?:dll|drv|ocx|cpl)"
     narrow = {found.decode("ascii").lower() for found in re.findall(name, exe.data, re.I)}
-    # The last letter of a narrow text and its end look like a wide letter, so a wide text begins behind a zero.
+    # A wide text must follow a zero byte: the last letter of a narrow text and its end look like a wide letter.
     name = rb"(?<=\0)(?:[A-Za-z0-9_.-]\0)+\.\0(?:d\0l\0l\0|d\0r\0v\0|o\0c\0x\0|c\0p\0l\0)"
     wide = {found.replace(b"\0", b"").decode("ascii").lower() for found in re.findall(name, exe.data, re.I)}
     for text in sorted((narrow | wide) - known):
@@ -255,12 +250,12 @@ def looked_up(exe: Exe) -> Complaints:
 
 def exports(exe: Exe) -> Complaints:
     if exe.directory("EXPORT"):
-        yield "it exports something: a program has nothing to export"
+        yield "it exports something, which a program should not"
 
 
 def unwinding(exe: Exe) -> Complaints:
-    """An exception passes through a function only when the table has it; without, it ends the process. The build leaves
-    unused functions out of code and table (cmake/link_tight.py), so that the two fit is looked at here."""
+    """An exception that reaches a function without an entry in the table ends the process. The build removes unused functions from code
+    and table (cmake/link_tight.py), so this checks that both still agree."""
     functions, code, descriptions = exe.functions(), exe.section(".text"), exe.section(".xdata")
     if any(begin >= end for begin, end, _ in functions) or any(
             one[1] > other[0] for one, other in itertools.pairwise(functions)):
@@ -279,7 +274,7 @@ def unwinding(exe: Exe) -> Complaints:
 
 
 def stack_protector(exe: Exe) -> Complaints:
-    """In the linked code: who calls the function that ends the process when a guard was overwritten?"""
+    """Counts, in the linked code, who calls the function that ends the process when a guard was overwritten."""
     functions = exe.functions()
     ends = [begin for begin, end, _ in functions if FAST_FAIL in exe.image[begin:end]]
     if len(ends) != 1:
@@ -290,7 +285,7 @@ def stack_protector(exe: Exe) -> Complaints:
             yield f"{protected} functions have a stack guard, at least {exe.product.protected} should"
     listing = exe.build / "compile_commands.json"
     if not listing.is_file():
-        yield f"{listing.name} is missing in {exe.build.name}: the compiler calls cannot be looked at"
+        yield f"{listing.name} is missing in {exe.build.name}: the compiler calls cannot be checked"
         return
     calls = {Path(call["file"]): call["command"] for call in json.loads(listing.read_text("utf-8"))}
     for file in sorted((TOP / "src").rglob("*.cpp")):
@@ -303,8 +298,8 @@ def manifest(exe: Exe) -> Complaints:
     if len(found) != 1:
         yield f"there are {len(found)} manifests, expected one"
         return
-    if found[0] != (RESOURCES / exe.product.manifest).read_bytes():
-        yield f"the manifest is not src/resources/{exe.product.manifest} byte for byte"
+    if found[0] != (TOP / exe.product.manifest).read_bytes():
+        yield f"the manifest is not {exe.product.manifest} byte for byte"
     if f'"{exe.product.level}"'.encode() not in found[0]:
         yield exe.product.no_level
     if b"dependen" in found[0].lower():  # dependency, dependentAssembly
@@ -335,14 +330,14 @@ def version(exe: Exe) -> Complaints:
 
 
 def user_name() -> str:
-    """Of whoever builds; a user without an entry has none that could get into the exe."""
+    """Of the user who builds; one without an entry has no name that could get into the exe."""
     with contextlib.suppress(KeyError, OSError):
         return getpass.getuser()
-    return "nobody"
+    return "no-user"
 
 
 def traces(exe: Exe) -> Complaints:
-    """Where and when it was built is nobody's business, and differs from build to build."""
+    """Place and time of the build must not be in the file: they are private, and differ from build to build."""
     user = user_name()
     lower = exe.data.lower()
     for text in [*FOREIGN, str(TOP), str(exe.build), f"/{user}/", f"\\{user}\\"]:
@@ -361,12 +356,12 @@ def traces(exe: Exe) -> Complaints:
 
 
 def rest(exe: Exe) -> Complaints:
-    """Signing comes after the build; nothing else belongs behind the last section."""
+    """Signing comes after the build; nothing may follow the last section."""
     if exe.directory("SECURITY"):
-        yield "there is a certificate in it: this looks at what the build made, before it is signed"
+        yield "there is a certificate in it: check the file that the build made, before it is signed"
     over = exe.pe.get_overlay_data_start_offset()
     if over is not None:
-        yield f"{len(exe.data) - over} bytes lie behind the last section"
+        yield f"{len(exe.data) - over} bytes follow the last section"
 
 
 RULES = (header, relocations, sections, imports, looked_up, exports, unwinding, stack_protector, manifest, version, traces, rest)
@@ -384,14 +379,14 @@ def main(arguments: list[str]) -> int:
     total = 0
     for path in [Path(argument).resolve() for argument in arguments] or [BUILD / product.name for product in PRODUCTS]:
         if not path.is_file():
-            print(f"check-exe: {path.name} is missing; scripts/build makes it.", file=sys.stderr)
+            print(f"{path} is missing. Run scripts/build.", file=sys.stderr)
             return 1
         product = next((one for one in PRODUCTS if one.name == path.name), TOOL)
         found = complaints(path, path.parent, product)
         total += len(found)
         for complaint in found:
             print(f"{path.name}: {complaint}")
-        print(f"check-exe: {path.name}, {path.stat().st_size} bytes, {len(RULES)} groups of rules, {len(found)} complaints.")
+        print(f"{path.name}: {path.stat().st_size} bytes, {len(RULES)} groups of rules, {len(found)} complaints.")
     return 1 if total else 0
 
 

@@ -1,11 +1,10 @@
-#!/usr/bin/python3
 """Makes dist/: what is handed out, signed, with its list of components, its licences and its checksums.
 
     scripts/release                              signed with a test certificate that is made now and thrown away
     scripts/release --certificate FILE [--password-file FILE] [--ca FILE]
                                                  FILE: certificate, chain and key, as PEM or PKCS #12 (.p12, .pfx);
-                                                 --ca: whom to trust when the signature is verified, else the system's list
-    scripts/release --check                      made once more in another folder: the unsigned files are the same
+                                                 --ca: authorities that the signature is verified with, else the system's list
+    scripts/release --check                      made again in another folder: the unsigned files are the same
 
 The version comes from src/resources/version.h, the date from CHANGELOG.md. docs/releasing.md describes the result.
 """
@@ -26,34 +25,27 @@ from urllib.parse import unquote
 
 import pefile
 
-TOP = Path(__file__).resolve().parent.parent
+from tools.project import ELSEWHERE, PYTHON, TOP, copy_sources, fail, files as project_files, say
+
 BUILD = TOP / "build" / "release"
 SYMBOLS = TOP / "build" / "symbols"
 WORK = TOP / "build" / "release-files"
 DIST = TOP / "dist"
 SYSTEM_CAS = Path("/etc/ssl/certs/ca-certificates.crt")
 
-# What is handed out. Everything in these lists has to be there; a release with a part missing is none.
+# What is handed out. Without any one of these there is no release.
 PROGRAMS = ["TavikCompatibilityTool", "TavikToolCompanion"]
 PAGES = ["README.md", "CHANGELOG.md"]
 FOLDERS = ["deploy", "docs"]
-WINDOWS_CHECK = ["build/release/TavikWindowsCheck.exe", "windows_check/README.txt"]
-
-
-def say(text: str) -> None:
-    print(f"release: {text}", flush=True)
-
-
-def fail(text: str) -> None:
-    raise SystemExit(f"release: {text}")
+WINDOWS_CHECK = ["build/release/TavikWindowsCheck.exe", "windows_check/README.txt", "build/docs/windows-facts.md"]
 
 
 def run(*command: str | Path, cwd: Path = TOP, env: dict[str, str] | None = None) -> str:
-    """Output of a command, which is shown when it fails."""
+    """The output of a command; it is shown when the command fails."""
     done = subprocess.run([str(part) for part in command], cwd=cwd, env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
     if done.returncode:
         print(done.stdout[-4000:], file=sys.stderr)
-        fail(f"{Path(command[0]).name} failed, see above")
+        fail(f"{Path(command[0]).name} failed, see its output above.")
     return done.stdout
 
 
@@ -62,24 +54,16 @@ def version_and_date() -> tuple[str, str]:
     header = (TOP / "src/resources/version.h").read_text("utf-8")
     found = re.search(r'TAVIK_VERSION_TEXT "(\d+\.\d+\.\d+)\.(\d+)"', header)
     if not found:
-        fail("src/resources/version.h has no version")
+        fail("src/resources/version.h has no TAVIK_VERSION_TEXT \"A.B.C.D\".")
     changes = (TOP / "CHANGELOG.md").read_text("utf-8")
     heading = re.search(rf"^## \[{re.escape(found[1])}\] - (\d{{4}}-\d\d-\d\d)$", changes, re.MULTILINE)
     if not heading:
-        fail(f'CHANGELOG.md has no heading "## [{found[1]}] - <date>"')
+        fail(f'CHANGELOG.md has no heading "## [{found[1]}] - DATE" for this version. Add it.')
     return f"{found[1]}.{found[2]}", heading[1]
 
 
-def project_files(folder: str) -> list[Path]:
-    """Files of the project below a folder; in a copy without git all that are there."""
-    if (TOP / ".git").exists():
-        names = run("git", "ls-files", "--cached", "--others", "--exclude-standard", "--deduplicate", "--", folder).splitlines()
-        return sorted(TOP / name for name in names if (TOP / name).is_file())
-    return sorted(file for file in (TOP / folder).rglob("*") if file.is_file() and "__pycache__" not in file.parts)
-
-
 def zip_files(target: Path, files: dict[str, Path], date: str) -> None:
-    """Same files, same bytes: names sorted, one time for all, no trace of the machine."""
+    """The same files give the same bytes: names are sorted, all have one time, and nothing of this machine is stored."""
     year, month, day = (int(part) for part in date.split("-"))
     with zipfile.ZipFile(target, "w", zipfile.ZIP_DEFLATED, compresslevel=9) as archive:
         for name in sorted(files):
@@ -99,12 +83,14 @@ def checksums(folder: Path, names: list[str]) -> None:
 
 def build() -> None:
     checks = [path for path in WINDOWS_CHECK if path.endswith(".exe")]
+    (TOP / "build" / "docs").mkdir(parents=True, exist_ok=True)
+    run(PYTHON, "-m", "tools.windows_facts", "page")
     for preset, targets in (("release", [*PROGRAMS, *(Path(path).stem for path in checks)]), ("symbols", PROGRAMS)):
         run("cmake", "--preset", preset)
         known = run("cmake", "--build", "--preset", preset, "--target", "help")
         for target in targets:
             if f"{target}: phony" not in known and f"{target}.exe: " not in known:
-                fail(f"the build knows no program {target}; a release needs {', '.join([*PROGRAMS, *checks])}")
+                fail(f"The build has no target {target}; a release needs {', '.join([*PROGRAMS, *checks])}.")
         run("cmake", "--build", "--preset", preset, "--target", *targets)
 
 
@@ -114,7 +100,7 @@ def loaded_sections(exe: Path) -> dict[str, tuple[int, bytes]]:
 
 
 def without_time(file: Path) -> None:
-    """objcopy writes the time of day into the header, which nobody reads, and a checksum that includes it."""
+    """objcopy writes the time of day into the header, and a checksum that includes it. Neither is used."""
     data = bytearray(file.read_bytes())
     header = int.from_bytes(data[0x3C:0x40], "little")
     for field in (header + 8, header + 24 + 64):  # TimeDateStamp, CheckSum
@@ -126,20 +112,20 @@ def symbol_file(name: str, target: Path) -> None:
     """The symbols of the shipping exe, from the same program linked with them."""
     shipping, full = BUILD / f"{name}.exe", SYMBOLS / f"{name}.exe"
     if loaded_sections(shipping) != loaded_sections(full):
-        fail(f"{name}.exe differs from the one with symbols; both presets must link it with project_strip")
+        fail(f"{name}.exe differs from the one with symbols. Link it with project_strip in both presets.")
     run("x86_64-w64-mingw32-objcopy", "--only-keep-debug", full, target)
     without_time(target)
     names = run("x86_64-w64-mingw32-nm", "--defined-only", target)
     entry = re.search(r"^([0-9a-f]+) T (wWinMain|wmain|main)$", names, re.MULTILINE)
     place = run("x86_64-w64-mingw32-addr2line", "-e", target, f"0x{entry[1]}").strip() if entry else ""
-    if not re.search(r"\bsrc/\w+/\w+\.cpp:\d+", place):
-        fail(f"the symbols of {name} do not lead to its sources: {place or 'no entry point'}")
+    if not re.search(r"\b(src/\w+|companion)/\w+\.cpp:\d+", place):
+        fail(f"The symbols of {name} do not lead to its sources: {place or 'no entry point'}. Build the preset \"symbols\" with -g.")
     if str(TOP).encode() in target.read_bytes():
-        fail(f"the symbols of {name} name the folder {TOP}")
+        fail(f"The symbols of {name} contain the path {TOP}. See -ffile-prefix-map in cmake/Hardening.cmake.")
 
 
 def third_party(sbom: Path, target: Path) -> None:
-    """The licences of what is linked in: a short list, then what the packages themselves say, word by word."""
+    """The licences of what is linked in: a short list, then the full copyright files of the packages."""
     packages = [one for one in json.loads(sbom.read_text("utf-8"))["packages"] if one["primaryPackagePurpose"] == "LIBRARY"]
     lines = ["What is linked into the programs, and its licences", "", "The packages are those of Debian 12.", ""]
     texts: dict[str, str] = {}
@@ -148,7 +134,7 @@ def third_party(sbom: Path, target: Path) -> None:
         lines += [f"{one['name']} ({name} {one['versionInfo']})", f"    {one['licenseDeclared']}", f"    {one['licenseComments']}", ""]
         source = Path("/usr/share/doc", name, "copyright")
         if not source.is_file():
-            fail(f"{source} is missing; this system leaves out documentation, so the licences cannot be quoted")
+            fail(f"{source} is missing, so the licence cannot be quoted. Install the package with its documentation (dpkg's path-exclude).")
         texts.setdefault(source.read_text("utf-8", errors="replace"), name)
     for text, name in texts.items():
         lines += ["=" * 100, f"The copyright file of {name}", "=" * 100, "", text.rstrip(), ""]
@@ -156,12 +142,12 @@ def third_party(sbom: Path, target: Path) -> None:
 
 
 def make_unsigned(out: Path) -> str:
-    """Everything but the signatures, into the folder out; returns the version."""
+    """Makes everything except the signatures, in the folder out; returns the version."""
     version, date = version_and_date()
-    missing = [path for path in [*PAGES, *FOLDERS, *(path for path in WINDOWS_CHECK if not path.endswith(".exe"))] if not (TOP / path).exists()]
+    missing = [path for path in [*PAGES, *FOLDERS, "windows_check/README.txt"] if not (TOP / path).exists()]
     if missing:
-        fail(f"not there, but part of a release: {', '.join(missing)}")
-    say(f"building version {version} of {date}, with and without symbols")
+        fail(f"A release needs {', '.join(missing)}, which is missing.")
+    say(f"Building version {version} of {date}, with and without symbols.")
     build()
     shutil.rmtree(out, ignore_errors=True)
     out.mkdir(parents=True)
@@ -172,9 +158,9 @@ def make_unsigned(out: Path) -> str:
     for path in WINDOWS_CHECK:
         shutil.copyfile(TOP / path, out / Path(path).name)
     sbom = out / "sbom.spdx.json"
-    run("/usr/bin/python3", TOP / "tools/sbom.py", "--out", sbom, "--version", version, "--created", f"{date}T00:00:00Z", *(out / f"{name}.exe" for name in PROGRAMS))
+    run(PYTHON, "-m", "tools.sbom", "--out", sbom, "--version", version, "--created", f"{date}T00:00:00Z", *(out / f"{name}.exe" for name in PROGRAMS))
     for name in PROGRAMS:
-        (out / f"{name}.exe.map").unlink()  # full of paths of this machine
+        (out / f"{name}.exe.map").unlink()  # contains paths of this machine
     third_party(sbom, out / "THIRD-PARTY.txt")
     pack(out, out, version, date, "-unsigned")
     checksums(out, [file.name for file in out.iterdir()])
@@ -202,7 +188,7 @@ def pack(source: Path, target: Path, version: str, date: str, ending: str = "") 
 # Signing
 
 class Signer:
-    """Signs with the given certificate or with one made for this run, and makes sure of the result."""
+    """Signs with the given certificate or with one made for this run, and checks the result."""
 
     def __init__(self, certificate: Path | None, password_file: Path | None, trusted: Path | None, work: Path):
         self.own = certificate is None
@@ -213,7 +199,7 @@ class Signer:
                 "-keyout", work / "key.pem", "-out", work / "cert.pem")
             certificate.write_bytes((work / "cert.pem").read_bytes() + (work / "key.pem").read_bytes())
         if not certificate.is_file():
-            fail(f"there is no certificate {certificate}")
+            fail(f"There is no certificate {certificate}.")
         if certificate.suffix.lower() in (".p12", ".pfx"):
             self.how = ["-pkcs12", certificate, *(["-readpass", password_file] if password_file else ["-pass", ""])]
         else:
@@ -229,18 +215,18 @@ class Signer:
         target.unlink(missing_ok=True)
         run("osslsigncode", "sign", *self.how, "-h", "sha256", "-n", title, "-in", source, "-out", target)
         if not self.verifies(target):
-            fail(f"the signature of {target.name} does not verify against {self.trusted}; --ca names another list of certificates")
-        # A verification that lets everything pass would be worth nothing, and nothing but the signature may be new.
+            fail(f"The signature of {target.name} does not verify with {self.trusted}. Give the list with its authority: --ca FILE.")
+        # The verification must be able to fail, and only the signature may be new.
         changed = bytearray(target.read_bytes())
         changed[len(source.read_bytes()) // 2] ^= 1
         damaged, bare = self.work / "damaged.exe", self.work / "bare.exe"
         damaged.write_bytes(changed)
         if self.verifies(damaged):
-            fail(f"{target.name} with a changed byte verifies as well")
+            fail(f"{target.name} with a changed byte verifies as well: do not trust this verification.")
         bare.unlink(missing_ok=True)
         run("osslsigncode", "remove-signature", "-in", target, "-out", bare)
         if bare.read_bytes() != source.read_bytes():
-            fail(f"{target.name} without its signature is not what was built")
+            fail(f"{target.name} without its signature differs from what was built.")
 
 
 def make(given: argparse.Namespace) -> None:
@@ -251,7 +237,7 @@ def make(given: argparse.Namespace) -> None:
     with tempfile.TemporaryDirectory() as folder:
         work = Path(folder)
         signer = Signer(given.certificate, given.password_file, given.ca, work)
-        say("signing" + (" with a test certificate, for trials only: nobody else's machine trusts it" if signer.own else ""))
+        say("Signing" + (" with a test certificate, for trials only: no other machine trusts it." if signer.own else "."))
         signed = work / "signed"
         shutil.copytree(WORK, signed)
         for name in [*PROGRAMS, *(Path(path).stem for path in WINDOWS_CHECK if path.endswith(".exe"))]:
@@ -263,33 +249,29 @@ def make(given: argparse.Namespace) -> None:
             shutil.copyfile(work / "cert.pem", DIST / "test-certificate.pem")
     checksums(DIST, [file.name for file in DIST.iterdir() if file.is_file()])
     if not (TOP / "LICENSE").exists():
-        say("there is no file LICENSE: under which terms the tool is handed out is its owner's decision")
+        say("There is no file LICENSE: the owner decides under which terms the tool is handed out.")
     for file in sorted(DIST.rglob("*")):
         if file.is_file():
             say(f"{file.stat().st_size:>9}  {file.relative_to(TOP)}")
 
 
 def check() -> None:
-    """The same sources in another folder, with other times, another language and another time zone."""
+    """Makes the unsigned files from the same sources in another folder, with other times, another language and time zone."""
     make_unsigned(WORK)
     top = TOP / "build" / "check" / "release-again"
-    shutil.rmtree(top, ignore_errors=True)
     copy = top / "a-folder-of-another-length" / "sources"
-    for file in project_files("."):
-        target = copy / file.relative_to(TOP)
-        target.parent.mkdir(parents=True, exist_ok=True)
-        shutil.copy(file, target)
-        os.utime(target, (981158400, 981158400))
-    say("the same again in another folder")
+    shutil.rmtree(top, ignore_errors=True)
+    copy_sources(copy)
+    say("The same again in another folder.")
     again = copy / "build" / "release-files"
-    run(copy / "scripts/release", "--unsigned", again, cwd=copy, env={**os.environ, "LC_ALL": "C", "TZ": "Asia/Kathmandu"})
+    run(copy / "scripts/release", "--unsigned", again, cwd=copy, env={**os.environ, **ELSEWHERE})
     first = {file.name: file.read_bytes() for file in WORK.iterdir()}
     second = {file.name: file.read_bytes() for file in again.iterdir()}
     different = sorted(name for name in first.keys() | second.keys() if first.get(name) != second.get(name))
     if different:
-        fail(f"the two differ in {', '.join(different)}; compare {WORK} and {again}")
+        fail(f"The two releases differ in {', '.join(different)}: compare {WORK} and {again}.")
     shutil.rmtree(top)
-    say(f"all {len(first)} unsigned files are the same from two folders")
+    say(f"All {len(first)} unsigned files are the same from two folders.")
 
 
 def main() -> None:
@@ -300,7 +282,6 @@ def main() -> None:
     parser.add_argument("--check", action="store_true")
     parser.add_argument("--unsigned", type=lambda name: Path(name).absolute(), metavar="FOLDER", help="only the unsigned files, into FOLDER")
     given = parser.parse_args()
-    run(TOP / "scripts/setup")
     if given.check:
         check()
     elif given.unsigned:

@@ -113,8 +113,8 @@ class Session:
                     test = f"{suite}{name.strip()}"
                     log = re.sub(r"\W+", "-", test)
                     self.files.append(self.results / f"{log}.xml")
-                    commands[log] = ["/usr/lib/wine/wine64", exe, f"--gtest_filter={test}", f"--gtest_output=xml:{self.results / log}.xml"]
-        return self.in_process(str, commands)
+                    commands[log] = ["/usr/lib/wine/wine64", exe, f"--gtest_filter={test}", f"--gtest_output=xml:Z:{self.results / log}.xml"]
+        return self.in_process(lambda line: "" if re.match(r"Running main|Note: |\[[-= ]+(PASSED)?[ ]*\]|\[ RUN", line) else line, commands)
 
     def wine(self, *command: str | Path) -> str:
         with Prefix.copy(template(), self.results / "list") as prefix:

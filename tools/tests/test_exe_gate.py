@@ -1,4 +1,4 @@
-"""The gate that the exe has to pass (tools/exe_gate.py): each of its rules sees a copy of the exe that breaks it."""
+"""tools/exe_gate.py: for each of its rules a copy of the exe that breaks it."""
 from __future__ import annotations
 
 import collections
@@ -55,26 +55,20 @@ def directory(name: str, address: int, size: int) -> Callable[[bytes], bytes]:
     return header(change)
 
 
-def section(name: str, add: int) -> Callable[[bytes], bytes]:
-    def change(pe: pefile.PE) -> None:
-        one, = (item for item in pe.sections if item.Name.rstrip(b"\0") == name.encode())
-        one.Characteristics |= add
-    return header(change)
+def section(name: str, change: Callable[[pefile.PE, pefile.SectionStructure], None]) -> Callable[[bytes], bytes]:
+    return header(lambda pe: change(pe, next(item for item in pe.sections if item.Name.rstrip(b"\0") == name.encode())))
+
+
+def with_flag(name: str, add: int) -> Callable[[bytes], bytes]:
+    return section(name, lambda _, one: setattr(one, "Characteristics", one.Characteristics | add))
 
 
 def swap(old: bytes, new: bytes) -> Callable[[bytes], bytes]:
     return lambda data: replaced(data, old, new)
 
 
-def begins_in(name: str) -> Callable[[bytes], bytes]:
-    def change(pe: pefile.PE) -> None:
-        one, = (item for item in pe.sections if item.Name.rstrip(b"\0") == name.encode())
-        pe.OPTIONAL_HEADER.AddressOfEntryPoint = one.VirtualAddress
-    return header(change)
-
-
 def paste(text: bytes) -> Callable[[bytes], bytes]:
-    """Puts a text into the first unused place behind the headers that is long enough."""
+    """Puts a text into the first unused place after the headers that is long enough."""
     def doctor(data: bytes) -> bytes:
         at = data.index(bytes(len(text) + 2), pefile.PE(data=data, fast_load=True).OPTIONAL_HEADER.SizeOfHeaders) + 1
         return data[:at] + text + data[at + len(text):]
@@ -92,7 +86,7 @@ def stamp(name: str, offset: int) -> Callable[[bytes], bytes]:
 
 
 def no_calls_of_the_guard(data: bytes) -> bytes:
-    """As if nothing but two functions had been compiled with the protector: the other calls go elsewhere."""
+    """As if only two functions were compiled with the protector: the other calls are replaced."""
     pe = pefile.PE(data=data, fast_load=True)
     text = pe.sections[0]
     shift = text.VirtualAddress - text.PointerToRawData
@@ -109,7 +103,7 @@ def no_calls_of_the_guard(data: bytes) -> bytes:
 
 
 def table_of_functions(change: Callable[[list[tuple[int, int, int]]], None]) -> Callable[[bytes], bytes]:
-    """Changes the table that Windows unwinds the stack with."""
+    """Changes the table with which Windows unwinds the stack."""
     def doctor(data: bytes) -> bytes:
         pe = pefile.PE(data=data, fast_load=True)
         entry = pe.OPTIONAL_HEADER.DATA_DIRECTORY[DIRECTORY["IMAGE_DIRECTORY_ENTRY_EXCEPTION"]]
@@ -148,15 +142,15 @@ DOCTORED = {
                                        "the header says that relocations were stripped"),
     "no relocations": (directory("BASERELOC", 0, 0), "there are 0 relocations"),
     "low base": (field("OPTIONAL_HEADER.ImageBase", 0x400000), "the image base 0x400000 is not"),
-    "code writable": (section(".text", WRITE), "section .text is writable and executable"),
-    "data and code": (section(".data", CODE), "section .data is writable and executable"),
-    "shared data": (section(".data", SHARED), "section .data is shared between processes"),
-    "begins in data": (begins_in(".data"), "the program begins in section .data"),
+    "code writable": (with_flag(".text", WRITE), "section .text is writable and executable"),
+    "data and code": (with_flag(".data", CODE), "section .data is writable and executable"),
+    "shared data": (with_flag(".data", SHARED), "section .data is shared between processes"),
+    "starts in data": (section(".data", lambda pe, one: setattr(pe.OPTIONAL_HEADER, "AddressOfEntryPoint", one.VirtualAddress)), "the program starts in section .data"),
     "bound imports": (directory("BOUND_IMPORT", 0x200, 0x20), "the imports are bound"),
     "exports": (directory("EXPORT", 0xC0000, 0x28), "it exports something"),
     "functions without an entry": (table_of_functions(without_the_most_called),
                                    "1 functions are called but not in the table of functions"),
-    "functions in disorder": (table_of_functions(unsorted), "the table of functions is not sorted"),
+    "unsorted functions": (table_of_functions(unsorted), "the table of functions is not sorted"),
     "wrong description": (table_of_functions(description_in_the_code), "the table of functions names something outside"),
     "guard's end is gone": (swap(check_exe.FAST_FAIL, b"\xba\0\0\0\0"), "0 functions end the process for a damaged stack"),
     "hardly any guards": (no_calls_of_the_guard, "2 functions have a stack guard"),
@@ -173,7 +167,7 @@ DOCTORED = {
     "name of the file": (swap(wide("OriginalFilename"), wide("OriginalFilenam_")), "the text OriginalFilename is None"),
     "path of the build": (paste(str(paths.ROOT).encode()), f"there is a trace of the build in it: {paths.ROOT}"),
     "wide path of the build": (paste(wide(str(paths.ROOT))), f"there is a trace of the build in it: {paths.ROOT}"),
-    "somebody's folder": (paste(b"/home/" + b"somebody/x"), "there is a trace of the build in it: /home/"),
+    "a user's folder": (paste(b"/home/" + b"user/x"), "there is a trace of the build in it: /home/"),
     "path of a source": (paste(b"base/log.cpp"), "there is a trace of the build in it: .cpp"),
     "wide path of a source": (paste(wide("app\\main.cpp")), "there is a trace of the build in it: .cpp"),
     "user": (paste(f"/{USER}/".encode()), f"there is a trace of the build in it: /{USER}/"),
@@ -183,11 +177,11 @@ DOCTORED = {
     "debug directory": (directory("DEBUG", 0xC0000, 28), "there is a debug directory"),
     "symbols": (field("FILE_HEADER.NumberOfSymbols", 7), "the symbols were not stripped"),
     "certificate": (directory("SECURITY", 0x1000, 8), "there is a certificate in it"),
-    "something behind the end": (lambda data: data + b"12345", "5 bytes lie behind the last section"),
+    "something after the end": (lambda data: data + b"12345", "5 bytes follow the last section"),
 }
 # Names of the same length, so that one can take another's place.
 LIBRARIES = {
-    "planted by anybody": (swap(b"SHELL32.dll\0", b"version.dll\0"), [
+    "easily planted": (swap(b"SHELL32.dll\0", b"version.dll\0"), [
         "version.dll is imported statically, but Windows does not protect that name", "shell32.dll is on a list",
         "the library version.dll is named in it"]),
     "delayed no more": (swap(b"SHELL32.dll\0", b"WININET.dll\0"), [
@@ -228,11 +222,11 @@ def test_the_companion_passes_by_its_own_lists():
 
 @pytest.mark.parametrize("doctor, wanted", [
     (field("OPTIONAL_HEADER.Subsystem", 2), ["the subsystem is 2, not that of console programs"]),
-    (swap(b'"asInvoker"', b'"highest"  '), ["the manifest is not src/resources/companion.manifest", "the manifest wants more"]),
+    (swap(b'"asInvoker"', b'"highest"  '), ["the manifest is not companion/companion.manifest", "the manifest asks for more"]),
     (swap(b"WININET.dll\0", b"WINHTTP.dll\0"), ["winhttp.dll is imported at its first call", "wininet.dll is on a list", "the library winhttp.dll is named"]),
     (swap(b"SHELL32.dll\0", b"version.dll\0"), ["version.dll is imported statically, but Windows", "shell32.dll is on a list", "the library version.dll is named"]),
     (paste(b"base/log.cpp"), ["there is a trace of the build in it: .cpp"])],
-    ids=["window program", "more rights", "other delayed library", "planted by anybody", "path of a source"])
+    ids=["window program", "more rights", "other delayed library", "easily planted", "path of a source"])
 def test_one_rule_of_the_companion_is_broken(tmp_path, doctor, wanted):
     found = complaints(doctor(paths.need(paths.COMPANION).read_bytes()), tmp_path, product=check_exe.COMPANION)
     assert len(found) == len(wanted) and all(any(one.startswith(text) for one in found) for text in wanted), found
@@ -277,5 +271,5 @@ def test_a_build_without_its_compiler_calls(shipped, tmp_path):
 
 
 def test_only_one_rule_is_broken_at_a_time(shipped, tmp_path):
-    """What follows from one broken rule stays readable: a missing flag is one complaint."""
+    """A missing flag is one complaint, not several."""
     assert len(complaints(DOCTORED["fixed address"][0](shipped), tmp_path)) == 1
