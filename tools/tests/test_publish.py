@@ -151,7 +151,7 @@ def refused_file(signers: Signers, installer: pathlib.Path, target: pathlib.Path
 
 # Proves: It is not signed, changed, or signed by another signer => refused, and the mirror stays as it is
 @pytest.mark.parametrize("how, why", [
-    ("unsigned", "it is not signed"), ("text", "no Windows program"), ("changed", "the signature is not good"),
+    ("unsigned", "it is not signed"), ("text", "not a Windows program"), ("changed", "the signature is not good"),
     ("longer", "something was added"), ("shorter", "something was added"), ("other", "not signed by"),
     ("impostor", "the signature is not good"), ("expired", "the signature is not good"), ("accompanied", "the signature is not good")])
 def test_refused(site, signers, installer, tmp_path, how, why):
