@@ -1,11 +1,11 @@
 # add_delay_import(<target> <library>...): links DLLs so that they load at the first call instead of at process start.
 #
-# Windows protects only its KnownDLLs against a copy planted beside the program. The others must not load before
-# wWinMain has restricted the search path, so they are loaded on demand; start-up gets faster as well.
-# The toolchain has the delay-load helper but no delay libraries: they are made from its ordinary import libraries.
+# Windows protects only its KnownDLLs against a copy planted beside the program. The others must not load before wWinMain has
+# restricted the search path, so they load on demand, which also makes start-up faster. The toolchain has the helper for that but no
+# delay libraries; these are made from its import libraries.
 find_program(MINGW_DLLTOOL x86_64-w64-mingw32-dlltool REQUIRED)
 find_program(MINGW_NM x86_64-w64-mingw32-nm REQUIRED)
-find_program(MINGW_GCC x86_64-w64-mingw32-gcc-posix REQUIRED) # knows where the libraries are, whoever compiles
+find_program(MINGW_GCC x86_64-w64-mingw32-gcc-posix REQUIRED) # knows where the libraries are, also when Clang compiles
 
 function(add_delay_import target)
   foreach(name IN LISTS ARGN)

@@ -8,7 +8,7 @@ function(project_flags target)
     -Wshadow -Wold-style-cast -Woverloaded-virtual -Wnull-dereference
     -Wcast-qual -Wformat=2 -Wundef -Wswitch-enum
     -fno-common
-    -ffunction-sections -fdata-sections     # with --gc-sections: what nobody calls is not shipped
+    -ffunction-sections -fdata-sections     # with --gc-sections: unreferenced functions are removed
     -ffile-prefix-map=${CMAKE_SOURCE_DIR}=. # no path of the build machine in the file
     -ffile-prefix-map=${CMAKE_BINARY_DIR}=build)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
@@ -16,8 +16,8 @@ function(project_flags target)
   endif()
 endfunction()
 
-# The shipped program only: the guard itself is src/base/stack_guard.cpp. The flag stays off the link line, where it
-# would pull in libssp, which loads cryptography DLLs before wWinMain can restrict the search path.
+# For programs that ship. The guard itself is src/base/stack_guard.cpp. The flag must not be on the link line: there it would add
+# libssp, which loads cryptography DLLs before wWinMain can restrict the search path.
 function(project_stack_protector target)
   target_compile_options(${target} PRIVATE -fstack-protector-strong)
 endfunction()
@@ -32,9 +32,8 @@ function(project_link_options target)
     -Wl,--major-subsystem-version=10 -Wl,--minor-subsystem-version=0)
 endfunction()
 
-# Programs that are handed out carry no symbols. In the preset "symbols" they keep them, and the linker writes beside each
-# what it took from which library: scripts/release makes the symbol files and the list of components from that. The
-# instructions are the same in both, which scripts/release checks.
+# Programs that ship have no symbols. The preset "symbols" keeps them, and the linker writes a map beside each program:
+# scripts/release makes the symbol files and the list of components from these, and checks that the instructions are the same.
 function(project_strip target)
   if(TAVIK_KEEP_SYMBOLS)
     target_link_options(${target} PRIVATE -Wl,-Map=$<TARGET_FILE:${target}>.map)

@@ -1,15 +1,15 @@
-# The artwork is kept as drawings; what Windows wants is made from them in the build, the same bits every time.
+# The artwork is kept as drawings. The build makes what Windows needs from them, with the same bits every time.
 foreach(tool rsvg-convert convert icotool)
   string(MAKE_C_IDENTIFIER "RASTERISE_${tool}" variable)
   string(TOUPPER "${variable}" variable)
   find_program(${variable} ${tool})
   if(NOT ${variable})
-    message(FATAL_ERROR "${tool} is needed to make the artwork and was not found. Run scripts/setup, it installs what is missing.")
+    message(FATAL_ERROR "${tool} is missing, which makes the artwork. Run scripts/setup to install it.")
   endif()
 endforeach()
 
-# rasterise_banner(<svg> <out.bmp>): 640 x 192 pixels, 24 bits each, with the plain 40-byte header. LoadBitmap takes
-# nothing with transparency or a newer header for granted.
+# rasterise_banner(<svg> <out.bmp>): 640 x 192 pixels, 24 bits each, with the plain 40-byte header: LoadBitmap is not
+# documented to read transparency or a newer header.
 function(rasterise_banner svg out)
   cmake_path(ABSOLUTE_PATH svg)
   cmake_path(ABSOLUTE_PATH out BASE_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})
@@ -25,10 +25,9 @@ function(rasterise_banner svg out)
     VERBATIM)
 endfunction()
 
-# rasterise_icon(<svg> <small svg> <out.ico>): the sizes that Windows asks for at scales up to 200 %, and 256 pixels, from
-# which it makes all others (128 pixels of their own would take 66 KB). Below 32 pixels a drawing of its own is used,
-# because the details of the full one blur there. 256 pixels are stored as PNG, as bitmap they alone would be a quarter of
-# a megabyte; the smaller ones are not, since only that size is promised to be read in that form.
+# rasterise_icon(<svg> <small svg> <out.ico>): the sizes that Windows needs at scales up to 200 %, and 256 pixels, from which it scales
+# all others (128 pixels would add 66 KB). Below 32 pixels a simpler drawing is used, as details blur there. Only 256 pixels are stored
+# as PNG: as a bitmap they would take a quarter of a megabyte, and smaller PNG pictures are not documented to work.
 function(rasterise_icon svg smallSvg out)
   cmake_path(ABSOLUTE_PATH svg)
   cmake_path(ABSOLUTE_PATH smallSvg)

@@ -1,5 +1,4 @@
-# link_tightly(<target>): what nobody calls is not shipped. The reasons stand in link_tight.py. Only GNU ld needs the help,
-# and only its script is known.
+# link_tightly(<target>): removes unreferenced functions; link_tight.py says why the linker alone does not. Only for GNU ld.
 set(LINK_TIGHT ${CMAKE_CURRENT_LIST_DIR}/link_tight.py)
 find_program(LINK_TIGHT_PYTHON python3 REQUIRED)
 

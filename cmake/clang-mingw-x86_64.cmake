@@ -1,10 +1,9 @@
-# The second compiler: Clang with the headers and libraries of the first one. It only serves to hear another opinion;
-# what ships is built by GCC.
+# The second compiler, for its warnings: Clang with the headers and libraries of GCC. What ships is built by GCC.
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 
-# Clang looks for the GCC files in a folder whose name is a plain version number and does not find Debian's "12-posix".
-# A small tree of links gives it one.
+# Clang searches the GCC files in a folder named after a plain version number and does not find Debian's "12-posix", so a tree of
+# links has such a folder.
 set(sysroot ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot)
 cmake_path(NORMAL_PATH sysroot)
 file(GLOB gccFolders /usr/lib/gcc/x86_64-w64-mingw32/*-posix)
@@ -26,7 +25,7 @@ set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
 set(CMAKE_AR /usr/bin/x86_64-w64-mingw32-ar CACHE FILEPATH "")
 set(CMAKE_RANLIB /usr/bin/x86_64-w64-mingw32-ranlib CACHE FILEPATH "")
 set(CMAKE_CXX_FLAGS_INIT "-pthread -femulated-tls") # how GCC's library keeps thread-local data
-# Not optimised, some inline functions of the library are emitted here and are in GCC's archive as well.
+# Without optimisation some inline functions of the library are emitted here and are in GCC's archive too.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--allow-multiple-definition")
 unset(ENV{LIBRARY_PATH})                            # Clang would add its folders, made for this host, to the link
 

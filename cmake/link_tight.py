@@ -1,19 +1,19 @@
 #!/usr/bin/python3
-"""Links a program without the functions that nobody calls. Called in front of the compiler's link command:
+"""Links a program without unreferenced functions. Called in front of the compiler's link command:
 
     link_tight.py COMPILER ARGUMENTS... -o PROGRAM ...
 
-The linker's --gc-sections alone leaves them in: its script for Windows keeps every entry of the unwind tables (.pdata,
-.xdata), each entry refers to its function, and so every function of every object that is touched counts as used. The
-standard library's one exception for files brings along all of its locales and number formats that way, 600 KB.
+The linker's --gc-sections alone does not remove them: its script for Windows keeps every entry of the unwind tables (.pdata, .xdata),
+and each entry refers to its function. So every function of every object that is linked counts as used; the standard library's exception
+for files alone brings in all locales and number formats, 600 KB.
 
-So the tables follow the functions here, not the other way round. The program is linked with the tables of no function;
-what the linker keeps then is what is reachable. These functions get their tables back, which makes more functions
-reachable (clean-up, handlers), and so on until a link keeps no function whose table is left out. That link, with the
-linker's own script but for the two tables, is the program. It takes three or four rounds of a fraction of a second.
+So here the functions decide which entries are kept. The program is linked without any entry; what the linker keeps then is reachable.
+These functions get their entries back, which makes more functions reachable (clean-up, handlers), and so on, until a link keeps no
+function whose entries are missing. That link is the program; only the two tables differ from the linker's own script. It takes three or
+four rounds of a fraction of a second.
 
-Ends with the linker's message and code when a link fails, and then leaves the program as it was. Beside the program it
-leaves PROGRAM.map and PROGRAM.ld.
+When a link fails it ends with the linker's message and code, and the program is unchanged. It leaves PROGRAM.map and PROGRAM.ld beside
+the program.
 """
 import re
 import subprocess
@@ -22,14 +22,14 @@ from collections import defaultdict
 from pathlib import Path
 
 TABLES = (".pdata", ".xdata")
-ROUNDS = 20  # 3 are needed; each adds at least one function, so the end is certain, but something would be wrong
+ROUNDS = 20  # 3 are needed; more than these mean that something is wrong
 PLACED = re.compile(r"^ \.text(\S*)\s+0x([0-9a-f]+)\s+0x([0-9a-f]+) (\S.*)$", re.MULTILINE)
 
 Function = tuple[str, str]  # object file as the map names it, what follows ".text" in the section's name
 
 
 def call(command: list[str], *options: str) -> str:
-    """What the link says. Ends the program when it fails."""
+    """Returns what the linker prints. Ends the program when it fails."""
     done = subprocess.run([*command, *(f"-Wl,{option}" for option in options)], capture_output=True, text=True, check=False)
     if done.returncode != 0:
         sys.stderr.write(done.stdout + done.stderr)
@@ -38,23 +38,23 @@ def call(command: list[str], *options: str) -> str:
 
 
 def usual_script(command: list[str]) -> str:
-    """The script that the linker would use for this very command."""
+    """The script that the linker would use for this command."""
     said = call(command, "--verbose")
     parts = re.split(r"^={20,}\n", said, flags=re.MULTILINE)
     if len(parts) < 3 or any(f"KEEP(*({table}*))" not in parts[1] for table in TABLES):
-        sys.exit("link_tight.py: this linker's script keeps its unwind tables in another way; look at it with ld --verbose.")
+        sys.exit("link_tight.py: this linker's script has no KEEP lines for the unwind tables. Compare it (ld --verbose) with usual_script.")
     return parts[1]
 
 
 def as_pattern(file: str) -> str:
-    """How a script names an object: by its name alone, so that folders do not matter. A pattern that fits one object too
-    many keeps a table too many, never one too few."""
+    """How a script names an object: without its folder. A pattern that matches one object too many keeps an entry too many, never one
+    too few."""
     member = re.fullmatch(r"(.*)\((.*)\)", file)
     return f"*{Path(member[1]).name}:{member[2]}" if member else f"*{Path(file).name}"
 
 
 def with_tables(script: str, functions: set[Function]) -> str:
-    """The script that keeps the tables of these functions and drops all others."""
+    """The script that keeps the table entries of these functions and drops all others."""
     by_object = defaultdict(set)
     for file, name in functions:
         by_object[as_pattern(file)].add(name)
@@ -67,7 +67,7 @@ def with_tables(script: str, functions: set[Function]) -> str:
 
 
 def reachable(linker_map: str) -> set[Function]:
-    """The functions that are in the program: those that the linker has given a place."""
+    """The functions that are in the program: those that the linker gave an address."""
     placed = linker_map[linker_map.index("Linker script and memory map"):]
     return {(found[4], found[1]) for found in PLACED.finditer(placed) if int(found[2], 16) and int(found[3], 16)}
 
@@ -76,7 +76,7 @@ def main() -> None:
     command = sys.argv[1:]
     place = command.index("-o") + 1
     program = Path(command[place])
-    # Not under its own name before it is complete: what is killed in between must not be taken for it.
+    # Under another name until it is complete: a link that is killed must not leave half a program.
     unfinished = program.with_name(program.name + ".unfinished")
     command[place] = str(unfinished)
     script_file, map_file = program.with_name(program.name + ".ld"), program.with_name(program.name + ".map")
@@ -94,7 +94,7 @@ def main() -> None:
             kept |= there
     finally:
         unfinished.unlink(missing_ok=True)
-    sys.exit(f"link_tight.py: after {ROUNDS} rounds there are still functions without their unwind tables.")
+    sys.exit(f"link_tight.py: after {ROUNDS} rounds there are still functions without unwind entries. Check {map_file.name} against PLACED.")
 
 
 if __name__ == "__main__":

@@ -2,6 +2,7 @@
 
     tools.texts links    what pages point to exists (files, headings, pictures), and README.md names every page of docs/
     tools.texts paths    no file names a folder of one machine
+    tools.texts words    no file has a word that plain English avoids
 
 Addresses outside the project are not checked: they would have to be fetched. Generated pages (build/docs) count as there.
 """
@@ -16,6 +17,7 @@ from tools.project import TOP, files
 
 LINK = re.compile(r"!?\[[^\]]*\]\(([^()\s]+)\)")
 GENERATED = TOP / "build" / "docs"
+AVOIDED = re.compile(r"(?<![a-z])(nobody|somebody|whoever|anybody|mend(ed|s|ing)?|torture)s?(?![a-z])", re.I)
 OWN_FOLDER = re.compile(r"(?:^|[^\w.}-])/(?:home|root|work|Users)/[\w.]")
 
 
@@ -58,18 +60,24 @@ def links() -> Iterator[str]:
 def lines() -> Iterator[tuple[Path, int, str]]:
     for file in files():
         data = file.read_bytes()
-        if b"\0" not in data[:8000]:
+        if b"\0" not in data[:8000] and file != Path(__file__).resolve():
             yield from ((file.relative_to(TOP), number, line) for number, line in enumerate(data.decode("utf-8", "replace").split("\n"), 1))
 
 
 def paths() -> Iterator[str]:
     for file, number, line in lines():
-        if (OWN_FOLDER.search(line) or f"{TOP}/" in line) and file != Path("tools/texts.py"):
+        if OWN_FOLDER.search(line) or f"{TOP}/" in line:
             yield f"{file}:{number}: {line.strip()[:120]}: write paths relative to the project, or take them from a variable"
 
 
+def words() -> Iterator[str]:
+    for file, number, line in lines():
+        if found := AVOIDED.search(line):
+            yield f"{file}:{number}: {line.strip()[:120]}: instead of \"{found[0]}\" say who does it, or what is done"
+
+
 def main(arguments: list[str]) -> int:
-    checks = {"links": links, "paths": paths}
+    checks = {"links": links, "paths": paths, "words": words}
     if len(arguments) != 1 or arguments[0] not in checks:
         print(__doc__)
         return 2
