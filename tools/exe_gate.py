@@ -101,6 +101,12 @@ FUNCTION_ALIGNMENT = 16  # bytes that seem to call another address are not a cal
 JUMP = b"\xff\x25"  # the stub of an imported function is only this jump
 FOREIGN = ("/home/", "/root/", "/tmp/", "/usr/", "/build/", "\\build\\", "\\users\\", ".cpp", ".cc", ".hpp", ".obj", ".pdb")
 
+NOT_IN_IT = {  # directories
+    "EXPORT": "it exports something, which a program should not",
+    "BOUND_IMPORT": "the imports are bound to the DLLs of one version of Windows",
+    "DEBUG": "there is a debug directory, which names files of the build",
+    "SECURITY": "there is a certificate in it: check the file that the build made, before it is signed",
+}
 SLOW = ("IMAGE_DIRECTORY_ENTRY_EXCEPTION",)  # read here: pefile unpacks far more of it than is needed
 
 Complaints = Iterator[str]
@@ -230,8 +236,6 @@ def imports(exe: Exe) -> Complaints:
     # A name that is no longer imported must leave its list; otherwise the import could come back unnoticed.
     for name in sorted((set(exe.product.static) - static) | (set(exe.product.delayed) - delayed)):
         yield f"{name} is on a list in this script but not imported as it says"
-    if exe.directory("BOUND_IMPORT"):
-        yield "the imports are bound to the DLLs of one version of Windows"
 
 
 def looked_up(exe: Exe) -> Complaints:
@@ -246,11 +250,6 @@ def looked_up(exe: Exe) -> Complaints:
         yield f"the library {text} is named in it and is not on a list in this script"
     for text in sorted(set(exe.product.looked_up) - wide):
         yield f"{text} is on the list of what is looked up in this script but not in the exe"
-
-
-def exports(exe: Exe) -> Complaints:
-    if exe.directory("EXPORT"):
-        yield "it exports something, which a program should not"
 
 
 def unwinding(exe: Exe) -> Complaints:
@@ -343,28 +342,21 @@ def traces(exe: Exe) -> Complaints:
     for text in [*FOREIGN, str(TOP), str(exe.build), f"/{user}/", f"\\{user}\\"]:
         if any(text.lower().encode(encoding) in lower for encoding in ("utf-8", "utf-16-le")):
             yield f"there is a trace of the build in it: {text}"
-    if exe.pe.FILE_HEADER.TimeDateStamp:
-        yield f"the time stamp of the link is {exe.pe.FILE_HEADER.TimeDateStamp:#x}, not 0"
-    if any(entry.struct.TimeDateStamp for entry in getattr(exe.pe, "DIRECTORY_ENTRY_IMPORT", [])):
-        yield "the imports have a time stamp"
-    if exe.directory("RESOURCE") and exe.pe.DIRECTORY_ENTRY_RESOURCE.struct.TimeDateStamp:
-        yield "the resources have a time stamp"
-    if exe.directory("DEBUG"):
-        yield "there is a debug directory, which names files of the build"
+    stamps = [("link", exe.pe.FILE_HEADER), *(("imports", entry.struct) for entry in getattr(exe.pe, "DIRECTORY_ENTRY_IMPORT", [])),
+              *([("resources", exe.pe.DIRECTORY_ENTRY_RESOURCE.struct)] if exe.directory("RESOURCE") else [])]
+    yield from (f"the time stamp of the {name} is {part.TimeDateStamp:#x}, not 0" for name, part in stamps if part.TimeDateStamp)
     if exe.pe.FILE_HEADER.PointerToSymbolTable or exe.pe.FILE_HEADER.NumberOfSymbols:
         yield "the symbols were not stripped"
 
 
 def rest(exe: Exe) -> Complaints:
-    """Signing comes after the build; nothing may follow the last section."""
-    if exe.directory("SECURITY"):
-        yield "there is a certificate in it: check the file that the build made, before it is signed"
+    yield from (complaint for name, complaint in NOT_IN_IT.items() if exe.directory(name))
     over = exe.pe.get_overlay_data_start_offset()
     if over is not None:
         yield f"{len(exe.data) - over} bytes follow the last section"
 
 
-RULES = (header, relocations, sections, imports, looked_up, exports, unwinding, stack_protector, manifest, version, traces, rest)
+RULES = (header, relocations, sections, imports, looked_up, unwinding, stack_protector, manifest, version, traces, rest)
 
 
 def complaints(path: Path, build: Path, product: Product = TOOL) -> list[str]:
