@@ -1,9 +1,9 @@
-"""The deployment kit's scripts, as far as they can be tried without a Windows: the rule of the detection script, the registry key
-by which it finds the desktop edition, and a run as the repair script prepares it for SYSTEM.
+"""The deployment kit's scripts, as far as they can be tested without Windows: the rule of the detection script, the registry key by
+which it finds the desktop edition, and a run as the repair script prepares it for SYSTEM.
 
-There is no PowerShell here. The three functions of the rule are rewritten into Python line by line by the translator below,
-which knows the few forms they are made of and stops at any other, so it is their own text that is tried. The rest of the
-scripts is only checked by tools/deployment_check.py.
+There is no PowerShell here. The translator below rewrites the three functions of the rule into Python, line by line. It knows only
+the forms that they use and stops at any other, so the test runs the text of the script itself. The rest of the scripts is only
+checked by tools/deployment_check.py.
 """
 from __future__ import annotations
 
@@ -21,7 +21,7 @@ DETECTION = (DEPLOY / "powershell" / "Test-TavikRelease.ps1").read_text("ascii")
 TABLE = (paths.ROOT / "tests" / "app" / "compatibility_check_test.cpp").read_text("utf-8")
 
 
-# PowerShell, as far as the rule needs it
+# PowerShell, the part that the rule needs
 
 class Text(str):
     """A text with PowerShell's members."""
@@ -65,11 +65,11 @@ def translated(script: str, *names: str) -> dict:
         assert function, f"there is no function {name}"
         for line in filter(None, (line.strip() for line in function[0].split("\n"))):
             form = next(((pattern, put) for pattern, put in STATEMENTS if re.fullmatch(pattern, line)), None)
-            assert form, f"not a form that is known here: {line}"
+            assert form, f"the translator does not know this form: {line}"
             line = re.sub(*form, line)
             for pattern, put in EXPRESSIONS:
                 line = re.sub(pattern, put, line)
-            assert re.fullmatch(KNOWN, line), f"not known here: {line}"
+            assert re.fullmatch(KNOWN, line), f"the translator does not know a part of: {line}"
             lines.append(line)
     scope = {"OrdinalIgnoreCase": OrdinalIgnoreCase}
     exec("\n".join(lines), scope)
@@ -96,7 +96,7 @@ def test_the_table_was_found():
 
 # Proves: The detection script compares releases => by the tool's own rule
 @pytest.mark.parametrize("base, installed, same", pairs())
-def test_the_same_release_is_the_tools_own_rule(base, installed, same):
+def test_releases_are_compared_by_the_tools_own_rule(base, installed, same):
     assert RULE["Test_SameRelease"](Text(base), Text(installed)) is same
 
 
@@ -113,7 +113,7 @@ def test_the_base_ends_before_the_first_hyphen(release, base):
 @pytest.mark.parametrize("broken", [
     ("return $Release.Split('-')[0]", "return $Release -replace '-.*'"), ("function Test-SameRelease(", "function Test-Same("),
     ("if ($compare.Equals($Base, $Installed)) { return $true }", "if ($Base -eq $Installed) { return $true }")])
-def test_what_the_translator_does_not_know_it_does_not_guess(broken):
+def test_the_translator_refuses_unknown_forms(broken):
     assert broken[0] in DETECTION
     with pytest.raises(AssertionError):
         translated(DETECTION.replace(*broken), "Get-ReleaseBase", "Get-ReleasePrefix", "Test-SameRelease")
@@ -122,7 +122,7 @@ def test_what_the_translator_does_not_know_it_does_not_guess(broken):
 # The registry
 
 def upgrade_key() -> str:
-    """The key the detection script looks for, put together as it does."""
+    """The key that the detection script looks for, built in the same way."""
     code = re.search(r"^\$upgradeCode = '(.*)'", DETECTION, re.M)[1]
     digits = code.strip("{}").replace("-", "")
     order = [int(number) for number in re.search(r"^    \$order = (.*)$", DETECTION, re.M)[1].split(",")]
@@ -141,22 +141,22 @@ def test_the_desktop_edition_is_found_where_windows_installer_lists_it(desktop, 
 # As SYSTEM in session 0
 
 PRIVATE = r"C:\Program Files\Tavik\MIM\Temp"
-NOBODY = 'wtsapi32!WTSQuerySessionInformationW * return=1 text=""'
+NO_USER = 'wtsapi32!WTSQuerySessionInformationW * return=1 text=""'
 
 
 # Proves: A silent run in a session without a user, as under SYSTEM => repaired, in the temporary folder that the repair script prepares
 def test_a_silent_run_in_a_session_without_a_user(lab):
-    """The session has no user, so the tool cannot protect the folder it unpacks into and says nothing about it; the repair script
-    has given it a temporary folder of its own, with that folder in it. What this cannot show: that Windows answers as the
-    stand-in does, and the folder's access rights."""
+    """The session has no user, so the tool cannot protect the folder it unpacks into, and logs nothing about that. The repair script
+    gives it a temporary folder of its own with that folder in it. Not shown: that Windows answers as the stand-in does, and the
+    folder's access rights."""
     unpacked = PRIVATE + r"\Tavik_VLTInstallerDownload\LPInstaller"
-    lab.run({"temp": PRIVATE, "files": {unpacked: {"folder": True}}, "faults": [NOBODY]}, "-SILENT")
+    lab.run({"temp": PRIVATE, "files": {unpacked: {"folder": True}}, "faults": [NO_USER]}, "-SILENT")
     lab.check(exit_code=0, outcome="repaired", boxes=[], before={"files": [unpacked]},
               after={"products": ["Tavik Halden 24.20"], "files": [unpacked + r"\HL\halden\halden64\dwx-next64.msi"]},
               log=[*opening("-SILENT"), *inventory(), *download(), unpack(), *REPAIR])
 
 
-def test_the_repair_script_prepares_what_that_run_found():
+def test_the_repair_script_prepares_that_folder():
     script = (DEPLOY / "powershell" / "Repair-TavikSoftware.ps1").read_text("ascii")
     assert r"Join-Path $programFiles 'Tavik\MIM'" in script and r"$temp = Join-Path $base 'Temp'" in script
     assert r"(Join-Path $temp 'Tavik_VLTInstallerDownload\LPInstaller')" in script
