@@ -1,4 +1,4 @@
-// Letters A to Z without regard to case, and the like, in UTF-8 text.
+// ASCII characters in UTF-8 text: lower case, classes, comparison without regard to case.
 #pragma once
 
 #include <algorithm>

@@ -1,9 +1,8 @@
-// The catalogue of outcomes: how each is recognised and what it means. The table is made from companion/outcomes.toml,
-// whose head states the rules, when the program is built, so nothing has to lie beside the exe.
+// The catalogue of outcomes: how each is recognised and what it means. The build makes the table from
+// companion/outcomes.toml, whose head states the rules.
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <string_view>
 
@@ -11,23 +10,23 @@ namespace repair
 {
 enum class RunMode
 {
-    Any,
-    Check,   // without "-VLT -Install"
-    Direct,  // with both
+    kAny,
+    kCheck,   // without "-VLT -Install"
+    kDirect,  // with both
 };
 
 enum class ExitRule
 {
-    Any,
-    Listed,    // one of `exits`
-    Negative,  // below zero
-    Result,    // the number that was remembered
+    kAny,
+    kListed,    // one of `exits`
+    kNegative,  // below zero
+    kResult,    // the number that was remembered
 };
 
-using PatternList = std::span<const std::uint16_t>;  // places in Catalogue::patterns
+using PatternList = std::span<const std::uint16_t>;  // indexes into Catalogue::patterns
 using NumberList = std::span<const long long>;
 
-// What is said about an outcome; UTF-8.
+// The explanation of an outcome; UTF-8.
 struct Meaning
 {
     std::string_view id;
@@ -42,19 +41,19 @@ struct Meaning
 struct Outcome
 {
     Meaning meaning;
-    RunMode mode = RunMode::Any;
-    ExitRule exitRule = ExitRule::Any;
+    RunMode mode = RunMode::kAny;
+    ExitRule exitRule = ExitRule::kAny;
     NumberList exits;
     NumberList exitNot;
-    PatternList lines;                 // in this order
-    std::optional<NumberList> result;  // the remembered number is one of these
-    NumberList resultNot;              // and none of these
-    std::optional<PatternList> oneOf;
+    PatternList lines;     // in this order
+    NumberList result;     // if given, the remembered number is one of these
+    NumberList resultNot;  // and none of these
+    PatternList oneOf;
     PatternList without;
     PatternList withoutAfter;
-    std::optional<PatternList> last;
-    bool wantsLog = true;     // false: no log, or nothing in it
-    bool isFallback = false;  // counts only when no other outcome matches
+    PatternList last;
+    bool wantsLog = true;     // false: no log, or an empty one
+    bool isFallback = false;  // counts only if no other outcome matches
 };
 
 struct Catalogue
@@ -63,6 +62,6 @@ struct Catalogue
     std::span<const Outcome> outcomes;
 };
 
-// The catalogue of companion/outcomes.toml, for the program's whole life.
+// Returns the catalogue of companion/outcomes.toml.
 const Catalogue& BuiltInCatalogue();
 }  // namespace repair

@@ -1,28 +1,35 @@
-// check-server: whether a value for DWXServerFolder will do.
-#include <utility>
+// check-server: whether a value works as DWXServerFolder.
+#include <memory>
 
-#include "companion/arguments.h"
+#include <CLI/CLI.hpp>
+
 #include "companion/commands.h"
 #include "companion/console.h"
 #include "companion/failure.h"
 #include "companion/server_request.h"
 #include "companion/server_value.h"
-#include "companion/wide_text.h"
+#include "companion/unicode.h"
 
 namespace repair
 {
 namespace
 {
-constexpr std::string_view kAnyRelease = "24.20";  // for the lengths, when no release is asked for
+constexpr char kAnyRelease[] = "24.20";  // to check lengths if no release is given
 constexpr size_t kReleaseCharacters = 5;
 constexpr DWORD kOk = 200;
+
+struct Options
+{
+    std::string value;
+    std::string release;
+};
 
 void Say(bool isError, const std::string& text)
 {
     WriteOutput((isError ? "error: " : "warning: ") + text + "\n");
 }
 
-// False when the tool would not get an installer.
+// Returns false if the tool would not get an installer.
 bool CheckAnswer(const std::string& url)
 {
     const ServerAnswer answer = AskServer(ToWide(url));
@@ -34,36 +41,29 @@ bool CheckAnswer(const std::string& url)
     std::string said = "the server answers " + std::to_string(answer.status);
     if (answer.status >= 300 && answer.status < 400 && !answer.location.empty())
     {
-        Say(true, said + " and leads to " + answer.location +
-                      ": the tool would follow, also out of TLS. Name the final address");
+        Say(true, said + " and redirects to " + answer.location +
+                      ": the tool would follow it, even away from TLS; use the final address");
         return false;
     }
     if (answer.status != kOk)
     {
-        Say(true, said + ": only 200 will do");
+        Say(true, said + ": the tool accepts only 200");
         return false;
     }
     said += answer.size ? ", " + std::to_string(*answer.size) + " bytes" : ", size not announced";
     WriteOutput(said + "\n");
     if (!answer.beginsLikeProgram)
     {
-        Say(true, "what it sends is no Windows program: the tool would run it nevertheless and fail");
+        Say(true, "the server does not send a Windows program: the tool would try to run it and fail");
         return false;
     }
     return true;
 }
-}  // namespace
 
-int CheckServerCommand(std::vector<std::wstring> given)
+int Execute(const Options& options)
 {
-    Arguments arguments(std::move(given));
-    const auto release = arguments.TakeValue(L"--release");
-    const std::string value = ToUtf8(arguments.TakeOperands(1, 1).front());
-    if (release && release->size() < kReleaseCharacters)
-    {
-        throw UsageError("--release wants a release such as 24.20");
-    }
-    const ServerValue checked = CheckServerValue(value, release ? ToUtf8(*release) : std::string(kAnyRelease));
+    const ServerValue checked =
+        CheckServerValue(options.value, options.release.empty() ? kAnyRelease : options.release);
     for (const Remark& remark : checked.remarks)
     {
         Say(remark.isError, remark.text);
@@ -73,6 +73,25 @@ int CheckServerCommand(std::vector<std::wstring> given)
         return kFailed;
     }
     WriteOutput("the tool asks for " + checked.url + "\n");
-    return !release || CheckAnswer(checked.url) ? kDone : kFailed;
+    return options.release.empty() || CheckAnswer(checked.url) ? kDone : kFailed;
+}
+}  // namespace
+
+void AddCheckServerCommand(CLI::App& program, int& result)
+{
+    const auto options = std::make_shared<Options>();
+    CLI::App& command =
+        *program.add_subcommand("check-server", "Checks a value for DWXServerFolder, your own download server.");
+    command.add_option("URL", options->value, "the value")->type_name("")->required();
+    command.add_option("--release", options->release, "also ask the server for the installer of this release")
+        ->type_name("RELEASE")
+        ->check([](const std::string& text) {
+            return text.size() < kReleaseCharacters ? "give a release such as 24.20" : "";
+        });
+    command.footer(
+        "Examples:\n"
+        "  TavikToolCompanion check-server https://mirror.example/vlt/\n"
+        "  TavikToolCompanion check-server https://mirror.example/vlt/ --release 24.20");
+    command.callback([options, &result] { result = Execute(*options); });
 }
 }  // namespace repair

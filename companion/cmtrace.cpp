@@ -15,35 +15,35 @@ struct Rule
     Severity severity;
 };
 
-// The first that matches counts. Wording and order are the tool's.
+// The first rule that matches counts.
 constexpr Rule kRules[] = {
-    {"Unable to find dwx2-install.exe at *", Severity::Information},  // it is downloaded then
-    {"Unable to find ReleaseVersion regkey for *", Severity::Warning},
-    {"Unable to get DEVPKEY_Device_ProblemCode property: *", Severity::Warning},
-    {"Unable to create VLTUWPReplaced registry key *", Severity::Warning},
-    {"Unable to *", Severity::Error},
-    {"Another instance is running. Exiting.", Severity::Warning},
-    {"User does not have VLT installed. Exiting.", Severity::Warning},
-    {"Failed to get SPDRP_DRIVER for *", Severity::Warning},
-    {"Failed *", Severity::Error},
-    {"Device has CM_PROB_Xxx code *", Severity::Warning},
-    {"Response code from server: 200", Severity::Information},
-    {"Response code from server: *", Severity::Error},
-    {"Error*", Severity::Error},
-    {"Download failed with error code: *", Severity::Error},
-    {"Launching process * failed. Error code = *", Severity::Error},
-    {"Exception * when *", Severity::Warning},
-    {"Unknown expection occured when *", Severity::Warning},
-    {"\tException occured *", Severity::Error},
-    {"System reboot may be required for *", Severity::Warning},
-    {"failed to install the UWP version of VLT", Severity::Error},
-    {"\tResult = 0", Severity::Information},
-    {"\tResult = 1641", Severity::Warning},  // a restart has begun
-    {"\tResult = 3010", Severity::Warning},  // a restart is wanted
-    {"\tResult = 3011", Severity::Warning},  // the same
-    {"\tResult = *", Severity::Error},
-    {"\t Result = 0*", Severity::Information},
-    {"\t Result = *", Severity::Warning},  // of the removal of a Store package
+    {"Unable to find dwx2-install.exe at *", Severity::kInformation},  // then the tool downloads it
+    {"Unable to find ReleaseVersion regkey for *", Severity::kWarning},
+    {"Unable to get DEVPKEY_Device_ProblemCode property: *", Severity::kWarning},
+    {"Unable to create VLTUWPReplaced registry key *", Severity::kWarning},
+    {"Unable to *", Severity::kError},
+    {"Another instance is running. Exiting.", Severity::kWarning},
+    {"User does not have VLT installed. Exiting.", Severity::kWarning},
+    {"Failed to get SPDRP_DRIVER for *", Severity::kWarning},
+    {"Failed *", Severity::kError},
+    {"Device has CM_PROB_Xxx code *", Severity::kWarning},
+    {"Response code from server: 200", Severity::kInformation},
+    {"Response code from server: *", Severity::kError},
+    {"Error*", Severity::kError},
+    {"Download failed with error code: *", Severity::kError},
+    {"Launching process * failed. Error code = *", Severity::kError},
+    {"Exception * when *", Severity::kWarning},
+    {"Unknown expection occured when *", Severity::kWarning},
+    {"\tException occured *", Severity::kError},
+    {"System reboot may be required for *", Severity::kWarning},
+    {"failed to install the UWP version of VLT", Severity::kError},
+    {"\tResult = 0", Severity::kInformation},
+    {"\tResult = 1641", Severity::kWarning},  // a restart has begun
+    {"\tResult = 3010", Severity::kWarning},  // a restart is required
+    {"\tResult = 3011", Severity::kWarning},  // the same
+    {"\tResult = *", Severity::kError},
+    {"\t Result = 0*", Severity::kInformation},
+    {"\t Result = *", Severity::kWarning},  // of the removal of a Store package
 };
 
 constexpr std::string_view kEnd = "]LOG]!>";  // of the message, in the format
@@ -58,14 +58,14 @@ Severity SeverityOf(std::string_view line)
             return rule.severity;
         }
     }
-    return Severity::Information;
+    return Severity::kInformation;
 }
 
 std::string CmTraceLine(std::string_view line, const LocalTime& began)
 {
     std::string text = "<![LOG[";
     text += line;
-    // The format has no escapes: the mark of the end must not stand in a message.
+    // The format has no escapes, so a message must not contain the mark of its end.
     for (size_t at = text.find(kEnd); at != std::string::npos; at = text.find(kEnd, at))
     {
         text.insert(at + kEnd.size() - 2, 1, ' ');

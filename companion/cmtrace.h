@@ -10,15 +10,15 @@ namespace repair
 {
 enum class Severity
 {
-    Information = 1,  // the numbers are those of the format
-    Warning = 2,
-    Error = 3,
+    kInformation = 1,  // the numbers are those of the format
+    kWarning = 2,
+    kError = 3,
 };
 
-// What the line says about the run: a failure, something that needs attention, or neither.
+// Returns whether the line reports a failure, something that needs attention, or neither.
 Severity SeverityOf(std::string_view line);
 
-// One line without its end. The log knows only when the run began, so every line has that time; which offset from UTC
-// it had is not known either, the format wants one and gets +000.
+// Returns one line without its end. The log has no times, so every line gets the start of the run. The format requires
+// an offset from UTC, which is unknown too, so it is always +000.
 std::string CmTraceLine(std::string_view line, const LocalTime& began);
 }  // namespace repair

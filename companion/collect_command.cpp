@@ -1,22 +1,22 @@
 // collect: all logs of the machine in one archive, without the names of users and machines.
+#include <memory>
 #include <optional>
-#include <utility>
 
 #include <windows.h>
 
+#include <CLI/CLI.hpp>
+
 #include "base/log.h"
-#include "companion/arguments.h"
 #include "companion/catalogue.h"
 #include "companion/commands.h"
 #include "companion/console.h"
 #include "companion/explanation.h"
 #include "companion/failure.h"
-#include "companion/json.h"
 #include "companion/log_files.h"
 #include "companion/machine_names.h"
 #include "companion/output_file.h"
 #include "companion/redaction.h"
-#include "companion/wide_text.h"
+#include "companion/unicode.h"
 #include "companion/zip_archive.h"
 
 namespace repair
@@ -26,39 +26,24 @@ namespace
 constexpr wchar_t kBundle[] = L"TavikToolLogs.zip";
 constexpr wchar_t kSummary[] = L"TavikToolLogs.jsonl";
 constexpr char kSummaryInBundle[] = "summary.jsonl";
-constexpr size_t kBufferBytes = 65'536;
 
-class ZipFile : public ZipTarget
+struct Options
 {
-public:
-    explicit ZipFile(const std::wstring& path) : file_(path) {}
-
-    bool Append(std::string_view bytes) override
-    {
-        file_.Append(bytes);
-        return true;
-    }
-    bool Patch(std::uint64_t offset, std::string_view bytes) override
-    {
-        file_.Patch(offset, bytes);
-        return true;
-    }
-    void Keep() { file_.Keep(); }
-
-private:
-    OutputFile file_;
+    std::string folder;
+    std::string from;
+    std::vector<std::string> names;
 };
 
 struct CollectedLog
 {
     std::wstring name;
     Finding finding;
-    std::uint64_t bytes = 0;             // read the first time; what the tool has added since is left out
+    std::uint64_t bytes = 0;             // read the first time; lines that the tool adds later are left out
     std::optional<std::string> failure;  // why it could not be read
 };
 
-// The first time: what run it was, and the names in it.
-CollectedLog LookAt(const std::wstring& folder, const std::wstring& name, Redactor& redactor)
+// First pass over a log: its outcome, and the names in it.
+CollectedLog Examine(const std::wstring& folder, const std::wstring& name, Redactor& redactor)
 {
     CollectedLog log;
     log.name = name;
@@ -76,15 +61,7 @@ CollectedLog LookAt(const std::wstring& folder, const std::wstring& name, Redact
     return log;
 }
 
-void Check(bool written)
-{
-    if (!written)  // the file itself would have thrown
-    {
-        throw Failure("the logs are more than an archive can hold (4 GB): move some to another folder, see --from");
-    }
-}
-
-// Windows allows no brackets in the name of a file, so that its Explorer would not unpack it.
+// The placeholders lose their brackets, because Windows does not allow these in file names.
 std::string NameInArchive(const std::wstring& name, const Redactor& redactor)
 {
     std::string clean = redactor.Redact(ToUtf8(name));
@@ -92,68 +69,26 @@ std::string NameInArchive(const std::wstring& name, const Redactor& redactor)
     return clean;
 }
 
-// The second time: into the archive.
+// Second pass over a log: into the archive.
 void Pack(const std::wstring& folder, const CollectedLog& log, const Redactor& redactor, ZipArchive& archive)
 {
-    Check(archive.Begin(NameInArchive(log.name, redactor), ParseLogName(ToUtf8(log.name)).value_or(LocalTime())));
-    std::string buffer;
-    LineReader reader([&](const Line& line) {
-        buffer += redactor.Redact(line.text);
-        buffer += line.ends && line.hasLineEnd ? "\r\n" : "";
-        if (buffer.size() >= kBufferBytes)
-        {
-            Check(archive.Write(buffer));
-            buffer.clear();
-        }
-    });
-    ReadFileBytes(
-        JoinPath(folder, log.name), [&reader](std::string_view bytes) { reader.Feed(bytes); }, log.bytes);
-    reader.Finish();
-    Check(archive.Write(buffer) && archive.End());
+    archive.Begin(NameInArchive(log.name, redactor), ParseLogName(ToUtf8(log.name)).value_or(LocalTime()));
+    WriteAsText(
+        JoinPath(folder, log.name), [&redactor](const Line& line) { return redactor.Redact(line.text); },
+        [&archive](std::string_view bytes) { archive.Write(bytes); }, log.bytes);
+    archive.End();
 }
 
 std::string Summarise(const CollectedLog& log, const Redactor& redactor)
 {
     const auto clean = [&redactor](std::string_view text) { return redactor.Redact(text); };
-    if (log.failure)
-    {
-        JsonObject object;
-        object.Add("log", clean(ToUtf8(log.name))).Add("error", clean(*log.failure));
-        return object.Text() + "\n";
-    }
-    return ExplainAsJson(log.finding, clean) + "\n";
+    return (log.failure ? UnreadableAsJson(clean(ToUtf8(log.name)), clean(*log.failure))
+                        : ExplainAsJson(log.finding, clean)) +
+           "\n";
 }
 
-LocalTime Now()
+void MakeFolder(const std::wstring& folder)
 {
-    SYSTEMTIME time = {};
-    GetLocalTime(&time);
-    return {time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute, time.wSecond, time.wMilliseconds};
-}
-}  // namespace
-
-int CollectCommand(std::vector<std::wstring> given)
-{
-    Arguments arguments(std::move(given));
-    const std::wstring from = arguments.TakeValue(L"--from").value_or(GetLogFolder());
-    Redactor redactor;
-    redactor.KeepHost(TAVIK_DOWNLOAD_HOST);
-    while (const auto name = arguments.TakeValue(L"--name"))
-    {
-        redactor.Add(NameKind::User, ToUtf8(*name));
-    }
-    const std::wstring folder = arguments.TakeOperands(1, 1).front();
-    AddMachineNames(redactor);
-
-    std::vector<CollectedLog> logs;
-    for (const LogFile& file : ListLogs(from))
-    {
-        logs.push_back(LookAt(from, file.name, redactor));
-    }
-    if (logs.empty())
-    {
-        throw Failure("there are no logs in " + ToUtf8(from));
-    }
     if (CreateDirectoryW(folder.c_str(), nullptr) == 0)
     {
         const DWORD error = GetLastError();
@@ -162,36 +97,97 @@ int CollectCommand(std::vector<std::wstring> given)
             throw Failure(SystemFailure(ToUtf8(folder) + " cannot be created", error));
         }
     }
-    ZipFile file(JoinPath(folder, kBundle));
+}
+
+// Writes archive and summary. Returns false, after a message, if a log could not be read.
+bool WriteBundle(const std::wstring& from, const std::wstring& folder, const std::vector<CollectedLog>& logs,
+                 const Redactor& redactor)
+{
+    OutputFile file(JoinPath(folder, kBundle));
     ZipArchive archive(file);
     std::string summary;
-    int result = kDone;
-    for (CollectedLog& log : logs)
+    bool isComplete = true;
+    for (const CollectedLog& log : logs)
     {
-        if (!log.failure)
+        if (log.failure)
         {
-            Pack(from, log, redactor, archive);
+            WriteError(*log.failure);
+            isComplete = false;
         }
         else
         {
-            WriteError("TavikToolCompanion: " + *log.failure + "\n");
-            result = kFailed;
+            Pack(from, log, redactor, archive);
         }
         summary += Summarise(log, redactor);
     }
-    Check(archive.Begin(kSummaryInBundle, Now()) && archive.Write(summary) && archive.End() && archive.Finish());
+    archive.Begin(kSummaryInBundle, Now());
+    archive.Write(summary);
+    archive.End();
+    archive.Finish();
     OutputFile summaryFile(JoinPath(folder, kSummary));
     summaryFile.Append(summary);
     file.Keep();
     summaryFile.Keep();
+    return isComplete;
+}
+
+int Execute(const Options& options)
+{
+    const std::wstring from = options.from.empty() ? GetLogFolder() : ToWide(options.from);
+    const std::wstring folder = ToWide(options.folder);
+    Redactor redactor;
+    redactor.KeepHost(TAVIK_DOWNLOAD_HOST);
+    for (const std::string& name : options.names)
+    {
+        redactor.Add(NameKind::kUser, name);
+    }
+    AddMachineNames(redactor);
+
+    std::vector<CollectedLog> logs;
+    for (const LogFile& file : ListLogs(from))
+    {
+        logs.push_back(Examine(from, file.name, redactor));
+    }
+    if (logs.empty())
+    {
+        throw Failure("there are no logs in " + ToUtf8(from));
+    }
+    MakeFolder(folder);
+    int result = WriteBundle(from, folder, logs, redactor) ? kDone : kFailed;
     if (redactor.IsFull())
     {
-        WriteError("TavikToolCompanion: the logs hold more than " + std::to_string(Redactor::kMostLearnt) +
-                   " names of users and machines; the last ones have been left in\n");
+        WriteError("the logs contain more than " + std::to_string(Redactor::kMostLearnt) +
+                   " names of users and machines; the last ones were not replaced");
         result = kFailed;
     }
     WriteOutput(std::to_string(logs.size()) + (logs.size() == 1 ? " log in " : " logs in ") +
                 ToUtf8(JoinPath(folder, kBundle)) + ", summary in " + ToUtf8(JoinPath(folder, kSummary)) + "\n");
     return result;
+}
+}  // namespace
+
+void AddCollectCommand(CLI::App& program, int& result)
+{
+    const auto options = std::make_shared<Options>();
+    CLI::App& command =
+        *program.add_subcommand("collect", "Puts all logs into one archive, without names of users and machines.");
+    command
+        .add_option("FOLDER", options->folder,
+                    "gets TavikToolLogs.zip with the logs, and TavikToolLogs.jsonl,\n"
+                    "the summary: one JSON object per log")
+        ->type_name("")
+        ->required();
+    command.add_option("--from", options->from, "folder with the logs; the tool's own without it")
+        ->type_name("FOLDER");
+    command.add_option("--name", options->names, "replace this name as well; may be repeated")
+        ->type_name("NAME")
+        ->expected(1)
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    command.footer(
+        "Examples:\n"
+        "  TavikToolCompanion collect C:\\bundle\n"
+        "  TavikToolCompanion collect C:\\bundle --from D:\\logs --name owner --name OWNER-PC");
+    command.callback([options, &result] { result = Execute(*options); });
 }
 }  // namespace repair

@@ -1,5 +1,8 @@
 #include "companion/command_line.h"
 
+#include <charconv>
+#include <cstdint>
+
 namespace repair
 {
 std::wstring QuoteArgument(std::wstring_view argument)
@@ -9,7 +12,7 @@ std::wstring QuoteArgument(std::wstring_view argument)
         return std::wstring(argument);
     }
     std::wstring quoted = L"\"";
-    size_t backslashes = 0;  // just before this place; in front of a quote two of them stand for one
+    size_t backslashes = 0;  // directly before this character; before a quotation mark each must be doubled
     for (const wchar_t c : argument)
     {
         if (c == L'"')
@@ -21,5 +24,17 @@ std::wstring QuoteArgument(std::wstring_view argument)
     }
     quoted.append(backslashes, L'\\');
     return quoted + L"\"";
+}
+
+std::optional<int> ParseExitCode(std::string_view text)
+{
+    std::int64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const std::from_chars_result parsed = std::from_chars(text.data(), end, number);
+    if (parsed.ec != std::errc() || parsed.ptr != end || number < INT32_MIN || number > UINT32_MAX)
+    {
+        return std::nullopt;
+    }
+    return static_cast<int>(static_cast<std::uint32_t>(number));
 }
 }  // namespace repair

@@ -1,15 +1,22 @@
-// The commands. Each gets what stands behind its name and returns the exit code; each throws Failure when it cannot do
-// its work and UsageError when the arguments make no sense.
+// The commands. Each function adds one command to the program: its options, its help, and what runs when the command
+// line names it. That sets `result`, the exit code; it throws CLI::ParseError for arguments that make no sense together,
+// and Failure if the command cannot do its work.
 #pragma once
 
 #include <string>
 #include <vector>
 
+namespace CLI
+{
+class App;
+}
+
 namespace repair
 {
-int ExplainCommand(std::vector<std::wstring> given);
-int ConvertCommand(std::vector<std::wstring> given);
-int CollectCommand(std::vector<std::wstring> given);
-int RunCommand(std::vector<std::wstring> given);
-int CheckServerCommand(std::vector<std::wstring> given);
+void AddExplainCommand(CLI::App& program, int& result);
+void AddConvertCommand(CLI::App& program, int& result);
+void AddCollectCommand(CLI::App& program, int& result);
+void AddCheckServerCommand(CLI::App& program, int& result);
+// `toolSwitches`: the command line of the tool, set before the command runs.
+void AddRunCommand(CLI::App& program, int& result, const std::vector<std::wstring>& toolSwitches);
 }  // namespace repair

@@ -1,6 +1,7 @@
 #include "companion/console.h"
 
 #include <algorithm>
+#include <string>
 
 #include <windows.h>
 
@@ -13,8 +14,8 @@ namespace
 {
 constexpr size_t kMostAtOnce = 16'384;  // a console takes less than 64 KB in one call
 
-// As many of the first bytes as may go out at once, without a part of a character at their end: a console would show
-// the two parts as two unknown ones. A character has four bytes at the most.
+// Returns how many bytes to write next. Never splits a character, because a console would show both parts as unknown
+// characters. A character has at most four bytes.
 size_t FirstPart(std::string_view bytes)
 {
     size_t size = std::min(bytes.size(), kMostAtOnce);
@@ -25,7 +26,7 @@ size_t FirstPart(std::string_view bytes)
     return size;
 }
 
-// False when not all of it could be written; the reason is the last error.
+// Returns false if writing fails; the reason is the last error.
 bool Write(DWORD stream, std::string_view bytes)
 {
     const HANDLE handle = GetStdHandle(stream);
@@ -67,8 +68,8 @@ void WriteOutput(std::string_view utf8)
     }
 }
 
-void WriteError(std::string_view utf8)
+void WriteError(std::string_view message)
 {
-    Write(STD_ERROR_HANDLE, utf8);
+    Write(STD_ERROR_HANDLE, "TavikToolCompanion: " + std::string(message) + "\n");
 }
 }  // namespace repair

@@ -1,11 +1,11 @@
-// Standard output and standard error, in UTF-8 wherever they lead.
+// Standard output and standard error, always in UTF-8.
 #pragma once
 
 #include <string_view>
 
 namespace repair
 {
-// As long as it lives a console shows UTF-8; afterwards it is as it was.
+// Switches a console to UTF-8, and back when it is destroyed.
 class Utf8Console
 {
 public:
@@ -20,9 +20,9 @@ private:
     unsigned int before_;  // code page; 0 without a console
 };
 
-// The bytes as they are. Throws Failure when they cannot be written.
+// Writes the bytes unchanged. Throws Failure if that fails.
 void WriteOutput(std::string_view utf8);
 
-// Never fails.
-void WriteError(std::string_view utf8);
+// Writes one line to standard error: the program's name and the message. Never fails.
+void WriteError(std::string_view message);
 }  // namespace repair

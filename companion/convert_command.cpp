@@ -1,79 +1,72 @@
-// convert: a log as a text file that every program reads.
-#include <utility>
+// convert: writes a log as a text file that every program can read.
+#include <memory>
 
 #include <windows.h>
 
-#include "base/handles.h"
-#include "companion/arguments.h"
+#include <CLI/CLI.hpp>
+
 #include "companion/cmtrace.h"
 #include "companion/commands.h"
 #include "companion/console.h"
 #include "companion/failure.h"
-#include "companion/line_reader.h"
 #include "companion/log_files.h"
 #include "companion/output_file.h"
-#include "companion/wide_text.h"
+#include "companion/unicode.h"
 
 namespace repair
 {
 namespace
 {
-constexpr size_t kBufferBytes = 65'536;
-
-LocalTime LastWritten(const std::wstring& path)
+struct Options
 {
-    WIN32_FILE_ATTRIBUTE_DATA data = {};
-    FILETIME local = {};
-    SYSTEMTIME time = {};
-    GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data);
-    FileTimeToLocalFileTime(&data.ftLastWriteTime, &local);
-    FileTimeToSystemTime(&local, &time);
-    return {time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute, time.wSecond, time.wMilliseconds};
+    bool forCmTrace = false;
+    std::string log;
+    std::string out;
+};
+
+void Convert(const Options& options, const std::function<void(std::string_view)>& write)
+{
+    const std::wstring log = ToWide(options.log);
+    const LocalTime began = ParseLogName(ToUtf8(FileNameOf(log))).value_or(LastWritten(log));
+    const auto edit = [&](const Line& line) {
+        if (!options.forCmTrace)
+        {
+            return std::string(line.text);
+        }
+        // Each record must end, also where the log's last line or a part of an overlong line does not.
+        return CmTraceLine(line.text, began) + (line.ends && line.hasLineEnd ? "" : "\r\n");
+    };
+    for (const std::string& sentence : DescribeDamage(WriteAsText(log, edit, write)))
+    {
+        WriteError(options.log + ": " + sentence);
+    }
 }
 
-void Convert(const std::wstring& log, bool forCmTrace, const std::function<void(std::string_view)>& write)
+int Execute(const Options& options)
 {
-    const LocalTime began = ParseLogName(ToUtf8(FileNameOf(log))).value_or(LastWritten(log));
-    std::string buffer;
-    LineReader reader([&](const Line& line) {
-        if (forCmTrace)
-        {
-            buffer += CmTraceLine(line.text, began) + "\r\n";  // a line that is too long becomes several
-        }
-        else
-        {
-            buffer += line.text;
-            buffer += line.ends && line.hasLineEnd ? "\r\n" : "";
-        }
-        if (buffer.size() >= kBufferBytes)
-        {
-            write(buffer);
-            buffer.clear();
-        }
-    });
-    ReadFileBytes(log, [&reader](std::string_view bytes) { reader.Feed(bytes); });
-    reader.Finish();
-    write(buffer);
-    for (const std::string& sentence : DescribeDamage(reader.GetDamage()))
+    if (options.out.empty())
     {
-        WriteError("TavikToolCompanion: " + ToUtf8(log) + ": " + sentence + "\n");
+        Convert(options, WriteOutput);
+        return kDone;
     }
+    OutputFile file(ToWide(options.out));
+    Convert(options, [&file](std::string_view bytes) { file.Append(bytes); });
+    file.Keep();
+    return kDone;
 }
 }  // namespace
 
-int ConvertCommand(std::vector<std::wstring> given)
+void AddConvertCommand(CLI::App& program, int& result)
 {
-    Arguments arguments(std::move(given));
-    const bool forCmTrace = arguments.TakeFlag(L"--cmtrace");
-    const std::vector<std::wstring> operands = arguments.TakeOperands(1, 2);
-    if (operands.size() == 1)
-    {
-        Convert(operands[0], forCmTrace, WriteOutput);
-        return kDone;
-    }
-    OutputFile file(operands[1]);
-    Convert(operands[0], forCmTrace, [&file](std::string_view bytes) { file.Append(bytes); });
-    file.Keep();
-    return kDone;
+    const auto options = std::make_shared<Options>();
+    CLI::App& command = *program.add_subcommand("convert", "Writes a log as UTF-8 text, or for CMTrace.");
+    command.add_option("LOG", options->log, "the log")->type_name("")->required();
+    command.add_option("OUT", options->out, "the text file; the standard output without it")->type_name("");
+    command.add_flag("--cmtrace", options->forCmTrace, "write the format of CMTrace and OneTrace");
+    command.footer(
+        "Examples:\n"
+        "  TavikToolCompanion convert InstallVLTForWUDriver_2026-11-6_4_7_31_15.log log.txt\n"
+        "  TavikToolCompanion convert --cmtrace InstallVLTForWUDriver_2026-11-6_4_7_31_15.log trace.log");
+    command.callback([options, &result] { result = Execute(*options); });
 }
 }  // namespace repair

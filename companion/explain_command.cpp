@@ -1,31 +1,42 @@
 // explain: what happened in a run, by its log.
+#include <memory>
 #include <optional>
-#include <utility>
 
-#include "companion/arguments.h"
+#include <windows.h>
+
+#include <CLI/CLI.hpp>
+
 #include "companion/catalogue.h"
+#include "companion/command_line.h"
 #include "companion/commands.h"
 #include "companion/console.h"
 #include "companion/explanation.h"
 #include "companion/failure.h"
 #include "companion/log_files.h"
-#include "companion/wide_text.h"
+#include "companion/unicode.h"
 
 namespace repair
 {
 namespace
 {
-struct Run
+struct Options
 {
-    std::wstring log;  // empty: it has left none
+    std::vector<std::string> logs;  // "@LIST" names a list
+    std::string exitCode;
+    bool asJson = false;
+    bool withoutLog = false;
+};
+
+struct LogOfRun
+{
+    std::wstring path;  // empty: the run left no log
     std::optional<int> exitCode;
 };
 
-// One run a line: exit code, tab, path of the log. Either may be empty.
-std::vector<Run> ReadList(const std::wstring& path)
+// Adds the runs of a list. Each line is: exit code, tab, path of the log. Either may be empty.
+void AddListed(const std::wstring& list, std::vector<LogOfRun>& logs)
 {
-    std::vector<Run> runs;
-    LineReader reader([&](const Line& line) {
+    ReadLines(list, [&](const Line& line) {
         if (line.text.empty())
         {
             return;
@@ -35,69 +46,95 @@ std::vector<Run> ReadList(const std::wstring& path)
         const std::optional<int> exitCode = ParseExitCode(code);
         if (tab == std::string_view::npos || (!exitCode && !code.empty()))
         {
-            throw Failure(ToUtf8(path) + ": a line is not exit code, tab, path: " + std::string(line.text));
+            throw Failure(ToUtf8(list) + ": a line is not exit code, tab, path: " + std::string(line.text));
         }
-        runs.push_back({ToWide(line.text.substr(tab + 1)), exitCode});
+        logs.push_back({ToWide(line.text.substr(tab + 1)), exitCode});
     });
-    ReadFileBytes(path, [&reader](std::string_view bytes) { reader.Feed(bytes); });
-    reader.Finish();
-    return runs;
 }
 
-Finding Explain(const Run& run)
+std::vector<LogOfRun> LogsToExplain(const Options& options)
 {
-    if (run.log.empty())
+    const std::optional<int> exitCode = ParseExitCode(options.exitCode);
+    if (options.withoutLog)
     {
-        return ClassifyWithoutLog(BuiltInCatalogue(), run.exitCode);
+        return {{{}, exitCode}};
     }
-    Classifier classifier(BuiltInCatalogue(), ToUtf8(FileNameOf(run.log)), run.exitCode);
-    ReadFileBytes(run.log, [&classifier](std::string_view bytes) { classifier.Feed(bytes); });
-    return classifier.Finish();
-}
-}  // namespace
-
-int ExplainCommand(std::vector<std::wstring> given)
-{
-    Arguments arguments(std::move(given));
-    const bool asJson = arguments.TakeFlag(L"--json");
-    const bool withoutLog = arguments.TakeFlag(L"--no-log");
-    const std::optional<int> exitCode = arguments.TakeNumber(L"--exit");
-    std::vector<Run> runs;
-    for (const std::wstring& operand : arguments.TakeOperands(withoutLog ? 0 : 1, withoutLog ? 0 : SIZE_MAX))
+    std::vector<LogOfRun> logs;
+    for (const std::string& log : options.logs)
     {
-        if (operand.starts_with(L'@'))
+        if (log.starts_with('@'))
         {
-            const std::vector<Run> listed = ReadList(operand.substr(1));
-            runs.insert(runs.end(), listed.begin(), listed.end());
+            AddListed(ToWide(log.substr(1)), logs);
         }
         else
         {
-            runs.push_back({operand, exitCode});
+            logs.push_back({ToWide(log), exitCode});
         }
     }
-    if (withoutLog)
+    return logs;
+}
+
+Finding Explain(const LogOfRun& log)
+{
+    if (log.path.empty())
     {
-        runs.push_back({{}, exitCode});
+        return ClassifyWithoutLog(BuiltInCatalogue(), log.exitCode);
     }
-    if (runs.size() > 1 && !asJson)
+    Classifier classifier(BuiltInCatalogue(), ToUtf8(FileNameOf(log.path)), log.exitCode);
+    ReadFileBytes(log.path, [&classifier](std::string_view bytes) { classifier.Feed(bytes); });
+    return classifier.Finish();
+}
+
+int Execute(const Options& options)
+{
+    if (options.withoutLog != options.logs.empty())
     {
-        throw UsageError("several logs need --json");
+        throw CLI::ValidationError("LOG", "name the log of the run, or give --no-log if the run left none");
+    }
+    const std::vector<LogOfRun> logs = LogsToExplain(options);
+    if (logs.size() > 1 && !options.asJson)
+    {
+        throw CLI::ValidationError("LOG", "several logs need --json");
     }
     int result = kDone;
-    for (const Run& run : runs)
+    for (const LogOfRun& log : logs)
     {
         try
         {
-            const Finding finding = Explain(run);
-            WriteOutput(asJson ? ExplainAsJson(finding) + "\n" : ExplainAsText(finding));
+            const Finding finding = Explain(log);
+            WriteOutput(options.asJson ? ExplainAsJson(finding) + "\n" : ExplainAsText(finding));
             result = finding.candidates.empty() ? kFailed : result;
         }
-        catch (const UnreadableFile& failure)  // the others are explained all the same
+        catch (const UnreadableFile& failure)  // explain the other logs all the same
         {
-            WriteError("TavikToolCompanion: " + std::string(failure.what()) + "\n");
+            WriteError(failure.what());
             result = kFailed;
         }
     }
     return result;
+}
+}  // namespace
+
+void AddExplainCommand(CLI::App& program, int& result)
+{
+    const auto options = std::make_shared<Options>();
+    CLI::App& command = *program.add_subcommand("explain", "Names the outcome of a run and the next step.");
+    command
+        .add_option("LOG", options->logs,
+                    "the log; with --json several logs, or @LIST:\na text file, each line exit code, tab, path of a log")
+        ->type_name("");
+    command.add_option("--exit", options->exitCode, "exit code of the run; without it several outcomes may remain")
+        ->type_name("NUMBER")
+        ->check([](const std::string& text) {
+            return ParseExitCode(text) ? "" : "\"" + text + "\" is not a 32-bit number";
+        });
+    command.add_flag("--json", options->asJson, "print one JSON object per run, each on one line");
+    command.add_flag("--no-log", options->withoutLog, "the run left no log");
+    command.footer(
+        "Examples:\n"
+        "  TavikToolCompanion explain InstallVLTForWUDriver_2026-11-6_4_7_31_15.log --exit 1618\n"
+        "  TavikToolCompanion explain --no-log --exit 3\n"
+        "  TavikToolCompanion explain --json @runs.txt");
+    command.callback([options, &result] { result = Execute(*options); });
 }
 }  // namespace repair

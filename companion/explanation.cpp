@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <utility>
 
-#include "companion/json.h"
+#include <nlohmann/json.hpp>
+#include <utf8cpp/utf8.h>
+
 #include "companion/log_name.h"
 #include "companion/unicode.h"
 
@@ -11,53 +13,36 @@ namespace repair
 {
 namespace
 {
+using Json = nlohmann::ordered_json;
+
 constexpr size_t kTextWidth = 100;
 constexpr std::string_view kIndent = "           ";
 
 std::string_view ModeName(RunMode mode)
 {
-    switch (mode)
-    {
-        case RunMode::Check:
-            return "check";
-        case RunMode::Direct:
-            return "direct";
-        case RunMode::Any:
-            break;
-    }
-    return "unknown";
+    return mode == RunMode::kCheck ? "check" : mode == RunMode::kDirect ? "direct" : "unknown";
 }
 
 std::string_view RetryInWords(std::string_view retry)
 {
-    if (retry == "yes")
-    {
-        return "yes";
-    }
-    if (retry == "later")
-    {
-        return "later, it may work by itself then";
-    }
-    if (retry == "after-restart")
-    {
-        return "after a restart";
-    }
-    return "no";
+    return retry == "later"           ? "later, it may work by itself then"
+           : retry == "after-restart" ? "after a restart"
+                                      : retry;
 }
 
-// A control character of a damaged log would move the cursor of a terminal, or worse.
+// Replaces control characters, which a damaged log may contain and a terminal would obey.
 std::string Printable(std::string_view utf8)
 {
     std::string text;
     for (const char32_t c : ToUtf32(utf8))
     {
         const bool isControl = (c < 0x20 && c != U'\t') || (c >= 0x7F && c < 0xA0);
-        AppendUtf8(text, isControl ? U'\uFFFD' : c);
+        utf8::append(isControl ? U'\uFFFD' : c, text);
     }
     return text;
 }
 
-// "Label      text", the text broken between words and indented.
+// Returns "Label      text", the text wrapped between words and indented.
 std::string Paragraph(std::string_view label, std::string_view text)
 {
     std::string out(label);
@@ -81,6 +66,12 @@ std::string Paragraph(std::string_view label, std::string_view text)
         }
     }
     return out + "\n";
+}
+
+// Bytes that are not UTF-8 become U+FFFD.
+std::string InOneLine(const Json& object)
+{
+    return object.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 std::string Describe(const Candidate& candidate)
@@ -114,7 +105,7 @@ void Classifier::Take(const Line& line)
     if (line.begins)
     {
         ++finding_.lines;
-        // What is too long is none of the tool's lines, but a line there is.
+        // No line of the tool is that long; it counts as a line that matches no pattern.
         const std::string_view text = line.ends ? line.text : std::string_view("\xEF\xBF\xBD");
         recogniser_.Feed(text);
         finding_.lastLine = text;
@@ -174,57 +165,50 @@ std::string ExplainAsText(const Finding& finding)
 std::string ExplainAsJson(const Finding& finding, const std::function<std::string(std::string_view)>& clean)
 {
     const auto cleaned = [&clean](std::string_view text) { return clean ? clean(text) : std::string(text); };
-    JsonObject object;
-    if (finding.log.empty())
-    {
-        object.AddNull("log");
-    }
-    else
-    {
-        object.Add("log", cleaned(finding.log));
-    }
+    const auto orNull = [](bool isKnown, auto&& value) { return isKnown ? Json(value) : Json(); };
     const auto began = ParseLogName(finding.log);
-    if (began)
-    {
-        object.Add("began", FormatLocalTime(*began));
-    }
-    else
-    {
-        object.AddNull("began");
-    }
-    object.Add("mode", ModeName(finding.mode));
-    if (finding.exitCode)
-    {
-        object.Add("exit", *finding.exitCode);
-    }
-    else
-    {
-        object.AddNull("exit");
-    }
-    std::vector<std::string> ids;
-    for (const Candidate& candidate : finding.candidates)
-    {
-        ids.emplace_back(candidate.meaning->id);
-    }
+    Json object;
+    object["log"] = orNull(!finding.log.empty(), cleaned(finding.log));
+    object["began"] = orNull(began.has_value(), FormatLocalTime(began.value_or(LocalTime())));
+    object["mode"] = ModeName(finding.mode);
+    object["exit"] = orNull(finding.exitCode.has_value(), finding.exitCode.value_or(0));
+    object["outcome"] = nullptr;
     if (finding.candidates.size() == 1)
     {
-        const Meaning& meaning = *finding.candidates.front().meaning;
-        std::vector<std::string> evidence;
-        for (const std::string& line : finding.candidates.front().evidence)
+        const auto& [meaning, evidence] = finding.candidates.front();
+        object["outcome"] = meaning->id;
+        object["title"] = meaning->title;
+        object["code"] = meaning->code;
+        object["retry"] = meaning->retry;
+        object["meaning"] = meaning->owner;
+        object["cause"] = meaning->cause;
+        object["action"] = meaning->action;
+        object["evidence"] = Json::array();
+        for (const std::string& line : evidence)
         {
-            evidence.push_back(cleaned(line));
+            object["evidence"].push_back(cleaned(line));
         }
-        object.Add("outcome", meaning.id).Add("title", meaning.title).Add("code", meaning.code);
-        object.Add("retry", meaning.retry).Add("meaning", meaning.owner).Add("cause", meaning.cause);
-        object.Add("action", meaning.action).Add("evidence", evidence);
     }
     else
     {
-        object.AddNull("outcome").AddNull("code");
+        object["code"] = nullptr;
     }
-    object.Add("candidates", ids).Add("lines", finding.lines);
-    object.Add("last_line", cleaned(finding.lastLine));
-    object.Add("damage", DescribeDamage(finding.damage));
-    return object.Text();
+    object["candidates"] = Json::array();
+    for (const Candidate& candidate : finding.candidates)
+    {
+        object["candidates"].push_back(candidate.meaning->id);
+    }
+    object["lines"] = finding.lines;
+    object["last_line"] = cleaned(finding.lastLine);
+    object["damage"] = DescribeDamage(finding.damage);
+    return InOneLine(object);
+}
+
+std::string UnreadableAsJson(std::string_view log, std::string_view failure)
+{
+    Json object;
+    object["log"] = log;
+    object["error"] = failure;
+    return InOneLine(object);
 }
 }  // namespace repair

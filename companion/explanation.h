@@ -1,4 +1,4 @@
-// What is said about one run: for people, and as one JSON object for programs.
+// The explanation of one run: as text for people, and as a JSON object for programs.
 #pragma once
 
 #include <cstdint>
@@ -16,20 +16,20 @@ namespace repair
 {
 struct Finding
 {
-    std::string log;              // name of the log; empty when there is none
-    std::optional<int> exitCode;  // as the caller has it
-    RunMode mode = RunMode::Any;
+    std::string log;              // name of the log; empty if there is none
+    std::optional<int> exitCode;  // if the caller knows it
+    RunMode mode = RunMode::kAny;
     std::vector<Candidate> candidates;
     Damage damage;
     std::uint64_t lines = 0;
     std::string lastLine;
 };
 
-// Takes the bytes of one log in order and says what run it was.
+// Takes the bytes of one log in order and finds the outcome of its run.
 class Classifier
 {
 public:
-    // `onLine`, when given, gets every line as well.
+    // Passes every line to `onLine` as well, if given.
     Classifier(const Catalogue& catalogue, std::string log, std::optional<int> exitCode,
                std::function<void(const Line&)> onLine = nullptr);
 
@@ -40,7 +40,7 @@ public:
     ~Classifier() = default;
 
     void Feed(std::string_view bytes) { reader_.Feed(bytes); }
-    // The log ends here; call it once.
+    // Call it once, at the end of the log.
     Finding Finish();
 
 private:
@@ -52,12 +52,15 @@ private:
     std::function<void(const Line&)> onLine_;
 };
 
-// The finding of a run that has left no log.
+// Returns the finding of a run that left no log.
 Finding ClassifyWithoutLog(const Catalogue& catalogue, std::optional<int> exitCode);
 
-// Several lines, each with a line feed; U+FFFD stands for the control characters of the log but tabs.
+// Returns several lines, each with a line feed. U+FFFD replaces the log's control characters, except tabs.
 std::string ExplainAsText(const Finding& finding);
 
-// One line without its end. `clean` is applied to every text that comes from the machine: file name and lines.
+// Returns one line without its end. Applies `clean` to every text that comes from the machine: file name and lines.
 std::string ExplainAsJson(const Finding& finding, const std::function<std::string(std::string_view)>& clean = nullptr);
+
+// The same for a log that cannot be read.
+std::string UnreadableAsJson(std::string_view log, std::string_view failure);
 }  // namespace repair

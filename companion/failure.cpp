@@ -1,7 +1,7 @@
 #include "companion/failure.h"
 
 #include "base/system_message.h"
-#include "companion/wide_text.h"
+#include "companion/unicode.h"
 
 namespace repair
 {

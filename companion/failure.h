@@ -1,4 +1,4 @@
-// How a command ends early.
+// Exit codes, and the exceptions that end a command early.
 #pragma once
 
 #include <stdexcept>
@@ -9,30 +9,23 @@
 namespace repair
 {
 inline constexpr int kDone = 0;
-inline constexpr int kFailed = 1;  // or: what was asked for was found wanting
+inline constexpr int kFailed = 1;  // also: a check found an error
 inline constexpr int kWrongUsage = 2;
 
-// The command could not do its work. The text, in UTF-8, is for people.
+// The command could not do its work. The text is a message for people, in UTF-8.
 class Failure : public std::runtime_error
 {
 public:
     using std::runtime_error::runtime_error;
 };
 
-// A log or a list cannot be read.
+// A log or a list of logs cannot be read.
 class UnreadableFile : public Failure
 {
 public:
     using Failure::Failure;
 };
 
-// The command line makes no sense.
-class UsageError : public std::runtime_error
-{
-public:
-    using std::runtime_error::runtime_error;
-};
-
-// "what: error 5, the system's words for it"
+// Returns "what: error 5, <the text of Windows for that code>".
 std::string SystemFailure(const std::string& what, DWORD error);
 }  // namespace repair

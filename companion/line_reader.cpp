@@ -3,14 +3,14 @@
 #include <algorithm>
 #include <utility>
 
-#include "companion/unicode.h"
+#include <utf8cpp/utf8.h>
 
 namespace repair
 {
 namespace
 {
 constexpr size_t kSampleBytes = 4096;
-constexpr size_t kLeastZeros = 10;  // UTF-16 has a zero in ten bytes at least; a zero here and there is damage of UTF-8
+constexpr size_t kLeastZeros = 10;  // at least one byte in ten is zero in UTF-16; fewer are damage of UTF-8
 constexpr char32_t kReplacement = 0xFFFD;
 
 constexpr bool IsHighSurrogate(char16_t unit)
@@ -60,15 +60,15 @@ void LineReader::Finish()
     }
 }
 
-// A mark decides. Without one, zeros do: the tool's texts are mostly ASCII, so that every second byte is one. Where
-// they are the first of each pair, the log has lost its first byte.
+// A byte order mark decides. Without one, zeros do: the tool's texts are mostly ASCII, so every second byte is zero. If
+// these come first in each pair, the log has lost its first byte.
 void LineReader::Detect()
 {
     detected_ = true;
     std::string_view bytes = sample_;
     if (bytes.starts_with("\xEF\xBB\xBF"))
     {
-        encoding_ = Encoding::Utf8;
+        encoding_ = Encoding::kUtf8;
         bytes.remove_prefix(3);
     }
     else if (bytes.starts_with("\xFF\xFE"))
@@ -77,7 +77,7 @@ void LineReader::Detect()
     }
     else if (bytes.starts_with("\xFE\xFF"))
     {
-        encoding_ = Encoding::Utf16Be;
+        encoding_ = Encoding::kUtf16Be;
         bytes.remove_prefix(2);
     }
     else
@@ -89,7 +89,7 @@ void LineReader::Detect()
         }
         if ((zeros[0] + zeros[1]) * kLeastZeros < bytes.size())
         {
-            encoding_ = Encoding::Utf8;
+            encoding_ = Encoding::kUtf8;
         }
         else if (zeros[0] > zeros[1])
         {
@@ -103,7 +103,7 @@ void LineReader::Detect()
 
 void LineReader::Decode(std::string_view bytes)
 {
-    if (encoding_ == Encoding::Utf8)
+    if (encoding_ == Encoding::kUtf8)
     {
         for (const char byte : bytes)
         {
@@ -124,8 +124,8 @@ void LineReader::DecodeUtf16(unsigned char byte)
         firstByte_ = byte;
         return;
     }
-    const int low = encoding_ == Encoding::Utf16Le ? firstByte_ : byte;
-    const int high = encoding_ == Encoding::Utf16Le ? byte : firstByte_;
+    const int low = encoding_ == Encoding::kUtf16Le ? firstByte_ : byte;
+    const int high = encoding_ == Encoding::kUtf16Le ? byte : firstByte_;
     firstByte_ = -1;
     PutUnit(static_cast<char16_t>(high << 8 | low));
 }
@@ -225,12 +225,12 @@ void LineReader::Put(char32_t character)
         ++damage_.unreadable;
         character = kReplacement;
     }
-    AppendUtf8(line_, character);
+    utf8::append(character, line_);
 }
 
 void LineReader::EndLine(bool hasLineEnd)
 {
-    if (line_.ends_with('\r'))  // somebody has given the log other line ends
+    if (line_.ends_with('\r'))  // another program changed the line ends
     {
         line_.pop_back();
     }

@@ -1,5 +1,4 @@
-// Bytes of a log, in any encoding it may have come to and with any cut, into lines of UTF-8. Memory does not grow with
-// the log.
+// Turns the bytes of a log, in any encoding and cut anywhere, into lines of UTF-8. Memory use does not grow with the log.
 #pragma once
 
 #include <cstddef>
@@ -13,26 +12,26 @@ namespace repair
 {
 enum class Encoding
 {
-    Utf16Le,  // what the tool writes
-    Utf16Be,
-    Utf8,
+    kUtf16Le,  // what the tool writes
+    kUtf16Be,
+    kUtf8,
 };
 
 struct Line
 {
     std::string_view text;   // UTF-8 without the line end; valid during the call
-    bool begins = true;      // false: the line goes on that was too long for one call
-    bool ends = true;        // false: it goes on in the next call
-    bool hasLineEnd = true;  // false: the log stops here without a line feed
+    bool begins = true;      // false: continues the line of the previous call, which was too long
+    bool ends = true;        // false: the next call continues this line
+    bool hasLineEnd = true;  // false: the log ends here without a line feed
 };
 
-// What is wrong with the log as a file.
+// Damage of the log as a file.
 struct Damage
 {
     bool cutAtStart = false;          // it begins in the middle of a character
     bool cutAtEnd = false;            // it ends in the middle of a character
-    bool lastLineOpen = false;        // the last line has no end
-    std::uint64_t unreadable = 0;     // characters that are none (also zeros); U+FFFD stands in their place
+    bool lastLineOpen = false;        // the last line has no line feed
+    std::uint64_t unreadable = 0;     // invalid characters and zeros, replaced by U+FFFD
     std::uint64_t overlongLines = 0;  // longer than kLongestPiece
 
     [[nodiscard]] bool IsAny() const
@@ -44,14 +43,14 @@ struct Damage
 class LineReader
 {
 public:
-    // Bytes of UTF-8 that one call gets at the most. The tool's own lines have no more than 1,023 characters.
+    // Most bytes of UTF-8 in one call. The tool's own lines have at most 1,023 characters.
     static constexpr size_t kLongestPiece = 65'536;
 
     explicit LineReader(std::function<void(const Line&)> sink);
 
-    // Any number of bytes; `sink` is called for each line that is complete by now.
+    // Takes any number of bytes and passes each complete line to `sink`.
     void Feed(std::string_view bytes);
-    // The log ends here. Call it once, and nothing afterwards but the two below.
+    // Call it once, at the end of the log. Only the two operations below are valid afterwards.
     void Finish();
 
     [[nodiscard]] Encoding GetEncoding() const { return encoding_; }
@@ -70,19 +69,19 @@ private:
     std::function<void(const Line&)> sink_;
     std::string sample_;  // the first bytes, until the encoding is known
     bool detected_ = false;
-    Encoding encoding_ = Encoding::Utf16Le;
+    Encoding encoding_ = Encoding::kUtf16Le;
     Damage damage_;
 
-    int firstByte_ = -1;      // UTF-16: the half of a character that waits for the other
-    char16_t surrogate_ = 0;  // UTF-16: the first of a pair
+    int firstByte_ = -1;      // UTF-16: first byte of a unit
+    char16_t surrogate_ = 0;  // UTF-16: first unit of a pair
     char32_t partial_ = 0;    // UTF-8: the character so far,
-    int missing_ = 0;         // the bytes that it lacks
-    char32_t smallest_ = 0;   // and what it has to reach with so many bytes
+    int missing_ = 0;         // the number of its bytes that are missing,
+    char32_t smallest_ = 0;   // and the smallest valid value for that length
 
     std::string line_;
-    bool continued_ = false;  // a piece of this line has been handed out
+    bool continued_ = false;  // the sink already got a part of this line
 };
 
-// For people: one sentence for each kind of damage, without a full stop.
+// Returns one sentence for each kind of damage, without a full stop.
 std::vector<std::string> DescribeDamage(const Damage& damage);
 }  // namespace repair

@@ -5,14 +5,14 @@
 
 #include "base/handles.h"
 #include "companion/failure.h"
-#include "companion/log_name.h"
-#include "companion/wide_text.h"
+#include "companion/unicode.h"
 
 namespace repair
 {
 namespace
 {
 constexpr DWORD kPieceBytes = 262'144;
+constexpr size_t kBufferBytes = 65'536;
 
 struct SearchKind
 {
@@ -21,6 +21,11 @@ struct SearchKind
     static void Close(Handle search) noexcept { FindClose(search); }
 };
 using SearchHandle = Owned<SearchKind>;
+
+LocalTime ToLocalTime(const SYSTEMTIME& time)
+{
+    return {time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute, time.wSecond, time.wMilliseconds};
+}
 }  // namespace
 
 std::vector<LogFile> ListLogs(const std::wstring& folder)
@@ -85,6 +90,53 @@ std::uint64_t ReadFileBytes(const std::wstring& path, const std::function<void(s
         total += got;
     }
     return total;
+}
+
+Damage ReadLines(const std::wstring& path, const std::function<void(const Line&)>& sink, std::uint64_t most)
+{
+    LineReader reader(sink);
+    ReadFileBytes(
+        path, [&reader](std::string_view bytes) { reader.Feed(bytes); }, most);
+    reader.Finish();
+    return reader.GetDamage();
+}
+
+Damage WriteAsText(const std::wstring& path, const std::function<std::string(const Line&)>& edit,
+                   const std::function<void(std::string_view)>& write, std::uint64_t most)
+{
+    std::string buffer;
+    const auto add = [&](const Line& line) {
+        buffer += edit(line);
+        buffer += line.ends && line.hasLineEnd ? "\r\n" : "";
+        if (buffer.size() >= kBufferBytes)
+        {
+            write(buffer);
+            buffer.clear();
+        }
+    };
+    const Damage damage = ReadLines(path, add, most);
+    write(buffer);
+    return damage;
+}
+
+LocalTime LastWritten(const std::wstring& path)
+{
+    WIN32_FILE_ATTRIBUTE_DATA data = {};
+    FILETIME local = {};
+    SYSTEMTIME time = {};
+    if (GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) != 0)
+    {
+        FileTimeToLocalFileTime(&data.ftLastWriteTime, &local);
+        FileTimeToSystemTime(&local, &time);
+    }
+    return ToLocalTime(time);
+}
+
+LocalTime Now()
+{
+    SYSTEMTIME time = {};
+    GetLocalTime(&time);
+    return ToLocalTime(time);
 }
 
 std::wstring JoinPath(const std::wstring& folder, const std::wstring& name)

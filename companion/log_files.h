@@ -1,4 +1,4 @@
-// The tool's log files on this machine.
+// Log files on this machine: which there are, their lines, and their times.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +9,9 @@
 
 #include <windows.h>
 
+#include "companion/line_reader.h"
+#include "companion/log_name.h"
+
 namespace repair
 {
 struct LogFile
@@ -17,18 +20,31 @@ struct LogFile
     FILETIME written = {};
 };
 
-// The logs in a folder, the oldest first by the time in their names. Throws Failure when the folder cannot be listed;
-// one that is not there has no logs.
+// Returns the logs in a folder, the oldest first by the time in their names; none if the folder does not exist. Throws
+// Failure if the folder cannot be listed.
 std::vector<LogFile> ListLogs(const std::wstring& folder);
 
-// Hands the bytes of the file to `sink`, piece by piece and `most` of them at the most, and returns how many there
-// were. The file may be open elsewhere, and even grow. Throws UnreadableFile.
+// Passes at most `most` bytes of the file to `sink`, piece by piece, and returns how many there were. Other programs may
+// write to the file meanwhile. Throws UnreadableFile.
 std::uint64_t ReadFileBytes(const std::wstring& path, const std::function<void(std::string_view)>& sink,
                             std::uint64_t most = UINT64_MAX);
 
-// Folder and name with a backslash between them.
+// The same, line by line.
+Damage ReadLines(const std::wstring& path, const std::function<void(const Line&)>& sink,
+                 std::uint64_t most = UINT64_MAX);
+
+// Writes the log as UTF-8 text to `write`, in large pieces. `edit` makes the text of each line, without its end; the
+// lines get Windows line ends where the log has an end of line.
+Damage WriteAsText(const std::wstring& path, const std::function<std::string(const Line&)>& edit,
+                   const std::function<void(std::string_view)>& write, std::uint64_t most = UINT64_MAX);
+
+// In local time; all zero if the file cannot be read.
+LocalTime LastWritten(const std::wstring& path);
+LocalTime Now();
+
+// Joins folder and name with a backslash.
 std::wstring JoinPath(const std::wstring& folder, const std::wstring& name);
 
-// The last part of a path.
+// Returns the last part of a path.
 std::wstring FileNameOf(const std::wstring& path);
 }  // namespace repair

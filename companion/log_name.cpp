@@ -17,7 +17,7 @@ struct Field
     int LocalTime::*number;
     int smallest;
     int greatest;
-    char next;  // what has to follow
+    char next;  // character that must follow; 0: none
 };
 
 constexpr Field kFields[] = {

@@ -1,4 +1,4 @@
-// Names of the tool's log files, which tell when a run began.
+// Names of the tool's log files, which contain the start time of a run.
 #pragma once
 
 #include <optional>
@@ -17,14 +17,14 @@ struct LocalTime
     int second = 0;
     int millisecond = 0;
 
-    // The analyser takes what the compiler writes for a number that should be a pointer.
+    // clang-tidy takes a zero in the generated code for a pointer.
     friend auto operator<=>(const LocalTime&, const LocalTime&) = default;  // NOLINT(modernize-use-nullptr)
 };
 
-// The local time in "InstallVLTForWUDriver_2026-11-6_4_7_31_15.log"; something may stand before and behind, as in the
-// names of copies. None when the name has no such time.
+// Returns the local time in "InstallVLTForWUDriver_2026-11-6_4_7_31_15.log"; names of copies may have more text before and
+// after it. Returns nothing if the name contains no such time.
 std::optional<LocalTime> ParseLogName(std::string_view fileName);
 
-// 2026-11-06T04:07:31.015
+// Returns "2026-11-06T04:07:31.015".
 std::string FormatLocalTime(const LocalTime& time);
 }  // namespace repair

@@ -6,7 +6,7 @@
 
 #include "base/registry.h"
 #include "companion/log_files.h"
-#include "companion/wide_text.h"
+#include "companion/unicode.h"
 
 namespace repair
 {
@@ -36,7 +36,7 @@ std::string ComputerName(COMPUTER_NAME_FORMAT format)
     return ToUtf8(text);
 }
 
-// Everybody who has ever signed in has a profile folder, usually of the same name.
+// Each user who has signed in has a profile folder, usually of the same name.
 void AddProfiles(Redactor& redactor)
 {
     try
@@ -68,13 +68,13 @@ void AddMachineNames(Redactor& redactor)
          {ComputerNameNetBIOS, ComputerNameDnsHostname, ComputerNameDnsFullyQualified, ComputerNamePhysicalNetBIOS,
           ComputerNamePhysicalDnsHostname, ComputerNamePhysicalDnsFullyQualified})
     {
-        redactor.Add(NameKind::Machine, ComputerName(format));
+        redactor.Add(NameKind::kMachine, ComputerName(format));
     }
-    redactor.Add(NameKind::Machine, Environment(L"COMPUTERNAME"));
-    redactor.Add(NameKind::Domain, ComputerName(ComputerNameDnsDomain));
-    redactor.Add(NameKind::Domain, Environment(L"USERDNSDOMAIN"));
-    redactor.Add(NameKind::Domain, Environment(L"USERDOMAIN"));
-    redactor.Add(NameKind::User, Environment(L"USERNAME"));
+    redactor.Add(NameKind::kMachine, Environment(L"COMPUTERNAME"));
+    redactor.Add(NameKind::kDomain, ComputerName(ComputerNameDnsDomain));
+    redactor.Add(NameKind::kDomain, Environment(L"USERDNSDOMAIN"));
+    redactor.Add(NameKind::kDomain, Environment(L"USERDOMAIN"));
+    redactor.Add(NameKind::kUser, Environment(L"USERNAME"));
     AddProfiles(redactor);
 }
 }  // namespace repair

@@ -1,10 +1,10 @@
-// The names that this machine knows: its own, its domain's, those of its users.
+// The names known to this machine: its own, its domain's, and those of its users.
 #pragma once
 
 #include "companion/redaction.h"
 
 namespace repair
 {
-// Adds them to the redactor. A name that cannot be had is left out.
+// Adds them to the redactor. Leaves out a name that cannot be read.
 void AddMachineNames(Redactor& redactor);
 }  // namespace repair

@@ -1,97 +1,36 @@
 // Process entry of TavikToolCompanion.exe.
 #include <algorithm>
-#include <cstdlib>
 #include <exception>
 #include <string>
 #include <vector>
 
 #include <windows.h>
 
+#include <CLI/CLI.hpp>
 #include <shellapi.h>
 
 #include "base/handles.h"
+#include "companion/ascii.h"
 #include "companion/commands.h"
 #include "companion/console.h"
 #include "companion/failure.h"
-#include "companion/wide_text.h"
+#include "companion/unicode.h"
 #include "resources/version.h"
 
 namespace
 {
 using namespace repair;
 
-constexpr std::string_view kHelp =
-    "TavikToolCompanion reads the logs of the Tavik Software Compatibility Tool.\n"
+constexpr char kDescription[] =
+    "TavikToolCompanion reads the logs of the Tavik Software Compatibility Tool, and runs the tool.";
+constexpr char kFooter[] =
+    "Exit code: 0 done; 1 failed, or a check found an error; 2 wrong usage. The command run has its own, see its help.\n"
     "\n"
-    "  TavikToolCompanion explain LOG [--exit N] [--json]\n"
-    "  TavikToolCompanion explain --no-log [--exit N] [--json]\n"
-    "  TavikToolCompanion explain --json LOG|@LIST...\n"
-    "      What happened in the run, its outcome and the next step. Without the exit code several\n"
-    "      outcomes may remain. LIST has one run a line: exit code, tab, path of the log.\n"
-    "\n"
-    "  TavikToolCompanion convert [--cmtrace] LOG [OUT]\n"
-    "      The log as UTF-8 text with Windows line ends, or for CMTrace; to OUT or the standard output.\n"
-    "\n"
-    "  TavikToolCompanion collect FOLDER [--from FOLDER] [--name NAME]...\n"
-    "      All logs of this machine (or of the folder behind --from) into FOLDER\\TavikToolLogs.zip, names\n"
-    "      of users and machines replaced, and a summary, one JSON object a line, into\n"
-    "      FOLDER\\TavikToolLogs.jsonl. --name: a further name to be replaced.\n"
-    "\n"
-    "  TavikToolCompanion run [--timeout SECONDS] [--kill] [--tool PATH] [-- SWITCH...]\n"
-    "      Starts TavikCompatibilityTool.exe, which lies beside this program, with these switches, waits\n"
-    "      (an hour unless told otherwise), prints the outcome as JSON and ends with 0, 3010 (restart\n"
-    "      wanted), 1618 (try again later) or 1603 (failure). At the time limit the tool goes on, with\n"
-    "      --kill it is ended.\n"
-    "\n"
-    "  TavikToolCompanion check-server URL [--release RELEASE]\n"
-    "      Whether URL will do as the registry value DWXServerFolder; with a release such as 24.20 the\n"
-    "      server is asked for its installer.\n"
-    "\n"
-    "  TavikToolCompanion --help | --version\n"
-    "\n"
-    "Exit code: 0 done; 1 it could not be done, or something was found wrong; 2 wrong usage; of run: see there.\n";
-
-struct Command
-{
-    std::wstring_view name;
-    int (*execute)(std::vector<std::wstring>);
-};
-
-constexpr Command kCommands[] = {
-    {L"explain", ExplainCommand}, {L"convert", ConvertCommand},          {L"collect", CollectCommand},
-    {L"run", RunCommand},         {L"check-server", CheckServerCommand},
-};
-
-bool IsHelp(const std::wstring& argument)
-{
-    return argument == L"--help" || argument == L"-h" || argument == L"/?";
-}
-
-int Execute(std::vector<std::wstring> arguments)
-{
-    if (arguments.empty())
-    {
-        throw UsageError("there is no command");
-    }
-    const auto tail = std::ranges::find(arguments, L"--");  // what stands behind is the tool's
-    if (std::any_of(arguments.begin(), tail, IsHelp))
-    {
-        WriteOutput(kHelp);
-        return kDone;
-    }
-    if (arguments.front() == L"--version")
-    {
-        WriteOutput("TavikToolCompanion " TAVIK_VERSION_TEXT "\n");
-        return kDone;
-    }
-    const auto command = std::ranges::find(kCommands, std::wstring_view(arguments.front()), &Command::name);
-    if (command == std::end(kCommands))
-    {
-        throw UsageError("there is no command " + ToUtf8(arguments.front()));
-    }
-    arguments.erase(arguments.begin());
-    return command->execute(std::move(arguments));
-}
+    "Examples:\n"
+    "  TavikToolCompanion explain InstallVLTForWUDriver_2026-11-6_4_7_31_15.log --exit 1618\n"
+    "  TavikToolCompanion collect C:\\bundle\n"
+    "  TavikToolCompanion run --help";
+constexpr size_t kNameColumn = 26;
 
 std::vector<std::wstring> GivenArguments()
 {
@@ -101,25 +40,91 @@ std::vector<std::wstring> GivenArguments()
     return arguments == nullptr || count < 1 ? std::vector<std::wstring>()
                                              : std::vector<std::wstring>(arguments + 1, arguments + count);
 }
+
+// Removes what follows "--" and returns it. It belongs to the tool and must reach it unchanged; CLI11 would take apart
+// an argument in brackets.
+std::vector<std::wstring> TakeToolSwitches(std::vector<std::wstring>& arguments)
+{
+    if (arguments.empty() || !EqualNoCase(ToUtf8(arguments.front()), "run"))
+    {
+        return {};
+    }
+    const auto mark = std::ranges::find(arguments, L"--");
+    std::vector<std::wstring> switches(mark == arguments.end() ? mark : mark + 1, arguments.end());
+    arguments.erase(mark, arguments.end());
+    return switches;
+}
+
+// In reverse, as CLI11 wants them.
+std::vector<std::string> ToParse(const std::vector<std::wstring>& arguments)
+{
+    std::vector<std::string> texts;
+    for (auto argument = arguments.rbegin(); argument != arguments.rend(); ++argument)
+    {
+        texts.push_back(*argument == L"/?" ? "--help" : ToUtf8(*argument));
+    }
+    return texts;
+}
+
+int Execute(std::vector<std::wstring> arguments)
+{
+    const std::vector<std::wstring> toolSwitches = TakeToolSwitches(arguments);
+    int result = kDone;
+    CLI::App program(kDescription, "TavikToolCompanion");
+    program.require_subcommand(0, 1)->ignore_case()->option_defaults()->ignore_case();
+    program.set_help_flag("-h,--help", "show this help and end");
+    program.set_version_flag("--version", "TavikToolCompanion " TAVIK_VERSION_TEXT "\n", "show the version and end");
+    program.get_formatter()->column_width(kNameColumn);
+    program.footer(kFooter);
+    AddExplainCommand(program, result);
+    AddConvertCommand(program, result);
+    AddCollectCommand(program, result);
+    AddRunCommand(program, result, toolSwitches);
+    AddCheckServerCommand(program, result);
+    try
+    {
+        program.parse(ToParse(arguments));
+        if (program.get_subcommands().empty())
+        {
+            throw CLI::RequiredError("A command");
+        }
+        return result;
+    }
+    catch (const CLI::CallForHelp&)
+    {
+        WriteOutput(program.help());
+        return kDone;
+    }
+    catch (const CLI::CallForVersion& version)
+    {
+        WriteOutput(version.what());
+        return kDone;
+    }
+    catch (const CLI::ParseError& error)
+    {
+        std::string command = program.get_name();
+        for (const CLI::App* given : program.get_subcommands())
+        {
+            command += " " + given->get_name();
+        }
+        WriteError(std::string(error.what()) + ". \"" + command + " --help\" shows the usage.");
+        return kWrongUsage;
+    }
+}
 }  // namespace
 
 int wmain()
 {
-    // First of all, before any delay-loaded library: nothing comes from the folder that the program was started in.
+    // Before any delay-loaded library: none may come from the folder that the program was started in.
     SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
     const Utf8Console console;
     try
     {
         return Execute(GivenArguments());
     }
-    catch (const UsageError& error)
-    {
-        WriteError("TavikToolCompanion: " + std::string(error.what()) + "; --help tells the usage.\n");
-        return kWrongUsage;
-    }
     catch (const std::exception& error)
     {
-        WriteError("TavikToolCompanion: " + std::string(error.what()) + "\n");
+        WriteError(error.what());
         return kFailed;
     }
 }

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "companion/failure.h"
-#include "companion/wide_text.h"
+#include "companion/unicode.h"
 
 namespace repair
 {

@@ -1,4 +1,4 @@
-// A file that is either there as a whole or not at all.
+// A file that appears only once it is complete.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace repair
 {
-// Is written under another name beside the final one; every operation throws Failure when it does not go.
+// Writes under another name in the same folder until Keep. Every operation throws Failure if it fails.
 class OutputFile
 {
 public:
@@ -18,13 +18,13 @@ public:
     OutputFile& operator=(const OutputFile&) = delete;
     OutputFile(OutputFile&&) = delete;
     OutputFile& operator=(OutputFile&&) = delete;
-    // Removes what was not kept.
+    // Removes the file unless it was kept.
     ~OutputFile();
 
     void Append(std::string_view bytes);
-    // Replaces bytes that were appended before.
+    // Replaces bytes that were written before.
     void Patch(std::uint64_t offset, std::string_view bytes);
-    // Takes the place of the file of that name, if there is one.
+    // Renames the file to its final name; replaces an existing one.
     void Keep();
 
 private:

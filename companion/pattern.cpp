@@ -15,7 +15,7 @@ constexpr std::string_view kResult = "<result>";
 constexpr std::string_view kFailure = "<failure>";
 constexpr std::array<std::string_view, 4> kSuccess = {"0", "1641", "3010", "3011"};
 
-// The signed decimal number that the text begins with; empty when it begins with none.
+// Returns the signed decimal number at the beginning of the text, or an empty text.
 std::string_view LeadingNumber(std::string_view text)
 {
     const size_t sign = text.starts_with('-') ? 1 : 0;
@@ -38,7 +38,7 @@ long long ToNumber(std::string_view digits)
     return digits.starts_with('-') ? Limits::min() : Limits::max();
 }
 
-// One step of the pattern: how much of it and of the line go together. False when they do not.
+// One step of a match: whether the pattern fits the line here, and how many characters it takes in each.
 struct Step
 {
     bool fits = false;
@@ -73,8 +73,8 @@ PatternMatch MatchLine(std::string_view pattern, std::string_view line)
     PatternMatch match;
     size_t inPattern = 0;
     size_t inLine = 0;
-    size_t afterStar = std::string_view::npos;  // where the pattern goes on behind the last "*"
-    size_t starEnds = 0;                        // where in the line that "*" ends for now
+    size_t afterStar = std::string_view::npos;  // position in the pattern after the last "*"
+    size_t starEnds = 0;                        // where in the line that "*" ends so far
     while (inPattern < pattern.size() || inLine < line.size())
     {
         if (inPattern < pattern.size() && pattern[inPattern] == '*')
@@ -83,7 +83,7 @@ PatternMatch MatchLine(std::string_view pattern, std::string_view line)
             starEnds = inLine;
             if (afterStar == pattern.size())
             {
-                break;  // the rest of the line, whatever it is
+                break;  // matches the rest of the line
             }
             continue;
         }
@@ -95,7 +95,7 @@ PatternMatch MatchLine(std::string_view pattern, std::string_view line)
             match.result = step.result ? step.result : match.result;
             continue;
         }
-        // Only the last "*" has to give way: had an earlier one taken more, the part behind it would come no sooner.
+        // Only the last "*" needs to take more: if an earlier one did, the part after it would not come sooner.
         if (afterStar == std::string_view::npos || starEnds == line.size())
         {
             return {};

@@ -9,12 +9,11 @@ namespace repair
 struct PatternMatch
 {
     bool matches = false;
-    std::optional<long long> result;  // what "<result>" stood for, when the pattern has it
+    std::optional<long long> result;  // the number that "<result>" matched
 };
 
-// Matches a whole line. "*" stands for any text, also none; "<result>" for a signed decimal number; "<failure>" for one
-// other than 0, 1641, 3010 and 3011, the codes of Windows Installer that mean success. A number is taken as long as its
-// digits go, and one beyond 64 bits as the greatest or smallest of these. Everything else stands for itself, letter
-// case included.
+// Matches a whole line, case-sensitively. "*" matches any text, also none; "<result>" a signed decimal number; "<failure>"
+// such a number except 0, 1641, 3010 and 3011, the codes with which Windows Installer reports success. A number includes
+// all its digits; beyond 64 bits it becomes the greatest or smallest number.
 PatternMatch MatchLine(std::string_view pattern, std::string_view line);
 }  // namespace repair

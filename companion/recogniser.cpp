@@ -6,7 +6,7 @@ namespace repair
 {
 namespace
 {
-// Only the check logs one of these, and it always does, unless it ends before.
+// Only the check logs one of these. It always does, unless it ends before.
 constexpr std::string_view kCheckLines[] = {"Currently installed VLT is version [*",
                                             "Another instance is running. Exiting."};
 
@@ -80,7 +80,7 @@ void Recogniser::Follow(State& state, std::string_view line)
     {
         state.excluded = true;
     }
-    if (!state.oneOfFound && outcome.oneOf && MatchesAny(*outcome.oneOf))
+    if (!state.oneOfFound && MatchesAny(outcome.oneOf))
     {
         state.oneOfFound = true;
         decides = true;
@@ -93,7 +93,7 @@ void Recogniser::Follow(State& state, std::string_view line)
 
 RunMode Recogniser::GetMode() const
 {
-    return lines_ == 0 ? RunMode::Any : isCheck_ ? RunMode::Check : RunMode::Direct;
+    return lines_ == 0 ? RunMode::kAny : isCheck_ ? RunMode::kCheck : RunMode::kDirect;
 }
 
 bool Recogniser::AllowsExit(const State& state) const
@@ -109,13 +109,13 @@ bool Recogniser::AllowsExit(const State& state) const
     }
     switch (outcome.exitRule)
     {
-        case ExitRule::Listed:
+        case ExitRule::kListed:
             return Contains(outcome.exits, *exitCode_);
-        case ExitRule::Negative:
+        case ExitRule::kNegative:
             return *exitCode_ < 0;
-        case ExitRule::Result:
+        case ExitRule::kResult:
             return state.number == *exitCode_;
-        case ExitRule::Any:
+        case ExitRule::kAny:
             break;
     }
     return true;
@@ -125,17 +125,15 @@ bool Recogniser::Matches(const State& state) const
 {
     const Outcome& outcome = *state.outcome;
     if (state.excluded || outcome.wantsLog != (lines_ > 0) || state.linesFound < outcome.lines.size() ||
-        (outcome.mode != RunMode::Any && outcome.mode != GetMode()) || !AllowsExit(state))
+        (outcome.mode != RunMode::kAny && outcome.mode != GetMode()) || !AllowsExit(state))
     {
         return false;
     }
-    const bool resultFits = (!outcome.result || (state.number && Contains(*outcome.result, *state.number))) &&
-                            (!state.number || !Contains(outcome.resultNot, *state.number));
-    const bool lastFits =
-        !outcome.last || (lines_ > 0 && std::ranges::any_of(*outcome.last, [this](std::uint16_t pattern) {
-                              return MatchLine(catalogue_.patterns[pattern], lastLine_).matches;
-                          }));
-    return resultFits && lastFits && (!outcome.oneOf || state.oneOfFound);
+    const bool resultFits =
+        (outcome.result.empty() || (state.number && Contains(outcome.result, *state.number))) &&
+        (!state.number || !Contains(outcome.resultNot, *state.number));
+    const bool lastFits = outcome.last.empty() || (lines_ > 0 && MatchesAny(outcome.last));
+    return resultFits && lastFits && (outcome.oneOf.empty() || state.oneOfFound);
 }
 
 std::vector<Candidate> Recogniser::Finish() const
@@ -155,7 +153,7 @@ std::vector<Candidate> Recogniser::Finish() const
             candidate.evidence.push_back(evidence.text);
         }
         const bool lastIsNew = state.evidence.empty() || state.evidence.back().number != lines_;
-        if ((state.outcome->last || state.outcome->isFallback) && lines_ > 0 && lastIsNew)
+        if ((!state.outcome->last.empty() || state.outcome->isFallback) && lines_ > 0 && lastIsNew)
         {
             candidate.evidence.push_back(lastLine_);
         }

@@ -1,4 +1,4 @@
-// Finds out which outcome of the catalogue a run had, from its exit code and its log.
+// Finds the outcome of a run in the catalogue by exit code and log.
 #pragma once
 
 #include <cstdint>
@@ -15,24 +15,23 @@ namespace repair
 struct Candidate
 {
     const Meaning* meaning = nullptr;
-    std::vector<std::string> evidence;  // lines of the log that decided, in their order
+    std::vector<std::string> evidence;  // lines of the log that matched, in order
 };
 
-// Keeps a few lines of the log at the most, however long it is.
+// Keeps only the few lines that match, so memory does not grow with the log.
 class Recogniser
 {
 public:
-    // Without an exit code nothing is excluded by it, so that several outcomes may remain. The catalogue has to outlive
-    // the object.
+    // Without an exit code several outcomes may remain. The catalogue must outlive the object.
     Recogniser(const Catalogue& catalogue, std::optional<int> exitCode);
 
-    // The lines of the log in their order, without line ends. None at all: there is no log, or it is empty.
+    // Takes the next line of the log, without its end. No call at all means no log, or an empty one.
     void Feed(std::string_view line);
 
-    // The outcomes that match everything that was fed, in the order of the catalogue.
+    // Returns the outcomes that match, in the order of the catalogue.
     [[nodiscard]] std::vector<Candidate> Finish() const;
 
-    // As the lines so far tell; Any as long as there are none.
+    // Returns the mode by the lines so far; kAny before the first.
     [[nodiscard]] RunMode GetMode() const;
 
 private:
@@ -60,7 +59,7 @@ private:
     const Catalogue& catalogue_;
     std::optional<int> exitCode_;
     std::vector<State> states_;
-    std::vector<PatternMatch> matches_;  // of each pattern with the line in hand
+    std::vector<PatternMatch> matches_;  // of each pattern with the current line
     std::uint64_t lines_ = 0;
     std::string lastLine_;
     bool isCheck_ = false;

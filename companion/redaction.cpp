@@ -5,6 +5,8 @@
 #include <functional>
 #include <utility>
 
+#include <utf8cpp/utf8.h>
+
 #include "companion/unicode.h"
 
 namespace repair
@@ -13,8 +15,8 @@ namespace
 {
 using Text = std::u32string_view;
 
-// Nobody's names. An account of one of them is as good as none, and the words stand in texts of the tool.
-constexpr std::array kNobody = {
+// Names that identify no person or machine. Texts of the tool contain some of these words.
+constexpr std::array kGeneral = {
     Text(U"administrator"), Text(U"administrators"), Text(U"all users"),       Text(U"default"),
     Text(U"default user"),  Text(U"everyone"),       Text(U"guest"),           Text(U"local service"),
     Text(U"localhost"),     Text(U"localservice"),   Text(U"network service"), Text(U"networkservice"),
@@ -22,15 +24,14 @@ constexpr std::array kNobody = {
     Text(U"users"),         Text(U"workgroup"),      Text(U"127.0.0.1"),       Text(U"::1"),
 };
 
-// What stands before a backslash without being the domain of an account: roots of the registry, buses, and the second
-// words of "NT AUTHORITY" and the like.
+// Words before a backslash that are no domain: registry roots, buses, and the second word of "NT AUTHORITY" and similar.
 constexpr std::array kNoDomain = {
     Text(U"acpi"),     Text(U"authority"), Text(U"builtin"), Text(U"display"), Text(U"hdaudio"),
     Text(U"hkcu"),     Text(U"hklm"),      Text(U"pci"),     Text(U"root"),    Text(U"service"),
     Text(U"software"), Text(U"swd"),       Text(U"system"),  Text(U"usb"),
 };
 
-// Endings that make the part behind the backslash a file.
+// Endings that show that the part after the backslash is a file.
 constexpr std::array kFileEndings = {
     Text(U".bat"), Text(U".cab"), Text(U".cmd"), Text(U".dll"), Text(U".exe"), Text(U".inf"), Text(U".ini"),
     Text(U".log"), Text(U".msi"), Text(U".ps1"), Text(U".tmp"), Text(U".txt"), Text(U".zip"),
@@ -85,7 +86,7 @@ bool IsFile(Text text)
     return std::ranges::any_of(kFileEndings, [text](Text ending) { return text.ends_with(ending); });
 }
 
-// "owner.domain.000": that, "owner.domain" and "owner". One letter is an initial.
+// For "owner.domain.000" returns that, "owner.domain" and "owner". Leaves out a single letter, which is an initial.
 std::vector<Text> NamesOfProfile(Text folder)
 {
     std::vector<Text> names = {folder};
@@ -98,11 +99,11 @@ std::vector<Text> NamesOfProfile(Text folder)
     return names;
 }
 
-// The authority of an address: what stands between "://" and the path.
+// Returns the authority of an address: the part between "://" and the path.
 Text AuthorityAt(Text text, size_t at)
 {
     const Text rest = text.substr(at);
-    // A bracket belongs to an IPv6 address only at the beginning or behind the user.
+    // A bracket starts an IPv6 address only at the beginning or after the user.
     const size_t user = rest.substr(0, rest.find_first_of(U"/\\ \t\"")).rfind(U'@');
     const size_t host = user == Text::npos ? 0 : user + 1;
     if (host < rest.size() && rest[host] == U'[')
@@ -127,7 +128,7 @@ void Redactor::AddProfile(std::string_view folder)
     const std::u32string folded = FoldText(ToUtf32(folder));
     for (const Text name : NamesOfProfile(folded))
     {
-        Put(NameKind::User, name);
+        Put(NameKind::kUser, name);
     }
 }
 
@@ -146,11 +147,11 @@ void Redactor::LearnName(NameKind kind, std::u32string_view name)
     Put(kind, name);
 }
 
-// Somebody's name that is not there yet.
+// Returns whether the name identifies a person or machine and is new.
 bool Redactor::IsWanted(std::u32string_view name) const
 {
     const Text trimmed = Trimmed(name);
-    return !trimmed.empty() && !IsOneOf(trimmed, kNobody) && !known_.contains(std::u32string(trimmed));
+    return !trimmed.empty() && !IsOneOf(trimmed, kGeneral) && !known_.contains(std::u32string(trimmed));
 }
 
 void Redactor::Put(NameKind kind, std::u32string_view name)
@@ -162,7 +163,7 @@ void Redactor::Put(NameKind kind, std::u32string_view name)
     constexpr std::string_view kWords[] = {"user", "machine", "domain"};
     const auto index = static_cast<size_t>(kind);
     const std::u32string folded(Trimmed(name));
-    known_.emplace(folded, false);
+    known_.insert(folded);
     std::vector<Name>& same = names_[folded.front()];
     const auto place = std::ranges::upper_bound(same, folded.size(), std::ranges::greater(),
                                                 [](const Name& other) { return other.folded.size(); });
@@ -171,12 +172,12 @@ void Redactor::Put(NameKind kind, std::u32string_view name)
 
 void Redactor::KeepHost(std::string_view host)
 {
-    known_.emplace(FoldText(ToUtf32(host)), true);
+    known_.insert(FoldText(ToUtf32(host)));
 }
 
 void Redactor::Learn(std::string_view line)
 {
-    // Without one of these there is nothing to be learnt; most lines end here.
+    // Every form that is learnt contains one of these; most lines do not.
     if (line.find_first_of("\\/@") == std::string_view::npos)
     {
         return;
@@ -197,7 +198,7 @@ void Redactor::LearnProfile(std::u32string_view text)
             const Text name = rest.substr(0, std::min(rest.find_first_of(kNotInAccounts), kLongestUser));
             for (const Text part : NamesOfProfile(name))
             {
-                LearnName(NameKind::User, part);
+                LearnName(NameKind::kUser, part);
             }
         }
     }
@@ -205,7 +206,7 @@ void Redactor::LearnProfile(std::u32string_view text)
 
 void Redactor::LearnAccount(std::u32string_view text)
 {
-    bool inPath = false;  // a path with blanks in it goes on in the next word
+    bool inPath = false;  // a path with blanks continues in the next word
     while (!text.empty())
     {
         const size_t length = std::min(text.find_first_of(kBetweenWords), text.size());
@@ -239,15 +240,15 @@ void Redactor::LearnWord(std::u32string_view word)
     {
         if (after.find(U'.') != Text::npos)
         {
-            LearnName(NameKind::User, before);
-            LearnName(NameKind::Domain, after);
+            LearnName(NameKind::kUser, before);
+            LearnName(NameKind::kDomain, after);
         }
     }
     else if (!IsFile(after) && before.size() <= kLongestDomain && after.size() <= kLongestUser &&
              !IsOneOf(before, kNoDomain))
     {
-        LearnName(NameKind::Domain, before);
-        LearnName(NameKind::User, after);
+        LearnName(NameKind::kDomain, before);
+        LearnName(NameKind::kUser, after);
     }
 }
 
@@ -260,12 +261,12 @@ void Redactor::LearnHosts(std::u32string_view text)
         host.remove_prefix(user == Text::npos ? 0 : user + 1);
         host = host.starts_with(U'[') ? host.substr(1, std::max<size_t>(host.find(U']'), 1) - 1)
                                       : host.substr(0, std::min(host.find(U':'), host.size()));
-        LearnName(NameKind::Machine, host);
+        LearnName(NameKind::kMachine, host);
     }
     constexpr Text kShare = U"\\\\";
     for (size_t at = text.find(kShare); at != Text::npos; at = text.find(kShare, at + 1))
     {
-        // Elsewhere two backslashes are one too many.
+        // Inside a word, two backslashes are only a doubled separator.
         const bool begins = at == 0 || kBetweenWords.find(text[at - 1]) != Text::npos;
         Text rest = text.substr(at + kShare.size());
         constexpr Text kLongForm = U"?\\unc\\";
@@ -273,12 +274,12 @@ void Redactor::LearnHosts(std::u32string_view text)
         const Text host = rest.substr(0, std::min(rest.find(U'\\'), rest.size()));
         if (begins && host.size() < rest.size() && host != U"." && std::ranges::all_of(host, IsNameCharacter))
         {
-            LearnName(NameKind::Machine, host);
+            LearnName(NameKind::kMachine, host);
         }
     }
 }
 
-// The longest known name that stands at this place as a word of its own.
+// Returns the longest known name that begins here and is a whole word, or null.
 const Redactor::Name* Redactor::Find(std::u32string_view folded, size_t at) const
 {
     const auto same = names_.find(folded[at]);
@@ -295,7 +296,7 @@ const Redactor::Name* Redactor::Find(std::u32string_view folded, size_t at) cons
         }
         const size_t end = name.folded.size();
         const bool ends = end == rest.size() || !IsWordCharacter(rest[end]) || !IsWordCharacter(name.folded.back());
-        // A name of one letter could be a drive's.
+        // A name of one letter might be a drive.
         const bool isAlone = end == 1 && (at == 0 || (folded[at - 1] != U'\\' && folded[at - 1] != U'/'));
         if (ends && !isAlone)
         {
@@ -330,7 +331,7 @@ std::string Redactor::Redact(std::string_view line) const
             at += name->folded.size();
             continue;
         }
-        AppendUtf8(out, text[at++]);
+        utf8::append(text[at++], out);
     }
     return out;
 }

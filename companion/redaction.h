@@ -1,49 +1,49 @@
-// Takes the names of users and machines out of lines of a log.
+// Replaces the names of users and machines in lines of a log.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace repair
 {
 enum class NameKind
 {
-    User,
-    Machine,
-    Domain,
+    kUser,
+    kMachine,
+    kDomain,
 };
 
-// First every line is shown to Learn, then Redact takes out what was learnt, wherever it stands and however its letters
-// are written. One name always gets the same placeholder, <user1> for instance. Texts are UTF-8.
+// Pass every line to Learn first. Redact then replaces each learnt name everywhere, in any letter case. One name always
+// gets the same placeholder, for example <user1>. Texts are UTF-8.
 class Redactor
 {
 public:
-    // So many names are learnt at the most. The tool writes an account and a server into a log, mostly the same ones:
-    // hundreds of users of one machine fit. With as many a log that is made to be slow costs 1.4 s a megabyte (measured
-    // on the build host), and twice the names twice that.
+    // Learn stops at this number of names. A log of the tool has one account and one server, so the logs of hundreds of
+    // users fit. The time for a hostile log grows with the number: 1,000 names cost 1.4 s per megabyte.
     static constexpr size_t kMostLearnt = 1000;
 
-    // A name that is known beforehand, however many there are. Names that mean nobody ("SYSTEM", "Public",
-    // "localhost"...) are passed over.
+    // Adds a name that is known beforehand; these have no limit. Ignores names that identify no person or machine
+    // ("SYSTEM", "Public", "localhost"...).
     void Add(NameKind kind, std::string_view name);
 
-    // The name of a profile folder. Windows appends the domain or a number when the user's own name is taken: of
-    // "owner.DOMAIN" it is the whole and "owner".
+    // Adds the name of a profile folder. Windows appends the domain or a number if the user's own name is taken, so
+    // "owner.DOMAIN" adds "owner" as well.
     void AddProfile(std::string_view folder);
 
-    // This host may stand: the maker's own download server tells nothing about anybody.
+    // Never replaces this host: the maker's own download server identifies no user.
     void KeepHost(std::string_view host);
 
     // Finds the names in profile paths (C:\Users\NAME), DOMAIN\user, name@domain, \\server and scheme://server.
     void Learn(std::string_view line);
 
-    // Whether a name was found that is one too many, and so will stand.
+    // Returns whether Learn found more names than the limit. Redact does not replace the others.
     [[nodiscard]] bool IsFull() const { return isFull_; }
 
-    // The line with placeholders. What stands before the "@" of an address (user, password) goes as well.
+    // Returns the line with placeholders. Replaces the user and password of an address as well.
     [[nodiscard]] std::string Redact(std::string_view line) const;
 
 private:
@@ -63,7 +63,7 @@ private:
     [[nodiscard]] const Name* Find(std::u32string_view folded, size_t at) const;
 
     std::unordered_map<char32_t, std::vector<Name>> names_;  // by first letter, the longest first
-    std::unordered_map<std::u32string, bool> known_;         // true: stays as it is
+    std::unordered_set<std::u32string> known_;               // names in names_, and hosts to keep
     int counts_[3] = {};                                     // of each kind
     size_t learnt_ = 0;
     bool isFull_ = false;

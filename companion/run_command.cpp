@@ -1,13 +1,14 @@
-// run: starts the tool, waits for its end and says what came of it.
+// run: starts the tool, waits for its end and reports its outcome.
 #include <map>
+#include <memory>
 #include <optional>
-#include <utility>
 
 #include <windows.h>
 
+#include <CLI/CLI.hpp>
+
 #include "base/handles.h"
 #include "base/log.h"
-#include "companion/arguments.h"
 #include "companion/catalogue.h"
 #include "companion/command_line.h"
 #include "companion/commands.h"
@@ -15,7 +16,7 @@
 #include "companion/explanation.h"
 #include "companion/failure.h"
 #include "companion/log_files.h"
-#include "companion/wide_text.h"
+#include "companion/unicode.h"
 
 namespace repair
 {
@@ -24,29 +25,34 @@ namespace
 constexpr wchar_t kTool[] = L"TavikCompatibilityTool.exe";
 constexpr int kDefaultLimitSeconds = 3600;
 constexpr int kLongestLimitSeconds = 7 * 24 * 3600;
-constexpr UINT kKilled = ERROR_TIMEOUT;  // exit code of a tool that was ended here
+constexpr UINT kKilled = ERROR_TIMEOUT;  // exit code of a tool that this program ended
 
-// Outcomes of the start, not of the tool; the catalogue knows those.
+struct Options
+{
+    int limitSeconds = kDefaultLimitSeconds;
+    bool kill = false;
+    std::string tool;
+};
+
+// Outcomes of the start, not of the tool; these are not in the catalogue.
+constexpr std::string_view kTimeoutCause =
+    "A slow download, a slow installation, or a message box that waits for an answer: see the last line of the log.";
 constexpr Meaning kTimedOut = {
     .id = "timed-out",
     .title = "Time limit reached",
-    .owner = "The tool was still at work when the time limit was reached. It goes on.",
-    .cause =
-        "A slow download, a slow installation, or a message box that waits for an answer: see the last line of the "
-        "log.",
-    .action = "Start again later. Use -SILENT where nobody can answer a box, and a longer --timeout on slow lines.",
+    .owner = "The tool was still running when the time limit was reached. It continues.",
+    .cause = kTimeoutCause,
+    .action = "Start again later. Use -SILENT where no user can answer a box, and a longer --timeout on slow lines.",
     .retry = "later",
     .code = 1618,
 };
 constexpr Meaning kEndedHere = {
     .id = "timed-out-ended",
     .title = "Ended at the time limit",
-    .owner = "The tool was still at work when the time limit was reached, and was ended.",
-    .cause =
-        "A slow download, a slow installation, or a message box that waits for an answer: see the last line of the "
-        "log.",
+    .owner = "The tool was still running when the time limit was reached, and was ended.",
+    .cause = kTimeoutCause,
     .action =
-        "When the log ends behind \"Uninstalling\", the previous application may be gone: install with -VLT -Install. "
+        "If the log ends after \"Uninstalling\", the previous application may be gone: install with -VLT -Install. "
         "Otherwise start again.",
     .retry = "no",
     .code = 1603,
@@ -79,7 +85,7 @@ std::wstring ToolBesideUs()
     return path.substr(0, path.find_last_of(L'\\') + 1) + kTool;
 }
 
-// An argument that the tool passes over and writes into the first line of its log, where we find it again.
+// An argument that the tool ignores but logs in its first line, which identifies the log of this run.
 std::wstring MakeMark()
 {
     LARGE_INTEGER counter = {};
@@ -89,35 +95,30 @@ std::wstring MakeMark()
 
 bool FirstLineHas(const std::wstring& path, const std::string& mark)
 {
-    constexpr std::uint64_t kFirstLineBytes = 4096;  // the tool's lines have 2,048 at the most
+    constexpr std::uint64_t kFirstLineBytes = 4096;  // the tool's lines have at most 2,048
     bool isFirst = true;
     bool found = false;
-    LineReader reader([&](const Line& line) {
+    const auto check = [&](const Line& line) {
         found = found || (isFirst && line.text.find(mark) != std::string_view::npos);
         isFirst = false;
-    });
+    };
     try
     {
-        ReadFileBytes(
-            path, [&reader](std::string_view bytes) { reader.Feed(bytes); }, kFirstLineBytes);
+        ReadLines(path, check, kFirstLineBytes);
     }
-    catch (const UnreadableFile&)  // somebody else's, then
+    catch (const UnreadableFile&)  // then another process holds it: not our log
     {
         return false;
     }
-    reader.Finish();
     return found;
 }
 
-// What goes wrong beside the tool is said, but does not take the place of its outcome.
-void Complain(const Failure& failure)
-{
-    WriteError("TavikToolCompanion: " + std::string(failure.what()) + "\n");
-}
+using LogTimes = std::map<std::wstring, std::uint64_t>;
 
-std::map<std::wstring, std::uint64_t> LogTimes(const std::wstring& folder)
+// When each log was last written. Reports a failure, but it does not replace the tool's outcome.
+LogTimes ReadLogTimes(const std::wstring& folder)
 {
-    std::map<std::wstring, std::uint64_t> times;
+    LogTimes times;
     try
     {
         for (const LogFile& log : ListLogs(folder))
@@ -127,17 +128,16 @@ std::map<std::wstring, std::uint64_t> LogTimes(const std::wstring& folder)
     }
     catch (const Failure& failure)
     {
-        Complain(failure);
+        WriteError(failure.what());
     }
     return times;
 }
 
-// The log with our mark among those that are new or were written since. Other instances may have left logs as well.
-std::optional<std::wstring> FindOwnLog(const std::wstring& folder, const std::map<std::wstring, std::uint64_t>& before,
-                                       const std::wstring& mark)
+// Returns the log with our mark among those written since `before`. Other instances may have written logs as well.
+std::optional<std::wstring> FindOwnLog(const std::wstring& folder, const LogTimes& before, const std::wstring& mark)
 {
     const std::string wanted = " " + ToUtf8(mark);
-    for (const auto& [name, time] : LogTimes(folder))
+    for (const auto& [name, time] : ReadLogTimes(folder))
     {
         const auto old = before.find(name);
         if ((old == before.end() || old->second != time) && FirstLineHas(JoinPath(folder, name), wanted))
@@ -165,7 +165,7 @@ Ended Wait(HANDLE process, int limitSeconds, bool kill)
     ended.isOver = IsOver(process, limitSeconds);
     if (!ended.isOver && kill)
     {
-        // It may have ended by itself just now; what has ended cannot be ended either.
+        // The tool may have ended by itself just now; then TerminateProcess fails.
         ended.isOver = IsOver(process, 0) || TerminateProcess(process, kKilled) == 0;
         WaitForSingleObject(process, INFINITE);
     }
@@ -178,61 +178,47 @@ Ended Wait(HANDLE process, int limitSeconds, bool kill)
     return ended;
 }
 
+// Prints the finding and returns the exit code for it.
 int Report(const Finding& finding)
 {
     try
     {
         WriteOutput(ExplainAsJson(finding) + "\n");
     }
-    catch (const Failure& failure)  // there may be no output at all; the code is what counts
+    catch (const Failure& failure)  // the exit code counts, even without any output
     {
-        Complain(failure);
+        WriteError(failure.what());
     }
     return finding.candidates.size() == 1 ? finding.candidates.front().meaning->code : kUnknownCode;
 }
-}  // namespace
 
-int RunCommand(std::vector<std::wstring> given)
+std::wstring CommandLine(const std::wstring& tool, const std::wstring& mark, const std::vector<std::wstring>& switches)
 {
-    Arguments arguments(std::move(given));
-    const bool kill = arguments.TakeFlag(L"--kill");
-    const int limit = arguments.TakeNumber(L"--timeout").value_or(kDefaultLimitSeconds);
-    const std::wstring tool = arguments.TakeValue(L"--tool").value_or(ToolBesideUs());
-    arguments.TakeOperands(0, 0);
-    if (limit < 1 || limit > kLongestLimitSeconds)
+    std::wstring line = L"\"" + tool + L"\" " + mark;
+    for (const std::wstring& argument : switches)
     {
-        throw UsageError("--timeout wants 1 to " + std::to_string(kLongestLimitSeconds) + " seconds");
+        line += L" " + QuoteArgument(argument);
     }
+    return line;
+}
 
-    const std::wstring mark = MakeMark();
-    std::wstring commandLine = L"\"" + tool + L"\" " + mark;
-    for (const std::wstring& argument : arguments.GetTail())
-    {
-        commandLine += L" " + QuoteArgument(argument);
-    }
-    const std::wstring folder = GetLogFolder();
-    const std::map<std::wstring, std::uint64_t> before = LogTimes(folder);
+// Returns the process; null after setting the last error.
+EventHandle Start(const std::wstring& tool, std::wstring commandLine)
+{
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION started = {};
     if (CreateProcessW(tool.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
                        &started) == 0)
     {
-        const std::string reason = SystemFailure(ToUtf8(tool), GetLastError());
-        WriteError("TavikToolCompanion: " + reason + "\n");
-        Finding finding;
-        finding.candidates.push_back({&kNotStarted, {reason}});
-        return Report(finding);
+        return EventHandle();
     }
-    const EventHandle process(started.hProcess);  // closed like one
     CloseHandle(started.hThread);
-    Ended ended = Wait(process.Get(), limit, kill);
+    return EventHandle(started.hProcess);  // a process is closed like an event
+}
 
-    const std::optional<std::wstring> log = FindOwnLog(folder, before, mark);
-    if (!ended.exitCode)
-    {
-        ended = Wait(process.Get(), 0, false);  // it may have ended just now, and its log is whole then
-    }
+Finding Classify(const std::wstring& folder, const std::optional<std::wstring>& log, const Ended& ended)
+{
     Classifier classifier(BuiltInCatalogue(), log ? ToUtf8(*log) : std::string(), ended.exitCode);
     if (log)
     {
@@ -240,16 +226,61 @@ int RunCommand(std::vector<std::wstring> given)
         {
             ReadFileBytes(JoinPath(folder, *log), [&classifier](std::string_view bytes) { classifier.Feed(bytes); });
         }
-        catch (const UnreadableFile& failure)  // what was read of it has to do
+        catch (const UnreadableFile& failure)  // classify by the part that was read
         {
-            Complain(failure);
+            WriteError(failure.what());
         }
     }
-    Finding finding = classifier.Finish();
+    return classifier.Finish();
+}
+
+int Execute(const Options& options, const std::vector<std::wstring>& switches)
+{
+    const std::wstring tool = options.tool.empty() ? ToolBesideUs() : ToWide(options.tool);
+    const std::wstring mark = MakeMark();
+    const std::wstring folder = GetLogFolder();
+    const LogTimes before = ReadLogTimes(folder);
+    const EventHandle process = Start(tool, CommandLine(tool, mark, switches));
+    if (!process)
+    {
+        const std::string reason = SystemFailure(ToUtf8(tool), GetLastError());
+        WriteError(reason);
+        Finding finding;
+        finding.candidates.push_back({&kNotStarted, {reason}});
+        return Report(finding);
+    }
+    Ended ended = Wait(process.Get(), options.limitSeconds, options.kill);
+    const std::optional<std::wstring> log = FindOwnLog(folder, before, mark);
+    if (!ended.exitCode)
+    {
+        ended = Wait(process.Get(), 0, false);  // if it has ended by now, its log is complete
+    }
+    Finding finding = Classify(folder, log, ended);
     if (!ended.isOver)
     {
-        finding.candidates.assign(1, {kill ? &kEndedHere : &kTimedOut, {finding.lastLine}});
+        finding.candidates.assign(1, {options.kill ? &kEndedHere : &kTimedOut, {finding.lastLine}});
     }
     return Report(finding);
+}
+}  // namespace
+
+void AddRunCommand(CLI::App& program, int& result, const std::vector<std::wstring>& toolSwitches)
+{
+    const auto options = std::make_shared<Options>();
+    CLI::App& command = *program.add_subcommand(
+        "run", "Runs the tool with the switches after \"--\", and prints the outcome as JSON.");
+    command.add_option("--timeout", options->limitSeconds, "time limit; an hour without it")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, kLongestLimitSeconds).description(""));
+    command.add_flag("--kill", options->kill, "end the tool at the time limit; otherwise it continues");
+    command.add_option("--tool", options->tool, "the tool; without it TavikCompatibilityTool.exe beside this program")
+        ->type_name("PATH");
+    command.footer(
+        "Exit code: 0 done or nothing to do; 3010 done, restart needed; 1618 try again later; 1603 failed.\n"
+        "\n"
+        "Examples:\n"
+        "  TavikToolCompanion run -- -SILENT\n"
+        "  TavikToolCompanion run --timeout 1800 --kill -- -VLT -Install -Path C:\\vlt\\setup.exe -SILENT");
+    command.callback([options, &result, &toolSwitches] { result = Execute(*options, toolSwitches); });
 }
 }  // namespace repair

@@ -6,7 +6,7 @@
 #include <wininet.h>
 
 #include "base/owned.h"
-#include "companion/wide_text.h"
+#include "companion/unicode.h"
 
 namespace repair
 {
@@ -38,7 +38,7 @@ ServerAnswer Failed(const char* step)
     return answer;
 }
 
-// Empty when the answer has no such header.
+// Returns an empty text if the answer has no such header.
 std::wstring Header(HINTERNET request, DWORD header)
 {
     wchar_t text[kHeaderCharacters] = {};

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <optional>
+#include <utility>
 
 #include "companion/ascii.h"
 #include "companion/unicode.h"
@@ -10,7 +12,7 @@ namespace repair
 {
 namespace
 {
-// The tool's side of it; src/acquisition/constants.h has the same.
+// As in src/acquisition/constants.h.
 constexpr size_t kReleaseCharacters = 5;
 constexpr std::string_view kRemoteFile = "/dwx2_install.txt";
 constexpr size_t kLongestPart = 259;  // host name and path, in UTF-16 units
@@ -72,7 +74,7 @@ bool HasLongLabel(std::string_view host)
     return false;
 }
 
-// "24.20/" at the end: somebody has appended the release, which the tool does.
+// Whether the value ends with a release such as "24.20/".
 bool EndsWithRelease(std::string_view value)
 {
     if (value.ends_with('/'))
@@ -84,115 +86,84 @@ bool EndsWithRelease(std::string_view value)
            std::ranges::all_of(std::string{last[0], last[1], last[3], last[4]}, IsAsciiDigit);
 }
 
-class Lint
+// Returns nothing for a port that is not a number from 1 to 65535.
+std::optional<int> ReadPort(std::string_view text)
+{
+    int port = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, port);
+    const bool isValid = error == std::errc() && stop == end && port >= 1 && port <= 65535;
+    return isValid ? std::optional(port) : std::nullopt;
+}
+
+class Remarks
 {
 public:
-    Lint(std::string_view value, ServerValue& result) : value_(value), result_(result) {}
-
-    void Characters()
-    {
-        if (value_.find_first_of(" \t") != std::string_view::npos)
-        {
-            Error("there is a blank in it, which the tool does not take out");
-        }
-        if (std::ranges::any_of(value_, [](char c) { return static_cast<unsigned char>(c) < 0x20 && c != '\t'; }))
-        {
-            Error("there is a control character in it");
-        }
-        if (value_.find('\\') != std::string_view::npos)
-        {
-            Error("there is a backslash in it: addresses have /");
-        }
-        if (std::ranges::any_of(value_, [](char c) { return static_cast<unsigned char>(c) >= 0x80; }))
-        {
-            Warning("there are characters in it that are not ASCII: write host names as xn--... and others as %XX");
-        }
-    }
-
-    void Scheme(const Parts& parts)
-    {
-        isHttps_ = EqualNoCase(parts.scheme, "https");
-        isHttp_ = EqualNoCase(parts.scheme, "http");
-        if (!isHttp_ && !isHttps_)
-        {
-            Error("it begins with neither https:// nor http://");
-        }
-    }
-
-    void Host(const Parts& parts)
-    {
-        if (parts.hasLogin)
-        {
-            Error("there is a user name in it: the tool does not use it but writes it into every log");
-        }
-        if (parts.host.empty())
-        {
-            Error("there is no host name in it");
-        }
-        if (parts.host.size() > kLongestHost || HasLongLabel(parts.host))
-        {
-            Error("the host name is too long: 253 characters at the most, 63 from dot to dot");
-        }
-    }
-
-    void Port(const Parts& parts)
-    {
-        int port = isHttps_ ? kHttpsPort : kHttpPort;
-        if (parts.hasPort)
-        {
-            const char* end = parts.port.data() + parts.port.size();
-            const auto [stop, error] = std::from_chars(parts.port.data(), end, port);
-            if (error != std::errc() || stop != end || port < 1 || port > 65535)
-            {
-                Error("what stands behind the colon is no port number from 1 to 65535");
-                return;
-            }
-        }
-        if (isHttps_ && port != kHttpsPort)
-        {
-            Error("https on another port than 443: the tool asks without TLS there");
-        }
-        if (isHttp_ && port == kHttpsPort)
-        {
-            Warning("http on port 443: the tool speaks TLS there, https:// would say so");
-        }
-        if (isHttp_ && port != kHttpsPort)
-        {
-            Warning("without TLS anybody on the way can replace the installer, which is run with administrator rights");
-        }
-    }
-
-    void Path(const Parts& parts, const Parts& whole)
-    {
-        if (!value_.ends_with('/'))
-        {
-            Error("the / at the end is missing: the tool would ask for " + result_.url);
-        }
-        if (parts.path.find_first_of("?#") != std::string_view::npos)
-        {
-            Error("there is a ? or # in it: the tool appends its path behind");
-        }
-        const size_t length = LengthInUtf16(whole.path);
-        if (length > kLongestPart)
-        {
-            Error("the path has " + std::to_string(length) + " characters with release and file name, " +
-                  std::to_string(kLongestPart) + " are the most");
-        }
-        if (EndsWithRelease(value_))
-        {
-            Warning("it ends with a release: the tool appends that itself");
-        }
-    }
-
-    void Error(std::string text) { result_.remarks.push_back({true, std::move(text)}); }
-    void Warning(std::string text) { result_.remarks.push_back({false, std::move(text)}); }
+    void Error(bool applies, std::string text) { Add(applies, true, std::move(text)); }
+    void Warning(bool applies, std::string text) { Add(applies, false, std::move(text)); }
+    std::vector<Remark> Take() { return std::move(remarks_); }
 
 private:
-    std::string_view value_;
-    ServerValue& result_;
-    bool isHttp_ = false;
-    bool isHttps_ = false;
+    void Add(bool applies, bool isError, std::string text)
+    {
+        if (applies)
+        {
+            remarks_.push_back({isError, std::move(text)});
+        }
+    }
+
+    std::vector<Remark> remarks_;
 };
+
+void CheckCharacters(std::string_view value, Remarks& remarks)
+{
+    const auto contains = [value](auto isSuch) { return std::ranges::any_of(value, isSuch); };
+    remarks.Error(contains([](char c) { return c == ' ' || c == '\t'; }), "it contains a blank: remove it");
+    remarks.Error(contains([](unsigned char c) { return c < 0x20 && c != '\t'; }),
+                  "it contains a control character: remove it");
+    remarks.Error(contains([](char c) { return c == '\\'; }), "it contains a backslash: write / instead");
+    remarks.Warning(contains([](unsigned char c) { return c >= 0x80; }),
+                    "it contains characters that are not ASCII: write host names as xn--... and others as %XX");
+}
+
+void CheckHost(const Parts& parts, Remarks& remarks)
+{
+    remarks.Error(parts.hasLogin,
+                  "it contains a user name: remove it, the tool does not use it but writes it into every log");
+    remarks.Error(parts.host.empty(), "it has no host name");
+    remarks.Error(parts.host.size() > kLongestHost || HasLongLabel(parts.host),
+                  "the host name is too long: at most 253 characters, and 63 between two dots");
+}
+
+// The port alone decides whether the tool uses TLS.
+void CheckSchemeAndPort(const Parts& parts, Remarks& remarks)
+{
+    const bool isHttps = EqualNoCase(parts.scheme, "https");
+    const bool isHttp = EqualNoCase(parts.scheme, "http");
+    const std::optional<int> port = parts.hasPort ? ReadPort(parts.port) : isHttps ? kHttpsPort : kHttpPort;
+    remarks.Error(!isHttp && !isHttps, "it begins with neither https:// nor http://");
+    remarks.Error(!port, "the port is not a number from 1 to 65535");
+    if (port)
+    {
+        remarks.Error(isHttps && port != kHttpsPort, "https on another port than 443: the tool uses no TLS there");
+        remarks.Warning(isHttp && port == kHttpsPort, "http on port 443: the tool uses TLS there, so write https://");
+        remarks.Warning(isHttp && port != kHttpsPort,
+                        "without TLS anyone on the network can replace the installer, which runs with administrator "
+                        "rights");
+    }
+}
+
+void CheckPath(std::string_view value, const std::string& url, Remarks& remarks)
+{
+    remarks.Error(!value.ends_with('/'), "the / at the end is missing: the tool would ask for " + url);
+    remarks.Error(Split(value).path.find_first_of("?#") != std::string_view::npos,
+                  "it contains ? or #: the tool appends its path after that");
+    const size_t length = LengthInUtf16(Split(url).path);
+    remarks.Error(length > kLongestPart, "the path has " + std::to_string(length) +
+                                             " characters with release and file name; at most " +
+                                             std::to_string(kLongestPart) + " are allowed");
+    remarks.Warning(EndsWithRelease(value), "it ends with a release: remove it, the tool appends the release itself");
+}
 }  // namespace
 
 bool ServerValue::HasErrors() const
@@ -204,23 +175,19 @@ ServerValue CheckServerValue(std::string_view value, std::string_view release)
 {
     ServerValue result;
     result.url = std::string(value) + std::string(release.substr(0, kReleaseCharacters)) + std::string(kRemoteFile);
-    Lint lint(value, result);
-    if (value.empty())
+    Remarks remarks;
+    const bool isAddress = value.find("://") != std::string_view::npos;
+    CheckCharacters(value, remarks);
+    remarks.Error(value.empty(), "it is empty, which does not select the maker's server: delete the value for that");
+    remarks.Error(!value.empty() && !isAddress, "it is not an address: it begins with neither https:// nor http://");
+    if (isAddress)
     {
-        lint.Error("it is empty, which does not mean the maker's server: remove the value for that");
-        return result;
+        const Parts parts = Split(value);
+        CheckSchemeAndPort(parts, remarks);
+        CheckHost(parts, remarks);
+        CheckPath(value, result.url, remarks);
     }
-    lint.Characters();
-    if (value.find("://") == std::string_view::npos)
-    {
-        lint.Error("it is no address: it begins with neither https:// nor http://");
-        return result;
-    }
-    const Parts parts = Split(value);
-    lint.Scheme(parts);
-    lint.Host(parts);
-    lint.Port(parts);
-    lint.Path(parts, Split(result.url));
+    result.remarks = remarks.Take();
     return result;
 }
 }  // namespace repair

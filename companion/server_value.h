@@ -1,5 +1,4 @@
-// What is wrong with a value for DWXServerFolder, the administrator's own download server, found without asking
-// anybody.
+// Checks a value for DWXServerFolder, the administrator's own download server, without a request to it.
 #pragma once
 
 #include <string>
@@ -10,18 +9,18 @@ namespace repair
 {
 struct Remark
 {
-    bool isError = false;  // the tool would not get the installer, or not the way the value says
+    bool isError = false;  // the tool would not get the installer, or not as the value intends
     std::string text;      // a sentence without a full stop
 };
 
 struct ServerValue
 {
-    std::string url;  // what the tool asks for
+    std::string url;  // the address that the tool asks for
     std::vector<Remark> remarks;
 
     [[nodiscard]] bool HasErrors() const;
 };
 
-// The release's first five characters count, as for the tool. All texts are UTF-8.
+// Uses only the first five characters of the release, like the tool. All texts are UTF-8.
 ServerValue CheckServerValue(std::string_view value, std::string_view release);
 }  // namespace repair

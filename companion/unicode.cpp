@@ -1,50 +1,20 @@
 #include "companion/unicode.h"
 
+#include <iterator>
+
+#include <utf8cpp/utf8.h>
+
 namespace repair
 {
 namespace
 {
-constexpr char32_t kReplacement = 0xFFFD;
-
-// The character at the beginning; `length` becomes its bytes.
-char32_t DecodeFirst(std::string_view utf8, size_t& length)
-{
-    const auto first = static_cast<unsigned char>(utf8.front());
-    length = 1;
-    if (first < 0x80)
-    {
-        return first;
-    }
-    const size_t wanted = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-    if (first < 0xC2 || first > 0xF4 || utf8.size() < wanted)
-    {
-        return kReplacement;
-    }
-    char32_t character = first & (0x7FU >> wanted);
-    for (size_t i = 1; i < wanted; ++i)
-    {
-        const auto next = static_cast<unsigned char>(utf8[i]);
-        if ((next & 0xC0) != 0x80)
-        {
-            return kReplacement;
-        }
-        character = character << 6 | (next & 0x3FU);
-    }
-    constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (character < kSmallest[wanted] || character > 0x10FFFF || (character >= 0xD800 && character <= 0xDFFF))
-    {
-        return kReplacement;
-    }
-    length = wanted;
-    return character;
-}
+constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD
 
 struct FoldRange
 {
     char32_t first;
     char32_t last;
-    char32_t distance;  // to the lower-case letter; 1: capital and small letters alternate, capitals are even or odd
-                        // like `first`
+    char32_t distance;  // to the lower-case letter; 1: capital and small letters alternate, starting with a capital
 };
 
 constexpr FoldRange kFoldRanges[] = {
@@ -53,46 +23,44 @@ constexpr FoldRange kFoldRanges[] = {
     {0x03A3, 0x03AB, 32}, {0x0400, 0x040F, 80}, {0x0410, 0x042F, 32}, {0x0460, 0x0481, 1},  {0x048A, 0x04BF, 1},
     {0x1E00, 0x1E95, 1},  {0x1EA0, 0x1EFF, 1},
 };
+constexpr bool IsSurrogate(wchar_t unit, wchar_t first)
+{
+    return unit >= first && unit < first + 0x400;
+}
 }  // namespace
 
 std::u32string ToUtf32(std::string_view utf8)
 {
-    std::u32string text;
-    text.reserve(utf8.size());
-    while (!utf8.empty())
-    {
-        size_t length = 0;
-        text.push_back(DecodeFirst(utf8, length));
-        utf8.remove_prefix(length);
-    }
+    return utf8::utf8to32(utf8::replace_invalid(utf8));
+}
+
+std::wstring ToWide(std::string_view utf8)
+{
+    const std::string valid = utf8::replace_invalid(utf8);
+    std::wstring text;
+    utf8::utf8to16(valid.begin(), valid.end(), std::back_inserter(text));
     return text;
 }
 
-void AppendUtf8(std::string& text, char32_t c)
+std::string ToUtf8(std::wstring_view text)
 {
-    if (c < 0x80)
+    std::string utf8;
+    while (!text.empty())
     {
-        text.push_back(static_cast<char>(c));
-        return;
-    }
-    if (c < 0x800)
-    {
-        text.push_back(static_cast<char>(0xC0 | (c >> 6)));
-    }
-    else
-    {
-        if (c < 0x10000)
+        const bool isHigh = IsSurrogate(text.front(), 0xD800);
+        const bool isPair = isHigh && text.size() > 1 && IsSurrogate(text[1], 0xDC00);
+        const size_t length = isPair ? 2 : 1;
+        if (isPair || (!isHigh && !IsSurrogate(text.front(), 0xDC00)))
         {
-            text.push_back(static_cast<char>(0xE0 | (c >> 12)));
+            utf8::utf16to8(text.begin(), text.begin() + length, std::back_inserter(utf8));
         }
         else
         {
-            text.push_back(static_cast<char>(0xF0 | (c >> 18)));
-            text.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+            utf8 += kReplacement;  // utfcpp would throw
         }
-        text.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+        text.remove_prefix(length);
     }
-    text.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    return utf8;
 }
 
 char32_t Fold(char32_t character)
@@ -113,11 +81,6 @@ char32_t Fold(char32_t character)
 
 size_t LengthInUtf16(std::string_view utf8)
 {
-    size_t length = 0;
-    for (const char32_t character : ToUtf32(utf8))
-    {
-        length += character >= 0x10000 ? 2 : 1;
-    }
-    return length;
+    return utf8::utf8to16(utf8::replace_invalid(utf8)).size();
 }
 }  // namespace repair

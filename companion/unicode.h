@@ -1,4 +1,4 @@
-// UTF-8 to code points and back, and letters in lower case, without help of a system.
+// Conversions between UTF-8, UTF-16 and code points, and lower case, independent of the system's language.
 #pragma once
 
 #include <string>
@@ -6,14 +6,16 @@
 
 namespace repair
 {
-// What is no UTF-8 becomes U+FFFD, one for each byte.
+// U+FFFD replaces each invalid sequence.
 std::u32string ToUtf32(std::string_view utf8);
+std::wstring ToWide(std::string_view utf8);
 
-void AppendUtf8(std::string& text, char32_t character);
+// U+FFFD replaces half a surrogate pair, which file names may contain.
+std::string ToUtf8(std::wstring_view text);
 
-// The lower-case letter, for Latin, Greek and Cyrillic letters; every other character as it is.
+// Returns the lower-case letter of a Latin, Greek or Cyrillic letter, and any other character unchanged.
 char32_t Fold(char32_t character);
 
-// How many UTF-16 units the text has.
+// Returns how many UTF-16 units the text has.
 size_t LengthInUtf16(std::string_view utf8);
 }  // namespace repair

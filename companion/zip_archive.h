@@ -1,4 +1,4 @@
-// An archive that Explorer opens: ZIP without compression.
+// A compressed ZIP archive that Explorer opens.
 #pragma once
 
 #include <cstdint>
@@ -6,62 +6,54 @@
 #include <string_view>
 #include <vector>
 
+#include <zlib.h>
+
 #include "companion/log_name.h"
+#include "companion/output_file.h"
 
 namespace repair
 {
-// Where the archive goes. Both operations are false when the bytes could not be written.
-class ZipTarget
-{
-public:
-    ZipTarget() = default;
-    ZipTarget(const ZipTarget&) = delete;
-    ZipTarget& operator=(const ZipTarget&) = delete;
-    ZipTarget(ZipTarget&&) = delete;
-    ZipTarget& operator=(ZipTarget&&) = delete;
-    virtual ~ZipTarget() = default;
-
-    virtual bool Append(std::string_view bytes) = 0;
-    // Replaces bytes that were appended before.
-    virtual bool Patch(std::uint64_t offset, std::string_view bytes) = 0;
-};
-
-// One file after the other: Begin, any number of Write, End. The archive stays below 4 GiB and 65,535 files, where
-// every program can read it. Every operation is false when that limit is reached or the target fails, and from then on.
+// For each file: Begin, any number of Write, End. The archive and each file stay below 4 GiB, and there are at most 65,534
+// files: every program can read that. Each operation throws Failure if a limit is exceeded or writing fails.
 class ZipArchive
 {
 public:
     static constexpr std::uint64_t kLargest = 0xFFFF'FFFE;
-    static constexpr size_t kMostFiles = 0xFFFE;
 
-    explicit ZipArchive(ZipTarget& target, std::uint64_t largest = kLargest) : target_(target), largest_(largest) {}
+    explicit ZipArchive(OutputFile& file, std::uint64_t largest = kLargest);
+    ZipArchive(const ZipArchive&) = delete;
+    ZipArchive& operator=(const ZipArchive&) = delete;
+    ZipArchive(ZipArchive&&) = delete;
+    ZipArchive& operator=(ZipArchive&&) = delete;
+    ~ZipArchive();
 
     // `name`: UTF-8, folders with "/". The archive knows times from 1980 to 2107 and even seconds.
-    bool Begin(std::string name, const LocalTime& time);
-    bool Write(std::string_view bytes);
-    bool End();
+    void Begin(std::string name, const LocalTime& time);
+    void Write(std::string_view bytes);
+    void End();
 
-    // The directory; the archive is complete.
-    bool Finish();
+    // Writes the directory, which completes the archive.
+    void Finish();
 
 private:
     struct Entry
     {
         std::string name;
-        std::uint16_t time = 0;
-        std::uint16_t date = 0;
-        std::uint32_t checksum = 0;
-        std::uint64_t size = 0;
+        std::uint32_t dosTime = 0;  // date in the upper half
         std::uint64_t offset = 0;
+        std::uint32_t checksum = 0;
+        std::uint64_t packedSize = 0;
+        std::uint64_t size = 0;
     };
 
-    bool Append(std::string_view bytes);
+    void Append(std::string_view bytes);
+    void Compress(std::string_view bytes, int flush);
 
-    ZipTarget& target_;
+    OutputFile& file_;
     std::uint64_t largest_;
+    z_stream stream_ = {};
     std::uint64_t written_ = 0;
-    std::uint64_t directory_ = 0;  // bytes that it will need
+    std::uint64_t directorySize_ = 0;  // reserved at the end
     std::vector<Entry> entries_;
-    bool failed_ = false;
 };
 }  // namespace repair

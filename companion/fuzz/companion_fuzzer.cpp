@@ -1,4 +1,4 @@
-// libFuzzer target: the companion's reading of logs and values, as an ordinary program of this host. See scripts/fuzz.
+// libFuzzer target: how the companion reads logs and values, built for this host by scripts/fuzz.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -19,7 +19,7 @@ namespace
     std::abort();
 }
 
-// The same rules in the most obvious way, which takes too long for anything but short texts.
+// The same rules in the simplest way, which is too slow for long texts.
 bool MatchesSlowly(std::string_view pattern, std::string_view line)
 {
     if (pattern.empty())

@@ -1,4 +1,4 @@
-// What goes to the standard output, call by call.
+// What each call writes to the standard output.
 #include "companion/console.h"
 
 #include <string>
@@ -11,7 +11,7 @@
 
 using namespace repair;
 
-TEST(Console, NoCallEndsInTheMiddleOfACharacter)
+TEST(Console, NoCallSplitsACharacter)
 {
     constexpr wchar_t kName[] = L"\\\\.\\pipe\\console_test";
     constexpr DWORD kRoom = 65'536;
@@ -19,7 +19,7 @@ TEST(Console, NoCallEndsInTheMiddleOfACharacter)
     text += "\U0001F600";
     text.append(16'380, 'x');
     text += "\U0001F600!";
-    // One message is what one call has written.
+    // In this mode each call writes one message.
     const FileHandle reader(CreateNamedPipeW(kName, PIPE_ACCESS_INBOUND, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE, 1,
                                              kRoom, kRoom, 0, nullptr));
     const FileHandle writer(CreateFileW(kName, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));

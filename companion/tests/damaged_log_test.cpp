@@ -1,4 +1,4 @@
-// Damaged logs by the thousand, the same ones in every run. scripts/fuzz looks for worse ones.
+// Thousands of damaged logs, the same ones in every run. scripts/fuzz searches for more.
 #include <random>
 #include <string>
 
@@ -28,7 +28,7 @@ std::string WholeLog()
     return utf16;
 }
 
-// One of: cut off, cut out, bytes changed, bytes put in, a part repeated, a mark put before it, as UTF-8.
+// Cuts the log, changes, inserts or repeats bytes, adds a byte order mark, or makes it UTF-8.
 std::string Damaged(std::string log, std::mt19937& random)
 {
     const auto below = [&random](size_t limit) { return std::uniform_int_distribution<size_t>(0, limit - 1)(random); };
@@ -64,7 +64,7 @@ std::string Damaged(std::string log, std::mt19937& random)
 }
 }  // namespace
 
-TEST(DamagedLogs, AreReadWithoutHarmWhateverTheyAre)
+TEST(DamagedLogs, AreReadWithoutHarm)
 {
     std::mt19937 random(20261106);
     const std::string log = WholeLog();

@@ -1,5 +1,5 @@
-// Names of logs, JSON, lines for CMTrace, command lines, archives.
-#include <limits>
+// Names of logs, lines for CMTrace, command lines, conversions of text, archives.
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -9,17 +9,16 @@
 #include <gtest/gtest.h>
 #include <shellapi.h>
 
-#include "companion/arguments.h"
 #include "companion/cmtrace.h"
 #include "companion/command_line.h"
 #include "companion/failure.h"
-#include "companion/json.h"
+#include "companion/log_files.h"
 #include "companion/log_name.h"
+#include "companion/output_file.h"
 #include "companion/unicode.h"
 #include "companion/zip_archive.h"
 
 using namespace repair;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 TEST(LogName, TellsWhenTheRunBegan)
@@ -43,21 +42,6 @@ TEST(LogName, LaterRunsComeLater)
               *ParseLogName("InstallVLTForWUDriver_2026-10-1_4_7_31_15.log"));
 }
 
-TEST(Json, EscapesWhatItHasTo)
-{
-    JsonObject object;
-    const std::vector<std::string> list = {"a", "b"};
-    object.Add("a\"b", "c\\d\n\x01\x7Fü")
-        .Add("n", -5)
-        .Add("u", std::numeric_limits<std::uint64_t>::max())
-        .Add("t", true)
-        .AddNull("z");
-    object.Add("l", list).Add("e", std::span<const std::string>());
-    EXPECT_EQ(object.Text(),
-              "{\"a\\\"b\":\"c\\\\d\\u000a\\u0001\\u007fü\",\"n\":-5,\"u\":18446744073709551615,\"t\":true,\"z\":null,"
-              "\"l\":[\"a\",\"b\"],\"e\":[]}");
-}
-
 TEST(CmTrace, ALineHasTheTimeOfTheStart)
 {
     EXPECT_EQ(CmTraceLine("\tResult = 1603", {2026, 11, 6, 4, 7, 31, 15}),
@@ -66,33 +50,33 @@ TEST(CmTrace, ALineHasTheTimeOfTheStart)
               "type=\"3\" thread=\"0\" file=\"\">");
 }
 
-TEST(CmTrace, TheMarkOfTheEndStandsOnlyAtTheEnd)
+TEST(CmTrace, TheMarkOfTheEndIsOnlyAtTheEnd)
 {
     const std::string line = CmTraceLine("a]LOG]!>b]LOG]!>", {});
     EXPECT_EQ(line.find("]LOG]!>"), line.rfind("]LOG]!>"));
     EXPECT_THAT(line, HasSubstr("a]LOG] !>b]LOG] !>"));
 }
 
-TEST(CmTrace, TroubleIsMarked)
+TEST(CmTrace, FailuresAndWarningsAreMarked)
 {
     const std::pair<const char*, Severity> cases[] = {
-        {"Launched with command line: x", Severity::Information},
+        {"Launched with command line: x", Severity::kInformation},
         {"Unable to find dwx2-install.exe at [x]. Downloading dwx2_install.exe for [24.20] from web.",
-         Severity::Information},
-        {"Unable to find x\\dwx-next64.msi.", Severity::Error},
-        {"Response code from server: 200", Severity::Information},
-        {"Response code from server: 404", Severity::Error},
-        {"\tResult = 0", Severity::Information},
-        {"\tResult = 1641", Severity::Warning},
-        {"\tResult = 3010", Severity::Warning},
-        {"\tResult = 3011", Severity::Warning},
-        {"\tResult = 1618", Severity::Error},
-        {"System reboot may be required for x.", Severity::Warning},
-        {"\tException occured during installation. x", Severity::Error},
-        {"Exception x when searching for UWP version of VLT", Severity::Warning},
-        {"failed to install the UWP version of VLT", Severity::Error},
+         Severity::kInformation},
+        {"Unable to find x\\dwx-next64.msi.", Severity::kError},
+        {"Response code from server: 200", Severity::kInformation},
+        {"Response code from server: 404", Severity::kError},
+        {"\tResult = 0", Severity::kInformation},
+        {"\tResult = 1641", Severity::kWarning},
+        {"\tResult = 3010", Severity::kWarning},
+        {"\tResult = 3011", Severity::kWarning},
+        {"\tResult = 1618", Severity::kError},
+        {"System reboot may be required for x.", Severity::kWarning},
+        {"\tException occured during installation. x", Severity::kError},
+        {"Exception x when searching for UWP version of VLT", Severity::kWarning},
+        {"failed to install the UWP version of VLT", Severity::kError},
         {"Currently installed version of VLT is from the same release as the active driver. Exiting.",
-         Severity::Information},
+         Severity::kInformation},
     };
     for (const auto& [line, severity] : cases)
     {
@@ -129,24 +113,6 @@ TEST(ExitCodes, AreTakenWithAndWithoutSign)
     }
 }
 
-TEST(Arguments, OptionsMayStandAnywhereBeforeTheMark)
-{
-    Arguments arguments({L"a", L"--exit", L"-1", L"b", L"--json", L"--", L"--json", L"c"});
-    EXPECT_TRUE(arguments.TakeFlag(L"--json"));
-    EXPECT_EQ(arguments.TakeNumber(L"--exit"), -1);
-    EXPECT_THAT(arguments.TakeOperands(2, 2), ElementsAre(L"a", L"b"));
-    EXPECT_THAT(arguments.GetTail(), ElementsAre(L"--json", L"c"));
-}
-
-TEST(Arguments, MistakesAreToldApart)
-{
-    EXPECT_THROW(Arguments({L"--exit"}).TakeNumber(L"--exit"), UsageError);
-    EXPECT_THROW(Arguments({L"--exit", L"x"}).TakeNumber(L"--exit"), UsageError);
-    EXPECT_THROW(Arguments({L"--unknown"}).TakeOperands(0, 9), UsageError);
-    EXPECT_THROW(Arguments({L"a"}).TakeOperands(2, 2), UsageError);
-    EXPECT_THROW(Arguments({L"a", L"b"}).TakeOperands(1, 1), UsageError);
-}
-
 TEST(Unicode, LettersAreFoldedAsWindowsDoes)
 {
     for (char32_t c = 1; c < 0x10000; ++c)
@@ -167,63 +133,85 @@ TEST(Unicode, LettersAreFoldedAsWindowsDoes)
     EXPECT_EQ(Fold(U'Σ'), U'σ');
 }
 
+TEST(Unicode, TextIsConvertedBothWaysAndInvalidTextReplaced)
+{
+    const std::pair<std::wstring, std::string> cases[] = {
+        {L"", ""}, {L"aü€", "aü€"}, {L"\xD83D\xDE00!", "\U0001F600!"}, {L"\uFFFE", "\uFFFE"}};
+    for (const auto& [wide, utf8] : cases)
+    {
+        EXPECT_EQ(ToUtf8(wide), utf8);
+        EXPECT_EQ(ToWide(utf8), wide);
+    }
+    EXPECT_EQ(ToUtf8(L"a\xD83D"), "a\uFFFD");
+    EXPECT_EQ(ToUtf8(L"\xDE00\xD83D b"), "\uFFFD\uFFFD b");
+    EXPECT_EQ(ToWide("a\xFF z\xE2\x82"), L"a\uFFFD z\uFFFD");
+    EXPECT_EQ(ToUtf32("a\xED\xA0\x80z"), U"a\uFFFDz");
+    EXPECT_EQ(LengthInUtf16("\U0001F600ü\xFF"), 4U);
+}
+
 namespace
 {
-class TextTarget : public ZipTarget
+// An archive on the disk, and its bytes once it is complete.
+class ZipArchiveTest : public testing::Test
 {
-public:
-    std::string text;
-    size_t room = SIZE_MAX;
+protected:
+    void TearDown() override { DeleteFileW(path_.c_str()); }
 
-    bool Append(std::string_view bytes) override
+    std::string KeptBytes()
     {
-        text += bytes;
-        return text.size() <= room;
+        file_.Keep();
+        std::string bytes;
+        ReadFileBytes(path_, [&bytes](std::string_view piece) { bytes += piece; });
+        return bytes;
     }
-    bool Patch(std::uint64_t offset, std::string_view bytes) override
-    {
-        text.replace(offset, bytes.size(), bytes);
-        return true;
-    }
+
+    std::wstring path_ = (std::filesystem::temp_directory_path() / "companion_test.zip").wstring();
+    OutputFile file_{path_};
 };
 }  // namespace
 
-TEST(ZipArchive, HoldsFilesOneAfterTheOther)
+TEST_F(ZipArchiveTest, HoldsFilesOneAfterTheOther)
 {
-    TextTarget target;
-    ZipArchive archive(target);
-    EXPECT_TRUE(archive.Begin("ü.txt", {2026, 11, 6, 4, 7, 31, 15}));
-    EXPECT_TRUE(archive.Write("1234"));
-    EXPECT_TRUE(archive.Write("56789"));
-    EXPECT_TRUE(archive.End());
-    EXPECT_TRUE(archive.Finish());
-    const std::string sizes("\x26\x39\xF4\xCB\x09\x00\x00\x00\x09\x00\x00\x00",
-                            12);  // the well-known checksum of these digits
-    EXPECT_EQ(target.text.substr(0, 4), "PK\x03\x04");
-    EXPECT_EQ(target.text.substr(14, 12), sizes);
-    EXPECT_EQ(target.text.substr(30, 15), "ü.txt123456789");
-    EXPECT_EQ(target.text.substr(45, 4), "PK\x01\x02");
-    EXPECT_EQ(target.text.substr(61, 12), sizes);
-    EXPECT_EQ(target.text.substr(97), std::string("PK\x05\x06\0\0\0\0\x01\0\x01\0\x34\0\0\0\x2D\0\0\0\0\0", 22));
+    ZipArchive archive(file_);
+    archive.Begin("ü.txt", {2026, 11, 6, 4, 7, 31, 15});
+    archive.Write("1234");
+    archive.Write("56789");
+    archive.End();
+    archive.Begin("x", {});
+    archive.End();
+    archive.Finish();
+    const std::string bytes = KeptBytes();
+    const std::string checksum = "\x26\x39\xF4\xCB";  // the well-known one of these digits
+    const std::string size("\x09\0\0\0", 4);
+    EXPECT_EQ(bytes.substr(0, 4), "PK\x03\x04");
+    EXPECT_EQ(bytes.substr(14, 4), checksum);
+    EXPECT_EQ(bytes.substr(22, 4), size);
+    EXPECT_EQ(bytes.substr(30, 6), "ü.txt");
+    const std::string directory = bytes.substr(bytes.find("PK\x01\x02"));
+    EXPECT_EQ(directory.substr(16, 4), checksum);
+    EXPECT_EQ(directory.substr(24, 4), size);
+    EXPECT_EQ(directory.substr(directory.find("PK\x05\x06"), 12), std::string("PK\x05\x06\0\0\0\0\x02\0\x02\0", 12));
 }
 
-TEST(ZipArchive, EndsAtItsLimit)
+TEST_F(ZipArchiveTest, IsCompressed)
 {
-    TextTarget target;
-    ZipArchive archive(target, 200);
-    EXPECT_TRUE(archive.Begin("a", {}));
-    EXPECT_TRUE(archive.Write("x"));
-    EXPECT_FALSE(archive.Write(std::string(200, 'x')));
-    EXPECT_FALSE(archive.Finish());
-    EXPECT_LE(target.text.size(), 200U);
+    ZipArchive archive(file_);
+    archive.Begin("a", {});
+    for (int i = 0; i < 100; ++i)
+    {
+        archive.Write(std::string(1000, 'x'));
+    }
+    archive.End();
+    archive.Finish();
+    EXPECT_LT(KeptBytes().size(), 1000U);
 }
 
-TEST(ZipArchive, SaysWhenTheTargetFails)
+TEST_F(ZipArchiveTest, EndsAtItsLimit)
 {
-    TextTarget target;
-    target.room = 40;
-    ZipArchive archive(target);
-    EXPECT_TRUE(archive.Begin("a", {}));
-    EXPECT_FALSE(archive.Write("1234567890"));
-    EXPECT_FALSE(archive.End());
+    ZipArchive small(file_, 200);
+    small.Begin("a", {});
+    small.Write("x");
+    EXPECT_THROW(small.Write(std::string(201, 'x')), Failure);  // although it compresses well
+    ZipArchive full(file_, 60);
+    EXPECT_THROW(full.Begin("a", {}), Failure);
 }

@@ -16,7 +16,7 @@ struct Read
 {
     std::vector<std::string> lines;
     Damage damage;
-    Encoding encoding = Encoding::Utf8;
+    Encoding encoding = Encoding::kUtf8;
 };
 
 Read ReadAll(std::string_view bytes, size_t pieceSize = 1)
@@ -55,10 +55,10 @@ TEST(LineReader, ReadsWhatTheToolWrites)
     const Read read = ReadAll(Bytes(kText));
     EXPECT_THAT(read.lines, kLines);
     EXPECT_FALSE(read.damage.IsAny());
-    EXPECT_EQ(read.encoding, Encoding::Utf16Le);
+    EXPECT_EQ(read.encoding, Encoding::kUtf16Le);
 }
 
-TEST(LineReader, ReadsOtherEncodingsThatALogMayHaveComeTo)
+TEST(LineReader, ReadsOtherEncodings)
 {
     EXPECT_THAT(ReadAll("\xFF\xFE" + Bytes(kText)).lines, kLines);
     EXPECT_THAT(ReadAll("\xFE\xFF" + Bytes(kText, true)).lines, kLines);
@@ -74,7 +74,7 @@ TEST(LineReader, FindsTheCharactersOfALogThatHasLostItsFirstByte)
     EXPECT_TRUE(read.damage.cutAtStart);
 }
 
-TEST(LineReader, SaysWhereALogWasCut)
+TEST(LineReader, ReportsWhereALogWasCut)
 {
     Read read = ReadAll(Bytes(u"one\ntwo"));
     EXPECT_THAT(read.lines, ElementsAre("one", "two"));
@@ -94,13 +94,13 @@ TEST(LineReader, SaysWhereALogWasCut)
                             "1 of its characters cannot be read"));
 }
 
-TEST(LineReader, PutsAMarkInThePlaceOfWhatIsNoCharacter)
+TEST(LineReader, ReplacesInvalidCharacters)
 {
     const char16_t torn[] = {u'a', 0xDC00, u'b', 0xD800, u'c', 0xD800, 0xD800, 0xDC00, 0, u'\n'};
     const Read read = ReadAll(Bytes(u"an ordinary line\n") + Bytes({torn, std::size(torn)}));
     EXPECT_THAT(read.lines, ElementsAre("an ordinary line", "a\uFFFDb\uFFFDc\uFFFD\U00010000\uFFFD"));
     EXPECT_EQ(read.damage.unreadable, 4U);
-    // Too long a form, a surrogate, beyond the last character, a byte that follows nothing, one that begins nothing.
+    // An overlong form, a surrogate, a value beyond the last character, and bytes that cannot begin a character.
     for (const char* bad : {"\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\x80", "\xFF", "\xE0\x80\x80"})
     {
         EXPECT_THAT(ReadAll(std::string("text ") + bad + " text\n").lines.front(), testing::HasSubstr("\uFFFD")) << bad;
@@ -114,7 +114,7 @@ TEST(LineReader, HasNoLinesWithoutBytes)
     EXPECT_FALSE(ReadAll("").damage.IsAny());
 }
 
-TEST(LineReader, HandsOutALineThatIsTooLongInPieces)
+TEST(LineReader, PassesALineThatIsTooLongInPieces)
 {
     std::vector<std::pair<bool, bool>> ends;
     size_t total = 0;
@@ -131,7 +131,7 @@ TEST(LineReader, HandsOutALineThatIsTooLongInPieces)
     EXPECT_EQ(reader.GetDamage().overlongLines, 1U);
 }
 
-TEST(LineReader, DoesNotDependOnThePiecesThatALogComesIn)
+TEST(LineReader, DoesNotDependOnThePiecesOfTheLog)
 {
     const std::string bytes = Bytes(std::u16string(5000, u'a') + std::u16string(kText));
     const Read whole = ReadAll(bytes, bytes.size());

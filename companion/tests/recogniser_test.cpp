@@ -1,11 +1,13 @@
 #include "companion/recogniser.h"
 
+#include <algorithm>
 #include <limits>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "companion/explanation.h"
 #include "companion/pattern.h"
@@ -13,7 +15,6 @@
 using namespace repair;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace
 {
@@ -35,7 +36,7 @@ std::vector<std::string> Ids(std::optional<int> exitCode, const std::vector<std:
 }
 }  // namespace
 
-TEST(Pattern, StarStandsForAnyTextAndEverythingElseForItself)
+TEST(Pattern, StarIsAnyTextAndEveryOtherCharacterItself)
 {
     const std::tuple<std::string_view, std::string_view, bool> cases[] = {
         {"a", "a", true},         {"a", "A", false},        {"a", "ab", false},   {"", "", true},
@@ -49,7 +50,7 @@ TEST(Pattern, StarStandsForAnyTextAndEverythingElseForItself)
     }
 }
 
-TEST(Pattern, ResultStandsForANumberAndRemembersIt)
+TEST(Pattern, ResultIsANumberAndRemembersIt)
 {
     EXPECT_EQ(MatchLine("\tResult = <result>", "\tResult = -2147024891").result, -2147024891);
     EXPECT_EQ(MatchLine("*. Error <result>", "a 5. Error 12029").result, 12029);
@@ -62,7 +63,7 @@ TEST(Pattern, ResultStandsForANumberAndRemembersIt)
     }
 }
 
-TEST(Pattern, FailureIsEveryNumberThatWindowsInstallerDoesNotMeanAsSuccess)
+TEST(Pattern, FailureIsEveryNumberExceptTheSuccessCodesOfWindowsInstaller)
 {
     for (const int number : {0, 1641, 3010, 3011})
     {
@@ -95,14 +96,14 @@ TEST(Recogniser, NamesAllThatRemainWithoutAnExitCode)
     EXPECT_THAT(Ids(std::nullopt, {}), ElementsAre("no-log-folder", "no-log"));
 }
 
-TEST(Recogniser, TakesAnOutcomeOfTheWrongModeOrCodeForNone)
+TEST(Recogniser, IgnoresAnOutcomeOfAnotherModeOrCode)
 {
     const std::vector<std::string_view> lines = {"Installing C:\\x\\dwx-next64.msi", "\tResult = 1618"};
     EXPECT_THAT(Ids(1603, {kCheck, lines[0], lines[1]}), ElementsAre("interrupted"));
     EXPECT_THAT(Ids(1618, lines), ElementsAre("interrupted"));  // a direct installation never ends with that code
 }
 
-TEST(Recogniser, KeepsTheLinesThatDecided)
+TEST(Recogniser, KeepsTheLinesThatMatched)
 {
     Recogniser recogniser(BuiltInCatalogue(), 0);
     for (const std::string_view line :
@@ -111,13 +112,13 @@ TEST(Recogniser, KeepsTheLinesThatDecided)
     {
         recogniser.Feed(line);
     }
-    EXPECT_EQ(recogniser.GetMode(), RunMode::Check);
+    EXPECT_EQ(recogniser.GetMode(), RunMode::kCheck);
     ASSERT_EQ(recogniser.Finish().size(), 1U);
     EXPECT_THAT(recogniser.Finish().front().evidence, ElementsAre("Installing C:\\x\\dwx-next64.msi", "\tResult = 0",
                                                                   "System reboot may be required for x."));
 }
 
-TEST(Explanation, ALineThatIsTooLongIsNoneOfTheTools)
+TEST(Explanation, ALineThatIsTooLongMatchesNoPattern)
 {
     Classifier classifier(BuiltInCatalogue(), "log", -1);
     classifier.Feed("Another instance is running. Exiting." + std::string(LineReader::kLongestPiece, 'x'));
@@ -127,7 +128,7 @@ TEST(Explanation, ALineThatIsTooLongIsNoneOfTheTools)
     EXPECT_EQ(finding.lastLine, "\uFFFD");
 }
 
-TEST(Explanation, SaysItInOneLineForPrograms)
+TEST(Explanation, IsOneLineOfJsonForPrograms)
 {
     Classifier classifier(BuiltInCatalogue(), "InstallVLTForWUDriver_2026-11-6_4_7_31_15.log", -1);
     classifier.Feed("Launched with command line: \"x\"\nAnother instance is running. Exiting.\n");
@@ -140,6 +141,18 @@ TEST(Explanation, SaysItInOneLineForPrograms)
     EXPECT_THAT(json, HasSubstr("\"evidence\":[\"Another instance is running. "
                                 "Exiting.\"],\"candidates\":[\"another-instance\"],\"lines\":2,"));
     EXPECT_THAT(json, testing::EndsWith("\"damage\":[]}"));
+}
+
+TEST(Explanation, AnyTextOfTheLogIsValidJson)
+{
+    Classifier classifier(BuiltInCatalogue(), "a\"\x01.log", std::nullopt);
+    classifier.Feed("b\"c\\d\x01\x7Fü");
+    const std::string json = ExplainAsJson(classifier.Finish());
+    EXPECT_TRUE(std::ranges::none_of(json, [](unsigned char c) { return c < 0x20; }));
+    const nlohmann::json parsed = nlohmann::json::parse(json);
+    EXPECT_EQ(parsed["log"], "a\"\x01.log");
+    EXPECT_EQ(parsed["last_line"], "b\"c\\d\x01\x7Fü");
+    EXPECT_TRUE(parsed["exit"].is_null() && parsed["began"].is_null());
 }
 
 TEST(Explanation, KeepsControlCharactersFromTheTerminal)
