@@ -79,25 +79,47 @@ def desk() -> Iterator[Desk]:
 
 # The command line
 
+COMMANDS = ("explain", "convert", "collect", "run", "check-server")
+
+
 def test_help_and_version(desk):
     code, text, errors = desk.run("--help")
-    assert (code, errors) == (0, "") and text.startswith("TavikToolCompanion reads the logs") and max(map(len, text.splitlines())) < 120
-    for command in ("explain", "convert", "collect", "run", "check-server"):
-        assert f"  TavikToolCompanion {command} " in text and desk.run(command, "--help") == (0, text, "")
+    assert (code, errors) == (0, "") and text.startswith("TavikToolCompanion reads the logs") and "Examples:\n" in text
+    assert all(re.search(rf"^  {command} +\w", text, re.M) for command in COMMANDS) and desk.run("/?") == (0, text, "")
     defined = re.search(r'TAVIK_VERSION_TEXT "(.+)"', (paths.ROOT / "src" / "resources" / "version.h").read_text("utf-8"))[1]
     assert desk.run("--version") == (0, f"TavikToolCompanion {defined}\n", "")
 
 
+@pytest.mark.parametrize("command", COMMANDS)
+def test_each_command_has_a_help_with_examples(desk, command):
+    code, text, errors = desk.run(command, "--help")
+    assert (code, errors) == (0, "") and f"Usage: TavikToolCompanion {command} [OPTIONS]" in text
+    assert f"\nExamples:\n  TavikToolCompanion {command} " in text and max(map(len, text.splitlines())) <= 120
+    assert desk.run(command.upper(), "a", "-H") == (0, text, "") == desk.run(command, "/?")
+
+
+def test_commands_and_options_in_any_letter_case(desk):
+    path = desk.put(rf"C:\logs\{NAME}", utf16(SAME))
+    code, text, errors = desk.run("Explain", "--JSON", path, "--Exit", "-1")
+    assert (code, errors, json.loads(text)["outcome"]) == (0, "", "same-release")
+    assert desk.run("CONVERT", "--CmTrace", path)[1] == desk.run("convert", "--cmtrace", path)[1] != ""
+
+
 @pytest.mark.parametrize("arguments, says", [
-    ([], "there is no command"), (["expand"], "there is no command expand"), (["explain"], "something is missing"),
-    (["explain", "a", "--what"], "there is no option --what"), (["explain", "a", "--exit"], "--exit wants something"),
-    (["explain", "a", "--exit", "x"], "x behind --exit is no number"), (["explain", "a", "b"], "several logs need --json"),
-    (["convert", "a", "b", "c"], "c is one too many"), (["collect"], "something is missing"), (["run", "-SILENT"], "there is no option -SILENT"),
-    (["run", "--timeout", "0"], "--timeout wants 1 to"), (["check-server", "https://h/", "--release", "24"], "--release wants a release")],
+    ([], "A command is required"), (["expand"], "The following argument was not expected: expand"),
+    (["explain"], "LOG: name the log of the run, or give --no-log"), (["explain", "a", "--no-log"], "LOG: name the log of the run, or give --no-log"),
+    (["explain", "a", "--what"], "The following argument was not expected: --what"), (["explain", "a", "--exit"], "--exit: 1 required NUMBER missing"),
+    (["explain", "a", "--exit", "x"], '--exit: "x" is not a 32-bit number'), (["explain", "a", "b"], "LOG: several logs need --json"),
+    (["convert"], "LOG is required"), (["convert", "a", "b", "c"], "The following argument was not expected: c"),
+    (["collect"], "FOLDER is required"), (["run", "-SILENT"], "The following argument was not expected: -SILENT"),
+    (["run", "--timeout", "0"], "--timeout: Value 0 not in range 1 to 604800"), (["run", "--timeout", "x"], "--timeout: Value x not in range"),
+    (["check-server", "https://h/", "--release", "24"], "--release: give a release such as 24.20")],
     ids=lambda value: " ".join(value) if isinstance(value, list) else "")
 def test_wrong_usage(desk, arguments, says):
     code, text, errors = desk.run(*arguments)
-    assert (code, text) == (2, "") and errors.startswith("TavikToolCompanion: " + says) and errors.count("\n") == 1, errors
+    command = "".join(f" {one}" for one in arguments[:1] if one != "expand")
+    assert (code, text) == (2, "") and errors.startswith("TavikToolCompanion: " + says), errors
+    assert errors.endswith(f'. "TavikToolCompanion{command} --help" shows the usage.\n') and errors.count("\n") == 1, errors
 
 
 # explain
@@ -212,18 +234,19 @@ def test_all_logs_without_names(desk):
     folder = "C:\\" + str(LOGS).replace("/", "\\")
     mine = [f"{user.upper()} on {host.upper()} in C:\\users\\{user}\\Temp, and Given"]
     desk.put(rf"{folder}\{LATER}", utf16(BUSY))
-    desk.put(rf"{folder}\{NAME}", utf16([*PRIVATE, *mine]) + b"x")
+    desk.put(rf"{folder}\{NAME}", utf16([*PRIVATE, *mine, *["the same line"] * 1000]) + b"x")
     desk.put(rf"{folder}\The Owner {LAST}", utf16(SAME))
     desk.put(rf"{folder}\other.txt", b"the owner")
     code, text, errors = desk.run("collect", r"C:\bundle", "--name", "GIVEN")
     assert (code, errors) == (0, "") and text.startswith("3 logs in C:\\bundle\\TavikToolLogs.zip")
     bundle = desk.prefix.windows_path(r"C:\bundle\TavikToolLogs.zip")
     with zipfile.ZipFile(bundle) as archive:
+        assert {item.compress_type for item in archive.infolist()} == {zipfile.ZIP_DEFLATED} and bundle.stat().st_size < 4000
         assert archive.testzip() is None and [re.sub(r"\d+ ", " ", name) for name in archive.namelist()] == [
             NAME, LATER, f"user {LAST}", "summary.jsonl"]
         log, summary = archive.read(NAME).decode(), archive.read("summary.jsonl")
+        everything = b"\n".join([*(name.encode() + archive.read(name) for name in archive.namelist()), summary]).lower()
     assert summary == desk.prefix.windows_path(r"C:\bundle\TavikToolLogs.jsonl").read_bytes()
-    everything = bundle.read_bytes().lower() + summary.lower()
     found_names = [name for name in (*NAMES, user.lower(), host.lower()) if re.search(rb"\b%s\b" % re.escape(name.encode()), everything)]
     assert found_names == []
     assert "https://download.tavik.example/x" in log and "://<login>@<machine" in log and log.endswith("\r\n\ufffd")
@@ -241,7 +264,7 @@ def test_logs_of_another_folder(desk):
 def test_more_names_than_can_be_replaced(desk):
     desk.put(rf"C:\crowd\{NAME}", utf16([LAUNCHED, CHECK, *(rf"\\server{number}\share" for number in range(1001))]))
     code, text, errors = desk.run("collect", r"C:\crowd", "--from", r"C:\crowd")
-    assert code == 1 and text.startswith("1 log in ") and errors.startswith("TavikToolCompanion: the logs hold more than 1000 names")
+    assert code == 1 and text.startswith("1 log in ") and errors.startswith("TavikToolCompanion: the logs contain more than 1000 names")
 
 
 # check-server
@@ -249,7 +272,7 @@ def test_more_names_than_can_be_replaced(desk):
 @pytest.mark.parametrize("value, code, says", [
     ("https://mirror.example/vlt/", 0, "the tool asks for https://mirror.example/vlt/24.20/dwx2_install.txt\n"),
     ("http://mirror.example/vlt/", 0, "warning: without TLS"), ("https://mirror.example/vlt", 1, "error: the / at the end is missing"),
-    ("https://mirror.example:8443/vlt/", 1, "error: https on another port than 443"), ("mirror/", 1, "error: it is no address")])
+    ("https://mirror.example:8443/vlt/", 1, "error: https on another port than 443"), ("mirror/", 1, "error: it is not an address")])
 def test_a_server_value(desk, value, code, says):
     found_code, text, errors = desk.run("check-server", value)
     assert (found_code, errors) == (code, "") and text.startswith(says)
@@ -267,9 +290,9 @@ def test_the_answer_of_a_server(desk):
     size = paths.need(paths.PACKAGES / "installer-24.20.exe").stat().st_size
     last = {name: (code, text.splitlines()[-1]) for name, (code, text, _) in said.items()}
     assert last["good"] == (0, f"the server answers 200, {size} bytes")
-    assert last["page"] == (1, "error: what it sends is no Windows program: the tool would run it nevertheless and fail")
-    assert last["none"] == (1, "error: the server answers 404: only 200 will do")
-    assert last["moved"][0] == 1 and "the server answers 302 and leads to" in last["moved"][1] and "/good/24.20/" in last["moved"][1]
+    assert last["page"] == (1, "error: the server does not send a Windows program: the tool would try to run it and fail")
+    assert last["none"] == (1, "error: the server answers 404: the tool accepts only 200")
+    assert last["moved"][0] == 1 and "the server answers 302 and redirects to" in last["moved"][1] and "/good/24.20/" in last["moved"][1]
     assert [item["user_agent"] for item in web.requests] == ["Tavik Marlin Install Manager"] * 4
     code, text, _ = desk.run("check-server", "http://127.0.0.1:9/", "--release", "24.20")
     assert code == 1 and "error: the server cannot be asked (request): error 12029" in text
