@@ -92,7 +92,7 @@ def read(text: str) -> list[Outcome]:
         try:
             one = Outcome(mode=mode, **{key: resolved(value, groups) if key in PATTERNS else value for key, value in table.items()})
             faults = problems(one)
-        except (TypeError, KeyError) as error:
+        except (AttributeError, KeyError, TypeError) as error:
             faults = [f"unknown or missing key, or a value of the wrong type: {error}"]
         if faults:
             raise ValueError(f"{table.get('id')}: {'; '.join(faults)}")

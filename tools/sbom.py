@@ -4,8 +4,8 @@
     tools/sbom.py --out FILE --version V --created TIME PROGRAM...    from PROGRAM and the linker's PROGRAM.map beside it
     tools/sbom.py --check FILE                                        each complaint is one line, exit code 1 if any
 
-The linker says which libraries it took parts from, dpkg to which package and version they belong. A library that stands in
-no row of COMPONENTS is an error: nothing gets into a release unlisted.
+The linker's map names the libraries that it took parts from, dpkg their packages and versions. A library that is not in COMPONENTS
+or HEADERS is an error: nothing gets into a release unlisted.
 """
 from __future__ import annotations
 
@@ -20,12 +20,15 @@ from pathlib import Path
 from typing import Any
 from urllib.parse import quote
 
+TOP = Path(__file__).resolve().parent.parent
+
 # What may be linked in: name, files of the tool chain, licence as SPDX writes it, and what the licence field cannot say.
 COMPONENTS = [
     ("libstdc++", r"libstdc\+\+\.a", "GPL-3.0-or-later WITH GCC-exception-3.1",
      "C++ library. The exception permits to link it into programs under any licence."),
     ("libgcc", r"libgcc(_eh)?\.a|crt(begin|end)\.o", "GPL-3.0-or-later WITH GCC-exception-3.1",
      "Compiler's support routines. The exception permits to link them into programs under any licence."),
+    ("zlib", r"libz\.a", "Zlib", "Compression of the logs that the companion collects."),
     ("winpthreads", r"lib(win)?pthread\.a", "MIT AND BSD-3-Clause", "Threads for the C++ library."),
     ("mingw-w64 runtime", r"lib(mingwex|mingw32|moldname|msvcrt|uuid)\.a|crt2u?\.o", "ZPL-2.1",
      "Start-up code and C library routines. Single files are in the public domain or under other permissive licences: see "
@@ -33,6 +36,14 @@ COMPONENTS = [
     ("mingw-w64 import libraries", r"lib(advapi32|gdi32|kernel32|ole32|oleaut32|shell32|user32|wintrust|crypt32|setupapi)\.a", "ZPL-2.1",
      "Tables of names through which functions of Windows are found; no code of Windows."),
 ]
+
+# Libraries of headers only, which the linker does not see: by the folder of their headers, found in the includes of the sources.
+HEADERS = {
+    "CLI": ("CLI11", Path("/usr/include/CLI/CLI.hpp"), "BSD-3-Clause", "Command line of the companion."),
+    "nlohmann": ("nlohmann-json", Path("/usr/include/nlohmann/json.hpp"), "MIT", "JSON of the companion."),
+    "utf8cpp": ("utfcpp", Path("/usr/include/utf8cpp/utf8.h"), "BSL-1.0", "UTF-8 and UTF-16 in the companion."),
+}
+SOURCES = {"TavikCompatibilityTool.exe": "src", "TavikToolCompanion.exe": "companion"}
 
 MEMBER = re.compile(r"^(\S.*?\.a)\(([^)]+)\)$", re.MULTILINE)
 LOADED = re.compile(r"^LOAD (\S.*)$", re.MULTILINE)
@@ -46,6 +57,15 @@ def linked_files(linker_map: Path) -> Counter[Path]:
         if name.endswith(".o") and name.startswith("/"):
             taken[Path(name).resolve()] += 1
     return Counter({file: parts for file, parts in taken.items() if file.is_relative_to("/usr")})
+
+
+def included_headers(sources: Path) -> list[str]:
+    """Keys of HEADERS for the libraries whose headers the sources in a folder include."""
+    files = [file for file in sorted(sources.rglob("*")) if file.suffix in (".h", ".cpp") and "tests" not in file.relative_to(sources).parts]
+    found = sorted({folder for file in files for folder in re.findall(r"^#include <(\w+)/", file.read_text("utf-8"), re.MULTILINE)})
+    if unknown := set(found) - set(HEADERS):
+        raise SystemExit(f"sbom: {sources.name} includes headers of {', '.join(sorted(unknown))}. Add the library to HEADERS, with its licence.")
+    return found
 
 
 def debian_package(file: Path) -> tuple[str, str]:
@@ -66,6 +86,14 @@ def identifier(*parts: str) -> str:
     return "SPDXRef-" + re.sub(r"[^A-Za-z0-9.]+", "-", "-".join(parts).replace("++", "pp")).strip("-")
 
 
+def library(name: str, package: str, version: str, licence: str, remark: str) -> dict[str, Any]:
+    return {"SPDXID": identifier(name, package), "name": name, "versionInfo": version, "supplier": "Organization: Debian",
+            "downloadLocation": "NOASSERTION", "filesAnalyzed": False, "primaryPackagePurpose": "LIBRARY",
+            "licenseConcluded": "NOASSERTION", "licenseDeclared": licence, "licenseComments": remark, "copyrightText": "NOASSERTION",
+            "externalRefs": [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl",
+                              "referenceLocator": f"pkg:deb/debian/{quote(package)}@{quote(version)}"}]}
+
+
 def document(programs: list[Path], version: str, created: str) -> dict[str, Any]:
     packages: dict[str, dict[str, Any]] = {}
     relationships = []
@@ -84,14 +112,14 @@ def document(programs: list[Path], version: str, created: str) -> dict[str, Any]
         for file, number in sorted(linked_files(program.with_name(program.name + ".map")).items()):
             name, licence, remark = component(file)
             package, package_version = debian_package(file)
-            key = identifier(name, package)
-            parts.setdefault(key, []).append(f"{number} of {file.name}")
-            packages.setdefault(key, {
-                "SPDXID": key, "name": name, "versionInfo": package_version, "supplier": "Organization: Debian",
-                "downloadLocation": "NOASSERTION", "filesAnalyzed": False, "primaryPackagePurpose": "LIBRARY",
-                "licenseConcluded": "NOASSERTION", "licenseDeclared": licence, "licenseComments": remark, "copyrightText": "NOASSERTION",
-                "externalRefs": [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl",
-                                  "referenceLocator": f"pkg:deb/debian/{quote(package)}@{quote(package_version)}"}]})
+            entry = library(name, package, package_version, licence, remark)
+            parts.setdefault(entry["SPDXID"], []).append(f"{number} of {file.name}")
+            packages.setdefault(entry["SPDXID"], entry)
+        for folder in included_headers(TOP / SOURCES[program.name]) if program.name in SOURCES else ():
+            name, file, licence, remark = HEADERS[folder]
+            entry = library(name, *debian_package(file), licence, remark)
+            parts[entry["SPDXID"]] = ["headers"]
+            packages.setdefault(entry["SPDXID"], entry)
         for key, names in parts.items():
             relationships.append({"spdxElementId": own, "relationshipType": "STATIC_LINK", "relatedSpdxElement": key,
                                   "comment": "Parts taken: " + ", ".join(names)})

@@ -18,10 +18,9 @@ from cases.fault_injection import model, plan
 from cases.fault_injection.world import World
 
 HEAD = """
-[[outcome]]
+[[any]]
 id = "one"
 title = "One"
-mode = "any"
 exit = [0]
 lines = ["a"]
 owner = "Text."
@@ -84,48 +83,47 @@ def test_the_lines_of_a_log(log, lines):
 # The form
 
 @pytest.mark.parametrize("before, after, fault", [
-    ('"one"', '"One"', "kebab-case"), ('"any"', '"both"', "unknown mode"), ("[0]", "[]", "unknown exit"), ("[0]", '"some"', "unknown exit"),
-    ('"no"', '"never"', "unknown retry"), ("code = 0", "code = 1", "no standard code"), ("code = 0", "code = 1618", "belong together"),
+    ('"one"', '"One"', "kebab-case"), ("[[any]]", "[[both]]", "unknown tables"), ("[0]", "[]", "unknown exit"), ("[0]", '"some"', "unknown exit"),
+    ("[0]", '["0"]', "not a number"), ("code = 0", "code = true", "not a number"),
+    ('"no"', '"never"', "unknown retry"), ("code = 0", "code = 1", "not a standard code"), ("code = 0", "code = 1618", "belong together"),
     ('retry = "no"', 'retry = "later"', "belong together"), ("code = 0", 'code = 0\nlog = "some"', "unknown log"),
     ("[0]", '"result"', "not remembered"), ("code = 0", "code = 0\nresult = [5]", "not remembered"),
-    ('["a"]', '["<result>", "<result>"]', "more than one number"), ('cause = "Text."', 'cause = " "', "empty text"),
-    ('"One"', '"One."', "no sentence"), ('owner = "Text."', 'owner = "Text"', "no sentence"), ("code = 0", "code = 0" + HEAD, "stands there twice")])
-def test_a_catalogue_that_is_none(before, after, fault):
+    ('["a"]', '["<result>", "<result>"]', "more than one number"), ('["a"]', "[5]", "wrong type"), ('["a"]', '["@name"]', "wrong type: 'name'"),
+    ('cause = "Text."', 'cause = " "', "empty text"), ('cause = "Text."', "cause = 5", "wrong type"),
+    ('"One"', '"One."', "not a sentence"), ('owner = "Text."', 'owner = "Text"', "not a sentence"),
+    ("code = 0", "code = 0" + HEAD, "used twice"), ("code = 0", 'colour = "red"', "unknown or missing key"), ("code = 0", "", "unknown or missing key")])
+def test_an_invalid_catalogue(before, after, fault):
     assert outcomes.read(HEAD)[0].id == "one"
     with pytest.raises(ValueError, match=fault):
         outcomes.read(HEAD.replace(before, after, 1))
 
 
-@pytest.mark.parametrize("line", ['colour = "red"', ""])
-def test_a_key_that_is_unknown_or_missing(line):
-    with pytest.raises(TypeError):
-        outcomes.read(HEAD.replace("code = 0", line))
+def test_a_list_of_patterns_has_a_name():
+    text = HEAD.replace('["a"]', '["x", "@name"]') + '[patterns]\nname = ["b", "c"]\n'
+    assert outcomes.read(text)[0].lines == ["x", "b", "c"]
 
 
 # The pages made from it
 
-@pytest.fixture(scope="module")
-def docs() -> Any:
-    return outcome_pages
+def test_the_page_has_a_heading_for_every_outcome_and_a_link_to_it():
+    text = outcome_pages.page(outcomes.catalogue())
+    known = sorted(one.id for one in outcomes.catalogue())
+    assert sorted(re.findall(r"^### ([a-z-]+)$", text, re.M)) == known
+    assert sorted(re.findall(r"\[([a-z-]+)\]\(#\1\)", text)) == known and text.index("](#") < 1000
 
 
-def test_the_page_has_every_outcome_once(docs):
-    rows = re.findall(r"^\| \*\*([a-z-]+)\*\*", docs.page(outcomes.catalogue()), re.M)
-    assert sorted(rows) == sorted(one.id for one in outcomes.catalogue())
-
-
-def test_a_table_inside_a_page_is_made_anew(docs, tmp_path):
+def test_a_table_inside_a_page_is_replaced(tmp_path):
     file = tmp_path / "deploy" / "recipe" / "README.md"
     file.parent.mkdir(parents=True)
-    file.write_text(f"Before\n{docs.MARK}\nold\n<!-- end -->\nAfter\n")
+    file.write_text(f"Before\n{outcome_pages.MARK}\nold\n<!-- end -->\nAfter\n")
     (tmp_path / "deploy" / "other.md").write_text("Nothing of that.\n")
-    found = docs.wanted(tmp_path)
+    found = outcome_pages.wanted(tmp_path)
     assert sorted(path.name for path in found) == ["README.md", "outcomes.md", "return-codes.json"]
     assert re.fullmatch(r"Before\n<!-- .* -->\n(\|.*\|\n){6}<!-- end -->\nAfter\n", found[file])
     assert json.loads(found[tmp_path / "deploy" / "return-codes.json"])["codes"][1]["outcomes"] == ["repaired-restart", "direct-restart"]
-    file.write_text(f"{docs.MARK}\nold\n")
-    with pytest.raises(ValueError, match="without its end"):
-        docs.wanted(tmp_path)
+    file.write_text(f"{outcome_pages.MARK}\nold\n")
+    with pytest.raises(ValueError, match="has no end mark"):
+        outcome_pages.wanted(tmp_path)
 
 
 # What the cases state

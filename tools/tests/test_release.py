@@ -60,7 +60,7 @@ def test_bad_list_of_components_is_complained_about(where, value, complaint):
     assert any(one.startswith(complaint) for one in sbom.complaints(document)), sbom.complaints(document)
 
 
-def test_a_library_that_nobody_knows_gets_into_no_release(tmp_path):
+def test_a_library_without_a_licence_gets_into_no_release(tmp_path):
     program = tmp_path / "tool.exe"
     program.write_bytes(b"MZ")
     (tmp_path / "tool.exe.map").write_text("Archive member included to satisfy reference by file (symbol)\n\n"
@@ -68,6 +68,14 @@ def test_a_library_that_nobody_knows_gets_into_no_release(tmp_path):
                                            "\nMemory Configuration\n", "utf-8")
     with pytest.raises(SystemExit, match="libsurprise.a is linked in, but belongs to no known component"):
         sbom.document([program], "1.0.0.1", "2026-11-21T00:00:00Z")
+
+
+def test_libraries_of_headers_are_listed(tmp_path):
+    assert sbom.included_headers(paths.ROOT / "companion") == ["CLI", "nlohmann", "utf8cpp"]
+    assert sbom.included_headers(paths.ROOT / "src") == []
+    (tmp_path / "main.cpp").write_text("#include <surprise/all.h>\n")
+    with pytest.raises(SystemExit, match="headers of surprise. Add the library"):
+        sbom.included_headers(tmp_path)
 
 
 # Proves: A release is made => version and change log agree; what is linked in is listed, or there is no release; the same files give the same archive
