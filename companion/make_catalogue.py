@@ -34,6 +34,8 @@ class Table:
         self.arrays: list[str] = []
 
     def array(self, kind: str, values: Sequence[int]) -> str:
+        if not values:
+            return "{}"
         name = f"kList{len(self.arrays)}"
         self.arrays.append(f"constexpr {kind} {name}[] = {{{', '.join(map(str, values))}}};")
         return name
@@ -51,8 +53,8 @@ class Table:
             "meaning": "{" + ", ".join([*(text(getattr(one, name)) for name in outcomes.TEXTS), str(one.code)]) + "}",
             "mode": f"RunMode::k{one.mode.title()}",
             "exitRule": f"ExitRule::k{'Listed' if listed else one.exit.title()}",
-            **({"exits": self.array("long long", one.exit)} if listed else {}),
-            **{camel(name): self.list_of(name, getattr(one, name)) for name in LISTS if getattr(one, name)},
+            "exits": self.array("long long", one.exit if listed else ()),
+            **{camel(name): self.list_of(name, getattr(one, name)) for name in LISTS},
             "wantsLog": "false" if one.log == "none" else "true",
             "isFallback": "true" if one.fallback else "false",
         }
