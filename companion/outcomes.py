@@ -89,8 +89,9 @@ def read(text: str) -> list[Outcome]:
         raise ValueError(f"unknown tables: {sorted(unknown)}")
     found = []
     for mode, table in ((mode, table) for mode in MODES for table in tables.get(mode, [])):
+        code = 1618 if table.get("retry") in ("yes", "later") else 1603
         try:
-            one = Outcome(mode=mode, **{key: resolved(value, groups) if key in PATTERNS else value for key, value in table.items()})
+            one = Outcome(**{"mode": mode, "code": code} | {key: resolved(value, groups) if key in PATTERNS else value for key, value in table.items()})
             faults = problems(one)
         except (AttributeError, KeyError, TypeError) as error:
             faults = [f"unknown or missing key, or a value of the wrong type: {error}"]
