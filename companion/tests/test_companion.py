@@ -15,6 +15,7 @@ from typing import Any
 import pytest
 
 from companion import outcomes
+from companion.tests.known_logs import expected_logs
 from cases.support import corpus
 from lab import paths, prefix as prefixes
 from lab.machine import Machine
@@ -22,8 +23,6 @@ from lab.result import Result
 from lab.run import LOGS, fresh_folder, remove_folder, run
 from lab.server.answers import Answer
 from lab.server.web import WebServer
-from cases.fault_injection import model, plan
-from cases.fault_injection.world import World
 from cases.support.repair import found
 
 COMPANION = r"C:\lab\TavikToolCompanion.exe"
@@ -161,28 +160,19 @@ def test_a_run_without_a_log(desk, code, outcome):
     (utf16(SAME)[:-2], ["its last line is not complete"]), ("\r\n".join([*SAME, ""]).encode(), []),
     (b"\xff\xfe" + utf16(SAME), []), (b"\xef\xbb\xbf" + "\n".join([*SAME, ""]).encode(), []),
     (utf16([LAUNCHED, CHECK, "\ud83d torn \0", SAME[2]]), ["2 of its characters cannot be read"])],
-    ids=["whole", "cut in front", "cut behind", "as UTF-8", "mark", "UTF-8 with mark", "torn"])
-def test_a_log_that_has_been_through_something(desk, data, damage):
+    ids=["whole", "cut at the start", "cut at the end", "as UTF-8", "mark", "UTF-8 with mark", "torn"])
+def test_a_damaged_log(desk, data, damage):
     one, = desk.explain(desk.put(r"C:\logs\cut.log", data), "--exit", "-1")
     assert (one["outcome"], one["damage"]) == ("same-release", damage)
 
 
-def filled(line: str) -> str:
-    return re.sub(r"\{[a-z0-9]+\}", lambda match: "1605" if match[0] == "{number}" else "text", line)
-
-
 def known_runs() -> set[tuple[int, bytes]]:
-    """The model's logs of all planned failures, one for each outcome with its lines, and what earlier runs of the lab have left."""
-    runs = set()
-    for planned in plan.planned():
-        machine = planned.machine()
-        for outcome in model.outcomes(machine, World.of(machine), planned.scenario.arguments, planned.fault):
-            runs.add((outcome.exit_code, utf16([filled(line) for line in outcome.log])))
-    return runs | {(code, file.read_bytes()) for file, code, _ in corpus.entries()}
+    """Exit code and log: what the model expects of all planned failures, and what earlier runs of the lab left."""
+    return {*((code, utf16(list(log))) for _, _, code, log in expected_logs()), *((code, file.read_bytes()) for file, code, _ in corpus.entries())}
 
 
 def test_every_log_of_the_lab_is_recognised_as_the_catalogue_says(desk):
-    """By its rules as companion/outcomes.py has them: whole and cut logs, with and without the exit code."""
+    """Compared with companion/outcomes.py: whole and cut logs, with and without the exit code."""
     chance = random.Random(20261106)
     runs = [(code, data) for code, log in sorted(known_runs()) for data in (log, log[:chance.randrange(200, len(log) + 1)])]
     known = sorted({*runs, *((None, data) for _, data in runs)}, key=repr)
@@ -323,7 +313,7 @@ def test_a_run_of_the_tool(description, exit_code, outcome, code):
 
 @pytest.mark.parametrize("switch, outcome, code", [("", "timed-out", 1618), ("--kill ", "timed-out-ended", 1603)], ids=["goes on", "ended"])
 def test_a_run_that_takes_too_long(switch, outcome, code):
-    """Nobody answers the message box."""
+    """No user answers the message box."""
     result, (said,) = start({"desktop": {"release": "24.20"}}, f"--timeout 3 {switch}")
     assert (said["outcome"], said["code"], result.exit_code) == (outcome, code, code)
     assert said["evidence"] == [result.log[-1]] and said["exit"] == (1460 if switch else None)
@@ -344,7 +334,7 @@ def test_a_tool_that_cannot_be_started(desk):
 
 
 def test_a_run_without_an_output(desk):
-    """Its outcome counts all the same."""
+    """The exit code still reports the outcome."""
     with open("/dev/full", "wb") as full:
         ended = subprocess.run([paths.WINE, COMPANION, "run"], env=desk.prefix.environment(), stdin=subprocess.DEVNULL, stdout=full,
                                stderr=subprocess.PIPE, timeout=60, check=False)
@@ -360,7 +350,7 @@ def wait_for(file: pathlib.Path) -> None:
 
 @pytest.mark.parametrize("switch", [(), ("--kill",)], ids=["goes on", "ended"])
 def test_a_tool_that_has_ended_when_the_time_limit_is_noticed(desk, switch):
-    """The companion is held up from before the limit to behind the tool's end."""
+    """The companion is stopped from before the limit until after the tool's end."""
     begun, over = (desk.prefix.windows_path(rf"C:\lab\{name}") for name in ("begun", "over"))
     begun.unlink(missing_ok=True)
     over.unlink(missing_ok=True)
