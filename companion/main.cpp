@@ -81,6 +81,10 @@ int Execute(std::vector<std::wstring> arguments)
     AddCollectCommand(program, result);
     AddRunCommand(program, result, toolSwitches);
     AddCheckServerCommand(program, result);
+    for (CLI::App* const command : program.get_subcommands([](CLI::App*) { return true; }))
+    {
+        command->get_help_ptr()->ignore_case();  // CLI11 makes this flag before it copies the defaults
+    }
     try
     {
         program.parse(ToParse(arguments));
