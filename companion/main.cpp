@@ -66,15 +66,13 @@ std::vector<std::string> ToParse(const std::vector<std::wstring>& arguments)
     return texts;
 }
 
-int Execute(std::vector<std::wstring> arguments)
+void Describe(CLI::App& program, int& result, const std::vector<std::wstring>& toolSwitches)
 {
-    const std::vector<std::wstring> toolSwitches = TakeToolSwitches(arguments);
-    int result = kDone;
-    CLI::App program(kDescription, "TavikToolCompanion");
     program.require_subcommand(0, 1)->ignore_case()->option_defaults()->ignore_case();
     program.set_help_flag("-h,--help", "show this help and end");
     program.set_version_flag("--version", "TavikToolCompanion " TAVIK_VERSION_TEXT "\n", "show the version and end");
     program.get_formatter()->column_width(kNameColumn);
+    program.get_formatter()->label("SUBCOMMAND", "COMMAND");
     program.footer(kFooter);
     AddExplainCommand(program, result);
     AddConvertCommand(program, result);
@@ -83,8 +81,17 @@ int Execute(std::vector<std::wstring> arguments)
     AddCheckServerCommand(program, result);
     for (CLI::App* const command : program.get_subcommands([](CLI::App*) { return true; }))
     {
+        command->group("Commands");
         command->get_help_ptr()->ignore_case();  // CLI11 makes this flag before it copies the defaults
     }
+}
+
+int Execute(std::vector<std::wstring> arguments)
+{
+    const std::vector<std::wstring> toolSwitches = TakeToolSwitches(arguments);
+    int result = kDone;
+    CLI::App program(kDescription, "TavikToolCompanion");
+    Describe(program, result, toolSwitches);
     try
     {
         program.parse(ToParse(arguments));
