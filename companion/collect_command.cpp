@@ -177,8 +177,7 @@ void AddCollectCommand(CLI::App& program, int& result)
                     "the summary: one JSON object per log")
         ->type_name("")
         ->required();
-    command.add_option("--from", options->from, "folder with the logs; the tool's own without it")
-        ->type_name("FOLDER");
+    command.add_option("--from", options->from, "folder with the logs; the tool's own without it")->type_name("FOLDER");
     command.add_option("--name", options->names, "replace this name as well; may be repeated")
         ->type_name("NAME")
         ->expected(1)

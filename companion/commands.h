@@ -1,6 +1,6 @@
 // The commands. Each function adds one command to the program: its options, its help, and what runs when the command
-// line names it. That sets `result`, the exit code; it throws CLI::ParseError for arguments that make no sense together,
-// and Failure if the command cannot do its work.
+// line names it. That sets `result`, the exit code; it throws CLI::ParseError for arguments that make no sense
+// together, and Failure if the command cannot do its work.
 #pragma once
 
 #include <string>

@@ -120,8 +120,9 @@ void AddExplainCommand(CLI::App& program, int& result)
     const auto options = std::make_shared<Options>();
     CLI::App& command = *program.add_subcommand("explain", "Names the outcome of a run and the next step.");
     command
-        .add_option("LOG", options->logs,
-                    "the log; with --json several logs, or @LIST:\na text file, each line exit code, tab, path of a log")
+        .add_option(
+            "LOG", options->logs,
+            "the log; with --json several logs, or @LIST:\na text file, each line exit code, tab, path of a log")
         ->type_name("");
     command.add_option("--exit", options->exitCode, "exit code of the run; without it several outcomes may remain")
         ->type_name("NUMBER")

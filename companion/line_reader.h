@@ -1,4 +1,5 @@
-// Turns the bytes of a log, in any encoding and cut anywhere, into lines of UTF-8. Memory use does not grow with the log.
+// Turns the bytes of a log, in any encoding and cut anywhere, into lines of UTF-8. Memory use does not grow with the
+// log.
 #pragma once
 
 #include <cstddef>

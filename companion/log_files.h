@@ -24,8 +24,8 @@ struct LogFile
 // Failure if the folder cannot be listed.
 std::vector<LogFile> ListLogs(const std::wstring& folder);
 
-// Passes at most `most` bytes of the file to `sink`, piece by piece, and returns how many there were. Other programs may
-// write to the file meanwhile. Throws UnreadableFile.
+// Passes at most `most` bytes of the file to `sink`, piece by piece, and returns how many there were. Other programs
+// may write to the file meanwhile. Throws UnreadableFile.
 std::uint64_t ReadFileBytes(const std::wstring& path, const std::function<void(std::string_view)>& sink,
                             std::uint64_t most = UINT64_MAX);
 

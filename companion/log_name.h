@@ -21,8 +21,8 @@ struct LocalTime
     friend auto operator<=>(const LocalTime&, const LocalTime&) = default;  // NOLINT(modernize-use-nullptr)
 };
 
-// Returns the local time in "InstallVLTForWUDriver_2026-11-6_4_7_31_15.log"; names of copies may have more text before and
-// after it. Returns nothing if the name contains no such time.
+// Returns the local time in "InstallVLTForWUDriver_2026-11-6_4_7_31_15.log"; names of copies may have more text before
+// and after it. Returns nothing if the name contains no such time.
 std::optional<LocalTime> ParseLogName(std::string_view fileName);
 
 // Returns "2026-11-06T04:07:31.015".

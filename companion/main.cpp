@@ -24,7 +24,8 @@ using namespace repair;
 constexpr char kDescription[] =
     "TavikToolCompanion reads the logs of the Tavik Software Compatibility Tool, and runs the tool.";
 constexpr char kFooter[] =
-    "Exit code: 0 done; 1 failed, or a check found an error; 2 wrong usage. The command run has its own, see its help.\n"
+    "Exit code: 0 done; 1 failed, or a check found an error; 2 wrong usage. The command run has its own, see its "
+    "help.\n"
     "\n"
     "Examples:\n"
     "  TavikToolCompanion explain InstallVLTForWUDriver_2026-11-6_4_7_31_15.log --exit 1618\n"

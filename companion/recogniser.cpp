@@ -129,9 +129,8 @@ bool Recogniser::Matches(const State& state) const
     {
         return false;
     }
-    const bool resultFits =
-        (outcome.result.empty() || (state.number && Contains(outcome.result, *state.number))) &&
-        (!state.number || !Contains(outcome.resultNot, *state.number));
+    const bool resultFits = (outcome.result.empty() || (state.number && Contains(outcome.result, *state.number))) &&
+                            (!state.number || !Contains(outcome.resultNot, *state.number));
     const bool lastFits = outcome.last.empty() || (lines_ > 0 && MatchesAny(outcome.last));
     return resultFits && lastFits && (outcome.oneOf.empty() || state.oneOfFound);
 }

@@ -24,7 +24,8 @@ constexpr std::array kGeneral = {
     Text(U"users"),         Text(U"workgroup"),      Text(U"127.0.0.1"),       Text(U"::1"),
 };
 
-// Words before a backslash that are no domain: registry roots, buses, and the second word of "NT AUTHORITY" and similar.
+// Words before a backslash that are no domain: registry roots, buses, and the second word of "NT AUTHORITY" and
+// similar.
 constexpr std::array kNoDomain = {
     Text(U"acpi"),     Text(U"authority"), Text(U"builtin"), Text(U"display"), Text(U"hdaudio"),
     Text(U"hkcu"),     Text(U"hklm"),      Text(U"pci"),     Text(U"root"),    Text(U"service"),

@@ -267,8 +267,8 @@ int Execute(const Options& options, const std::vector<std::wstring>& switches)
 void AddRunCommand(CLI::App& program, int& result, const std::vector<std::wstring>& toolSwitches)
 {
     const auto options = std::make_shared<Options>();
-    CLI::App& command = *program.add_subcommand(
-        "run", "Runs the tool with the switches after \"--\", and prints the outcome as JSON.");
+    CLI::App& command =
+        *program.add_subcommand("run", "Runs the tool with the switches after \"--\", and prints the outcome as JSON.");
     command.add_option("--timeout", options->limitSeconds, "time limit; an hour without it")
         ->type_name("SECONDS")
         ->check(CLI::Range(1, kLongestLimitSeconds).description(""));

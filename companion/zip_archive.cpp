@@ -40,8 +40,8 @@ void Put32(std::string& text, std::uint64_t value)
 
 std::uint32_t ToDosTime(const LocalTime& time)
 {
-    const int date = (std::clamp(time.year, 1980, 2107) - 1980) << 9 | std::max(time.month, 1) << 5 |
-                     std::max(time.day, 1);
+    const int date =
+        (std::clamp(time.year, 1980, 2107) - 1980) << 9 | std::max(time.month, 1) << 5 | std::max(time.day, 1);
     return static_cast<std::uint32_t>(date) << 16 |
            static_cast<std::uint32_t>(time.hour << 11 | time.minute << 5 | time.second / 2);
 }
@@ -121,8 +121,8 @@ void ZipArchive::Write(std::string_view bytes)
     Entry& entry = entries_.back();
     entry.size += bytes.size();
     CheckLimit(entry.size, largest_);
-    entry.checksum = static_cast<std::uint32_t>(
-        crc32_z(entry.checksum, reinterpret_cast<const Bytef*>(bytes.data()), bytes.size()));
+    entry.checksum =
+        static_cast<std::uint32_t>(crc32_z(entry.checksum, reinterpret_cast<const Bytef*>(bytes.data()), bytes.size()));
     Compress(bytes, Z_NO_FLUSH);
 }
 

@@ -13,8 +13,8 @@
 
 namespace repair
 {
-// For each file: Begin, any number of Write, End. The archive and each file stay below 4 GiB, and there are at most 65,534
-// files: every program can read that. Each operation throws Failure if a limit is exceeded or writing fails.
+// For each file: Begin, any number of Write, End. The archive and each file stay below 4 GiB, and there are at most
+// 65,534 files: every program can read that. Each operation throws Failure if a limit is exceeded or writing fails.
 class ZipArchive
 {
 public:
