@@ -158,26 +158,21 @@ void LineReader::PutUnit(char16_t unit)
 
 void LineReader::DecodeUtf8(unsigned char byte)
 {
+    if (missing_ > 0 && (byte & 0xC0) == 0x80)
+    {
+        partial_.push_back(static_cast<char>(byte));
+        if (--missing_ == 0 && utf8::is_valid(partial_))
+        {
+            Put(utf8::peek_next(partial_.begin(), partial_.end()));
+        }
+        else if (missing_ == 0)
+        {
+            PutUnreadable();
+        }
+        return;
+    }
     if (missing_ > 0)
     {
-        if ((byte & 0xC0) == 0x80)
-        {
-            partial_ = partial_ << 6 | (byte & 0x3FU);
-            if (--missing_ == 0)
-            {
-                const bool valid =
-                    partial_ >= smallest_ && partial_ <= 0x10FFFF && (partial_ < 0xD800 || partial_ > 0xDFFF);
-                if (valid)
-                {
-                    Put(partial_);
-                }
-                else
-                {
-                    PutUnreadable();
-                }
-            }
-            return;
-        }
         missing_ = 0;
         PutUnreadable();
     }
@@ -188,8 +183,7 @@ void LineReader::DecodeUtf8(unsigned char byte)
     else if (byte >= 0xC2 && byte <= 0xF4)
     {
         missing_ = byte < 0xE0 ? 1 : byte < 0xF0 ? 2 : 3;
-        partial_ = byte & (0x3FU >> missing_);
-        smallest_ = byte < 0xE0 ? 0x80 : byte < 0xF0 ? 0x800 : 0x10000;
+        partial_.assign(1, static_cast<char>(byte));
     }
     else
     {

@@ -75,9 +75,8 @@ private:
 
     int firstByte_ = -1;      // UTF-16: first byte of a unit
     char16_t surrogate_ = 0;  // UTF-16: first unit of a pair
-    char32_t partial_ = 0;    // UTF-8: the character so far,
-    int missing_ = 0;         // the number of its bytes that are missing,
-    char32_t smallest_ = 0;   // and the smallest valid value for that length
+    std::string partial_;     // UTF-8: first bytes of a character
+    int missing_ = 0;         // and how many are missing
 
     std::string line_;
     bool continued_ = false;  // the sink already got a part of this line
