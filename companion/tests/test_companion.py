@@ -262,7 +262,8 @@ def test_more_names_than_can_be_replaced(desk):
 @pytest.mark.parametrize("value, code, says", [
     ("https://mirror.example/vlt/", 0, "the tool asks for https://mirror.example/vlt/24.20/dwx2_install.txt\n"),
     ("http://mirror.example/vlt/", 0, "warning: without TLS"), ("https://mirror.example/vlt", 1, "error: the / at the end is missing"),
-    ("https://mirror.example:8443/vlt/", 1, "error: https on another port than 443"), ("mirror/", 1, "error: it is not an address")])
+    ("https://mirror.example:8443/vlt/", 1, "error: https on another port than 443"), ("mirror/", 1, "error: it is not an address"),
+    ("", 1, "error: it is empty")])
 def test_a_server_value(desk, value, code, says):
     found_code, text, errors = desk.run("check-server", value)
     assert (found_code, errors) == (code, "") and text.startswith(says)
