@@ -34,6 +34,13 @@ std::vector<std::string> Ids(std::optional<int> exitCode, const std::vector<std:
     }
     return ids;
 }
+
+Finding Explained(const std::string& name, std::optional<int> exitCode, std::string_view bytes)
+{
+    Classifier classifier(BuiltInCatalogue(), name, exitCode);
+    classifier.Feed(bytes);
+    return classifier.Finish();
+}
 }  // namespace
 
 TEST(Pattern, StarIsAnyTextAndEveryOtherCharacterItself)
@@ -120,9 +127,8 @@ TEST(Recogniser, KeepsTheLinesThatMatched)
 
 TEST(Explanation, ALineThatIsTooLongMatchesNoPattern)
 {
-    Classifier classifier(BuiltInCatalogue(), "log", -1);
-    classifier.Feed("Another instance is running. Exiting." + std::string(LineReader::kLongestPiece, 'x'));
-    const Finding finding = classifier.Finish();
+    const Finding finding =
+        Explained("log", -1, "Another instance is running. Exiting." + std::string(LineReader::kLongestPiece, 'x'));
     EXPECT_EQ(finding.lines, 1U);
     EXPECT_THAT(finding.candidates.front().meaning->id, "interrupted");
     EXPECT_EQ(finding.lastLine, "\uFFFD");
@@ -130,9 +136,9 @@ TEST(Explanation, ALineThatIsTooLongMatchesNoPattern)
 
 TEST(Explanation, IsOneLineOfJsonForPrograms)
 {
-    Classifier classifier(BuiltInCatalogue(), "InstallVLTForWUDriver_2026-11-6_4_7_31_15.log", -1);
-    classifier.Feed("Launched with command line: \"x\"\nAnother instance is running. Exiting.\n");
-    const std::string json = ExplainAsJson(classifier.Finish());
+    const Finding finding = Explained("InstallVLTForWUDriver_2026-11-6_4_7_31_15.log", -1,
+                                      "Launched with command line: \"x\"\nAnother instance is running. Exiting.\n");
+    const std::string json = ExplainAsJson(finding);
     EXPECT_THAT(json,
                 testing::StartsWith(
                     "{\"log\":\"InstallVLTForWUDriver_2026-11-6_4_7_31_15.log\",\"began\":\"2026-11-06T04:07:31.015\","
@@ -145,9 +151,8 @@ TEST(Explanation, IsOneLineOfJsonForPrograms)
 
 TEST(Explanation, AnyTextOfTheLogIsValidJson)
 {
-    Classifier classifier(BuiltInCatalogue(), "a\"\x01.log", std::nullopt);
-    classifier.Feed("b\"c\\d\x01\x7Fü");
-    const std::string json = ExplainAsJson(classifier.Finish());
+    const Finding finding = Explained("a\"\x01.log", std::nullopt, "b\"c\\d\x01\x7Fü");
+    const std::string json = ExplainAsJson(finding);
     EXPECT_TRUE(std::ranges::none_of(json, [](unsigned char c) { return c < 0x20; }));
     const nlohmann::json parsed = nlohmann::json::parse(json);
     EXPECT_EQ(parsed["log"], "a\"\x01.log");
@@ -157,11 +162,11 @@ TEST(Explanation, AnyTextOfTheLogIsValidJson)
 
 TEST(Explanation, KeepsControlCharactersFromTheTerminal)
 {
-    Classifier classifier(BuiltInCatalogue(), "a\x1B.log", 1618);
-    classifier.Feed(
-        "Launched with command line: \"x\"\nCurrently installed VLT is version [1] from driver version [1]\n"
-        "Installing \x1B[2J\x07\x7F\u009B\u00A0\xC3\xBC dwx-next64.msi\n\tResult = 1618\n");
-    const std::string text = ExplainAsText(classifier.Finish());
+    const Finding finding =
+        Explained("a\x1B.log", 1618,
+                  "Launched with command line: \"x\"\nCurrently installed VLT is version [1] from driver version [1]\n"
+                  "Installing \x1B[2J\x07\x7F\u009B\u00A0\xC3\xBC dwx-next64.msi\n\tResult = 1618\n");
+    const std::string text = ExplainAsText(finding);
     EXPECT_THAT(text, HasSubstr("Log        a\uFFFD.log\n"));
     EXPECT_THAT(
         text,
@@ -170,10 +175,9 @@ TEST(Explanation, KeepsControlCharactersFromTheTerminal)
 
 TEST(Explanation, CleansWhatComesFromTheMachine)
 {
-    Classifier classifier(BuiltInCatalogue(), "owner.log", std::nullopt);
-    classifier.Feed("a line of owner\n");
+    const Finding finding = Explained("owner.log", std::nullopt, "a line of owner\n");
     const auto clean = [](std::string_view) { return std::string("CLEAN"); };
-    const std::string json = ExplainAsJson(classifier.Finish(), clean);
+    const std::string json = ExplainAsJson(finding, clean);
     EXPECT_THAT(json, testing::Not(HasSubstr("owner")));
     EXPECT_THAT(json, HasSubstr("\"log\":\"CLEAN\""));
     EXPECT_THAT(json, HasSubstr("\"last_line\":\"CLEAN\""));
