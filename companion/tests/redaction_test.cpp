@@ -29,7 +29,9 @@ std::vector<std::string> Redacted(const std::vector<std::string>& lines, Redacto
 
 TEST(Redaction, ProfilePathsLoseTheUser)
 {
-    EXPECT_THAT(Redacted({"C:\\Users\\The Owner\\AppData\\x.msi", "[c:\\USERS\\the owner]", "D:/Users/other/x",
+    EXPECT_THAT(Redacted({"C:\\Users\\The Owner\\AppData\\x.msi", "[c:\\USERS\\the owner]",
+                          "D:/Users/"
+                          "other/x",
                           "C:\\Documents and Settings\\Visitor\\x", "\"C:\\Users\\THEOWN~1\""}),
                 ElementsAre("C:\\Users\\<user1>\\AppData\\x.msi", "[c:\\USERS\\<user1>]", "D:/Users/<user2>/x",
                             "C:\\Documents and Settings\\<user3>\\x", "\"C:\\Users\\<user4>\""));
