@@ -88,15 +88,15 @@ def read(text: str) -> list[Outcome]:
     if unknown := set(tables) - set(MODES):
         raise ValueError(f"unknown tables: {sorted(unknown)}")
     found = []
-    for mode, table in ((mode, table) for mode in MODES for table in tables.get(mode, [])):
-        code = 1618 if table.get("retry") in ("yes", "later") else 1603
+    for mode, name, table in ((mode, *item) for mode in MODES for item in tables.get(mode, {}).items()):
+        given = {"mode": mode, "id": name, "code": 1618 if table.get("retry") in ("yes", "later") else 1603}
         try:
-            one = Outcome(**{"mode": mode, "code": code} | {key: resolved(value, groups) if key in PATTERNS else value for key, value in table.items()})
+            one = Outcome(**given | {key: resolved(value, groups) if key in PATTERNS else value for key, value in table.items()})
             faults = problems(one)
         except (AttributeError, KeyError, TypeError) as error:
             faults = [f"unknown or missing key, or a value of the wrong type: {error}"]
         if faults:
-            raise ValueError(f"{table.get('id')}: {'; '.join(faults)}")
+            raise ValueError(f"{name}: {'; '.join(faults)}")
         found.append(one)
     if len({one.id for one in found}) != len(found):
         raise ValueError("an id is used twice")

@@ -17,8 +17,7 @@ from lab import paths
 from lab.run import NO_LINE_END
 
 HEAD = """
-[[any]]
-id = "one"
+[any.one]
 title = "One"
 exit = [0]
 lines = ["a"]
@@ -82,7 +81,7 @@ def test_the_lines_of_a_log(log, lines):
 # The form
 
 @pytest.mark.parametrize("before, after, fault", [
-    ('"one"', '"One"', "kebab-case"), ("[[any]]", "[[both]]", "unknown tables"), ("[0]", "[]", "unknown exit"), ("[0]", '"some"', "unknown exit"),
+    ("any.one", "any.One", "kebab-case"), ("any.one", "both.one", "unknown tables"), ("[0]", "[]", "unknown exit"), ("[0]", '"some"', "unknown exit"),
     ("[0]", '["0"]', "not a number"), ("code = 0", "code = true", "not a number"),
     ('"no"', '"never"', "unknown retry"), ("code = 0", "code = 1", "not a standard code"), ("code = 0", "code = 1618", "belong together"),
     ('retry = "no"', 'retry = "later"', "belong together"), ("code = 0", 'code = 0\nlog = "some"', "unknown log"),
@@ -90,7 +89,7 @@ def test_the_lines_of_a_log(log, lines):
     ('["a"]', '["<result>", "<result>"]', "more than one number"), ('["a"]', "[5]", "wrong type"), ('["a"]', '["@name"]', "wrong type: 'name'"),
     ('cause = "Text."', 'cause = " "', "empty text"), ('cause = "Text."', "cause = 5", "wrong type"),
     ('"One"', '"One."', "not a sentence"), ('owner = "Text."', 'owner = "Text"', "not a sentence"),
-    ("code = 0", "code = 0" + HEAD, "used twice"), ("code = 0", 'colour = "red"', "unknown or missing key"), ('title = "One"', "", "unknown or missing key")])
+    ("code = 0", "code = 0" + HEAD.replace("any", "check"), "used twice"), ("code = 0", "code = 0" + HEAD, "twice"), ("code = 0", 'colour = "red"', "unknown or missing key"), ('title = "One"', "", "unknown or missing key")])
 def test_an_invalid_catalogue(before, after, fault):
     assert outcomes.read(HEAD)[0].id == "one"
     with pytest.raises(ValueError, match=fault):
