@@ -1,20 +1,12 @@
 // Display adapters and driver packages, through SetupAPI as the inventory asks it.
-#include <windows.h>
-#include <setupapi.h>
-
 #include <memory>
 #include <vector>
 
 #include "base/owned.h"
 #include "inventory/constants.h"
+#include "inventory/setup_api.h"
 #include "windows_check/check.h"
 #include "windows_check/words.h"
-
-#if defined(__MINGW32__)  // in the toolchain's library but not in its header
-extern "C" WINSETUPAPI BOOL WINAPI SetupGetInfDriverStoreLocationW(PCWSTR infPath, PSP_ALTPLATFORM_INFO platform,
-                                                                   PCWSTR locale, PWSTR path, DWORD characters,
-                                                                   PDWORD needed);
-#endif
 
 namespace windows_check
 {

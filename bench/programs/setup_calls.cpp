@@ -1,16 +1,11 @@
 #include "setup_calls.h"
 
-#include <windows.h>
-#include <setupapi.h>
-
 #include <cstring>
 #include <cwchar>
 #include <memory>
 #include <string_view>
 
-// In the toolchain's library but not in its header.
-extern "C" WINSETUPAPI BOOL WINAPI SetupGetInfDriverStoreLocationW(PCWSTR, PSP_ALTPLATFORM_INFO, PCWSTR, PWSTR, DWORD,
-                                                                   PDWORD);
+#include "inventory/setup_api.h"
 
 namespace bench
 {

@@ -9,9 +9,6 @@
 #include <optional>
 #include <utility>
 
-#include <windows.h>
-#include <setupapi.h>
-
 #include "base/log.h"
 #include "base/owned.h"
 #include "base/registry.h"
@@ -19,12 +16,7 @@
 #include "base/text.h"
 #include "inventory/constants.h"
 #include "inventory/inf_release.h"
-
-#if defined(__MINGW32__)  // in the toolchain's library but not in its header
-extern "C" WINSETUPAPI BOOL WINAPI SetupGetInfDriverStoreLocationW(PCWSTR infPath, PSP_ALTPLATFORM_INFO platform,
-                                                                   PCWSTR locale, PWSTR path, DWORD characters,
-                                                                   PDWORD needed);
-#endif
+#include "inventory/setup_api.h"
 
 namespace repair
 {

@@ -1,129 +1,262 @@
-#include "acquisition/made_up_internet.h"
+#include "acquisition/download.h"
+
+#include <windows.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <iterator>
-#include <optional>
+#include <algorithm>
 #include <string>
 #include <system_error>
 #include <vector>
 
-#include "acquisition/download.h"
 #include "base/system_message.h"
 #include "support/error_matcher.h"
+#include "support/fake_internet.h"
+#include "support/log_capture.h"
+#include "support/machine_registry.h"
+#include "support/temporary_folder.h"
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
-using testing::IsEmpty;
+
+IMPORTED(CloseHandle, CreateDirectoryW, CreateFileW, DeleteFileW, FlushFileBuffers, MoveFileW, WriteFile)
 
 namespace repair
 {
 namespace
 {
-using Download = MadeUpInternet;
-
 constexpr wchar_t kUrl[] = L"http://server/f/24.20/dwx2_install.txt";
+constexpr wchar_t kFile[] = L"dwx2_install.exe";
+constexpr wchar_t kTemporaryFile[] = L"dwx2_install.exe.tmp";
 
-// What every download begins with, up to its request.
-std::vector<std::wstring> Beginning()
+// Downloads from http://server/f/. The calls into the internet, to files and the lines of the log are recorded in
+// order.
+class Download : public testing::Test
 {
-    return {L"temporary path",
-            L"log Change server to http://server/f/.",
-            L"split http://server/f/24.20/dwx2_install.txt",
-            L"session",
-            L"connect server 80",
-            L"delete dwx2_install.exe",
-            L"delete dwx2_install.exe.tmp",
-            L"create file",
-            L"request /f/24.20/dwx2_install.txt 84000500",
-            L"option 6 90000",
-            L"option 5 30000",
-            L"option 2 30000"};
-}
+protected:
+    Download()
+    {
+        UseServer(L"http://server/f/");
+        temporary_.onAsked = [this] { Add(L"temporary path"); };
+    }
 
-std::vector<std::wstring> After(std::vector<std::wstring> calls, const std::vector<std::wstring>& more)
-{
-    calls.insert(calls.end(), more.begin(), more.end());
-    return calls;
-}
+    // The download must close its file.
+    void TearDown() override { EXPECT_EQ(file_, INVALID_HANDLE_VALUE); }
+
+    void UseServer(const std::wstring& folder) { registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", folder); }
+
+    std::wstring Folder() const { return temporary_ / L"Tavik_VLTInstallerDownload"; }
+    std::wstring TemporaryPath() const { return Folder() + L"\\" + kTemporaryFile; }
+    std::wstring FinalPath() const { return Folder() + L"\\" + kFile; }
+
+    // The bytes of a file that no one has open.
+    static std::string Content(const std::wstring& path)
+    {
+        const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        EXPECT_NE(file, INVALID_HANDLE_VALUE) << "still open, or missing";
+        std::string bytes(4096, '\0');
+        DWORD count = 0;
+        ReadFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &count, nullptr);
+        CloseHandle(file);
+        return bytes.substr(0, count);
+    }
+
+    // Puts a file into the download folder, unrecorded, and returns its path.
+    std::wstring Put(const std::wstring& name, const std::string& bytes)
+    {
+        isRecording_ = false;
+        CreateDirectories(Folder());
+        const std::wstring path = temporary_.WriteBytes(L"Tavik_VLTInstallerDownload\\" + name, bytes);
+        isRecording_ = true;
+        return path;
+    }
+
+    void ExpectSuccess() { EXPECT_EQ(DownloadInstaller(L"24.20"), FinalPath()); }
+
+    // The download must return nothing and have written this line last.
+    void ExpectFailure(const std::wstring& line)
+    {
+        EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
+        EXPECT_EQ(log_.Lines().back(), line);
+        EXPECT_FALSE(Exists(FinalPath()));
+    }
+
+    // The calls must be those that every download begins with, up to its request, and then these.
+    void ExpectCalls(const std::vector<std::wstring>& more) const
+    {
+        std::vector<std::wstring> expected = {L"temporary path",
+                                              L"log Change server to http://server/f/.",
+                                              L"create folder",
+                                              std::wstring(L"split ") + kUrl,
+                                              L"session",
+                                              L"connect server 80",
+                                              L"delete dwx2_install.exe",
+                                              L"delete dwx2_install.exe.tmp",
+                                              L"create file",
+                                              L"request /f/24.20/dwx2_install.txt",
+                                              L"option 6 90000",
+                                              L"option 5 30000",
+                                              L"option 2 30000"};
+        expected.insert(expected.end(), more.begin(), more.end());
+        EXPECT_THAT(internet_.calls, ElementsAreArray(expected));
+    }
+
+    MachineRegistry registry_;
+    SystemTemporaryFolder temporary_;
+    LogCapture log_;
+    FakeInternet internet_;
+    HANDLE file_ = INVALID_HANDLE_VALUE;
+    bool isRecording_ = true;  // false: what the test itself does
+    DWORD createError_ = 0;
+    DWORD writeError_ = 0;
+    DWORD moveError_ = 0;
+
+private:
+    void Add(const std::wstring& call)
+    {
+        if (isRecording_)
+        {
+            internet_.calls.push_back(call);
+        }
+    }
+
+    SUBSTITUTE(CreateDirectoryW)
+    createFolder_{[this](const wchar_t* path, SECURITY_ATTRIBUTES* security) {
+        Add(L"create folder");
+        return createFolder_.Original()(path, security);
+    }};
+    SUBSTITUTE(CreateFileW)
+    create_{[this](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD disposition,
+                   DWORD flags, HANDLE pattern) {
+        const bool isDownload = path == TemporaryPath() && disposition != OPEN_EXISTING && isRecording_;
+        if (isDownload)
+        {
+            EXPECT_EQ(std::tuple(access, share, security, disposition, flags, pattern),
+                      std::tuple(0x40000000u, 0u, nullptr, 2u, 0x80u, nullptr));
+            Add(L"create file");
+        }
+        if (isDownload && createError_ != 0)
+        {
+            return FailWith(createError_, INVALID_HANDLE_VALUE);
+        }
+        const HANDLE file = create_.Original()(path, access, share, security, disposition, flags, pattern);
+        file_ = isDownload ? file : file_;
+        return file;
+    }};
+    SUBSTITUTE(WriteFile)
+    write_{[this](HANDLE file, const void* data, DWORD bytes, DWORD* written, OVERLAPPED* overlapped) {
+        const std::wstring line(static_cast<const wchar_t*>(data), file == file_ ? 0 : bytes / sizeof(wchar_t));
+        if (line != L"\n")
+        {
+            Add(file == file_ ? L"write " + std::to_wstring(bytes) : L"log " + line);
+        }
+        return file == file_ && writeError_ != 0 ? FailWith(writeError_)
+                                                 : write_.Original()(file, data, bytes, written, overlapped);
+    }};
+    SUBSTITUTE(FlushFileBuffers)
+    flush_{[this](HANDLE file) {
+        EXPECT_EQ(file, file_);
+        Add(L"flush");
+        return flush_.Original()(file);
+    }};
+    SUBSTITUTE(CloseHandle)
+    close_{[this](HANDLE handle) {
+        if (handle == file_ && handle != INVALID_HANDLE_VALUE)
+        {
+            Add(L"close file");
+            file_ = INVALID_HANDLE_VALUE;
+        }
+        return FailWith(ERROR_NOT_OWNER, close_.Original()(handle));  // leaves another error behind
+    }};
+    SUBSTITUTE(DeleteFileW)
+    delete_{[this](const wchar_t* path) {
+        Add(std::wstring(L"delete ") + (path + Folder().size() + 1));
+        return delete_.Original()(path);
+    }};
+    SUBSTITUTE(MoveFileW)
+    move_{[this](const wchar_t* from, const wchar_t* to) {
+        EXPECT_EQ(std::tuple(from, to), std::tuple(TemporaryPath(), FinalPath()));
+        Add(L"rename");
+        return moveError_ != 0 ? FailWith(moveError_) : move_.Original()(from, to);
+    }};
+};
 
 // Proves: A good download => address, session, connection, old files removed, file created, request with its flags and three time limits, status, copy, flush, close, old file removed, rename; then the request, the connection and the session are closed
 // Proves: The download folder is missing => it is created with its parents, and stays
 // Proves: The server says nothing for 90 seconds => the time limit of the request ends it
-TEST_F(Download, StepsInTheirOrder)
+// Proves: The body arrives => byte for byte, in blocks of a mebibyte, whatever the reads give
+TEST_F(Download, TakesItsStepsInOrder)
 {
-    body_ = {"MZ first ", "second"};
-    EXPECT_EQ(DownloadInstaller(L"24.20"), FinalPath());
-    EXPECT_THAT(calls_, ElementsAreArray(After(
-                            Beginning(), {L"send", L"query", L"log Response code from server: 200", L"read", L"write 9",
-                                          L"read", L"write 6", L"read", L"write 0", L"flush", L"close file",
-                                          L"log Completed download. Total bytes downloaded: 15",
-                                          L"delete dwx2_install.exe", L"rename", L"close 3", L"close 2", L"close 1"})));
-    EXPECT_EQ(Content(FinalPath()), "MZ first second");
-    EXPECT_FALSE(IsThere(TemporaryPath()));
+    internet_.body = {"MZ first ", std::string("a\0\r\n\x1a\xff", 6)};
+    ExpectSuccess();
+    ExpectCalls({L"send", L"query", L"log Response code from server: 200", L"read", L"write 9", L"read", L"write 6",
+                 L"read", L"write 0", L"flush", L"close file", L"log Completed download. Total bytes downloaded: 15",
+                 L"delete dwx2_install.exe", L"rename", L"close 3", L"close 2", L"close 1"});
+    EXPECT_EQ(Content(FinalPath()), "MZ first " + std::string("a\0\r\n\x1a\xff", 6));
+    EXPECT_FALSE(Exists(TemporaryPath()));
 }
 
 // Proves: An empty body => succeeds with 0 bytes and an empty file
-TEST_F(Download, EmptyBodyIsAnEmptyInstaller)
+TEST_F(Download, SucceedsWithAnEmptyBody)
 {
-    body_.clear();
-    EXPECT_EQ(DownloadInstaller(L"24.20"), FinalPath());
+    internet_.body.clear();
+    ExpectSuccess();
     EXPECT_EQ(Content(FinalPath()), "");
     EXPECT_THAT(log_.Lines(), ElementsAre(L"Change server to http://server/f/.", L"Response code from server: 200",
                                           L"Completed download. Total bytes downloaded: 0"));
 }
 
-// Proves: The body arrives => byte for byte, in blocks of a mebibyte, whatever the reads give
-TEST_F(Download, BodyIsCopiedByteForByte)
-{
-    body_ = {std::string("a\0\r\n\x1a\xff", 6)};
-    EXPECT_EQ(DownloadInstaller(L"24.20"), FinalPath());
-    EXPECT_EQ(Content(FinalPath()), std::string("a\0\r\n\x1a\xff", 6));
-}
-
 // Proves: Old files that can be removed => are replaced, and are gone even when the download fails
-TEST_F(Download, EarlierFilesAreReplaced)
+TEST_F(Download, ReplacesEarlierFiles)
 {
-    Put(L"dwx2_install.exe", "an earlier installer that is longer");
-    Put(L"dwx2_install.exe.tmp", "an earlier rest that is longer");
-    EXPECT_EQ(DownloadInstaller(L"24.20"), FinalPath());
+    Put(kFile, "an earlier installer that is longer");
+    Put(kTemporaryFile, "an earlier rest that is longer");
+    ExpectSuccess();
     EXPECT_EQ(Content(FinalPath()), "installer");
-    EXPECT_FALSE(IsThere(TemporaryPath()));
+    EXPECT_FALSE(Exists(TemporaryPath()));
 }
 
 // Proves: The final file appears during the transfer => it is removed; when that fails, an exception
-TEST_F(Download, FinalFileThatAppearsDuringTheTransferIsRemoved)
+TEST_F(Download, RemovesAFinalFileThatAppearsDuringTheTransfer)
 {
+    HANDLE lock = INVALID_HANDLE_VALUE;
     SUBSTITUTE(FlushFileBuffers)
     flush([&](HANDLE) {
-        Put(L"dwx2_install.exe", "another's");
+        Put(kFile, "another's");
         return TRUE;
     });
-    EXPECT_EQ(DownloadInstaller(L"24.20"), FinalPath());
+    ExpectSuccess();
     EXPECT_EQ(Content(FinalPath()), "installer");
+
+    SUBSTITUTE(FlushFileBuffers)
+    flushAndLock([&](HANDLE) {
+        const std::wstring path = Put(kFile, "another's");
+        lock = CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        return TRUE;
+    });
+    ExpectFileError(FileErrorOf([] { DownloadInstaller(L"24.20"); }), "remove", FinalPath(), 32);
+    CloseHandle(lock);
 }
 
 // Proves: The rename fails => not noticed: the path of a file that does not exist comes back
-TEST_F(Download, RenameThatFailsIsNotNoticed)
+TEST_F(Download, DoesNotNoticeARenameThatFails)
 {
     moveError_ = ERROR_ACCESS_DENIED;
-    EXPECT_EQ(DownloadInstaller(L"24.20"), FinalPath());
-    EXPECT_FALSE(IsThere(FinalPath()));
-    EXPECT_THAT(log_.Lines(), ElementsAre(L"Change server to http://server/f/.", L"Response code from server: 200",
-                                          L"Completed download. Total bytes downloaded: 9"));
+    ExpectSuccess();
+    EXPECT_FALSE(Exists(FinalPath()));
+    EXPECT_EQ(log_.Lines().back(), L"Completed download. Total bytes downloaded: 9");
 }
 
 // Proves: The time limits are refused => not noticed
-TEST_F(Download, TimeoutsThatAreRefusedDoNotMatter)
+TEST_F(Download, DoesNotNoticeTimeLimitsThatAreRefused)
 {
-    optionError_ = ERROR_INVALID_PARAMETER;
-    EXPECT_EQ(DownloadInstaller(L"24.20"), FinalPath());
+    internet_.optionError = ERROR_INVALID_PARAMETER;
+    ExpectSuccess();
 }
 
 // Proves: A body of 2 GiB or more => is copied, the logged number overflows
-TEST_F(Download, CounterOfAHugeBodyShowsAsANegativeNumber)
+TEST_F(Download, LogsTheSizeOfAHugeBodyAsANegativeNumber)
 {
     int reads = 0;
     SUBSTITUTE(InternetReadFile)
@@ -136,8 +269,20 @@ TEST_F(Download, CounterOfAHugeBodyShowsAsANegativeNumber)
         *written = bytes;
         return file == file_ ? TRUE : write.Original()(file, data, bytes, written, overlapped);
     });
-    EXPECT_EQ(DownloadInstaller(L"24.20"), FinalPath());
+    ExpectSuccess();
     EXPECT_EQ(log_.Lines().back(), L"Completed download. Total bytes downloaded: -2146435072");  // 2049 MiB
+}
+
+// Proves: Several downloads in one run => each is complete in itself
+TEST_F(Download, LeavesNothingForTheNextOne)
+{
+    internet_.sendError = 12029;
+    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
+    internet_.sendError = 0;
+    ExpectSuccess();
+    internet_.body = {"newer"};
+    EXPECT_EQ(DownloadInstaller(L"24.21"), FinalPath());
+    EXPECT_EQ(Content(FinalPath()), "newer");
 }
 
 // A server folder and a release, and what becomes of them.
@@ -145,12 +290,12 @@ struct Address
 {
     const wchar_t* folder;
     const wchar_t* release;
-    const wchar_t* url;
-    const wchar_t* connection;
-    const wchar_t* request;
+    std::wstring url;
+    std::wstring connection;
+    std::wstring request;
 };
 
-class DownloadAddress : public MadeUpInternet, public testing::WithParamInterface<Address>
+class DownloadAddress : public Download, public testing::WithParamInterface<Address>
 {
 };
 
@@ -159,37 +304,36 @@ class DownloadAddress : public MadeUpInternet, public testing::WithParamInterfac
 // Proves: An http address with port 443 => requested with encryption
 TEST_P(DownloadAddress, IsGluedTogetherAndItsPortAloneDecidesAboutTls)
 {
-    registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", GetParam().folder);
+    UseServer(GetParam().folder);
     EXPECT_EQ(DownloadInstaller(GetParam().release), FinalPath());
-    ASSERT_GT(calls_.size(), 8u);
-    EXPECT_EQ(calls_[2], std::wstring(L"split ") + GetParam().url);
-    EXPECT_EQ(calls_[4], std::wstring(L"connect ") + GetParam().connection);
-    EXPECT_EQ(calls_[8], std::wstring(L"request ") + GetParam().request);
+    ASSERT_GT(internet_.calls.size(), 9u);
+    EXPECT_EQ(internet_.calls[3], L"split " + GetParam().url);
+    EXPECT_EQ(internet_.calls[5], L"connect " + GetParam().connection);
+    EXPECT_EQ(internet_.calls[9], L"request " + GetParam().request);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, DownloadAddress,
-    testing::Values(Address{L"http://server/f/", L"24.20", L"http://server/f/24.20/dwx2_install.txt", L"server 80",
-                            L"/f/24.20/dwx2_install.txt 84000500"},
+    testing::Values(Address{L"http://server/f/", L"24.20", kUrl, L"server 80", L"/f/24.20/dwx2_install.txt"},
                     Address{L"https://server/f/", L"24.20", L"https://server/f/24.20/dwx2_install.txt", L"server 443",
-                            L"/f/24.20/dwx2_install.txt 84800500"},
+                            L"/f/24.20/dwx2_install.txt encrypted"},
                     Address{L"https://server:8443/", L"24.20", L"https://server:8443/24.20/dwx2_install.txt",
-                            L"server 8443", L"/24.20/dwx2_install.txt 84000500"},
+                            L"server 8443", L"/24.20/dwx2_install.txt"},
                     Address{L"http://server:443/", L"24.20", L"http://server:443/24.20/dwx2_install.txt", L"server 443",
-                            L"/24.20/dwx2_install.txt 84800500"},
+                            L"/24.20/dwx2_install.txt encrypted"},
                     Address{L"http://server/f", L"24.20", L"http://server/f24.20/dwx2_install.txt", L"server 80",
-                            L"/f24.20/dwx2_install.txt 84000500"},
+                            L"/f24.20/dwx2_install.txt"},
                     Address{L"http://server/f//", L"", L"http://server/f///dwx2_install.txt", L"server 80",
-                            L"/f///dwx2_install.txt 84000500"},
+                            L"/f///dwx2_install.txt"},
                     Address{L"http://server/f?x=", L"1&2", L"http://server/f?x=1&2/dwx2_install.txt", L"server 80",
-                            L"/f?x=1&2/dwx2_install.txt 84000500"}));
+                            L"/f?x=1&2/dwx2_install.txt"}));
 
-TEST_F(Download, WithoutAnOverrideItIsTheMakersServer)
+TEST_F(Download, AsksTheMakersServerWithoutAnOverride)
 {
     registry_.SetValue(L"SOFTWARE\\Tavik", L"DWXServerFolder", REG_DWORD, {0, 0, 0, 0});
-    EXPECT_EQ(DownloadInstaller(L"24.20"), FinalPath());
-    EXPECT_EQ(calls_[1], L"split https://download.tavik.example/drivers/installer/vlt/24.20/dwx2_install.txt");
-    EXPECT_EQ(calls_[3], L"connect download.tavik.example 443");
+    ExpectSuccess();
+    EXPECT_EQ(internet_.calls[2], L"split https://download.tavik.example/drivers/installer/vlt/24.20/dwx2_install.txt");
+    EXPECT_EQ(internet_.calls[4], L"connect download.tavik.example 443");
 }
 
 // A server folder whose URL cannot be split, and the code.
@@ -199,21 +343,18 @@ struct BadAddress
     int code;
 };
 
-class DownloadBadAddress : public MadeUpInternet, public testing::WithParamInterface<BadAddress>
+class DownloadBadAddress : public Download, public testing::WithParamInterface<BadAddress>
 {
 };
 
 // Proves: The address cannot be split => logged with the code, nothing is opened; empty result
 TEST_P(DownloadBadAddress, IsLoggedAndNothingIsOpened)
 {
-    registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", GetParam().folder);
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
-    const std::wstring url = GetParam().folder + L"24.20/dwx2_install.txt";
-    EXPECT_THAT(log_.Lines(),
-                ElementsAre(L"Change server to " + GetParam().folder + L".",
-                            L"Unable to crack URL: " + url + L". Error = " + std::to_wstring(GetParam().code)));
-    EXPECT_EQ(calls_.size(), 4u);  // no session
-    EXPECT_TRUE(IsThere(Folder()));
+    UseServer(GetParam().folder);
+    ExpectFailure(L"Unable to crack URL: " + GetParam().folder + L"24.20/dwx2_install.txt. Error = " +
+                  std::to_wstring(GetParam().code));
+    EXPECT_EQ(internet_.calls.size(), 5u);  // no session
+    EXPECT_TRUE(Exists(Folder()));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, DownloadBadAddress,
@@ -222,73 +363,63 @@ INSTANTIATE_TEST_SUITE_P(All, DownloadBadAddress,
                                          BadAddress{L"http://server/" + std::wstring(240, L'p') + L"/", 122},
                                          BadAddress{L"http://" + std::wstring(260, L'h') + L"/", 122}));
 
-template <typename Error, typename Action>
-std::optional<Error> Caught(Action action)
+// A call that fails, its code, and what follows.
+struct ThrownFailure
 {
-    try
-    {
-        action();
-    }
-    catch (const Error& error)
-    {
-        return error;
-    }
-    return {};
-}
+    DWORD FakeInternet::*call;
+    int code;
+    const char* message;
+    const wchar_t* lastCall;
+};
 
-std::string Composed(const std::string& message, int code)
+class DownloadException : public Download, public testing::WithParamInterface<ThrownFailure>
 {
-    return std::system_error(code, std::system_category(), message).what();
-}
+};
 
 // Proves: The session cannot be opened => exception "Unable to open internet connection" with the code
-TEST_F(Download, SessionThatCannotBeOpenedIsRaised)
-{
-    openError_ = 12055;
-    const auto error = Caught<std::system_error>([] { DownloadInstaller(L"24.20"); });
-    ASSERT_TRUE(error.has_value());
-    EXPECT_EQ(error->code(), std::error_code(12055, std::system_category()));
-    EXPECT_EQ(std::string(error->what()), Composed("Unable to open internet connection", 12055));
-    EXPECT_THAT(log_.Lines(), ElementsAre(L"Change server to http://server/f/."));
-    EXPECT_EQ(calls_.back(), L"session");
-}
-
 // Proves: The connection cannot be opened => exception "Unable to connect to server" with its own code, the session is closed; old files are still there
-TEST_F(Download, ConnectionThatCannotBeOpenedIsRaisedWithItsOwnErrorAndTheSessionClosed)
+TEST_P(DownloadException, IsThrownWithItsOwnCodeAndOldFilesAreKept)
 {
-    connectError_ = 5;
-    const auto error = Caught<std::system_error>([] { DownloadInstaller(L"24.20"); });
-    ASSERT_TRUE(error.has_value());
-    EXPECT_EQ(error->code(), std::error_code(5, std::system_category()));
-    EXPECT_EQ(std::string(error->what()), Composed("Unable to connect to server", 5));
+    Put(kFile, "earlier");
+    internet_.*GetParam().call = static_cast<DWORD>(GetParam().code);
+    try
+    {
+        DownloadInstaller(L"24.20");
+        ADD_FAILURE() << "nothing was thrown";
+    }
+    catch (const std::system_error& error)
+    {
+        const std::error_code code(GetParam().code, std::system_category());
+        EXPECT_EQ(error.code(), code);
+        EXPECT_STREQ(error.what(), std::system_error(code, GetParam().message).what());
+    }
     EXPECT_THAT(log_.Lines(), ElementsAre(L"Change server to http://server/f/."));
-    EXPECT_EQ(calls_.back(), L"close 1");
-}
-
-TEST_F(Download, EarlierFilesAreKeptUntilTheConnectionIsOpen)
-{
-    Put(L"dwx2_install.exe", "earlier");
-    connectError_ = 87;
-    EXPECT_THROW(DownloadInstaller(L"24.20"), std::system_error);
+    EXPECT_EQ(internet_.calls.back(), GetParam().lastCall);
     EXPECT_EQ(Content(FinalPath()), "earlier");
 }
 
+INSTANTIATE_TEST_SUITE_P(
+    All, DownloadException,
+    testing::Values(ThrownFailure{&FakeInternet::sessionError, 12055, "Unable to open internet connection", L"session"},
+                    ThrownFailure{&FakeInternet::connectionError, 5, "Unable to connect to server", L"close 1"}));
+
 // Proves: The download folder cannot be created => file-system exception before anything is opened
-TEST_F(Download, FolderThatCannotBeCreatedIsRaisedBeforeAnythingIsOpened)
+TEST_F(Download, ThrowsBeforeAnythingIsOpenedWhenItsFolderCannotBeCreated)
 {
-    recording_ = false;
+    isRecording_ = false;
     temporary_.WriteBytes(L"Tavik_VLTInstallerDownload", "a file in its place");
-    recording_ = true;
+    isRecording_ = true;
     ExpectFileError(FileErrorOf([] { DownloadInstaller(L"24.20"); }), "create_directories", Folder() + L"\\", 183);
-    EXPECT_THAT(calls_, ElementsAre(L"temporary path", L"log Change server to http://server/f/."));
+    EXPECT_THAT(internet_.calls,
+                ElementsAre(L"temporary path", L"log Change server to http://server/f/.", L"create folder"));
 }
 
-class DownloadOldFile : public MadeUpInternet, public testing::WithParamInterface<const wchar_t*>
+class DownloadOldFile : public Download, public testing::WithParamInterface<const wchar_t*>
 {
 };
 
 // Proves: An old file is locked, write-protected or a folder => file-system exception "remove", all handles are closed
-TEST_P(DownloadOldFile, ThatCannotBeRemovedIsRaisedAndTheConnectionClosed)
+TEST_P(DownloadOldFile, ThatCannotBeRemovedIsThrownAndTheConnectionClosed)
 {
     const std::wstring path = Put(GetParam(), "old");
     SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY);
@@ -297,203 +428,160 @@ TEST_P(DownloadOldFile, ThatCannotBeRemovedIsRaisedAndTheConnectionClosed)
     const HANDLE lock = CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     ExpectFileError(FileErrorOf([] { DownloadInstaller(L"24.20"); }), "remove", path, 32);
     CloseHandle(lock);
-    EXPECT_THAT(log_.Lines(),
-                ElementsAre(L"Change server to http://server/f/.", L"Change server to http://server/f/."));
-    EXPECT_EQ(calls_[calls_.size() - 2], L"close 2");
-    EXPECT_EQ(calls_.back(), L"close 1");
+    EXPECT_THAT(log_.Lines(), testing::Each(L"Change server to http://server/f/."));
+    EXPECT_EQ(internet_.calls.back(), L"close 1");
 }
 
-INSTANTIATE_TEST_SUITE_P(Both, DownloadOldFile, testing::Values(L"dwx2_install.exe", L"dwx2_install.exe.tmp"));
-
-TEST_F(Download, FinalFileThatCannotBeRemovedAfterTheTransferIsRaised)
-{
-    HANDLE lock = INVALID_HANDLE_VALUE;
-    SUBSTITUTE(FlushFileBuffers)
-    flush([&](HANDLE) {
-        const std::wstring path = Put(L"dwx2_install.exe", "x");
-        lock = CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-        return TRUE;
-    });
-    ExpectFileError(FileErrorOf([] { DownloadInstaller(L"24.20"); }), "remove", FinalPath(), 32);
-    CloseHandle(lock);
-}
+INSTANTIATE_TEST_SUITE_P(Both, DownloadOldFile, testing::Values(kFile, kTemporaryFile));
 
 // Proves: The temporary file cannot be created => logged with path and code, handles are closed; empty result
-TEST_F(Download, TemporaryFileThatCannotBeCreated)
+TEST_F(Download, LogsATemporaryFileThatCannotBeCreated)
 {
     createError_ = ERROR_DISK_FULL;
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
-    EXPECT_THAT(log_.Lines(), ElementsAre(L"Change server to http://server/f/.",
-                                          L"Unable to create file to download data into. Target path: " +
-                                              TemporaryPath() + L". Error: 112"));
-    EXPECT_EQ(calls_[calls_.size() - 2], L"close 2");
-    EXPECT_EQ(calls_.back(), L"close 1");
+    ExpectFailure(L"Unable to create file to download data into. Target path: " + TemporaryPath() + L". Error: 112");
+    EXPECT_EQ(internet_.calls.back(), L"close 1");
 }
+
+// A call that fails with a code, the line about it, and the calls around this line.
+struct LoggedFailure
+{
+    DWORD FakeInternet::*call;
+    DWORD code;
+    std::vector<std::wstring> before;
+    std::wstring line;
+    std::vector<std::wstring> after;
+    const char* content;  // stays in the temporary file
+};
+
+class DownloadFailure : public Download, public testing::WithParamInterface<LoggedFailure>
+{
+};
 
 // Proves: The request cannot be opened => the time limits are set all the same; logged with the code that stands after them; empty result
-TEST_F(Download, RequestThatCannotBeOpenedHasItsTimeoutsSetAllTheSame)
-{
-    requestError_ = 12028;
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
-    EXPECT_THAT(calls_, ElementsAreArray(After(Beginning(), {L"close file",
-                                                             L"log Unable to call HttpOpenRequest to " +
-                                                                 std::wstring(kUrl) + L". Error 12028",
-                                                             L"close 2", L"close 1"})));
-    EXPECT_EQ(Content(TemporaryPath()), "");  // stays behind
-}
-
-TEST_F(Download, ErrorOfTheRequestIsTheOneThatStandsAfterTheTimeouts)
-{
-    requestError_ = 12028;
-    optionError_ = 12018;
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
-    EXPECT_EQ(log_.Lines().back(), L"Unable to call HttpOpenRequest to " + std::wstring(kUrl) + L". Error 12018");
-}
-
-// Proves: The request cannot be sent: no server listens, wrong, expired or unknown certificate => logged with the code; empty result
-TEST_F(Download, RequestThatCannotBeSent)
-{
-    sendError_ = 12029;
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
-    EXPECT_THAT(calls_, ElementsAreArray(After(Beginning(), {L"send", L"close file",
-                                                             L"log Unable to call HttpSendRequest to " +
-                                                                 std::wstring(kUrl) + L". Error 12029",
-                                                             L"close 3", L"close 2", L"close 1"})));
-    EXPECT_EQ(Content(TemporaryPath()), "");
-}
-
+// Proves: The request cannot be sent: nobody listens, wrong, expired or unknown certificate => logged with the code; empty result
 // Proves: The status cannot be read => logged with code and text; empty result
-TEST_F(Download, StatusThatCannotBeRead)
+// Proves: Reading fails otherwise => logged with code and text; what had arrived stays in the temporary file; empty result
+TEST_P(DownloadFailure, IsLoggedWithItsCode)
 {
-    queryError_ = ERROR_ACCESS_DENIED;
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
-    EXPECT_THAT(log_.Lines(), ElementsAre(L"Change server to http://server/f/.",
-                                          L"Unable to create query response code from " + std::wstring(kUrl) +
-                                              L". Error code: 5 " + FormatSystemMessage(5)));
-    EXPECT_EQ(Content(TemporaryPath()), "");
+    internet_.*GetParam().call = GetParam().code;
+    ExpectFailure(GetParam().line);
+    std::vector<std::wstring> calls = GetParam().before;
+    calls.push_back(L"log " + GetParam().line);
+    calls.insert(calls.end(), GetParam().after.begin(), GetParam().after.end());
+    ExpectCalls(calls);
+    EXPECT_EQ(Content(TemporaryPath()), GetParam().content);
 }
 
-TEST_F(Download, StatusThatCannotBeReadForAReasonWithoutAText)
+const std::vector<std::wstring> kAfterQuery = {L"close 3", L"close file", L"close 2", L"close 1"};
+const std::vector<std::wstring> kAfterRead = {L"close file", L"close 3", L"close 2", L"close 1"};
+const std::vector<std::wstring> kBeforeRead = {L"send", L"query",   L"log Response code from server: 200",
+                                               L"read", L"write 9", L"read"};
+INSTANTIATE_TEST_SUITE_P(
+    All, DownloadFailure,
+    testing::Values(
+        LoggedFailure{&FakeInternet::requestError,
+                      12028,
+                      {L"close file"},
+                      std::wstring(L"Unable to call HttpOpenRequest to ") + kUrl + L". Error 12028",
+                      {L"close 2", L"close 1"},
+                      ""},
+        LoggedFailure{&FakeInternet::sendError,
+                      12029,
+                      {L"send", L"close file"},
+                      std::wstring(L"Unable to call HttpSendRequest to ") + kUrl + L". Error 12029",
+                      {L"close 3", L"close 2", L"close 1"},
+                      ""},
+        LoggedFailure{&FakeInternet::queryError,
+                      ERROR_ACCESS_DENIED,
+                      {L"send", L"query"},
+                      std::wstring(L"Unable to create query response code from ") + kUrl + L". Error code: 5 " +
+                          FormatSystemMessage(5),
+                      kAfterQuery,
+                      ""},
+        LoggedFailure{&FakeInternet::queryError,
+                      12150,  // has no text
+                      {L"send", L"query"},
+                      std::wstring(L"Unable to create query response code from ") + kUrl + L". Error code: 12150 ",
+                      kAfterQuery,
+                      ""},
+        LoggedFailure{&FakeInternet::readError, 10054, kBeforeRead,
+                      L"Download failed with error code: 10054 " + FormatSystemMessage(10054), kAfterRead, "installer"},
+        LoggedFailure{&FakeInternet::readError, 12002, kBeforeRead, L"Download failed with error code: 12002 ",
+                      kAfterRead, "installer"}));
+
+TEST_F(Download, LogsTheErrorThatTheTimeLimitsLeaveWhenThereIsNoRequest)
 {
-    queryError_ = 12150;
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
-    EXPECT_EQ(log_.Lines().back(),
-              L"Unable to create query response code from " + std::wstring(kUrl) + L". Error code: 12150 ");
+    internet_.requestError = 12028;
+    internet_.optionError = 12018;
+    ExpectFailure(std::wstring(L"Unable to call HttpOpenRequest to ") + kUrl + L". Error 12018");
 }
 
-class DownloadStatus : public MadeUpInternet, public testing::WithParamInterface<DWORD>
+class DownloadStatus : public Download, public testing::WithParamInterface<DWORD>
 {
 };
 
 // Proves: A status other than 200, even another good one => the status and a second line are logged, nothing is read; empty result
 TEST_P(DownloadStatus, OtherThan200IsAFailure)
 {
-    status_ = GetParam();
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
-    EXPECT_THAT(log_.Lines(), ElementsAre(L"Change server to http://server/f/.",
-                                          L"Response code from server: " + std::to_wstring(GetParam()),
-                                          L"Error response code received from " + std::wstring(kUrl)));
-    EXPECT_EQ(std::count(calls_.begin(), calls_.end(), L"read"), 0);
+    internet_.status = GetParam();
+    ExpectFailure(std::wstring(L"Error response code received from ") + kUrl);
+    ASSERT_EQ(log_.Lines().size(), 3u);
+    EXPECT_EQ(log_.Lines()[1], L"Response code from server: " + std::to_wstring(GetParam()));
+    EXPECT_THAT(internet_.calls, testing::Not(testing::Contains(L"read")));
     EXPECT_EQ(Content(TemporaryPath()), "");
-    EXPECT_FALSE(IsThere(FinalPath()));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, DownloadStatus,
                          testing::Values(0u, 100u, 199u, 201u, 202u, 204u, 206u, 301u, 304u, 401u, 404u, 500u, 503u));
 
-// Proves: Reading fails otherwise => logged with code and text; what had arrived stays in the temporary file; empty result
-TEST_F(Download, ReadThatFailsLeavesWhatHadArrived)
+class DownloadServerText : public Download, public testing::WithParamInterface<std::wstring>
 {
-    body_ = {"first"};
-    readError_ = 10054;
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
-    EXPECT_THAT(calls_,
-                ElementsAreArray(After(
-                    Beginning(), {L"send", L"query", L"log Response code from server: 200", L"read", L"write 5",
-                                  L"read", L"log Download failed with error code: 10054 " + FormatSystemMessage(10054),
-                                  L"close file", L"close 3", L"close 2", L"close 1"})));
-    EXPECT_EQ(Content(TemporaryPath()), "first");
-    EXPECT_FALSE(IsThere(FinalPath()));
-}
-
-TEST_F(Download, ReadThatFailsForAReasonWithoutAText)
-{
-    readError_ = 12002;
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
-    EXPECT_EQ(log_.Lines().back(), L"Download failed with error code: 12002 ");
-}
+};
 
 // Proves: Reading fails with a text of the server => length and text are asked for and logged; empty result
-TEST_F(Download, TextThatTheServerLeftIsAskedForItsLengthThenFetched)
+TEST_P(DownloadServerText, IsAskedForItsLengthThenFetchedAndLogged)
 {
-    readError_ = 12003;
+    const std::wstring text = GetParam();
+    internet_.readError = 12003;
     int calls = 0;
-    const std::wstring text = L"530 too many users";
     SUBSTITUTE(InternetGetLastResponseInfoW)
     info([&](DWORD* error, wchar_t* buffer, DWORD* length) {
         *error = 530;
         if (++calls == 1)
         {
-            EXPECT_EQ(buffer, nullptr);
-            EXPECT_EQ(*length, 0u);
-            *length = static_cast<DWORD>(text.size());
-            return FailWith(ERROR_INSUFFICIENT_BUFFER);
+            EXPECT_EQ(std::tuple(buffer, *length), std::tuple(nullptr, 0u));
         }
-        EXPECT_GE(*length, text.size());
-        text.copy(buffer, text.size());
+        else
+        {
+            EXPECT_GE(*length, text.size());
+            text.copy(buffer, text.size());
+        }
         *length = static_cast<DWORD>(text.size());
-        return TRUE;
+        return calls == 1 && !text.empty() ? FailWith(ERROR_INSUFFICIENT_BUFFER) : TRUE;
     });
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
+    ExpectFailure(L"Unable to read file from internet. Extended error code: 530 " + text);
     EXPECT_EQ(calls, 2);
-    EXPECT_EQ(log_.Lines().back(), L"Unable to read file from internet. Extended error code: 530 530 too many users");
 }
 
-TEST_F(Download, ServerWithoutATextLeavesItOut)
-{
-    readError_ = 12003;
-    SUBSTITUTE(InternetGetLastResponseInfoW)
-    info([](DWORD* error, wchar_t*, DWORD* length) {
-        *error = 7;
-        *length = 0;
-        return TRUE;
-    });
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
-    EXPECT_EQ(log_.Lines().back(), L"Unable to read file from internet. Extended error code: 7 ");
-}
+INSTANTIATE_TEST_SUITE_P(All, DownloadServerText, testing::Values(L"530 too many users", L""));
 
 // Proves: Writing fails or is short => "Failed writing to file" is logged; empty result
-TEST_F(Download, WriteThatFails)
+TEST_F(Download, LogsAWriteThatFailsAndReadsNoMore)
 {
     writeError_ = ERROR_DISK_FULL;
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
-    EXPECT_EQ(log_.Lines().back(), L"Failed writing to file: " + TemporaryPath());
-    EXPECT_EQ(std::count(calls_.begin(), calls_.end(), L"read"), 1);
+    ExpectFailure(L"Failed writing to file: " + TemporaryPath());
+    EXPECT_EQ(std::count(internet_.calls.begin(), internet_.calls.end(), L"read"), 1);
     EXPECT_EQ(Content(TemporaryPath()), "");
-    EXPECT_FALSE(IsThere(FinalPath()));
 }
 
-TEST_F(Download, WriteOfFewerBytesThanWereRead)
+TEST_F(Download, LogsAWriteOfFewerBytesThanWereRead)
 {
     SUBSTITUTE(WriteFile)
     write([&](HANDLE file, const void* data, DWORD bytes, DWORD* written, OVERLAPPED* overlapped) {
         return write.Original()(file, data, file == file_ && bytes > 0 ? bytes - 1 : bytes, written, overlapped);
     });
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
-    EXPECT_EQ(log_.Lines().back(), L"Failed writing to file: " + TemporaryPath());
+    ExpectFailure(L"Failed writing to file: " + TemporaryPath());
     EXPECT_EQ(Content(TemporaryPath()), "installe");
-}
-
-// Proves: Several downloads in one run => each is complete in itself
-TEST_F(Download, EachIsSelfContained)
-{
-    sendError_ = 12029;
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
-    sendError_ = 0;
-    EXPECT_EQ(DownloadInstaller(L"24.20"), FinalPath());
-    body_ = {"newer"};
-    EXPECT_EQ(DownloadInstaller(L"24.21"), FinalPath());
-    EXPECT_EQ(Content(FinalPath()), "newer");
 }
 }  // namespace
 }  // namespace repair

@@ -1,76 +1,100 @@
+#include "acquisition/local_installer.h"
+
 #include <windows.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
-#include "acquisition/local_installer.h"
 #include "support/error_matcher.h"
 #include "support/folder_link.h"
 #include "support/log_capture.h"
 #include "support/substitute.h"
 #include "support/temporary_folder.h"
 
-IMPORTED(FindClose)
-IMPORTED(FindFirstFileW)
-IMPORTED(FindNextFileW)
-IMPORTED(GetFileAttributesW)
+IMPORTED(FindClose, FindFirstFileW, FindNextFileW, GetFileAttributesW)
 
 namespace repair
 {
 namespace
 {
+class LocalInstaller : public testing::Test
+{
+protected:
+    // A folder if the name ends in a backslash, otherwise a file; with all folders above it.
+    void Create(const std::wstring& name) const
+    {
+        const size_t end = name.rfind(L'\\');
+        if (end != std::wstring::npos)
+        {
+            folder_.CreateFolder(name.substr(0, end));
+        }
+        if (end + 1 != name.size())
+        {
+            folder_.WriteBytes(name, "x");
+        }
+    }
+
+    TemporaryFolder folder_;
+};
+
+// What is in the folder, which path is tried as the installer's (empty: none), and whether it is found.
+struct Layout
+{
+    std::vector<std::wstring> content;
+    std::wstring tried;
+    bool isFound;
+};
+
+class LocalInstallerIn : public LocalInstaller, public testing::WithParamInterface<Layout>
+{
+};
+
 // Proves: A subfolder begins with B or b => the installer's path in it
-TEST(LocalInstaller, StandsInTheSubfolderThatBeginsWithB)
-{
-    const TemporaryFolder folder;
-    folder.CreateFolder(L"A");
-    folder.CreateFolder(L"B384125");
-    folder.CreateFolder(L"C");
-    const std::wstring installer = folder.WriteBytes(L"B384125\\DWX2_Install.exe", "x");
-    folder.WriteBytes(L"A\\DWX2_Install.exe", "x");
-    LogCapture log;
-    EXPECT_EQ(FindInstallerInFolder(folder.Path()).wstring(), installer);
-    EXPECT_EQ(FindLocalInstaller(folder.Path()), installer);
-    EXPECT_TRUE(log.Lines().empty());
-}
-
-TEST(LocalInstaller, FolderNameOfALowerCaseLetterCountsAndNothingElseOfItMatters)
-{
-    const TemporaryFolder folder;
-    folder.CreateFolder(L"bonus");
-    const std::wstring installer = folder.WriteBytes(L"bonus\\DWX2_Install.exe", "x");
-    EXPECT_EQ(FindLocalInstaller(folder.Path()), installer);
-}
-
-TEST(LocalInstaller, FolderOfOneLetter)
-{
-    const TemporaryFolder folder;
-    folder.CreateFolder(L"b");
-    EXPECT_EQ(FindInstallerInFolder(folder.Path()).wstring(), folder / L"b\\DWX2_Install.exe");
-}
-
 // Proves: Two such folders (Bin64 before B384125) => only the file system's first one is tried, even when it has no installer
-TEST(LocalInstaller, OnlyTheFirstSuchFolderIsTried)
+// Proves: Only a file begins with B => not found
+// Proves: No such folder, or the installer lies elsewhere => not found
+// Proves: A folder has the installer's name => its path comes back: only existence counts
+// Proves: The file's name in other letter case => found
+// Proves: The folder's path ends in a separator => none is added
+TEST_P(LocalInstallerIn, TheFirstSubfolderThatBeginsWithBIsFound)
 {
-    const TemporaryFolder folder;
-    folder.CreateFolder(L"B1");
-    folder.CreateFolder(L"B2");
-    folder.WriteBytes(L"B2\\DWX2_Install.exe", "x");
-    EXPECT_EQ(FindInstallerInFolder(folder.Path()).wstring(), folder / L"B1\\DWX2_Install.exe");
-    EXPECT_EQ(FindLocalInstaller(folder.Path()), L"");
+    for (const std::wstring& name : GetParam().content)
+    {
+        Create(name);
+    }
+    const std::wstring tried = GetParam().tried.empty() ? L"" : folder_ / GetParam().tried;
+    const LogCapture log;
+    for (const std::wstring& folder : {folder_.Path(), folder_.Path() + L"\\"})
+    {
+        EXPECT_EQ(FindInstallerInFolder(folder).wstring(), tried);
+        EXPECT_EQ(FindLocalInstaller(folder), GetParam().isFound ? tried : L"");
+    }
+    EXPECT_THAT(log.Lines(), testing::IsEmpty());
 }
 
-TEST(LocalInstaller, FirstIsTheFileSystemsFirstNotTheAlphabets)
+INSTANTIATE_TEST_SUITE_P(
+    All, LocalInstallerIn,
+    testing::Values(
+        Layout{{L"A\\DWX2_Install.exe", L"B384125\\DWX2_Install.exe", L"C\\"}, L"B384125\\DWX2_Install.exe", true},
+        Layout{{L"bonus\\DWX2_Install.exe"}, L"bonus\\DWX2_Install.exe", true},
+        Layout{{L"b\\"}, L"b\\DWX2_Install.exe", false},
+        Layout{{L"B1\\", L"B2\\DWX2_Install.exe"}, L"B1\\DWX2_Install.exe", false},
+        Layout{{L"B384125"}, L"", false},                                       // a file
+        Layout{{L"A\\B1\\DWX2_Install.exe", L"DWX2_Install.exe"}, L"", false},  // too deep, not deep enough
+        Layout{{}, L"", false}, Layout{{L"B1\\DWX2_Install.exe\\"}, L"B1\\DWX2_Install.exe", true},
+        Layout{{L"B1\\dwx2_install.EXE"}, L"B1\\DWX2_Install.exe", true}));
+
+TEST_F(LocalInstaller, IsSearchedInTheFileSystemsOrderNotTheAlphabets)
 {
-    const TemporaryFolder folder;
-    folder.CreateFolder(L"Bin64");
-    folder.CreateFolder(L"B384125");
-    folder.WriteBytes(L"B384125\\DWX2_Install.exe", "x");
-    const auto give = [](WIN32_FIND_DATAW* data, const std::wstring& name) {
+    Create(L"Bin64\\");
+    Create(L"B384125\\DWX2_Install.exe");
+    const auto give = [](WIN32_FIND_DATAW* data, const wchar_t* name) {
         *data = {};
         data->dwFileAttributes = FILE_ATTRIBUTE_DIRECTORY;
-        name.copy(data->cFileName, name.size());
+        wcscpy(data->cFileName, name);
     };
     int entry = 0;
     SUBSTITUTE(FindFirstFileW)
@@ -84,113 +108,55 @@ TEST(LocalInstaller, FirstIsTheFileSystemsFirstNotTheAlphabets)
         return ++entry == 1 ? TRUE : FailWith(ERROR_NO_MORE_FILES);
     });
     SUBSTITUTE(FindClose) close([](HANDLE) { return TRUE; });
-    EXPECT_EQ(FindInstallerInFolder(folder.Path()).wstring(), folder / L"Bin64\\DWX2_Install.exe");
+    EXPECT_EQ(FindInstallerInFolder(folder_.Path()).wstring(), folder_ / L"Bin64\\DWX2_Install.exe");
     entry = 0;
-    EXPECT_EQ(FindLocalInstaller(folder.Path()), L"");
-}
-
-// Proves: Only a file begins with B => not found
-TEST(LocalInstaller, FileThatBeginsWithBIsNoSubfolder)
-{
-    const TemporaryFolder folder;
-    folder.WriteBytes(L"B384125", "a file");
-    EXPECT_TRUE(FindInstallerInFolder(folder.Path()).empty());
-    EXPECT_EQ(FindLocalInstaller(folder.Path()), L"");
-}
-
-TEST(LocalInstaller, FoldersBelowAreNotSearched)
-{
-    const TemporaryFolder folder;
-    folder.CreateFolder(L"A\\B1");
-    folder.WriteBytes(L"A\\B1\\DWX2_Install.exe", "x");
-    folder.WriteBytes(L"DWX2_Install.exe", "x");
-    EXPECT_TRUE(FindInstallerInFolder(folder.Path()).empty());
-    EXPECT_EQ(FindLocalInstaller(folder.Path()), L"");
-}
-
-// Proves: No such folder, or the installer lies elsewhere => not found
-TEST(LocalInstaller, EmptyFolderHasNone)
-{
-    const TemporaryFolder folder;
-    EXPECT_EQ(FindLocalInstaller(folder.Path()), L"");
-}
-
-// Proves: A folder has the installer's name => its path comes back: only existence counts
-TEST(LocalInstaller, OnlyExistenceIsTestedSoAFolderOfThatNameIsReturned)
-{
-    const TemporaryFolder folder;
-    const std::wstring installer = folder.CreateFolder(L"B1\\DWX2_Install.exe");
-    EXPECT_EQ(FindLocalInstaller(folder.Path()), installer);
-}
-
-// Proves: The file's name in other letter case => found
-TEST(LocalInstaller, FileNameInOtherLettersIsFoundByTheFileSystem)
-{
-    const TemporaryFolder folder;
-    folder.CreateFolder(L"B1");
-    folder.WriteBytes(L"B1\\dwx2_install.EXE", "x");
-    EXPECT_EQ(FindLocalInstaller(folder.Path()), folder / L"B1\\DWX2_Install.exe");
-}
-
-// Proves: The folder's path ends in a separator => none is added
-TEST(LocalInstaller, FolderThatEndsInASeparator)
-{
-    const TemporaryFolder folder;
-    folder.CreateFolder(L"B1");
-    folder.WriteBytes(L"B1\\DWX2_Install.exe", "x");
-    EXPECT_EQ(FindLocalInstaller(folder.Path() + L"\\"), folder / L"B1\\DWX2_Install.exe");
+    EXPECT_EQ(FindLocalInstaller(folder_.Path()), L"");
 }
 
 // Proves: A link to a folder => counts as a folder; a link to nothing does not
-TEST(LocalInstaller, LinkToAFolderCounts)
+TEST_F(LocalInstaller, IsFoundBehindALinkToAFolder)
 {
-    const TemporaryFolder folder;
     const TemporaryFolder elsewhere;
     elsewhere.WriteBytes(L"DWX2_Install.exe", "x");
-    const FolderLink link(folder / L"B1", elsewhere.Path());
+    const FolderLink link(folder_ / L"B1", elsewhere.Path());
     if (!link.IsThere())
     {
         GTEST_SKIP() << "no link can be made here";
     }
-    EXPECT_EQ(FindLocalInstaller(folder.Path()), folder / L"B1\\DWX2_Install.exe");
+    EXPECT_EQ(FindLocalInstaller(folder_.Path()), folder_ / L"B1\\DWX2_Install.exe");
 }
 
 // Proves: The driver has no matching package (empty folder) => not found, wherever the process stands
-TEST(LocalInstaller, WithoutAFolderThereIsNoneWhereverTheProcessStands)
+TEST_F(LocalInstaller, IsNotSearchedInTheCurrentDirectory)
 {
-    const TemporaryFolder folder;
-    folder.CreateFolder(L"B1");
-    folder.WriteBytes(L"B1\\DWX2_Install.exe", "x");
+    Create(L"B1\\DWX2_Install.exe");
     wchar_t before[MAX_PATH] = {};
     GetCurrentDirectoryW(MAX_PATH, before);
-    SetCurrentDirectoryW(folder.Path().c_str());
+    SetCurrentDirectoryW(folder_.Path().c_str());
     EXPECT_TRUE(FindInstallerInFolder(L"").empty());
     EXPECT_EQ(FindLocalInstaller(L""), L"");
     SetCurrentDirectoryW(before);
 }
 
 // Proves: The folder cannot be listed => file-system error "directory_iterator", nothing is logged
-TEST(LocalInstaller, FolderThatCannotBeListedRaisesTheErrorAndLogsNothing)
+TEST_F(LocalInstaller, FolderThatCannotBeListedThrowsAndLogsNothing)
 {
-    const TemporaryFolder folder;
-    const std::wstring missing = folder / L"missing";
-    LogCapture log;
-    ExpectFileError(FileErrorOf([&] { FindLocalInstaller(missing); }), "directory_iterator::directory_iterator",
-                    missing, 3);
-    EXPECT_TRUE(log.Lines().empty());
+    const LogCapture log;
+    ExpectFileError(FileErrorOf([&] { FindLocalInstaller(folder_ / L"missing"); }),
+                    "directory_iterator::directory_iterator", folder_ / L"missing", 3);
+    EXPECT_THAT(log.Lines(), testing::IsEmpty());
 }
 
 // Proves: The installer's existence cannot be tested => file-system error "exists"
-TEST(LocalInstaller, InstallerThatCannotBeLookedAtRaisesTheError)
+TEST_F(LocalInstaller, ExistenceThatCannotBeTestedThrows)
 {
-    const TemporaryFolder folder;
-    folder.CreateFolder(L"B1");
-    const std::wstring installer = folder.WriteBytes(L"B1\\DWX2_Install.exe", "x");
+    Create(L"B1\\DWX2_Install.exe");
+    const std::wstring installer = folder_ / L"B1\\DWX2_Install.exe";
     SUBSTITUTE(GetFileAttributesW)
-    look([&](const wchar_t* path) {
-        return path == installer ? FailWith(ERROR_ACCESS_DENIED, INVALID_FILE_ATTRIBUTES) : look.Original()(path);
+    attributes([&](const wchar_t* path) {
+        return path == installer ? FailWith(ERROR_ACCESS_DENIED, INVALID_FILE_ATTRIBUTES) : attributes.Original()(path);
     });
-    ExpectFileError(FileErrorOf([&] { FindLocalInstaller(folder.Path()); }), "exists", installer, 5);
+    ExpectFileError(FileErrorOf([&] { FindLocalInstaller(folder_.Path()); }), "exists", installer, 5);
 }
 }  // namespace
 }  // namespace repair

@@ -10,7 +10,7 @@
 #include "app/compatibility_check.h"
 #include "app/switches.h"
 #include "support/box_recorder.h"
-#include "support/fake_adapter.h"
+#include "support/fake_devices.h"
 #include "support/fake_machine.h"
 #include "support/fake_runtime.h"
 #include "support/log_capture.h"
@@ -117,7 +117,10 @@ protected:
         Installed(version);
     }
     void StoreEdition(component::Version version) { runtime_.packages = {{kStorePackage, version}}; }
-    void Driver(const std::wstring& release) { adapters_.Add({L"Tavik DWX", release}); }
+    void Driver(const std::wstring& release)
+    {
+        devices_.AddAdapter(L"PCI\\VEN_1E7D", release).description = L"Tavik DWX";
+    }
     void NothingToDownload() { registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", L"no address"); }
 
     // Runs the flow; afterwards the lines are those of the flow alone.
@@ -144,11 +147,12 @@ protected:
     MachineRegistry registry_;
     FakeMachine machine_;
     FakeRuntime runtime_;
-    FakeAdapters adapters_;
+    FakeDevices devices_;
     BoxRecorder boxes_;
     std::vector<std::wstring> lines_;
 };
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: Another instance is running => box "Another instance is running." without an icon, result -1, nothing else is done
 // Proves: The refused instance ends => it sets and closes the event, and the first one still holds the machine
 TEST_F(Check, SecondInstanceSaysSoAndDoesNothingElse)
@@ -157,7 +161,7 @@ TEST_F(Check, SecondInstanceSaysSoAndDoesNothingElse)
     EXPECT_EQ(RunFlow(), -1);
     EXPECT_THAT(lines_, ElementsAre(L"Another instance is running. Exiting."));
     EXPECT_THAT(boxes_.boxes, ElementsAre(BoxRecorder::Box{L"Another instance is running.", 0x10000}));
-    EXPECT_EQ(adapters_.enumerations, 0);
+    EXPECT_THAT(devices_.calls, IsEmpty());
     EXPECT_THAT(machine_.steps, IsEmpty());
     EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_OBJECT_0);  // signalled all the same
     CloseHandle(first);
@@ -291,8 +295,8 @@ TEST_F(Check, SameReleaseOfTheDesktopEditionExitsWithoutAskingTheStore)
 // Proves: Several adapters => only the first of the sorted list counts
 TEST_F(Check, OnlyTheHighestReleaseCountsAndAllAreListedInThatOrder)
 {
-    adapters_.Add({L"Old", L"22.10.1"});
-    adapters_.Add({L"New", L"24.20.1"});
+    devices_.AddAdapter(L"PCI\\VEN_1E7D", L"22.10.1").description = L"Old";
+    devices_.AddAdapter(L"PCI\\VEN_1E7D", L"24.20.1").description = L"New";
     DesktopEdition(L"24.20");
     EXPECT_EQ(RunFlow(), -1);
     EXPECT_EQ(lines_[2], L"\t [New] [24.20.1] []");
@@ -320,6 +324,7 @@ INSTANTIATE_TEST_SUITE_P(Versions, StoreComparison,
                                          StoreVersion{{1, 24, 20110, 0}, L"24.20"},
                                          StoreVersion{{1, 65535, 65535, 0}, L"65535"}));
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: Only the Store edition installed => second and third number of its version in decimal, without leading zeros, cut to five characters, replace the installed version
 TEST_P(StoreComparison, IsMadeWithTheSecondAndThirdNumberCutToFiveCharacters)
 {
@@ -362,7 +367,8 @@ TEST_F(Check, FolderOfTheActiveDriverIsWhereTheInstallerIsLookedFor)
     machine_.Folder().WriteBytes(L"store\\Bin64\\DWX2_Install.exe", "x");
     const std::wstring inf = machine_.Folder().WriteBytes(
         L"store\\display.inf", "[Version]\r\nSignature=\"$WINDOWS NT$\"\r\n[a]\r\nHKR,,ReleaseVersion,,24.20.1\r\n");
-    adapters_.Add({L"Tavik DWX", L"24.20.1", inf});
+    Driver(L"24.20.1");
+    devices_.devices.back().packages = {{L"display.inf", inf}};
     DesktopEdition(L"22.10");
     machine_.UnpacksMainPackage();
     EXPECT_EQ(RunFlow(), 0);

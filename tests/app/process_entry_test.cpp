@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "support/box_recorder.h"
-#include "support/fake_adapter.h"
+#include "support/fake_devices.h"
 #include "support/fake_machine.h"
 #include "support/fake_runtime.h"
 #include "support/log_capture.h"
@@ -48,7 +48,7 @@ protected:
         ReadFile(output_, text.data(), static_cast<DWORD>(text.size()), &read, nullptr);
         return text.substr(0, read);
     }
-    bool RanTheCheck() const { return adapters_.enumerations == 1; }
+    bool RanTheCheck() const { return !devices_.calls.empty(); }
     bool RanTheDirectInstall(const std::wstring& installer) const
     {
         return testing::Value(machine_.steps, Contains(StartsWith(L"run " + installer + L" | /NCRC")));
@@ -58,7 +58,7 @@ protected:
     MachineRegistry registry_;
     FakeMachine machine_;
     FakeRuntime runtime_;
-    FakeAdapters adapters_;
+    FakeDevices devices_;
     BoxRecorder boxes_;
     std::wstring line_;
     HANDLE output_ = CreateFileW(machine_.Folder().WriteBytes(L"output", "").c_str(), GENERIC_READ | GENERIC_WRITE, 0,
@@ -88,6 +88,7 @@ protected:
     void TearDown() override { CloseHandle(output_); }
 };
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: The process starts => the search for libraries is limited to the system's folder before anything else; that this fails does not matter
 TEST_F(ProcessEntry, RestrictsTheLibrarySearchBeforeAnythingElse)
 {
@@ -148,6 +149,7 @@ INSTANTIATE_TEST_SUITE_P(Lines, CheckedLine,
                          testing::Values(L"", L"-VLT", L"-Install", L"-Path {}", L"-VLT -Path {}", L"-Install -Path {}",
                                          L"-FORCE"));
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: Only one of `-VLT` and `-Install`, or `-Path` alone => the ordinary check; its result is the exit code
 TEST_P(CheckedLine, RunsTheCheckAndReturnsItsResult)
 {

@@ -1,5 +1,3 @@
-#include <winsock2.h>
-
 #include <windows.h>
 
 #include <wininet.h>
@@ -7,16 +5,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
 #include <vector>
 
 #include "app/repair_dispatch.h"
 #include "app/switches.h"
 #include "support/box_recorder.h"
+#include "support/fake_internet.h"
 #include "support/fake_machine.h"
 #include "support/fake_runtime.h"
-#include "support/http_server.h"
 #include "support/log_capture.h"
 #include "support/machine_registry.h"
 
@@ -118,6 +115,7 @@ protected:
     }};
 };
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // --- Desktop edition
 // Proves: The driver package has an installer => logged, not downloaded; the status goes straight to "Installing..."
 TEST_F(RepairTest, InstallerOfTheDriverPackageIsUsedWithoutADownload)
@@ -200,16 +198,15 @@ TEST_F(RepairTest, ExceptionOfTheInstallationIsLoggedAndGivesMinusOne)
 // Proves: It has none => logged, status "Downloading ...", the five-character release is downloaded, then "Installing..."
 TEST_F(RepairTest, WithoutALocalInstallerTheReleaseIsDownloaded)
 {
-    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 1\r\nConnection: close\r\n\r\nx";
-    const std::map<std::string, std::string> answers = {{"/vlt/24.20/dwx2_install.txt", answer}};
-    HttpServer server(answers);
-    registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", L"http://127.0.0.1:" + server.Port() + L"/vlt/");
+    FakeInternet internet;
+    registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", L"http://server/vlt/");
     machine_.UnpacksMainPackage();
     const std::wstring folder = machine_.Folder().CreateFolder(L"empty");
     LogCapture log;
     EXPECT_EQ(Repair(run_, folder, L"24.20", false), 0);
     EXPECT_THAT(log.Lines(), Contains(L"Unable to find dwx2-install.exe at [" + folder +
                                       L"]. Downloading dwx2_install.exe for [24.20] from web."));
+    EXPECT_THAT(internet.calls, Contains(L"request /vlt/24.20/dwx2_install.txt"));
     EXPECT_THAT(statusTexts_, ElementsAre(L"Downloading compatible version of Tavik Software.", L"Installing..."));
     EXPECT_THAT(machine_.StepsOf(L"run")[0],
                 StartsWith(L"run " + machine_.Temporary() + L"Tavik_VLTInstallerDownload\\dwx2_install.exe | /NCRC"));

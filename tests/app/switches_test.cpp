@@ -90,6 +90,7 @@ const Line kLines[] = {
 
 INSTANTIATE_TEST_SUITE_P(Lines, Switches, testing::ValuesIn(kLines));
 
+// Own process: the switches are set once in a process.
 // Proves: `-FORCE`, `-FORCEVLTUWP`, `-SILENT`, `-VLT`, `-Install`, `-Path FILE` => each sets its switch, `-FORCEVLTUWP` also the one of `-FORCE`; `-Path` takes the next argument
 // Proves: Switches in other letter case, in any order, more than once => the same
 // Proves: Unknown arguments, and such that only look like a switch => count for nothing

@@ -81,6 +81,7 @@ INSTANTIATE_TEST_SUITE_P(All, LogFolder,
                                                        L"X:windowsProgram Files\\Tavik\\MIM\\Log\\"},  // no backslash
                                          WindowsFolder{L"", L"Program Files\\Tavik\\MIM\\Log\\"}));
 
+// Own process: a process begins its log once.
 TEST(Log, FolderOfThisMachine)
 {
     EXPECT_EQ(GetLogFolder(), kFolder);
@@ -131,6 +132,7 @@ class LogName : public testing::TestWithParam<NamedTime>
 {
 };
 
+// Own process: a process begins its log once.
 TEST_P(LogName, IsTheLocalTimeInPlainNumbers)
 {
     std::wstring created;

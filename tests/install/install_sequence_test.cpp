@@ -1,9 +1,14 @@
+#include "install/install_sequence.h"
+
 #include <windows.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "install/install_sequence.h"
+#include <map>
+#include <string>
+#include <vector>
+
 #include "support/fake_machine.h"
 #include "support/log_capture.h"
 #include "support/machine_registry.h"
@@ -16,8 +21,7 @@ using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
 
-IMPORTED(CreateDirectoryW)
-IMPORTED(SHGetSpecialFolderPathW)
+IMPORTED(CreateDirectoryW, SHGetSpecialFolderPathW)
 
 namespace repair
 {
@@ -37,22 +41,20 @@ protected:
     std::wstring Dvr() const { return machine_.ExtractionFolder() + L"\\HL\\tavikdvr\\tavikdvr64\\tavikdvr64.msi"; }
     std::wstring Pxl() const { return machine_.ExtractionFolder() + L"\\HL\\pxl64\\PXL64.msi"; }
 
+    std::wstring Installation(const std::wstring& package) const { return L"install " + package + kInstall; }
+    static std::wstring Removal(const std::wstring& package) { return L"install " + package + kRemoval; }
+
     // Log lines without those of started programs.
-    static std::vector<std::wstring> OwnLines(const LogCapture& log)
+    std::vector<std::wstring> OwnLines() const
     {
-        std::vector<std::wstring> lines;
-        for (const std::wstring& line : log.Lines())
-        {
-            if (!line.starts_with(L"Process "))
-            {
-                lines.push_back(line);
-            }
-        }
+        std::vector<std::wstring> lines = log_.Lines();
+        std::erase_if(lines, [](const std::wstring& line) { return line.starts_with(L"Process "); });
         return lines;
     }
 
     MachineRegistry registry_;
     FakeMachine machine_;
+    LogCapture log_;
 };
 
 // Proves: Everything is there => no Windows Installer interface, folder, installer, products of the three families asked for, programs stopped, removals, main package, DVR, PXL, shell told; in this order
@@ -64,36 +66,29 @@ TEST_F(InstallSequence, RunsItsStepsInOrder)
     machine_.products[kDvr] = {L"C:\\d.msi"};
     machine_.products[kPxl] = {L"C:\\p.msi"};
     const std::wstring folder = machine_.ExtractionFolder();
-    const std::wstring kill = L"run C:\\windows\\system32\\taskkill.exe |  /IM ";
     EXPECT_EQ(RunInstallSequence(L"C:\\My Files\\dwx2_install.exe", false), 0);
-    EXPECT_THAT(machine_.steps,
-                testing::ElementsAreArray(std::vector<std::wstring>{
-                    L"ui 2",
-                    // No quotes around the folder although it may contain blanks; it is the working directory too.
-                    L"run C:\\My Files\\dwx2_install.exe | /NCRC /S -EXTRACTONLY=YES /D=" + folder + L" | " + folder,
-                    L"wait 4294967295",
-                    std::wstring(L"related ") + kHalden,
-                    std::wstring(L"related ") + kDvr,
-                    std::wstring(L"related ") + kPxl,
-                    kill + L"\"hlcmd.exe\" /F | -",
-                    L"wait 30000",
-                    kill + L"\"CorvelSettings.exe\" /F | -",
-                    L"wait 30000",
-                    kill + L"\"Corvelsoftware.exe\" /F | -",
-                    L"wait 30000",
-                    kill + L"\"tavikow.exe\" /F | -",
-                    L"wait 30000",
-                    kill + L"\"TavikLPServ.exe\" /F | -",
-                    L"wait 30000",
-                    L"install C:\\h1.msi" + kRemoval,
-                    L"install C:\\h2.msi" + kRemoval,
-                    L"install C:\\d.msi" + kRemoval,
-                    L"install C:\\p.msi" + kRemoval,
-                    L"install " + Main() + kInstall,
-                    L"install " + Dvr() + kInstall,
-                    L"install " + Pxl() + kInstall,
-                    L"notify 08000000 0",
-                }));
+    std::vector<std::wstring> steps = {
+        L"ui 2",
+        L"run C:\\My Files\\dwx2_install.exe | /NCRC /S -EXTRACTONLY=YES /D=" + folder + L" | " + folder,
+        L"wait 4294967295",
+        std::wstring(L"related ") + kHalden,
+        std::wstring(L"related ") + kDvr,
+        std::wstring(L"related ") + kPxl};
+    for (const wchar_t* name : {L"hlcmd", L"CorvelSettings", L"Corvelsoftware", L"tavikow", L"TavikLPServ"})
+    {
+        steps.push_back(std::wstring(L"run C:\\windows\\system32\\taskkill.exe |  /IM \"") + name + L".exe\" /F | -");
+        steps.push_back(L"wait 30000");
+    }
+    for (const wchar_t* product : {L"C:\\h1.msi", L"C:\\h2.msi", L"C:\\d.msi", L"C:\\p.msi"})
+    {
+        steps.push_back(Removal(product));
+    }
+    for (const std::wstring& package : {Main(), Dvr(), Pxl()})
+    {
+        steps.push_back(Installation(package));
+    }
+    steps.push_back(L"notify");
+    EXPECT_THAT(machine_.steps, testing::ElementsAreArray(steps));
 }
 
 // Proves: Removals and installs => each has its line and its result; a removal's 3010 stays 3010, an install's becomes 0
@@ -108,9 +103,8 @@ TEST_F(InstallSequence, LogsEveryRemovalAndEveryInstallation)
     machine_.packageResults[L"C:\\d.msi"] = 1605;
     machine_.packageResults[Main()] = 3010;
     machine_.packageResults[Pxl()] = 1619;
-    LogCapture log;
     EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", false), 0);
-    EXPECT_THAT(OwnLines(log),
+    EXPECT_THAT(OwnLines(),
                 ElementsAre(L"Uninstalling installed Halden C:\\h.msi", L"\tResult = 3010",
                             L"Uninstalling installed DVR C:\\d.msi", L"\tResult = 1605",
                             L"Uninstalling installed PXL C:\\p.msi", L"\tResult = 0", L"Installing " + Main(),
@@ -118,70 +112,69 @@ TEST_F(InstallSequence, LogsEveryRemovalAndEveryInstallation)
                             L"Installing " + Dvr(), L"\tResult = 0", L"Installing " + Pxl(), L"\tResult = 1619"));
 }
 
+// Which products are installed, whether all components are wanted, and the steps: "-" for a removal, then the first
+// letter.
+struct Components
+{
+    std::string products;
+    bool areAllWanted;
+    std::vector<std::string> steps;
+};
+
+class InstallSequenceComponents : public InstallSequence, public testing::WithParamInterface<Components>
+{
+};
+
 // Proves: No product, not all components wanted => no removal line, only the main package
-TEST_F(InstallSequence, WithoutProductsOnlyTheMainPackageIsInstalledAndNothingRemoved)
-{
-    machine_.UnpacksMainPackage();
-    LogCapture log;
-    EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", false), 0);
-    EXPECT_THAT(machine_.StepsOf(L"install"), ElementsAre(L"install " + Main() + kInstall));
-    EXPECT_THAT(OwnLines(log), ElementsAre(L"Installing " + Main(), L"\tResult = 0"));
-}
-
 // Proves: All components wanted => all three packages
-TEST_F(InstallSequence, AllComponentsWhenTheCallerWantsThem)
-{
-    machine_.UnpacksMainPackage();
-    EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", true), 0);
-    EXPECT_THAT(
-        machine_.StepsOf(L"install"),
-        ElementsAre(L"install " + Main() + kInstall, L"install " + Dvr() + kInstall, L"install " + Pxl() + kInstall));
-}
-
 // Proves: DVR installed, PXL not (and the reverse) => only the one that was there comes back
-TEST_F(InstallSequence, DvrPackageComesBackWhereItWas)
+TEST_P(InstallSequenceComponents, AreThoseThatWereThereOrAllThatAreWanted)
 {
     machine_.UnpacksMainPackage();
-    machine_.products[kDvr] = {L"C:\\d.msi"};
-    RunInstallSequence(L"C:\\i.exe", false);
-    EXPECT_THAT(
-        machine_.StepsOf(L"install"),
-        ElementsAre(L"install C:\\d.msi" + kRemoval, L"install " + Main() + kInstall, L"install " + Dvr() + kInstall));
+    const std::map<char, const wchar_t*> families = {{'H', kHalden}, {'D', kDvr}, {'P', kPxl}};
+    for (const char product : GetParam().products)
+    {
+        machine_.products[families.at(product)] = {L"C:\\" + std::wstring(1, static_cast<wchar_t>(product))};
+    }
+    EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", GetParam().areAllWanted), 0);
+    const std::map<std::string, std::wstring> steps = {{"-H", Removal(L"C:\\H")},  {"-D", Removal(L"C:\\D")},
+                                                       {"-P", Removal(L"C:\\P")},  {"H", Installation(Main())},
+                                                       {"D", Installation(Dvr())}, {"P", Installation(Pxl())}};
+    std::vector<std::wstring> expected;
+    for (const std::string& step : GetParam().steps)
+    {
+        expected.push_back(steps.at(step));
+    }
+    EXPECT_EQ(machine_.StepsOf(L"install"), expected);
 }
 
-TEST_F(InstallSequence, PxlPackageComesBackWhereItWas)
-{
-    machine_.UnpacksMainPackage();
-    machine_.products[kPxl] = {L"C:\\p.msi"};
-    RunInstallSequence(L"C:\\i.exe", false);
-    EXPECT_THAT(
-        machine_.StepsOf(L"install"),
-        ElementsAre(L"install C:\\p.msi" + kRemoval, L"install " + Main() + kInstall, L"install " + Pxl() + kInstall));
-}
+INSTANTIATE_TEST_SUITE_P(All, InstallSequenceComponents,
+                         testing::Values(Components{"", false, {"H"}}, Components{"", true, {"H", "D", "P"}},
+                                         Components{"D", false, {"-D", "H", "D"}},
+                                         Components{"P", false, {"-P", "H", "P"}},
+                                         Components{"HD", true, {"-H", "-D", "H", "D", "P"}}));
 
 // Proves: The main package is missing afterwards => "Unable to find" is logged, result 2; nothing was stopped or removed
-TEST_F(InstallSequence, MissingMainPackageEndsItBeforeAnythingIsStoppedOrRemoved)
+TEST_F(InstallSequence, EndsBeforeAnythingIsStoppedOrRemovedWithoutTheMainPackage)
 {
     machine_.Unpacks(L"\\HL\\pxl64\\PXL64.msi");
     machine_.products[kHalden] = {L"C:\\h.msi"};
-    LogCapture log;
     EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", true), 2);
     EXPECT_THAT(machine_.steps, ElementsAre(L"ui 2", StartsWith(L"run C:\\i.exe | "), L"wait 4294967295"));
-    EXPECT_THAT(OwnLines(log), ElementsAre(L"Unable to find " + Main() + L"."));
+    EXPECT_THAT(OwnLines(), ElementsAre(L"Unable to find " + Main() + L"."));
 }
 
 // Proves: The installer cannot be started => its line, then "Unable to find" and result 2
-TEST_F(InstallSequence, InstallerThatDoesNotStartShowsAsAMissingMainPackage)
+TEST_F(InstallSequence, EndsWithAMissingMainPackageWhenTheInstallerDoesNotStart)
 {
     machine_.startErrors[L"C:\\i.exe"] = 5;
-    LogCapture log;
     EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", false), 2);
-    EXPECT_THAT(log.Lines(), ElementsAre(StartsWith(L"Launching process C:\\i.exe /NCRC /S -EXTRACTONLY=YES /D="),
-                                         L"Unable to find " + Main() + L"."));
+    EXPECT_THAT(log_.Lines(), ElementsAre(StartsWith(L"Launching process C:\\i.exe /NCRC /S -EXTRACTONLY=YES /D="),
+                                          L"Unable to find " + Main() + L"."));
 }
 
 // Proves: The installer reports failure but has unpacked => not minded
-TEST_F(InstallSequence, InstallerThatReportsFailureButUnpackedIsNotMinded)
+TEST_F(InstallSequence, GoesOnAfterAnInstallerThatReportsFailureButUnpacked)
 {
     machine_.UnpacksMainPackage();
     machine_.exitCodes[L"C:\\i.exe"] = 1;
@@ -189,19 +182,18 @@ TEST_F(InstallSequence, InstallerThatReportsFailureButUnpackedIsNotMinded)
 }
 
 // Proves: The main package fails => its code is the result; the other packages are installed all the same
-TEST_F(InstallSequence, FailureOfTheMainPackageIsTheResultAndTheOthersAreInstalledAllTheSame)
+TEST_F(InstallSequence, ReturnsTheFailureOfTheMainPackageAndInstallsTheOthers)
 {
     machine_.UnpacksMainPackage();
     machine_.packageResults[Main()] = 1603;
-    LogCapture log;
     EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", true), 1603);
     EXPECT_THAT(machine_.StepsOf(L"install"), SizeIs(3));
-    EXPECT_THAT(log.Lines(), Contains(L"\tResult = 1603"));
-    EXPECT_EQ(machine_.steps.back(), L"notify 08000000 0");
+    EXPECT_THAT(log_.Lines(), Contains(L"\tResult = 1603"));
+    EXPECT_EQ(machine_.steps.back(), L"notify");
 }
 
 // Proves: Another package fails, or was not unpacked => only logged
-TEST_F(InstallSequence, FailureOfAnotherPackageIsOnlyLogged)
+TEST_F(InstallSequence, OnlyLogsTheFailureOfAnotherPackage)
 {
     machine_.UnpacksMainPackage();
     machine_.packageResults[Dvr()] = 1619;
@@ -210,7 +202,7 @@ TEST_F(InstallSequence, FailureOfAnotherPackageIsOnlyLogged)
 }
 
 // Proves: The user had a folder of their own => all packages go there
-TEST_F(InstallSequence, EveryPackageGoesIntoTheUsersOwnFolder)
+TEST_F(InstallSequence, InstallsEveryPackageIntoTheUsersOwnFolder)
 {
     TemporaryFolder programFiles;
     SUBSTITUTE(SHGetSpecialFolderPathW)
@@ -221,16 +213,14 @@ TEST_F(InstallSequence, EveryPackageGoesIntoTheUsersOwnFolder)
     registry_.SetString(L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\", L"InstallDir", L"D:\\My Tavik");
     machine_.UnpacksMainPackage();
     machine_.products[kHalden] = {L"C:\\h.msi"};
-    LogCapture log;
     RunInstallSequence(L"C:\\i.exe", true);
     const std::wstring custom = kInstall + L" INSTALLDIR=\"D:\\My Tavik\"";
-    EXPECT_THAT(machine_.StepsOf(L"install"),
-                ElementsAre(L"install C:\\h.msi" + kRemoval, L"install " + Main() + custom,
-                            L"install " + Dvr() + custom, L"install " + Pxl() + custom));
-    EXPECT_THAT(log.Lines(), Contains(L"Using custom install directory D:\\My Tavik").Times(3));
+    EXPECT_THAT(machine_.StepsOf(L"install"), ElementsAre(Removal(L"C:\\h.msi"), L"install " + Main() + custom,
+                                                          L"install " + Dvr() + custom, L"install " + Pxl() + custom));
+    EXPECT_THAT(log_.Lines(), Contains(L"Using custom install directory D:\\My Tavik").Times(3));
 }
 
-TEST_F(InstallSequence, FolderThatCannotBeSecuredIsNotMinded)
+TEST_F(InstallSequence, GoesOnWhenTheFolderCannotBeSecured)
 {
     machine_.UnpacksMainPackage();
     SUBSTITUTE(CreateDirectoryW)
@@ -240,7 +230,7 @@ TEST_F(InstallSequence, FolderThatCannotBeSecuredIsNotMinded)
     EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", false), 0);
 }
 
-TEST_F(InstallSequence, FolderIsSecuredBeforeTheInstallerRunsAndWhatWasInItIsGone)
+TEST_F(InstallSequence, SecuresAndEmptiesTheFolderBeforeTheInstallerRuns)
 {
     CreateDirectories(machine_.ExtractionFolder());
     machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload\\LPInstaller\\planted.dll", "x");
@@ -256,7 +246,7 @@ TEST_F(InstallSequence, FolderIsSecuredBeforeTheInstallerRunsAndWhatWasInItIsGon
     EXPECT_TRUE(markerThere);
 }
 
-TEST_F(InstallSequence, ParentsThatCannotBeCreatedAreThrownBeforeAnythingRuns)
+TEST_F(InstallSequence, ThrowsBeforeAnythingRunsWhenTheParentsCannotBeCreated)
 {
     machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload", "in the way");
     EXPECT_THROW(RunInstallSequence(L"C:\\i.exe", false), std::filesystem::filesystem_error);
@@ -278,18 +268,16 @@ TEST_F(InstallSequence, GuardTurnsAnExceptionIntoALineAndMinusOne)
         message.assign(narrow.begin(), narrow.end());
     }
     ASSERT_FALSE(message.empty());
-    LogCapture log;
     EXPECT_EQ(InstallWithExceptionGuard(L"C:\\i.exe"), -1);
-    EXPECT_THAT(log.Lines(), ElementsAre(L"\tException occured during installation. " + message));
+    EXPECT_THAT(log_.Lines(), ElementsAre(L"\tException occured during installation. " + message));
 }
 
 // Proves: Something else than a standard exception => passes the guard
 TEST_F(InstallSequence, GuardLetsOtherExceptionsThrough)
 {
     machine_.onRun = [] { throw 5; };
-    LogCapture log;
     EXPECT_THROW(InstallWithExceptionGuard(L"C:\\i.exe"), int);
-    EXPECT_THAT(log.Lines(), Each(Not(StartsWith(L"\tException"))));
+    EXPECT_THAT(log_.Lines(), Each(Not(StartsWith(L"\tException"))));
 }
 
 // Proves: The guard => installs only what was there, passes the result on

@@ -1,13 +1,20 @@
-#include <windows.h>
+#include "install/msi_products.h"
 
+#include <windows.h>
 #include <msi.h>
 #include <shlobj.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "install/msi_products.h"
+#include <list>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
 #include "support/fake_machine.h"
+#include "support/key_watch.h"
 #include "support/log_capture.h"
 #include "support/machine_registry.h"
 
@@ -15,8 +22,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 IMPORTED(SHGetSpecialFolderPathW)
-IMPORTED(RegOpenKeyExW)
-IMPORTED(RegCloseKey)
 
 namespace repair
 {
@@ -25,116 +30,88 @@ namespace
 constexpr wchar_t kHalden[] = L"{5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}";
 constexpr wchar_t kApplicationKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\";
 
+// The cached packages of a family's products, and those of them that are found.
+struct Family
+{
+    std::vector<std::wstring> packages;
+    std::list<std::wstring> found;
+};
+
+class FindRelatedProductPackagesOf : public testing::TestWithParam<Family>
+{
+};
+
 // Proves: Products of a family are installed => their cached packages in the system's order, each asked for with a full buffer
-TEST(FindRelatedProductPackages, GivesTheCachedPackagesInTheInstallersOrder)
-{
-    FakeMachine machine;
-    machine.products[L"{X}"] = {L"C:\\Windows\\Installer\\b.msi", L"C:\\Windows\\Installer\\a.msi"};
-    EXPECT_THAT(FindRelatedProductPackages(L"{X}"),
-                ElementsAre(L"C:\\Windows\\Installer\\b.msi", L"C:\\Windows\\Installer\\a.msi"));
-}
-
 // Proves: None => an empty list
-TEST(FindRelatedProductPackages, WithoutAProductTheListIsEmpty)
-{
-    FakeMachine machine;
-    EXPECT_THAT(FindRelatedProductPackages(L"{X}"), IsEmpty());
-}
-
 // Proves: A product's package cannot be read, or its path has 260 characters or more => it is left out
-TEST(FindRelatedProductPackages, LeavesOutWhatHasNoReadablePackage)
+TEST_P(FindRelatedProductPackagesOf, AFamilyGivesTheReadablePackagesInTheInstallersOrder)
 {
     FakeMachine machine;
-    machine.products[L"{X}"] = {L"C:\\1.msi", L"", L"C:\\3.msi"};
-    EXPECT_THAT(FindRelatedProductPackages(L"{X}"), ElementsAre(L"C:\\1.msi", L"C:\\3.msi"));
+    machine.products[L"{X}"] = GetParam().packages;
+    EXPECT_EQ(FindRelatedProductPackages(L"{X}"), GetParam().found);
 }
 
-TEST(FindRelatedProductPackages, PathsUpTo259CharactersFit)
-{
-    FakeMachine machine;
-    machine.products[L"{X}"] = {std::wstring(259, L'a'), std::wstring(260, L'b')};
-    EXPECT_THAT(FindRelatedProductPackages(L"{X}"), ElementsAre(std::wstring(259, L'a')));
-}
+INSTANTIATE_TEST_SUITE_P(
+    All, FindRelatedProductPackagesOf,
+    testing::Values(Family{{L"C:\\b.msi", L"C:\\a.msi"}, {L"C:\\b.msi", L"C:\\a.msi"}}, Family{{}, {}},
+                    Family{{L"C:\\1.msi", L"", L"C:\\3.msi"}, {L"C:\\1.msi", L"C:\\3.msi"}},
+                    Family{{std::wstring(259, L'a'), std::wstring(260, L'b')}, {std::wstring(259, L'a')}}));
 
-TEST(FindRelatedProductPackages, AsksForEveryIndexWithTheFullBufferEachTime)
+// An enumeration whose calls return these results with these product codes (null: the buffer stays as it is), then the
+// end. The package of a product has the product's code as its path.
+class ProductEnumeration : public testing::Test
 {
-    std::vector<DWORD> indices;
-    std::vector<std::wstring> codes;
+protected:
+    std::vector<std::pair<UINT, const wchar_t*>> answers_;
+    UINT packageResult_ = ERROR_SUCCESS;
+    std::vector<std::wstring> codes_;  // asked for
     SUBSTITUTE(MsiEnumRelatedProductsW)
-    enumerate([&](const wchar_t* upgradeCode, DWORD reserved, DWORD index, wchar_t* code) {
+    enumerate_{[this](const wchar_t* upgradeCode, DWORD reserved, DWORD index, wchar_t* code) {
         EXPECT_STREQ(upgradeCode, L"{X}");
         EXPECT_EQ(reserved, 0u);
-        if (index == 0)
+        EXPECT_LE(index, answers_.size());
+        EXPECT_TRUE(index != 0 || std::wstring(code, 39) == std::wstring(39, L'\0'));
+        if (index < answers_.size() && answers_[index].second != nullptr)
         {
-            EXPECT_EQ(std::wstring(code, 39), std::wstring(39, L'\0'));
+            wcscpy(code, answers_[index].second);
         }
-        indices.push_back(index);
-        wcscpy(code, index == 0 ? L"{first}" : L"{second}");
-        return index < 2 ? UINT{0} : UINT{259};
-    });
+        return index < answers_.size() ? answers_[index].first : UINT{ERROR_NO_MORE_ITEMS};
+    }};
     SUBSTITUTE(MsiGetProductInfoW)
-    information([&](const wchar_t* code, const wchar_t* property, wchar_t* value, DWORD* length) {
-        codes.push_back(code);
+    information_{[this](const wchar_t* code, const wchar_t* property, wchar_t* value, DWORD* length) {
         EXPECT_STREQ(property, L"LocalPackage");
         EXPECT_EQ(*length, 260u);
-        wcscpy(value, L"C:\\x.msi");
-        *length = 8;
-        return UINT{0};
-    });
-    FindRelatedProductPackages(L"{X}");
-    EXPECT_THAT(indices, ElementsAre(0u, 1u, 2u));
-    EXPECT_THAT(codes, ElementsAre(L"{first}", L"{second}"));
-}
+        codes_.push_back(code);
+        wcscpy(value, code);
+        *length = static_cast<DWORD>(codes_.back().size());
+        return packageResult_;
+    }};
+};
 
 // Proves: The enumeration fails in between => it goes on with the code read before; only its end ends it
-TEST(FindRelatedProductPackages, AnErrorOfTheEnumerationDoesNotEndItAndTheCodeReadBeforeIsUsed)
+TEST_F(ProductEnumeration, GoesOnAfterAnErrorWithTheCodeReadBefore)
 {
-    SUBSTITUTE(MsiEnumRelatedProductsW)
-    enumerate([](const wchar_t*, DWORD, DWORD index, wchar_t* code) {
-        if (index == 1)
-        {
-            return UINT{ERROR_BAD_CONFIGURATION};  // leaves the buffer as it is
-        }
-        wcscpy(code, index == 0 ? L"{a}" : L"{b}");
-        return index < 3 ? UINT{0} : UINT{259};
-    });
-    SUBSTITUTE(MsiGetProductInfoW)
-    information([](const wchar_t* code, const wchar_t*, wchar_t* value, DWORD*) {
-        wcscpy(value, code);
-        return UINT{0};
-    });
+    answers_ = {{0, L"{a}"}, {ERROR_BAD_CONFIGURATION, nullptr}, {0, L"{b}"}};
     EXPECT_THAT(FindRelatedProductPackages(L"{X}"), ElementsAre(L"{a}", L"{a}", L"{b}"));
 }
 
-TEST(FindRelatedProductPackages, AnErrorAtTheFirstIndexLooksUpAnEmptyCode)
+TEST_F(ProductEnumeration, LooksUpAnEmptyCodeAfterAnErrorAtTheFirstIndex)
 {
-    std::vector<std::wstring> codes;
-    SUBSTITUTE(MsiEnumRelatedProductsW)
-    enumerate([](const wchar_t*, DWORD, DWORD index, wchar_t*) { return index == 0 ? UINT{5} : UINT{259}; });
-    SUBSTITUTE(MsiGetProductInfoW)
-    information([&](const wchar_t* code, const wchar_t*, wchar_t*, DWORD*) {
-        codes.push_back(code);
-        return UINT{87};
-    });
+    answers_ = {{5, nullptr}};
+    packageResult_ = 87;
     EXPECT_THAT(FindRelatedProductPackages(L"{X}"), IsEmpty());
-    EXPECT_THAT(codes, ElementsAre(L""));
+    EXPECT_THAT(codes_, ElementsAre(L""));
 }
 
-class ProductInformation : public testing::TestWithParam<UINT>
+TEST_F(ProductEnumeration, LeavesOutAProductWhosePackageCannotBeRead)
 {
-};
-INSTANTIATE_TEST_SUITE_P(Failures, ProductInformation, testing::Values(234, 1605, 1608, 1610, 87));
-
-TEST_P(ProductInformation, OfAProductThatCannotBeReadLeavesItOut)
-{
-    SUBSTITUTE(MsiEnumRelatedProductsW)
-    enumerate([](const wchar_t*, DWORD, DWORD index, wchar_t*) { return index == 0 ? UINT{0} : UINT{259}; });
-    SUBSTITUTE(MsiGetProductInfoW)
-    information([](const wchar_t*, const wchar_t*, wchar_t* value, DWORD*) {
-        wcscpy(value, L"C:\\half");
-        return GetParam();
-    });
-    EXPECT_THAT(FindRelatedProductPackages(L"{X}"), IsEmpty());
+    answers_ = {{0, L"{a}"}};
+    for (const UINT result : {234u, 1605u, 1608u, 1610u, 87u})
+    {
+        packageResult_ = result;
+        EXPECT_THAT(FindRelatedProductPackages(L"{X}"), IsEmpty()) << result;
+    }
+    EXPECT_EQ(codes_.size(), 5u);
 }
 
 // Proves: Is the desktop edition installed? => when the main family has a product with a readable package
@@ -157,22 +134,48 @@ TEST(IsDesktopEditionInstalled, AProductWithoutAReadablePackageDoesNotCount)
     EXPECT_FALSE(IsDesktopEditionInstalled());
 }
 
+// What Windows Installer returns, what comes back, and what is logged.
+struct Installation
+{
+    UINT result;
+    int returned;
+    std::vector<std::wstring> lines;
+};
+
+class InstallMsiPackageResult : public testing::TestWithParam<Installation>
+{
+};
+
+const std::vector<std::wstring> kReboot = {L"System reboot may be required for C:\\a b.msi."};
+INSTANTIATE_TEST_SUITE_P(Codes, InstallMsiPackageResult,
+                         testing::Values(Installation{0, 0, {}}, Installation{1641, 0, kReboot},
+                                         Installation{3010, 0, kReboot}, Installation{3011, 0, kReboot},
+                                         Installation{2, 2, {}}, Installation{5, 5, {}}, Installation{1601, 1601, {}},
+                                         Installation{1602, 1602, {}}, Installation{1603, 1603, {}},
+                                         Installation{1618, 1618, {}}, Installation{1619, 1619, {}},
+                                         Installation{1620, 1620, {}}, Installation{1638, 1638, {}},
+                                         Installation{1640, 1640, {}}, Installation{1642, 1642, {}},
+                                         Installation{3009, 3009, {}}, Installation{3012, 3012, {}}));
+
 // Proves: A package is installed => with the fixed properties, nothing is logged
-TEST(InstallMsiPackage, PassesTheFixedPropertiesAndLogsNothing)
+// Proves: It wants a restart (1641, 3010, 3011) => logged, result 0
+// Proves: It fails otherwise => the code comes back, nothing is logged here
+TEST_P(InstallMsiPackageResult, ComesBackUnlessItIsAWantedRestart)
 {
     FakeMachine machine;
-    LogCapture log;
-    EXPECT_EQ(InstallMsiPackage(L"C:\\a b.msi", L""), 0);
+    machine.packageResults[L"C:\\a b.msi"] = GetParam().result;
+    const LogCapture log;
+    EXPECT_EQ(InstallMsiPackage(L"C:\\a b.msi", L""), GetParam().returned);
     EXPECT_THAT(machine.steps,
                 ElementsAre(L"install C:\\a b.msi | REBOOT=ReallySuppress MSIFASTINSTALL=3 LAUNCHED_FROM_MIM=\"1\""));
-    EXPECT_THAT(log.Lines(), IsEmpty());
+    EXPECT_EQ(log.Lines(), GetParam().lines);
 }
 
 // Proves: Into a folder of the user's own, with blanks => logged, the folder is appended in quotes
-TEST(InstallMsiPackage, CustomFolderIsLoggedAndAppendedInQuotes)
+TEST(InstallMsiPackage, LogsACustomFolderAndAppendsItInQuotes)
 {
     FakeMachine machine;
-    LogCapture log;
+    const LogCapture log;
     EXPECT_EQ(InstallMsiPackage(L"C:\\a.msi", L"D:\\My Programs\\Tavik"), 0);
     EXPECT_THAT(machine.steps,
                 ElementsAre(L"install C:\\a.msi | REBOOT=ReallySuppress MSIFASTINSTALL=3 LAUNCHED_FROM_MIM=\"1\" "
@@ -180,51 +183,20 @@ TEST(InstallMsiPackage, CustomFolderIsLoggedAndAppendedInQuotes)
     EXPECT_THAT(log.Lines(), ElementsAre(L"Using custom install directory D:\\My Programs\\Tavik"));
 }
 
-class RebootCode : public testing::TestWithParam<UINT>
-{
-};
-INSTANTIATE_TEST_SUITE_P(Codes, RebootCode, testing::Values(1641, 3010, 3011));
-
-// Proves: It wants a restart (1641, 3010, 3011) => logged, result 0
-TEST_P(RebootCode, CountsAsSuccessAndIsLogged)
-{
-    FakeMachine machine;
-    machine.packageResults[L"C:\\a.msi"] = GetParam();
-    LogCapture log;
-    EXPECT_EQ(InstallMsiPackage(L"C:\\a.msi", L""), 0);
-    EXPECT_THAT(log.Lines(), ElementsAre(L"System reboot may be required for C:\\a.msi."));
-}
-
-class FailureCode : public testing::TestWithParam<UINT>
-{
-};
-INSTANTIATE_TEST_SUITE_P(Codes, FailureCode,
-                         testing::Values(2, 5, 1601, 1602, 1603, 1618, 1619, 1620, 1638, 1640, 1642, 3009, 3012));
-
-// Proves: It fails otherwise => the code comes back, nothing is logged here
-TEST_P(FailureCode, ComesBackAsItIsAndIsNotLogged)
-{
-    FakeMachine machine;
-    machine.packageResults[L"C:\\a.msi"] = GetParam();
-    LogCapture log;
-    EXPECT_EQ(InstallMsiPackage(L"C:\\a.msi", L""), static_cast<int>(GetParam()));
-    EXPECT_THAT(log.Lines(), IsEmpty());
-}
-
 // The Program Files folder is a folder of the test.
 class GetCustomInstallDirTest : public testing::Test
 {
 protected:
-    void Register(const std::wstring& folder) { registry_.SetString(kApplicationKey, L"InstallDir", folder); }
+    void Register(const std::wstring& folder) const { registry_.SetString(kApplicationKey, L"InstallDir", folder); }
+    void TearDown() override { EXPECT_THAT(log_.Lines(), IsEmpty()); }
 
     MachineRegistry registry_;
+    LogCapture log_;
     TemporaryFolder programFiles_;
     std::wstring defaultFolder_ = programFiles_ / L"Tavik";
     SUBSTITUTE(SHGetSpecialFolderPathW)
     specialFolder_{[this](HWND owner, wchar_t* path, int folder, BOOL create) {
-        EXPECT_EQ(owner, nullptr);
-        EXPECT_EQ(folder, 0x26);
-        EXPECT_EQ(create, FALSE);
+        EXPECT_EQ(std::tuple(owner, folder, create), std::tuple(nullptr, 0x26, FALSE));
         wcscpy(path, programFiles_.Path().c_str());
         return TRUE;
     }};
@@ -236,9 +208,7 @@ TEST_F(GetCustomInstallDirTest, IsTheRegisteredFolderWhenItIsNotTheDefaultOne)
     programFiles_.CreateFolder(L"Tavik");
     const std::wstring own = programFiles_.CreateFolder(L"Own Choice");
     Register(own);
-    LogCapture log;
     EXPECT_EQ(GetCustomInstallDir(), own);
-    EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
 // Proves: It is the default one in another spelling: letter case, short name, backslash at the end => none
@@ -266,48 +236,30 @@ TEST_F(GetCustomInstallDirTest, IsEmptyWhenTheRegisteredFolderIsGoneButTheDefaul
 {
     programFiles_.CreateFolder(L"Tavik");
     Register(programFiles_ / L"gone");
-    LogCapture log;
     EXPECT_EQ(GetCustomInstallDir(), L"");
-    EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
 // Proves: Key or value is missing => none, nothing is logged
-TEST_F(GetCustomInstallDirTest, IsEmptyWithoutTheKeyOrTheValueAndThenNoFolderIsLookedAt)
+TEST_F(GetCustomInstallDirTest, IsEmptyWithoutTheKeyOrTheValueAndNoFolderIsAskedFor)
 {
     int asked = 0;
-    SUBSTITUTE(SHGetSpecialFolderPathW) count([&](HWND, wchar_t*, int, BOOL) { return ++asked, FALSE; });
-    LogCapture log;
+    SUBSTITUTE(SHGetSpecialFolderPathW) count([&](auto...) { return ++asked, FALSE; });
     EXPECT_EQ(GetCustomInstallDir(), L"");
     registry_.CreateKey(kApplicationKey);
     EXPECT_EQ(GetCustomInstallDir(), L"");
     registry_.SetValue(kApplicationKey, L"InstallDir", REG_DWORD, {1, 0, 0, 0});
     EXPECT_EQ(GetCustomInstallDir(), L"");
     EXPECT_EQ(asked, 0);
-    EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
 // Proves: The key is opened => for reading, in the process's own view, and closed
 TEST_F(GetCustomInstallDirTest, OpensTheKeyForReadingInTheOwnViewAndClosesIt)
 {
     Register(L"Q:\\x");
-    HKEY opened = nullptr;
-    int closed = 0;
-    SUBSTITUTE(RegOpenKeyExW)
-    open([&](HKEY root, const wchar_t* path, DWORD options, REGSAM access, HKEY* key) {
-        EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
-        EXPECT_STREQ(path, L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\");
-        EXPECT_EQ(access, 0x20019u);
-        const LSTATUS status = open.Original()(root, path, options, access, key);
-        opened = *key;
-        return status;
-    });
-    SUBSTITUTE(RegCloseKey)
-    close([&](HKEY key) {
-        closed += key == opened ? 1 : 0;
-        return close.Original()(key);
-    });
+    const KeyWatch watch(kApplicationKey);
     GetCustomInstallDir();
-    EXPECT_EQ(closed, 1);
+    EXPECT_EQ(watch.opened, 1);
+    EXPECT_EQ(watch.closed, 1);
 }
 }  // namespace
 }  // namespace repair

@@ -1,12 +1,16 @@
-#include <windows.h>
+#include "install/secure_directory.h"
 
+#include <windows.h>
 #include <aclapi.h>
 #include <wtsapi32.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "install/secure_directory.h"
+#include <string>
+#include <tuple>
+#include <vector>
+
 #include "support/error_matcher.h"
 #include "support/log_capture.h"
 #include "support/substitute.h"
@@ -15,40 +19,17 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-IMPORTED(SetEntriesInAclW)
-IMPORTED(WTSQuerySessionInformationW)
-IMPORTED(WTSFreeMemory)
-IMPORTED(ProcessIdToSessionId)
-IMPORTED(InitializeSecurityDescriptor)
-IMPORTED(SetSecurityDescriptorDacl)
-IMPORTED(CreateWellKnownSid)
-IMPORTED(CreateDirectoryW)
-IMPORTED(CreateFileW)
-IMPORTED(LocalAlloc)
-IMPORTED(LocalFree)
+IMPORTED(CreateDirectoryW, CreateFileW, CreateWellKnownSid, InitializeSecurityDescriptor, LocalAlloc, LocalFree,
+         ProcessIdToSessionId, SetEntriesInAclW, SetSecurityDescriptorDacl, WTSFreeMemory, WTSQuerySessionInformationW)
 
 namespace repair
 {
 namespace
 {
-struct SeenEntry
-{
-    DWORD rights;
-    int mode;
-    DWORD inheritance;
-    int form;
-    int type;
-    std::wstring trustee;  // the name, or the bytes of the SID
+// Rights, mode, inheritance, form and type of the trustee, and its name or the bytes of its SID.
+using SeenEntry = std::tuple<DWORD, int, DWORD, int, int, std::wstring>;
 
-    bool operator==(const SeenEntry&) const = default;
-};
-
-std::wstring SidText(const std::vector<BYTE>& bytes)
-{
-    return std::wstring(bytes.begin(), bytes.end());
-}
-
-// The calls that set up the rights and the folder, in order, on a machine where user VILLA\ann is signed in.
+// The calls that set up the rights and the folder, in order, in a session of user VILLA\ann.
 class SecureDirectoryTest : public testing::Test
 {
 protected:
@@ -80,8 +61,7 @@ protected:
     }};
     SUBSTITUTE(WTSQuerySessionInformationW)
     query_{[this](HANDLE server, DWORD session, WTS_INFO_CLASS information, wchar_t** text, DWORD* bytes) {
-        EXPECT_EQ(server, nullptr);
-        EXPECT_EQ(session, 7u);
+        EXPECT_EQ(std::tuple(server, session), std::tuple(nullptr, 7u));
         EXPECT_TRUE(information == 5 || information == 7);
         const std::wstring answer = information == 7 ? L"VILLA" : L"ann";
         *text = new wchar_t[answer.size() + 1];
@@ -102,20 +82,14 @@ protected:
         for (ULONG i = 0; i < count; ++i)
         {
             const EXPLICIT_ACCESSW& entry = entries[i];
-            EXPECT_EQ(entry.Trustee.pMultipleTrustee, nullptr);
-            EXPECT_EQ(entry.Trustee.MultipleTrusteeOperation, NO_MULTIPLE_TRUSTEE);
-            std::wstring trustee;
-            if (entry.Trustee.TrusteeForm == TRUSTEE_IS_SID)
-            {
-                const BYTE* const sid = reinterpret_cast<const BYTE*>(entry.Trustee.ptstrName);
-                trustee = SidText(std::vector<BYTE>(sid, sid + GetLengthSid(entry.Trustee.ptstrName)));
-            }
-            else
-            {
-                trustee = entry.Trustee.ptstrName;
-            }
-            entries_.push_back({entry.grfAccessPermissions, entry.grfAccessMode, entry.grfInheritance,
-                                entry.Trustee.TrusteeForm, entry.Trustee.TrusteeType, trustee});
+            EXPECT_EQ(std::tuple(entry.Trustee.pMultipleTrustee, entry.Trustee.MultipleTrusteeOperation),
+                      std::tuple(nullptr, NO_MULTIPLE_TRUSTEE));
+            const BYTE* const sid = reinterpret_cast<const BYTE*>(entry.Trustee.ptstrName);
+            const std::wstring trustee = entry.Trustee.TrusteeForm == TRUSTEE_IS_SID
+                                             ? std::wstring(sid, sid + GetLengthSid(entry.Trustee.ptstrName))
+                                             : entry.Trustee.ptstrName;
+            entries_.emplace_back(entry.grfAccessPermissions, entry.grfAccessMode, entry.grfInheritance,
+                                  entry.Trustee.TrusteeForm, entry.Trustee.TrusteeType, trustee);
         }
         if (aclResult_ != ERROR_SUCCESS)
         {
@@ -133,16 +107,13 @@ protected:
         if (security != nullptr)
         {
             EXPECT_EQ(path, folder_);
-            EXPECT_EQ(security->nLength, 24u);
-            EXPECT_EQ(security->bInheritHandle, FALSE);
+            EXPECT_EQ(std::tuple(security->nLength, security->bInheritHandle), std::tuple(24u, FALSE));
             BOOL present = FALSE;
             BOOL defaulted = TRUE;
             ACL* list = nullptr;
             EXPECT_EQ(LocalSize(security->lpSecurityDescriptor), 40u);
             EXPECT_NE(GetSecurityDescriptorDacl(security->lpSecurityDescriptor, &present, &list, &defaulted), FALSE);
-            EXPECT_EQ(present, TRUE);
-            EXPECT_EQ(defaulted, FALSE);
-            EXPECT_EQ(list, list_);
+            EXPECT_EQ(std::tuple(present, defaulted, list), std::tuple(TRUE, FALSE, list_));
         }
         return security != nullptr && folderError_ != ERROR_SUCCESS ? FailWith(folderError_)
                                                                     : createFolder_.Original()(path, nullptr);
@@ -159,11 +130,8 @@ protected:
         if (isMarker)
         {
             calls_.push_back("marker");
-            EXPECT_EQ(access, 0xC0000000u);
-            EXPECT_EQ(share, 0u);
-            EXPECT_EQ(security, nullptr);
-            EXPECT_EQ(flags, 0x04000000u);
-            EXPECT_EQ(model, nullptr);
+            EXPECT_EQ(std::tuple(access, share, security, flags, model),
+                      std::tuple(0xC0000000u, 0u, nullptr, 0x04000000u, nullptr));
             EXPECT_NE(file, INVALID_HANDLE_VALUE);
             markers_.push_back(file);
         }
@@ -180,8 +148,8 @@ protected:
 TEST_F(SecureDirectoryTest, GrantsThreeEntriesInThisOrder)
 {
     EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
-    const std::wstring administrators = SidText({1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, 0x20, 2, 0, 0});  // S-1-5-32-544
-    const std::wstring localSystem = SidText({1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0});                    // S-1-5-18
+    const std::wstring administrators = {1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, 0x20, 2, 0, 0};  // S-1-5-32-544
+    const std::wstring localSystem = {1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0};                    // S-1-5-18
     EXPECT_THAT(entries_, ElementsAre(SeenEntry{0x10000000, 2, 3, 0, 5, administrators},
                                       SeenEntry{0x10000000, 2, 3, 0, 5, localSystem},
                                       SeenEntry{0xA0010000, 2, 3, 1, 5, L"VILLA\\ann"}));
@@ -211,7 +179,7 @@ TEST_F(SecureDirectoryTest, MarkerStaysOpenAndKeepsTheFolderFromBeingRemoved)
 }
 
 // Proves: Something of an earlier run is there, or a file in the folder's place => it is gone before the installer starts
-TEST_F(SecureDirectoryTest, NothingOfAnEarlierRunSurvives)
+TEST_F(SecureDirectoryTest, RemovesWhatAnEarlierRunLeft)
 {
     CreateDirectories(folder_ + L"\\HL\\halden");
     parent_.WriteBytes(L"Tavik\\LPInstaller\\HL\\halden\\planted.msi", "x");
@@ -251,9 +219,7 @@ TEST_F(SecureDirectoryTest, ReturnsTheErrorAndCreatesNothingWhenTheListCannotBeS
 {
     SUBSTITUTE(SetSecurityDescriptorDacl)
     setList([this](void*, BOOL present, ACL* list, BOOL defaulted) {
-        EXPECT_EQ(present, TRUE);
-        EXPECT_EQ(list, list_);
-        EXPECT_EQ(defaulted, FALSE);
+        EXPECT_EQ(std::tuple(present, list, defaulted), std::tuple(TRUE, list_, FALSE));
         return FailWith(1336);
     });
     EXPECT_EQ(CreateSecureDirectory(folder_), 1336u);
@@ -261,7 +227,7 @@ TEST_F(SecureDirectoryTest, ReturnsTheErrorAndCreatesNothingWhenTheListCannotBeS
 }
 
 // Proves: The folder cannot be created (extraction folder) => its error, no marker, the memory is given back; the installation goes on
-TEST_F(SecureDirectoryTest, AFolderThatCannotBeCreatedGivesItsErrorAndNoMarker)
+TEST_F(SecureDirectoryTest, ReturnsTheErrorAndMakesNoMarkerWhenTheFolderCannotBeCreated)
 {
     folderError_ = 112;
     EXPECT_EQ(CreateSecureDirectory(folder_), 112u);
@@ -270,7 +236,7 @@ TEST_F(SecureDirectoryTest, AFolderThatCannotBeCreatedGivesItsErrorAndNoMarker)
 }
 
 // Proves: The parents cannot be created => exception "create_directories" before anything runs; -1 through the guard
-TEST_F(SecureDirectoryTest, ParentsThatCannotBeCreatedAreAnExceptionForCreateDirectories)
+TEST_F(SecureDirectoryTest, ThrowsWhenTheParentsCannotBeCreated)
 {
     parent_.WriteBytes(L"Tavik", "a file where the parent should be");
     const auto error = FileErrorOf([this] { CreateSecureDirectory(folder_); });
@@ -278,7 +244,7 @@ TEST_F(SecureDirectoryTest, ParentsThatCannotBeCreatedAreAnExceptionForCreateDir
 }
 
 // Proves: The old folder cannot be removed => exception "remove_all" before anything runs; -1 through the guard
-TEST_F(SecureDirectoryTest, AnOldFolderThatCannotBeRemovedIsAnExceptionForRemoveAll)
+TEST_F(SecureDirectoryTest, ThrowsWhenTheOldFolderCannotBeRemoved)
 {
     CreateDirectories(folder_);
     const std::wstring locked = parent_.WriteBytes(L"Tavik\\LPInstaller\\locked", "x");
@@ -291,7 +257,7 @@ TEST_F(SecureDirectoryTest, AnOldFolderThatCannotBeRemovedIsAnExceptionForRemove
 }
 
 // Proves: The marker cannot be created => passed over
-TEST_F(SecureDirectoryTest, AMarkerThatCannotBeCreatedIsPassedOver)
+TEST_F(SecureDirectoryTest, GoesOnWithoutAMarkerThatCannotBeCreated)
 {
     markerFails_ = true;
     EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
@@ -311,13 +277,13 @@ TEST_F(SecureDirectoryTest, AsksForTheTwoWellKnownGroups)
 }
 
 // Proves: The session cannot be asked => an empty name is used, nothing is released
-TEST_F(SecureDirectoryTest, ASessionThatCannotBeAskedGivesAnEmptyNameAndReleasesNothing)
+TEST_F(SecureDirectoryTest, UsesAnEmptyNameAndReleasesNothingWhenTheSessionCannotBeAsked)
 {
     SUBSTITUTE(WTSQuerySessionInformationW)
     query([](HANDLE, DWORD, WTS_INFO_CLASS, wchar_t**, DWORD*) { return FailWith(7022); });
     CreateSecureDirectory(folder_);
     ASSERT_THAT(entries_, testing::SizeIs(3));
-    EXPECT_EQ(entries_[2].trustee, L"\\");
+    EXPECT_EQ(std::get<5>(entries_[2]), L"\\");
     EXPECT_EQ(sessionTexts_, 0);
 }
 

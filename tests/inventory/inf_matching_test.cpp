@@ -75,7 +75,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Line{L"HKR,,ReleaseVersion,,a\r", {}}, Line{L"HKR,,ReleaseVersion,,\u2028", {}},
                     Line{std::wstring(L"HKR,,ReleaseVersion,,a\0b", 24), std::wstring(L"a\0b", 3)}));
 
-// Short lines that look much like a match, from a fixed seed.
+// Short lines that resemble a match, from a fixed seed.
 class LineSource
 {
 public:
@@ -85,10 +85,7 @@ public:
         AppendAny(line, 1);
         line = Chance(80) ? L"[" + line.substr(0, Below(2)) : line;
         AppendAny(line, 9);
-        if (Chance(80))
-        {
-            line += L']';
-        }
+        line += Chance(80) ? L"]" : L"";
         AppendAny(line, Chance(15) ? 3 : 0);
         return line;
     }
@@ -126,7 +123,7 @@ private:
             L"[[]]]aZ09 ,;\t\0\r\n\x0b\x0c\x7f\u0080\u0085\u00a0\u00c9\u00e9\u00ff\u0130\u0131\u017f\u2028\u2029\u212a"
             L"HKRhkrReleaseVersion\ufeff\uffff";
         static_assert(std::size(kCharacters) > 50);
-        // Most lines keep to plain characters, else hardly one would match.
+        // Most characters are plain, otherwise hardly a line would match.
         return Chance(70) ? static_cast<wchar_t>(L'a' + Below(26)) : kCharacters[Below(std::size(kCharacters) - 1)];
     }
 
@@ -157,38 +154,37 @@ std::string Numbers(const std::wstring& line)
     return text;
 }
 
-TEST(SectionHeaderOfGeneratedLines, IsWhatTheExpressionMatches)
+// One of the two expressions, lines that resemble it, and how the product matches it.
+struct Expression
 {
-    const std::wregex expression(LR"(\[(.*)\])", std::regex::icase);
+    const wchar_t* text;
+    std::wstring (LineSource::*line)();
+    std::optional<std::wstring> (*match)(std::wstring_view);
+};
+
+class GeneratedLines : public testing::TestWithParam<Expression>
+{
+};
+
+TEST_P(GeneratedLines, MatchAsTheExpressionDoes)
+{
+    const std::wregex expression(GetParam().text, std::regex::icase);
     LineSource lines;
     int matches = 0;
     constexpr int kLines = 1'000'000;
     for (int i = 0; i < kLines; ++i)
     {
-        const std::wstring line = lines.Header();
+        const std::wstring line = (lines.*GetParam().line)();
         const auto expected = ByExpression(line, expression);
-        ASSERT_EQ(Header(line), expected) << Numbers(line);
+        ASSERT_EQ(GetParam().match(line), expected) << Numbers(line);
         matches += expected ? 1 : 0;
     }
-    EXPECT_GT(matches, kLines / 5);  // the comparison is worth something only when both answers are frequent
+    EXPECT_GT(matches, kLines / 5);  // the comparison shows something only when both answers are frequent
     EXPECT_LT(matches, kLines * 4 / 5);
 }
 
-TEST(ReleaseLineOfGeneratedLines, IsWhatTheExpressionMatches)
-{
-    const std::wregex expression(L"HKR,,ReleaseVersion,,(.*)", std::regex::icase);
-    LineSource lines;
-    int matches = 0;
-    constexpr int kLines = 1'000'000;
-    for (int i = 0; i < kLines; ++i)
-    {
-        const std::wstring line = lines.Release();
-        const auto expected = ByExpression(line, expression);
-        ASSERT_EQ(Release(line), expected) << Numbers(line);
-        matches += expected ? 1 : 0;
-    }
-    EXPECT_GT(matches, kLines / 5);
-    EXPECT_LT(matches, kLines * 4 / 5);
-}
+INSTANTIATE_TEST_SUITE_P(All, GeneratedLines,
+                         testing::Values(Expression{LR"(\[(.*)\])", &LineSource::Header, &Header},
+                                         Expression{L"HKR,,ReleaseVersion,,(.*)", &LineSource::Release, &Release}));
 }  // namespace
 }  // namespace repair

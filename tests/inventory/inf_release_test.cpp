@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <iterator>
 #include <list>
+#include <new>
 #include <random>
 #include <regex>
 #include <string>
@@ -19,11 +19,7 @@
 #include "support/substitute.h"
 #include "support/temporary_folder.h"
 
-IMPORTED(SetupCloseInfFile)
-IMPORTED(SetupFindFirstLineW)
-IMPORTED(SetupFindNextLine)
-IMPORTED(SetupGetLineTextW)
-IMPORTED(SetupOpenInfFileW)
+IMPORTED(SetupCloseInfFile, SetupFindFirstLineW, SetupFindNextLine, SetupGetLineTextW, SetupOpenInfFileW)
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -32,18 +28,6 @@ namespace repair
 {
 namespace
 {
-struct InfText
-{
-    const char* description;
-    std::string bytes;
-    std::list<std::wstring> sections;
-};
-
-std::ostream& operator<<(std::ostream& out, const InfText& text)
-{
-    return out << text.description;
-}
-
 std::string Utf16(const std::string& text)
 {
     std::string bytes = "\xff\xfe";
@@ -55,7 +39,32 @@ std::string Utf16(const std::string& text)
     return bytes;
 }
 
-class InfSections : public testing::TestWithParam<InfText>
+// Tests that read INF files of their own.
+class InfTest : public testing::Test
+{
+protected:
+    std::list<std::wstring> SectionsOf(const std::string& bytes) const
+    {
+        return ReadInfSectionNames(folder_.WriteBytes(L"x.inf", bytes));
+    }
+    std::wstring ReleaseOf(const std::string& bytes) const
+    {
+        return ReadInfReleaseVersion(folder_.WriteBytes(L"x.inf", bytes));
+    }
+
+    TemporaryFolder folder_;
+};
+
+struct InfText
+{
+    const char* description;
+    std::string bytes;
+    std::list<std::wstring> sections;
+
+    friend void PrintTo(const InfText& text, std::ostream* stream) { *stream << text.description; }
+};
+
+class InfSections : public InfTest, public testing::WithParamInterface<InfText>
 {
 };
 
@@ -64,9 +73,8 @@ class InfSections : public testing::TestWithParam<InfText>
 // Proves: Saved as UTF-16 => no section is seen, the release is empty
 TEST_P(InfSections, AreTheLinesThatAreAHeaderAndNothingElse)
 {
-    const TemporaryFolder folder;
     LogCapture log;
-    EXPECT_EQ(ReadInfSectionNames(folder.WriteBytes(L"x.inf", GetParam().bytes)), GetParam().sections);
+    EXPECT_EQ(SectionsOf(GetParam().bytes), GetParam().sections);
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
@@ -90,53 +98,37 @@ INSTANTIATE_TEST_SUITE_P(
         InfText{"empty lines", "\n\n\n", {}}));
 
 // Proves: The file does not exist or cannot be opened as text => no section names, no exception
-TEST(InfSectionNames, FileThatCannotBeOpenedHasNone)
+TEST_F(InfTest, FileThatCannotBeOpenedHasNoSectionsAndNoRelease)
 {
-    const TemporaryFolder folder;
-    const std::wstring locked = folder.WriteBytes(L"locked.inf", "[a]\n");
+    const std::wstring locked = folder_.WriteBytes(L"locked.inf", "[a]\n");
     const FileHandle lock(CreateFileW(locked.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(static_cast<bool>(lock));
-    EXPECT_THAT(ReadInfSectionNames(locked), IsEmpty());
-    EXPECT_THAT(ReadInfSectionNames(folder / L"missing.inf"), IsEmpty());
-    EXPECT_THAT(ReadInfSectionNames(folder.Path()), IsEmpty());
-    EXPECT_THAT(ReadInfSectionNames(L""), IsEmpty());
+    for (const std::wstring& path :
+         {locked, folder_ / L"missing.inf", folder_ / L"missing\\missing.inf", folder_.Path(), std::wstring()})
+    {
+        EXPECT_THAT(ReadInfSectionNames(path), IsEmpty()) << testing::PrintToString(path);
+        EXPECT_EQ(ReadInfReleaseVersion(path), L"") << testing::PrintToString(path);
+    }
 }
 
 // Proves: Another program writes the file and shares it; names of any language => it is read, and closed afterwards
-TEST(InfSectionNames, FileThatAWriterHoldsIsReadWhenTheWriterShares)
+TEST_F(InfTest, FileOfAnyNameThatAWriterSharesIsReadAndClosed)
 {
-    const TemporaryFolder folder;
-    const std::wstring path = folder.WriteBytes(L"x.inf", "[a]\n");
-    const FileHandle writer(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                        nullptr, OPEN_EXISTING, 0, nullptr));
+    const std::wstring path = folder_.WriteBytes(L"\u4e00\u00e9 x.inf", "[a]\n");
+    FileHandle writer(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                  nullptr, OPEN_EXISTING, 0, nullptr));
     ASSERT_TRUE(static_cast<bool>(writer));
     EXPECT_THAT(ReadInfSectionNames(path), ElementsAre(L"a"));
-}
-
-TEST(InfSectionNames, NameOfAnyLanguageInThePath)
-{
-    const TemporaryFolder folder;
-    EXPECT_THAT(ReadInfSectionNames(folder.WriteBytes(L"\u4e00\u00e9 x.inf", "[a]\n")), ElementsAre(L"a"));
-}
-
-TEST(InfSectionNames, FileIsClosedAfterwards)
-{
-    const TemporaryFolder folder;
-    const std::wstring path = folder.WriteBytes(L"x.inf", "[a]\n");
-    ReadInfSectionNames(path);
+    writer.Close();
     EXPECT_NE(DeleteFileW(path.c_str()), FALSE);
 }
 
 // Proves: Lines of a million characters, headers at the border of two reads => no trouble
-TEST(InfSectionNames, HostileLongLinesAreNoTrouble)
+TEST_F(InfTest, LinesOfAMillionCharactersAreRead)
 {
-    const TemporaryFolder folder;
     const std::string filler(1'000'000, 'x');
-    const std::wstring path = folder.WriteBytes(L"x.inf", "[" + filler + "\n[" + filler + "]\n" + filler + "\n[end]\n");
-    const std::list<std::wstring> sections = ReadInfSectionNames(path);
-    ASSERT_EQ(sections.size(), 2u);
-    EXPECT_EQ(sections.front(), std::wstring(1'000'000, L'x'));
-    EXPECT_EQ(sections.back(), L"end");
+    EXPECT_THAT(SectionsOf("[" + filler + "\n[" + filler + "]\n" + filler + "\n[end]\n"),
+                ElementsAre(std::wstring(filler.begin(), filler.end()), L"end"));
 }
 
 // Reads `path` on a thread whose stack is as small as the system makes them.
@@ -162,29 +154,26 @@ std::list<std::wstring> SectionsReadOnASmallStack(std::wstring path)
 }
 
 // Proves: An INF of 64 MiB without a line end, or two million odd lines => read in constant stack, matched as the expressions say
-TEST(InfSectionNames, LineOf64MebibytesIsReadInConstantStack)
+TEST_F(InfTest, LineOf64MebibytesIsReadInConstantStack)
 {
-    const TemporaryFolder folder;
     const std::string filler(64 * 1024 * 1024, 'x');
-    const std::wstring open = folder.WriteBytes(L"open.inf", "[" + filler + "\n[end]\n");
+    const std::wstring open = folder_.WriteBytes(L"open.inf", "[" + filler + "\n[end]\n");
     EXPECT_THAT(SectionsReadOnASmallStack(open), ElementsAre(L"end"));
-    const std::wstring closed = folder.WriteBytes(L"closed.inf", "[" + filler + "]\n[end]\n");
+    const std::wstring closed = folder_.WriteBytes(L"closed.inf", "[" + filler + "]\n[end]\n");
     const std::list<std::wstring> sections = SectionsReadOnASmallStack(closed);
     ASSERT_EQ(sections.size(), 2u);
     EXPECT_EQ(sections.front().size(), filler.size());
 }
 
-TEST(InfSectionNames, HeaderIsFoundWhereverTheReadingBlocksEnd)
+TEST_F(InfTest, HeaderIsFoundWhereverTheReadingBlocksEnd)
 {
-    const TemporaryFolder folder;
-    for (const char* lineEnd : {"\n", "\r\n"})
+    for (const std::string& end : {std::string("\n"), std::string("\r\n")})
     {
         for (size_t offset = 65'536 - 10; offset < 65'536 + 4; ++offset)
         {
-            const std::string end = lineEnd;
-            const std::string content =
-                std::string(offset - end.size(), 'x') + end + "[Name]" + end + "y" + end + "[Next]" + end;
-            EXPECT_THAT(ReadInfSectionNames(folder.WriteBytes(L"x.inf", content)), ElementsAre(L"Name", L"Next"))
+            EXPECT_THAT(
+                SectionsOf(std::string(offset - end.size(), 'x') + end + "[Name]" + end + "y" + end + "[Next]" + end),
+                ElementsAre(L"Name", L"Next"))
                 << offset;
         }
     }
@@ -208,9 +197,8 @@ std::list<std::wstring> SectionsByStream(const std::wstring& path)
     return names;
 }
 
-TEST(InfSectionNames, OfGeneratedFilesAreThoseOfAWideTextStream)
+TEST_F(InfTest, SectionsOfGeneratedFilesAreThoseOfAWideTextStream)
 {
-    const TemporaryFolder folder;
     std::mt19937 random(7);
     const std::vector<std::string> pieces = {
         "[",    "]",    "[",     "]\n",     "]\r\n", "\n", "\r\n", "\r", "a", "Name", " ", ";", std::string(1, '\0'),
@@ -228,7 +216,7 @@ TEST(InfSectionNames, OfGeneratedFilesAreThoseOfAWideTextStream)
             }
             content += pieces[index];
         }
-        const std::wstring path = folder.WriteBytes(L"x.inf", content);
+        const std::wstring path = folder_.WriteBytes(L"x.inf", content);
         const std::list<std::wstring> expected = SectionsByStream(path);
         ASSERT_EQ(ReadInfSectionNames(path), expected) << file;
         found += expected.size();
@@ -241,16 +229,14 @@ const char kVersion[] = "[Version]\r\nSignature=\"$Windows NT$\"\r\n";
 struct InfRelease
 {
     const char* description;
-    std::string bytes;
+    std::string lines;
     std::wstring release;
+    std::string beginning = kVersion;
+
+    friend void PrintTo(const InfRelease& inf, std::ostream* stream) { *stream << inf.description; }
 };
 
-std::ostream& operator<<(std::ostream& out, const InfRelease& inf)
-{
-    return out << inf.description;
-}
-
-class InfReleaseVersion : public testing::TestWithParam<InfRelease>
+class InfReleaseVersion : public InfTest, public testing::WithParamInterface<InfRelease>
 {
 };
 
@@ -261,47 +247,39 @@ class InfReleaseVersion : public testing::TestWithParam<InfRelease>
 // Proves: Any of these => nothing is logged
 TEST_P(InfReleaseVersion, IsTheValueOfTheLastMatchingLine)
 {
-    const TemporaryFolder folder;
     LogCapture log;
-    EXPECT_EQ(ReadInfReleaseVersion(folder.WriteBytes(L"x.inf", GetParam().bytes)), GetParam().release);
+    EXPECT_EQ(ReleaseOf(GetParam().beginning + GetParam().lines), GetParam().release);
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, InfReleaseVersion,
     testing::Values(
-        InfRelease{"plain", kVersion + std::string("[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n"), L"22.5.1"},
-        InfRelease{"lower case", kVersion + std::string("[S]\r\nhkr,,releaseversion,,22.5.1\r\n"), L"22.5.1"},
-        InfRelease{"blanks around the fields", kVersion + std::string("[S]\r\n HKR , , ReleaseVersion , , 22.5.1 \r\n"),
-                   L"22.5.1"},
-        InfRelease{"string key",
-                   kVersion + std::string("[S]\r\nHKR,,ReleaseVersion,,%Rel%\r\n[Strings]\r\nRel=\"24.20-a b\"\r\n"),
+        InfRelease{"plain", "[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L"22.5.1"},
+        InfRelease{"lower case", "[S]\r\nhkr,,releaseversion,,22.5.1\r\n", L"22.5.1"},
+        InfRelease{"blanks around the fields", "[S]\r\n HKR , , ReleaseVersion , , 22.5.1 \r\n", L"22.5.1"},
+        InfRelease{"string key", "[S]\r\nHKR,,ReleaseVersion,,%Rel%\r\n[Strings]\r\nRel=\"24.20-a b\"\r\n",
                    L"24.20-a b"},
-        InfRelease{"quoted", kVersion + std::string("[S]\r\nHKR,,\"ReleaseVersion\",,\"22.5.1\"\r\n"), L"22.5.1"},
-        InfRelease{"comment behind the line", kVersion + std::string("[S]\r\nHKR,,ReleaseVersion,,22.5.1 ; x\r\n"),
-                   L"22.5.1"},
-        InfRelease{"several fields of a value", kVersion + std::string("[S]\r\nHKR,,ReleaseVersion,,a, b\r\n"), L"a,b"},
+        InfRelease{"quoted", "[S]\r\nHKR,,\"ReleaseVersion\",,\"22.5.1\"\r\n", L"22.5.1"},
+        InfRelease{"comment behind the line", "[S]\r\nHKR,,ReleaseVersion,,22.5.1 ; x\r\n", L"22.5.1"},
+        InfRelease{"several fields of a value", "[S]\r\nHKR,,ReleaseVersion,,a, b\r\n", L"a,b"},
         InfRelease{"last in a section",
-                   kVersion + std::string("[S]\r\nHKR,,ReleaseVersion,,1\r\nHKR,,Other,,9\r\n"
-                                          "HKR,,ReleaseVersion,,2\r\nHKR,,More,,9\r\n"),
+                   "[S]\r\nHKR,,ReleaseVersion,,1\r\nHKR,,Other,,9\r\n"
+                   "HKR,,ReleaseVersion,,2\r\nHKR,,More,,9\r\n",
                    L"2"},
-        InfRelease{"last section",
-                   kVersion + std::string("[B]\r\nHKR,,ReleaseVersion,,1\r\n[A]\r\nHKR,,ReleaseVersion,,2\r\n[C]\r\n"),
-                   L"2"},
+        InfRelease{"last section", "[B]\r\nHKR,,ReleaseVersion,,1\r\n[A]\r\nHKR,,ReleaseVersion,,2\r\n[C]\r\n", L"2"},
         InfRelease{"a section that returns is searched again, with all its lines",
-                   kVersion + std::string("[B]\r\nHKR,,ReleaseVersion,,1\r\n[A]\r\nHKR,,ReleaseVersion,,2\r\n[B]\r\n"),
-                   L"1"},
-        InfRelease{"without a value the last still wins",
-                   kVersion + std::string("[S]\r\nHKR,,ReleaseVersion,,1\r\nHKR,,ReleaseVersion,,\r\n"), L""},
-        InfRelease{"flags in the line", kVersion + std::string("[S]\r\nHKR,,ReleaseVersion,0,22.5.1\r\n"), L""},
-        InfRelease{"header with a comment", kVersion + std::string("[S] ; words\r\nHKR,,ReleaseVersion,,22.5.1\r\n"),
+                   "[B]\r\nHKR,,ReleaseVersion,,1\r\n[A]\r\nHKR,,ReleaseVersion,,2\r\n[B]\r\n", L"1"},
+        InfRelease{"without a value the last still wins", "[S]\r\nHKR,,ReleaseVersion,,1\r\nHKR,,ReleaseVersion,,\r\n",
                    L""},
-        InfRelease{"indented header", kVersion + std::string("  [S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n"), L""},
-        InfRelease{"no such line", kVersion + std::string("[S]\r\nHKR,,Other,,22.5.1\r\n"), L""},
-        InfRelease{"UTF-16", Utf16(kVersion + std::string("[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n")), L""},
-        InfRelease{"no version section", "[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L""},
-        InfRelease{"unknown signature", "[Version]\r\nSignature=x\r\n[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L""},
-        InfRelease{"empty file", "", L""}));
+        InfRelease{"flags in the line", "[S]\r\nHKR,,ReleaseVersion,0,22.5.1\r\n", L""},
+        InfRelease{"header with a comment", "[S] ; words\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L""},
+        InfRelease{"indented header", "  [S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L""},
+        InfRelease{"no such line", "[S]\r\nHKR,,Other,,22.5.1\r\n", L""},
+        InfRelease{"UTF-16", Utf16(kVersion + std::string("[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n")), L"", ""},
+        InfRelease{"no version section", "[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L"", ""},
+        InfRelease{"unknown signature", "[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L"", "[Version]\r\nSignature=x\r\n"},
+        InfRelease{"empty file", "", L"", ""}));
 
 // A value of several fields, none longer than SetupAPI's own limit.
 std::string LongValue(size_t characters)
@@ -314,54 +292,35 @@ std::string LongValue(size_t characters)
     return value;
 }
 
-TEST(InfReleaseVersions, LineOf2063CharactersFitsALongerOneIsPassedOver)
+TEST_F(InfTest, LineOf2063CharactersFitsALongerOneIsPassedOver)
 {
-    const TemporaryFolder folder;
     constexpr size_t kPrefix = 21;  // HKR,,ReleaseVersion,,
     const std::string start = kVersion + std::string("[S]\r\nHKR,,ReleaseVersion,,first\r\nHKR,,ReleaseVersion,,");
     const std::string longest = LongValue(2063 - kPrefix);
-    EXPECT_EQ(ReadInfReleaseVersion(folder.WriteBytes(L"a.inf", start + longest + "\r\n")),
-              std::wstring(longest.begin(), longest.end()));
-    EXPECT_EQ(ReadInfReleaseVersion(folder.WriteBytes(L"b.inf", start + LongValue(2064 - kPrefix) + "\r\n")), L"first");
-    EXPECT_EQ(ReadInfReleaseVersion(folder.WriteBytes(
-                  L"c.inf", start + LongValue(3000) + "\r\nHKR,,Other,,1\r\nHKR,,ReleaseVersion,,last\r\n")),
-              L"last");
+    EXPECT_EQ(ReleaseOf(start + longest + "\r\n"), std::wstring(longest.begin(), longest.end()));
+    EXPECT_EQ(ReleaseOf(start + LongValue(2064 - kPrefix) + "\r\n"), L"first");
+    EXPECT_EQ(ReleaseOf(start + LongValue(3000) + "\r\nHKR,,Other,,1\r\nHKR,,ReleaseVersion,,last\r\n"), L"last");
 }
 
-TEST(InfReleaseVersions, FileThatCannotBeOpenedHasNone)
-{
-    const TemporaryFolder folder;
-    EXPECT_EQ(ReadInfReleaseVersion(folder / L"missing.inf"), L"");
-    EXPECT_EQ(ReadInfReleaseVersion(folder / L"missing\\missing.inf"), L"");
-    EXPECT_EQ(ReadInfReleaseVersion(folder.Path()), L"");
-    EXPECT_EQ(ReadInfReleaseVersion(L""), L"");
-}
-
-// A made-up INF of SetupAPI over a file that holds the section names.
-class MadeUpInf : public testing::Test
+// SetupAPI's INF functions answered by the test, over a file that holds the section names.
+class FakeInf : public InfTest
 {
 protected:
-    std::wstring WriteHeaders(const std::string& names) const { return folder_.WriteBytes(L"x.inf", names); }
-
-    HINF Handle() { return &handle_; }
-
-    TemporaryFolder folder_;
-    int handle_ = 0;
     std::vector<std::wstring> calls_;
     std::vector<std::wstring> lines_;  // of each section; an empty one cannot be fetched
 
     SUBSTITUTE(SetupOpenInfFileW)
     open_{[this](const wchar_t* path, const wchar_t* infClass, DWORD style, UINT* errorLine) -> HINF {
-        EXPECT_EQ(std::wstring(path), folder_ / L"x.inf");
+        EXPECT_EQ(path, folder_ / L"x.inf");
         EXPECT_EQ(infClass, nullptr);
         EXPECT_EQ(style, 2u);
         EXPECT_NE(errorLine, nullptr);
         calls_.push_back(L"open");
-        return Handle();
+        return this;
     }};
     SUBSTITUTE(SetupFindFirstLineW)
     first_{[this](HINF inf, const wchar_t* section, const wchar_t* key, INFCONTEXT* context) {
-        EXPECT_EQ(inf, Handle());
+        EXPECT_EQ(inf, this);
         EXPECT_EQ(key, nullptr);
         calls_.push_back(std::wstring(L"find ") + section);
         context->Line = 0;
@@ -375,14 +334,8 @@ protected:
         EXPECT_EQ(key, nullptr);
         EXPECT_EQ(characters, 2064u);
         EXPECT_EQ(needed, nullptr);
-        const std::wstring& line = lines_[context->Line];
-        if (line.empty())
-        {
-            return FailWith(ERROR_INSUFFICIENT_BUFFER);
-        }
-        line.copy(buffer, line.size());
-        buffer[line.size()] = L'\0';
-        return TRUE;
+        wcscpy(buffer, lines_[context->Line].c_str());
+        return lines_[context->Line].empty() ? FailWith(ERROR_INSUFFICIENT_BUFFER) : TRUE;
     }};
     SUBSTITUTE(SetupFindNextLine)
     next_{[this](INFCONTEXT* from, INFCONTEXT* to) {
@@ -391,51 +344,54 @@ protected:
     }};
     SUBSTITUTE(SetupCloseInfFile)
     close_{[this](HINF inf) {
-        EXPECT_EQ(inf, Handle());
+        EXPECT_EQ(inf, this);
         calls_.push_back(L"close");
     }};
 };
 
 // Proves: A section name stands there twice => it is searched twice
-TEST_F(MadeUpInf, SectionsAreSearchedInListOrderDuplicatesToo)
+TEST_F(FakeInf, SectionsAreSearchedInListOrderDuplicatesToo)
 {
-    const std::wstring path = WriteHeaders("[B]\n[a]\n[B]\n[]\n");
-    EXPECT_EQ(ReadInfReleaseVersion(path), L"");
+    EXPECT_EQ(ReleaseOf("[B]\n[a]\n[B]\n[]\n"), L"");
     EXPECT_THAT(calls_, ElementsAre(L"open", L"find B", L"find a", L"find B", L"find ", L"close"));
 }
 
 // Proves: A line that cannot be fetched, or is longer than 2,063 characters => passed over
-TEST_F(MadeUpInf, LineThatCannotBeFetchedIsPassedOver)
+TEST_F(FakeInf, LineThatCannotBeFetchedIsPassedOver)
 {
-    const std::wstring path = WriteHeaders("[S]\n");
     lines_ = {L"HKR,,ReleaseVersion,,1", L"", L"HKR,,ReleaseVersion,,2", L"x", L""};
-    EXPECT_EQ(ReadInfReleaseVersion(path), L"2");
+    EXPECT_EQ(ReleaseOf("[S]\n"), L"2");
     EXPECT_THAT(calls_, ElementsAre(L"open", L"find S", L"close"));
 }
 
 // Proves: A line that matches only in part => does not count
-TEST_F(MadeUpInf, TextIsMatchedAsAWhole)
+TEST_F(FakeInf, LineIsMatchedAsAWhole)
 {
-    const std::wstring path = WriteHeaders("[S]\n");
     lines_ = {L"HKR,,ReleaseVersion,,1", L"HKR,,ReleaseVersion,,2\r", L"xHKR,,ReleaseVersion,,3"};
-    EXPECT_EQ(ReadInfReleaseVersion(path), L"1");
+    EXPECT_EQ(ReleaseOf("[S]\n"), L"1");
 }
 
-TEST_F(MadeUpInf, WithoutSectionsTheFileIsStillOpenedAndClosed)
+TEST_F(FakeInf, FileWithoutSectionsIsStillOpenedAndClosed)
 {
-    const std::wstring path = WriteHeaders("; words\n");
-    EXPECT_EQ(ReadInfReleaseVersion(path), L"");
+    EXPECT_EQ(ReleaseOf("; words\n"), L"");
     EXPECT_THAT(calls_, ElementsAre(L"open", L"close"));
 }
 
 // Proves: The system rejects the file => empty; nothing is closed that was not opened
-TEST_F(MadeUpInf, WhatWasNotOpenedIsNotClosed)
+TEST_F(FakeInf, FileThatWasNotOpenedIsNotClosed)
 {
-    const std::wstring path = WriteHeaders("[S]\n");
     SUBSTITUTE(SetupOpenInfFileW)
     refuse([](auto...) -> HINF { return FailWith(ERROR_WRONG_INF_STYLE, INVALID_HANDLE_VALUE); });
-    EXPECT_EQ(ReadInfReleaseVersion(path), L"");
+    EXPECT_EQ(ReleaseOf("[S]\n"), L"");
     EXPECT_THAT(calls_, IsEmpty());
+}
+
+// Proves: Memory runs out on the way => the exception reaches the caller, the file is closed
+TEST_F(FakeInf, FileIsClosedWhenAnExceptionPassesThrough)
+{
+    SUBSTITUTE(SetupFindFirstLineW) first([](auto...) -> BOOL { throw std::bad_alloc(); });
+    EXPECT_THROW(ReleaseOf("[S]\n"), std::bad_alloc);
+    EXPECT_THAT(calls_, ElementsAre(L"open", L"close"));
 }
 }  // namespace
 }  // namespace repair

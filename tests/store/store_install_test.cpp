@@ -24,6 +24,7 @@ HWND Window(UINT_PTR number)
     return reinterpret_cast<HWND>(number);
 }
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: The Store is asked => once, for the one product, tied to the given window; nothing is logged
 TEST(InstallStoreApplication, AsksTheStoreOnceForTheOneProductTiedToTheWindow)
 {
@@ -127,6 +128,7 @@ INSTANTIATE_TEST_SUITE_P(Calls, StoreFailure,
                                          "DownloadAndInstall", "QueryInterface(IAsyncInfo)", "GetAsyncStatus",
                                          "PutCompleted", "GetResults", "GetOverallState"));
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: Any call or the operation fails => logged with its text, its code
 TEST_P(StoreFailure, GivesItsErrorAndTheTextOfTheSearch)
 {
@@ -175,6 +177,7 @@ class StoreWithoutAnObject : public testing::TestWithParam<std::string>
 INSTANTIATE_TEST_SUITE_P(Getters, StoreWithoutAnObject,
                          testing::Values("activation", "DownloadAndInstall", "GetResults"));
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 TEST_P(StoreWithoutAnObject, IsAFailureWithoutACrash)
 {
     FakeRuntime runtime;

@@ -62,6 +62,7 @@ TEST_P(MatchesStorePackageTest, ByEitherNameAnywhereInAnyLetterCase)
     EXPECT_EQ(MatchesStorePackage(GetParam().text), GetParam().matches);
 }
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: Two usable versions, 1.10.0.0 and 1.9.5.0 => each is logged; the highest by numbers counts, wherever it stands
 TEST(QueryStorePackageVersion, HighestUsableVersionWinsFieldByField)
 {
@@ -186,6 +187,7 @@ TEST(QueryStorePackageVersion, KeepsNothingButTheFactory)
     EXPECT_EQ(LiveStrings(), 0);
 }
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // --- Activation
 // Proves: The thread has no apartment (store package query) => it becomes part of the multithreaded one, and the class is asked for once more; for no other error
 TEST(Activation, ThreadWithoutAnApartmentIsMadePartOfTheMultithreadedOneAndTriesAgain)
@@ -244,6 +246,7 @@ INSTANTIATE_TEST_SUITE_P(Functions, MissingRuntimeFunction,
                          testing::Values("RoGetActivationFactory", "WindowsCreateString", "WindowsDuplicateString",
                                          "WindowsDeleteString", "WindowsGetStringRawBuffer"));
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: A Windows without these classes or functions => logged as a failed search
 TEST_P(MissingRuntimeFunction, IsAFailureOfTheSearch)
 {
@@ -264,6 +267,7 @@ INSTANTIATE_TEST_SUITE_P(Calls, SearchFailure,
                          testing::Values("activation", "ActivateInstance", "FindPackages", "First", "GetHasCurrent",
                                          "GetCurrent", "MoveNext"));
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: The manager cannot be created, or the enumeration fails (store package query) => logged with its text, the zero version
 TEST_P(SearchFailure, IsLoggedWithItsTextAndGivesTheZeroVersion)
 {
@@ -306,6 +310,7 @@ class SearchWithoutAnObject : public testing::TestWithParam<std::string>
 INSTANTIATE_TEST_SUITE_P(Getters, SearchWithoutAnObject,
                          testing::Values("activation", "ActivateInstance", "FindPackages", "First"));
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 TEST_P(SearchWithoutAnObject, IsAFailureAsWell)
 {
     FakeRuntime runtime;
@@ -340,6 +345,7 @@ INSTANTIATE_TEST_SUITE_P(Calls, PackageFailure,
                                          PackageFault{"QueryInterface(IPackage3)", true},
                                          PackageFault{"GetStatus", true}, PackageFault{"VerifyIsOK", true}));
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: Reading one package fails => logged with text and name as far as it was read, the next one is looked at
 TEST_P(PackageFailure, IsLoggedWithTheNameAsFarAsReadAndTheNextOneIsLookedAt)
 {

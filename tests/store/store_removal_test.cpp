@@ -29,6 +29,7 @@ std::wstring Removing(const wchar_t* name, const wchar_t* version)
     return std::wstring(L"Remvoing ") + name + L" - version " + version;
 }
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: Two matching packages => removed one after the other in the system's order, for all users, each with its two lines
 TEST(RemoveStorePackages, RemovesEveryMatchingPackageForAllUsersOneAfterTheOther)
 {
@@ -103,6 +104,7 @@ INSTANTIATE_TEST_SUITE_P(Calls, RemovalFailure,
                          testing::Values("RemovePackage", "QueryInterface(IAsyncInfo)", "GetAsyncStatus",
                                          "PutCompleted", "GetResults", "GetExtendedErrorCode", "GetErrorText"));
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: Any step of one package fails => logged with text and name, the next package goes
 TEST_P(RemovalFailure, IsLoggedWithThePackageAndTheNextOneRemovedAllTheSame)
 {
@@ -168,6 +170,7 @@ INSTANTIATE_TEST_SUITE_P(Calls, EnumerationFailure,
                          testing::Values("activation", "ActivateInstance", "FindPackages", "First", "GetHasCurrent",
                                          "GetCurrent", "MoveNext"));
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: The manager cannot be created, or the enumeration fails (store package removal) => one line in square brackets; what was removed before stays removed; the repair is still a success
 TEST_P(EnumerationFailure, EndsTheRemovalWithOneLineInSquareBrackets)
 {

@@ -65,6 +65,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Times, WaitForAsyncTimes,
                          testing::Values(Completion::kBefore, Completion::kInside, Completion::kLater));
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 TEST_P(WaitForAsyncTimes, CompletedOperationGivesItsResult)
 {
     const Outcome outcome = WaitFor(Ends(GetParam(), 1));
@@ -176,6 +177,7 @@ class WaitForAsyncFailure : public testing::TestWithParam<std::string>
 INSTANTIATE_TEST_SUITE_P(Calls, WaitForAsyncFailure,
                          testing::Values("QueryInterface(IAsyncInfo)", "GetAsyncStatus", "PutCompleted", "GetResults"));
 
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: A call of it fails, there is no event, or a result is missing => an error
 TEST_P(WaitForAsyncFailure, IsThrown)
 {

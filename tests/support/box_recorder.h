@@ -1,4 +1,4 @@
-// Message boxes that nobody has to close.
+// Records message boxes instead of showing them.
 #pragma once
 
 #include <windows.h>
@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/substitute.h"
@@ -18,17 +19,7 @@ namespace repair
 class BoxRecorder
 {
 public:
-    struct Box
-    {
-        std::wstring text;
-        UINT flags = 0;
-
-        bool operator==(const Box&) const = default;
-        friend void PrintTo(const Box& box, std::ostream* stream)
-        {
-            *stream << testing::PrintToString(box.text) << " 0x" << std::hex << box.flags << std::dec;
-        }
-    };
+    using Box = std::pair<std::wstring, UINT>;  // text and flags
 
     std::vector<Box> boxes;
     std::function<void()> onBox = [] {};
@@ -38,7 +29,7 @@ private:
     show_{[this](HWND owner, const wchar_t* text, const wchar_t* caption, UINT flags) {
         EXPECT_EQ(owner, nullptr);
         EXPECT_STREQ(caption, L"Tavik Software Compatibility Tool");
-        boxes.push_back({text, flags});
+        boxes.emplace_back(text, flags);
         onBox();
         return IDOK;
     }};

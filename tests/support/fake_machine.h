@@ -1,7 +1,5 @@
-// A machine on which programs and installer packages do nothing but leave a record.
-//
-// Programs are not started, the Windows Installer is not asked, the temporary folder is the test's own. Everything
-// else (files, registry) is the real thing.
+// A machine on which programs and installer packages do nothing but leave a record: no program is started, the Windows
+// Installer is not called, the temporary folder is the test's own. Files and registry are real.
 #pragma once
 
 #include <windows.h>
@@ -14,28 +12,20 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/substitute.h"
 #include "support/temporary_folder.h"
 
-IMPORTED(ShellExecuteExW)
-IMPORTED(WaitForSingleObject)
-IMPORTED(GetExitCodeProcess)
-IMPORTED(MsiSetInternalUI)
-IMPORTED(MsiEnumRelatedProductsW)
-IMPORTED(MsiGetProductInfoW)
-IMPORTED(MsiInstallProductW)
-IMPORTED(SHChangeNotify)
-IMPORTED(GetTempPathW)
-IMPORTED(CreateFileW)
+IMPORTED(CreateFileW, GetExitCodeProcess, MsiEnumRelatedProductsW, MsiGetProductInfoW, MsiInstallProductW,
+         MsiSetInternalUI, SHChangeNotify, ShellExecuteExW, WaitForSingleObject)
 
 namespace repair
 {
 class FakeMachine
 {
 public:
-    FakeMachine() = default;
     ~FakeMachine()
     {
         for (const HANDLE file : markerFiles_)
@@ -43,10 +33,6 @@ public:
             CloseHandle(file);
         }
     }
-    FakeMachine(const FakeMachine&) = delete;
-    FakeMachine& operator=(const FakeMachine&) = delete;
-    FakeMachine(FakeMachine&&) = delete;
-    FakeMachine& operator=(FakeMachine&&) = delete;
 
     // With a trailing backslash, as GetTempPathW gives it.
     std::wstring Temporary() const { return folder_.Path() + L"\\"; }
@@ -65,12 +51,12 @@ public:
     void UnpacksMainPackage() { Unpacks(L"\\HL\\halden\\halden64\\dwx-next64.msi"); }
 
     // "run FILE | PARAMETERS | FOLDER", "wait MS", "ui LEVEL", "related CODE", "install PACKAGE | PROPERTIES",
-    // "notify EVENT FLAGS", in the order of the calls.
+    // "notify", in the order of the calls.
     std::vector<std::wstring> steps;
     // Cached packages of the installed products by upgrade code; an empty text is one that cannot be read.
     std::map<std::wstring, std::vector<std::wstring>> products;
-    std::map<std::wstring, UINT> packageResults;  // of MsiInstallProductW; what is not named succeeds
-    std::map<std::wstring, DWORD> exitCodes;      // of programs; what is not named ends with 0
+    std::map<std::wstring, UINT> packageResults;  // of MsiInstallProductW; others succeed
+    std::map<std::wstring, DWORD> exitCodes;      // of programs; others end with 0
     std::map<std::wstring, DWORD> startErrors;    // programs that do not start, with the error
     std::function<void()> onRun = [] {};
 
@@ -89,14 +75,7 @@ public:
     }
 
 private:
-    static std::wstring Hex(DWORD value)
-    {
-        wchar_t text[16] = {};
-        wsprintfW(text, L"%08X", value);
-        return text;
-    }
-
-    TemporaryFolder folder_;
+    SystemTemporaryFolder folder_;
     std::vector<HANDLE> markerFiles_;
     std::atomic<HANDLE> process_ = nullptr;
     std::wstring program_;
@@ -171,14 +150,8 @@ private:
     }};
     SUBSTITUTE(SHChangeNotify)
     notify_{[this](LONG event, UINT flags, const void* first, const void* second) {
-        steps.push_back(L"notify " + Hex(static_cast<DWORD>(event)) + L" " + std::to_wstring(flags) +
-                        (first == nullptr && second == nullptr ? L"" : L" items"));
-    }};
-    SUBSTITUTE(GetTempPathW)
-    temporaryPath_{[this](DWORD characters, wchar_t* buffer) {
-        EXPECT_EQ(characters, 261u);
-        wcscpy(buffer, Temporary().c_str());
-        return static_cast<DWORD>(Temporary().size());
+        EXPECT_EQ(std::tuple(event, flags, first, second), std::tuple(0x08000000, 0u, nullptr, nullptr));
+        steps.push_back(L"notify");
     }};
     SUBSTITUTE(CreateFileW)
     createFile_{[this](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,

@@ -34,8 +34,6 @@ public:
     }
     FolderLink(const FolderLink&) = delete;
     FolderLink& operator=(const FolderLink&) = delete;
-    FolderLink(FolderLink&&) = delete;
-    FolderLink& operator=(FolderLink&&) = delete;
 
     // False when no link could be made.
     bool IsThere() const { return GetFileAttributesW(path_.c_str()) != INVALID_FILE_ATTRIBUTES; }

@@ -9,8 +9,18 @@
 
 #include <windows.h>
 
-// Declares the import slot of a function, static or delay-loaded. At namespace scope, outside of all namespaces.
-#define IMPORTED(function) extern "C" void* __imp_##function;  // NOLINT: the linker's own name
+// IMPORTED(FUNCTION, ...) declares the import slots of functions, static or delay-loaded. At namespace scope, outside
+// of all namespaces.
+#define IMPORTED(...) __VA_OPT__(IMPORTED_EXPAND(IMPORTED_EACH(__VA_ARGS__)))
+#define IMPORTED_EACH(function, ...)                               \
+    extern "C" void* __imp_##function; /* the linker's own name */ \
+    __VA_OPT__(IMPORTED_AGAIN IMPORTED_NONE(__VA_ARGS__))
+#define IMPORTED_AGAIN() IMPORTED_EACH
+#define IMPORTED_NONE ()
+// Each expansion takes one more name; 25 are enough.
+#define IMPORTED_EXPAND(...) IMPORTED_FIVE(IMPORTED_FIVE(IMPORTED_FIVE(IMPORTED_FIVE(IMPORTED_FIVE(__VA_ARGS__)))))
+#define IMPORTED_FIVE(...) IMPORTED_ONE(IMPORTED_ONE(IMPORTED_ONE(IMPORTED_ONE(IMPORTED_ONE(__VA_ARGS__)))))
+#define IMPORTED_ONE(...) __VA_ARGS__
 
 namespace repair
 {
@@ -25,8 +35,6 @@ public:
     ~ImportPatch() { Write(original_); }
     ImportPatch(const ImportPatch&) = delete;
     ImportPatch& operator=(const ImportPatch&) = delete;
-    ImportPatch(ImportPatch&&) = delete;
-    ImportPatch& operator=(ImportPatch&&) = delete;
 
     // The function that was there before; right for statically imported DLLs.
     void* Original() const { return original_; }

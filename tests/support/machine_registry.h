@@ -1,4 +1,4 @@
-// HKEY_LOCAL_MACHINE of this process only: empty at first, gone at the end.
+// Redirects HKEY_LOCAL_MACHINE of this process to a key that is empty at first and removed at the end.
 #pragma once
 
 #include <windows.h>
@@ -15,11 +15,7 @@ class MachineRegistry
 public:
     MachineRegistry()
     {
-        name_ = L"Software\\TavikTests\\" + std::to_wstring(GetCurrentProcessId());
-        HKEY key = nullptr;
-        EXPECT_EQ(
-            RegCreateKeyExW(HKEY_CURRENT_USER, name_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
-            ERROR_SUCCESS);
+        const HKEY key = Create(HKEY_CURRENT_USER, name_);
         EXPECT_EQ(RegOverridePredefKey(HKEY_LOCAL_MACHINE, key), ERROR_SUCCESS);
         RegCloseKey(key);
     }
@@ -30,25 +26,13 @@ public:
     }
     MachineRegistry(const MachineRegistry&) = delete;
     MachineRegistry& operator=(const MachineRegistry&) = delete;
-    MachineRegistry(MachineRegistry&&) = delete;
-    MachineRegistry& operator=(MachineRegistry&&) = delete;
 
-    static void CreateKey(const std::wstring& path)
-    {
-        HKEY key = nullptr;
-        EXPECT_EQ(
-            RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
-            ERROR_SUCCESS);
-        RegCloseKey(key);
-    }
+    static void CreateKey(const std::wstring& path) { RegCloseKey(Create(HKEY_LOCAL_MACHINE, path)); }
 
     // The bytes exactly as given, with or without a terminator. Creates the key.
     static void SetValue(const std::wstring& path, const std::wstring& name, DWORD type, const std::vector<BYTE>& data)
     {
-        HKEY key = nullptr;
-        EXPECT_EQ(
-            RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
-            ERROR_SUCCESS);
+        const HKEY key = Create(HKEY_LOCAL_MACHINE, path);
         EXPECT_EQ(RegSetValueExW(key, name.c_str(), 0, type, data.data(), static_cast<DWORD>(data.size())),
                   ERROR_SUCCESS);
         RegCloseKey(key);
@@ -61,6 +45,14 @@ public:
     }
 
 private:
-    std::wstring name_;
+    static HKEY Create(HKEY root, const std::wstring& path)
+    {
+        HKEY key = nullptr;
+        EXPECT_EQ(RegCreateKeyExW(root, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
+                  ERROR_SUCCESS);
+        return key;
+    }
+
+    const std::wstring name_ = L"Software\\TavikTests\\" + std::to_wstring(GetCurrentProcessId());
 };
 }  // namespace repair

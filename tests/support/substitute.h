@@ -50,8 +50,6 @@ private:
         ~Activation() { current_ = previous_; }
         Activation(const Activation&) = delete;
         Activation& operator=(const Activation&) = delete;
-        Activation(Activation&&) = delete;
-        Activation& operator=(Activation&&) = delete;
 
     private:
         const std::function<Function>* previous_;

@@ -1,14 +1,18 @@
-// A folder of the test's own, removed at the end.
+// Folders of the test's own, removed at the end.
 #pragma once
 
 #include <windows.h>
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <string_view>
 
 #include "base/files.h"
+#include "support/substitute.h"
+
+IMPORTED(GetTempPathW)
 
 namespace repair
 {
@@ -36,8 +40,6 @@ public:
     }
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    TemporaryFolder(TemporaryFolder&&) = delete;
-    TemporaryFolder& operator=(TemporaryFolder&&) = delete;
 
     // Without a trailing backslash.
     const std::wstring& Path() const { return path_; }
@@ -68,5 +70,21 @@ public:
 private:
     inline static int count_ = 0;
     std::wstring path_;
+};
+
+// One that the product gets as the system's temporary folder.
+class SystemTemporaryFolder : public TemporaryFolder
+{
+public:
+    std::function<void()> onAsked = [] {};
+
+private:
+    SUBSTITUTE(GetTempPathW)
+    path_{[this](DWORD characters, wchar_t* buffer) {
+        EXPECT_EQ(characters, 261u);
+        onAsked();
+        wcscpy(buffer, (Path() + L"\\").c_str());
+        return static_cast<DWORD>(Path().size() + 1);
+    }};
 };
 }  // namespace repair

@@ -1,3 +1,5 @@
+#include "ui/result_message.h"
+
 #include <windows.h>
 
 #include <gmock/gmock.h>
@@ -6,39 +8,32 @@
 #include <climits>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/box_recorder.h"
 #include "support/substitute.h"
-#include "ui/result_message.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-IMPORTED(ShowWindow)
-IMPORTED(SetWindowsHookExW)
-IMPORTED(UnhookWindowsHookEx)
-IMPORTED(CallNextHookEx)
-IMPORTED(SendMessageW)
-IMPORTED(LoadIconW)
+IMPORTED(CallNextHookEx, LoadIconW, SendMessageW, SetWindowsHookExW, ShowWindow, UnhookWindowsHookEx)
 
 namespace repair
 {
 namespace
 {
-struct Message
+// A code, its text (empty: no box) and flags.
+struct ResultMessage
 {
     int code;
-    std::wstring text;
-    UINT flags;
+    std::wstring text = {};
+    UINT flags = 0;
+
+    friend void PrintTo(const ResultMessage& message, std::ostream* stream) { *stream << message.code; }
 };
 
-void PrintTo(const Message& message, std::ostream* stream)
-{
-    *stream << message.code;
-}
-
-const Message kMessages[] = {
+const ResultMessage kMessages[] = {
     {0, L"Another instance is running.", 0x10000},
     {1, L"Unable to detect active Tavik Display Driver.", 0x10010},
     {2,
@@ -50,74 +45,63 @@ const Message kMessages[] = {
     {5, L"Error installing Tavik Software.", 0x10010},
     {6, L"Update failed. Please visit www.tavik.example to install the appropriate driver.", 0x10010},
     {7, L"Finished installing Tavik Software", 0x10040},
+    {-1},
+    {8},
+    {100},
+    {INT_MAX},
+    {INT_MIN},
 };
 
-// The calls of one message, in order.
-class MessageCalls
+class ResultMessageCalls : public testing::TestWithParam<ResultMessage>
 {
-public:
-    StatusWindow window;
-    std::vector<std::string> calls;
-    BoxRecorder boxes;
-
-    MessageCalls()
+protected:
+    ResultMessageCalls()
     {
-        window.dialog = reinterpret_cast<HWND>(0x4711);
-        boxes.onBox = [this] { calls.push_back("box"); };
+        window_.dialog = reinterpret_cast<HWND>(0x4711);
+        boxes_.onBox = [this] { calls_.push_back("box"); };
     }
 
-private:
+    StatusWindow window_;
+    std::vector<std::string> calls_;
+    BoxRecorder boxes_;
     const HHOOK hook_ = reinterpret_cast<HHOOK>(0x815);
     SUBSTITUTE(SetWindowsHookExW)
     set_{[this](int kind, HOOKPROC procedure, HINSTANCE module, DWORD thread) {
-        calls.push_back("hook");
-        EXPECT_EQ(kind, 4);
+        calls_.push_back("hook");
         EXPECT_EQ(procedure, &MessageIconHook);
-        EXPECT_EQ(module, nullptr);
-        EXPECT_EQ(thread, GetCurrentThreadId());
+        EXPECT_EQ(std::tuple(kind, module, thread), std::tuple(4, nullptr, GetCurrentThreadId()));
         return hook_;
     }};
     SUBSTITUTE(UnhookWindowsHookEx)
     remove_{[this](HHOOK hook) {
-        calls.push_back("unhook");
+        calls_.push_back("unhook");
         EXPECT_EQ(hook, hook_);
         return TRUE;
     }};
     SUBSTITUTE(ShowWindow)
     show_{[this](HWND shown, int command) {
-        calls.push_back("hide");
-        EXPECT_EQ(shown, window.dialog);
-        EXPECT_EQ(command, 0);
+        calls_.push_back("hide");
+        EXPECT_EQ(std::tuple(shown, command), std::tuple(window_.dialog.load(), 0));
         return TRUE;
     }};
 };
-
-class KnownCode : public testing::TestWithParam<Message>
-{
-};
-INSTANTIATE_TEST_SUITE_P(Codes, KnownCode, testing::ValuesIn(kMessages));
+INSTANTIATE_TEST_SUITE_P(Codes, ResultMessageCalls, testing::ValuesIn(kMessages));
 
 // Proves: Codes 0 to 7 => each its text, icon and flags; the status window is hidden first, the hook is set before and removed after
-TEST_P(KnownCode, ShowsItsBoxAfterHidingTheWindowAndWithTheHookAroundIt)
-{
-    MessageCalls message;
-    ShowResultMessage(message.window, GetParam().code);
-    EXPECT_THAT(message.boxes.boxes, ElementsAre(BoxRecorder::Box{GetParam().text, GetParam().flags}));
-    EXPECT_THAT(message.calls, ElementsAre("hook", "hide", "box", "unhook"));
-}
-
-class UnknownCode : public testing::TestWithParam<int>
-{
-};
-INSTANTIATE_TEST_SUITE_P(Codes, UnknownCode, testing::Values(-1, 8, 100, INT_MAX, INT_MIN));
-
 // Proves: Any other code, negative ones too => nothing is shown or hidden, the hook is set and removed
-TEST_P(UnknownCode, ShowsNothingAndHidesNothingButSetsAndRemovesTheHook)
+TEST_P(ResultMessageCalls, ShowTheBoxOfAKnownCodeAfterHidingTheWindowAndWithTheHookAroundIt)
 {
-    MessageCalls message;
-    ShowResultMessage(message.window, GetParam());
-    EXPECT_THAT(message.boxes.boxes, IsEmpty());
-    EXPECT_THAT(message.calls, ElementsAre("hook", "unhook"));
+    ShowResultMessage(window_, GetParam().code);
+    if (GetParam().text.empty())
+    {
+        EXPECT_THAT(boxes_.boxes, IsEmpty());
+        EXPECT_THAT(calls_, ElementsAre("hook", "unhook"));
+    }
+    else
+    {
+        EXPECT_THAT(boxes_.boxes, ElementsAre(BoxRecorder::Box{GetParam().text, GetParam().flags}));
+        EXPECT_THAT(calls_, ElementsAre("hook", "hide", "box", "unhook"));
+    }
 }
 
 // --- The hook by itself
@@ -141,22 +125,19 @@ protected:
     SUBSTITUTE(LoadIconW)
     load_{[this](HINSTANCE instance, const wchar_t* name) {
         EXPECT_EQ(instance, nullptr);  // no message was shown before
-        EXPECT_EQ(name, MAKEINTRESOURCEW(101));
+        EXPECT_EQ(reinterpret_cast<UINT_PTR>(name), 101u);
         return icon_;
     }};
     SUBSTITUTE(SendMessageW)
     send_{[this](HWND window, UINT message, WPARAM kind, LPARAM icon) {
-        EXPECT_EQ(window, reinterpret_cast<HWND>(0x99));
-        EXPECT_EQ(message, 0x80u);
-        EXPECT_EQ(icon, reinterpret_cast<LPARAM>(icon_));
+        EXPECT_EQ(std::tuple(window, message, icon),
+                  std::tuple(reinterpret_cast<HWND>(0x99), 0x80u, reinterpret_cast<LPARAM>(icon_)));
         icons_.push_back(kind);
         return LRESULT{0};
     }};
     SUBSTITUTE(CallNextHookEx)
     next_{[this](HHOOK, int code, WPARAM first, LPARAM second) {
-        EXPECT_EQ(code, code_);
-        EXPECT_EQ(first, 5u);
-        EXPECT_EQ(second, parameter_);
+        EXPECT_EQ(std::tuple(code, first, second), std::tuple(code_, 5u, parameter_));
         return LRESULT{77};
     }};
 };
@@ -168,17 +149,12 @@ TEST_F(MessageIconHookTest, PutsTheIconOnADialogThatBeginsBigFirst)
     EXPECT_THAT(icons_, ElementsAre(1u, 0u));
 }
 
-TEST_F(MessageIconHookTest, LeavesOtherMessagesAlone)
+TEST_F(MessageIconHookTest, LeavesOtherMessagesAndHookCodesAlone)
 {
     for (const UINT message : {0x10Fu, 0x111u, 0x80u, 1u})
     {
         EXPECT_EQ(Call(0, message), 77);
     }
-    EXPECT_THAT(icons_, IsEmpty());
-}
-
-TEST_F(MessageIconHookTest, LeavesOtherHookCodesAlone)
-{
     EXPECT_EQ(Call(-1, 0x110), 77);
     EXPECT_EQ(Call(3, 0x110), 77);
     EXPECT_THAT(icons_, IsEmpty());
@@ -202,8 +178,8 @@ struct BoxOnScreen
     int buttons = 0;
 };
 
-// Waits for the box of this process, looks at it and presses OK.
-BoxOnScreen LookAndClose()
+// Waits for the box of this process, reads it and presses OK.
+BoxOnScreen ReadAndClose()
 {
     HWND box = nullptr;
     for (int waited = 0; box == nullptr && waited < 3000; waited += 5)
@@ -253,7 +229,7 @@ TEST_P(RealBox, CarriesTheToolsIconInBothSizesAndOneButton)
     StatusWindow window;
     window.instance = GetModuleHandleW(nullptr);
     BoxOnScreen seen;
-    std::thread watcher([&seen] { seen = LookAndClose(); });
+    std::thread watcher([&seen] { seen = ReadAndClose(); });
     ShowResultMessage(window, GetParam());
     watcher.join();
     const HICON icon = LoadIconW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(101));
@@ -272,7 +248,7 @@ TEST(ShowResultMessage, HookIsGoneAfterwards)
     window.instance = GetModuleHandleW(nullptr);
     ShowResultMessage(window, -1);
     BoxOnScreen seen;
-    std::thread watcher([&seen] { seen = LookAndClose(); });
+    std::thread watcher([&seen] { seen = ReadAndClose(); });
     MessageBoxW(nullptr, L"not the tool's", L"other", MB_OK);
     watcher.join();
     EXPECT_EQ(seen.title, L"other");

@@ -1,40 +1,31 @@
+#include "ui/status_window.h"
+
 #include <windows.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <functional>
 #include <mutex>
-#include <ostream>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "support/substitute.h"
-#include "ui/status_window.h"
 
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
 
-IMPORTED(SetTimer)
-IMPORTED(Sleep)
-IMPORTED(SetDlgItemTextW)
-IMPORTED(InvalidateRect)
-IMPORTED(ShowWindow)
-IMPORTED(CreateDialogParamW)
-IMPORTED(CreateWindowExW)
-IMPORTED(CreateFontW)
-IMPORTED(DeleteObject)
-IMPORTED(GetProcAddress)
-IMPORTED(GetModuleHandleW)
-IMPORTED(PostThreadMessageW)
-IMPORTED(SendMessageW)
-IMPORTED(ReleaseCapture)
-IMPORTED(SetCursor)
-IMPORTED(DispatchMessageW)
-IMPORTED(GetMessageW)
+IMPORTED(CreateDialogParamW, CreateFontW, CreateWindowExW, DeleteObject, DispatchMessageW, GetMessageW,
+         GetModuleHandleW, GetProcAddress, InvalidateRect, PostThreadMessageW, ReleaseCapture, SendMessageW, SetCursor,
+         SetDlgItemTextW, SetTimer, ShowWindow, Sleep)
 
 namespace repair
 {
@@ -76,20 +67,29 @@ bool WaitUntil(const std::function<bool()>& condition)
     return false;
 }
 
+std::wstring TextOf(HWND window)
+{
+    wchar_t text[100] = {};
+    SendMessageW(window, WM_GETTEXT, 100, reinterpret_cast<LPARAM>(text));
+    return text;
+}
+
+std::pair<LONG, LONG> SizeOf(HWND window)
+{
+    RECT client = {};
+    GetClientRect(window, &client);
+    return {client.right, client.bottom};
+}
+
 class StatusWindowTest : public testing::Test
 {
 protected:
-    ~StatusWindowTest() override { StopStatusWindow(window_); }
+    void TearDown() override { StopStatusWindow(window_); }
 
     void Start(bool silent = false) { StartStatusWindow(window_, instance_, silent); }
     HWND Dialog() const { return window_.dialog; }
     HWND Control(int id) const { return GetDlgItem(window_.dialog, id); }
-    std::wstring Text(int id) const
-    {
-        wchar_t text[100] = {};
-        SendMessageW(Control(id), WM_GETTEXT, 100, reinterpret_cast<LPARAM>(text));
-        return text;
-    }
+    std::wstring Text(int id) const { return TextOf(Control(id)); }
     HWND Background() const
     {
         for (HWND child = nullptr; (child = FindWindowExW(Dialog(), child, L"STATIC", nullptr)) != nullptr;)
@@ -126,7 +126,7 @@ protected:
 };
 
 // Proves: It is started => on a thread of its own; the start returns when it is ready, with title, icon, picture, controls and fonts
-TEST_F(StatusWindowTest, IsReadyWithItsTitleWhenTheStartReturns)
+TEST_F(StatusWindowTest, IsReadyWithItsTitleAndIconWhenTheStartReturns)
 {
     Start();
     EXPECT_TRUE(window_.ready);
@@ -135,11 +135,13 @@ TEST_F(StatusWindowTest, IsReadyWithItsTitleWhenTheStartReturns)
     ASSERT_NE(Dialog(), nullptr);
     EXPECT_EQ(GetWindowThreadProcessId(Dialog(), nullptr), window_.threadId);
     EXPECT_NE(window_.threadId, GetCurrentThreadId());
-    wchar_t text[100] = {};
-    SendMessageW(Dialog(), WM_GETTEXT, 100, reinterpret_cast<LPARAM>(text));
-    EXPECT_STREQ(text, L"Tavik Software Compatibility Tool");
+    EXPECT_EQ(TextOf(Dialog()), L"Tavik Software Compatibility Tool");
     EXPECT_NE(IsWindowVisible(Dialog()), FALSE);
     EXPECT_NE(IsWindowVisible(Background()), FALSE);
+    const LRESULT icon = reinterpret_cast<LRESULT>(LoadIconW(instance_, MAKEINTRESOURCEW(101)));
+    ASSERT_NE(icon, 0);
+    EXPECT_EQ(SendMessageW(Dialog(), WM_GETICON, ICON_BIG, 0), icon);
+    EXPECT_EQ(SendMessageW(Dialog(), WM_GETICON, ICON_SMALL, 0), icon);
 }
 
 TEST_F(StatusWindowTest, IsAPopupWithoutACaptionThatCanBeMinimised)
@@ -152,13 +154,27 @@ TEST_F(StatusWindowTest, IsAPopupWithoutACaptionThatCanBeMinimised)
     EXPECT_EQ(GetParent(Dialog()), nullptr);
     RECT size = {0, 0, 286, 72};
     MapDialogRect(Dialog(), &size);
-    RECT client = {};
-    GetClientRect(Dialog(), &client);
-    EXPECT_EQ(client.right, size.right);
-    EXPECT_EQ(client.bottom, size.bottom);
+    EXPECT_EQ(SizeOf(Dialog()), std::pair(size.right, size.bottom));
 }
 
-// --- The dialog as it stands in the resources
+// --- The controls, in the template and on the window
+struct ExpectedControl
+{
+    DWORD id;
+    RECT place;  // left, top, width, height in dialog units
+    DWORD style;
+    DWORD extendedStyle;
+    std::wstring templateText;
+    std::wstring text;
+
+    friend void PrintTo(const ExpectedControl& control, std::ostream* stream) { *stream << control.id; }
+};
+
+const ExpectedControl kControls[] = {{1004, {15, 57, 194, 11}, 0x5002004C, 0x20, L"", L"Checking System."},
+                                     {1013, {15, 47, 268, 20}, 0x5002004C, 0x20, L"", L""},
+                                     {1005, {216, 57, 63, 11}, 0x50020002, 0x1020, L"", kDots[0]},
+                                     {1014, {260, 3, 10, 9}, 0x50020101, 0x20, L"-", L"\u2014"}};
+
 class Template : public testing::Test
 {
 protected:
@@ -168,43 +184,32 @@ protected:
         ASSERT_NE(resource, nullptr);
         next_ = static_cast<const BYTE*>(LockResource(LoadResource(nullptr, resource)));
     }
-    template <typename T>
-    T Take()
+    // The next unsigned numbers, of so many bytes each.
+    std::vector<DWORD> Take(const std::vector<int>& sizes)
     {
-        T value = {};
-        std::memcpy(&value, next_, sizeof(value));
-        next_ += sizeof(value);
-        return value;
+        std::vector<DWORD> values;
+        for (const int bytes : sizes)
+        {
+            DWORD value = 0;
+            std::memcpy(&value, next_, static_cast<size_t>(bytes));
+            next_ += bytes;
+            values.push_back(value);
+        }
+        return values;
     }
+    // Spelt out, or "#NUMBER".
     std::wstring TakeText()
     {
         std::wstring text;
-        for (WORD c = Take<WORD>(); c != 0; c = Take<WORD>())
+        for (DWORD c = Take({2})[0]; c != 0; c = Take({2})[0])
         {
+            if (c == 0xFFFF)
+            {
+                return L"#" + std::to_wstring(Take({2})[0]);
+            }
             text += static_cast<wchar_t>(c);
         }
         return text;
-    }
-    // Spelt out or by number.
-    std::wstring TakeClass()
-    {
-        WORD first = 0;
-        std::memcpy(&first, next_, sizeof(first));
-        if (first != 0xFFFF)
-        {
-            return TakeText();
-        }
-        next_ += sizeof(first);
-        return Take<WORD>() == 0x82 ? L"#0082" : L"another";
-    }
-    std::vector<int> TakePlace()
-    {
-        std::vector<int> place;
-        for (int i = 0; i < 4; ++i)
-        {
-            place.push_back(Take<short>());
-        }
-        return place;
     }
     void Align() { next_ += (4 - reinterpret_cast<UINT_PTR>(next_) % 4) % 4; }
 
@@ -214,77 +219,41 @@ protected:
 // Proves: Dialog and banner are stored => dialog 161 has its size and style, the banner is 640 x 192 pixels in 24 bits
 TEST_F(Template, IsAnExtendedOneWithFourControls)
 {
-    EXPECT_EQ(Take<WORD>(), 1u);
-    EXPECT_EQ(Take<WORD>(), 0xFFFFu);
-    EXPECT_EQ(Take<DWORD>(), 0u);  // help
-    EXPECT_EQ(Take<DWORD>(), 0u);  // extended style
-    EXPECT_EQ(Take<DWORD>(), 0x80800C40u);
-    EXPECT_EQ(Take<WORD>(), 4u);
-    EXPECT_THAT(TakePlace(), ElementsAre(0, 0, 286, 72));
-    EXPECT_EQ(Take<WORD>(), 0u);   // no menu
-    EXPECT_EQ(Take<WORD>(), 0u);   // the ordinary class
-    EXPECT_EQ(TakeText(), L"");    // no caption
-    EXPECT_EQ(Take<WORD>(), 16u);  // points
-    EXPECT_EQ(Take<WORD>(), 400u);
-    EXPECT_EQ(Take<BYTE>(), 0u);  // not italic
-    EXPECT_EQ(Take<BYTE>(), 0u);  // character set
+    EXPECT_THAT(Take({2, 2, 4, 4, 4}), ElementsAre(1, 0xFFFF, 0, 0, 0x80800C40));  // no help, no extended style
+    EXPECT_THAT(Take({2, 2, 2, 2, 2}), ElementsAre(4, 0, 0, 286, 72));             // controls, place and size
+    EXPECT_THAT(Take({2, 2}), ElementsAre(0, 0));                                  // no menu, the ordinary class
+    EXPECT_EQ(TakeText(), L"");                                                    // no caption
+    EXPECT_THAT(Take({2, 2, 1, 1}), ElementsAre(16, 400, 0, 0));  // points, weight, upright, any script
     EXPECT_EQ(TakeText(), L"Segoe MDL2 Assets");
-
-    struct Expected
-    {
-        DWORD id;
-        std::vector<int> place;
-        DWORD style;
-        DWORD extendedStyle;
-        std::wstring text;
-    };
-    const std::vector<Expected> controls = {{1004, {15, 57, 194, 11}, 0x5002004C, 0x20, L""},
-                                            {1013, {15, 47, 268, 20}, 0x5002004C, 0x20, L""},
-                                            {1005, {216, 57, 63, 11}, 0x50020002, 0x1020, L""},
-                                            {1014, {260, 3, 10, 9}, 0x50020101, 0x20, L"-"}};
-    for (const Expected& control : controls)
+    for (const ExpectedControl& control : kControls)
     {
         Align();
-        EXPECT_EQ(Take<DWORD>(), 0u);  // help
-        EXPECT_EQ(Take<DWORD>(), control.extendedStyle) << control.id;
-        EXPECT_EQ(Take<DWORD>(), control.style) << control.id;
-        EXPECT_EQ(TakePlace(), control.place) << control.id;
-        EXPECT_EQ(Take<DWORD>(), control.id);
-        EXPECT_THAT(TakeClass(), testing::AnyOf(L"STATIC", L"#0082")) << control.id;
-        EXPECT_EQ(TakeText(), control.text);
-        EXPECT_EQ(Take<WORD>(), 0u);  // no data of its own
+        const RECT& place = control.place;
+        EXPECT_THAT(Take({4, 4, 4}), ElementsAre(0, control.extendedStyle, control.style)) << control.id;
+        EXPECT_THAT(Take({2, 2, 2, 2}), ElementsAre(place.left, place.top, place.right, place.bottom)) << control.id;
+        EXPECT_THAT(Take({4}), ElementsAre(control.id));
+        EXPECT_THAT(TakeText(), testing::AnyOf(L"STATIC", L"#130")) << control.id;
+        EXPECT_EQ(TakeText(), control.templateText);
+        EXPECT_THAT(Take({2}), ElementsAre(0));  // no data of its own
     }
 }
 
-struct ControlCase
+// A window whose timer never rings.
+class StillWindow : public StatusWindowTest
 {
-    int id;
-    RECT place;  // left, top, width, height in dialog units
-    DWORD style;
-    DWORD extendedStyle;
-    std::wstring text;
+    SUBSTITUTE(SetTimer) noTimer_{[](HWND, UINT_PTR, UINT, TIMERPROC) { return UINT_PTR{1}; }};
 };
 
-void PrintTo(const ControlCase& control, std::ostream* stream)
-{
-    *stream << control.id;
-}
-
-class StatusWindowControl : public StatusWindowTest, public testing::WithParamInterface<ControlCase>
+class StatusWindowControl : public StillWindow, public testing::WithParamInterface<ExpectedControl>
 {
 };
-INSTANTIATE_TEST_SUITE_P(Controls, StatusWindowControl,
-                         testing::Values(ControlCase{1004, {15, 57, 194, 11}, 0x5002004C, 0x20, L"Checking System."},
-                                         ControlCase{1013, {15, 47, 268, 20}, 0x5002004C, 0x20, L""},
-                                         ControlCase{1005, {216, 57, 63, 11}, 0x50020002, 0x1020, kDots[0]},
-                                         ControlCase{1014, {260, 3, 10, 9}, 0x50020101, 0x20, L"\u2014"}));
+INSTANTIATE_TEST_SUITE_P(All, StatusWindowControl, testing::ValuesIn(kControls));
 
 TEST_P(StatusWindowControl, HasItsPlaceStyleAndText)
 {
-    const ControlCase& expected = GetParam();
-    SUBSTITUTE(SetTimer) noTimer([](HWND, UINT_PTR, UINT, TIMERPROC) { return UINT_PTR{1}; });
+    const ExpectedControl& expected = GetParam();
     Start();
-    const HWND control = Control(expected.id);
+    const HWND control = Control(static_cast<int>(expected.id));
     ASSERT_NE(control, nullptr);
     wchar_t name[50] = {};
     GetClassNameW(control, name, 50);
@@ -292,37 +261,33 @@ TEST_P(StatusWindowControl, HasItsPlaceStyleAndText)
     // The system adds bits for clipping and for not notifying the parent.
     EXPECT_EQ(static_cast<DWORD>(GetWindowLongW(control, GWL_STYLE)) & ~0x0C000000u, expected.style);
     EXPECT_EQ(static_cast<DWORD>(GetWindowLongW(control, GWL_EXSTYLE)) & ~0x4u, expected.extendedStyle);
-    EXPECT_EQ(Text(expected.id), expected.text);
-    RECT place = {expected.place.left, expected.place.top, expected.place.left + expected.place.right,
-                  expected.place.top + expected.place.bottom};
+    EXPECT_EQ(TextOf(control), expected.text);
+    RECT place = expected.place;
+    place.right += place.left;
+    place.bottom += place.top;
     MapDialogRect(Dialog(), &place);
     RECT actual = {};
     GetWindowRect(control, &actual);
     MapWindowPoints(nullptr, Dialog(), reinterpret_cast<POINT*>(&actual), 2);
-    EXPECT_EQ(actual.left, place.left);
-    EXPECT_EQ(actual.top, place.top);
+    EXPECT_EQ(std::tuple(actual.left, actual.top), std::tuple(place.left, place.top));
     EXPECT_NEAR(actual.right, place.right, 1);  // the system rounds sizes, not corners
     EXPECT_NEAR(actual.bottom, place.bottom, 1);
 }
 
 // Proves: The minimise mark => is a hyphen in the template and a dash on the window
-TEST_F(StatusWindowTest, MarkIsAHyphenInTheTemplateUntilTheFontsAreSet)
+TEST_F(StatusWindowTest, MarkIsAHyphenUntilTheFontsAreSet)
 {
     std::wstring before;
     SUBSTITUTE(SetDlgItemTextW)
     set([&](HWND dialog, int id, const wchar_t* text) {
-        if (id == 1014)
-        {
-            wchar_t old[10] = {};
-            GetDlgItemTextW(dialog, 1014, old, 10);
-            before = old;
-        }
+        before = id == 1014 ? TextOf(GetDlgItem(dialog, id)) : before;
         return set.Original()(dialog, id, text);
     });
     Start();
     EXPECT_EQ(before, L"-");
 }
 
+// --- The picture
 // Proves: The picture => fills the client area behind everything
 TEST_F(StatusWindowTest, PictureFillsTheClientAreaBehindEverything)
 {
@@ -330,59 +295,35 @@ TEST_F(StatusWindowTest, PictureFillsTheClientAreaBehindEverything)
     const HWND background = Background();
     ASSERT_NE(background, nullptr);
     EXPECT_EQ(static_cast<DWORD>(GetWindowLongW(background, GWL_STYLE)) & 0x4000FFFF, 0x4000004Eu);
-    RECT picture = {};
-    RECT client = {};
-    GetClientRect(background, &picture);
-    GetClientRect(Dialog(), &client);
-    EXPECT_EQ(picture.right, client.right);
-    EXPECT_EQ(picture.bottom, client.bottom);
+    EXPECT_EQ(SizeOf(background), SizeOf(Dialog()));
     EXPECT_NE(SendMessageW(background, STM_GETIMAGE, IMAGE_BITMAP, 0), 0);
     BITMAP bitmap = {};
-    const HBITMAP resource =
-        static_cast<HBITMAP>(LoadImageW(instance_, MAKEINTRESOURCEW(163), IMAGE_BITMAP, 0, 0, LR_CREATEDIBSECTION));
+    const HANDLE resource = LoadImageW(instance_, MAKEINTRESOURCEW(163), IMAGE_BITMAP, 0, 0, LR_CREATEDIBSECTION);
     ASSERT_NE(GetObjectW(resource, sizeof(bitmap), &bitmap), 0);
-    EXPECT_EQ(bitmap.bmWidth, 640);
-    EXPECT_EQ(bitmap.bmHeight, 192);
-    EXPECT_EQ(bitmap.bmBitsPixel, 24);
+    EXPECT_EQ(std::tuple(bitmap.bmWidth, bitmap.bmHeight, bitmap.bmBitsPixel), std::tuple(640, 192, 24));
     DeleteObject(resource);
 }
 
-TEST_F(StatusWindowTest, BackgroundIsCreatedLastWithTheseParameters)
+TEST_F(StatusWindowTest, BackgroundIsCreatedOnceAndWithTheseParameters)
 {
     int calls = 0;
     SUBSTITUTE(CreateWindowExW)
     create([&](DWORD extended, const wchar_t* name, const wchar_t* text, DWORD style, int x, int y, int width,
                int height, HWND parent, HMENU menu, HINSTANCE instance, void* parameter) {
         ++calls;
-        EXPECT_EQ(extended, 0u);
         EXPECT_STREQ(name, L"STATIC");
         EXPECT_STREQ(text, L"");
-        EXPECT_EQ(style, 0x4000004Eu);
-        EXPECT_EQ(x, 0);
-        EXPECT_EQ(y, 0);
-        RECT client = {};
-        GetClientRect(parent, &client);
-        EXPECT_EQ(width, client.right);
-        EXPECT_EQ(height, client.bottom);
+        EXPECT_EQ(std::tuple(extended, style), std::tuple(0u, 0x4000004Eu));
+        EXPECT_EQ(std::tuple(x, y, width, height), std::tuple(0, 0, SizeOf(parent).first, SizeOf(parent).second));
         EXPECT_EQ(parent, window_.dialog);
-        EXPECT_EQ(menu, nullptr);
-        EXPECT_EQ(instance, instance_);
-        EXPECT_EQ(parameter, nullptr);
+        EXPECT_EQ(std::tuple(menu, instance, parameter), std::tuple(nullptr, instance_, nullptr));
         return create.Original()(extended, name, text, style, x, y, width, height, parent, menu, instance, parameter);
     });
     Start();
     EXPECT_EQ(calls, 1);
 }
 
-TEST_F(StatusWindowTest, CarriesTheToolsIconInBothSizes)
-{
-    Start();
-    const LRESULT icon = reinterpret_cast<LRESULT>(LoadIconW(instance_, MAKEINTRESOURCEW(101)));
-    ASSERT_NE(icon, 0);
-    EXPECT_EQ(SendMessageW(Dialog(), WM_GETICON, ICON_BIG, 0), icon);
-    EXPECT_EQ(SendMessageW(Dialog(), WM_GETICON, ICON_SMALL, 0), icon);
-}
-
+// --- The fonts
 TEST_F(StatusWindowTest, HeadingHasTwentyPointsDotsAndMarkHaveTwelve)
 {
     Start();
@@ -396,18 +337,40 @@ TEST_F(StatusWindowTest, HeadingHasTwentyPointsDotsAndMarkHaveTwelve)
     for (const LOGFONTW& font : {heading, dots})
     {
         EXPECT_STREQ(font.lfFaceName, L"Segoe UI");
-        EXPECT_EQ(font.lfWeight, 400);
-        EXPECT_EQ(font.lfWidth, 0);
-        EXPECT_EQ(font.lfItalic, 0);
-        EXPECT_EQ(font.lfUnderline, 0);
-        EXPECT_EQ(font.lfCharSet, 0);
-        EXPECT_EQ(font.lfQuality, 0);
+        EXPECT_EQ(std::tuple(font.lfWeight, font.lfWidth), std::tuple(400, 0));
+        EXPECT_EQ(std::tuple(font.lfItalic, font.lfUnderline, font.lfCharSet, font.lfQuality), std::tuple(0, 0, 0, 0));
     }
     EXPECT_EQ(SendMessageW(Control(1005), WM_GETFONT, 0, 0), SendMessageW(Control(1014), WM_GETFONT, 0, 0));
     EXPECT_STREQ(FontOf(1004).lfFaceName, L"Segoe MDL2 Assets");  // the template's
     EXPECT_EQ(FontOf(1004).lfWeight, 400);
 }
 
+// Proves: The smaller font cannot be created => it goes on
+TEST_F(StatusWindowTest, IsReadyWithoutTheSmallFont)
+{
+    int fonts = 0;
+    SUBSTITUTE(CreateFontW)
+    create([&](auto... arguments) { return ++fonts == 2 ? HFONT{nullptr} : create.Original()(arguments...); });
+    Start();
+    EXPECT_TRUE(window_.ready);
+}
+
+// Proves: The window ends => the larger font is deleted
+TEST_F(StatusWindowTest, HeadingsFontIsDeletedAtTheEnd)
+{
+    Start();
+    const HGDIOBJ heading = reinterpret_cast<HGDIOBJ>(SendMessageW(Control(1013), WM_GETFONT, 0, 0));
+    Shared<HGDIOBJ> deleted;
+    SUBSTITUTE(DeleteObject)
+    remove([&](HGDIOBJ object) {
+        deleted.Add(object);
+        return remove.Original()(object);
+    });
+    StopStatusWindow(window_);
+    EXPECT_THAT(deleted.Get(), Contains(heading));
+}
+
+// --- The texts
 // Proves: Time passes => the dots take turns every half second
 TEST_F(StatusWindowTest, DotsTakeTurnsOnATimerOfTheBackground)
 {
@@ -415,11 +378,9 @@ TEST_F(StatusWindowTest, DotsTakeTurnsOnATimerOfTheBackground)
     Shared<HWND> timers;
     SUBSTITUTE(SetTimer)
     timer([&](HWND window, UINT_PTR id, UINT milliseconds, TIMERPROC procedure) {
-        EXPECT_EQ(id, 0u);
-        EXPECT_EQ(milliseconds, 500u);
-        EXPECT_EQ(procedure, nullptr);
+        EXPECT_EQ(std::tuple(id, milliseconds, procedure), std::tuple(0u, 500u, nullptr));
         timers.Add(window);
-        return timer.Original()(window, id, 10, procedure);  // a test has not that much time
+        return timer.Original()(window, id, 10, procedure);  // half a second would take too long here
     });
     SUBSTITUTE(SetDlgItemTextW)
     set([&](HWND dialog, int id, const wchar_t* text) {
@@ -436,19 +397,17 @@ TEST_F(StatusWindowTest, DotsTakeTurnsOnATimerOfTheBackground)
     std::vector<std::wstring> first = texts.Get();
     first.resize(5);
     EXPECT_THAT(first, ElementsAre(kDots[0], kDots[1], kDots[2], kDots[0], kDots[1]));
-    EXPECT_THAT(timers.Get(), testing::Each(background));
+    EXPECT_THAT(timers.Get(), Each(background));
     EXPECT_GE(timers.Get().size(), 4u);  // armed again at every step
 }
 
-TEST_F(StatusWindowTest, EveryStepOfTheDotsInvalidatesTheDialogWithoutErasing)
+TEST_F(StillWindow, EveryStepOfTheDotsInvalidatesTheDialogWithoutErasing)
 {
     Shared<HWND> invalidated;
-    SUBSTITUTE(SetTimer) noTimer([](HWND, UINT_PTR, UINT, TIMERPROC) { return UINT_PTR{1}; });
     Start();
     SUBSTITUTE(InvalidateRect)
     invalidate([&](HWND window, const RECT* area, BOOL erase) {
-        EXPECT_EQ(area, nullptr);
-        EXPECT_EQ(erase, FALSE);
+        EXPECT_EQ(std::tuple(area, erase), std::tuple(nullptr, FALSE));
         invalidated.Add(window);
         return invalidate.Original()(window, area, erase);
     });
@@ -458,9 +417,8 @@ TEST_F(StatusWindowTest, EveryStepOfTheDotsInvalidatesTheDialogWithoutErasing)
     StopStatusWindow(window_);
 }
 
-TEST_F(StatusWindowTest, OtherTimersDoNotMoveTheDots)
+TEST_F(StillWindow, OtherTimersDoNotMoveTheDots)
 {
-    SUBSTITUTE(SetTimer) noTimer([](HWND, UINT_PTR, UINT, TIMERPROC) { return UINT_PTR{1}; });
     Start();
     PostMessageW(Dialog(), WM_TIMER, 0, 0);
     PostMessageW(Background(), WM_TIMER, 5, 0);
@@ -468,21 +426,17 @@ TEST_F(StatusWindowTest, OtherTimersDoNotMoveTheDots)
     PostMessageW(Background(), WM_TIMER, 0, 0);
     EXPECT_TRUE(WaitUntil([&] { return Text(1005) != kDots[0]; }));
     EXPECT_EQ(Text(1005), kDots[1]);
-    StopStatusWindow(window_);
 }
 
 struct StatusCase
 {
     int status;
     std::wstring text;
+
+    friend void PrintTo(const StatusCase& status, std::ostream* stream) { *stream << status.status; }
 };
 
-void PrintTo(const StatusCase& status, std::ostream* stream)
-{
-    *stream << status.status;
-}
-
-class StatusText : public StatusWindowTest, public testing::WithParamInterface<StatusCase>
+class StatusText : public StillWindow, public testing::WithParamInterface<StatusCase>
 {
 };
 INSTANTIATE_TEST_SUITE_P(Codes, StatusText,
@@ -493,14 +447,12 @@ INSTANTIATE_TEST_SUITE_P(Codes, StatusText,
 // Proves: A status is set => the text of its code is on the window when the call returns, the dialog is repainted; unknown codes are an empty text
 TEST_P(StatusText, IsOnTheWindowWhenTheCallReturnsAndTheDialogIsInvalidated)
 {
-    SUBSTITUTE(SetTimer) noTimer([](HWND, UINT_PTR, UINT, TIMERPROC) { return UINT_PTR{1}; });
     Start(true);
     int invalidated = 0;
     SUBSTITUTE(InvalidateRect)
     invalidate([&](HWND window, const RECT* area, BOOL erase) {
         EXPECT_EQ(window, Dialog());
-        EXPECT_EQ(area, nullptr);
-        EXPECT_EQ(erase, FALSE);
+        EXPECT_EQ(std::tuple(area, erase), std::tuple(nullptr, FALSE));
         ++invalidated;
         return TRUE;
     });
@@ -512,6 +464,7 @@ TEST_P(StatusText, IsOnTheWindowWhenTheCallReturnsAndTheDialogIsInvalidated)
     StopStatusWindow(window_);
 }
 
+// --- Start and stop
 // Proves: Not silent => picture and dialog are shown, in this order; the dialog is hidden for the box
 TEST_F(StatusWindowTest, IsShownBackgroundFirst)
 {
@@ -570,9 +523,7 @@ TEST_F(StatusWindowTest, StopSetsTheFlagBeforeItPostsTheCloseToTheThreadAndJoins
         ++posts;
         EXPECT_TRUE(window_.stop);
         EXPECT_EQ(thread, window_.threadId);
-        EXPECT_EQ(message, 0x10u);
-        EXPECT_EQ(first, 0u);
-        EXPECT_EQ(second, 0);
+        EXPECT_EQ(std::tuple(message, first, second), std::tuple(0x10u, 0u, 0));
         return post.Original()(thread, message, first, second);
     });
     StopStatusWindow(window_);
@@ -583,7 +534,7 @@ TEST_F(StatusWindowTest, StopSetsTheFlagBeforeItPostsTheCloseToTheThreadAndJoins
     EXPECT_EQ(posts, 1);
 }
 
-TEST_F(StatusWindowTest, StartLooksForTheReadyFlagEveryTenthOfASecondAndNoLongerThanNeeded)
+TEST_F(StatusWindowTest, StartChecksTheReadyFlagEveryTenthOfASecondAndNoLongerThanNeeded)
 {
     Shared<DWORD> sleeps;
     SUBSTITUTE(Sleep)
@@ -596,108 +547,104 @@ TEST_F(StatusWindowTest, StartLooksForTheReadyFlagEveryTenthOfASecondAndNoLonger
     });
     Start();
     EXPECT_TRUE(window_.ready);
-    EXPECT_THAT(sleeps.Get(), testing::Each(100u));
+    EXPECT_THAT(sleeps.Get(), Each(100u));
     EXPECT_GE(sleeps.Get().size(), 1u);
     EXPECT_LT(sleeps.Get().size(), 20u);
 }
 
-// A start whose window cannot be made: the sleeps are counted instead of slept.
-class BrokenStart : public StatusWindowTest
+enum class Missing
 {
-protected:
-    void StartAndExpectTwoSecondsOfWaiting()
-    {
-        int hundreds = 0;
-        SUBSTITUTE(Sleep)
-        sleep([&](DWORD milliseconds) {
-            hundreds += milliseconds == 100 ? 1 : 0;
-            sleep.Original()(1);
-        });
-        Start();
-        EXPECT_EQ(hundreds, 20);
-        EXPECT_FALSE(window_.ready);
-        EXPECT_TRUE(ThreadEnds());
-        SetStatus(window_, 1);  // goes to whatever is stored
-        StopStatusWindow(window_);
-        EXPECT_FALSE(window_.thread.joinable());
-    }
+    kDialog,
+    kBackground,
+    kHeadingFont,
 };
 
-TEST_F(BrokenStart, WithoutADialog)
+// A window of which something cannot be created.
+class BrokenStart : public StatusWindowTest, public testing::WithParamInterface<Missing>
 {
+protected:
+    int fonts_ = 0;
+    Shared<HWND> shown_;
+    Shared<HWND> timers_;
     SUBSTITUTE(CreateDialogParamW)
-    create([this](HINSTANCE instance, const wchar_t* name, HWND owner, DLGPROC procedure, LPARAM parameter) {
+    createDialog_{[this](HINSTANCE instance, const wchar_t* name, HWND owner, DLGPROC procedure, LPARAM parameter) {
         EXPECT_EQ(instance, instance_);
-        EXPECT_EQ(name, MAKEINTRESOURCEW(161));
-        EXPECT_EQ(owner, nullptr);
+        EXPECT_EQ(reinterpret_cast<UINT_PTR>(name), 161u);
+        EXPECT_EQ(std::tuple(owner, parameter), std::tuple(nullptr, 0));
         EXPECT_NE(procedure, nullptr);
-        EXPECT_EQ(parameter, 0);
-        return FailWith(8, HWND{nullptr});
-    });
-    StartAndExpectTwoSecondsOfWaiting();
-    EXPECT_EQ(window_.dialog, nullptr);
-}
+        return GetParam() == Missing::kDialog ? FailWith(8, HWND{nullptr})
+                                              : createDialog_.Original()(instance, name, owner, procedure, parameter);
+    }};
+    SUBSTITUTE(CreateWindowExW)
+    createWindow_{[this](auto... arguments) {
+        return GetParam() == Missing::kBackground ? FailWith(8, HWND{nullptr}) : createWindow_.Original()(arguments...);
+    }};
+    SUBSTITUTE(CreateFontW)
+    createFont_{[this](auto... arguments) {
+        return GetParam() == Missing::kHeadingFont && ++fonts_ == 1 ? HFONT{nullptr}
+                                                                    : createFont_.Original()(arguments...);
+    }};
+    SUBSTITUTE(ShowWindow)
+    show_{[this](HWND window, int) { return shown_.Add(window), TRUE; }};
+    SUBSTITUTE(SetTimer)
+    timer_{[this](HWND window, UINT_PTR, UINT, TIMERPROC) { return timers_.Add(window), UINT_PTR{1}; }};
+};
+INSTANTIATE_TEST_SUITE_P(All, BrokenStart,
+                         testing::Values(Missing::kDialog, Missing::kBackground, Missing::kHeadingFont));
 
 // Proves: Picture, dialog or the larger font cannot be created => the thread ends, the start waits its two seconds, the later stop joins an ended thread
-TEST_F(BrokenStart, WithoutABackground)
+TEST_P(BrokenStart, WaitsTwoSecondsForAThreadThatHasEnded)
 {
-    Shared<HWND> shown;
-    SUBSTITUTE(CreateWindowExW)
-    create([](DWORD, const wchar_t*, const wchar_t*, DWORD, int, int, int, int, HWND, HMENU, HINSTANCE, void*) {
-        return FailWith(8, HWND{nullptr});
-    });
-    SUBSTITUTE(ShowWindow) show([&](HWND window, int) { return shown.Add(window), TRUE; });
-    StartAndExpectTwoSecondsOfWaiting();
-    EXPECT_THAT(shown.Get(), IsEmpty());
-}
-
-TEST_F(BrokenStart, WithoutTheHeadingsFont)
-{
-    int timers = 0;
-    SUBSTITUTE(SetTimer) timer([&](HWND, UINT_PTR, UINT, TIMERPROC) { return ++timers, UINT_PTR{1}; });
-    int fonts = 0;
-    SUBSTITUTE(CreateFontW)
-    create([&](int height, int width, int escapement, int orientation, int weight, DWORD italic, DWORD underline,
-               DWORD strike, DWORD charset, DWORD output, DWORD clip, DWORD quality, DWORD pitch, const wchar_t* face) {
-        return ++fonts == 1 ? HFONT{nullptr}
-                            : create.Original()(height, width, escapement, orientation, weight, italic, underline,
-                                                strike, charset, output, clip, quality, pitch, face);
-    });
-    StartAndExpectTwoSecondsOfWaiting();
-    EXPECT_EQ(timers, 0);
-}
-
-// Proves: The smaller font cannot be created => it goes on
-TEST_F(StatusWindowTest, WithoutTheSmallFontItGoesOn)
-{
-    int fonts = 0;
-    SUBSTITUTE(CreateFontW)
-    create([&](int height, int width, int escapement, int orientation, int weight, DWORD italic, DWORD underline,
-               DWORD strike, DWORD charset, DWORD output, DWORD clip, DWORD quality, DWORD pitch, const wchar_t* face) {
-        return ++fonts == 2 ? HFONT{nullptr}
-                            : create.Original()(height, width, escapement, orientation, weight, italic, underline,
-                                                strike, charset, output, clip, quality, pitch, face);
+    int hundreds = 0;
+    SUBSTITUTE(Sleep)
+    sleep([&](DWORD milliseconds) {
+        hundreds += milliseconds == 100 ? 1 : 0;
+        sleep.Original()(1);
     });
     Start();
-    EXPECT_TRUE(window_.ready);
-}
-
-// Proves: The window ends => the larger font is deleted
-TEST_F(StatusWindowTest, HeadingsFontIsDeletedAtTheEnd)
-{
-    Start();
-    const HGDIOBJ heading = reinterpret_cast<HGDIOBJ>(SendMessageW(Control(1013), WM_GETFONT, 0, 0));
-    Shared<HGDIOBJ> deleted;
-    SUBSTITUTE(DeleteObject)
-    remove([&](HGDIOBJ object) {
-        deleted.Add(object);
-        return remove.Original()(object);
-    });
+    EXPECT_EQ(hundreds, 20);
+    EXPECT_FALSE(window_.ready);
+    EXPECT_TRUE(ThreadEnds());
+    EXPECT_EQ(window_.dialog == nullptr, GetParam() == Missing::kDialog);
+    EXPECT_EQ(shown_.Get().empty(), GetParam() != Missing::kHeadingFont);
+    EXPECT_THAT(timers_.Get(), IsEmpty());
+    SetStatus(window_, 1);  // goes to the handle that is stored
     StopStatusWindow(window_);
-    EXPECT_THAT(deleted.Get(), Contains(heading));
+    EXPECT_FALSE(window_.thread.joinable());
 }
 
-// --- Scaling: the two functions are looked up, either may be missing.
+// Proves: The thread needs longer than two seconds => the start returns anyway; later texts go to whatever handle is there
+TEST_F(StatusWindowTest, StartWaitsNoLongerThanTwoSecondsForASlowThread)
+{
+    const std::thread::id mainThread = std::this_thread::get_id();
+    const HANDLE goOn = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    std::atomic<int> waits = 0;
+    SUBSTITUTE(Sleep)
+    sleep([&](DWORD milliseconds) {
+        const bool isPoll = std::this_thread::get_id() == mainThread && milliseconds == 100;
+        waits += isPoll ? 1 : 0;
+        sleep.Original()(isPoll ? 0 : milliseconds);
+    });
+    SUBSTITUTE(CreateDialogParamW)
+    create([&](auto... arguments) {
+        WaitForSingleObject(goOn, 10'000);
+        return create.Original()(arguments...);
+    });
+    Start(true);
+    EXPECT_EQ(waits, 20);
+    EXPECT_FALSE(window_.ready);
+    EXPECT_EQ(window_.dialog, nullptr);
+    SetStatus(window_, 1);  // lost: there is no handle yet
+    SetEvent(goOn);
+    ASSERT_TRUE(WaitUntil([&] { return window_.ready.load(); }));
+    SetStatus(window_, 2);
+    EXPECT_EQ(Text(1004), L"Installing...");
+    StopStatusWindow(window_);
+    EXPECT_FALSE(window_.thread.joinable());
+    CloseHandle(goOn);
+}
+
+// --- Scaling
 Shared<std::string>* scalingCalls = nullptr;
 
 void* WINAPI FakeSetAwareness(void* context)
@@ -711,14 +658,21 @@ int WINAPI FakeSetHosting(int behavior)
     return 55;
 }
 
-class Scaling : public StatusWindowTest
+// Which of the two scaling functions the system has, what fails, and the calls that are to be seen.
+struct ScalingCase
+{
+    bool hasAwareness;
+    bool hasHosting;
+    std::string failing;
+    std::vector<std::string> calls;
+};
+
+class Scaling : public StatusWindowTest, public testing::WithParamInterface<ScalingCase>
 {
 protected:
     Scaling() { scalingCalls = &calls_; }
 
     Shared<std::string> calls_;
-    bool hasAwareness_ = true;
-    bool hasHosting_ = true;
     SUBSTITUTE(GetModuleHandleW)
     module_{[this](const wchar_t* name) {
         if (name != nullptr && std::wstring(name) == L"User32")
@@ -734,89 +688,56 @@ protected:
             const std::string text = name;
             if (text == "SetThreadDpiAwarenessContext")
             {
-                return hasAwareness_ ? reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&FakeSetAwareness)) : nullptr;
+                return GetParam().hasAwareness ? reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&FakeSetAwareness))
+                                               : nullptr;
             }
             if (text == "SetThreadDpiHostingBehavior")
             {
-                return hasHosting_ ? reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&FakeSetHosting)) : nullptr;
+                return GetParam().hasHosting ? reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&FakeSetHosting))
+                                             : nullptr;
             }
         }
         return lookUp_.Original()(module, name);
     }};
     SUBSTITUTE(CreateDialogParamW)
-    create_{[this](HINSTANCE instance, const wchar_t* name, HWND owner, DLGPROC procedure, LPARAM parameter) {
+    createDialog_{[this](auto... arguments) {
         calls_.Add("dialog");
-        return create_.Original()(instance, name, owner, procedure, parameter);
+        return createDialog_.Original()(arguments...);
     }};
+    SUBSTITUTE(CreateWindowExW)
+    createWindow_{[this](auto... arguments) {
+        return GetParam().failing == "background" ? HWND{nullptr} : createWindow_.Original()(arguments...);
+    }};
+    SUBSTITUTE(CreateFontW)
+    createFont_{[this](auto... arguments) {
+        return GetParam().failing == "font" ? HFONT{nullptr} : createFont_.Original()(arguments...);
+    }};
+    SUBSTITUTE(Sleep)
+    sleep_{[this](DWORD milliseconds) { sleep_.Original()(GetParam().failing.empty() ? milliseconds : 1); }};
 };
 
+const std::vector<std::string> kBoth = {"User32", "awareness -1", "hosting 1", "dialog", "hosting 55", "awareness -77"};
+INSTANTIATE_TEST_SUITE_P(
+    All, Scaling,
+    testing::Values(ScalingCase{true, true, "", kBoth}, ScalingCase{true, true, "background", kBoth},
+                    ScalingCase{true, true, "font", kBoth},
+                    ScalingCase{true, false, "", {"User32", "awareness -1", "dialog", "awareness -77"}},
+                    ScalingCase{false, true, "", {"User32", "hosting 1", "dialog", "hosting 55"}},
+                    ScalingCase{false, false, "", {"User32", "dialog"}}));
+
 // Proves: The system has the scaling functions, one of them, or neither => they are called before the dialog is made and taken back on every way out
-TEST_F(Scaling, IsLeftToTheSystemBeforeTheDialogIsMadeAndGivenBackAtTheEnd)
+TEST_P(Scaling, IsLeftToTheSystemBeforeTheDialogIsMadeAndGivenBackAtTheEnd)
 {
     Start();
+    EXPECT_TRUE(WaitUntil([&] { return window_.ready == GetParam().failing.empty(); }));
     StopStatusWindow(window_);
-    EXPECT_THAT(calls_.Get(),
-                ElementsAre("User32", "awareness -1", "hosting 1", "dialog", "hosting 55", "awareness -77"));
-}
-
-TEST_F(Scaling, IsGivenBackWhenTheBackgroundCannotBeMade)
-{
-    SUBSTITUTE(CreateWindowExW)
-    create([](DWORD, const wchar_t*, const wchar_t*, DWORD, int, int, int, int, HWND, HMENU, HINSTANCE, void*) {
-        return FailWith(8, HWND{nullptr});
-    });
-    SUBSTITUTE(Sleep) sleep([&](DWORD) { sleep.Original()(1); });
-    Start();
-    StopStatusWindow(window_);
-    EXPECT_THAT(calls_.Get(),
-                ElementsAre("User32", "awareness -1", "hosting 1", "dialog", "hosting 55", "awareness -77"));
-}
-
-TEST_F(Scaling, IsGivenBackWhenTheFontCannotBeMade)
-{
-    SUBSTITUTE(CreateFontW)
-    create([](int, int, int, int, int, DWORD, DWORD, DWORD, DWORD, DWORD, DWORD, DWORD, DWORD, const wchar_t*) {
-        return HFONT{nullptr};
-    });
-    SUBSTITUTE(Sleep) sleep([&](DWORD) { sleep.Original()(1); });
-    Start();
-    StopStatusWindow(window_);
-    EXPECT_THAT(calls_.Get(),
-                ElementsAre("User32", "awareness -1", "hosting 1", "dialog", "hosting 55", "awareness -77"));
-}
-
-TEST_F(Scaling, MayKnowOnlyTheAwareness)
-{
-    hasHosting_ = false;
-    Start();
-    StopStatusWindow(window_);
-    EXPECT_THAT(calls_.Get(), ElementsAre("User32", "awareness -1", "dialog", "awareness -77"));
-}
-
-TEST_F(Scaling, MayKnowOnlyTheHosting)
-{
-    hasAwareness_ = false;
-    Start();
-    StopStatusWindow(window_);
-    EXPECT_THAT(calls_.Get(), ElementsAre("User32", "hosting 1", "dialog", "hosting 55"));
-}
-
-TEST_F(Scaling, MayKnowNeither)
-{
-    hasAwareness_ = false;
-    hasHosting_ = false;
-    Start();
-    EXPECT_TRUE(window_.ready);
-    StopStatusWindow(window_);
-    EXPECT_THAT(calls_.Get(), ElementsAre("User32", "dialog"));
+    EXPECT_EQ(calls_.Get(), GetParam().calls);
 }
 
 // --- Mouse
 class Mouse : public StatusWindowTest
 {
 protected:
-    ~Mouse() override { StopStatusWindow(window_); }
-
     static void Input(DWORD flags, LONG x = 0, LONG y = 0)
     {
         INPUT input = {};
@@ -842,15 +763,15 @@ protected:
     }};
     SUBSTITUTE(SendMessageW)
     send_{[this](HWND window, UINT message, WPARAM first, LPARAM second) {
-        if (message == WM_SYSCOMMAND)
+        const bool isAction = message == WM_SYSCOMMAND;
+        if (isAction)
         {
             EXPECT_EQ(window, window_.dialog);
             EXPECT_EQ(second, 0);
             order_.Add("command");
             actions_.Add(first);
-            return acts_ ? send_.Original()(window, message, first, second) : LRESULT{0};
         }
-        return send_.Original()(window, message, first, second);
+        return isAction && !acts_ ? LRESULT{0} : send_.Original()(window, message, first, second);
     }};
 };
 
@@ -868,7 +789,7 @@ TEST_F(Mouse, ClickOnTheMarkMinimises)
 }
 
 // Proves: The mouse is pressed anywhere else => it drags the window, as often as one likes; a mere click does nothing
-TEST_F(Mouse, DragAnywhereElseMovesTheWindow)
+TEST_F(Mouse, DragOutsideTheMarkMovesTheWindow)
 {
     Start();
     RECT before = {};
@@ -944,48 +865,48 @@ TEST_F(Mouse, StopDuringADragEndsTheThreadWhenTheButtonIsReleased)
 }
 
 // --- The message loop
-class EndingMessage : public StatusWindowTest, public testing::WithParamInterface<UINT>
+class MessageLoop : public StatusWindowTest
+{
+protected:
+    Shared<UINT> dispatched_;
+    SUBSTITUTE(DispatchMessageW)
+    dispatch_{[this](const MSG* message) {
+        dispatched_.Add(message->message);
+        return dispatch_.Original()(message);
+    }};
+};
+
+// A message, and whether it goes to the window or only to its thread.
+class EndingMessage : public MessageLoop, public testing::WithParamInterface<std::tuple<UINT, bool>>
 {
 };
-INSTANTIATE_TEST_SUITE_P(Messages, EndingMessage, testing::Values(0x02, 0x10, 0x12));
+INSTANTIATE_TEST_SUITE_P(Messages, EndingMessage, testing::Combine(testing::Values(0x02, 0x10, 0x12), testing::Bool()));
 
 // Proves: A closing message arrives, for the thread or the window => the loop ends without dispatching it; other messages are dispatched
-TEST_P(EndingMessage, ForTheThreadLeavesTheLoopWithoutBeingDispatched)
+TEST_P(EndingMessage, LeavesTheLoopWithoutBeingDispatched)
 {
-    Shared<UINT> dispatched;
-    SUBSTITUTE(DispatchMessageW)
-    dispatch([&](const MSG* message) {
-        dispatched.Add(message->message);
-        return dispatch.Original()(message);
-    });
+    const auto [message, isForTheWindow] = GetParam();
     Start();
-    PostThreadMessageW(window_.threadId, GetParam(), 0, 0);
+    if (isForTheWindow)
+    {
+        PostMessageW(Dialog(), message, 0, 0);
+    }
+    else
+    {
+        PostThreadMessageW(window_.threadId, message, 0, 0);
+    }
     EXPECT_TRUE(ThreadEnds());
-    EXPECT_THAT(dispatched.Get(), testing::Not(Contains(GetParam())));
+    EXPECT_THAT(dispatched_.Get(), Not(Contains(message)));
 }
 
-TEST_P(EndingMessage, ForTheWindowLeavesTheLoopAsWell)
+TEST_F(MessageLoop, DispatchesOtherMessagesAndGoesOn)
 {
-    Start();
-    PostMessageW(Dialog(), GetParam(), 0, 0);
-    EXPECT_TRUE(ThreadEnds());
-}
-
-TEST_F(StatusWindowTest, OtherMessagesAreDispatchedAndTheLoopGoesOn)
-{
-    Shared<UINT> dispatched;
-    SUBSTITUTE(DispatchMessageW)
-    dispatch([&](const MSG* message) {
-        dispatched.Add(message->message);
-        return dispatch.Original()(message);
-    });
     Start();
     PostMessageW(Dialog(), WM_APP + 1, 0, 0);
     PostMessageW(Dialog(), WM_APP + 2, 0, 0);
-    EXPECT_TRUE(WaitUntil([&] { return testing::Value(dispatched.Get(), Contains(UINT{WM_APP + 2})); }));
-    EXPECT_THAT(dispatched.Get(), Contains(UINT{WM_APP + 1}));
+    EXPECT_TRUE(WaitUntil([&] { return testing::Value(dispatched_.Get(), Contains(UINT{WM_APP + 2})); }));
+    EXPECT_THAT(dispatched_.Get(), Contains(UINT{WM_APP + 1}));
     EXPECT_NE(IsWindow(Dialog()), FALSE);
-    StopStatusWindow(window_);
 }
 
 TEST_F(StatusWindowTest, StopFlagAloneEndsTheLoopAfterTheNextMessage)
@@ -1001,9 +922,7 @@ TEST_F(StatusWindowTest, FailingMessageQueueEndsTheLoop)
 {
     SUBSTITUTE(GetMessageW)
     get([](MSG*, HWND window, UINT first, UINT last) {
-        EXPECT_EQ(window, nullptr);
-        EXPECT_EQ(first, 0u);
-        EXPECT_EQ(last, 0u);
+        EXPECT_EQ(std::tuple(window, first, last), std::tuple(nullptr, 0u, 0u));
         return FailWith(1400, BOOL{-1});
     });
     Start();
@@ -1020,8 +939,7 @@ TEST_F(StatusWindowTest, TextIsLightAndTransparentOnThePicture)
     const LRESULT brush = SendMessageW(Dialog(), WM_CTLCOLORSTATIC, reinterpret_cast<WPARAM>(context),
                                        reinterpret_cast<LPARAM>(Control(1004)));
     EXPECT_EQ(brush, reinterpret_cast<LRESULT>(GetStockObject(5)));
-    EXPECT_EQ(GetTextColor(context), 0x00FFFFF0u);
-    EXPECT_EQ(GetBkMode(context), 1);
+    EXPECT_EQ(std::tuple(GetTextColor(context), GetBkMode(context)), std::tuple(0x00FFFFF0u, 1));
     DeleteDC(context);
 }
 

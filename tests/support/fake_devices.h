@@ -1,70 +1,67 @@
-// Display devices of a machine that does not exist, answered through SetupAPI's functions. What the code under test
-// passes is checked on the way.
+// Display devices answered through SetupAPI's functions, instead of those of this machine. What the product passes is
+// checked on the way. The driver key of an adapter is in the test's registry.
 #pragma once
 
 #include <windows.h>
 
-#include <setupapi.h>
-
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <deque>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "inventory/setup_api.h"
+#include "support/machine_registry.h"
 #include "support/substitute.h"
 
-#if defined(__MINGW32__)  // in the toolchain's library but not in its header
-extern "C" WINSETUPAPI BOOL WINAPI SetupGetInfDriverStoreLocationW(PCWSTR infPath, PSP_ALTPLATFORM_INFO platform,
-                                                                   PCWSTR locale, PWSTR path, DWORD characters,
-                                                                   PDWORD needed);
-#endif
-
-IMPORTED(SetupDiBuildDriverInfoList)
-IMPORTED(SetupDiDestroyDeviceInfoList)
-IMPORTED(SetupDiEnumDeviceInfo)
-IMPORTED(SetupDiEnumDriverInfoW)
-IMPORTED(SetupDiGetClassDevsW)
-IMPORTED(SetupDiGetDeviceInstanceIdW)
-IMPORTED(SetupDiGetDevicePropertyW)
-IMPORTED(SetupDiGetDeviceRegistryPropertyW)
-IMPORTED(SetupDiGetDriverInfoDetailW)
-IMPORTED(SetupGetInfDriverStoreLocationW)
+IMPORTED(SetupDiBuildDriverInfoList, SetupDiDestroyDeviceInfoList, SetupDiEnumDeviceInfo, SetupDiEnumDriverInfoW,
+         SetupDiGetClassDevsW, SetupDiGetDeviceInstanceIdW, SetupDiGetDevicePropertyW,
+         SetupDiGetDeviceRegistryPropertyW, SetupDiGetDriverInfoDetailW, SetupGetInfDriverStoreLocationW)
 
 namespace repair
 {
-struct MadeUpPackage
+struct FakeDriverPackage
 {
     std::wstring infName;    // as the driver's detail names it
     std::wstring storePath;  // empty: the driver store does not know it
 };
 
-struct MadeUpDevice
+struct FakeDevice
 {
     std::wstring id;
     std::wstring driverKey;  // below the class key
     std::optional<std::wstring> description = L"Marlin 5";
     DWORD problem = 0;
-    std::vector<MadeUpPackage> packages = {};
+    std::vector<FakeDriverPackage> packages = {};
     DWORD idError = 0;  // the codes with which the queries fail
     DWORD driverKeyError = 0;
     DWORD problemError = 0;
     DWORD buildError = 0;
 };
 
-class MadeUpDevices
+class FakeDevices
 {
 public:
-    std::vector<MadeUpDevice> devices;
+    std::deque<FakeDevice> devices;
     std::vector<std::wstring> calls;  // opening, driver lists, closing
 
-    static HDEVINFO Handle() { return reinterpret_cast<HDEVINFO>(static_cast<INT_PTR>(0x7070)); }
+    // An adapter whose active driver has the release.
+    FakeDevice& AddAdapter(const std::wstring& id, const std::wstring& release)
+    {
+        const std::wstring key = L"{4d36e968}\\" + std::to_wstring(devices.size());
+        MachineRegistry::SetString(L"SYSTEM\\CurrentControlSet\\Control\\Class\\" + key, L"ReleaseVersion", release);
+        return devices.emplace_back(FakeDevice{id, key});
+    }
 
 private:
     static constexpr DWORD kDetailBytes = 1700;  // more than the structure, as with compatible ids behind it
 
-    const MadeUpDevice& Current(HDEVINFO set, const SP_DEVINFO_DATA* device) const
+    static HDEVINFO Handle() { return reinterpret_cast<HDEVINFO>(static_cast<INT_PTR>(0x7070)); }
+
+    const FakeDevice& Current(HDEVINFO set, const SP_DEVINFO_DATA* device) const
     {
         EXPECT_EQ(set, Handle());
         EXPECT_EQ(device->cbSize, 32u);
@@ -94,9 +91,7 @@ private:
     open_{[this](const GUID* kind, const wchar_t* enumerator, HWND window, DWORD flags) -> HDEVINFO {
         constexpr GUID kDisplay = {0x4D36E968, 0xE325, 0x11CE, {0xBF, 0xC1, 0x08, 0x00, 0x2B, 0xE1, 0x03, 0x18}};
         EXPECT_EQ(std::memcmp(kind, &kDisplay, sizeof(kDisplay)), 0);
-        EXPECT_EQ(enumerator, nullptr);
-        EXPECT_EQ(window, nullptr);
-        EXPECT_EQ(flags, 2u);
+        EXPECT_EQ(std::tuple(enumerator, window, flags), std::tuple(nullptr, nullptr, 2u));
         calls.push_back(L"open");
         return Handle();
     }};
@@ -104,30 +99,24 @@ private:
     enumerate_{[this](HDEVINFO set, DWORD index, SP_DEVINFO_DATA* device) {
         EXPECT_EQ(set, Handle());
         EXPECT_EQ(device->cbSize, 32u);
-        if (index >= devices.size())
-        {
-            return FailWith(ERROR_NO_MORE_ITEMS);
-        }
         device->DevInst = index;
-        return TRUE;
+        return index < devices.size() ? TRUE : FailWith(ERROR_NO_MORE_ITEMS);
     }};
     SUBSTITUTE(SetupDiGetDeviceInstanceIdW)
     id_{[this](HDEVINFO set, SP_DEVINFO_DATA* data, wchar_t* buffer, DWORD characters, DWORD* needed) {
-        const MadeUpDevice& device = Current(set, data);
-        EXPECT_EQ(characters, 520u);
-        EXPECT_EQ(needed, nullptr);
+        const FakeDevice& device = Current(set, data);
+        EXPECT_EQ(std::tuple(characters, needed), std::tuple(520u, nullptr));
         if (device.idError != 0)
         {
             return FailWith(device.idError);
         }
-        device.id.copy(buffer, device.id.size());
-        buffer[device.id.size()] = L'\0';
+        wcscpy(buffer, device.id.c_str());
         return TRUE;
     }};
     SUBSTITUTE(SetupDiGetDeviceRegistryPropertyW)
     property_{
         [this](HDEVINFO set, SP_DEVINFO_DATA* data, DWORD property, DWORD*, BYTE* buffer, DWORD bytes, DWORD* needed) {
-            const MadeUpDevice& device = Current(set, data);
+            const FakeDevice& device = Current(set, data);
             if (property == 0)
             {
                 return Give(device.description, device.description ? 0 : ERROR_INVALID_DATA, buffer, bytes, needed);
@@ -140,12 +129,8 @@ private:
                     DWORD bytes, DWORD* needed, DWORD flags) {
         constexpr GUID kSet = {0x4340A6C5, 0x93FA, 0x4706, {0x97, 0x2C, 0x7B, 0x64, 0x80, 0x08, 0xA5, 0xA7}};
         EXPECT_EQ(std::memcmp(&key->fmtid, &kSet, sizeof(kSet)), 0);
-        EXPECT_EQ(key->pid, 3u);
-        EXPECT_EQ(*type, 7u);
-        EXPECT_EQ(bytes, 4u);
-        EXPECT_EQ(needed, nullptr);
-        EXPECT_EQ(flags, 0u);
-        const MadeUpDevice& device = Current(set, data);
+        EXPECT_EQ(std::tuple(key->pid, *type, bytes, needed, flags), std::tuple(3u, 7u, 4u, nullptr, 0u));
+        const FakeDevice& device = Current(set, data);
         // Written in the failing case too: such a value must not be taken.
         const DWORD value = device.problemError != 0 ? 99 : device.problem;
         std::memcpy(buffer, &value, sizeof(value));
@@ -153,7 +138,7 @@ private:
     }};
     SUBSTITUTE(SetupDiBuildDriverInfoList)
     build_{[this](HDEVINFO set, SP_DEVINFO_DATA* data, DWORD kind) {
-        const MadeUpDevice& device = Current(set, data);
+        const FakeDevice& device = Current(set, data);
         EXPECT_EQ(kind, 2u);
         calls.push_back(L"drivers of " + device.id);
         return device.buildError != 0 ? FailWith(device.buildError) : TRUE;
@@ -162,7 +147,7 @@ private:
     driver_{[this](HDEVINFO set, SP_DEVINFO_DATA* data, DWORD kind, DWORD index, SP_DRVINFO_DATA_W* driver) {
         EXPECT_EQ(kind, 2u);
         EXPECT_EQ(driver->cbSize, 1568u);
-        const std::vector<MadeUpPackage>& packages = Current(set, data).packages;
+        const std::vector<FakeDriverPackage>& packages = Current(set, data).packages;
         if (index >= packages.size())
         {
             return FailWith(ERROR_NO_MORE_ITEMS);
@@ -183,25 +168,21 @@ private:
         EXPECT_EQ(detail->cbSize, 1584u);
         const char* const memory = reinterpret_cast<const char*>(detail);
         EXPECT_EQ(std::string(memory + 4, bytes - 4), std::string(bytes - 4, '\0'));
-        const MadeUpPackage& package = Current(set, data).packages.at(driver->Reserved);
+        const FakeDriverPackage& package = Current(set, data).packages.at(driver->Reserved);
         package.infName.copy(detail->InfFileName, MAX_PATH - 1);
         return TRUE;
     }};
     SUBSTITUTE(SetupGetInfDriverStoreLocationW)
     store_{[this](const wchar_t* inf, SP_ALTPLATFORM_INFO* platform, const wchar_t* locale, wchar_t* buffer,
                   DWORD characters, DWORD* needed) {
-        EXPECT_EQ(platform, nullptr);
-        EXPECT_EQ(locale, nullptr);
-        EXPECT_EQ(characters, 260u);
-        EXPECT_EQ(needed, nullptr);
-        for (const MadeUpDevice& device : devices)
+        EXPECT_EQ(std::tuple(platform, locale, characters, needed), std::tuple(nullptr, nullptr, 260u, nullptr));
+        for (const FakeDevice& device : devices)
         {
-            for (const MadeUpPackage& package : device.packages)
+            for (const FakeDriverPackage& package : device.packages)
             {
                 if (package.infName == inf && !package.storePath.empty())
                 {
-                    package.storePath.copy(buffer, characters - 1);
-                    buffer[package.storePath.size()] = L'\0';
+                    wcscpy(buffer, package.storePath.c_str());
                     return TRUE;
                 }
             }
