@@ -18,7 +18,6 @@
 #include "support/temporary_folder.h"
 
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 
 IMPORTED(CloseHandle, CreateDirectoryW, CreateFileW, DeleteFileW, FlushFileBuffers, MoveFileW, WriteFile)
 
@@ -26,9 +25,16 @@ namespace repair
 {
 namespace
 {
-constexpr wchar_t kUrl[] = L"http://server/f/24.20/dwx2_install.txt";
+const std::wstring kUrl = L"http://server/f/24.20/dwx2_install.txt";
 constexpr wchar_t kFile[] = L"dwx2_install.exe";
 constexpr wchar_t kTemporaryFile[] = L"dwx2_install.exe.tmp";
+
+// What every download does up to its request.
+const std::wstring kBeginning =
+    L"temporary path; log Change server to http://server/f/.; create folder; "
+    L"split http://server/f/24.20/dwx2_install.txt; session; connect server 80; delete dwx2_install.exe; "
+    L"delete dwx2_install.exe.tmp; create file; request /f/24.20/dwx2_install.txt; option 6 90000; option 5 30000; "
+    L"option 2 30000";
 
 // Downloads from http://server/f/. The calls into the internet, to files and the lines of the log are recorded in
 // order.
@@ -82,24 +88,14 @@ protected:
         EXPECT_FALSE(Exists(FinalPath()));
     }
 
-    // The calls must be those that every download begins with, up to its request, and then these.
-    void ExpectCalls(const std::vector<std::wstring>& more) const
+    std::wstring Calls() const
     {
-        std::vector<std::wstring> expected = {L"temporary path",
-                                              L"log Change server to http://server/f/.",
-                                              L"create folder",
-                                              std::wstring(L"split ") + kUrl,
-                                              L"session",
-                                              L"connect server 80",
-                                              L"delete dwx2_install.exe",
-                                              L"delete dwx2_install.exe.tmp",
-                                              L"create file",
-                                              L"request /f/24.20/dwx2_install.txt",
-                                              L"option 6 90000",
-                                              L"option 5 30000",
-                                              L"option 2 30000"};
-        expected.insert(expected.end(), more.begin(), more.end());
-        EXPECT_THAT(internet_.calls, ElementsAreArray(expected));
+        std::wstring joined;
+        for (const std::wstring& call : internet_.calls)
+        {
+            joined += (joined.empty() ? L"" : L"; ") + call;
+        }
+        return joined;
     }
 
     MachineRegistry registry_;
@@ -190,9 +186,10 @@ TEST_F(Download, TakesItsStepsInOrder)
 {
     internet_.body = {"MZ first ", std::string("a\0\r\n\x1a\xff", 6)};
     ExpectSuccess();
-    ExpectCalls({L"send", L"query", L"log Response code from server: 200", L"read", L"write 9", L"read", L"write 6",
-                 L"read", L"write 0", L"flush", L"close file", L"log Completed download. Total bytes downloaded: 15",
-                 L"delete dwx2_install.exe", L"rename", L"close 3", L"close 2", L"close 1"});
+    EXPECT_EQ(Calls(), kBeginning +
+                           L"; send; query; log Response code from server: 200; read; write 9; read; write 6; read; "
+                           L"write 0; flush; close file; log Completed download. Total bytes downloaded: 15; "
+                           L"delete dwx2_install.exe; rename; close 3; close 2; close 1");
     EXPECT_EQ(Content(FinalPath()), "MZ first " + std::string("a\0\r\n\x1a\xff", 6));
     EXPECT_FALSE(Exists(TemporaryPath()));
 }
@@ -410,8 +407,7 @@ TEST_F(Download, ThrowsBeforeAnythingIsOpenedWhenItsFolderCannotBeCreated)
     temporary_.WriteBytes(L"Tavik_VLTInstallerDownload", "a file in its place");
     isRecording_ = true;
     ExpectFileError(FileErrorOf([] { DownloadInstaller(L"24.20"); }), "create_directories", Folder() + L"\\", 183);
-    EXPECT_THAT(internet_.calls,
-                ElementsAre(L"temporary path", L"log Change server to http://server/f/.", L"create folder"));
+    EXPECT_EQ(Calls(), L"temporary path; log Change server to http://server/f/.; create folder");
 }
 
 class DownloadOldFile : public Download, public testing::WithParamInterface<const wchar_t*>
@@ -442,15 +438,13 @@ TEST_F(Download, LogsATemporaryFileThatCannotBeCreated)
     EXPECT_EQ(internet_.calls.back(), L"close 1");
 }
 
-// A call that fails with a code, the line about it, and the calls around this line.
+// A call that fails with a code, what is done after the beginning, and what stays in the temporary file.
 struct LoggedFailure
 {
     DWORD FakeInternet::*call;
     DWORD code;
-    std::vector<std::wstring> before;
-    std::wstring line;
-    std::vector<std::wstring> after;
-    const char* content;  // stays in the temporary file
+    std::wstring calls;
+    const char* content = "";
 };
 
 class DownloadFailure : public Download, public testing::WithParamInterface<LoggedFailure>
@@ -464,56 +458,40 @@ class DownloadFailure : public Download, public testing::WithParamInterface<Logg
 TEST_P(DownloadFailure, IsLoggedWithItsCode)
 {
     internet_.*GetParam().call = GetParam().code;
-    ExpectFailure(GetParam().line);
-    std::vector<std::wstring> calls = GetParam().before;
-    calls.push_back(L"log " + GetParam().line);
-    calls.insert(calls.end(), GetParam().after.begin(), GetParam().after.end());
-    ExpectCalls(calls);
+    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
+    EXPECT_EQ(Calls(), kBeginning + L"; " + GetParam().calls);
     EXPECT_EQ(Content(TemporaryPath()), GetParam().content);
+    EXPECT_FALSE(Exists(FinalPath()));
 }
 
-const std::vector<std::wstring> kAfterQuery = {L"close 3", L"close file", L"close 2", L"close 1"};
-const std::vector<std::wstring> kAfterRead = {L"close file", L"close 3", L"close 2", L"close 1"};
-const std::vector<std::wstring> kBeforeRead = {L"send", L"query",   L"log Response code from server: 200",
-                                               L"read", L"write 9", L"read"};
+const std::wstring kNoStatus =
+    L"send; query; log Unable to create query response code from " + kUrl + L". Error code: ";
+const std::wstring kNoBody =
+    L"send; query; log Response code from server: 200; read; write 9; read; log Download failed with error code: ";
 INSTANTIATE_TEST_SUITE_P(
     All, DownloadFailure,
     testing::Values(
-        LoggedFailure{&FakeInternet::requestError,
-                      12028,
-                      {L"close file"},
-                      std::wstring(L"Unable to call HttpOpenRequest to ") + kUrl + L". Error 12028",
-                      {L"close 2", L"close 1"},
-                      ""},
-        LoggedFailure{&FakeInternet::sendError,
-                      12029,
-                      {L"send", L"close file"},
-                      std::wstring(L"Unable to call HttpSendRequest to ") + kUrl + L". Error 12029",
-                      {L"close 3", L"close 2", L"close 1"},
-                      ""},
-        LoggedFailure{&FakeInternet::queryError,
-                      ERROR_ACCESS_DENIED,
-                      {L"send", L"query"},
-                      std::wstring(L"Unable to create query response code from ") + kUrl + L". Error code: 5 " +
-                          FormatSystemMessage(5),
-                      kAfterQuery,
-                      ""},
-        LoggedFailure{&FakeInternet::queryError,
-                      12150,  // has no text
-                      {L"send", L"query"},
-                      std::wstring(L"Unable to create query response code from ") + kUrl + L". Error code: 12150 ",
-                      kAfterQuery,
-                      ""},
-        LoggedFailure{&FakeInternet::readError, 10054, kBeforeRead,
-                      L"Download failed with error code: 10054 " + FormatSystemMessage(10054), kAfterRead, "installer"},
-        LoggedFailure{&FakeInternet::readError, 12002, kBeforeRead, L"Download failed with error code: 12002 ",
-                      kAfterRead, "installer"}));
+        LoggedFailure{
+            &FakeInternet::requestError, 12028,
+            L"close file; log Unable to call HttpOpenRequest to " + kUrl + L". Error 12028; close 2; close 1"},
+        LoggedFailure{&FakeInternet::sendError, 12029,
+                      L"send; close file; log Unable to call HttpSendRequest to " + kUrl +
+                          L". Error 12029; close 3; close 2; close 1"},
+        LoggedFailure{&FakeInternet::queryError, ERROR_ACCESS_DENIED,
+                      kNoStatus + L"5 " + FormatSystemMessage(5) + L"; close 3; close file; close 2; close 1"},
+        // Codes that have no text
+        LoggedFailure{&FakeInternet::queryError, 12150, kNoStatus + L"12150 ; close 3; close file; close 2; close 1"},
+        LoggedFailure{&FakeInternet::readError, 12002, kNoBody + L"12002 ; close file; close 3; close 2; close 1",
+                      "installer"},
+        LoggedFailure{&FakeInternet::readError, 10054,
+                      kNoBody + L"10054 " + FormatSystemMessage(10054) + L"; close file; close 3; close 2; close 1",
+                      "installer"}));
 
 TEST_F(Download, LogsTheErrorThatTheTimeLimitsLeaveWhenThereIsNoRequest)
 {
     internet_.requestError = 12028;
     internet_.optionError = 12018;
-    ExpectFailure(std::wstring(L"Unable to call HttpOpenRequest to ") + kUrl + L". Error 12018");
+    ExpectFailure(L"Unable to call HttpOpenRequest to " + kUrl + L". Error 12018");
 }
 
 class DownloadStatus : public Download, public testing::WithParamInterface<DWORD>
@@ -524,7 +502,7 @@ class DownloadStatus : public Download, public testing::WithParamInterface<DWORD
 TEST_P(DownloadStatus, OtherThan200IsAFailure)
 {
     internet_.status = GetParam();
-    ExpectFailure(std::wstring(L"Error response code received from ") + kUrl);
+    ExpectFailure(L"Error response code received from " + kUrl);
     ASSERT_EQ(log_.Lines().size(), 3u);
     EXPECT_EQ(log_.Lines()[1], L"Response code from server: " + std::to_wstring(GetParam()));
     EXPECT_THAT(internet_.calls, testing::Not(testing::Contains(L"read")));

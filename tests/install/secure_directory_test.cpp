@@ -16,11 +16,13 @@
 #include "support/substitute.h"
 #include "support/temporary_folder.h"
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-IMPORTED(CreateDirectoryW, CreateFileW, CreateWellKnownSid, InitializeSecurityDescriptor, LocalAlloc, LocalFree,
-         ProcessIdToSessionId, SetEntriesInAclW, SetSecurityDescriptorDacl, WTSFreeMemory, WTSQuerySessionInformationW)
+IMPORTED(CreateDirectoryW, CreateFileW, InitializeSecurityDescriptor, LocalAlloc, LocalFree, ProcessIdToSessionId,
+         SetEntriesInAclW, SetSecurityDescriptorControl, SetSecurityDescriptorDacl, WTSFreeMemory,
+         WTSQuerySessionInformationW)
 
 namespace repair
 {
@@ -28,6 +30,17 @@ namespace
 {
 // Rights, mode, inheritance, form and type of the trustee, and its name or the bytes of its SID.
 using SeenEntry = std::tuple<DWORD, int, DWORD, int, int, std::wstring>;
+
+// The codes with which the calls fail.
+struct Failures
+{
+    DWORD entries = 0;
+    DWORD descriptor = 0;
+    DWORD list = 0;
+    DWORD control = 0;
+    DWORD folder = 0;
+    DWORD marker = 0;
+};
 
 // The calls that set up the rights and the folder, in order, in a session of user VILLA\ann.
 class SecureDirectoryTest : public testing::Test
@@ -46,11 +59,9 @@ protected:
     std::vector<std::string> calls_;
     std::vector<SeenEntry> entries_;
     std::vector<HANDLE> markers_;
-    ULONG aclResult_ = ERROR_SUCCESS;  // of SetEntriesInAclW
-    DWORD folderError_ = ERROR_SUCCESS;
-    bool markerFails_ = false;
+    Failures failures_;
     ACL* list_ = nullptr;
-    std::vector<void*> freed_;
+    RECORD(LocalFree) freed_;
     int sessionTexts_ = 0;
 
     SUBSTITUTE(ProcessIdToSessionId)
@@ -91,15 +102,30 @@ protected:
             entries_.emplace_back(entry.grfAccessPermissions, entry.grfAccessMode, entry.grfInheritance,
                                   entry.Trustee.TrusteeForm, entry.Trustee.TrusteeType, trustee);
         }
-        if (aclResult_ != ERROR_SUCCESS)
+        if (failures_.entries != 0)
         {
-            SetLastError(aclResult_);
-            return DWORD{aclResult_};
+            return FailWith(failures_.entries, failures_.entries);
         }
         list_ = static_cast<ACL*>(LocalAlloc(LPTR, sizeof(ACL)));
         InitializeAcl(list_, sizeof(ACL), ACL_REVISION);
         *list = list_;
         return DWORD{ERROR_SUCCESS};
+    }};
+    SUBSTITUTE(InitializeSecurityDescriptor)
+    descriptor_{[this](void* descriptor, DWORD revision) {
+        EXPECT_EQ(revision, 1u);
+        return failures_.descriptor != 0 ? FailWith(failures_.descriptor)
+                                         : descriptor_.Original()(descriptor, revision);
+    }};
+    SUBSTITUTE(SetSecurityDescriptorDacl)
+    setList_{[this](void* descriptor, BOOL present, ACL* list, BOOL defaulted) {
+        EXPECT_EQ(std::tuple(present, list, defaulted), std::tuple(TRUE, list_, FALSE));
+        return failures_.list != 0 ? FailWith(failures_.list)
+                                   : setList_.Original()(descriptor, present, list, defaulted);
+    }};
+    SUBSTITUTE(SetSecurityDescriptorControl)
+    control_{[this](auto... arguments) {
+        return failures_.control != 0 ? FailWith(failures_.control) : control_.Original()(arguments...);
     }};
     SUBSTITUTE(CreateDirectoryW)
     createFolder_{[this](const wchar_t* path, SECURITY_ATTRIBUTES* security) {
@@ -115,16 +141,16 @@ protected:
             EXPECT_NE(GetSecurityDescriptorDacl(security->lpSecurityDescriptor, &present, &list, &defaulted), FALSE);
             EXPECT_EQ(std::tuple(present, defaulted, list), std::tuple(TRUE, FALSE, list_));
         }
-        return security != nullptr && folderError_ != ERROR_SUCCESS ? FailWith(folderError_)
-                                                                    : createFolder_.Original()(path, nullptr);
+        return security != nullptr && failures_.folder != 0 ? FailWith(failures_.folder)
+                                                            : createFolder_.Original()(path, nullptr);
     }};
     SUBSTITUTE(CreateFileW)
     createFile_{[this](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,
                        DWORD flags, HANDLE model) {
         const bool isMarker = path == folder_ + L"\\~.tmp" && creation == CREATE_ALWAYS;
-        if (isMarker && markerFails_)
+        if (isMarker && failures_.marker != 0)
         {
-            return FailWith(5, INVALID_HANDLE_VALUE);
+            return FailWith(failures_.marker, INVALID_HANDLE_VALUE);
         }
         const HANDLE file = createFile_.Original()(path, access, share, security, creation, flags, model);
         if (isMarker)
@@ -136,11 +162,6 @@ protected:
             markers_.push_back(file);
         }
         return file;
-    }};
-    SUBSTITUTE(LocalFree)
-    localFree_{[this](void* memory) {
-        freed_.push_back(memory);
-        return localFree_.Original()(memory);
     }};
 };
 
@@ -161,7 +182,7 @@ TEST_F(SecureDirectoryTest, SetsUpTheRightsFirstThenTheParentsThenTheFolderThenT
 {
     EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
     EXPECT_THAT(calls_, ElementsAre("entries", "plain folder", "secured folder", "marker"));
-    EXPECT_THAT(freed_, testing::Contains(static_cast<void*>(list_)));
+    EXPECT_THAT(freed_.Calls(), Contains(std::tuple(list_)));
 }
 
 // Proves: The marker file => stays open until the process ends, keeps the folder from being removed, and goes with the process, even a killed one
@@ -188,51 +209,38 @@ TEST_F(SecureDirectoryTest, RemovesWhatAnEarlierRunLeft)
     EXPECT_TRUE(Exists(folder_ + L"\\~.tmp"));
 }
 
-// Proves: The access list cannot be made => its error, nothing is created; the installation goes on with what is there
-TEST_F(SecureDirectoryTest, ReturnsTheErrorAndCreatesNothingWhenTheAccessListCannotBeMade)
+// A call that fails, and the calls until then; they leave an old folder unless they remove it.
+struct FailedCall
 {
-    aclResult_ = 1332;
-    LogCapture log;
-    EXPECT_EQ(CreateSecureDirectory(folder_), 1332u);
-    EXPECT_THAT(calls_, ElementsAre("entries"));
-    EXPECT_FALSE(Exists(parent_ / L"Tavik"));
-    EXPECT_THAT(log.Lines(), IsEmpty());
-}
+    DWORD Failures::*call;
+    std::vector<std::string> calls;
+    bool isOldFolderLeft;
+};
 
+class SecureDirectoryFailure : public SecureDirectoryTest, public testing::WithParamInterface<FailedCall>
+{
+};
+INSTANTIATE_TEST_SUITE_P(All, SecureDirectoryFailure,
+                         testing::Values(FailedCall{&Failures::entries, {"entries"}, true},
+                                         FailedCall{&Failures::descriptor, {"entries"}, true},
+                                         FailedCall{&Failures::list, {"entries"}, true},
+                                         FailedCall{&Failures::control, {"entries"}, true},
+                                         FailedCall{&Failures::folder, {"entries", "secured folder"}, false}));
+
+// Proves: The access list cannot be made => its error, nothing is created; the installation goes on with what is there
 // Proves: The descriptor cannot be set up => its error, an old folder stays, the memory is given back
-TEST_F(SecureDirectoryTest, ReturnsTheErrorAndLeavesAnOldFolderWhenTheDescriptorCannotBeInitialized)
+// Proves: The folder cannot be created (extraction folder) => its error, no marker, the memory is given back; the installation goes on
+TEST_P(SecureDirectoryFailure, ReturnsItsErrorAndGoesNoFurther)
 {
     CreateDirectories(folder_);
     calls_.clear();
-    SUBSTITUTE(InitializeSecurityDescriptor)
-    initialize([](void*, DWORD revision) {
-        EXPECT_EQ(revision, 1u);
-        return FailWith(1305);
-    });
-    EXPECT_EQ(CreateSecureDirectory(folder_), 1305u);
-    EXPECT_THAT(calls_, ElementsAre("entries"));
-    EXPECT_TRUE(Exists(folder_));
-    EXPECT_THAT(freed_, testing::Contains(static_cast<void*>(list_)));
-}
-
-TEST_F(SecureDirectoryTest, ReturnsTheErrorAndCreatesNothingWhenTheListCannotBeSet)
-{
-    SUBSTITUTE(SetSecurityDescriptorDacl)
-    setList([this](void*, BOOL present, ACL* list, BOOL defaulted) {
-        EXPECT_EQ(std::tuple(present, list, defaulted), std::tuple(TRUE, list_, FALSE));
-        return FailWith(1336);
-    });
-    EXPECT_EQ(CreateSecureDirectory(folder_), 1336u);
-    EXPECT_THAT(calls_, ElementsAre("entries"));
-}
-
-// Proves: The folder cannot be created (extraction folder) => its error, no marker, the memory is given back; the installation goes on
-TEST_F(SecureDirectoryTest, ReturnsTheErrorAndMakesNoMarkerWhenTheFolderCannotBeCreated)
-{
-    folderError_ = 112;
-    EXPECT_EQ(CreateSecureDirectory(folder_), 112u);
-    EXPECT_THAT(markers_, IsEmpty());
-    EXPECT_THAT(freed_, testing::Contains(static_cast<void*>(list_)));
+    failures_.*GetParam().call = 1332;
+    const LogCapture log;
+    EXPECT_EQ(CreateSecureDirectory(folder_), 1332u);
+    EXPECT_EQ(calls_, GetParam().calls);
+    EXPECT_EQ(Exists(folder_), GetParam().isOldFolderLeft);
+    EXPECT_EQ(testing::Value(freed_.Calls(), Contains(std::tuple(list_))), list_ != nullptr);
+    EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
 // Proves: The parents cannot be created => exception "create_directories" before anything runs; -1 through the guard
@@ -259,21 +267,9 @@ TEST_F(SecureDirectoryTest, ThrowsWhenTheOldFolderCannotBeRemoved)
 // Proves: The marker cannot be created => passed over
 TEST_F(SecureDirectoryTest, GoesOnWithoutAMarkerThatCannotBeCreated)
 {
-    markerFails_ = true;
+    failures_.marker = 5;
     EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
     EXPECT_TRUE(Exists(folder_));
-}
-
-TEST_F(SecureDirectoryTest, AsksForTheTwoWellKnownGroups)
-{
-    std::vector<int> types;
-    SUBSTITUTE(CreateWellKnownSid)
-    wellKnown([&](WELL_KNOWN_SID_TYPE type, void* domain, void* sid, DWORD* size) {
-        types.push_back(type);
-        return wellKnown.Original()(type, domain, sid, size);
-    });
-    CreateSecureDirectory(folder_);
-    EXPECT_THAT(types, ElementsAre(26, 22));
 }
 
 // Proves: The session cannot be asked => an empty name is used, nothing is released
@@ -285,23 +281,6 @@ TEST_F(SecureDirectoryTest, UsesAnEmptyNameAndReleasesNothingWhenTheSessionCanno
     ASSERT_THAT(entries_, testing::SizeIs(3));
     EXPECT_EQ(std::get<5>(entries_[2]), L"\\");
     EXPECT_EQ(sessionTexts_, 0);
-}
-
-TEST(CreateSecureDirectory, RealAccessListOfTheRealSessionIsAccepted)
-{
-    TemporaryFolder parent;
-    const std::wstring folder = parent / L"a\\b";
-    HANDLE marker = INVALID_HANDLE_VALUE;
-    SUBSTITUTE(CreateFileW)
-    create([&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,
-               DWORD flags, HANDLE model) {
-        const HANDLE file = create.Original()(path, access, share, security, creation, flags, model);
-        marker = std::wstring(path).ends_with(L"~.tmp") ? file : marker;
-        return file;
-    });
-    EXPECT_EQ(CreateSecureDirectory(folder), 0u);
-    EXPECT_TRUE(Exists(folder));
-    CloseHandle(marker);
 }
 }  // namespace
 }  // namespace repair

@@ -41,8 +41,9 @@ private:
     }};
     SUBSTITUTE(RegCloseKey)
     close_{[this](HKEY key) {
-        if (key == key_)
+        if (key_ != nullptr && key == key_)
         {
+            key_ = nullptr;  // another key may get the same value
             ++closed;
             onClose();
         }

@@ -1,12 +1,17 @@
-// A system function replaced by a lambda, for as long as the object lives.
-//     IMPORTED(RegCloseKey)
-//     SUBSTITUTE(RegCloseKey) close([&](HKEY key) { ++closed; return close.Original()(key); });
+// System functions replaced by a lambda or recorded, for as long as the object lives.
+//     IMPORTED(RegCloseKey, RegOpenKeyExW)
+//     SUBSTITUTE(RegOpenKeyExW) open([](auto...) { return ERROR_ACCESS_DENIED; });
+//     const RECORD(RegCloseKey) closed;
+//     EXPECT_THAT(closed.Calls(), ElementsAre(std::tuple(key)));
 #pragma once
 
 #include <windows.h>
 
 #include <functional>
+#include <mutex>
+#include <tuple>
 #include <utility>
+#include <vector>
 
 #include "support/import_patch.h"
 
@@ -14,6 +19,7 @@
 #pragma GCC diagnostic ignored "-Wignored-attributes"
 
 #define SUBSTITUTE(function) repair::Substitute<&__imp_##function, decltype(function)>
+#define RECORD(function) repair::Recorder<&__imp_##function, decltype(function)>
 
 namespace repair
 {
@@ -60,6 +66,34 @@ private:
     std::function<Function> body_;
     Activation activation_;
     ImportPatch patch_;
+};
+
+// The arguments of each call of a statically imported function, from any thread. The calls go through.
+template <void** slot, typename Signature>
+class Recorder;
+
+template <void** slot, typename Result, typename... Arguments>
+class Recorder<slot, Result(Arguments...)>
+{
+public:
+    using Call = std::tuple<Arguments...>;
+
+    std::vector<Call> Calls() const
+    {
+        const std::lock_guard lock(mutex_);
+        return calls_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<Call> calls_;
+    Substitute<slot, Result(Arguments...)> substitute_{[this](Arguments... arguments) {
+        {
+            const std::lock_guard lock(mutex_);
+            calls_.emplace_back(arguments...);
+        }
+        return substitute_.Original()(arguments...);
+    }};
 };
 
 // A delay-loaded function as its DLL exports it, past every substitute.

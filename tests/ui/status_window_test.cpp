@@ -360,14 +360,9 @@ TEST_F(StatusWindowTest, HeadingsFontIsDeletedAtTheEnd)
 {
     Start();
     const HGDIOBJ heading = reinterpret_cast<HGDIOBJ>(SendMessageW(Control(1013), WM_GETFONT, 0, 0));
-    Shared<HGDIOBJ> deleted;
-    SUBSTITUTE(DeleteObject)
-    remove([&](HGDIOBJ object) {
-        deleted.Add(object);
-        return remove.Original()(object);
-    });
+    const RECORD(DeleteObject) deleted;
     StopStatusWindow(window_);
-    EXPECT_THAT(deleted.Get(), Contains(heading));
+    EXPECT_THAT(deleted.Calls(), Contains(std::tuple(heading)));
 }
 
 // --- The texts
@@ -403,17 +398,11 @@ TEST_F(StatusWindowTest, DotsTakeTurnsOnATimerOfTheBackground)
 
 TEST_F(StillWindow, EveryStepOfTheDotsInvalidatesTheDialogWithoutErasing)
 {
-    Shared<HWND> invalidated;
     Start();
-    SUBSTITUTE(InvalidateRect)
-    invalidate([&](HWND window, const RECT* area, BOOL erase) {
-        EXPECT_EQ(std::tuple(area, erase), std::tuple(nullptr, FALSE));
-        invalidated.Add(window);
-        return invalidate.Original()(window, area, erase);
-    });
+    const RECORD(InvalidateRect) invalidated;
     PostMessageW(Background(), WM_TIMER, 0, 0);
-    EXPECT_TRUE(WaitUntil([&] { return !invalidated.Get().empty(); }));
-    EXPECT_THAT(invalidated.Get(), ElementsAre(Dialog()));
+    EXPECT_TRUE(WaitUntil([&] { return !invalidated.Calls().empty(); }));
+    EXPECT_THAT(invalidated.Calls(), ElementsAre(std::tuple(Dialog(), nullptr, FALSE)));
     StopStatusWindow(window_);
 }
 
@@ -448,18 +437,11 @@ INSTANTIATE_TEST_SUITE_P(Codes, StatusText,
 TEST_P(StatusText, IsOnTheWindowWhenTheCallReturnsAndTheDialogIsInvalidated)
 {
     Start(true);
-    int invalidated = 0;
-    SUBSTITUTE(InvalidateRect)
-    invalidate([&](HWND window, const RECT* area, BOOL erase) {
-        EXPECT_EQ(window, Dialog());
-        EXPECT_EQ(std::tuple(area, erase), std::tuple(nullptr, FALSE));
-        ++invalidated;
-        return TRUE;
-    });
+    const RECORD(InvalidateRect) invalidated;
     SetDlgItemTextW(Dialog(), 1004, L"before");
     SetStatus(window_, GetParam().status);
     EXPECT_EQ(Text(1004), GetParam().text);
-    EXPECT_EQ(invalidated, 1);
+    EXPECT_THAT(invalidated.Calls(), ElementsAre(std::tuple(Dialog(), nullptr, FALSE)));
     EXPECT_EQ(Text(1013), L"");  // the heading stays empty
     StopStatusWindow(window_);
 }
@@ -468,42 +450,32 @@ TEST_P(StatusText, IsOnTheWindowWhenTheCallReturnsAndTheDialogIsInvalidated)
 // Proves: Not silent => picture and dialog are shown, in this order; the dialog is hidden for the box
 TEST_F(StatusWindowTest, IsShownBackgroundFirst)
 {
-    Shared<std::pair<HWND, int>> shown;
-    SUBSTITUTE(ShowWindow)
-    show([&](HWND window, int command) {
-        shown.Add({window, command});
-        return show.Original()(window, command);
-    });
+    const RECORD(ShowWindow) shown;
     Start();
-    EXPECT_THAT(shown.Get(), ElementsAre(std::pair(Background(), 5), std::pair(Dialog(), 5)));
+    EXPECT_THAT(shown.Calls(), ElementsAre(std::tuple(Background(), 5), std::tuple(Dialog(), 5)));
 }
 
 // Proves: Silent => the window exists and its texts are set, but it is never shown; a silent run leaves it at its first text
 TEST_F(StatusWindowTest, SilentWindowExistsWithItsTextsButIsNeverShown)
 {
-    Shared<HWND> shown;
-    SUBSTITUTE(ShowWindow)
-    show([&](HWND window, int command) {
-        shown.Add(window);
-        return show.Original()(window, command);
-    });
+    const RECORD(ShowWindow) shown;
     Start(true);
     EXPECT_TRUE(window_.ready);
     EXPECT_TRUE(window_.silent);
     SetStatus(window_, 2);
     EXPECT_EQ(Text(1004), L"Installing...");
     EXPECT_EQ(IsWindowVisible(Dialog()), FALSE);
-    EXPECT_THAT(shown.Get(), IsEmpty());
+    EXPECT_THAT(shown.Calls(), IsEmpty());
 }
 
 // Proves: No module instance => every operation does nothing
 TEST_F(StatusWindowTest, WithoutAnInstanceEveryOperationDoesNothing)
 {
     int touched = 0;
-    SUBSTITUTE(SetDlgItemTextW) set([&](HWND, int, const wchar_t*) { return ++touched, TRUE; });
-    SUBSTITUTE(InvalidateRect) invalidate([&](HWND, const RECT*, BOOL) { return ++touched, TRUE; });
-    SUBSTITUTE(PostThreadMessageW) post([&](DWORD, UINT, WPARAM, LPARAM) { return ++touched, TRUE; });
-    SUBSTITUTE(Sleep) sleep([&](DWORD) { ++touched; });
+    SUBSTITUTE(SetDlgItemTextW) set([&](auto...) { return ++touched, TRUE; });
+    SUBSTITUTE(InvalidateRect) invalidate([&](auto...) { return ++touched, TRUE; });
+    SUBSTITUTE(PostThreadMessageW) post([&](auto...) { return ++touched, TRUE; });
+    SUBSTITUTE(Sleep) sleep([&](auto...) { ++touched; });
     StartStatusWindow(window_, nullptr, false);
     EXPECT_FALSE(window_.thread.joinable());
     SetStatus(window_, 1);
@@ -536,20 +508,14 @@ TEST_F(StatusWindowTest, StopSetsTheFlagBeforeItPostsTheCloseToTheThreadAndJoins
 
 TEST_F(StatusWindowTest, StartChecksTheReadyFlagEveryTenthOfASecondAndNoLongerThanNeeded)
 {
-    Shared<DWORD> sleeps;
-    SUBSTITUTE(Sleep)
-    sleep([&](DWORD milliseconds) {
-        if (milliseconds != 0)  // the thread library's own
-        {
-            sleeps.Add(milliseconds);
-        }
-        sleep.Original()(milliseconds);
-    });
+    const RECORD(Sleep) slept;
     Start();
     EXPECT_TRUE(window_.ready);
-    EXPECT_THAT(sleeps.Get(), Each(100u));
-    EXPECT_GE(sleeps.Get().size(), 1u);
-    EXPECT_LT(sleeps.Get().size(), 20u);
+    std::vector<std::tuple<DWORD>> sleeps = slept.Calls();
+    std::erase(sleeps, std::tuple(0u));  // the thread library's own
+    EXPECT_THAT(sleeps, Each(std::tuple(100u)));
+    EXPECT_GE(sleeps.size(), 1u);
+    EXPECT_LT(sleeps.size(), 20u);
 }
 
 enum class Missing
@@ -564,8 +530,8 @@ class BrokenStart : public StatusWindowTest, public testing::WithParamInterface<
 {
 protected:
     int fonts_ = 0;
-    Shared<HWND> shown_;
-    Shared<HWND> timers_;
+    RECORD(ShowWindow) shown_;
+    RECORD(SetTimer) timers_;
     SUBSTITUTE(CreateDialogParamW)
     createDialog_{[this](HINSTANCE instance, const wchar_t* name, HWND owner, DLGPROC procedure, LPARAM parameter) {
         EXPECT_EQ(instance, instance_);
@@ -584,10 +550,6 @@ protected:
         return GetParam() == Missing::kHeadingFont && ++fonts_ == 1 ? HFONT{nullptr}
                                                                     : createFont_.Original()(arguments...);
     }};
-    SUBSTITUTE(ShowWindow)
-    show_{[this](HWND window, int) { return shown_.Add(window), TRUE; }};
-    SUBSTITUTE(SetTimer)
-    timer_{[this](HWND window, UINT_PTR, UINT, TIMERPROC) { return timers_.Add(window), UINT_PTR{1}; }};
 };
 INSTANTIATE_TEST_SUITE_P(All, BrokenStart,
                          testing::Values(Missing::kDialog, Missing::kBackground, Missing::kHeadingFont));
@@ -606,8 +568,8 @@ TEST_P(BrokenStart, WaitsTwoSecondsForAThreadThatHasEnded)
     EXPECT_FALSE(window_.ready);
     EXPECT_TRUE(ThreadEnds());
     EXPECT_EQ(window_.dialog == nullptr, GetParam() == Missing::kDialog);
-    EXPECT_EQ(shown_.Get().empty(), GetParam() != Missing::kHeadingFont);
-    EXPECT_THAT(timers_.Get(), IsEmpty());
+    EXPECT_EQ(shown_.Calls().empty(), GetParam() != Missing::kHeadingFont);
+    EXPECT_THAT(timers_.Calls(), IsEmpty());
     SetStatus(window_, 1);  // goes to the handle that is stored
     StopStatusWindow(window_);
     EXPECT_FALSE(window_.thread.joinable());
@@ -658,6 +620,12 @@ int WINAPI FakeSetHosting(int behavior)
     return 55;
 }
 
+template <typename Function>
+FARPROC Procedure(Function* function)
+{
+    return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(function));
+}
+
 // Which of the two scaling functions the system has, what fails, and the calls that are to be seen.
 struct ScalingCase
 {
@@ -683,19 +651,14 @@ protected:
     }};
     SUBSTITUTE(GetProcAddress)
     lookUp_{[this](HMODULE module, const char* name) {
-        if (reinterpret_cast<UINT_PTR>(name) > 0xFFFF)
+        const std::string text = reinterpret_cast<UINT_PTR>(name) > 0xFFFF ? name : "a number";
+        if (text == "SetThreadDpiAwarenessContext")
         {
-            const std::string text = name;
-            if (text == "SetThreadDpiAwarenessContext")
-            {
-                return GetParam().hasAwareness ? reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&FakeSetAwareness))
-                                               : nullptr;
-            }
-            if (text == "SetThreadDpiHostingBehavior")
-            {
-                return GetParam().hasHosting ? reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&FakeSetHosting))
-                                             : nullptr;
-            }
+            return GetParam().hasAwareness ? Procedure(&FakeSetAwareness) : nullptr;
+        }
+        if (text == "SetThreadDpiHostingBehavior")
+        {
+            return GetParam().hasHosting ? Procedure(&FakeSetHosting) : nullptr;
         }
         return lookUp_.Original()(module, name);
     }};
@@ -747,18 +710,27 @@ protected:
         input.mi.dy = y;
         EXPECT_EQ(SendInput(1, &input, sizeof(input)), 1u);
     }
-    POINT Middle(HWND window) const
+    static RECT PlaceOf(HWND window)
     {
         RECT place = {};
         GetWindowRect(window, &place);
-        return {(place.left + place.right) / 2, (place.top + place.bottom) / 2};
+        return place;
     }
+    void PressOnTheWindow() const
+    {
+        SetCursorPos(PlaceOf(Dialog()).left + 30, PlaceOf(Dialog()).top + 30);
+        Input(MOUSEEVENTF_LEFTDOWN);
+    }
+    bool WaitForAction() const
+    {
+        return WaitUntil([this] { return actions_.Get().size() > 1; });
+    }
+
     bool acts_ = true;
-    Shared<WPARAM> actions_;
-    Shared<std::string> order_;
+    Shared<WPARAM> actions_;  // 0: the release of the mouse
     SUBSTITUTE(ReleaseCapture)
     release_{[this] {
-        order_.Add("release");
+        actions_.Add(0);
         return release_.Original()();
     }};
     SUBSTITUTE(SendMessageW)
@@ -766,9 +738,7 @@ protected:
         const bool isAction = message == WM_SYSCOMMAND;
         if (isAction)
         {
-            EXPECT_EQ(window, window_.dialog);
-            EXPECT_EQ(second, 0);
-            order_.Add("command");
+            EXPECT_EQ(std::tuple(window, second), std::tuple(window_.dialog.load(), 0));
             actions_.Add(first);
         }
         return isAction && !acts_ ? LRESULT{0} : send_.Original()(window, message, first, second);
@@ -779,28 +749,22 @@ protected:
 TEST_F(Mouse, ClickOnTheMarkMinimises)
 {
     Start();
-    const POINT mark = Middle(Control(1014));
-    SetCursorPos(mark.x, mark.y);
+    const RECT mark = PlaceOf(Control(1014));
+    SetCursorPos((mark.left + mark.right) / 2, (mark.top + mark.bottom) / 2);
     Input(MOUSEEVENTF_LEFTDOWN);
     Input(MOUSEEVENTF_LEFTUP);
     EXPECT_TRUE(WaitUntil([&] { return IsIconic(Dialog()) != FALSE; }));
-    EXPECT_THAT(actions_.Get(), ElementsAre(WPARAM{0xF020}));
-    EXPECT_EQ(order_.Get().front(), "release");
+    EXPECT_THAT(actions_.Get(), ElementsAre(0u, 0xF020u));
 }
 
 // Proves: The mouse is pressed anywhere else => it drags the window, as often as one likes; a mere click does nothing
 TEST_F(Mouse, DragOutsideTheMarkMovesTheWindow)
 {
     Start();
-    RECT before = {};
-    GetWindowRect(Dialog(), &before);
-    const LONG x = before.left + 30;
-    const LONG y = before.top + 30;
-    SetCursorPos(x, y);
-    Input(MOUSEEVENTF_LEFTDOWN);
-    EXPECT_TRUE(WaitUntil([&] { return !actions_.Get().empty(); }));
-    EXPECT_THAT(actions_.Get(), ElementsAre(WPARAM{0xF012}));
-    EXPECT_EQ(order_.Get().front(), "release");
+    const RECT before = PlaceOf(Dialog());
+    PressOnTheWindow();
+    EXPECT_TRUE(WaitForAction());
+    EXPECT_THAT(actions_.Get(), ElementsAre(0u, 0xF012u));
     for (int step = 0; step < 6; ++step)
     {
         Sleep(10);
@@ -810,7 +774,7 @@ TEST_F(Mouse, DragOutsideTheMarkMovesTheWindow)
     Input(MOUSEEVENTF_LEFTUP);
     RECT after = {};
     EXPECT_TRUE(WaitUntil([&] {
-        GetWindowRect(Dialog(), &after);
+        after = PlaceOf(Dialog());
         return after.left == before.left + 30 && after.top == before.top + 24;
     })) << "moved by "
         << after.left - before.left << ", " << after.top - before.top;
@@ -822,25 +786,20 @@ TEST_F(Mouse, ButtonOnAnotherControlDragsToo)
     acts_ = false;
     Start();
     PostMessageW(Control(1004), WM_LBUTTONDOWN, 0, 0);
-    EXPECT_TRUE(WaitUntil([&] { return !actions_.Get().empty(); }));
-    EXPECT_THAT(actions_.Get(), ElementsAre(WPARAM{0xF012}));
+    EXPECT_TRUE(WaitForAction());
+    EXPECT_THAT(actions_.Get(), ElementsAre(0u, 0xF012u));
 }
 
 // Proves: The mouse over the mark => a hand
 TEST_F(Mouse, OverTheMarkTheCursorIsAHand)
 {
-    Shared<HCURSOR> cursors;
-    SUBSTITUTE(SetCursor)
-    set([&](HCURSOR cursor) {
-        cursors.Add(cursor);
-        return set.Original()(cursor);
-    });
+    const RECORD(SetCursor) cursors;
     Start();
     PostMessageW(Control(1004), WM_MOUSEMOVE, 0, 0);
     PostMessageW(Dialog(), WM_MOUSEMOVE, 0, 0);
     PostMessageW(Control(1014), WM_MOUSEMOVE, 0, 0);
-    EXPECT_TRUE(WaitUntil([&] { return !cursors.Get().empty(); }));
-    EXPECT_THAT(cursors.Get(), ElementsAre(LoadCursorW(nullptr, MAKEINTRESOURCEW(32649))));
+    EXPECT_TRUE(WaitUntil([&] { return !cursors.Calls().empty(); }));
+    EXPECT_THAT(cursors.Calls(), ElementsAre(std::tuple(LoadCursorW(nullptr, MAKEINTRESOURCEW(32649)))));
     EXPECT_THAT(actions_.Get(), IsEmpty());
     StopStatusWindow(window_);
 }
@@ -849,11 +808,8 @@ TEST_F(Mouse, OverTheMarkTheCursorIsAHand)
 TEST_F(Mouse, StopDuringADragEndsTheThreadWhenTheButtonIsReleased)
 {
     Start();
-    RECT place = {};
-    GetWindowRect(Dialog(), &place);
-    SetCursorPos(place.left + 30, place.top + 30);
-    Input(MOUSEEVENTF_LEFTDOWN);
-    ASSERT_TRUE(WaitUntil([&] { return !actions_.Get().empty(); }));
+    PressOnTheWindow();
+    ASSERT_TRUE(WaitForAction());
     Sleep(50);  // the system's own loop runs now and swallows the message that the stop posts
     std::thread release([] {
         Sleep(150);
@@ -887,14 +843,9 @@ TEST_P(EndingMessage, LeavesTheLoopWithoutBeingDispatched)
 {
     const auto [message, isForTheWindow] = GetParam();
     Start();
-    if (isForTheWindow)
-    {
-        PostMessageW(Dialog(), message, 0, 0);
-    }
-    else
-    {
-        PostThreadMessageW(window_.threadId, message, 0, 0);
-    }
+    EXPECT_NE(
+        isForTheWindow ? PostMessageW(Dialog(), message, 0, 0) : PostThreadMessageW(window_.threadId, message, 0, 0),
+        FALSE);
     EXPECT_TRUE(ThreadEnds());
     EXPECT_THAT(dispatched_.Get(), Not(Contains(message)));
 }
