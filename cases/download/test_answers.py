@@ -98,7 +98,7 @@ def test_strange_headers_are_ignored(lab, text):
 
 # Redirects
 
-# Proves: A redirect
+# Proves: A redirect => is followed, only the final status counts
 @pytest.mark.parametrize("status", [301, 302, 303, 307])
 def test_redirect_is_followed(lab, status):
     result = lab.run({"server": {"answers": {PATH: {"redirect": "/mirror", "status": status}, "/mirror": {"text": NO_PROGRAM}}}})

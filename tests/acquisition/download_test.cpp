@@ -452,7 +452,7 @@ class DownloadFailure : public Download, public testing::WithParamInterface<Logg
 };
 
 // Proves: The request cannot be opened => the time limits are set all the same; logged with the code that stands after them; empty result
-// Proves: The request cannot be sent: nobody listens, wrong, expired or unknown certificate => logged with the code; empty result
+// Proves: The request cannot be sent: no server listens, wrong, expired or unknown certificate => logged with the code; empty result
 // Proves: The status cannot be read => logged with code and text; empty result
 // Proves: Reading fails otherwise => logged with code and text; what had arrived stays in the temporary file; empty result
 TEST_P(DownloadFailure, IsLoggedWithItsCode)

@@ -351,8 +351,8 @@ TEST_F(DisplayDrivers, KeepAnAdapterWithoutAMatchingPackageWithAnEmptyFolder)
 // Proves: A package's release is the active one, in any letter case => logged, its folder is taken; the last such package wins
 TEST_F(DisplayDrivers, TakeTheLastOfSeveralMatchingPackagesInAnyLetterCase)
 {
-    const std::vector<FakeDriverPackage> packages = {MakePackage(L"first", "24.20-a"), MakePackage(L"second", "24.20-A"),
-                                               MakePackage(L"third", "24.20")};
+    const std::vector<FakeDriverPackage> packages = {MakePackage(L"first", "24.20-a"),
+                                                     MakePackage(L"second", "24.20-A"), MakePackage(L"third", "24.20")};
     AddAdapter(kId, L"24.20-a").packages = packages;
     EXPECT_EQ(TheAdapter().driverFolder, folder_ / L"second");
     EXPECT_THAT(log_.Lines(), ElementsAre(Enumerating(kId), Found(packages[0], L"24.20-a"),
