@@ -16,6 +16,7 @@
 #include "support/log_capture.h"
 #include "support/machine_registry.h"
 #include "support/temporary_folder.h"
+#include "support/with_param.h"
 
 using testing::ElementsAre;
 
@@ -292,9 +293,7 @@ struct Address
     std::wstring request;
 };
 
-class DownloadAddress : public Download, public testing::WithParamInterface<Address>
-{
-};
+using DownloadAddress = WithParam<Download, Address>;
 
 // Proves: The address is made => server folder, release, file name, glued together without a separator
 // Proves: An https address with another port than 443 => requested without encryption
@@ -340,9 +339,7 @@ struct BadAddress
     int code;
 };
 
-class DownloadBadAddress : public Download, public testing::WithParamInterface<BadAddress>
-{
-};
+using DownloadBadAddress = WithParam<Download, BadAddress>;
 
 // Proves: The address cannot be split => logged with the code, nothing is opened; empty result
 TEST_P(DownloadBadAddress, IsLoggedAndNothingIsOpened)
@@ -369,9 +366,7 @@ struct ThrownFailure
     const wchar_t* lastCall;
 };
 
-class DownloadException : public Download, public testing::WithParamInterface<ThrownFailure>
-{
-};
+using DownloadException = WithParam<Download, ThrownFailure>;
 
 // Proves: The session cannot be opened => exception "Unable to open internet connection" with the code
 // Proves: The connection cannot be opened => exception "Unable to connect to server" with its own code, the session is closed; old files are still there
@@ -410,9 +405,7 @@ TEST_F(Download, ThrowsBeforeAnythingIsOpenedWhenItsFolderCannotBeCreated)
     EXPECT_EQ(Calls(), L"temporary path; log Change server to http://server/f/.; create folder");
 }
 
-class DownloadOldFile : public Download, public testing::WithParamInterface<const wchar_t*>
-{
-};
+using DownloadOldFile = WithParam<Download, const wchar_t*>;
 
 // Proves: An old file is locked, write-protected or a folder => file-system exception "remove", all handles are closed
 TEST_P(DownloadOldFile, ThatCannotBeRemovedIsThrownAndTheConnectionClosed)
@@ -447,9 +440,7 @@ struct LoggedFailure
     const char* content = "";
 };
 
-class DownloadFailure : public Download, public testing::WithParamInterface<LoggedFailure>
-{
-};
+using DownloadFailure = WithParam<Download, LoggedFailure>;
 
 // Proves: The request cannot be opened => the time limits are set all the same; logged with the code that stands after them; empty result
 // Proves: The request cannot be sent: no server listens, wrong, expired or unknown certificate => logged with the code; empty result
@@ -494,9 +485,7 @@ TEST_F(Download, LogsTheErrorThatTheTimeLimitsLeaveWhenThereIsNoRequest)
     ExpectFailure(L"Unable to call HttpOpenRequest to " + kUrl + L". Error 12018");
 }
 
-class DownloadStatus : public Download, public testing::WithParamInterface<DWORD>
-{
-};
+using DownloadStatus = WithParam<Download, DWORD>;
 
 // Proves: A status other than 200, even another good one => the status and a second line are logged, nothing is read; empty result
 TEST_P(DownloadStatus, OtherThan200IsAFailure)
@@ -512,9 +501,7 @@ TEST_P(DownloadStatus, OtherThan200IsAFailure)
 INSTANTIATE_TEST_SUITE_P(All, DownloadStatus,
                          testing::Values(0u, 100u, 199u, 201u, 202u, 204u, 206u, 301u, 304u, 401u, 404u, 500u, 503u));
 
-class DownloadServerText : public Download, public testing::WithParamInterface<std::wstring>
-{
-};
+using DownloadServerText = WithParam<Download, std::wstring>;
 
 // Proves: Reading fails with a text of the server => length and text are asked for and logged; empty result
 TEST_P(DownloadServerText, IsAskedForItsLengthThenFetchedAndLogged)

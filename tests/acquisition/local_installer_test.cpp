@@ -13,6 +13,7 @@
 #include "support/log_capture.h"
 #include "support/substitute.h"
 #include "support/temporary_folder.h"
+#include "support/with_param.h"
 
 IMPORTED(FindClose, FindFirstFileW, FindNextFileW, GetFileAttributesW)
 
@@ -48,9 +49,7 @@ struct Layout
     bool isFound;
 };
 
-class LocalInstallerIn : public LocalInstaller, public testing::WithParamInterface<Layout>
-{
-};
+using LocalInstallerIn = WithParam<LocalInstaller, Layout>;
 
 // Proves: A subfolder begins with B or b => the installer's path in it
 // Proves: Two such folders (Bin64 before B384125) => only the file system's first one is tried, even when it has no installer

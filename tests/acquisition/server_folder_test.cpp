@@ -28,9 +28,7 @@ void ExpectTheMakersServerAndNoLine()
     EXPECT_THAT(log.Lines(), testing::IsEmpty());
 }
 
-class ServerOverride : public testing::TestWithParam<std::wstring>
-{
-};
+using ServerOverride = testing::TestWithParam<std::wstring>;
 
 // Proves: The value names another server => it comes back exactly as stored, and is logged
 // Proves: It has no slash at its end => none is added

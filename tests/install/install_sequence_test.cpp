@@ -12,6 +12,7 @@
 #include "support/fake_machine.h"
 #include "support/log_capture.h"
 #include "support/machine_registry.h"
+#include "support/with_param.h"
 
 using testing::Contains;
 using testing::Each;
@@ -121,9 +122,7 @@ struct Components
     std::vector<std::string> steps;
 };
 
-class InstallSequenceComponents : public InstallSequence, public testing::WithParamInterface<Components>
-{
-};
+using InstallSequenceComponents = WithParam<InstallSequence, Components>;
 
 // Proves: No product, not all components wanted => no removal line, only the main package
 // Proves: All components wanted => all three packages

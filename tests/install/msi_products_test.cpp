@@ -37,9 +37,7 @@ struct Family
     std::list<std::wstring> found;
 };
 
-class FindRelatedProductPackagesOf : public testing::TestWithParam<Family>
-{
-};
+using FindRelatedProductPackagesOf = testing::TestWithParam<Family>;
 
 // Proves: Products of a family are installed => their cached packages in the system's order, each asked for with a full buffer
 // Proves: None => an empty list
@@ -142,9 +140,7 @@ struct Installation
     std::vector<std::wstring> lines;
 };
 
-class InstallMsiPackageResult : public testing::TestWithParam<Installation>
-{
-};
+using InstallMsiPackageResult = testing::TestWithParam<Installation>;
 
 const std::vector<std::wstring> kReboot = {L"System reboot may be required for C:\\a b.msi."};
 INSTANTIATE_TEST_SUITE_P(Codes, InstallMsiPackageResult,

@@ -12,6 +12,7 @@
 
 #include "support/log_capture.h"
 #include "support/substitute.h"
+#include "support/with_param.h"
 
 using testing::ElementsAre;
 using testing::StartsWith;
@@ -122,9 +123,7 @@ struct Ended
     const wchar_t* line;
 };
 
-class LaunchProcessExitCode : public LaunchFakeProcess, public testing::WithParamInterface<Ended>
-{
-};
+using LaunchProcessExitCode = WithParam<LaunchFakeProcess, Ended>;
 
 // Proves: It ends => its exit code is logged and returned, the handle is closed
 // Proves: Exit code 2, and a missing file => both give 2, only the log tells them apart
@@ -147,9 +146,7 @@ INSTANTIATE_TEST_SUITE_P(All, LaunchProcessExitCode,
                                                L"Process a.exe /x completed with exit code -1073741819"},
                                          Ended{L"/x", 259, 259, L"Process a.exe /x completed with exit code 259"}));
 
-class LaunchProcessStartFailure : public LaunchFakeProcess, public testing::WithParamInterface<DWORD>
-{
-};
+using LaunchProcessStartFailure = WithParam<LaunchFakeProcess, DWORD>;
 INSTANTIATE_TEST_SUITE_P(Codes, LaunchProcessStartFailure, testing::Values(2, 5, 1155, 1223, 99'999));
 
 // Proves: It cannot be started => logged with code and text, the code comes back, nothing is waited for

@@ -15,6 +15,7 @@
 #include "support/log_capture.h"
 #include "support/substitute.h"
 #include "support/temporary_folder.h"
+#include "support/with_param.h"
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -217,9 +218,7 @@ struct FailedCall
     bool isOldFolderLeft;
 };
 
-class SecureDirectoryFailure : public SecureDirectoryTest, public testing::WithParamInterface<FailedCall>
-{
-};
+using SecureDirectoryFailure = WithParam<SecureDirectoryTest, FailedCall>;
 INSTANTIATE_TEST_SUITE_P(All, SecureDirectoryFailure,
                          testing::Values(FailedCall{&Failures::entries, {"entries"}, true},
                                          FailedCall{&Failures::descriptor, {"entries"}, true},

@@ -13,6 +13,7 @@
 #include "support/key_watch.h"
 #include "support/log_capture.h"
 #include "support/temporary_folder.h"
+#include "support/with_param.h"
 
 IMPORTED(RegGetValueW, SetupFindFirstLineW)
 
@@ -179,9 +180,7 @@ struct Listed
     bool isListed;
 };
 
-class DisplayDriversVendor : public DisplayDrivers, public testing::WithParamInterface<Listed>
-{
-};
+using DisplayDriversVendor = WithParam<DisplayDrivers, Listed>;
 
 // Proves: Neither of the maker's two vendor ids in the id => one line for each such device, left out
 // Proves: A vendor id anywhere, in lower case => it is the maker's
@@ -201,9 +200,7 @@ INSTANTIATE_TEST_SUITE_P(All, DisplayDriversVendor,
                                          Listed{L"ROOT\\X&VEN_1E7D", true}, Listed{L"PCI\\VEN_1E7E&DEV_1", false},
                                          Listed{L"PCI\\VEN_8086&DEV_1E7D", false}, Listed{L"", false}));
 
-class DisplayDriversDescription : public DisplayDrivers, public testing::WithParamInterface<Listed>
-{
-};
+using DisplayDriversDescription = WithParam<DisplayDrivers, Listed>;
 
 // Proves: "Microsoft" in the description => left out without a line, although the vendor matches
 // Proves: A description shorter than nine characters, or in other letter case => never left out for that
@@ -276,9 +273,7 @@ struct Release
     const wchar_t* base;
 };
 
-class DisplayDriversRelease : public DisplayDrivers, public testing::WithParamInterface<Release>
-{
-};
+using DisplayDriversRelease = WithParam<DisplayDrivers, Release>;
 
 // Proves: A release without a hyphen, or one that begins with it => the whole release; an empty one
 TEST_P(DisplayDriversRelease, HasABaseThatEndsBeforeTheFirstHyphen)
@@ -399,9 +394,7 @@ struct Order
     std::vector<int> places;
 };
 
-class DisplayDriversOrder : public DisplayDrivers, public testing::WithParamInterface<Order>
-{
-};
+using DisplayDriversOrder = WithParam<DisplayDrivers, Order>;
 
 // Proves: Releases 23.10.2 and 23.9.1 => 23.9.1 comes first: characters are compared, not numbers; a longer release before its own beginning
 // Proves: Equal releases => keep the system's order

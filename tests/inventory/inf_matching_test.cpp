@@ -32,9 +32,7 @@ struct Line
     std::optional<std::wstring> group;
 };
 
-class SectionHeader : public testing::TestWithParam<Line>
-{
-};
+using SectionHeader = testing::TestWithParam<Line>;
 
 TEST_P(SectionHeader, IsAWholeLineInBrackets)
 {
@@ -53,9 +51,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Line{L"[a\u0085b]", L"a\u0085b"}, Line{L"[" + std::wstring(1'000'000, L'x'), {}},
                     Line{L"[" + std::wstring(1'000'000, L'x') + L"]", std::wstring(1'000'000, L'x')}));
 
-class ReleaseLine : public testing::TestWithParam<Line>
-{
-};
+using ReleaseLine = testing::TestWithParam<Line>;
 
 TEST_P(ReleaseLine, BeginsWithThePrefixInAnyCase)
 {
@@ -162,9 +158,7 @@ struct Expression
     std::optional<std::wstring> (*match)(std::wstring_view);
 };
 
-class GeneratedLines : public testing::TestWithParam<Expression>
-{
-};
+using GeneratedLines = testing::TestWithParam<Expression>;
 
 TEST_P(GeneratedLines, MatchAsTheExpressionDoes)
 {

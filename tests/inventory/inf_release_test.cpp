@@ -18,6 +18,7 @@
 #include "support/log_capture.h"
 #include "support/substitute.h"
 #include "support/temporary_folder.h"
+#include "support/with_param.h"
 
 IMPORTED(SetupCloseInfFile, SetupFindFirstLineW, SetupFindNextLine, SetupGetLineTextW, SetupOpenInfFileW)
 
@@ -64,9 +65,7 @@ struct InfText
     friend void PrintTo(const InfText& text, std::ostream* stream) { *stream << text.description; }
 };
 
-class InfSections : public InfTest, public testing::WithParamInterface<InfText>
-{
-};
+using InfSections = WithParam<InfTest, InfText>;
 
 // Proves: Section names are read => whole lines in brackets, in file order, twice when they stand there twice; each byte is a character
 // Proves: A header with a comment behind it, or indented => is none; a release that stands only there is not found
@@ -236,9 +235,7 @@ struct InfRelease
     friend void PrintTo(const InfRelease& inf, std::ostream* stream) { *stream << inf.description; }
 };
 
-class InfReleaseVersion : public InfTest, public testing::WithParamInterface<InfRelease>
-{
-};
+using InfReleaseVersion = WithParam<InfTest, InfRelease>;
 
 // Proves: The release line in any letter case => it counts
 // Proves: The value is a string key => the text of the strings section

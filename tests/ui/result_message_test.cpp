@@ -217,9 +217,7 @@ BoxOnScreen ReadAndClose()
     return seen;
 }
 
-class RealBox : public testing::TestWithParam<int>
-{
-};
+using RealBox = testing::TestWithParam<int>;
 INSTANTIATE_TEST_SUITE_P(Codes, RealBox, testing::Values(0, 1, 2));
 
 // Proves: A box appears => it carries the tool's icon in both sizes and one button

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "support/substitute.h"
+#include "support/with_param.h"
 
 using testing::Contains;
 using testing::Each;
@@ -244,9 +245,7 @@ class StillWindow : public StatusWindowTest
     SUBSTITUTE(SetTimer) noTimer_{[](HWND, UINT_PTR, UINT, TIMERPROC) { return UINT_PTR{1}; }};
 };
 
-class StatusWindowControl : public StillWindow, public testing::WithParamInterface<ExpectedControl>
-{
-};
+using StatusWindowControl = WithParam<StillWindow, ExpectedControl>;
 INSTANTIATE_TEST_SUITE_P(All, StatusWindowControl, testing::ValuesIn(kControls));
 
 TEST_P(StatusWindowControl, HasItsPlaceStyleAndText)
@@ -425,9 +424,7 @@ struct StatusCase
     friend void PrintTo(const StatusCase& status, std::ostream* stream) { *stream << status.status; }
 };
 
-class StatusText : public StillWindow, public testing::WithParamInterface<StatusCase>
-{
-};
+using StatusText = WithParam<StillWindow, StatusCase>;
 INSTANTIATE_TEST_SUITE_P(Codes, StatusText,
                          testing::Values(StatusCase{0, L"Checking System."},
                                          StatusCase{1, L"Downloading compatible version of Tavik Software."},
@@ -833,9 +830,7 @@ protected:
 };
 
 // A message, and whether it goes to the window or only to its thread.
-class EndingMessage : public MessageLoop, public testing::WithParamInterface<std::tuple<UINT, bool>>
-{
-};
+using EndingMessage = WithParam<MessageLoop, std::tuple<UINT, bool>>;
 INSTANTIATE_TEST_SUITE_P(Messages, EndingMessage, testing::Combine(testing::Values(0x02, 0x10, 0x12), testing::Bool()));
 
 // Proves: A closing message arrives, for the thread or the window => the loop ends without dispatching it; other messages are dispatched
