@@ -100,7 +100,7 @@ TEST_F(StopComponents, KillsWhenTheCommandToolIsMissing)
 }
 
 // Proves: The key is read (stopping the application) => for reading, and closed before the command tool runs
-TEST_F(StopComponents, CloseTheKeyBeforeTheCommandToolRuns)
+TEST_F(StopComponents, ClosesTheKeyBeforeTheCommandToolRuns)
 {
     Install(L"C:\\HL");
     KeyWatch watch(kApplicationKey);
@@ -112,7 +112,7 @@ TEST_F(StopComponents, CloseTheKeyBeforeTheCommandToolRuns)
 }
 
 // Proves: taskkill is looked for => in the system's folder; its parameters begin with a blank and quote the name
-TEST_F(StopComponents, RunTheTaskkillOfTheSystemDirectory)
+TEST_F(StopComponents, RunsTheTaskkillOfTheSystemDirectory)
 {
     SUBSTITUTE(GetSystemDirectoryW)
     systemDirectory([](wchar_t* buffer, UINT characters) {

@@ -125,7 +125,7 @@ TEST(IsDesktopEditionInstalled, AnswersForTheMainFamilyOnly)
                                                          L"related {5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}"));
 }
 
-TEST(IsDesktopEditionInstalled, AProductWithoutAReadablePackageDoesNotCount)
+TEST(IsDesktopEditionInstalled, IgnoresAProductWithoutAReadablePackage)
 {
     FakeMachine machine;
     machine.products[kHalden] = {L""};
@@ -219,7 +219,7 @@ TEST_F(GetCustomInstallDirTest, IsEmptyForTheDefaultFolderInAnySpelling)
 }
 
 // Proves: The default folder does not exist => whatever is registered, even a folder that does not exist
-TEST_F(GetCustomInstallDirTest, IsWhateverIsRegisteredWhenThereIsNoDefaultFolder)
+TEST_F(GetCustomInstallDirTest, IsTheRegisteredFolderWhenThereIsNoDefaultOne)
 {
     Register(L"Q:\\gone");
     EXPECT_EQ(GetCustomInstallDir(), L"Q:\\gone");

@@ -184,7 +184,7 @@ TEST_F(LaunchFakeProcess, CutsALongLineInTheLogButNotOnTheCommandLine)
     EXPECT_THAT(log_.Lines(), ElementsAre(L"Process a.exe " + std::wstring(1023 - 14, L'p')));
 }
 
-TEST(LaunchProcess, LogsStartWithoutAProcessHandleAsAnUnreadableExitCode)
+TEST(LaunchProcess, LogsAStartWithoutAProcessHandleAsAnUnreadableExitCode)
 {
     SUBSTITUTE(ShellExecuteExW) shell([](SHELLEXECUTEINFOW*) { return TRUE; });  // a document opened elsewhere
     const LogCapture log;

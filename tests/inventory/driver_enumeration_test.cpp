@@ -37,7 +37,7 @@ std::wstring Found(const FakeDriverPackage& package, const std::wstring& release
     return L"Found driver " + package.storePath + L". Version [" + release + L"]";
 }
 
-class DisplayDrivers : public testing::Test
+class DriverEnumeration : public testing::Test
 {
 protected:
     FakeDevice& AddAdapter(const std::wstring& id, const std::wstring& release)
@@ -70,7 +70,7 @@ protected:
 };
 
 // Proves: An adapter of the maker with its package => one record: id, driver key, release, release up to the first hyphen, package folder, description, problem code; the calls have their parameters
-TEST_F(DisplayDrivers, GiveTheRecordOfAnAdapterWithItsPackage)
+TEST_F(DriverEnumeration, GivesTheRecordOfAnAdapterWithItsPackage)
 {
     const std::wstring id = L"PCI\\VEN_1E7D&DEV_0042\\4&1";
     const FakeDriverPackage package = MakePackage(L"pack", "24.20.11-240611a");
@@ -89,7 +89,7 @@ TEST_F(DisplayDrivers, GiveTheRecordOfAnAdapterWithItsPackage)
 }
 
 // Proves: No device at all => an empty list, without a line
-TEST_F(DisplayDrivers, AreAnEmptyListWithoutALineWhenThereIsNoDevice)
+TEST_F(DriverEnumeration, GivesAnEmptyListWithoutALineWhenThereIsNoDevice)
 {
     EXPECT_THAT(EnumerateDisplayDrivers(), IsEmpty());
     EXPECT_THAT(log_.Lines(), IsEmpty());
@@ -104,7 +104,7 @@ struct SetupCode
     const wchar_t* decimal;
 };
 
-class DisplayDriversSetupCode : public DisplayDrivers, public testing::WithParamInterface<SetupCode>
+class SetupApiCode : public DriverEnumeration, public testing::WithParamInterface<SetupCode>
 {
 protected:
     static std::wstring Line(const std::wstring& start)
@@ -114,7 +114,7 @@ protected:
 };
 
 // Proves: The list of devices cannot be opened => logged with the code as HRESULT and its text; empty list
-TEST_P(DisplayDriversSetupCode, OfAListThatCannotBeOpenedIsLoggedAsAnHresult)
+TEST_P(SetupApiCode, OfAListThatCannotBeOpenedIsLoggedAsAnHresult)
 {
     SUBSTITUTE(SetupDiGetClassDevsW)
     open([](auto...) -> HDEVINFO { return FailWith(GetParam().code, INVALID_HANDLE_VALUE); });
@@ -124,7 +124,7 @@ TEST_P(DisplayDriversSetupCode, OfAListThatCannotBeOpenedIsLoggedAsAnHresult)
 }
 
 // Proves: The first device has no id => logged; an empty id, so it is not the maker's
-TEST_P(DisplayDriversSetupCode, OfAnIdThatCannotBeReadIsLoggedAsAnHresult)
+TEST_P(SetupApiCode, OfAnIdThatCannotBeReadIsLoggedAsAnHresult)
 {
     AddAdapter(kId, L"1");
     SUBSTITUTE(SetupDiGetDeviceInstanceIdW) id([](auto...) { return FailWith(GetParam().code); });
@@ -133,7 +133,7 @@ TEST_P(DisplayDriversSetupCode, OfAnIdThatCannotBeReadIsLoggedAsAnHresult)
                                           L"[Marlin 5] - [] is not an Tavik Display Adapter."));
 }
 
-INSTANTIATE_TEST_SUITE_P(All, DisplayDriversSetupCode,
+INSTANTIATE_TEST_SUITE_P(All, SetupApiCode,
                          testing::Values(SetupCode{5, 0x80070005, L"-2147024891"},
                                          SetupCode{0x0001000D, 0x8007000D, L"-2147024883"}, SetupCode{0, 0, L"0"},
                                          SetupCode{0xE000020B, 0x800F020B, L"-2146500085"},
@@ -144,7 +144,7 @@ INSTANTIATE_TEST_SUITE_P(All, DisplayDriversSetupCode,
                                          SetupCode{0x60000001, 0x80070001, L"-2147024895"}));
 
 // Proves: A later device has no id => logged; the id of the device before is used
-TEST_F(DisplayDrivers, UseTheIdOfTheDeviceBeforeWhenAnIdCannotBeRead)
+TEST_F(DriverEnumeration, UsesTheIdOfTheDeviceBeforeWhenAnIdCannotBeRead)
 {
     AddAdapter(kId, L"2-x");
     AddAdapter(L"never read", L"1-x").idError = ERROR_ACCESS_DENIED;
@@ -158,7 +158,7 @@ TEST_F(DisplayDrivers, UseTheIdOfTheDeviceBeforeWhenAnIdCannotBeRead)
 }
 
 // Proves: An id is shorter than the one before => it ends where it ends
-TEST_F(DisplayDrivers, ReadAShorterIdAfterALongerOneUpToItsEnd)
+TEST_F(DriverEnumeration, ReadsAShorterIdAfterALongerOneUpToItsEnd)
 {
     AddAdapter(L"PCI\\VEN_1E7D&DEV_0001&SUBSYS_LONG", L"2");
     AddAdapter(L"PCI\\VEN_1E7C", L"1");
@@ -166,7 +166,7 @@ TEST_F(DisplayDrivers, ReadAShorterIdAfterALongerOneUpToItsEnd)
 }
 
 // Proves: The description cannot be read => nothing is logged, it is empty, the adapter is kept
-TEST_F(DisplayDrivers, KeepAnAdapterWithoutADescription)
+TEST_F(DriverEnumeration, KeepsAnAdapterWithoutADescription)
 {
     AddAdapter(kId, L"1").description.reset();
     EXPECT_EQ(TheAdapter().description, L"");
@@ -180,11 +180,11 @@ struct Listed
     bool isListed;
 };
 
-using DisplayDriversVendor = WithParam<DisplayDrivers, Listed>;
+using AdapterVendor = WithParam<DriverEnumeration, Listed>;
 
 // Proves: Neither of the maker's two vendor ids in the id => one line for each such device, left out
 // Proves: A vendor id anywhere, in lower case => it is the maker's
-TEST_P(DisplayDriversVendor, IsFoundAnywhereInTheInstanceIdInAnyCase)
+TEST_P(AdapterVendor, IsFoundAnywhereInTheInstanceIdInAnyCase)
 {
     const std::wstring id = GetParam().text;
     AddAdapter(id, L"1");
@@ -194,31 +194,31 @@ TEST_P(DisplayDriversVendor, IsFoundAnywhereInTheInstanceIdInAnyCase)
                                                 : L"[Marlin 5] - [" + id + L"] is not an Tavik Display Adapter."));
 }
 
-INSTANTIATE_TEST_SUITE_P(All, DisplayDriversVendor,
+INSTANTIATE_TEST_SUITE_P(All, AdapterVendor,
                          testing::Values(Listed{L"PCI\\VEN_1E7D&DEV_1", true}, Listed{L"PCI\\VEN_1E7C&DEV_1", true},
                                          Listed{L"pci\\ven_1e7d&dev_1", true}, Listed{L"pci\\ven_1e7c&dev_1", true},
                                          Listed{L"ROOT\\X&VEN_1E7D", true}, Listed{L"PCI\\VEN_1E7E&DEV_1", false},
                                          Listed{L"PCI\\VEN_8086&DEV_1E7D", false}, Listed{L"", false}));
 
-using DisplayDriversDescription = WithParam<DisplayDrivers, Listed>;
+using AdapterDescription = WithParam<DriverEnumeration, Listed>;
 
 // Proves: "Microsoft" in the description => left out without a line, although the vendor matches
 // Proves: A description shorter than nine characters, or in other letter case => never left out for that
-TEST_P(DisplayDriversDescription, OfTheGenericDriverLeavesTheAdapterOutWithoutALine)
+TEST_P(AdapterDescription, OfTheGenericDriverLeavesTheAdapterOutWithoutALine)
 {
     AddAdapter(kId, L"1").description = GetParam().text;
     EXPECT_EQ(EnumerateDisplayDrivers().size(), GetParam().isListed ? 1u : 0u);
     EXPECT_THAT(log_.Lines(), ElementsAre(Enumerating(kId, GetParam().text)));
 }
 
-INSTANTIATE_TEST_SUITE_P(All, DisplayDriversDescription,
+INSTANTIATE_TEST_SUITE_P(All, AdapterDescription,
                          testing::Values(Listed{L"Microsoft Basic Display Adapter", false},
                                          Listed{L"Adapter (Microsoft Corporation)", false}, Listed{L"Microsoft", false},
                                          Listed{L"Microsof", true}, Listed{L"microsoft basic display", true},
                                          Listed{L"MICROSOFT DISPLAY", true}, Listed{L"", true}));
 
 // Proves: The driver key cannot be read => logged, left out
-TEST_F(DisplayDrivers, LeaveOutAnAdapterWithoutADriverKey)
+TEST_F(DriverEnumeration, LeavesOutAnAdapterWithoutADriverKey)
 {
     AddAdapter(kId, L"1").driverKeyError = 0xE0000219;
     AddAdapter(L"PCI\\VEN_1E7C", L"2");
@@ -229,7 +229,7 @@ TEST_F(DisplayDrivers, LeaveOutAnAdapterWithoutADriverKey)
 }
 
 // Proves: The driver key cannot be opened, or has no readable release => logged with the reason, left out
-TEST_F(DisplayDrivers, LeaveOutAnAdapterWithoutAReadableReleaseAndLogTheReason)
+TEST_F(DriverEnumeration, LeavesOutAnAdapterWithoutAReadableReleaseAndLogsTheReason)
 {
     for (const wchar_t* key : {L"missing", L"without value", L"number"})
     {
@@ -248,7 +248,7 @@ TEST_F(DisplayDrivers, LeaveOutAnAdapterWithoutAReadableReleaseAndLogTheReason)
                             line("Unable to get registry value", 1630)));
 }
 
-TEST_F(DisplayDrivers, LeaveOutAnAdapterWhoseReleaseCannotBeReadForAnyStandardException)
+TEST_F(DriverEnumeration, LeavesOutAnAdapterWhoseReleaseCannotBeReadForAnyStandardException)
 {
     AddAdapter(kId, L"1");
     SUBSTITUTE(RegGetValueW) get([](auto...) -> LSTATUS { throw std::bad_alloc(); });
@@ -258,7 +258,7 @@ TEST_F(DisplayDrivers, LeaveOutAnAdapterWhoseReleaseCannotBeReadForAnyStandardEx
 }
 
 // Proves: The driver key is opened => for reading, and closed
-TEST_F(DisplayDrivers, OpenTheDriverKeyForReadingAndCloseIt)
+TEST_F(DriverEnumeration, OpensTheDriverKeyForReadingAndClosesIt)
 {
     AddAdapter(kId, L"1");
     const KeyWatch watch(std::wstring(kClassKeys) + L"{4d36e968}\\0");
@@ -273,10 +273,10 @@ struct Release
     const wchar_t* base;
 };
 
-using DisplayDriversRelease = WithParam<DisplayDrivers, Release>;
+using AdapterRelease = WithParam<DriverEnumeration, Release>;
 
 // Proves: A release without a hyphen, or one that begins with it => the whole release; an empty one
-TEST_P(DisplayDriversRelease, HasABaseThatEndsBeforeTheFirstHyphen)
+TEST_P(AdapterRelease, HasABaseThatEndsBeforeTheFirstHyphen)
 {
     AddAdapter(kId, GetParam().version);
     const DisplayDriverInfo record = TheAdapter();
@@ -284,12 +284,12 @@ TEST_P(DisplayDriversRelease, HasABaseThatEndsBeforeTheFirstHyphen)
     EXPECT_EQ(record.releaseBase, GetParam().base);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, DisplayDriversRelease,
+INSTANTIATE_TEST_SUITE_P(All, AdapterRelease,
                          testing::Values(Release{L"24.20.11-240611a-1", L"24.20.11"}, Release{L"24.20", L"24.20"},
                                          Release{L"-24.20", L""}, Release{L"", L""}, Release{L" 24 - x", L" 24 "}));
 
 // Proves: Device Manager reports a problem => logged, the adapter is kept with the code
-TEST_F(DisplayDrivers, LogAndKeepTheProblemCode)
+TEST_F(DriverEnumeration, LogsAndKeepsTheProblemCode)
 {
     AddAdapter(kId, L"1").problem = 43;
     EXPECT_EQ(TheAdapter().problemCode, 43u);
@@ -297,7 +297,7 @@ TEST_F(DisplayDrivers, LogAndKeepTheProblemCode)
 }
 
 // Proves: The problem code cannot be read => logged with the code as it is (not as HRESULT), 0, the adapter is kept
-TEST_F(DisplayDrivers, LogTheRawErrorOfAProblemCodeThatCannotBeRead)
+TEST_F(DriverEnumeration, LogsTheRawErrorOfAProblemCodeThatCannotBeRead)
 {
     AddAdapter(kId, L"1").problemError = ERROR_NOT_FOUND;
     EXPECT_EQ(TheAdapter().problemCode, 0u);
@@ -307,7 +307,7 @@ TEST_F(DisplayDrivers, LogTheRawErrorOfAProblemCodeThatCannotBeRead)
 }
 
 // Proves: The list of drivers cannot be built, a detail cannot be read => not noticed, the calls after it decide
-TEST_F(DisplayDrivers, DoNotMindADriverListThatCannotBeBuilt)
+TEST_F(DriverEnumeration, IgnoresADriverListThatCannotBeBuilt)
 {
     FakeDevice& device = AddAdapter(kId, L"1");
     device.buildError = ERROR_ACCESS_DENIED;
@@ -315,7 +315,7 @@ TEST_F(DisplayDrivers, DoNotMindADriverListThatCannotBeBuilt)
     EXPECT_EQ(TheAdapter().driverFolder, folder_ / L"pack");
 }
 
-TEST_F(DisplayDrivers, AskForADetailEvenWhenItsSizeIsUnknown)
+TEST_F(DriverEnumeration, AsksForADetailEvenWhenItsSizeIsUnknown)
 {
     const FakeDriverPackage package = MakePackage(L"pack", "1");
     AddAdapter(kId, L"1").packages = {package};
@@ -335,7 +335,7 @@ TEST_F(DisplayDrivers, AskForADetailEvenWhenItsSizeIsUnknown)
 }
 
 // Proves: No package carries the release => only the "Found driver" lines; the folder is empty, the adapter kept
-TEST_F(DisplayDrivers, KeepAnAdapterWithoutAMatchingPackageWithAnEmptyFolder)
+TEST_F(DriverEnumeration, KeepsAnAdapterWithoutAMatchingPackageWithAnEmptyFolder)
 {
     const FakeDriverPackage other = MakePackage(L"other", "24.20-a");
     AddAdapter(kId, L"24.20-b").packages = {other};
@@ -344,7 +344,7 @@ TEST_F(DisplayDrivers, KeepAnAdapterWithoutAMatchingPackageWithAnEmptyFolder)
 }
 
 // Proves: A package's release is the active one, in any letter case => logged, its folder is taken; the last such package wins
-TEST_F(DisplayDrivers, TakeTheLastOfSeveralMatchingPackagesInAnyLetterCase)
+TEST_F(DriverEnumeration, TakesTheLastOfSeveralMatchingPackagesInAnyLetterCase)
 {
     const std::vector<FakeDriverPackage> packages = {MakePackage(L"first", "24.20-a"),
                                                      MakePackage(L"second", "24.20-A"), MakePackage(L"third", "24.20")};
@@ -356,7 +356,7 @@ TEST_F(DisplayDrivers, TakeTheLastOfSeveralMatchingPackagesInAnyLetterCase)
 }
 
 // Proves: The driver store does not know a package => the path of the package before is used, even across adapters
-TEST_F(DisplayDrivers, TakeAPackageThatTheDriverStoreDoesNotKnowForTheOneBefore)
+TEST_F(DriverEnumeration, TakesAPackageThatTheDriverStoreDoesNotKnowForTheOneBefore)
 {
     const FakeDriverPackage known = MakePackage(L"known", "2");
     const FakeDriverPackage unknown = {L"unknown.inf", L""};
@@ -371,7 +371,7 @@ TEST_F(DisplayDrivers, TakeAPackageThatTheDriverStoreDoesNotKnowForTheOneBefore)
 }
 
 // Proves: An empty release => matches a package without one
-TEST_F(DisplayDrivers, MatchAnEmptyReleaseWithAPackageWithoutOne)
+TEST_F(DriverEnumeration, MatchesAnEmptyReleaseWithAPackageWithoutOne)
 {
     folder_.CreateFolder(L"pack");
     AddAdapter(kId, L"").packages = {
@@ -380,7 +380,7 @@ TEST_F(DisplayDrivers, MatchAnEmptyReleaseWithAPackageWithoutOne)
 }
 
 // Proves: The path of the INF has doubled separators => the folder has none at its end
-TEST_F(DisplayDrivers, GiveTheFolderWithoutSeparatorsAtItsEnd)
+TEST_F(DriverEnumeration, GivesTheFolderWithoutSeparatorsAtItsEnd)
 {
     MakePackage(L"pack", "1");
     AddAdapter(kId, L"1").packages = {{L"a.inf", folder_ / L"pack/\\x.inf"}};
@@ -394,11 +394,11 @@ struct Order
     std::vector<int> places;
 };
 
-using DisplayDriversOrder = WithParam<DisplayDrivers, Order>;
+using AdapterOrder = WithParam<DriverEnumeration, Order>;
 
 // Proves: Releases 23.10.2 and 23.9.1 => 23.9.1 comes first: characters are compared, not numbers; a longer release before its own beginning
 // Proves: Equal releases => keep the system's order
-TEST_P(DisplayDriversOrder, IsByUtf16UnitsOfTheReleaseBaseDescending)
+TEST_P(AdapterOrder, IsByUtf16UnitsOfTheReleaseBaseDescending)
 {
     for (const std::wstring& release : GetParam().releases)
     {
@@ -412,14 +412,14 @@ TEST_P(DisplayDriversOrder, IsByUtf16UnitsOfTheReleaseBaseDescending)
     EXPECT_EQ(places, GetParam().places);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, DisplayDriversOrder,
+INSTANTIATE_TEST_SUITE_P(All, AdapterOrder,
                          testing::Values(Order{{L"23.10.2-a", L"23.9.1-b"}, {1, 0}},
                                          Order{{L"24", L"24.20", L"", L"a", L"Z", L"\U0001f600", L"\uff21"},
                                                {6, 5, 3, 4, 1, 0, 2}},
                                          Order{{L"5-a", L"7-a", L"5-c", L"7-b", L"5-b"}, {1, 3, 0, 2, 4}}));
 
 // Proves: Two adapters one after the other => nothing but the two shared buffers goes from one to the next
-TEST_F(DisplayDrivers, TakeNothingOfOneDeviceIntoTheNext)
+TEST_F(DriverEnumeration, TakesNothingOfOneDeviceIntoTheNext)
 {
     FakeDevice& first = AddAdapter(L"PCI\\VEN_1E7D&1", L"2-a");
     first.problem = 10;
@@ -433,7 +433,7 @@ TEST_F(DisplayDrivers, TakeNothingOfOneDeviceIntoTheNext)
 }
 
 // Proves: An exception while an INF is read => it passes through, the device list is given back
-TEST_F(DisplayDrivers, CloseTheirListWhenAnExceptionPassesThrough)
+TEST_F(DriverEnumeration, ClosesItsListWhenAnExceptionPassesThrough)
 {
     AddAdapter(kId, L"1").packages = {MakePackage(L"pack", "1")};
     SUBSTITUTE(SetupFindFirstLineW) first([](auto...) -> BOOL { throw std::bad_alloc(); });

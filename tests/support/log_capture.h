@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -43,26 +44,17 @@ private:
     // The one log that cannot be opened for writing: this process holds it.
     static std::wstring FindOwnLog()
     {
-        std::wstring own;
-        WIN32_FIND_DATAW data = {};
-        const HANDLE search = FindFirstFileW((GetLogFolder() + L"*.log").c_str(), &data);
-        if (search == INVALID_HANDLE_VALUE)
+        for (const auto& entry : std::filesystem::directory_iterator(GetLogFolder()))
         {
-            return own;
-        }
-        do
-        {
-            const std::wstring path = GetLogFolder() + data.cFileName;
-            const HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                            OPEN_EXISTING, 0, nullptr);
+            const HANDLE file = CreateFileW(entry.path().c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                            nullptr, OPEN_EXISTING, 0, nullptr);
             if (file == INVALID_HANDLE_VALUE && GetLastError() == ERROR_SHARING_VIOLATION)
             {
-                own = path;
+                return entry.path().wstring();
             }
             CloseHandle(file);
-        } while (own.empty() && FindNextFileW(search, &data) != 0);
-        FindClose(search);
-        return own;
+        }
+        return {};
     }
 
     std::wstring ReadAll() const

@@ -9,7 +9,7 @@
 namespace repair
 {
 // True when the tests run on Wine. The variable TAVIK_TESTS_AS_ON_WINDOWS (any value) makes them skip as on Windows, so
-// that this can be looked at on Wine as well.
+// that this can be tried on Wine as well.
 inline bool RunsOnWine()
 {
     return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr &&
