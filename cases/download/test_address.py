@@ -64,7 +64,7 @@ def test_redirect_into_encryption_is_followed(lab):
     assert [item["tls"] for item in result.requests] == ["", "TLSv1.2"]
 
 
-# Proves: The server's certificate or TLS version is no good, or the address is odd => the download fails, or goes where the port says
+# Proves: The server's certificate or TLS version is not accepted, or the address is unusual => the download fails, or goes where the port says
 # Proves: The request cannot be sent: no server listens, wrong, expired or unknown certificate
 @pytest.mark.parametrize("certificate, code", [("wrong-host", 12038), ("expired", 12037), ("unknown", 12045), ("self-signed", 12045)])
 @pytest.mark.parametrize("way", ["default", "http on port 443", "after a redirect"])

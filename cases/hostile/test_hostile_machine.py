@@ -187,7 +187,7 @@ def test_file_cannot_grow_during_extraction(lab):
 
 # Crowds
 
-# Proves: 200 adapters, or 100 driver packages of one => all of them are looked at
+# Proves: 200 adapters, or 100 driver packages of one => all of them are read
 def test_two_hundred_adapters(lab):
     """The last one is the newest, and the only one with a driver package."""
     ids = [rf"PCI\VEN_1E7D&DEV_{number:04X}&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&{number:04X}" for number in range(1, 201)]

@@ -54,7 +54,7 @@ KINDS = list(kinds(""))
 
 # HLVersion and DriverVersion, DWXServerFolder
 
-# Proves: A registry value has another type, an odd size, no terminator, or a mebibyte => read as far as it is text, else missing
+# Proves: A registry value has another type, an odd number of bytes, no terminator, or a mebibyte => read as far as it is text, otherwise missing
 @pytest.mark.parametrize("kind", KINDS)
 def test_versions_and_server_folder(lab, kind):
     """All three in one run. Without a server folder of its own the tool turns to the maker's server."""

@@ -180,7 +180,7 @@ STAYING = {"program": "CorvelSoftware.exe"}  # unlike a real installer it does n
 ATTEMPTS = ("write", "replace", "rename", "delete")
 
 
-# Proves: Somebody wants to exchange the installer while it unpacks => it can be neither written, renamed nor deleted until it has ended
+# Proves: Another program tries to replace the installer while it unpacks => it can be neither written, renamed nor deleted until it has ended
 @pytest.mark.parametrize("silent", ["", "-SILENT"], ids=["window", "silent"])
 def test_installer_cannot_be_exchanged_while_it_unpacks(lab, silent):
     """Neither written, renamed nor removed; the later steps go on, and the file is free again at the end."""
@@ -209,7 +209,7 @@ def test_installer_is_free_again_when_it_has_ended(lab):
     assert [action["done"] for action in lab.result.actions] == [True, True]
 
 
-# Proves: The installer cannot be held, because somebody else has it => it is started all the same
+# Proves: The installer cannot be held open, because another program uses it => it is started without being held
 def test_an_installer_that_somebody_else_holds_for_writing_is_started_all_the_same(lab):
     """It cannot be held then; whether it starts is the system's answer."""
     given = r"C:\Given folder\setup.exe"

@@ -336,7 +336,7 @@ def test_any_registered_folder_counts_when_the_default_one_does_not_exist(lab, f
 
 
 # Proves: The registered folder is another than the default one
-# Proves: The user had a folder of their own
+# Proves: The user chose a folder
 def test_the_repair_goes_into_the_users_folder(lab):
     place = r"C:\My Apps\Graphics"
     lab.run(found(desktop={"folder": place, "families": ["Halden", "DVR"]}))

@@ -44,7 +44,7 @@ def counts(line: str) -> dict[str, int]:
     return {name: int(number) for name, number in (item.split("=") for item in line.split())}
 
 
-# Proves: 300 runs, one after the other => one log each, and nothing else is left or grows
+# Proves: 300 runs, one after the other => one log each; nothing is left over or grows
 @pytest.mark.slow
 def test_300_runs_leave_nothing_but_their_logs():
     """Mostly waiting: each run waits a tenth of a second for its window."""

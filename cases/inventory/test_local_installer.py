@@ -67,7 +67,7 @@ def test_installer_of_the_active_package_repairs(lab):
         *opening(), DEVICE[0], older, *SECOND_PACKAGE, f"Found dwx2-install.exe at [{installer}]", unpack(installer), *REPAIR])
 
 
-# Proves: Packages of other releases have installers => not looked at
+# Proves: Packages of other releases have installers => not searched
 # Proves: The driver has no matching package (empty folder)
 @pytest.mark.parametrize("others, lines, folder", [
     ([{}], [DEVICE[0], OLDER, *SECOND_PACKAGE], "{store2}"),

@@ -192,7 +192,7 @@ def test_forced_repair_without_a_version(lab):
 # Proves: Empty text, no bytes, half a character
 # Proves: Only one of the values is there
 # Proves: A value is no text
-# Proves: The values stand in the 32-bit view only => they do not count
+# Proves: The values are in the 32-bit view only => they do not count
 @pytest.mark.parametrize("changes, version, driver", [
     ({"remove": [rf"{HL}@DriverVersion"]}, "23.40", ""),
     ({"remove": [rf"{HL}@HLVersion"]}, "", "23.40.11.01"),

@@ -253,7 +253,7 @@ def test_silent_shows_nothing_and_still_hands_the_window_over(lab, service, outc
         'Initialize hwnd=0x; window=yes; title="Tavik Software Compatibility Tool"']
 
 
-# Proves: Somebody starts the tool again meanwhile => that instance is refused
+# Proves: The tool is started again meanwhile => that instance is refused
 def test_a_second_instance_during_a_store_installation(lab):
     result = run(lab, {"completion": "later:2500", "installs": INSTALLS}, when=[f"text {INSTALLING} : second"])
     lab.check(**{**DONE, "outcome": "store-installed, another-instance"})

@@ -157,7 +157,7 @@ def test_minimised_window_still_changes_its_text(lab):
     assert result.status_texts == [CHECKING, INSTALLING] and len(dots(result)) >= 2
 
 
-# Proves: The mouse is pressed anywhere else
+# Proves: The mouse is pressed outside the mark
 def test_window_is_dragged_by_its_text(lab):
     result = lab.run(SHORT, when=[f"{INSTALLS} : drag -70,-30"])
     lab.check(**FAILED)

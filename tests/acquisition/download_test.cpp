@@ -442,10 +442,10 @@ struct LoggedFailure
 
 using DownloadFailure = WithParam<Download, LoggedFailure>;
 
-// Proves: The request cannot be opened => the time limits are set all the same; logged with the code that stands after them; empty result
+// Proves: The request cannot be opened => the time limits are set nevertheless; logged with the code that they leave; empty result
 // Proves: The request cannot be sent: no server listens, wrong, expired or unknown certificate => logged with the code; empty result
 // Proves: The status cannot be read => logged with code and text; empty result
-// Proves: Reading fails otherwise => logged with code and text; what had arrived stays in the temporary file; empty result
+// Proves: Reading fails otherwise => logged with code and text; what has arrived stays in the temporary file; empty result
 TEST_P(DownloadFailure, IsLoggedWithItsCode)
 {
     internet_.*GetParam().call = GetParam().code;

@@ -125,7 +125,7 @@ TEST_F(LocalInstaller, IsFoundBehindALinkToAFolder)
     EXPECT_EQ(FindLocalInstaller(folder_.Path()), folder_ / L"B1\\DWX2_Install.exe");
 }
 
-// Proves: The driver has no matching package (empty folder) => not found, wherever the process stands
+// Proves: The driver has no matching package (empty folder) => not found, whatever the current directory is
 TEST_F(LocalInstaller, IsNotSearchedInTheCurrentDirectory)
 {
     Create(L"B1\\DWX2_Install.exe");

@@ -187,7 +187,7 @@ TEST_F(Check, InstanceEventIsANamedManualResetEvent)
     EXPECT_EQ(created, 1);
 }
 
-// Proves: The event cannot be had for another reason => the check goes on without a guard
+// Proves: The event cannot be created for another reason => the check goes on without a guard
 TEST_F(Check, EventThatCannotBeHadDoesNotStopTheCheck)
 {
     SUBSTITUTE(CreateEventW)

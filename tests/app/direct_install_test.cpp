@@ -92,7 +92,7 @@ protected:
     BoxRecorder boxes_;
 };
 
-// Proves: There is no status window (direct installation) => everything else is done all the same
+// Proves: There is no status window (direct installation) => everything else is done
 // Proves: The desktop edition was missing => all three packages are installed
 // Proves: It was missing and the installation succeeded (a wanted restart included) => the Store packages are removed, then the marker 1 is written; exit code 0
 // Proves: Everything is done => `CorvelSoftware.exe` of the recorded location is started hidden, without arguments
@@ -323,7 +323,7 @@ protected:
     }};
 };
 
-// Proves: It starts => the window is shown with "Installing...", even with `-SILENT`; no adapter is looked at, the instance guard is neither asked nor taken
+// Proves: It starts => the window is shown with "Installing...", even with `-SILENT`; no adapter is read, the instance guard is neither asked nor taken
 TEST_F(DirectInstallWindow, IsShownEvenWhenSilentAndSaysInstallingAndIsStopped)
 {
     Silent = true;
@@ -360,7 +360,7 @@ TEST_F(DirectInstallWindow, IsHiddenBeforeTheFailureBoxAndStoppedAfterIt)
     EXPECT_EQ(stops_, 1);
 }
 
-// Proves: Something else than a standard exception is raised => the window is stopped, it passes through
+// Proves: An exception that is not a standard one is raised => the window is stopped, it passes through
 TEST_F(DirectInstallWindow, IsStoppedWhenAnotherKindOfExceptionPassesThrough)
 {
     machine_.onRun = [] { throw 5; };

@@ -89,7 +89,7 @@ protected:
 };
 
 // Own process: the functions of the Windows Runtime are looked up once in a process.
-// Proves: The process starts => the search for libraries is limited to the system's folder before anything else; that this fails does not matter
+// Proves: The process starts => the search for libraries is limited to the system's folder first; a failure of this is ignored
 TEST_F(ProcessEntry, RestrictsTheLibrarySearchBeforeAnythingElse)
 {
     Start(L"-SILENT");

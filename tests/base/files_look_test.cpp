@@ -456,7 +456,7 @@ TEST(FindSubfolder, LinkWhoseTargetIsGoneIsPassedOver)
     EXPECT_EQ(FindSubfolder(L"C:\\f", &BeginsWithX).wstring(), L"C:\\f\\x2");
 }
 
-// Proves: An entry cannot be looked at => file-system error "directory_entry::status", even when its name does not begin with B
+// Proves: The attributes of an entry cannot be read => file-system error "directory_entry::status", even when its name does not begin with B
 TEST(FindSubfolder, LinkWhoseTargetCannotBeLookedAtIsAnError)
 {
     MadeUpListing listing({{L"x1", kLink}, {L"x2", kFolder}});

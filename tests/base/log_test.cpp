@@ -200,7 +200,7 @@ TEST(Log, LineIsItsCharactersAndALineFeedInUtf16WithoutAMark)
     EXPECT_EQ(ReadShared(path), std::string("\t\0A\0\xac\x20\x3d\xd8\x00\xde\n\0\n\0x\0\0\0y\0\n\0", 22));
 }
 
-// Proves: A line cannot be written (disk full) => nobody notices, the run goes on
+// Proves: A line cannot be written (disk full) => it goes unnoticed, the run goes on
 TEST(Log, EachLineIsTwoWritesWhoseResultsDoNotMatter)
 {
     SUBSTITUTE(GetLocalTime) time([](SYSTEMTIME* now) { *now = At(103); });

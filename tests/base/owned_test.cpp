@@ -33,7 +33,7 @@ protected:
     void SetUp() override { closed.clear(); }
 };
 
-// Proves: An owner of a handle is closed early, moved, or never had one => the handle is closed once, or not at all
+// Proves: An owner of a handle is closed early, moved, or never owned one => the handle is closed once, or not at all
 TEST_F(OwnedHandle, ClosesOnceAtTheEnd)
 {
     {

@@ -68,7 +68,7 @@ TEST_F(StopComponents, TakesALocationWithABackslashAtItsEndAsItIs)
                 {L"Process C:\\HL\\\\hlcmd.exe exit completed with exit code 0"});
 }
 
-// Proves: The key or the location is missing => nobody is asked, nothing is logged about it, the five kills run
+// Proves: The key or the location is missing => no program is asked, nothing is logged about it, the five kills run
 TEST_F(StopComponents, OnlyKillsWithoutTheApplicationsKey)
 {
     ExpectStops();

@@ -172,7 +172,7 @@ TEST_F(InstallSequence, EndsWithAMissingMainPackageWhenTheInstallerDoesNotStart)
                                           L"Unable to find " + Main() + L"."));
 }
 
-// Proves: The installer reports failure but has unpacked => not minded
+// Proves: The installer reports failure but has unpacked => ignored
 TEST_F(InstallSequence, GoesOnAfterAnInstallerThatReportsFailureButUnpacked)
 {
     machine_.UnpacksMainPackage();
@@ -180,7 +180,7 @@ TEST_F(InstallSequence, GoesOnAfterAnInstallerThatReportsFailureButUnpacked)
     EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", false), 0);
 }
 
-// Proves: The main package fails => its code is the result; the other packages are installed all the same
+// Proves: The main package fails => its code is the result; the other packages are installed nevertheless
 TEST_F(InstallSequence, ReturnsTheFailureOfTheMainPackageAndInstallsTheOthers)
 {
     machine_.UnpacksMainPackage();
@@ -200,7 +200,7 @@ TEST_F(InstallSequence, OnlyLogsTheFailureOfAnotherPackage)
     EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", true), 0);
 }
 
-// Proves: The user had a folder of their own => all packages go there
+// Proves: The user chose a folder => all packages go there
 TEST_F(InstallSequence, InstallsEveryPackageIntoTheUsersOwnFolder)
 {
     TemporaryFolder programFiles;
@@ -271,7 +271,7 @@ TEST_F(InstallSequence, GuardTurnsAnExceptionIntoALineAndMinusOne)
     EXPECT_THAT(log_.Lines(), ElementsAre(L"\tException occured during installation. " + message));
 }
 
-// Proves: Something else than a standard exception => passes the guard
+// Proves: An exception that is not a standard one => passes the guard
 TEST_F(InstallSequence, GuardLetsOtherExceptionsThrough)
 {
     machine_.onRun = [] { throw 5; };

@@ -102,7 +102,7 @@ TEST_F(LaunchFakeProcess, LetsTheShellChooseTheWorkingDirectory)
     EXPECT_EQ(texts_.back(), L"none");
 }
 
-// Proves: It runs => it is waited for once, for the given time; that the waiting fails does not matter
+// Proves: It runs => it is waited for once, for the given time; a failure of the wait is ignored
 TEST_F(LaunchFakeProcess, WaitsOnceForTheGivenTimeEvenIfTheWaitFails)
 {
     waitResult_ = WAIT_FAILED;

@@ -157,7 +157,7 @@ TEST_F(DriverEnumeration, UsesTheIdOfTheDeviceBeforeWhenAnIdCannotBeRead)
                                           Enumerating(kId)));
 }
 
-// Proves: An id is shorter than the one before => it ends where it ends
+// Proves: An id is shorter than the one before => it is read up to its own end
 TEST_F(DriverEnumeration, ReadsAShorterIdAfterALongerOneUpToItsEnd)
 {
     AddAdapter(L"PCI\\VEN_1E7D&DEV_0001&SUBSYS_LONG", L"2");

@@ -67,8 +67,8 @@ struct InfText
 
 using InfSections = WithParam<InfTest, InfText>;
 
-// Proves: Section names are read => whole lines in brackets, in file order, twice when they stand there twice; each byte is a character
-// Proves: A header with a comment behind it, or indented => is none; a release that stands only there is not found
+// Proves: Section names are read => whole lines in brackets, in file order, twice when they occur twice; each byte is a character
+// Proves: A header with a comment behind it, or indented => is none; a release in such a section is not found
 // Proves: Saved as UTF-16 => no section is seen, the release is empty
 TEST_P(InfSections, AreTheLinesThatAreAHeaderAndNothingElse)
 {
@@ -122,7 +122,7 @@ TEST_F(InfTest, FileOfAnyNameThatAWriterSharesIsReadAndClosed)
     EXPECT_NE(DeleteFileW(path.c_str()), FALSE);
 }
 
-// Proves: Lines of a million characters, headers at the border of two reads => no trouble
+// Proves: Lines of a million characters, headers at the border of two reads => are read
 TEST_F(InfTest, LinesOfAMillionCharactersAreRead)
 {
     const std::string filler(1'000'000, 'x');
@@ -152,7 +152,7 @@ std::list<std::wstring> SectionsReadOnASmallStack(std::wstring path)
     return std::move(reading.sections);
 }
 
-// Proves: An INF of 64 MiB without a line end, or two million odd lines => read in constant stack, matched as the expressions say
+// Proves: An INF of 64 MiB without a line end, or two million unusual lines => read in constant stack, matched as the expressions say
 TEST_F(InfTest, LineOf64MebibytesIsReadInConstantStack)
 {
     const std::string filler(64 * 1024 * 1024, 'x');
@@ -346,7 +346,7 @@ protected:
     }};
 };
 
-// Proves: A section name stands there twice => it is searched twice
+// Proves: A section name occurs twice => it is searched twice
 TEST_F(FakeInf, SectionsAreSearchedInListOrderDuplicatesToo)
 {
     EXPECT_EQ(ReleaseOf("[B]\n[a]\n[B]\n[]\n"), L"");

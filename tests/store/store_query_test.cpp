@@ -63,7 +63,7 @@ TEST_P(MatchesStorePackageTest, ByEitherNameAnywhereInAnyLetterCase)
 }
 
 // Own process: the functions of the Windows Runtime are looked up once in a process.
-// Proves: Two usable versions, 1.10.0.0 and 1.9.5.0 => each is logged; the highest by numbers counts, wherever it stands
+// Proves: Two usable versions, 1.10.0.0 and 1.9.5.0 => each is logged; the highest by numbers counts, in any position
 TEST(QueryStorePackageVersion, HighestUsableVersionWinsFieldByField)
 {
     FakeRuntime runtime;
@@ -150,7 +150,7 @@ TEST(QueryStorePackageVersion, AllPackagesOfAllUsersAreAskedForOnce)
                 ElementsAre(L"activate Windows.Management.Deployment.PackageManager", L"create", L"find"));
 }
 
-// Proves: The class's factory => is fetched once a process and kept, nothing else is; threads that race keep one; a failure is not kept
+// Proves: The class's factory => is fetched once a process and kept, and only it; threads that race keep one; a failure is not kept
 TEST(QueryStorePackageVersion, FactoryIsFetchedOncePerProcess)
 {
     FakeRuntime runtime;
@@ -346,7 +346,7 @@ INSTANTIATE_TEST_SUITE_P(Calls, PackageFailure,
                                          PackageFault{"GetStatus", true}, PackageFault{"VerifyIsOK", true}));
 
 // Own process: the functions of the Windows Runtime are looked up once in a process.
-// Proves: Reading one package fails => logged with text and name as far as it was read, the next one is looked at
+// Proves: Reading one package fails => logged with text and name as far as it was read, the next one is read
 TEST_P(PackageFailure, IsLoggedWithTheNameAsFarAsReadAndTheNextOneIsLookedAt)
 {
     FakeRuntime runtime;
@@ -361,7 +361,7 @@ TEST_P(PackageFailure, IsLoggedWithTheNameAsFarAsReadAndTheNextOneIsLookedAt)
     EXPECT_EQ(LiveStrings(), 0);
 }
 
-// Proves: Memory runs out while reading one => "Unknown expection", the next one is looked at
+// Proves: Memory runs out while reading one => "Unknown expection", the next one is read
 TEST_P(PackageFailure, OfMemoryIsAnUnknownException)
 {
     FakeRuntime runtime;

@@ -69,7 +69,7 @@ TEST_F(ErrorText, OfTheSystemIsInTheUsersLanguageAndKeepsItsLineBreaks)
     EXPECT_EQ(MessageFor(kDenied), L"one\r\ntwo");
 }
 
-// Proves: The thread carries an error object for this code => its restricted description, else its plain one, without trailing blanks
+// Proves: The thread carries an error object for this code => its restricted description, or its plain one, without trailing blanks
 TEST_F(ErrorText, IsTheRestrictedDescriptionWhenThereIsOne)
 {
     LeaveErrorObject(MakeErrorObject(L"plain", true, kDenied, L"restricted \r\n"));

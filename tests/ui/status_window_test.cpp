@@ -742,7 +742,7 @@ protected:
     }};
 };
 
-// Proves: A click on the mark => minimises; the texts go on changing, the box comes up all the same
+// Proves: A click on the mark => minimises; the texts go on changing, the box still appears
 TEST_F(Mouse, ClickOnTheMarkMinimises)
 {
     Start();
@@ -754,7 +754,7 @@ TEST_F(Mouse, ClickOnTheMarkMinimises)
     EXPECT_THAT(actions_.Get(), ElementsAre(0u, 0xF020u));
 }
 
-// Proves: The mouse is pressed anywhere else => it drags the window, as often as one likes; a mere click does nothing
+// Proves: The mouse is pressed outside the mark => it drags the window, any number of times; a mere click does nothing
 TEST_F(Mouse, DragOutsideTheMarkMovesTheWindow)
 {
     Start();

@@ -157,7 +157,7 @@ def test_the_list_can_be_read(mirror):
         200, "".join(f"{digest}  {folder}/dwx2_install.txt\n" for folder in ("24.2", "24.20")).encode())
 
 
-# Proves: Something else is asked of the mirror => 404, never a redirect or a list; it only hands out, byte for byte
+# Proves: Another request is sent to the mirror => 404, never a redirect or a list; it only hands out, byte for byte
 @pytest.mark.parametrize("path", [
     "/", "/vlt", "/vlt/", "/vlt/24.20", "/vlt/24.20/", "/vlt/24.30/dwx2_install.txt", "/vlt/24.20.1/dwx2_install.txt", "/vlt/.lock",
     "/vlt/24.20/../.lock", "/vlt//dwx2_install.txt", "/24.20/dwx2_install.txt", "/vlt/24.20/dwx2_install.exe", "/../installer.exe",
