@@ -101,7 +101,7 @@ def build(preset: str = "release", *targets: str) -> None:
         if terminal:
             print("\r\033[K", end="", flush=True)
         if code:
-            lines = log_of_step.read_text("utf-8", errors="replace").splitlines()
+            lines = [line for line in log_of_step.read_text("utf-8", errors="replace").splitlines() if len(line) < 400]  # no compiler calls
             first = next((number for number, line in enumerate(lines) if "error" in line.lower() or line.startswith("FAILED")), -40)
             fail("\n".join([*lines[first:][:40], f"The build of preset \"{preset}\" failed; the whole log is {log_of_step.relative_to(TOP)}. Fix the first "
                             f"error above. After a change of the compiler or the packages remove build/{preset} first."]))

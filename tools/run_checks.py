@@ -49,9 +49,7 @@ QUICK = {
     "exe": [*SHELL, cmake_build("release", "--target TavikCompatibilityTool --target TavikToolCompanion") + " && python3 -m tools.exe_gate"],
 }
 SLOW = {
-    # Only what ships. The linker warns of each section that both compilers emit; these lines are left out.
-    "clang": [*SHELL, "set -o pipefail; " + cmake_build("clang", "-- -k 0 2>&1 | { grep -v 'duplicate section' || true; }")],
-    "tidy": module("tools.tidy"),
+    "tidy": module("tools.tidy"),  # the warnings of Clang too
     "reproducible": module("tools.reproducible"),
     "cppcheck": [*SHELL, "mkdir -p build/check/cppcheck && cppcheck --platform=win64 --std=c++20 --library=windows "
                  "--enable=warning,performance,portability -D__MINGW32__ -DUNICODE -D_WIN32_WINNT=0x0A00 -I src -I tests -I . -I lab/standins "

@@ -212,13 +212,11 @@ def main(arguments: list[str]) -> int:
             fail(f"The exe has {found} checks for undefined behaviour, hundreds are expected: the compiler did not add them. See the preset \"undefined\".")
 
     background = None
-    if not names and not undefined:
-        quick_checks = ["layout", "includes"] if quick else list(run_checks.QUICK)
-        session.stage("quick checks", lambda: not run_checks.run(quick_checks))
-        if not quick:
-            # The analysers compute, the tests mostly wait: together they take little longer than the tests alone.
-            say("The slow checks run beside the tests.")
-            background = run_checks.Background(list(run_checks.SLOW))
+    if quick:
+        session.stage("checks", lambda: not run_checks.run(["layout", "includes"]))
+    elif not names and not undefined:
+        say("== checks run beside the tests, while a core is free")
+        background = run_checks.Background([name for name in run_checks.ALL if name != "gcc"])  # the build was that
     if everything_in_process or not names:
         session.stage("in-process tests", session.all_in_process)
     if patterns:
@@ -226,7 +224,7 @@ def main(arguments: list[str]) -> int:
     if arguments or not names:
         session.stage("cases", lambda: session.cases(*(arguments or (["-m", "quick"] if quick else []) + CASES)))
     if background:
-        session.stage("slow checks", lambda: not background.wait())
+        session.stage("the rest of the checks", lambda: not background.wait())
     say(f"All stages took {time.monotonic() - start:.0f} s.")
     return session.finish()
 

@@ -1,132 +1,113 @@
-#!/usr/bin/python3
-"""Runs clang-tidy over the sources of the three programs, two files at a time.
+"""Checks the sources of the three programs with Clang's own warnings and with clang-tidy.
 
-    python3 -m tools.tidy            all files of the three programs
-    python3 -m tools.tidy FILE...    only these
+    tools.tidy            all files of the three programs
+    tools.tidy FILE...    only these
 
-A file that passed is checked again only after it, one of our headers that it includes, its compiler call or the rules
-have changed. Reads the compiler calls of the Clang build, so build that first: scripts/check clang.
+Nine tenths of the time go into the headers of Windows and of the C++ library. So files with the same compiler flags are checked together,
+as one source that includes them, as far as their local names do not collide. A group that passed is checked again only after one of its
+files, a header of ours, the rules or the flags have changed.
 """
+from __future__ import annotations
+
 import hashlib
 import json
 import os
+import re
 import shlex
 import subprocess
 import sys
-import time
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
-TOP = Path(__file__).resolve().parent.parent
+from tools.project import TOP, fail, files, say
+
 BUILD = TOP / "build" / "clang"
-PASSED = TOP / "build" / "tidy"
+WORK = TOP / "build" / "tidy"
 RULES = TOP / ".clang-tidy"
-PROGRAMS = [TOP / name for name in ("src", "companion", "windows_check")]
-NOT_IN_THE_CLANG_BUILD = [TOP / "companion" / name for name in ("tests", "fuzz")]
+PROGRAMS = ("src", "companion", "windows_check")
+ALONE = ("tests", "fuzz")  # folders of PROGRAMS that are not part of the programs
+LARGEST = 12  # files of a group: enough groups for several cores
 
 
-def fail(text: str) -> None:
-    sys.exit(f"tidy: {text}")
+def flags_by_file() -> dict[Path, tuple[str, ...]]:
+    """The compiler's arguments for each source, without input and output."""
+    found = {}
+    for call in json.loads((BUILD / "compile_commands.json").read_text("utf-8")):
+        file = Path(call["file"]).resolve()
+        if file.suffix == ".cpp" and file.is_relative_to(TOP) and file.relative_to(TOP).parts[0] in PROGRAMS:
+            arguments = shlex.split(call["command"])[1:]
+            at = arguments.index("-o")
+            found[file] = tuple(one for one in arguments[:at] + arguments[at + 2:] if one not in ("-c", call["file"]))
+    return found
 
 
-def is_ours(file: Path) -> bool:
-    return any(file.is_relative_to(folder) for folder in PROGRAMS)
+def local_names(file: Path) -> set[str]:
+    """What a source declares in unnamed namespaces, as far as the project's layout shows it."""
+    names = set()
+    for block in re.findall(r"^namespace\n\{\n(.*?)^\}  // namespace$", file.read_text("utf-8"), re.M | re.S):
+        for line in re.findall(r"^[^\s{}/#].*", block, re.M):
+            found = re.match(r"(?:struct|class|enum class|enum|union|using) (\w+)", line) or re.search(r"(\w+)\(", line) \
+                or re.search(r"(\w+)(?:\[[^\]]*\])* ?(?:=|\{|;)", line)
+            names |= {found[1]} if found else set()
+    return names
 
 
-def compiler_calls() -> dict[Path, dict[str, str]]:
-    listing = BUILD / "compile_commands.json"
-    if not listing.is_file():
-        fail(f"{listing.relative_to(TOP)} is missing. Run scripts/check clang, which makes it.")
-    calls = {Path(call["file"]).resolve(): call for call in json.loads(listing.read_text())}
-    return {file: call for file, call in calls.items() if is_ours(file) and file.suffix == ".cpp"}
+def groups(flags: dict[Path, tuple[str, ...]]) -> list[list[Path]]:
+    found: list[tuple[tuple[str, ...], set[str], list[Path]]] = []
+    for file in sorted(flags):
+        names = local_names(file)
+        group = next((one for one in found if one[0] == flags[file] and not one[1] & names and len(one[2]) < LARGEST), None)
+        if group is None:
+            group = (flags[file], set(), [])
+            found.append(group)
+        group[1].update(names)
+        group[2].append(file)
+    return [group[2] for group in found]
 
 
-def headers_by_object() -> dict[str, list[Path]]:
-    """Our headers that each object was compiled from, as the build recorded them."""
-    listing = subprocess.run(["ninja", "-C", BUILD, "-t", "deps"], check=True, capture_output=True, text=True).stdout
-    headers: dict[str, list[Path]] = {}
-    current = None
-    for line in listing.splitlines():
-        if line and not line[0].isspace():
-            current = headers.setdefault(line.split(": #deps")[0], [])
-        elif line.strip() and current is not None:
-            path = (BUILD / line.strip()).resolve()
-            if is_ours(path):
-                current.append(path)
-    return headers
-
-
-def fingerprint(file: Path, call: dict[str, str], headers: list[Path], tool: str) -> str:
-    digest = hashlib.sha256()
-    for text in (tool, call["command"]):
-        digest.update(text.encode() + b"\0")
-    for path in (RULES, file, *sorted(set(headers))):
-        digest.update(str(path).encode() + b"\0" + path.read_bytes() + b"\0")
-    return digest.hexdigest()
-
-
-def check(file: Path) -> tuple[bool, str]:
-    result = subprocess.run(["clang-tidy", "-p", BUILD, "--quiet", file], capture_output=True, text=True, check=False)
+def check(group: list[Path], flags: dict[Path, tuple[str, ...]]) -> str:
+    """What is wrong, or an empty text. A group that does not compile as one source is checked file by file."""
+    digest = hashlib.sha256(repr(flags[group[0]]).encode())
+    for file in [RULES, *group, *files("src/*.h", "companion/*.h", "windows_check/*.h", "tests/support/*.h")]:
+        digest.update(str(file).encode() + b"\0" + file.read_bytes() + b"\0")
+    source = WORK / f"UnifiedSource-{digest.hexdigest()[:32]}.cpp"
+    passed = source.with_suffix(".passed")
+    if passed.exists():
+        passed.touch()
+        return ""
+    # The static analyser takes such a name as a sign that the included files are sources and not headers.
+    source.write_text("".join(f'#include "{file}"  // NOLINT\n' for file in group), "utf-8")
+    done = subprocess.run(["clang-tidy", "--quiet", source if len(group) > 1 else group[0], "--", *flags[group[0]]],
+                          capture_output=True, text=True, check=False)
+    if done.returncode == 0:
+        passed.touch()
+        return ""
+    if len(group) > 1 and "[clang-diagnostic-error]" in done.stdout:
+        say(f"checked one by one, as their local names collide: {', '.join(file.name for file in group)}")
+        return "".join(check([file], flags) for file in group)
     # On standard error it only counts the warnings of system headers, unless it could not work at all.
-    return result.returncode == 0, result.stdout if result.stdout.strip() else result.stderr
+    return done.stdout if done.stdout.strip() else done.stderr
 
 
 def main(arguments: list[str]) -> int:
     if arguments and arguments[0].startswith("-"):
         print(__doc__)
         return 0 if arguments[0] in ("-h", "--help") else 2
-    try:
-        tool = subprocess.run(["clang-tidy", "--version"], check=True, capture_output=True, text=True).stdout
-    except FileNotFoundError:
-        fail("clang-tidy is missing; scripts/setup installs it.")
-    calls = compiler_calls()
-    if arguments:
-        wanted = [Path(name).resolve() for name in arguments]
-        unknown = [str(file) for file in wanted if file not in calls]
-        if unknown:
-            fail(f"not part of the Clang build: {', '.join(unknown)}")
-    else:
-        wanted = sorted(calls)
-        in_tree = {file for folder in PROGRAMS for file in folder.rglob("*.cpp")
-                   if not any(file.is_relative_to(other) for other in NOT_IN_THE_CLANG_BUILD)}
-        if in_tree - set(wanted):
-            fail("not part of the Clang build: "
-                 f"{', '.join(str(file.relative_to(TOP)) for file in sorted(in_tree - set(wanted)))}")
-    if not wanted:
-        fail("there are no files to check.")
-
-    PASSED.mkdir(parents=True, exist_ok=True)
-    headers = headers_by_object()
-    due: dict[Path, str] = {}
-    known: set[str] = set()
-    for file in wanted:
-        call = calls[file]
-        command = shlex.split(call["command"])
-        output = command[command.index("-o") + 1]
-        if output not in headers:
-            fail(f"{file.relative_to(TOP)} has not been compiled yet. Run scripts/check clang first.")
-        mark = fingerprint(file, call, headers[output], tool)
-        known.add(mark)
-        if not (PASSED / mark).exists():
-            due[file] = mark
-    if not arguments:
-        for old in PASSED.iterdir():
-            if old.name not in known:
-                old.unlink()
-    print(f"tidy: {len(wanted)} files, {len(due)} of them changed since they passed.", flush=True)
-
-    bad = 0
-    start = time.monotonic()
+    subprocess.run(["cmake", "--preset", "clang"], cwd=TOP, check=True, stdout=subprocess.DEVNULL)
+    WORK.mkdir(parents=True, exist_ok=True)
+    flags = flags_by_file()
+    wanted = [[Path(name).resolve()] for name in arguments] or groups(flags)
+    missing = [file for file in (sum(wanted, []) if arguments else files(*(f"{folder}/*.cpp" for folder in PROGRAMS)))
+               if file not in flags and not set(ALONE) & set(file.relative_to(TOP).parts)]
+    if missing:
+        fail(f"Not in the Clang build: {', '.join(str(file.relative_to(TOP)) for file in missing)}. Add it to the CMakeLists.txt of its folder.")
     with ThreadPoolExecutor(max_workers=os.cpu_count() or 2) as pool:
-        for number, (file, (passed, text)) in enumerate(zip(due, pool.map(check, due)), 1):
-            if passed:
-                (PASSED / due[file]).touch()
-            else:
-                bad += 1
-                print(text.rstrip())
-            print(f"tidy: {number} of {len(due)}, {file.relative_to(TOP)}{'' if passed else ': see above'}", flush=True)
-    print(f"tidy: {bad} of {len(wanted)} files have findings ({time.monotonic() - start:.0f} s).")
-    return 1 if bad else 0
+        findings = [text for text in pool.map(lambda group: check(group, flags), wanted) if text]
+    for old in WORK.iterdir() if not arguments and not findings else ():
+        if old.stat().st_mtime < RULES.stat().st_mtime:
+            old.unlink()
+    print("\n".join([*findings, f"{sum(map(len, wanted))} files in {len(wanted)} groups, findings in {len(findings)} groups."]))
+    return 1 if findings else 0
 
 
 if __name__ == "__main__":
