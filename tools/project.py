@@ -14,6 +14,7 @@ from typing import NoReturn
 
 TOP = Path(__file__).resolve().parent.parent
 PYTHON = "/usr/bin/python3"  # the one with Debian's modules
+RUNNING: set[subprocess.Popen[bytes]] = set()  # what `followed` runs, also in other threads
 
 
 def say(text: str) -> None:
@@ -61,6 +62,7 @@ def followed(command: list[str | Path], log: Path, show: Callable[[str], str] = 
     if os.sched_getscheduler(0) == os.SCHED_IDLE:  # then so does the child, but the kernel may give each session a share of its own
         with contextlib.suppress(OSError):
             Path(f"/proc/{process.pid}/autogroup").write_text("19", "ascii")
+    RUNNING.add(process)
     deadline = time.monotonic() + limit
     rest = ""
     try:
@@ -77,12 +79,18 @@ def followed(command: list[str | Path], log: Path, show: Callable[[str], str] = 
                 time.sleep(0 if code is not None else 0.2)
             return code
     finally:
+        RUNNING.discard(process)
+        end(process)
+
+
+def end(process: subprocess.Popen[bytes]) -> None:
+    """Ends a process and what it has started in its session."""
+    for number in (signal.SIGINT, signal.SIGKILL):
         if process.poll() is None:
-            for number in (signal.SIGINT, signal.SIGKILL):
-                with contextlib.suppress(ProcessLookupError):
-                    os.killpg(process.pid, number)
-                with contextlib.suppress(subprocess.TimeoutExpired):
-                    process.wait(20)
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(process.pid, number)
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                process.wait(20)
 
 
 def build(preset: str = "release", *targets: str) -> None:

@@ -20,6 +20,7 @@ import fnmatch
 import os
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -28,7 +29,7 @@ from pathlib import Path
 
 from lab.prefix import Prefix, template
 from tools import results, run_checks
-from tools.project import PYTHON, TOP, build, fail, files, followed, say
+from tools.project import PYTHON, RUNNING, TOP, build, end, fail, files, followed, say
 
 CASES = ["cases", "lab/tests", "tools/tests", "companion/tests", "windows_check/tests", "bench"]
 IN_PROCESS = {"unit_tests": "tests", "companion_tests": "companion/tests"}  # program: folder of its sources
@@ -230,4 +231,11 @@ def main(arguments: list[str]) -> int:
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
+    try:
+        sys.exit(main(sys.argv[1:]))
+    except KeyboardInterrupt:
+        sys.exit("Stopped; what did not run has no result.")
+    finally:
+        for process in list(RUNNING):
+            end(process)
