@@ -1,5 +1,5 @@
-// Loads every library named on its command line by its bare name, without any precaution. Shows that the planted DLLs of
-// a machine lie where such a program finds them.
+// Loads every library named on its command line by its bare name, without any precaution. Shows that the planted DLLs
+// of a machine lie where such a program finds them.
 //
 // usage: load_by_name NAME...
 #include <windows.h>
