@@ -1,8 +1,7 @@
-#!/usr/bin/python3
 """Lists what is linked into the programs (SPDX 2.3, JSON), and checks such a list.
 
-    tools/sbom.py --out FILE --version V --created TIME PROGRAM...    from PROGRAM and the linker's PROGRAM.map beside it
-    tools/sbom.py --check FILE                                        each complaint is one line, exit code 1 if any
+    tools.sbom --out FILE --version V --created TIME PROGRAM...    from PROGRAM and the linker's PROGRAM.map beside it
+    tools.sbom --check FILE                                        each complaint is one line, exit code 1 if any
 
 The linker's map names the libraries that it took parts from, dpkg their packages and versions. A library that is not in COMPONENTS
 or HEADERS is an error: nothing gets into a release unlisted.
@@ -20,7 +19,8 @@ from pathlib import Path
 from typing import Any
 from urllib.parse import quote
 
-TOP = Path(__file__).resolve().parent.parent
+from tools.forms import ANY, faults
+from tools.project import TOP
 
 # What may be linked in: name, files of the tool chain, licence as SPDX writes it, and what the licence field cannot say.
 COMPONENTS = [
@@ -130,58 +130,41 @@ def document(programs: list[Path], version: str, created: str) -> dict[str, Any]
             "packages": list(packages.values()), "relationships": relationships}
 
 
+# What SPDX 2.3 demands of a document of this kind, and what a release demands of its list.
+DOCUMENT = {"spdxVersion": r"SPDX-2\.3", "dataLicense": r"CC0-1\.0", "SPDXID": "SPDXRef-DOCUMENT", "name": r"\S.*", "documentNamespace": r"https://[^#\s]+",
+            "creationInfo": {"created": r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", "creators+": r"(Tool|Organization|Person): \S.*"},
+            "packages+": None, "relationships+": None}
+PACKAGE = {"SPDXID": r"SPDXRef-[A-Za-z0-9.-]+", "name": ANY, "versionInfo": ANY, "supplier?": ANY, "downloadLocation": ANY, "filesAnalyzed": bool,
+           "primaryPackagePurpose": ANY, "licenseConcluded": ANY, "licenseDeclared": ANY, "copyrightText": ANY}
+PROGRAM = {**PACKAGE, "comment?": ANY, "checksums+": {"algorithm": "SHA256", "checksumValue": "[0-9a-f]{64}"}}
+LIBRARY = {**PACKAGE, "licenseDeclared": "(?!NOASSERTION).+", "licenseComments?": ANY,
+           "externalRefs+": {"referenceCategory?": ANY, "referenceType?": ANY, "referenceLocator": r"pkg:deb/debian/[a-z0-9%A-F.-]+@\S+"}}
+
+
 def complaints(sbom: dict[str, Any]) -> list[str]:
-    """What SPDX 2.3 demands of a document of this kind, and what a release demands of its list."""
-    found = []
-    wanted = {"spdxVersion": r"SPDX-2\.3", "dataLicense": r"CC0-1\.0", "SPDXID": "SPDXRef-DOCUMENT", "name": r"\S.*",
-              "documentNamespace": r"https://[^#\s]+"}
-    for field, form in wanted.items():
-        if not re.fullmatch(form, str(sbom.get(field, ""))):
-            found.append(f"{field} is {sbom.get(field)!r}")
-    info = sbom.get("creationInfo", {})
-    if not re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", str(info.get("created"))):
-        found.append(f"created is {info.get('created')!r}, not a time of UTC")
-    creators = info.get("creators") or []
-    if not creators or not all(re.fullmatch(r"(Tool|Organization|Person): \S.*", one) for one in creators):
-        found.append(f"creators are {creators!r}")
-
-    packages = {package.get("SPDXID", "?"): package for package in sbom.get("packages", [])}
-    if len(packages) != len(sbom.get("packages", [])):
-        found.append("two packages have the same SPDXID")
+    found = list(faults(DOCUMENT, sbom, "sbom"))
+    listed = sbom.get("packages", [])
+    packages = {package.get("SPDXID", "?"): package for package in listed}
     programs = [key for key, package in packages.items() if package.get("primaryPackagePurpose") == "APPLICATION"]
-    for key, package in packages.items():
-        if not re.fullmatch(r"SPDXRef-[A-Za-z0-9.-]+", key):
-            found.append(f"{key} is no SPDXID")
-        for field in ("name", "versionInfo", "downloadLocation", "licenseConcluded", "licenseDeclared", "copyrightText"):
-            if not package.get(field):
-                found.append(f"{key} has no {field}")
-        if package.get("filesAnalyzed") is not False:
-            found.append(f"{key}: filesAnalyzed must be false, as no files are listed")
-        if key in programs:
-            sums = [one.get("checksumValue", "") for one in package.get("checksums", []) if one.get("algorithm") == "SHA256"]
-            if not sums or not re.fullmatch(r"[0-9a-f]{64}", sums[0]):
-                found.append(f"{key} has no SHA-256")
-        else:
-            if not any(re.match(r"pkg:deb/debian/[a-z0-9%A-F.-]+@\S+", ref.get("referenceLocator", "")) for ref in package.get("externalRefs", [])):
-                found.append(f"{key} names no Debian package")
-            if package.get("licenseDeclared") == "NOASSERTION":
-                found.append(f"{key} has no licence")
-
-    known = {"SPDXRef-DOCUMENT", *packages}
     arrows = [(one.get("spdxElementId"), one.get("relationshipType"), one.get("relatedSpdxElement")) for one in sbom.get("relationships", [])]
-    for start, kind, end in arrows:
-        if kind not in ("DESCRIBES", "STATIC_LINK") or start not in known or end not in known:
-            found.append(f"relationship {start} {kind} {end}")
-    for key in programs:
-        if ("SPDXRef-DOCUMENT", "DESCRIBES", key) not in arrows:
-            found.append(f"{key} is not described")
-        if not any(start == key and kind == "STATIC_LINK" for start, kind, _ in arrows):
-            found.append(f"{key} has nothing linked in, which no program of this tool chain can be")
+    linked = {end for _, kind, end in arrows if kind == "STATIC_LINK"}
+    if len(packages) != len(listed):
+        found.append("two packages have the same SPDXID")
     if not programs:
         found.append("no program is listed")
-    for key in set(packages) - set(programs) - {end for _, kind, end in arrows if kind == "STATIC_LINK"}:
-        found.append(f"{key} is linked into nothing")
-    return found
+    for key, package in packages.items():
+        found += faults(PROGRAM if key in programs else LIBRARY, package, key)
+        if package.get("filesAnalyzed"):
+            found.append(f"{key}: filesAnalyzed must be false, as no files are listed")
+        if key in programs and ("SPDXRef-DOCUMENT", "DESCRIBES", key) not in arrows:
+            found.append(f"{key} is not described")
+        if key in programs and not any(start == key and kind == "STATIC_LINK" for start, kind, _ in arrows):
+            found.append(f"{key} has nothing linked in, which is impossible with this tool chain")
+        if key not in programs and key not in linked:
+            found.append(f"{key} is linked into nothing")
+    known = {"SPDXRef-DOCUMENT", *packages}
+    return found + [f"relationship {start} {kind} {end}" for start, kind, end in arrows
+                    if kind not in ("DESCRIBES", "STATIC_LINK") or start not in known or end not in known]
 
 
 def main() -> int:

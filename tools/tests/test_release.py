@@ -38,14 +38,14 @@ def test_good_list_of_components_has_no_complaint():
     (("spdxVersion",), "SPDX-2.2", "spdxVersion is 'SPDX-2.2'"),
     (("documentNamespace",), "tool#1", "documentNamespace is 'tool#1'"),
     (("creationInfo", "created"), "2026-11-21", "created is '2026-11-21'"),
-    (("creationInfo", "creators"), [], "creators are []"),
-    (("packages", 0, "checksums"), [], "SPDXRef-tool.exe has no SHA-256"),
+    (("creationInfo", "creators"), [], "creators is empty"),
+    (("packages", 0, "checksums"), [], "SPDXRef-tool.exe: checksums is empty"),
     (("packages", 0, "filesAnalyzed"), True, "SPDXRef-tool.exe: filesAnalyzed must be false"),
-    (("packages", 0, "versionInfo"), "", "SPDXRef-tool.exe has no versionInfo"),
-    (("packages", 1, "licenseDeclared"), "NOASSERTION", "SPDXRef-lib has no licence"),
-    (("packages", 1, "externalRefs"), [], "SPDXRef-lib names no Debian package"),
+    (("packages", 0, "versionInfo"), "", "SPDXRef-tool.exe/versionInfo is ''"),
+    (("packages", 1, "licenseDeclared"), "NOASSERTION", "SPDXRef-lib/licenseDeclared is 'NOASSERTION'"),
+    (("packages", 1, "externalRefs"), [], "SPDXRef-lib: externalRefs is empty"),
     (("packages", 1, "SPDXID"), "SPDXRef-tool.exe", "two packages have the same SPDXID"),
-    (("packages", 1, "SPDXID"), "lib_1", "lib_1 is no SPDXID"),
+    (("packages", 1, "SPDXID"), "lib_1", "lib_1/SPDXID is 'lib_1'"),
     (("relationships", 0, "relatedSpdxElement"), "SPDXRef-lib", "SPDXRef-tool.exe is not described"),
     (("relationships", 1, "relatedSpdxElement"), "SPDXRef-other", "relationship SPDXRef-tool.exe STATIC_LINK SPDXRef-other"),
     (("relationships", 1, "spdxElementId"), "SPDXRef-lib", "SPDXRef-tool.exe has nothing linked in"),
@@ -57,7 +57,7 @@ def test_bad_list_of_components_is_complained_about(where, value, complaint):
     for step in way:
         part = part[step]
     part[last] = value
-    assert any(one.startswith(complaint) for one in sbom.complaints(document)), sbom.complaints(document)
+    assert any(complaint in one for one in sbom.complaints(document)), sbom.complaints(document)
 
 
 def test_a_library_without_a_licence_gets_into_no_release(tmp_path):
