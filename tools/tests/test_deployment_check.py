@@ -84,10 +84,11 @@ FAULTS = {
     ],
     "task": [
         (TASK, "Installs the", "Installs the\u00e9", "ASCII"), (TASK, '<?xml version="1.0"?>', '<?xml version="1.0" encoding="utf-8"?>', "without an encoding"),
-        (TASK, "&lt;/Select&gt;", "", "cannot be read as XML"), (TASK, "4d36e968", "4d36e969", "class of display adapters"), (TASK, "EventID=400]]", "EventID=400]", "brackets"),
-        (TASK, 'Path="Microsoft-Windows-Kernel-PnP/Configuration"', 'Path="System"', "another log"), (TASK, "S-1-5-18", "S-1-5-32-544", "SYSTEM"),
+        (TASK, "&lt;/Select&gt;", "", "Subscription is"), (TASK, "4d36e968", "4d36e969", "Subscription is"), (TASK, "EventID=400]]", "EventID=400]", "Subscription is"),
+        (TASK, 'Path="Microsoft-Windows-Kernel-PnP/Configuration"', 'Path="System"', "Subscription is"), (TASK, "S-1-5-18", "S-1-5-32-544", "UserId is"),
         (TASK, 'Context="System"', 'Context="Someone"', "no principal"),
-        (TASK, r"Tavik\Repair\Repair", r"Tavik\Repair", "where Install-TavikRepair.ps1"), (TASK_SCRIPT, "'RepairAfterDriverUpdate'", "'Repair'", "registers it as"),
+        (TASK, r"Tavik\Repair\Repair", r"Tavik\Repair", "Arguments is"), (TASK_SCRIPT, "'RepairAfterDriverUpdate'", "'Repair'", "URI is"),
+        (TASK_SCRIPT, "Kernel-PnP/Configuration'", "Kernel-PnP/Device'", "Subscription is"),
     ],
     "return_codes": [
         (INTUNE, '"returnCode": 1618', '"returnCode": 1602', "intune"), (INTUNE, '"softReboot"', '"hardReboot"', "intune"),
