@@ -41,12 +41,12 @@ QUICK = {
     "links": module("tools.texts", "links"),
     "proof": module("tools.proof"),
     "docs": module("tools.outcome_pages", "--check"),
-    "facts": [*SHELL, "mkdir -p build/docs && python3 -m tools.windows_facts page && python3 -m tools.windows_facts check"],
+    "facts": [*SHELL, f"mkdir -p build/docs && {PYTHON} -m tools.windows_facts page && {PYTHON} -m tools.windows_facts check"],
     "deploy": module("tools.deployment_check"),
     "shell": lambda: ["shellcheck", "--external-sources", "--source-path=SCRIPTDIR", *shell_scripts()],
     "gcc": [*SHELL, cmake_build("release")],
     # The files themselves, as customers get them.
-    "exe": [*SHELL, cmake_build("release", "--target TavikCompatibilityTool --target TavikToolCompanion") + " && python3 -m tools.exe_gate"],
+    "exe": [*SHELL, cmake_build("release", "--target TavikCompatibilityTool --target TavikToolCompanion") + f" && {PYTHON} -m tools.exe_gate"],
 }
 SLOW = {
     "tidy": module("tools.tidy"),  # the warnings of Clang too

@@ -15,6 +15,7 @@ any. The exit code is 0 only when every stage ran and nothing failed.
 """
 from __future__ import annotations
 
+import contextlib
 import difflib
 import fnmatch
 import os
@@ -24,9 +25,10 @@ import signal
 import subprocess
 import sys
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 from pathlib import Path
 
+from lab.paths import WINE
 from lab.prefix import Prefix, template
 from tools import results, run_checks
 from tools.project import PYTHON, RUNNING, TOP, build, end, fail, files, followed, say
@@ -64,23 +66,24 @@ class Session:
 
     # In-process tests
 
-    def in_process(self, show: Callable[[str], str], commands: dict[str, list[str]]) -> bool:
-        """Runs each command in one warm prefix; its name is that of its log. On one core, where Wine's server and its client
-        hand over quickest."""
+    @contextlib.contextmanager
+    def warm_prefix(self) -> Iterator[Prefix]:
+        """For in-process tests, on one core, where Wine's server and its client hand over quickest."""
         cores = os.sched_getaffinity(0)
         os.sched_setaffinity(0, {min(cores)})
-        good = True
         try:
             with Prefix.copy(template(), self.results / "prefix") as prefix:
                 prefix.start()
                 prefix.wine("wineboot")  # starts the background services, which the first test would otherwise wait for
-                for name, command in commands.items():
-                    log = self.results / f"{name}.log"
-                    if followed(command, log, show, limit=900, variables=prefix.environment()):
-                        say(f"in-process tests failed; their output is in {log.relative_to(TOP)}")
-                        good = False
+                yield prefix
         finally:
             os.sched_setaffinity(0, cores)
+
+    def in_process(self, prefix: Prefix, name: str, command: list[str | Path], show: Callable[[str], str]) -> bool:
+        log = self.results / f"{name}.log"
+        good = followed(command, log, show, limit=900, variables=prefix.environment()) == 0
+        if not good:
+            say(f"in-process tests failed; their output is in {log.relative_to(TOP)}")
         return good
 
     def all_in_process(self) -> bool:
@@ -96,33 +99,29 @@ class Session:
         for file in shared:
             file.unlink(missing_ok=True)
         self.files += [self.results / "in-process.xml", *shared]
-        return self.in_process(show, {"in-process": [
-            "ctest", "--preset", self.preset, "-j", "1", "--repeat", "after-timeout:2", "--output-junit", self.results / "in-process.xml"]})
+        with self.warm_prefix() as prefix:
+            return self.in_process(prefix, "in-process", ["ctest", "--preset", self.preset, "-j", "1", "--repeat", "after-timeout:2",
+                                                          "--output-junit", self.results / "in-process.xml"], show)
 
     def some_in_process(self, patterns: dict[str, list[str]]) -> bool:
         """By program. Each test has a process of its own, as some need that."""
-        commands = {}
-        for program, wanted in patterns.items():
-            exe = self.build / "tests" / f"{program}.exe"
-            wine = self.wine(exe, f"--gtest_filter={':'.join(f'{one}:*/{one}:{one}/*:*/{one}/*' for one in wanted)}", "--gtest_list_tests")
-            suite = ""
-            for line in wine.splitlines():
-                name = line.partition("#")[0].rstrip()
-                if name and not name.startswith(" "):
-                    suite = name
-                elif name:
-                    test = f"{suite}{name.strip()}"
-                    log = re.sub(r"\W+", "-", test)
-                    self.files.append(self.results / f"{log}.xml")
-                    commands[log] = ["/usr/lib/wine/wine64", exe, f"--gtest_filter={test}", f"--gtest_output=xml:Z:{self.results / log}.xml"]
-        return self.in_process(lambda line: "" if re.match(r"Running main|Note: |\[[-= ]+(PASSED)?[ ]*\]|\[ RUN", line) else line, commands)
-
-    def wine(self, *command: str | Path) -> str:
-        with Prefix.copy(template(), self.results / "list") as prefix:
-            prefix.start()
-            output = self.results / "list.txt"
-            prefix.wine(*map(str, command), output=output)
-            return output.read_text("utf-8", "replace").replace("\r", "")
+        good = True
+        with self.warm_prefix() as prefix:
+            for program, wanted in patterns.items():
+                exe, listing = self.build / "tests" / f"{program}.exe", self.results / f"{program}.txt"
+                prefix.wine(str(exe), f"--gtest_filter={':'.join(f'{one}:*/{one}:{one}/*:*/{one}/*' for one in wanted)}", "--gtest_list_tests", output=listing)
+                suite = ""
+                for line in listing.read_text("utf-8", "replace").splitlines():
+                    name = line.partition("#")[0].rstrip()
+                    if not name.startswith("  "):
+                        suite = name
+                        continue
+                    test = suite + name.strip()
+                    file = self.results / f"{re.sub(r'[^A-Za-z0-9]+', '-', test)}.xml"
+                    self.files.append(file)
+                    good &= self.in_process(prefix, file.stem, [WINE, exe, f"--gtest_filter={test}", f"--gtest_output=xml:Z:{file}"],
+                                            lambda line: "" if re.match(r"Running main|Note: |\[[-= ]+(PASSED)?[ ]*\]|\[ RUN", line) else line)
+        return good
 
     # Cases
 
