@@ -139,7 +139,8 @@ def page(found: list[Outcome]) -> str:
 def codes_file(found: list[Outcome]) -> str:
     codes = [{"code": number, "meaning": meaning, "intune": intune, "configuration_manager": manager,
               "outcomes": [one.id for one in found if one.code == number]} for number, meaning, intune, manager in STANDARD]
-    return json.dumps({"made_from": "companion/outcomes.toml by scripts/docs", "codes": codes}, indent=1) + "\n"
+    text = json.dumps({"made_from": "companion/outcomes.toml by scripts/docs", "codes": codes}, indent=1) + "\n"
+    return re.sub(r"\[([^][{]*)\]", lambda found: f"[{' '.join(found[1].split())}]", text)  # a list of texts in one line
 
 
 def wanted(root: pathlib.Path) -> dict[pathlib.Path, str]:
