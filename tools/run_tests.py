@@ -125,9 +125,10 @@ class Session:
 
     # Cases
 
-    def pytest(self, name: str, workers: int, *arguments: str, show: Callable[[str], str] = str) -> int:
+    def pytest(self, name: str, workers: int, *arguments: str) -> int:
         return followed([PYTHON, "-m", "pytest", "-q", "-n", str(workers), f"--junitxml={self.results / name}.xml", *arguments],
-                        self.results / f"{name}.log", show, limit=2400, variables={"TAVIK_BUILD": str(self.build)})
+                        self.results / f"{name}.log", lambda line: "" if re.match("bringing up nodes|-+ generated xml", line) else line,
+                        limit=2400, variables={"TAVIK_BUILD": str(self.build)})
 
     def cases(self, *arguments: str) -> bool:
         self.files.append(self.results / "cases.xml")
