@@ -227,6 +227,7 @@ def main(arguments: list[str]) -> int:
         session.stage("cases", lambda: session.cases(*(arguments or (["-m", "quick"] if quick else []) + CASES)))
     if background:
         session.stage("the rest of the checks", lambda: not background.wait())
+        session.failed += [f"check {name}" for name in background.failed]
     say(f"All stages took {time.monotonic() - start:.0f} s.")
     return session.finish()
 
