@@ -1,4 +1,3 @@
-#!/usr/bin/python3
 """Makes the pages and tables from companion/outcomes.toml.
 
     scripts/docs            writes the files that are out of date
@@ -13,12 +12,9 @@ import re
 import sys
 from collections.abc import Sequence
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
-sys.dont_write_bytecode = True
-sys.path.insert(0, str(ROOT))
-
-from companion import outcomes  # noqa: E402
-from companion.outcomes import Outcome  # noqa: E402
+from companion import outcomes
+from companion.outcomes import Outcome
+from tools.project import TOP as ROOT
 
 MARK = "<!-- made by scripts/docs: return-codes -->"
 BLOCK = re.compile(f"({MARK}\n).*?(<!-- end -->)", re.S)

@@ -1,4 +1,3 @@
-#!/usr/bin/python3
 """Compares tests/behaviours.md with the tests, and makes the table of proofs, build/docs/proof.md.
 
 tests/behaviours.md lists every situation that a test has to show, "- SITUATION", or says why none can:
@@ -13,7 +12,8 @@ import sys
 from dataclasses import dataclass, field
 from pathlib import Path
 
-TOP = Path(__file__).resolve().parent.parent
+from tools.project import TOP
+
 LIST = TOP / "tests" / "behaviours.md"
 TABLE = TOP / "build" / "docs" / "proof.md"
 TESTS = {"tests": "*.cpp", "companion/tests": "*.cpp", ".": "test_*.py"}
