@@ -57,7 +57,7 @@ protected:
     std::wstring TemporaryPath() const { return Folder() + L"\\" + kTemporaryFile; }
     std::wstring FinalPath() const { return Folder() + L"\\" + kFile; }
 
-    // The bytes of a file that no one has open.
+    // The bytes of a file that must not be open.
     static std::string Content(const std::wstring& path)
     {
         const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
@@ -283,7 +283,7 @@ TEST_F(Download, LeavesNothingForTheNextOne)
     EXPECT_EQ(Content(FinalPath()), "newer");
 }
 
-// A server folder and a release, and what becomes of them.
+// A server folder and a release, and the calls that they lead to.
 struct Address
 {
     const wchar_t* folder;

@@ -1,4 +1,4 @@
-// A link to a folder, made and removed the way the system under the test allows.
+// A link to a folder, made by Windows or, under Wine, by the host.
 #pragma once
 
 #include <windows.h>
@@ -14,7 +14,7 @@ public:
     FolderLink(std::wstring link, const std::wstring& target) : path_(std::move(link))
     {
         CreateSymbolicLinkW(path_.c_str(), target.c_str(), SYMBOLIC_LINK_FLAG_DIRECTORY);
-        // Wine's function only claims to have made one; a link of the system below shows as a link to a folder.
+        // Wine's function reports success without making one; a link of the host shows as a link to a folder.
         if (!IsThere() && UnixName(target) != nullptr)
         {
             RunUnix("ln -s " + std::string(UnixName(target)) + " " + OwnUnixName(), true);
@@ -60,7 +60,7 @@ private:
         return name;
     }
 
-    // Runs a program of the system below and waits until the link is there, or gone: there is no handle to wait for.
+    // Runs a program of the host and waits until the link is there, or gone: there is no handle to wait for.
     void RunUnix(std::string command, bool untilThere) const
     {
         STARTUPINFOA startup = {};

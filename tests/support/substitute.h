@@ -68,7 +68,28 @@ private:
     ImportPatch patch_;
 };
 
-// The arguments of each call of a statically imported function, from any thread. The calls go through.
+// A list that several threads may use.
+template <typename Value>
+class SharedList
+{
+public:
+    void Add(Value value)
+    {
+        const std::lock_guard lock(mutex_);
+        values_.push_back(std::move(value));
+    }
+    std::vector<Value> Get() const
+    {
+        const std::lock_guard lock(mutex_);
+        return values_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<Value> values_;
+};
+
+// The arguments of each call of a statically imported function. The calls go through.
 template <void** slot, typename Signature>
 class Recorder;
 
@@ -78,20 +99,12 @@ class Recorder<slot, Result(Arguments...)>
 public:
     using Call = std::tuple<Arguments...>;
 
-    std::vector<Call> Calls() const
-    {
-        const std::lock_guard lock(mutex_);
-        return calls_;
-    }
+    std::vector<Call> Calls() const { return calls_.Get(); }
 
 private:
-    mutable std::mutex mutex_;
-    std::vector<Call> calls_;
+    SharedList<Call> calls_;
     Substitute<slot, Result(Arguments...)> substitute_{[this](Arguments... arguments) {
-        {
-            const std::lock_guard lock(mutex_);
-            calls_.emplace_back(arguments...);
-        }
+        calls_.Add(Call(arguments...));
         return substitute_.Original()(arguments...);
     }};
 };

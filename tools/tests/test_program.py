@@ -33,10 +33,14 @@ def test_version_and_description():
     assert found == {"FileVersion": "1.0.0.1", "ProductVersion": "1.0.0.1", "FileDescription": "Tavik Software Compatibility Tool"}
 
 
-# Proves: Dialog and banner are stored
+# Proves: Dialog and banner are stored => dialog 161 has its size and style, the banner is 640 x 192 pixels in 24 bits
 def test_status_dialog_is_stored_as_designed():
-    signature, kind, _, extended, style, controls, x, y, width, height = struct.unpack_from("<HHIIIHhhhh", resource(5, 161))
+    dialog = resource(5, 161)
+    signature, kind, _, extended, style, controls, x, y, width, height = struct.unpack_from("<HHIIIHhhhh", dialog)
     assert (signature, kind, extended, style, controls, x, y, width, height) == (1, 0xFFFF, 0, 0x80800C40, 4, 0, 0, 286, 72)
+    menu, window_class, caption, points, weight, italic, script = struct.unpack_from("<5H2B", dialog, 26)
+    assert (menu, window_class, caption, points, weight, italic, script) == (0, 0, 0, 16, 400, 0, 0)
+    assert dialog[38:].startswith("Segoe MDL2 Assets\0".encode("utf-16-le"))
 
 
 def test_banner_is_640_by_192_in_24_bits():
