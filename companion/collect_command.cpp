@@ -150,7 +150,7 @@ int Execute(const Options& options)
     }
     if (logs.empty())
     {
-        throw Failure("there are no logs in " + ToUtf8(from));
+        throw Failure("there are no logs in " + ToUtf8(from) + ": name another folder with --from");
     }
     MakeFolder(folder);
     int result = WriteBundle(from, folder, logs, redactor) ? kDone : kFailed;
