@@ -246,7 +246,8 @@ def test_all_logs_without_names(desk):
 
 
 def test_logs_of_another_folder(desk):
-    assert desk.run("collect", r"C:\other", "--from", r"C:\nowhere") == (1, "", "TavikToolCompanion: there are no logs in C:\\nowhere: name another folder with --from\n")
+    says = "TavikToolCompanion: there are no logs in C:\\nowhere: name another folder with --from\n"
+    assert desk.run("collect", r"C:\other", "--from", r"C:\nowhere") == (1, "", says)
     desk.put(rf"C:\from\{NAME}", utf16(BUSY))
     assert desk.run("collect", r"C:\other", "--from", r"C:\from")[1].startswith("1 log in ")
 
