@@ -89,7 +89,8 @@ def test_the_lines_of_a_log(log, lines):
     ('["a"]', '["<result>", "<result>"]', "more than one number"), ('["a"]', "[5]", "wrong type"), ('["a"]', '["@name"]', "wrong type: 'name'"),
     ('cause = "Text."', 'cause = " "', "empty text"), ('cause = "Text."', "cause = 5", "wrong type"),
     ('"One"', '"One."', "not a sentence"), ('owner = "Text."', 'owner = "Text"', "not a sentence"),
-    ("code = 0", "code = 0" + HEAD.replace("any", "check"), "used twice"), ("code = 0", "code = 0" + HEAD, "twice"), ("code = 0", 'colour = "red"', "unknown or missing key"), ('title = "One"', "", "unknown or missing key")])
+    ("code = 0", "code = 0" + HEAD.replace("any", "check"), "used twice"), ("code = 0", "code = 0" + HEAD, "twice"),
+    ("code = 0", 'colour = "red"', "unknown or missing key"), ('title = "One"', "", "unknown or missing key")])
 def test_an_invalid_catalogue(before, after, fault):
     assert outcomes.read(HEAD)[0].id == "one"
     with pytest.raises(ValueError, match=fault):
