@@ -51,8 +51,12 @@ std::vector<std::wstring> TakeToolSwitches(std::vector<std::wstring>& arguments)
         return {};
     }
     const auto mark = std::ranges::find(arguments, L"--");
-    std::vector<std::wstring> switches(mark == arguments.end() ? mark : mark + 1, arguments.end());
-    arguments.erase(mark, arguments.end());
+    std::vector<std::wstring> switches(mark, arguments.end());
+    arguments.resize(arguments.size() - switches.size());
+    if (!switches.empty())
+    {
+        switches.erase(switches.begin());  // the "--" itself
+    }
     return switches;
 }
 
