@@ -3,8 +3,8 @@ from __future__ import annotations
 
 import pytest
 
-from cases.support.download import (FINAL, GOOD, NO_PROGRAM, PATH, SERVER_PATH, START, TEMPORARY, answering, changed, check_arrived,
-                                    check_failed, failed, not_sent, not_split, own, status_line, thrown)
+from cases.support.download import (FINAL, GOOD, NO_PROGRAM, PATH, SERVER_PATH, START, TEMPORARY, answering, changed,
+                                    check_arrived, check_failed, failed, not_sent, not_split, own, status_line, thrown)
 from cases.support.expect import DOWNLOADS, UNTOUCHED
 from lab.certificates import HOST
 
@@ -37,31 +37,21 @@ def test_plain_http_on_port_443(lab, folder):
     assert {(item["path"], item["status"]) for item in result.requests} == {("", 400)}
 
 
-def test_https_address_of_a_tls_server_on_another_port(lab):
+@pytest.mark.parametrize("scheme", ["https", "http"])
+def test_tls_server_on_another_port(lab, scheme):
     """The port alone decides: the request goes out in the clear, and a server that wants TLS refuses it."""
-    folder = "https://{server}" + SERVER_PATH
+    folder = scheme + "://{server}" + SERVER_PATH
     lab.run({"server": {"folder": folder, "tls": "TLSv1.2 TLSv1.3"}})
-    check_failed(lab, "download-refused", *status_line(400, "https://{server}" + PATH), requests=[f"{PATH} 400"], start=changed(folder))
+    check_failed(lab, "download-refused", *status_line(400, scheme + "://{server}" + PATH), requests=[f"{PATH} 400"], start=changed(folder))
 
 
-def test_http_address_of_a_tls_server_on_another_port(lab):
-    lab.run({"server": {"tls": "TLSv1.2 TLSv1.3"}})
-    check_failed(lab, "download-refused", *status_line(400), requests=[f"{PATH} 400"])
-
-
-def test_redirect_out_of_encryption_is_followed(lab):
-    answers = {PATH: {"redirect": f"http://{HOST}/mirror"}, "/mirror": {"text": NO_PROGRAM}}
-    result = lab.run(own(answers, also_plain=True))
-    check_arrived(lab, 10, [f"{PATH} 302", "/mirror 200"], DEFAULT)
-    assert [item["tls"] for item in result.requests] == ["TLSv1.2", ""]
-
-
-def test_redirect_into_encryption_is_followed(lab):
-    folder = f"http://{HOST}{SERVER_PATH}"
-    answers = {PATH: {"redirect": f"https://{HOST}/mirror"}, "/mirror": {"text": NO_PROGRAM}}
+@pytest.mark.parametrize("folder, onward, tls", [(None, "http", ["TLSv1.2", ""]), (f"http://{HOST}{SERVER_PATH}", "https", ["", "TLSv1.2"])],
+                         ids=["out of encryption", "into encryption"])
+def test_redirect_is_followed(lab, folder, onward, tls):
+    answers = {PATH: {"redirect": f"{onward}://{HOST}/mirror"}, "/mirror": {"text": NO_PROGRAM}}
     result = lab.run(own(answers, folder, also_plain=True))
-    check_arrived(lab, 10, [f"{PATH} 302", "/mirror 200"], changed(folder))
-    assert [item["tls"] for item in result.requests] == ["", "TLSv1.2"]
+    check_arrived(lab, 10, [f"{PATH} 302", "/mirror 200"], changed(folder) if folder else DEFAULT)
+    assert [item["tls"] for item in result.requests] == tls
 
 
 # Proves: The server's certificate or TLS version is not accepted, or the address is unusual => the download fails, or goes where the port says
@@ -128,22 +118,20 @@ NO_HOST = {"no host": "http:///vlt/", "one slash": "http:/{server}/vlt/", "backs
 # Proves: It is empty
 @pytest.mark.parametrize("name", [*NO_ADDRESS, *NO_HOST])
 def test_value_that_is_no_address(lab, name):
+    """For the empty value the maker's own server would answer. It is not used."""
     folder = {**NO_ADDRESS, **NO_HOST}[name]
     line = thrown("Unable to connect to server: {any}") if name in NO_HOST else not_split(f"{folder}24.20/dwx2_install.txt", 12006)
-    lab.run(answering(folder=folder))
+    lab.run(own(folder=folder) if name == "empty" else answering(folder=folder))
     check_failed(lab, "download-bad-address", line, requests=[], left=None, start=changed(folder))
 
 
-def test_empty_value_does_not_mean_the_default(lab):
-    lab.run(own(folder=""))
-    check_failed(lab, "download-bad-address", not_split("24.20/dwx2_install.txt", 12006), requests=[], left=None, start=changed(""))
-
-
-@pytest.mark.parametrize("scheme", ["ftp", "HTTP", "htp", "gopher"])
+# Proves: An https address with another port than 443
+@pytest.mark.parametrize("scheme", ["https", "ftp", "HTTP", "htp", "gopher"])
 def test_scheme_does_not_matter_when_a_port_is_given(lab, scheme):
     folder = scheme + "://{server}" + SERVER_PATH
-    lab.run(answering(folder=folder))
+    result = lab.run(answering(folder=folder))
     check_arrived(lab, 10, [GOOD], changed(folder))
+    assert result.requests[0]["tls"] == ""
 
 
 @pytest.mark.parametrize("folder", ["ftp://127.0.0.9/", "http://127.0.0.9:9"], ids=["port of ftp", "no slash"])
@@ -153,15 +141,18 @@ def test_port_without_a_server(lab, folder):
     check_failed(lab, "download-unreachable", not_sent(f"{folder}24.20/dwx2_install.txt", 12029), requests=[], start=changed(folder))
 
 
+# Proves: It has no slash at its end
+# Proves: The address is made
 @pytest.mark.parametrize("folder, path, status", [
+    ("/drivers/installer/vlt", "/drivers/installer/vlt24.20/dwx2_install.txt", 404),
     ("/drivers/in staller/", "/drivers/in%20staller/24.20/dwx2_install.txt", 404),
     (SERVER_PATH + " ", f"{SERVER_PATH}%2024.20/dwx2_install.txt", 404),
     (SERVER_PATH + "../vlt/", PATH, 200),
     (SERVER_PATH + "24.2", f"{SERVER_PATH}24.224.20/dwx2_install.txt", 404),
     (PATH + "?file=", f"{PATH}?file=24.20/dwx2_install.txt", 200),
-], ids=["blank inside", "blank behind", "dots", "no slash", "query"])
+], ids=["no slash", "blank inside", "blank behind", "dots", "part of a release", "query"])
 def test_value_is_used_as_it_is(lab, folder, path, status):
-    """Only the system changes something in it: blanks and dots."""
+    """Only the system changes something in it, blanks and dots. Without a slash it is glued to the release."""
     folder = "http://{server}" + folder
     lab.run(answering(folder=folder))
     if status == 200:

@@ -8,10 +8,10 @@ import gzip
 
 import pytest
 
-from cases.support.download import (BEFORE, FINAL, GOOD, NO_PROGRAM, PATH, START, TEMPORARY, URL, answering, check_arrived, check_failed, not_sent,
-                                    status_line)
-from cases.support.expect import (CHECKING, DOWNLOADING, FINISHED, INSTALLING, REPAIR, REPAIRED, UNTOUCHED, download, inventory, opening,
-                                  unpack)
+from cases.support.download import (BEFORE, FINAL, GOOD, NO_PROGRAM, PATH, START, TEMPORARY, URL, answering, check_arrived,
+                                    check_failed, not_sent, status_line)
+from cases.support.expect import (CHECKING, DOWNLOADING, FINISHED, INSTALLING, REPAIR, REPAIRED, UNTOUCHED, download, inventory,
+                                  opening, unpack)
 
 MIB = 1 << 20
 OK = "HTTP/1.1 200 OK\r\n"
@@ -19,7 +19,7 @@ LOST = ["Response code from server: 200", "Download failed with error code: 1005
 
 
 def raw(text: str) -> dict:
-    return answering({"raw": text})
+    return {"raw": text}
 
 
 # Proves: The server says nothing for 90 seconds
@@ -71,101 +71,30 @@ def test_only_status_200_is_good(lab, outcome, answer):
     check_failed(lab, outcome, *status_line(answer["status"]), requests=[f"{PATH} {answer['status']}"])
 
 
-@pytest.mark.parametrize("text, status", [
-    ("HTTP/1.1 2000 OK\r\nContent-Length: 10\r\n\r\nno program", 2000),
-    ("HTTP/1.1 -200 OK\r\nContent-Length: 10\r\n\r\nno program", -200),
-    ("HTTP/1.1 OK\r\nContent-Length: 10\r\n\r\nno program", 0),
-    ("HTTP/1.1 302 Found\r\nContent-Length: 10\r\n\r\nno program", 302),
-    ("", 0),
-], ids=["too many digits", "negative", "words", "redirect to nowhere", "no answer at all"])
-def test_malformed_status_is_refused(lab, text, status):
-    lab.run(raw(text))
-    check_failed(lab, "download-refused", *status_line(status), requests=[f"{PATH} 0"])
+# Answers that end the download
+
+LENGTH = "Content-Length: 10\r\n\r\nno program"
+FAILS = {  # name: answer, outcome, lines, status that was sent, length of the temporary file
+    "status of too many digits": (raw(f"HTTP/1.1 2000 OK\r\n{LENGTH}"), "download-refused", status_line(2000), 0, 0),
+    "negative status": (raw(f"HTTP/1.1 -200 OK\r\n{LENGTH}"), "download-refused", status_line(-200), 0, 0),
+    "status in words": (raw(f"HTTP/1.1 OK\r\n{LENGTH}"), "download-refused", status_line(0), 0, 0),
+    "no answer at all": (raw(""), "download-refused", status_line(0), 0, 0),
+    "redirect without an address": (raw(f"HTTP/1.1 302 Found\r\n{LENGTH}"), "download-refused", status_line(302), 0, 0),
+    # The log has the first address. Only HTTP is followed; otherwise the redirect's own status counts.
+    "redirect to no server": ({"redirect": "http://127.0.0.1:1/x"}, "download-unreachable", [not_sent(URL, 12029)], 302, 0),
+    "redirect to half an address": ({"redirect": "http://"}, "download-unreachable", [not_sent(URL, 12005)], 302, 0),
+    "redirect to ftp": ({"redirect": "ftp://127.0.0.1:1/x"}, "download-refused", status_line(302), 302, 0),
+    "redirect to a file": ({"redirect": "file:///C:/windows/notepad.exe"}, "download-refused", status_line(302), 302, 0),
+    "reset in place of an answer": ({"raw": "", "reset": 0}, "download-unreachable", [not_sent(URL, 12030)], 0, 0),
+    "reset after a body of unknown length": ({"size": 2 * MIB, "length": False, "reset": 2 * MIB}, "download-broken", LOST, 200, 2 * MIB),
+}
 
 
-@pytest.mark.parametrize("text", [
-    f"HTTP/1.1 100 Continue\r\n\r\n{OK}Content-Length: 10\r\n\r\nno program",
-    f"{OK}X-Long: {'x' * 100_000}\r\nContent-Length: 10\r\n\r\nno program",
-    f"{OK}{'X-Many: x' * 3000}\r\nContent-Length: 10\r\n\r\nno program",
-    f"{OK}nonsense\r\nContent-Length: 10\r\n\r\nno program",
-    f"{OK}Content-Length: many\r\n\r\nno program",
-    f"{OK}Content-Length: 10000000000\r\n\r\nno program",
-], ids=["100 before", "long line", "3000 lines", "nonsense", "length in words", "length of 10 GB"])
-def test_strange_headers_are_ignored(lab, text):
-    lab.run(raw(text))
-    check_arrived(lab, 10, [f"{PATH} 0"])
-
-
-# Redirects
-
-# Proves: A redirect => is followed, only the final status counts
-@pytest.mark.parametrize("status", [301, 302, 303, 307])
-def test_redirect_is_followed(lab, status):
-    result = lab.run({"server": {"answers": {PATH: {"redirect": "/mirror", "status": status}, "/mirror": {"text": NO_PROGRAM}}}})
-    check_arrived(lab, 10, [f"{PATH} {status}", "/mirror 200"])
-    assert result.requests[1]["accept"] == "Accept: */*"
-
-
-@pytest.mark.quick
-def test_long_chain_of_redirects(lab):
-    hops = [PATH, *[f"/hop/{number}" for number in range(1, 13)]]
-    answers = {path: {"redirect": onward, "status": 301} for path, onward in zip(hops, hops[1:])}
-    lab.run({"server": {"answers": {**answers, hops[-1]: {"text": NO_PROGRAM}}}})
-    check_arrived(lab, 10, [*[f"{path} 301" for path in hops[:-1]], f"{hops[-1]} 200"])
-
-
-def test_only_the_last_status_of_a_chain_counts(lab):
-    lab.run({"server": {"answers": {PATH: {"redirect": "/a"}, "/a": {"redirect": "/b", "status": 307}, "/b": 500}}})
-    check_failed(lab, "download-server-trouble", *status_line(500), requests=[f"{PATH} 302", "/a 307", "/b 500"])
-
-
-def test_redirect_loop_that_ends_after_50_turns(lab):
-    lab.run(answering({"redirect": PATH, "turns": 50, "text": NO_PROGRAM}))
-    check_arrived(lab, 10, [f"{PATH} 302"] * 50 + [GOOD])
-
-
-def test_endless_redirect_loop_lasts_until_the_user_ends_it(lab):
-    """The system sets no limit to redirects. The window stays up, and the program can be ended like any other."""
-    result = lab.run({"server": {"answers": {PATH: {"redirect": "/other"}, "/other": {"redirect": PATH}}}},
-                     when=[f"text {DOWNLOADING} : wait 1000", "window : kill 77"])
-    lab.check(exit_code=77, outcome="interrupted", boxes=[], log=[*opening(), *inventory(), *START], before=BEFORE,
-              after={**UNTOUCHED, "files": [TEMPORARY], "missing": [FINAL]})
-    asked = [(item["path"], item["status"]) for item in result.requests]
-    assert len(asked) > 4 and set(asked[::2]) == {(PATH, 302)} and set(asked[1::2]) <= {("/other", 302)}
-
-
-@pytest.mark.parametrize("where, outcome, lines", [
-    ("http://127.0.0.1:1/x", "download-unreachable", [not_sent(URL, 12029)]),
-    ("http://", "download-unreachable", [not_sent(URL, 12005)]),
-    ("ftp://127.0.0.1:1/x", "download-refused", status_line(302)),
-    ("file:///C:/windows/notepad.exe", "download-refused", status_line(302))], ids=["no server", "no address", "ftp", "file"])
-def test_redirect_that_cannot_be_followed(lab, where, outcome, lines):
-    """The log has the first address. Only HTTP is followed; otherwise the redirect's own status counts."""
-    lab.run(answering({"redirect": where}))
-    check_failed(lab, outcome, *lines, requests=[f"{PATH} 302"])
-
-
-# Bodies
-
-# Proves: An empty body
-@pytest.mark.parametrize("answer", [{"text": ""}, {"text": "", "length": False}, {"text": "", "announce": 5}],
-                         ids=["of length 0", "without a length", "of length 5"])
-def test_empty_body_is_an_installer_of_no_bytes(lab, answer):
+@pytest.mark.parametrize("name", FAILS)
+def test_answer_ends_the_download(lab, name):
+    answer, outcome, lines, status, left = FAILS[name]
     lab.run(answering(answer))
-    check_arrived(lab, 0, [GOOD])
-
-
-@pytest.mark.parametrize("body, announced", [(MIB - 1, MIB), (MIB, MIB + 1), (2 * MIB + 5, 5_000_000_000)])
-def test_body_shorter_than_announced_looks_complete(lab, body, announced):
-    """Nothing is compared with the length: the end of the connection ends the body."""
-    lab.run(answering({"size": body, "announce": announced}))
-    check_arrived(lab, body, [GOOD])
-
-
-@pytest.mark.parametrize("body, announced", [(2 * MIB, MIB - 1), (2 * MIB, MIB), (2 * MIB, MIB + 1)])
-def test_body_longer_than_announced_is_cut(lab, body, announced):
-    lab.run(answering({"size": body, "announce": announced}))
-    check_arrived(lab, announced, [GOOD])
+    check_failed(lab, outcome, *lines, requests=[f"{PATH} {status}"], left=left)
 
 
 # Proves: Reading fails otherwise
@@ -183,36 +112,54 @@ def test_reset_after_the_last_byte_does_not_matter(lab):
     check_arrived(lab, 3 * MIB, [GOOD] * min(2, len(result.requests)))
 
 
-def test_reset_after_the_last_byte_of_an_unknown_length(lab):
-    lab.run(answering({"size": 2 * MIB, "length": False, "reset": 2 * MIB}))
-    check_failed(lab, "download-broken", *LOST, requests=[GOOD], left=2 * MIB)
+# Answers that arrive
 
-
-def test_reset_in_place_of_an_answer(lab):
-    lab.run(answering({"raw": "", "reset": 0}))
-    check_failed(lab, "download-unreachable", not_sent(URL, 12030), requests=[f"{PATH} 0"])
-
-
-CHUNKS = {
-    "size is no number": ("zz\r\nno program\r\n0\r\n\r\n", 0),
-    "second size is no number": ("a\r\nno program\r\nzz\r\nmore\r\n0\r\n\r\n", 10),
-    "no size": ("\r\nno program\r\n0\r\n\r\n", 0),
-    "no chunk": ("", 0),
-    "no last chunk": ("a\r\nno program\r\n", 10),
-    "chunk ends early": ("ff\r\nno program", 10),
-    "chunk goes on": ("2\r\nno program\r\n0\r\n\r\n", 2),
-    "only the last chunk": ("0\r\n\r\n", 0),
-    "size of 16 digits": ("ffffffffffffffff\r\nno program", 10),
-    "good, with extension and trailer": ("4;name=value\r\nno p\r\n06\r\nrogram\r\n0\r\nX-Trailer: 1\r\n\r\n", 10),
+CHUNKED = f"{OK}Transfer-Encoding: chunked\r\n\r\n"
+ARRIVES = {  # name: answer, length of the file; a body that is shorter than announced ends with the connection
+    "100 before": (raw(f"HTTP/1.1 100 Continue\r\n\r\n{OK}{LENGTH}"), 10),
+    "long header": (raw(f"{OK}X-Long: {'x' * 100_000}\r\n{LENGTH}"), 10),
+    "3000 headers": (raw(f"{OK}{'X-Many: x' * 3000}\r\n{LENGTH}"), 10),
+    "header without a colon": (raw(f"{OK}nonsense\r\n{LENGTH}"), 10),
+    "length in words": (raw(f"{OK}Content-Length: many\r\n\r\nno program"), 10),
+    "length of 10 GB": (raw(f"{OK}Content-Length: 10000000000\r\n\r\nno program"), 10),
+    "no body, length 0": ({"text": ""}, 0),
+    "no body, no length": ({"text": "", "length": False}, 0),
+    "no body, length 5": ({"text": "", "announce": 5}, 0),
+    "1 byte missing before 1 MiB": ({"size": MIB - 1, "announce": MIB}, MIB - 1),
+    "1 byte missing after 1 MiB": ({"size": MIB, "announce": MIB + 1}, MIB),
+    "5 GB announced": ({"size": 2 * MIB + 5, "announce": 5_000_000_000}, 2 * MIB + 5),
+    "more than announced, before 1 MiB": ({"size": 2 * MIB, "announce": MIB - 1}, MIB - 1),
+    "more than announced, 1 MiB": ({"size": 2 * MIB, "announce": MIB}, MIB),
+    "more than announced, after 1 MiB": ({"size": 2 * MIB, "announce": MIB + 1}, MIB + 1),
+    "chunk size is no number": (raw(f"{CHUNKED}zz\r\nno program\r\n0\r\n\r\n"), 0),
+    "second chunk size is no number": (raw(f"{CHUNKED}a\r\nno program\r\nzz\r\nmore\r\n0\r\n\r\n"), 10),
+    "no chunk size": (raw(f"{CHUNKED}\r\nno program\r\n0\r\n\r\n"), 0),
+    "no chunk": (raw(CHUNKED), 0),
+    "no last chunk": (raw(f"{CHUNKED}a\r\nno program\r\n"), 10),
+    "chunk ends early": (raw(f"{CHUNKED}ff\r\nno program"), 10),
+    "chunk goes on": (raw(f"{CHUNKED}2\r\nno program\r\n0\r\n\r\n"), 2),
+    "only the last chunk": (raw(f"{CHUNKED}0\r\n\r\n"), 0),
+    "chunk size of 16 digits": (raw(f"{CHUNKED}ffffffffffffffff\r\nno program"), 10),
+    "chunks with extension and trailer": (raw(f"{CHUNKED}4;name=value\r\nno p\r\n06\r\nrogram\r\n0\r\nX-Trailer: 1\r\n\r\n"), 10),
+    "byte by byte": ({"text": NO_PROGRAM, "trickle": 0.02}, 10),
 }
 
 
-@pytest.mark.parametrize("name", CHUNKS)
-def test_bad_chunks_end_the_body(lab, name):
-    chunks, size = CHUNKS[name]
-    result = lab.run(raw(f"{OK}Transfer-Encoding: chunked\r\n\r\n{chunks}"))
-    check_arrived(lab, size, [f"{PATH} 0"])
-    assert result.file(FINAL).read_text() == NO_PROGRAM[:size]
+# Proves: An empty body
+@pytest.mark.parametrize("name", ARRIVES)
+def test_answer_is_taken_for_the_installer(lab, name):
+    answer, size = ARRIVES[name]
+    result = lab.run(answering(answer))
+    check_arrived(lab, size, [f"{PATH} 0" if "raw" in answer else GOOD])
+    assert "size" in answer or result.file(FINAL).read_text() == NO_PROGRAM[:size]
+
+
+@pytest.mark.parametrize("answer", [{"size": 3000, "rate": 2000, "delay": 0.01}, {"size": 2 * MIB, "pause": [MIB + 7, 2]},
+                                    {"size": 7, "delay": 2}], ids=["slow", "pause in the body", "pause before the answer"])
+def test_slow_server_is_waited_for(lab, answer):
+    lab.run(answering(answer))
+    check_arrived(lab, answer["size"], [GOOD])
+    assert lab.result.status_texts[-3:] == [CHECKING, DOWNLOADING, INSTALLING]
 
 
 def test_gzip_label_is_ignored(lab):
@@ -229,18 +176,39 @@ def test_gzip_body_stays_packed(lab):
     assert result.file(FINAL).read_bytes() == packed
 
 
-# Time
+# Redirects
 
-def test_answer_that_arrives_byte_by_byte(lab):
-    """Headers and body arrive in about a hundred pieces."""
-    result = lab.run(answering({"text": NO_PROGRAM, "trickle": 0.02}))
-    check_arrived(lab, 10, [GOOD])
-    assert result.file(FINAL).read_text() == NO_PROGRAM
+# Proves: A redirect
+@pytest.mark.parametrize("status", [301, 302, 303, 307])
+def test_redirect_is_followed(lab, status):
+    result = lab.run({"server": {"answers": {PATH: {"redirect": "/mirror", "status": status}, "/mirror": {"text": NO_PROGRAM}}}})
+    check_arrived(lab, 10, [f"{PATH} {status}", "/mirror 200"])
+    assert result.requests[1]["accept"] == "Accept: */*"
 
 
-@pytest.mark.parametrize("answer", [{"size": 3000, "rate": 2000, "delay": 0.01}, {"size": 2 * MIB, "pause": [MIB + 7, 2]},
-                                    {"size": 7, "delay": 2}], ids=["slow", "pause in the body", "pause before the answer"])
-def test_slow_server_is_waited_for(lab, answer):
-    lab.run(answering(answer))
-    check_arrived(lab, answer["size"], [GOOD])
-    assert lab.result.status_texts[-3:] == [CHECKING, DOWNLOADING, INSTALLING]
+@pytest.mark.quick
+@pytest.mark.parametrize("last", [200, 500])
+def test_last_status_of_a_chain_of_redirects_counts(lab, last):
+    hops = [PATH, *[f"/hop/{number}" for number in range(1, 13)]]
+    answers = {path: {"redirect": onward, "status": 301} for path, onward in zip(hops, hops[1:])}
+    lab.run({"server": {"answers": {**answers, hops[-1]: {"text": NO_PROGRAM, "status": last}}}})
+    requests = [*[f"{path} 301" for path in hops[:-1]], f"{hops[-1]} {last}"]
+    if last == 200:
+        check_arrived(lab, 10, requests)
+    else:
+        check_failed(lab, "download-server-trouble", *status_line(last), requests=requests)
+
+
+def test_redirect_loop_that_ends_after_50_turns(lab):
+    lab.run(answering({"redirect": PATH, "turns": 50, "text": NO_PROGRAM}))
+    check_arrived(lab, 10, [f"{PATH} 302"] * 50 + [GOOD])
+
+
+def test_endless_redirect_loop_lasts_until_the_user_ends_it(lab):
+    """The system sets no limit to redirects. The window stays up, and the program can be ended like any other."""
+    result = lab.run({"server": {"answers": {PATH: {"redirect": "/other"}, "/other": {"redirect": PATH}}}},
+                     when=[f"text {DOWNLOADING} : wait 1000", "window : kill 77"])
+    lab.check(exit_code=77, outcome="interrupted", boxes=[], log=[*opening(), *inventory(), *START], before=BEFORE,
+              after={**UNTOUCHED, "files": [TEMPORARY], "missing": [FINAL]})
+    asked = [(item["path"], item["status"]) for item in result.requests]
+    assert len(asked) > 4 and set(asked[::2]) == {(PATH, 302)} and set(asked[1::2]) <= {("/other", 302)}

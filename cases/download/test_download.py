@@ -8,8 +8,8 @@ import pytest
 
 from cases.support.download import (FINAL, GOOD, KEY, NO_PROGRAM, PATH, SERVER_PATH, START, TEMPORARY, URL, answering, changed,
                                     check_arrived, downloaded, failed, not_sent, own, status_line, thrown)
-from cases.support.expect import (DOWNLOADING, DOWNLOADS, FINISHED, INSTALL_FAILED, REPAIR, REPAIRED, UNTOUCHED, download, inventory, opening,
-                                  unpack)
+from cases.support.expect import (DOWNLOADING, DOWNLOADS, FINISHED, INSTALL_FAILED, REPAIR, REPAIRED, UNTOUCHED, download,
+                                  inventory, opening, unpack)
 from lab.certificates import HOST
 
 
@@ -32,23 +32,6 @@ def test_request_as_the_server_sees_it(lab):
     assert {name: request[name] for name in ("method", "path", "host", "user_agent", "accept", "referer", "pragma")} == {
         "method": "GET", "path": PATH, "host": result.server, "user_agent": "Tavik Marlin Install Manager",
         "accept": "Accept: */*", "referer": "http://support.tavik.example/", "pragma": "no-cache"}
-
-
-# Proves: It has no slash at its end
-# Proves: The address is made
-def test_folder_without_a_slash_is_glued_to_the_release(lab):
-    path = "/drivers/installer/vlt24.20/dwx2_install.txt"
-    folder = "http://{server}/drivers/installer/vlt"
-    lab.run(answering(folder=folder, path=path))
-    check_arrived(lab, 10, [f"{path} 200"], changed(folder))
-
-
-# Proves: An https address with another port than 443
-def test_https_on_another_port_goes_out_in_the_clear(lab):
-    folder = "https://{server}" + SERVER_PATH
-    result = lab.run(answering(folder=folder))
-    check_arrived(lab, 10, [GOOD], changed(folder))
-    assert result.requests[0]["tls"] == ""
 
 
 # Proves: An http address with port 443

@@ -9,8 +9,8 @@ import re
 
 import pytest
 
-from cases.support.expect import (DOWNLOAD_FAILED, NO_ADAPTER, NO_ADAPTER_LEFT, NO_SERVER, NOT_THE_MAKERS, OTHER_ADAPTER, SAME, SAME_RELEASE,
-                                  opening, without_server)
+from cases.support.expect import (DOWNLOAD_FAILED, NO_ADAPTER, NO_ADAPTER_LEFT, NO_SERVER, NOT_THE_MAKERS, OTHER_ADAPTER, SAME,
+                                  SAME_RELEASE, opening, without_server)
 from lab import inf
 from lab.adapters import RELEASE
 

@@ -4,8 +4,9 @@ from __future__ import annotations
 import pytest
 
 from cases.support.download import NO_PROGRAM
-from cases.support.expect import (DOWNLOAD_FAILED, DOWNLOADING, FINISHED, INSTALL_FAILED, INSTALLING, MAIN_PACKAGE_MISSING, NO_SERVER, QUIET_END,
-                                  REPAIR, REPAIRED, UNTOUCHED, inventory, not_started, opening, unpack, without_server)
+from cases.support.expect import (DOWNLOAD_FAILED, DOWNLOADING, FINISHED, INSTALL_FAILED, INSTALLING, MAIN_PACKAGE_MISSING,
+                                  NO_SERVER, QUIET_END, REPAIR, REPAIRED, UNTOUCHED, inventory, not_started, opening, unpack,
+                                  without_server)
 
 NAME = "DWX2_Install.exe"
 OLDER = r"Found driver {store1}\u0400001.inf. Version [24.10.1]"

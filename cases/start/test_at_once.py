@@ -4,8 +4,8 @@ from __future__ import annotations
 import pytest
 
 from cases.support.download import PATH
-from cases.support.expect import (ANOTHER, DOWNLOADING, FINISHED, REFUSED, REPAIR, REPAIRED, SAME, SAME_RELEASE, check_refused, compare_log, download,
-                                  inventory, opening, places, unpack)
+from cases.support.expect import (ANOTHER, DOWNLOADING, FINISHED, REFUSED, REPAIR, REPAIRED, SAME, SAME_RELEASE, check_refused,
+                                  compare_log, download, inventory, opening, places, unpack)
 from cases.support.repair import found, until_unpacked
 
 pytestmark = pytest.mark.all_cores

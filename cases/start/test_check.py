@@ -8,11 +8,11 @@ import zoneinfo
 import pytest
 
 from cases.support.download import GOOD, answering
-from cases.support.expect import (DOWNLOAD_FAILED, FINISHED, HL_VERSION, INSTALL_FAILED, MAIN_PACKAGE_MISSING, NO_ADAPTER, NO_ADAPTER_LEFT, NO_DESKTOP,
-                                  NO_SERVER, NOT_DOWNLOADED, NOT_INSTALLED, NOT_THE_MAKERS, OTHER_ADAPTER, QUIET_END, REPAIR, REPAIRED, SAME,
-                                  SAME_RELEASE, UNTOUCHED, check_refused, download, inventory, not_started, opening, unpack, without_server)
+from cases.support.expect import (DOWNLOAD_FAILED, FINISHED, HL_VERSION, INSTALL_FAILED, MAIN_PACKAGE_MISSING, NO_ADAPTER,
+                                  NO_ADAPTER_LEFT, NO_DESKTOP, NO_SERVER, NOT_DOWNLOADED, NOT_INSTALLED, NOT_THE_MAKERS,
+                                  OTHER_ADAPTER, QUIET_END, REPAIR, REPAIRED, SAME, SAME_RELEASE, UNTOUCHED, check_refused,
+                                  download, inventory, not_started, opening, unpack, without_server)
 from cases.support.store import NO_STORE, NOTHING
-from lab import paths
 
 HL = r"HKLM\Software\Tavik\HL"
 COMPATIBLE = {"desktop": {"release": "24.20"}}
@@ -246,15 +246,3 @@ def test_another_release(lab, release, version, prefix):
     lab.run({"adapters": [{"release": release}], "registry": {HL: {"HLVersion": version}}, **NO_SERVER})
     lab.check(**NOT_REPAIRED, after={"products": UNTOUCHED["products"]},
               log=[*opening("", version, "23.40.11.01"), *inventory(release), *without_server(prefix=prefix)])
-
-
-# Libraries
-
-# Proves: A library of a system name lies beside the tool => it is not loaded
-@pytest.mark.parametrize("name", ["setupapi", "wininet", "msi"])
-def test_library_beside_the_tool_is_not_loaded(lab, name):
-    """A program that writes into the folder of the tool must not gain the tool's rights."""
-    planted = rf"C:\lab\{name}.dll"
-    result = lab.run({**NO_SERVER, "standins": [name], "files": {planted: {"copy": str(paths.PROGRAMS / "watcher_hook.dll")}}})
-    lab.check(**NOT_REPAIRED, log=[*opening(), *inventory(), *without_server()])
-    assert result.file(planted).exists()

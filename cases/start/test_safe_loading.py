@@ -122,6 +122,7 @@ def test_what_loads_at_start_is_protected_by_windows():
     assert at_start and {name.removesuffix(".dll") for name in at_start | BY_WINE} <= exe_gate.KNOWN_DLLS
 
 
+# Proves: A library of a system name lies beside the tool => it is not loaded
 # Proves: A DLL lies beside the exe or in the folder it is started in => it is never loaded
 @pytest.mark.parametrize("machine, outcome", [
     (found(), "repaired"), ({}, "repaired"), (store_only(package(), service={"installs": INSTALLS}), "store-installed"),

@@ -1,8 +1,8 @@
 """Where a download comes from and goes to, machines that download, and the checks of downloads that fail or arrive."""
 from __future__ import annotations
 
-from cases.support.expect import (DOWNLOAD_FAILED, DOWNLOADS, INSTALL_FAILED, MAIN_PACKAGE_MISSING, NOT_DOWNLOADED, UNTOUCHED, download,
-                                  inventory, not_started, opening)
+from cases.support.expect import (DOWNLOAD_FAILED, DOWNLOADS, INSTALL_FAILED, MAIN_PACKAGE_MISSING, NOT_DOWNLOADED, UNTOUCHED,
+                                  download, inventory, not_started, opening)
 from lab.result import Result
 
 SERVER_PATH = "/drivers/installer/vlt/"

@@ -4,8 +4,8 @@ from __future__ import annotations
 import pytest
 
 from cases.support.download import PATH
-from cases.support.expect import (CAPTION, CHECKING, DOTS, DOWNLOADING, FINISHED, INSTALL_FAILED, INSTALLING, NO_ADAPTER, NO_ADAPTER_LEFT, REPAIR,
-                                  REPAIRED, SAME, SAME_RELEASE, UNTOUCHED, inventory, opening)
+from cases.support.expect import (CAPTION, CHECKING, DOTS, DOWNLOADING, FINISHED, INSTALL_FAILED, INSTALLING, NO_ADAPTER,
+                                  NO_ADAPTER_LEFT, REPAIR, REPAIRED, SAME, SAME_RELEASE, UNTOUCHED, inventory, opening)
 from cases.support.repair import MSI_AGREES, found, until_unpacked
 
 INSTALLS = f"text {INSTALLING}"
@@ -16,8 +16,7 @@ AGREED = {"exit_code": 0, "outcome": "repaired", "boxes": [FINISHED]}
 
 # Window styles.
 POPUP, VISIBLE, MINIMIZE_BOX, CENTER, CONTROL = 0x80000000, 0x10000000, 0x00020000, 0x0800, 0x0400
-SYSTEM_MENU, CAPTION_FRAME = 0x00080000, 0x00400000
-CHILD_VISIBLE = 0x50000000
+SYSTEM_MENU, CAPTION_FRAME, CHILD_VISIBLE = 0x00080000, 0x00400000, 0x50000000
 TRANSPARENT, RIGHT = 0x20, 0x1000
 
 
@@ -49,34 +48,32 @@ def test_window_and_its_controls(lab):
     assert len(controls) == len(window["controls"]) == 5 and {control["class"] for control in window["controls"]} == {"Static"}
     for number, style, extended, font in ((1004, 0x5002004C, TRANSPARENT, 21), (1013, 0x5002004C, TRANSPARENT, 27),
                                           (1005, 0x50020002, TRANSPARENT | RIGHT, 16), (1014, 0x50020101, TRANSPARENT, 16)):
-        control = controls.pop(number)
+        control = controls[number]
         assert (number, control["style"], control["extended"] & 0x1020, control["font"]) == (number, style, extended, font)
-    (background,) = controls.values()
+    (background,) = (control for number, control in controls.items() if number not in (1004, 1013, 1005, 1014))
     assert background["style"] == CHILD_VISIBLE | 0x4E  # bitmap, keeps its size
     assert [background[name] for name in ("x", "y", "width", "height")] == [0, 0, window["width"], window["height"]]
-    texts = {control["id"]: control["text"] for control in window["controls"]}
-    assert (background["text"], texts[1004], texts[1013], texts[1014]) == ("", INSTALLING, "", "—")
-
-
-def test_places_of_the_controls(lab):
-    """Sizes follow from the font, so they are compared with each other: in dialog units the window is 286 by 72."""
-    result = lab.run(SHORT, when=[f"{INSTALLS} : look"])
-    lab.check(**FAILED)
-    window = result.actions[0]["seen"]
+    assert [one["text"] for one in (background, controls[1004], controls[1013], controls[1014])] == ["", INSTALLING, "", "—"]
+    # Sizes follow from the font, so they are compared with each other: in dialog units the window is 286 by 72.
     across, down = window["width"] / 286, window["height"] / 72
     for number, *units in ((1004, 15, 57, 194, 11), (1013, 15, 47, 268, 20), (1005, 216, 57, 63, 11), (1014, 260, 3, 10, 9)):
-        control = next(one for one in window["controls"] if one["id"] == number)
-        place = [control[name] for name in ("x", "y", "width", "height")]
+        place = [controls[number][name] for name in ("x", "y", "width", "height")]
         assert all(abs(pixels - unit * scale) <= 1 for pixels, unit, scale in zip(place, units, (across, down, across, down))), number
 
 
-# What it tells
+# What it shows
 
+# Proves: Not silent
 # Proves: The driver package has an installer
-def test_found_installer_is_not_downloaded(lab):
-    result = lab.run(SHORT)
+def test_window_shows_from_the_start_and_hides_for_the_box(lab):
+    result = lab.run(SHORT, hold=0.3)
     lab.check(**FAILED, requests=[])
     assert result.status_texts == [CHECKING, INSTALLING]
+    assert len({(one["x"], one["y"], one["width"], one["height"]) for one in shown(result)}) == 1, "it stays in its place"
+    assert changes([sample["visible"] for sample in result.status if sample["exists"]]) in ([True, False], [False, True, False])
+    hidden = next(sample for sample in result.status if not sample["visible"] and sample["line"] == INSTALLING)
+    assert hidden["at"] <= result.boxes[0]["since"] + 20 and hidden["exists"]
+    assert not any(sample["visible"] for sample in result.status if sample["at"] >= hidden["at"])
 
 
 def test_early_exit_only_shows_checking(lab):
@@ -110,24 +107,6 @@ def test_dots_go_round(lab, machine, wanted, shown_while):
     assert (sample["title"], sample["mark"], sample["heading"]) == (CAPTION, "—", "")
 
 
-# Proves: Not silent
-def test_window_is_shown_from_the_start_and_hidden_for_the_box(lab):
-    result = lab.run(SHORT, hold=0.3)
-    lab.check(**FAILED)
-    visible = changes([sample["visible"] for sample in result.status if sample["exists"]])
-    assert visible in ([True, False], [False, True, False])
-    hidden = next(sample for sample in result.status if not sample["visible"] and sample["line"] == INSTALLING)
-    assert hidden["at"] <= result.boxes[0]["since"] + 20 and hidden["exists"]
-    after = [sample for sample in result.status if sample["at"] >= hidden["at"]]
-    assert not any(sample["visible"] for sample in after)
-
-
-def test_window_stays_where_it_is(lab):
-    result = lab.run(SHORT)
-    lab.check(**FAILED)
-    assert len({(one["x"], one["y"], one["width"], one["height"]) for one in shown(result)}) == 1
-
-
 # Mouse and keys
 
 @pytest.mark.parametrize("place", ["1004", "1005", "1013", "5,5"])
@@ -143,8 +122,7 @@ def test_click_beside_the_mark_does_nothing(lab, place):
 def test_minimised_window_stays_minimised_and_the_box_shows(lab):
     result = lab.run(SLOW, when=[f"{INSTALLS} : click 1014"])
     lab.check(**AGREED)
-    minimised = changes([sample["minimised"] for sample in shown(result)])
-    assert minimised == [False, True]
+    assert changes([sample["minimised"] for sample in shown(result)]) == [False, True]
     assert result.status_texts == [CHECKING, INSTALLING]
 
 
@@ -157,19 +135,13 @@ def test_minimised_window_still_changes_its_text(lab):
     assert result.status_texts == [CHECKING, INSTALLING] and len(dots(result)) >= 2
 
 
-# Proves: The mouse is pressed outside the mark
-def test_window_is_dragged_by_its_text(lab):
-    result = lab.run(SHORT, when=[f"{INSTALLS} : drag -70,-30"])
-    lab.check(**FAILED)
-    first, *_, last = [(one["x"], one["y"]) for one in shown(result)]
-    assert last == (first[0] - 70, first[1] - 30)
-
-
-def test_window_can_be_dragged_again_and_then_minimised(lab):
-    result = lab.run(SLOW, when=[f"{INSTALLS} : drag 50,20", f"{INSTALLS} : drag -20,-50", f"{INSTALLS} : click 1014"])
+# Proves: The mouse is pressed anywhere else
+@pytest.mark.parametrize("drags, moved", [(["-70,-30"], (-70, -30)), (["50,20", "-20,-50"], (30, -30))], ids=["once", "twice"])
+def test_window_is_dragged_by_its_text_and_can_still_be_minimised(lab, drags, moved):
+    result = lab.run(SLOW, when=[*(f"{INSTALLS} : drag {drag}" for drag in drags), f"{INSTALLS} : click 1014"])
     lab.check(**AGREED)
-    places = [(one["x"], one["y"]) for one in shown(result) if not one["minimised"]]
-    assert places[-1] == (places[0][0] + 30, places[0][1] - 30)
+    first, *_, last = [(one["x"], one["y"]) for one in shown(result) if not one["minimised"]]
+    assert last == (first[0] + moved[0], first[1] + moved[1])
     assert any(sample["minimised"] for sample in result.status)
 
 
