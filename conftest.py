@@ -1,4 +1,4 @@
-"""The fixture `lab`: one run of the tool on a described machine, and the check of what came of it."""
+"""The fixture `lab`: one run of the tool on a described machine, and the check of its result."""
 from __future__ import annotations
 
 import contextlib
@@ -24,7 +24,7 @@ CORES = sorted(os.sched_getaffinity(0))
 
 
 def pytest_configure(config: pytest.Config) -> None:
-    """Machines of failed cases stay for a day; what still runs in those of an interrupted test run is ended."""
+    """Ends what an interrupted test run has left running, and removes machines of failed cases after a day."""
     config.addinivalue_line("markers", "slow: started first, because it mostly waits")
     config.addinivalue_line("markers", "all_cores: its programs are to run at the same moment, not in turns")
     if hasattr(config, "workerinput"):
@@ -45,8 +45,8 @@ def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
 
 @pytest.fixture(autouse=True)
 def one_core(request: pytest.FixtureRequest) -> None:
-    """All programs of a case share a core: they and Wine's server mostly wait for each other, and waking somebody on
-    another core costs more than the waiting (a sixth of all computing time on two cores)."""
+    """All programs of a case share a core. They and Wine's server mostly wait for each other, and waking a program on another
+    core costs a sixth of all computing time on two cores."""
     worker = int(os.environ.get("PYTEST_XDIST_WORKER", "gw0").removeprefix("gw"))
     workers = int(os.environ.get("PYTEST_XDIST_WORKER_COUNT", "1"))
     spread = workers < len(CORES) or request.node.get_closest_marker("all_cores") is not None
@@ -63,7 +63,7 @@ class Lab:
     def __init__(self) -> None:
         self.machine: Machine | None = None
         self.result: Result | None = None
-        self.runs: list[tuple[Result, bool]] = []  # and whether all starts were made at once
+        self.runs: list[tuple[Result, bool]] = []  # with whether all starts were made at once
         self.stated: dict[int, str] = {}  # number of the run -> the outcomes that the case states
         self.kept: list[pathlib.Path] = []
 
@@ -87,13 +87,13 @@ class Lab:
         return self.result
 
     def outcome(self, statement: str) -> None:
-        """What each start of the last run came to, in the order of the starts: "repaired", "same-release, 2 another-instance",
-        "repaired | no-log". Every run of a case states it, here or in check()."""
+        """States the outcome of each start of the last run, in order: "repaired", "same-release, 2 another-instance",
+        "repaired | no-log". Every run of a case needs this, here or in check()."""
         self.stated[len(self.runs)] = statement
 
-    def check(self, *, exit_code: int, outcome: str | None = None, log: list[str] | None = None, boxes: list[tuple[str, str]] | None = None,
-              before: dict[str, Any] | None = None, after: dict[str, Any] | None = None, requests: list[str] | None = None,
-              running: list[str] | None = None, crash: bool = False) -> None:
+    def check(self, *, exit_code: int, outcome: str | None = None, log: list[str] | None = None,
+              boxes: list[tuple[str, str]] | None = None, before: dict[str, Any] | None = None, after: dict[str, Any] | None = None,
+              requests: list[str] | None = None, running: list[str] | None = None, crash: bool = False) -> None:
         """States are tables: products (names), values ("key\\name" below HKLM -> value, None: absent), files (present),
         missing (absent files), store (Store packages, after only). requests: "<path> <status>"; running: programs left."""
         result = self.result
@@ -135,17 +135,13 @@ class Lab:
         assert [path for path in wanted.get("files", []) if path.lower() not in present] == [], f"missing {when}"
         assert [path for path in wanted.get("missing", []) if path.lower() in present] == [], f"still there {when}"
 
-    def check_outcomes(self, name: str) -> None:
-        """That each start has exactly one outcome of the catalogue, and the one that outcomes.txt states for this case."""
-        stated = statements.stated(name) if self.runs and not self.stated else []
+    def check_outcomes(self) -> None:
+        """Each start must have exactly one outcome of the catalogue: the one that the case states."""
         for number, (result, at_once) in enumerate(self.runs, 1):
             codes = [one["exit_code"] for one in result.instances]
-            if self.stated:
-                assert number in self.stated, f"the case does not state the outcome of run {number}; it is {statements.found(codes, result.logs)}"
-                starts = statements.starts(self.stated[number])
-            else:
-                starts, stated = (stated[:len(codes)], stated[len(codes):]) if number < len(self.runs) else (stated, [])
-            difference = statements.compare(starts, codes, result.logs, at_once)
+            assert number in self.stated, (f"run {number} has no stated outcome: {statements.found(codes, result.logs)!r} came of it. "
+                                           "If that is what the case is about, add outcome=... to its check")
+            difference = statements.compare(statements.starts(self.stated[number]), codes, result.logs, at_once)
             assert not difference, f"outcomes of run {number}: {difference}"
             if len(codes) == len(result.logs) and not at_once:
                 for code, log in zip(codes, result.logs):
@@ -167,11 +163,11 @@ def lab(request: pytest.FixtureRequest):
 
 @pytest.hookimpl(hookwrapper=True)
 def pytest_pyfunc_call(pyfuncitem: pytest.Function):
-    """After a case that has passed."""
+    """Compares the outcomes once the case itself has passed."""
     outcome = yield
     outcome.get_result()
     if hasattr(pyfuncitem, "lab"):
-        pyfuncitem.lab.check_outcomes(f"{pyfuncitem.path.name}::{pyfuncitem.name}")
+        pyfuncitem.lab.check_outcomes()
 
 
 @pytest.hookimpl(hookwrapper=True)

@@ -1,7 +1,7 @@
-"""The logs that runs of the lab have left, each kind once, with exit code and outcome: for whoever has to recognise them, too.
+"""Logs that runs of the lab have left, each kind once, with exit code and outcome. The tests of the log reader use them.
 
-A file is named <outcome>.<exit code>.<kind>.log and holds the bytes of the log. Cases of one session add to it side by side.
-Runs without a log are not here.
+A file is named <outcome>.<exit code>.<kind>.log and holds the bytes of the log. Cases of one session add to the folder side by
+side. Runs without a log are not here.
 """
 from __future__ import annotations
 
@@ -16,18 +16,11 @@ from lab import paths
 from lab.run import NO_LINE_END
 
 ROOT = paths.ROOT / "build" / "lab-corpus"
-
-
-def folder() -> pathlib.Path:
-    """Of this catalogue: with another one the same logs may mean something else."""
-    return ROOT / hashlib.sha256(outcomes.FILE.read_bytes()).hexdigest()[:8]
-
-
-FOLDER = folder()
+FOLDER = ROOT / hashlib.sha256(outcomes.FILE.read_bytes()).hexdigest()[:8]  # with another catalogue a log may mean something else
 
 
 def kind(lines: list[str]) -> str:
-    """Logs that differ in numbers only are of one kind, but a result is not any number."""
+    """Logs that differ only in numbers are of one kind, unless the number is a result."""
     parts = [line if "Result = " in line else re.sub(r"\d+", "0", line) for line in lines]
     return hashlib.sha256("\n".join(parts).encode("utf-8", "surrogatepass")).hexdigest()[:12]
 
@@ -41,26 +34,19 @@ def add(outcome: str, exit_code: int, lines: list[str]) -> None:
         return
     FOLDER.mkdir(parents=True, exist_ok=True)
     part = file.with_name(f"{file.name}.{os.getpid()}")
-    part.write_bytes(to_bytes(lines))
+    text = "\n".join(lines) + "\n"
+    part.write_bytes(text.removesuffix(f"{NO_LINE_END}\n").encode("utf-16-le", "surrogatepass"))
     part.replace(file)
 
 
 def forget_others() -> None:
-    """Removes what was kept for other catalogues."""
+    """Removes the logs of other catalogues."""
     for one in ROOT.glob("*"):
         if one != FOLDER:
             shutil.rmtree(one, ignore_errors=True)
 
 
-def to_bytes(lines: list[str]) -> bytes:
-    text = "\n".join(lines) + "\n"
-    return text.removesuffix(f"{NO_LINE_END}\n").encode("utf-16-le", "surrogatepass")
-
-
 def entries() -> list[tuple[pathlib.Path, int, str]]:
-    """Log, exit code and outcome of all that is there for this catalogue."""
-    found = []
-    for file in sorted(FOLDER.glob("*.log")):
-        outcome, code, _, _ = file.name.split(".")
-        found.append((file, int(code), outcome))
-    return found
+    """Log, exit code and outcome of each file."""
+    names = [(file, file.name.split(".")) for file in sorted(FOLDER.glob("*.log"))]
+    return [(file, int(code), outcome) for file, (outcome, code, *_) in names]

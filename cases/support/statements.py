@@ -1,42 +1,17 @@
-"""What the cases state about the outcomes of their runs: cases/outcomes.txt, and the comparison with what came of them."""
+"""What a case states about the outcomes of its starts, and the comparison with what they came to."""
 from __future__ import annotations
 
 import functools
-import pathlib
 import re
 
 from companion import outcomes
 from lab.run import NO_LINE_END
 
-FILE = pathlib.Path(__file__).resolve().parent.parent / "outcomes.txt"
-
 Stated = list[frozenset[str]]  # for each start the outcomes that it may have
 
 
-def parse(text: str) -> dict[str, Stated]:
-    """By pattern. Raises ValueError for a line that is no statement, an outcome that there is not, or a pattern that stands twice."""
-    known = {one.id for one in outcomes.catalogue()}
-    found: dict[str, Stated] = {}
-    for number, line in enumerate(text.splitlines(), 1):
-        if not line.strip() or line.startswith("#"):
-            continue
-        pattern, _, statement = line.rpartition(" = ")
-        starts: Stated = []
-        for part in statement.split(","):
-            match = re.fullmatch(r"(?:(\d+) )?([a-z-]+(?: \| [a-z-]+)*)", part.strip())
-            names = frozenset(match[2].split(" | ")) if match else frozenset()
-            if not match or names - known:
-                raise ValueError(f"{FILE.name}, line {number}: {part.strip()!r} is no outcome")
-            starts += [names] * int(match[1] or 1)
-        if not pattern.strip() or pattern.strip() in found:
-            raise ValueError(f"{FILE.name}, line {number}: no pattern, or one that stood there before")
-        found[pattern.strip()] = starts
-    return found
-
-
 def starts(statement: str) -> Stated:
-    """Of "repaired | no-log, 9 another-instance": for each start the outcomes that it may have. Raises ValueError for anything
-    that is no outcome of the catalogue."""
+    """Reads "repaired | no-log, 9 another-instance". Raises ValueError for a part that is no outcome of the catalogue."""
     known = {one.id for one in outcomes.catalogue()}
     found: Stated = []
     for part in statement.split(","):
@@ -48,38 +23,19 @@ def starts(statement: str) -> Stated:
     return found
 
 
-def found(codes: list[int], logs: list[list[str]]) -> str:
-    """The outcomes of these starts, for a message."""
-    return ", ".join(" and ".join(recognised(code, log)) for code, log in zip(codes, logs))
-
-
-@functools.cache
-def statements() -> dict[str, Stated]:
-    return parse(FILE.read_text("utf-8"))
-
-
-def fits(pattern: str, name: str) -> bool:
-    """Only * is special: names of cases are full of brackets."""
-    return re.fullmatch(".*".join(map(re.escape, pattern.split("*"))), name, re.S) is not None
-
-
-def stated(name: str, among: dict[str, Stated] | None = None) -> Stated:
-    """For a case, "test_check.py::test_name[row]": of the patterns that fit the one with the most characters besides *. Raises
-    LookupError when there is none."""
-    patterns = [one for one in (among if among is not None else statements()) if fits(one, name)]
-    if not patterns:
-        raise LookupError(f"{FILE.name} does not say which outcome {name} has; see lab/README.md")
-    return (among if among is not None else statements())[max(patterns, key=lambda one: len(one.replace("*", "")))]
-
-
 def recognised(exit_code: int, log: list[str]) -> list[str]:
     """The outcomes that match. log: as run.read_log gives it, without the mark of a line that was not ended."""
     return outcomes.matching(exit_code, [line.removesuffix(NO_LINE_END) for line in log])
 
 
+def found(codes: list[int], logs: list[list[str]]) -> str:
+    """The outcomes of these starts, for a message."""
+    return ", ".join(" and ".join(recognised(code, log)) for code, log in zip(codes, logs))
+
+
 def compare(starts: Stated, codes: list[int], logs: list[list[str]], at_once: bool = False) -> str:
-    """Empty when the starts can be what is stated; else what they are. codes: exit codes in the order of the starts; logs in the
-    order of their beginning. A start without a log has to be stated as such. at_once: neither order says anything."""
+    """Returns "" if the starts can have the stated outcomes, otherwise what they have. codes: exit codes in the order of the starts;
+    logs: in the order of their beginning; a start may have none if that is stated. at_once: both orders are left to chance."""
     if len(starts) != len(codes):
         return f"{len(codes)} starts, {len(starts)} outcomes stated"
     without = len(codes) - len(logs)
@@ -90,7 +46,7 @@ def compare(starts: Stated, codes: list[int], logs: list[list[str]], at_once: bo
         return frozenset(recognised(code, kept[log] if log >= 0 else []))
 
     def assign(start: int, log: int, missing: int, codes_left: tuple[int, ...], stated_left: tuple[frozenset[str], ...]) -> bool:
-        """In the order of the starts, each takes the next log or none; at once, each log takes some start."""
+        """Each start takes the next log or none; with at_once each log takes any start."""
         if start == len(codes):
             return True
         choices = range(len(codes_left)) if at_once else range(1)
