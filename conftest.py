@@ -147,18 +147,15 @@ class Lab:
                 for code, log in zip(codes, result.logs):
                     corpus.add(*statements.recognised(code, log), code, log)
 
-    def close(self, keep: bool) -> None:
-        if not keep:
-            for folder in self.kept:
-                remove_folder(folder)
-
 
 @pytest.fixture
 def lab(request: pytest.FixtureRequest):
     one = Lab()
     request.node.lab = one
     yield one
-    one.close(keep=getattr(request.node, "failed", False))
+    if not getattr(request.node, "failed", False):
+        for folder in one.kept:
+            remove_folder(folder)
 
 
 @pytest.hookimpl(hookwrapper=True)

@@ -95,6 +95,7 @@ def test_crash_of_a_thread_of_the_system(lab):
 
 # No memory left
 
+# Proves: An error that is not caught
 def test_no_memory_while_the_adapters_are_listed(lab):
     """The description needs a megabyte, and the exception is not caught."""
     machine = {**found(), "adapters": [{"description": "long " * 100_000}], "faults": ["setupapi!SetupDiGetDeviceInstanceIdW 1 memory=none"]}

@@ -33,15 +33,15 @@ def own(answers: dict | None = None, folder: str | None = None, **server) -> dic
     return machine if folder is None else {**machine, "registry": {KEY: {"DWXServerFolder": folder}}}
 
 
-def failed(outcome: str, *lines: str, start: list[str] | None = None) -> dict:
+def failed(outcome: str, *lines: str, start: list[str] = START) -> dict:
     """Outcome, exit code, box and whole log of a run whose download fails."""
-    log = [*opening(), *inventory(), *(START if start is None else start), *lines, NOT_DOWNLOADED]
+    log = [*opening(), *inventory(), *start, *lines, NOT_DOWNLOADED]
     return {"exit_code": -1, "outcome": outcome, "boxes": [DOWNLOAD_FAILED], "log": log}
 
 
-def downloaded(size: int, start: list[str] | None = None) -> dict:
+def downloaded(size: int, start: list[str] = START) -> dict:
     """The same of a run that downloads something that is no program."""
-    log = [*opening(), *inventory(), *(START if start is None else start), "Response code from server: 200",
+    log = [*opening(), *inventory(), *start, "Response code from server: 200",
            f"Completed download. Total bytes downloaded: {size}",
            not_started(r"{temp}Tavik_VLTInstallerDownload\dwx2_install.exe"), MAIN_PACKAGE_MISSING]
     return {"exit_code": 2, "outcome": "installer-blocked", "boxes": [INSTALL_FAILED], "log": log}
@@ -63,14 +63,14 @@ def status_line(status: int, url: str = URL) -> list[str]:
     return [f"Response code from server: {status}", f"Error response code received from {url}"]
 
 
-def check_failed(lab, outcome: str, *lines: str, requests: list[str] | None, left: int | None = 0, start: list[str] | None = None) -> None:
+def check_failed(lab, outcome: str, *lines: str, requests: list[str] | None, left: int | None = 0, start: list[str] = START) -> None:
     """No installer, and nothing on the machine changed except the temporary file: `left` bytes long, or missing with None."""
     files = {"missing": [FINAL, TEMPORARY], "files": [DOWNLOADS]} if left is None else {"missing": [FINAL], "files": [TEMPORARY]}
     lab.check(**failed(outcome, *lines, start=start), before=BEFORE, requests=requests, after={**UNTOUCHED, **files})
     assert left is None or lab.result.after.files[TEMPORARY] == left
 
 
-def check_arrived(lab, size: int, requests: list[str], start: list[str] | None = None, logged: int | None = None) -> None:
+def check_arrived(lab, size: int, requests: list[str], start: list[str] = START, logged: int | None = None) -> None:
     """Any body is taken for the installer. It cannot be started, so the products stay."""
     lab.check(**downloaded(size if logged is None else logged, start), before=BEFORE, requests=requests,
               after={**UNTOUCHED, "files": [FINAL], "missing": [TEMPORARY]})

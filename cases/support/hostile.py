@@ -4,8 +4,8 @@ from __future__ import annotations
 from typing import Any
 
 from cases.support.download import FINAL, TEMPORARY
-from cases.support.expect import (DOWNLOAD_FAILED, DOWNLOADS, EXTRACTED, NO_SERVER, NOT_DOWNLOADED, QUIET_END, REPAIR, TEMP,
-                                  inventory, not_started, opening, unpack, without_server)
+from cases.support.expect import (DOWNLOAD_FAILED, DOWNLOADS, EXTRACTED, NO_SERVER, NOT_DOWNLOADED, QUIET_END, REPAIR, TEMP, inventory,
+                                  not_started, opening, unpack, without_server)
 from cases.support.expect import REPAIRED as AFTER, UNTOUCHED as BEFORE
 from lab.result import Result
 
