@@ -42,11 +42,13 @@ def test_tls_server_on_another_port(lab, scheme):
     """The port alone decides: the request goes out in the clear, and a server that wants TLS refuses it."""
     folder = scheme + "://{server}" + SERVER_PATH
     lab.run({"server": {"folder": folder, "tls": "TLSv1.2 TLSv1.3"}})
-    check_failed(lab, "download-refused", *status_line(400, scheme + "://{server}" + PATH), requests=[f"{PATH} 400"], start=changed(folder))
+    lines = status_line(400, scheme + "://{server}" + PATH)
+    check_failed(lab, "download-refused", *lines, requests=[f"{PATH} 400"], start=changed(folder))
 
 
-@pytest.mark.parametrize("folder, onward, tls", [(None, "http", ["TLSv1.2", ""]), (f"http://{HOST}{SERVER_PATH}", "https", ["", "TLSv1.2"])],
-                         ids=["out of encryption", "into encryption"])
+@pytest.mark.parametrize("folder, onward, tls", [
+    (None, "http", ["TLSv1.2", ""]), (f"http://{HOST}{SERVER_PATH}", "https", ["", "TLSv1.2"]),
+], ids=["out of encryption", "into encryption"])
 def test_redirect_is_followed(lab, folder, onward, tls):
     answers = {PATH: {"redirect": f"{onward}://{HOST}/mirror"}, "/mirror": {"text": NO_PROGRAM}}
     result = lab.run(own(answers, folder, also_plain=True))
@@ -61,7 +63,7 @@ def test_redirect_is_followed(lab, folder, onward, tls):
 def test_certificate_is_checked(lab, way, certificate, code):
     """The address in the log is the first one, also after a redirect."""
     redirect = way == "after a redirect"
-    folder = {"default": None, "http on port 443": f"http://{HOST}:443{SERVER_PATH}", "after a redirect": f"http://{HOST}{SERVER_PATH}"}[way]
+    folder = None if way == "default" else f"http://{HOST}{SERVER_PATH}" if redirect else f"http://{HOST}:443{SERVER_PATH}"
     answers = {PATH: {"redirect": f"https://{HOST}/mirror"}, "/mirror": "24.20"} if redirect else {}
     lab.run(own(answers, folder, certificate=certificate, also_plain=redirect))
     check_failed(lab, "download-not-trusted", not_sent(f"{folder}24.20/dwx2_install.txt" if folder else HTTPS_URL, code),
@@ -112,7 +114,8 @@ NO_ADDRESS = {"empty": "", "blanks": "   ", "blank before": " http://{server}" +
               "no scheme": "mirror.example/vlt/", "network share": r"\\mirror\share" + "\\", "slashes only": "//{server}/"}
 # The part before the first colon is taken for the scheme.
 NO_HOST = {"no host": "http:///vlt/", "one slash": "http:/{server}/vlt/", "backslashes": "http:\\\\{server}\\vlt\\",
-           "file": "file:///C:/vlt/", "path": "C:\\vlt\\", "mailto": "mailto:admin@mirror.example/", "host and port": "{server}" + SERVER_PATH}
+           "file": "file:///C:/vlt/", "path": "C:\\vlt\\", "mailto": "mailto:admin@mirror.example/",
+           "host and port": "{server}" + SERVER_PATH}
 
 
 # Proves: It is empty

@@ -163,9 +163,9 @@ FAILING = {  # name: outcome, rules, lines of the log, handles that are closed
     "status is not 200": ("download-refused", ["HttpQueryInfoW * status=-200"], status_line(-200), 3),
     "reading": ("download-broken", ["InternetReadFile 1 count=4", "InternetReadFile 2 error=6 count=3"],
                 ["Response code from server: 200", "Download failed with error code: 6 Invalid handle. "], 3),
-    "reading, with the server's words": ("download-broken", [*READING, 'InternetGetLastResponseInfoW * code=550 text="No such file, sorry"'],
-                                         ["Response code from server: 200",
-                                          "Unable to read file from internet. Extended error code: 550 No such file, sorry"], 3),
+    "reading, with the server's words": (
+        "download-broken", [*READING, 'InternetGetLastResponseInfoW * code=550 text="No such file, sorry"'],
+        ["Response code from server: 200", "Unable to read file from internet. Extended error code: 550 No such file, sorry"], 3),
     "reading, with no words": ("download-broken", [*READING, 'InternetGetLastResponseInfoW * code=7 text=""'],
                                ["Response code from server: 200", "Unable to read file from internet. Extended error code: 7 "], 3),
 }

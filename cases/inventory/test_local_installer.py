@@ -103,4 +103,5 @@ def test_folder_in_place_of_the_installer(lab):
 def test_driver_folder_that_is_gone(lab, arguments):
     """An empty release matches the empty one of an INF that is gone. Its folder cannot be listed, which is not caught."""
     lab.run({**machine({}, release=""), "remove": [r"C:\windows\System32\DriverStore\FileRepository"]}, arguments)
-    lab.check(exit_code=QUIET_END, outcome="quiet-end", boxes=[], requests=[], crash=True, after=UNTOUCHED, log=[*opening(arguments), *inventory("")])
+    lab.check(exit_code=QUIET_END, outcome="quiet-end", boxes=[], requests=[], crash=True, after=UNTOUCHED,
+              log=[*opening(arguments), *inventory("")])

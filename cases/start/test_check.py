@@ -69,9 +69,9 @@ def test_existing_log_folder_is_used(lab):
 
 # Proves: No device at all
 # Proves: No adapter of the maker
-@pytest.mark.parametrize("machine, arguments, lines", [({"adapters": []}, "", []), ({"adapters": [OTHER_ADAPTER]}, "", [NOT_THE_MAKERS]),
-                                                       ({"adapters": [], "desktop": False}, "-FORCE", [])],
-                         ids=["no adapter", "another maker's", "nothing installed either"])
+@pytest.mark.parametrize("machine, arguments, lines", [
+    ({"adapters": []}, "", []), ({"adapters": [OTHER_ADAPTER]}, "", [NOT_THE_MAKERS]), ({"adapters": [], "desktop": False}, "-FORCE", []),
+], ids=["no adapter", "another maker's", "nothing installed either"])
 def test_no_adapter_of_the_maker(lab, machine, arguments, lines):
     result = lab.run(machine, arguments)
     version = "23.40" if lab.machine.products else ""
@@ -155,7 +155,8 @@ def test_forced(lab, arguments):
 # Proves: A box appears
 # Proves: Unknown arguments, and such that only look like a switch
 # Proves: What follows `-Path` looks like a switch
-@pytest.mark.parametrize("arguments", ["", "FORCE /FORCE --FORCE", '-FORCED -FORC "-FORCE "', "-Path -FORCE", "-path", "-Install -Path -VLT"])
+@pytest.mark.parametrize("arguments", ["", "FORCE /FORCE --FORCE", '-FORCED -FORC "-FORCE "', "-Path -FORCE", "-path",
+                                       "-Install -Path -VLT"])
 def test_not_forced(lab, arguments):
     """Unknown arguments are ignored, and the argument after -Path is a path."""
     lab.run(COMPATIBLE, arguments)
@@ -165,8 +166,8 @@ def test_not_forced(lab, arguments):
 def test_forced_repair_without_a_version(lab):
     """The version is not known but the product is there: a repair like any other."""
     lab.run({"remove": [HL], **answering()}, "-force")
-    lab.check(exit_code=2, outcome="installer-blocked", boxes=[INSTALL_FAILED], log=[
-        *opening("-force", ""), *inventory(), *download(), not_started(r"{temp}Tavik_VLTInstallerDownload\dwx2_install.exe"), MAIN_PACKAGE_MISSING])
+    lab.check(exit_code=2, outcome="installer-blocked", boxes=[INSTALL_FAILED],
+              log=[*opening("-force", ""), *inventory(), *download(), not_started(), MAIN_PACKAGE_MISSING])
 
 
 # Proves: Empty text, no bytes, half a character

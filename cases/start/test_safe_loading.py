@@ -94,7 +94,8 @@ def planted_file(name: str, folder: str = BESIDE) -> str:
 
 # The planted DLLs lie where a program without precautions loads them
 
-@pytest.mark.parametrize("folder, options", [(BESIDE, {}), (START, {"directory": START.rstrip("\\")})], ids=["beside it", "where it is started"])
+@pytest.mark.parametrize("folder, options", [(BESIDE, {}), (START, {"directory": START.rstrip("\\")})],
+                         ids=["beside it", "where it is started"])
 def test_program_without_precautions_loads_planted_dlls(lab, folder, options):
     names = planted() if folder == BESIDE else [NOWHERE]
     result = lab.run(with_planted({"files": {TOOL: {"program": "load_by_name.exe"}}}, folder), " ".join(names), **options)

@@ -43,7 +43,7 @@ def downloaded(size: int, start: list[str] = START) -> dict:
     """The same of a run that downloads something that is no program."""
     log = [*opening(), *inventory(), *start, "Response code from server: 200",
            f"Completed download. Total bytes downloaded: {size}",
-           not_started(r"{temp}Tavik_VLTInstallerDownload\dwx2_install.exe"), MAIN_PACKAGE_MISSING]
+           not_started(), MAIN_PACKAGE_MISSING]
     return {"exit_code": 2, "outcome": "installer-blocked", "boxes": [INSTALL_FAILED], "log": log}
 
 

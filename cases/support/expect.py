@@ -27,7 +27,8 @@ REPAIRED = {"products": ["Tavik Halden 24.20"], "values": {HL_VERSION: "24.20"}}
 
 # Parts of a machine.
 NO_SERVER = {"server": {"folder": "http:///x"}}  # an address without a host: a repair ends before a request is sent
-OTHER_ADAPTER = {"id": r"PCI\VEN_8086&DEV_46A6&SUBSYS_00000000&REV_0C\3&11583659&0&10", "description": "Other Graphics", "packages": []}
+OTHER_ADAPTER = {"description": "Other Graphics", "packages": [],
+                 "id": r"PCI\VEN_8086&DEV_46A6&SUBSYS_00000000&REV_0C\3&11583659&0&10"}
 
 QUIET_END = 3  # exit code after an error that the tool does not catch
 
@@ -50,7 +51,9 @@ SAME = "Currently installed version of VLT is from the same release as the activ
 REFUSED = "Another instance is running. Exiting."
 NO_DESKTOP = "User does not desktop VLT installed."
 NOT_DOWNLOADED = "Unable to download dwx2_install.exe from web. Exiting."
-MAIN_PACKAGE_MISSING = r"Unable to find {temp}Tavik_VLTInstallerDownload\LPInstaller\HL\halden\halden64\dwx-next64.msi."
+DOWNLOADED_INSTALLER = r"{temp}Tavik_VLTInstallerDownload\dwx2_install.exe"
+UNPACKED = r"{temp}Tavik_VLTInstallerDownload\LPInstaller"
+MAIN_PACKAGE_MISSING = rf"Unable to find {UNPACKED}\HL\halden\halden64\dwx-next64.msi."
 NOT_THE_MAKERS = rf"[Other Graphics] - [{OTHER_ADAPTER['id']}] is not an Tavik Display Adapter."
 NO_ADAPTER_LEFT = ["Currently installed drivers on system:", "Unable to find installed Tavik display adapters. Exiting."]
 
@@ -80,9 +83,8 @@ def download(release: str = "24.20") -> list[str]:
             "Completed download. Total bytes downloaded: {number}"]
 
 
-def unpack(installer: str = "{temp}Tavik_VLTInstallerDownload\\dwx2_install.exe", code: int = 0) -> str:
-    return (f"Process {installer} /NCRC /S -EXTRACTONLY=YES /D={{temp}}Tavik_VLTInstallerDownload\\LPInstaller "
-            f"completed with exit code {code}")
+def unpack(installer: str = DOWNLOADED_INSTALLER, code: int = 0) -> str:
+    return f"Process {installer} /NCRC /S -EXTRACTONLY=YES /D={UNPACKED} completed with exit code {code}"
 
 
 def stop(location: str = r"C:\Program Files\Tavik\Halden", running: tuple[str, ...] = ()) -> list[str]:
@@ -99,13 +101,13 @@ def remove(family: str, result: int = 0) -> list[str]:
 
 def install(family: str, result: int = 0) -> list[str]:
     package = {"Halden": r"halden\halden64\dwx-next64.msi", "DVR": r"tavikdvr\tavikdvr64\tavikdvr64.msi", "PXL": r"pxl64\PXL64.msi"}
-    return [f"Installing {{temp}}Tavik_VLTInstallerDownload\\LPInstaller\\HL\\{package[family]}", f"\tResult = {result}"]
+    return [f"Installing {UNPACKED}\\HL\\{package[family]}", f"\tResult = {result}"]
 
 
 REPAIR = [*stop(), *remove("Halden"), *install("Halden")]  # once the installer has unpacked
 
 
-def not_started(installer: str, folder: str = r"{temp}Tavik_VLTInstallerDownload\LPInstaller", code: str = "{number}") -> str:
+def not_started(installer: str = DOWNLOADED_INSTALLER, folder: str = UNPACKED, code: str = "{number}") -> str:
     """The line of an installer that cannot be started."""
     return f"Launching process {installer} /NCRC /S -EXTRACTONLY=YES /D={folder} failed. Error code = {code} {{any}}"
 
