@@ -15,13 +15,13 @@ NAME = "/24.20/dwx2_install.txt"
 
 # Encryption
 
-def test_tls_13_only_is_too_new(lab):
+def test_server_that_speaks_only_tls_13_is_refused(lab):
     lab.run(own(tls="TLSv1.3"))
     check_failed(lab, "download-not-trusted", not_sent(HTTPS_URL, 12157), requests=[], start=DEFAULT)
 
 
 @pytest.mark.quick
-def test_tls_12_is_spoken(lab):
+def test_server_that_speaks_tls_12_is_used(lab):
     result = lab.run(own(tls="TLSv1.2"))
     check_arrived(lab, 10, [GOOD], DEFAULT)
     assert result.requests[0]["tls"] == "TLSv1.2"
@@ -29,7 +29,7 @@ def test_tls_12_is_spoken(lab):
 
 @pytest.mark.parametrize("folder", [None, f"http://{HOST}:443{SERVER_PATH}", f"https://{HOST}:443{SERVER_PATH}"],
                          ids=["default", "http", "https"])
-def test_plain_http_on_port_443(lab, folder):
+def test_plain_http_is_not_used_on_port_443(lab, folder):
     """The server sees the first bytes of TLS, never a path in the clear."""
     result = lab.run(own(folder=folder, tls="none"))
     url = HTTPS_URL if folder is None else f"{folder}24.20/dwx2_install.txt"
@@ -38,7 +38,7 @@ def test_plain_http_on_port_443(lab, folder):
 
 
 @pytest.mark.parametrize("scheme", ["https", "http"])
-def test_tls_server_on_another_port(lab, scheme):
+def test_tls_is_not_used_on_another_port(lab, scheme):
     """The port alone decides: the request goes out in the clear, and a server that wants TLS refuses it."""
     folder = scheme + "://{server}" + SERVER_PATH
     lab.run({"server": {"folder": folder, "tls": "TLSv1.2 TLSv1.3"}})
@@ -120,7 +120,7 @@ NO_HOST = {"no host": "http:///vlt/", "one slash": "http:/{server}/vlt/", "backs
 
 # Proves: It is empty
 @pytest.mark.parametrize("name", [*NO_ADDRESS, *NO_HOST])
-def test_value_that_is_no_address(lab, name):
+def test_value_without_an_address_ends_the_download(lab, name):
     """For the empty value the maker's own server would answer. It is not used."""
     folder = {**NO_ADDRESS, **NO_HOST}[name]
     line = thrown("Unable to connect to server: {any}") if name in NO_HOST else not_split(f"{folder}24.20/dwx2_install.txt", 12006)
@@ -138,7 +138,7 @@ def test_scheme_does_not_matter_when_a_port_is_given(lab, scheme):
 
 
 @pytest.mark.parametrize("folder", ["ftp://127.0.0.9/", "http://127.0.0.9:9"], ids=["port of ftp", "no slash"])
-def test_port_without_a_server(lab, folder):
+def test_port_without_a_server_ends_the_download(lab, folder):
     """Without a slash the release is glued to the port, which becomes 924 with something after it."""
     lab.run(answering(folder=folder))
     check_failed(lab, "download-unreachable", not_sent(f"{folder}24.20/dwx2_install.txt", 12029), requests=[], start=changed(folder))

@@ -35,7 +35,7 @@ def test_silence_in_mid_body_is_given_up_after_a_minute_and_a_half(lab):
 # Proves: The body has more than 2 or 4 GiB => it arrives whole; the counter in the log wraps
 @pytest.mark.slow
 @pytest.mark.parametrize("size, logged", [((2 << 30) + 1, -2147483647), (5_000_000_000, 705032704)], ids=["2 GiB + 1", "5 GB"])
-def test_more_than_the_counter_can_count(lab, size, logged):
+def test_body_larger_than_the_logged_counter_arrives(lab, size, logged):
     """The body arrives whole; only the number in the log wraps."""
     result = lab.run({**answering({"size": size, "rate": 400_000_000}), "sparse": [TEMPORARY]}, timeout=300)
     check_arrived(lab, size, [GOOD], logged=logged)
@@ -99,7 +99,7 @@ def test_answer_ends_the_download(lab, name):
 
 # Proves: Reading fails otherwise
 @pytest.mark.parametrize("at, left", [(0, 0), (1, 0), (MIB - 1, 0), (MIB, MIB), (MIB + 1, MIB), (3 * MIB - 1, 2 * MIB)])
-def test_reset_at_byte(lab, at, left):
+def test_reset_in_the_body_ends_the_download(lab, at, left):
     """Full blocks are in the file, what was read before the reset is not."""
     result = lab.run(answering({"size": 3 * MIB, "reset": at}))
     check_failed(lab, "download-broken", *LOST, requests=[GOOD], left=left)

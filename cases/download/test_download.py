@@ -96,7 +96,7 @@ def test_old_files_are_replaced(lab):
 # Proves: An old file is locked, write-protected or a folder
 @pytest.mark.parametrize("path", [FINAL, TEMPORARY], ids=["final", "temporary"])
 @pytest.mark.parametrize("how", ["held", "read_only", "folder"])
-def test_old_file_that_cannot_be_removed(lab, path, how):
+def test_old_file_that_cannot_be_removed_ends_the_download(lab, path, how):
     old = path + "\\inside" if how == "folder" else path
     result = lab.run({**answering(), "files": {old: "old"}, **({} if how == "folder" else {how: [old]})})
     lab.check(**failed("download-file-in-the-way", thrown(f"filesystem error: remove: {{any}} [{path}]")), requests=[],
@@ -105,14 +105,14 @@ def test_old_file_that_cannot_be_removed(lab, path, how):
 
 
 # Proves: The download folder cannot be created
-def test_download_folder_blocked_by_a_file(lab):
+def test_file_in_place_of_the_download_folder_ends_the_download(lab):
     lab.run({**answering(), "files": {DOWNLOADS: "in the way"}})
     lab.check(**failed("download-file-in-the-way", thrown(f"filesystem error: create_directories: {{any}} [{DOWNLOADS}\\]")), requests=[],
               after={**UNTOUCHED, "files": [DOWNLOADS]})
 
 
 # Proves: The temporary file cannot be created
-def test_temporary_file_cannot_be_created(lab):
+def test_temporary_file_that_cannot_be_created_ends_the_download(lab):
     """In /proc/sys not even root can create a file."""
     lab.run({**answering(), "files": {DOWNLOADS: {"link": "/proc/sys"}}})
     lab.check(**failed("download-file-in-the-way", f"Unable to create file to download data into. Target path: {TEMPORARY}. Error: 2"),
@@ -122,7 +122,7 @@ def test_temporary_file_cannot_be_created(lab):
 # What is asked of the system
 
 # Proves: A good download
-def test_calls_into_the_system(lab):
+def test_download_makes_these_calls_in_order(lab):
     result = lab.run({**answering(), "standins": ["wininet"]})
     lab.check(**downloaded(len(NO_PROGRAM)))
     host, port = result.server.split(":")
@@ -179,7 +179,7 @@ FAILING = {  # name: outcome, rules, lines of the log, handles that are closed
 # Proves: The status cannot be read
 # Proves: Reading fails with a text of the server
 @pytest.mark.parametrize("name", FAILING)
-def test_failing_call(lab, name):
+def test_failing_call_ends_the_download(lab, name):
     outcome, rules, lines, handles = FAILING[name]
     result = lab.run({**answering(), "faults": [f"wininet!{rule}" for rule in rules]})
     lab.check(**failed(outcome, *lines), after={**UNTOUCHED, "missing": [FINAL]})

@@ -129,7 +129,7 @@ def test_adapters_of_other_makers_are_logged_and_left_out(lab):
 
 
 @pytest.mark.quick
-def test_vendor_id_in_lower_case(lab):
+def test_vendor_id_in_lower_case_counts(lab):
     """Wine returns ids in capital letters, whatever is stored; the adapter counts either way."""
     result = run(lab, {"id": MAKER.replace("VEN_1E7D", "ven_1e7d")})
     given = re.search(r'SetupDiGetDeviceInstanceIdW#1 .*id="([^"]*)"', "\n".join(result.calls)).group(1)
@@ -158,7 +158,7 @@ def test_devices_with_a_problem_are_kept(lab):
 
 
 # Proves: The driver key cannot be opened, or has no readable release
-def test_release_cannot_be_read(lab):
+def test_adapter_without_a_readable_release_is_left_out(lab):
     adapters, ids = cards("release", False, {"type": "REG_DWORD", "hex": "14000000"}, ["24.20"], RELEASE, RELEASE)
     adapters[3]["driver_key"] = r"{4D36E968-E325-11CE-BFC1-08002BE10318}\0077"
     run(lab, *adapters)
@@ -216,7 +216,7 @@ def test_no_adapter_is_left(lab, name):
     check(lab, *lines, listed=[], outcome=outcome)
 
 
-def test_ids_that_only_look_like_the_makers(lab):
+def test_ids_that_only_look_like_the_makers_do_not_count(lab):
     ids = [r"PCI\1E7D_VEN&DEV_2F11&SUBSYS_1E7CVEN_&REV_A1\4&1A2B3C4D&0&0001",
            r"PCI\VEN_1E7&DEV_D2F1&SUBSYS_00011E7C&REV_A1\4&1A2B3C4D&0&0001",
            r"PCI\VEN_1E7E&DEV_1E7D&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&0001"]
@@ -236,7 +236,7 @@ def test_ids_that_only_look_like_the_makers(lab):
     (("24.20.1-b", "24.20.1-a", "24.20.1-c"), (1, 2, 3), "24.20"),
     (("24.10.3", "V24.20", "24.30.1", "-24.40", "v24.10"), (5, 2, 3, 1, 4), "v24.1"),
 ], ids=["characters, not numbers", "prefix comes last", "equal ones stay", "five"])
-def test_order_of_releases(lab, releases, order, version):
+def test_adapters_are_listed_by_release(lab, releases, order, version):
     adapters = [{"release": release, "description": f"Card {number}"} for number, release in enumerate(releases, 1)]
     result = run(lab, *adapters, registry={r"HKLM\Software\Tavik\HL": {"HLVersion": version}})
     lab.check(exit_code=-1, outcome="same-release", boxes=[SAME_RELEASE])
@@ -247,7 +247,7 @@ def test_order_of_releases(lab, releases, order, version):
 
 # Proves: A release without a hyphen, or one that begins with it
 @pytest.mark.parametrize("release, prefix", [("24.30.1.2", "24.30"), ("-240619a", ""), ("a-b-c", "a"), ("24.30-1-2", "24.30")])
-def test_release_up_to_its_first_hyphen(lab, release, prefix):
+def test_release_counts_up_to_its_first_hyphen(lab, release, prefix):
     run(lab, {"id": MAKER, "release": release})
     check(lab, enumerating(), found(version=release), MATCHING, listed=[f"[{NAME}] [{release}] [{{store1}}]"], prefix=prefix,
           outcome="download-bad-address")
@@ -262,7 +262,7 @@ def test_last_matching_package_wins(lab):
 
 
 # Proves: The driver store does not know a package
-def test_package_that_is_not_in_the_store(lab):
+def test_package_missing_from_the_store_counts_as_the_one_before(lab):
     """The buffer keeps its content, so the package before is used, or nothing."""
     run(lab, {"id": MAKER, "packages": [{"release": "24.10.1", "store": False}, {}, {"release": "24.30.1", "store": False}]})
     check(lab, enumerating(), "Found driver . Version []", found(2), MATCHING, found(2), MATCHING, listed=[shown(2)])
@@ -310,7 +310,7 @@ READ = {
 # Proves: The release line in any letter case
 # Proves: The value is a string key
 # Proves: Several release lines
-def test_release_of_an_inf(lab):
+def test_release_is_read_from_the_inf(lab):
     """All of them are packages of one adapter."""
     packages = [inf_with(settings) for settings, _ in READ.values()]
     versions = [version for _, version in READ.values()]
@@ -341,7 +341,7 @@ def test_line_that_cannot_be_fetched_is_passed_over(lab):
 
 
 # Proves: An adapter of the maker with its package
-def test_calls_into_the_system(lab):
+def test_inventory_makes_these_calls_in_order(lab):
     result = run(lab, {"id": MAKER})
     check(lab, *USUAL, listed=[shown()])
     calls = [line.removeprefix("setupapi!").rpartition(" -> ")[0] for line in result.calls if "Line" not in line]

@@ -88,7 +88,7 @@ def test_installer_of_the_second_adapter_is_ignored(lab):
 
 
 # Proves: A folder has the installer's name
-def test_folder_in_place_of_the_installer(lab):
+def test_folder_in_place_of_the_installer_counts_as_found(lab):
     """Only existence counts. Wine would open the folder in its file manager, so the run is ended before."""
     path = rf"B1\{NAME}"
     result = lab.run({**machine({path: {"folder": True}}), "server": {"reach": "none"}}, when=["text Installing : kill 77"])
@@ -100,7 +100,7 @@ def test_folder_in_place_of_the_installer(lab):
 # Proves: The driver package's folder cannot be listed => this is not caught: exit code 3
 # Proves: The folder cannot be listed
 @pytest.mark.parametrize("arguments", ["", "-SILENT"])
-def test_driver_folder_that_is_gone(lab, arguments):
+def test_missing_driver_folder_ends_the_run(lab, arguments):
     """An empty release matches the empty one of an INF that is gone. Its folder cannot be listed, which is not caught."""
     lab.run({**machine({}, release=""), "remove": [r"C:\windows\System32\DriverStore\FileRepository"]}, arguments)
     lab.check(exit_code=QUIET_END, outcome="quiet-end", boxes=[], requests=[], crash=True, after=UNTOUCHED,

@@ -72,7 +72,7 @@ def test_existing_log_folder_is_used(lab):
 @pytest.mark.parametrize("machine, arguments, lines", [
     ({"adapters": []}, "", []), ({"adapters": [OTHER_ADAPTER]}, "", [NOT_THE_MAKERS]), ({"adapters": [], "desktop": False}, "-FORCE", []),
 ], ids=["no adapter", "another maker's", "nothing installed either"])
-def test_no_adapter_of_the_maker(lab, machine, arguments, lines):
+def test_run_ends_without_an_adapter_of_the_maker(lab, machine, arguments, lines):
     result = lab.run(machine, arguments)
     version = "23.40" if lab.machine.products else ""
     lab.check(exit_code=-1, outcome="no-adapter", boxes=[NO_ADAPTER], requests=[], after={"products": result.before.products},
@@ -84,7 +84,7 @@ def test_no_adapter_of_the_maker(lab, machine, arguments, lines):
 @pytest.mark.parametrize("store, outcome, line", [
     ({}, "no-application", NO_STORE), (False, "no-application-store-unread", "Exception {any} when searching for UWP version of VLT"),
 ], ids=["", "no package manager"])
-def test_nothing_is_installed(lab, store, outcome, line):
+def test_run_ends_when_nothing_is_installed(lab, store, outcome, line):
     lab.run({"desktop": False, "store": store})
     lab.check(exit_code=-1, outcome=outcome, boxes=[NOT_INSTALLED], requests=[], after={"products": []},
               log=[*opening(version=""), *inventory(), NO_DESKTOP, line, f"{NOTHING} Exiting."])
@@ -117,7 +117,7 @@ def test_second_instance_says_so_and_ends(lab, arguments, box):
     check_refused(result, arguments, box)
 
 
-def test_second_instance_while_the_first_installs(lab):
+def test_second_instance_is_refused_while_the_first_installs(lab):
     result = lab.run({"installer": {"sleep": 2500}}, when=["text Installing : second -FORCE"])
     lab.check(exit_code=0, outcome="repaired, another-instance", boxes=[FINISHED], requests=[GOOD], after=REPAIRED,
               log=[*opening(), *inventory(), *download(), unpack(), *REPAIR])
@@ -145,7 +145,7 @@ def test_same_release_is_installed_again_when_forced(lab):
 
 # Proves: Switches in other letter case, in any order, more than once
 @pytest.mark.parametrize("arguments", ["-force", "other -FoRcE /x -FORCE", '"-FORCE"', "-Path -x -FORCE"])
-def test_forced(lab, arguments):
+def test_force_repairs_the_same_release(lab, arguments):
     lab.run(FORCED, arguments)
     lab.check(**NOT_REPAIRED, after=REPAIRED, log=[*opening(arguments, "24.20"), *inventory(), SAME, *without_server()])
 
@@ -157,13 +157,13 @@ def test_forced(lab, arguments):
 # Proves: What follows `-Path` looks like a switch
 @pytest.mark.parametrize("arguments", ["", "FORCE /FORCE --FORCE", '-FORCED -FORC "-FORCE "', "-Path -FORCE", "-path",
                                        "-Install -Path -VLT"])
-def test_not_forced(lab, arguments):
+def test_unknown_arguments_are_ignored(lab, arguments):
     """Unknown arguments are ignored, and the argument after -Path is a path."""
     lab.run(COMPATIBLE, arguments)
     lab.check(**LEFT_ALONE, after=REPAIRED, log=[*opening(arguments, "24.20"), *inventory(), f"{SAME} Exiting."])
 
 
-def test_forced_repair_without_a_version(lab):
+def test_repair_does_not_need_a_version(lab):
     """The version is not known but the product is there: a repair like any other."""
     lab.run({"remove": [HL], **answering()}, "-force")
     lab.check(exit_code=2, outcome="installer-blocked", boxes=[INSTALL_FAILED],
@@ -187,7 +187,7 @@ def test_forced_repair_without_a_version(lab):
     ({"remove": [HL], "registry": {r"HKLM\Software\Wow6432Node\Tavik\HL": {"HLVersion": "24.20", "DriverVersion": "24.20"}}}, "", ""),
 ], ids=["no driver version", "no version", "no key", "number and list", "binary", "empty and blank", "no bytes", "not terminated",
         "null inside", "32-bit view only"])
-def test_installed_version(lab, changes, version, driver):
+def test_unreadable_version_is_repaired(lab, changes, version, driver):
     lab.run({**changes, **NO_SERVER})
     lab.check(**NOT_REPAIRED, log=[*opening("", version, driver), *inventory(), *without_server()])
 

@@ -58,7 +58,7 @@ CRASHES = [
 
 # Proves: Something crashes, or memory runs out => code 3 within a second, no box, no debugger; the log is whole as far as it goes
 @pytest.mark.parametrize("machine, call, log", CRASHES, ids=lambda value: value if isinstance(value, str) else "")
-def test_crash_of_the_main_thread(lab, machine, call, log):
+def test_crash_of_the_main_thread_ends_the_run(lab, machine, call, log):
     """It takes less than a second after the last line of the log; 5 seconds allow for a busy host."""
     result = lab.run(crash(machine, call), SWITCHES if machine is DIRECT else "", when=["log Response code : wait 1"])
     check_end(lab, log, after={"products": result.before.products})
@@ -77,7 +77,7 @@ def test_every_exception_of_the_system_ends_the_run(lab, code, arguments):
 # Other threads
 
 @pytest.mark.quick
-def test_crash_of_the_status_window(lab):
+def test_crash_of_the_status_window_ends_the_run(lab):
     machine = {"server": {"answers": {PATH: {"installer": "24.20", "delay": 20}}}}
     result = lab.run(with_debugger(machine), when=["text Downloading : crash"], timeout=40)
     check_end(lab, [*opening(), *inventory(), *download()[:2]], after=UNTOUCHED)
@@ -86,7 +86,7 @@ def test_crash_of_the_status_window(lab):
     assert result.instances[0]["ended"] - result.actions[0]["at"] < 5000
 
 
-def test_crash_of_a_thread_of_the_system(lab):
+def test_crash_of_a_thread_of_the_system_ends_the_run(lab):
     """The main thread waits without limit for this thread."""
     result = lab.run(crash(store_only(package(), service={"completion": "later:300"}), "winrt!calls 1"))
     check_end(lab, [*until_query(), has(), ATTEMPT])
@@ -96,7 +96,7 @@ def test_crash_of_a_thread_of_the_system(lab):
 # No memory left
 
 # Proves: An error that is not caught
-def test_no_memory_while_the_adapters_are_listed(lab):
+def test_no_memory_for_the_list_of_adapters_ends_the_run(lab):
     """The description needs a megabyte, and the exception is not caught."""
     machine = {**found(), "adapters": [{"description": "long " * 100_000}], "faults": ["setupapi!SetupDiGetDeviceInstanceIdW 1 memory=none"]}
     lab.run(with_debugger(machine))

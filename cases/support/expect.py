@@ -1,7 +1,7 @@
-"""Texts that cases share, and the comparison of a log with what a case says it is.
+"""Texts, states and groups of log lines that cases share, and the comparison of a log with the expected one.
 
-Expected log lines are exact. {number} stands for digits, {any} for anything, {temp}, {store1}, {store2}, {server} for
-the places of the machine.
+Expected log lines are exact, except that {number} matches digits, {any} any text, and {temp}, {store1}, {store2} and {server} are
+places of the machine.
 """
 from __future__ import annotations
 
@@ -145,7 +145,7 @@ def pattern(line: str, known: dict[str, str]) -> str:
 
 
 def compare_log(expected: list[str], actual: list[str], known: dict[str, str]) -> str:
-    """Empty when they match, else both side by side as a difference."""
+    """Returns "" if they match, otherwise a difference of both."""
     patterns = [re.compile(pattern(line, known), re.S) for line in expected]
     if len(patterns) == len(actual) and all(one.fullmatch(line) for one, line in zip(patterns, actual)):
         return ""

@@ -36,7 +36,7 @@ def dots(result) -> list[str]:
 
 # Proves: It is started
 @pytest.mark.quick
-def test_window_and_its_controls(lab):
+def test_window_has_these_controls(lab):
     result = lab.run(SHORT, when=[f"{INSTALLS} : look"])
     lab.check(**FAILED)
     (action,) = result.actions
