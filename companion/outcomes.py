@@ -138,9 +138,3 @@ def matching(exit_code: int | None, lines: list[str], outcomes: list[Outcome] | 
     found = [one for one in (outcomes or catalogue()) if one.matches(exit_code, lines)]
     plain = [one.id for one in found if not one.fallback]
     return plain or [one.id for one in found]
-
-
-def to_lines(log: bytes) -> list[str]:
-    """UTF-16LE with line feeds; text after the last one is a line as well."""
-    lines = log.decode("utf-16-le", "replace").split("\n")
-    return lines if lines[-1] else lines[:-1]

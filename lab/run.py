@@ -103,10 +103,10 @@ def _lines(file: pathlib.Path, encoding: str = "utf-8") -> list[str]:
     return [line for line in file.read_bytes().decode(encoding, "replace").replace("\r", "").split("\n") if line]
 
 
-def read_log(file: pathlib.Path) -> list[str]:
+def read_log(log: pathlib.Path | bytes, errors: str = "surrogatepass") -> list[str]:
     """Every line ends in one line feed; one that does not is marked, so that no case takes it for a whole one."""
-    text = file.read_bytes().decode("utf-16-le", "surrogatepass")
-    *lines, rest = text.split("\n")
+    data = log if isinstance(log, bytes) else log.read_bytes()
+    *lines, rest = data.decode("utf-16-le", errors).split("\n")
     return lines + [rest + NO_LINE_END] if rest else lines
 
 

@@ -23,8 +23,8 @@ def starts(statement: str) -> Stated:
     return found
 
 
-def recognised(exit_code: int, log: list[str]) -> list[str]:
-    """The outcomes that match. log: as run.read_log gives it, without the mark of a line that was not ended."""
+def recognised(exit_code: int | None, log: list[str]) -> list[str]:
+    """The outcomes that match. log: as run.read_log gives it; its mark of a line without an end is ignored."""
     return outcomes.matching(exit_code, [line.removesuffix(NO_LINE_END) for line in log])
 
 

@@ -14,7 +14,7 @@ from companion.tests.known_logs import expected_logs
 from tools import outcome_pages
 from cases.support import corpus, statements
 from lab import paths
-from lab.run import NO_LINE_END
+from lab.run import NO_LINE_END, read_log
 
 HEAD = """
 [any.one]
@@ -75,7 +75,7 @@ def test_without_an_exit_code_all_that_fit_are_named():
 
 @pytest.mark.parametrize("log, lines", [("a\nb\n", ["a", "b"]), ("a\nb", ["a", "b"]), ("", []), ("\n", [""]), ("a\n\nb\r\n", ["a", "", "b\r"])])
 def test_the_lines_of_a_log(log, lines):
-    assert outcomes.to_lines(log.encode("utf-16-le")) == lines
+    assert [line.removesuffix(NO_LINE_END) for line in read_log(log.encode("utf-16-le"))] == lines
 
 
 # The form
