@@ -178,7 +178,7 @@ def test_gzip_body_stays_packed(lab):
 
 # Redirects
 
-# Proves: A redirect
+# Proves: A redirect => is followed, only the final status counts
 @pytest.mark.parametrize("status", [301, 302, 303, 307])
 def test_redirect_is_followed(lab, status):
     result = lab.run({"server": {"answers": {PATH: {"redirect": "/mirror", "status": status}, "/mirror": {"text": NO_PROGRAM}}}})

@@ -135,7 +135,7 @@ def test_minimised_window_still_changes_its_text(lab):
     assert result.status_texts == [CHECKING, INSTALLING] and len(dots(result)) >= 2
 
 
-# Proves: The mouse is pressed anywhere else
+# Proves: The mouse is pressed outside the mark
 @pytest.mark.parametrize("drags, moved", [(["-70,-30"], (-70, -30)), (["50,20", "-20,-50"], (30, -30))], ids=["once", "twice"])
 def test_window_is_dragged_by_its_text_and_can_still_be_minimised(lab, drags, moved):
     result = lab.run(SLOW, when=[*(f"{INSTALLS} : drag {drag}" for drag in drags), f"{INSTALLS} : click 1014"])
