@@ -25,7 +25,7 @@ def found(kind: str = "24.20", /, **changes: Any) -> dict[str, Any]:
 
 
 def brought(content: Any, /, **changes: Any) -> dict[str, Any]:
-    """The same with something else in the installer's place."""
+    """The same with another file in place of the installer."""
     return {"adapters": [{"packages": [{"files": {r"B384125\DWX2_Install.exe": content}}]}], "server": {"reach": "none"}, **changes}
 
 

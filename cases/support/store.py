@@ -42,7 +42,7 @@ def has(name: str = CORVEL, version: str = "2.23.40.0") -> str:
 
 
 def until_query(arguments: str = "", release: str | None = None) -> list[str]:
-    """The log up to the point where the Store packages are looked at."""
+    """The log up to the search for Store packages."""
     return [*opening(arguments, version=""), *(inventory(release) if release else inventory()), NO_DESKTOP]
 
 
