@@ -1,10 +1,10 @@
 #!/usr/bin/python3
-"""Checks who includes whom.
+"""Checks which folder includes which.
 
-The tool: app stands on top and knows every folder of src/; the folders in the middle know only base and themselves, so
-each can be read and tested alone; base knows nothing of ours. The companion uses base, inventory, the MSI products and the
-Store queries, never the other way round. Tests and the Windows check may look at any part of the tool. The lab drives the
-programs that ship and therefore includes nothing of them.
+In src/, app may include every folder; the folders in the middle include only base and themselves, so that each can be read
+and tested alone; base includes only itself. The companion uses base, inventory, the MSI products and the Store queries, never
+the other way round. Tests and the Windows check may include any part of the tool. The lab includes nothing of the programs
+that it runs.
 """
 import re
 import subprocess

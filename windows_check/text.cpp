@@ -1,6 +1,4 @@
 // The C runtime's wide printf family and character functions, as the log uses them.
-#include "base/text.h"
-
 #include <windows.h>
 
 #include <cstdarg>
@@ -34,6 +32,18 @@ std::wstring Cut(size_t room, const wchar_t* format, ...)
            (buffer[written] == L'\0' ? L"terminated" : L"not terminated");
 }
 
+// A text as the tool formats a log line.
+std::wstring Formatted(const wchar_t* format, ...)
+{
+    constexpr size_t kLongestLine = 1023;
+    wchar_t line[kLongestLine + 1] = {};
+    va_list arguments;
+    va_start(arguments, format);
+    _vsnwprintf(line, kLongestLine, format, arguments);
+    va_end(arguments);
+    return line;
+}
+
 Seen CutOff()
 {
     return Saw(Cut(8, L"%s", L"0123456789"));
@@ -47,32 +57,32 @@ Seen JustFits()
 Seen LongLine()
 {
     const std::wstring text(3000, L'x');
-    return Saw(Number(static_cast<long long>(repair::FormatLine(L"%s", text.c_str()).size())));
+    return Saw(Number(static_cast<long long>(Formatted(L"%s", text.c_str()).size())));
 }
 
 Seen WideText()
 {
     constexpr wchar_t kText[] = L"\u00E9\u65E5\xD83D\xDE00";
-    const bool isS = repair::FormatLine(L"%s", kText) == kText;
-    const bool isLs = repair::FormatLine(L"%ls", kText) == kText;
-    return Saw(isS && isLs ? L"unchanged" : L"changed", Quoted(repair::FormatLine(L"%s %ls", kText, kText)));
+    const bool isS = Formatted(L"%s", kText) == kText;
+    const bool isLs = Formatted(L"%ls", kText) == kText;
+    return Saw(isS && isLs ? L"unchanged" : L"changed", Quoted(Formatted(L"%s %ls", kText, kText)));
 }
 
 Seen NarrowText()
 {
-    return Saw(Quoted(repair::FormatLine(L"%hs", "A\xC3\xA9\x80\xFF")));
+    return Saw(Quoted(Formatted(L"%hs", "A\xC3\xA9\x80\xFF")));
 }
 
 Seen NullText()
 {
     const wchar_t* const wide = nullptr;
     const char* const narrow = nullptr;
-    return Saw(repair::FormatLine(L"%s %ls %hs", wide, wide, narrow));
+    return Saw(Formatted(L"%s %ls %hs", wide, wide, narrow));
 }
 
 Seen Numbers()
 {
-    return Saw(repair::FormatLine(L"%d %d %d", 0x80004005u, 0xFFFFFFFFu, std::uint16_t{65535}));
+    return Saw(Formatted(L"%d %d %d", 0x80004005u, 0xFFFFFFFFu, std::uint16_t{65535}));
 }
 
 Seen NarrowWithWide()

@@ -9,7 +9,6 @@
 #include <cwchar>
 
 #include "base/log.h"
-#include "base/text.h"
 
 namespace
 {
@@ -36,7 +35,7 @@ int wmain(int count, wchar_t** arguments)
         return 2;
     const unsigned long rounds = std::wcstoul(arguments[1], nullptr, 10);
     const unsigned long lines = std::wcstoul(arguments[2], nullptr, 10);
-    const std::wstring line = repair::FormatLine(kFormat, kInf, kRelease);
+    const std::wstring line = L"Found driver " + std::wstring(kInf) + L". Version [" + kRelease + L"]";
     const HANDLE file = CreateFileW((repair::GetLogFolder() + L"floor.log").c_str(), GENERIC_READ | GENERIC_WRITE,
                                     FILE_SHARE_READ, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     repair::LogLine(kFormat, kInf, kRelease);  // opens the log

@@ -1,4 +1,4 @@
-// Addresses, names and limits of the installer's acquisition.
+// Addresses, names and limits of finding or downloading the installer.
 #pragma once
 
 #include <windows.h>
@@ -12,13 +12,13 @@ inline constexpr wchar_t kReferrer[] = TAVIK_SUPPORT_ADDRESS;
 inline constexpr wchar_t kServerKey[] = L"SOFTWARE\\Tavik";
 inline constexpr wchar_t kServerFolderValue[] = L"DWXServerFolder";
 
-// The object on the server has the ending ".txt" but is the installer itself: some sites refuse to hand out programs.
+// By design the file on the server is named ".txt" although it is the installer program.
 inline constexpr wchar_t kRemoteFile[] = L"/dwx2_install.txt";
 inline constexpr wchar_t kDownloadFolder[] = L"Tavik_VLTInstallerDownload\\";
 inline constexpr wchar_t kInstallerFile[] = L"dwx2_install.exe";
 inline constexpr wchar_t kTemporaryFile[] = L"dwx2_install.exe.tmp";
 inline constexpr wchar_t kUserAgent[] = L"Tavik Marlin Install Manager";
-inline constexpr wchar_t kAcceptType[] = L"Accept: */*";  // by design the whole header text is given as the type
+inline constexpr wchar_t kAcceptType[] = L"Accept: */*";  // by design the type contains the whole header text
 
 inline constexpr DWORD kReceiveTimeoutMs = 90'000;
 inline constexpr DWORD kSendTimeoutMs = 30'000;

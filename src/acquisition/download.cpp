@@ -62,7 +62,7 @@ struct Server
     INTERNET_PORT port = 0;
 };
 
-// Logs and answers false when the URL cannot be taken apart.
+// Returns false, after logging, if the URL cannot be split.
 bool SplitUrl(const std::wstring& url, Server& server)
 {
     URL_COMPONENTSW parts = {};
@@ -108,13 +108,13 @@ InternetHandle OpenRequest(const InternetSession& session, const Server& server)
         INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_HYPERLINK | INTERNET_FLAG_PRAGMA_NOCACHE;
     if (server.port == INTERNET_DEFAULT_HTTPS_PORT)
     {
-        // By design the port alone decides about TLS: an https address on another port goes out in the clear.
+        // By design the port alone decides about TLS: an https address on another port is requested without it.
         flags |= INTERNET_FLAG_SECURE;
     }
     const wchar_t* acceptTypes[] = {kAcceptType, nullptr};
     InternetHandle request(
         HttpOpenRequestW(session.connection.Get(), L"GET", server.path, nullptr, kReferrer, acceptTypes, flags, 0));
-    // Before anybody looks whether there is a request: the error that is logged is the one that stands after these.
+    // Set before the null check: the logged error is the one these calls leave.
     const std::pair<DWORD, DWORD> timeouts[] = {{INTERNET_OPTION_RECEIVE_TIMEOUT, kReceiveTimeoutMs},
                                                 {INTERNET_OPTION_SEND_TIMEOUT, kSendTimeoutMs},
                                                 {INTERNET_OPTION_CONNECT_TIMEOUT, kConnectTimeoutMs}};
@@ -132,7 +132,7 @@ void LogReadFailure(DWORD error)
         LogLine(L"Download failed with error code: %d %s", error, FormatSystemMessage(error).c_str());
         return;
     }
-    // The server has left a text. The first call tells its length, the second fetches it.
+    // The server sent a text: the first call returns its length, the second the text.
     DWORD extendedError = 0;
     DWORD length = 0;
     InternetGetLastResponseInfoW(&extendedError, nullptr, &length);
@@ -142,58 +142,65 @@ void LogReadFailure(DWORD error)
     LogLine(L"Unable to read file from internet. Extended error code: %d %s", extendedError, text.c_str());
 }
 
-// Writes the answer's body into the file. False when it could not be had or written completely, which is logged.
-bool CopyBody(HINTERNET request, FileHandle& file, const std::wstring& temporaryPath)
+// One request and the file that its body is written to.
+struct Transfer
+{
+    FileHandle file;
+    InternetHandle request;  // closed first
+};
+
+// Writes the response body into the file and closes it. Returns false, after logging, if reading or writing fails.
+bool CopyBody(Transfer& transfer, const DownloadPlan& plan)
 {
     const auto buffer = std::make_unique<std::byte[]>(kReceiveBufferBytes);
-    std::uint32_t total = 0;  // wraps with a body of 4 GiB and more, which only the log line shows
+    std::uint32_t total = 0;  // wraps at 4 GiB; only logged
     DWORD received = 0;
     do
     {
         received = 0;
-        if (InternetReadFile(request, buffer.get(), kReceiveBufferBytes, &received) == FALSE)
+        if (InternetReadFile(transfer.request.Get(), buffer.get(), kReceiveBufferBytes, &received) == FALSE)
         {
             const DWORD error = GetLastError();
             LogReadFailure(error);
-            file.Close();
+            transfer.file.Close();
             return false;
         }
         DWORD written = 0;
-        if (WriteFile(file.Get(), buffer.get(), received, &written, nullptr) == 0 || written < received)
+        if (WriteFile(transfer.file.Get(), buffer.get(), received, &written, nullptr) == 0 || written < received)
         {
-            LogLine(L"Failed writing to file: %s", temporaryPath.c_str());
+            LogLine(L"Failed writing to file: %s", plan.temporaryPath.c_str());
             return false;
         }
         total += received;
     } while (received != 0);
 
-    FlushFileBuffers(file.Get());
-    file.Close();
+    FlushFileBuffers(transfer.file.Get());
+    transfer.file.Close();
     LogLine(L"Completed download. Total bytes downloaded: %d", total);
     return true;
 }
 
-// Sends the request and answers whether its body is the installer (status 200); the reason is logged otherwise.
-bool SendRequest(const InternetHandle& request, FileHandle& file, const std::wstring& url)
+// Sends the request. Returns whether the response body is the installer (status 200); if not, the reason is logged.
+bool SendRequest(Transfer& transfer, const std::wstring& url)
 {
-    if (!request)
+    if (!transfer.request)
     {
         const DWORD error = GetLastError();
-        file.Close();
+        transfer.file.Close();
         LogLine(L"Unable to call HttpOpenRequest to %s. Error %d", url.c_str(), error);
         return false;
     }
-    if (HttpSendRequestW(request.Get(), nullptr, 0, nullptr, 0) == FALSE)
+    if (HttpSendRequestW(transfer.request.Get(), nullptr, 0, nullptr, 0) == FALSE)
     {
         const DWORD error = GetLastError();
-        file.Close();
+        transfer.file.Close();
         LogLine(L"Unable to call HttpSendRequest to %s. Error %d", url.c_str(), error);
         return false;
     }
     DWORD status = 0;
     DWORD size = sizeof(status);
-    if (HttpQueryInfoW(request.Get(), HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status, &size, nullptr) ==
-        FALSE)
+    if (HttpQueryInfoW(transfer.request.Get(), HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status, &size,
+                       nullptr) == FALSE)
     {
         const DWORD error = GetLastError();
         LogLine(L"Unable to create query response code from %s. Error code: %d %s", url.c_str(), error,
@@ -223,22 +230,24 @@ std::wstring DownloadInstaller(std::wstring release)
     RemoveFileIfPresent(plan.finalPath);
     RemoveFileIfPresent(plan.temporaryPath);
 
-    FileHandle file(CreateFileW(plan.temporaryPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file)
+    Transfer transfer;
+    transfer.file = FileHandle(CreateFileW(plan.temporaryPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                           FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!transfer.file)
     {
         const DWORD error = GetLastError();
         LogLine(L"Unable to create file to download data into. Target path: %s. Error: %d", plan.temporaryPath.c_str(),
                 error);
         return {};
     }
-    const InternetHandle request = OpenRequest(session, server);
-    if (!SendRequest(request, file, plan.url) || !CopyBody(request.Get(), file, plan.temporaryPath))
+    transfer.request = OpenRequest(session, server);
+    if (!SendRequest(transfer, plan.url) || !CopyBody(transfer, plan))
     {
         return {};
     }
     RemoveFileIfPresent(plan.finalPath);
-    MoveFileW(plan.temporaryPath.c_str(), plan.finalPath.c_str());  // not checked: the installer's start tells
+    MoveFileW(plan.temporaryPath.c_str(),
+              plan.finalPath.c_str());  // not checked; a failed rename shows up at the installer's start
     return plan.finalPath;
 }
 }  // namespace repair

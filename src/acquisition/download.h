@@ -5,12 +5,12 @@
 
 namespace repair
 {
-// Fetches the installer of a release from the server folder into the download folder below the user's temporary folder
-// and returns the file's full path; what is there is not checked in any way. Blocks for the whole transfer.
+// Downloads the installer of a release into the download folder below the user's temporary folder and returns the
+// file's full path. The downloaded bytes are not checked. Blocks for the whole transfer.
 //
-// Every failure of the transfer is logged and gives an empty text; what arrived stays behind under the temporary name
-// until the next call. Throws std::system_error (with the WinINet code) when the session or the connection cannot be
-// opened, and std::filesystem::filesystem_error when the folder cannot be created or an old file cannot be removed.
-// When the final rename fails the path comes back all the same.
+// Returns an empty text, after logging, if the transfer fails; a partial file keeps the temporary name until the next
+// call. Returns the path even if the final rename fails. Throws std::system_error (with the WinINet code) if the
+// session or the connection cannot be opened, and std::filesystem::filesystem_error if the folder cannot be created or
+// an old file cannot be removed.
 std::wstring DownloadInstaller(std::wstring release);
 }  // namespace repair

@@ -15,7 +15,7 @@ bool BeginsWithB(const std::wstring& name)
 
 std::filesystem::path FindInstallerInFolder(const std::wstring& folder)
 {
-    if (folder.empty())  // no package carries the active release
+    if (folder.empty())  // no package contains the active release
     {
         return {};
     }

@@ -1,4 +1,4 @@
-// The installer that a driver package may carry.
+// The installer that a driver package may contain.
 #pragma once
 
 #include <filesystem>
@@ -6,12 +6,12 @@
 
 namespace repair
 {
-// Where the installer would stand: in the first subfolder, in the file system's order, whose name begins with "B" or
-// "b". Other such folders are never looked at. Empty when there is no such subfolder. Throws
-// std::filesystem::filesystem_error when the folder cannot be listed. Logs nothing.
+// Returns the path that an installer would have in the first subfolder, in the file system's order, whose name begins
+// with "B" or "b", or an empty path if there is no such subfolder. Later ones are never searched. Throws
+// std::filesystem::filesystem_error if the folder cannot be listed. Logs nothing.
 std::filesystem::path FindInstallerInFolder(const std::wstring& folder);
 
-// Full path of the installer in a driver package, or an empty text when it has none or `folder` is empty.
-// Throws std::filesystem::filesystem_error when the folder cannot be looked at. Logs nothing.
+// Returns the full path of the installer in a driver package, or an empty text if it has none or `folder` is empty.
+// Throws std::filesystem::filesystem_error if the folder cannot be searched. Logs nothing.
 std::wstring FindLocalInstaller(std::wstring folder);
 }  // namespace repair

@@ -10,11 +10,11 @@ std::wstring GetServerFolder() noexcept
 {
     try
     {
-        const std::wstring folder = ReadRegistryString(OpenMachineKey(kServerKey), L"", kServerFolderValue);
+        const std::wstring folder = ReadMachineString(kServerKey, kServerFolderValue);
         LogLine(L"Change server to %s.", folder.c_str());
         return folder;
     }
-    catch (...)  // the usual machine: nobody has set another server
+    catch (...)  // usual: no other server is set
     {
         return kDefaultServerFolder;
     }

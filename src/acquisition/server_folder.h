@@ -5,7 +5,7 @@
 
 namespace repair
 {
-// The folder set in the registry, exactly as stored, or the maker's own server when none can be read.
-// Failures stay inside; only an override is logged.
+// Returns the folder set in the registry exactly as stored, or the maker's own server if none can be read.
+// Never throws; logs only an override.
 std::wstring GetServerFolder() noexcept;
 }  // namespace repair

@@ -2,6 +2,7 @@
 
 #include <cwchar>
 #include <list>
+#include <optional>
 
 #include <windows.h>
 
@@ -19,7 +20,7 @@ namespace repair
 {
 namespace
 {
-constexpr wchar_t kInstanceEvent[] = L"Tavik_Software_Repair_Tool_Mutex";  // an event all the same
+constexpr wchar_t kInstanceEvent[] = L"Tavik_Software_Repair_Tool_Mutex";  // an event, in spite of its name
 constexpr size_t kReleasePrefixCharacters = 5;
 
 bool EqualNoCase(const std::wstring& a, const std::wstring& b)
@@ -27,7 +28,7 @@ bool EqualNoCase(const std::wstring& a, const std::wstring& b)
     return _wcsicmp(a.c_str(), b.c_str()) == 0;
 }
 
-// False when another instance holds the event.
+// False if another instance holds the event.
 bool TakeInstanceEvent(Run& run)
 {
     run.instanceEvent = EventHandle(CreateEventW(nullptr, TRUE, FALSE, kInstanceEvent));
@@ -46,32 +47,32 @@ std::list<DisplayDriverInfo> ListDrivers()
     return drivers;
 }
 
-enum class Edition
+// The edition that the driver is compared with.
+struct Edition
 {
-    kDesktop,
-    kStore,
-    kNone,
+    bool isStore;
+    std::wstring version;
 };
 
-// Which edition the comparison is made against; for the Store edition its version replaces `installedVersion`.
-Edition FindEdition(std::wstring& installedVersion)
+// The desktop edition, which has `desktopVersion`, before the Store edition; nothing if both are missing and no repair
+// is forced.
+std::optional<Edition> FindEdition(const std::wstring& desktopVersion)
 {
     if (IsDesktopEditionInstalled())
     {
-        return Edition::kDesktop;
+        return Edition{false, desktopVersion};
     }
     LogLine(L"User does not desktop VLT installed.");
     const PackageVersion version = QueryStorePackageVersion();
-    if (version.Major == 0 && version.Minor == 0 && version.Build == 0 && version.Revision == 0)
+    if (version == PackageVersion{})
     {
         if (!Force)
         {
-            return Edition::kNone;
+            return std::nullopt;
         }
         LogLine(L"User does not have VLT installed.");
     }
-    installedVersion = ReleasePrefix(std::to_wstring(version.Minor) + L"." + std::to_wstring(version.Build));
-    return Edition::kStore;
+    return Edition{true, ReleasePrefix(std::to_wstring(version.Minor) + L"." + std::to_wstring(version.Build))};
 }
 }  // namespace
 
@@ -96,24 +97,24 @@ int RunCompatibilityCheck()
         return ExitEarly(run, L"Another instance is running. Exiting.", kMessageAnotherInstance);
     }
 
-    std::wstring installedVersion = GetInstalledAppVersion();
-    const std::wstring installedDriverVersion = GetInstalledAppDriverVersion();
-    LogLine(L"Currently installed VLT is version [%s] from driver version [%s]", installedVersion.c_str(),
-            installedDriverVersion.c_str());
+    const std::wstring desktopVersion = GetInstalledAppVersion();
+    const std::wstring desktopDriverVersion = GetInstalledAppDriverVersion();
+    LogLine(L"Currently installed VLT is version [%s] from driver version [%s]", desktopVersion.c_str(),
+            desktopDriverVersion.c_str());
 
     const std::list<DisplayDriverInfo> drivers = ListDrivers();
     if (drivers.empty())
     {
         return ExitEarly(run, L"Unable to find installed Tavik display adapters. Exiting.", kMessageNoDriver);
     }
-    const Edition edition = FindEdition(installedVersion);
-    if (edition == Edition::kNone)
+    const std::optional<Edition> edition = FindEdition(desktopVersion);
+    if (!edition)
     {
         return ExitEarly(run, L"User does not have VLT installed. Exiting.", kMessageNotInstalled);
     }
 
-    const DisplayDriverInfo& driver = drivers.front();  // the greatest release decides for the whole machine
-    if (IsSameRelease(driver.releaseBase, installedVersion))
+    const DisplayDriverInfo& driver = drivers.front();  // the highest release decides for the whole machine
+    if (IsSameRelease(driver.releaseBase, edition->version))
     {
         if (!Force)
         {
@@ -124,6 +125,6 @@ int RunCompatibilityCheck()
         }
         LogLine(L"Currently installed version of VLT is from the same release as the active driver.");
     }
-    return Repair(run, driver.driverFolder, ReleasePrefix(driver.releaseBase), edition == Edition::kStore);
+    return Repair(run, driver.driverFolder, ReleasePrefix(driver.releaseBase), edition->isStore);
 }
 }  // namespace repair

@@ -45,7 +45,7 @@ void WriteMarker()
     }
 }
 
-// Only one edition stays on the machine, and the marker says that it was the Store edition that went.
+// Only one edition stays on the machine; the marker records that the Store edition was removed.
 void ReplaceStoreEdition()
 {
     RemoveStorePackages();
@@ -61,9 +61,7 @@ void ReplaceStoreEdition()
 
 void StartApplication()
 {
-    RegistryKey key = OpenMachineKey(kApplicationInstallKey);
-    const std::wstring location = ReadRegistryString(key, L"", kLocationValue);
-    key.Close();
+    const std::wstring location = ReadMachineString(kApplicationInstallKey, kLocationValue);
     LaunchProcess(location + kApplication, L"", kApplicationWaitMs, nullptr);
 }
 }  // namespace

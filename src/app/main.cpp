@@ -14,9 +14,9 @@
 namespace
 {
 constexpr int kInstallerFileMissing = 2;
-constexpr UINT kUncaught = 3;  // what a C runtime's abort gives as well
+constexpr UINT kUncaught = 3;  // the exit code of a C runtime's abort
 
-// Runs unattended: what nobody caught must not wait for somebody to close a box. The log is complete as far as it goes.
+// The tool runs unattended, so an uncaught exception must not wait in a system box. Log lines are written at once.
 [[noreturn]] void EndQuietly()
 {
     TerminateProcess(GetCurrentProcess(), kUncaught);
@@ -28,13 +28,13 @@ LONG WINAPI EndQuietlyOnSystemException(EXCEPTION_POINTERS*)
     EndQuietly();
 }
 
-int Run()
+int RunTool()
 {
     using namespace repair;
     ReadCommandLine();
     if (VltMode && InstallMode)
     {
-        if (FileExists(InstallerPath))  // a folder would be opened in a window and waited for without end
+        if (FileExists(InstallerPath))  // a folder would be opened in a window, with an endless wait
         {
             return RunDirectInstall(InstallerPath);
         }
@@ -48,11 +48,11 @@ int Run()
 
 int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, wchar_t*, int)
 {
-    // First of all, before any delay-loaded library: nothing comes from the folder that the tool was started in.
+    // Before any delay-loaded library, so that none is loaded from the folder of the tool.
     SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
     std::set_terminate(EndQuietly);
     SetUnhandledExceptionFilter(EndQuietlyOnSystemException);
 
     repair::AppInstance = instance;
-    return Run();
+    return RunTool();
 }

@@ -25,7 +25,7 @@ void ShowStatus(Run& run, int status)
     }
 }
 
-void ShowOutcome(const Run& run, bool isInstalled)
+void ShowInstallResult(const Run& run, bool isInstalled)
 {
     if (!Silent)
     {
@@ -33,7 +33,7 @@ void ShowOutcome(const Run& run, bool isInstalled)
     }
 }
 
-// An exception counts like a failed download.
+// Returns an empty text on failure; an exception counts as one.
 std::wstring Download(const std::wstring& release)
 {
     try
@@ -47,7 +47,7 @@ std::wstring Download(const std::wstring& release)
     }
 }
 
-// Path of the installer, or an empty text.
+// Path of the installer, or an empty text if none is found or downloaded.
 std::wstring AcquireInstaller(Run& run, const std::wstring& driverFolder, const std::wstring& releasePrefix)
 {
     std::wstring installer = FindLocalInstaller(driverFolder);
@@ -75,7 +75,7 @@ int InstallDesktopEdition(Run& run, const std::wstring& driverFolder, const std:
     {
         RemoveStorePackages();  // only one edition stays on the machine
     }
-    ShowOutcome(run, result == 0);
+    ShowInstallResult(run, result == 0);
     FinishRun(run);
     return result;
 }
@@ -85,9 +85,9 @@ int InstallStoreEdition(Run& run)
     ShowStatus(run, kStatusInstalling);
     LogLine(L"Attempting to download and install the UWP version of VLT.");
     const int result = InstallStoreApplication(run.window.dialog);
-    LogLine(result == 0 ? L"Successfully installed the UWP version of VLT"
-                        : L"failed to install the UWP version of VLT");
-    ShowOutcome(run, result == 0);
+    WriteLog(result == 0 ? L"Successfully installed the UWP version of VLT"
+                         : L"failed to install the UWP version of VLT");
+    ShowInstallResult(run, result == 0);
     FinishRun(run);
     return result;
 }

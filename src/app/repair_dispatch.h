@@ -1,4 +1,4 @@
-// Puts the edition in place that matches the active driver.
+// Installs the edition that matches the active driver.
 #pragma once
 
 #include <string>
@@ -7,9 +7,9 @@
 
 namespace repair
 {
-// Installs the desktop edition from the driver package in `driverFolder` or from the download server's folder for
-// `releasePrefix`; or the Store edition when that is the one in use or asked for. Shows the outcome unless silent and
-// finishes the run. Returns the exit code: the install's result, or -1 when there is no installer to be had.
-// Throws std::filesystem::filesystem_error when the driver folder cannot be looked at.
+// Installs the Store edition if it is the one in use or was asked for; otherwise the desktop edition, from the driver
+// package in `driverFolder` or from the download server's folder for `releasePrefix`. Shows the result unless silent
+// and finishes the run. Returns the exit code: the install's result, or -1 if no installer is found or downloaded.
+// Throws std::filesystem::filesystem_error if the driver folder cannot be searched.
 int Repair(Run& run, const std::wstring& driverFolder, const std::wstring& releasePrefix, bool useStore);
 }  // namespace repair

@@ -20,7 +20,7 @@ void FinishRun(Run& run)
 
 int ExitEarly(Run& run, const wchar_t* logLine, int message)
 {
-    LogLine(logLine);
+    WriteLog(logLine);
     if (!Silent)
     {
         ShowResultMessage(run.window, message);

@@ -11,13 +11,13 @@ namespace repair
 struct Run
 {
     StatusWindow window;
-    EventHandle instanceEvent;  // its existence keeps other instances out; null when it could not be had
+    EventHandle instanceEvent;  // keeps other instances out while it exists; null if it could not be created
 };
 
-// Signals and closes the instance event, ends the status window.
+// Signals and closes the instance event, then ends the status window.
 void FinishRun(Run& run);
 
-// Leaves before anything was changed: logs the line, shows the result message unless silent, finishes the run. Returns
-// the exit code of all early exits, -1.
+// Ends a run that has changed nothing: logs the line, shows the result message unless silent, finishes the run. Returns
+// -1, the exit code of all early exits.
 int ExitEarly(Run& run, const wchar_t* logLine, int message);
 }  // namespace repair

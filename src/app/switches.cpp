@@ -10,6 +10,20 @@
 
 namespace repair
 {
+namespace
+{
+struct Switch
+{
+    const wchar_t* name;
+    bool* flag;
+};
+
+constexpr Switch kSwitches[] = {
+    {L"-FORCE", &Force},   {L"-FORCEVLTUWP", &Force}, {L"-FORCEVLTUWP", &ForceUwp},
+    {L"-SILENT", &Silent}, {L"-VLT", &VltMode},       {L"-Install", &InstallMode},
+};
+}  // namespace
+
 void ReadCommandLine()
 {
     const wchar_t* const commandLine = GetCommandLineW();
@@ -18,31 +32,13 @@ void ReadCommandLine()
     wchar_t* const* const arguments = static_cast<wchar_t**>(owner.Get());
     for (int i = 1; owner && i < count; ++i)
     {
-        const auto is = [&](const wchar_t* name) { return _wcsicmp(arguments[i], name) == 0; };
-        if (is(L"-FORCE"))
+        for (const Switch& known : kSwitches)
         {
-            Force = true;
+            *known.flag |= _wcsicmp(arguments[i], known.name) == 0;
         }
-        else if (is(L"-FORCEVLTUWP"))
+        if (_wcsicmp(arguments[i], L"-Path") == 0)
         {
-            Force = true;
-            ForceUwp = true;
-        }
-        else if (is(L"-SILENT"))
-        {
-            Silent = true;
-        }
-        else if (is(L"-VLT"))
-        {
-            VltMode = true;
-        }
-        else if (is(L"-Install"))
-        {
-            InstallMode = true;
-        }
-        else if (is(L"-Path"))
-        {
-            // Whatever follows is the path, even if it looks like a switch; at the end of the line it is empty.
+            // The next argument is the path, even if it looks like a switch; the path is empty without one.
             ++i;
             InstallerPath = i < count ? arguments[i] : L"";
         }

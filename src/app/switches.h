@@ -1,4 +1,4 @@
-// What the command line said. Process-wide; set once at the start and read by the flows of this folder.
+// The switches of the command line: process-wide, set once at the start and read by the flows of this folder.
 #pragma once
 
 #include <string>
@@ -7,15 +7,15 @@
 
 namespace repair
 {
-inline bool Force = false;          // "-FORCE", "-FORCEVLTUWP": repair even when nothing seems wrong
+inline bool Force = false;          // "-FORCE", "-FORCEVLTUWP": repair the same release too
 inline bool ForceUwp = false;       // "-FORCEVLTUWP": install the Store edition
-inline bool Silent = false;         // "-SILENT": no window, no box
+inline bool Silent = false;         // "-SILENT": no window, no message box
 inline bool VltMode = false;        // "-VLT" and ...
 inline bool InstallMode = false;    // ... "-Install": install the file of "-Path" without the checks
 inline std::wstring InstallerPath;  // "-Path FILE"
 inline HINSTANCE AppInstance = nullptr;
 
-// Sets the switches from the process's command line (letter case does not matter, unknown arguments are ignored) and
-// logs it. Throws what the log throws.
+// Sets the switches from the process's command line and logs it. Letter case does not matter; unknown arguments are
+// ignored. Throws what the log throws.
 void ReadCommandLine();
 }  // namespace repair

@@ -1,5 +1,6 @@
 #include "base/files.h"
 
+#include <algorithm>
 #include <iterator>
 #include <system_error>
 #include <utility>
@@ -21,25 +22,11 @@ struct SearchKind
 };
 using SearchHandle = Owned<SearchKind>;
 
-// The codes by which Windows says that nothing of that name is there.
-bool MeansAbsent(DWORD code)
-{
-    switch (code)
-    {
-        case ERROR_FILE_NOT_FOUND:
-        case ERROR_PATH_NOT_FOUND:
-        case ERROR_INVALID_DRIVE:
-        case ERROR_BAD_NETPATH:
-        case ERROR_BAD_DEV_TYPE:
-        case ERROR_BAD_NET_NAME:
-        case ERROR_INVALID_NAME:
-        case ERROR_BAD_PATHNAME:
-        case ERROR_DIRECTORY:
-            return true;
-        default:
-            return false;
-    }
-}
+// The codes by which Windows says that nothing of that name exists.
+constexpr DWORD kAbsenceCodes[] = {
+    ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_INVALID_DRIVE, ERROR_BAD_NETPATH, ERROR_BAD_DEV_TYPE,
+    ERROR_BAD_NET_NAME,   ERROR_INVALID_NAME,   ERROR_BAD_PATHNAME,  ERROR_DIRECTORY,
+};
 
 bool IsFolder(const std::wstring& path)
 {
@@ -47,13 +34,22 @@ bool IsFolder(const std::wstring& path)
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
+// A failure is an error unless it only means that the object does not exist.
+void ThrowUnlessAbsent(const char* operation, const std::wstring& path, DWORD code)
+{
+    if (std::find(std::begin(kAbsenceCodes), std::end(kAbsenceCodes), code) == std::end(kAbsenceCodes))
+    {
+        ThrowFileError(operation, path, code);
+    }
+}
+
 bool IsDotEntry(const wchar_t* name)
 {
     return name[0] == L'.' && (name[1] == L'\0' || (name[1] == L'.' && name[2] == L'\0'));
 }
 
-// Opens without asking for any right to the content, so locked files and folders can be looked at; follows links.
-FileHandle OpenForLooking(const std::wstring& path)
+// Asks for no right to the data, so locked files and folders can be opened too; follows links.
+FileHandle OpenForAttributes(const std::wstring& path)
 {
     return FileHandle(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
@@ -78,10 +74,11 @@ struct Entry
 {
     std::wstring path;
     DWORD attributes = 0;
+    bool isListed = false;  // the entries below it are pending
 };
 
-// What stands in a folder that is about to be removed. The search is closed before anything is removed. A folder that
-// is gone meanwhile has no entries; any other failure is left to the removal of the folder itself.
+// The entries of a folder that will be removed; none if it cannot be listed, because the removal of the folder then
+// reports the failure. The search is closed before anything is removed.
 std::vector<Entry> ListForRemoval(const std::wstring& folder)
 {
     std::vector<Entry> entries;
@@ -95,16 +92,49 @@ std::vector<Entry> ListForRemoval(const std::wstring& folder)
     {
         if (!IsDotEntry(data.cFileName))
         {
-            entries.push_back({Join(folder, data.cFileName), data.dwFileAttributes});
+            entries.push_back({Join(folder, data.cFileName), data.dwFileAttributes, false});
         }
     } while (FindNextFileW(search.Get(), &data) != 0);
     return entries;
 }
 
-// A folder whose entries go first. A link to a folder is not entered: it is removed like an empty folder.
+// True for a folder whose entries must be removed first. A link to a folder is removed like an empty folder.
 bool HasOwnEntries(DWORD attributes)
 {
     return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
+}
+
+// Finds a path by the listing of its folder.
+DWORD FindErrorOf(const std::wstring& path)
+{
+    WIN32_FIND_DATAW data = {};
+    const SearchHandle search(FindFirstFileW(path.c_str(), &data));
+    return search ? ERROR_SUCCESS : GetLastError();
+}
+
+// ERROR_SUCCESS if an object exists at the path or at the end of the link there, otherwise the code that says why not.
+DWORD ExistenceError(const std::wstring& path)
+{
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+    {
+        const DWORD error = GetLastError();
+        return error == ERROR_SHARING_VIOLATION ? FindErrorOf(path) : error;  // some system files can only be listed
+    }
+    const bool isLink = (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+    return !isLink || OpenForAttributes(path) ? ERROR_SUCCESS : GetLastError();
+}
+
+// Whether a link leads to a folder; false if its target does not exist.
+bool LeadsToFolder(const std::wstring& link)
+{
+    BY_HANDLE_FILE_INFORMATION target = {};
+    const FileHandle file = OpenForAttributes(link);
+    if (!file || GetFileInformationByHandle(file.Get(), &target) == 0)
+    {
+        ThrowUnlessAbsent("directory_entry::status", link, GetLastError());
+    }
+    return (target.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 }  // namespace
 
@@ -156,10 +186,7 @@ void RemoveFileIfPresent(const std::wstring& path)
         }
         error = GetLastError();
     }
-    if (!MeansAbsent(error))
-    {
-        ThrowFileError("remove", path, error);
-    }
+    ThrowUnlessAbsent("remove", path, error);
 }
 
 void RemoveAll(const std::wstring& path)
@@ -167,31 +194,26 @@ void RemoveAll(const std::wstring& path)
     const DWORD attributes = GetFileAttributesW(path.c_str());
     if (attributes == INVALID_FILE_ATTRIBUTES)
     {
-        const DWORD error = GetLastError();
-        if (!MeansAbsent(error))
-        {
-            ThrowFileError("remove_all", path, error);
-        }
+        ThrowUnlessAbsent("remove_all", path, GetLastError());
         return;
     }
 
-    // A stack of our own instead of recursion: how deep strangers nest folders is not ours to choose.
-    std::vector<std::pair<Entry, bool>> pending;  // the flag: its entries are already on the stack
-    pending.push_back({{path, attributes}, false});
+    // Not recursive, because folders can be nested to any depth.
+    std::vector<Entry> pending = {{path, attributes, false}};
     while (!pending.empty())
     {
-        const Entry entry = pending.back().first;
-        if (HasOwnEntries(entry.attributes) && !pending.back().second)
+        const Entry entry = pending.back();
+        if (HasOwnEntries(entry.attributes) && !entry.isListed)
         {
-            pending.back().second = true;
+            pending.back().isListed = true;
             for (Entry& below : ListForRemoval(entry.path))
             {
-                pending.emplace_back(std::move(below), false);
+                pending.push_back(std::move(below));
             }
             continue;
         }
         pending.pop_back();
-        // One attempt each. What is deleted but still open elsewhere makes the folder above it "not empty", an error.
+        // One attempt each. A file deleted but still open elsewhere makes the folder above it "not empty", an error.
         const bool removed = (entry.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0
                                  ? RemoveDirectoryW(entry.path.c_str()) != 0
                                  : DeleteFileW(entry.path.c_str()) != 0;
@@ -209,31 +231,12 @@ void RemoveAll(const std::wstring& path)
 
 bool Exists(const std::wstring& path)
 {
-    const DWORD attributes = GetFileAttributesW(path.c_str());
-    DWORD error = ERROR_SUCCESS;
-    if (attributes == INVALID_FILE_ATTRIBUTES)
+    const DWORD error = ExistenceError(path);
+    if (error != ERROR_SUCCESS)
     {
-        error = GetLastError();
-        if (error == ERROR_SHARING_VIOLATION)  // some system files can be seen in their folder only
-        {
-            WIN32_FIND_DATAW data = {};
-            const SearchHandle search(FindFirstFileW(path.c_str(), &data));
-            error = search ? ERROR_SUCCESS : GetLastError();
-        }
+        ThrowUnlessAbsent("exists", path, error);
     }
-    else if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && !OpenForLooking(path))
-    {
-        error = GetLastError();
-    }
-    if (error == ERROR_SUCCESS)
-    {
-        return true;
-    }
-    if (!MeansAbsent(error))
-    {
-        ThrowFileError("exists", path, error);
-    }
-    return false;
+    return error == ERROR_SUCCESS;
 }
 
 bool FileExists(const std::wstring& path)
@@ -248,7 +251,7 @@ bool SameObject(const std::wstring& first, const std::wstring& second)
     FileHandle files[std::size(paths)];  // both open while the ids are compared: an id can be reused after closing
     for (size_t i = 0; i < std::size(paths); ++i)
     {
-        files[i] = OpenForLooking(*paths[i]);
+        files[i] = OpenForAttributes(*paths[i]);
         if (!files[i] || GetFileInformationByHandle(files[i].Get(), &information[i]) == 0)
         {
             ThrowFileError("equivalent", *paths[i], GetLastError());
@@ -280,21 +283,8 @@ std::filesystem::path FindSubfolder(const std::wstring& folder, bool (*wanted)(c
             continue;
         }
         const std::wstring path = Join(folder, data.cFileName);
-        bool isFolder = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-        if ((data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
-        {
-            BY_HANDLE_FILE_INFORMATION target = {};
-            const FileHandle file = OpenForLooking(path);
-            if (!file || GetFileInformationByHandle(file.Get(), &target) == 0)
-            {
-                const DWORD error = GetLastError();
-                if (!MeansAbsent(error))
-                {
-                    ThrowFileError("directory_entry::status", path, error);
-                }
-            }
-            isFolder = (target.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;  // false for a link to nothing
-        }
+        const bool isLink = (data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+        const bool isFolder = isLink ? LeadsToFolder(path) : (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
         if (isFolder && wanted(data.cFileName))
         {
             return path;

@@ -10,20 +10,25 @@ namespace repair
 struct FileKind
 {
     using Handle = HANDLE;
-    static Handle None() noexcept { return INVALID_HANDLE_VALUE; }  // CreateFileW's own mark, not null
+    static Handle None() noexcept
+    {
+        return INVALID_HANDLE_VALUE;
+    }  // not null: this is what CreateFileW returns on failure
     static void Close(Handle file) noexcept { CloseHandle(file); }
 };
 using FileHandle = Owned<FileKind>;
 
-struct EventKind
+// A kernel object whose functions return null on failure.
+struct ObjectKind
 {
     using Handle = HANDLE;
     static Handle None() noexcept { return nullptr; }
-    static void Close(Handle event) noexcept { CloseHandle(event); }
+    static void Close(Handle object) noexcept { CloseHandle(object); }
 };
-using EventHandle = Owned<EventKind>;
+using EventHandle = Owned<ObjectKind>;
+using ProcessHandle = Owned<ObjectKind>;
 
-// Memory that the system allocated and LocalFree releases (message texts, access lists, security descriptors).
+// Memory released with LocalFree: message texts, access lists, security descriptors.
 struct LocalMemoryKind
 {
     using Handle = void*;

@@ -1,11 +1,11 @@
-// Functions that are looked up at run time, because not every Windows has them or start-up should not wait for them.
+// Functions that are looked up at run time: not every Windows has them, or loading their library would delay the start.
 #pragma once
 
 #include <windows.h>
 
 namespace repair
 {
-// Null when there is no library or it lacks the function. `Function` is the pointer type.
+// Returns null without a library or if it lacks the function. `Function` is the pointer type.
 template <typename Function>
 Function LookUpFunction(HMODULE library, const char* name)
 {

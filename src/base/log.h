@@ -2,17 +2,20 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace repair
 {
 // Folder of the log files, with a trailing backslash, on the drive that holds the Windows directory.
 std::wstring GetLogFolder();
 
-// Appends one line: the characters of `line`, then a line feed. The first call creates the folder and the file; when
-// the folder cannot be created it throws std::filesystem::filesystem_error ("create_directories"), and the next call
-// tries again. A file that cannot be created or written is passed over silently.
-void WriteLog(const std::wstring& line);
+// Appends one finished line: its characters, then a line feed. The first call creates the folder and the file. Throws
+// std::filesystem::filesystem_error ("create_directories") if the folder cannot be created; the next call tries again.
+// A file that cannot be created or written is ignored.
+void WriteLog(std::wstring_view line);
 
-// FormatLine and WriteLog in one step. Throws what WriteLog throws.
+// Formats a line and writes it. `format` is a literal of the Windows C runtime's wide printf family: "%s" and "%ls"
+// take wide text, "%hs" narrow text (each byte becomes one character). The line is cut after 1023 characters and at the
+// first NUL; a format that the runtime rejects gives the text before the fault. Throws what WriteLog throws.
 void LogLine(const wchar_t* format, ...);
 }  // namespace repair

@@ -3,7 +3,7 @@
 
 namespace repair
 {
-// Owns one handle of a kind and closes it on destruction. The kind says what "none" is and how the handle is closed:
+// Owns one handle of a kind and closes it on destruction. The kind defines what "none" is and how to close the handle:
 //     struct FileKind { using Handle = HANDLE; static Handle None() noexcept; static void Close(Handle) noexcept; };
 // Two handles in one object are closed in the reverse order of their declaration.
 template <typename Kind>
@@ -31,7 +31,7 @@ public:
     [[nodiscard]] Handle Get() const noexcept { return handle_; }
     explicit operator bool() const noexcept { return handle_ != Kind::None(); }
 
-    // Gives the handle away; the caller closes it.
+    // Passes the handle to the caller, who closes it.
     [[nodiscard]] Handle Release() noexcept
     {
         const Handle handle = handle_;
@@ -39,7 +39,7 @@ public:
         return handle;
     }
 
-    // Closes now; nothing happens when there is no handle.
+    // Closes now; does nothing without a handle.
     void Close() noexcept
     {
         if (*this)

@@ -23,8 +23,7 @@ std::wstring ReadRegistryString(const RegistryKey& key, const std::wstring& subK
     const LSTATUS firstStatus =
         RegGetValueW(key.Get(), subKey.c_str(), valueName.c_str(), RRF_RT_REG_SZ, nullptr, nullptr, &size);
 
-    // Room for two characters more: a value of an odd number of bytes is copied whole, half a character included, and
-    // without a terminator.
+    // Two characters more: a value with an odd number of bytes is copied with its half character, without a terminator.
     std::vector<wchar_t> buffer;
     if (size / sizeof(wchar_t) >= 1)
     {
@@ -38,6 +37,11 @@ std::wstring ReadRegistryString(const RegistryKey& key, const std::wstring& subK
         throw RegKeyError(firstStatus, std::system_category(), "Unable to get registry value");
     }
     return buffer.empty() ? std::wstring() : std::wstring(buffer.data());
+}
+
+std::wstring ReadMachineString(const std::wstring& path, const std::wstring& valueName)
+{
+    return ReadRegistryString(OpenMachineKey(path), L"", valueName);
 }
 
 std::string FormatRegistryWriteError(const std::wstring& valueName, int data)

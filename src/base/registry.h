@@ -19,29 +19,25 @@ struct RegistryKeyKind
 // Owner of one open key.
 using RegistryKey = Owned<RegistryKeyKind>;
 
-// A registry call failed. code() is the Windows status in the system category, what() the message, ": " and the
+// A failed registry call. code() is the Windows status in the system category; what() is the message, ": " and the
 // system's text for the code.
 class RegKeyError : public std::system_error
 {
 public:
-    RegKeyError(int status, const std::error_category& category, const char* message)
-        : std::system_error(status, category, message)
-    {
-    }
-    RegKeyError(int status, const std::error_category& category, const std::string& message)
-        : std::system_error(status, category, message)
-    {
-    }
+    using std::system_error::system_error;  // status, category and a narrow text
 };
 
-// Opens a key of HKEY_LOCAL_MACHINE for reading, in the view of the process (64-bit). Throws RegKeyError with
-// "Unable to open registry key". Logs nothing.
+// Opens a key of HKEY_LOCAL_MACHINE for reading, in the view of the process (64-bit). Throws RegKeyError
+// "Unable to open registry key" on failure. Logs nothing.
 RegistryKey OpenMachineKey(const std::wstring& path);
 
-// Text of a string value up to its first NUL. An empty `subKey` means the key itself. Throws RegKeyError with
-// "Unable to get registry value" when the value is missing or not a string (the system also takes an expandable string
-// for one, and expands it); the status carried is that of the first read, which asks for the size. Logs nothing.
+// Returns the text of a string value up to its first NUL. An empty `subKey` means the key itself. Throws RegKeyError
+// "Unable to get registry value" if the value is missing or no string (the system accepts and expands an expandable
+// string too). The error carries the status of the first read, which asks for the size. Logs nothing.
 std::wstring ReadRegistryString(const RegistryKey& key, const std::wstring& subKey, const std::wstring& valueName);
+
+// OpenMachineKey and ReadRegistryString in one step; the key is closed again. Throws what they throw.
+std::wstring ReadMachineString(const std::wstring& path, const std::wstring& valueName);
 
 // The message of a failed write of a number, at most 259 characters.
 std::string FormatRegistryWriteError(const std::wstring& valueName, int data);

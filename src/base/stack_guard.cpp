@@ -1,8 +1,8 @@
-// What the compiler's stack protection calls.
+// The functions that the compiler's stack protection needs.
 //
-// The toolchain's own implementation asks the cryptography DLLs for a random number before wWinMain runs, so before the
-// library search path is restricted. Its value only has to differ from run to run and stay unknown to a
-// file that the tool reads; clocks, ids and addresses are enough for that.
+// The toolchain's own ones load cryptography DLLs for a random number before wWinMain can restrict the library search
+// path. The value only has to differ from run to run and be unknown to the author of a file that the tool reads;
+// clocks, ids and addresses are enough for that.
 #if defined(__MINGW32__)
 #include <windows.h>
 
@@ -24,7 +24,7 @@ uintptr_t __stack_chk_guard = 0x9E3779B97F4A7C15;
 
 namespace
 {
-// Before every other constructor. Not protected itself: it changes the guard. (Both compilers know this spelling.)
+// Runs before every other constructor. Not protected itself, because it changes the guard.
 __attribute__((constructor(101), no_stack_protector)) void SeedStackGuard()
 {
     FILETIME now = {};

@@ -5,9 +5,8 @@
 
 namespace repair
 {
-// Writes the text as it is, without a line end, to the standard output, which a caller has redirected to a file or a
-// pipe; in the system's code page, a character that it lacks as "?" (the library's wide stream
-// would lose it and all that follows). Without a standard output nothing happens. Never
-// logs.
+// Writes the text without a line end to the standard output that the caller has redirected to a file or a pipe, in the
+// system's code page. A character that the code page lacks becomes "?"; the library's wide stream would lose it and the
+// rest of the text. Does nothing without a standard output. Logs nothing.
 void WriteStandardOutput(const std::wstring& text);
 }  // namespace repair

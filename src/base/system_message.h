@@ -1,4 +1,4 @@
-// The system's own words for an error code.
+// The system's text for an error code.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace repair
 {
-// The message text of a Win32, SetupAPI or WinINet error code or of an HRESULT, exactly as long as the system gives it
-// (it usually ends in a blank). Empty when there is no text. Logs nothing.
+// Returns the system's text for a Win32, SetupAPI or WinINet error code or an HRESULT, unchanged (it usually ends in a
+// blank), or an empty text if there is none. Logs nothing.
 std::wstring FormatSystemMessage(DWORD code);
 }  // namespace repair

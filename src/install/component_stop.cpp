@@ -14,8 +14,8 @@ namespace repair
 {
 namespace
 {
-// Image names of the application's programs, in the order in which they are killed.
-constexpr const wchar_t* ComponentList[] = {
+// Image names of the application's programs, killed in this order.
+constexpr const wchar_t* kComponents[] = {
     L"hlcmd.exe", L"CorvelSettings.exe", L"Corvelsoftware.exe", L"tavikow.exe", L"TavikLPServ.exe",
 };
 
@@ -23,12 +23,10 @@ void AskApplicationToExit()
 {
     try
     {
-        RegistryKey key = OpenMachineKey(kApplicationInstallKey);
-        const std::wstring location = ReadRegistryString(key, L"", kLocationValue);
-        key.Close();
+        const std::wstring location = ReadMachineString(kApplicationInstallKey, kLocationValue);
         LaunchProcess(location + kCommandTool, kCommandToolExit, kProgramWaitMs, nullptr);
     }
-    catch (...)  // not installed, or not completely: there is nobody to ask
+    catch (...)  // not installed, or not completely
     {
     }
 }
@@ -41,7 +39,7 @@ void StopRunningComponents()
     wchar_t systemFolder[kPathCharacters] = {};
     GetSystemDirectoryW(systemFolder, static_cast<UINT>(std::size(systemFolder)));
     const std::wstring killProgram = (std::filesystem::path(systemFolder) / kKillProgram).wstring();
-    for (const wchar_t* name : ComponentList)
+    for (const wchar_t* name : kComponents)
     {
         // By design with a blank in front; the log shows the parameters like this.
         const std::wstring parameters = std::wstring(L" /IM \"") + name + L"\" /F";

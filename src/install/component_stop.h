@@ -3,7 +3,7 @@
 
 namespace repair
 {
-// Asks the application to exit, then kills its programs by name. Every step is tried whatever the one before did; each
-// start writes its own log line. Takes up to 30 seconds for each of the six starts. Nothing is reported.
+// Asks the application to exit, then kills its programs by name. Ignores failures; each of the six starts writes its
+// own log line and takes up to 30 seconds.
 void StopRunningComponents();
 }  // namespace repair

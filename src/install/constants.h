@@ -7,7 +7,7 @@
 
 namespace repair
 {
-// Upgrade codes of the three component families. The first one also tells whether the desktop edition is installed.
+// Upgrade codes of the three component families. The first one is also the mark of an installed desktop edition.
 inline const std::wstring kHaldenUpgradeCode = L"{5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}";
 inline const std::wstring kDvrUpgradeCode = L"{8E41A6D2-0C9B-4F73-A215-6B7D3E9F0A58}";
 inline const std::wstring kPxlUpgradeCode = L"{B07F3C95-4D28-4E6A-8B31-9F5A2C7E1D04}";

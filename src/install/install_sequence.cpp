@@ -32,22 +32,21 @@ std::wstring ExtractionFolder()
 
 void Extract(const std::wstring& installerPath, const std::wstring& folder)
 {
-    CreateSecureDirectory(folder);  // the sequence goes on without it as well as it may
-    // Nobody exchanges the file under the elevated start. Where it cannot be held, the start itself tells what is
-    // wrong.
+    CreateSecureDirectory(folder);  // by design the sequence goes on after a failure
+    // Hold the file open so it cannot be swapped before the elevated start. If that fails, the start logs the reason.
     const FileHandle held(CreateFileW(installerPath.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                       FILE_ATTRIBUTE_NORMAL, nullptr));
-    // No quotes: the installer takes everything behind "/D=" up to the end of the line, blanks included.
+    // No quotes: the installer takes all text behind "/D=" as the folder, blanks included.
     LaunchProcess(installerPath, kExtractionParameters + folder, INFINITE, folder.c_str());
 }
 
-void RemoveProducts(const wchar_t* logLine, const std::list<std::wstring>& packages)
+void RemoveProducts(const wchar_t* family, const std::list<std::wstring>& packages)
 {
     for (const std::wstring& package : packages)
     {
-        LogLine(logLine, package.c_str());
+        LogLine(L"Uninstalling installed %s %s", family, package.c_str());
         const UINT result = MsiInstallProductW(package.c_str(), kRemovalProperties);
-        LogLine(L"\tResult = %d", result);  // as it came, a wanted reboot included; a failure does not stop the rest
+        LogLine(L"\tResult = %d", result);  // a failure does not stop the other removals
     }
 }
 
@@ -77,12 +76,12 @@ std::int32_t RunInstallSequence(std::wstring installerPath, bool installAllCompo
     const std::list<std::wstring> haldenProducts = FindRelatedProductPackages(kHaldenUpgradeCode);
     const std::list<std::wstring> dvrProducts = FindRelatedProductPackages(kDvrUpgradeCode);
     const std::list<std::wstring> pxlProducts = FindRelatedProductPackages(kPxlUpgradeCode);
-    const std::wstring customDir = GetCustomInstallDir();  // asked before the removal takes the registered folder away
+    const std::wstring customDir = GetCustomInstallDir();  // read before the removal deletes the registered folder
 
     StopRunningComponents();
-    RemoveProducts(L"Uninstalling installed Halden %s", haldenProducts);
-    RemoveProducts(L"Uninstalling installed DVR %s", dvrProducts);
-    RemoveProducts(L"Uninstalling installed PXL %s", pxlProducts);
+    RemoveProducts(L"Halden", haldenProducts);
+    RemoveProducts(L"DVR", dvrProducts);
+    RemoveProducts(L"PXL", pxlProducts);
 
     const std::int32_t result = InstallPackage(mainPackage, customDir);
     if (!dvrProducts.empty() || installAllComponents)

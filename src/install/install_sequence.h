@@ -1,4 +1,4 @@
-// Turns an installer file into an installed desktop edition.
+// Installs the desktop edition from an installer file.
 #pragma once
 
 #include <cstdint>
@@ -6,12 +6,12 @@
 
 namespace repair
 {
-// Unpacks the installer, stops the application, removes its products and installs the new ones: the main package
-// always, the others where they were present before or with `installAllComponents`. Blocks without a time limit.
-// Returns 2 when the installer has unpacked no main package (nothing was stopped or removed then), otherwise the result
-// of the main package: 0 for success, also when a reboot is needed, else the Windows Installer's code. All
-// other results are only logged. Exceptions of the file system and of allocation pass through.
-// From here on every Windows Installer call of the process runs without user interface.
+// Unpacks the installer, stops the application, removes its products and installs the new ones: always the main
+// package, the others if they were present before or with `installAllComponents`. Blocks without a time limit. From
+// here on every Windows Installer call of the process runs without user interface. Returns 2 if the installer unpacks
+// no main package (nothing is stopped or removed then), otherwise the result of the main package: 0 for success, also
+// if a reboot is needed, or the Windows Installer's code. All other results are only logged. Exceptions of the file
+// system and of allocation pass through.
 std::int32_t RunInstallSequence(std::wstring installerPath, bool installAllComponents);
 
 // RunInstallSequence for the families that are present; a standard exception is logged and gives -1.

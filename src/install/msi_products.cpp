@@ -18,7 +18,7 @@ std::list<std::wstring> FindRelatedProductPackages(std::wstring upgradeCode)
 {
     std::list<std::wstring> packages;
     wchar_t productCode[kProductCodeCharacters] = {};
-    // By design only the end of the list ends the loop: after an error the code read before is looked up once more.
+    // By design only the end of the list ends the loop: an error queries the product code read before once more.
     for (DWORD index = 0; MsiEnumRelatedProductsW(upgradeCode.c_str(), 0, index, productCode) != ERROR_NO_MORE_ITEMS;
          ++index)
     {
@@ -62,10 +62,7 @@ std::wstring GetCustomInstallDir() noexcept
 {
     try
     {
-        RegistryKey key = OpenMachineKey(kApplicationInstallKey);
-        const std::wstring registered = ReadRegistryString(key, L"", kInstallDirValue);
-        key.Close();
-
+        const std::wstring registered = ReadMachineString(kApplicationInstallKey, kInstallDirValue);
         wchar_t programFiles[kPathCharacters] = {};
         SHGetSpecialFolderPathW(nullptr, programFiles, CSIDL_PROGRAM_FILES, FALSE);
         const std::wstring defaultFolder = (std::filesystem::path(programFiles) / kDefaultInstallFolder).wstring();
@@ -75,7 +72,7 @@ std::wstring GetCustomInstallDir() noexcept
         }
         return SameObject(registered, defaultFolder) ? std::wstring() : registered;
     }
-    catch (...)  // nothing registered, or a folder that is not there any more
+    catch (...)  // nothing registered, or the registered folder does not exist any more
     {
         return {};
     }

@@ -3,30 +3,19 @@
 #include <windows.h>
 #include <shellapi.h>
 
+#include "base/handles.h"
 #include "base/log.h"
-#include "base/owned.h"
 #include "base/system_message.h"
 
 namespace repair
 {
-namespace
-{
-struct ProcessKind
-{
-    using Handle = HANDLE;
-    static Handle None() noexcept { return nullptr; }
-    static void Close(Handle process) noexcept { CloseHandle(process); }
-};
-using ProcessHandle = Owned<ProcessKind>;
-}  // namespace
-
 std::int32_t LaunchProcess(const std::wstring& file, const std::wstring& parameters, DWORD timeoutMs,
                            const wchar_t* workingDirectory)
 {
     SHELLEXECUTEINFOW start = {};
     static_assert(sizeof(start) == 112);
     start.cbSize = sizeof(start);
-    // No zone question, no box of the shell, everything done when the call returns, and a handle to wait on.
+    // No zone question, no box of the shell, a finished start when the call returns, and a process handle.
     start.fMask = SEE_MASK_NOZONECHECKS | SEE_MASK_FLAG_NO_UI | SEE_MASK_NOASYNC | SEE_MASK_NOCLOSEPROCESS;
     start.lpVerb = L"open";
     start.lpFile = file.c_str();
@@ -42,7 +31,7 @@ std::int32_t LaunchProcess(const std::wstring& file, const std::wstring& paramet
     }
 
     const ProcessHandle process(start.hProcess);
-    WaitForSingleObject(process.Get(), timeoutMs);  // whatever comes of it, the exit code tells
+    WaitForSingleObject(process.Get(), timeoutMs);  // the exit code shows the result
     DWORD exitCode = 0;
     if (GetExitCodeProcess(process.Get(), &exitCode) == FALSE)
     {

@@ -32,7 +32,7 @@ std::wstring QuerySession(DWORD session, WTS_INFO_CLASS information)
     return text != nullptr ? std::wstring(text) : std::wstring();
 }
 
-// Domain and name of the user whose session the tool runs in, who need not be the administrator that it runs as.
+// Domain and name of the user of the tool's session, who may be another one than the administrator it runs as.
 std::wstring SessionUser()
 {
     DWORD session = 0;
@@ -63,39 +63,35 @@ EXPLICIT_ACCESSW Allow(DWORD rights, TRUSTEE_FORM form, wchar_t* trustee)
     return entry;
 }
 
-// The access list; nothing when it cannot be made, and then the last error in `error`.
-LocalMemory MakeAccessList(DWORD& error)
+// Who may do what in the folder. The entries point to the other members.
+struct AccessEntries
 {
-    WellKnownSid administrators(WinBuiltinAdministratorsSid);
-    WellKnownSid localSystem(WinLocalSystemSid);
+    WellKnownSid administrators{WinBuiltinAdministratorsSid};
+    WellKnownSid localSystem{WinLocalSystemSid};
     std::wstring user = SessionUser();
-    EXPLICIT_ACCESSW entries[] = {
+    EXPLICIT_ACCESSW entries[3] = {
         Allow(GENERIC_ALL, TRUSTEE_IS_SID, reinterpret_cast<wchar_t*>(administrators.bytes)),
         Allow(GENERIC_ALL, TRUSTEE_IS_SID, reinterpret_cast<wchar_t*>(localSystem.bytes)),
         Allow(GENERIC_READ | GENERIC_EXECUTE | DELETE, TRUSTEE_IS_NAME, user.data()),
     };
-    ACL* list = nullptr;
-    if (SetEntriesInAclW(static_cast<ULONG>(std::size(entries)), entries, nullptr, &list) != ERROR_SUCCESS)
-    {
-        error = GetLastError();
-        return {};
-    }
-    return LocalMemory(list);
-}
+};
 }  // namespace
 
 DWORD CreateSecureDirectory(const std::wstring& folder)
 {
-    DWORD error = ERROR_SUCCESS;
-    const LocalMemory accessList = MakeAccessList(error);
-    if (!accessList)
+    AccessEntries access;
+    ACL* list = nullptr;
+    if (SetEntriesInAclW(static_cast<ULONG>(std::size(access.entries)), access.entries, nullptr, &list) !=
+        ERROR_SUCCESS)
     {
-        return error;
+        return GetLastError();
     }
+    const LocalMemory accessList(list);
     const LocalMemory descriptor(LocalAlloc(LPTR, SECURITY_DESCRIPTOR_MIN_LENGTH));
-    if (!descriptor || InitializeSecurityDescriptor(descriptor.Get(), SECURITY_DESCRIPTOR_REVISION) == FALSE ||
+    if (!accessList || !descriptor ||
+        InitializeSecurityDescriptor(descriptor.Get(), SECURITY_DESCRIPTOR_REVISION) == FALSE ||
         SetSecurityDescriptorDacl(descriptor.Get(), TRUE, static_cast<ACL*>(accessList.Get()), FALSE) == FALSE ||
-        // The user's temporary folder hands down full control to the user; here that would undo the list.
+        // Otherwise the user would inherit full control from the temporary folder.
         SetSecurityDescriptorControl(descriptor.Get(), SE_DACL_PROTECTED, SE_DACL_PROTECTED) == FALSE)
     {
         return GetLastError();
@@ -104,7 +100,6 @@ DWORD CreateSecureDirectory(const std::wstring& folder)
     static_assert(sizeof(attributes) == 24 && SECURITY_DESCRIPTOR_MIN_LENGTH == 40);
     attributes.nLength = sizeof(attributes);
     attributes.lpSecurityDescriptor = descriptor.Get();
-    attributes.bInheritHandle = FALSE;
 
     CreateDirectories(std::filesystem::path(folder).parent_path().wstring());
     RemoveAll(folder);
@@ -112,8 +107,8 @@ DWORD CreateSecureDirectory(const std::wstring& folder)
     {
         return GetLastError();
     }
-    // Never closed: while this unshared file is open nobody can remove or replace the folder that the installer unpacks
-    // into. The system deletes the file when the process ends.
+    // Never closed: while this unshared file is open, the folder cannot be removed or replaced. The system deletes the
+    // file when the process ends.
     CreateFileW((folder + kMarkerFile).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                 FILE_FLAG_DELETE_ON_CLOSE, nullptr);
     return ERROR_SUCCESS;

@@ -15,7 +15,7 @@ inline constexpr wchar_t kSecondVendorId[] = L"VEN_1E7C";
 inline constexpr wchar_t kDriverKeys[] = L"SYSTEM\\CurrentControlSet\\Control\\Class\\";
 inline constexpr wchar_t kReleaseVersionValue[] = L"ReleaseVersion";
 
-// Words of the generic drivers that Windows brings along.
+// Part of the description of the generic drivers that come with Windows.
 inline constexpr wchar_t kGenericDriverMaker[] = L"Microsoft";
 
 inline constexpr wchar_t kApplicationKey[] = L"SOFTWARE\\Tavik\\HL";

@@ -22,12 +22,12 @@ namespace repair
 {
 namespace
 {
-// Sizes that SetupAPI checks; another packing of the structures would be refused at run time.
+// SetupAPI checks these sizes; it refuses other packings of the structures at run time.
 static_assert(sizeof(SP_DEVINFO_DATA) == 32);
 static_assert(sizeof(SP_DRVINFO_DATA_V2_W) == 1568);
 static_assert(sizeof(SP_DRVINFO_DETAIL_DATA_W) == 1584);
 
-// DEVPKEY_Device_ProblemCode; the toolchain has no library that defines it.
+// DEVPKEY_Device_ProblemCode; no library of the toolchain defines it.
 constexpr DEVPROPKEY kProblemCodeProperty = {
     {0x4340A6C5, 0x93FA, 0x4706, {0x97, 0x2C, 0x7B, 0x64, 0x80, 0x08, 0xA5, 0xA7}}, 3};
 constexpr DEVPROPTYPE kUnsigned32 = 7;  // DEVPROP_TYPE_UINT32
@@ -40,7 +40,7 @@ struct DeviceListKind
 };
 using DeviceList = Owned<DeviceListKind>;
 
-// What the log shows of a SetupAPI failure: HRESULT_FROM_SETUPAPI of the code, and its text.
+// A SetupAPI failure as the log shows it: HRESULT_FROM_SETUPAPI of the code, and its text.
 struct SetupFailure
 {
     explicit SetupFailure(DWORD code) : result(ToResult(code)), text(FormatSystemMessage(result)) {}
@@ -59,15 +59,15 @@ struct SetupFailure
     std::wstring text;
 };
 
-// Buffers that live through the whole enumeration. They are never cleared: when a call fails, what the device or
-// package before left in them is used.
+// Buffers for the whole enumeration, by design never cleared: after a failed call the value of the device or package
+// before is used.
 struct SharedBuffers
 {
     wchar_t instanceId[kInstanceIdCharacters] = {};
     wchar_t storePath[MAX_PATH] = {};
 };
 
-// A text property of a device; without `wasRead` the text is empty and `error` tells why.
+// A text property of a device; without `wasRead` the text is empty and `error` is the cause.
 struct DeviceText
 {
     bool wasRead = false;
@@ -79,7 +79,7 @@ DeviceText ReadDeviceText(HDEVINFO devices, SP_DEVINFO_DATA& device, DWORD prope
 {
     DWORD bytes = 0;
     SetupDiGetDeviceRegistryPropertyW(devices, &device, property, nullptr, nullptr, 0, &bytes);
-    // As many characters as bytes are asked for: whatever comes, a terminator follows it.
+    // One character for each byte, so that a terminator always follows the text.
     const auto buffer = std::make_unique<wchar_t[]>(size_t{bytes} + 1);
     if (SetupDiGetDeviceRegistryPropertyW(devices, &device, property, nullptr, reinterpret_cast<BYTE*>(buffer.get()),
                                           bytes, nullptr) == 0)
@@ -94,13 +94,12 @@ bool IsMakersAdapter(const std::wstring& instanceId)
     return ContainsNoCase(instanceId, kVendorId) || ContainsNoCase(instanceId, kSecondVendorId);
 }
 
-// The release of the active driver from its registry key; false when it cannot be read, which is logged.
+// Reads the release of the active driver from its registry key. Returns false, after logging, on failure.
 bool ReadActiveRelease(DisplayDriverInfo& record)
 {
     try
     {
-        const RegistryKey key = OpenMachineKey(record.driverKeyPath);
-        record.releaseVersion = ReadRegistryString(key, L"", kReleaseVersionValue);
+        record.releaseVersion = ReadMachineString(record.driverKeyPath, kReleaseVersionValue);
         record.releaseBase = record.releaseVersion.substr(0, record.releaseVersion.find(L'-'));
         return true;
     }
@@ -119,7 +118,7 @@ DWORD ReadProblemCode(HDEVINFO devices, SP_DEVINFO_DATA& device)
     if (SetupDiGetDevicePropertyW(devices, &device, &kProblemCodeProperty, &type, reinterpret_cast<BYTE*>(&problemCode),
                                   sizeof(problemCode), nullptr, 0) == 0)
     {
-        const DWORD error = GetLastError();  // logged as it is, not as an HRESULT like the other failures
+        const DWORD error = GetLastError();  // by design not logged as an HRESULT like the other failures
         LogLine(L"Unable to get DEVPKEY_Device_ProblemCode property: % d % s", error,
                 FormatSystemMessage(error).c_str());
         return 0;
@@ -131,14 +130,14 @@ DWORD ReadProblemCode(HDEVINFO devices, SP_DEVINFO_DATA& device)
     return problemCode;
 }
 
-// The INF of a driver package in the driver store.
+// Path of a driver package's INF in the driver store.
 std::wstring LocateInf(HDEVINFO devices, SP_DEVINFO_DATA& device, SP_DRVINFO_DATA_V2_W& driver, SharedBuffers& buffers)
 {
     DWORD bytes = 0;
     SetupDiGetDriverInfoDetailW(devices, &device, &driver, nullptr, 0, &bytes);
     if (bytes < sizeof(SP_DRVINFO_DETAIL_DATA_W))
     {
-        bytes = sizeof(SP_DRVINFO_DETAIL_DATA_W);  // the size could not be had
+        bytes = sizeof(SP_DRVINFO_DETAIL_DATA_W);  // the size could not be read
     }
     const auto memory = std::make_unique<std::byte[]>(bytes);  // zeroed
     auto* const detail = reinterpret_cast<SP_DRVINFO_DETAIL_DATA_W*>(memory.get());
@@ -149,7 +148,7 @@ std::wstring LocateInf(HDEVINFO devices, SP_DEVINFO_DATA& device, SP_DRVINFO_DAT
     return buffers.storePath;
 }
 
-// The folder of the compatible package that carries the active release. When several do, the last one wins.
+// Folder of the compatible package with the active release. If there are several, the last one wins.
 std::wstring FindDriverFolder(HDEVINFO devices, SP_DEVINFO_DATA& device, const std::wstring& releaseVersion,
                               SharedBuffers& buffers)
 {
@@ -171,12 +170,7 @@ std::wstring FindDriverFolder(HDEVINFO devices, SP_DEVINFO_DATA& device, const s
     return folder;
 }
 
-bool HasGenericDriver(const DisplayDriverInfo& record)
-{
-    return record.description.find(kGenericDriverMaker) != std::wstring::npos;
-}
-
-// Reads one device; nothing when it is not to be listed.
+// Reads one device; returns nothing if the list leaves it out.
 std::optional<DisplayDriverInfo> ReadAdapter(HDEVINFO devices, SP_DEVINFO_DATA& device, SharedBuffers& buffers)
 {
     DisplayDriverInfo record;
@@ -211,7 +205,7 @@ std::optional<DisplayDriverInfo> ReadAdapter(HDEVINFO devices, SP_DEVINFO_DATA& 
 
     LogLine(L"Enumerating installed drivers for %s - %s", record.instanceId.c_str(), record.description.c_str());
     record.driverFolder = FindDriverFolder(devices, device, record.releaseVersion, buffers);
-    if (HasGenericDriver(record))
+    if (record.description.find(kGenericDriverMaker) != std::wstring::npos)
     {
         return std::nullopt;
     }

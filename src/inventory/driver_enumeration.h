@@ -1,4 +1,4 @@
-// The maker's display adapters and the drivers that are active on them.
+// The maker's display adapters and their active drivers.
 #pragma once
 
 #include <list>
@@ -15,13 +15,13 @@ struct DisplayDriverInfo
     std::wstring driverKeyPath;   // registry key of the active driver, below HKEY_LOCAL_MACHINE
     std::wstring releaseVersion;  // release of the active driver exactly as stored
     std::wstring releaseBase;     // the same up to its first "-"
-    std::wstring driverFolder;    // driver-store folder of the package of that release; empty when none has it
-    std::wstring description;     // device description; empty when it could not be read
-    DWORD problemCode = 0;        // Device Manager's problem code; 0 when none or not readable
+    std::wstring driverFolder;    // driver-store folder of the package of that release; empty if no package has it
+    std::wstring description;     // device description; empty if it cannot be read
+    DWORD problemCode = 0;        // Device Manager's problem code; 0 if there is none or it cannot be read
 };
 
-// The present adapters of the maker, the greatest releaseBase first (by UTF-16 code units); equal ones keep the
-// system's order. Failures are logged and leave the adapter out, or give an empty list when no adapter can be looked
-// at. Throws only what memory allocation and the log throw.
+// Returns the present adapters of the maker, the highest releaseBase first (by UTF-16 code units); equal ones keep the
+// system's order. An adapter whose release cannot be read is left out, after logging; the list is empty if Windows
+// lists no devices. Throws only what memory allocation and the log throw.
 std::list<DisplayDriverInfo> EnumerateDisplayDrivers();
 }  // namespace repair

@@ -10,6 +10,7 @@
 #include <setupapi.h>
 
 #include "base/owned.h"
+#include "base/text.h"
 #include "inventory/constants.h"
 
 namespace repair
@@ -34,25 +35,21 @@ using InfFile = Owned<InfFileKind>;
 
 constexpr std::wstring_view kReleaseLine = L"HKR,,ReleaseVersion,,";
 
-// What "." of an ECMAScript expression matches: everything but line ends.
+// True if "." of an ECMAScript expression matches every character: all but line ends.
 bool IsOneLine(std::wstring_view text)
 {
     return text.find_first_of(L"\n\r\u2028\u2029") == std::wstring_view::npos;
 }
 
-wchar_t LowerAscii(wchar_t c)
-{
-    return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
-}
-
-constexpr char kEndOfText = '\x1A';  // a text file ends there, as SetupAPI sees it as well
+constexpr char kEndOfText = '\x1A';  // ends a text file, for SetupAPI too
 constexpr std::string_view kLineEnds = "\n\x1A";
 
-// The next "[" or end of the text, from `at` on; the size when there is none. Most groups of bytes have neither:
-// without a branch for each byte the compiler looks at sixteen at a time, which an INF of megabytes is worth.
-size_t FindMark(std::string_view text, size_t at)
+// Index of the first "[" or end of the text, or the size if there is none. Scans whole groups first, because the
+// compiler then compares sixteen bytes at once; that shows in INF files of megabytes.
+size_t FindMark(std::string_view text)
 {
     constexpr size_t kGroup = 512;
+    size_t at = 0;
     char found = 0;
     while (found == 0 && at + kGroup <= text.size())
     {
@@ -70,44 +67,16 @@ size_t FindMark(std::string_view text, size_t at)
     return at;
 }
 
-// Collects header lines from the bytes of a file, which arrive in blocks, as if it were read in text mode: CR LF is one
-// line end. Only lines that begin with "[" are kept in memory.
+// Collects the section headers of a text file that arrives in blocks of bytes. CR LF is one line end, as in text mode.
 class HeaderCollector
 {
 public:
-    void Add(std::string_view block)
+    void Add(std::string_view bytes)
     {
-        for (size_t at = 0; at < block.size() && !ended_; ++at)
+        while (!bytes.empty() && !ended_)
         {
-            const size_t start = at;
-            at = collecting_ ? std::min(block.find_first_of(kLineEnds, at), block.size()) : FindMark(block, at);
-            if (collecting_)
-            {
-                line_.append(block.substr(start, at - start));
-            }
-            if (at == block.size())
-            {
-                break;
-            }
-            if (block[at] == '[')
-            {
-                collecting_ = (at == 0 ? lastByte_ : block[at - 1]) == '\n';
-                line_.assign(1, '[');
-            }
-            else if (block[at] == '\n')
-            {
-                if (line_.back() == '\r')
-                {
-                    line_.pop_back();
-                }
-                EndLine();
-            }
-            else
-            {
-                ended_ = true;
-            }
+            bytes.remove_prefix(line_.empty() ? SkipToHeader(bytes) : TakeHeader(bytes));
         }
-        lastByte_ = block.back();
     }
 
     // The last line needs no line break behind it.
@@ -118,10 +87,52 @@ public:
     }
 
 private:
+    // Passes over bytes up to and with the next "[", which begins a header at the start of a line. Returns their
+    // number.
+    size_t SkipToHeader(std::string_view bytes)
+    {
+        const size_t mark = FindMark(bytes);
+        const char before = mark == 0 ? lastByte_ : bytes[mark - 1];
+        if (mark == bytes.size())
+        {
+            lastByte_ = before;
+            return mark;
+        }
+        lastByte_ = bytes[mark];
+        ended_ = lastByte_ == kEndOfText;
+        if (!ended_ && before == '\n')
+        {
+            line_ = lastByte_;
+        }
+        return mark + 1;
+    }
+
+    // Takes the bytes of a header up to and with its line end. Returns their number.
+    size_t TakeHeader(std::string_view bytes)
+    {
+        const size_t end = std::min(bytes.find_first_of(kLineEnds), bytes.size());
+        line_.append(bytes.substr(0, end));
+        if (end == bytes.size())
+        {
+            return end;
+        }
+        lastByte_ = bytes[end];
+        ended_ = lastByte_ == kEndOfText;
+        if (!ended_)
+        {
+            if (line_.back() == '\r')
+            {
+                line_.pop_back();
+            }
+            EndLine();
+        }
+        return end + 1;
+    }
+
     void EndLine()
     {
-        // Cheap test first: most lines that begin with "[" are headers, but a hostile one may be long.
-        if (collecting_ && line_.back() == ']')
+        // The cheap test comes first, because a line that begins with "[" may be long.
+        if (!line_.empty() && line_.back() == ']')
         {
             std::wstring wide(line_.size(), L'\0');
             std::transform(line_.begin(), line_.end(), wide.begin(),
@@ -133,19 +144,16 @@ private:
             }
         }
         line_.clear();
-        collecting_ = false;
     }
 
     std::list<std::wstring> names_;
-    std::string line_;
-    char lastByte_ = '\n';  // of the block before; a file begins with a line
-    bool collecting_ = false;
+    std::string line_;      // the header that has begun; empty between headers
+    char lastByte_ = '\n';  // the byte before the next one, outside headers
     bool ended_ = false;
 };
 }  // namespace
 
-// By hand, not with std::wregex: that one calls itself for every character, and a line of some thousand characters
-// behind a "[" would overflow the stack.
+// Not with std::wregex, which recurses for every character: a long line behind a "[" would overflow the stack.
 bool MatchSectionHeader(std::wstring_view line, std::wstring_view& name)
 {
     if (line.size() < 2 || line.front() != L'[' || line.back() != L']')
@@ -159,8 +167,7 @@ bool MatchSectionHeader(std::wstring_view line, std::wstring_view& name)
 bool MatchReleaseLine(std::wstring_view text, std::wstring_view& value)
 {
     if (text.size() < kReleaseLine.size() ||
-        !std::equal(kReleaseLine.begin(), kReleaseLine.end(), text.begin(),
-                    [](wchar_t a, wchar_t b) { return LowerAscii(a) == LowerAscii(b); }))
+        !std::equal(kReleaseLine.begin(), kReleaseLine.end(), text.begin(), IsSameNoCase))
     {
         return false;
     }
@@ -170,7 +177,7 @@ bool MatchReleaseLine(std::wstring_view text, std::wstring_view& value)
 
 std::list<std::wstring> ReadInfSectionNames(const std::wstring& infPath)
 {
-    // In binary mode, because the C runtime's text mode takes ten times as long as reading the file.
+    // Binary mode, because the C runtime's text mode takes ten times as long as reading the file.
     const InfFile file(_wfopen(infPath.c_str(), L"rb"));
     if (!file)
     {
@@ -208,7 +215,7 @@ std::wstring ReadInfReleaseVersion(const std::wstring& infPath)
         while (found != 0)
         {
             std::wstring_view value;
-            // A line that does not fit is passed over. The last match wins, so the search goes on after one.
+            // A line that does not fit is skipped. The last match wins, so the search goes on after one.
             if (SetupGetLineTextW(&line, nullptr, nullptr, nullptr, text.get(), kInfLineCharacters, nullptr) != 0 &&
                 MatchReleaseLine(text.get(), value))
             {

@@ -11,9 +11,9 @@ std::wstring ReadApplicationValue(const wchar_t* name) noexcept
 {
     try
     {
-        return ReadRegistryString(OpenMachineKey(kApplicationKey), L"", name);
+        return ReadMachineString(kApplicationKey, name);
     }
-    catch (...)  // whatever it was: the version is not known
+    catch (...)  // by design every failure means: not known
     {
         return {};
     }

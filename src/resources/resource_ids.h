@@ -1,4 +1,4 @@
-// Resource and control ids. Plain defines: the resource compiler reads them too.
+// Resource and control ids. Plain defines, because the resource compiler reads them too.
 #pragma once
 
 #define IDI_TOOL 101

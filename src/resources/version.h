@@ -1,4 +1,4 @@
-// The version of the tool; it lives here and nowhere else. Plain defines: the resource compiler reads them too.
+// The version of the tool, defined only here. Plain defines, because the resource compiler reads them too.
 #pragma once
 
 #define TAVIK_VERSION_NUMBERS 1, 0, 0, 1

@@ -16,7 +16,7 @@ namespace
 {
 std::atomic<abi::IStoreContextStatics*> storeContextFactory = nullptr;
 
-// The context of the current user; null when the Store has none.
+// The context of the current user; null if the Store has none.
 Reference<abi::IStoreContext> GetDefaultContext()
 {
     abi::IStoreContext* context = nullptr;
@@ -55,9 +55,8 @@ std::int32_t RequestStoreInstall(HWND owner)
 
     const Reference<abi::IStringIterable> storeIds = MakeStringList({kStoreProductId});
     const Reference<abi::IStoreContext3> context3 = QueryFor<abi::IStoreContext3>(context.Get());
-    abi::IAsyncOperation<abi::StoreUpdate>* started = nullptr;
-    const HRESULT code = context3.Get()->DownloadAndInstallStorePackagesAsync(storeIds.Get(), &started);
-    const Reference<abi::IAsyncOperation<abi::StoreUpdate>> operation = TakeObject(code, started);
+    const auto operation = Receive<abi::IAsyncOperation<abi::StoreUpdate>>(
+        [&](auto** started) { return context3.Get()->DownloadAndInstallStorePackagesAsync(storeIds.Get(), started); });
     const Reference<abi::IStorePackageUpdateResult> result = WaitForAsync(operation.Get());
     abi::StorePackageUpdateState state = abi::StorePackageUpdateState::kPending;
     CheckResult(result.Get()->get_OverallState(&state));
@@ -72,7 +71,7 @@ std::int32_t InstallStoreApplication(HWND owner) noexcept
     }
     catch (const WinrtError& error)
     {
-        // The text is the one of the package search; supporters know it.
+        // By design the text of the package search.
         LogLine(L"Exception [%s] when searching for UWP version of VLT", error.message.c_str());
         return error.code;
     }

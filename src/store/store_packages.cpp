@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <tuple>
 #include <vector>
 
 #include <windows.h>
@@ -22,24 +21,49 @@ std::atomic<abi::IActivationFactory*> packageManagerFactory = nullptr;
 Reference<abi::IPackageManager> CreatePackageManager()
 {
     abi::IActivationFactory* const factory = CachedFactory(packageManagerFactory, abi::kPackageManagerClass);
-    abi::IInspectable* instance = nullptr;
-    const HRESULT code = factory->ActivateInstance(&instance);
-    const Reference<abi::IInspectable> owner = TakeObject(code, instance);
-    return QueryFor<abi::IPackageManager>(owner.Get());
+    const auto instance = Receive<abi::IInspectable>([&](auto** made) { return factory->ActivateInstance(made); });
+    return QueryFor<abi::IPackageManager>(instance.Get());
 }
 
-// Calls `visit(package, fullName)` for every package of all users. What one package fails with is logged with its name
-// as far as it was read, and the enumeration goes on; the enumeration's own errors are thrown.
-template <typename Visit>
-void ForEachPackage(abi::IPackageManager* manager, Visit visit)
+// Takes the text that `call` puts into its [out] parameter. Throws WinrtError for a failure.
+template <typename Call>
+std::wstring ReceiveText(Call call)
 {
-    abi::IPackageIterable* found = nullptr;
-    const HRESULT findCode = manager->FindPackages(&found);
-    const Reference<abi::IPackageIterable> packages = TakeObject(findCode, found);
-    abi::IPackageIterator* first = nullptr;
-    const HRESULT firstCode = packages.Get()->First(&first);
-    const Reference<abi::IPackageIterator> iterator = TakeObject(firstCode, first);
+    abi::HString text = nullptr;
+    const HRESULT code = call(&text);
+    const HStringOwner owner(text);
+    CheckResult(code);
+    return ToWide(text);
+}
 
+Reference<abi::IPackageId> GetPackageId(abi::IPackage* package)
+{
+    if (package == nullptr)
+    {
+        ThrowWinrtError(E_POINTER);
+    }
+    return Receive<abi::IPackageId>([&](auto** id) { return package->get_Id(id); });
+}
+
+std::wstring GetFullName(abi::IPackageId* id)
+{
+    return ReceiveText([&](abi::HString* name) { return id->get_FullName(name); });
+}
+
+PackageVersion GetVersion(abi::IPackageId* id)
+{
+    PackageVersion version;
+    CheckResult(id->get_Version(&version));
+    return version;
+}
+
+// Calls `visit(package, fullName, version)` for each of the application's packages of all users. Logs what fails for
+// one package, with the name if it was read, and goes on with the next one; throws the enumeration's own errors.
+template <typename Visit>
+void ForEachStorePackage(abi::IPackageManager* manager, Visit visit)
+{
+    const auto packages = Receive<abi::IPackageIterable>([&](auto** found) { return manager->FindPackages(found); });
+    const auto iterator = Receive<abi::IPackageIterator>([&](auto** first) { return packages.Get()->First(first); });
     abi::Boolean hasCurrent = 0;
     CheckResult(iterator.Get()->get_HasCurrent(&hasCurrent));
     while (hasCurrent != 0)
@@ -51,7 +75,12 @@ void ForEachPackage(abi::IPackageManager* manager, Visit visit)
         std::wstring fullName;
         try
         {
-            visit(package.Get(), fullName);
+            const Reference<abi::IPackageId> id = GetPackageId(package.Get());
+            fullName = GetFullName(id.Get());
+            if (MatchesStorePackage(fullName))
+            {
+                visit(package.Get(), fullName, GetVersion(id.Get()));
+            }
         }
         catch (const WinrtError& error)
         {
@@ -65,72 +94,35 @@ void ForEachPackage(abi::IPackageManager* manager, Visit visit)
     }
 }
 
-Reference<abi::IPackageId> GetPackageId(abi::IPackage* package)
-{
-    if (package == nullptr)
-    {
-        ThrowWinrtError(E_POINTER);
-    }
-    abi::IPackageId* id = nullptr;
-    const HRESULT code = package->get_Id(&id);
-    return TakeObject(code, id);
-}
-
-std::wstring GetFullName(abi::IPackageId* id)
-{
-    abi::HString text = nullptr;
-    const HRESULT code = id->get_FullName(&text);
-    const HStringOwner owner(text);
-    CheckResult(code);
-    return ToWide(text);
-}
-
-PackageVersion GetVersion(abi::IPackageId* id)
-{
-    PackageVersion version;
-    CheckResult(id->get_Version(&version));
-    return version;
-}
-
 bool IsUsable(abi::IPackage* package)
 {
     const Reference<abi::IPackage3> package3 = QueryFor<abi::IPackage3>(package);
-    abi::IPackageStatus* found = nullptr;
-    const HRESULT code = package3.Get()->get_Status(&found);
-    const Reference<abi::IPackageStatus> status = TakeObject(code, found);
+    const auto status = Receive<abi::IPackageStatus>([&](auto** found) { return package3.Get()->get_Status(found); });
     abi::Boolean isOk = 0;
     CheckResult(status.Get()->VerifyIsOK(&isOk));
     return isOk != 0;
-}
-
-bool IsLower(const PackageVersion& a, const PackageVersion& b)
-{
-    return std::tie(a.Major, a.Minor, a.Build, a.Revision) < std::tie(b.Major, b.Minor, b.Build, b.Revision);
 }
 
 void RemovePackage(abi::IPackageManager* manager, const std::wstring& fullName)
 {
     const Reference<abi::IPackageManager2> manager2 = QueryFor<abi::IPackageManager2>(manager);
     const HStringOwner name = MakeHString(fullName);
-    abi::IAsyncOperation<abi::Deployment>* started = nullptr;
-    const HRESULT code = manager2.Get()->RemovePackageWithOptionsAsync(name.Get(), abi::kRemoveForAllUsers, &started);
-    const Reference<abi::IAsyncOperation<abi::Deployment>> operation = TakeObject(code, started);
+    const auto operation = Receive<abi::IAsyncOperation<abi::Deployment>>([&](auto** started) {
+        return manager2.Get()->RemovePackageWithOptionsAsync(name.Get(), abi::kRemoveForAllUsers, started);
+    });
     const Reference<abi::IDeploymentResult> result = WaitForAsync(operation.Get());
 
     HRESULT extendedError = S_OK;
     CheckResult(result.Get()->get_ExtendedErrorCode(&extendedError));
-    abi::HString text = nullptr;
-    const HRESULT textCode = result.Get()->get_ErrorText(&text);
-    const HStringOwner owner(text);
-    CheckResult(textCode);
-    LogLine(L"\t Result = %d %s", extendedError, ToWide(text).c_str());
+    const std::wstring text = ReceiveText([&](abi::HString* given) { return result.Get()->get_ErrorText(given); });
+    LogLine(L"\t Result = %d %s", extendedError, text.c_str());
 }
 }  // namespace
 
 bool MatchesStorePackage(const std::wstring& fullName)
 {
     bool matches = false;
-    for (const std::wstring& name : StorePackageNames)
+    for (const std::wstring& name : kStorePackageNames)
     {
         matches |= ContainsNoCase(fullName, name);
     }
@@ -141,14 +133,7 @@ PackageVersion FindStorePackageVersion()
 {
     std::vector<PackageVersion> versions;
     const Reference<abi::IPackageManager> manager = CreatePackageManager();
-    ForEachPackage(manager.Get(), [&versions](abi::IPackage* package, std::wstring& fullName) {
-        const Reference<abi::IPackageId> id = GetPackageId(package);
-        fullName = GetFullName(id.Get());
-        if (!MatchesStorePackage(fullName))
-        {
-            return;
-        }
-        const PackageVersion version = GetVersion(id.Get());
+    ForEachStorePackage(manager.Get(), [&](auto* package, const std::wstring& fullName, PackageVersion version) {
         LogLine(L"User has %s - version %d.%d.%d.%d", fullName.c_str(), version.Major, version.Minor, version.Build,
                 version.Revision);
         if (IsUsable(package))
@@ -165,7 +150,7 @@ PackageVersion FindStorePackageVersion()
         LogLine(L"UWP version is not installed");
         return {};
     }
-    return *std::max_element(versions.begin(), versions.end(), IsLower);
+    return *std::max_element(versions.begin(), versions.end());
 }
 
 PackageVersion QueryStorePackageVersion() noexcept
@@ -188,14 +173,7 @@ PackageVersion QueryStorePackageVersion() noexcept
 void RemoveMatchingStorePackages()
 {
     const Reference<abi::IPackageManager> manager = CreatePackageManager();
-    ForEachPackage(manager.Get(), [&manager](abi::IPackage* package, std::wstring& fullName) {
-        const Reference<abi::IPackageId> id = GetPackageId(package);
-        fullName = GetFullName(id.Get());
-        if (!MatchesStorePackage(fullName))
-        {
-            return;
-        }
-        const PackageVersion version = GetVersion(id.Get());
+    ForEachStorePackage(manager.Get(), [&](auto*, const std::wstring& fullName, PackageVersion version) {
         LogLine(L"Remvoing %s - version %d.%d.%d.%d", fullName.c_str(), version.Major, version.Minor, version.Build,
                 version.Revision);
         RemovePackage(manager.Get(), fullName);

@@ -1,11 +1,12 @@
 #include "store/string_list.h"
 
 #include <algorithm>
-#include <atomic>
 #include <memory>
 #include <utility>
 
 #include <windows.h>
+
+#include "store/com_object.h"
 
 namespace repair
 {
@@ -13,7 +14,7 @@ namespace
 {
 using Texts = std::shared_ptr<const std::vector<HStringOwner>>;
 
-// Copies texts from `start` on; the receiver owns the copies. Nothing is handed out when one cannot be made.
+// Copies texts from `start` on; the receiver owns the copies. Returns none if one copy fails.
 HRESULT CopyTexts(const std::vector<HStringOwner>& texts, size_t start, UINT32 capacity, abi::HString* items,
                   UINT32* actual) noexcept
 {
@@ -23,7 +24,7 @@ HRESULT CopyTexts(const std::vector<HStringOwner>& texts, size_t start, UINT32 c
     try
     {
         std::vector<HStringOwner> copies;
-        copies.reserve(count);  // a copy must find its place, or nobody would delete it
+        copies.reserve(count);  // adding a copy cannot fail then, so every copy gets an owner
         for (size_t i = 0; i < count; ++i)
         {
             copies.emplace_back(DuplicateHString(texts[start + i].Get()));
@@ -45,47 +46,10 @@ HRESULT CopyTexts(const std::vector<HStringOwner>& texts, size_t start, UINT32 c
     }
 }
 
-// What every object here answers besides its own methods.
 template <typename Derived, typename... Interfaces>
-class TextObject : public Interfaces...
+class TextObject : public ComObject<Derived, Interfaces...>
 {
 public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override
-    {
-        if (object == nullptr)
-        {
-            return E_POINTER;
-        }
-        *object = nullptr;
-        const auto offer = [&](auto* candidate, const GUID& own) {
-            if (*object == nullptr && iid == own)
-            {
-                *object = candidate;
-            }
-        };
-        (offer(static_cast<Interfaces*>(this), Interfaces::kIid), ...);
-        if (*object == nullptr &&
-            (iid == IID_IUnknown || iid == abi::IInspectable::kIid || iid == abi::kIidAgileObject))
-        {
-            *object = Identity();
-        }
-        if (*object == nullptr)
-        {
-            return E_NOINTERFACE;
-        }
-        AddRef();
-        return S_OK;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++references_; }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        const ULONG left = --references_;
-        if (left == 0)
-        {
-            delete static_cast<Derived*>(this);
-        }
-        return left;
-    }
     HRESULT STDMETHODCALLTYPE GetIids(ULONG* count, GUID** iids) override
     {
         *count = 0;
@@ -102,26 +66,6 @@ public:
         *level = 0;  // base trust
         return S_OK;
     }
-
-    TextObject(const TextObject&) = delete;
-    TextObject& operator=(const TextObject&) = delete;
-    TextObject(TextObject&&) = delete;
-    TextObject& operator=(TextObject&&) = delete;
-
-protected:
-    TextObject() = default;
-    ~TextObject() = default;
-
-private:
-    // One object has one identity: always the first of its interfaces.
-    void* Identity()
-    {
-        void* identity = nullptr;
-        ((identity = identity == nullptr ? static_cast<Interfaces*>(this) : identity), ...);
-        return identity;
-    }
-
-    std::atomic<ULONG> references_ = 1;
 };
 
 class TextIterator final : public TextObject<TextIterator, abi::IStringIterator>

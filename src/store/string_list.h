@@ -1,4 +1,4 @@
-// A list of texts that can be handed to the Windows Runtime.
+// Lists of texts for the Windows Runtime.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@
 
 namespace repair
 {
-// A read-only list; the object is also a vector view, and any thread may use it for as long as it holds a reference.
-// Throws WinrtError when a text cannot be made.
+// Makes a read-only list, which is also a vector view; any thread with a reference may use it. Throws WinrtError if a
+// text cannot be made.
 Reference<abi::IStringIterable> MakeStringList(const std::vector<std::wstring>& texts);
 }  // namespace repair

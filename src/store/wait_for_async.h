@@ -7,6 +7,7 @@
 #include <windows.h>
 
 #include "base/handles.h"
+#include "store/com_object.h"
 #include "store/winrt_abi.h"
 #include "store/winrt_runtime.h"
 
@@ -15,12 +16,12 @@ namespace repair
 inline constexpr HRESULT kCanceledError = static_cast<HRESULT>(0x800704C7);  // HRESULT_FROM_WIN32(ERROR_CANCELLED)
 
 // Records the final status and wakes the waiter. The operation may call it before, inside or after put_Completed, on
-// any thread, and may keep it longer than the waiter does: so event and status live in here, counted by reference.
+// any thread, and may keep it longer than the waiter does; so it owns event and status.
 template <typename Identity>
-class CompletedHandler final : public abi::ICompletedHandler<Identity>
+class CompletedHandler final : public ComObject<CompletedHandler<Identity>, abi::ICompletedHandler<Identity>>
 {
 public:
-    // Throws WinrtError when there is no event to be had.
+    // Throws WinrtError if no event can be created.
     static Reference<CompletedHandler> Create()
     {
         EventHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -37,31 +38,6 @@ public:
         return status_;
     }
 
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override
-    {
-        if (object == nullptr)
-        {
-            return E_POINTER;
-        }
-        if (iid != IID_IUnknown && iid != abi::ICompletedHandler<Identity>::kIid && iid != abi::kIidAgileObject)
-        {
-            *object = nullptr;
-            return E_NOINTERFACE;
-        }
-        *object = static_cast<abi::ICompletedHandler<Identity>*>(this);
-        AddRef();
-        return S_OK;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++references_; }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        const ULONG left = --references_;
-        if (left == 0)
-        {
-            delete this;
-        }
-        return left;
-    }
     HRESULT STDMETHODCALLTYPE Invoke(abi::IAsyncOperation<Identity>*, abi::AsyncStatus status) override
     {
         status_ = status;
@@ -69,22 +45,15 @@ public:
         return S_OK;
     }
 
-    CompletedHandler(const CompletedHandler&) = delete;
-    CompletedHandler& operator=(const CompletedHandler&) = delete;
-    CompletedHandler(CompletedHandler&&) = delete;
-    CompletedHandler& operator=(CompletedHandler&&) = delete;
-
 private:
     explicit CompletedHandler(EventHandle event) : event_(std::move(event)) {}
-    ~CompletedHandler() = default;
 
-    std::atomic<ULONG> references_ = 1;
     std::atomic<abi::AsyncStatus> status_ = abi::AsyncStatus::kStarted;
     EventHandle event_;
 };
 
-// Waits without a limit and returns the operation's result. Throws WinrtError with the operation's own error, or with
-// kCanceledError when it was canceled.
+// Waits without a time limit and returns the operation's result. Throws WinrtError with the operation's own error, or
+// with kCanceledError if it was canceled.
 template <typename Identity>
 Reference<typename Identity::Result> WaitForAsync(abi::IAsyncOperation<Identity>* operation)
 {
@@ -101,8 +70,6 @@ Reference<typename Identity::Result> WaitForAsync(abi::IAsyncOperation<Identity>
     {
         ThrowWinrtError(kCanceledError);
     }
-    typename Identity::Result* result = nullptr;
-    const HRESULT code = operation->GetResults(&result);
-    return TakeObject(code, result);
+    return Receive<typename Identity::Result>([&](auto** result) { return operation->GetResults(result); });
 }
 }  // namespace repair

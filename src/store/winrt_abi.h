@@ -1,9 +1,10 @@
-// Binary interfaces of the Windows Runtime classes in use: only what the tool calls has real parameters.
+// Binary interfaces of the Windows Runtime classes in use. The toolchain's headers lack them or declare a boolean too
+// wide.
 //
-// Methods stand in vtable order; a method that is never called is declared as an unused slot, so that its number
-// counts. The toolchain's headers for these are missing, or wrong in the width of a boolean.
+// Methods are listed in vtable order up to the last one that is called.
 #pragma once
 
+#include <compare>
 #include <cstdint>
 
 #include <windows.h>
@@ -20,7 +21,6 @@ enum class AsyncStatus : std::int32_t
     kStarted = 0,
     kCompleted = 1,
     kCanceled = 2,
-    kError = 3,
 };
 
 struct IInspectable : ::IUnknown
@@ -42,9 +42,6 @@ struct IAsyncInfo : IInspectable
     static constexpr GUID kIid = {0x00000036, 0x0000, 0x0000, {0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
     virtual HRESULT STDMETHODCALLTYPE get_Id(UINT32* id) = 0;
     virtual HRESULT STDMETHODCALLTYPE get_Status(AsyncStatus* status) = 0;
-    virtual HRESULT STDMETHODCALLTYPE get_ErrorCode(HRESULT* code) = 0;
-    virtual HRESULT STDMETHODCALLTYPE Cancel() = 0;
-    virtual HRESULT STDMETHODCALLTYPE Close() = 0;
 };
 
 struct IRestrictedErrorInfo : ::IUnknown
@@ -52,7 +49,6 @@ struct IRestrictedErrorInfo : ::IUnknown
     static constexpr GUID kIid = {0x82BA7092, 0x4C88, 0x427D, {0xA7, 0xBC, 0x16, 0xDD, 0x93, 0xFE, 0xB6, 0x7E}};
     virtual HRESULT STDMETHODCALLTYPE GetErrorDetails(BSTR* description, HRESULT* error, BSTR* restrictedDescription,
                                                       BSTR* capabilitySid) = 0;
-    virtual HRESULT STDMETHODCALLTYPE GetReference(BSTR* reference) = 0;
 };
 
 // Marks an object that every thread may call.
@@ -137,6 +133,7 @@ struct PackageVersion
     std::uint16_t Minor = 0;
     std::uint16_t Build = 0;
     std::uint16_t Revision = 0;
+    auto operator<=>(const PackageVersion&) const = default;  // by Major, then Minor, and so on
 };
 static_assert(sizeof(PackageVersion) == 8);
 
@@ -150,19 +147,14 @@ struct IPackageId : IInspectable
     virtual HRESULT STDMETHODCALLTYPE get_Publisher(HString* publisher) = 0;
     virtual HRESULT STDMETHODCALLTYPE get_PublisherId(HString* id) = 0;
     virtual HRESULT STDMETHODCALLTYPE get_FullName(HString* name) = 0;
-    virtual HRESULT STDMETHODCALLTYPE get_FamilyName(HString* name) = 0;
 };
 
 struct IPackage : IInspectable
 {
     static constexpr GUID kIid = {0x163C792F, 0xBD75, 0x413C, {0xBF, 0x23, 0xB1, 0xFE, 0x7B, 0x95, 0xD8, 0x25}};
     virtual HRESULT STDMETHODCALLTYPE get_Id(IPackageId** id) = 0;
-    virtual HRESULT STDMETHODCALLTYPE get_InstalledLocation(::IUnknown** folder) = 0;
-    virtual HRESULT STDMETHODCALLTYPE get_IsFramework(Boolean* isFramework) = 0;
-    virtual HRESULT STDMETHODCALLTYPE get_Dependencies(::IUnknown** dependencies) = 0;
 };
 
-// Only the first of its methods is called; the others would follow.
 struct IPackageStatus : IInspectable
 {
     static constexpr GUID kIid = {0x5FE74F71, 0xA365, 0x4C09, {0xA0, 0x2D, 0x04, 0x6D, 0x52, 0x5E, 0xA1, 0xDA}};
@@ -173,8 +165,6 @@ struct IPackage3 : IInspectable
 {
     static constexpr GUID kIid = {0x5F738B61, 0xF86A, 0x4917, {0x93, 0xD1, 0xF1, 0xEE, 0x9D, 0x3B, 0x35, 0xD9}};
     virtual HRESULT STDMETHODCALLTYPE get_Status(IPackageStatus** status) = 0;
-    virtual HRESULT STDMETHODCALLTYPE get_InstalledDate(std::int64_t* date) = 0;
-    virtual HRESULT STDMETHODCALLTYPE GetAppListEntriesAsync(::IUnknown** operation) = 0;
 };
 
 // --- Windows.Management.Deployment -----------------------------------------------------------------------------------
@@ -225,21 +215,13 @@ inline constexpr wchar_t kStoreContextClass[] = L"Windows.Services.Store.StoreCo
 enum class StorePackageUpdateState : std::int32_t
 {
     kPending = 0,
-    kDownloading = 1,
-    kDeploying = 2,
-    kCompleted = 3,
-    kCanceled = 4,
-    kOtherError = 5,
-    kErrorLowBattery = 6,
-    kErrorWiFiRecommended = 7,
-    kErrorWiFiRequired = 8,
+    kCompleted = 3,  // the only success
 };
 
 struct IStorePackageUpdateResult : IInspectable
 {
     static constexpr GUID kIid = {0xE79142ED, 0x61F9, 0x4893, {0xB4, 0xFE, 0xCF, 0x19, 0x16, 0x03, 0xAF, 0x7B}};
     virtual HRESULT STDMETHODCALLTYPE get_OverallState(StorePackageUpdateState* state) = 0;
-    virtual HRESULT STDMETHODCALLTYPE get_StorePackageUpdateStatuses(::IUnknown** statuses) = 0;
 };
 
 struct StoreUpdate
@@ -260,7 +242,6 @@ struct IStoreContextStatics : IInspectable
 {
     static constexpr GUID kIid = {0x9C06EE5F, 0x15C0, 0x4E72, {0x93, 0x30, 0xD6, 0x19, 0x1C, 0xEB, 0xD1, 0x9C}};
     virtual HRESULT STDMETHODCALLTYPE GetDefault(IStoreContext** context) = 0;
-    virtual HRESULT STDMETHODCALLTYPE GetForUser(::IUnknown* user, IStoreContext** context) = 0;
 };
 
 // Since Windows 10 1803. Slot 14 is the neighbour that asks the user first; the form that only takes the list is

@@ -20,7 +20,7 @@ HMODULE LoadSystemLibrary(const wchar_t* name)
     return LoadLibraryExW(name, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
 }
 
-// Looked up at the first use: most runs never come here, and start-up does not wait for it.
+// Looked up at the first use, because most runs do not need it.
 struct Combase
 {
     Combase() : Combase(LoadSystemLibrary(L"combase.dll")) {}
@@ -42,7 +42,7 @@ struct Combase
     const wchar_t*(WINAPI* stringBuffer)(abi::HString string, UINT32* length);
 };
 
-// Throws WinrtError when the system has no Windows Runtime.
+// Throws WinrtError if the system has no Windows Runtime.
 const Combase& Runtime()
 {
     static const Combase combase;
@@ -108,7 +108,7 @@ std::wstring SystemText(HRESULT code)
     return text == nullptr ? std::wstring() : WithoutTrailingBlanks(std::wstring(text, length));
 }
 
-// What the thread's error object says about `code`; false when it has none or speaks of another failure.
+// Sets `message` from the thread's error object. Returns false if there is none or it describes another failure.
 bool DescribeByErrorObject(HRESULT code, std::wstring& message)
 {
     if (AutomationLibrary().getErrorInfo == nullptr)
@@ -163,7 +163,7 @@ void ThrowWinrtError(HRESULT code)
 
 void HStringKind::Close(Handle text) noexcept
 {
-    Runtime().deleteString(text);  // there is a string, so there is a runtime
+    Runtime().deleteString(text);  // does not throw: a string exists, so the runtime does
 }
 
 HStringOwner MakeHString(const std::wstring& text)
@@ -194,7 +194,7 @@ void* ActivateFactory(const wchar_t* className, const GUID& iid)
     HRESULT code = Runtime().getActivationFactory(name.Get(), iid, &factory);
     if (code == CO_E_NOTINITIALIZED && Runtime().incrementMtaUsage != nullptr)
     {
-        void* cookie = nullptr;  // never given back: the apartment lasts as long as the process
+        void* cookie = nullptr;  // never released: the apartment lasts as long as the process
         Runtime().incrementMtaUsage(&cookie);
         factory = nullptr;
         code = Runtime().getActivationFactory(name.Get(), iid, &factory);

@@ -11,16 +11,15 @@
 
 namespace repair
 {
-// A Windows Runtime call failed. Thrown by value; it leaves this folder only through the operations that say so.
+// A failed Windows Runtime call. It leaves this folder only through the operations that say so.
 struct WinrtError
 {
     HRESULT code = E_FAIL;
-    std::wstring message;  // the error object's description, else the system's text, else empty; no trailing blanks
+    std::wstring message;  // of the error object, or the system's text, or empty; no trailing blanks
 };
 
-// Throws WinrtError for a failure code, with the text that the calling thread's error object has for it; the object is
-// taken off the thread. Must be called before any other call into COM. An exhausted memory (E_OUTOFMEMORY) is thrown as
-// std::bad_alloc.
+// Throws WinrtError for a failure code, with the text of the calling thread's error object, which it removes from the
+// thread. Call it before any other call into COM. Throws std::bad_alloc for E_OUTOFMEMORY.
 [[noreturn]] void ThrowWinrtError(HRESULT code);
 
 inline void CheckResult(HRESULT code)
@@ -42,8 +41,8 @@ struct ReferenceKind
 template <typename Interface>
 using Reference = Owned<ReferenceKind<Interface>>;
 
-// Takes the [out] object of a call that came back with `code`. Throws WinrtError for a failure, and with E_POINTER for
-// a success without an object.
+// Takes the [out] object of a call that returned `code`. Throws WinrtError for a failure, and with E_POINTER for a
+// success without an object.
 template <typename Interface>
 Reference<Interface> TakeObject(HRESULT code, Interface* object)
 {
@@ -56,13 +55,21 @@ Reference<Interface> TakeObject(HRESULT code, Interface* object)
     return reference;
 }
 
-// Another interface of an object; throws WinrtError when the object does not have it.
+// Takes the object that `call` puts into its [out] parameter. Throws like TakeObject.
+template <typename Interface, typename Call>
+Reference<Interface> Receive(Call call)
+{
+    Interface* object = nullptr;
+    const HRESULT code = call(&object);
+    return TakeObject(code, object);
+}
+
+// Another interface of an object. Throws WinrtError if the object does not have it.
 template <typename Interface>
 Reference<Interface> QueryFor(::IUnknown* object)
 {
-    void* found = nullptr;
-    const HRESULT code = object->QueryInterface(Interface::kIid, &found);
-    return TakeObject(code, static_cast<Interface*>(found));
+    return Receive<Interface>(
+        [&](auto** found) { return object->QueryInterface(Interface::kIid, reinterpret_cast<void**>(found)); });
 }
 
 struct HStringKind
@@ -77,11 +84,11 @@ HStringOwner MakeHString(const std::wstring& text);  // throws WinrtError
 std::wstring ToWide(abi::HString text);              // null gives an empty text
 abi::HString DuplicateHString(abi::HString text);    // the receiver owns it; throws WinrtError
 
-// The factory of a class as interface `iid`, one reference for the caller. A thread without an apartment is
-// made part of the process's implicit multithreaded apartment, in which blocking waits are allowed. Throws WinrtError.
+// Returns the factory of a class as interface `iid`, with one reference for the caller. Creates the process's implicit
+// multithreaded apartment for a thread without an apartment; blocking waits are allowed there. Throws WinrtError.
 void* ActivateFactory(const wchar_t* className, const GUID& iid);
 
-// The same, fetched once and kept in `cache` until the process ends. Threads may race: one reference wins.
+// The same, fetched once and kept in `cache` until the process ends. If threads race, one reference is kept.
 template <typename Factory>
 Factory* CachedFactory(std::atomic<Factory*>& cache, const wchar_t* className)
 {

@@ -8,8 +8,8 @@ namespace repair
 // Title of the status window and of every box.
 inline constexpr wchar_t kCaption[] = L"Tavik Software Compatibility Tool";
 
-inline constexpr DWORD kReadyPollMs = 100;    // the starter looks for the ready flag this often ...
-inline constexpr int kReadyPolls = 20;        // ... and this many times, so it waits two seconds at most
+inline constexpr DWORD kReadyPollMs = 100;    // the starter reads the ready flag this often ...
+inline constexpr int kReadyPolls = 20;        // ... and this many times: two seconds at most
 inline constexpr UINT kProgressStepMs = 500;  // one step of the dots
 inline constexpr int kHeadingPoints = 20;     // point size of the heading line
 inline constexpr int kSmallPoints = 12;       // point size of the dots and of the minimise mark

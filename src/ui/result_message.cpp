@@ -35,7 +35,7 @@ constexpr ResultBox kResultBoxes[] = {
     {L"Finished installing Tavik Software", kInformation},
 };
 
-// A hook procedure gets no context of ours.
+// Global, because a hook procedure gets no context of its own.
 HHOOK iconHook = nullptr;
 HINSTANCE iconInstance = nullptr;
 }  // namespace

@@ -16,11 +16,10 @@ inline constexpr int kMessageInstallFailed = 5;
 inline constexpr int kMessageUpdateFailed = 6;
 inline constexpr int kMessageFinished = 7;
 
-// Hides the status window, shows the box of a result code and waits until the user closes it. The box carries the
-// tool's icon. An unknown code (a negative one too) shows nothing and leaves the window as it is. Logs nothing, never
-// throws.
+// Hides the status window, shows the box of a result code with the tool's icon and waits until the user closes it. Does
+// nothing for an unknown code, a negative one too. Logs nothing, never throws.
 void ShowResultMessage(const StatusWindow& window, int code) noexcept;
 
-// The hook that puts the icon on the box while it is being created (WH_CALLWNDPROC, of the calling thread).
+// The hook of the calling thread (WH_CALLWNDPROC) that sets the icon of the box while it is created.
 LRESULT CALLBACK MessageIconHook(int code, WPARAM wParam, LPARAM lParam);
 }  // namespace repair

@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include "base/library.h"
+#include "base/owned.h"
 #include "resources/resource_ids.h"
 #include "ui/constants.h"
 
@@ -16,27 +17,21 @@ constexpr const wchar_t* kProgressTexts[] = {L"\u25C9 \u25CB \u25CB", L"\u25CB \
 constexpr wchar_t kMinimiseMark[] = L"\u2014";
 constexpr COLORREF kTextColour = RGB(240, 255, 255);
 
-// The id asked for, which is also the one that WM_TIMER carries. SetTimer's result is another number.
+// The requested id is also the one in WM_TIMER; SetTimer returns another number.
 constexpr UINT_PTR kProgressTimer = 0;
 constexpr WPARAM kMoveByDragging = 0xF012;  // SC_MOVE as the system sends it when a caption is dragged
 
+// By status code.
+constexpr const wchar_t* kStatusTexts[] = {L"Checking System.", L"Downloading compatible version of Tavik Software.",
+                                           L"Installing..."};
+
 const wchar_t* StatusText(int status)
 {
-    switch (status)
-    {
-        case kStatusChecking:
-            return L"Checking System.";
-        case kStatusDownloading:
-            return L"Downloading compatible version of Tavik Software.";
-        case kStatusInstalling:
-            return L"Installing...";
-        default:
-            return L"";
-    }
+    return static_cast<unsigned>(status) < std::size(kStatusTexts) ? kStatusTexts[status] : L"";
 }
 
-// The artwork is drawn for 96 dots per inch: the system scales the whole window on other screens. The functions are
-// newer than the oldest Windows 10, so they are looked up. The thread's settings come back when the object goes.
+// The artwork is drawn for 96 dots per inch, so the system must scale the whole window on other screens. The functions
+// are newer than the oldest Windows 10, so they are looked up. The destructor restores the thread's settings.
 class UnscaledThread
 {
 public:
@@ -80,7 +75,7 @@ private:
     int hosting_ = 0;
 };
 
-// Light text straight on the picture.
+// Light text without a background, so that the picture shows behind it.
 INT_PTR CALLBACK StatusDialogProcedure(HWND, UINT message, WPARAM wParam, LPARAM)
 {
     if (message != WM_CTLCOLORSTATIC)
@@ -103,7 +98,7 @@ HWND CreateStatusDialog(HINSTANCE instance)
     return dialog;
 }
 
-// The picture that fills the client area; null when the control cannot be created.
+// The picture that fills the client area; null if the control cannot be created.
 HWND CreateBackground(HWND dialog, HINSTANCE instance)
 {
     RECT client = {};
@@ -119,34 +114,23 @@ HWND CreateBackground(HWND dialog, HINSTANCE instance)
     return background;
 }
 
-class Font
+struct FontKind
 {
-public:
-    Font(int points, int dotsPerInch)
-        : font_(CreateFontW(-MulDiv(points, dotsPerInch, 72), 0, 0, 0, FW_NORMAL, 0, 0, 0, 0, 0, 0, 0, 0, L"Segoe UI"))
-    {
-    }
-    ~Font()
-    {
-        if (font_ != nullptr)
-        {
-            DeleteObject(font_);
-        }
-    }
-    Font(const Font&) = delete;
-    Font& operator=(const Font&) = delete;
-    Font(Font&&) = delete;
-    Font& operator=(Font&&) = delete;
-
-    explicit operator bool() const noexcept { return font_ != nullptr; }
-    void Use(HWND dialog, int control) const
-    {
-        SendDlgItemMessageW(dialog, control, WM_SETFONT, reinterpret_cast<WPARAM>(font_), TRUE);
-    }
-
-private:
-    HFONT font_;
+    using Handle = HFONT;
+    static Handle None() noexcept { return nullptr; }
+    static void Close(Handle font) noexcept { DeleteObject(font); }
 };
+using Font = Owned<FontKind>;
+
+Font MakeFont(int points, int dotsPerInch)
+{
+    return Font(CreateFontW(-MulDiv(points, dotsPerInch, 72), 0, 0, 0, FW_NORMAL, 0, 0, 0, 0, 0, 0, 0, 0, L"Segoe UI"));
+}
+
+void SetFont(HWND dialog, int control, const Font& font)
+{
+    SendDlgItemMessageW(dialog, control, WM_SETFONT, reinterpret_cast<WPARAM>(font.Get()), TRUE);
+}
 
 int VerticalDotsPerInch(HWND control)
 {
@@ -156,7 +140,7 @@ int VerticalDotsPerInch(HWND control)
     return dots;
 }
 
-// Mouse messages that the window acts on before they are dispatched: the mark minimises, all else drags the window.
+// Handles mouse messages before their dispatch: a click on the mark minimises, any other click drags the window.
 void HandleMouse(const MSG& message, HWND dialog)
 {
     const bool onMark = message.hwnd == GetDlgItem(dialog, IDC_MINIMISE);
@@ -201,7 +185,7 @@ void RunMessageLoop(StatusWindow& window, HWND dialog, HWND background)
         }
         TranslateMessage(&message);
         DispatchMessageW(&message);
-        // A drag runs a message loop of the system's own, which loses a WM_CLOSE posted to the thread: hence the flag.
+        // The system's own message loop during a drag loses a WM_CLOSE posted to the thread, so a flag is needed too.
         MSG next = {};
         if (PeekMessageW(&next, nullptr, 0, 0, PM_NOREMOVE) == 0 && window.stop)
         {
@@ -233,15 +217,15 @@ void RunStatusWindow(StatusWindow& window)
     SetStatus(window, kStatusChecking);
 
     const int dotsPerInch = VerticalDotsPerInch(GetDlgItem(dialog, IDC_HEADING));
-    const Font headingFont(kHeadingPoints, dotsPerInch);
-    const Font smallFont(kSmallPoints, dotsPerInch);
+    const Font headingFont = MakeFont(kHeadingPoints, dotsPerInch);
+    const Font smallFont = MakeFont(kSmallPoints, dotsPerInch);
     if (!headingFont)
     {
         return;
     }
-    headingFont.Use(dialog, IDC_HEADING);
-    smallFont.Use(dialog, IDC_PROGRESS);
-    smallFont.Use(dialog, IDC_MINIMISE);
+    SetFont(dialog, IDC_HEADING, headingFont);
+    SetFont(dialog, IDC_PROGRESS, smallFont);
+    SetFont(dialog, IDC_MINIMISE, smallFont);
     SetDlgItemTextW(dialog, IDC_MINIMISE, kMinimiseMark);
     SetWindowLongW(dialog, GWL_STYLE, GetWindowLongW(dialog, GWL_STYLE) | WS_MINIMIZEBOX);
 

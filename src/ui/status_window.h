@@ -8,13 +8,13 @@
 
 namespace repair
 {
-// What SetStatus can show; any other number shows an empty line.
+// The codes of SetStatus; any other code shows an empty line.
 inline constexpr int kStatusChecking = 0;
 inline constexpr int kStatusDownloading = 1;
 inline constexpr int kStatusInstalling = 2;
 
-// Owned by the flow that shows it. The window and its message loop live on a thread of their own, so that the flow can
-// block. Without a module instance the object is inert and every operation does nothing.
+// Owned by the flow that shows it. The window and its message loop have a thread of their own, so that the flow can
+// block. Without a module instance every operation does nothing.
 struct StatusWindow
 {
     HINSTANCE instance = nullptr;
@@ -26,18 +26,18 @@ struct StatusWindow
     std::atomic<DWORD> threadId = 0;
 
     StatusWindow() = default;
-    ~StatusWindow();  // ends the window, for those who leave by an exception
+    ~StatusWindow();  // ends the window if an exception leaves the flow
     StatusWindow(const StatusWindow&) = delete;
     StatusWindow& operator=(const StatusWindow&) = delete;
     StatusWindow(StatusWindow&&) = delete;
     StatusWindow& operator=(StatusWindow&&) = delete;
 };
 
-// Starts the window thread and waits until the window is ready, two seconds at most; it returns whether or not it is.
-// Throws std::system_error when no thread can be started. Logs nothing.
+// Starts the window thread and waits until the window is ready, two seconds at most. Throws std::system_error if no
+// thread can be started. Logs nothing.
 void StartStatusWindow(StatusWindow& window, HINSTANCE instance, bool silent);
 
-// Sets the status line; the text is on the window when it returns.
+// Sets the status line before it returns.
 void SetStatus(StatusWindow& window, int status);
 
 // Ends the window and waits for its thread. May be called more than once.

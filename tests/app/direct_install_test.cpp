@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "app/direct_install.h"
@@ -24,13 +25,7 @@ using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
 
-IMPORTED(RegCreateKeyExW)
-IMPORTED(RegSetValueExW)
-IMPORTED(RegCloseKey)
-IMPORTED(RegOpenKeyExW)
-IMPORTED(ShowWindow)
-IMPORTED(SetDlgItemTextW)
-IMPORTED(PostThreadMessageW)
+IMPORTED(RegCreateKeyExW, RegSetValueExW, RegCloseKey, RegOpenKeyExW, ShowWindow, SetDlgItemTextW, PostThreadMessageW)
 
 namespace repair
 {
@@ -42,7 +37,6 @@ constexpr wchar_t kApplicationKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\H
 constexpr wchar_t kStorePackage[] = L"TavikSystemsInc-2.TavikCorvelSoftware_1.0.0.0_x64__abc";
 constexpr wchar_t kMarkerLine[] =
     L"Unable to create VLTUWPReplaced registry key SOFTWARE\\Orrel Technologies\\Install\\";
-constexpr wchar_t kInstaller[] = L"C:\\given.exe";
 
 // Without a module instance, so without a window, where the test does not ask for one.
 class DirectInstall : public testing::Test
@@ -55,8 +49,44 @@ protected:
         runtime_.packages = {{kStorePackage, {1, 0, 0, 0}}};
     }
 
-    void DesktopEditionIsInstalled() { machine_.products[kHalden] = {L"C:\\old.msi"}; }
-    std::wstring MainPackage() const { return machine_.ExtractionFolder() + L"\\HL\\halden\\halden64\\dwx-next64.msi"; }
+    ~DirectInstall() override { EXPECT_THAT(boxes_.boxes, IsEmpty()); }
+
+    // Installs C:\given.exe; afterwards the lines are those of the installation alone.
+    int Install()
+    {
+        LogCapture log;
+        const int result = RunDirectInstall(L"C:\\given.exe");
+        lines_ = log.Lines();
+        return result;
+    }
+    void ExpectInstallWithoutReplacement()
+    {
+        EXPECT_EQ(Install(), 0);
+        EXPECT_THAT(runtime_.Calls(), IsEmpty());
+        EXPECT_EQ(Marker(), "");
+        ExpectApplicationStarted();
+    }
+    void ExpectInstallWithoutMarker()
+    {
+        EXPECT_EQ(Install(), 0);
+        EXPECT_THAT(lines_, Contains(kMarkerLine).Times(1));
+        EXPECT_EQ(Marker(), "");
+        ExpectApplicationStarted();
+    }
+    void ExpectRegistryError(int code, const std::string& text)
+    {
+        try
+        {
+            Install();
+            ADD_FAILURE() << "no exception was thrown";
+        }
+        catch (const RegKeyError& error)
+        {
+            EXPECT_EQ(error.code().value(), code);
+            EXPECT_THAT(error.what(), StartsWith(text));
+        }
+        EXPECT_EQ(Marker(), "4:4:1");  // everything before has been done
+    }
 
     // Type and bytes of the marker, or an empty text.
     static std::string Marker()
@@ -90,69 +120,54 @@ protected:
     FakeMachine machine_;
     FakeRuntime runtime_;
     BoxRecorder boxes_;
+    std::vector<std::wstring> lines_;
 };
 
 // Proves: There is no status window (direct installation) => everything else is done
+// Proves: Whether the desktop edition is there => is asked before anything is touched
 // Proves: The desktop edition was missing => all three packages are installed
 // Proves: It was missing and the installation succeeded (a wanted restart included) => the Store packages are removed, then the marker 1 is written; exit code 0
 // Proves: Everything is done => `CorvelSoftware.exe` of the recorded location is started hidden, without arguments
 TEST_F(DirectInstall, NewDesktopEditionGetsAllComponentsReplacesTheStoreEditionAndLeavesTheMarker)
 {
-    LogCapture log;
-    EXPECT_EQ(RunDirectInstall(kInstaller), 0);
-    EXPECT_THAT(machine_.StepsOf(L"install"), SizeIs(3));
+    EXPECT_EQ(Install(), 0);
+    EXPECT_EQ(machine_.steps[0], std::wstring(L"related ") + kHalden);
+    EXPECT_EQ(machine_.steps[1], L"ui 2");
     EXPECT_THAT(machine_.steps[2], StartsWith(L"run C:\\given.exe | /NCRC /S -EXTRACTONLY=YES /D="));
+    EXPECT_THAT(machine_.StepsOf(L"install"), SizeIs(3));
     EXPECT_TRUE(WasStoreEditionRemoved());
     EXPECT_EQ(Marker(), "4:4:1");
     ExpectApplicationStarted();
-    EXPECT_THAT(boxes_.boxes, IsEmpty());
-    EXPECT_THAT(log.Lines(), Contains(L"Process C:\\HL\\CorvelSoftware.exe  completed with exit code 0"));
-}
-
-// Proves: Whether the desktop edition is there => is asked before anything is touched
-TEST_F(DirectInstall, LooksForTheDesktopEditionBeforeItTouchesAnything)
-{
-    RunDirectInstall(kInstaller);
-    ASSERT_GE(machine_.steps.size(), 2u);
-    EXPECT_EQ(machine_.steps[0], std::wstring(L"related ") + kHalden);
-    EXPECT_EQ(machine_.steps[1], L"ui 2");
+    EXPECT_THAT(lines_, Contains(L"Process C:\\HL\\CorvelSoftware.exe  completed with exit code 0"));
 }
 
 // Proves: The desktop edition was there before => only what was there is replaced, no Store removal, no marker
 TEST_F(DirectInstall, DesktopEditionThatWasThereMeansNoRemovalNoMarkerAndNoFurtherComponents)
 {
-    DesktopEditionIsInstalled();
-    EXPECT_EQ(RunDirectInstall(kInstaller), 0);
-    EXPECT_THAT(machine_.StepsOf(L"install"), SizeIs(2));  // the old one goes, the new one comes
-    EXPECT_THAT(runtime_.Calls(), IsEmpty());
-    EXPECT_EQ(Marker(), "");
-    ExpectApplicationStarted();
+    machine_.products[kHalden] = {L"C:\\old.msi"};
+    ExpectInstallWithoutReplacement();
+    EXPECT_THAT(machine_.StepsOf(L"install"), SizeIs(2));  // the removal of the old one and the new one
 }
 
 // Proves: The installation fails, or the installer unpacks nothing => not reported: no marker, no Store removal, the application is started, exit code 0
 TEST_F(DirectInstall, FailedInstallationIsNotReportedAndTheApplicationStartedAllTheSame)
 {
-    machine_.packageResults[MainPackage()] = 1603;
-    EXPECT_EQ(RunDirectInstall(kInstaller), 0);
-    EXPECT_THAT(runtime_.Calls(), IsEmpty());
-    EXPECT_EQ(Marker(), "");
-    ExpectApplicationStarted();
-    EXPECT_THAT(boxes_.boxes, IsEmpty());
+    machine_.packageResults[machine_.ExtractionFolder() + L"\\HL\\halden\\halden64\\dwx-next64.msi"] = 1603;
+    ExpectInstallWithoutReplacement();
 }
 
 TEST_F(DirectInstall, InstallerThatUnpacksNothingIsNotReportedEither)
 {
     machine_.onRun = [] {};
-    EXPECT_EQ(RunDirectInstall(kInstaller), 0);
-    EXPECT_EQ(Marker(), "");
-    ExpectApplicationStarted();
+    ExpectInstallWithoutReplacement();
 }
 
 // Proves: The application is missing, or ends with a code of its own => only logged
-TEST_F(DirectInstall, ApplicationThatDoesNotStartIsNotMinded)
+TEST_F(DirectInstall, ApplicationThatDoesNotStartIsOnlyLogged)
 {
     machine_.startErrors[L"C:\\HL\\CorvelSoftware.exe"] = 2;
-    EXPECT_EQ(RunDirectInstall(kInstaller), 0);
+    EXPECT_EQ(Install(), 0);
+    EXPECT_THAT(lines_.back(), StartsWith(L"Launching process C:\\HL\\CorvelSoftware.exe  failed. Error code = 2 "));
 }
 
 // Proves: The installation raises an exception (direct installation) => logged, the window is hidden, box "Update failed. ...", even with `-SILENT`; exit code -1, the application is not started
@@ -160,10 +175,9 @@ TEST_F(DirectInstall, ExceptionIsLoggedAndShownEvenWhenSilentAndGivesMinusOne)
 {
     Silent = true;
     machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload", "in the way");
-    LogCapture log;
-    EXPECT_EQ(RunDirectInstall(kInstaller), -1);
-    EXPECT_THAT(log.Lines(), ElementsAre(StartsWith(L"\tException occured during installation. filesystem error: ")));
-    EXPECT_THAT(boxes_.boxes,
+    EXPECT_EQ(Install(), -1);
+    EXPECT_THAT(lines_, ElementsAre(StartsWith(L"\tException occured during installation. filesystem error: ")));
+    EXPECT_THAT(std::exchange(boxes_.boxes, {}),
                 ElementsAre(BoxRecorder::Box{
                     L"Update failed. Please visit www.tavik.example to install the appropriate driver.", 0x10010}));
     EXPECT_THAT(machine_.StepsOf(L"run"), IsEmpty());
@@ -217,7 +231,7 @@ TEST_F(DirectInstall, MarkerKeyIsCreatedInTheOwnViewWithDefaultSecurityAndClosed
         }
         onRun();
     };
-    RunDirectInstall(kInstaller);
+    Install();
     EXPECT_EQ(closed, 1);
 }
 
@@ -228,10 +242,7 @@ TEST_F(DirectInstall, MarkerKeyThatCannotBeCreatedIsOneLineAndTheApplicationStar
     create([](HKEY, const wchar_t*, DWORD, wchar_t*, DWORD, REGSAM, const SECURITY_ATTRIBUTES*, HKEY*, DWORD*) {
         return LSTATUS{5};
     });
-    LogCapture log;
-    EXPECT_EQ(RunDirectInstall(kInstaller), 0);
-    EXPECT_THAT(log.Lines(), Contains(kMarkerLine).Times(1));
-    ExpectApplicationStarted();
+    ExpectInstallWithoutMarker();
 }
 
 // Proves: The marker cannot be written => the same
@@ -239,17 +250,14 @@ TEST_F(DirectInstall, MarkerThatCannotBeWrittenIsOneLineAndTheApplicationStarts)
 {
     SUBSTITUTE(RegSetValueExW)
     set([](HKEY, const wchar_t*, DWORD, DWORD, const BYTE*, DWORD) { return LSTATUS{5}; });
-    LogCapture log;
-    EXPECT_EQ(RunDirectInstall(kInstaller), 0);
-    EXPECT_THAT(log.Lines(), Contains(kMarkerLine).Times(1));
-    ExpectApplicationStarted();
+    ExpectInstallWithoutMarker();
 }
 
 // Proves: A Store package stays, or the Store cannot be asked => logged; the marker is written
 TEST_F(DirectInstall, StoreThatCannotBeAskedDoesNotKeepTheMarkerAway)
 {
     runtime_.faults.fails["activation"] = E_FAIL;
-    EXPECT_EQ(RunDirectInstall(kInstaller), 0);
+    EXPECT_EQ(Install(), 0);
     EXPECT_EQ(Marker(), "4:4:1");
 }
 
@@ -257,31 +265,13 @@ TEST_F(DirectInstall, StoreThatCannotBeAskedDoesNotKeepTheMarkerAway)
 TEST_F(DirectInstall, WithoutTheApplicationsKeyTheRegistryErrorGetsOut)
 {
     RegDeleteKeyW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Orrel Technologies\\Install\\Halden");
-    try
-    {
-        RunDirectInstall(kInstaller);
-        ADD_FAILURE() << "nothing was thrown";
-    }
-    catch (const RegKeyError& error)
-    {
-        EXPECT_EQ(error.code().value(), 2);
-        EXPECT_THAT(error.what(), testing::StartsWith("Unable to open registry key: "));
-    }
-    EXPECT_EQ(Marker(), "4:4:1");  // everything before has been done
+    ExpectRegistryError(2, "Unable to open registry key: ");
 }
 
 TEST_F(DirectInstall, WithoutALocationTheRegistryErrorGetsOut)
 {
     registry_.SetValue(kApplicationKey, L"Location", REG_DWORD, {1, 0, 0, 0});
-    try
-    {
-        RunDirectInstall(kInstaller);
-        ADD_FAILURE() << "nothing was thrown";
-    }
-    catch (const RegKeyError& error)
-    {
-        EXPECT_THAT(error.what(), testing::StartsWith("Unable to get registry value: "));
-    }
+    ExpectRegistryError(1630, "Unable to get registry value: ");
 }
 
 TEST_F(DirectInstall, ApplicationsKeyIsReadOnlyAndInTheOwnView)
@@ -297,7 +287,7 @@ TEST_F(DirectInstall, ApplicationsKeyIsReadOnlyAndInTheOwnView)
         }
         return open.Original()(root, path, options, access, key);
     });
-    RunDirectInstall(kInstaller);
+    Install();
     EXPECT_EQ(opened, 3);  // for the folder of the installation, for the stop, for the start
 }
 
@@ -341,7 +331,7 @@ TEST_F(DirectInstallWindow, IsShownEvenWhenSilentAndSaysInstallingAndIsStopped)
         statusWhileInstalling = statusWhileInstalling.empty() ? status : statusWhileInstalling;
         onRun();
     };
-    EXPECT_EQ(RunDirectInstall(kInstaller), 0);
+    EXPECT_EQ(Install(), 0);
     EXPECT_EQ(statusWhileInstalling, L"Installing...");
     EXPECT_EQ(shown_, 2);  // picture and dialog
     EXPECT_EQ(hidden_, 0);
@@ -355,8 +345,8 @@ TEST_F(DirectInstallWindow, IsHiddenBeforeTheFailureBoxAndStoppedAfterIt)
         EXPECT_EQ(hidden_, 1);
         EXPECT_EQ(stops_, 0);
     };
-    EXPECT_EQ(RunDirectInstall(kInstaller), -1);
-    EXPECT_THAT(boxes_.boxes, SizeIs(1));
+    EXPECT_EQ(Install(), -1);
+    EXPECT_THAT(std::exchange(boxes_.boxes, {}), SizeIs(1));
     EXPECT_EQ(stops_, 1);
 }
 
@@ -365,9 +355,8 @@ TEST_F(DirectInstallWindow, IsStoppedWhenAnotherKindOfExceptionPassesThrough)
 {
     machine_.onRun = [] { throw 5; };
     LogCapture log;
-    EXPECT_THROW(RunDirectInstall(kInstaller), int);
+    EXPECT_THROW(RunDirectInstall(L"C:\\given.exe"), int);
     EXPECT_EQ(stops_, 1);
-    EXPECT_THAT(boxes_.boxes, IsEmpty());
     EXPECT_THAT(log.Lines(), Each(Not(StartsWith(L"\tException"))));
 }
 }  // namespace

@@ -19,11 +19,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
 
-IMPORTED(GetCommandLineW)
-IMPORTED(SetDefaultDllDirectories)
-IMPORTED(SetUnhandledExceptionFilter)
-IMPORTED(GetStdHandle)
-IMPORTED(TerminateProcess)
+IMPORTED(GetCommandLineW, SetDefaultDllDirectories, SetUnhandledExceptionFilter, GetStdHandle, TerminateProcess)
 
 namespace repair
 {
@@ -90,18 +86,13 @@ protected:
 
 // Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: The process starts => the search for libraries is limited to the system's folder first; a failure of this is ignored
-TEST_F(ProcessEntry, RestrictsTheLibrarySearchBeforeAnythingElse)
-{
-    Start(L"-SILENT");
-    EXPECT_THAT(order_, ElementsAre("DLL folders", "command line"));
-}
-
 // Proves: The process is given its module => it is kept for window and boxes
-TEST_F(ProcessEntry, KeepsTheModuleInstance)
+TEST_F(ProcessEntry, RestrictsTheLibrarySearchFirstAndKeepsTheModuleInstance)
 {
     const auto instance = reinterpret_cast<HINSTANCE>(0x1234);
     EXPECT_EQ(Start(L"-VLT -Install", instance), 2);
     EXPECT_EQ(AppInstance, instance);
+    EXPECT_THAT(order_, ElementsAre("DLL folders", "command line"));
 }
 
 // Proves: `-VLT` and `-Install`, and there is no such file (or no path, or a folder) => a line in the log, a text without a line end on the standard output, exit code 2; no window, no box, nothing is done
@@ -117,11 +108,9 @@ TEST_F(ProcessEntry, GivenInstallerThatIsMissingIsLoggedPrintedAndGivesTwo)
     EXPECT_THAT(boxes_.boxes, IsEmpty());
 }
 
-TEST_F(ProcessEntry, WithoutAPathTheInstallerIsMissingToo)
+TEST_F(ProcessEntry, InstallerIsMissingWithoutAPathToo)
 {
-    LogCapture log;
     EXPECT_EQ(Start(L"-vlt -install"), 2);
-    EXPECT_EQ(log.Lines().back(), L"Unable to find file at : .");
     EXPECT_EQ(Output(), "The given location does not contain the file : ");
 }
 
@@ -166,7 +155,7 @@ TEST_P(CheckedLine, RunsTheCheckAndReturnsItsResult)
 }
 
 // Proves: An error that is not caught => the process ends with code 3, without a box
-TEST_F(ProcessEntry, WhatNobodyCaughtEndsTheProcessWithoutABox)
+TEST_F(ProcessEntry, UncaughtErrorEndsTheProcessWithoutABox)
 {
     std::vector<UINT> codes;
     SUBSTITUTE(TerminateProcess)

@@ -26,13 +26,7 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
 
-IMPORTED(SetDlgItemTextW)
-IMPORTED(InvalidateRect)
-IMPORTED(ShowWindow)
-IMPORTED(SetEvent)
-IMPORTED(CloseHandle)
-IMPORTED(PostThreadMessageW)
-IMPORTED(InternetOpenW)
+IMPORTED(SetDlgItemTextW, ShowWindow, SetEvent, CloseHandle, InternetOpenW)
 
 namespace repair
 {
@@ -49,7 +43,7 @@ class RepairTest : public testing::Test
 protected:
     RepairTest()
     {
-        registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", L"no address");  // nothing to be downloaded
+        registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", L"no address");  // so nothing can be downloaded
         run_.window.instance = reinterpret_cast<HINSTANCE>(0x99);
         run_.window.dialog = reinterpret_cast<HWND>(0x77);
         run_.instanceEvent = EventHandle(CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -64,15 +58,29 @@ protected:
         installer_ = machine_.Folder().WriteBytes(L"package\\Bin64\\DWX2_Install.exe", "x");
         return machine_.Folder() / L"package";
     }
-    std::wstring MainPackage() const { return machine_.ExtractionFolder() + L"\\HL\\halden\\halden64\\dwx-next64.msi"; }
+    // The repair for release 24.20; afterwards the lines are those of the repair alone.
+    int RepairFrom(const std::wstring& driverFolder, bool useStore = false)
+    {
+        LogCapture log;
+        const int result = Repair(run_, driverFolder, L"24.20", useStore);
+        lines_ = log.Lines();
+        return result;
+    }
+    void ExpectEndWith(const BoxRecorder::Box& box) const
+    {
+        EXPECT_THAT(boxes_.boxes, ElementsAre(box));
+        EXPECT_THAT(order_, ElementsAre("hide", "box", "signal", "close"));
+        EXPECT_FALSE(run_.instanceEvent);
+    }
 
     MachineRegistry registry_;
     FakeMachine machine_;
     FakeRuntime runtime_;
     BoxRecorder boxes_;
-    repair::Run run_;
+    repair::Run run_;  // testing::Test has a Run of its own
     std::wstring installer_;
     HANDLE event_ = nullptr;
+    std::vector<std::wstring> lines_;
     std::vector<std::wstring> statusTexts_;
     std::vector<std::string> order_;
 
@@ -81,12 +89,6 @@ protected:
         EXPECT_EQ(dialog, reinterpret_cast<HWND>(0x77));
         EXPECT_EQ(control, 1004);
         statusTexts_.push_back(text);
-        return TRUE;
-    }};
-    SUBSTITUTE(InvalidateRect)
-    invalidate_{[this](HWND dialog, const RECT*, BOOL) {
-        EXPECT_EQ(dialog, reinterpret_cast<HWND>(0x77));
-        order_.push_back("invalidate");
         return TRUE;
     }};
     SUBSTITUTE(ShowWindow)
@@ -118,50 +120,29 @@ protected:
 // Own process: the functions of the Windows Runtime are looked up once in a process.
 // --- Desktop edition
 // Proves: The driver package has an installer => logged, not downloaded; the status goes straight to "Installing..."
-TEST_F(RepairTest, InstallerOfTheDriverPackageIsUsedWithoutADownload)
-{
-    const std::wstring package = DriverPackage();
-    machine_.UnpacksMainPackage();
-    LogCapture log;
-    EXPECT_EQ(Repair(run_, package, L"24.20", false), 0);
-    ASSERT_FALSE(log.Lines().empty());
-    EXPECT_EQ(log.Lines()[0], L"Found dwx2-install.exe at [" + installer_ + L"]");
-    EXPECT_THAT(log.Lines(), Each(Not(HasSubstr(L"Downloading"))));
-    EXPECT_THAT(statusTexts_, ElementsAre(L"Installing..."));
-    EXPECT_THAT(machine_.StepsOf(L"run")[0], StartsWith(L"run " + installer_ + L" | /NCRC"));
-    EXPECT_THAT(boxes_.boxes, ElementsAre(kFinished));
-}
-
-// Proves: Any end => the window is hidden, the box shown, then the event set and closed
-TEST_F(RepairTest, FinishedRunHidesTheWindowShowsTheBoxAndThenReleasesTheEvent)
-{
-    const std::wstring package = DriverPackage();
-    machine_.UnpacksMainPackage();
-    Repair(run_, package, L"24.20", false);
-    EXPECT_THAT(order_, ElementsAre("invalidate", "hide", "box", "signal", "close"));
-    EXPECT_FALSE(run_.instanceEvent);
-}
-
 // Proves: Which components => only those that were installed before
-TEST_F(RepairTest, OnlyWhatWasThereIsInstalled)
-{
-    const std::wstring package = DriverPackage();
-    machine_.UnpacksMainPackage();
-    Repair(run_, package, L"24.20", false);
-    EXPECT_THAT(machine_.StepsOf(L"install"), testing::SizeIs(1));
-}
-
 // Proves: The installation succeeds (result 0) => every Store package of the application is removed, then box "Finished installing Tavik Software", result 0
-TEST_F(RepairTest, SuccessRemovesEveryStorePackageBeforeTheBox)
+// Proves: Any end => the window is hidden, the box shown, then the event set and closed
+TEST_F(RepairTest, InstallerOfTheDriverPackageReplacesBothEditions)
 {
     const std::wstring package = DriverPackage();
     machine_.UnpacksMainPackage();
     runtime_.packages = {{kStorePackage, {1, 0, 0, 0}}, {L"TavikSystemsInc-2.8F31D07A2B6E4_1", {2, 0, 0, 0}}};
-    std::vector<std::wstring> before;
-    boxes_.onBox = [&] { before = runtime_.Calls(); };
-    EXPECT_EQ(Repair(run_, package, L"24.20", false), 0);
-    EXPECT_THAT(before, AllOf(Contains(std::wstring(L"remove ") + kStorePackage + L" 0x80000"),
-                              Contains(L"remove TavikSystemsInc-2.8F31D07A2B6E4_1 0x80000")));
+    std::vector<std::wstring> beforeTheBox;
+    boxes_.onBox = [&] {
+        order_.push_back("box");
+        beforeTheBox = runtime_.Calls();
+    };
+    EXPECT_EQ(RepairFrom(package), 0);
+    ASSERT_FALSE(lines_.empty());
+    EXPECT_EQ(lines_[0], L"Found dwx2-install.exe at [" + installer_ + L"]");
+    EXPECT_THAT(lines_, Each(Not(HasSubstr(L"Downloading"))));
+    EXPECT_THAT(statusTexts_, ElementsAre(L"Installing..."));
+    EXPECT_THAT(machine_.StepsOf(L"run")[0], StartsWith(L"run " + installer_ + L" | /NCRC"));
+    EXPECT_THAT(machine_.StepsOf(L"install"), testing::SizeIs(1));
+    EXPECT_THAT(beforeTheBox, AllOf(Contains(std::wstring(L"remove ") + kStorePackage + L" 0x80000"),
+                                    Contains(L"remove TavikSystemsInc-2.8F31D07A2B6E4_1 0x80000")));
+    ExpectEndWith(kFinished);
 }
 
 // Proves: The installation fails (any other result) => box "Error installing Tavik Software.", that result is the exit code, the Store packages stay
@@ -169,19 +150,17 @@ TEST_F(RepairTest, FailedInstallationIsShownAndReturnedAndLeavesTheStoreEditionA
 {
     const std::wstring package = DriverPackage();
     machine_.UnpacksMainPackage();
-    machine_.packageResults[MainPackage()] = 1603;
+    machine_.packageResults[machine_.ExtractionFolder() + L"\\HL\\halden\\halden64\\dwx-next64.msi"] = 1603;
     runtime_.packages = {{kStorePackage, {1, 0, 0, 0}}};
-    EXPECT_EQ(Repair(run_, package, L"24.20", false), 1603);
-    EXPECT_THAT(boxes_.boxes, ElementsAre(kInstallFailed));
+    EXPECT_EQ(RepairFrom(package), 1603);
     EXPECT_THAT(runtime_.Calls(), IsEmpty());
-    EXPECT_FALSE(run_.instanceEvent);
+    ExpectEndWith(kInstallFailed);
 }
 
 TEST_F(RepairTest, InstallerThatUnpacksNothingGivesTwo)
 {
-    const std::wstring package = DriverPackage();
-    EXPECT_EQ(Repair(run_, package, L"24.20", false), 2);
-    EXPECT_THAT(boxes_.boxes, ElementsAre(kInstallFailed));
+    EXPECT_EQ(RepairFrom(DriverPackage()), 2);
+    ExpectEndWith(kInstallFailed);
 }
 
 // Proves: The installation raises an exception (repair) => logged with its text, box "Error installing Tavik Software.", result -1
@@ -189,10 +168,9 @@ TEST_F(RepairTest, ExceptionOfTheInstallationIsLoggedAndGivesMinusOne)
 {
     const std::wstring package = DriverPackage();
     machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload", "in the way");
-    LogCapture log;
-    EXPECT_EQ(Repair(run_, package, L"24.20", false), -1);
-    EXPECT_THAT(log.Lines(), Contains(StartsWith(L"\tException occured during installation. filesystem error: ")));
-    EXPECT_THAT(boxes_.boxes, ElementsAre(kInstallFailed));
+    EXPECT_EQ(RepairFrom(package), -1);
+    EXPECT_THAT(lines_, Contains(StartsWith(L"\tException occured during installation. filesystem error: ")));
+    ExpectEndWith(kInstallFailed);
 }
 
 // Proves: It has none => logged, status "Downloading ...", the five-character release is downloaded, then "Installing..."
@@ -202,10 +180,9 @@ TEST_F(RepairTest, WithoutALocalInstallerTheReleaseIsDownloaded)
     registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", L"http://server/vlt/");
     machine_.UnpacksMainPackage();
     const std::wstring folder = machine_.Folder().CreateFolder(L"empty");
-    LogCapture log;
-    EXPECT_EQ(Repair(run_, folder, L"24.20", false), 0);
-    EXPECT_THAT(log.Lines(), Contains(L"Unable to find dwx2-install.exe at [" + folder +
-                                      L"]. Downloading dwx2_install.exe for [24.20] from web."));
+    EXPECT_EQ(RepairFrom(folder), 0);
+    EXPECT_THAT(lines_, Contains(L"Unable to find dwx2-install.exe at [" + folder +
+                                 L"]. Downloading dwx2_install.exe for [24.20] from web."));
     EXPECT_THAT(internet.calls, Contains(L"request /vlt/24.20/dwx2_install.txt"));
     EXPECT_THAT(statusTexts_, ElementsAre(L"Downloading compatible version of Tavik Software.", L"Installing..."));
     EXPECT_THAT(machine_.StepsOf(L"run")[0],
@@ -216,16 +193,14 @@ TEST_F(RepairTest, WithoutALocalInstallerTheReleaseIsDownloaded)
 // Proves: The installer is neither found nor downloaded => box "Error downloading Tavik Software", result -1; nothing is stopped or installed
 TEST_F(RepairTest, DownloadWithoutAResultEndsTheRun)
 {
-    LogCapture log;
-    EXPECT_EQ(Repair(run_, L"", L"24.20", false), -1);
-    EXPECT_EQ(log.Lines().front(),
+    EXPECT_EQ(RepairFrom(L""), -1);
+    EXPECT_EQ(lines_.front(),
               L"Unable to find dwx2-install.exe at []. Downloading dwx2_install.exe for [24.20] from web.");
-    EXPECT_EQ(log.Lines().back(), L"Unable to download dwx2_install.exe from web. Exiting.");
+    EXPECT_EQ(lines_.back(), L"Unable to download dwx2_install.exe from web. Exiting.");
     EXPECT_THAT(statusTexts_, ElementsAre(L"Downloading compatible version of Tavik Software."));
-    EXPECT_THAT(boxes_.boxes, ElementsAre(kDownloadFailed));
-    EXPECT_THAT(order_, ElementsAre("invalidate", "hide", "box", "signal", "close"));
     EXPECT_THAT(machine_.steps, IsEmpty());
     EXPECT_THAT(runtime_.Calls(), IsEmpty());
+    ExpectEndWith(kDownloadFailed);
 }
 
 // Proves: The download raises an exception => logged with its text, then as above
@@ -236,24 +211,27 @@ TEST_F(RepairTest, ExceptionOfTheDownloadIsLoggedAndCountsAsNoResult)
     open([](const wchar_t*, DWORD, const wchar_t*, const wchar_t*, DWORD) {
         return FailWith(ERROR_ACCESS_DENIED, HINTERNET{nullptr});
     });
-    LogCapture log;
-    EXPECT_EQ(Repair(run_, L"", L"24.20", false), -1);
-    const std::vector<std::wstring> lines = log.Lines();
-    ASSERT_GE(lines.size(), 2u);
-    EXPECT_THAT(lines[lines.size() - 2], StartsWith(L"\tException occured during the download of dwx2_install.exe. "
-                                                    L"Unable to open internet connection: "));
-    EXPECT_EQ(lines.back(), L"Unable to download dwx2_install.exe from web. Exiting.");
-    EXPECT_THAT(boxes_.boxes, ElementsAre(kDownloadFailed));
+    EXPECT_EQ(RepairFrom(L""), -1);
+    ASSERT_GE(lines_.size(), 2u);
+    EXPECT_THAT(lines_[lines_.size() - 2], StartsWith(L"\tException occured during the download of dwx2_install.exe. "
+                                                      L"Unable to open internet connection: "));
+    EXPECT_EQ(lines_.back(), L"Unable to download dwx2_install.exe from web. Exiting.");
+    ExpectEndWith(kDownloadFailed);
 }
 
 // Proves: `-SILENT` (repair) => the same without status texts and boxes
-TEST_F(RepairTest, SilentDesktopRunShowsNothing)
+TEST_F(RepairTest, SilentRunsShowNothing)
 {
     Silent = true;
     const std::wstring package = DriverPackage();
     machine_.UnpacksMainPackage();
-    EXPECT_EQ(Repair(run_, package, L"24.20", false), 0);
-    EXPECT_EQ(Repair(run_, L"", L"24.20", false), -1);
+    EXPECT_EQ(RepairFrom(package), 0);
+    EXPECT_EQ(RepairFrom(L""), -1);
+    EXPECT_EQ(RepairFrom(L"", true), 0);
+    EXPECT_THAT(lines_, testing::SizeIs(2));
+    runtime_.updateState = 5;
+    EXPECT_EQ(RepairFrom(L"", true), -1);
+    EXPECT_THAT(lines_, testing::SizeIs(2));
     EXPECT_THAT(boxes_.boxes, IsEmpty());
     EXPECT_THAT(statusTexts_, IsEmpty());
     EXPECT_THAT(order_, ElementsAre("signal", "close"));
@@ -264,24 +242,20 @@ TEST_F(RepairTest, SilentDesktopRunShowsNothing)
 // Proves: The Store installation succeeds => logged, box "Finished installing Tavik Software", result 0
 TEST_F(RepairTest, StoreEditionInUseIsInstalledFromTheStoreWithTheDialogAsOwner)
 {
-    const std::wstring package = DriverPackage();
-    LogCapture log;
-    EXPECT_EQ(Repair(run_, package, L"24.20", true), 0);
-    EXPECT_THAT(log.Lines(), ElementsAre(L"Attempting to download and install the UWP version of VLT.",
-                                         L"Successfully installed the UWP version of VLT"));
+    EXPECT_EQ(RepairFrom(DriverPackage(), true), 0);
+    EXPECT_THAT(lines_, ElementsAre(L"Attempting to download and install the UWP version of VLT.",
+                                    L"Successfully installed the UWP version of VLT"));
     EXPECT_THAT(runtime_.Calls(), AllOf(Contains(L"window 119"), Contains(L"install 9PQ4XK7ZT2MV")));
     EXPECT_THAT(statusTexts_, ElementsAre(L"Installing..."));
-    EXPECT_THAT(boxes_.boxes, ElementsAre(kFinished));
-    EXPECT_THAT(order_, ElementsAre("invalidate", "hide", "box", "signal", "close"));
     EXPECT_THAT(machine_.steps, IsEmpty());
+    ExpectEndWith(kFinished);
 }
 
 // Proves: `-FORCEVLTUWP` with the desktop edition (of the same release, too), an installer at hand, or neither edition => the Store edition is installed
 TEST_F(RepairTest, ForcedStoreEditionIsTakenEvenWithTheDesktopEditionInUse)
 {
     ForceUwp = true;
-    const std::wstring package = DriverPackage();
-    EXPECT_EQ(Repair(run_, package, L"24.20", false), 0);
+    EXPECT_EQ(RepairFrom(DriverPackage()), 0);
     EXPECT_THAT(runtime_.Calls(), Contains(L"install 9PQ4XK7ZT2MV"));
     EXPECT_THAT(machine_.steps, IsEmpty());
 }
@@ -290,39 +264,24 @@ TEST_F(RepairTest, ForcedStoreEditionIsTakenEvenWithTheDesktopEditionInUse)
 TEST_F(RepairTest, StoreThatDoesNotCompleteIsLoggedShownAndGivesMinusOne)
 {
     runtime_.updateState = 8;
-    LogCapture log;
-    EXPECT_EQ(Repair(run_, L"", L"24.20", true), -1);
-    EXPECT_THAT(log.Lines(), ElementsAre(L"Attempting to download and install the UWP version of VLT.",
-                                         L"failed to install the UWP version of VLT"));
-    EXPECT_THAT(boxes_.boxes, ElementsAre(kInstallFailed));
-    EXPECT_THAT(order_, ElementsAre("invalidate", "hide", "box", "signal", "close"));
+    EXPECT_EQ(RepairFrom(L"", true), -1);
+    EXPECT_THAT(lines_, ElementsAre(L"Attempting to download and install the UWP version of VLT.",
+                                    L"failed to install the UWP version of VLT"));
+    ExpectEndWith(kInstallFailed);
 }
 
 TEST_F(RepairTest, ErrorOfTheStoreIsTheResult)
 {
     runtime_.faults.fails["GetDefault"] = static_cast<HRESULT>(0x80070005);
-    EXPECT_EQ(Repair(run_, L"", L"24.20", true), static_cast<int>(0x80070005));
-    EXPECT_THAT(boxes_.boxes, ElementsAre(kInstallFailed));
-}
-
-TEST_F(RepairTest, SilentStoreRunShowsNothing)
-{
-    Silent = true;
-    LogCapture log;
-    EXPECT_EQ(Repair(run_, L"", L"24.20", true), 0);
-    runtime_.updateState = 5;
-    EXPECT_EQ(Repair(run_, L"", L"24.20", true), -1);
-    EXPECT_THAT(boxes_.boxes, IsEmpty());
-    EXPECT_THAT(statusTexts_, IsEmpty());
-    EXPECT_THAT(order_, ElementsAre("signal", "close"));
-    EXPECT_THAT(log.Lines(), testing::SizeIs(4));
+    EXPECT_EQ(RepairFrom(L"", true), static_cast<int>(0x80070005));
+    ExpectEndWith(kInstallFailed);
 }
 
 // Proves: There is no status window (repair) => the Store is asked all the same, no status is set
 TEST_F(RepairTest, WithoutAWindowTheStoreIsAskedAllTheSame)
 {
     run_.window.instance = nullptr;
-    EXPECT_EQ(Repair(run_, L"", L"24.20", true), 0);
+    EXPECT_EQ(RepairFrom(L"", true), 0);
     EXPECT_THAT(statusTexts_, IsEmpty());
     EXPECT_THAT(boxes_.boxes, ElementsAre(kFinished));
 }

@@ -16,9 +16,7 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-IMPORTED(GetCommandLineW)
-IMPORTED(CommandLineToArgvW)
-IMPORTED(LocalFree)
+IMPORTED(GetCommandLineW, CommandLineToArgvW, LocalFree)
 
 namespace repair
 {
@@ -50,10 +48,13 @@ std::string Flags()
 class Switches : public testing::TestWithParam<Line>
 {
 protected:
-    void Read(const std::wstring& commandLine)
+    // Reads the command line; returns the lines that are logged.
+    std::vector<std::wstring> LogOf(const std::wstring& commandLine)
     {
         line_ = commandLine;
+        LogCapture log;
         ReadCommandLine();
+        return log.Lines();
     }
 
 private:
@@ -96,65 +97,48 @@ INSTANTIATE_TEST_SUITE_P(Lines, Switches, testing::ValuesIn(kLines));
 // Proves: Unknown arguments, and such that only look like a switch => count for nothing
 // Proves: What follows `-Path` looks like a switch => it is the path, and sets nothing
 // Proves: `-Path` is the last argument => the path is empty
-TEST_P(Switches, AreReadFromTheCommandLine)
-{
-    Read(L"\"C:\\Tavik\\tool.exe\" " + GetParam().arguments);
-    EXPECT_EQ(Flags(), GetParam().flags);
-    EXPECT_EQ(InstallerPath, GetParam().path);
-}
-
 // Proves: There is at least one argument => the whole command line, as it was given, is the first line of the log
-TEST_P(Switches, LineIsLoggedWhole)
-{
-    LogCapture log;
-    Read(L"tool.exe  " + GetParam().arguments);
-    EXPECT_THAT(log.Lines(), ElementsAre(L"Launched with command line: tool.exe  " + GetParam().arguments));
-}
-
 // Proves: Before the command line is read => all switches are off, the path is empty
-TEST_F(Switches, AreOffUntilTheLineIsRead)
+TEST_P(Switches, AreReadFromTheCommandLineWhichIsLoggedWhole)
 {
     EXPECT_EQ(Flags(), "");
     EXPECT_EQ(InstallerPath, L"");
     EXPECT_EQ(AppInstance, nullptr);
+    const std::wstring line = L"\"C:\\Tavik\\tool.exe\"  " + GetParam().arguments;
+    EXPECT_THAT(LogOf(line), ElementsAre(L"Launched with command line: " + line));
+    EXPECT_EQ(Flags(), GetParam().flags);
+    EXPECT_EQ(InstallerPath, GetParam().path);
 }
 
 // Proves: The program's own name looks like a switch => it sets nothing
 TEST_F(Switches, NameOfTheProgramIsNoSwitch)
 {
-    Read(L"-SILENT -FORCE");
+    LogOf(L"-SILENT -FORCE");
     EXPECT_EQ(Flags(), "F");
 }
 
 // Proves: The command line is very long => it is cut in the log, all switches count
 TEST_F(Switches, LongLineIsCutInTheLog)
 {
-    LogCapture log;
-    Read(L"tool.exe " + std::wstring(2000, L'x') + L" -SILENT");
+    EXPECT_THAT(LogOf(L"tool.exe " + std::wstring(2000, L'x') + L" -SILENT"),
+                ElementsAre(L"Launched with command line: tool.exe " + std::wstring(1023 - 37, L'x')));
     EXPECT_EQ(Flags(), "S");
-    EXPECT_THAT(log.Lines(), ElementsAre(L"Launched with command line: tool.exe " + std::wstring(1023 - 37, L'x')));
 }
 
 // Proves: The command line cannot be split, or has no argument at all => nothing is set, nothing is logged
-TEST_F(Switches, LineThatCannotBeSplitSetsNothingAndIsNotLogged)
+TEST_F(Switches, LineWithoutArgumentsSetsNothingAndIsNotLogged)
 {
-    SUBSTITUTE(CommandLineToArgvW) split([](const wchar_t*, int*) { return FailWith<wchar_t**>(8, nullptr); });
-    LogCapture log;
-    Read(L"tool.exe -SILENT");
-    EXPECT_EQ(Flags(), "");
-    EXPECT_THAT(log.Lines(), IsEmpty());
-}
-
-TEST_F(Switches, WithoutEvenAProgramNameNothingIsLogged)
-{
+    {
+        SUBSTITUTE(CommandLineToArgvW) split([](const wchar_t*, int*) { return FailWith<wchar_t**>(8, nullptr); });
+        EXPECT_THAT(LogOf(L"tool.exe -SILENT"), IsEmpty());
+    }
     SUBSTITUTE(CommandLineToArgvW)
     split([](const wchar_t*, int* count) {
         *count = 0;
         return static_cast<wchar_t**>(LocalAlloc(LPTR, sizeof(wchar_t*)));
     });
-    LogCapture log;
-    Read(L"tool.exe");
-    EXPECT_THAT(log.Lines(), IsEmpty());
+    EXPECT_THAT(LogOf(L"tool.exe -SILENT"), IsEmpty());
+    EXPECT_EQ(Flags(), "");
 }
 
 // Proves: The split command line is no longer needed => its memory is given back
@@ -173,7 +157,7 @@ TEST_F(Switches, MemoryOfTheSplitLineIsGivenBack)
         freed += memory == split ? 1 : 0;
         return release.Original()(memory);
     });
-    Read(L"tool.exe -SILENT");
+    LogOf(L"tool.exe -SILENT");
     EXPECT_EQ(freed, 1);
 }
 }  // namespace

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "base/files.h"
@@ -16,12 +17,7 @@
 #include "support/log_capture.h"
 #include "support/substitute.h"
 
-IMPORTED(CreateDirectoryW)
-IMPORTED(CreateFileW)
-IMPORTED(GetFileAttributesW)
-IMPORTED(GetLocalTime)
-IMPORTED(GetWindowsDirectoryW)
-IMPORTED(WriteFile)
+IMPORTED(CreateDirectoryW, CreateFileW, GetFileAttributesW, GetLocalTime, GetWindowsDirectoryW, WriteFile)
 
 using testing::ElementsAre;
 
@@ -30,12 +26,6 @@ namespace repair
 namespace
 {
 constexpr wchar_t kFolder[] = L"C:\\Program Files\\Tavik\\MIM\\Log\\";
-
-// 6 November 2026 at 04:07:31.015, or with other milliseconds for tests that really open the file.
-SYSTEMTIME At(WORD milliseconds)
-{
-    return {2026, 11, 5, 6, 4, 7, 31, milliseconds};
-}
 
 std::string ReadShared(const std::wstring& path)
 {
@@ -49,44 +39,46 @@ std::string ReadShared(const std::wstring& path)
     return bytes.substr(0, count);
 }
 
-struct WindowsFolder
+// The local time is always that of 6 November 2026, 04:07:31, and the log has a name of its own.
+class FixedTime
 {
-    const wchar_t* path;
-    const wchar_t* logFolder;
-};
+public:
+    explicit FixedTime(WORD milliseconds) : milliseconds_(milliseconds) {}
 
-class LogFolder : public testing::TestWithParam<WindowsFolder>
-{
+    std::wstring LogPath() const
+    {
+        return std::wstring(kFolder) + L"InstallVLTForWUDriver_2026-11-6_4_7_31_" + std::to_wstring(milliseconds_) +
+               L".log";
+    }
+
+private:
+    WORD milliseconds_;
+    SUBSTITUTE(GetLocalTime)
+    time_{[this](SYSTEMTIME* now) { *now = {2026, 11, 5, 6, 4, 7, 31, milliseconds_}; }};
 };
 
 // Proves: Windows lies on any drive => the log folder is `Program Files\Tavik\MIM\Log\` on that drive
 // Proves: The Windows folder cannot be asked, or has no backslash => its text as far as it is known is put in front
-TEST_P(LogFolder, StandsOnTheDriveOfTheWindowsFolder)
+TEST(LogFolder, IsOnTheDriveOfTheWindowsFolder)
 {
+    EXPECT_EQ(GetLogFolder(), kFolder);
+    std::wstring path;
     SUBSTITUTE(GetWindowsDirectoryW)
-    windows([](wchar_t* buffer, UINT characters) {
+    windows([&](wchar_t* buffer, UINT characters) {
         EXPECT_EQ(characters, 260u);
-        const std::wstring path = GetParam().path;
         path.copy(buffer, path.size());
         return static_cast<UINT>(path.size());  // 0, the call's failure, leaves the buffer as it is
     });
-    EXPECT_EQ(GetLogFolder(), GetParam().logFolder);
+    for (const auto& [folder, root] :
+         {std::pair(L"C:\\windows", L"C:\\"), std::pair(L"D:\\a\\b", L"D:\\"), std::pair(L"E:\\", L"E:\\"),
+          std::pair(L"X:windows", L"X:windows"), std::pair(L"", L"")})
+    {
+        path = folder;
+        EXPECT_EQ(GetLogFolder(), root + std::wstring(L"Program Files\\Tavik\\MIM\\Log\\"));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(All, LogFolder,
-                         testing::Values(WindowsFolder{L"C:\\windows", L"C:\\Program Files\\Tavik\\MIM\\Log\\"},
-                                         WindowsFolder{L"D:\\a\\b", L"D:\\Program Files\\Tavik\\MIM\\Log\\"},
-                                         WindowsFolder{L"E:\\", L"E:\\Program Files\\Tavik\\MIM\\Log\\"},
-                                         WindowsFolder{L"X:windows",
-                                                       L"X:windowsProgram Files\\Tavik\\MIM\\Log\\"},  // no backslash
-                                         WindowsFolder{L"", L"Program Files\\Tavik\\MIM\\Log\\"}));
 
 // Own process: a process begins its log once.
-TEST(Log, FolderOfThisMachine)
-{
-    EXPECT_EQ(GetLogFolder(), kFolder);
-}
-
 // Proves: First line of a run => the folder with all parents is created, then the time is taken, then the file is created: open for reading by others, not for writing
 // Proves: The file gets its name => local time to the millisecond, numbers without leading zeros
 TEST(Log, FirstLineCreatesTheFolderThenTakesTheTimeThenCreatesTheFile)
@@ -101,7 +93,7 @@ TEST(Log, FirstLineCreatesTheFolderThenTakesTheTimeThenCreatesTheFile)
     SUBSTITUTE(GetLocalTime)
     time([&](SYSTEMTIME* now) {
         calls.push_back(L"time");
-        *now = At(15);
+        *now = {2026, 11, 5, 6, 4, 7, 31, 15};
     });
     SUBSTITUTE(CreateFileW)
     create([&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD disposition,
@@ -115,7 +107,7 @@ TEST(Log, FirstLineCreatesTheFolderThenTakesTheTimeThenCreatesTheFile)
         EXPECT_EQ(pattern, nullptr);
         return FailWith(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE);
     });
-    WriteLog(L"line");
+    LogLine(L"line");
     EXPECT_THAT(
         calls, ElementsAre(L"C:\\", L"C:\\Program Files", L"C:\\Program Files\\Tavik", L"C:\\Program Files\\Tavik\\MIM",
                            L"C:\\Program Files\\Tavik\\MIM\\Log", L"time",
@@ -142,14 +134,13 @@ TEST_P(LogName, IsTheLocalTimeInPlainNumbers)
         created = path;
         return FailWith(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE);
     });
-    WriteLog(L"line");
+    LogLine(L"line");
     EXPECT_EQ(created, std::wstring(kFolder) + GetParam().name);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, LogName,
-    testing::Values(NamedTime{{2026, 11, 5, 6, 4, 7, 31, 15}, L"InstallVLTForWUDriver_2026-11-6_4_7_31_15.log"},
-                    NamedTime{{2031, 2, 6, 28, 23, 59, 8, 999}, L"InstallVLTForWUDriver_2031-2-28_23_59_8_999.log"},
+    testing::Values(NamedTime{{2031, 2, 6, 28, 23, 59, 8, 999}, L"InstallVLTForWUDriver_2031-2-28_23_59_8_999.log"},
                     NamedTime{{2027, 1, 5, 1, 0, 0, 0, 0}, L"InstallVLTForWUDriver_2027-1-1_0_0_0_0.log"}));
 
 // Proves: The file cannot be created => lines are lost silently, it is not tried again
@@ -168,8 +159,8 @@ TEST(Log, FileThatCannotBeCreatedIsPassedOverAndNotTriedAgain)
         EXPECT_EQ(file, INVALID_HANDLE_VALUE);
         return FailWith(ERROR_INVALID_HANDLE);
     });
-    WriteLog(L"first");
-    WriteLog(L"second");
+    LogLine(L"first");
+    LogLine(L"second");
     EXPECT_EQ(creations, 1);
     EXPECT_EQ(writes, 4);
 }
@@ -180,30 +171,28 @@ TEST(Log, FolderThatCannotBeCreatedRaisesTheErrorAndTheNextLineTriesAgain)
     {
         SUBSTITUTE(GetFileAttributesW) attributes([](const wchar_t*) { return INVALID_FILE_ATTRIBUTES; });
         SUBSTITUTE(CreateDirectoryW) create([](auto...) { return FailWith(ERROR_ACCESS_DENIED); });
-        ExpectFileError(FileErrorOf([] { WriteLog(L"lost"); }), "create_directories", kFolder, 5);
+        ExpectFileError(FileErrorOf([] { LogLine(L"%s", L"lost"); }), "create_directories", kFolder, 5);
         ExpectFileError(FileErrorOf([] { LogLine(L"%s", L"lost"); }), "create_directories", kFolder, 5);
     }
-    SUBSTITUTE(GetLocalTime) time([](SYSTEMTIME* now) { *now = At(101); });
-    WriteLog(L"a");
-    EXPECT_EQ(ReadShared(std::wstring(kFolder) + L"InstallVLTForWUDriver_2026-11-6_4_7_31_101.log"),
-              std::string("a\0\n\0", 4));
+    const FixedTime time(101);
+    LogLine(L"a");
+    EXPECT_EQ(ReadShared(time.LogPath()), std::string("a\0\n\0", 4));
 }
 
 // Proves: Lines are written => UTF-16 little-endian without a mark, each line ends in one line feed, with nothing in front of it
 TEST(Log, LineIsItsCharactersAndALineFeedInUtf16WithoutAMark)
 {
-    SUBSTITUTE(GetLocalTime) time([](SYSTEMTIME* now) { *now = At(102); });
-    WriteLog(L"\tA\u20ac\U0001f600");
-    WriteLog(L"");
+    const FixedTime time(102);
+    LogLine(L"\tA%s", L"\u20ac\U0001f600");
+    LogLine(L"%s", L"");
     WriteLog(std::wstring(L"x\0y", 3));
-    const std::wstring path = std::wstring(kFolder) + L"InstallVLTForWUDriver_2026-11-6_4_7_31_102.log";
-    EXPECT_EQ(ReadShared(path), std::string("\t\0A\0\xac\x20\x3d\xd8\x00\xde\n\0\n\0x\0\0\0y\0\n\0", 22));
+    EXPECT_EQ(ReadShared(time.LogPath()), std::string("\t\0A\0\xac\x20\x3d\xd8\x00\xde\n\0\n\0x\0\0\0y\0\n\0", 22));
 }
 
-// Proves: A line cannot be written (disk full) => it goes unnoticed, the run goes on
+// Proves: A line cannot be written (disk full) => the line is lost, the run goes on
 TEST(Log, EachLineIsTwoWritesWhoseResultsDoNotMatter)
 {
-    SUBSTITUTE(GetLocalTime) time([](SYSTEMTIME* now) { *now = At(103); });
+    const FixedTime time(103);
     std::vector<std::wstring> written;
     SUBSTITUTE(WriteFile)
     write([&](HANDLE, const void* data, DWORD bytes, DWORD*, OVERLAPPED* overlapped) {
@@ -217,13 +206,12 @@ TEST(Log, EachLineIsTwoWritesWhoseResultsDoNotMatter)
 }
 
 // Proves: Two lines, two runs => one file a run
-TEST(Log, LinesOfOneRunStandInOneFile)
+TEST(Log, AllLinesOfARunAreInOneFile)
 {
     LogCapture log;
     WriteLog(L"first");
     LogLine(L"%s", L"second");
-    LogLine(L"%s", std::wstring(2000, L'z').c_str());
-    EXPECT_THAT(log.Lines(), ElementsAre(L"first", L"second", std::wstring(1023, L'z')));
+    EXPECT_THAT(log.Lines(), ElementsAre(L"first", L"second"));
 }
 
 TEST(Log, OthersMayReadWhileItIsOpenButNotWriteOrDelete)
@@ -240,15 +228,14 @@ TEST(Log, OthersMayReadWhileItIsOpenButNotWriteOrDelete)
 // Proves: Two runs in the same millisecond => the second overwrites the first one's file
 TEST(Log, RunInTheSameMillisecondOverwritesTheFile)
 {
-    const std::wstring path = std::wstring(kFolder) + L"InstallVLTForWUDriver_2026-11-6_4_7_31_104.log";
+    const FixedTime time(104);
     CreateDirectories(kFolder);
-    const HANDLE earlier = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    const HANDLE earlier = CreateFileW(time.LogPath().c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
     DWORD written = 0;
     WriteFile(earlier, "earlier run", 11, &written, nullptr);
     CloseHandle(earlier);
-    SUBSTITUTE(GetLocalTime) time([](SYSTEMTIME* now) { *now = At(104); });
-    WriteLog(L"b");
-    EXPECT_EQ(ReadShared(path), std::string("b\0\n\0", 4));
+    LogLine(L"b");
+    EXPECT_EQ(ReadShared(time.LogPath()), std::string("b\0\n\0", 4));
 }
 
 // Proves: Several threads write their first line at once => the file is opened once
@@ -264,10 +251,7 @@ TEST(Log, OpenedOnceAlsoByThreadsThatStartTogether)
         return FailWith(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE);
     });
     SUBSTITUTE(WriteFile)
-    write([&](auto...) {
-        ++writes;
-        return TRUE;
-    });
+    write([&](auto...) { return ++writes, TRUE; });
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i)
     {
@@ -276,13 +260,45 @@ TEST(Log, OpenedOnceAlsoByThreadsThatStartTogether)
             {
                 std::this_thread::yield();
             }
-            WriteLog(L"line");
+            LogLine(L"line");
         });
     }
     go = true;
     std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
     EXPECT_EQ(creations, 1);
     EXPECT_EQ(writes, 16);
+}
+
+// Proves: A line is formatted => wide and narrow texts, signed numbers
+TEST(LineFormat, IsThatOfTheWidePrintfFamily)
+{
+    LogCapture log;
+    LogLine(L"no arguments");
+    LogLine(L"[%s] [%ls] [%hs]", L"wide", L"also wide", "narrow");
+    LogLine(L"%s %hs", L"\u20ac\U0001f600\u00e9", "\xc3\xa9");  // a byte, a character
+    LogLine(L"%d %d", 0x80070005, 12029ul);                     // HRESULTs show as negative numbers
+    // A blank before the conversion is the sign's place, and nothing for a text.
+    LogLine(L"property: % d % s", 5, L"Access denied. ");
+    LogLine(L"property: % d % s", -5, L"text");
+    EXPECT_THAT(log.Lines(),
+                ElementsAre(L"no arguments", L"[wide] [also wide] [narrow]", L"\u20ac\U0001f600\u00e9 \u00c3\u00a9",
+                            L"-2147024891 12029", L"property:  5 Access denied. ", L"property: -5 text"));
+}
+
+// Proves: A line is longer than 1,023 characters, or has a NUL inside => it is cut there
+TEST(LineFormat, IsCutAfter1023CharactersAndAtANul)
+{
+    LogCapture log;
+    for (const size_t length : {1022u, 1023u, 1024u})
+    {
+        LogLine(L"%s", std::wstring(length, L'x').c_str());
+    }
+    LogLine(L"ab%s%d", std::wstring(5000, L'x').c_str(), 7);
+    LogLine(L"%hs", std::string(2000, 'y').c_str());
+    LogLine(L"a%cb", 0);
+    const std::wstring longest(1023, L'x');
+    EXPECT_THAT(log.Lines(), ElementsAre(longest.substr(1), longest, longest, L"ab" + longest.substr(2),
+                                         std::wstring(1023, L'y'), L"a"));
 }
 }  // namespace
 }  // namespace repair

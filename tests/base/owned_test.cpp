@@ -10,8 +10,7 @@
 #include "base/registry.h"
 #include "support/substitute.h"
 
-IMPORTED(CloseHandle)
-IMPORTED(RegCloseKey)
+IMPORTED(CloseHandle, RegCloseKey)
 
 namespace repair
 {
@@ -27,68 +26,43 @@ struct NumberKind
 };
 using Number = Owned<NumberKind>;
 
-class OwnedHandle : public testing::Test
-{
-protected:
-    void SetUp() override { closed.clear(); }
-};
-
 // Proves: An owner of a handle is closed early, moved, or never owned one => the handle is closed once, or not at all
-TEST_F(OwnedHandle, ClosesOnceAtTheEnd)
+TEST(OwnedHandle, IsClosedOnceInTheReverseOrderOfTheDeclaration)
 {
+    closed.clear();
     {
-        const Number owner(7);
-        EXPECT_TRUE(static_cast<bool>(owner));
-        EXPECT_EQ(owner.Get(), 7);
+        const Number outer(7);
+        const Number inner(0);  // a handle, since "none" is another value
+        Number early(9);
+        EXPECT_TRUE(inner && outer);
+        EXPECT_EQ(outer.Get(), 7);
+        early.Close();
+        EXPECT_FALSE(static_cast<bool>(early));
+        early.Close();
+        EXPECT_EQ(closed, std::vector<int>{9});
     }
-    EXPECT_EQ(closed, std::vector<int>{7});
+    EXPECT_EQ(closed, (std::vector<int>{9, 0, 7}));
 }
 
-TEST_F(OwnedHandle, NothingIsClosedWhenThereIsNoHandle)
+TEST(OwnedHandle, IsNotClosedWithoutAHandleOrAfterARelease)
 {
+    closed.clear();
     {
         Number owner;
         const Number none(-1);
-        EXPECT_FALSE(static_cast<bool>(owner));
-        EXPECT_FALSE(static_cast<bool>(none));
+        EXPECT_FALSE(owner || none);
         EXPECT_EQ(owner.Get(), -1);
         owner.Close();
+        Number released(7);
+        EXPECT_EQ(released.Release(), 7);
+        EXPECT_FALSE(static_cast<bool>(released));
     }
     EXPECT_TRUE(closed.empty());
 }
 
-TEST_F(OwnedHandle, ZeroIsAHandleWhenNoneIsAnotherValue)
+TEST(OwnedHandle, MovingPassesTheHandleOnAndClosesTheOneThere)
 {
-    {
-        const Number owner(0);
-        EXPECT_TRUE(static_cast<bool>(owner));
-    }
-    EXPECT_EQ(closed, std::vector<int>{0});
-}
-
-TEST_F(OwnedHandle, ClosedEarlyItIsNotClosedAgain)
-{
-    {
-        Number owner(7);
-        owner.Close();
-        EXPECT_FALSE(static_cast<bool>(owner));
-        owner.Close();
-    }
-    EXPECT_EQ(closed, std::vector<int>{7});
-}
-
-TEST_F(OwnedHandle, WhatIsReleasedIsTheCallersToClose)
-{
-    {
-        Number owner(7);
-        EXPECT_EQ(owner.Release(), 7);
-        EXPECT_FALSE(static_cast<bool>(owner));
-    }
-    EXPECT_TRUE(closed.empty());
-}
-
-TEST_F(OwnedHandle, MovingHandsOverAndClosesWhatWasThere)
-{
+    closed.clear();
     {
         Number first(1);
         Number second(std::move(first));
@@ -106,29 +80,12 @@ TEST_F(OwnedHandle, MovingHandsOverAndClosesWhatWasThere)
     EXPECT_EQ(closed, (std::vector<int>{3, 1}));
 }
 
-TEST_F(OwnedHandle, TwoAreClosedInTheReverseOrderOfTheirDeclaration)
-{
-    {
-        const Number outer(1);
-        const Number inner(2);
-    }
-    EXPECT_EQ(closed, (std::vector<int>{2, 1}));
-}
-
 TEST(OwnedKinds, EachClosesItsOwnWayAndKnowsItsOwnNone)
 {
     std::vector<HANDLE> handles;
     std::vector<HKEY> keys;
-    SUBSTITUTE(CloseHandle)
-    closeHandle([&](HANDLE handle) {
-        handles.push_back(handle);
-        return TRUE;
-    });
-    SUBSTITUTE(RegCloseKey)
-    closeKey([&](HKEY key) {
-        keys.push_back(key);
-        return ERROR_SUCCESS;
-    });
+    SUBSTITUTE(CloseHandle) closeHandle([&](HANDLE handle) { return handles.push_back(handle), TRUE; });
+    SUBSTITUTE(RegCloseKey) closeKey([&](HKEY key) { return keys.push_back(key), ERROR_SUCCESS; });
     const auto number = [](int value) { return reinterpret_cast<HANDLE>(static_cast<INT_PTR>(value)); };
     {
         const FileHandle noFile(INVALID_HANDLE_VALUE);

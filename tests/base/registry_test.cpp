@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "base/registry.h"
@@ -13,9 +14,7 @@
 #include "support/machine_registry.h"
 #include "support/substitute.h"
 
-IMPORTED(RegCloseKey)
-IMPORTED(RegGetValueW)
-IMPORTED(RegOpenKeyExW)
+IMPORTED(RegCloseKey, RegGetValueW, RegOpenKeyExW)
 
 namespace repair
 {
@@ -41,6 +40,14 @@ std::string Composed(const std::string& message, int code)
     return message + ": " + std::system_category().message(code);
 }
 
+template <typename Action>
+void ExpectRegistryError(Action action, const std::string& message, int code)
+{
+    const RegKeyError error = RegistryErrorOf(action);
+    EXPECT_EQ(error.code(), std::error_code(code, std::system_category()));
+    EXPECT_EQ(std::string(error.what()), Composed(message, code));
+}
+
 // Proves: The registry error is caught => it carries status and text like the system's error type, can be copied, and is caught as any of its bases
 TEST(RegistryError, CarriesTheStatusAndComposesItsTextLikeTheStandardError)
 {
@@ -54,10 +61,6 @@ TEST(RegistryError, CarriesTheStatusAndComposesItsTextLikeTheStandardError)
     const RegKeyError copy = error;  // NOLINT: a copy is what is tested
     EXPECT_EQ(copy.code(), error.code());
     EXPECT_STREQ(copy.what(), error.what());
-}
-
-TEST(RegistryError, IsCaughtAsAnyOfItsBases)
-{
     const auto raise = [] { throw RegKeyError(2, std::system_category(), "m"); };
     EXPECT_THROW(raise(), RegKeyError);
     EXPECT_THROW(raise(), std::system_error);
@@ -93,24 +96,20 @@ TEST(RegistryKeyOpening, FailureIsRaisedWithItsStatusAndNotLogged)
 {
     MachineRegistry registry;
     LogCapture log;
-    const RegKeyError missing = RegistryErrorOf([] { OpenMachineKey(L"SOFTWARE\\Nothing"); });
-    EXPECT_EQ(missing.code().value(), 2);
-    EXPECT_EQ(std::string(missing.what()), Composed("Unable to open registry key", 2));
+    ExpectRegistryError([] { OpenMachineKey(L"SOFTWARE\\Nothing"); }, "Unable to open registry key", 2);
+    ExpectRegistryError([] { ReadMachineString(L"SOFTWARE\\Nothing", L"Value"); }, "Unable to open registry key", 2);
     SUBSTITUTE(RegOpenKeyExW) open([](auto...) { return ERROR_ACCESS_DENIED; });
-    const RegKeyError denied = RegistryErrorOf([] { OpenMachineKey(L"SOFTWARE\\Denied"); });
-    EXPECT_EQ(denied.code().value(), 5);
-    EXPECT_EQ(std::string(denied.what()), Composed("Unable to open registry key", 5));
+    ExpectRegistryError([] { OpenMachineKey(L"SOFTWARE\\Denied"); }, "Unable to open registry key", 5);
     EXPECT_TRUE(log.Lines().empty());
 }
 
-// Bytes of a stored value, and the text they are read as; without one, the status raised.
+// Bytes of a stored value, and the text they are read as; without one, the value is refused.
 struct StoredValue
 {
     const char* description;
     DWORD type;
     std::vector<BYTE> data;
-    std::optional<std::wstring> text;
-    int status;
+    std::optional<std::wstring> text = {};
 };
 
 std::ostream& operator<<(std::ostream& out, const StoredValue& value)
@@ -129,16 +128,14 @@ TEST_P(RegistryString, TypeAndSizeDecide)
     MachineRegistry registry;
     registry.SetValue(L"SOFTWARE\\Key", L"Value", GetParam().type, GetParam().data);
     LogCapture log;
-    const auto read = [] { return ReadRegistryString(OpenMachineKey(L"SOFTWARE\\Key"), L"", L"Value"); };
+    const auto read = [] { return ReadMachineString(L"SOFTWARE\\Key", L"Value"); };
     if (GetParam().text)
     {
         EXPECT_EQ(read(), *GetParam().text);
     }
     else
     {
-        const RegKeyError error = RegistryErrorOf(read);
-        EXPECT_EQ(error.code().value(), GetParam().status);
-        EXPECT_EQ(std::string(error.what()), Composed("Unable to get registry value", GetParam().status));
+        ExpectRegistryError(read, "Unable to get registry value", 1630);
     }
     EXPECT_TRUE(log.Lines().empty());
 }
@@ -146,18 +143,17 @@ TEST_P(RegistryString, TypeAndSizeDecide)
 INSTANTIATE_TEST_SUITE_P(
     All, RegistryString,
     testing::Values(
-        StoredValue{"text", REG_SZ, {'2', 0, '4', 0, 0, 0}, L"24", 0},
-        StoredValue{"text without NUL", REG_SZ, {'2', 0, '4', 0}, L"24", 0},
-        StoredValue{"one character without NUL", REG_SZ, {'2', 0}, L"2", 0},
-        StoredValue{"empty text", REG_SZ, {0, 0}, L"", 0}, StoredValue{"no bytes", REG_SZ, {}, L"", 0},
-        StoredValue{"text up to its first NUL", REG_SZ, {'a', 0, 0, 0, 'b', 0, 0, 0}, L"a", 0},
-        StoredValue{"no ASCII", REG_SZ, {0xAC, 0x20, 0xE9, 0, 0x3D, 0xD8, 0, 0xDE, 0, 0}, L"\u20ac\u00e9\U0001f600", 0},
-        StoredValue{"blanks stay", REG_SZ, {' ', 0, 'a', 0, ' ', 0, 0, 0}, L" a ", 0},
-        StoredValue{"number", REG_DWORD, {1, 0, 0, 0}, {}, 1630},
-        StoredValue{"long number", REG_QWORD, {1, 0, 0, 0, 0, 0, 0, 0}, {}, 1630},
-        StoredValue{"bytes", REG_BINARY, {'a', 0, 0, 0}, {}, 1630},
-        StoredValue{"several texts", REG_MULTI_SZ, {'a', 0, 0, 0, 0, 0}, {}, 1630},
-        StoredValue{"no type", REG_NONE, {'a', 0, 0, 0}, {}, 1630}));
+        StoredValue{"text", REG_SZ, {'2', 0, '4', 0, 0, 0}, L"24"},
+        StoredValue{"text without NUL", REG_SZ, {'2', 0, '4', 0}, L"24"},
+        StoredValue{"one character without NUL", REG_SZ, {'2', 0}, L"2"},
+        StoredValue{"empty text", REG_SZ, {0, 0}, L""}, StoredValue{"no bytes", REG_SZ, {}, L""},
+        StoredValue{"text up to its first NUL", REG_SZ, {'a', 0, 0, 0, 'b', 0, 0, 0}, L"a"},
+        StoredValue{"no ASCII", REG_SZ, {0xAC, 0x20, 0xE9, 0, 0x3D, 0xD8, 0, 0xDE, 0, 0}, L"\u20ac\u00e9\U0001f600"},
+        StoredValue{"blanks stay", REG_SZ, {' ', 0, 'a', 0, ' ', 0, 0, 0}, L" a "},
+        StoredValue{"number", REG_DWORD, {1, 0, 0, 0}}, StoredValue{"long number", REG_QWORD, {1, 0, 0, 0, 0, 0, 0, 0}},
+        StoredValue{"bytes", REG_BINARY, {'a', 0, 0, 0}},
+        StoredValue{"several texts", REG_MULTI_SZ, {'a', 0, 0, 0, 0, 0}},
+        StoredValue{"no type", REG_NONE, {'a', 0, 0, 0}}));
 
 TEST(RegistryStrings, OddNumberOfBytesIsReadWithoutRunningPastThem)
 {
@@ -170,21 +166,14 @@ TEST(RegistryStrings, OddNumberOfBytesIsReadWithoutRunningPastThem)
     EXPECT_LE(ReadRegistryString(key, L"", L"One").size(), 1u);
 }
 
-TEST(RegistryStrings, LongTextIsReadWhole)
-{
-    MachineRegistry registry;
-    registry.SetString(L"SOFTWARE\\Key", L"Value", std::wstring(20000, L'x'));
-    EXPECT_EQ(ReadRegistryString(OpenMachineKey(L"SOFTWARE\\Key"), L"", L"Value"), std::wstring(20000, L'x'));
-}
-
-TEST(RegistryStrings, ValueOfASubKey)
+TEST(RegistryStrings, LongTextOfAKeyOrASubKeyIsReadWhole)
 {
     MachineRegistry registry;
     registry.SetString(L"SOFTWARE\\Key\\Below", L"Value", L"below");
-    registry.SetString(L"SOFTWARE\\Key", L"Value", L"itself");
+    registry.SetString(L"SOFTWARE\\Key", L"Value", std::wstring(20000, L'x'));
     const RegistryKey key = OpenMachineKey(L"SOFTWARE\\Key");
     EXPECT_EQ(ReadRegistryString(key, L"Below", L"Value"), L"below");
-    EXPECT_EQ(ReadRegistryString(key, L"", L"Value"), L"itself");
+    EXPECT_EQ(ReadRegistryString(key, L"", L"Value"), std::wstring(20000, L'x'));
 }
 
 // Proves: The value is missing => registry error "Unable to get registry value" with status 2
@@ -195,9 +184,7 @@ TEST(RegistryStrings, MissingValueOrSubKeyIsFileNotFound)
     const RegistryKey key = OpenMachineKey(L"SOFTWARE\\Key");
     for (const wchar_t* subKey : {L"", L"Below"})
     {
-        const RegKeyError error = RegistryErrorOf([&] { ReadRegistryString(key, subKey, L"Value"); });
-        EXPECT_EQ(error.code().value(), 2);
-        EXPECT_EQ(std::string(error.what()), Composed("Unable to get registry value", 2));
+        ExpectRegistryError([&] { ReadRegistryString(key, subKey, L"Value"); }, "Unable to get registry value", 2);
     }
 }
 
@@ -231,43 +218,31 @@ TEST(RegistryStrings, FirstReadAsksForTheSizeAndTheSecondForTheText)
     EXPECT_EQ(calls, 2);
 }
 
-// The statuses of the two reads, and what is raised; nothing when the second one succeeds.
-struct TwoReads
-{
-    LSTATUS first;
-    LSTATUS second;
-    std::optional<int> raised;
-};
-
-class RegistryReadStatus : public testing::TestWithParam<TwoReads>
-{
-};
-
 // Proves: First and second read disagree => the second decides whether it is an error, the error carries the first one's status
-TEST_P(RegistryReadStatus, SecondDecidesButTheFirstIsCarried)
+TEST(RegistryStrings, SecondReadDecidesAndTheStatusOfTheFirstIsRaised)
 {
     int calls = 0;
+    LSTATUS first = 0;
+    LSTATUS second = 0;
     SUBSTITUTE(RegGetValueW)
     get([&](HKEY, const wchar_t*, const wchar_t*, DWORD, DWORD*, void*, DWORD*) {
-        return ++calls == 1 ? GetParam().first : GetParam().second;
-    });  // the size is left alone
+        return ++calls % 2 == 1 ? first : second;
+    });  // the size stays as it is
     const auto read = [] { return ReadRegistryString(RegistryKey(), L"", L"Value"); };
-    if (GetParam().raised)
+    for (const auto& [ofFirst, ofSecond] : {std::pair(0, 5), std::pair(2, 2), std::pair(5, 2), std::pair(234, 1018)})
     {
-        const RegKeyError error = RegistryErrorOf(read);
-        EXPECT_EQ(error.code().value(), *GetParam().raised);
-        EXPECT_EQ(std::string(error.what()), Composed("Unable to get registry value", *GetParam().raised));
+        first = ofFirst;
+        second = ofSecond;
+        ExpectRegistryError(read, "Unable to get registry value", ofFirst);
     }
-    else
+    second = 0;
+    for (const LSTATUS ignored : {0, 2})
     {
+        first = ignored;
         EXPECT_EQ(read(), L"");
     }
-    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(calls, 12);
 }
-
-INSTANTIATE_TEST_SUITE_P(All, RegistryReadStatus,
-                         testing::Values(TwoReads{0, 5, 0}, TwoReads{2, 2, 2}, TwoReads{5, 2, 5},
-                                         TwoReads{234, 1018, 234}, TwoReads{2, 0, {}}, TwoReads{0, 0, {}}));
 
 TEST(RegistryStrings, WithoutACharacterThereIsNoBuffer)
 {
@@ -287,19 +262,14 @@ TEST(RegistryStrings, WithoutACharacterThereIsNoBuffer)
 }
 
 // Proves: A number cannot be written => the error's text names value and number, cut after 259 characters
-TEST(RegistryWriteError, TextWithNameAndNumber)
+TEST(RegistryWriteError, NamesValueAndNumberAndIsCut)
 {
     EXPECT_EQ(FormatRegistryWriteError(L"VLTUWPReplaced", 1),
               "Unable to write to registry for value = VLTUWPReplaced data = 1.");
     EXPECT_EQ(FormatRegistryWriteError(L"", -2147483647 - 1),
               "Unable to write to registry for value =  data = -2147483648.");
-}
-
-TEST(RegistryWriteError, IsCutAfter259Characters)
-{
     const std::string start = "Unable to write to registry for value = ";
-    const std::string text = FormatRegistryWriteError(std::wstring(400, L'n'), 1);
-    EXPECT_EQ(text, start + std::string(259 - start.size(), 'n'));
+    EXPECT_EQ(FormatRegistryWriteError(std::wstring(400, L'n'), 1), start + std::string(259 - start.size(), 'n'));
 }
 }  // namespace
 }  // namespace repair

@@ -7,8 +7,7 @@
 #include "base/standard_output.h"
 #include "support/substitute.h"
 
-IMPORTED(GetStdHandle)
-IMPORTED(WriteFile)
+IMPORTED(GetStdHandle, WriteFile)
 
 namespace repair
 {
@@ -57,10 +56,7 @@ TEST(StandardOutput, NothingHappensWithoutOne)
 {
     int writes = 0;
     SUBSTITUTE(WriteFile)
-    write([&](auto...) {
-        ++writes;
-        return TRUE;
-    });
+    write([&](auto...) { return ++writes, TRUE; });
     for (const HANDLE none : {static_cast<HANDLE>(nullptr), INVALID_HANDLE_VALUE})
     {
         SUBSTITUTE(GetStdHandle) output([&](DWORD) { return none; });

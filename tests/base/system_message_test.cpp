@@ -8,8 +8,7 @@
 #include "base/system_message.h"
 #include "support/substitute.h"
 
-IMPORTED(FormatMessageW)
-IMPORTED(LocalFree)
+IMPORTED(FormatMessageW, LocalFree)
 
 namespace repair
 {
@@ -49,16 +48,12 @@ TEST(SystemMessage, CodeWithoutATextIsEmpty)
     EXPECT_EQ(FormatSystemMessage(12029), L"");  // texts of the internet functions are not the system's
 }
 
-TEST(SystemMessage, LineBreaksBecomeBlanks)
+TEST(SystemMessage, LineBreaksBecomeBlanksAndPlaceholdersStay)
 {
     const std::wstring text = FormatSystemMessage(ERROR_FILE_NOT_FOUND);
     ASSERT_FALSE(text.empty());
     EXPECT_EQ(text.back(), L' ');
     EXPECT_EQ(text.find_first_of(L"\r\n"), std::wstring::npos);
-}
-
-TEST(SystemMessage, PlaceholdersInATextStay)
-{
     EXPECT_NE(FormatSystemMessage(ERROR_BAD_EXE_FORMAT).find(L"%1"), std::wstring::npos);
 }
 }  // namespace
