@@ -1,17 +1,15 @@
-"""The application's programs are gone before its packages are replaced: asked first, then killed by name, in a fixed order."""
+"""The application's programs are ended before its packages are replaced: asked first, then killed by name, in a fixed order."""
 from __future__ import annotations
 
 import re
 
 import pytest
 
+from cases.support.direct import HOME
 from cases.support.expect import FINISHED, install, remove, stop
-from cases.support.repair import INSTALL_KEY, MSI_AGREES, REPAIRED, found, until_unpacked
+from cases.support.repair import FAMILIES, INSTALL_KEY, MSI_AGREES, found, installs, products, removes, until_unpacked
 
-HOME = r"C:\Program Files\Tavik\Halden"
-TASKKILL = r"C:\windows\system32\taskkill.exe"
-IMAGES = ("hlcmd.exe", "CorvelSettings.exe", "Corvelsoftware.exe", "tavikow.exe", "TavikLPServ.exe")
-DONE = [*remove("Halden"), *install("Halden")]
+RUNNING = rf"{HOME}\CorvelSoftware.exe"
 NOT_FOUND = "failed. Error code = 2 File not found. "
 
 
@@ -20,9 +18,14 @@ def pretended(**changes):
     return found(faults=[MSI_AGREES], **changes)
 
 
-def listening(result) -> dict[str, bool]:
-    """The programs that ran before the tool: do they still run?"""
-    return {program["command_line"].rpartition("\\")[2]: program["running"] for program in result.started_before}
+def check(lab, *lines: str, **more) -> None:
+    """A repair that is a success. lines: how the programs are stopped."""
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *lines, *remove("Halden"), *install("Halden")], **more)
+
+
+def still_running(lab) -> dict[str, bool]:
+    """The programs that ran before the tool."""
+    return {program["command_line"].rpartition("\\")[2]: program["running"] for program in lab.result.started_before}
 
 
 # Proves: The application is installed
@@ -30,53 +33,77 @@ def listening(result) -> dict[str, bool]:
 @pytest.mark.quick
 def test_order_and_wording(lab):
     """The application is asked before it is killed, although both succeed; the lines in full."""
-    lab.run(pretended())
-    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[
-        *until_unpacked(),
-        r"Process C:\Program Files\Tavik\Halden\hlcmd.exe exit completed with exit code 0",
-        r'Process C:\windows\system32\taskkill.exe  /IM "hlcmd.exe" /F completed with exit code 128',
-        r'Process C:\windows\system32\taskkill.exe  /IM "CorvelSettings.exe" /F completed with exit code 128',
-        r'Process C:\windows\system32\taskkill.exe  /IM "Corvelsoftware.exe" /F completed with exit code 128',
-        r'Process C:\windows\system32\taskkill.exe  /IM "tavikow.exe" /F completed with exit code 128',
-        r'Process C:\windows\system32\taskkill.exe  /IM "TavikLPServ.exe" /F completed with exit code 128', *DONE])
-
-
-def test_command_tool_is_started_hidden_in_the_tools_own_folder(lab):
     result = lab.run(pretended())
-    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED])
-    assert len(result.programs) == 1
-    line = rf'hlcmd.exe pid=PID; show=0; folder="C:\windows\system32"; command="""{HOME}\hlcmd.exe"" exit"'
-    assert re.sub("pid=[0-9]+", "pid=PID", result.programs[0]) == line
+    check(lab, r"Process C:\Program Files\Tavik\Halden\hlcmd.exe exit completed with exit code 0",
+          r'Process C:\windows\system32\taskkill.exe  /IM "hlcmd.exe" /F completed with exit code 128',
+          r'Process C:\windows\system32\taskkill.exe  /IM "CorvelSettings.exe" /F completed with exit code 128',
+          r'Process C:\windows\system32\taskkill.exe  /IM "Corvelsoftware.exe" /F completed with exit code 128',
+          r'Process C:\windows\system32\taskkill.exe  /IM "tavikow.exe" /F completed with exit code 128',
+          r'Process C:\windows\system32\taskkill.exe  /IM "TavikLPServ.exe" /F completed with exit code 128')
+    [line] = result.programs
+    command = rf'hlcmd.exe pid=PID; show=0; folder="C:\windows\system32"; command="""{HOME}\hlcmd.exe"" exit"'
+    assert re.sub("pid=[0-9]+", "pid=PID", line) == command, "hidden, in the folder that the tool was started in"
+
+
+POLITE, *KILLS = stop(running=("Corvelsoftware.exe",))
+
+
+def located(location: object, **changes) -> dict:
+    return pretended(registry={INSTALL_KEY: {"Location": location}}, **changes)
+
+
+ASKED = {  # name: machine, lines, whether the command tool runs
+    "programs listen": (pretended(running=[rf"{HOME}\CorvelSoftware.exe", rf"{HOME}\CorvelSettings.exe"]), stop(), True),
+    "command tool refuses": (pretended(running=[RUNNING], programs={"hlcmd.exe.exit": 3, "hlcmd.exe.ignore": True}),
+                             [POLITE.replace("code 0", "code 3"), *KILLS], True),
+    "command tool is missing": (pretended(running=[RUNNING], remove=[rf"{HOME}\hlcmd.exe"]),
+                                [rf"Launching process {HOME}\hlcmd.exe exit {NOT_FOUND}", *KILLS], False),
+    # Without a location the application is not asked, and that is not logged.
+    "no key": (pretended(running=[RUNNING], remove=[INSTALL_KEY]), KILLS, False),
+    "no value": (pretended(running=[RUNNING], remove=[INSTALL_KEY + "@Location"]), KILLS, False),
+    "number": (located(1, running=[RUNNING]), KILLS, False),
+    "list": (located([HOME], running=[RUNNING]), KILLS, False),
+    # A location is used unchanged.
+    "backslash at the end": (located(HOME + "\\"), stop(HOME + "\\"), True),
+    "folder with blanks": (located(r"C:\My Apps\x y", files={r"C:\My Apps\x y\hlcmd.exe": {"program": "hlcmd.exe"}}), stop(r"C:\My Apps\x y"), True),
+    "short name": (located(r"C:\PROG~FBU\Tavik\Halden"), stop(r"C:\PROG~FBU\Tavik\Halden"), True),
+    "folder is gone": (located(r"C:\Gone"), [r"Launching process C:\Gone\hlcmd.exe exit failed. Error code = 3 Path not found. ", *stop("")], False),
+    "empty": (located(""), [rf"Launching process \hlcmd.exe exit {NOT_FOUND}", *stop("")], False),
+}
 
 
 # Proves: Programs listen => they end by themselves
-def test_programs_that_listen_end_by_themselves(lab):
-    names = ["CorvelSoftware.exe", "CorvelSettings.exe"]
-    result = lab.run(found(running=[rf"{HOME}\{name}" for name in names]))
-    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], after=REPAIRED, log=[*until_unpacked(), *stop(), *DONE])
-    assert listening(result) == {name: False for name in names}
+# Proves: The command tool refuses => its code is logged, the kills run
+# Proves: The command tool is missing
+# Proves: The key or the location is missing
+# Proves: The location ends in a backslash
+@pytest.mark.parametrize("name", ASKED)
+def test_application_is_asked_first(lab, name):
+    machine, lines, runs = ASKED[name]
+    result = lab.run(machine)
+    check(lab, *lines)
+    assert not any(still_running(lab).values())
+    assert [line.split(" ")[0] for line in result.programs if line.startswith("hlcmd.exe")] == ["hlcmd.exe"] * runs
 
 
-# Proves: Programs do not listen => they are killed, in any letter case and wherever they lie
+# Proves: Programs do not listen => they are killed, in any letter case and from any folder
 def test_programs_that_do_not_listen_are_killed(lab):
-    """Four of the five; the letters of a name do not matter."""
+    """Four of the five; the letter case of a name does not matter."""
     folder = r"C:\Program Files\Tavik"
-    programs = [rf"{HOME}\CorvelSettings.exe", rf"{HOME}\CorvelSoftware.exe", rf"{folder}\DVR\tavikow.exe",
-                rf"{folder}\PXL\TavikLPServ.exe"]
+    programs = [rf"{HOME}\CorvelSettings.exe", rf"{HOME}\CorvelSoftware.exe", rf"{folder}\DVR\tavikow.exe", rf"{folder}\PXL\TavikLPServ.exe"]
     names = [program.rpartition("\\")[2] for program in programs]
-    families = ("Halden", "DVR", "PXL")
-    result = lab.run(found(desktop={"families": list(families)}, running=programs, programs={f"{name}.deaf": True for name in names}))
-    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], after={"products": ["Tavik DVR 24.20", "Tavik Halden 24.20", "Tavik PXL 24.20"]},
-              log=[*until_unpacked(), *stop(running=IMAGES[1:]), *(line for family in families for line in remove(family)),
-                   *(line for family in families for line in install(family))])
-    assert listening(result) == {name: False for name in names}
+    lab.run(found(desktop={"families": list(FAMILIES)}, running=programs, programs={f"{name}.deaf": True for name in names}))
+    killed = ("CorvelSettings.exe", "Corvelsoftware.exe", "tavikow.exe", "TavikLPServ.exe")
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], after=products("24.20", *FAMILIES),
+              log=[*until_unpacked(), *stop(running=killed), *removes(*FAMILIES), *installs(*FAMILIES)])
+    assert still_running(lab) == {name: False for name in names}
 
 
-def test_every_process_of_a_name_is_killed_wherever_it_lies(lab):
+def test_every_process_of_a_name_is_killed_in_any_folder(lab):
     other = r"C:\Other\corvelSOFTWARE.exe"
     result = lab.run(pretended(files={other: {"program": "CorvelSoftware.exe"}}, programs={"CorvelSoftware.exe.deaf": True},
                                running=[rf"{HOME}\CorvelSoftware.exe", other, other]))
-    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *stop(running=("Corvelsoftware.exe",)), *DONE])
+    check(lab, *stop(running=("Corvelsoftware.exe",)))
     assert [program["running"] for program in result.started_before] == [False] * 3
 
 
@@ -84,60 +111,15 @@ def test_every_process_of_a_name_is_killed_wherever_it_lies(lab):
 def test_other_programs_are_left_alone(lab):
     names = ["Corvel.exe", "MyCorvelSoftware.exe", "tavikow.exe.exe"]
     programs = [rf"C:\Other\{name}" for name in names]
-    result = lab.run(pretended(files={program: {"program": "CorvelSoftware.exe"} for program in programs}, running=programs,
-                               programs={f"{name}.deaf": True for name in names}))
-    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], running=names, log=[*until_unpacked(), *stop(), *DONE])
-    assert listening(result) == {name: True for name in names}
-
-
-# Proves: The command tool refuses => its code is logged, the kills run
-def test_a_refusing_command_tool_does_not_matter(lab):
-    program = rf"{HOME}\CorvelSoftware.exe"
-    result = lab.run(pretended(running=[program], programs={"hlcmd.exe.exit": 3, "hlcmd.exe.ignore": True}))
-    polite, *kills = stop(running=("Corvelsoftware.exe",))
-    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), polite.replace("code 0", "code 3"), *kills, *DONE])
-    assert listening(result) == {"CorvelSoftware.exe": False}
-
-
-# Proves: The command tool is missing
-def test_missing_command_tool(lab):
-    lab.run(pretended(remove=[rf"{HOME}\hlcmd.exe"], running=[rf"{HOME}\CorvelSettings.exe"]))
-    polite, *kills = stop(running=("CorvelSettings.exe",))
-    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], before={"missing": [rf"{HOME}\hlcmd.exe"]}, log=[
-        *until_unpacked(), rf"Launching process {HOME}\hlcmd.exe exit {NOT_FOUND}", *kills, *DONE])
-
-
-# Proves: The key or the location is missing
-@pytest.mark.parametrize("changes", [
-    {"remove": [INSTALL_KEY]}, {"remove": [INSTALL_KEY + "@Location"]}, {"registry": {INSTALL_KEY: {"Location": 1}}},
-    {"registry": {INSTALL_KEY: {"Location": [HOME]}}}], ids=["no key", "no value", "number", "list"])
-def test_unknown_location_is_passed_over_in_silence(lab, changes):
-    result = lab.run(pretended(running=[rf"{HOME}\CorvelSoftware.exe"], **changes))
-    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *stop("", running=("Corvelsoftware.exe",)), *DONE])
-    assert not any(line.startswith("hlcmd.exe") for line in result.programs)
-
-
-# Proves: The location ends in a backslash
-@pytest.mark.parametrize("location", [HOME + "\\", r"C:\My Apps\x y", r"C:\PROG~FBU\Tavik\Halden"])
-def test_location_is_taken_as_it_is(lab, location):
-    """A backslash at its end gives two."""
-    lab.run(pretended(registry={INSTALL_KEY: {"Location": location}},
-                      files={r"C:\My Apps\x y\hlcmd.exe": {"program": "hlcmd.exe"}}))
-    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *stop(location), *DONE])
-    assert len(lab.result.programs) == 1 and lab.result.programs[0].startswith("hlcmd.exe ")
-
-
-@pytest.mark.parametrize("location, failure", [(r"C:\Gone", "failed. Error code = 3 Path not found. "), ("", NOT_FOUND)])
-def test_location_without_command_tool(lab, location, failure):
-    lab.run(pretended(registry={INSTALL_KEY: {"Location": location}}))
-    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[
-        *until_unpacked(), rf"Launching process {location}\hlcmd.exe exit {failure}", *stop(""), *DONE])
+    lab.run(pretended(files={program: {"program": "CorvelSoftware.exe"} for program in programs}, running=programs,
+                      programs={f"{name}.deaf": True for name in names}))
+    check(lab, *stop(), running=names)
+    assert still_running(lab) == {name: True for name in names}
 
 
 # Proves: A step does not end within 30 seconds => it is left running, the next one starts
-def test_command_tool_that_hangs_is_left_after_half_a_minute_and_killed(lab):
-    lab.run(pretended(programs={"hlcmd.exe.stay": "forever"}), timeout=90)
+def test_command_tool_that_hangs_is_killed_after_30_seconds(lab):
+    result = lab.run(pretended(programs={"hlcmd.exe.stay": "forever"}), timeout=90)
     polite, *kills = stop(running=("hlcmd.exe",))
-    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], running=[], log=[
-        *until_unpacked(), polite.replace("code 0", "code 259"), *kills, *DONE])
-    assert 30000 <= lab.result.instances[0]["ended"] - lab.result.instances[0]["started"] < 60000
+    check(lab, polite.replace("code 0", "code 259"), *kills, running=[])
+    assert 30000 <= result.instances[0]["ended"] - result.instances[0]["started"] < 60000

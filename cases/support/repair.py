@@ -3,12 +3,13 @@ from __future__ import annotations
 
 from typing import Any
 
-from cases.support.expect import EXTRACTED as FOLDER, MAIN_PACKAGE_MISSING, REPAIRED, UNTOUCHED, inventory, opening, unpack
+from cases.support.expect import EXTRACTED as FOLDER, MAIN_PACKAGE_MISSING, REPAIRED, UNTOUCHED, install, inventory, opening, remove, unpack
 from lab.result import Result
 
 INSTALLER = r"{store1}\B384125\DWX2_Install.exe"
 PACKAGES = {"Halden": r"\HL\halden\halden64\dwx-next64.msi", "DVR": r"\HL\tavikdvr\tavikdvr64\tavikdvr64.msi",
             "PXL": r"\HL\pxl64\PXL64.msi"}
+FAMILIES = tuple(PACKAGES)
 UPGRADE_CODES = {"Halden": "{5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}", "DVR": "{8E41A6D2-0C9B-4F73-A215-6B7D3E9F0A58}",
                  "PXL": "{B07F3C95-4D28-4E6A-8B31-9F5A2C7E1D04}"}
 INSTALL_PROPERTIES = 'REBOOT=ReallySuppress MSIFASTINSTALL=3 LAUNCHED_FROM_MIM="1"'
@@ -35,6 +36,19 @@ def until_found(arguments: str = "", version: str = "23.40") -> list[str]:
 
 def until_unpacked(arguments: str = "", version: str = "23.40", code: int = 0) -> list[str]:
     return [*until_found(arguments, version), unpack(INSTALLER, code)]
+
+
+def products(release: str, *families: str) -> dict[str, Any]:
+    """The state in which these families are installed."""
+    return {"products": sorted(f"Tavik {family} {release}" for family in families)}
+
+
+def removes(*families: str) -> list[str]:
+    return [line for family in families for line in remove(family)]
+
+
+def installs(*families: str) -> list[str]:
+    return [line for family in families for line in install(family)]
 
 
 def asked_of_msi(result: Result) -> list[tuple[str, str]]:

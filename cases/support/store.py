@@ -27,6 +27,11 @@ DISABLED = "\tThis version is disabled"
 DENIED, CANCELED, POINTER = "Access denied.", "Operation canceled by user.", ""
 
 
+def numbered(number: int) -> str:
+    """The full name of another package of the application."""
+    return f"TavikSystemsInc-2.TavikCorvelSoftware_2.99.{number}.0_x64__0a9344xs7nr4m"
+
+
 def package(name: str = CORVEL, version: str = "2.23.40.0", **options: Any) -> dict[str, Any]:
     return {"name": name, "version": version, **options}
 

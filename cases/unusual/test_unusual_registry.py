@@ -1,0 +1,227 @@
+"""Registry values of every wrong kind and size, in each place that the tool reads, and releases that are no release.
+
+A text counts as it is, up to its first null; a text with variables counts with them replaced; everything else counts as missing.
+"""
+from __future__ import annotations
+
+from typing import Any
+
+import pytest
+
+from cases.support.direct import GIVEN, HALDEN, SWITCHES, given, started
+from cases.support.download import PATH
+from cases.support.expect import (DOWNLOAD_FAILED, FINISHED, MAIN_PACKAGE_MISSING, NO_ADAPTER, NO_ADAPTER_LEFT, NO_SERVER, NOT_DOWNLOADED,
+                                  QUIET_END, SAME, SAME_RELEASE, install, inventory, opening, remove, stop, unpack, without_server)
+from cases.support.repair import INSTALL_PROPERTIES, MSI_AGREES, asked_of_msi, found, until_unpacked
+from cases.support.unusual import ANY_VERSION, DEVICE, LIST, MEBIBYTE, NOTHING_INSTALLED, card, check, check_ends_without_server
+from lab.adapters import ENUM, RELEASE
+
+TAVIK = r"HKLM\Software\Tavik"
+HL = TAVIK + r"\HL"
+NAME = "Tavik Corvel 7800"
+NO_RELEASE = "Unable to find ReleaseVersion regkey for [{}] - [{}]. Unable to {}: {{any}}".format
+
+
+def utf16(text: str) -> str:
+    return text.encode("utf-16-le").hex()
+
+
+def kinds(text: str) -> dict[str, tuple[Any, str | None]]:
+    """Ways in which a value can hold a text, and what the tool reads: None for a value that counts as missing."""
+    return {
+        "no terminator": ({"type": "REG_SZ", "hex": utf16(text)}, text),
+        "two terminators": ({"type": "REG_SZ", "hex": utf16(text + "\0\0")}, text),
+        "null inside": ({"type": "REG_SZ", "hex": utf16(text + "\0more\0")}, text),
+        "nulls only": ({"type": "REG_SZ", "hex": "000000000000"}, ""),
+        "one byte": ({"type": "REG_SZ", "hex": "00"}, ""),
+        "odd size": ({"type": "REG_SZ", "hex": utf16(text) + "00"}, text),
+        "no bytes": ({"type": "REG_SZ", "hex": ""}, ""),
+        "variables": ({"type": "REG_EXPAND_SZ", "text": "%NOT_SET%" + text}, "%NOT_SET%" + text),
+        "number": (7, None),
+        "big number": ({"type": "REG_QWORD", "hex": "3200340000000000"}, None),
+        "binary": ({"type": "REG_BINARY", "hex": utf16(text + "\0")}, None),
+        "list": ([text, text], None),
+        "empty list": ([], None),
+        "no type": ({"type": "REG_NONE", "hex": utf16(text + "\0")}, None),
+    }
+
+
+KINDS = list(kinds(""))
+
+
+# HLVersion and DriverVersion, DWXServerFolder
+
+# Proves: A registry value has another type, an odd number of bytes, no terminator, or a mebibyte => read as far as it is text, otherwise missing
+@pytest.mark.parametrize("kind", KINDS)
+def test_versions_and_server_folder(lab, kind):
+    """All three in one run. Without a readable server folder the tool uses the maker's server."""
+    version, version_text = kinds("21.99")[kind]
+    driver, driver_text = kinds("21.99.1")[kind]
+    folder, folder_text = kinds("gopher")[kind]
+    lab.run({"server": {"reach": "default" if folder_text is None else "none", "answers": {PATH: 404}},
+             "registry": {HL: {"HLVersion": version, "DriverVersion": driver}, TAVIK: {"DWXServerFolder": folder}}})
+    if folder_text is None:
+        outcome, requests = "download-not-there", [f"{PATH} 404"]
+        server = ["Response code from server: 404", f"Error response code received from https://download.tavik.example{PATH}"]
+    else:
+        outcome, requests = "download-bad-address", []
+        server = [f"Change server to {folder_text}.", f"Unable to crack URL: {folder_text}24.20/dwx2_install.txt. Error = {{number}}"]
+    check(lab, outcome=outcome, exit_code=-1, boxes=[DOWNLOAD_FAILED], requests=requests, before=ANY_VERSION, after=ANY_VERSION, log=[
+        *opening("", version_text or "", driver_text or ""), *inventory(), without_server()[0], *server, NOT_DOWNLOADED])
+
+
+def test_versions_of_a_mebibyte(lab):
+    """The log line is cut; the first five characters still decide."""
+    text = "24.20" + "v" * (MEBIBYTE // 2)
+    lab.run({"registry": {HL: {"HLVersion": text, "DriverVersion": text}}})
+    check(lab, outcome="same-release", exit_code=-1, boxes=[SAME_RELEASE], requests=[], before=ANY_VERSION, after=ANY_VERSION, log=[
+        opening()[0], f"Currently installed VLT is version [{text}"[:1023], *inventory(), f"{SAME} Exiting."])
+
+
+def test_server_folder_of_a_mebibyte(lab):
+    text = "http://127.0.0.1:1/" + "f" * (MEBIBYTE // 2)
+    lab.run({"server": {"reach": "none"}, "registry": {TAVIK: {"DWXServerFolder": text}}})
+    check(lab, outcome="download-bad-address", exit_code=-1, boxes=[DOWNLOAD_FAILED], log=[
+        *opening(), *inventory(), without_server()[0], f"Change server to {text}"[:1023], f"Unable to crack URL: {text}"[:1023],
+        NOT_DOWNLOADED])
+
+
+# Location and InstallDir of the desktop edition
+
+def check_folders(lab, location: str | None, custom: str = "", **after: Any) -> None:
+    """Windows Installer agrees to everything, so the product stays. custom: the install folder that is passed on."""
+    polite = [] if location is None else [rf"Launching process {location}\hlcmd.exe exit failed. Error code = {{number}} {{any}}"]
+    one, two = install("Halden")
+    check(lab, outcome="repaired", exit_code=0, boxes=[FINISHED], after=after, log=[
+        *until_unpacked(), *polite, *stop(""), *remove("Halden"), one, *([f"Using custom install directory {custom}"] if custom else []), two])
+    assert asked_of_msi(lab.result)[-1][1] == INSTALL_PROPERTIES + (f' INSTALLDIR="{custom}"' if custom else "")
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_location_and_install_folder(lab, kind):
+    """Only an install folder that exists can be compared with the default one."""
+    location, location_text = kinds(r"C:\Nowhere")[kind]
+    folder, folder_text = kinds(r"C:\My Apps")[kind]
+    note = r"C:\My Apps\note.txt"
+    lab.run(found(registry={HALDEN: {"Location": location, "InstallDir": folder}}, files={note: "mine"}, faults=[MSI_AGREES]))
+    check_folders(lab, location_text, folder_text if folder_text == r"C:\My Apps" else "", files=[note])
+
+
+def test_location_of_600_characters_and_install_folder_of_a_mebibyte(lab):
+    """Wine itself crashes when it starts something with a path of about 1,000 characters."""
+    location = "C:\\" + "l" * 600
+    lab.run(found(registry={HALDEN: {"Location": location, "InstallDir": "C:\\" + "l" * (MEBIBYTE // 2)}}, faults=[MSI_AGREES]))
+    check_folders(lab, location)
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_location_in_direct_installation(lab, kind):
+    """Without a location the run ends at once; with a wrong one only the application is not started."""
+    location, text = kinds(r"C:\Nowhere")[kind]
+    lab.run(given({"program": "CorvelSoftware.exe"}, registry={HALDEN: {"Location": location}}), SWITCHES)
+    last = [] if text is None else [rf"Launching process {text}\CorvelSoftware.exe  failed. Error code = {{number}} {{any}}"]
+    check(lab, outcome="direct-installer-empty", exit_code=QUIET_END if text is None else 0, boxes=[], crash=text is None,
+          before=NOTHING_INSTALLED, after={**NOTHING_INSTALLED, "files": [GIVEN]},
+          log=[*started(), unpack(GIVEN), MAIN_PACKAGE_MISSING, *last])
+
+
+# ReleaseVersion: one adapter for each kind
+
+def test_release_of_every_kind(lab):
+    """Those that can be read are listed by their text, the others are left out."""
+    values = kinds("25.10.1-a")
+    lab.run({"adapters": [{"description": kind, "release": value, "packages": []} for kind, (value, _) in values.items()], **NO_SERVER})
+    lines = [NO_RELEASE(kind, card(number), "get registry value") if text is None else
+             f"Enumerating installed drivers for {card(number)} - {kind}" for number, (kind, (_, text)) in enumerate(values.items(), 1)]
+    texts = [(kind, text) for kind, (_, text) in values.items() if text is not None]
+    listed = sorted(texts, key=lambda item: item[1].partition("-")[0], reverse=True)
+    check_ends_without_server(lab, *lines, LIST, *(f"\t [{kind}] [{text}] []" for kind, text in listed), folder="", prefix="25.10")
+
+
+@pytest.mark.quick
+def test_the_only_adapter_has_no_release(lab):
+    lab.run({"adapters": [{"release": kinds(RELEASE)["binary"][0]}]})
+    check(lab, outcome="no-usable-driver", exit_code=-1, boxes=[NO_ADAPTER], requests=[], log=[
+        *opening(), NO_RELEASE(NAME, DEVICE, "get registry value"), *NO_ADAPTER_LEFT])
+
+
+def test_odd_release_still_finds_its_package(lab):
+    values = [kinds(RELEASE)[kind][0] for kind in ("no terminator", "two terminators", "null inside", "odd size")]
+    lab.run({"adapters": [{"release": value} for value in values], **NO_SERVER})
+    lines = []
+    for number in range(1, 5):
+        lines += [f"Enumerating installed drivers for {card(number)} - {NAME}",
+                  rf"Found driver {{store{number}}}\u04{number:05}.inf. Version [{RELEASE}]", inventory()[2]]
+    check_ends_without_server(lab, *lines, LIST, *(f"\t [{NAME}] [{RELEASE}] [{{store{number}}}]" for number in range(1, 5)))
+
+
+# Releases that are no release
+
+# Proves: A release is empty, "-", or no release at all => taken as it is
+@pytest.mark.parametrize("release, prefix", [
+    ("", ""), ("-", ""), ("2", "2"), ("..............", "....."), ("\t\r ", "\t\r "), ("\\..\\..\\x", "\\..\\."), ("☃" * 9, "☃" * 5),
+], ids=["empty", "hyphen", "one digit", "points", "controls", "path", "snowmen"])
+def test_release_that_is_no_release_is_used_as_it_is(lab, release, prefix):
+    lab.run({"adapters": [{"release": release, "packages": []}], **NO_SERVER})
+    check_ends_without_server(lab, inventory()[0], LIST, f"\t [{NAME}] [{release}] []", folder="", prefix=prefix)
+
+
+@pytest.mark.parametrize("release, version, same", [("", "", True), ("-", "", True), ("2", "2", True), ("2", "2-x", False), ("....", "....", True)],
+                         ids=["both empty", "hyphen", "one digit", "not cut at hyphens", "points"])
+def test_releases_that_are_no_releases_can_still_be_the_same(lab, release, version, same):
+    """An unknown version equals an empty release: then nothing is repaired. Only the first five characters are compared."""
+    lab.run({"adapters": [{"release": release, "packages": []}], "registry": {HL: {"HLVersion": version}}, **NO_SERVER})
+    end = [f"{SAME} Exiting."] if same else without_server("", "2")
+    check(lab, outcome="same-release" if same else "download-bad-address", exit_code=-1, boxes=[SAME_RELEASE if same else DOWNLOAD_FAILED],
+          requests=[], before=ANY_VERSION, after=ANY_VERSION,
+          log=[*opening("", version, "23.40.11.01"), inventory()[0], LIST, f"\t [{NAME}] [{release}] []", *end])
+
+
+def test_release_of_a_mebibyte(lab):
+    release = "24.2" + "0" * (MEBIBYTE // 2)
+    lab.run({"adapters": [{"release": release, "packages": [{"release": RELEASE}]}], **NO_SERVER})
+    check_ends_without_server(lab, *inventory()[:2], LIST, f"\t [{NAME}] [{release}"[:1023], folder="")
+
+
+@pytest.mark.parametrize("release, status, outcome", [
+    ("%s%n%d.1", 400, "download-refused"), *((release, 404, "download-not-there") for release in ("-", "a?b#c", "../x/"))])
+def test_release_becomes_a_part_of_the_address_as_it_is(lab, release, status, outcome):
+    """Every answer of the server ends the run in order."""
+    lab.run({"adapters": [{"release": release, "packages": []}]})
+    prefix = release.partition("-")[0][:5]
+    check(lab, outcome=outcome, exit_code=-1, boxes=[DOWNLOAD_FAILED], log=[
+        *opening(), inventory()[0], LIST, f"\t [{NAME}] [{release}] []", without_server("", prefix)[0],
+        "Change server to http://{server}/drivers/installer/vlt/.", f"Response code from server: {status}",
+        f"Error response code received from http://{{server}}/drivers/installer/vlt/{prefix}/dwx2_install.txt", NOT_DOWNLOADED])
+
+
+# Texts of a device: description and driver key. Each has an adapter of its own.
+
+def adapters_with(name: str, values: list[Any]) -> dict[str, Any]:
+    """One adapter for each value of that name in its device's key."""
+    registry = {rf"HKLM\{ENUM}\{card(number)}": {name: value} for number, value in enumerate(values, 1)}
+    return {"adapters": [{"packages": []} for _ in values], "registry": registry, **NO_SERVER}
+
+
+def test_descriptions_of_every_size(lab):
+    long = "d" * (MEBIBYTE // 2)
+    values = {"Card": {"type": "REG_SZ", "hex": utf16("Card")}, "odd": {"type": "REG_SZ", "hex": utf16("odd") + "00"},
+              "": {"type": "REG_SZ", "hex": ""}, "cut": {"type": "REG_SZ", "hex": utf16("cut\0rest\0")},
+              "AB": {"type": "REG_DWORD", "hex": "41004200"}, long: long}
+    lab.run(adapters_with("DeviceDesc", list(values.values())))
+    check_ends_without_server(
+        lab, *(f"Enumerating installed drivers for {card(number)} - {text}"[:1023] for number, text in enumerate(values, 1)), LIST,
+        *(f"\t [{text}"[:1023] if text == long else f"\t [{text}] [{RELEASE}] []" for text in values), folder="")
+
+
+def test_driver_keys_of_every_kind(lab):
+    """The key that it names decides; half a terminator is as good as one."""
+    good = "{4D36E968-E325-11CE-BFC1-08002BE10318}\\0001"
+    value, key = "get registry value", "open registry key"
+    values: list[tuple[Any, str]] = [
+        (good, ""), ("{4D36E968-E325-11CE-BFC1-08002BE10318}\\", value), ("", value), ("\\", value), ("..\\" * 20, key), ("k" * 4000, key),
+        ("%s%n\\0001", key), ({"type": "REG_SZ", "hex": utf16(good)}, ""), ({"type": "REG_SZ", "hex": utf16(good) + "00"}, "")]
+    lab.run(adapters_with("Driver", [text for text, _ in values]))
+    lines = [NO_RELEASE(NAME, card(number), why) if why else f"Enumerating installed drivers for {card(number)} - {NAME}"
+             for number, (_, why) in enumerate(values, 1)]
+    check_ends_without_server(lab, *lines, LIST, *[f"\t [{NAME}] [{RELEASE}] []"] * 3, folder="")
