@@ -84,7 +84,7 @@ def check_point(result: Result, point: str) -> None:
 @pytest.mark.parametrize("point", [
     "setupapi!SetupDiGetClassDevsW 1", "setupapi!SetupDiGetDriverInfoDetailW 2", "setupapi!SetupGetInfDriverStoreLocationW 1",
     "setupapi!SetupGetLineTextW 2", "setupapi!SetupDiDestroyDeviceInfoList 1", "msi!MsiEnumRelatedProductsW 1",
-    "msi!MsiSetInternalUI 1", "wtsapi32!WTSFreeMemory 2", "msi!MsiEnumRelatedProductsW 5", "msi!MsiGetProductInfoW 4",
+    "wtsapi32!WTSQuerySessionInformationW 1", "wtsapi32!WTSFreeMemory 2", "msi!MsiEnumRelatedProductsW 5", "msi!MsiGetProductInfoW 4",
     "msi!MsiInstallProductW 1"])
 def test_before_anything_is_changed(lab, point):
     result = kill_and_start_again(lab, desktop(**exits(point)))
