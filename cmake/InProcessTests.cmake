@@ -11,7 +11,7 @@ function(add_in_process_tests name)
   target_precompile_headers(${name} PRIVATE
     <functional> <string> <vector> <windows.h> <gmock/gmock.h> <gtest/gtest.h>)
   target_compile_options(${name} PRIVATE -O1)
-  target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
+  target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests ${CMAKE_SOURCE_DIR})
   target_link_libraries(${name} PRIVATE stack_guard gmock gtest_main)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   add_shared_process_tests(${name} ${ARGN})

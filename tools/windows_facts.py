@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """What the product relies on in Windows: windows_check/facts.toml, and what is made from it.
 
-    tools/windows_facts.py page             writes docs/windows-facts.md
-    tools/windows_facts.py check            the page is up to date, every fact has a check and every check a fact, every fact
-                                           says where the product relies on it, how it is guarded and where it comes from
+    tools/windows_facts.py page             writes build/docs/windows-facts.md
+    tools/windows_facts.py check            every fact has a check and every check a fact; every fact says where the product
+                                            relies on it and how it is guarded
     tools/windows_facts.py program FILE     the facts as C++, for the build
 """
 import re
@@ -11,13 +11,13 @@ import sys
 import tomllib
 from dataclasses import dataclass, field
 from pathlib import Path
+from typing import Any
 
 TOP = Path(__file__).resolve().parent.parent
 FOLDER = TOP / "windows_check"
 FACTS = FOLDER / "facts.toml"
-DIFFERENCES = FOLDER / "wine-differences.toml"
-CALLS = FOLDER / "calls.toml"
 PAGE = TOP / "build" / "docs" / "windows-facts.md"
+SECONDS = 20  # that a check may take if its group says nothing else
 
 LEARN = "https://learn.microsoft.com/"
 # Short forms of addresses in facts.toml.
@@ -43,14 +43,26 @@ class Fact:
     used: str
     guard: str
     sources: list[str]
-    why_not: str = ""  # for a fact that the program does not look at
+    why_not: str = ""  # for a fact that the program does not check
 
 
 @dataclass
 class Group:
     name: str
     title: str
+    seconds: int
+    calls: list[str]
     facts: list[Fact] = field(default_factory=list)
+
+
+@dataclass
+class Difference:
+    """What the program sees under Wine instead of what a fact expects."""
+    result: str  # "differs" or "not applicable"
+    seen: str
+    why: str
+    machines: tuple[str, ...]  # "bare": a prefix as Wine makes it; "lab": a machine of the lab
+    root: bool = False         # only where the tests run as the Unix account root
 
 
 class Wrong(Exception):
@@ -64,10 +76,16 @@ def address(source: str) -> str:
     return ADDRESSES[kind](rest)
 
 
+def tables() -> dict[str, Any]:
+    return tomllib.loads(FACTS.read_text("utf-8"))
+
+
 def read_facts() -> list[Group]:
     groups = []
-    for name, table in tomllib.loads(FACTS.read_text("utf-8")).items():
-        group = Group(name, table.pop("title"))
+    for name, table in tables().items():
+        if name == "without_fact":
+            continue
+        group = Group(name, table.pop("title"), table.pop("seconds", SECONDS), table.pop("calls", []))
         used, guard, sources = table.pop("used", ""), table.pop("guard", ""), table.pop("sources", [])
         for key, row in table.items():
             expected = row.pop("expected", [])
@@ -80,15 +98,36 @@ def read_facts() -> list[Group]:
     return groups
 
 
-def read_differences() -> dict[str, list[dict[str, str]]]:
-    found: dict[str, list[dict[str, str]]] = {}
-    for row in tomllib.loads(DIFFERENCES.read_text("utf-8")).get("difference", []):
-        found.setdefault(row["id"], []).append(row)
+def wine_versions() -> list[str]:
+    return sorted(file.stem.removeprefix("wine-") for file in FOLDER.glob("wine-*.toml"))
+
+
+def read_differences(version: str) -> dict[str, list[Difference]]:
+    """Fact -> its differences under this version of Wine."""
+    found: dict[str, list[Difference]] = {}
+    content = tomllib.loads((FOLDER / f"wine-{version}.toml").read_text("utf-8"))
+    shared = content.pop("shared")
+    for machine, groups in content.items():
+        machines = {"both": ("bare", "lab"), "bare": ("bare",), "lab": ("lab",)}[machine]
+        for group, rows in groups.items():
+            for name, row in rows.items():
+                row = shared[row] if isinstance(row, str) else row
+                result = "differs" if "seen" in row else "not applicable"
+                seen = row["seen"] if "seen" in row else row["not_checked"]
+                found.setdefault(f"{group}.{name}", []).append(Difference(result, seen, row["why"], machines, row.get("root", False)))
     return found
 
 
-def read_calls() -> dict[str, dict[str, str | list[str]]]:
-    return tomllib.loads(CALLS.read_text("utf-8"))
+def without_fact(functions: set[str]) -> list[str]:
+    """The functions that no fact covers and that the list of exceptions does not have either."""
+    covered = {name for names in tables()["without_fact"].values() for name in names}
+    named = set()  # by sources and sentences, which do not care for letter case, a leading underscore or a trailing W
+    for group in read_facts():
+        covered |= set(group.calls)
+        for fact in group.facts:
+            named |= {word.lower() for source in fact.sources for word in re.findall(r"\w+", source)}
+            named |= {word.lower() for word in re.findall(r"\w+", fact.says)}
+    return sorted(name for name in functions - covered if name.lower() not in named and name.lower().lstrip("_") not in named)
 
 
 # --- the program
@@ -106,7 +145,8 @@ def program(out: Path) -> None:
         for fact in group.facts:
             if fact.expected:
                 expected = ", ".join(literal(text, True) for text in fact.expected)
-                lines.append(f"        {{{literal(fact.id, False)}, {literal(group.name, False)}, {literal(fact.says, True)}, {{{expected}}}}},")
+                lines.append(f"        {{{literal(fact.id, False)}, {literal(group.name, False)}, {literal(fact.says, True)}, {{{expected}}}, "
+                             f"{group.seconds * 1000}}},")
     lines += ["    };", "    return facts;", "}", "}  // namespace windows_check", ""]
     out.write_text("\n".join(lines), "utf-8")
 
@@ -121,17 +161,14 @@ def code(text: str) -> str:
     return f"`{text}`".replace("|", "\\|")
 
 
-def wine(fact: Fact, differences: dict[str, list[dict[str, str]]]) -> str:
+def wine(fact: Fact, differences: dict[str, list[Difference]]) -> str:
     if not fact.expected:
         return cell(fact.why_not)
-    rows = differences.get(fact.id)
-    if not rows:
-        return "the same"
     parts = []
-    for row in rows:
-        seen = f"not looked at: {cell(row['reason'])}" if row["result"] == "not applicable" else f"{code(row['seen'])}: {cell(row['reason'])}"
-        parts.append(seen + (" (with the lab's stand-ins)" if row.get("machine") == "lab" else ""))
-    return "; ".join(dict.fromkeys(parts))
+    for row in differences.get(fact.id, []):
+        seen = f"not checked: {cell(row.why)}" if row.result == "not applicable" else f"{code(row.seen)}: {cell(row.why)}"
+        parts.append(seen + (" (with the lab's stand-ins)" if row.machines == ("lab",) else ""))
+    return "; ".join(dict.fromkeys(parts)) or "the same"
 
 
 def links(sources: list[str]) -> str:
@@ -140,92 +177,65 @@ def links(sources: list[str]) -> str:
 
 def page() -> str:
     groups = read_facts()
-    differences = read_differences()
+    versions = wine_versions()
+    differences = {version: read_differences(version) for version in versions}
     checked = sum(bool(fact.expected) for group in groups for fact in group.facts)
     others = sum(not fact.expected for group in groups for fact in group.facts)
     lines = [
         "# What the product relies on in Windows",
         "",
-        f"<!-- {MADE} from windows_check/facts.toml and wine-differences.toml; change those. -->",
+        f"<!-- {MADE} from windows_check/facts.toml and windows_check/wine-*.toml; change those. -->",
         "",
-        "The product is built and tested under Wine and runs on Windows. Below stands every place known to us where the two could",
-        f"differ: {checked} facts that `TavikWindowsCheck.exe` looks at, and {others} that no harmless program can look at. **Nothing of this",
-        "has been seen on a real Windows yet.** The last column is empty for that; the first report that comes back fills it.",
-        "",
-        "`build/release/TavikWindowsCheck.exe` prints each fact with what it expected and what it saw",
-        "([how to run it](../windows_check/README.txt)). Exit code 0: nothing differs. Under Wine it runs among the cases",
-        "(`windows_check/tests/test_windows_check.py`): there every difference stands in `windows_check/wine-differences.toml`, and one that",
-        "comes or goes is an error.",
+        f"`TavikWindowsCheck.exe` checks {checked} facts; {others} more cannot be checked by a harmless program. No report from a real Windows",
+        "has come back yet, so the last column is empty.",
         "",
         "| Column | Meaning |",
         "|---|---|",
         "| Fact | id for the program's `--only`, and the fact |",
         "| Expected | what the check must see, in its own words; \"or\": each is fine |",
-        "| Source | public documentation or public source; where none is known to us the fact is an assumption and says so |",
-        "| Wine 8 | \"the same\": as expected, under Wine; otherwise what is seen there, and why |",
+        "| Source | public documentation or source; without one the fact is an assumption |",
+        "| Wine | \"the same\" as expected, or what is seen there, and why |",
         "| Relied on | the part of the product that does |",
         "| Guarded by | what keeps a surprise harmless, or what happens then |",
         "| Real PC | what a report from a real Windows showed |",
     ]
+    columns = ["Fact", "Expected", "Source", *(f"Wine {version}" for version in versions), "Relied on", "Guarded by", "Real PC"]
     for group in groups:
-        lines += ["", f"## {group.title}", "", "| Fact | Expected | Source | Wine 8 | Relied on | Guarded by | Real PC |",
-                  "|---|---|---|---|---|---|---|"]
+        lines += ["", f"## {group.title}", "", f"| {' | '.join(columns)} |", "|---" * len(columns) + "|"]
         for fact in group.facts:
-            expected = " or ".join(code(text) for text in fact.expected) if fact.expected else "not looked at by the program"
-            lines.append(f"| **{fact.id}** {cell(fact.says)} | {expected} | {links(fact.sources) or 'assumption'} | "
-                         f"{wine(fact, differences)} | {cell(fact.used)} | {cell(fact.guard)} | |")
-    lines += ["", "## Call by call", "", "Every function of Windows and of its C runtime that the product calls, and what of the C++ library rests on them. A case of",
-              "the lab compares the list with what the product is linked with.", "", "| Call | Facts |", "|---|---|"]
-    for table in read_calls().values():
-        for name in sorted(table, key=str.lower):
-            about = table[name]
-            lines.append(f"| {code(name)} | {cell(about) if isinstance(about, str) else ', '.join(about)} |")
+            cells = [f"**{fact.id}** {cell(fact.says)}", " or ".join(code(text) for text in fact.expected) or "not checked by the program",
+                     links(fact.sources) or "assumption", *(wine(fact, differences[version]) for version in versions),
+                     cell(fact.used), cell(fact.guard), ""]
+            lines.append(f"| {' | '.join(cells)} |")
     return "\n".join(lines) + "\n"
 
 
 # --- the check
 
 def complaints() -> list[str]:
-    groups = read_facts()
-    differences = read_differences()
-    facts = [fact for group in groups for fact in group.facts]
+    facts = [fact for group in read_facts() for fact in group.facts]
     found = []
-    in_sources = {name for file in FOLDER.glob("*.cpp")
-                  for name in re.findall(r'\{"([a-z0-9_]+\.[a-z0-9_]+)"', file.read_text("utf-8"))}
+    in_sources = {".".join(names) for file in FOLDER.glob("*.cpp") for names in re.findall(r"^(?:SHORT_)?FACT\(\s*(\w+),\s*(\w+)", file.read_text("utf-8"), re.M)}
     checked = {fact.id for fact in facts if fact.expected}
     found += [f"{name}: there is no check in windows_check" for name in sorted(checked - in_sources)]
     found += [f"{name}: a check without a fact in facts.toml" for name in sorted(in_sources - checked)]
-    found += [f"{name}: in wine-differences.toml, but no such fact" for name in sorted(set(differences) - checked)]
+    for version in wine_versions():
+        found += [f"{name}: in wine-{version}.toml, but there is no such fact" for name in sorted(set(read_differences(version)) - checked)]
     for fact in facts:
-        for what, text in (("says", fact.says), ("used", fact.used), ("guard", fact.guard)):
-            if not text:
-                found.append(f"{fact.id}: \"{what}\" is missing")
+        found += [f"{fact.id}: \"{what}\" is missing" for what in ("says", "used", "guard") if not getattr(fact, what)]
         if not fact.expected and not fact.why_not:
             found.append(f"{fact.id}: neither \"expected\" nor \"why_not\"")
-        for file in re.findall(r"\b(?:src|tests|lab|scripts)/[\w./-]+\w", fact.used + " " + fact.guard):
-            if not (TOP / file).exists():
-                found.append(f"{fact.id}: {file} does not exist")
+        found += [f"{fact.id}: {file} does not exist" for file in re.findall(r"\b(?:src|tests|cases|lab|scripts)/[\w./-]+\w", fact.used + " " + fact.guard)
+                  if not (TOP / file).exists()]
         for source in fact.sources:
             address(source)
-    names = {fact.id for fact in facts} | {group.name for group in groups}
-    for table in read_calls().values():
-        for call, about in table.items():
-            if isinstance(about, list):
-                found += [f"{call}, in calls.toml: there is no fact {name}" for name in about if name not in names]
-    for name, rows in differences.items():
-        for row in rows:
-            if row.get("result") not in ("differs", "not applicable") or not row.get("reason") or not row.get("seen"):
-                found.append(f"{name}: a difference needs a result, what was seen and a reason")
-            if row.get("machine", "both") not in ("both", "bare", "lab"):
-                found.append(f"{name}: no machine is called {row['machine']}")
-    if not PAGE.is_file() or PAGE.read_text("utf-8") != page():
-        found.append("docs/windows-facts.md is not up to date: tools/windows_facts.py page")
     return found
 
 
 def main(arguments: list[str]) -> int:
     try:
         if arguments == ["page"]:
+            PAGE.parent.mkdir(parents=True, exist_ok=True)
             PAGE.write_text(page(), "utf-8")
         elif arguments == ["check"]:
             wrong = complaints()
@@ -240,7 +250,7 @@ def main(arguments: list[str]) -> int:
             print(__doc__, file=sys.stderr)
             return 2
     except (Wrong, KeyError, tomllib.TOMLDecodeError) as error:
-        print(f"windows-facts: {error}", file=sys.stderr)
+        print(f"windows_facts: {error}", file=sys.stderr)
         return 1
     return 0
 

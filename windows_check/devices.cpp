@@ -55,10 +55,11 @@ Seen ForEachAdapter(const wchar_t* wanted, Ask ask)
             return Saw(seen, detail);
         }
     }
-    return index == 0 ? DoesNotApply(kNoAdapter) : Saw(wanted, detail);
+    Need(index > 0, kNoAdapter);
+    return Saw(wanted, detail);
 }
 
-Seen Present()
+FACT(devices, list)
 {
     const DeviceList list = OpenAdapters();
     SP_DEVINFO_DATA device = {};
@@ -72,21 +73,18 @@ Seen Present()
                Number(count) + L" adapters");
 }
 
-Seen StructureSizes()
+FACT(devices, structure_sizes)
 {
     const DeviceList list = OpenAdapters();
     SP_DEVINFO_DATA device = {};
     device.cbSize = sizeof(device) + 4;
     const BOOL isWrong = SetupDiEnumDeviceInfo(list.Get(), 0, &device);
     const DWORD error = GetLastError();
-    if (!GetAdapter(list, 0, device))
-    {
-        return DoesNotApply(kNoAdapter);
-    }
+    Need(GetAdapter(list, 0, device), kNoAdapter);
     return Saw(L"32: ok, 36: " + Code(isWrong != 0, error));
 }
 
-Seen InstanceId()
+FACT(devices, instance_id)
 {
     return ForEachAdapter(L"fits", [](HDEVINFO list, SP_DEVINFO_DATA& device, std::wstring& detail) {
         wchar_t id[repair::kInstanceIdCharacters] = {};
@@ -101,7 +99,7 @@ Seen InstanceId()
     });
 }
 
-Seen PropertySize()
+FACT(devices, property_size)
 {
     constexpr wchar_t kWanted[] = L"122, bytes with the terminator";
     return ForEachAdapter(kWanted, [&](HDEVINFO list, SP_DEVINFO_DATA& device, std::wstring& detail) {
@@ -130,7 +128,7 @@ std::wstring DriverKey(HDEVINFO list, SP_DEVINFO_DATA& device)
     return key;
 }
 
-Seen DriverKeyOpens()
+FACT(devices, driver_key)
 {
     return ForEachAdapter(L"opens", [](HDEVINFO list, SP_DEVINFO_DATA& device, std::wstring& detail) {
         const std::wstring key = DriverKey(list, device);
@@ -143,7 +141,7 @@ Seen DriverKeyOpens()
     });
 }
 
-Seen ProblemCode()
+FACT(devices, problem_code)
 {
     constexpr wchar_t kWanted[] = L"a number of 4 bytes";
     return ForEachAdapter(kWanted, [&](HDEVINFO list, SP_DEVINFO_DATA& device, std::wstring& detail) -> std::wstring {
@@ -168,7 +166,7 @@ bool GetDriver(HDEVINFO list, SP_DEVINFO_DATA& device, DWORD index, SP_DRVINFO_D
     return SetupDiEnumDriverInfoW(list, &device, SPDIT_COMPATDRIVER, index, &driver) != 0;
 }
 
-Seen CompatibleDrivers()
+FACT(devices, compatible_drivers)
 {
     return ForEachAdapter(L"at least one", [](HDEVINFO list, SP_DEVINFO_DATA& device, std::wstring& detail) {
         if (SetupDiBuildDriverInfoList(list, &device, SPDIT_COMPATDRIVER) == 0)
@@ -212,7 +210,7 @@ template <typename Ask>
 Seen ForEachPackage(const wchar_t* wanted, Ask ask)
 {
     bool hasAny = false;
-    Seen seen = ForEachAdapter(wanted, [&](HDEVINFO list, SP_DEVINFO_DATA& device, std::wstring& detail) {
+    const Seen seen = ForEachAdapter(wanted, [&](HDEVINFO list, SP_DEVINFO_DATA& device, std::wstring& detail) {
         SetupDiBuildDriverInfoList(list, &device, SPDIT_COMPATDRIVER);
         SP_DRVINFO_DATA_V2_W driver = {};
         for (DWORD index = 0; GetDriver(list, device, index, driver); ++index)
@@ -226,10 +224,11 @@ Seen ForEachPackage(const wchar_t* wanted, Ask ask)
         }
         return std::wstring(wanted);
     });
-    return seen.applies && !hasAny ? DoesNotApply(L"no compatible driver is listed") : seen;
+    Need(hasAny, L"no compatible driver is listed");
+    return seen;
 }
 
-Seen DetailSize()
+FACT(devices, detail_size)
 {
     constexpr wchar_t kWanted[] = L"122, at least the structure";
     return ForEachPackage(
@@ -243,7 +242,7 @@ Seen DetailSize()
         });
 }
 
-Seen DetailNamesInf()
+FACT(devices, detail_names_inf)
 {
     return ForEachPackage(
         L"a full path", [](HDEVINFO list, SP_DEVINFO_DATA& device, SP_DRVINFO_DATA_V2_W& driver, std::wstring& detail) {
@@ -268,14 +267,13 @@ std::wstring StoreLocation(const std::wstring& inf)
     return path;
 }
 
-bool IsInDriverStore(std::wstring path)
+bool IsInDriverStore(const std::wstring& path)
 {
-    CharLowerBuffW(path.data(), static_cast<DWORD>(path.size()));
-    return path.find(L"\\driverstore\\filerepository\\") != std::wstring::npos && path.ends_with(L".inf") &&
-           GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+    return Lower(path).find(L"\\driverstore\\filerepository\\") != std::wstring::npos &&
+           Lower(path).ends_with(L".inf") && GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
-Seen StoreOfPath()
+FACT(devices, store_of_path)
 {
     return ForEachPackage(L"an INF there", [](HDEVINFO list, SP_DEVINFO_DATA& device, SP_DRVINFO_DATA_V2_W& driver,
                                               std::wstring& detail) {
@@ -287,25 +285,7 @@ Seen StoreOfPath()
     });
 }
 
-// The value that Windows keeps in the driver key: oemNN.inf or the name of an INF that came with Windows.
-Seen StoreOfActiveInf()
-{
-    return ForEachAdapter(L"an INF there", [](HDEVINFO list, SP_DEVINFO_DATA& device, std::wstring& detail) {
-        wchar_t name[MAX_PATH] = {};
-        DWORD bytes = sizeof(name);
-        RegGetValueW(HKEY_LOCAL_MACHINE, (repair::kDriverKeys + DriverKey(list, device)).c_str(), L"InfPath",
-                     RRF_RT_REG_SZ, nullptr, name, &bytes);
-        if (name[0] == L'\0')
-        {
-            return std::wstring(L"the driver key names no INF");
-        }
-        const std::wstring location = StoreLocation(name);
-        detail += std::wstring(name) + L": " + location + L" ";
-        return IsInDriverStore(location) ? std::wstring(L"an INF there") : location;
-    });
-}
-
-Seen StoreOfNobody()
+FACT(devices, store_of_unknown)
 {
     wchar_t path[MAX_PATH] = L"untouched";
     DWORD needed = 0;
@@ -315,40 +295,5 @@ Seen StoreOfNobody()
                    std::wstring(std::wstring(path) == L"untouched" ? L", buffer untouched" : L", buffer changed"),
                Number(GetLastError()));
 }
-
-Seen StoreOfSmallBuffer()
-{
-    return ForEachPackage(L"122, the length", [](HDEVINFO list, SP_DEVINFO_DATA& device, SP_DRVINFO_DATA_V2_W& driver,
-                                                 std::wstring&) {
-        DWORD needed = 0;
-        DWORD error = 0;
-        const std::wstring inf = InfOf(list, device, driver, needed, error);
-        const std::wstring location = StoreLocation(inf);
-        wchar_t small[4] = {};
-        needed = 0;
-        const BOOL isFound = SetupGetInfDriverStoreLocationW(inf.c_str(), nullptr, nullptr, small, 4, &needed);
-        error = GetLastError();
-        return Code(isFound != 0, error) + (needed == location.size() + 1 ? L", the length" : L", " + Number(needed));
-    });
-}
 }  // namespace
-
-std::vector<Check> DeviceChecks()
-{
-    return {
-        {"devices.list", Present, 30'000},
-        {"devices.structure_sizes", StructureSizes, 30'000},
-        {"devices.instance_id", InstanceId, 30'000},
-        {"devices.property_size", PropertySize, 30'000},
-        {"devices.driver_key", DriverKeyOpens, 30'000},
-        {"devices.problem_code", ProblemCode, 30'000},
-        {"devices.compatible_drivers", CompatibleDrivers, 120'000},
-        {"devices.detail_size", DetailSize, 120'000},
-        {"devices.detail_names_inf", DetailNamesInf, 120'000},
-        {"devices.store_of_path", StoreOfPath, 120'000},
-        {"devices.store_of_active_inf", StoreOfActiveInf, 60'000},
-        {"devices.store_of_nobody", StoreOfNobody, 30'000},
-        {"devices.store_of_small_buffer", StoreOfSmallBuffer, 120'000},
-    };
-}
 }  // namespace windows_check

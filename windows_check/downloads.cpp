@@ -1,4 +1,4 @@
-// WinINet against a server on this machine's loopback address: what a download looks like when something goes wrong.
+// WinINet against a server on this PC's loopback address: how a download ends when something goes wrong.
 #include "windows_check/loopback.h"
 
 #include <windows.h>
@@ -25,9 +25,10 @@ struct Transfer
     DWORD countAfterFailure = 0;
 };
 
-// One request with the tool's flags; no proxy is asked, so that nothing leaves the machine.
+// One request with the tool's flags; without a proxy, so nothing leaves the PC.
 Transfer Fetch(unsigned short port)
 {
+    Need(port != 0, L"no server can be started on the loopback address");
     Transfer transfer;
     const HINTERNET session = InternetOpenW(kUserAgent, INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0);
     const HINTERNET connection =
@@ -73,15 +74,14 @@ std::wstring Told(const Transfer& transfer)
     {
         return L"not sent: " + Number(transfer.error);
     }
-    return L"status " + Number(transfer.status) + L", " + Number(static_cast<long long>(transfer.bytes)) + L" bytes, " +
+    return L"status " + Number(transfer.status) + L", " + Number(transfer.bytes) + L" bytes, " +
            (transfer.isReadToEnd ? std::wstring(L"complete") : L"error " + Number(transfer.error));
 }
 
 Seen Answers(std::vector<std::string> answers)
 {
     const Loopback server(std::move(answers));
-    return server.Port() == 0 ? DoesNotApply(L"no server can be started on the loopback address")
-                              : Saw(Told(Fetch(server.Port())));
+    return Saw(Told(Fetch(server.Port())));
 }
 
 std::string Ok(const std::string& headers, const std::string& body)
@@ -89,13 +89,9 @@ std::string Ok(const std::string& headers, const std::string& body)
     return "HTTP/1.1 200 OK\r\n" + headers + "Connection: close\r\n\r\n" + body;
 }
 
-Seen Request()
+FACT(downloads, request)
 {
     Loopback server({Ok("Content-Length: 1\r\n", "x")});
-    if (server.Port() == 0)
-    {
-        return DoesNotApply(L"no server can be started on the loopback address");
-    }
     Fetch(server.Port());
     const std::vector<std::string> requests = server.Requests();
     const std::string request = requests.empty() ? "" : requests.front();
@@ -109,103 +105,45 @@ Seen Request()
     return Saw(missing.empty() ? L"as wanted" : L"missing:" + missing, Quoted(Widened(request)));
 }
 
-Seen Whole()
-{
-    return Answers({Ok("Content-Length: 5\r\n", "abcde")});
-}
+SHORT_FACT(downloads, whole, Answers({Ok("Content-Length: 5\r\n", "abcde")}))
+SHORT_FACT(downloads, without_length, Answers({Ok("", "abcde")}))
 
-Seen WithoutLength()
-{
-    return Answers({Ok("", "abcde")});
-}
-
-Seen FullBlocks()
+FACT(downloads, full_blocks)
 {
     const Loopback server({Ok("Content-Length: 3000000\r\n", std::string(3'000'000, 'x'))});
-    if (server.Port() == 0)
-    {
-        return DoesNotApply(L"no server can be started on the loopback address");
-    }
     const Transfer transfer = Fetch(server.Port());
     return Saw(Told(transfer), L"first block " + Number(transfer.firstBlock) + L" bytes");
 }
 
-Seen CutShort()
-{
-    return Answers({Ok("Content-Length: 10\r\n", "abcde")});
-}
+SHORT_FACT(downloads, cut_short, Answers({Ok("Content-Length: 10\r\n", "abcde")}))
+SHORT_FACT(downloads, cut_chunk, Answers({Ok("Transfer-Encoding: chunked\r\n", "a\r\nabcde")}))
+SHORT_FACT(downloads, closed_at_once, Answers({""}))
+SHORT_FACT(downloads, not_http, Answers({"hello there, this is no HTTP\r\n"}))
+SHORT_FACT(downloads, empty_body, Answers({Ok("Content-Length: 0\r\n", "")}))
 
-Seen CutChunk()
-{
-    return Answers({Ok("Transfer-Encoding: chunked\r\n", "a\r\nabcde")});
-}
+SHORT_FACT(downloads, redirected,
+           Answers({"HTTP/1.1 302 Found\r\nLocation: /drivers/y\r\nContent-Length: 0\r\nConnection: close\r\n\r\n",
+                    Ok("Content-Length: 5\r\n", "abcde")}))
 
-Seen ClosedAtOnce()
-{
-    return Answers({""});
-}
-
-Seen NotHttp()
-{
-    return Answers({"hello there, this is no HTTP\r\n"});
-}
-
-Seen EmptyBody()
-{
-    return Answers({Ok("Content-Length: 0\r\n", "")});
-}
-
-Seen Redirected()
-{
-    return Answers({"HTTP/1.1 302 Found\r\nLocation: /drivers/y\r\nContent-Length: 0\r\nConnection: close\r\n\r\n",
-                    Ok("Content-Length: 5\r\n", "abcde")});
-}
-
-Seen Redirected308()
-{
-    return Answers(
+SHORT_FACT(
+    downloads, redirected_308,
+    Answers(
         {"HTTP/1.1 308 Permanent Redirect\r\nLocation: /drivers/y\r\nContent-Length: 0\r\nConnection: close\r\n\r\n",
-         Ok("Content-Length: 5\r\n", "abcde")});
-}
+         Ok("Content-Length: 5\r\n", "abcde")}))
 
-Seen NotFound()
-{
-    return Answers({"HTTP/1.1 404 Not Found\r\nContent-Length: 2\r\nConnection: close\r\n\r\nno"});
-}
+SHORT_FACT(downloads, not_found,
+           Answers({"HTTP/1.1 404 Not Found\r\nContent-Length: 2\r\nConnection: close\r\n\r\nno"}))
 
-Seen Compressed()
-{
-    return Answers({Ok("Content-Length: 5\r\nContent-Encoding: gzip\r\n", "abcde")});
-}
+SHORT_FACT(downloads, compressed, Answers({Ok("Content-Length: 5\r\nContent-Encoding: gzip\r\n", "abcde")}))
 
-Seen NobodyListens()
+FACT(downloads, no_listener)
 {
     unsigned short port = 0;
     {
         const Loopback server({});
         port = server.Port();
     }
-    return port == 0 ? DoesNotApply(L"no server can be started on the loopback address") : Saw(Told(Fetch(port)));
+    return Saw(Told(Fetch(port)));
 }
 }  // namespace
-
-std::vector<Check> DownloadChecks()
-{
-    return {
-        {"downloads.request", Request, 60'000},
-        {"downloads.whole", Whole, 60'000},
-        {"downloads.without_length", WithoutLength, 60'000},
-        {"downloads.full_blocks", FullBlocks, 60'000},
-        {"downloads.cut_short", CutShort, 60'000},
-        {"downloads.cut_chunk", CutChunk, 60'000},
-        {"downloads.closed_at_once", ClosedAtOnce, 60'000},
-        {"downloads.not_http", NotHttp, 60'000},
-        {"downloads.empty_body", EmptyBody, 60'000},
-        {"downloads.redirected", Redirected, 60'000},
-        {"downloads.redirected_308", Redirected308, 60'000},
-        {"downloads.not_found", NotFound, 60'000},
-        {"downloads.compressed", Compressed, 60'000},
-        {"downloads.nobody_listens", NobodyListens, 60'000},
-    };
-}
 }  // namespace windows_check

@@ -1,6 +1,7 @@
-// The named event that keeps a second instance away.
+// The named event of the running instance.
 #include <windows.h>
 
+#include "base/handles.h"
 #include "windows_check/check.h"
 #include "windows_check/words.h"
 
@@ -13,79 +14,55 @@ std::wstring OwnName(const wchar_t* what)
     return std::wstring(L"TavikWindowsCheck-") + what + L"-" + Number(GetCurrentProcessId());
 }
 
-Seen FreshEvent()
+repair::EventHandle MakeEvent(const std::wstring& name)
 {
-    SetLastError(ERROR_ALREADY_EXISTS);  // as something before may have left it
-    const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, OwnName(L"fresh").c_str());
-    const DWORD error = GetLastError();
-    CloseHandle(event);
-    return Saw(event == nullptr ? L"none" : Number(error));
+    return repair::EventHandle(CreateEventW(nullptr, TRUE, FALSE, name.c_str()));
 }
 
-Seen SecondEvent()
+std::wstring Told(const repair::EventHandle& event, DWORD error)
 {
-    const std::wstring name = OwnName(L"second");
-    const HANDLE first = CreateEventW(nullptr, TRUE, FALSE, name.c_str());
-    const HANDLE second = CreateEventW(nullptr, TRUE, FALSE, name.c_str());
-    const DWORD error = GetLastError();
-    CloseHandle(second);
-    CloseHandle(first);
-    return Saw((second == nullptr ? L"none, " : L"a handle, ") + Number(error));
+    return (event ? L"a handle, " : L"none, ") + Number(error);
 }
 
-Seen FreeAgain()
+FACT(events, fresh)
 {
-    const std::wstring name = OwnName(L"again");
-    CloseHandle(CreateEventW(nullptr, TRUE, FALSE, name.c_str()));
-    const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, name.c_str());
+    SetLastError(ERROR_ALREADY_EXISTS);  // as a call before may have left it
+    const repair::EventHandle event = MakeEvent(OwnName(L"fresh"));
     const DWORD error = GetLastError();
-    CloseHandle(event);
-    return Saw(Number(error));
+    return Saw(event ? Number(error) : L"none");
 }
 
-Seen NameOfMutex()
+FACT(events, second)
 {
-    const std::wstring name = OwnName(L"mutex");
-    const HANDLE mutex = CreateMutexW(nullptr, FALSE, name.c_str());
-    const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, name.c_str());
+    const repair::EventHandle first = MakeEvent(OwnName(L"second"));
+    const repair::EventHandle second = MakeEvent(OwnName(L"second"));
     const DWORD error = GetLastError();
-    if (event != nullptr)
-    {
-        CloseHandle(event);
-    }
-    CloseHandle(mutex);
-    return Saw((event == nullptr ? L"none, " : L"a handle, ") + Number(error));
+    return Saw(Told(second, error));
 }
 
-Seen LocalName()
+FACT(events, free_again)
 {
-    if (ThisMachine().session == 0)
-    {
-        return DoesNotApply(L"in session 0 the session's names are the machine's");
-    }
+    MakeEvent(OwnName(L"again"));
+    const repair::EventHandle event = MakeEvent(OwnName(L"again"));
+    return Saw(Number(GetLastError()));
+}
+
+FACT(events, name_of_a_mutex)
+{
+    const repair::EventHandle mutex(CreateMutexW(nullptr, FALSE, OwnName(L"mutex").c_str()));
+    const repair::EventHandle event = MakeEvent(OwnName(L"mutex"));
+    const DWORD error = GetLastError();
+    return Saw(Told(event, error));
+}
+
+FACT(events, scope)
+{
+    Need(ThisPc().session != 0, L"in session 0 the session's names are those of the whole PC");
     const std::wstring name = OwnName(L"local");
-    const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, name.c_str());
-    const HANDLE local = OpenEventW(SYNCHRONIZE, FALSE, (L"Local\\" + name).c_str());
-    const HANDLE global = OpenEventW(SYNCHRONIZE, FALSE, (L"Global\\" + name).c_str());
-    std::wstring seen = local != nullptr ? L"the session's" : L"not the session's";
-    seen += global != nullptr ? L" and the machine's" : L"";
-    for (const HANDLE handle : {event, local, global})
-    {
-        if (handle != nullptr)
-        {
-            CloseHandle(handle);
-        }
-    }
-    return Saw(seen);
+    const repair::EventHandle event = MakeEvent(name);
+    const repair::EventHandle local(OpenEventW(SYNCHRONIZE, FALSE, (L"Local\\" + name).c_str()));
+    const repair::EventHandle global(OpenEventW(SYNCHRONIZE, FALSE, (L"Global\\" + name).c_str()));
+    return Saw((local ? L"the session's" : L"not the session's") + std::wstring(global ? L" and the PC's" : L""));
 }
 }  // namespace
-
-std::vector<Check> EventChecks()
-{
-    return {
-        {"events.fresh", FreshEvent},     {"events.second", SecondEvent},
-        {"events.free_again", FreeAgain}, {"events.name_of_a_mutex", NameOfMutex},
-        {"events.scope", LocalName},
-    };
-}
 }  // namespace windows_check

@@ -1,5 +1,7 @@
-// The facts as facts.toml has them; facts.cpp is made from it by the build.
+// The facts of facts.toml; the build makes facts.cpp from it.
 #pragma once
+
+#include <windows.h>
 
 #include <string_view>
 #include <vector>
@@ -12,6 +14,7 @@ struct Fact
     const char* group;
     const wchar_t* says;
     std::vector<std::wstring_view> expected;  // each of them is fine
+    DWORD limitMs;                            // a check may take so long
 };
 
 const std::vector<Fact>& AllFacts();

@@ -30,11 +30,13 @@ std::wstring Search(const std::wstring& pattern)
     return code;
 }
 
-std::wstring Product(bool (*ask)(const std::wstring&), const std::wstring& path)
+// The answer of one of the tool's own functions, or the code of its exception.
+template <typename Ask, typename... Paths>
+std::wstring Product(Ask ask, const Paths&... paths)
 {
     try
     {
-        return YesNo(ask(path));
+        return YesNo(ask(paths...));
     }
     catch (const std::filesystem::filesystem_error& error)
     {
@@ -42,79 +44,84 @@ std::wstring Product(bool (*ask)(const std::wstring&), const std::wstring& path)
     }
 }
 
-Seen CreateCodes()
+// A folder with the file "plain" in it.
+std::wstring FolderWithFile()
 {
     const std::wstring folder = MakeFolder(L"codes");
-    const std::wstring file = WriteBytes(folder + L"\\file", "x");
-    std::wstring seen = Code(CreateDirectoryW(folder.c_str(), nullptr) != 0);
-    seen += L" " + Code(CreateDirectoryW(file.c_str(), nullptr) != 0);
-    seen += L" " + Code(CreateDirectoryW((folder + L"\\none\\x").c_str(), nullptr) != 0);
-    seen += L" " + Code(CreateDirectoryW((file + L"\\x").c_str(), nullptr) != 0);
-    seen += L" " + Code(CreateDirectoryW((folder + L"\\a<b").c_str(), nullptr) != 0);
-    return Saw(seen);
+    WriteBytes(folder + L"\\plain", "x");
+    return folder;
 }
 
-Seen DeleteCodes()
+FACT(folders, create_codes)
 {
-    const std::wstring folder = MakeFolder(L"codes");
+    const std::wstring folder = FolderWithFile();
+    std::vector<std::wstring> seen;
+    for (const wchar_t* path : {L"", L"\\plain", L"\\none\\x", L"\\plain\\x", L"\\a<b"})
+    {
+        seen.push_back(Code(CreateDirectoryW((folder + path).c_str(), nullptr) != 0));
+    }
+    return Saw(Joined(seen));
+}
+
+FACT(folders, delete_codes)
+{
+    const std::wstring folder = FolderWithFile();
+    const std::wstring file = folder + L"\\plain";
     std::wstring seen = Code(DeleteFileW((folder + L"\\missing").c_str()) != 0);
     seen += L" " + Code(DeleteFileW((folder + L"\\missing\\x").c_str()) != 0);
-    const std::wstring readOnly = WriteBytes(folder + L"\\read-only", "x");
-    SetFileAttributesW(readOnly.c_str(), FILE_ATTRIBUTE_READONLY);
-    seen += L" " + Code(DeleteFileW(readOnly.c_str()) != 0);
-    SetFileAttributesW(readOnly.c_str(), FILE_ATTRIBUTE_NORMAL);
-    const HANDLE held = CreateFileW(readOnly.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    seen += L" " + Code(DeleteFileW(readOnly.c_str()) != 0);
-    CloseHandle(held);
+    SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_READONLY);
+    seen += L" " + Code(DeleteFileW(file.c_str()) != 0);
+    SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
+    const repair::FileHandle held = Hold(file, GENERIC_READ, 0);
+    seen += L" " + Code(DeleteFileW(file.c_str()) != 0);
     seen += L" " + Code(DeleteFileW(folder.c_str()) != 0);
     return Saw(seen);
 }
 
-Seen RemoveFolderCodes()
+FACT(folders, remove_codes)
 {
-    const std::wstring folder = MakeFolder(L"codes");
-    const std::wstring file = WriteBytes(folder + L"\\in the way", "x");
-    std::wstring seen = Code(RemoveDirectoryW(folder.c_str()) != 0);
-    seen += L" " + Code(RemoveDirectoryW(file.c_str()) != 0);
-    seen += L" " + Code(RemoveDirectoryW((folder + L"\\missing").c_str()) != 0);
-    return Saw(seen);
-}
-
-Seen AttributeCodes()
-{
-    const std::wstring folder = MakeFolder(L"codes");
-    const std::wstring file = WriteBytes(folder + L"\\plain", "x");
-    return Saw(Attributes(folder + L"\\missing") + L" " + Attributes(folder + L"\\missing\\x") + L" " +
-               Attributes(file + L"\\x") + L" " + Attributes(folder + L"\\a<b"));
-}
-
-Seen ExistsOddNames()
-{
-    const std::wstring folder = MakeFolder(L"codes");
-    const std::wstring file = WriteBytes(folder + L"\\plain", "x");
-    std::wstring seen;
-    for (const std::wstring& path : {folder + L"\\missing", folder + L"\\missing\\x", file + L"\\x", folder + L"\\a<b",
-                                     folder + L"\\a*b", file + L"\\", std::wstring(L"")})
+    const std::wstring folder = FolderWithFile();
+    std::vector<std::wstring> seen;
+    for (const wchar_t* path : {L"", L"\\plain", L"\\missing"})
     {
-        seen += (seen.empty() ? L"" : L" ") + Product(repair::Exists, path);
+        seen.push_back(Code(RemoveDirectoryW((folder + path).c_str()) != 0));
     }
-    return Saw(seen);
+    return Saw(Joined(seen));
 }
 
-Seen ExistsOtherSpellings()
+FACT(folders, attribute_codes)
+{
+    const std::wstring folder = FolderWithFile();
+    return Saw(Joined({Attributes(folder + L"\\missing"), Attributes(folder + L"\\missing\\x"),
+                       Attributes(folder + L"\\plain\\x"), Attributes(folder + L"\\a<b")}));
+}
+
+FACT(folders, exists_odd_names)
+{
+    const std::wstring folder = FolderWithFile();
+    std::vector<std::wstring> seen;
+    for (const wchar_t* path : {L"\\missing", L"\\missing\\x", L"\\plain\\x", L"\\a<b", L"\\a*b", L"\\plain\\"})
+    {
+        seen.push_back(Product(repair::Exists, folder + path));
+    }
+    seen.push_back(Product(repair::Exists, std::wstring()));
+    return Saw(Joined(seen));
+}
+
+FACT(folders, exists_spellings)
 {
     const std::wstring folder = MakeFolder(L"codes");
     WriteBytes(folder + L"\\Plain.txt", "x");
-    std::wstring seen;
+    std::vector<std::wstring> seen;
     for (const wchar_t* name : {L"\\PLAIN.TXT", L"/plain.txt", L"\\.\\Plain.txt", L"\\Plain.txt.", L"\\Plain.txt "})
     {
-        seen += (seen.empty() ? L"" : L" ") + Product(repair::Exists, folder + name);
+        seen.push_back(Product(repair::Exists, folder + name));
     }
-    return Saw(seen);
+    return Saw(Joined(seen));
 }
 
-// Windows keeps these open for itself; their attributes cannot be asked for.
-Seen ExistsSystemFile()
+// Windows keeps these open for itself; their attributes cannot be read.
+FACT(folders, exists_system_file)
 {
     for (const wchar_t* name : {L"pagefile.sys", L"swapfile.sys", L"hiberfil.sys"})
     {
@@ -124,101 +131,79 @@ Seen ExistsSystemFile()
             return Saw(Product(repair::Exists, path), std::wstring(name) + L", attributes: " + Attributes(path));
         }
     }
-    return DoesNotApply(L"the system drive has no page file");
+    throw NotApplicable{L"the system drive has no page file"};
 }
 
-Seen SearchCodes()
+FACT(folders, search_codes)
 {
-    const std::wstring folder = MakeFolder(L"codes");
-    const std::wstring file = WriteBytes(folder + L"\\plain", "x");
-    return Saw(Search(folder + L"\\missing\\*") + L" " + Search(file + L"\\*") + L" " + Search(folder + L"\\a<b\\*"));
+    const std::wstring folder = FolderWithFile();
+    return Saw(
+        Joined({Search(folder + L"\\missing\\*"), Search(folder + L"\\plain\\*"), Search(folder + L"\\a<b\\*")}));
 }
 
-Seen SearchBegins()
+// The names that a folder lists, and the code that ends the list.
+std::vector<std::wstring> Names(const std::wstring& folder, DWORD& end)
 {
-    const std::wstring folder = MakeFolder(L"empty");
     WIN32_FIND_DATAW data = {};
+    std::vector<std::wstring> names;
     const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &data);
-    if (search == INVALID_HANDLE_VALUE)
+    for (BOOL isFound = search != INVALID_HANDLE_VALUE; isFound != FALSE; isFound = FindNextFileW(search, &data))
     {
-        return Saw(L"no list: " + Number(GetLastError()));
+        names.emplace_back(data.cFileName);
     }
-    std::wstring seen = data.cFileName;
-    while (FindNextFileW(search, &data) != 0)
-    {
-        seen += std::wstring(L" ") + data.cFileName;
-    }
-    const DWORD error = GetLastError();
+    end = GetLastError();
     FindClose(search);
-    return Saw(seen + L", then " + Number(error));
+    return names;
 }
 
-Seen Order()
+FACT(folders, search_begins)
+{
+    DWORD end = 0;
+    const std::wstring names = Joined(Names(MakeFolder(L"empty"), end));
+    return Saw(names + L", then " + Number(end));
+}
+
+FACT(folders, order)
 {
     const std::wstring folder = MakeFolder(L"order");
     for (const wchar_t* name : {L"b3", L"B1", L"c", L"b20", L"A"})
     {
         CreateDirectoryW((folder + L"\\" + name).c_str(), nullptr);
     }
-    WIN32_FIND_DATAW data = {};
-    const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &data);
-    if (search == INVALID_HANDLE_VALUE)
-    {
-        return Saw(L"no list: " + Number(GetLastError()));
-    }
-    std::wstring seen;
-    do
-    {
-        if (data.cFileName[0] != L'.')
-        {
-            seen += (seen.empty() ? L"" : L" ") + std::wstring(data.cFileName);
-        }
-    } while (FindNextFileW(search, &data) != 0);
-    FindClose(search);
+    DWORD end = 0;
+    std::vector<std::wstring> names = Names(folder, end);
+    std::erase_if(names, [](const std::wstring& name) { return name.starts_with(L"."); });
     wchar_t system[MAX_PATH] = {};
-    GetVolumeInformationW(ThisMachine().folder.substr(0, 3).c_str(), nullptr, 0, nullptr, nullptr, nullptr, system,
+    GetVolumeInformationW(ThisPc().folder.substr(0, 3).c_str(), nullptr, 0, nullptr, nullptr, nullptr, system,
                           MAX_PATH);
-    return Saw(seen, system);
+    return Saw(Joined(names), system);
 }
 
-std::wstring Same(const std::wstring& first, const std::wstring& second)
-{
-    try
-    {
-        return YesNo(repair::SameObject(first, second));
-    }
-    catch (const std::filesystem::filesystem_error& error)
-    {
-        return L"error " + Number(error.code().value());
-    }
-}
-
-Seen SameBySpelling()
+FACT(folders, same_by_spelling)
 {
     const std::wstring folder = MakeFolder(L"Spelling");
-    std::wstring upper = folder;
-    CharUpperBuffW(upper.data(), static_cast<DWORD>(upper.size()));
     std::wstring slashes = folder;
     std::replace(slashes.begin() + 3, slashes.end(), L'\\', L'/');
     wchar_t shortName[MAX_PATH] = {};
     GetShortPathNameW(folder.c_str(), shortName, MAX_PATH);
-    std::wstring seen;
-    for (const std::wstring& other : {upper, slashes, folder + L"\\", folder + L"\\.", folder + L"\\..\\Spelling",
-                                      L"\\\\?\\" + folder, std::wstring(shortName)})
+    std::vector<std::wstring> seen;
+    for (const std::wstring& other : {Lower(folder), slashes, folder + L"\\", folder + L"\\.",
+                                      folder + L"\\..\\Spelling", L"\\\\?\\" + folder, std::wstring(shortName)})
     {
-        seen += (seen.empty() ? L"" : L" ") + Same(folder, other);
+        seen.push_back(Product(repair::SameObject, folder, other));
     }
-    return Saw(seen);
+    return Saw(Joined(seen));
 }
 
-Seen SameOfOthers()
+FACT(folders, same_of_others)
 {
     const std::wstring folder = MakeFolder(L"Spelling");
-    return Saw(Same(folder, ThisMachine().folder) + L" " + Same(folder, folder + L"\\missing") + L" " +
-               Same(folder, L""));
+    return Saw(Joined({Product(repair::SameObject, folder, ThisPc().folder),
+                       Product(repair::SameObject, folder, folder + L"\\missing"),
+                       Product(repair::SameObject, folder, std::wstring())}));
 }
 
-Seen LongPath()
+FACT(folders, long_path)
 {
     const std::wstring folder = MakeFolder(L"long");
     const std::wstring deep = folder + L"\\" + std::wstring(120, L'x') + L"\\" + std::wstring(120, L'y');
@@ -228,12 +213,12 @@ Seen LongPath()
     {
         return Saw(L"the folder could not be made: " + Number(GetLastError()));
     }
-    return Saw(
-        L"made: " + Code(CreateDirectoryW((deep + L"\\z").c_str(), nullptr) != 0) + L", looked at: " + Attributes(deep),
-        Number(static_cast<long long>(deep.size())) + L" characters");
+    return Saw(L"made: " + Code(CreateDirectoryW((deep + L"\\z").c_str(), nullptr) != 0) + L", attributes: " +
+                   Attributes(deep),
+               Number(deep.size()) + L" characters");
 }
 
-Seen TemporaryFolder()
+FACT(folders, temporary)
 {
     wchar_t path[MAX_PATH + 1] = {};
     const DWORD length = GetTempPathW(MAX_PATH + 1, path);
@@ -242,7 +227,7 @@ Seen TemporaryFolder()
     return Saw(isWhole ? L"with a backslash at the end" : Quoted(folder) + L" " + Number(length));
 }
 
-Seen TemporaryFolderOfEnvironment()
+FACT(folders, temporary_of_environment)
 {
     wchar_t before[MAX_PATH + 1] = {};
     GetEnvironmentVariableW(L"TMP", before, MAX_PATH + 1);
@@ -254,7 +239,7 @@ Seen TemporaryFolderOfEnvironment()
     return Saw(path == folder + L"\\" ? L"TMP" : L"elsewhere", path);
 }
 
-Seen WindowsFolder()
+FACT(folders, windows)
 {
     wchar_t own[MAX_PATH] = {};
     wchar_t shared[MAX_PATH] = {};
@@ -268,7 +253,7 @@ Seen WindowsFolder()
                folder);
 }
 
-Seen ProgramFiles()
+FACT(folders, program_files)
 {
     wchar_t folder[MAX_PATH] = {};
     const BOOL isKnown = SHGetSpecialFolderPathW(nullptr, folder, CSIDL_PROGRAM_FILES, FALSE);
@@ -278,7 +263,7 @@ Seen ProgramFiles()
                                                                     : Quoted(folder) + L" " + Quoted(variable));
 }
 
-Seen LogFolder()
+FACT(folders, log_below_program_files)
 {
     const std::wstring folder = repair::GetLogFolder();
     wchar_t programs[MAX_PATH] = {};
@@ -287,28 +272,4 @@ Seen LogFolder()
     return Saw(YesNo(folder.compare(0, beside.size(), beside) == 0), folder);
 }
 }  // namespace
-
-std::vector<Check> FolderChecks()
-{
-    return {
-        {"folders.create_codes", CreateCodes},
-        {"folders.delete_codes", DeleteCodes},
-        {"folders.remove_codes", RemoveFolderCodes},
-        {"folders.attribute_codes", AttributeCodes},
-        {"folders.exists_odd_names", ExistsOddNames},
-        {"folders.exists_spellings", ExistsOtherSpellings},
-        {"folders.exists_system_file", ExistsSystemFile},
-        {"folders.search_codes", SearchCodes},
-        {"folders.search_begins", SearchBegins},
-        {"folders.order", Order},
-        {"folders.same_by_spelling", SameBySpelling},
-        {"folders.same_of_others", SameOfOthers},
-        {"folders.long_path", LongPath},
-        {"folders.temporary", TemporaryFolder},
-        {"folders.temporary_of_environment", TemporaryFolderOfEnvironment},
-        {"folders.windows", WindowsFolder},
-        {"folders.program_files", ProgramFiles},
-        {"folders.log_below_program_files", LogFolder},
-    };
-}
 }  // namespace windows_check

@@ -82,7 +82,7 @@ std::wstring Lines(const std::wstring& path, const wchar_t* section)
     return seen;
 }
 
-Seen CompactForm()
+FACT(infs, compact_form)
 {
     return Saw(Lines(Write(L"compact.inf", kVersion + "[A]\r\n"
                                                       "HKR , , ReleaseVersion , , 24.20 ; comment\r\n"
@@ -93,33 +93,24 @@ Seen CompactForm()
                      L"A"));
 }
 
-Seen Continued()
-{
-    return Saw(Lines(Write(L"continued.inf", kVersion + "[A]\r\nHKR,,ReleaseVersion,,\\\r\n  24.20\r\n"), L"A"));
-}
+SHORT_FACT(infs, continued,
+           Saw(Lines(Write(L"continued.inf", kVersion + "[A]\r\nHKR,,ReleaseVersion,,\\\r\n  24.20\r\n"), L"A")))
 
-Seen Substitution()
-{
-    return Saw(Lines(
-        Write(
-            L"strings.inf",
-            kVersion + "[A]\r\nHKR,,X,,%VALUE%\r\nHKR,,Y,,%NONE%\r\nHKR,,Z,,%%\r\n[Strings]\r\nVALUE = \"24.20\"\r\n"),
-        L"A"));
-}
+SHORT_FACT(
+    infs, substitution,
+    Saw(Lines(Write(L"strings.inf",
+                    kVersion +
+                        "[A]\r\nHKR,,X,,%VALUE%\r\nHKR,,Y,,%NONE%\r\nHKR,,Z,,%%\r\n[Strings]\r\nVALUE = \"24.20\"\r\n"),
+              L"A")))
 
-Seen QuotedComma()
-{
-    return Saw(Lines(Write(L"comma.inf", kVersion + "[A]\r\nHKR,,X,,\"24.20, q\"\r\n"), L"A"));
-}
-
-Seen SectionNames()
+FACT(infs, section_names)
 {
     const std::wstring path =
         Write(L"names.inf", kVersion + "[Abc]\r\none\r\n[def] ; comment\r\nthree\r\n[ABC]\r\ntwo\r\n");
     return Saw(Lines(path, L"aBC") + L" " + Lines(path, L"def") + L" " + Lines(path, L"none"));
 }
 
-Seen LongLine()
+FACT(infs, long_line)
 {
     // Several fields, each of them short enough.
     std::string line = "HKR,,X,,";
@@ -131,7 +122,7 @@ Seen LongLine()
 }
 
 // The longest text that has room, and one character more.
-Seen LongestLine()
+FACT(infs, longest_line)
 {
     std::wstring seen;
     for (const int more : {0, 1})
@@ -151,15 +142,7 @@ Seen LongestLine()
     return Saw(seen);
 }
 
-Seen LongField()
-{
-    const std::string line = "HKR,,X,," + std::string(600, 'x');
-    const std::wstring text = Lines(Write(L"field.inf", kVersion + "[A]\r\n" + line + "\r\n"), L"A");
-    return Saw(text.starts_with(L"[HKR,,X,,x") ? Number(static_cast<long long>(text.size()) - 10) + L" characters"
-                                               : text);
-}
-
-Seen OpenCodes()
+FACT(infs, open_codes)
 {
     const std::wstring folder = MakeFolder(L"infs");
     return Saw(OpenCode(folder + L"\\missing.inf") + L" " + OpenCode(folder + L"\\missing\\x.inf") + L" " +
@@ -170,21 +153,17 @@ Seen OpenCodes()
                OpenCode(Write(L"chicago.inf", "[Version]\r\nSignature=\"$CHICAGO$\"\r\n")));
 }
 
-Seen OpenLocked()
+FACT(infs, open_locked)
 {
     const std::wstring path = Write(L"locked.inf", kVersion);
-    const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    const repair::FileHandle file = Hold(path, GENERIC_READ, 0);
     const std::wstring seen = OpenCode(path);
-    CloseHandle(file);
     return Saw(seen);
 }
 
-Seen EndMark()
-{
-    return Saw(Lines(Write(L"mark.inf", kVersion + "[A]\r\none\r\n\x1A\r\ntwo\r\n"), L"A"));
-}
+SHORT_FACT(infs, end_mark, Saw(Lines(Write(L"mark.inf", kVersion + "[A]\r\none\r\n\x1A\r\ntwo\r\n"), L"A")))
 
-Seen Utf16()
+FACT(infs, utf16)
 {
     std::string bytes = "\xFF\xFE";
     for (const char c : kVersion + "[A]\r\none\r\n")
@@ -196,7 +175,7 @@ Seen Utf16()
 }
 
 // The tool's own reader on a whole file.
-Seen Release()
+FACT(infs, release)
 {
     const std::wstring path = Write(L"release.inf", kVersion +
                                                         "[A]\r\nHKR,,ReleaseVersion,,%RELEASE%\r\n"
@@ -206,7 +185,7 @@ Seen Release()
 }
 
 // A file that every Windows brings along: its signature line.
-Seen InfOfWindows()
+FACT(infs, of_windows)
 {
     wchar_t folder[MAX_PATH] = {};
     GetWindowsDirectoryW(folder, MAX_PATH);
@@ -223,22 +202,10 @@ Seen InfOfWindows()
             {
                 text = LineText(line);
             }
-            CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
-            return Saw(text, path);
+            return Saw(Lower(text), path);
         }
     }
-    return DoesNotApply(L"none of the INF files that come with Windows is here");
+    throw NotApplicable{L"none of the INF files that come with Windows is here"};
 }
 }  // namespace
-
-std::vector<Check> InfChecks()
-{
-    return {
-        {"infs.compact_form", CompactForm}, {"infs.continued", Continued},        {"infs.substitution", Substitution},
-        {"infs.quoted_comma", QuotedComma}, {"infs.section_names", SectionNames}, {"infs.long_line", LongLine},
-        {"infs.longest_line", LongestLine}, {"infs.long_field", LongField},       {"infs.open_codes", OpenCodes},
-        {"infs.open_locked", OpenLocked},   {"infs.end_mark", EndMark},           {"infs.utf16", Utf16},
-        {"infs.release", Release},          {"infs.of_windows", InfOfWindows},
-    };
-}
 }  // namespace windows_check

@@ -9,29 +9,23 @@ namespace windows_check
 {
 namespace
 {
-constexpr wchar_t kNobody[] = L"{7B1E0C52-90A4-4F6B-8C3D-5D1A2E7F4B96}";  // made up; nobody's
+constexpr wchar_t kUnknown[] = L"{7B1E0C52-90A4-4F6B-8C3D-5D1A2E7F4B96}";  // random, so no product has it
 
-Seen NoRelated()
+FACT(installer, no_related)
 {
     wchar_t product[39] = {};
-    return Saw(Number(MsiEnumRelatedProductsW(kNobody, 0, 0, product)));
+    return Saw(Number(MsiEnumRelatedProductsW(kUnknown, 0, 0, product)));
 }
 
-Seen BadCode()
-{
-    wchar_t product[39] = {};
-    return Saw(Number(MsiEnumRelatedProductsW(L"none", 0, 0, product)));
-}
-
-Seen UnknownProduct()
+FACT(installer, unknown_product)
 {
     wchar_t package[MAX_PATH] = {};
     DWORD length = MAX_PATH;
-    return Saw(Number(MsiGetProductInfoW(kNobody, INSTALLPROPERTY_LOCALPACKAGE, package, &length)));
+    return Saw(Number(MsiGetProductInfoW(kUnknown, INSTALLPROPERTY_LOCALPACKAGE, package, &length)));
 }
 
 // The tool's products are not here; any other one has a package in the cache as well.
-Seen LocalPackage()
+FACT(installer, local_package)
 {
     std::wstring refused;
     for (DWORD index = 0;; ++index)
@@ -39,7 +33,8 @@ Seen LocalPackage()
         wchar_t product[39] = {};
         if (MsiEnumProductsW(index, product) != ERROR_SUCCESS)
         {
-            return refused.empty() ? DoesNotApply(L"nothing was installed by Windows Installer here") : Saw(refused);
+            Need(!refused.empty(), L"nothing was installed by Windows Installer here");
+            return Saw(refused);
         }
         wchar_t package[MAX_PATH] = {};
         DWORD length = MAX_PATH;
@@ -56,28 +51,15 @@ Seen LocalPackage()
     }
 }
 
-Seen SmallBuffer()
-{
-    wchar_t product[39] = {};
-    if (MsiEnumProductsW(0, product) != ERROR_SUCCESS)
-    {
-        return DoesNotApply(L"nothing was installed by Windows Installer here");
-    }
-    wchar_t value[2] = {};
-    DWORD length = 1;
-    const UINT result = MsiGetProductInfoW(product, INSTALLPROPERTY_VERSIONSTRING, value, &length);
-    return Saw(Number(result));
-}
-
-Seen NoInterface()
+FACT(installer, no_interface)
 {
     // Of this process only, and put back.
     const INSTALLUILEVEL before = MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
     const INSTALLUILEVEL then = MsiSetInternalUI(before, nullptr);
-    return Saw(then == INSTALLUILEVEL_NONE ? L"none" : Number(then));
+    return Saw(then == INSTALLUILEVEL_NONE ? L"none" : std::to_wstring(then));
 }
 
-Seen ServiceIsThere()
+FACT(installer, service)
 {
     const SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
     const SC_HANDLE service = OpenServiceW(manager, L"msiserver", SERVICE_QUERY_CONFIG);
@@ -101,17 +83,4 @@ Seen ServiceIsThere()
     return Saw(seen);
 }
 }  // namespace
-
-std::vector<Check> InstallerChecks()
-{
-    return {
-        {"installer.no_related", NoRelated, 60'000},
-        {"installer.bad_code", BadCode, 60'000},
-        {"installer.unknown_product", UnknownProduct, 60'000},
-        {"installer.local_package", LocalPackage, 60'000},
-        {"installer.small_buffer", SmallBuffer, 60'000},
-        {"installer.no_interface", NoInterface, 60'000},
-        {"installer.service", ServiceIsThere},
-    };
-}
 }  // namespace windows_check

@@ -9,9 +9,8 @@
 
 #include "base/library.h"
 #include "windows_check/check.h"
-#include "windows_check/modules.h"
 #include "windows_check/own_things.h"
-#include "windows_check/probes.h"
+#include "windows_check/probe.h"
 #include "windows_check/words.h"
 
 namespace windows_check
@@ -45,12 +44,6 @@ constexpr const wchar_t* kImported[] = {L"advapi32.dll", L"gdi32.dll",   L"kerne
 constexpr const wchar_t* kDelayed[] = {L"msi.dll", L"setupapi.dll", L"wininet.dll", L"wtsapi32.dll"};
 constexpr wchar_t kKnownKey[] = L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\KnownDLLs";
 
-std::wstring Lower(std::wstring text)
-{
-    CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
-    return text;
-}
-
 std::wstring FolderOf(const std::wstring& path)
 {
     return Lower(path.substr(0, path.rfind(L'\\')));
@@ -79,14 +72,9 @@ std::wstring Place(const std::wstring& path, const std::wstring& program)
     return folder == FolderOf(program) ? L"program's folder" : folder;
 }
 
-std::wstring Listed(const std::set<std::wstring>& names, const wchar_t* none)
+std::wstring Listed(const std::set<std::wstring>& names, const wchar_t* none = L"none")
 {
-    std::wstring text;
-    for (const std::wstring& name : names)
-    {
-        text += (text.empty() ? L"" : L" ") + name;
-    }
-    return text.empty() ? none : text;
+    return names.empty() ? none : Joined({names.begin(), names.end()});
 }
 
 std::set<std::wstring> KnownByRegistry()
@@ -176,18 +164,11 @@ Seen KnownDlls(const std::set<std::wstring>& known)
             missing.insert(name);
         }
     }
-    return Saw(missing.empty() ? L"all" : L"not " + Listed(missing, L""), Listed(known, L"none"));
+    return Saw(missing.empty() ? L"all" : L"not " + Listed(missing), Listed(known));
 }
 
-Seen ImportsAreKnown()
-{
-    return KnownDlls(KnownToLoader());
-}
-
-Seen ImportsAreInRegistry()
-{
-    return KnownDlls(KnownByRegistry());
-}
+SHORT_FACT(libraries, imports_are_known, KnownDlls(KnownToLoader()))
+SHORT_FACT(libraries, imports_in_registry, KnownDlls(KnownByRegistry()))
 
 Seen DelayedAreAbsent(const std::vector<std::wstring>& modules)
 {
@@ -204,28 +185,20 @@ Seen DelayedAreAbsent(const std::vector<std::wstring>& modules)
             }
         }
     }
-    return Saw(Listed(present, L"none"), all);
+    return Saw(Listed(present), all);
 }
 
-Seen DelayedAtStart()
-{
-    return DelayedAreAbsent(ThisMachine().modulesFirst);
-}
+SHORT_FACT(libraries, delayed_at_start, DelayedAreAbsent(ThisPc().modulesFirst))
+SHORT_FACT(libraries, delayed_after_restriction, DelayedAreAbsent(ThisPc().modulesThen))
 
-Seen DelayedAfterRestriction()
-{
-    return DelayedAreAbsent(ThisMachine().modulesThen);
-}
-
-// Programs that watch others (virus scanners) bring DLLs of their own from elsewhere; those are no business of the
-// tool.
-Seen NoneFromOwnFolder()
+// Virus scanners load DLLs of their own from other folders; these are listed in the detail only.
+FACT(libraries, own_folder_at_start)
 {
     std::set<std::wstring> own;
     std::set<std::wstring> elsewhere;
-    for (const std::wstring& path : ThisMachine().modulesFirst)
+    for (const std::wstring& path : ThisPc().modulesFirst)
     {
-        const std::wstring place = Place(path, ThisMachine().program);
+        const std::wstring place = Place(path, ThisPc().program);
         if (place == L"program's folder")
         {
             own.insert(NameOfFile(path));
@@ -235,7 +208,7 @@ Seen NoneFromOwnFolder()
             elsewhere.insert(Lower(path));
         }
     }
-    return Saw(Listed(own, L"none"), L"from other folders: " + Listed(elsewhere, L"none"));
+    return Saw(Listed(own), L"from other folders: " + Listed(elsewhere));
 }
 
 // A copy of the program in a folder of its own, with a copy of wtsapi32.dll beside it.
@@ -245,7 +218,7 @@ Answer AskCopy(const wchar_t* how)
     const std::wstring program = folder + L"\\TavikWindowsCheckCopy.exe";
     wchar_t system[MAX_PATH] = {};
     GetSystemDirectoryW(system, MAX_PATH);
-    if (CopyFileW(ThisMachine().program.c_str(), program.c_str(), FALSE) == 0 ||
+    if (CopyFileW(ThisPc().program.c_str(), program.c_str(), FALSE) == 0 ||
         CopyFileW((std::wstring(system) + L"\\wtsapi32.dll").c_str(), (folder + L"\\wtsapi32.dll").c_str(), FALSE) == 0)
     {
         Answer none;
@@ -255,27 +228,17 @@ Answer AskCopy(const wchar_t* how)
     return Ask(program, L"library", how, folder);
 }
 
-Seen PlantedCopyIsPassedOver()
+Seen PlaceOfLibrary(const wchar_t* how)
 {
-    if (!ThisMachine().isFolderOurs)
-    {
-        return DoesNotApply(kFolderIsOpen);
-    }
-    const Answer answer = AskCopy(L"restricted");
+    Need(ThisPc().isFolderOurs, kFolderIsOpen);
+    const Answer answer = AskCopy(how);
     return Saw(answer[L"place"], answer[L"path"]);
 }
 
-Seen PlantedCopyWouldBeTaken()
-{
-    if (!ThisMachine().isFolderOurs)
-    {
-        return DoesNotApply(kFolderIsOpen);
-    }
-    const Answer answer = AskCopy(L"free");
-    return Saw(answer[L"place"], answer[L"path"]);
-}
+SHORT_FACT(libraries, planted_copy, PlaceOfLibrary(L"restricted"))
+SHORT_FACT(libraries, planted_copy_control, PlaceOfLibrary(L"free"))
 
-Seen RestrictionSucceeds()
+FACT(libraries, restriction)
 {
     // Once more in this process, which has done it already.
     return Saw(Code(SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32) != 0));
@@ -284,34 +247,28 @@ Seen RestrictionSucceeds()
 std::wstring Missing(const wchar_t* library, const std::vector<const char*>& names)
 {
     const HMODULE module = LoadLibraryExW(library, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-    std::wstring missing;
+    std::vector<std::wstring> missing;
     for (const char* name : names)
     {
         if (GetProcAddress(module, name) == nullptr)
         {
-            missing += (missing.empty() ? L"not " : L" ") + Widened(name);
+            missing.push_back(Widened(name));
         }
     }
-    return missing.empty() ? L"all" : missing;
+    return missing.empty() ? L"all" : L"not " + Joined(missing);
 }
 
-Seen CombaseFunctions()
-{
-    return Saw(Missing(L"combase.dll", {"RoGetActivationFactory", "CoIncrementMTAUsage", "WindowsCreateString",
-                                        "WindowsDuplicateString", "WindowsDeleteString", "WindowsGetStringRawBuffer"}));
-}
+SHORT_FACT(libraries, combase_functions,
+           Saw(Missing(L"combase.dll", {"RoGetActivationFactory", "CoIncrementMTAUsage", "WindowsCreateString",
+                                        "WindowsDuplicateString", "WindowsDeleteString", "WindowsGetStringRawBuffer"})))
 
-Seen AutomationFunctions()
-{
-    return Saw(Missing(L"oleaut32.dll", {"GetErrorInfo", "SysFreeString", "SysStringLen"}));
-}
+SHORT_FACT(libraries, automation_functions,
+           Saw(Missing(L"oleaut32.dll", {"GetErrorInfo", "SysFreeString", "SysStringLen"})))
 
-Seen DpiFunctions()
-{
-    return Saw(Missing(L"user32.dll", {"SetThreadDpiAwarenessContext", "SetThreadDpiHostingBehavior"}));
-}
+SHORT_FACT(libraries, dpi_functions,
+           Saw(Missing(L"user32.dll", {"SetThreadDpiAwarenessContext", "SetThreadDpiHostingBehavior"})))
 
-Seen DelayedFunctions()
+FACT(libraries, delayed_functions)
 {
     std::wstring seen;
     const std::pair<const wchar_t*, std::vector<const char*>> wanted[] = {
@@ -328,9 +285,7 @@ Seen DelayedFunctions()
     }
     return Saw(seen.empty() ? L"all" : seen);
 }
-}  // namespace
-
-int LibraryProbe(int count, wchar_t** arguments)
+PROBE(library)
 {
     if (count > 0 && std::wstring(arguments[0]) == L"restricted")
     {
@@ -350,22 +305,5 @@ int LibraryProbe(int count, wchar_t** arguments)
     Tell(L"place", Place(path, program));
     return 0;
 }
-
-std::vector<Check> LibraryChecks()
-{
-    return {
-        {"libraries.imports_are_known", ImportsAreKnown},
-        {"libraries.imports_in_registry", ImportsAreInRegistry},
-        {"libraries.delayed_at_start", DelayedAtStart},
-        {"libraries.delayed_after_restriction", DelayedAfterRestriction},
-        {"libraries.own_folder_at_start", NoneFromOwnFolder},
-        {"libraries.restriction", RestrictionSucceeds},
-        {"libraries.planted_copy", PlantedCopyIsPassedOver},
-        {"libraries.planted_copy_control", PlantedCopyWouldBeTaken},
-        {"libraries.combase_functions", CombaseFunctions},
-        {"libraries.automation_functions", AutomationFunctions},
-        {"libraries.dpi_functions", DpiFunctions},
-        {"libraries.delayed_functions", DelayedFunctions},
-    };
-}
+}  // namespace
 }  // namespace windows_check

@@ -1,4 +1,4 @@
-// A web server on this machine's own loopback address, for one answer. Nothing of it leaves the machine.
+// A web server on this PC's own loopback address, with one answer for each connection. Nothing leaves the PC.
 #pragma once
 
 #include <winsock2.h>

@@ -1,5 +1,5 @@
-// Looks on this machine whether Windows behaves as the product relies on it. Changes nothing: what it makes for itself
-// (one temporary folder, one volatile registry key) is removed at the end.
+// Checks whether Windows behaves on this PC as the product relies on it. Changes nothing: what it makes for itself (one
+// temporary folder, one volatile registry key) is removed at the end.
 //
 //   TavikWindowsCheck.exe [--json FILE] [--only ID-or-GROUP]... [--limit SECONDS]
 //
@@ -14,7 +14,6 @@
 
 #include "base/library.h"
 #include "windows_check/check.h"
-#include "windows_check/modules.h"
 #include "windows_check/own_things.h"
 #include "windows_check/probe.h"
 #include "windows_check/report.h"
@@ -35,7 +34,7 @@ void Print(const std::string& text)
     WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
 }
 
-// Ctrl+C and a closed console: what was made is removed all the same, and the console is as before.
+// On Ctrl+C and a closed console: removes what was made and restores the console.
 BOOL WINAPI RemoveAndEnd(DWORD)
 {
     RemoveOwnThings();
@@ -45,16 +44,8 @@ BOOL WINAPI RemoveAndEnd(DWORD)
 
 bool IsElevated()
 {
-    HANDLE token = nullptr;
-    TOKEN_ELEVATION elevation = {};
-    DWORD size = 0;
-    const bool isKnown = OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token) != 0 &&
-                         GetTokenInformation(token, TokenElevation, &elevation, sizeof(elevation), &size) != 0;
-    if (token != nullptr)
-    {
-        CloseHandle(token);
-    }
-    return isKnown && elevation.TokenIsElevated != 0;
+    const std::vector<BYTE> elevation = TokenInformation(TokenElevation);
+    return !elevation.empty() && reinterpret_cast<const TOKEN_ELEVATION*>(elevation.data())->TokenIsElevated != 0;
 }
 
 bool HasVisibleDesktop()
@@ -64,40 +55,38 @@ bool HasVisibleDesktop()
            (flags.dwFlags & WSF_VISIBLE) != 0;
 }
 
-void LookAtMachine()
+void DescribePc()
 {
-    Machine& machine = ThisMachine();
+    Pc& pc = ThisPc();
     wchar_t program[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, program, MAX_PATH);
-    machine.program = program;
+    pc.program = program;
     const HMODULE system = GetModuleHandleW(L"ntdll.dll");
     if (auto* const version = repair::LookUpFunction<LONG(WINAPI*)(OSVERSIONINFOW*)>(system, "RtlGetVersion"))
     {
         OSVERSIONINFOW found = {};
         found.dwOSVersionInfoSize = sizeof(found);
         version(&found);
-        machine.version =
+        pc.version =
             Number(found.dwMajorVersion) + L"." + Number(found.dwMinorVersion) + L"." + Number(found.dwBuildNumber);
     }
     if (auto* const wine = repair::LookUpFunction<const char*(CDECL*)()>(system, "wine_get_version"))
     {
-        machine.wine = wine();
+        pc.wine = wine();
     }
-    ProcessIdToSessionId(GetCurrentProcessId(), &machine.session);
-    machine.isElevated = IsElevated();
-    machine.isInteractive = HasVisibleDesktop();
+    ProcessIdToSessionId(GetCurrentProcessId(), &pc.session);
+    pc.isElevated = IsElevated();
+    pc.isInteractive = HasVisibleDesktop();
 }
 
 std::string Opening()
 {
-    const Machine& machine = ThisMachine();
-    const std::wstring system = L"Windows " + machine.version +
-                                (machine.wine.empty() ? L"" : L" played by Wine " + Widened(machine.wine)) +
-                                L", session " + Number(machine.session) +
-                                (machine.isElevated ? L", as administrator" : L", not as administrator");
+    const Pc& pc = ThisPc();
+    const std::wstring system =
+        L"Windows " + pc.version + (pc.wine.empty() ? L"" : L" under Wine " + Widened(pc.wine)) + L", session " +
+        Number(pc.session) + (pc.isElevated ? L", as administrator" : L", not as administrator");
     return Utf8(system + L"\n" +
-                (machine.isElevated ? L"" : L"Some facts need an administrator and are skipped; they say so.\n") +
-                L"\n");
+                (pc.isElevated ? L"" : L"Some facts need an administrator and are skipped; they say so.\n") + L"\n");
 }
 
 bool WriteJson(const std::wstring& path, const std::string& json)
@@ -111,16 +100,16 @@ bool WriteJson(const std::wstring& path, const std::string& json)
     return std::fclose(file) == 0 && isWritten;
 }
 
-struct Wishes
+struct Options
 {
     std::wstring jsonPath;
     std::vector<std::wstring> only;
     DWORD longestMs = INFINITE;
 };
 
-int RunAll(const Wishes& wishes)
+int RunAll(const Options& options)
 {
-    LookAtMachine();
+    DescribePc();
     SetConsoleCtrlHandler(RemoveAndEnd, TRUE);
     if (!MakeOwnThings())
     {
@@ -130,7 +119,7 @@ int RunAll(const Wishes& wishes)
     }
     Print(Opening());
     std::wstring complaint;
-    const std::vector<Finding> findings = RunChecks(wishes.only, wishes.longestMs, complaint);
+    const std::vector<Finding> findings = RunChecks(options.only, options.longestMs, complaint);
     const bool isClean = RemoveOwnThings();
     if (findings.empty())
     {
@@ -141,15 +130,15 @@ int RunAll(const Wishes& wishes)
     Print(Table(findings));
     Print("\n" + std::to_string(Count(findings, Verdict::kOk)) + " ok, " + std::to_string(different) + " differ, " +
           std::to_string(Count(findings, Verdict::kNotApplicable)) + " not applicable\n");
-    if (!wishes.jsonPath.empty() && !WriteJson(wishes.jsonPath, Json(findings)))
+    if (!options.jsonPath.empty() && !WriteJson(options.jsonPath, Json(findings)))
     {
-        Print(Utf8(wishes.jsonPath + L" cannot be written.\n"));
+        Print(Utf8(options.jsonPath + L" cannot be written.\n"));
         return kNotMade;
     }
     if (!isClean)
     {
-        Print(Utf8(L"This could not be removed: " + ThisMachine().folder + L" or the key HKEY_CURRENT_USER\\" +
-                   ThisMachine().key + L"\n"));
+        Print(Utf8(L"This could not be removed: " + ThisPc().folder + L" or the key HKEY_CURRENT_USER\\" +
+                   ThisPc().key + L"\n"));
         return kLeftBehind;
     }
     return different == 0 ? 0 : kDiffers;
@@ -158,31 +147,37 @@ int RunAll(const Wishes& wishes)
 
 int wmain(int count, wchar_t** arguments)
 {
-    ThisMachine().modulesFirst = LoadedModules();  // before anything else has loaded one
+    ThisPc().modulesFirst = LoadedModules();  // before any other DLL is loaded
     if (count >= 3 && std::wstring(arguments[1]) == L"--probe")
     {
-        const Probe probe = FindProbe(arguments[2]);
-        return probe == nullptr ? kNotMade : probe(count - 3, arguments + 3);
+        for (const Probe& probe : AllProbes())
+        {
+            if (std::wstring_view(arguments[2]) == probe.name)
+            {
+                return probe.run(count - 3, arguments + 3);
+            }
+        }
+        return kNotMade;
     }
     // As the tool does first of all.
     SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
-    ThisMachine().modulesThen = LoadedModules();
+    ThisPc().modulesThen = LoadedModules();
 
-    Wishes wishes;
+    Options options;
     for (int i = 1; i < count; ++i)
     {
         const std::wstring argument = arguments[i];
         if (argument == L"--json" && i + 1 < count)
         {
-            wishes.jsonPath = arguments[++i];
+            options.jsonPath = arguments[++i];
         }
         else if (argument == L"--only" && i + 1 < count)
         {
-            wishes.only.emplace_back(arguments[++i]);
+            options.only.emplace_back(arguments[++i]);
         }
         else if (argument == L"--limit" && i + 1 < count)
         {
-            wishes.longestMs = 1000 * std::wcstoul(arguments[++i], nullptr, 10);
+            options.longestMs = 1000 * std::wcstoul(arguments[++i], nullptr, 10);
         }
         else
         {
@@ -191,9 +186,9 @@ int wmain(int count, wchar_t** arguments)
         }
     }
     TakeConsole();
-    const int result = RunAll(wishes);
+    const int result = RunAll(options);
     GiveConsoleBack();
-    // Threads of checks that did not come back must not hold the end up.
+    // Threads of checks that did not come back must not delay the end.
     TerminateProcess(GetCurrentProcess(), static_cast<UINT>(result));
     return result;
 }

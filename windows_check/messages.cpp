@@ -49,40 +49,26 @@ Seen Shapes(std::initializer_list<DWORD> codes)
     return Saw(shared + others, detail);
 }
 
-Seen Common()
-{
-    return Shapes({0, 2, 3, 5, 6, 32, 87, 112, 122, 183});
-}
+SHORT_FACT(messages, common, Shapes({0, 2, 3, 5, 6, 32, 87, 112, 122, 183}))
 
-Seen Cancelled()
-{
-    return Shapes({ERROR_CANCELLED, ERROR_NO_ASSOCIATION, ERROR_FILE_INVALID, ERROR_SHARING_BUFFER_EXCEEDED});
-}
+SHORT_FACT(messages, further,
+           Shapes({ERROR_CANCELLED, ERROR_NO_ASSOCIATION, ERROR_FILE_INVALID, ERROR_SHARING_BUFFER_EXCEEDED}))
 
-Seen OfInstaller()
-{
-    return Shapes({1602, 1603, 1605, 1612, 1618, 1619, 1620, 1625, 1641, 3010});
-}
+SHORT_FACT(messages, installer, Shapes({1602, 1603, 1605, 1612, 1618, 1619, 1620, 1625, 1641, 3010}))
+SHORT_FACT(messages, internet, Shapes({12002, 12007, 12029, 12030, 12031, 12152, 12175}))
 
-Seen OfInternet()
-{
-    return Shapes({12002, 12007, 12029, 12030, 12031, 12152, 12175});
-}
-
-Seen Insert()
+FACT(messages, insert)
 {
     const std::wstring text = repair::FormatSystemMessage(ERROR_BAD_EXE_FORMAT);
     return Saw(text.find(L"%1") != std::wstring::npos ? L"kept as %1" : Quoted(text), Quoted(text));
 }
 
-Seen OfResult()
-{
-    return Saw(
-        repair::FormatSystemMessage(0x80070005) == repair::FormatSystemMessage(5) ? L"the same text" : L"another text",
-        Quoted(repair::FormatSystemMessage(0x80070005)));
-}
+SHORT_FACT(messages, result,
+           Saw(repair::FormatSystemMessage(0x80070005) == repair::FormatSystemMessage(5) ? L"the same text"
+                                                                                         : L"another text",
+               Quoted(repair::FormatSystemMessage(0x80070005))))
 
-Seen OfSetup()
+FACT(messages, setup)
 {
     // SPAPI_E_NO_SUCH_DEVINST, SPAPI_E_NO_DRIVER_SELECTED, SPAPI_E_WRONG_INF_STYLE: the form that the inventory logs.
     return Shapes({0x800F020B, 0x800F0203, 0x800F0100});
@@ -104,7 +90,7 @@ std::wstring RuntimeText(HRESULT code)
     }
 }
 
-Seen OfRuntime()
+FACT(messages, runtime)
 {
     std::wstring none;
     std::wstring detail;
@@ -117,13 +103,13 @@ Seen OfRuntime()
     return Saw(none.empty() ? L"all have one" : L"none for" + none, detail);
 }
 
-Seen RuntimeTextIsTrimmed()
+FACT(messages, runtime_trimmed)
 {
     const std::wstring text = RuntimeText(E_ACCESSDENIED);
     return Saw(text.empty() ? L"none" : Shape(text), Quoted(text));
 }
 
-Seen StandardError()
+FACT(messages, standard_error)
 {
     const std::wstring text = Widened(std::system_error(5, std::system_category(), "x").what());
     if (!text.starts_with(L"x: ") || text.size() < 5)
@@ -136,40 +122,14 @@ Seen StandardError()
                Quoted(text));
 }
 
-Seen StandardErrorUnknown()
-{
-    return Saw(Widened(std::system_error(12029, std::system_category(), "x").what()));
-}
+SHORT_FACT(messages, standard_error_unknown, Saw(Widened(std::system_error(12029, std::system_category(), "x").what())))
+SHORT_FACT(messages, standard_error_insert, Saw(Widened(std::system_error(193, std::system_category(), "x").what())))
 
-Seen StandardErrorOfInsert()
-{
-    return Saw(Widened(std::system_error(193, std::system_category(), "x").what()));
-}
-
-Seen StandardCondition()
+FACT(messages, standard_condition)
 {
     const std::error_code denied(ERROR_ACCESS_DENIED, std::system_category());
     return Saw(Number(denied.value()) +
                (denied == std::errc::permission_denied ? L", permission denied" : L", another condition"));
 }
 }  // namespace
-
-std::vector<Check> MessageChecks()
-{
-    return {
-        {"messages.common", Common},
-        {"messages.further", Cancelled},
-        {"messages.installer", OfInstaller},
-        {"messages.internet", OfInternet},
-        {"messages.insert", Insert},
-        {"messages.result", OfResult},
-        {"messages.setup", OfSetup},
-        {"messages.runtime", OfRuntime},
-        {"messages.runtime_trimmed", RuntimeTextIsTrimmed},
-        {"messages.standard_error", StandardError},
-        {"messages.standard_error_unknown", StandardErrorUnknown},
-        {"messages.standard_error_insert", StandardErrorOfInsert},
-        {"messages.standard_condition", StandardCondition},
-    };
-}
 }  // namespace windows_check

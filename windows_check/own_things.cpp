@@ -15,12 +15,12 @@ namespace windows_check
 {
 namespace
 {
-// Open while the program runs, so that nobody can put another folder into the place of the own one.
+// Open while the program runs, so the own folder cannot be replaced.
 std::atomic<HANDLE> folderInUse = INVALID_HANDLE_VALUE;
 
 std::atomic<UINT> codePageBefore = 0;
 
-// With the prefix paths may be of any length.
+// With this prefix a path may have any length.
 std::wstring Unlimited(const std::wstring& path)
 {
     return L"\\\\?\\" + path;
@@ -31,7 +31,7 @@ bool IsThere(const std::wstring& path)
     return GetFileAttributesW(Unlimited(path).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
-// Not the product's own function, which is among the things that are looked at.
+// Not the product's own function: that is one of the things checked.
 void RemoveTree(const std::wstring& path, DWORD attributes)  // NOLINT(misc-no-recursion)
 {
     if ((attributes & FILE_ATTRIBUTE_READONLY) != 0)
@@ -68,25 +68,18 @@ void RemoveTree(const std::wstring& path, DWORD attributes)  // NOLINT(misc-no-r
     RemoveDirectoryW(Unlimited(path).c_str());
 }
 
+// The account's identifier; empty if it cannot be read.
 std::vector<BYTE> SidOfAccount()
 {
-    HANDLE token = nullptr;
-    alignas(TOKEN_USER) BYTE bytes[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE] = {};
-    DWORD size = 0;
+    std::vector<BYTE> user = TokenInformation(TokenUser);
     std::vector<BYTE> sid(SECURITY_MAX_SID_SIZE);
-    const bool isKnown =
-        OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token) != 0 &&
-        GetTokenInformation(token, TokenUser, bytes, sizeof(bytes), &size) != 0 &&
-        CopySid(SECURITY_MAX_SID_SIZE, sid.data(), reinterpret_cast<TOKEN_USER*>(bytes)->User.Sid) != 0;
-    if (token != nullptr)
-    {
-        CloseHandle(token);
-    }
+    const bool isKnown = !user.empty() && CopySid(SECURITY_MAX_SID_SIZE, sid.data(),
+                                                  reinterpret_cast<TOKEN_USER*>(user.data())->User.Sid) != FALSE;
     return isKnown ? sid : std::vector<BYTE>();
 }
 
-// Full control, also below, for the account, administrators and the system, and nothing handed down from above. Nothing
-// when the list cannot be made.
+// Full control, also below, for the account, administrators and the system, and nothing inherited. Null if the list
+// cannot be made.
 repair::LocalMemory ClosedToOthers(std::vector<BYTE>& account)
 {
     wchar_t* text = nullptr;
@@ -107,7 +100,7 @@ bool IsTrusted(void* sid, std::vector<BYTE>& account)
            IsWellKnownSid(sid, WinLocalSystemSid) != 0;
 }
 
-// Asked of the folder itself: there are disks that keep no rights, and folders on servers that keep others.
+// Reads the rights from the folder itself: some disks keep none, and folders on servers may keep different ones.
 bool IsClosedToOthers(HANDLE folder, std::vector<BYTE>& account)
 {
     // NOLINTNEXTLINE(misc-redundant-expression): the rights overlap
@@ -154,15 +147,31 @@ bool MakeOwnFolder(const std::wstring& folder)
         CreateFileW(folder.c_str(), FILE_LIST_DIRECTORY | READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                     OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
     folderInUse = opened;
-    ThisMachine().isFolderOurs = descriptor && opened != INVALID_HANDLE_VALUE && IsClosedToOthers(opened, account);
+    ThisPc().isFolderOurs = descriptor && opened != INVALID_HANDLE_VALUE && IsClosedToOthers(opened, account);
     return true;
 }
 }  // namespace
 
-Machine& ThisMachine()
+std::vector<BYTE> TokenInformation(TOKEN_INFORMATION_CLASS what)
 {
-    static Machine machine;
-    return machine;
+    HANDLE token = nullptr;
+    DWORD size = 0;
+    std::vector<BYTE> information(sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE);
+    OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token);
+    const BOOL isRead =
+        GetTokenInformation(token, what, information.data(), static_cast<DWORD>(information.size()), &size);
+    CloseHandle(token);
+    if (isRead == FALSE)
+    {
+        information.clear();
+    }
+    return information;  // moved, not copied: it may contain pointers into itself
+}
+
+Pc& ThisPc()
+{
+    static Pc pc;
+    return pc;
 }
 
 bool MakeOwnThings()
@@ -171,14 +180,14 @@ bool MakeOwnThings()
     wchar_t temporary[MAX_PATH + 1] = {};
     GetTempPathW(MAX_PATH + 1, temporary);
     wchar_t whole[MAX_PATH + 1] = {};
-    // The long form: the temporary folder may be given by short names, which would spoil comparisons.
+    // The long form, because short names would break comparisons of paths.
     const DWORD length = GetLongPathNameW(temporary, whole, MAX_PATH + 1);
     const std::wstring folder = std::wstring(length > 0 && length <= MAX_PATH ? whole : temporary) + name;
     if (!MakeOwnFolder(folder))
     {
         return false;
     }
-    ThisMachine().folder = folder;
+    ThisPc().folder = folder;
     const std::wstring key = L"Software\\" + name;
     HKEY made = nullptr;
     if (RegCreateKeyExW(HKEY_CURRENT_USER, key.c_str(), 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr, &made,
@@ -187,31 +196,31 @@ bool MakeOwnThings()
         return false;
     }
     RegCloseKey(made);
-    ThisMachine().key = key;
+    ThisPc().key = key;
     return true;
 }
 
 bool RemoveOwnThings()
 {
-    const Machine& machine = ThisMachine();
+    const Pc& pc = ThisPc();
     bool isLeft = false;
-    if (!machine.folder.empty())
+    if (!pc.folder.empty())
     {
         if (const HANDLE folder = folderInUse.exchange(INVALID_HANDLE_VALUE); folder != INVALID_HANDLE_VALUE)
         {
             CloseHandle(folder);
         }
         // A program that has just ended, or a virus scanner, may hold a file for a moment.
-        for (int attempt = 0; attempt < 50 && IsThere(machine.folder); ++attempt)
+        for (int attempt = 0; attempt < 50 && IsThere(pc.folder); ++attempt)
         {
             Sleep(attempt == 0 ? 0 : 100);
-            RemoveTree(machine.folder, FILE_ATTRIBUTE_DIRECTORY);
+            RemoveTree(pc.folder, FILE_ATTRIBUTE_DIRECTORY);
         }
-        isLeft = IsThere(machine.folder);
+        isLeft = IsThere(pc.folder);
     }
-    if (!machine.key.empty())
+    if (!pc.key.empty())
     {
-        const LSTATUS status = RegDeleteTreeW(HKEY_CURRENT_USER, machine.key.c_str());
+        const LSTATUS status = RegDeleteTreeW(HKEY_CURRENT_USER, pc.key.c_str());
         isLeft = isLeft || (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND);
     }
     return !isLeft;
@@ -233,7 +242,7 @@ void GiveConsoleBack()
 
 std::wstring MakeFolder(const std::wstring& name)
 {
-    const std::wstring path = ThisMachine().folder + L"\\" + name;
+    const std::wstring path = ThisPc().folder + L"\\" + name;
     if (CreateDirectoryW(path.c_str(), nullptr) == 0 && GetLastError() != ERROR_ALREADY_EXISTS)
     {
         throw std::runtime_error("a folder for the check cannot be made: " + std::to_string(GetLastError()));
@@ -243,16 +252,19 @@ std::wstring MakeFolder(const std::wstring& name)
 
 std::wstring WriteBytes(const std::wstring& path, std::string_view bytes)
 {
-    const HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    const repair::FileHandle file(
+        CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     DWORD written = 0;
-    if (file == INVALID_HANDLE_VALUE ||
-        WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) == 0)
+    if (!file || WriteFile(file.Get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) == 0)
     {
-        const DWORD error = GetLastError();
-        CloseHandle(file);
-        throw std::runtime_error("a file for the check cannot be written: " + std::to_string(error));
+        throw std::runtime_error("a file for the check cannot be written: " + std::to_string(GetLastError()));
     }
-    CloseHandle(file);
     return path;
+}
+
+repair::FileHandle Hold(const std::wstring& path, DWORD access, DWORD share)
+{
+    return repair::FileHandle(
+        CreateFileW(path.c_str(), access, share, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 }  // namespace windows_check

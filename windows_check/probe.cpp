@@ -3,10 +3,10 @@
 #include <windows.h>
 
 #include <atomic>
-#include <vector>
+#include <sstream>
 
 #include "windows_check/check.h"
-#include "windows_check/probes.h"
+#include "windows_check/own_things.h"
 #include "windows_check/words.h"
 
 namespace windows_check
@@ -17,16 +17,14 @@ constexpr DWORD kLimitMs = 15'000;
 
 std::string ReadWhole(const std::wstring& path)
 {
+    const repair::FileHandle file = Hold(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
     std::string bytes;
-    const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                    nullptr, OPEN_EXISTING, 0, nullptr);
     char block[4096];
     DWORD count = 0;
-    while (file != INVALID_HANDLE_VALUE && ReadFile(file, block, sizeof(block), &count, nullptr) != 0 && count > 0)
+    while (ReadFile(file.Get(), block, sizeof(block), &count, nullptr) != 0 && count > 0)
     {
         bytes.append(block, count);
     }
-    CloseHandle(file);
     return bytes;
 }
 
@@ -42,16 +40,14 @@ std::wstring FromUtf8(const std::string& bytes)
 std::map<std::wstring, std::wstring> Split(const std::wstring& text)
 {
     std::map<std::wstring, std::wstring> lines;
-    size_t start = 0;
-    for (size_t end = text.find(L'\n'); end != std::wstring::npos; end = text.find(L'\n', start))
+    std::wistringstream stream(text);
+    for (std::wstring line; std::getline(stream, line);)
     {
-        const std::wstring line = text.substr(start, end - start);
         const size_t equals = line.find(L'=');
         if (equals != std::wstring::npos)
         {
             lines[line.substr(0, equals)] = line.substr(equals + 1);
         }
-        start = end + 1;
     }
     return lines;
 }
@@ -75,7 +71,7 @@ Answer Ask(const std::wstring& program, const std::wstring& name, const std::wst
            const std::wstring& currentFolder)
 {
     static std::atomic<int> count = 0;
-    const std::wstring output = ThisMachine().folder + L"\\answer" + std::to_wstring(++count) + L".txt";
+    const std::wstring output = ThisPc().folder + L"\\answer" + std::to_wstring(++count) + L".txt";
     SECURITY_ATTRIBUTES inherited = {sizeof(inherited), nullptr, TRUE};
     // A file, not a pipe: a process that the answering one leaves behind would hold a pipe open.
     const HANDLE file = CreateFileW(output.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherited,
@@ -110,16 +106,10 @@ Answer Ask(const std::wstring& program, const std::wstring& name, const std::wst
     return answer;
 }
 
-Probe FindProbe(const std::wstring& name)
+std::vector<Probe>& AllProbes()
 {
-    for (const NamedProbe& probe : kProbes)
-    {
-        if (name == probe.name)
-        {
-            return probe.run;
-        }
-    }
-    return nullptr;
+    static std::vector<Probe> probes;
+    return probes;
 }
 
 void Tell(const std::wstring& name, const std::wstring& value)

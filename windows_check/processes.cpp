@@ -9,7 +9,7 @@
 
 #include "windows_check/check.h"
 #include "windows_check/own_things.h"
-#include "windows_check/probes.h"
+#include "windows_check/probe.h"
 #include "windows_check/words.h"
 
 namespace windows_check
@@ -66,30 +66,27 @@ std::wstring TaskKill()
     return std::wstring(folder) + L"\\taskkill.exe";
 }
 
-Seen ExitCodes()
+FACT(processes, exit_codes)
 {
-    std::wstring seen;
+    std::vector<std::wstring> seen;
     for (const wchar_t* code : {L"-1", L"-2147024891"})
     {
-        const Answer answer = Ask(ThisMachine().program, L"exit", code);
-        seen += (seen.empty() ? L"" : L" ") + (answer.hasEnded ? Hex(answer.exitCode) : std::wstring(L"not ended"));
+        const Answer answer = Ask(ThisPc().program, L"exit", code);
+        seen.push_back(answer.hasEnded ? Hex(answer.exitCode) : L"not ended");
     }
-    return Saw(seen);
+    return Saw(Joined(seen));
 }
 
-Seen CrashIsQuiet()
+Seen Crash(const wchar_t* how)
 {
-    const Answer answer = Ask(ThisMachine().program, L"crash", L"memory");
+    const Answer answer = Ask(ThisPc().program, L"crash", how);
     return Saw(answer.hasEnded ? L"exit code " + Number(answer.exitCode) : L"still there");
 }
 
-Seen ThrowIsQuiet()
-{
-    const Answer answer = Ask(ThisMachine().program, L"crash", L"throw");
-    return Saw(answer.hasEnded ? L"exit code " + Number(answer.exitCode) : L"still there");
-}
+SHORT_FACT(processes, crash_is_quiet, Crash(L"memory"))
+SHORT_FACT(processes, throw_is_quiet, Crash(L"throw"))
 
-Seen Arguments()
+FACT(processes, arguments)
 {
     // What the tool's switches could look like on a command line.
     int count = 0;
@@ -104,34 +101,28 @@ Seen Arguments()
     return Saw(seen);
 }
 
-Seen ShellGivesHandle()
-{
-    return Saw(Told(StartByShell(ThisMachine().program, L"--probe exit 1603", nullptr)));
-}
+SHORT_FACT(processes, shell_handle, Saw(Told(StartByShell(ThisPc().program, L"--probe exit 1603", nullptr))))
 
-Seen ShellMissingFile()
+FACT(processes, shell_missing_file)
 {
     const std::wstring folder = MakeFolder(L"start");
     return Saw(Told(StartByShell(folder + L"\\none.exe", L"", nullptr)) + L", folder missing: " +
                Told(StartByShell(folder + L"\\none\\none.exe", L"", nullptr)));
 }
 
-Seen ShellMissingWorkingFolder()
+FACT(processes, shell_missing_folder)
 {
     const std::wstring folder = MakeFolder(L"start") + L"\\none";
-    return Saw(Told(StartByShell(ThisMachine().program, L"--probe exit 5", folder.c_str())));
+    return Saw(Told(StartByShell(ThisPc().program, L"--probe exit 5", folder.c_str())));
 }
 
-Seen ShellParameters()
+FACT(processes, shell_parameters)
 {
-    if (!ThisMachine().isFolderOurs)
-    {
-        return DoesNotApply(kFolderIsOpen);
-    }
+    Need(ThisPc().isFolderOurs, kFolderIsOpen);
     const std::wstring folder = MakeFolder(L"parameters");
     const std::wstring output = folder + L"\\a b.txt";
     const std::wstring parameters = L"--probe arguments \"" + output + L"\" /NCRC /S /D=C:\\a b\\c";
-    const Started started = StartByShell(ThisMachine().program, parameters, folder.c_str());
+    const Started started = StartByShell(ThisPc().program, parameters, folder.c_str());
     FILE* const file = _wfopen(output.c_str(), L"rb");
     if (file == nullptr)
     {
@@ -149,50 +140,32 @@ Seen ShellParameters()
                (where == folder ? std::wstring(L", in the folder") : L", in " + where));
 }
 
-Seen ShellLockedProgram()
+// Starts a copy of this program, which ends with the code, while the copy is open.
+Seen StartWhileOpen(DWORD share, const std::wstring& code)
 {
-    if (!ThisMachine().isFolderOurs)
-    {
-        return DoesNotApply(kFolderIsOpen);
-    }
-    const std::wstring program = MakeFolder(L"start") + L"\\locked.exe";
-    CopyFileW(ThisMachine().program.c_str(), program.c_str(), FALSE);
-    const HANDLE file = CreateFileW(program.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    const Started started = StartByShell(program, L"--probe exit 6", nullptr);
-    CloseHandle(file);
-    return Saw(Told(started));
+    Need(ThisPc().isFolderOurs, kFolderIsOpen);
+    const std::wstring program = MakeFolder(L"start") + L"\\open" + code + L".exe";
+    CopyFileW(ThisPc().program.c_str(), program.c_str(), FALSE);
+    const repair::FileHandle held = Hold(program, GENERIC_READ, share);
+    return Saw(Told(StartByShell(program, L"--probe exit " + code, nullptr)));
 }
 
-Seen ShellHeldProgram()
+SHORT_FACT(processes, shell_locked_program, StartWhileOpen(0, L"6"))
+SHORT_FACT(processes, shell_held_program, StartWhileOpen(FILE_SHARE_READ, L"7"))
+
+FACT(processes, taskkill_unknown)
 {
-    if (!ThisMachine().isFolderOurs)
-    {
-        return DoesNotApply(kFolderIsOpen);
-    }
-    const std::wstring program = MakeFolder(L"start") + L"\\held.exe";
-    CopyFileW(ThisMachine().program.c_str(), program.c_str(), FALSE);
-    const HANDLE file = CreateFileW(program.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    const Started started = StartByShell(program, L"--probe exit 7", nullptr);
-    CloseHandle(file);
-    return Saw(Told(started));
+    // The tool has a blank in front of the parameters, too.
+    return Saw(Told(StartByShell(TaskKill(), L" /IM \"TavikWindowsCheckUnknown.exe\" /F", nullptr)));
 }
 
-Seen TaskKillNobody()
+FACT(processes, taskkill_one)
 {
-    // With the blank in front that the tool has there.
-    return Saw(Told(StartByShell(TaskKill(), L" /IM \"TavikWindowsCheckNobody.exe\" /F", nullptr)));
-}
-
-Seen TaskKillOne()
-{
-    if (!ThisMachine().isFolderOurs)
-    {
-        return DoesNotApply(kFolderIsOpen);
-    }
+    Need(ThisPc().isFolderOurs, kFolderIsOpen);
     // A copy of this program under a name that nothing else has.
     const std::wstring name = L"TavikWindowsCheckEnd" + Number(GetCurrentProcessId()) + L".exe";
     const std::wstring program = MakeFolder(L"start") + L"\\" + name;
-    CopyFileW(ThisMachine().program.c_str(), program.c_str(), FALSE);
+    CopyFileW(ThisPc().program.c_str(), program.c_str(), FALSE);
     std::wstring command = L"\"" + program + L"\" --probe sleep";
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
@@ -211,25 +184,20 @@ Seen TaskKillOne()
     return Saw(Told(killer) + (isGone ? L", ended" : L", still there"));
 }
 
-Seen SystemFolderHasTaskKill()
-{
-    return Saw(YesNo(GetFileAttributesW(TaskKill().c_str()) != INVALID_FILE_ATTRIBUTES));
-}
-}  // namespace
-
-int ExitProbe(int count, wchar_t** arguments)
+SHORT_FACT(processes, taskkill_is_there, Saw(YesNo(GetFileAttributesW(TaskKill().c_str()) != INVALID_FILE_ATTRIBUTES)))
+PROBE(exit)
 {
     return count > 0 ? static_cast<int>(std::wcstol(arguments[0], nullptr, 10)) : 0;
 }
 
-int SleepProbe(int, wchar_t**)
+PROBE(sleep)
 {
     Sleep(20'000);
     return 0;
 }
 
 // Writes its whole command line and its current folder into the file that is named first.
-int ArgumentsProbe(int count, wchar_t** arguments)
+PROBE(arguments)
 {
     if (count == 0)
     {
@@ -248,7 +216,7 @@ int ArgumentsProbe(int count, wchar_t** arguments)
 }
 
 // The same two handlers as in the tool's entry.
-int CrashProbe(int count, wchar_t** arguments)
+PROBE(crash)
 {
     std::set_terminate([] {
         TerminateProcess(GetCurrentProcess(), 3);
@@ -260,28 +228,10 @@ int CrashProbe(int count, wchar_t** arguments)
     });
     if (count > 0 && std::wstring(arguments[0]) == L"throw")
     {
-        throw std::runtime_error("nobody catches this");
+        throw std::runtime_error("not caught");
     }
     RaiseException(EXCEPTION_ACCESS_VIOLATION, EXCEPTION_NONCONTINUABLE, 0, nullptr);
     return 0;
 }
-
-std::vector<Check> ProcessChecks()
-{
-    return {
-        {"processes.exit_codes", ExitCodes, 60'000},
-        {"processes.crash_is_quiet", CrashIsQuiet},
-        {"processes.throw_is_quiet", ThrowIsQuiet},
-        {"processes.arguments", Arguments},
-        {"processes.shell_handle", ShellGivesHandle, 30'000},
-        {"processes.shell_missing_file", ShellMissingFile, 30'000},
-        {"processes.shell_missing_folder", ShellMissingWorkingFolder, 30'000},
-        {"processes.shell_parameters", ShellParameters, 30'000},
-        {"processes.shell_locked_program", ShellLockedProgram, 30'000},
-        {"processes.shell_held_program", ShellHeldProgram, 30'000},
-        {"processes.taskkill_is_there", SystemFolderHasTaskKill},
-        {"processes.taskkill_nobody", TaskKillNobody, 30'000},
-        {"processes.taskkill_one", TaskKillOne, 60'000},
-    };
-}
+}  // namespace
 }  // namespace windows_check

@@ -1,4 +1,4 @@
-// Odd registry values, through the tool's own reader; in the volatile key of this run only.
+// Unusual registry values, read by the tool's own reader, in the volatile key of this run only.
 #include "base/registry.h"
 
 #include <windows.h>
@@ -23,7 +23,7 @@ Bytes Text(const std::wstring& text, bool isTerminated = true)
 repair::RegistryKey OwnKey()
 {
     HKEY key = nullptr;
-    RegOpenKeyExW(HKEY_CURRENT_USER, ThisMachine().key.c_str(), 0, KEY_ALL_ACCESS, &key);
+    RegOpenKeyExW(HKEY_CURRENT_USER, ThisPc().key.c_str(), 0, KEY_ALL_ACCESS, &key);
     return repair::RegistryKey(key);
 }
 
@@ -51,39 +51,21 @@ std::wstring StoreAndRead(DWORD type, const Bytes& data)
     return Read(key, L"value");
 }
 
-Seen Terminated()
-{
-    return Saw(StoreAndRead(REG_SZ, Text(L"24.20")));
-}
+SHORT_FACT(registry, terminated, Saw(StoreAndRead(REG_SZ, Text(L"24.20"))))
+SHORT_FACT(registry, not_terminated, Saw(StoreAndRead(REG_SZ, Text(L"24.20", false))))
+SHORT_FACT(registry, empty, Saw(StoreAndRead(REG_SZ, Text(L""))))
+SHORT_FACT(registry, no_bytes, Saw(StoreAndRead(REG_SZ, {})))
 
-Seen NotTerminated()
-{
-    return Saw(StoreAndRead(REG_SZ, Text(L"24.20", false)));
-}
-
-Seen Empty()
-{
-    return Saw(StoreAndRead(REG_SZ, Text(L"")));
-}
-
-Seen NoBytes()
-{
-    return Saw(StoreAndRead(REG_SZ, {}));
-}
-
-Seen OddBytes()
+FACT(registry, odd_bytes)
 {
     Bytes data = Text(L"24.", false);
     data.pop_back();
     return Saw(StoreAndRead(REG_SZ, data));
 }
 
-Seen EmbeddedNul()
-{
-    return Saw(StoreAndRead(REG_SZ, Text(std::wstring(L"24\0xx", 5))));
-}
+SHORT_FACT(registry, embedded_nul, Saw(StoreAndRead(REG_SZ, Text(std::wstring(L"24\0xx", 5)))))
 
-Seen LongText()
+FACT(registry, long_text)
 {
     const repair::RegistryKey key = OwnKey();
     const std::wstring text(100'000, L'x');
@@ -91,7 +73,7 @@ Seen LongText()
     return Saw(repair::ReadRegistryString(key, L"", L"long") == text ? L"whole" : L"changed");
 }
 
-Seen Expandable()
+FACT(registry, expandable)
 {
     wchar_t expected[MAX_PATH] = {};
     ExpandEnvironmentStringsW(L"%SystemRoot%\\x", expected, MAX_PATH);
@@ -99,18 +81,16 @@ Seen Expandable()
     return Saw(read == Quoted(expected) ? L"expanded" : read);
 }
 
-Seen OtherTypes()
+FACT(registry, other_types)
 {
-    return Saw(StoreAndRead(REG_DWORD, {1, 0, 0, 0}) + L", " + StoreAndRead(REG_BINARY, {50, 0, 0, 0}) + L", " +
-               StoreAndRead(REG_MULTI_SZ, Text(std::wstring(L"a\0", 2))) + L", " + StoreAndRead(REG_NONE, Text(L"a")));
+    return Saw(Joined({StoreAndRead(REG_DWORD, {1, 0, 0, 0}), StoreAndRead(REG_BINARY, {50, 0, 0, 0}),
+                       StoreAndRead(REG_MULTI_SZ, Text(std::wstring(L"a\0", 2))), StoreAndRead(REG_NONE, Text(L"a"))},
+                      L", "));
 }
 
-Seen MissingValue()
-{
-    return Saw(Read(OwnKey(), L"none"));
-}
+SHORT_FACT(registry, missing_value, Saw(Read(OwnKey(), L"none")))
 
-Seen MissingSubKey()
+FACT(registry, missing_sub_key)
 {
     const repair::RegistryKey key = OwnKey();
     DWORD size = 77;
@@ -119,7 +99,7 @@ Seen MissingSubKey()
                L"the reader: " + Read(key, L"none", L"none"));
 }
 
-Seen SizeQuery()
+FACT(registry, size_query)
 {
     const repair::RegistryKey key = OwnKey();
     Store(key, L"size", REG_SZ, Text(L"24.20"));
@@ -128,7 +108,7 @@ Seen SizeQuery()
     return Saw(Number(status) + L", " + Number(size) + L" bytes");
 }
 
-Seen EmptySubKey()
+FACT(registry, empty_sub_key)
 {
     const repair::RegistryKey key = OwnKey();
     Store(key, L"sub", REG_SZ, Text(L"a"));
@@ -140,9 +120,9 @@ Seen EmptySubKey()
     return Saw(Number(withNull) + L" and " + Number(withEmpty));
 }
 
-Seen TrailingBackslash()
+FACT(registry, trailing_backslash)
 {
-    const std::wstring path = ThisMachine().key + L"\\";
+    const std::wstring path = ThisPc().key + L"\\";
     HKEY opened = nullptr;
     const LSTATUS open = RegOpenKeyExW(HKEY_CURRENT_USER, path.c_str(), 0, KEY_READ, &opened);
     HKEY created = nullptr;
@@ -155,23 +135,23 @@ Seen TrailingBackslash()
                (disposition == REG_OPENED_EXISTING_KEY ? L", the same key" : L", another key"));
 }
 
-Seen LetterCase()
+FACT(registry, letter_case)
 {
     const repair::RegistryKey key = OwnKey();
     Store(key, L"LetterCase", REG_SZ, Text(L"a"));
     return Saw(Read(key, L"letterCASE"));
 }
 
-Seen ReadOnlyHandle()
+FACT(registry, read_only_handle)
 {
     HKEY key = nullptr;
-    RegOpenKeyExW(HKEY_CURRENT_USER, ThisMachine().key.c_str(), 0, KEY_READ, &key);
+    RegOpenKeyExW(HKEY_CURRENT_USER, ThisPc().key.c_str(), 0, KEY_READ, &key);
     const repair::RegistryKey owner(key);
     const DWORD one = 1;
     return Saw(Number(RegSetValueExW(key, L"refused", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&one), sizeof(one))));
 }
 
-Seen MissingMachineKey()
+FACT(registry, missing_machine_key)
 {
     try
     {
@@ -184,8 +164,8 @@ Seen MissingMachineKey()
     return Saw(L"opened");
 }
 
-// Where 32-bit programs are sent to another part, a 64-bit one sees the real thing.
-Seen View()
+// A 32-bit program would be redirected to another part of the registry.
+FACT(registry, view)
 {
     constexpr wchar_t kPath[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion";
     std::wstring values[2];
@@ -199,28 +179,4 @@ Seen View()
     return Saw(values[0] == values[1] && values[0].size() > 4 ? L"the 64-bit one" : values[0] + L" and " + values[1]);
 }
 }  // namespace
-
-std::vector<Check> RegistryChecks()
-{
-    return {
-        {"registry.terminated", Terminated},
-        {"registry.not_terminated", NotTerminated},
-        {"registry.empty", Empty},
-        {"registry.no_bytes", NoBytes},
-        {"registry.odd_bytes", OddBytes},
-        {"registry.embedded_nul", EmbeddedNul},
-        {"registry.long_text", LongText},
-        {"registry.expandable", Expandable},
-        {"registry.other_types", OtherTypes},
-        {"registry.missing_value", MissingValue},
-        {"registry.missing_sub_key", MissingSubKey},
-        {"registry.size_query", SizeQuery},
-        {"registry.empty_sub_key", EmptySubKey},
-        {"registry.trailing_backslash", TrailingBackslash},
-        {"registry.letter_case", LetterCase},
-        {"registry.read_only_handle", ReadOnlyHandle},
-        {"registry.missing_machine_key", MissingMachineKey},
-        {"registry.view", View},
-    };
-}
 }  // namespace windows_check

@@ -76,120 +76,109 @@ bool MakeJunction(const std::wstring& link, const std::wstring& target)
     return isMade != FALSE && attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
 }
 
-bool MakeSymbolicLink(const std::wstring& link, const std::wstring& target, DWORD flags)
+void MakeSymbolicLink(const std::wstring& link, const std::wstring& target, DWORD flags)
 {
     constexpr DWORD kUnprivileged = 2;  // SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE, with the developer mode
-    return (CreateSymbolicLinkW(link.c_str(), target.c_str(), flags | kUnprivileged) != 0 ||
-            CreateSymbolicLinkW(link.c_str(), target.c_str(), flags) != 0) &&
-           IsThere(link);
+    const bool isMade = (CreateSymbolicLinkW(link.c_str(), target.c_str(), flags | kUnprivileged) != 0 ||
+                         CreateSymbolicLinkW(link.c_str(), target.c_str(), flags) != 0) &&
+                        IsThere(link);
+    const std::wstring error = Number(GetLastError());
+    Need(isMade,
+         L"no symbolic link can be made here: " + error + L"; an administrator or the developer mode is needed");
 }
 
-// What stands outside and must survive.
-std::wstring MakeOutside(const wchar_t* name)
+// Removes a folder with a link to another folder's file or to that folder, which must survive.
+template <typename MakeLink>
+Seen RemoveWithLink(const std::wstring& kind, MakeLink makeLink)
 {
-    const std::wstring outside = MakeFolder(name);
-    WriteBytes(outside + L"\\kept", "x");
-    return outside;
-}
-
-std::wstring Outcome(const std::wstring& folder, const std::wstring& outside)
-{
+    const std::wstring outside = MakeFolder(L"outside-" + kind);
+    const std::wstring file = WriteBytes(outside + L"\\kept", "x");
+    const std::wstring folder = MakeFolder(L"with-" + kind);
+    makeLink(folder + L"\\link", outside, file);
     const std::wstring removed = Remove(folder);
-    return removed + (IsThere(outside + L"\\kept") ? L", what it led to is kept" : L", WHAT IT LED TO IS GONE");
+    return Saw(removed + (IsThere(file) ? L", what it led to is kept" : L", WHAT IT LED TO IS GONE"));
 }
 
-Seen Junction()
+FACT(removal, junction)
 {
-    const std::wstring outside = MakeOutside(L"outside-junction");
-    const std::wstring folder = MakeFolder(L"with-junction");
-    if (!MakeJunction(folder + L"\\link", outside))
-    {
-        return DoesNotApply(L"no junction can be made here");
-    }
-    return Saw(Outcome(folder, outside));
+    return RemoveWithLink(L"junction", [](const std::wstring& link, const std::wstring& folder, const std::wstring&) {
+        Need(MakeJunction(link, folder), L"no junction can be made here");
+    });
 }
 
-Seen FolderLink()
+FACT(removal, folder_link)
 {
-    const std::wstring outside = MakeOutside(L"outside-link");
-    const std::wstring folder = MakeFolder(L"with-link");
-    if (!MakeSymbolicLink(folder + L"\\link", outside, SYMBOLIC_LINK_FLAG_DIRECTORY))
-    {
-        return DoesNotApply(L"no symbolic link can be made here: " + Number(GetLastError()) +
-                            L"; an administrator or the developer mode is needed");
-    }
-    return Saw(Outcome(folder, outside));
+    return RemoveWithLink(L"link", [](const std::wstring& link, const std::wstring& folder, const std::wstring&) {
+        MakeSymbolicLink(link, folder, SYMBOLIC_LINK_FLAG_DIRECTORY);
+    });
 }
 
-Seen FileLink()
+FACT(removal, file_link)
 {
-    const std::wstring outside = MakeOutside(L"outside-file");
-    const std::wstring folder = MakeFolder(L"with-file-link");
-    if (!MakeSymbolicLink(folder + L"\\link", outside + L"\\kept", 0))
-    {
-        return DoesNotApply(L"no symbolic link can be made here: " + Number(GetLastError()) +
-                            L"; an administrator or the developer mode is needed");
-    }
-    return Saw(Outcome(folder, outside));
+    return RemoveWithLink(L"file", [](const std::wstring& link, const std::wstring&, const std::wstring& file) {
+        MakeSymbolicLink(link, file, 0);
+    });
 }
 
-Seen BrokenLink()
+FACT(removal, hard_link)
+{
+    return RemoveWithLink(L"hard", [](const std::wstring& link, const std::wstring&, const std::wstring& file) {
+        const BOOL isMade = CreateHardLinkW(link.c_str(), file.c_str(), nullptr);
+        const std::wstring error = Number(GetLastError());
+        Need(isMade != FALSE, L"no second name can be made here: " + error);
+    });
+}
+
+FACT(removal, broken_link)
 {
     const std::wstring folder = MakeFolder(L"with-broken-link");
-    if (!MakeSymbolicLink(folder + L"\\link", folder + L"\\none", 0))
-    {
-        return DoesNotApply(L"no symbolic link can be made here: " + Number(GetLastError()) +
-                            L"; an administrator or the developer mode is needed");
-    }
+    MakeSymbolicLink(folder + L"\\link", folder + L"\\none", 0);
     const std::wstring isThere = YesNo(repair::Exists(folder + L"\\link"));
     return Saw(L"exists: " + isThere + L", " + Remove(folder));
 }
 
-Seen HardLink()
-{
-    const std::wstring outside = MakeOutside(L"outside-hard");
-    const std::wstring folder = MakeFolder(L"with-hard-link");
-    if (CreateHardLinkW((folder + L"\\link").c_str(), (outside + L"\\kept").c_str(), nullptr) == 0)
-    {
-        return DoesNotApply(L"no second name can be made here: " + Number(GetLastError()));
-    }
-    return Saw(Outcome(folder, outside));
-}
-
-// The file's name may go at once or when the last handle closes; either way the removal must come to an end.
-Seen DeletedButOpen()
+// The file's name may disappear at once or when the last handle closes; either way the removal must end.
+FACT(removal, deleted_but_open)
 {
     const std::wstring folder = MakeFolder(L"deleted-open");
     const std::wstring file = WriteBytes(folder + L"\\file", "x");
-    const HANDLE held = CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
-                                    OPEN_EXISTING, 0, nullptr);
+    const repair::FileHandle held = Hold(file, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE);
     DeleteFileW(file.c_str());
-    const std::wstring seen = Remove(folder);
-    CloseHandle(held);
-    return Saw(seen);
+    return Saw(Remove(folder));
 }
 
-Seen Locked()
+FACT(removal, locked)
 {
     const std::wstring folder = MakeFolder(L"locked");
     const std::wstring file = WriteBytes(folder + L"\\file", "x");
-    const HANDLE held = CreateFileW(file.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    const std::wstring seen = Remove(folder);
-    CloseHandle(held);
-    return Saw(seen);
+    const repair::FileHandle held = Hold(file, GENERIC_READ, 0);
+    return Saw(Remove(folder));
 }
 
-Seen ReadOnly()
+// Removes a folder with one file or folder of these attributes in it.
+Seen RemoveWithAttributes(const std::wstring& name, DWORD attributes, bool isFolder = false)
 {
-    const std::wstring folder = MakeFolder(L"read-only");
-    const std::wstring file = WriteBytes(folder + L"\\file", "x");
-    SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_READONLY);
+    const std::wstring folder = MakeFolder(name);
+    const std::wstring entry = folder + L"\\entry";
+    if (isFolder)
+    {
+        CreateDirectoryW(entry.c_str(), nullptr);
+    }
+    else
+    {
+        WriteBytes(entry, "x");
+    }
+    SetFileAttributesW(entry.c_str(), attributes);
     const std::wstring seen = Remove(folder);
-    SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
+    SetFileAttributesW(entry.c_str(), FILE_ATTRIBUTE_NORMAL);
     return Saw(seen);
 }
 
-Seen WorkingFolder()
+SHORT_FACT(removal, read_only, RemoveWithAttributes(L"read-only", FILE_ATTRIBUTE_READONLY))
+SHORT_FACT(removal, read_only_folder, RemoveWithAttributes(L"read-only-folder", FILE_ATTRIBUTE_READONLY, true))
+SHORT_FACT(removal, hidden_and_system, RemoveWithAttributes(L"hidden", FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM))
+
+FACT(removal, working_folder)
 {
     const std::wstring folder = MakeFolder(L"working");
     wchar_t before[MAX_PATH] = {};
@@ -200,7 +189,7 @@ Seen WorkingFolder()
     return Saw(seen);
 }
 
-Seen Deep()
+FACT(removal, deep)
 {
     std::wstring path = MakeFolder(L"deep");
     const std::wstring folder = path;
@@ -210,11 +199,11 @@ Seen Deep()
         CreateDirectoryW(path.c_str(), nullptr);
         WriteBytes(path + L"\\f", "x");
     }
-    return Saw(Remove(folder), Number(static_cast<long long>(path.size())) + L" characters");
+    return Saw(Remove(folder), Number(path.size()) + L" characters");
 }
 
 // Made with a prefix that lifts the limit, as some installers do.
-Seen LongPaths()
+FACT(removal, long_paths)
 {
     const std::wstring folder = MakeFolder(L"long-inside");
     std::wstring path = L"\\\\?\\" + folder;
@@ -229,42 +218,5 @@ Seen LongPaths()
     WriteBytes(path + L"\\file", "x");
     return Saw(Remove(folder));
 }
-
-Seen HiddenAndSystem()
-{
-    const std::wstring folder = MakeFolder(L"hidden");
-    const std::wstring file = WriteBytes(folder + L"\\file", "x");
-    SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM);
-    return Saw(Remove(folder));
-}
-
-Seen ReadOnlyFolder()
-{
-    const std::wstring folder = MakeFolder(L"read-only-folder");
-    CreateDirectoryW((folder + L"\\below").c_str(), nullptr);
-    SetFileAttributesW((folder + L"\\below").c_str(), FILE_ATTRIBUTE_READONLY);
-    const std::wstring seen = Remove(folder);
-    SetFileAttributesW((folder + L"\\below").c_str(), FILE_ATTRIBUTE_NORMAL);
-    return Saw(seen);
-}
 }  // namespace
-
-std::vector<Check> RemovalChecks()
-{
-    return {
-        {"removal.junction", Junction},
-        {"removal.folder_link", FolderLink},
-        {"removal.file_link", FileLink},
-        {"removal.broken_link", BrokenLink},
-        {"removal.hard_link", HardLink},
-        {"removal.deleted_but_open", DeletedButOpen, 5'000},
-        {"removal.locked", Locked},
-        {"removal.read_only", ReadOnly},
-        {"removal.read_only_folder", ReadOnlyFolder},
-        {"removal.hidden_and_system", HiddenAndSystem},
-        {"removal.working_folder", WorkingFolder},
-        {"removal.deep", Deep},
-        {"removal.long_paths", LongPaths},
-    };
-}
 }  // namespace windows_check

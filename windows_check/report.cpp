@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include <nlohmann/json.hpp>
+
 #include "windows_check/words.h"
 
 namespace windows_check
@@ -12,18 +14,7 @@ namespace
 {
 std::wstring Expected(const Fact& fact)
 {
-    std::wstring text;
-    for (const std::wstring_view one : fact.expected)
-    {
-        text += (text.empty() ? L"" : L" or ") + std::wstring(one);
-    }
-    return text;
-}
-
-std::wstring Lower(std::wstring text)
-{
-    CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
-    return text;
+    return Joined({fact.expected.begin(), fact.expected.end()}, L" or ");
 }
 
 void Replace(std::wstring& text, const std::wstring& name, const std::wstring& by)
@@ -36,8 +27,8 @@ void Replace(std::wstring& text, const std::wstring& name, const std::wstring& b
     }
 }
 
-// Security identifiers of accounts begin with this; the numbers behind it tell the machine or the domain.
-void ReplaceMachineNumbers(std::wstring& text)
+// Security identifiers of accounts begin with this; the numbers after it identify the PC or the domain.
+void ReplaceAccountNumbers(std::wstring& text)
 {
     const std::wstring start = L"S-1-5-21-";
     for (size_t at = text.find(start); at != std::wstring::npos; at = text.find(start, at + start.size()))
@@ -47,7 +38,7 @@ void ReplaceMachineNumbers(std::wstring& text)
     }
 }
 
-// Takes the names of people and computers out of paths and texts.
+// Removes the names of users and computers from paths and texts.
 std::wstring WithoutNames(std::wstring text)
 {
     for (const wchar_t* variable : {L"USERPROFILE", L"USERNAME", L"COMPUTERNAME", L"USERDOMAIN"})
@@ -59,44 +50,29 @@ std::wstring WithoutNames(std::wstring text)
             Replace(text, value, std::wstring(L"<") + variable + L">");
         }
     }
-    ReplaceMachineNumbers(text);
+    ReplaceAccountNumbers(text);
     return text;
-}
-
-std::string JsonText(const std::wstring& text)
-{
-    std::string bytes = "\"";
-    for (const char c : Utf8(text))
-    {
-        if (c == '"' || c == '\\')
-        {
-            bytes += '\\';
-            bytes += c;
-        }
-        else if (static_cast<unsigned char>(c) < 0x20)
-        {
-            constexpr char kDigits[] = "0123456789abcdef";
-            bytes += "\\u00";
-            bytes += kDigits[(c >> 4) & 15];
-            bytes += kDigits[c & 15];
-        }
-        else
-        {
-            bytes += c;
-        }
-    }
-    return bytes + "\"";
-}
-
-std::string Member(const char* name, const std::string& value, const char* end = ",")
-{
-    return "\"" + std::string(name) + "\": " + value + end;
 }
 
 std::wstring Padded(std::wstring text, size_t width)
 {
     text.resize(std::max(text.size(), width), L' ');
     return text;
+}
+// A finding that is not "ok", for the part below the table.
+std::wstring Explained(const Finding& finding)
+{
+    const Fact& fact = *finding.fact;
+    const std::wstring seen = WithoutNames(finding.seen.text);
+    const std::wstring detail = WithoutNames(finding.seen.detail);
+    const std::wstring start =
+        L"\n" + Widened(fact.id) + L": " + Widened(NameOf(finding.verdict)) + L"\n    " + fact.says + L"\n";
+    if (finding.verdict == Verdict::kNotApplicable)
+    {
+        return start + L"    not checked: " + seen + L"\n";
+    }
+    return start + L"    expected: " + Expected(fact) + L"\n    seen:     " + seen + L"\n" +
+           (detail.empty() ? L"" : L"    " + detail + L"\n");
 }
 }  // namespace
 
@@ -114,61 +90,47 @@ std::string Table(const std::vector<Finding>& findings)
                         Padded(L"seen", kTextWidth) + L" | result\n";
     for (const Finding& finding : findings)
     {
-        text += Padded(Widened(finding.fact->id), kIdWidth) + L" | " + Padded(Expected(*finding.fact), kTextWidth) +
-                L" | " + Padded(finding.seen.applies ? WithoutNames(finding.seen.text) : L"-", kTextWidth) + L" | " +
-                Widened(NameOf(finding.verdict)) + L"\n";
+        text +=
+            Padded(Widened(finding.fact->id), kIdWidth) + L" | " + Padded(Expected(*finding.fact), kTextWidth) +
+            L" | " +
+            Padded(finding.verdict == Verdict::kNotApplicable ? L"-" : WithoutNames(finding.seen.text), kTextWidth) +
+            L" | " + Widened(NameOf(finding.verdict)) + L"\n";
     }
     for (const Finding& finding : findings)
     {
-        if (finding.verdict == Verdict::kOk)
-        {
-            continue;
-        }
-        text += L"\n" + Widened(finding.fact->id) + L": " + Widened(NameOf(finding.verdict)) + L"\n    " +
-                finding.fact->says + L"\n";
-        if (!finding.seen.applies)
-        {
-            text += L"    not looked at: " + WithoutNames(finding.seen.text) + L"\n";
-            continue;
-        }
-        text +=
-            L"    expected: " + Expected(*finding.fact) + L"\n    seen:     " + WithoutNames(finding.seen.text) + L"\n";
-        if (!finding.seen.detail.empty())
-        {
-            text += L"    " + WithoutNames(finding.seen.detail) + L"\n";
-        }
+        text += finding.verdict == Verdict::kOk ? L"" : Explained(finding);
     }
     return Utf8(text);
 }
 
 std::string Json(const std::vector<Finding>& findings)
 {
-    const Machine& machine = ThisMachine();
-    std::string json = "{\n  \"system\": {" + Member("windows", JsonText(machine.version)) + " " +
-                       Member("wine", machine.wine.empty() ? "null" : JsonText(Widened(machine.wine))) + " " +
-                       Member("elevated", machine.isElevated ? "true" : "false") + " " +
-                       Member("session", std::to_string(machine.session)) + " " +
-                       Member("interactive", machine.isInteractive ? "true" : "false") + " " +
-                       Member("code_page", std::to_string(GetACP())) + " " +
-                       Member("language", std::to_string(GetUserDefaultUILanguage()), "") + "},\n";
-    json += "  \"counts\": {" + Member("ok", std::to_string(Count(findings, Verdict::kOk))) + " " +
-            Member("differs", std::to_string(Count(findings, Verdict::kDiffers))) + " " +
-            Member("not applicable", std::to_string(Count(findings, Verdict::kNotApplicable)), "") + "},\n";
-    json += "  \"facts\": [";
-    const char* separator = "\n";
+    using Object = nlohmann::ordered_json;
+    const Pc& pc = ThisPc();
+    Object json;
+    json["system"] = {{"windows", Utf8(pc.version)},
+                      {"wine", pc.wine.empty() ? Object() : Object(pc.wine)},
+                      {"elevated", pc.isElevated},
+                      {"session", pc.session},
+                      {"interactive", pc.isInteractive},
+                      {"code_page", GetACP()},
+                      {"language", GetUserDefaultUILanguage()}};
+    for (const Verdict verdict : {Verdict::kOk, Verdict::kDiffers, Verdict::kNotApplicable})
+    {
+        json["counts"][NameOf(verdict)] = Count(findings, verdict);
+    }
+    json["facts"] = Object::array();
     for (const Finding& finding : findings)
     {
-        json += separator;
-        json += "    {" + Member("id", JsonText(Widened(finding.fact->id))) + " " +
-                Member("group", JsonText(Widened(finding.fact->group))) + "\n     " +
-                Member("fact", JsonText(finding.fact->says)) + "\n     " +
-                Member("expected", JsonText(Expected(*finding.fact))) + "\n     " +
-                Member("seen", JsonText(WithoutNames(finding.seen.text))) + "\n     " +
-                Member("detail", JsonText(WithoutNames(finding.seen.detail))) + "\n     " +
-                Member("result", JsonText(Widened(NameOf(finding.verdict)))) + " " +
-                Member("ms", std::to_string(finding.milliseconds), "}");
-        separator = ",\n";
+        json["facts"].push_back({{"id", finding.fact->id},
+                                 {"group", finding.fact->group},
+                                 {"fact", Utf8(finding.fact->says)},
+                                 {"expected", Utf8(Expected(*finding.fact))},
+                                 {"seen", Utf8(WithoutNames(finding.seen.text))},
+                                 {"detail", Utf8(WithoutNames(finding.seen.detail))},
+                                 {"result", NameOf(finding.verdict)},
+                                 {"ms", finding.milliseconds}});
     }
-    return json + "\n  ]\n}\n";
+    return json.dump(1) + "\n";
 }
 }  // namespace windows_check

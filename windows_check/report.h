@@ -10,7 +10,7 @@ namespace windows_check
 {
 std::string Table(const std::vector<Finding>& findings);
 
-// Says nothing about who uses the machine: no user name, no computer name.
+// Without names of users and computers.
 std::string Json(const std::vector<Finding>& findings);
 
 int Count(const std::vector<Finding>& findings, Verdict verdict);

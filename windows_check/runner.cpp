@@ -10,11 +10,40 @@
 #include <memory>
 #include <string_view>
 
+#include "store/winrt_runtime.h"
 #include "windows_check/own_things.h"
 #include "windows_check/words.h"
 
 namespace windows_check
 {
+std::vector<Check>& AllChecks()
+{
+    static std::vector<Check> checks;
+    return checks;
+}
+
+void Need(bool condition, const std::wstring& reason)
+{
+    if (!condition)
+    {
+        throw NotApplicable{reason};
+    }
+}
+
+const char* NameOf(Verdict verdict)
+{
+    switch (verdict)
+    {
+        case Verdict::kOk:
+            return "ok";
+        case Verdict::kNotApplicable:
+            return "not applicable";
+        case Verdict::kDiffers:
+            break;
+    }
+    return "differs";
+}
+
 namespace
 {
 constexpr wchar_t kSilence[] = L"no answer in ";
@@ -31,23 +60,23 @@ struct Attempt
 
     Check check;
     HANDLE done;
-    Seen seen;
+    Finding finding;
     std::atomic<DWORD> crash = 0;
 };
 
-// The one that is being waited for; only a crash looks at it.
+// The attempt that is being waited for, for the handler of crashes.
 std::atomic<Attempt*> current = nullptr;
 
 DWORD mainThread = 0;  // the one that runs the checks
 
-// The program itself is broken: what it made is removed and the console given back, as far as that still works.
+// The program itself crashed: removes what it made and restores the console, as far as that still works.
 [[noreturn]] void EndBroken(DWORD code)
 {
     constexpr UINT kNotMade = 2;  // the checks could not be made
     constexpr DWORD kPatienceMs = 15'000;
     static DWORD crash;
     crash = code;
-    // On a thread of its own: the stack of this one may be used up, and a lock that it holds must not keep it for ever.
+    // On a thread of its own: the stack of this one may be used up, and it may hold a lock.
     const HANDLE cleaner = CreateThread(
         nullptr, 0,
         [](void*) -> DWORD {
@@ -64,7 +93,7 @@ DWORD mainThread = 0;  // the one that runs the checks
     std::abort();  // not reached
 }
 
-// A crash ends the check, not the program: its thread never goes on. One outside of the checks ends the program.
+// A crash ends the check, not the program: its thread never goes on. A crash outside of the checks ends the program.
 LONG WINAPI NoteCrash(EXCEPTION_POINTERS* exception)
 {
     if (GetCurrentThreadId() == mainThread)
@@ -82,7 +111,7 @@ LONG WINAPI NoteCrash(EXCEPTION_POINTERS* exception)
     }
 }
 
-// An exception that nobody catches, on a thread that a check has started.
+// An uncaught exception on a thread that a check has started.
 [[noreturn]] void NoteTerminate()
 {
     constexpr DWORD kUncaughtException = 0x20474343;  // how the compiler's exceptions are numbered
@@ -93,28 +122,44 @@ LONG WINAPI NoteCrash(EXCEPTION_POINTERS* exception)
     std::abort();  // not reached
 }
 
+// A call of the Windows Runtime failed. Wine 8 does not have the classes.
+Finding OfFailedCall(const repair::WinrtError& error)
+{
+    return error.code == REGDB_E_CLASSNOTREG
+               ? Finding{nullptr, Saw(L"this system does not have the class"), Verdict::kNotApplicable}
+               : Finding{nullptr, Saw(ResultOf(error.code), error.message)};
+}
+
 DWORD WINAPI RunOne(void* argument)
 {
     const std::unique_ptr<std::shared_ptr<Attempt>> attempt(static_cast<std::shared_ptr<Attempt>*>(argument));
-    Seen seen;
+    Finding& finding = (*attempt)->finding;
     try
     {
-        seen = (*attempt)->check.look();
+        finding.seen = (*attempt)->check.look();
+    }
+    catch (const NotApplicable& reason)
+    {
+        finding = {nullptr, Saw(reason.reason), Verdict::kNotApplicable};
+    }
+    catch (const repair::WinrtError& error)
+    {
+        finding = OfFailedCall(error);
     }
     catch (const std::exception& error)
     {
-        seen = Saw(L"the check ended with an exception: " + Widened(error.what()));
+        finding.seen = Saw(L"the check ended with an exception: " + Widened(error.what()));
     }
     catch (...)
     {
-        seen = Saw(L"the check ended with an exception");
+        finding.seen = Saw(L"the check ended with an exception");
     }
-    (*attempt)->seen = std::move(seen);
     SetEvent((*attempt)->done);
     return 0;
 }
 
-Seen Look(const Check& check, DWORD longestMs)
+// Runs the check on a thread of its own.
+Finding Look(const Check& check, DWORD limitMs)
 {
     const auto attempt = std::make_shared<Attempt>(check);
     auto own = std::make_unique<std::shared_ptr<Attempt>>(attempt);
@@ -123,82 +168,59 @@ Seen Look(const Check& check, DWORD longestMs)
     if (thread == nullptr)
     {
         current = nullptr;
-        return Saw(L"no thread for the check: " + Number(GetLastError()));
+        return {nullptr, Saw(L"no thread for the check: " + Number(GetLastError()))};
     }
     [[maybe_unused]] auto* const handedOver = own.release();
     CloseHandle(thread);
-    const DWORD limitMs = std::min(check.limitMs, longestMs);
     const bool isDone = WaitForSingleObject(attempt->done, limitMs) == WAIT_OBJECT_0;
     current = nullptr;
     if (!isDone)
     {
-        return Saw(kSilence + Number(limitMs / 1000) + L" s");
+        return {nullptr, Saw(kSilence + Number(limitMs / 1000) + L" s")};
     }
     if (attempt->crash != 0)
     {
-        return Saw(L"the check crashed: " + Hex(attempt->crash));
+        return {nullptr, Saw(L"the check crashed: " + Hex(attempt->crash))};
     }
-    return attempt->seen;
+    return attempt->finding;
 }
 
-std::map<std::string_view, Check> ChecksById(std::wstring& complaint)
-{
-    std::map<std::string_view, Check> checks;
-    for (const auto list :
-         {LibraryChecks, ProcessChecks, EventChecks, RegistryChecks, MessageChecks, TextChecks, ReadingChecks,
-          FolderChecks, RemovalChecks, SharingChecks, SecurityChecks, DeviceChecks, InfChecks, InstallerChecks,
-          InternetChecks, DownloadChecks, RuntimeChecks, StoreChecks, WindowChecks})
-    {
-        for (const Check& check : list())
-        {
-            if (!checks.emplace(check.id, check).second)
-            {
-                complaint += L"two checks are called " + Widened(check.id) + L"\n";
-            }
-        }
-    }
-    return checks;
-}
-}  // namespace
-
-namespace
-{
 bool IsWanted(const Fact& fact, const std::vector<std::wstring>& only)
 {
     return only.empty() || std::any_of(only.begin(), only.end(), [&](const std::wstring& name) {
                return name == Widened(fact.id) || name == Widened(fact.group);
            });
 }
-}  // namespace
 
-const char* NameOf(Verdict verdict)
+Finding CheckFact(const Fact& fact, const Check& check, DWORD limitMs)
 {
-    switch (verdict)
+    const ULONGLONG start = GetTickCount64();
+    Finding finding = Look(check, limitMs);
+    finding.fact = &fact;
+    finding.milliseconds = static_cast<DWORD>(GetTickCount64() - start);
+    if (finding.verdict == Verdict::kDiffers &&
+        std::count(fact.expected.begin(), fact.expected.end(), finding.seen.text) > 0)
     {
-        case Verdict::kOk:
-            return "ok";
-        case Verdict::kNotApplicable:
-            return "not applicable";
-        case Verdict::kDiffers:
-            break;
+        finding.verdict = Verdict::kOk;
     }
-    return "differs";
+    return finding;
 }
+}  // namespace
 
 std::vector<Finding> RunChecks(const std::vector<std::wstring>& only, DWORD longestMs, std::wstring& complaint)
 {
-    std::map<std::string_view, Check> checks = ChecksById(complaint);
+    std::map<std::string_view, Check> checks;
+    for (const Check& check : AllChecks())
+    {
+        checks.emplace(check.id, check);
+    }
     for (const Fact& fact : AllFacts())
     {
-        if (checks.count(fact.id) == 0)
-        {
-            complaint += L"no check looks at " + Widened(fact.id) + L"\n";
-        }
+        complaint += checks.count(fact.id) == 0 ? L"there is no check of " + Widened(fact.id) + L"\n" : L"";
     }
-    if (checks.size() != AllFacts().size())
+    if (checks.size() != AllFacts().size() || AllChecks().size() != AllFacts().size())
     {
-        complaint += Number(static_cast<long long>(checks.size())) + L" checks, " +
-                     Number(static_cast<long long>(AllFacts().size())) + L" facts\n";
+        complaint += Number(AllChecks().size()) + L" checks, " + Number(AllFacts().size()) + L" facts\n";
     }
     if (!complaint.empty())
     {
@@ -209,35 +231,19 @@ std::vector<Finding> RunChecks(const std::vector<std::wstring>& only, DWORD long
     SetUnhandledExceptionFilter(NoteCrash);
     std::set_terminate(NoteTerminate);
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);  // no box of the system, whatever happens
-    // Where several did not come back they may hold what others wait for: nobody should wait for hours.
+    // Checks that did not come back may hold what others wait for; the rest then gets less time.
     constexpr int kSilentOnes = 3;
     constexpr DWORD kShortMs = 3'000;
     int silent = 0;
     std::vector<Finding> findings;
     for (const Fact& fact : AllFacts())
     {
-        if (!IsWanted(fact, only))
+        if (IsWanted(fact, only))
         {
-            continue;
+            const DWORD shortest = silent < kSilentOnes ? longestMs : std::min(longestMs, kShortMs);
+            findings.push_back(CheckFact(fact, checks.at(fact.id), std::min(fact.limitMs, shortest)));
+            silent += findings.back().seen.text.starts_with(kSilence) ? 1 : 0;
         }
-        Finding finding;
-        finding.fact = &fact;
-        const ULONGLONG start = GetTickCount64();
-        finding.seen = Look(checks.at(fact.id), silent < kSilentOnes ? longestMs : std::min(longestMs, kShortMs));
-        silent += finding.seen.text.starts_with(kSilence) ? 1 : 0;
-        finding.milliseconds = static_cast<DWORD>(GetTickCount64() - start);
-        if (!finding.seen.applies)
-        {
-            finding.verdict = Verdict::kNotApplicable;
-        }
-        for (const std::wstring_view expected : fact.expected)
-        {
-            if (finding.seen.applies && finding.seen.text == expected)
-            {
-                finding.verdict = Verdict::kOk;
-            }
-        }
-        findings.push_back(std::move(finding));
     }
     return findings;
 }

@@ -25,10 +25,9 @@ struct Finding
     DWORD milliseconds = 0;
 };
 
-// Runs each check on a thread of its own, one after the other, in the order of the facts. What throws, crashes or does
-// not come back within its limit differs, and says so; such a thread is left behind. Only facts whose id or group is
-// among `only` when that is not empty. No limit is longer than `longestMs`. `complaint` is set when facts and checks
-// are not the same ones, and then nothing runs. From here on a crash of the calling thread removes what the program
-// made and ends it with code 2.
+// Runs each check on a thread of its own, one after the other, in the order of the facts. A check that throws, crashes
+// or exceeds its limit differs, and says so; its thread is left behind. `only` selects facts by id or group; empty
+// selects all. No limit is longer than `longestMs`. If facts and checks do not belong together, `complaint` is set and
+// nothing runs. After this, a crash of the calling thread removes what the program made and ends it with code 2.
 std::vector<Finding> RunChecks(const std::vector<std::wstring>& only, DWORD longestMs, std::wstring& complaint);
 }  // namespace windows_check

@@ -1,146 +1,84 @@
-// Windows Runtime: strings, activation, and the package manager's objects through the interfaces that the tool
-// declares. Nothing is removed; the packages are only looked at.
+// Windows Runtime: strings, activation, and the package manager's objects. Packages are listed, never changed.
 #include <windows.h>
 #include <objbase.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cwctype>
+#include <thread>
+#include <vector>
 
 #include "base/library.h"
-#include "store/store_packages.h"
 #include "windows_check/check.h"
-#include "windows_check/probes.h"
+#include "windows_check/probe.h"
 #include "windows_check/runtime_objects.h"
 #include "windows_check/words.h"
 
-namespace windows_check
+// The objects belong to Windows, so this is never called.
+HRESULT winrt_abi::UnusedSlot(const wchar_t*, const wchar_t*)
 {
-using repair::Reference;
-
-std::wstring ClassOf(abi::IInspectable* object)
-{
-    abi::HString name = nullptr;
-    const HRESULT code = object->GetRuntimeClassName(&name);
-    const repair::HStringOwner owner(name);
-    return FAILED(code) ? ResultOf(code) : repair::ToWide(name);
+    return E_NOTIMPL;
 }
 
+namespace windows_check
+{
 namespace
 {
 constexpr UINT32 kMainPackages = 1;
 
-// An interface that nobody has.
-struct Nobodys
+// An interface that no object has.
+struct UnknownInterface
 {
-    static constexpr GUID kIid = {0x5B0D31C4, 0x9E4F, 0x4D3B, {0x8A, 0x61, 0x27, 0xC0, 0x5E, 0x12, 0xF9, 0x04}};
+    static constexpr GUID kIid = winrt_abi::Id("5B0D31C4-9E4F-4D3B-8A61-27C05E12F904");
 };
 
-std::wstring Told(const repair::WinrtError& error)
+Reference<winrt_abi::IInspectable> MakeManager()
 {
-    return ResultOf(error.code);
+    const auto factory = Activated<winrt_abi::IActivationFactory>(winrt_abi::kPackageManagerClass);
+    return Get(factory.Get(), &winrt_abi::IActivationFactory::ActivateInstance);
 }
 
-template <typename Look>
-Seen Guarded(Look look)
+// As the tool asks, where that is allowed; otherwise the packages of the current user.
+Reference<winrt_abi::IPackageIterable> Packages(bool areOfAllUsers = ThisPc().isElevated)
 {
-    try
-    {
-        return look();
-    }
-    catch (const repair::WinrtError& error)
-    {
-        if (error.code == REGDB_E_CLASSNOTREG)
-        {
-            return DoesNotApply(L"this system does not have the class");
-        }
-        return Saw(Told(error), error.message);
-    }
+    const auto manager = repair::QueryFor<winrt_abi::IPackageManager>(MakeManager().Get());
+    return Given<winrt_abi::IPackageIterable>([&](auto** found) {
+        return areOfAllUsers ? manager.Get()->FindPackages(found)
+                             : manager.Get()->FindPackagesByUserSecurityId(nullptr, found);
+    });
 }
 
-Reference<abi::IInspectable> MakeManager()
-{
-    Reference<abi::IActivationFactory> factory(static_cast<abi::IActivationFactory*>(
-        repair::ActivateFactory(abi::kPackageManagerClass, abi::IActivationFactory::kIid)));
-    abi::IInspectable* instance = nullptr;
-    const HRESULT code = factory.Get()->ActivateInstance(&instance);
-    return repair::TakeObject(code, instance);
-}
-
-Reference<abi::IPackageIterable> PackagesOfUser()
-{
-    const Reference<abi::IInspectable> instance = MakeManager();
-    const auto manager = repair::QueryFor<PackageManagerOfUser>(instance.Get());
-    abi::IPackageIterable* found = nullptr;
-    const HRESULT code = manager.Get()->FindPackagesByUserSecurityId(nullptr, &found);
-    return repair::TakeObject(code, found);
-}
-
-// As the tool asks, where that is allowed.
-Reference<abi::IPackageIterable> Packages()
-{
-    if (!ThisMachine().isElevated)
-    {
-        return PackagesOfUser();
-    }
-    const Reference<abi::IInspectable> instance = MakeManager();
-    const auto manager = repair::QueryFor<abi::IPackageManager>(instance.Get());
-    abi::IPackageIterable* found = nullptr;
-    const HRESULT code = manager.Get()->FindPackages(&found);
-    return repair::TakeObject(code, found);
-}
-
-// Enumerates as the tool does; `visit` says whether to go on. How many packages there were.
+// Enumerates as the tool does, until `visit` returns false. Returns how many packages it has seen.
 template <typename Visit>
-int ForEach(abi::IPackageIterable* packages, Visit visit)
+int ForEach(winrt_abi::IPackageIterable* packages, Visit visit)
 {
-    abi::IPackageIterator* first = nullptr;
-    const HRESULT code = packages->First(&first);
-    const Reference<abi::IPackageIterator> iterator = repair::TakeObject(code, first);
-    abi::Boolean hasCurrent = 0;
+    const auto iterator = Get(packages, &winrt_abi::IPackageIterable::First);
+    boolean hasCurrent = 0;
     repair::CheckResult(iterator.Get()->get_HasCurrent(&hasCurrent));
     int count = 0;
     while (hasCurrent != 0)
     {
-        abi::IPackage* current = nullptr;
-        const HRESULT currentCode = iterator.Get()->get_Current(&current);
-        const Reference<abi::IPackage> package = repair::TakeObject(currentCode, current);
+        const auto package = Get(iterator.Get(), &winrt_abi::IPackageIterator::get_Current);
         ++count;
         if (!visit(package.Get()))
         {
-            return count;
+            break;
         }
         repair::CheckResult(iterator.Get()->MoveNext(&hasCurrent));
     }
     return count;
 }
 
-Reference<abi::IPackageId> IdOf(abi::IPackage* package)
+Reference<winrt_abi::IPackageId> IdOf(winrt_abi::IPackage* package)
 {
-    abi::IPackageId* id = nullptr;
-    const HRESULT code = package->get_Id(&id);
-    return repair::TakeObject(code, id);
+    return Get(package, &winrt_abi::IPackage::get_Id);
 }
 
-std::wstring FullNameOf(abi::IPackageId* id)
+Reference<winrt_abi::IPackageStatus> StatusOf(winrt_abi::IPackage* package)
 {
-    abi::HString name = nullptr;
-    const HRESULT code = id->get_FullName(&name);
-    const repair::HStringOwner owner(name);
-    repair::CheckResult(code);
-    return repair::ToWide(name);
+    return Get(repair::QueryFor<winrt_abi::IPackage3>(package).Get(), &winrt_abi::IPackage3::get_Status);
 }
 
-std::wstring VersionOf(abi::IPackageId* id)
-{
-    abi::PackageVersion version;
-    repair::CheckResult(id->get_Version(&version));
-    return Number(version.Major) + L"." + Number(version.Minor) + L"." + Number(version.Build) + L"." +
-           Number(version.Revision);
-}
-
-// Name_1.2.3.4_x64_resource_publisher: the full name must carry the version that get_Version gives. A method in a wrong
-// slot would give something else.
+// Name_1.2.3.4_x64_resource_publisher: the full name must contain the version that get_Version gives. A method in a
+// wrong slot would give something different.
 bool IsPlausible(const std::wstring& fullName, const std::wstring& version)
 {
     const size_t name = fullName.find(L'_');
@@ -148,14 +86,11 @@ bool IsPlausible(const std::wstring& fullName, const std::wstring& version)
            fullName[name + 1 + version.size()] == L'_' && std::count(fullName.begin(), fullName.end(), L'_') == 4;
 }
 
-Seen EmptyString()
-{
-    const repair::HStringOwner empty = repair::MakeHString(L"");
-    return Saw((empty ? std::wstring(L"an object") : L"null") + L", read as " +
-               Quoted(repair::ToWide(abi::HString{nullptr})));
-}
+SHORT_FACT(runtime, empty_string,
+           Saw((repair::MakeHString(L"") ? L"an object, read as " : L"null, read as ") +
+               Quoted(repair::ToWide(repair::abi::HString{nullptr}))))
 
-Seen StringWithNul()
+FACT(runtime, string_with_nul)
 {
     const std::wstring text(L"a\0b", 3);
     const repair::HStringOwner made = repair::MakeHString(text);
@@ -164,227 +99,144 @@ Seen StringWithNul()
 
 const Answer& Activation()
 {
-    static const Answer answer = Ask(ThisMachine().program, L"activation");
+    static const Answer answer = Ask(ThisPc().program, L"activation");
     return answer;
 }
 
-Seen WithoutApartment()
-{
-    return Saw(Activation()[L"bare"], L"apartment: " + Activation()[L"apartment before"]);
-}
+SHORT_FACT(runtime, without_apartment, Saw(Activation()[L"bare"], L"apartment: " + Activation()[L"apartment before"]))
 
-Seen AfterIncrement()
+FACT(runtime, after_increment)
 {
     const std::wstring code = Activation()[L"again"];
-    if (code == ResultOf(REGDB_E_CLASSNOTREG))
-    {
-        return DoesNotApply(L"this system does not have the class");
-    }
+    Need(code != ResultOf(REGDB_E_CLASSNOTREG), L"this system does not have the class");
     return Saw(code, L"CoIncrementMTAUsage: " + Activation()[L"increment"]);
 }
 
-Seen ImplicitApartment()
-{
-    return Saw(Activation()[L"apartment after"]);
-}
+SHORT_FACT(runtime, implicit_apartment, Saw(Activation()[L"apartment after"]))
+SHORT_FACT(runtime, other_threads, Saw(Activation()[L"apartment of another thread"]))
 
-Seen OtherThreads()
-{
-    return Saw(Activation()[L"apartment of another thread"]);
-}
-
-Seen UnknownClass()
+FACT(runtime, unknown_class)
 {
     try
     {
-        repair::ActivateFactory(L"TavikWindowsCheck.Nobody", abi::IActivationFactory::kIid);
+        Activated<winrt_abi::IActivationFactory>(L"TavikWindowsCheck.Unknown");
     }
     catch (const repair::WinrtError& error)
     {
-        return Saw(Told(error), error.message);
+        return Saw(ResultOf(error.code), error.message);
     }
     return Saw(L"a factory");
 }
 
-Seen ManagerFactory()
+FACT(runtime, manager_factory)
 {
-    return Guarded([] {
-        const Reference<::IUnknown> factory(static_cast<::IUnknown*>(
-            repair::ActivateFactory(abi::kPackageManagerClass, abi::IActivationFactory::kIid)));
-        void* agile = nullptr;
-        const HRESULT code = factory.Get()->QueryInterface(abi::kIidAgileObject, &agile);
-        const Reference<::IUnknown> owner(static_cast<::IUnknown*>(agile));
-        return Saw(SUCCEEDED(code) ? L"for every thread" : ResultOf(code));
-    });
+    const auto factory = Activated<winrt_abi::IActivationFactory>(winrt_abi::kPackageManagerClass);
+    const std::wstring answer = Answers<winrt_abi::IAgileObject>(factory.Get());
+    return Saw(answer == L"yes" ? L"for every thread" : answer);
 }
 
-Seen ManagerClass()
+SHORT_FACT(runtime, manager_class, Saw(ClassOf(MakeManager().Get())))
+
+FACT(runtime, manager_interfaces)
 {
-    return Guarded([] { return Saw(ClassOf(MakeManager().Get())); });
+    const Reference<winrt_abi::IInspectable> manager = MakeManager();
+    return Saw(Answers<winrt_abi::IPackageManager>(manager.Get()) + L" " +
+               Answers<winrt_abi::IPackageManager2>(manager.Get()));
 }
 
-Seen ManagerInterfaces()
+Seen HowMany(const Reference<winrt_abi::IPackageIterable>& packages)
 {
-    return Guarded([] {
-        const Reference<abi::IInspectable> manager = MakeManager();
-        return Saw(Answers<abi::IPackageManager>(manager.Get()) + L" " + Answers<abi::IPackageManager2>(manager.Get()));
-    });
+    const int count = ForEach(packages.Get(), [](winrt_abi::IPackage*) { return true; });
+    Need(count > 0, L"the user has no packages");
+    return Saw(L"packages", Number(count));
 }
 
-Seen HowMany(abi::IPackageIterable* packages)
+SHORT_FACT(runtime, manager_slots, HowMany(Packages(false)))
+
+FACT(runtime, manager2_slots)
 {
-    const int count = ForEach(packages, [](abi::IPackage*) { return true; });
-    return count > 0 ? Saw(L"packages", Number(count)) : DoesNotApply(L"the user has no packages");
+    const auto manager = repair::QueryFor<winrt_abi::IPackageManager2>(MakeManager().Get());
+    return HowMany(Given<winrt_abi::IPackageIterable>([&](auto** found) {
+        return manager.Get()->FindPackagesByUserSecurityIdWithPackageTypes(nullptr, kMainPackages, found);
+    }));
 }
 
-Seen ManagerSlots()
+FACT(runtime, all_packages)
 {
-    return Guarded([] { return HowMany(PackagesOfUser().Get()); });
+    Need(ThisPc().isElevated, L"needs an administrator: packages of all users are listed");
+    return HowMany(Packages());
 }
 
-Seen Manager2Slots()
-{
-    return Guarded([] {
-        const Reference<abi::IInspectable> instance = MakeManager();
-        const auto manager = repair::QueryFor<PackageManager2OfUser>(instance.Get());
-        abi::IPackageIterable* found = nullptr;
-        const HRESULT code =
-            manager.Get()->FindPackagesByUserSecurityIdWithPackageTypes(nullptr, kMainPackages, &found);
-        const Reference<abi::IPackageIterable> packages = repair::TakeObject(code, found);
-        return HowMany(packages.Get());
-    });
-}
-
-Seen AllPackages()
-{
-    if (!ThisMachine().isElevated)
-    {
-        return DoesNotApply(L"needs an administrator: packages of all users are listed");
-    }
-    return Guarded([] { return HowMany(Packages().Get()); });
-}
-
-Seen AllPackagesRefused()
-{
-    if (ThisMachine().isElevated)
-    {
-        return DoesNotApply(L"the program runs as administrator; start it without for this");
-    }
-    return Guarded([] {
-        const Reference<abi::IInspectable> instance = MakeManager();
-        const auto manager = repair::QueryFor<abi::IPackageManager>(instance.Get());
-        abi::IPackageIterable* found = nullptr;
-        const HRESULT code = manager.Get()->FindPackages(&found);
-        const Reference<abi::IPackageIterable> owner(found);
-        return Saw(ResultOf(code));
-    });
-}
-
-// Every package of the user, until one has something odd.
+// Asks about every package, until an answer is not the wanted one.
 template <typename Ask>
 Seen OfEachPackage(const wchar_t* wanted, Ask ask)
 {
-    return Guarded([&] {
-        std::wstring seen = wanted;
-        std::wstring detail;
-        const int count = ForEach(Packages().Get(), [&](abi::IPackage* package) {
-            seen = ask(package, detail);
-            return seen == wanted;
-        });
-        return count == 0 ? DoesNotApply(L"the user has no packages")
-                          : Saw(seen, Number(count) + L" packages " + detail);
+    std::wstring seen = wanted;
+    std::wstring detail;
+    const int count = ForEach(Packages().Get(), [&](winrt_abi::IPackage* package) {
+        seen = ask(package, detail);
+        return seen == wanted;
     });
+    Need(count > 0, L"the user has no packages");
+    return Saw(seen, Number(count) + L" packages " + detail);
 }
 
-Seen PackageClasses()
+FACT(runtime, package_classes)
 {
-    constexpr wchar_t kWanted[] = L"Package, PackageId, PackageStatus";
-    return OfEachPackage(kWanted, [](abi::IPackage* package, std::wstring&) {
-        const auto package3 = repair::QueryFor<abi::IPackage3>(package);
-        abi::IPackageStatus* found = nullptr;
-        const HRESULT code = package3.Get()->get_Status(&found);
-        const Reference<abi::IPackageStatus> status = repair::TakeObject(code, found);
-        std::wstring seen;
-        for (const std::wstring& name : {ClassOf(package), ClassOf(IdOf(package).Get()), ClassOf(status.Get())})
+    return OfEachPackage(L"Package, PackageId, PackageStatus", [](winrt_abi::IPackage* package, std::wstring&) {
+        constexpr wchar_t kSpace[] = L"Windows.ApplicationModel.";
+        std::vector<std::wstring> names = {ClassOf(package), ClassOf(IdOf(package).Get()),
+                                           ClassOf(StatusOf(package).Get())};
+        for (std::wstring& name : names)
         {
-            constexpr wchar_t kSpace[] = L"Windows.ApplicationModel.";
-            seen +=
-                (seen.empty() ? L"" : L", ") + (name.starts_with(kSpace) ? name.substr(std::size(kSpace) - 1) : name);
+            name = name.starts_with(kSpace) ? name.substr(std::size(kSpace) - 1) : name;
         }
-        return seen;
+        return Joined(names, L", ");
     });
 }
 
-Seen PackageInterfaces()
+FACT(runtime, package_interfaces)
 {
-    return OfEachPackage(L"yes yes yes yes, another 0x80004002", [](abi::IPackage* package, std::wstring&) {
-        const auto package3 = repair::QueryFor<abi::IPackage3>(package);
-        abi::IPackageStatus* found = nullptr;
-        const HRESULT code = package3.Get()->get_Status(&found);
-        const Reference<abi::IPackageStatus> status = repair::TakeObject(code, found);
-        // The last one has an id that nothing answers: the others can be refused.
-        return Answers<abi::IPackage>(package) + L" " + Answers<abi::IPackage3>(package) + L" " +
-               Answers<abi::IPackageId>(IdOf(package).Get()) + L" " + Answers<abi::IPackageStatus>(status.Get()) +
-               L", another " + Answers<Nobodys>(package);
+    return OfEachPackage(L"yes yes yes yes, another 0x80004002", [](winrt_abi::IPackage* package, std::wstring&) {
+        // No object has the last one: a refusal is possible.
+        return Joined({Answers<winrt_abi::IPackage>(package), Answers<winrt_abi::IPackage3>(package),
+                       Answers<winrt_abi::IPackageId>(IdOf(package).Get()),
+                       Answers<winrt_abi::IPackageStatus>(StatusOf(package).Get())}) +
+               L", another " + Answers<UnknownInterface>(package);
     });
 }
 
-Seen ListInterfaces()
+FACT(runtime, list_interfaces)
 {
-    return Guarded([] {
-        const Reference<abi::IPackageIterable> packages = Packages();
-        abi::IPackageIterator* first = nullptr;
-        const HRESULT code = packages.Get()->First(&first);
-        const Reference<abi::IPackageIterator> iterator = repair::TakeObject(code, first);
-        return Saw(Answers<abi::IPackageIterable>(packages.Get()) + L" " +
-                   Answers<abi::IPackageIterator>(iterator.Get()));
+    const Reference<winrt_abi::IPackageIterable> packages = Packages();
+    const auto iterator = Get(packages.Get(), &winrt_abi::IPackageIterable::First);
+    return Saw(Answers<winrt_abi::IPackageIterable>(packages.Get()) + L" " +
+               Answers<winrt_abi::IPackageIterator>(iterator.Get()));
+}
+
+FACT(runtime, package_names)
+{
+    return OfEachPackage(L"plausible", [](winrt_abi::IPackage* package, std::wstring& detail) -> std::wstring {
+        const Reference<winrt_abi::IPackageId> id = IdOf(package);
+        HSTRING name = nullptr;
+        const HRESULT code = id.Get()->get_FullName(&name);
+        const std::wstring fullName = Taken(code, name);
+        winrt_abi::PackageVersion found = {};
+        repair::CheckResult(id.Get()->get_Version(&found));
+        const std::wstring version =
+            Joined({Number(found.major), Number(found.minor), Number(found.build), Number(found.revision)}, L".");
+        const bool isPlausible = IsPlausible(fullName, version);
+        detail = isPlausible ? L"" : fullName + L" " + version;
+        return isPlausible ? L"plausible" : L"not plausible";
     });
 }
 
-Seen PackageNames()
+FACT(runtime, package_status)
 {
-    return OfEachPackage(L"plausible", [](abi::IPackage* package, std::wstring& detail) {
-        const Reference<abi::IPackageId> id = IdOf(package);
-        const std::wstring fullName = FullNameOf(id.Get());
-        const std::wstring version = VersionOf(id.Get());
-        if (IsPlausible(fullName, version))
-        {
-            return std::wstring(L"plausible");
-        }
-        detail = fullName + L" " + version;
-        return std::wstring(L"not plausible");
-    });
-}
-
-Seen PackageStatus()
-{
-    return OfEachPackage(L"0 or 1", [](abi::IPackage* package, std::wstring&) {
-        const auto package3 = repair::QueryFor<abi::IPackage3>(package);
-        abi::IPackageStatus* found = nullptr;
-        const HRESULT code = package3.Get()->get_Status(&found);
-        const Reference<abi::IPackageStatus> status = repair::TakeObject(code, found);
-        abi::Boolean isOk = 0x55;
-        repair::CheckResult(status.Get()->VerifyIsOK(&isOk));
+    return OfEachPackage(L"0 or 1", [](winrt_abi::IPackage* package, std::wstring&) {
+        boolean isOk = 0x55;
+        repair::CheckResult(StatusOf(package).Get()->VerifyIsOK(&isOk));
         return isOk <= 1 ? std::wstring(L"0 or 1") : Number(isOk);
-    });
-}
-
-Seen PastTheEnd()
-{
-    return Guarded([] {
-        const Reference<abi::IPackageIterable> packages = Packages();
-        abi::IPackageIterator* first = nullptr;
-        const HRESULT code = packages.Get()->First(&first);
-        const Reference<abi::IPackageIterator> iterator = repair::TakeObject(code, first);
-        abi::Boolean hasCurrent = 1;
-        while (hasCurrent != 0)
-        {
-            repair::CheckResult(iterator.Get()->MoveNext(&hasCurrent));
-        }
-        abi::IPackage* none = nullptr;
-        const HRESULT past = iterator.Get()->get_Current(&none);
-        const Reference<abi::IPackage> owner(none);
-        return Saw(ResultOf(past));
     });
 }
 
@@ -397,15 +249,13 @@ std::wstring Apartment()
     {
         return ResultOf(code);
     }
-    return (type == APTTYPE_MTA ? L"multithreaded" : L"type " + Number(type)) +
+    return (type == APTTYPE_MTA ? L"multithreaded" : L"type " + std::to_wstring(type)) +
            std::wstring(qualifier == APTTYPEQUALIFIER_IMPLICIT_MTA ? L", implicit" : L"");
 }
-}  // namespace
-
-int ActivationProbe(int, wchar_t**)
+PROBE(activation)
 {
     const HMODULE combase = LoadLibraryExW(L"combase.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-    using Activate = HRESULT(WINAPI*)(abi::HString, const GUID&, void**);
+    using Activate = HRESULT(WINAPI*)(repair::abi::HString, const GUID&, void**);
     using Increment = HRESULT(WINAPI*)(void**);
     auto* const activate = repair::LookUpFunction<Activate>(combase, "RoGetActivationFactory");
     auto* const increment = repair::LookUpFunction<Increment>(combase, "CoIncrementMTAUsage");
@@ -413,49 +263,16 @@ int ActivationProbe(int, wchar_t**)
     {
         return 1;
     }
-    const repair::HStringOwner name = repair::MakeHString(abi::kPackageManagerClass);
+    const repair::HStringOwner name = repair::MakeHString(winrt_abi::kPackageManagerClass);
     void* factory = nullptr;
     Tell(L"apartment before", Apartment());
-    Tell(L"bare", ResultOf(activate(name.Get(), abi::IActivationFactory::kIid, &factory)));
+    Tell(L"bare", ResultOf(activate(name.Get(), winrt_abi::IActivationFactory::kIid, &factory)));
     void* cookie = nullptr;
     Tell(L"increment", ResultOf(increment(&cookie)));
-    Tell(L"again", ResultOf(activate(name.Get(), abi::IActivationFactory::kIid, &factory)));
+    Tell(L"again", ResultOf(activate(name.Get(), winrt_abi::IActivationFactory::kIid, &factory)));
     Tell(L"apartment after", Apartment());
-    const HANDLE thread = CreateThread(
-        nullptr, 0,
-        [](void*) -> DWORD {
-            Tell(L"apartment of another thread", Apartment());
-            return 0;
-        },
-        nullptr, 0, nullptr);
-    WaitForSingleObject(thread, 5000);
-    CloseHandle(thread);
+    std::thread([] { Tell(L"apartment of another thread", Apartment()); }).join();
     return 0;
 }
-
-std::vector<Check> RuntimeChecks()
-{
-    return {
-        {"runtime.empty_string", EmptyString},
-        {"runtime.string_with_nul", StringWithNul},
-        {"runtime.without_apartment", WithoutApartment, 30'000},
-        {"runtime.after_increment", AfterIncrement, 30'000},
-        {"runtime.implicit_apartment", ImplicitApartment, 30'000},
-        {"runtime.other_threads", OtherThreads, 30'000},
-        {"runtime.unknown_class", UnknownClass},
-        {"runtime.manager_factory", ManagerFactory, 30'000},
-        {"runtime.manager_class", ManagerClass, 30'000},
-        {"runtime.manager_interfaces", ManagerInterfaces, 30'000},
-        {"runtime.manager_slots", ManagerSlots, 60'000},
-        {"runtime.manager2_slots", Manager2Slots, 60'000},
-        {"runtime.all_packages", AllPackages, 60'000},
-        {"runtime.all_packages_refused", AllPackagesRefused, 60'000},
-        {"runtime.package_classes", PackageClasses, 60'000},
-        {"runtime.package_interfaces", PackageInterfaces, 60'000},
-        {"runtime.list_interfaces", ListInterfaces, 60'000},
-        {"runtime.package_names", PackageNames, 60'000},
-        {"runtime.package_status", PackageStatus, 120'000},
-        {"runtime.past_the_end", PastTheEnd, 60'000},
-    };
-}
+}  // namespace
 }  // namespace windows_check

@@ -1,51 +1,55 @@
-// Windows Runtime objects as the tool gets them, for the checks of packages and of the Store.
+// Windows Runtime objects, for the checks of packages and of the Store. They use the lab's declaration, which is
+// independent of the tool's; tests/store/winrt_abi_test.cpp compares the two.
 #pragma once
+
+#include <windows.h>
 
 #include <string>
 
+#include "lab/standins/winrt/abi.h"
 #include "store/winrt_runtime.h"
 #include "windows_check/words.h"
 
 namespace windows_check
 {
-namespace abi = repair::abi;
+using repair::Reference;
 
-// Not in an unnamed namespace: there the compiler would know that nobody implements these, and leave the calls out.
+// The object that a call puts where it is told. Throws repair::WinrtError if the call fails or gives none.
+template <typename Interface, typename Call>
+Reference<Interface> Given(Call call)
+{
+    Interface* found = nullptr;
+    const HRESULT code = call(&found);
+    return repair::TakeObject(code, found);
+}
 
-// The same interface as the tool's, with a neighbour that anybody may call: packages of the current user. That it
-// answers shows that the slots in front of it are as many as the tool counts as well.
-struct PackageManagerOfUser : abi::IInspectable
+template <typename Object, typename Interface>
+Reference<Interface> Get(Object* object, HRESULT (STDMETHODCALLTYPE Object::*method)(Interface**))
 {
-    static constexpr GUID kIid = abi::IPackageManager::kIid;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot6() = 0;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot7() = 0;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot8() = 0;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot9() = 0;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot10() = 0;
-    virtual HRESULT STDMETHODCALLTYPE FindPackages(abi::IPackageIterable** packages) = 0;
-    virtual HRESULT STDMETHODCALLTYPE FindPackagesByUserSecurityId(abi::HString sid,
-                                                                   abi::IPackageIterable** packages) = 0;
-};
+    return Given<Interface>([&](Interface** found) { return (object->*method)(found); });
+}
 
-struct PackageManager2OfUser : abi::IInspectable
+template <typename Interface>
+Reference<Interface> Activated(const wchar_t* className)
 {
-    static constexpr GUID kIid = abi::IPackageManager2::kIid;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot6() = 0;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot7() = 0;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot8() = 0;
-    virtual HRESULT STDMETHODCALLTYPE UnusedSlot9() = 0;
-    virtual HRESULT STDMETHODCALLTYPE
-    FindPackagesByUserSecurityIdWithPackageTypes(abi::HString sid, UINT32 types, abi::IPackageIterable** packages) = 0;
-};
-// The tool's interface with its first slot, a question without any effect: may packages be downloaded silently?
-struct StoreContext3First : abi::IInspectable
+    return Reference<Interface>(static_cast<Interface*>(repair::ActivateFactory(className, Interface::kIid)));
+}
+
+// The string that a method gave. Throws repair::WinrtError if it failed.
+inline std::wstring Taken(HRESULT code, HSTRING string)
 {
-    static constexpr GUID kIid = abi::IStoreContext3::kIid;
-    virtual HRESULT STDMETHODCALLTYPE get_CanSilentlyDownloadStorePackageUpdates(abi::Boolean* can) = 0;
-};
+    const repair::HStringOwner owner(reinterpret_cast<repair::abi::HString>(string));
+    repair::CheckResult(code);
+    return repair::ToWide(owner.Get());
+}
 
 // The class name that an object gives itself.
-std::wstring ClassOf(abi::IInspectable* object);
+inline std::wstring ClassOf(winrt_abi::IInspectable* object)
+{
+    HSTRING name = nullptr;
+    const HRESULT code = object->GetRuntimeClassName(&name);
+    return Taken(code, name);
+}
 
 // "yes", or the code of the refusal.
 template <typename Interface>

@@ -11,7 +11,7 @@
 #include "install/secure_directory.h"
 #include "windows_check/check.h"
 #include "windows_check/own_things.h"
-#include "windows_check/probes.h"
+#include "windows_check/probe.h"
 #include "windows_check/words.h"
 
 namespace windows_check
@@ -22,7 +22,7 @@ std::wstring SessionText(WTS_INFO_CLASS information)
 {
     wchar_t* text = nullptr;
     DWORD bytes = 0;
-    WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, ThisMachine().session, information, &text, &bytes);
+    WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, ThisPc().session, information, &text, &bytes);
     const std::wstring copy = text == nullptr ? L"" : text;
     WTSFreeMemory(text);
     return copy;
@@ -33,50 +33,48 @@ std::wstring SessionUser()
     return SessionText(WTSDomainName) + L"\\" + SessionText(WTSUserName);
 }
 
-constexpr wchar_t kSystemSession[] = L"this session belongs to the system, nobody has signed in to it";
+constexpr wchar_t kSystemSession[] = L"this session belongs to the system, no user has signed in to it";
 
-Seen UserIsKnown()
+FACT(security, user_is_known)
 {
-    if (ThisMachine().session == 0)
-    {
-        return DoesNotApply(kSystemSession);
-    }
+    Need(ThisPc().session != 0, kSystemSession);
     const bool hasName = !SessionText(WTSUserName).empty();
     const bool hasDomain = !SessionText(WTSDomainName).empty();
     return Saw(hasName && hasDomain ? L"domain and name" : hasName ? L"name only" : L"none");
 }
 
-Seen SystemSession()
+FACT(security, system_session)
 {
-    if (ThisMachine().session != 0)
-    {
-        return DoesNotApply(
-            L"somebody has signed in to this session; start the program as the system account for this");
-    }
+    Need(ThisPc().session == 0,
+         L"a user has signed in to this session; start the program as the system account for this");
     return Saw(SessionUser() == L"\\" ? L"none" : L"a name");
 }
 
-Seen NameHasSid()
+// The identifier of an account name and its kind; an empty identifier if there is none.
+std::vector<BYTE> SidOf(const std::wstring& name, SID_NAME_USE& use)
 {
-    if (ThisMachine().session == 0)
-    {
-        return DoesNotApply(kSystemSession);
-    }
-    BYTE sid[SECURITY_MAX_SID_SIZE] = {};
-    DWORD sidBytes = sizeof(sid);
+    std::vector<BYTE> sid(SECURITY_MAX_SID_SIZE);
+    DWORD bytes = static_cast<DWORD>(sid.size());
     wchar_t domain[256] = {};
     DWORD domainLength = 256;
+    const BOOL isKnown = LookupAccountNameW(nullptr, name.c_str(), sid.data(), &bytes, domain, &domainLength, &use);
+    return isKnown == FALSE ? std::vector<BYTE>() : sid;
+}
+
+FACT(security, name_has_sid)
+{
+    Need(ThisPc().session != 0, kSystemSession);
     SID_NAME_USE use = SidTypeUnknown;
-    if (LookupAccountNameW(nullptr, SessionUser().c_str(), sid, &sidBytes, domain, &domainLength, &use) == 0)
+    if (SidOf(SessionUser(), use).empty())
     {
         return Saw(L"none: " + Number(GetLastError()));
     }
-    return Saw(use == SidTypeUser ? L"a user" : L"kind " + Number(use));
+    return Saw(use == SidTypeUser ? L"a user" : L"kind " + std::to_wstring(use));
 }
 
-Seen WellKnownSids()
+FACT(security, well_known_sids)
 {
-    std::wstring seen;
+    std::vector<std::wstring> seen;
     for (const WELL_KNOWN_SID_TYPE type : {WinBuiltinAdministratorsSid, WinLocalSystemSid})
     {
         BYTE sid[SECURITY_MAX_SID_SIZE] = {};
@@ -84,10 +82,10 @@ Seen WellKnownSids()
         wchar_t* text = nullptr;
         CreateWellKnownSid(type, nullptr, sid, &bytes);
         ConvertSidToStringSidW(sid, &text);
-        seen += (seen.empty() ? L"" : L" ") + std::wstring(text == nullptr ? L"none" : text);
+        seen.emplace_back(text == nullptr ? L"none" : text);
         LocalFree(text);
     }
-    return Saw(seen);
+    return Saw(Joined(seen));
 }
 
 // As the tool makes its list, with one entry by name.
@@ -117,25 +115,22 @@ std::wstring ListWithName(std::wstring name, std::wstring& detail)
     return Hex(allowed->Mask);
 }
 
-Seen ListWithUser()
+FACT(security, list_with_user)
 {
-    if (ThisMachine().session == 0)
-    {
-        return DoesNotApply(kSystemSession);
-    }
+    Need(ThisPc().session != 0, kSystemSession);
     std::wstring detail;
     const std::wstring seen = ListWithName(SessionUser(), detail);
     return Saw(seen, detail);
 }
 
-Seen ListWithUnknownName()
+FACT(security, list_with_unknown_name)
 {
     std::wstring detail;
-    return Saw(ListWithName(L"TavikWindowsCheckNobody", detail));
+    return Saw(ListWithName(L"TavikWindowsCheckUnknown", detail));
 }
 
 // What the tool hands over in a session without a user.
-Seen ListWithoutName()
+FACT(security, list_without_name)
 {
     std::wstring detail;
     const std::wstring seen = ListWithName(L"\\", detail);
@@ -147,66 +142,38 @@ const Answer& FolderAnswer()
 {
     static const Answer answer = [] {
         const std::wstring parent = MakeFolder(L"secure");
-        return Ask(ThisMachine().program, L"folder", L"\"" + parent + L"\"");
+        return Ask(ThisPc().program, L"folder", L"\"" + parent + L"\"");
     }();
     return answer;
 }
 
 Seen OfFolder(const wchar_t* name)
 {
-    if (!ThisMachine().isElevated)
-    {
-        return DoesNotApply(
-            L"needs an administrator, as the tool does: others may not write into a folder of these rights");
-    }
-    if (ThisMachine().session == 0)
-    {
-        return DoesNotApply(kSystemSession);
-    }
+    Need(ThisPc().isElevated,
+         L"needs an administrator, as the tool does: others may not write into a folder of these rights");
+    Need(ThisPc().session != 0, kSystemSession);
     return Saw(FolderAnswer()[name], FolderAnswer()[L"sddl"]);
 }
 
-Seen FolderIsMade()
-{
-    return OfFolder(L"result");
-}
+SHORT_FACT(security, folder_is_made, OfFolder(L"result"))
+SHORT_FACT(security, folder_is_protected, OfFolder(L"protected"))
+SHORT_FACT(security, folder_rights, OfFolder(L"rights"))
+SHORT_FACT(security, rights_inside, OfFolder(L"inside"))
+SHORT_FACT(security, marker_keeps_folder, OfFolder(L"marker"))
 
-Seen FolderIsProtected()
+FACT(security, marker_is_gone)
 {
-    return OfFolder(L"protected");
-}
-
-Seen FolderRights()
-{
-    return OfFolder(L"rights");
-}
-
-Seen RightsInside()
-{
-    return OfFolder(L"inside");
-}
-
-Seen MarkerKeepsFolder()
-{
-    return OfFolder(L"marker");
-}
-
-Seen MarkerIsGone()
-{
-    if (OfFolder(L"result").applies)
+    OfFolder(L"result");
+    const std::wstring folder = ThisPc().folder + L"\\secure\\LPInstaller";
+    if (FolderAnswer()[L"has marker"] != L"yes" || GetFileAttributesW(folder.c_str()) == INVALID_FILE_ATTRIBUTES)
     {
-        const std::wstring folder = ThisMachine().folder + L"\\secure\\LPInstaller";
-        if (FolderAnswer()[L"has marker"] != L"yes" || GetFileAttributesW(folder.c_str()) == INVALID_FILE_ATTRIBUTES)
-        {
-            return Saw(L"no marker that could go");
-        }
-        const DWORD attributes = GetFileAttributesW((folder + L"\\~.tmp").c_str());
-        return Saw(attributes == INVALID_FILE_ATTRIBUTES ? L"gone" : L"still there");
+        return Saw(L"no marker that could go");
     }
-    return OfFolder(L"result");
+    const DWORD attributes = GetFileAttributesW((folder + L"\\~.tmp").c_str());
+    return Saw(attributes == INVALID_FILE_ATTRIBUTES ? L"gone" : L"still there");
 }
 
-// Who may do what to the object itself: the rights of all entries together, by kind of account.
+// The rights to the object itself: of all entries together, by kind of account.
 std::wstring RightsOf(ACL* list, const std::vector<BYTE>& userSid)
 {
     GENERIC_MAPPING mapping = {FILE_GENERIC_READ, FILE_GENERIC_WRITE, FILE_GENERIC_EXECUTE, FILE_ALL_ACCESS};
@@ -238,24 +205,12 @@ std::wstring RightsOf(ACL* list, const std::vector<BYTE>& userSid)
         MapGenericMask(&mask, &mapping);
         rights[who] |= mask;
     }
-    std::wstring text;
+    std::vector<std::wstring> texts;
     for (const auto& [who, mask] : rights)
     {
-        text += (text.empty() ? L"" : L", ") + who + L" " + Hex(mask).substr(2);
+        texts.push_back(who + L" " + Hex(mask).substr(2));
     }
-    return text.empty() ? L"none" : text;
-}
-
-std::vector<BYTE> SidOfUser()
-{
-    std::vector<BYTE> sid(SECURITY_MAX_SID_SIZE);
-    DWORD bytes = static_cast<DWORD>(sid.size());
-    wchar_t domain[256] = {};
-    DWORD domainLength = 256;
-    SID_NAME_USE use = SidTypeUnknown;
-    const BOOL isKnown =
-        LookupAccountNameW(nullptr, SessionUser().c_str(), sid.data(), &bytes, domain, &domainLength, &use);
-    return isKnown == 0 ? std::vector<BYTE>() : sid;
+    return texts.empty() ? L"none" : Joined(texts, L", ");
 }
 
 void TellRights(const wchar_t* name, const std::wstring& path)
@@ -266,7 +221,8 @@ void TellRights(const wchar_t* name, const std::wstring& path)
         GetNamedSecurityInfoW(const_cast<wchar_t*>(path.c_str()), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
                               nullptr, &list, nullptr, &descriptor);
     const repair::LocalMemory owner(descriptor);
-    Tell(name, result == ERROR_SUCCESS ? RightsOf(list, SidOfUser()) : L"error " + Number(result));
+    SID_NAME_USE use = SidTypeUnknown;
+    Tell(name, result == ERROR_SUCCESS ? RightsOf(list, SidOf(SessionUser(), use)) : L"error " + Number(result));
     if (result == ERROR_SUCCESS && std::wstring(name) == L"rights")
     {
         SECURITY_DESCRIPTOR_CONTROL control = 0;
@@ -280,15 +236,13 @@ void TellRights(const wchar_t* name, const std::wstring& path)
         LocalFree(text);
     }
 }
-}  // namespace
-
-int FolderProbe(int count, wchar_t** arguments)
+PROBE(folder)
 {
     if (count == 0)
     {
         return 1;
     }
-    ProcessIdToSessionId(GetCurrentProcessId(), &ThisMachine().session);
+    ProcessIdToSessionId(GetCurrentProcessId(), &ThisPc().session);
     const std::wstring parent = arguments[0];
     const std::wstring folder = parent + L"\\LPInstaller";
     Tell(L"result", Number(repair::CreateSecureDirectory(folder)));
@@ -309,23 +263,5 @@ int FolderProbe(int count, wchar_t** arguments)
     Tell(L"marker", seen);
     return 0;
 }
-
-std::vector<Check> SecurityChecks()
-{
-    return {
-        {"security.user_is_known", UserIsKnown},
-        {"security.system_session", SystemSession},
-        {"security.name_has_sid", NameHasSid},
-        {"security.well_known_sids", WellKnownSids},
-        {"security.list_with_user", ListWithUser},
-        {"security.list_with_unknown_name", ListWithUnknownName, 60'000},
-        {"security.list_without_name", ListWithoutName, 60'000},
-        {"security.folder_is_made", FolderIsMade, 30'000},
-        {"security.folder_is_protected", FolderIsProtected, 30'000},
-        {"security.folder_rights", FolderRights, 30'000},
-        {"security.rights_inside", RightsInside, 30'000},
-        {"security.marker_keeps_folder", MarkerKeepsFolder, 30'000},
-        {"security.marker_is_gone", MarkerIsGone, 30'000},
-    };
-}
+}  // namespace
 }  // namespace windows_check

@@ -35,7 +35,7 @@ std::wstring Rename(const std::wstring& path)
     return code;
 }
 
-Seen Log()
+FACT(sharing, log)
 {
     const std::wstring path = MakeFolder(L"sharing") + L"\\log";
     const HANDLE log = CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
@@ -47,19 +47,17 @@ Seen Log()
     return Saw(seen);
 }
 
-Seen HeldInstaller()
+FACT(sharing, held_installer)
 {
     const std::wstring path = WriteBytes(MakeFolder(L"sharing") + L"\\installer", "x");
-    const HANDLE held = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                    FILE_ATTRIBUTE_NORMAL, nullptr);
+    const repair::FileHandle held = Hold(path, GENERIC_READ, FILE_SHARE_READ);
     const std::wstring seen =
         L"written " + Open(path, GENERIC_WRITE, 7) + L", deleted " + Delete(path) + L", renamed " + Rename(path);
-    CloseHandle(held);
     return Saw(seen);
 }
 
 // In a folder of the user's own; with the rights of the tool's folder see security.marker_keeps_folder.
-Seen Marker()
+FACT(sharing, marker)
 {
     const std::wstring parent = MakeFolder(L"parent");
     const std::wstring folder = parent + L"\\folder";
@@ -77,7 +75,7 @@ Seen Marker()
     return Saw(seen);
 }
 
-Seen MarkerGoes()
+FACT(sharing, marker_goes)
 {
     const std::wstring path = MakeFolder(L"sharing") + L"\\marker";
     CloseHandle(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
@@ -85,7 +83,7 @@ Seen MarkerGoes()
     return Saw(GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES ? L"gone" : L"still there");
 }
 
-Seen CreateAnew()
+FACT(sharing, create_anew)
 {
     const std::wstring folder = MakeFolder(L"sharing");
     const std::wstring existing = WriteBytes(folder + L"\\existing", "x");
@@ -101,50 +99,34 @@ Seen CreateAnew()
                L", folder " + Open(folder, GENERIC_WRITE, 0, CREATE_ALWAYS));
 }
 
-Seen MoveCodes()
+FACT(sharing, move_codes)
 {
     const std::wstring folder = MakeFolder(L"sharing");
     const std::wstring from = WriteBytes(folder + L"\\from", "x");
     const std::wstring to = WriteBytes(folder + L"\\to", "x");
     const std::wstring there = Code(MoveFileW(from.c_str(), to.c_str()) != 0);
-    const HANDLE held = CreateFileW(from.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    const repair::FileHandle held = Hold(from, GENERIC_READ, FILE_SHARE_READ);
     const std::wstring open = Rename(from);
-    CloseHandle(held);
     return Saw(L"target there " + there + L", source open " + open);
 }
 
-// An old download that another program keeps open and lets everybody delete; see docs/security.md.
-Seen DeletedDownload()
+// An old download that another program keeps open but allows to be deleted; see docs/security.md.
+FACT(sharing, deleted_download)
 {
     const std::wstring folder = MakeFolder(L"download");
     const std::wstring final = WriteBytes(folder + L"\\final", "old");
     const std::wstring fresh = WriteBytes(folder + L"\\fresh", "new");
-    const HANDLE held = CreateFileW(final.c_str(), GENERIC_READ, 7, nullptr, OPEN_EXISTING, 0, nullptr);
+    const repair::FileHandle held = Hold(final, GENERIC_READ, 7);
     std::wstring seen = L"deleted " + Delete(final);
     seen += L", renamed " + Code(MoveFileW(fresh.c_str(), final.c_str()) != 0);
-    CloseHandle(held);
     return Saw(seen);
 }
 
-Seen WriteToNothing()
+FACT(sharing, write_to_nothing)
 {
     DWORD written = 5;
     const BOOL isWritten = WriteFile(INVALID_HANDLE_VALUE, "x", 1, &written, nullptr);
     return Saw(Code(isWritten != 0));
 }
 }  // namespace
-
-std::vector<Check> SharingChecks()
-{
-    return {
-        {"sharing.log", Log},
-        {"sharing.held_installer", HeldInstaller},
-        {"sharing.marker", Marker},
-        {"sharing.marker_goes", MarkerGoes},
-        {"sharing.create_anew", CreateAnew},
-        {"sharing.move_codes", MoveCodes},
-        {"sharing.deleted_download", DeletedDownload},
-        {"sharing.write_to_nothing", WriteToNothing},
-    };
-}
 }  // namespace windows_check

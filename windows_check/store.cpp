@@ -1,7 +1,6 @@
-// The Store's context through the interfaces that the tool declares. Nothing is downloaded or installed.
+// The Store's context. Nothing is downloaded or installed.
 #include <windows.h>
 
-#include "store/store_packages.h"
 #include "store/string_list.h"
 #include "windows_check/check.h"
 #include "windows_check/runtime_objects.h"
@@ -11,118 +10,67 @@ namespace windows_check
 {
 namespace
 {
-using repair::Reference;
-
-Reference<abi::IStoreContextStatics> Factory()
+Reference<winrt_abi::IStoreContextStatics> Factory()
 {
-    return Reference<abi::IStoreContextStatics>(static_cast<abi::IStoreContextStatics*>(
-        repair::ActivateFactory(abi::kStoreContextClass, abi::IStoreContextStatics::kIid)));
+    return Activated<winrt_abi::IStoreContextStatics>(winrt_abi::kStoreContextClass);
 }
 
-Reference<abi::IStoreContext> Context()
+Reference<winrt_abi::IStoreContext> Context()
 {
-    abi::IStoreContext* context = nullptr;
-    const HRESULT code = Factory().Get()->GetDefault(&context);
-    return repair::TakeObject(code, context);
+    return Get(Factory().Get(), &winrt_abi::IStoreContextStatics::GetDefault);
 }
 
-template <typename Look>
-Seen Guarded(Look look)
+FACT(store, factory)
 {
-    try
-    {
-        return look();
-    }
-    catch (const repair::WinrtError& error)
-    {
-        if (error.code == REGDB_E_CLASSNOTREG)
-        {
-            return DoesNotApply(L"this system does not have the class");
-        }
-        return Saw(ResultOf(error.code), error.message);
-    }
+    Factory();
+    return Saw(L"yes");
 }
 
-Seen FactoryIsThere()
+SHORT_FACT(store, default_context, Saw(ClassOf(Context().Get())))
+
+FACT(store, context_interfaces)
 {
-    return Guarded([] { return Saw(Factory() ? L"yes" : L"no"); });
+    const Reference<winrt_abi::IStoreContext> context = Context();
+    return Saw(
+        Joined({Answers<winrt_abi::IStoreContext>(context.Get()), Answers<winrt_abi::IStoreContext3>(context.Get()),
+                Answers<winrt_abi::IInitializeWithWindow>(context.Get())}));
 }
 
-Seen DefaultContext()
+// The first method of the interface, a question without any effect: may packages be downloaded silently?
+FACT(store, context3_slots)
 {
-    return Guarded([] { return Saw(ClassOf(Context().Get())); });
+    const auto context3 = repair::QueryFor<winrt_abi::IStoreContext3>(Context().Get());
+    boolean can = 0x55;
+    repair::CheckResult(context3.Get()->get_CanSilentlyDownloadStorePackageUpdates(&can));
+    return Saw(can <= 1 ? L"0 or 1" : Number(can));
 }
 
-Seen ContextInterfaces()
+FACT(store, with_window)
 {
-    return Guarded([] {
-        const Reference<abi::IStoreContext> context = Context();
-        return Saw(Answers<abi::IStoreContext>(context.Get()) + L" " + Answers<abi::IStoreContext3>(context.Get()) +
-                   L" " + Answers<abi::IInitializeWithWindow>(context.Get()));
-    });
+    const auto withWindow = repair::QueryFor<winrt_abi::IInitializeWithWindow>(Context().Get());
+    // A hidden window.
+    const HWND window = CreateWindowExW(0, L"STATIC", L"", WS_POPUP, 0, 0, 1, 1, nullptr, nullptr, nullptr, nullptr);
+    const HRESULT code = withWindow.Get()->Initialize(window);
+    DestroyWindow(window);
+    return Saw(ResultOf(code));
 }
 
-Seen Context3Slots()
+FACT(store, without_window)
 {
-    return Guarded([] {
-        const Reference<abi::IStoreContext> context = Context();
-        const auto context3 = repair::QueryFor<StoreContext3First>(context.Get());
-        abi::Boolean can = 0x55;
-        repair::CheckResult(context3.Get()->get_CanSilentlyDownloadStorePackageUpdates(&can));
-        return Saw(can <= 1 ? L"0 or 1" : Number(can));
-    });
+    const auto withWindow = repair::QueryFor<winrt_abi::IInitializeWithWindow>(Context().Get());
+    return Saw(SUCCEEDED(withWindow.Get()->Initialize(nullptr)) ? L"accepted" : L"refused");
 }
 
-Seen InitializeWithWindow()
+// The tool's own list of product ids, read as the Store may read it.
+FACT(store, own_list)
 {
-    return Guarded([] {
-        const Reference<abi::IStoreContext> context = Context();
-        const auto withWindow = repair::QueryFor<abi::IInitializeWithWindow>(context.Get());
-        // A window that nobody sees.
-        const HWND window =
-            CreateWindowExW(0, L"STATIC", L"", WS_POPUP, 0, 0, 1, 1, nullptr, nullptr, nullptr, nullptr);
-        const HRESULT code = withWindow.Get()->Initialize(window);
-        DestroyWindow(window);
-        return Saw(ResultOf(code));
-    });
-}
-
-Seen InitializeWithoutWindow()
-{
-    return Guarded([] {
-        const Reference<abi::IStoreContext> context = Context();
-        const auto withWindow = repair::QueryFor<abi::IInitializeWithWindow>(context.Get());
-        return Saw(SUCCEEDED(withWindow.Get()->Initialize(nullptr)) ? L"accepted" : L"refused");
-    });
-}
-
-// The list of product ids that the Store would be given, asked as the Store may ask it.
-Seen OwnList()
-{
-    return Guarded([] {
-        const Reference<abi::IStringIterable> list = repair::MakeStringList({L"9PQ4XK7ZT2MV"});
-        abi::IStringIterator* first = nullptr;
-        const HRESULT code = list.Get()->First(&first);
-        const Reference<abi::IStringIterator> iterator = repair::TakeObject(code, first);
-        abi::HString items[2] = {};
-        UINT32 count = 0;
-        repair::CheckResult(iterator.Get()->GetMany(2, items, &count));
-        const repair::HStringOwner owner(items[0]);
-        return Saw(Number(count) + L" " + repair::ToWide(items[0]));
-    });
+    const auto list = repair::MakeStringList({L"9PQ4XK7ZT2MV"});
+    const auto iterable = repair::QueryFor<winrt_abi::IStringIterable>(list.Get());
+    const auto iterator = Get(iterable.Get(), &winrt_abi::IStringIterable::First);
+    HSTRING items[2] = {};
+    UINT32 count = 0;
+    repair::CheckResult(iterator.Get()->GetMany(2, items, &count));
+    return Saw(Number(count) + L" " + Taken(S_OK, items[0]));
 }
 }  // namespace
-
-std::vector<Check> StoreChecks()
-{
-    return {
-        {"store.factory", FactoryIsThere, 30'000},
-        {"store.default_context", DefaultContext, 30'000},
-        {"store.context_interfaces", ContextInterfaces, 30'000},
-        {"store.context3_slots", Context3Slots, 30'000},
-        {"store.with_window", InitializeWithWindow, 30'000},
-        {"store.without_window", InitializeWithoutWindow, 30'000},
-        {"store.own_list", OwnList},
-    };
-}
 }  // namespace windows_check

@@ -28,7 +28,7 @@ std::wstring Cut(size_t room, const wchar_t* format, ...)
     {
         ++written;
     }
-    return Number(result) + L", " + Number(static_cast<long long>(written)) + L" characters, " +
+    return Number(result) + L", " + Number(written) + L" characters, " +
            (buffer[written] == L'\0' ? L"terminated" : L"not terminated");
 }
 
@@ -44,23 +44,16 @@ std::wstring Formatted(const wchar_t* format, ...)
     return line;
 }
 
-Seen CutOff()
-{
-    return Saw(Cut(8, L"%s", L"0123456789"));
-}
+SHORT_FACT(text, cut_off, Saw(Cut(8, L"%s", L"0123456789")))
+SHORT_FACT(text, just_fits, Saw(Cut(8, L"%s", L"01234567")))
 
-Seen JustFits()
-{
-    return Saw(Cut(8, L"%s", L"01234567"));
-}
-
-Seen LongLine()
+FACT(text, long_line)
 {
     const std::wstring text(3000, L'x');
     return Saw(Number(static_cast<long long>(Formatted(L"%s", text.c_str()).size())));
 }
 
-Seen WideText()
+FACT(text, wide)
 {
     constexpr wchar_t kText[] = L"\u00E9\u65E5\xD83D\xDE00";
     const bool isS = Formatted(L"%s", kText) == kText;
@@ -68,29 +61,11 @@ Seen WideText()
     return Saw(isS && isLs ? L"unchanged" : L"changed", Quoted(Formatted(L"%s %ls", kText, kText)));
 }
 
-Seen NarrowText()
-{
-    return Saw(Quoted(Formatted(L"%hs", "A\xC3\xA9\x80\xFF")));
-}
+SHORT_FACT(text, narrow, Saw(Quoted(Formatted(L"%hs", "A\xC3\xA9\x80\xFF"))))
+SHORT_FACT(text, numbers, Saw(Formatted(L"%d %d %d", 0x80004005u, 0xFFFFFFFFu, std::uint16_t{65535})))
+SHORT_FACT(text, narrow_with_wide, Saw(Widened(repair::FormatRegistryWriteError(L"VLTUWPReplaced", -1))))
 
-Seen NullText()
-{
-    const wchar_t* const wide = nullptr;
-    const char* const narrow = nullptr;
-    return Saw(Formatted(L"%s %ls %hs", wide, wide, narrow));
-}
-
-Seen Numbers()
-{
-    return Saw(Formatted(L"%d %d %d", 0x80004005u, 0xFFFFFFFFu, std::uint16_t{65535}));
-}
-
-Seen NarrowWithWide()
-{
-    return Saw(Widened(repair::FormatRegistryWriteError(L"VLTUWPReplaced", -1)));
-}
-
-Seen LetterCase()
+FACT(text, letter_case)
 {
     const std::wstring ascii = L"24.20A-x";
     const std::wstring other = L"\u00C9";
@@ -99,7 +74,7 @@ Seen LetterCase()
     return Saw(isAscii ? (isMore ? L"all letters" : L"A to Z only") : L"no letters");
 }
 
-Seen Blanks()
+FACT(text, blanks)
 {
     std::wstring seen;
     for (const wchar_t c : {L' ', L'\t', L'\r', L'\n', L'.', L'\0'})
@@ -109,28 +84,13 @@ Seen Blanks()
     return Saw(seen);
 }
 
-Seen CodePage()
+FACT(text, code_page)
 {
     BOOL isReplaced = FALSE;
     char bytes[8] = {};
-    if (GetACP() == CP_UTF8)
-    {
-        return DoesNotApply(L"the system's code page is UTF-8, which has every character");
-    }
+    Need(GetACP() != CP_UTF8, L"the system's code page is UTF-8, which has every character");
     const int size = WideCharToMultiByte(CP_ACP, 0, L"\u16A0", 1, bytes, sizeof(bytes), nullptr, &isReplaced);
     return Saw(Quoted(Widened(std::string(bytes, static_cast<size_t>(size)))), L"code page " + Number(GetACP()));
 }
 }  // namespace
-
-std::vector<Check> TextChecks()
-{
-    return {
-        {"text.cut_off", CutOff},         {"text.just_fits", JustFits},
-        {"text.long_line", LongLine},     {"text.wide", WideText},
-        {"text.narrow", NarrowText},      {"text.null", NullText},
-        {"text.numbers", Numbers},        {"text.narrow_with_wide", NarrowWithWide},
-        {"text.letter_case", LetterCase}, {"text.blanks", Blanks},
-        {"text.code_page", CodePage},
-    };
-}
 }  // namespace windows_check

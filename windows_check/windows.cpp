@@ -1,5 +1,5 @@
-// The status window as the tool makes it (never shown here), timers, hooks, scaling. One small box flashes up and
-// closes itself.
+// The status window as the tool makes it (never shown here), timers, hooks, scaling. One small box appears and closes
+// itself.
 #include <windows.h>
 
 #include <string>
@@ -14,7 +14,7 @@ namespace windows_check
 {
 namespace
 {
-constexpr wchar_t kNobodySees[] = L"nobody could see a window in this session";
+constexpr wchar_t kNotInteractive[] = L"a user could not see a window in this session";
 
 // The tool's window in silent mode, for the length of one question.
 template <typename Ask>
@@ -31,7 +31,7 @@ Seen OfStatusWindow(Ask ask)
     return seen;
 }
 
-Seen IsReady()
+FACT(windows, ready)
 {
     repair::StatusWindow window;
     const ULONGLONG start = GetTickCount64();
@@ -39,10 +39,10 @@ Seen IsReady()
     const ULONGLONG then = GetTickCount64() - start;
     const bool isReady = window.ready;
     repair::StopStatusWindow(window);
-    return Saw(isReady ? L"ready" : L"not ready in two seconds", Number(static_cast<long long>(then)) + L" ms");
+    return Saw(isReady ? L"ready" : L"not ready in two seconds", Number(then) + L" ms");
 }
 
-Seen Ends()
+FACT(windows, ends)
 {
     repair::StatusWindow window;
     repair::StartStatusWindow(window, GetModuleHandleW(nullptr), true);
@@ -53,10 +53,10 @@ Seen Ends()
     const ULONGLONG start = GetTickCount64();
     repair::StopStatusWindow(window);
     const ULONGLONG then = GetTickCount64() - start;
-    return Saw(then < 2000 ? L"at once" : L"late", Number(static_cast<long long>(then)) + L" ms");
+    return Saw(then < 2000 ? L"at once" : L"late", Number(then) + L" ms");
 }
 
-Seen DialogSize()
+FACT(windows, dialog_size)
 {
     return OfStatusWindow([](HWND dialog) {
         RECT wanted = {0, 0, 286, 72};  // dialog units of the template
@@ -69,7 +69,7 @@ Seen DialogSize()
     });
 }
 
-Seen DialogStyle()
+FACT(windows, dialog_style)
 {
     return OfStatusWindow([](HWND dialog) {
         const DWORD style = static_cast<DWORD>(GetWindowLongW(dialog, GWL_STYLE));
@@ -94,19 +94,19 @@ std::wstring FaceOf(HWND window)
     return face;
 }
 
-Seen DialogFont()
+FACT(windows, dialog_font)
 {
     return OfStatusWindow([](HWND dialog) { return Saw(FaceOf(GetDlgItem(dialog, IDC_STATUS))); });
 }
 
-Seen HeadingFont()
+FACT(windows, other_fonts)
 {
     return OfStatusWindow([](HWND dialog) {
         return Saw(FaceOf(GetDlgItem(dialog, IDC_HEADING)) + L", " + FaceOf(GetDlgItem(dialog, IDC_PROGRESS)));
     });
 }
 
-Seen Background()
+FACT(windows, background)
 {
     return OfStatusWindow([](HWND dialog) {
         const HWND last = GetWindow(GetWindow(dialog, GW_CHILD), GW_HWNDLAST);
@@ -122,7 +122,7 @@ Seen Background()
     });
 }
 
-Seen Banner()
+FACT(windows, banner)
 {
     const HBITMAP bitmap = LoadBitmapW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(IDB_BANNER));
     BITMAP found = {};
@@ -131,7 +131,7 @@ Seen Banner()
     return Saw(Number(found.bmWidth) + L" x " + Number(found.bmHeight));
 }
 
-Seen IconIsSet()
+FACT(windows, icon)
 {
     return OfStatusWindow([](HWND dialog) {
         const LRESULT big = SendMessageW(dialog, WM_GETICON, ICON_BIG, 0);
@@ -140,7 +140,7 @@ Seen IconIsSet()
     });
 }
 
-Seen StatusText()
+FACT(windows, status_text)
 {
     return OfStatusWindow([](HWND dialog) {
         wchar_t text[64] = {};
@@ -172,7 +172,7 @@ bool WaitForMessage(MSG& message, Fits fits)
     return false;
 }
 
-Seen TimerId()
+FACT(windows, timer_id)
 {
     const HWND window = CreateWindowExW(0, L"STATIC", L"", WS_POPUP, 0, 0, 1, 1, nullptr, nullptr, nullptr, nullptr);
     const UINT_PTR result = SetTimer(window, 0, 20, nullptr);
@@ -185,12 +185,11 @@ Seen TimerId()
         WaitForMessage(message, [&] { return message.message == WM_TIMER && message.hwnd == window; });
     KillTimer(window, 0);
     DestroyWindow(window);
-    return Saw(hasCome ? L"id " + Number(static_cast<long long>(id)) + (hasComeAgain ? L", again and again" : L", once")
-                       : L"no timer",
-               L"SetTimer returned " + Number(static_cast<long long>(result)));
+    return Saw(hasCome ? L"id " + Number(id) + (hasComeAgain ? L", again and again" : L", once") : L"no timer",
+               L"SetTimer returned " + Number(result));
 }
 
-Seen ThreadMessage()
+FACT(windows, thread_message)
 {
     MSG message = {};
     PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE);  // makes the queue
@@ -242,27 +241,21 @@ const Box& ShownBox()
     return box;
 }
 
-Seen HookSeesBox()
+FACT(windows, hook_sees_box)
 {
-    if (!ThisMachine().isInteractive)
-    {
-        return DoesNotApply(kNobodySees);
-    }
+    Need(ThisPc().isInteractive, kNotInteractive);
     const Box& box = ShownBox();
     return Saw(Number(box.initDialogs) + (box.isDialogClass ? L", a dialog" : L", another window"),
                L"result " + Number(box.result));
 }
 
-Seen BoxTakesIcon()
+FACT(windows, box_takes_icon)
 {
-    if (!ThisMachine().isInteractive)
-    {
-        return DoesNotApply(kNobodySees);
-    }
+    Need(ThisPc().isInteractive, kNotInteractive);
     return Saw(YesNo(ShownBox().hasIcon));
 }
 
-Seen UnscaledThread()
+FACT(windows, unscaled_thread)
 {
     using SetAwareness = void*(WINAPI*)(void*);
     auto* const set =
@@ -279,25 +272,4 @@ Seen UnscaledThread()
     return Saw(Number(dots) + (before != nullptr && own != nullptr ? L", given back" : L", not given back"));
 }
 }  // namespace
-
-std::vector<Check> WindowChecks()
-{
-    return {
-        {"windows.ready", IsReady},
-        {"windows.ends", Ends},
-        {"windows.dialog_size", DialogSize},
-        {"windows.dialog_style", DialogStyle},
-        {"windows.dialog_font", DialogFont},
-        {"windows.other_fonts", HeadingFont},
-        {"windows.background", Background},
-        {"windows.banner", Banner},
-        {"windows.icon", IconIsSet},
-        {"windows.status_text", StatusText},
-        {"windows.timer_id", TimerId},
-        {"windows.thread_message", ThreadMessage},
-        {"windows.hook_sees_box", HookSeesBox},
-        {"windows.box_takes_icon", BoxTakesIcon},
-        {"windows.unscaled_thread", UnscaledThread},
-    };
-}
 }  // namespace windows_check

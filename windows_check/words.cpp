@@ -14,11 +14,6 @@ std::wstring Hex(std::uint32_t value)
     return text;
 }
 
-std::wstring Number(long long value)
-{
-    return std::to_wstring(value);
-}
-
 std::wstring Quoted(std::wstring text)
 {
     std::wstring quoted = L"\"";
@@ -39,6 +34,22 @@ std::wstring Quoted(std::wstring text)
 std::wstring YesNo(bool yes)
 {
     return yes ? L"yes" : L"no";
+}
+
+std::wstring Lower(std::wstring text)
+{
+    CharLowerBuffW(text.data(), static_cast<DWORD>(text.size()));
+    return text;
+}
+
+std::wstring Joined(const std::vector<std::wstring>& parts, const wchar_t* between)
+{
+    std::wstring text;
+    for (size_t i = 0; i < parts.size(); ++i)
+    {
+        text += (i == 0 ? L"" : between) + parts[i];
+    }
+    return text;
 }
 
 std::wstring Widened(const std::string& text)

@@ -109,7 +109,7 @@ protected:
         machine_.products[kHalden] = {L"C:\\old.msi"};
         Installed(version);
     }
-    void StoreEdition(component::Version version) { runtime_.packages = {{kStorePackage, version}}; }
+    void StoreEdition(component::PackageVersion version) { runtime_.packages = {{kStorePackage, version}}; }
     void Driver(const std::wstring& release)
     {
         devices_.AddAdapter(L"PCI\\VEN_1E7D", release).description = L"Tavik DWX";
@@ -289,7 +289,7 @@ TEST_F(Check, SameReleaseOfTheDesktopEditionExitsWithoutAskingTheStore)
 
 struct StoreVersion
 {
-    component::Version version;
+    component::PackageVersion version;
     std::wstring comparedAs;
 };
 

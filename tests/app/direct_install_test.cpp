@@ -256,7 +256,7 @@ TEST_F(DirectInstall, MarkerThatCannotBeWrittenIsOneLineAndTheApplicationStarts)
 // Proves: A Store package stays, or the Store cannot be asked => logged; the marker is written
 TEST_F(DirectInstall, StoreThatCannotBeAskedDoesNotKeepTheMarkerAway)
 {
-    runtime_.faults.fails["activation"] = E_FAIL;
+    runtime_.faults.fails[L"activation"] = E_FAIL;
     EXPECT_EQ(Install(), 0);
     EXPECT_EQ(Marker(), "4:4:1");
 }

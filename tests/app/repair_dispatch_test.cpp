@@ -272,7 +272,7 @@ TEST_F(RepairTest, StoreThatDoesNotCompleteIsLoggedShownAndGivesMinusOne)
 
 TEST_F(RepairTest, ErrorOfTheStoreIsTheResult)
 {
-    runtime_.faults.fails["GetDefault"] = static_cast<HRESULT>(0x80070005);
+    runtime_.faults.fails[L"GetDefault"] = static_cast<HRESULT>(0x80070005);
     EXPECT_EQ(RepairFrom(L"", true), static_cast<int>(0x80070005));
     ExpectEndWith(kInstallFailed);
 }

@@ -21,21 +21,21 @@ protected:
     void Make(const std::vector<std::wstring>& texts)
     {
         void* const object = MakeStringList(texts).Release();
-        list_ = static_cast<component::StringIterable*>(object);
+        list_ = static_cast<component::IStringIterable*>(object);
     }
-    component::StringVectorView* View()
+    component::IStringVectorView* View()
     {
         void* view = nullptr;
-        EXPECT_EQ(list_->QueryInterface(component::StringVectorView::kId, &view), S_OK);
-        return static_cast<component::StringVectorView*>(view);
+        EXPECT_EQ(list_->QueryInterface(component::IStringVectorView::kIid, &view), S_OK);
+        return static_cast<component::IStringVectorView*>(view);
     }
-    component::StringIterator* First()
+    component::IStringIterator* First()
     {
-        component::StringIterator* iterator = nullptr;
+        component::IStringIterator* iterator = nullptr;
         EXPECT_EQ(list_->First(&iterator), S_OK);
         return iterator;
     }
-    static std::vector<std::wstring> Take(const std::vector<component::String>& strings, UINT32 count)
+    static std::vector<std::wstring> Take(const std::vector<HSTRING>& strings, UINT32 count)
     {
         std::vector<std::wstring> texts;
         for (UINT32 i = 0; i < count; ++i)
@@ -56,35 +56,35 @@ protected:
     }
 
     FakeRuntime runtime_;
-    component::StringIterable* list_ = nullptr;
+    component::IStringIterable* list_ = nullptr;
 };
 
 // Proves: The list of products is read => at once or later, one by one or together: one entry
 TEST_F(StringListTest, IteratorGivesEachTextAndThenTheEnd)
 {
     Make({L"one", L"two"});
-    component::StringIterator* const iterator = First();
+    component::IStringIterator* const iterator = First();
     for (const wchar_t* expected : {L"one", L"two"})
     {
-        component::Bool has[2] = {7, 7};
-        EXPECT_EQ(iterator->GetHasCurrent(has), S_OK);
+        boolean has[2] = {7, 7};
+        EXPECT_EQ(iterator->get_HasCurrent(has), S_OK);
         EXPECT_EQ(has[0], 1);
         EXPECT_EQ(has[1], 7);  // a boolean is one byte wide
-        component::String text = nullptr;
-        EXPECT_EQ(iterator->GetCurrent(&text), S_OK);
+        HSTRING text = nullptr;
+        EXPECT_EQ(iterator->get_Current(&text), S_OK);
         EXPECT_EQ(TextOf(text), expected);
         DeleteString(text);
         EXPECT_EQ(iterator->MoveNext(has), S_OK);
         EXPECT_EQ(has[0], std::wstring(expected) == L"one" ? 1 : 0);
         EXPECT_EQ(has[1], 7);
     }
-    component::Bool has = 7;
+    boolean has = 7;
     EXPECT_EQ(iterator->MoveNext(&has), S_OK);  // the end stays the end
     EXPECT_EQ(has, 0);
-    EXPECT_EQ(iterator->GetHasCurrent(&has), S_OK);
+    EXPECT_EQ(iterator->get_HasCurrent(&has), S_OK);
     EXPECT_EQ(has, 0);
-    component::String text = &has;
-    EXPECT_EQ(iterator->GetCurrent(&text), kBounds);
+    HSTRING text = reinterpret_cast<HSTRING>(&has);
+    EXPECT_EQ(iterator->get_Current(&text), kBounds);
     EXPECT_EQ(text, nullptr);
     EXPECT_EQ(iterator->Release(), 0u);
 }
@@ -92,12 +92,12 @@ TEST_F(StringListTest, IteratorGivesEachTextAndThenTheEnd)
 TEST_F(StringListTest, TwoIteratorsDoNotDisturbEachOther)
 {
     Make({L"one", L"two"});
-    component::StringIterator* const first = First();
-    component::StringIterator* const second = First();
-    component::Bool has = 0;
+    component::IStringIterator* const first = First();
+    component::IStringIterator* const second = First();
+    boolean has = 0;
     first->MoveNext(&has);
-    std::vector<component::String> strings(1);
-    EXPECT_EQ(second->GetCurrent(strings.data()), S_OK);
+    std::vector<HSTRING> strings(1);
+    EXPECT_EQ(second->get_Current(strings.data()), S_OK);
     EXPECT_THAT(Take(strings, 1), ElementsAre(L"one"));
     first->Release();
     second->Release();
@@ -106,11 +106,11 @@ TEST_F(StringListTest, TwoIteratorsDoNotDisturbEachOther)
 TEST_F(StringListTest, IteratorAndTextsOutliveTheList)
 {
     Make({L"one"});
-    component::StringIterator* const iterator = First();
+    component::IStringIterator* const iterator = First();
     EXPECT_EQ(list_->Release(), 0u);
     list_ = nullptr;
-    std::vector<component::String> strings(1);
-    EXPECT_EQ(iterator->GetCurrent(strings.data()), S_OK);
+    std::vector<HSTRING> strings(1);
+    EXPECT_EQ(iterator->get_Current(strings.data()), S_OK);
     EXPECT_EQ(iterator->Release(), 0u);
     EXPECT_THAT(Take(strings, 1), ElementsAre(L"one"));
 }
@@ -118,8 +118,8 @@ TEST_F(StringListTest, IteratorAndTextsOutliveTheList)
 TEST_F(StringListTest, IteratorGivesManyAtOnceAndGoesOnBehindThem)
 {
     Make({L"one", L"two", L"three"});
-    component::StringIterator* const iterator = First();
-    std::vector<component::String> strings(5, nullptr);
+    component::IStringIterator* const iterator = First();
+    std::vector<HSTRING> strings(5, nullptr);
     UINT32 actual = 99;
     EXPECT_EQ(iterator->GetMany(2, strings.data(), &actual), S_OK);
     EXPECT_EQ(actual, 2u);
@@ -129,8 +129,8 @@ TEST_F(StringListTest, IteratorGivesManyAtOnceAndGoesOnBehindThem)
     EXPECT_THAT(Take(strings, actual), ElementsAre(L"three"));
     EXPECT_EQ(iterator->GetMany(5, strings.data(), &actual), S_OK);
     EXPECT_EQ(actual, 0u);
-    component::Bool has = 7;
-    iterator->GetHasCurrent(&has);
+    boolean has = 7;
+    iterator->get_HasCurrent(&has);
     EXPECT_EQ(has, 0);
     iterator->Release();
 }
@@ -138,15 +138,15 @@ TEST_F(StringListTest, IteratorGivesManyAtOnceAndGoesOnBehindThem)
 TEST_F(StringListTest, ViewGivesSizeAndTextsByIndex)
 {
     Make({L"one", L"two"});
-    component::StringVectorView* const view = View();
+    component::IStringVectorView* const view = View();
     UINT32 size = 0;
-    EXPECT_EQ(view->GetSize(&size), S_OK);
+    EXPECT_EQ(view->get_Size(&size), S_OK);
     EXPECT_EQ(size, 2u);
-    std::vector<component::String> strings(2, nullptr);
+    std::vector<HSTRING> strings(2, nullptr);
     EXPECT_EQ(view->GetAt(0, &strings[0]), S_OK);
     EXPECT_EQ(view->GetAt(1, &strings[1]), S_OK);
     EXPECT_THAT(Take(strings, 2), ElementsAre(L"one", L"two"));
-    component::String beyond = &size;
+    HSTRING beyond = reinterpret_cast<HSTRING>(&size);
     EXPECT_EQ(view->GetAt(2, &beyond), kBounds);
     EXPECT_EQ(beyond, nullptr);
     EXPECT_EQ(view->GetAt(0xFFFFFFFF, &beyond), kBounds);
@@ -156,18 +156,18 @@ TEST_F(StringListTest, ViewGivesSizeAndTextsByIndex)
 TEST_F(StringListTest, ViewFindsTexts)
 {
     Make({L"one", L"two"});
-    component::StringVectorView* const view = View();
+    component::IStringVectorView* const view = View();
     struct Case
     {
         const wchar_t* text;
         UINT32 index;
-        component::Bool found;
+        boolean found;
     };
     for (const Case& wanted : {Case{L"one", 0, 1}, Case{L"two", 1, 1}, Case{L"TWO", 0, 0}, Case{L"", 0, 0}})
     {
-        const component::String text = MakeString(wanted.text);
+        const HSTRING text = MakeString(wanted.text);
         UINT32 index = 99;
-        component::Bool found[2] = {7, 7};
+        boolean found[2] = {7, 7};
         EXPECT_EQ(view->IndexOf(text, &index, found), S_OK);
         EXPECT_EQ(index, wanted.index);
         EXPECT_EQ(found[0], wanted.found);
@@ -180,8 +180,8 @@ TEST_F(StringListTest, ViewFindsTexts)
 TEST_F(StringListTest, ViewGivesManyFromAnyStart)
 {
     Make({L"one", L"two", L"three"});
-    component::StringVectorView* const view = View();
-    std::vector<component::String> strings(5, nullptr);
+    component::IStringVectorView* const view = View();
+    std::vector<HSTRING> strings(5, nullptr);
     UINT32 actual = 99;
     EXPECT_EQ(view->GetMany(1, 5, strings.data(), &actual), S_OK);
     EXPECT_THAT(Take(strings, actual), ElementsAre(L"two", L"three"));
@@ -198,20 +198,20 @@ TEST_F(StringListTest, ViewGivesManyFromAnyStart)
 TEST_F(StringListTest, EveryInterfaceLeadsToTheSameIdentity)
 {
     Make({L"one"});
-    component::StringVectorView* const view = View();
+    component::IStringVectorView* const view = View();
     void* identity = nullptr;
     void* ofView = nullptr;
     EXPECT_EQ(list_->QueryInterface(IID_IUnknown, &identity), S_OK);
     EXPECT_EQ(view->QueryInterface(IID_IUnknown, &ofView), S_OK);
     EXPECT_EQ(identity, ofView);
     void* back = nullptr;
-    EXPECT_EQ(view->QueryInterface(component::StringIterable::kId, &back), S_OK);
+    EXPECT_EQ(view->QueryInterface(component::IStringIterable::kIid, &back), S_OK);
     EXPECT_EQ(back, list_);
     for (int i = 0; i < 4; ++i)
     {
         list_->Release();
     }
-    for (const GUID& id : {component::kInspectable, component::kAgileObject})
+    for (const GUID& id : {component::IInspectable::kIid, component::IAgileObject::kIid})
     {
         void* found = nullptr;
         EXPECT_EQ(list_->QueryInterface(id, &found), S_OK);
@@ -219,7 +219,7 @@ TEST_F(StringListTest, EveryInterfaceLeadsToTheSameIdentity)
         list_->Release();
     }
     void* other = list_;
-    EXPECT_EQ(list_->QueryInterface(component::StringIterator::kId, &other), E_NOINTERFACE);
+    EXPECT_EQ(list_->QueryInterface(component::IStringIterator::kIid, &other), E_NOINTERFACE);
     EXPECT_EQ(other, nullptr);
     EXPECT_EQ(list_->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
 }
@@ -231,7 +231,7 @@ TEST_F(StringListTest, IsAnInspectableObjectOfBaseTrust)
     GUID* ids = nullptr;
     EXPECT_EQ(list_->GetIids(&count, &ids), S_OK);
     EXPECT_EQ(count, 0u);
-    component::String name = &count;
+    HSTRING name = reinterpret_cast<HSTRING>(&count);
     EXPECT_EQ(list_->GetRuntimeClassName(&name), S_OK);
     EXPECT_EQ(name, nullptr);
     std::int32_t level = 9;
@@ -251,9 +251,9 @@ TEST_F(StringListTest, ReferencesAreCounted)
 TEST_F(StringListTest, EmptyListHasNothing)
 {
     Make({});
-    component::StringIterator* const iterator = First();
-    component::Bool has = 7;
-    EXPECT_EQ(iterator->GetHasCurrent(&has), S_OK);
+    component::IStringIterator* const iterator = First();
+    boolean has = 7;
+    EXPECT_EQ(iterator->get_HasCurrent(&has), S_OK);
     EXPECT_EQ(has, 0);
     iterator->Release();
 }
@@ -261,17 +261,17 @@ TEST_F(StringListTest, EmptyListHasNothing)
 TEST_F(StringListTest, TextsThatCannotBeCopiedAreAFailureAndNoneIsHandedOut)
 {
     Make({L"one", L"two"});
-    component::StringIterator* const iterator = First();
-    runtime_.faults.fails["WindowsDuplicateString"] = E_OUTOFMEMORY;
-    std::vector<component::String> strings(2, nullptr);
+    component::IStringIterator* const iterator = First();
+    runtime_.faults.fails[L"WindowsDuplicateString"] = E_OUTOFMEMORY;
+    std::vector<HSTRING> strings(2, nullptr);
     UINT32 actual = 99;
     EXPECT_EQ(iterator->GetMany(2, strings.data(), &actual), E_OUTOFMEMORY);
     EXPECT_EQ(actual, 0u);
-    runtime_.faults.fails["WindowsDuplicateString"] = E_FAIL;
-    EXPECT_EQ(iterator->GetCurrent(&strings[0]), E_FAIL);
+    runtime_.faults.fails[L"WindowsDuplicateString"] = E_FAIL;
+    EXPECT_EQ(iterator->get_Current(&strings[0]), E_FAIL);
     EXPECT_EQ(strings[0], nullptr);
-    component::Bool has = 0;
-    iterator->GetHasCurrent(&has);
+    boolean has = 0;
+    iterator->get_HasCurrent(&has);
     EXPECT_EQ(has, 1);  // still at the first
     iterator->Release();
     runtime_.faults.fails.clear();
@@ -280,7 +280,7 @@ TEST_F(StringListTest, TextsThatCannotBeCopiedAreAFailureAndNoneIsHandedOut)
 // Proves: A text of the list cannot be made or copied => a failure, and nothing half done is handed out
 TEST_F(StringListTest, TextsThatCannotBeMadeAreThrown)
 {
-    runtime_.faults.fails["WindowsCreateString"] = E_FAIL;
+    runtime_.faults.fails[L"WindowsCreateString"] = E_FAIL;
     EXPECT_THROW(MakeStringList({L"one"}), WinrtError);
 }
 }  // namespace

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "store/wait_for_async.h"
-#include "support/fake_runtime.h"
+#include "support/store_test.h"
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -18,6 +18,8 @@ namespace repair
 namespace
 {
 constexpr HRESULT kDenied = static_cast<HRESULT>(0x80070005);
+
+using WaitForAsyncOnce = StoreTest;
 
 // A finished wait: the result's error code, or the error thrown.
 struct Outcome
@@ -45,7 +47,7 @@ Outcome WaitFor(const FakePackage& package)
     }
     FakeRuntime::Current().WaitForThreads();
     EXPECT_EQ(operation->Release(), 0u);
-    EXPECT_EQ(component::liveObjects, 0);
+    EXPECT_EQ(LiveObjects(), 0);
     return outcome;
 }
 
@@ -57,11 +59,7 @@ FakePackage Ends(Completion when, std::int32_t status)
     return package;
 }
 
-class WaitForAsyncTimes : public testing::TestWithParam<Completion>
-{
-protected:
-    FakeRuntime runtime_;
-};
+using WaitForAsyncTimes = StoreTestOf<Completion>;
 INSTANTIATE_TEST_SUITE_P(Times, WaitForAsyncTimes,
                          testing::Values(Completion::kBefore, Completion::kInside, Completion::kLater));
 
@@ -86,17 +84,16 @@ TEST_P(WaitForAsyncTimes, CanceledOperationIsThrownWithoutAskingForResults)
 TEST_P(WaitForAsyncTimes, FailedOperationThrowsWhatItsResultsSay)
 {
     FakePackage package = Ends(GetParam(), 3);
-    package.faults.fails["GetResults"] = static_cast<HRESULT>(0x80073CFA);
-    package.faults.texts["GetResults"] = L"The package is in use.\r\n";
+    package.faults.fails[L"GetResults"] = static_cast<HRESULT>(0x80073CFA);
+    package.faults.texts[L"GetResults"] = L"The package is in use.\r\n";
     const Outcome outcome = WaitFor(package);
     EXPECT_EQ(outcome.thrown, static_cast<HRESULT>(0x80073CFA));
     EXPECT_EQ(outcome.message, L"The package is in use.");
 }
 
 // Proves: It has ended already => its result, without waiting
-TEST(WaitForAsync, FinishedOperationIsNotWaitedFor)
+TEST_F(WaitForAsyncOnce, FinishedOperationIsNotWaitedFor)
 {
-    FakeRuntime runtime;
     int events = 0;
     SUBSTITUTE(CreateEventW)
     create([&](SECURITY_ATTRIBUTES*, BOOL, BOOL, const wchar_t*) {
@@ -105,13 +102,12 @@ TEST(WaitForAsync, FinishedOperationIsNotWaitedFor)
     });
     WaitFor(Ends(Completion::kBefore, 1));
     EXPECT_EQ(events, 0);
-    EXPECT_THAT(runtime.Calls(), ElementsAre(L"results"));
+    EXPECT_THAT(runtime_.Calls(), ElementsAre(L"results"));
 }
 
 // Proves: It still runs => waited for without limit on an event of its own, which is closed; the handler may come inside the registration, or much later
-TEST(WaitForAsync, WaitsOnAnUnnamedManualResetEventWithoutALimitAndClosesIt)
+TEST_F(WaitForAsyncOnce, WaitsOnAnUnnamedManualResetEventWithoutALimitAndClosesIt)
 {
-    FakeRuntime runtime;
     HANDLE made = nullptr;
     int waits = 0;
     std::atomic<int> closed = 0;
@@ -147,23 +143,20 @@ TEST(WaitForAsync, WaitsOnAnUnnamedManualResetEventWithoutALimitAndClosesIt)
     EXPECT_EQ(closed, 1);
 }
 
-TEST(WaitForAsync, HandlerOutlivesTheWaiterAsLongAsTheOperationKeepsIt)
+TEST_F(WaitForAsyncOnce, HandlerOutlivesTheWaiterAsLongAsTheOperationKeepsIt)
 {
-    FakeRuntime runtime;
     WaitFor(Ends(Completion::kLater, 1));
-    EXPECT_THAT(runtime.Calls(), ElementsAre(L"complete", L"results", L"handler left with 0"));
+    EXPECT_THAT(runtime_.Calls(), ElementsAre(L"complete", L"results", L"handler left with 0"));
 }
 
-TEST(WaitForAsync, HandlerCalledInsideTheRegistrationIsStillHeldByTheWaiter)
+TEST_F(WaitForAsyncOnce, HandlerCalledInsideTheRegistrationIsStillHeldByTheWaiter)
 {
-    FakeRuntime runtime;
     WaitFor(Ends(Completion::kInside, 1));
-    EXPECT_THAT(runtime.Calls(), ElementsAre(L"complete", L"handler left with 1", L"results"));
+    EXPECT_THAT(runtime_.Calls(), ElementsAre(L"complete", L"handler left with 1", L"results"));
 }
 
-TEST(WaitForAsync, WithoutAnEventTheSystemsErrorIsThrown)
+TEST_F(WaitForAsyncOnce, WithoutAnEventTheSystemsErrorIsThrown)
 {
-    FakeRuntime runtime;
     SUBSTITUTE(CreateEventW)
     create([&](SECURITY_ATTRIBUTES*, BOOL, BOOL, const wchar_t*) {
         return FailWith(ERROR_ACCESS_DENIED, HANDLE{nullptr});
@@ -171,27 +164,24 @@ TEST(WaitForAsync, WithoutAnEventTheSystemsErrorIsThrown)
     EXPECT_EQ(WaitFor(Ends(Completion::kInside, 1)).thrown, kDenied);
 }
 
-class WaitForAsyncFailure : public testing::TestWithParam<std::string>
-{
-};
+using WaitForAsyncFailure = StoreTestOf<std::wstring>;
 INSTANTIATE_TEST_SUITE_P(Calls, WaitForAsyncFailure,
-                         testing::Values("QueryInterface(IAsyncInfo)", "GetAsyncStatus", "PutCompleted", "GetResults"));
+                         testing::Values(L"IAsyncInfo", L"IAsyncInfo.get_Status", L"put_Completed", L"GetResults"));
 
 // Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: A call of it fails, there is no event, or a result is missing => an error
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 TEST_P(WaitForAsyncFailure, IsThrown)
 {
-    FakeRuntime runtime;
     FakePackage package = Ends(Completion::kLater, 1);
     package.faults.fails[GetParam()] = kDenied;
     EXPECT_EQ(WaitFor(package).thrown, kDenied);
 }
 
-TEST(WaitForAsync, SuccessWithoutAResultIsThrownAsABadPointer)
+TEST_F(WaitForAsyncOnce, SuccessWithoutAResultIsThrownAsABadPointer)
 {
-    FakeRuntime runtime;
     FakePackage package = Ends(Completion::kBefore, 1);
-    package.faults.nulls = {"GetResults"};
+    package.faults.nulls = {L"GetResults"};
     EXPECT_EQ(WaitFor(package).thrown, static_cast<HRESULT>(0x80004003));
 }
 }  // namespace

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <new>
+#include <thread>
 
 #include "store/winrt_runtime.h"
 #include "support/fake_runtime.h"
@@ -18,7 +19,7 @@ namespace repair
 namespace
 {
 constexpr HRESULT kDenied = static_cast<HRESULT>(0x80070005);
-constexpr HRESULT kNoText = static_cast<HRESULT>(0xA0001234);  // nobody's: marked as a customer's code
+constexpr HRESULT kNoText = static_cast<HRESULT>(0xA0001234);  // the system has no text for it: the customer bit is set
 
 std::wstring MessageFor(HRESULT code)
 {
@@ -29,7 +30,7 @@ std::wstring MessageFor(HRESULT code)
     catch (const WinrtError& error)
     {
         EXPECT_EQ(error.code, code);
-        EXPECT_EQ(component::liveObjects, 0);  // the error object was taken off the thread and released
+        EXPECT_EQ(LiveObjects(), 0);  // the error object was taken off the thread and released
         EXPECT_EQ(LiveBasicStrings(), 0);
         return error.message;
     }
@@ -42,14 +43,13 @@ protected:
 };
 
 // Proves: It carries none, one for another code, one that cannot tell, or it is another thread's => the system's text for the code; empty when there is none
+// Own process: the functions of the Windows Runtime are looked up once in a process.
 TEST_F(ErrorText, WithoutAnErrorObjectIsTheSystemsOneWithoutTrailingBlanks)
 {
     EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
-}
-
-TEST_F(ErrorText, IsEmptyWhereTheSystemHasNone)
-{
     EXPECT_EQ(MessageFor(kNoText), L"");
+    std::thread([] { LeaveErrorObject({L"of another thread", true, kDenied}); }).join();
+    EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
 }
 
 TEST_F(ErrorText, OfTheSystemIsInTheUsersLanguageAndKeepsItsLineBreaks)
@@ -69,69 +69,55 @@ TEST_F(ErrorText, OfTheSystemIsInTheUsersLanguageAndKeepsItsLineBreaks)
     EXPECT_EQ(MessageFor(kDenied), L"one\r\ntwo");
 }
 
+struct ErrorObject
+{
+    const char* name;
+    ErrorDescription error;
+    const wchar_t* message;  // null: the system's own text
+};
+
+void PrintTo(const ErrorObject& object, std::ostream* stream)
+{
+    *stream << object.name;
+}
+
+class ErrorObjectText : public testing::TestWithParam<ErrorObject>
+{
+protected:
+    FakeRuntime runtime_;
+};
+INSTANTIATE_TEST_SUITE_P(
+    Objects, ErrorObjectText,
+    testing::Values(ErrorObject{"restricted", {L"plain", true, kDenied, L"restricted \r\n"}, L"restricted"},
+                    ErrorObject{"restricted and empty", {L"plain", true, kDenied, L""}, L""},
+                    ErrorObject{"without a restricted text", {L"plain\n", true, kDenied}, L"plain"},
+                    ErrorObject{"for another code", {L"about another failure", true, E_FAIL}, nullptr},
+                    ErrorObject{"without details", {L"half told", true, kDenied, nullptr, S_FALSE}, nullptr},
+                    ErrorObject{"classic", {L"classic \t", false}, L"classic"},
+                    ErrorObject{"classic and blank", {L" ", false}, nullptr}));
+
 // Proves: The thread carries an error object for this code => its restricted description, or its plain one, without trailing blanks
-TEST_F(ErrorText, IsTheRestrictedDescriptionWhenThereIsOne)
+// Own process: the functions of the Windows Runtime are looked up once in a process.
+TEST_P(ErrorObjectText, IsUsedIfItIsAboutThisCode)
 {
-    LeaveErrorObject(MakeErrorObject(L"plain", true, kDenied, L"restricted \r\n"));
-    EXPECT_EQ(MessageFor(kDenied), L"restricted");
-}
-
-TEST_F(ErrorText, IsTheRestrictedDescriptionEvenWhenThatIsEmpty)
-{
-    LeaveErrorObject(MakeErrorObject(L"plain", true, kDenied, L""));
-    EXPECT_EQ(MessageFor(kDenied), L"");
-}
-
-TEST_F(ErrorText, IsThePlainDescriptionWithoutARestrictedOne)
-{
-    LeaveErrorObject(MakeErrorObject(L"plain\n", true, kDenied));
-    EXPECT_EQ(MessageFor(kDenied), L"plain");
-}
-
-TEST_F(ErrorText, OfAnObjectForAnotherErrorIsNotUsed)
-{
-    LeaveErrorObject(MakeErrorObject(L"about something else", true, E_FAIL));
-    EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
-}
-
-TEST_F(ErrorText, OfAnObjectThatCannotTellItsDetailsIsNotUsed)
-{
-    LeaveErrorObject(MakeErrorObject(L"half told", true, kDenied, nullptr, S_FALSE));
-    EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
-}
-
-TEST_F(ErrorText, IsTheDescriptionOfAnObjectWithoutTheRestrictedInterface)
-{
-    LeaveErrorObject(MakeErrorObject(L"classic \t", false));
-    EXPECT_EQ(MessageFor(kDenied), L"classic");
-}
-
-TEST_F(ErrorText, OfAClassicObjectWithoutADescriptionIsTheSystemsOne)
-{
-    LeaveErrorObject(MakeErrorObject(L" ", false));
-    EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
+    LeaveErrorObject(GetParam().error);
+    EXPECT_EQ(MessageFor(kDenied), GetParam().message == nullptr ? SystemText(kDenied) : GetParam().message);
 }
 
 // Proves: The text was used => the object leaves the thread
 TEST_F(ErrorText, IsUsedOnceTheObjectLeavesTheThread)
 {
-    LeaveErrorObject(MakeErrorObject(L"once", true, kDenied));
+    LeaveErrorObject({L"once", true, kDenied});
     EXPECT_EQ(MessageFor(kDenied), L"once");
-    EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
-}
-
-TEST_F(ErrorText, OfAnotherThreadIsNotUsed)
-{
-    std::thread([] { LeaveErrorObject(MakeErrorObject(L"elsewhere", true, kDenied)); }).join();
     EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
 }
 
 // Proves: Exhausted memory => becomes the standard exception, so "Unknown expection"
 TEST_F(ErrorText, ExhaustedMemoryIsTheStandardExceptionAndTakesTheObjectAlong)
 {
-    LeaveErrorObject(MakeErrorObject(L"no memory", true, E_OUTOFMEMORY));
+    LeaveErrorObject({L"no memory", true, E_OUTOFMEMORY});
     EXPECT_THROW(ThrowWinrtError(E_OUTOFMEMORY), std::bad_alloc);
-    EXPECT_EQ(component::liveObjects, 0);
+    EXPECT_EQ(LiveObjects(), 0);
 }
 
 TEST_F(ErrorText, WithoutTheErrorFunctionIsTheSystemsOne)

@@ -1,19 +1,27 @@
 #include "support/fake_runtime.h"
 
-#include <oaidl.h>
+#include <windows.h>
+
 #include <oleauto.h>
 
+#include <gtest/gtest.h>
+
 #include <utility>
+
+#include "lab/standins/winrt/com_object.h"
+
+HRESULT winrt_abi::UnusedSlot(const wchar_t* interfaceName, const wchar_t* method)
+{
+    ADD_FAILURE() << testing::PrintToString(interfaceName) << ": " << testing::PrintToString(method) << " was called";
+    return E_NOTIMPL;
+}
 
 namespace repair
 {
 namespace
 {
-using component::Bool;
-using component::Object;
-using component::String;
-
 FakeRuntime* current = nullptr;
+std::atomic<int> liveObjects = 0;
 std::atomic<int> liveStrings = 0;
 std::atomic<int> liveBasicStrings = 0;
 
@@ -27,38 +35,29 @@ Function* Real(const wchar_t* dll, const char* name)
 }
 
 // --- Functions that the product looks up
-HRESULT WINAPI CreateStringShim(const wchar_t* text, UINT32 length, String* string)
+HRESULT WINAPI CreateStringShim(const wchar_t* text, UINT32 length, HSTRING* string)
 {
-    static auto* const real =
-        Real<HRESULT WINAPI(const wchar_t*, UINT32, String*)>(L"combase.dll", "WindowsCreateString");
-    const auto failure = current->faults.fails.find("WindowsCreateString");
-    if (failure != current->faults.fails.end())
-    {
-        return failure->second;
-    }
-    const HRESULT result = real(text, length, string);
-    liveStrings += *string != nullptr ? 1 : 0;
+    static auto* const real = Real<decltype(CreateStringShim)>(L"combase.dll", "WindowsCreateString");
+    const HRESULT failure = FakeRuntime::ResultOf(current->faults, L"WindowsCreateString");
+    const HRESULT result = FAILED(failure) ? failure : real(text, length, string);
+    liveStrings += SUCCEEDED(result) && *string != nullptr ? 1 : 0;
     return result;
 }
-HRESULT WINAPI DuplicateStringShim(String string, String* copy)
+HRESULT WINAPI DuplicateStringShim(HSTRING string, HSTRING* copy)
 {
-    static auto* const real = Real<HRESULT WINAPI(String, String*)>(L"combase.dll", "WindowsDuplicateString");
-    const auto failure = current->faults.fails.find("WindowsDuplicateString");
-    if (failure != current->faults.fails.end())
-    {
-        return failure->second;
-    }
-    const HRESULT result = real(string, copy);
-    liveStrings += *copy != nullptr ? 1 : 0;
+    static auto* const real = Real<decltype(DuplicateStringShim)>(L"combase.dll", "WindowsDuplicateString");
+    const HRESULT failure = FakeRuntime::ResultOf(current->faults, L"WindowsDuplicateString");
+    const HRESULT result = FAILED(failure) ? failure : real(string, copy);
+    liveStrings += SUCCEEDED(result) && *copy != nullptr ? 1 : 0;
     return result;
 }
-HRESULT WINAPI DeleteStringShim(String string)
+HRESULT WINAPI DeleteStringShim(HSTRING string)
 {
-    static auto* const real = Real<HRESULT WINAPI(String)>(L"combase.dll", "WindowsDeleteString");
+    static auto* const real = Real<decltype(DeleteStringShim)>(L"combase.dll", "WindowsDeleteString");
     liveStrings -= string != nullptr ? 1 : 0;
     return real(string);
 }
-HRESULT WINAPI ActivateShim(String name, const GUID& id, void** factory)
+HRESULT WINAPI ActivateShim(HSTRING name, const GUID& id, void** factory)
 {
     return current->Activate(TextOf(name), id, factory);
 }
@@ -71,7 +70,7 @@ HRESULT WINAPI IncrementShim(void** cookie)
 }
 void WINAPI FreeShim(BSTR text)
 {
-    static auto* const real = Real<void WINAPI(BSTR)>(L"oleaut32.dll", "SysFreeString");
+    static auto* const real = Real<decltype(FreeShim)>(L"oleaut32.dll", "SysFreeString");
     liveBasicStrings -= text != nullptr ? 1 : 0;
     real(text);
 }
@@ -99,92 +98,109 @@ FARPROC WINAPI LookUpShim(HMODULE module, const char* name)
     return shim == shims.end() ? realLookUp(module, name) : reinterpret_cast<FARPROC>(shim->second);
 }
 
-// --- Error objects
+// --- Objects, counted so that a leak shows. Without faults of their own, which must outlive them, they follow those of
+// the current runtime.
+template <typename... Interfaces>
+class FakeObject : public component::ComObject<Interfaces...>
+{
+public:
+    explicit FakeObject(const Faults* faults = nullptr) : faults_(faults) { ++liveObjects; }
+
+protected:
+    ~FakeObject() override { --liveObjects; }
+
+    HRESULT Refuse(const GUID& iid) override
+    {
+        HRESULT result = S_OK;
+        ((result = iid == Interfaces::kIid ? ResultOf(Interfaces::kName) : result), ...);
+        return result;
+    }
+
+    const Faults& OwnFaults() const { return faults_ == nullptr ? current->faults : *faults_; }
+
+    HRESULT ResultOf(const std::wstring& method) const { return FakeRuntime::ResultOf(OwnFaults(), method); }
+
+    // Ends a method: fails, succeeds without an object, or hands out what `make` returns. A failing method hands out
+    // plain values all the same.
+    template <typename Value, typename Make>
+    HRESULT Give(const std::wstring& method, Value* value, Make make) const
+    {
+        const HRESULT result = ResultOf(method);
+        if constexpr (std::is_pointer_v<Value>)
+        {
+            *value = SUCCEEDED(result) && OwnFaults().nulls.count(method) == 0 ? make() : nullptr;
+        }
+        else
+        {
+            *value = make();
+        }
+        return result;
+    }
+
+private:
+    const Faults* faults_;
+};
+
 BSTR MakeBasicString(const std::wstring& text)
 {
     ++liveBasicStrings;
     return SysAllocString(text.c_str());
 }
 
-struct RestrictedErrorInfo : ::IUnknown
-{
-    static constexpr GUID kId = component::Id("82BA7092-4C88-427D-A7BC-16DD93FEB67E");
-    virtual HRESULT STDMETHODCALLTYPE GetErrorDetails(BSTR*, HRESULT*, BSTR*, BSTR*) = 0;
-    virtual HRESULT STDMETHODCALLTYPE GetReference(BSTR*) { return E_NOTIMPL; }
-};
-struct ErrorInfo : ::IErrorInfo
-{
-    static constexpr GUID kId = component::Id("1CF2B120-547D-101B-8E65-08002B2BD119");
-};
+const Faults kNoFaults;
+const Faults kNotRestricted = {{{L"IRestrictedErrorInfo", E_NOINTERFACE}}, {}, {}};
 
-class ErrorObject final : public Object<ErrorInfo, RestrictedErrorInfo>
+class ErrorObject final : public FakeObject<component::IErrorInfo, component::IRestrictedErrorInfo>
 {
 public:
-    std::wstring description;
-    bool isRestricted = false;
-    HRESULT code = S_OK;
-    const wchar_t* restrictedDescription = nullptr;
-    HRESULT detailsResult = S_OK;
-
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID id, void** object) override
+    explicit ErrorObject(ErrorDescription error)
+        : FakeObject(error.isRestricted ? &kNoFaults : &kNotRestricted), error_(std::move(error))
     {
-        if (id == RestrictedErrorInfo::kId && !isRestricted)
-        {
-            *object = nullptr;
-            return E_NOINTERFACE;
-        }
-        return Object::QueryInterface(id, object);
     }
-    HRESULT STDMETHODCALLTYPE GetGUID(GUID*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetSource(BSTR*) override { return E_NOTIMPL; }
+
     HRESULT STDMETHODCALLTYPE GetDescription(BSTR* text) override
     {
-        *text = MakeBasicString(description);
+        *text = MakeBasicString(error_.description);
         return S_OK;
     }
-    HRESULT STDMETHODCALLTYPE GetHelpFile(BSTR*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetHelpContext(DWORD*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetErrorDetails(BSTR* text, HRESULT* error, BSTR* restrictedText, BSTR* sid) override
+    HRESULT STDMETHODCALLTYPE GetErrorDetails(BSTR* text, HRESULT* code, BSTR* restrictedText, BSTR* sid) override
     {
-        *text = MakeBasicString(description);
-        *error = code;
-        *restrictedText = restrictedDescription == nullptr ? nullptr : MakeBasicString(restrictedDescription);
+        *text = MakeBasicString(error_.description);
+        *code = error_.code;
+        *restrictedText =
+            error_.restrictedDescription == nullptr ? nullptr : MakeBasicString(error_.restrictedDescription);
         *sid = MakeBasicString(L"S-1-15");
-        return detailsResult;
+        return error_.detailsResult;
     }
+
+private:
+    ErrorDescription error_;
 };
 
 // --- Operations
-template <typename Kind, typename MakeResult>
-class Operation final : public Object<component::AsyncOperation<Kind>, component::AsyncInfo>
+template <typename Interface>
+class Operation final : public FakeObject<Interface, component::IAsyncInfo>
 {
 public:
-    Operation(Ending ending, Faults faults, MakeResult makeResult)
-        : ending_(ending),
-          faults_(std::move(faults)),
+    using MakeResult = std::function<component::IInspectable*()>;
+
+    Operation(Ending ending, const Faults* faults, MakeResult makeResult)
+        : FakeObject<Interface, component::IAsyncInfo>(faults),
+          ending_(ending),
           makeResult_(std::move(makeResult)),
-          status_(ending.when == Completion::kBefore ? ending.status : 0)
+          status_(ending.when == Completion::kBefore ? ending.status : component::kStarted)
     {
     }
 
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID id, void** object) override
+    HRESULT STDMETHODCALLTYPE get_Status(INT32* status) override
     {
-        if (id == component::AsyncInfo::kId && faults_.fails.count("QueryInterface(IAsyncInfo)") != 0)
-        {
-            *object = nullptr;
-            return faults_.fails["QueryInterface(IAsyncInfo)"];
-        }
-        return Object<component::AsyncOperation<Kind>, component::AsyncInfo>::QueryInterface(id, object);
+        return this->Give(L"IAsyncInfo.get_Status", status, [this] { return status_.load(); });
     }
-    HRESULT STDMETHODCALLTYPE GetStatus(std::int32_t* status) override
-    {
-        *status = status_;
-        return current->ResultOf(faults_, "GetAsyncStatus");
-    }
-    HRESULT STDMETHODCALLTYPE PutCompleted(component::Completed* handler) override
+    HRESULT STDMETHODCALLTYPE get_ErrorCode(HRESULT*) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE put_Completed(component::ICompletedHandler* handler) override
     {
         current->Record(L"complete");
-        const HRESULT result = current->ResultOf(faults_, "PutCompleted");
+        const HRESULT result = this->ResultOf(L"put_Completed");
         if (FAILED(result))
         {
             return result;
@@ -192,43 +208,31 @@ public:
         CheckHandler(handler);
         handler->AddRef();
         this->AddRef();
-        const auto finish = [this, handler] {
-            status_ = ending_.status;
-            EXPECT_EQ(handler->Invoke(static_cast<component::AsyncOperation<Kind>*>(this), ending_.status), S_OK);
-        };
         if (ending_.when == Completion::kInside)
         {
-            finish();
-            Let(handler);
+            Finish(handler);
+            LetGo(handler);
+            return S_OK;
         }
-        else
-        {
-            // The handler is kept a while longer than the waiter needs it.
-            current->Later([this, handler, finish] {
-                Sleep(5);
-                finish();
-                Sleep(5);
-                Let(handler);
-            });
-        }
+        // The handler is kept a while longer than the waiter needs it.
+        current->Later([this, handler] {
+            Sleep(5);
+            Finish(handler);
+            Sleep(5);
+            LetGo(handler);
+        });
         return S_OK;
     }
-    HRESULT STDMETHODCALLTYPE GetResults(typename Kind::Result** result) override
+    HRESULT STDMETHODCALLTYPE GetResults(component::IInspectable** result) override
     {
         current->Record(L"results");
-        *result = nullptr;
-        const HRESULT code = current->ResultOf(faults_, "GetResults");
-        if (SUCCEEDED(code) && faults_.nulls.count("GetResults") == 0)
-        {
-            *result = makeResult_();
-        }
-        return code;
+        return this->Give(L"GetResults", result, makeResult_);
     }
 
 private:
-    static void CheckHandler(component::Completed* handler)
+    static void CheckHandler(component::ICompletedHandler* handler)
     {
-        for (const GUID& id : {IID_IUnknown, Kind::kHandlerId, component::kAgileObject})
+        for (const GUID& id : {IID_IUnknown, Interface::kHandlerIid, component::IAgileObject::kIid})
         {
             void* found = nullptr;
             EXPECT_EQ(handler->QueryInterface(id, &found), S_OK);
@@ -236,10 +240,15 @@ private:
             handler->Release();
         }
         void* found = handler;
-        EXPECT_EQ(handler->QueryInterface(component::kInspectable, &found), E_NOINTERFACE);  // a delegate is none
+        EXPECT_EQ(handler->QueryInterface(component::IInspectable::kIid, &found), E_NOINTERFACE);  // a delegate is none
         EXPECT_EQ(found, nullptr);
     }
-    void Let(component::Completed* handler)
+    void Finish(component::ICompletedHandler* handler)
+    {
+        status_ = ending_.status;
+        EXPECT_EQ(handler->Invoke(static_cast<Interface*>(this), ending_.status), S_OK);
+    }
+    void LetGo(component::ICompletedHandler* handler)
     {
         const ULONG left = handler->Release();
         current->Record(L"handler left with " + std::to_wstring(left));
@@ -247,166 +256,134 @@ private:
     }
 
     Ending ending_;
-    Faults faults_;
     MakeResult makeResult_;
     std::atomic<std::int32_t> status_;
 };
 
-class RemovalResult final : public Object<component::DeploymentResult>
+class RemovalResult final : public FakeObject<component::IDeploymentResult>
 {
 public:
-    explicit RemovalResult(FakePackage package) : package_(std::move(package)) {}
-    HRESULT STDMETHODCALLTYPE GetErrorText(String* text) override
+    explicit RemovalResult(const FakePackage& package) : FakeObject(&package.faults), package_(package) {}
+    HRESULT STDMETHODCALLTYPE get_ErrorText(HSTRING* text) override
     {
-        *text = MakeString(package_.removalText);
-        return current->ResultOf(package_.faults, "GetErrorText");
+        *text = MakeString(package_.removalText);  // also when it fails: the caller must not lose it
+        return ResultOf(L"get_ErrorText");
     }
-    HRESULT STDMETHODCALLTYPE GetExtendedErrorCode(HRESULT* code) override
+    HRESULT STDMETHODCALLTYPE get_ExtendedErrorCode(HRESULT* code) override
     {
-        *code = package_.removalError;
-        return current->ResultOf(package_.faults, "GetExtendedErrorCode");
+        return Give(L"get_ExtendedErrorCode", code, [this] { return package_.removalError; });
     }
 
 private:
-    FakePackage package_;
+    const FakePackage& package_;
 };
 
-class InstallResult final : public Object<component::UpdateResult>
+class InstallResult final : public FakeObject<component::IStorePackageUpdateResult>
 {
 public:
-    HRESULT STDMETHODCALLTYPE GetOverallState(std::int32_t* state) override
+    HRESULT STDMETHODCALLTYPE get_OverallState(INT32* state) override
     {
-        *state = current->updateState;
-        return current->ResultOf(current->faults, "GetOverallState");
+        return Give(L"get_OverallState", state, [] { return current->updateState; });
     }
 };
 
 // --- Packages. Each getter hands out a new object.
-class StatusObject final : public Object<component::PackageStatus>
+template <typename... Interfaces>
+class PackageObject : public FakeObject<Interfaces...>
 {
 public:
-    explicit StatusObject(FakePackage& package) : package_(package) {}
-    HRESULT STDMETHODCALLTYPE VerifyIsOK(Bool* isOk) override
+    explicit PackageObject(const FakePackage& package) : FakeObject<Interfaces...>(&package.faults), package_(package)
     {
-        *isOk = package_.isOk ? 1 : 0;
-        return current->ResultOf(package_.faults, "VerifyIsOK");
     }
 
-private:
-    FakePackage& package_;
+protected:
+    const FakePackage& package_;
 };
 
-class IdObject final : public Object<component::PackageId>
+class PackageStatus final : public PackageObject<component::IPackageStatus>
 {
 public:
-    explicit IdObject(FakePackage& package) : package_(package) {}
-    HRESULT STDMETHODCALLTYPE GetVersion(component::Version* version) override
+    using PackageObject::PackageObject;
+    HRESULT STDMETHODCALLTYPE VerifyIsOK(boolean* isOk) override
     {
-        *version = package_.version;
-        return current->ResultOf(package_.faults, "GetVersion");
+        return Give(L"VerifyIsOK", isOk, [this] { return static_cast<boolean>(package_.isOk ? 1 : 0); });
     }
-    HRESULT STDMETHODCALLTYPE GetFullName(String* name) override
-    {
-        const HRESULT result = current->ResultOf(package_.faults, "GetFullName");
-        *name =
-            SUCCEEDED(result) && package_.faults.nulls.count("GetFullName") == 0 ? MakeString(package_.name) : nullptr;
-        return result;
-    }
-
-private:
-    FakePackage& package_;
 };
 
-class PackageObject final : public Object<component::Package, component::Package3>
+class PackageId final : public PackageObject<component::IPackageId>
 {
 public:
-    explicit PackageObject(FakePackage& package) : package_(package) {}
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID id, void** object) override
+    using PackageObject::PackageObject;
+    HRESULT STDMETHODCALLTYPE get_Version(component::PackageVersion* version) override
     {
-        *object = nullptr;
-        const HRESULT result =
-            id == component::Package3::kId ? current->ResultOf(package_.faults, "QueryInterface(IPackage3)") : S_OK;
-        return FAILED(result) ? result : Object::QueryInterface(id, object);
+        return Give(L"get_Version", version, [this] { return package_.version; });
     }
-    HRESULT STDMETHODCALLTYPE GetId(component::PackageId** id) override
+    HRESULT STDMETHODCALLTYPE get_FullName(HSTRING* name) override
     {
-        const HRESULT result = current->ResultOf(package_.faults, "GetId");
-        *id = SUCCEEDED(result) && package_.faults.nulls.count("GetId") == 0 ? new IdObject(package_) : nullptr;
-        return result;
+        return Give(L"get_FullName", name, [this] { return MakeString(package_.name); });
     }
-    HRESULT STDMETHODCALLTYPE GetStatus(component::PackageStatus** status) override
-    {
-        const HRESULT result = current->ResultOf(package_.faults, "GetStatus");
-        *status =
-            SUCCEEDED(result) && package_.faults.nulls.count("GetStatus") == 0 ? new StatusObject(package_) : nullptr;
-        return result;
-    }
-
-private:
-    FakePackage& package_;
 };
 
-class IteratorObject final : public Object<component::PackageIterator>
+class Package final : public PackageObject<component::IPackage, component::IPackage3>
 {
 public:
-    HRESULT STDMETHODCALLTYPE GetCurrent(component::Package** package) override
+    using PackageObject::PackageObject;
+    HRESULT STDMETHODCALLTYPE get_Id(component::IPackageId** id) override
     {
-        *package = nullptr;
-        const HRESULT result = current->ResultOf(current->faults, "GetCurrent");
-        if (SUCCEEDED(result) && next_->faults.nulls.count("GetCurrent") == 0)
-        {
-            *package = new PackageObject(*next_);
-        }
-        return result;
+        return Give(L"get_Id", id, [this] { return new PackageId(package_); });
     }
-    HRESULT STDMETHODCALLTYPE GetHasCurrent(Bool* has) override
+    HRESULT STDMETHODCALLTYPE get_Status(component::IPackageStatus** status) override
     {
-        has[0] = next_ != current->packages.end() ? 1 : 0;  // one byte: what stands beside it is not ours
-        return current->ResultOf(current->faults, "GetHasCurrent");
+        return Give(L"get_Status", status, [this] { return new PackageStatus(package_); });
     }
-    HRESULT STDMETHODCALLTYPE MoveNext(Bool* has) override
+};
+
+class PackageIterator final : public FakeObject<component::IPackageIterator>
+{
+public:
+    HRESULT STDMETHODCALLTYPE get_Current(component::IPackage** package) override
+    {
+        return Give(L"get_Current", package,
+                    [this] { return next_->faults.nulls.count(L"get_Current") == 0 ? new Package(*next_) : nullptr; });
+    }
+    // Booleans are one byte wide: the byte beside it belongs to the caller.
+    HRESULT STDMETHODCALLTYPE get_HasCurrent(boolean* has) override
+    {
+        return Give(L"get_HasCurrent", has, [this] { return HasCurrent(); });
+    }
+    HRESULT STDMETHODCALLTYPE MoveNext(boolean* has) override
     {
         ++next_;
-        has[0] = next_ != current->packages.end() ? 1 : 0;
-        return current->ResultOf(current->faults, "MoveNext");
+        return Give(L"MoveNext", has, [this] { return HasCurrent(); });
     }
 
 private:
+    boolean HasCurrent() const { return next_ != current->packages.end() ? 1 : 0; }
+
     std::list<FakePackage>::iterator next_ = current->packages.begin();
 };
 
-class PackagesObject final : public Object<component::PackageIterable>
+class PackageList final : public FakeObject<component::IPackageIterable>
 {
 public:
-    HRESULT STDMETHODCALLTYPE First(component::PackageIterator** first) override
+    HRESULT STDMETHODCALLTYPE First(component::IPackageIterator** first) override
     {
-        const HRESULT result = current->ResultOf(current->faults, "First");
-        *first = SUCCEEDED(result) && current->faults.nulls.count("First") == 0 ? new IteratorObject : nullptr;
-        return result;
+        return Give(L"First", first, [] { return new PackageIterator; });
     }
 };
 
-class ManagerObject final : public Object<component::PackageManager, component::PackageManager2>
+class PackageManager final : public FakeObject<component::IPackageManager, component::IPackageManager2>
 {
 public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID id, void** object) override
-    {
-        *object = nullptr;
-        const HRESULT result = id == component::PackageManager2::kId
-                                   ? current->ResultOf(current->faults, "QueryInterface(IPackageManager2)")
-                                   : S_OK;
-        return FAILED(result) ? result : Object::QueryInterface(id, object);
-    }
-    HRESULT STDMETHODCALLTYPE FindPackages(component::PackageIterable** found) override
+    HRESULT STDMETHODCALLTYPE FindPackages(component::IPackageIterable** found) override
     {
         current->Record(L"find");
-        const HRESULT result = current->ResultOf(current->faults, "FindPackages");
-        *found = SUCCEEDED(result) && current->faults.nulls.count("FindPackages") == 0 ? new PackagesObject : nullptr;
-        return result;
+        return Give(L"FindPackages", found, [] { return new PackageList; });
     }
-    HRESULT STDMETHODCALLTYPE RemovePackage(String name, UINT32 options,
-                                            component::AsyncOperation<component::DeploymentKind>** operation) override
+    HRESULT STDMETHODCALLTYPE RemovePackageWithOptionsAsync(HSTRING name, UINT32 options,
+                                                            component::IDeploymentOperation** operation) override
     {
+        constexpr const wchar_t* kMethod = L"RemovePackageWithOptionsAsync";
         wchar_t hex[16] = {};
         wsprintfW(hex, L"0x%X", options);
         current->Record(L"remove " + TextOf(name) + L" " + hex);
@@ -415,11 +392,9 @@ public:
         {
             if (package.name == TextOf(name))
             {
-                const HRESULT result = current->ResultOf(package.faults, "RemovePackage");
-                if (SUCCEEDED(result) && package.faults.nulls.count("RemovePackage") == 0)
-                {
-                    *operation = MakeRemoval(package);
-                }
+                const HRESULT result = FakeRuntime::ResultOf(package.faults, kMethod);
+                *operation =
+                    SUCCEEDED(result) && package.faults.nulls.count(kMethod) == 0 ? MakeRemoval(package) : nullptr;
                 return result;
             }
         }
@@ -427,102 +402,73 @@ public:
     }
 };
 
-class ManagerFactory final : public Object<component::ActivationFactory>
+class ManagerFactory final : public FakeObject<component::IActivationFactory>
 {
 public:
-    HRESULT STDMETHODCALLTYPE ActivateInstance(component::Inspectable** instance) override
+    HRESULT STDMETHODCALLTYPE ActivateInstance(component::IInspectable** instance) override
     {
         current->Record(L"create");
-        const HRESULT result = current->ResultOf(current->faults, "ActivateInstance");
-        auto* const manager =
-            SUCCEEDED(result) && current->faults.nulls.count("ActivateInstance") == 0 ? new ManagerObject : nullptr;
-        *instance = static_cast<component::PackageManager*>(manager);
-        return result;
+        return Give(L"ActivateInstance", instance,
+                    [] { return static_cast<component::IPackageManager*>(new PackageManager); });
     }
 };
 
 // --- The Store
-class ContextObject final
-    : public Object<component::StoreContext, component::StoreContext3, component::InitializeWithWindow>
+std::wstring ReadIds(component::IStringIterable* ids)
+{
+    component::IStringIterator* iterator = nullptr;
+    EXPECT_EQ(ids->First(&iterator), S_OK);
+    std::wstring read;
+    boolean has = 0;
+    for (iterator->get_HasCurrent(&has); has != 0; iterator->MoveNext(&has))
+    {
+        HSTRING id = nullptr;
+        EXPECT_EQ(iterator->get_Current(&id), S_OK);
+        read += L" " + TextOf(id);
+        DeleteString(id);
+    }
+    iterator->Release();
+    return read;
+}
+
+class StoreContext final
+    : public FakeObject<component::IStoreContext, component::IStoreContext3, component::IInitializeWithWindow>
 {
 public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID id, void** object) override
-    {
-        *object = nullptr;
-        HRESULT result = S_OK;
-        if (id == component::InitializeWithWindow::kId)
-        {
-            result = current->ResultOf(current->faults, "QueryInterface(IInitializeWithWindow)");
-        }
-        if (id == component::StoreContext3::kId)
-        {
-            result = current->ResultOf(current->faults, "QueryInterface(IStoreContext3)");
-        }
-        return FAILED(result) ? result : Object::QueryInterface(id, object);
-    }
     HRESULT STDMETHODCALLTYPE Initialize(HWND window) override
     {
         current->Record(L"window " + std::to_wstring(reinterpret_cast<UINT_PTR>(window)));
-        return current->ResultOf(current->faults, "Initialize");
+        return ResultOf(L"Initialize");
     }
-    HRESULT STDMETHODCALLTYPE DownloadAndInstall(component::StringIterable* ids,
-                                                 component::AsyncOperation<component::UpdateKind>** operation) override
+    HRESULT STDMETHODCALLTYPE DownloadAndInstallStorePackagesAsync(component::IStringIterable* ids,
+                                                                   component::IStoreOperation** operation) override
     {
-        component::StringIterator* iterator = nullptr;
-        EXPECT_EQ(ids->First(&iterator), S_OK);
-        std::wstring line = L"install";
-        Bool has = 0;
-        for (iterator->GetHasCurrent(&has); has != 0; iterator->MoveNext(&has))
-        {
-            String id = nullptr;
-            EXPECT_EQ(iterator->GetCurrent(&id), S_OK);
-            line += L" " + TextOf(id);
-            DeleteString(id);
-        }
-        iterator->Release();
-        current->Record(line);
+        current->Record(L"install" + ReadIds(ids));
         current->onUpdate(ids);
-        *operation = nullptr;
-        const HRESULT result = current->ResultOf(current->faults, "DownloadAndInstall");
-        if (SUCCEEDED(result) && current->faults.nulls.count("DownloadAndInstall") == 0)
-        {
-            const auto makeResult = [] { return new InstallResult; };
-            *operation = new Operation<component::UpdateKind, decltype(makeResult)>(current->update, current->faults,
-                                                                                    makeResult);
-        }
-        return result;
+        return Give(L"DownloadAndInstallStorePackagesAsync", operation, [] {
+            return new Operation<component::IStoreOperation>(current->update, nullptr,
+                                                             [] { return new InstallResult; });
+        });
     }
 };
 
-class ContextFactory final : public Object<component::StoreContextStatics>
+class ContextFactory final : public FakeObject<component::IStoreContextStatics>
 {
 public:
-    HRESULT STDMETHODCALLTYPE GetDefault(component::StoreContext** context) override
+    HRESULT STDMETHODCALLTYPE GetDefault(component::IStoreContext** context) override
     {
         current->Record(L"default");
-        const HRESULT result = current->ResultOf(current->faults, "GetDefault");
-        *context = SUCCEEDED(result) && current->faults.nulls.count("GetDefault") == 0 ? new ContextObject : nullptr;
-        return result;
+        return Give(L"GetDefault", context, [] { return new StoreContext; });
     }
 };
 }  // namespace
 
-::IUnknown* MakeErrorObject(const std::wstring& description, bool restricted, HRESULT code,
-                            const wchar_t* restrictedDescription, HRESULT detailsResult)
+void LeaveErrorObject(const ErrorDescription& error)
 {
-    auto* const error = new ErrorObject;
-    error->description = description;
-    error->isRestricted = restricted;
-    error->code = code;
-    error->restrictedDescription = restrictedDescription;
-    error->detailsResult = detailsResult;
-    return static_cast<ErrorInfo*>(error);
-}
-
-void LeaveErrorObject(::IUnknown* error)
-{
-    EXPECT_EQ(SetErrorInfo(0, static_cast<::IErrorInfo*>(error)), S_OK);
-    error->Release();
+    auto* const object = new ErrorObject(error);
+    void* const information = static_cast<component::IErrorInfo*>(object);
+    EXPECT_EQ(SetErrorInfo(0, static_cast<::IErrorInfo*>(information)), S_OK);
+    object->Release();
 }
 
 FakeRuntime::FakeRuntime() : lookUp_((current = this, &__imp_GetProcAddress), &LookUpShim)
@@ -553,43 +499,39 @@ void FakeRuntime::Record(const std::wstring& call)
     calls_.push_back(call);
 }
 
-HRESULT FakeRuntime::ResultOf(const Faults& where, const std::string& method)
+HRESULT FakeRuntime::ResultOf(const Faults& where, const std::wstring& method)
 {
     const auto failure = where.fails.find(method);
-    if (failure == where.fails.end())
-    {
-        return S_OK;
-    }
     const auto text = where.texts.find(method);
-    if (text != where.texts.end())
+    if (failure != where.fails.end() && text != where.texts.end())
     {
-        LeaveErrorObject(MakeErrorObject(text->second, true, failure->second));
+        LeaveErrorObject({text->second, true, failure->second});
     }
-    return failure->second;
+    return failure == where.fails.end() ? S_OK : failure->second;
 }
 
 HRESULT FakeRuntime::Activate(const std::wstring& name, const GUID& id, void** factory)
 {
     onActivation();
-    const bool isManager = name == L"Windows.Management.Deployment.PackageManager";
-    const bool isContext = name == L"Windows.Services.Store.StoreContext";
-    const bool idFits = id == (isManager ? component::ActivationFactory::kId : component::StoreContextStatics::kId);
+    const bool isManager = name == component::kPackageManagerClass;
+    const bool isContext = name == component::kStoreContextClass;
+    const bool idFits = id == (isManager ? component::IActivationFactory::kIid : component::IStoreContextStatics::kIid);
     Record(L"activate " + name + (idFits ? L"" : L" by another id"));
     if (withoutApartment != S_OK && !hasApartment)
     {
         return withoutApartment;
     }
-    const HRESULT result = ResultOf(faults, "activation");
-    if (FAILED(result) || faults.nulls.count("activation") != 0)
+    const HRESULT result = ResultOf(faults, L"activation");
+    if (FAILED(result) || faults.nulls.count(L"activation") != 0)
     {
         return result;
     }
     if (!idFits || (!isManager && !isContext))
     {
-        return static_cast<HRESULT>(0x80040154);
+        return REGDB_E_CLASSNOTREG;
     }
-    *factory = isManager ? static_cast<void*>(static_cast<component::ActivationFactory*>(new ManagerFactory))
-                         : static_cast<void*>(static_cast<component::StoreContextStatics*>(new ContextFactory));
+    *factory = isManager ? static_cast<void*>(static_cast<component::IActivationFactory*>(new ManagerFactory))
+                         : static_cast<void*>(static_cast<component::IStoreContextStatics*>(new ContextFactory));
     return S_OK;
 }
 
@@ -607,6 +549,11 @@ void FakeRuntime::WaitForThreads()
     threads_.clear();
 }
 
+int LiveObjects()
+{
+    return liveObjects;
+}
+
 int LiveStrings()
 {
     return liveStrings;
@@ -617,33 +564,32 @@ int LiveBasicStrings()
     return liveBasicStrings;
 }
 
-String MakeString(const std::wstring& text)
+HSTRING MakeString(const std::wstring& text)
 {
-    static auto* const real =
-        Real<HRESULT WINAPI(const wchar_t*, UINT32, String*)>(L"combase.dll", "WindowsCreateString");
-    String string = nullptr;
+    static auto* const real = Real<decltype(CreateStringShim)>(L"combase.dll", "WindowsCreateString");
+    HSTRING string = nullptr;
     EXPECT_EQ(real(text.c_str(), static_cast<UINT32>(text.size()), &string), S_OK);
     liveStrings += string != nullptr ? 1 : 0;
     return string;
 }
 
-std::wstring TextOf(String text)
+std::wstring TextOf(HSTRING text)
 {
     static auto* const real =
-        Real<const wchar_t * WINAPI(String, UINT32*)>(L"combase.dll", "WindowsGetStringRawBuffer");
+        Real<const wchar_t * WINAPI(HSTRING, UINT32*)>(L"combase.dll", "WindowsGetStringRawBuffer");
     UINT32 length = 0;
     const wchar_t* const buffer = real(text, &length);
     return std::wstring(buffer, length);
 }
 
-void DeleteString(String text)
+void DeleteString(HSTRING text)
 {
     DeleteStringShim(text);
 }
 
-component::AsyncOperation<component::DeploymentKind>* MakeRemoval(const FakePackage& package)
+component::IDeploymentOperation* MakeRemoval(const FakePackage& package)
 {
-    const auto makeResult = [package] { return new RemovalResult(package); };
-    return new Operation<component::DeploymentKind, decltype(makeResult)>(package.removal, package.faults, makeResult);
+    return new Operation<component::IDeploymentOperation>(package.removal, &package.faults,
+                                                          [&package] { return new RemovalResult(package); });
 }
 }  // namespace repair

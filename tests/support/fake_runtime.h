@@ -1,7 +1,7 @@
 // A Windows Runtime with the two classes that the product uses, as the test describes them.
 //
-// The product looks the functions up at run time and keeps them, and the factories as well, until the process ends:
-// so a test that uses this must be the only one of its process, as under ctest.
+// The product looks the functions up at run time and keeps them, and the factories too, until the process ends. So each
+// test that uses this needs a process of its own.
 #pragma once
 
 #include <windows.h>
@@ -17,13 +17,15 @@
 #include <thread>
 #include <vector>
 
-#include "support/runtime_abi.h"
+#include "lab/standins/winrt/abi.h"
 #include "support/substitute.h"
 
 IMPORTED(GetProcAddress)
 
 namespace repair
 {
+namespace component = winrt_abi;
+
 enum class Completion
 {
     kBefore,  // finished when the operation is handed out
@@ -39,34 +41,38 @@ inline void PrintTo(Completion when, std::ostream* stream)
 struct Ending
 {
     Completion when = Completion::kLater;
-    std::int32_t status = 1;  // AsyncStatus: 1 completed, 2 canceled, 3 error
+    std::int32_t status = component::kCompleted;
 };
 
-// Names of calls that fail, and of getters that succeed without an object.
+// By method, or by interface for QueryInterface. get_Status of an operation is called "IAsyncInfo.get_Status".
 struct Faults
 {
-    std::map<std::string, HRESULT> fails;
-    std::map<std::string, std::wstring> texts;  // the error object that a failing call leaves on the thread
-    std::set<std::string> nulls;
+    std::map<std::wstring, HRESULT> fails;
+    std::map<std::wstring, std::wstring> texts;  // the error object that a failing call leaves on the thread
+    std::set<std::wstring> nulls;                // methods that succeed without an object
 };
 
 struct FakePackage
 {
     std::wstring name;
-    component::Version version = {};
+    component::PackageVersion version = {};
     bool isOk = true;
-    Faults faults =
-        {};  // GetId GetFullName GetVersion QueryInterface(IPackage3) GetStatus VerifyIsOK RemovePackage ...
+    Faults faults = {};
     Ending removal = {};
     HRESULT removalError = S_OK;  // what the result of a completed removal says
     std::wstring removalText = {};
 };
 
-// An error object; `restricted` adds the interface with the error's own code.
-::IUnknown* MakeErrorObject(const std::wstring& description, bool restricted, HRESULT code = S_OK,
-                            const wchar_t* restrictedDescription = nullptr, HRESULT detailsResult = S_OK);
-// Puts one on the calling thread, as a failing call does.
-void LeaveErrorObject(::IUnknown* error);
+struct ErrorDescription
+{
+    std::wstring description;
+    bool isRestricted = true;  // it also has the interface with the error's own code
+    HRESULT code = S_OK;
+    const wchar_t* restrictedDescription = nullptr;
+    HRESULT detailsResult = S_OK;
+};
+// Puts an error object on the calling thread, as a failing call does.
+void LeaveErrorObject(const ErrorDescription& error);
 
 class FakeRuntime
 {
@@ -79,11 +85,10 @@ public:
     FakeRuntime& operator=(FakeRuntime&&) = delete;
 
     std::list<FakePackage> packages;
-    Faults faults;  // activation, ActivateInstance, FindPackages, First, GetHasCurrent, GetCurrent, MoveNext,
-                    // GetDefault QueryInterface(...), Initialize, DownloadAndInstall, GetResults, GetOverallState
+    Faults faults;  // of everything but the packages; "activation" is RoGetActivationFactory
     Ending update;
     std::int32_t updateState = 3;
-    std::function<void(component::StringIterable*)> onUpdate = [](component::StringIterable*) {};
+    std::function<void(component::IStringIterable*)> onUpdate = [](component::IStringIterable*) {};
 
     // Result of the activation while the thread has no apartment; CoIncrementMTAUsage makes one.
     HRESULT withoutApartment = S_OK;
@@ -91,10 +96,12 @@ public:
     std::function<void()> onActivation = [] {};
     std::set<std::string> missingFunctions;
 
-    // Calls of the product in order: "activate CLASS IID-OK", "mta", "find", "remove NAME OPTIONS", "complete", ...
+    // Calls of the product in order: "activate CLASS", "mta", "find", "remove NAME OPTIONS", "complete", ...
     std::vector<std::wstring> Calls() const;
     void Record(const std::wstring& call);
-    HRESULT ResultOf(const Faults& where, const std::string& method);
+
+    // The code with which the method fails, with its error object; S_OK if it does not fail.
+    static HRESULT ResultOf(const Faults& where, const std::wstring& method);
 
     HRESULT Activate(const std::wstring& name, const GUID& id, void** factory);
     void Later(std::function<void()> action);
@@ -109,14 +116,15 @@ private:
     ImportPatch lookUp_;
 };
 
-// Strings in the hands of anybody. Both are 0 when nothing was leaked; live objects are component::liveObjects.
+// How many exist now: objects of the fake, strings, and strings of classic COM.
+int LiveObjects();
 int LiveStrings();
 int LiveBasicStrings();
 
-component::String MakeString(const std::wstring& text);
-std::wstring TextOf(component::String text);
-void DeleteString(component::String text);
+HSTRING MakeString(const std::wstring& text);
+std::wstring TextOf(HSTRING text);
+void DeleteString(HSTRING text);
 
-// A removal or Store operation as the runtime would hand it out. The caller releases it.
-component::AsyncOperation<component::DeploymentKind>* MakeRemoval(const FakePackage& package);
+// A removal as the runtime would hand it out, with one reference for the caller. The package must outlive it.
+component::IDeploymentOperation* MakeRemoval(const FakePackage& package);
 }  // namespace repair
