@@ -7,6 +7,7 @@
 #include "support/fake_runtime.h"
 
 using testing::ElementsAre;
+using testing::IsEmpty;
 
 namespace repair
 {
@@ -44,6 +45,15 @@ protected:
             DeleteString(strings[i]);
         }
         return texts;
+    }
+    // What GetMany gives; `where` is the start, of a view only, and the capacity.
+    template <typename Source, typename... Where>
+    static std::vector<std::wstring> Many(Source* source, Where... where)
+    {
+        std::vector<HSTRING> strings(5, nullptr);
+        UINT32 actual = 99;
+        EXPECT_EQ(source->GetMany(where..., strings.data(), &actual), S_OK);
+        return Take(strings, actual);
     }
     // No text and no object may be left when the list has gone.
     void TearDown() override
@@ -115,20 +125,13 @@ TEST_F(StringListTest, IteratorAndTextsOutliveTheList)
     EXPECT_THAT(Take(strings, 1), ElementsAre(L"one"));
 }
 
-TEST_F(StringListTest, IteratorGivesManyAtOnceAndGoesOnBehindThem)
+TEST_F(StringListTest, IteratorGivesManyAtOnceAndGoesOnAfterThem)
 {
     Make({L"one", L"two", L"three"});
     component::IStringIterator* const iterator = First();
-    std::vector<HSTRING> strings(5, nullptr);
-    UINT32 actual = 99;
-    EXPECT_EQ(iterator->GetMany(2, strings.data(), &actual), S_OK);
-    EXPECT_EQ(actual, 2u);
-    EXPECT_THAT(Take(strings, actual), ElementsAre(L"one", L"two"));
-    EXPECT_EQ(iterator->GetMany(5, strings.data(), &actual), S_OK);
-    EXPECT_EQ(actual, 1u);
-    EXPECT_THAT(Take(strings, actual), ElementsAre(L"three"));
-    EXPECT_EQ(iterator->GetMany(5, strings.data(), &actual), S_OK);
-    EXPECT_EQ(actual, 0u);
+    EXPECT_THAT(Many(iterator, 2u), ElementsAre(L"one", L"two"));
+    EXPECT_THAT(Many(iterator, 5u), ElementsAre(L"three"));
+    EXPECT_THAT(Many(iterator, 5u), IsEmpty());
     boolean has = 7;
     iterator->get_HasCurrent(&has);
     EXPECT_EQ(has, 0);
@@ -181,16 +184,10 @@ TEST_F(StringListTest, ViewGivesManyFromAnyStart)
 {
     Make({L"one", L"two", L"three"});
     component::IStringVectorView* const view = View();
-    std::vector<HSTRING> strings(5, nullptr);
-    UINT32 actual = 99;
-    EXPECT_EQ(view->GetMany(1, 5, strings.data(), &actual), S_OK);
-    EXPECT_THAT(Take(strings, actual), ElementsAre(L"two", L"three"));
-    EXPECT_EQ(view->GetMany(0, 1, strings.data(), &actual), S_OK);
-    EXPECT_THAT(Take(strings, actual), ElementsAre(L"one"));
-    EXPECT_EQ(view->GetMany(3, 5, strings.data(), &actual), S_OK);
-    EXPECT_EQ(actual, 0u);
-    EXPECT_EQ(view->GetMany(0, 0, strings.data(), &actual), S_OK);
-    EXPECT_EQ(actual, 0u);
+    EXPECT_THAT(Many(view, 1u, 5u), ElementsAre(L"two", L"three"));
+    EXPECT_THAT(Many(view, 0u, 1u), ElementsAre(L"one"));
+    EXPECT_THAT(Many(view, 3u, 5u), IsEmpty());
+    EXPECT_THAT(Many(view, 0u, 0u), IsEmpty());
     view->Release();
 }
 
