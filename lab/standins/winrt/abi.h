@@ -7,8 +7,9 @@
 #include <unknwn.h>
 #include <winstring.h>
 
-// FOR_EACH(macro, a, b, c) becomes macro(a) macro(b) macro(c), for up to 8 arguments.
-#define FOR_EACH(macro, ...) __VA_OPT__(SCAN_AGAIN(FOR_EACH_STEP(macro, __VA_ARGS__)))
+// FOR_EACH(macro, a, b, c) becomes macro(a) macro(b) macro(c), for up to 8 arguments. The comma at the end gives the
+// last step an empty argument; without one, Clang's pedantic mode complains.
+#define FOR_EACH(macro, ...) SCAN_AGAIN(FOR_EACH_STEP(macro, __VA_ARGS__, ))
 #define FOR_EACH_STEP(macro, first, ...) macro(first) __VA_OPT__(FOR_EACH_NEXT PARENTHESES(macro, __VA_ARGS__))
 #define FOR_EACH_NEXT() FOR_EACH_STEP
 #define PARENTHESES ()
@@ -24,12 +25,15 @@ public:                                                \
     static constexpr const wchar_t* kName = L"" #type; \
     static constexpr GUID kIid = Id(iid);
 
+// Methods that the product must not know: with parameters where another caller needs them, otherwise as a list of
+// names.
 #define UNUSED_METHOD(name, ...)                        \
     virtual HRESULT STDMETHODCALLTYPE name(__VA_ARGS__) \
     {                                                   \
         return UnusedSlot(kName, L"" #name);            \
     }
-#define UNUSED_SLOTS(...) FOR_EACH(UNUSED_METHOD, __VA_ARGS__)
+#define UNUSED_SLOT(name) UNUSED_METHOD(name, void)
+#define UNUSED_SLOTS(...) FOR_EACH(UNUSED_SLOT, __VA_ARGS__)
 
 namespace winrt_abi
 {
