@@ -170,7 +170,6 @@ INSTANTIATE_TEST_SUITE_P(Calls, WaitForAsyncFailure,
 
 // Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: A call of it fails, there is no event, or a result is missing => an error
-// Own process: the functions of the Windows Runtime are looked up once in a process.
 TEST_P(WaitForAsyncFailure, IsThrown)
 {
     FakePackage package = Ends(Completion::kLater, 1);
