@@ -1,14 +1,16 @@
-"""Runs of the campaign: one, or many at a time, with results that can be gone on with."""
+"""Makes the runs of the campaign: one, or many at a time, with results from which a later call goes on."""
 from __future__ import annotations
 
 import collections
 import concurrent.futures
 import contextlib
+import fcntl
 import functools
 import hashlib
 import json
 import os
 import pathlib
+import random
 import subprocess
 import sys
 import time
@@ -21,7 +23,7 @@ from lab.children import end_with_parent
 from lab.result import Result
 from lab.run import RunError, end_orphans, private_hosts_obstacle, remove_folder, run as start
 from cases.fault_injection import judge, plan
-from cases.fault_injection.machines import MACHINES
+from cases.fault_injection.machines import MACHINES, Scenario
 from cases.fault_injection.plan import Planned
 
 FOLDER = paths.ROOT / "build" / "fault-injection"
@@ -29,99 +31,93 @@ RESULTS = FOLDER / "results.jsonl"
 SUMMARY = FOLDER / "summary.json"
 
 
-def obstacle(run: Planned) -> str:
-    """Why this run cannot be made here; empty when it can."""
-    return private_hosts_obstacle() if run.scenario.needs_root else ""
+@functools.cache
+def stamp() -> str:
+    """Of the tool and of everything that decides about a run. What was found with another stamp does not count."""
+    digest = hashlib.sha256(paths.need(paths.TOOL).read_bytes())
+    here, lab = pathlib.Path(__file__).parent, paths.ROOT / "lab"
+    parts = {*here.glob("*.py"), *here.parent.glob("support/expect.py"), *lab.glob("*.py"), *lab.glob("standins/**/*.cpp"),
+             *lab.glob("programs/*.cpp"), outcomes.FILE, pathlib.Path(outcomes.__file__)}
+    for file in sorted(parts - {*here.glob("test_*.py"), here / "__main__.py"}):
+        digest.update(file.read_bytes())
+    return digest.hexdigest()[:12]
 
 
-def execute(run: Planned, keep: bool = False) -> tuple[Result, judge.Verdict]:
-    """One run: the disturbed start, the undisturbed one after it, and the judgement."""
-    machine = run.machine()
-    _, _, arguments = judge.expected(run, machine)
-    result = start(machine, run.scenario.arguments, timeout=judge.LIMIT, then=arguments, keep=keep)
-    verdict = judge.judge(run, result)
-    if not verdict.problems:
-        for code, log in ((result.exit_code, result.log), (result.again.exit_code, result.again.log)):
-            corpus.add(*outcomes.matching(code, log), code, log)  # judged, so there is exactly one
-    return result, verdict
+# The undisturbed runs
+
+def obstacle(scenario: Scenario) -> str:
+    """Why this machine cannot be built here; empty when it can."""
+    return private_hosts_obstacle() if scenario.needs_root else ""
 
 
-def count_machine(name: str) -> tuple[str, dict[str, Any], list[str]]:
-    scenario = MACHINES[name]
-    if scenario.needs_root and private_hosts_obstacle():
-        return name, plan.load()[name], []  # not to be measured here
-    result = start(scenario.machine(), scenario.arguments)
-    return name, plan.count(result), judge.check_good(scenario, result)
+def measure(name: str) -> dict[str, Any]:
+    """One undisturbed run: its calls, and what is wrong with it."""
+    result = start(MACHINES[name].machine(), MACHINES[name].arguments)
+    return {**plan.count(result), "problems": judge.judge_undisturbed(MACHINES[name], result)}
 
 
-def count(jobs: int, write: bool) -> list[str]:
-    """Measures all machines anew and compares with counts.json, or writes it. Returns what is wrong with the
-    undisturbed runs."""
-    counts: dict[str, Any] = {}
-    problems: list[str] = []
-    known = {} if write else plan.load()
-    with concurrent.futures.ProcessPoolExecutor(jobs, initializer=end_with_parent) as pool:
-        for name, found, wrong in pool.map(count_machine, MACHINES):
-            calls = sum(item["count"] for item in found["calls"].values())
-            print(f"{name}: {calls} calls, {len(found['store'])} steps", flush=True)
-            counts[name] = found
-            problems += [f"{name}: {item}" for item in wrong]
-            if not write and not wrong and found != known.get(name):
-                problems.append(f"{name}: counts.json is out of date, run scripts/inject-faults --count")
-    if write and not problems:
-        plan.save(counts)
-    return problems
-
-
-def commit() -> str:
-    found = subprocess.run(["git", "-C", str(paths.ROOT), "rev-parse", "HEAD"], capture_output=True, text=True, check=False)
-    return found.stdout.strip()
-
-
-def slice_name() -> str:
-    """Of the tests: by the commit, unless FAULT_SLICE says otherwise."""
-    return os.environ.get("FAULT_SLICE") or plan.slice_of(commit(), plan.planned())
-
-
-def slice_for_tests() -> list[Planned]:
-    name = slice_name()
-    if name == "none":
-        return []
-    return plan.planned() if name == "all" else plan.take_slice(plan.planned(), name)
+@functools.cache
+def undisturbed() -> dict[str, Any]:
+    """By machine, measured once for each stamp and kept below build/. Machines that cannot be built here are left out."""
+    FOLDER.mkdir(parents=True, exist_ok=True)
+    file = FOLDER / f"undisturbed-{stamp()}.json"
+    with open(FOLDER / "lock", "w", encoding="ascii") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)  # the other workers of a test run wait for the first one
+        if not file.exists():
+            names = [name for name, scenario in MACHINES.items() if not obstacle(scenario)]
+            print(f"counting the calls of {len(names)} undisturbed runs", file=sys.stderr, flush=True)
+            with concurrent.futures.ProcessPoolExecutor(2 * (os.cpu_count() or 1), initializer=end_with_parent) as pool:
+                found = dict(zip(names, pool.map(measure, names)))
+            for old in FOLDER.glob("undisturbed-*.json"):
+                old.unlink()
+            file.write_text(json.dumps(found), "utf-8")
+    return json.loads(file.read_text("utf-8"))
 
 
 @functools.cache
 def by_id() -> dict[str, Planned]:
-    return {run.id: run for run in plan.planned()}
+    return {run.id: run for run in plan.planned(undisturbed())}
 
 
-def stamp() -> str:
-    """Results of another program or another plan do not count any more."""
-    digest = hashlib.sha256(paths.need(paths.TOOL).read_bytes())
-    here = pathlib.Path(__file__)
-    lab = paths.ROOT / "lab"
-    parts = {*here.parent.glob("*.py"), *lab.glob("*.py"), paths.ROOT / "cases" / "support" / "expect.py", *lab.glob("standins/**/*.cpp"),
-             *lab.glob("programs/*.cpp")}
-    parts |= {outcomes.FILE, pathlib.Path(outcomes.__file__)}
-    for file in sorted(parts - {here, here.with_name("__main__.py")}):
-        digest.update(file.read_bytes())
-    digest.update(json.dumps(plan.load()).encode())
-    return digest.hexdigest()[:12]
+def runs() -> list[Planned]:
+    return list(by_id().values())
 
 
-def record(identity: str, mark: str) -> dict[str, Any]:
-    """Runs and judges; what goes into the results."""
+def slice_name() -> str:
+    """Of the tests: by the commit, unless FAULT_SLICE says otherwise."""
+    found = subprocess.run(["git", "-C", str(paths.ROOT), "rev-parse", "HEAD"], capture_output=True, text=True, check=False)
+    return os.environ.get("FAULT_SLICE") or plan.slice_of(found.stdout.strip(), runs())
+
+
+def slice_for_tests() -> list[Planned]:
+    name = slice_name()
+    return {"none": [], "all": runs()}.get(name) if name in ("none", "all") else plan.take_slice(runs(), name)
+
+
+# The runs
+
+def execute(run: Planned, keep: bool = False) -> tuple[Result, list[str]]:
+    """One run: the disturbed start, the undisturbed one after it, and what is wrong with them."""
+    _, arguments = judge.expected(run)
+    result = start(run.machine(), run.scenario.arguments, timeout=judge.LIMIT, then=arguments, keep=keep)
+    problems = judge.judge(run, result, undisturbed()[run.scenario.name]["calls"])
+    if not problems:
+        for code, log in ((result.exit_code, result.log), (result.again.exit_code, result.again.log)):
+            corpus.add(*outcomes.matching(code, log), code, log)  # judged, so there is exactly one
+    return result, problems
+
+
+def record(identity: str) -> dict[str, Any]:
+    """Runs and judges; returns what goes into the results."""
     run = by_id()[identity]
-    found: dict[str, Any] = {"id": identity, "machine": run.scenario.name, "function": run.function, "stamp": mark}
-    if obstacle(run):
-        return {**found, "outcome": "not possible here", "problems": [], "seconds": 0}
+    found: dict[str, Any] = {"id": identity, "machine": run.scenario.name, "stamp": stamp()}
     began = time.monotonic()
     try:
-        result, verdict = execute(run)
-        found |= {"outcome": verdict.end, "problems": verdict.problems, "exit_code": result.exit_code}
-        if verdict.problems:
-            found |= {"log": result.log, "again": result.again.log if result.again else None, "calls": result.calls,
-                      "store_calls": result.store_calls, "errors": result.errors[:2000]}
+        result, problems = execute(run)
+        found |= {"outcome": " or ".join(outcomes.matching(result.exit_code, result.log)), "problems": problems}
+        if problems:
+            found |= {"exit_code": result.exit_code, "log": result.log, "again": result.again.log if result.again else None,
+                      "calls": result.calls, "store_calls": result.store_calls, "errors": result.errors[:2000]}
     except RunError as error:  # the lab itself failed
         found |= {"outcome": "lab failure", "problems": [str(error)]}
         remove_folder(error.folder)
@@ -130,77 +126,55 @@ def record(identity: str, mark: str) -> dict[str, Any]:
     return {**found, "seconds": round(time.monotonic() - began, 2)}
 
 
-def known_results(mark: str) -> dict[str, dict[str, Any]]:
-    """Good results of this program and plan; runs that failed are done again."""
-    if not RESULTS.exists():
-        return {}
+def known_results() -> dict[str, dict[str, Any]]:
+    """Good results with this stamp; runs that failed are made again."""
     found = []
-    for line in RESULTS.read_text("utf-8").splitlines():
+    for line in RESULTS.read_text("utf-8").splitlines() if RESULTS.exists() else ():
         with contextlib.suppress(ValueError):  # a campaign that was killed may have left half a line
             found.append(json.loads(line))
-    return {item["id"]: item for item in found if item["stamp"] == mark and not item["problems"]}
+    return {item["id"]: item for item in found if item["stamp"] == stamp() and not item["problems"]}
 
 
-def campaign(runs: list[Planned], jobs: int, fresh: bool = False) -> int:
-    """Makes the runs that have no result yet. The number of runs with something wrong."""
+def campaign(chosen: list[Planned], jobs: int, fresh: bool = False) -> int:
+    """Makes the runs that have no good result yet. Returns the number of runs that failed or were not made."""
     FOLDER.mkdir(parents=True, exist_ok=True)
     end_orphans()
-    mark = stamp()
     if fresh:
         RESULTS.unlink(missing_ok=True)
-    results = {identity: item for identity, item in known_results(mark).items() if identity in {run.id for run in runs}}
-    left = [run for run in runs if run.id not in results]
-    left = plan.take_sample(left, len(left), 1)  # shuffled, so that a part tells of all machines
-    print(f"{len(runs)} runs, {len(results)} of them done before, {jobs} at a time", flush=True)
+    names = [run.id for run in chosen]
+    results = {identity: item for identity, item in known_results().items() if identity in names}
+    left = [name for name in names if name not in results]
+    random.Random(1).shuffle(left)  # so that a part tells of all machines
+    print(f"{len(names)} runs, {len(results)} of them done before, {jobs} at a time", flush=True)
     began = time.monotonic()
-    failed = 0
-    with open(RESULTS, "a", encoding="utf-8") as file, concurrent.futures.ProcessPoolExecutor(jobs, initializer=end_with_parent) as pool:
-        futures = [pool.submit(record, run.id, mark) for run in left]
+    with (open(RESULTS, "a", encoding="utf-8") as file,
+          concurrent.futures.ProcessPoolExecutor(jobs, initializer=end_with_parent) as pool):
+        futures = [pool.submit(record, name) for name in left]
         try:
             for done, future in enumerate(concurrent.futures.as_completed(futures), 1):
                 item = future.result()
                 results[item["id"]] = item
                 file.write(json.dumps(item, ensure_ascii=False) + "\n")
                 file.flush()
-                failed += bool(item["problems"])
                 if item["problems"]:
                     print(f"\nFAILED {item['id']} ({item['outcome']})\n  " + "\n  ".join(item["problems"]), flush=True)
-                _progress(done, len(left), failed, time.monotonic() - began)
+                if done % 25 == 0 or done == len(left):
+                    each = (time.monotonic() - began) / done
+                    print(f"{done} of {len(left)}, {each:.2f} s a run, {each * (len(left) - done) / 60:.0f} min left", flush=True)
         except KeyboardInterrupt:
             pool.shutdown(wait=False, cancel_futures=True)
             print("\nstopped; the same command goes on from here", flush=True)
-    summarise(results, mark, time.monotonic() - began)
-    return len([item for item in results.values() if item["problems"]]) + (len(runs) - len(results))
+    return summarise(results) + len(names) - len(results)
 
 
-def _progress(done: int, number: int, failed: int, seconds: float) -> None:
-    left = seconds / done * (number - done)
-    line = f"{done} of {number}, {failed} failed, {seconds / done:.2f} s a run, {left / 60:.0f} min left"
-    if sys.stdout.isatty():
-        print(f"\r{line}  ", end="", flush=True)
-    elif done % 25 == 0 or done == number:
-        print(line, flush=True)
-
-
-def summarise(results: dict[str, dict[str, Any]], mark: str, seconds: float) -> None:
-    machines: dict[str, collections.Counter[str]] = {}
-    outcomes: collections.Counter[str] = collections.Counter()
-    for item in results.values():
-        wrong = "failed" if item["problems"] else "passed" if item["outcome"] != "not possible here" else "not possible here"
-        machines.setdefault(item["machine"], collections.Counter())[wrong] += 1
-        outcomes[item["outcome"]] += 1
-    print("\nby machine")
-    for name in MACHINES:
-        if name in machines:
-            parts = sorted(machines[name].items(), reverse=True)
-            print(f"  {name:18} " + ", ".join(f"{number} {what}" for what, number in parts))
-    print("by outcome")
-    for name, number in outcomes.most_common():
-        print(f"  {name:26} {number:5}")
-    mean = sum(item["seconds"] for item in results.values()) / max(1, len(results))
-    print(f"{len(results)} runs, {mean:.1f} s each on average; results in {RESULTS.relative_to(paths.ROOT)}", flush=True)
-    text = {"stamp": mark, "runs": len(results), "seconds": round(seconds), "machines": machines, "outcomes": outcomes,
-            "failed": [item["id"] for item in results.values() if item["problems"]]}
+def summarise(results: dict[str, dict[str, Any]]) -> int:
+    """Returns how many runs failed."""
+    failed = [item["id"] for item in results.values() if item["problems"]]
+    machines = collections.Counter(item["machine"] for item in results.values())
+    ends = collections.Counter(item["outcome"] for item in results.values())
+    for title, table in (("by machine", machines), ("by outcome", ends)):
+        print(title, *(f"  {name:26} {number:5}" for name, number in table.most_common()), sep="\n")
+    print(f"{len(results)} runs, {len(failed)} failed; results in {RESULTS.relative_to(paths.ROOT)}", flush=True)
+    text = {"stamp": stamp(), "runs": len(results), "machines": machines, "outcomes": ends, "failed": failed}
     SUMMARY.write_text(json.dumps(text, indent=1) + "\n", "utf-8")
-
-
+    return len(failed)

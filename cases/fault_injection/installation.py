@@ -7,82 +7,61 @@ from cases.support import expect
 from lab import paths
 from lab.machine import SERVER_PATH
 from cases.fault_injection import faults
-from cases.fault_injection.world import Product, Start
+from cases.fault_injection.world import ModelBase, Product
 
 FAMILIES = ("Halden", "DVR", "PXL")
-REBOOT = (1641, 3010, 3011)
 NO_MORE, NOT_FOUND = 259, 2
 BLOCK = 0x100000  # of the download
 LP = r"{temp}Tavik_VLTInstallerDownload\LPInstaller"
 PACKAGE_FILES = {"Halden": r"\HL\halden\halden64\dwx-next64.msi", "DVR": r"\HL\tavikdvr\tavikdvr64\tavikdvr64.msi",
                  "PXL": r"\HL\pxl64\PXL64.msi"}
+DOWNLOAD_ERROR = "\tException occured during the download of dwx2_install.exe. "
+# The calls of a download in their order, what the log says when one fails, and the catalogue's word for that run.
+DOWNLOAD = (
+    ("InternetCrackUrlW", "Unable to crack URL: {url}. Error = {code}", "download-bad-address"),
+    ("InternetOpenW", DOWNLOAD_ERROR + "Unable to open internet connection: {any}", "download-error"),
+    ("InternetConnectW", DOWNLOAD_ERROR + "Unable to connect to server: {any}", "download-bad-address"),
+    ("HttpOpenRequestW", "Unable to call HttpOpenRequest to {url}. Error {code}", "download-error"),
+    ("HttpSendRequestW", "Unable to call HttpSendRequest to {url}. Error {code}", "download-unreachable"),
+    ("HttpQueryInfoW", "Unable to create query response code from {url}. Error code: {code} {any}", "download-error"),
+)
 
 
-class Installation(Start):
+class Installation(ModelBase):
     def download(self, release: str) -> str:
         """The installer's kind, or nothing."""
-        server = self.machine.server
-        url = f"http://{{server}}{SERVER_PATH}{release}/dwx2_install.txt"
-        if server.reach == "override":
+        reach = self.machine.server.reach
+        if reach == "override":
             self.say(f"Change server to http://{{server}}{SERVER_PATH}.")
-        else:
-            url = f"https://{{any}}{SERVER_PATH}{release}/dwx2_install.txt"
-        thrown = "\tException occured during the download of dwx2_install.exe. {}: {{any}}".format
-        code = self.call("wininet!InternetCrackUrlW")
-        if code is not None:
-            self.say(f"Unable to crack URL: {url}. Error = {code}")
-            self.reason = "download-bad-address"
-            return ""
-        if self.call("wininet!InternetOpenW") is not None:
-            self.say(thrown("Unable to open internet connection"))
-            self.reason = "download-error"
-            return ""
-        if self.call("wininet!InternetConnectW") is not None:
-            self.call("wininet!InternetCloseHandle")
-            self.say(thrown("Unable to connect to server"))
-            self.reason = "download-bad-address"
-            return ""
-        good = self._transfer(url, release)
-        for _ in range(good[0]):
-            self.call("wininet!InternetCloseHandle")
-        return good[1]
-
-    def _transfer(self, url: str, release: str) -> tuple[int, str]:
-        """How many handles are open by then, and the installer's kind."""
-        opened = self.call("wininet!HttpOpenRequestW")
-        for _ in range(3):
-            self.call("wininet!InternetSetOptionW")
-        if opened is not None:
-            self.say(f"Unable to call HttpOpenRequest to {url}. Error {opened}")
-            self.reason = "download-error"
-            return 2, ""
-        sent = self.call("wininet!HttpSendRequestW")
-        if sent is None and self.machine.server.reach == "none":
-            sent = 12007  # there is no such host here
-        if sent is not None:
-            self.say(f"Unable to call HttpSendRequest to {url}. Error {sent}")
-            self.reason = "download-unreachable"
-            return 3, ""
-        code = self.call("wininet!HttpQueryInfoW")
-        if code is not None:
-            self.say(f"Unable to create query response code from {url}. Error code: {code} {{any}}")
-            self.reason = "download-error"
-            return 3, ""
+        address = "http://{server}" if reach == "override" else "https://{any}"
+        for function, line, reason in DOWNLOAD:
+            code = self.call(f"wininet!{function}")
+            if function == "HttpSendRequestW" and code is None and reach == "none":
+                code = 12007  # there is no such host here
+            if code is not None:
+                url = f"{address}{SERVER_PATH}{release}/dwx2_install.txt"
+                self.say(line.replace("{url}", url).replace("{code}", str(code)))
+                self.reason = reason
+                return ""
         self.say("Response code from server: 200")
+        return self._read_body(release)
+
+    def _read_body(self, release: str) -> str:
         size = (paths.PACKAGES / f"installer-{release}.exe").stat().st_size
         for _ in range(math.ceil(size / BLOCK) + 1):
             code = self.call("wininet!InternetReadFile")
-            self.reason = "download-broken" if code is not None else ""
+            if code is None:
+                continue
+            self.reason = "download-broken"
             if code == faults.EXTENDED:
                 for _ in range(2):
                     self.call("wininet!InternetGetLastResponseInfoW")
                 self.say("Unable to read file from internet. Extended error code: {number} {any}")
-                return 3, ""
-            if code is not None:
+            else:
                 self.say(f"Download failed with error code: {code} {{any}}")
-                return 3, ""
+            return ""
         self.say(f"Completed download. Total bytes downloaded: {size}")
-        return 3, release
+        return release
 
     # Installing
 
@@ -103,7 +82,6 @@ class Installation(Start):
 
     def sequence(self, installer: str, kind: str, everything: bool) -> int:
         release, _, variant = kind.partition("-")
-        self.call("msi!MsiSetInternalUI")
         self._prepare_folder()
         if self.launched:
             self.say(f"Process {installer} /NCRC /S -EXTRACTONLY=YES /D={LP} completed with exit code 0")
@@ -132,8 +110,7 @@ class Installation(Start):
 
     def _prepare_folder(self) -> None:
         for _ in range(2):
-            if self.call("wtsapi32!WTSQuerySessionInformationW") is None:
-                self.call("wtsapi32!WTSFreeMemory")
+            self.call("wtsapi32!WTSQuerySessionInformationW")
         if self.prepared:
             self.world.unpacked = False
 
@@ -167,7 +144,7 @@ class Installation(Start):
             if family == "Halden":
                 self.world.version = release
             code = code if code is not None else 3010 if variant == "reboot" else 0
-        if code in REBOOT:
+        if code in faults.REBOOT:
             self.say(f"System reboot may be required for {path}.")
             self.restart = True
             code = 0

@@ -1,10 +1,10 @@
-"""The inventory: adapters, their drivers and the packages of these."""
+"""The inventory: adapters, their drivers and the driver packages."""
 from __future__ import annotations
 
 import dataclasses
 
 from lab.adapters import Adapter, Package
-from cases.fault_injection.world import Start, setup_result, signed
+from cases.fault_injection.world import ModelBase, setup_result, signed
 
 MAKERS = ("VEN_1E7D", "VEN_1E7C")
 MORE_DATA = 122
@@ -22,9 +22,9 @@ class Record:
         return self.release.partition("-")[0]
 
 
-class Inventory(Start):
+class Inventory(ModelBase):
     def place(self, folder: str) -> str:
-        """The folder that a {store} of the log stands for."""
+        """The folder that {store1} and so on in a log line means."""
         number = folder.strip("{}").removeprefix("store")
         return self.packages()[int(number) - 1].store_folder() if number.isdigit() else folder
 
@@ -32,7 +32,7 @@ class Inventory(Start):
         code = self.call("setupapi!SetupDiGetClassDevsW")
         if code is not None:
             self.say(f"Failed to call SetupDiGetClassDevs {setup_result(code)}  {{any}}")
-            self.adapter_seen = True  # nobody knows
+            self.adapter_seen = True  # it cannot be known
             return []
         self.id, self.path = "", ""  # buffers that are never cleared
         records = []
@@ -42,11 +42,10 @@ class Inventory(Start):
             record = self._adapter(adapter)
             if record:
                 records.append(record)
-        self.call("setupapi!SetupDiDestroyDeviceInfoList")
         return sorted(records, key=lambda record: [ord(char) for char in record.base], reverse=True)
 
     def _property(self, text: str) -> tuple[str, int]:
-        """Text and code: first the size is asked for, and without it there is no room for the text."""
+        """Text and code. The tool asks for the size first; without it there is no room for the text."""
         size, read = (self.call("setupapi!SetupDiGetDeviceRegistryPropertyW") for _ in range(2))
         code = read if read is not None else MORE_DATA if size is not None else 0
         return ("", code) if code else (text, 0)
@@ -57,7 +56,7 @@ class Inventory(Start):
             self.id = adapter.id
         else:
             self.say(f"Failed to call SetupDiGetDeviceInstanceId {setup_result(code)}  {{any}}")
-            self.adapter_seen = True  # nobody knows
+            self.adapter_seen = True  # it cannot be known
         description, _ = self._property(str(adapter.description))
         if not any(maker in self.id.upper() for maker in MAKERS):
             self.say(f"[{description}] - [{self.id}] is not an Tavik Display Adapter.")
@@ -83,7 +82,7 @@ class Inventory(Start):
         for package in [*adapter.packages, None]:
             if self.call("setupapi!SetupDiEnumDriverInfoW") is not None or package is None or not built:
                 break
-            self.call("setupapi!SetupDiGetDriverInfoDetailW")  # the size; without it the structure alone is asked for
+            self.call("setupapi!SetupDiGetDriverInfoDetailW")  # the size; without it the tool asks for the bare structure
             known = self.call("setupapi!SetupDiGetDriverInfoDetailW") is None
             located = self.call("setupapi!SetupGetInfDriverStoreLocationW") is None
             if known and located and package.store:
@@ -115,7 +114,6 @@ class Inventory(Start):
                 if self.call("setupapi!SetupGetLineTextW") is None and line.lower().startswith("hkr,,releaseversion,,"):
                     release = line.split(",", 4)[4].strip('"')
                 found = self.call("setupapi!SetupFindNextLine") is None
-        self.call("setupapi!SetupCloseInfFile")
         return release
 
 

@@ -19,13 +19,13 @@ UPDATE = {"installs": f"{NEWER} | 2.24.20.0"}
 STANDINS = ["setupapi", "msi", "wininet", "wtsapi32"]
 FOREIGN = {"id": r"PCI\VEN_8086&DEV_46A6&SUBSYS_00000000&REV_0C\3&11583659&0&10", "description": "Other Graphics",
            "packages": []}
-NOBODYS = r"PCI\VEN_1E7B&DEV_2F19&SUBSYS_00000000&REV_A1\4&1A2B3C4D&0&0009"
+THIRD_MAKER = r"PCI\VEN_1E7B&DEV_2F19&SUBSYS_00000000&REV_A1\4&1A2B3C4D&0&0009"
 SECOND_MAKER = r"PCI\VEN_1E7C&DEV_2F19&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&0009"
 
 
 @dataclasses.dataclass(frozen=True)
 class Scenario:
-    """A machine with the good end of the undisturbed run. Its adapters stand in the order of their ids, as Wine has them."""
+    """A machine with the good end of the undisturbed run. Its adapters are listed by their ids, the order that Wine gives them."""
     name: str
     description: dict[str, Any]
     arguments: str
@@ -44,7 +44,7 @@ class Scenario:
 
 def local(*adapters: dict[str, Any], **changes: Any) -> dict[str, Any]:
     """The installer lies in the driver package, and there is no network."""
-    files = {GIVEN: {"installer": "24.20"}}  # at hand for whoever has to mend the machine
+    files = {GIVEN: {"installer": "24.20"}}  # at hand for a direct installation that repairs the machine
     return {"adapters": list(adapters) or [{"packages": [{"installer": "24.20"}]}], "server": {"reach": "none"}, "files": files,
             **changes}
 
@@ -88,6 +88,6 @@ MACHINES = {scenario.name: scenario for scenario in (
             ("Tavik Halden 24.20",)),
     Scenario("store-compatible", local(desktop=False, store=store(EARLIER, NEWER)), "-SILENT", -1, SILENT, (), (EARLIER, NEWER)),
     Scenario("no-edition", local(desktop=False, store=store(OTHER)), "", -1, (NOT_INSTALLED,), (), (OTHER,)),
-    Scenario("no-adapter", local({"id": NOBODYS, "packages": []}, FOREIGN), "", -1,
+    Scenario("no-adapter", local({"id": THIRD_MAKER, "packages": []}, FOREIGN), "", -1,
             (NO_ADAPTER,), ("Tavik Halden 23.40",)),
 )}

@@ -1,7 +1,7 @@
-"""What the tool does on a machine, call by call, as its description says: which calls it makes, what it logs, how it
-ends and what it leaves behind, also when one of the calls fails.
+"""What the tool does on a machine, also when one of its calls fails: the whole log, how it ends, what it leaves behind.
 
-Nothing here was read off the program. Where the two differ, one of them is wrong.
+The model names the calls whose failure changes something, in their order. A call that it does not name may fail without any
+consequence. Nothing here was read off the program: where the two differ, one of them is wrong.
 """
 from __future__ import annotations
 
@@ -10,30 +10,31 @@ import dataclasses
 
 from cases.support import expect
 from lab.machine import Machine
-from cases.fault_injection.installation import REBOOT, Installation
+from cases.fault_injection.faults import REBOOT
+from cases.fault_injection.installation import Installation
 from cases.fault_injection.inventory import Inventory, Record
 from cases.fault_injection.store import Store
-from cases.fault_injection.world import Fault, Outcome, World
+from cases.fault_injection.world import Ending, Fault, World
 
-QUIET_EXIT = 3  # of an error that nobody catches
+QUIET_EXIT = 3  # an uncaught error
 
 
 class Quiet(Exception):
     """An error that ends the process."""
 
 
-class Run(Inventory, Installation, Store):
+class Model(Inventory, Installation, Store):
     """One start of the tool, from beginning to end."""
 
-    def execute(self) -> Outcome:
+    def play(self) -> Ending:
         self.log += expect.opening(self.arguments)[:1]
         try:
             code = self._direct() if self.direct else self._check()
         except Quiet:
             code = QUIET_EXIT
-        return Outcome(code, self.log, self.boxes, self.calls, self.world, self.named(code))
+        return Ending(code, self.log, self.boxes, self.calls, self.world, self._outcome(code))
 
-    def named(self, code: int) -> str:
+    def _outcome(self, code: int) -> str:
         """The catalogue's word for this run, from what has happened and not from what the log says about it."""
         if self.reason:
             return self.reason
@@ -135,18 +136,18 @@ class Run(Inventory, Installation, Store):
         return 0
 
 
-def outcomes(machine: Machine, world: World, arguments: str, fault: Fault | None = None) -> list[Outcome]:
-    """What the run may come to. More than one only where it is left to the system: when the session's user is not known the
-    extraction folder may be left as it is, and a program cannot be started in a folder that does not exist; and a removal
-    that nobody waits for may be done before the next start or not at all."""
+def endings(machine: Machine, world: World, arguments: str, fault: Fault | None = None) -> list[Ending]:
+    """How the run may end. There are several only where the system decides: when the session's user is unknown, the extraction
+    folder may be left as it is, and a program cannot be started in a folder that does not exist; and a removal that the tool
+    does not wait for may be done before the next start or not at all."""
     if fault is None or not fault.function.startswith("wtsapi32"):
-        first = Run(machine, world, arguments, fault).execute()
+        first = Model(machine, world, arguments, fault).play()
         return [first, *(_removed(first, name) for name in first.world.unsure)]
-    return [Run(machine, world, arguments, fault, prepared=prepared, launched=launched).execute()
+    return [Model(machine, world, arguments, fault, prepared=prepared, launched=launched).play()
             for prepared, launched in ((True, True), (False, True), (False, False))]
 
 
-def _removed(outcome: Outcome, name: str) -> Outcome:
-    world = copy.deepcopy(outcome.world)
+def _removed(ending: Ending, name: str) -> Ending:
+    world = copy.deepcopy(ending.world)
     world.store = [package for package in world.store if package["name"] != name]
-    return dataclasses.replace(outcome, world=world)
+    return dataclasses.replace(ending, world=world)

@@ -1,14 +1,11 @@
-"""Which runs there are: counted on undisturbed runs, kept in counts.json, and made into runs with stable names.
+"""Which runs there are: the calls of an undisturbed run on each machine, made into runs with stable names.
 
-Of each function on each machine fail the first and the last call, and the first and the last one of each kind of arguments as
-long as there are not too many; each with at least two codes. Of the Store each step fails.
+Of each function the first and the last call fail, and the first and the last one of each kind of arguments as long as there are
+not too many. Of the Store each step fails.
 """
 from __future__ import annotations
 
 import dataclasses
-import json
-import pathlib
-import random
 import re
 from typing import Any
 
@@ -16,35 +13,25 @@ from lab.machine import Machine, merge
 from lab.result import Result
 from cases.fault_injection import faults
 from cases.fault_injection.machines import MACHINES, Scenario
-from cases.fault_injection.world import Fault
+from cases.fault_injection.model import Model
+from cases.fault_injection.world import Fault, World
 
-COUNTS = pathlib.Path(__file__).with_name("counts.json")
-MOST = 6   # calls of one function on one machine
+MOST = 6     # calls of one function on one machine
 SLICE = 100  # runs
 # The arguments by which calls differ; all others hold addresses, or say the same in another way.
 ARGUMENTS = ("property", "upgrade", "index", "class", "section", "option", "package", "properties", "detail")
-CALL = re.compile(r"(?P<function>\w+!\w+)#(?P<number>\d+) ?(?P<rest>.*) -> ")
+RECORD = re.compile(r"(?P<function>\w+!\w+)#(?P<number>\d+) ?(?P<rest>.*) -> (?P<result>\S+) gle=(?P<error>\d+)$")
 
 
 @dataclasses.dataclass(frozen=True)
 class Planned:
-    """One run. place, key and value: what is written in the Store's description."""
+    """One run. package and value: which package's step of the Store fails, and what is written in its description."""
     id: str
     scenario: Scenario
     fault: Fault
-    function: str = ""
-    ends: tuple[str, ...] = ()
     step: faults.Step | None = None
     package: str = ""
     value: str = ""
-
-    @property
-    def line(self) -> str:
-        """What the log has to say; empty when it need not say anything."""
-        if self.step:
-            return self.step.line
-        row = faults.EXTENDED_ROW if self.fault.code == faults.EXTENDED else faults.ROWS[self.fault.function]
-        return row.line if row.always else ""
 
     def machine(self) -> Machine:
         if self.step is None:
@@ -61,11 +48,23 @@ class Planned:
 
 # Counting
 
+def records(calls: list[str]) -> list[re.Match[str]]:
+    return [match for line in calls if (match := RECORD.match(line))]
+
+
+def made(calls: list[str]) -> dict[str, int]:
+    """How often each function was called."""
+    found: dict[str, int] = {}
+    for match in records(calls):
+        found[match["function"]] = found.get(match["function"], 0) + 1
+    return found
+
+
 def shape(rest: str) -> str:
     """What tells a call from others of its function."""
     found = dict(re.findall(r'(\w+)=("(?:[^"]|"")*"|[^;]*)', rest))
     known = [f"{key}={found[key]}" for key in ARGUMENTS if key in found]
-    known = [re.sub(r"Installer\\\w+\.msi", "Installer", text) for text in known]  # its name is made up
+    known = [re.sub(r"Installer\\\w+\.msi", "Installer", text) for text in known]  # a random name
     if "HKR,,ReleaseVersion" in found.get("text", ""):
         known.append("release")
     if found.get("size") == "0":
@@ -81,15 +80,12 @@ def pick(shapes: list[str]) -> list[int]:
 
 
 def count(result: Result) -> dict[str, Any]:
-    """Of an undisturbed run."""
+    """The calls of an undisturbed run: how many, which of them are to fail, and the steps of the Store."""
     shapes: dict[str, list[str]] = {}
-    for line in result.calls:
-        match = CALL.match(line)
-        if match:
-            shapes.setdefault(match["function"], []).append(shape(match["rest"]))
-    calls = {name: {"count": len(found), "fail": pick(found)} for name, found in sorted(shapes.items())
-             if name not in faults.CANNOT_FAIL}
-    return {"calls": calls, "store": store_steps(result.store_calls)}
+    for match in records(result.calls):
+        shapes.setdefault(match["function"], []).append(shape(match["rest"]))
+    fail = {name: pick(found) for name, found in sorted(shapes.items()) if name not in faults.NO_RESULT}
+    return {"calls": made(result.calls), "fail": fail, "store": store_steps(result.store_calls)}
 
 
 def store_steps(calls: list[str]) -> list[str]:
@@ -102,8 +98,8 @@ def store_steps(calls: list[str]) -> list[str]:
 
     steps = []
     removed = named("RemovePackageWithOptionsAsync")
-    looked = {"get_Id": named("get_Id"), "get_FullName": named("get_FullName"), "get_Version": named("get_Version"),
-              "IPackage3": named("get_Status"), "get_Status": named("get_Status"), "VerifyIsOK": named("VerifyIsOK")}
+    looked = {name: named(name) for name in ("get_Id", "get_FullName", "get_Version", "get_Status", "VerifyIsOK")}
+    looked["IPackage3"] = looked["get_Status"]
     for step in faults.STEPS:
         if step.place == "package":
             steps += [f"{step.name}@{name}" for name in looked.get(step.name, removed)]
@@ -116,38 +112,22 @@ def store_steps(calls: list[str]) -> list[str]:
     return steps
 
 
-def load() -> dict[str, Any]:
-    return json.loads(COUNTS.read_text("utf-8"))
-
-
-def save(counts: dict[str, Any]) -> None:
-    """One line for each function and for each machine's steps, so that a difference is easy to read."""
-    parts = []
-    for name, found in counts.items():
-        calls = ",\n".join(f"   {json.dumps(function)}: {json.dumps(item)}" for function, item in found["calls"].items())
-        parts.append(f' {json.dumps(name)}: {{\n  "calls": {{\n{calls}\n  }},\n  "store": {json.dumps(found["store"])}\n }}')
-    COUNTS.write_text("{\n" + ",\n".join(parts) + "\n}\n", "utf-8")
-
-
 # The runs
 
 def written(code: int) -> str:
     return str(code) if code < 0x10000 else f"0x{code:08X}"
 
 
-def _calls(scenario: Scenario, calls: dict[str, Any]) -> list[Planned]:
+def _calls(scenario: Scenario, fail: dict[str, list[int]]) -> list[Planned]:
+    machine = scenario.machine()
+    named = Model(machine, World.of(machine), scenario.arguments).play().calls
     runs = []
-    for name, found in calls.items():
-        row = faults.ROWS[name]
-        codes = [(code, row.how == "after") for code in row.codes]
-        if name == "wininet!InternetReadFile":
-            codes.append((faults.EXTENDED, False))
-        if name == "msi!MsiInstallProductW":
-            codes += [(3010, True), (1641, True)]  # it succeeds and wants a restart
-        for number in found["fail"]:
-            for code, after in codes:
+    for name, numbers in fail.items():
+        for number in numbers:
+            for code in faults.codes(name):
+                after = code in faults.REBOOT or name not in named
                 identity = f"{scenario.name}/{name}#{number}{'~' if after else '='}{written(code)}"
-                runs.append(Planned(identity, scenario, Fault(name, number, code, after), name, row.ends))
+                runs.append(Planned(identity, scenario, Fault(name, number, code, after)))
     return runs
 
 
@@ -160,15 +140,14 @@ def _steps(scenario: Scenario, steps: list[str]) -> list[Planned]:
         for at, code in enumerate(step.codes):
             failure = f"0x{code:08X}" + (f":{faults.TEXT}" if at % 2 == 0 else "")
             value = step.value.format(failure=failure, call=number or "", code=code)
-            identity = f"{scenario.name}/{text}={written(code)}"
-            runs.append(Planned(identity, scenario, Fault(code=code), name, step.ends, step, package or "", value))
+            runs.append(Planned(f"{scenario.name}/{text}={written(code)}", scenario, Fault(code=code), step, package or "", value))
     return runs
 
 
-def planned(counts: dict[str, Any] | None = None) -> list[Planned]:
-    counts = counts if counts is not None else load()
-    return [run for name, scenario in MACHINES.items() if name in counts
-            for run in (*_calls(scenario, counts[name]["calls"]), *_steps(scenario, counts[name]["store"]))]
+def planned(undisturbed: dict[str, Any]) -> list[Planned]:
+    """undisturbed: what `count` found, by machine."""
+    return [run for name, found in undisturbed.items()
+            for run in (*_calls(MACHINES[name], found["fail"]), *_steps(MACHINES[name], found["store"]))]
 
 
 def slices(runs: list[Planned]) -> int:
@@ -188,7 +167,3 @@ def slice_of(commit: str, runs: list[Planned]) -> str:
     """The slice that belongs to a commit: another one nearly every time, and the same one whenever it is run again."""
     number = slices(runs)
     return f"{int(commit[:8] or '0', 16) % number + 1}/{number}"
-
-
-def take_sample(runs: list[Planned], number: int, seed: int) -> list[Planned]:
-    return random.Random(seed).sample(runs, min(number, len(runs)))

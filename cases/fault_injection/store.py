@@ -4,7 +4,7 @@ from __future__ import annotations
 from typing import Any
 
 from cases.fault_injection import faults
-from cases.fault_injection.world import Start, signed
+from cases.fault_injection.world import ModelBase, signed
 
 STORE_NAMES = ("taviksystemsinc-2.8f31d07a2b6e4", "taviksystemsinc-2.tavikcorvelsoftware")
 SEARCHING = "when searching for UWP version of VLT"
@@ -19,7 +19,7 @@ class StoreError(Exception):
         self.text = text if colon else "{any}"
 
 
-class Store(Start):
+class Store(ModelBase):
     def fail(self, place: dict[str, Any], key: str) -> None:
         """A step of the package manager or of the Store."""
         value = str(place.get(key, "ok"))

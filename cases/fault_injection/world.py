@@ -1,4 +1,4 @@
-"""What a machine holds, and one start of the tool on it as far as everything goes through: its calls, its log, its boxes."""
+"""What a machine holds, and what all parts of the model share: its calls, its log, its boxes."""
 from __future__ import annotations
 
 import copy
@@ -29,7 +29,7 @@ class Fault:
     function: str = ""
     number: int = 0
     code: int = 0
-    after: bool = False
+    after: bool = False  # the real call is made first
 
 
 @dataclasses.dataclass
@@ -52,7 +52,7 @@ class World:
     store: list[dict[str, Any]]
     running: list[str]
     unpacked: bool = False         # the extraction folder is there
-    unsure: set[str] = dataclasses.field(default_factory=set)  # Store packages whose removal nobody waited for
+    unsure: set[str] = dataclasses.field(default_factory=set)  # Store packages whose removal the tool did not wait for
 
     @staticmethod
     def of(machine: Machine) -> "World":
@@ -74,16 +74,17 @@ class World:
 
 
 @dataclasses.dataclass
-class Outcome:
+class Ending:
+    """How one start ends, by the model."""
     exit_code: int
     log: list[str]
     boxes: list[tuple[str, str]]
     calls: dict[str, int]
     world: World
-    id: str  # of the catalogue
+    outcome: str  # of the catalogue
 
 
-class Start:
+class ModelBase:
     """One start of the tool."""
 
     def __init__(self, machine: Machine, world: World, arguments: str, fault: Fault | None = None, *, prepared: bool = True,
@@ -107,13 +108,13 @@ class Start:
             self.service = {key: value for key, value in self.service.items() if key in ("installs", "completion")}
         self.disturbed = fault is not None
         # What the catalogue's word for the run depends on.
-        self.reason = ""  # decided by the time
+        self.reason = ""  # already decided
         self.adapter_seen = self.store_trouble = self.restart = False
         self.removals: list[int | str] = []
         self.installations: list[int] = []  # the main package first
 
     def call(self, name: str) -> int | None:
-        """Counts a call. The code with which it fails when it is the one; it is then not made, unless told otherwise."""
+        """Counts a call. Returns the code if this is the call that fails; it is then not made, unless the fault says so."""
         self.calls[name] = self.calls.get(name, 0) + 1
         due = (name, self.calls[name]) == (self.fault.function, self.fault.number)
         return self.fault.code if due else None

@@ -2,16 +2,16 @@
 import re
 from collections.abc import Iterator
 
-from cases.fault_injection import model, plan
+from cases.fault_injection import campaign, model
 from cases.fault_injection.world import World
 
 
 def expected_logs() -> Iterator[tuple[str, str, int, tuple[str, ...]]]:
-    """Of each planned run and each of its possible outcomes: id of the run, outcome, exit code, lines."""
-    for run in plan.planned():
+    """Of each planned run and each of its possible endings: id of the run, outcome, exit code, lines."""
+    for run in campaign.runs():
         machine = run.machine()
-        for outcome in model.outcomes(machine, World.of(machine), run.scenario.arguments, run.fault):
-            yield run.id, outcome.id, outcome.exit_code, tuple(map(filled, outcome.log))
+        for ending in model.endings(machine, World.of(machine), run.scenario.arguments, run.fault):
+            yield run.id, ending.outcome, ending.exit_code, tuple(map(filled, ending.log))
 
 
 def filled(line: str) -> str:
