@@ -15,7 +15,9 @@ from cases.support import corpus, expect, statements  # noqa: E402
 from lab import paths  # noqa: E402
 from lab.machine import Machine  # noqa: E402
 from lab.result import Result, render  # noqa: E402
-from lab.run import RunError, end_orphans, mounting_obstacle, private_hosts_obstacle, remove_folder, run  # noqa: E402
+from lab.privileges import mounting_obstacle, private_hosts_obstacle  # noqa: E402
+from lab.run import RunError, run  # noqa: E402
+from lab.session import end_orphans, remove_folder  # noqa: E402
 from lab.state import State  # noqa: E402
 from cases.fault_injection.campaign import slice_name  # noqa: E402
 

@@ -7,11 +7,11 @@ import pathlib
 import subprocess
 import threading
 import time
-from typing import Callable, Iterator
+from typing import Callable
 
 from bench import turns
 from bench.figures import Row
-from bench.machine import DOWNLOADS, INSTALLER, TOOL, WarmMachine, roomy_folder
+from bench.machine import FLOOR, INSTALLER, TOOL, WarmMachine, roomy_folder
 from bench.settings import MIB, Settings
 from bench.watch import CLOSE_WRITE, CREATE, MOVED_TO, FileWatch
 from lab import certificates
@@ -20,13 +20,13 @@ from lab.machine import SERVER_PATH
 
 PATH = SERVER_PATH + "24.20/dwx2_install.txt"
 TEMPORARY = INSTALLER + ".tmp"
-NOT_A_PROGRAM = 2  # what the tool ends with when the installer that it got cannot be started
+NOT_A_PROGRAM = 2  # the tool's exit code when the downloaded installer cannot be started
 SMALL = 17 * 1024
 FLAT_MIB = 1.0     # what counts as no growth: the kernel's own count is off by some pages
 
 
 class Peak:
-    """The most memory that a process has had resident, asked for until it ends."""
+    """The most memory that a process had resident until it ended."""
 
     def __init__(self, process: int):
         self.status = pathlib.Path("/proc", str(process), "status")
@@ -61,7 +61,7 @@ class Downloads:
 
     def __enter__(self) -> "Downloads":
         self.machine.__enter__()
-        host = certificates.HOST if self.secure else f"{self.machine.web.address}:{self.machine.web.port}"
+        host = certificates.HOST if self.secure else self.machine.address
         self.url = f"{'https' if self.secure else 'http'}://{host}{PATH}"
         self.body, = (self.machine.folder / "server").glob("body-*")
         self.folder = self.machine.downloads
@@ -74,12 +74,9 @@ class Downloads:
         self.size = size
         os.truncate(self.body, size)
 
-    def _check(self, who: str, file: pathlib.Path, code: int, good: int = 0) -> None:
+    def _check(self, program: str, file: pathlib.Path, code: int, good: int = 0) -> None:
         if code != good or file.stat().st_size != self.size:
-            raise RuntimeError(f"{who} ended with {code} and a file of {file.stat().st_size} bytes, not {self.size}")
-
-    def _windows(self, name: str) -> str:
-        return f"{self.machine.windows_folder(self.folder)}\\{name}"
+            raise RuntimeError(f"{program} ended with exit code {code} and a file of {file.stat().st_size} bytes, not {self.size}")
 
     def tool(self) -> float:
         """Seconds from the request to the renamed file."""
@@ -115,11 +112,13 @@ class Downloads:
         return watch.first(CLOSE_WRITE, file.name) - watch.first(CREATE, file.name)
 
     def _bare_names(self) -> tuple[str, str]:
-        return self._windows("bare.tmp"), self._windows("bare.exe")
+        folder = self.machine.windows_folder(self.folder)
+        return rf"{folder}\bare.tmp", rf"{folder}\bare.exe"
 
     def peak(self, program: str, *arguments: str, done: str, good: int) -> float:
         """Bytes until the file is renamed; what comes after the download does not count."""
-        with FileWatch(self.folder, MOVED_TO) as watch:
+        sparse = SparseFiles([self.folder / (TEMPORARY if done == INSTALLER else "bare.tmp")])  # gigabytes do not stay
+        with contextlib.closing(sparse), FileWatch(self.folder, MOVED_TO) as watch:
             process = self.machine.start(program, *arguments)
             peak = Peak(process.pid)
             while not watch.events and process.poll() is None:
@@ -131,26 +130,14 @@ class Downloads:
         return float(most)
 
     def tool_peak(self) -> float:
-        with self._sparse(TEMPORARY):
-            return self.peak(TOOL, "-SILENT", done=INSTALLER, good=NOT_A_PROGRAM)
+        return self.peak(TOOL, "-SILENT", done=INSTALLER, good=NOT_A_PROGRAM)
 
     def loop_peak(self) -> float:
-        with self._sparse("bare.tmp"):
-            return self.peak("bare_loop.exe", self.url, *self._bare_names(), done="bare.exe", good=0)
+        return self.peak("bare_loop.exe", self.url, *self._bare_names(), done="bare.exe", good=0)
 
-    def same_calls_peak(self) -> float:
-        """The bare loop after the system calls that the tool has made by then, and with the same window."""
-        with self._sparse("bare.tmp"):
-            return self.peak("same_calls.exe", r"C:\lab\lines.txt", self.url, *self._bare_names(), done="bare.exe", good=0)
-
-    @contextlib.contextmanager
-    def _sparse(self, name: str) -> Iterator[None]:
-        """Gigabytes do not stay: the file's memory is given back while it is written."""
-        sparse = SparseFiles([self.folder / name])
-        try:
-            yield
-        finally:
-            sparse.close()
+    def plain_peak(self) -> float:
+        """The bare loop after the work that the tool has done by then, and with the same window."""
+        return self.peak(FLOOR, r"C:\lab\lines.txt", self.url, *self._bare_names(), done="bare.exe", good=0)
 
 
 def text_of(size: int) -> str:
@@ -198,15 +185,15 @@ def memory(settings: Settings, say: Callable[[str], None]) -> list[Row]:
         downloads.machine.keep_log("lines.txt")
         for size in settings.memory:
             downloads.set_size(size)
-            took = turns.take({"tool": downloads.tool_peak, "loop": downloads.loop_peak, "same": downloads.same_calls_peak},
+            took = turns.take({"tool": downloads.tool_peak, "loop": downloads.loop_peak, "plain": downloads.plain_peak},
                               settings.pairs, say)
             peaks[size] = [value / MIB for value in took["tool"]]
             what = f"peak memory, download of {text_of(size)}"
-            note = "" if rows else "the libraries of window, adapters and installed products are in the tool; see the next line"
+            note = "" if rows else "the tool has loaded the libraries of window, adapters and installed products; see the next line"
             rows.append(Row("memory", what, "MiB", peaks[size], "bare WinINet loop", [value / MIB for value in took["loop"]],
                             "difference", None, note))
-            rows.append(Row("memory", what, "MiB", peaks[size], "the loop after the same system calls",
-                            [value / MIB for value in took["same"]], "difference", 4))
+            rows.append(Row("memory", what, "MiB", peaks[size], "the loop in a plain program for the same work",
+                            [value / MIB for value in took["plain"]], "difference", 4))
     low, high = settings.memory[0], settings.memory[-1]
     rows.append(Row("memory", f"growth from {text_of(low)} to {text_of(high)}", "MiB", peaks[high], f"the tool, {text_of(low)}",
                     peaks[low], "difference", FLAT_MIB, "flat, but for pages that the kernel counts late"))

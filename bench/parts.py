@@ -36,8 +36,8 @@ def inf_names(settings: Settings, say: Callable[[str], None]) -> list[Row]:
         sections = write_inf(machine.lab / "large.inf", INF_BYTES, INF_LINES)
         write_inf(machine.lab / "small.inf", INF_BYTES // 100, INF_LINES // 100)
         size = (machine.lab / "large.inf").stat().st_size
-        (names, memory, stack), *rounds = machine.texts("inf_names.exe", str(10 * settings.short_pairs), r"C:\lab\large.inf")
-        (_, _, small_stack), *_ = machine.texts("inf_names.exe", "1", r"C:\lab\small.inf")
+        (names, memory, stack), *rounds = machine.numbers("inf_names.exe", str(10 * settings.short_pairs), r"C:\lab\large.inf")
+        (_, _, small_stack), *_ = machine.numbers("inf_names.exe", "1", r"C:\lab\small.inf")
     if names != sections:
         raise RuntimeError(f"{names:g} section names were found instead of {sections}")
     say(f"{names:g} names in {size} bytes")
@@ -51,7 +51,7 @@ def inf_names(settings: Settings, say: Callable[[str], None]) -> list[Row]:
 
 def log(settings: Settings, say: Callable[[str], None]) -> list[Row]:
     with WarmMachine(SAME_RELEASE) as machine, machine.one_core():
-        rounds = machine.texts("log_lines.exe", str(settings.short_pairs), str(LOG_LINES))
+        rounds = machine.numbers("log_lines.exe", str(settings.short_pairs), str(LOG_LINES))
     say(f"{len(rounds)} times {LOG_LINES} lines")
     ours, theirs = ([values[side] / 1000 for values in rounds] for side in (0, 1))
     return [Row("log", f"log, {LOG_LINES:,} lines", "ms", ours, "the same WriteFile calls", theirs, "ratio", 1.2)]

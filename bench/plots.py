@@ -75,7 +75,7 @@ set ylabel 's'
 set xrange [0:*]
 set yrange [0:*]
 plot $data using 1:3:2:4 with yerrorlines lw 2 pt 7 lc rgb '{OURS}' title 'the tool', \\
-     $data using 1:6:5:7 with yerrorlines lw 2 pt 6 lc rgb '{THEIRS}' title 'the same SetupAPI calls'
+     $data using 1:6:5:7 with yerrorlines lw 2 pt 6 lc rgb '{THEIRS}' title 'a plain loop over SetupAPI'
 """
         file = folder / f"packages-{size.replace(' ', '').lower()}.png"
         drawn.append(draw(file, f"Looking through driver packages with an INF of {size}", script))
@@ -99,7 +99,7 @@ set style data histograms
 set style fill solid
 set key outside right
 plot $data using 2:xtic(1) lc rgb '{OURS}' title 'the tool', \\
-     $data using 4 lc rgb '#666666' title 'loop after the same calls', $data using 3 lc rgb '#bbbbbb' title 'bare loop'
+     $data using 4 lc rgb '#666666' title 'loop in a plain program', $data using 3 lc rgb '#bbbbbb' title 'bare loop'
 """
     return [draw(folder / "memory.png", "Peak memory of a download", script)]
 

@@ -2,12 +2,11 @@
 from __future__ import annotations
 
 import functools
-import re
 from typing import Any, Callable
 
 from bench import turns
 from bench.figures import Row, quartiles
-from bench.machine import TOOL, WarmMachine
+from bench.machine import FLOOR, TOOL, WarmMachine
 from bench.settings import Settings
 from bench.watch import MODIFY, FileWatch, LogWatch
 from lab import inf
@@ -15,16 +14,16 @@ from lab.adapters import RELEASE
 from lab.prefix import replace_file
 
 NOTHING_TO_DO = 255  # what Unix sees of -1
-POLL_MS = 100        # the tool looks that often whether its window is ready
+POLL_MS = 100        # both check that often whether the window is ready
 SAME_RELEASE = {"desktop": {"release": "24.20"}, "server": {"reach": "none"}}
 ADAPTERS = 4
 
 
 def run_and_watch(machine: WarmMachine, program: str, *arguments: str, code: int):
-    with LogWatch(machine.logs) as log:
+    with LogWatch(machine.log_folder) as log:
         ran = machine.run(program, *arguments)
     if ran.code != code:
-        raise RuntimeError(f"{program} ended with {ran.code} instead of {code}: {[line for _, line in log.lines]}")
+        raise RuntimeError(f"{program} ended with exit code {ran.code} instead of {code}: {[line for _, line in log.lines]}")
     return ran, log
 
 
@@ -40,53 +39,33 @@ def start(settings: Settings, say: Callable[[str], None]) -> list[Row]:
             ran = machine.run("bare_gui.exe", r"C:\lab\bare.txt")
         return 1000 * (watch.first(MODIFY, "bare.txt") - ran.start)
 
-    def same() -> float:
-        ran, log = run_and_watch(machine, "same_calls.exe", r"C:\lab\lines.txt", code=0)
+    def plain() -> float:
+        ran, log = run_and_watch(machine, FLOOR, r"C:\lab\lines.txt", code=0)
         return 1000 * (log.when("Launched with command line") - ran.start)
 
     with WarmMachine(SAME_RELEASE) as machine, machine.one_core():
         machine.keep_log("lines.txt")
-        times = turns.take({"tool": tool, "bare": bare, "same": same}, settings.short_pairs, say)
+        times = turns.take({"tool": tool, "bare": bare, "plain": plain}, settings.short_pairs, say)
     what = "process start to first log line"
     return [Row("start", what, "ms", times["tool"], "bare exe that writes one file", times["bare"], "difference", 25),
-            Row("start", what, "ms", times["tool"], "an exe that needs the tool's libraries", times["same"], "difference", None,
-                "loading these libraries is what the bare exe is spared")]
+            Row("start", what, "ms", times["tool"], "a plain program with a window", times["plain"], "difference", None,
+                "the bare exe needs none of the libraries of a window")]
 
 
 # The check that finds nothing to do
 
 class EarlyExit:
-    """What one run of the tool, or of its floor, took. Both write the same lines at the same places."""
+    """What one run of the tool, or of its floor, took. Both write the same lines."""
 
     def __init__(self, machine: WarmMachine, program: str, argument: str, code: int):
         ran, log = run_and_watch(machine, program, argument, code=code)
         (launched, _), (checked, _), *_ = log.lines
         self.wall = 1000 * ran.wall
-        self.polls = int(1000 * (checked - launched) / POLL_MS)  # nothing but the window is waited for between these lines
+        self.polls = int(1000 * (checked - launched) / POLL_MS)  # between these lines only the window is waited for
         self.cpu = 1000 * ran.cpu
 
 
-def recorded_calls(machine: WarmMachine, *command: str) -> list[str]:
-    """Names of the calls into SetupAPI and Windows Installer."""
-    record = machine.lab / "standins" / "calls.txt"
-    record.unlink(missing_ok=True)
-    machine.run(*command)
-    return re.findall(r"^(\w+!\w+)#", record.read_text("utf-8"), re.MULTILINE)
-
-
-def compare_calls() -> int:
-    """How many calls tool and floor have in common: all of them, or the floor is none."""
-    with WarmMachine(SAME_RELEASE, recorded=True) as machine:
-        machine.keep_log("lines.txt")
-        ours = recorded_calls(machine, TOOL, "-SILENT")
-        theirs = recorded_calls(machine, "same_calls.exe", r"C:\lab\lines.txt")
-    if ours != theirs or not ours:
-        raise RuntimeError(f"same_calls.exe does not make the tool's calls: {theirs} instead of {ours}")
-    return len(ours)
-
-
 def early_exit(settings: Settings, say: Callable[[str], None]) -> list[Row]:
-    say(f"the floor makes the same {compare_calls()} calls into SetupAPI and Windows Installer")
     runs: dict[str, list[EarlyExit]] = {"tool": [], "floor": []}
 
     def run(who: str, *command: Any) -> float:
@@ -94,19 +73,19 @@ def early_exit(settings: Settings, say: Callable[[str], None]) -> list[Row]:
         return runs[who][-1].wall
 
     contestants = {"tool": functools.partial(run, "tool", TOOL, "-SILENT", NOTHING_TO_DO),
-                   "floor": functools.partial(run, "floor", "same_calls.exe", r"C:\lab\lines.txt", 0)}
+                   "floor": functools.partial(run, "floor", FLOOR, r"C:\lab\lines.txt", 0)}
     with WarmMachine(SAME_RELEASE) as machine, machine.one_core():
         machine.keep_log("lines.txt")
         turns.take(contestants, settings.short_pairs, say)
     tool, floor = runs["tool"][1:], runs["floor"][1:]  # without those that warmed up
-    against = "the same system calls"
+    against = "a plain program for the same work"
 
     def row(what: str, pick: Callable[[EarlyExit], float], measure: str, limit: float | None, note: str = "") -> Row:
         return Row("early-exit", f"early exit, {what}", "ms", [pick(one) for one in tool], against, [pick(one) for one in floor],
                    measure, limit, note)
     polls = quartiles([float(one.polls) for one in tool])[1]
     return [row("whole run", lambda one: one.wall, "difference", None,
-                f"{polls:g} times {POLL_MS} ms of it is the wait for the window, which is looked for that often"),
+                f"{polls:g} times {POLL_MS} ms of it is the wait for the window, which is checked that often"),
             row("without that wait", lambda one: one.wall - POLL_MS * one.polls, "difference", 30),
             row("CPU", lambda one: one.cpu, "ratio", 1.5)]
 
@@ -154,12 +133,12 @@ def enumerate_packages(packages: int, size: int, pairs: int, say: Callable[[str]
         return log.when("Currently installed drivers on system:") - log.when("Currently installed VLT is version")
 
     def floor() -> float:
-        (infs, microseconds), = machine.texts("setup_floor.exe")
+        (infs, microseconds), = machine.numbers(FLOOR)
         if infs != packages:
             raise RuntimeError(f"the floor has opened {infs} INFs instead of {packages}")
         return microseconds / 1e6
 
-    with WarmMachine(machine_with(packages, size), prepare=shorten_published) as machine:
+    with WarmMachine(machine_with(packages, size), change=shorten_published) as machine:
         return turns.take({"tool": tool, "floor": floor}, pairs, say, warm=False)  # its first run was the warm-up
 
 
@@ -181,12 +160,12 @@ def enumeration(settings: Settings, say: Callable[[str], None]) -> list[Row]:
             tool.append(times["tool"])
             judged = 1.15 if count == counts[-1] else None
             rows.append(Row("enumeration", f"{count} driver packages of {what} on {ADAPTERS} adapters", "s", times["tool"],
-                            "the same SetupAPI calls", times["floor"], "ratio", judged))
+                            "a plain loop over SetupAPI", times["floor"], "ratio", judged))
         if len(counts) > 2:
             half = len(counts) // 2
             first, second = growth(counts, tool, 0, half), growth(counts, tool, half, -1)
             if first <= 0:
-                raise RuntimeError("more packages took less time: this machine is too busy to tell anything")
+                raise RuntimeError("more packages took less time: this machine is too busy, measure again")
             rows.append(Row("enumeration", f"each further package of {what}, {counts[half]} to {counts[-1]}", "ms", [second],
                             f"the tool, {counts[0]} to {counts[half]}", [first], "ratio", 1.25, "1 is a straight line"))
     return rows

@@ -27,21 +27,21 @@ def idle(settings: Settings, say: Callable[[str], None]) -> list[Row]:
     seconds = settings.idle_seconds
     description = {"server": {"answers": {PATH: {"delay": SILENCE}}}}
     with WarmMachine(description, shown=True, when=("log Change server to : kill 0",)) as machine:
-        with LogWatch(machine.logs) as log:
+        with LogWatch(machine.log_folder) as log:
             process = machine.start(TOOL)
             try:
                 while not any("Change server to" in line for _, line in log.lines):
                     if process.poll() is not None:
-                        raise RuntimeError(f"the tool ended with {process.returncode}: {log.lines}")
+                        raise RuntimeError(f"the tool ended with exit code {process.returncode}: {log.lines}")
                     time.sleep(0.05)
                 time.sleep(WARM)
-                before, = machine.texts("objects.exe", TOOL)
+                before, = machine.numbers("objects.exe", TOOL)
                 start, cpu = now(), cpu_seconds(process.pid)
                 time.sleep(seconds)
                 share = 100 * (cpu_seconds(process.pid) - cpu) / (now() - start)
-                after, = machine.texts("objects.exe", TOOL)
+                after, = machine.numbers("objects.exe", TOOL)
                 if process.poll() is not None:
-                    raise RuntimeError(f"the tool ended too early, with {process.returncode}")
+                    raise RuntimeError(f"the tool ended too early, with exit code {process.returncode}")
             finally:
                 process.kill()
                 process.wait()

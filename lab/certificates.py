@@ -1,13 +1,13 @@
-"""A certificate authority of the lab's own, and server certificates good and bad. Machines of the lab trust it."""
+"""The lab's own certificate authority, which its machines trust, and server certificates good and bad."""
 from __future__ import annotations
 
 import fcntl
 import hashlib
 import pathlib
 import struct
-import subprocess
 
 from lab import paths
+from lab.children import command
 
 HOST = "download.tavik.example"
 # name -> (host, days valid, signed by)
@@ -16,28 +16,24 @@ SERVERS = {"good": (HOST, 3650, "ca"), "wrong-host": ("other.example", 3650, "ca
 NEW_KEY = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes")
 
 
-def _openssl(*arguments: str, folder: pathlib.Path) -> None:
-    subprocess.run(["openssl", *arguments], cwd=folder, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-
-
 def _make(folder: pathlib.Path) -> None:
     for authority, name in (("ca", "Tavik Lab"), ("stranger", "Tavik Stranger")):
-        _openssl("req", "-x509", *NEW_KEY, "-keyout", f"{authority}.key", "-out", f"{authority}.pem", "-days", "3650",
+        command("openssl", "req", "-x509", *NEW_KEY, "-keyout", f"{authority}.key", "-out", f"{authority}.pem", "-days", "3650",
                  "-subj", f"/CN={name}", "-addext", "basicConstraints=critical,CA:TRUE",
-                 "-addext", "keyUsage=critical,keyCertSign,cRLSign", folder=folder)
-    _openssl("x509", "-in", "ca.pem", "-outform", "DER", "-out", "ca.der", folder=folder)
+                 "-addext", "keyUsage=critical,keyCertSign,cRLSign", cwd=folder)
+    command("openssl", "x509", "-in", "ca.pem", "-outform", "DER", "-out", "ca.der", cwd=folder)
     for name, (host, days, authority) in SERVERS.items():
         extensions = f"subjectAltName=DNS:{host}\nextendedKeyUsage=serverAuth\nbasicConstraints=CA:FALSE\n"
         (folder / f"{name}.ext").write_text(extensions, "ascii")
-        _openssl("req", *NEW_KEY, "-keyout", f"{name}.key", "-out", f"{name}.csr", "-subj", f"/CN={host}", folder=folder)
+        command("openssl", "req", *NEW_KEY, "-keyout", f"{name}.key", "-out", f"{name}.csr", "-subj", f"/CN={host}", cwd=folder)
         signer = ["-signkey", f"{name}.key"]
         if authority:
             signer = ["-CA", f"{authority}.pem", "-CAkey", f"{authority}.key", "-CAcreateserial"]
         validity = ["-days", str(days)]
         if name == "expired":  # x509 takes no start date, but a negative number of days
             validity = ["-days", "-1"]
-        _openssl("x509", "-req", "-in", f"{name}.csr", *signer, *validity, "-extfile", f"{name}.ext",
-                 "-out", f"{name}.pem", folder=folder)
+        command("openssl", "x509", "-req", "-in", f"{name}.csr", *signer, *validity, "-extfile", f"{name}.ext",
+                 "-out", f"{name}.pem", cwd=folder)
         if authority:
             with open(folder / f"{name}.pem", "ab") as file:  # a server sends the chain
                 file.write((folder / f"{authority}.pem").read_bytes())

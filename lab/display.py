@@ -22,7 +22,7 @@ class Display:
         with os.fdopen(read) as pipe:
             number = pipe.readline().strip()
         if not number:
-            raise RuntimeError("Xvfb does not start; is the package xvfb installed?")
+            raise RuntimeError("Xvfb does not start, so no pictures can be taken: run scripts/setup")
         self.name = f":{number}"
 
     def close(self) -> None:

@@ -26,22 +26,22 @@ if __package__ in (None, ""):
     sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 
 from lab import certificates, paths  # noqa: E402
-from lab.children import end_with_parent  # noqa: E402
+from lab.children import command, end_with_parent  # noqa: E402
 from lab.hive import Hive  # noqa: E402
 
 RECIPE = "8"  # raise it when the steps below change
 LINKED = ("system32", "winsxs", "resources", "globalization")  # shared by hard links, replaced but never written in place
 STANDINS = ("setupapi", "msi", "wininet", "wtsapi32")
-UNUSED_SECONDS = 2 * 24 * 3600  # a template that nobody wanted for so long is removed
+UNUSED_SECONDS = 2 * 24 * 3600  # a template that was not used for so long is removed
 BUILTIN_MARK = b"Wine builtin DLL"
-TOOL_OVERRIDES = r"Software\Wine\AppDefaults\TavikCompatibilityTool.exe\DllOverrides"
+TOOL_OVERRIDES = rf"Software\Wine\AppDefaults\{paths.TOOL.name}\DllOverrides"
 # Nothing here has a mouse, a game pad or a scanner; a server without these is up in half the time.
 UNUSED_SERVICES = ("winebus", "winehid", "wineusb", "PlugPlay", "StiSvc", "Spooler", "wuauserv", "BITS", "FontCache",
                    "Schedule", "TermService", "LanmanServer", "Eventlog", "Winmgmt", "NDIS", "nsiproxy", "HTTP")
 
 
 def environment(prefix: pathlib.Path, tmp: pathlib.Path, **extra: str) -> dict[str, str]:
-    """The same for every run: no proxies, no language, no time zone of whoever starts it."""
+    """The same for every run: no proxies, no language, no time zone of the user who starts it."""
     return {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": os.environ.get("HOME", "/root"), "LANG": "C.UTF-8", "TZ": "UTC",
             "WINEPREFIX": str(prefix), "WINEARCH": "win64", "WINEDEBUG": "-all", "TMPDIR": str(tmp),
             "WINEDLLOVERRIDES": "mscoree,mshtml=;winemenubuilder.exe=d", **extra}
@@ -90,7 +90,7 @@ class Prefix:
                 shutil.copytree(item, windows / item.name, symlinks=True)
             else:
                 shutil.copy2(item, windows)
-        subprocess.run(["cp", "-al", *linked, str(windows)], check=True)
+        command("cp", "-al", *linked, str(windows))
         return prefix
 
     def environment(self) -> dict[str, str]:
@@ -126,7 +126,7 @@ class Prefix:
             if self.server.poll() is not None:
                 break
             time.sleep(0.005)
-        raise RuntimeError(f"no Wine server comes up in {self.path}")
+        raise RuntimeError(f"the Wine server of {self.path} does not come up: run again, or check \"{paths.WINESERVER} --version\"")
 
     def wine(self, *arguments: str, output: pathlib.Path | None = None, timeout: float = 60,
              launcher: tuple[str, ...] = ()) -> int:
@@ -155,8 +155,8 @@ class Prefix:
                 with contextlib.suppress(ProcessLookupError):
                     os.kill(process, signal.SIGKILL)
             time.sleep(0.01)
-        if ended:  # then nobody has written the registry
-            raise RuntimeError(f"the Wine server of {self.path} ended too early")
+        if ended:  # then the registry has not been written
+            raise RuntimeError(f"the Wine server of {self.path} ended too early: run again")
 
     def remove(self) -> None:
         self.stop()
@@ -193,7 +193,7 @@ def made_once(name: str, digest: str, make: Callable[[pathlib.Path], None]) -> p
     """The template of that name and content, made if it is not there yet.
 
     Several workers may want it at once, so one makes it while the others wait, and it gets its name when it is complete.
-    Another content has another name: whoever still copies the older template is not disturbed.
+    Another content has another name, so a copy of the older template in progress is not disturbed.
     """
     folder = paths.TEMPLATES / f"{name}-{digest[:10]}"
     if not folder.exists():
@@ -253,7 +253,7 @@ def _build_base(folder: pathlib.Path) -> None:
 
 @functools.cache
 def base_template() -> pathlib.Path:
-    version = subprocess.run([paths.WINE, "--version"], capture_output=True, text=True, check=True).stdout.strip()
+    version = command(paths.WINE, "--version").strip()
     digest = hashlib.sha256(f"{RECIPE} {version} {certificates.fingerprint()}".encode()).hexdigest()
     return made_once("base", digest, _build_base)
 
@@ -285,7 +285,7 @@ def _install(base: pathlib.Path, made: pathlib.Path, products: tuple[str, ...], 
             where = [f"INSTALLDIR={folder}"] if folder else []
             code = prefix.wine("msiexec", "/i", rf"C:\lab-packages\{product}.msi", "/qn", *where)
             if code not in (0, 3010 & 0xFF):  # a Unix exit code keeps the low 8 bits
-                raise RuntimeError(f"{product} cannot be installed: msiexec ended with {code}")
+                raise RuntimeError(f"package {product} cannot be installed: msiexec ended with exit code {code}")
         shutil.rmtree(source)
     finally:
         prefix.stop()

@@ -1,4 +1,4 @@
-"""What a run gave, as plain data, and as text for a reader."""
+"""The result of a run, as plain data and as text for a reader."""
 from __future__ import annotations
 
 import dataclasses
@@ -6,13 +6,12 @@ import json
 import pathlib
 from typing import Any
 
-from companion import outcomes
 from lab.state import State
 
 
 @dataclasses.dataclass
 class Again:
-    """Of the start that followed the first one, on the machine that this one had left."""
+    """The start that followed, on the machine that the first one left."""
     exit_code: int
     log: list[str]
     boxes: list[dict[str, Any]]
@@ -79,10 +78,10 @@ def _flat(registry: dict[str, dict[str, Any]]) -> dict[str, Any]:
     return {f"{key}\\{name}": repr(value) for key, values in registry.items() for name, value in values.items()}
 
 
-def render(result: Result, calls: bool = False) -> str:
+def render(result: Result, calls: bool = False, outcome: str = "") -> str:
     """What a supporter wants to see, in the order of interest."""
     lines = [f"exit code   {result.exit_code}" + ("   TIMED OUT" if result.timed_out else ""),
-             f"outcome     {' or '.join(outcomes.matching(result.exit_code, result.log)) or 'none of the catalogue'}",
+             *([f"outcome     {outcome}"] if outcome else []),
              f"took        {result.seconds:.1f} s"]
     for number, log in enumerate(result.logs):
         lines += ["", "log" if number == 0 else f"log of instance {number + 1}", *(f"  {line}" for line in log)]

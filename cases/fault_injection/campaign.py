@@ -21,7 +21,9 @@ from cases.support import corpus
 from lab import paths
 from lab.children import end_with_parent
 from lab.result import Result
-from lab.run import RunError, end_orphans, private_hosts_obstacle, remove_folder, run as start
+from lab.privileges import private_hosts_obstacle
+from lab.run import RunError, run as start
+from lab.session import end_orphans, remove_folder
 from cases.fault_injection import judge, plan
 from cases.fault_injection.machines import MACHINES, Scenario
 from cases.fault_injection.plan import Planned

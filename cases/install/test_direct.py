@@ -14,8 +14,7 @@ from cases.support.repair import FAMILIES, MSI_AGREES, installs, removes
 from cases.support.store import CORVEL, EARLIER, OTHER, asked, check_nothing_leaks, package
 from lab import paths
 from lab.machine import Machine
-from lab.prefix import Prefix
-from lab.run import LOGS, TOOL, read_log
+from lab.session import TOOL, Session, remove_folder
 
 KEPT = r"C:\Kept"  # an application that no package knows: it is started when nothing was installed
 ALL = {"products": ["Tavik DVR 24.20", "Tavik Halden 24.20", "Tavik PXL 24.20"], "values": {MARKER: 1}}
@@ -241,17 +240,12 @@ def test_given_file_is_missing(lab, arguments, path):
 # Proves: The standard output is a pipe
 def test_text_goes_into_a_pipe_as_well(tmp_path):
     """Not by way of the watcher, which gives the tool a file."""
-    folder = paths.RUNS / f"pipe-{os.getpid()}"
-    machine = Machine({"desktop": False, "server": {"reach": "none"}})
-    prefix = Prefix.copy(machine.template(), folder / "prefix")
-    try:
-        machine.install(prefix, "")
-        prefix.start()
+    with Session(Machine({"desktop": False, "server": {"reach": "none"}})) as session:
         reader, writer = os.pipe()
         arguments = ["-vlt", "-install", "-path", r"C:\nothing.exe"]
         with open(tmp_path / "errors", "wb") as errors:
-            tool = subprocess.Popen([paths.WINE, TOOL, *arguments], env=prefix.environment(), stdin=subprocess.DEVNULL, stdout=writer,
-                                    stderr=errors)
+            tool = subprocess.Popen([paths.WINE, TOOL, *arguments], env=session.prefix.environment(), stdin=subprocess.DEVNULL,
+                                    stdout=writer, stderr=errors)
         assert tool.wait(60) == 2
         os.close(writer)
         os.set_blocking(reader, False)  # Wine's services may have inherited the other end
@@ -261,11 +255,9 @@ def test_text_goes_into_a_pipe_as_well(tmp_path):
                 text += part
         os.close(reader)
         assert text == rb"The given location does not contain the file : C:\nothing.exe"
-        [log] = (prefix.drive / LOGS).glob("*.log")
-        assert read_log(log)[1:] == missing(r"C:\nothing.exe")
-    finally:
-        prefix.remove()
-        subprocess.run(["rm", "-rf", str(folder)], check=False)
+        [log] = session.logs()
+        assert log[1:] == missing(r"C:\nothing.exe")
+    remove_folder(session.folder)
 
 
 # One switch alone changes nothing.

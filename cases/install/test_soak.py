@@ -9,10 +9,10 @@ import pytest
 from cases.support import expect
 from companion import outcomes
 from cases.support.expect import inventory, opening
-from lab import paths, run
+from lab import paths
 from lab.machine import Machine
 from lab.prefix import Prefix, processes_of, replace_file
-from lab.run import LOGS, fresh_folder, read_log, remove_folder
+from lab.session import Session, remove_folder
 from cases.support.store import SAME
 
 RUNS = 300
@@ -48,23 +48,16 @@ def counts(line: str) -> dict[str, int]:
 @pytest.mark.slow
 def test_300_runs_leave_nothing_but_their_logs():
     """Mostly waiting: each run waits a tenth of a second for its window."""
-    folder = fresh_folder()
     machine = Machine({"desktop": {"release": "24.20"}, "server": {"reach": "none"}})
-    prefix = Prefix.copy(machine.template(), folder / "prefix")
-    try:
-        late, _ = machine.install(prefix, "")
-        (prefix.drive / "lab" / "watcher.txt").write_text(run.orders(machine, "-SILENT", late), "utf-8")
-        replace_file(prefix.drive / "lab" / "soak.exe", paths.need(paths.PROGRAMS / "soak.exe").read_bytes())
-        prefix.start()
-        assert prefix.wine(r"C:\lab\watcher.exe") == 0  # makes the adapters; one run of its own
-        first = soak(prefix, WARM - 1)
-        before = held(prefix)
-        second = soak(prefix, RUNS - WARM)
-        after = held(prefix)
-        logs = [read_log(file) for file in (prefix.drive / LOGS).glob("*.log")]
-    finally:
-        prefix.stop()
-    remove_folder(folder)
+    with Session(machine) as session:
+        replace_file(session.lab / "soak.exe", paths.need(paths.PROGRAMS / "soak.exe").read_bytes())
+        session.watch("-SILENT")  # one of the runs
+        first = soak(session.prefix, WARM - 1)
+        before = held(session.prefix)
+        second = soak(session.prefix, RUNS - WARM)
+        after = held(session.prefix)
+        logs = session.logs()
+    remove_folder(session.folder)
     assert (first["codes"], second["codes"]) == (f"-1={WARM - 1}", f"-1={RUNS - WARM}")
     outside, inside = growth(before, after), growth(counts(second["before"]), counts(second["after"]))
     # One of anything a run would be hundreds; services come and go.

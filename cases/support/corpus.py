@@ -13,7 +13,7 @@ import shutil
 
 from companion import outcomes
 from lab import paths
-from lab.run import NO_LINE_END
+from lab.session import NO_LINE_END
 
 ROOT = paths.ROOT / "build" / "lab-corpus"
 FOLDER = ROOT / hashlib.sha256(outcomes.FILE.read_bytes()).hexdigest()[:8]  # with another catalogue a log may mean something else

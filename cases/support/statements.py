@@ -5,7 +5,7 @@ import functools
 import re
 
 from companion import outcomes
-from lab.run import NO_LINE_END
+from lab.session import NO_LINE_END
 
 Stated = list[frozenset[str]]  # for each start the outcomes that it may have
 

@@ -17,10 +17,12 @@ import pytest
 from companion import outcomes
 from companion.tests.known_logs import expected_logs
 from cases.support import corpus, statements
-from lab import paths, prefix as prefixes
+from lab import paths
 from lab.machine import Machine
 from lab.result import Result
-from lab.run import LOGS, fresh_folder, read_log, remove_folder, run
+from lab.prefix import Prefix
+from lab.run import run
+from lab.session import LOGS, bare, read_log
 from lab.server.answers import Answer
 from lab.server.web import WebServer
 from cases.support.repair import found
@@ -42,12 +44,9 @@ def utf16(lines: list[str]) -> bytes:
 class Desk:
     """One machine without the tool, for all commands that only read."""
 
-    def __init__(self) -> None:
-        self.folder = fresh_folder()
-        self.prefix = prefixes.Prefix.copy(prefixes.template(), self.folder / "prefix")
-        (self.prefix.drive / "lab").mkdir()
-        prefixes.replace_file(self.prefix.windows_path(COMPANION), paths.need(paths.COMPANION).read_bytes())
-        self.prefix.start()
+    def __init__(self, prefix: Prefix) -> None:
+        self.prefix = prefix
+        self.folder = prefix.path.parent
 
     def put(self, path: str, data: bytes) -> str:
         file = self.prefix.windows_path(path)
@@ -70,10 +69,9 @@ class Desk:
 
 @pytest.fixture(scope="module")
 def desk() -> Iterator[Desk]:
-    one = Desk()
-    yield one
-    one.prefix.stop()
-    remove_folder(one.folder)
+    with bare(paths.COMPANION) as prefix:
+        prefix.start()
+        yield Desk(prefix)
 
 
 # The command line

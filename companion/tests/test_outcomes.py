@@ -14,7 +14,7 @@ from companion.tests.known_logs import expected_logs
 from tools import outcome_pages
 from cases.support import corpus, statements
 from lab import paths
-from lab.run import NO_LINE_END, read_log
+from lab.session import NO_LINE_END, read_log
 
 HEAD = """
 [any.one]

@@ -5,8 +5,8 @@
 
 #include <cwchar>
 
+#include "driver_store.h"
 #include "fault.h"
-#include "lab_file.h"
 
 using standin::Call;
 using standin::Failure;
@@ -18,8 +18,6 @@ const std::vector<std::wstring> kSpecialKeys;
 
 namespace
 {
-constexpr const wchar_t* kDriverStorePath = L"C:\\lab\\standins\\driverstore.txt";
-
 std::wstring GuidText(const GUID& guid)
 {
     wchar_t text[40];
@@ -27,24 +25,6 @@ std::wstring GuidText(const GUID& guid)
                   guid.Data3, guid.Data4[0], guid.Data4[1], guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5],
                   guid.Data4[6], guid.Data4[7]);
     return text;
-}
-
-std::wstring FileName(std::wstring path)
-{
-    return path.substr(path.find_last_of(L"\\/") + 1);
-}
-
-// Empty when the driver store holds no package of this INF.
-std::wstring DriverStoreLocation(const wchar_t* inf)
-{
-    const std::wstring wanted = standin::Lower(FileName(inf));
-    for (const standin::Line& line : standin::ReadLines(kDriverStorePath))
-    {
-        const std::size_t tab = line.text.find(L'\t');
-        if (tab != std::wstring::npos && standin::Lower(standin::Trim(line.text.substr(0, tab))) == wanted)
-            return standin::Trim(line.text.substr(tab + 1));
-    }
-    return {};
 }
 }  // namespace
 
@@ -138,20 +118,8 @@ BOOL WINAPI Lab_SetupGetInfDriverStoreLocationW(PCWSTR inf, PSP_ALTPLATFORM_INFO
     Call call(L"SetupGetInfDriverStoreLocationW");
     call.Text(L"inf", inf).Flags(L"platform", reinterpret_cast<ULONG_PTR>(platform)).Text(L"locale", locale);
     call.Number(L"size", size);
-    DWORD error = ERROR_SUCCESS;
-    const BOOL result = call.Run<BOOL>(Failure::Zero, [&]() -> BOOL {
-        const std::wstring location = DriverStoreLocation(inf);
-        const DWORD needed = static_cast<DWORD>(location.size() + 1);
-        if (required != nullptr && !location.empty())
-            *required = needed;
-        error = location.empty() ? ERROR_FILE_NOT_FOUND : size < needed ? ERROR_INSUFFICIENT_BUFFER : ERROR_SUCCESS;
-        if (error == ERROR_SUCCESS)
-            location.copy(buffer, needed);
-        if (error == ERROR_SUCCESS)
-            buffer[location.size()] = L'\0';
-        SetLastError(error);
-        return error == ERROR_SUCCESS;
-    });
+    const BOOL result =
+        call.Run<BOOL>(Failure::Zero, [&] { return standin::LocateInDriverStore(inf, buffer, size, required); });
     if (result && call.WasForwarded())
         call.Text(L"location", buffer);
     return result;

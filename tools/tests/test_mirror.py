@@ -15,9 +15,9 @@ import pytest
 from tools.tests.deploy_kit import MIRROR, SIGNER, Signers, load, publish
 from cases.support.download import answering
 from cases.support.expect import DOWNLOAD_FAILED, NOT_DOWNLOADED, REPAIR, REPAIRED, UNTOUCHED, download, inventory, opening, unpack
-from lab import certificates, paths, prefix as prefixes
+from lab import certificates, paths, session
 from lab.children import end_with_parent
-from lab.run import default_address, fresh_folder, private_hosts_obstacle, remove_folder
+from lab.privileges import private_hosts_obstacle
 
 loadtest = load(MIRROR / "loadtest")
 CONFIG = (MIRROR / "nginx.conf").read_text("utf-8")
@@ -35,7 +35,7 @@ class Mirror:
         for release in ("24.20.11.01-240619a", "24.2"):
             done = publish("--root", self.releases, "--ca", signers.ca, "--signer", SIGNER, release, installer)
             assert done.returncode == 0, done.stderr
-        self.address, self.port = (default_address() if secure else "127.0.0.1"), loadtest.free_port()
+        self.address, self.port = (session.default_address() if secure else "127.0.0.1"), loadtest.free_port()
         pair = tuple(certificates.folder() / f"good.{ending}" for ending in ("pem", "key")) if secure else None
         config = loadtest.own_config(CONFIG, folder, root=folder / "site", http=f"{self.address}:{self.port}",
                                      https=f"{self.address}:443", certificate=pair)
@@ -125,18 +125,11 @@ def test_the_load_test_asks_as_the_tool_does(lab):
 @pytest.mark.parametrize("release, good", [("24.20.11.01-240619a", True), ("24.30", False)], ids=["published", "not published"])
 def test_the_companion_asks_it_like_the_tool(mirror, release, good):
     """TavikToolCompanion check-server, with which an administrator checks the value before it is set on ten thousand machines."""
-    folder = fresh_folder()
-    prefix = prefixes.Prefix.copy(prefixes.template(), folder / "prefix")
-    try:
-        (prefix.drive / "lab").mkdir()
-        prefixes.replace_file(prefix.drive / "lab" / "TavikToolCompanion.exe", paths.need(paths.BUILD / "TavikToolCompanion.exe").read_bytes())
+    with session.bare(paths.COMPANION) as prefix:
         prefix.start()
         code = prefix.wine(r"C:\lab\TavikToolCompanion.exe", "check-server", f"http://127.0.0.1:{mirror.port}/vlt/", "--release", release,
-                           output=folder / "said.txt", timeout=60)
-    finally:
-        prefix.stop()
-    said = (folder / "said.txt").read_text("utf-8", "replace")
-    remove_folder(folder)
+                           output=prefix.path / "said.txt", timeout=60)
+        said = (prefix.path / "said.txt").read_text("utf-8", "replace")
     asked = re.findall(r'"GET (\S+) HTTP/1.1" (\d+) .* "Tavik Marlin Install Manager" ', mirror.requests()[-1])
     assert (code == 0) == good, said
     assert asked == [(f"/vlt/{release[:5]}/dwx2_install.txt", "200" if good else "404")]

@@ -14,10 +14,9 @@ from typing import Any
 
 import pytest
 
-from lab import paths, run
+from lab import paths, session
 from lab.machine import Machine
-from lab.prefix import Prefix, replace_file, template
-from lab.run import fresh_folder, remove_folder
+from lab.prefix import Prefix, replace_file
 from tools import windows_facts
 from cases.support.store import CORVEL, OTHER, package
 
@@ -57,10 +56,7 @@ def check(prefix: Prefix, name: str, *arguments: str) -> tuple[int, list[dict[st
 
 @pytest.fixture(scope="module")
 def bare():
-    paths.RUNS.mkdir(parents=True, exist_ok=True)
-    with Prefix.copy(template(), paths.RUNS / f"windows-check-{os.getpid()}") as prefix:
-        (prefix.drive / "lab").mkdir()
-        replace_file(prefix.drive / "lab" / PROGRAM.name, paths.need(PROGRAM).read_bytes())
+    with session.bare(PROGRAM) as prefix:
         # Without a mask everything that the program makes is open to all, unless it closes it itself. From an open folder it
         # starts nothing, which would be a new difference.
         before = os.umask(0)
@@ -87,25 +83,18 @@ def test_every_difference_of_a_bare_prefix_is_known(bare: Prefix):
 
 
 def test_every_difference_of_a_machine_of_the_lab_is_known():
-    folder = fresh_folder()
     machine = Machine({"desktop": {"release": "24.20"}, "server": {"reach": "none"},
                        "store": {"packages": [package(CORVEL), package(OTHER, "11.2404.5.0")]}})
-    prefix = Prefix.copy(machine.template(), folder / "prefix")
-    try:
-        late, _ = machine.install(prefix, "")
-        (prefix.drive / "lab" / "watcher.txt").write_text(run.orders(machine, "-SILENT", late), "utf-8")
-        prefix.start()
-        assert prefix.wine(r"C:\lab\watcher.exe") == 0  # makes the adapters
-        replace_file(prefix.drive / "lab" / paths.TOOL.name, paths.need(PROGRAM).read_bytes())
-        code, findings, _ = check(prefix, paths.TOOL.name, *(word for group in GROUPS for word in ("--only", group)))
+    with session.Session(machine) as one:
+        one.watch("-SILENT")
+        replace_file(one.lab / paths.TOOL.name, paths.need(PROGRAM).read_bytes())
+        code, findings, _ = check(one.prefix, paths.TOOL.name, *(word for group in GROUPS for word in ("--only", group)))
 
         # A check that crashes or hangs is a difference, and the others go on.
-        faults = prefix.drive / "lab" / "standins" / "faults.txt"
+        faults = one.lab / "standins" / "faults.txt"
         faults.write_text("setupapi!SetupDiGetClassDevsW 1 crash=0xC0000005\nsetupapi!SetupDiGetClassDevsW 2 sleep=9000\n", "utf-8")
-        hurt_code, hurt, _ = check(prefix, paths.TOOL.name, "--only", "devices", "--limit", "2")
-    finally:
-        prefix.stop()
-    remove_folder(folder)
+        hurt_code, hurt, _ = check(one.prefix, paths.TOOL.name, "--only", "devices", "--limit", "2")
+    session.remove_folder(one.folder)
     assert {row["group"] for row in findings} == set(GROUPS)
     assert changes(findings, {name: what for name, what in known("lab").items() if name.split(".")[0] in GROUPS}) == []
     assert (code, hurt_code) == (1, 1)
