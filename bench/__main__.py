@@ -1,7 +1,7 @@
-"""Measures the tool against its floors and against what people would use instead.
+"""Measures the tool against its floors, and against curl and wget.
 
     scripts/bench                 everything, each figure in at least 11 interleaved pairs; takes about half an hour
-    scripts/bench --quick         a glance in less than three minutes: fewer pairs, smaller files
+    scripts/bench --quick         a quick run in less than three minutes: fewer pairs, smaller files
     scripts/bench --only start log    some figures only; --list names them
     scripts/bench --size          where the bytes of the exe are
     scripts/bench --write-docs    everything, and then the table, the sizes and the pictures of docs/performance.md
@@ -69,7 +69,7 @@ def measure(names: list[str], settings: Settings) -> tuple[list[Row], list[Missi
 
 
 def machine_line() -> str:
-    """What the figures hold for."""
+    """When and where the figures were measured."""
     cpu = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text("utf-8", "replace"))
     wine = subprocess.run([paths.WINE, "--version"], capture_output=True, text=True).stdout.split()[0]
     commit = subprocess.run(["git", "rev-parse", "--short", "HEAD"], cwd=paths.ROOT, capture_output=True, text=True).stdout.strip()
@@ -81,7 +81,7 @@ def machine_line() -> str:
 
 
 def write_docs(rows: list[Row], missing: list[Missing], pictures: list[pathlib.Path], quick: bool) -> None:
-    fresh = [machine_line() + (" A glance only (--quick)." if quick else ""), "", *report.markdown(rows, missing), ""]
+    fresh = [machine_line() + (" A quick run (--quick)." if quick else ""), "", *report.markdown(rows, missing), ""]
     IMAGES.mkdir(exist_ok=True)
     for old in IMAGES.glob("performance-*.png"):
         old.unlink()
@@ -96,7 +96,7 @@ def write_docs(rows: list[Row], missing: list[Missing], pictures: list[pathlib.P
 
 def main(arguments: list[str]) -> int:
     parser = argparse.ArgumentParser(prog="scripts/bench", description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--quick", action="store_true", help="a glance in less than three minutes")
+    parser.add_argument("--quick", action="store_true", help="a quick run in less than three minutes")
     parser.add_argument("--only", nargs="+", choices=FIGURES, metavar="NAME", help="some figures only")
     parser.add_argument("--list", action="store_true", help="the names of the figures")
     parser.add_argument("--size", action="store_true", help="where the bytes of the exe are")
@@ -114,7 +114,7 @@ def main(arguments: list[str]) -> int:
     remove_leftovers()
     load = os.getloadavg()[0]
     if load > 0.5:
-        say(f"something else runs on this machine (load {load:.1f}): look at the quartiles before you believe a figure.")
+        say(f"other programs run on this machine (load {load:.1f}): check the quartiles before you trust a figure.")
     start = time.monotonic()
     rows, missing = measure(options.only or list(FIGURES), QUICK if options.quick else FULL)
     RESULTS.mkdir(parents=True, exist_ok=True)

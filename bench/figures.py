@@ -1,4 +1,4 @@
-"""What was measured, what it is compared with, and whether a goal is met."""
+"""A measured figure, what it is compared with, and whether its goal is met."""
 from __future__ import annotations
 
 import dataclasses
@@ -75,7 +75,7 @@ class Row:
 
 @dataclasses.dataclass
 class Missing:
-    """A figure that could not be had here. It counts like a missed goal: what was not measured is not proven."""
+    """A figure that could not be measured here. It counts like a missed goal."""
     name: str
     what: str
     reason: str

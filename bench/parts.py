@@ -17,7 +17,7 @@ STACK_BYTES = 64 * 1024
 
 
 def write_inf(file: pathlib.Path, size: int, lines: int) -> int:
-    """So many lines, one in forty a section's header; returns how many sections there are."""
+    """Writes this number of lines, one in forty of them a section's header; returns the number of sections."""
     filler = f"HKR,,Feature_%05d,%%REG_BINARY%%,{'0x5a,' * 100}"
     sections = 0
     with open(file, "w", encoding="ascii", newline="") as out:

@@ -105,7 +105,7 @@ plot $data using 2:xtic(1) lc rgb '{OURS}' title 'the tool', \\
 
 
 def goals(folder: pathlib.Path, rows: list[Row]) -> list[pathlib.Path]:
-    """How much of each limit is used up: all that count, in one picture."""
+    """How much of each limit is used, all goals in one picture."""
     lines = []
     for row in rows:
         if row.limit:

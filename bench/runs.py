@@ -93,7 +93,7 @@ def early_exit(settings: Settings, say: Callable[[str], None]) -> list[Row]:
 # Many driver packages
 
 def inf_text(size: int, release: str) -> str:
-    """An INF like those of display drivers: a head, then sections with registry settings, about so many bytes."""
+    """An INF like those of display drivers, of about this size: a head, then sections with registry settings."""
     head = inf.TEMPLATE.replace("{name}", "package").replace("{release}", release).replace("\n", "\r\n")
     lines = [head]
     length = len(head)
@@ -108,7 +108,7 @@ def inf_text(size: int, release: str) -> str:
 
 
 def machine_with(packages: int, size: int) -> dict[str, Any]:
-    """Four adapters with so many driver packages together. The first of each carries the adapter's release."""
+    """Four adapters with this number of driver packages together. The first one of each adapter has its release."""
     other, same = (inf_text(size, release) for release in ("23.10.01.00-230101a", RELEASE))
     adapters = []
     for number in range(ADAPTERS):
@@ -119,7 +119,7 @@ def machine_with(packages: int, size: int) -> dict[str, Any]:
 
 def shorten_published(machine: WarmMachine) -> None:
     """Wine parses every published INF once more for each adapter, where Windows has an index. Their heads are enough for
-    that; the packages in the driver store, which are what the tool reads, stay as they are."""
+    that; the copies in the driver store, which the tool reads, stay whole."""
     for file in (machine.prefix.drive / "windows" / "inf").glob("oem*.inf"):
         replace_file(file, file.read_bytes().partition(b"[Settings_")[0])
 

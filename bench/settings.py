@@ -1,4 +1,4 @@
-"""How much is measured: everything, or a glance."""
+"""How much is measured: everything, or a quick run."""
 from __future__ import annotations
 
 import dataclasses

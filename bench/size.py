@@ -1,4 +1,4 @@
-"""Where the bytes of the exe are: by section, and by what the linker took them from."""
+"""Where the bytes of the exe are: by section, and by the object that the linker took them from."""
 from __future__ import annotations
 
 import collections
@@ -48,10 +48,10 @@ def by_section(exe: pathlib.Path) -> list[tuple[str, int]]:
 
 
 def in_file(map_text: str) -> dict[tuple[str, str], int]:
-    """Bytes by output section and origin. What the linker has thrown away stands before the memory map and does not count."""
+    """Bytes by output section and origin. What the linker has removed is listed before the memory map and does not count."""
     _, mark, text = map_text.partition("Linker script and memory map")
     if not mark:
-        raise ValueError("this is no list of the linker")
+        raise ValueError("not a map file of the linker: it has no memory map")
     outputs = [(int(start, 16), int(start, 16) + int(size, 16), name) for name, start, size in _OUTPUT.findall(text)]
     counts: dict[tuple[str, str], int] = collections.Counter()
     for _, start, size, origin in _INPUT.findall(text):
@@ -62,12 +62,12 @@ def in_file(map_text: str) -> dict[tuple[str, str], int]:
 
 
 def linker_map(exe: pathlib.Path) -> str:
-    """What the link has left beside the exe. Raises when it is not that of this exe."""
+    """The linker's list beside the exe. Raises if it is of another exe."""
     text = paths.need(exe.with_name(exe.name + ".map")).read_text("utf-8", "replace")
     code, *_ = pefile.PE(str(exe), fast_load=True).sections
     sizes = {name: int(size, 16) for name, _, size in _OUTPUT.findall(text)}
     if sizes.get(".text") != code.SizeOfRawData:
-        raise ValueError(f"{exe.name}.map is not the list of this {exe.name}: build again")
+        raise ValueError(f"{exe.name}.map belongs to another {exe.name}: build again")
     return text
 
 

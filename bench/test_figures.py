@@ -1,4 +1,4 @@
-"""The verdicts, the table, the CSV files and the page: what scripts/bench makes of its measurements."""
+"""The verdicts, the table, the CSV files and the page that scripts/bench makes of its measurements."""
 from __future__ import annotations
 
 import csv
@@ -34,7 +34,7 @@ def test_a_goal_is_met_at_its_limit_and_missed_beyond(measure, ours, theirs, lim
 
 
 def test_pairs_are_compared_and_not_the_medians_of_both_sides():
-    """The machine got slower in between: each pair says 1, the two medians say something else."""
+    """The machine got slower in between: each pair says 1, the two medians do not."""
     assert row("ratio", [8.0, 1.0, 2.0], [4.0, 1.0, 4.0], 1).figures == [2.0, 1.0, 0.5]
     one = row("difference", [90.0, 20.0, 60.0, 70.0, 10.0], [80.0, 2.0, 59.0, 69.0, 1.0], 5)
     assert one.figures == [10.0, 18.0, 1.0, 1.0, 9.0]
@@ -95,7 +95,7 @@ def test_csv_files_have_every_figure_and_every_measurement(tmp_path):
     assert [(line["pair"], line["ours"], line["theirs"]) for line in measured] == [("1", "1.0", "1.0"), ("2", "2.0", "1.0"), ("3", "3.0", "1.0")]
 
 
-def test_page_keeps_what_stands_around_the_marks():
+def test_page_keeps_the_text_around_the_marks():
     text = f"head\n{report.BEGIN}\nold\n{report.END}\ntail\n"
     assert report.replace_between_marks(text, ["new", "lines"]) == f"head\n{report.BEGIN}\nnew\nlines\n{report.END}\ntail\n"
     for broken in ("no marks", report.BEGIN + report.BEGIN + report.END, report.END + report.BEGIN):
@@ -127,7 +127,7 @@ Linker script and memory map
 """
 
 
-def test_bytes_are_counted_for_what_they_were_taken_from():
+def test_bytes_are_counted_by_the_object_they_were_taken_from():
     assert size.in_file(MAP) == {(".text", "src/librepair.a(log.cpp.obj)"): 0x100, (".text", "/usr/lib/libstdc++.a(locale-inst.o)"): 0x180}
     assert size.part_of("/usr/lib/libstdc++.a(locale-inst.o)") == "C++ library: locales"
     assert size.part_of("src/librepair.a(log.cpp.obj)") == "the tool itself"

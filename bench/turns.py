@@ -1,4 +1,4 @@
-"""Takes measurements in turn, so that whatever disturbs the machine meets all of them alike."""
+"""Takes measurements in turn, so that other load affects all of them alike."""
 from __future__ import annotations
 
 from typing import Callable
@@ -6,8 +6,8 @@ from typing import Callable
 
 def take(contestants: dict[str, Callable[[], float]], rounds: int, say: Callable[[str], None],
          warm: bool = True) -> dict[str, list[float]]:
-    """Each round asks every contestant once, each time beginning with another one and every other time backwards, so
-    that nobody always follows the same one. The first round warms up and does not count."""
+    """Each round measures every contestant once, beginning with another one each time and backwards every other time, so
+    that none always follows the same one. The first round warms up and does not count."""
     names = list(contestants)
     values: dict[str, list[float]] = {name: [] for name in names}
     if warm:

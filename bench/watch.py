@@ -1,4 +1,4 @@
-"""What happens to files, with the time: the kernel tells us, so that nothing is polled."""
+"""What happens to files, with the time. The kernel reports it, so that nothing is polled."""
 from __future__ import annotations
 
 import contextlib
@@ -18,7 +18,7 @@ _HEAD = struct.Struct("iIII")
 
 
 def now() -> float:
-    """Seconds of the clock that all times of this package are of."""
+    """Seconds of the clock that all times of this package use."""
     return time.clock_gettime(time.CLOCK_MONOTONIC)
 
 
@@ -69,9 +69,6 @@ class FileWatch:
                 return event.at
         raise RuntimeError(f"{self.folder}: {name or 'no file'} was not seen")
 
-    def last(self, kind: int, name: str = "") -> float:
-        return max((event.at for event in self.events if event.kind & kind and name in ("", event.name)), default=0.0)
-
     def close(self) -> None:
         os.write(self._stopped, b".")
         self._thread.join()
@@ -86,7 +83,7 @@ class FileWatch:
 
 
 class LogWatch(FileWatch):
-    """Reads a log while it is being written: `lines` has each line with the time at which it was there."""
+    """Follows a log while it is being written: `lines` has each line with the time at which it was there."""
 
     def __init__(self, folder: pathlib.Path):
         self.lines: list[tuple[float, str]] = []

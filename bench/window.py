@@ -1,4 +1,4 @@
-"""The status window while nothing happens: the server is asked and says nothing."""
+"""The idle status window: the server does not answer."""
 from __future__ import annotations
 
 import pathlib

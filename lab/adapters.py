@@ -26,7 +26,7 @@ def line(key: str, name: str, value: Value | None) -> str:
 
 
 def _write_parts(file: pathlib.Path, parts: list[Any]) -> None:
-    """Big files in little time: repeated texts, and holes that take no room on the disk."""
+    """Writes big files quickly: repeated texts, and holes that take no disk space."""
     with open(file, "wb") as out:
         for part in parts:
             if isinstance(part, int):
@@ -38,9 +38,7 @@ def _write_parts(file: pathlib.Path, parts: list[Any]) -> None:
 
 
 def write_file(file: pathlib.Path, content: Any) -> None:
-    """Text, or a table: hex, size, parts (texts and how often they stand there, or a number of zero bytes), installer (a
-    release), program (one of the lab's), copy (a host's file), folder = true, link (a symbolic link to that path of the
-    host: a folder that does what no folder of the machine would)."""
+    """A text, or a table with one key of README.md's row on files."""
     file.parent.mkdir(parents=True, exist_ok=True)
     file.unlink(missing_ok=True) if not file.is_dir() else None
     if isinstance(content, str):
@@ -48,7 +46,7 @@ def write_file(file: pathlib.Path, content: Any) -> None:
         return
     kinds = {"hex", "size", "parts", "installer", "program", "copy", "folder", "link"}
     if not isinstance(content, dict) or len(content) != 1 or not set(content) <= kinds:
-        raise ValueError(f"{file.name}: a file is a text or a table with one of {', '.join(sorted(kinds))}")
+        raise ValueError(f"files: {file.name}: write a text, or a table with one of {', '.join(sorted(kinds))}")
     kind, value = next(iter(content.items()))
     if kind == "folder":
         file.mkdir(exist_ok=True)
@@ -94,7 +92,7 @@ class Package:
         return text
 
     def install(self, prefix: Prefix, adapter: "Adapter") -> str:
-        """Returns the driver store's line about it."""
+        """Returns its line of driverstore.txt."""
         data = self.inf_text(adapter).encode(self.encoding)
         folder = self.store_folder()
         for path in (rf"C:\windows\inf\{self.inf}", rf"{folder}\{self.name}.inf"):

@@ -1,4 +1,4 @@
-"""A screen of its own for a run whose pictures are wanted."""
+"""A screen for runs that are to be photographed."""
 from __future__ import annotations
 
 import contextlib
@@ -31,7 +31,7 @@ class Display:
 
 
 class Photographer:
-    """Takes a picture whenever the watcher asks for one, by a file that is removed when it is taken."""
+    """Takes a picture whenever the watcher asks for one by a file; the file is removed when the picture is taken."""
 
     def __init__(self, display: Display, requests: pathlib.Path, target: pathlib.Path):
         self.display = display

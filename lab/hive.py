@@ -1,6 +1,6 @@
 """Wine's registry files, read and written as text while no Wine server has them open.
 
-A run changes some values among 40,000 lines, so sections stay text until somebody asks for one.
+A run changes some values among 40,000 lines, so a section stays text until it is asked for.
 """
 from __future__ import annotations
 
@@ -82,7 +82,7 @@ class Value:
                 raise ValueError(f"{value}: needs a type ({', '.join(TYPES)}) and either hex or text")
             data = bytes.fromhex(value["hex"]) if "hex" in value else text_data(value["text"])
             return Value(TYPES[kind], data)
-        raise ValueError(f"{value!r} is no registry value")
+        raise ValueError(f"{value!r} is not a registry value: write a text, a number, a list of texts or a table")
 
 
 def _parse_value(text: str) -> Value:

@@ -1,4 +1,4 @@
-"""The INF text of a display driver package, with as little as Windows and the tool look at."""
+"""The INF text of a display driver package, with no more than Windows and the tool read."""
 from __future__ import annotations
 
 TEMPLATE = """\

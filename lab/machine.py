@@ -1,4 +1,4 @@
-"""A customer's machine: described in one TOML file, put into a fresh prefix. README.md explains every key.
+"""A machine: described in one TOML file, put into a fresh prefix. README.md explains every key.
 
 What a description leaves out is the common machine: one adapter of the maker with a driver of release 24.20, the desktop
 edition of release 23.40, no Store package, and a download server that has the installer of every release.
@@ -119,7 +119,7 @@ class Machine:
         store = self.data["store"]
         return [str(package.get("name", "")) for package in store.get("packages", [])] if store else []
 
-    # Putting it in place: everything but the server's address is known before Wine starts.
+    # Everything but the server's address is known before Wine starts.
 
     def template(self) -> pathlib.Path:
         return prefixes.template(self.products, self.folder)

@@ -177,7 +177,7 @@ def replace_file(path: pathlib.Path, data: bytes) -> None:
 
 
 def install_standin(prefix: Prefix, name: str, user: Hive) -> None:
-    """Puts a stand-in under the DLL's name into system32, the real one beside it. Only the tool gets to see it."""
+    """Puts a stand-in under the DLL's name into system32, the real one beside it. Only the tool loads the stand-in."""
     system = prefix.drive / "windows" / "system32"
     real = (system / f"{name}.dll").read_bytes()
     at = real.find(BUILTIN_MARK, 0, 0x100)

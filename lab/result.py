@@ -24,10 +24,10 @@ class Result:
     exit_code: int
     log: list[str]                   # of the first instance
     logs: list[list[str]]            # of all instances, in the order of their start
-    boxes: list[dict[str, Any]]      # message boxes as they came up
+    boxes: list[dict[str, Any]]      # in the order in which they came up
     status: list[dict[str, Any]]     # the status window, whenever something about it changed
-    requests: list[dict[str, Any]]   # what the download server was asked
-    calls: list[str]                 # what the stand-ins were called for
+    requests: list[dict[str, Any]]   # to the download server
+    calls: list[str]                 # calls into Windows that the stand-ins recorded
     store_calls: list[str]
     store_left: list[str]            # Store packages that remain
     programs: list[str]              # starts of the desktop edition's programs
@@ -44,7 +44,7 @@ class Result:
     errors: str                      # what Wine wrote, a crash for instance
     server: str                      # host:port of the download server
     seconds: float
-    disk_used: int                   # by the files that the machine keeps sparse, at the most
+    disk_used: int                   # the most that the machine's sparse files took
     pictures: list[str]
     prefix: str = ""                 # where the machine was kept
     again: Again | None = None       # calls, store_calls and boxes above are then those of the first start alone

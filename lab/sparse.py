@@ -1,6 +1,6 @@
-"""Files that grow by gigabytes on a small disk: what a program has written is given back while it writes on.
+"""Lets files grow by gigabytes on a small disk: what has been written becomes a hole while the program writes on.
 
-The size stays what the program made it, the content reads as zeros.
+The size stays, the bytes read as zeros.
 """
 from __future__ import annotations
 
@@ -19,11 +19,11 @@ _SECONDS = 0.02
 def _punch(file: int, start: int, length: int) -> None:
     if _LIBC.fallocate(file, _PUNCH_HOLE, ctypes.c_long(start), ctypes.c_long(length)) != 0:
         error = ctypes.get_errno()
-        raise OSError(error, f"no holes in files here: {os.strerror(error)}")
+        raise OSError(error, f"this file system has no sparse files: {os.strerror(error)}")
 
 
 class _File:
-    """One path. Another file under the same name begins anew; one that is renamed stays known until then."""
+    """One path. A renamed file is followed until there is another one of this name."""
 
     def __init__(self, path: pathlib.Path):
         self.path = path
@@ -56,7 +56,7 @@ class _File:
 
 
 class SparseFiles:
-    """Works from now on until close(). `most`: the disk space that all files used together, at the most."""
+    """Works until close(). `most`: the most disk space that all files used together."""
 
     def __init__(self, paths: list[pathlib.Path]):
         self.most = 0

@@ -10,7 +10,7 @@ from lab.hive import Hive
 REGISTRY_ROOTS = (r"Software\Tavik", r"Software\Orrel Technologies")
 PRODUCTS = re.compile(r"software\\microsoft\\windows\\currentversion\\installer\\userdata\\[^\\]+\\products\\[^\\]+"
                       r"\\installproperties$")
-OWN = ("windows", "lab", "ProgramData", "Program Files (x86)")  # below C:, not listed; Wine's and the lab's
+OWN = ("windows", "lab", "ProgramData", "Program Files (x86)")  # folders of C: that are not listed: Wine's and the lab's
 
 
 @dataclasses.dataclass

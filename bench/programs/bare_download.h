@@ -1,4 +1,5 @@
-// A download with the fewest calls of WinINet that fetch an address, into a file that is flushed and renamed at the end.
+// A download with the fewest calls of WinINet that fetch an address, into a file that is flushed and renamed at the
+// end.
 #pragma once
 
 namespace bench

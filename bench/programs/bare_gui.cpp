@@ -6,7 +6,9 @@
 int wmain(int count, wchar_t** arguments)
 {
     if (count != 2)
+    {
         return 2;
+    }
     const HANDLE file = CreateFileW(arguments[1], GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
                                     FILE_ATTRIBUTE_NORMAL, nullptr);
     constexpr wchar_t kLine[] = L"Launched\n";

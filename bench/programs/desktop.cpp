@@ -6,9 +6,13 @@ int wmain()
 {
     const HWND window = CreateWindowExW(0, L"STATIC", L"", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
     if (window == nullptr)
+    {
         return 1;
+    }
     MSG message = {};
     while (GetMessageW(&message, nullptr, 0, 0) > 0)
+    {
         DispatchMessageW(&message);
+    }
     return 0;
 }

@@ -24,7 +24,9 @@ size_t mostAllocated = 0;
 void Forget(void* memory)
 {
     if (isCounting && memory != nullptr)
+    {
         allocated -= _msize(memory);
+    }
     std::free(memory);
 }
 }  // namespace
@@ -33,7 +35,9 @@ void* operator new(size_t size)
 {
     void* const memory = std::malloc(size);
     if (memory == nullptr)
+    {
         throw std::bad_alloc();
+    }
     if (isCounting)
     {
         allocated += _msize(memory);
@@ -68,14 +72,16 @@ struct Measured
     size_t stack = 0;
 };
 
-// On a thread of its own, whose stack nobody has used yet. Nothing below a function's frame belongs to anybody on this
-// system, so it can be painted, and afterwards shows how far down the calls went.
+// Runs on a thread of its own with an unused stack. On this system the memory below a function's frame is free, so it
+// can be painted; afterwards it shows how deep the calls went.
 DWORD WINAPI MeasureMemory(void* parameter)
 {
     Measured& measured = *static_cast<Measured*>(parameter);
     volatile unsigned char* const top = static_cast<unsigned char*>(__builtin_frame_address(0)) - kOwnFrameBytes;
     for (size_t i = 0; i < kPaintedBytes; ++i)
+    {
         top[-static_cast<ptrdiff_t>(i)] = kPaint;
+    }
     isCounting = true;
     {
         const auto names = repair::ReadInfSectionNames(measured.file);
@@ -85,7 +91,9 @@ DWORD WINAPI MeasureMemory(void* parameter)
     measured.memory = mostAllocated;
     size_t deepest = kPaintedBytes;
     while (deepest > 0 && top[1 - static_cast<ptrdiff_t>(deepest)] == kPaint)
+    {
         --deepest;
+    }
     measured.stack = deepest + kOwnFrameBytes;
     return 0;
 }
@@ -105,7 +113,9 @@ void ReadOnce(const std::wstring& path)
 int wmain(int count, wchar_t** arguments)
 {
     if (count != 3)
+    {
         return 2;
+    }
     Measured measured;
     measured.file = arguments[2];
     const HANDLE thread = CreateThread(nullptr, kStackBytes, MeasureMemory, &measured, 0, nullptr);
@@ -121,7 +131,9 @@ int wmain(int count, wchar_t** arguments)
         ReadOnce(measured.file);
         const double end = bench::Microseconds();
         if (names != measured.names)
+        {
             return 1;
+        }
         std::printf("%.1f %.1f\n", middle - start, end - middle);
     }
     return 0;

@@ -32,7 +32,9 @@ void WriteLines(HANDLE file, const std::wstring& line, unsigned long lines)
 int wmain(int count, wchar_t** arguments)
 {
     if (count != 3)
+    {
         return 2;
+    }
     const unsigned long rounds = std::wcstoul(arguments[1], nullptr, 10);
     const unsigned long lines = std::wcstoul(arguments[2], nullptr, 10);
     const std::wstring line = L"Found driver " + std::wstring(kInf) + L". Version [" + kRelease + L"]";
@@ -43,7 +45,9 @@ int wmain(int count, wchar_t** arguments)
     {
         const double start = bench::Microseconds();
         for (unsigned long i = 0; i < lines; ++i)
+        {
             repair::LogLine(kFormat, kInf, kRelease);
+        }
         const double middle = bench::Microseconds();
         WriteLines(file, line, lines);
         const double end = bench::Microseconds();

@@ -1,4 +1,4 @@
-// Counts what a process has of the window system's objects, seen from another process.
+// Counts the window system's objects of a process, seen from another process.
 //   objects.exe PROGRAM
 // Prints: GDI objects as the system counts them, user objects likewise (0 0 where it does not count, as Wine 8), GDI
 // objects found in the process's own table, and user objects of all processes together.
@@ -32,16 +32,22 @@ unsigned CountGdiTable(HANDLE process)
 {
     PROCESS_BASIC_INFORMATION basic = {};
     if (NtQueryInformationProcess(process, ProcessBasicInformation, &basic, sizeof(basic), nullptr) != 0)
+    {
         return 0;
+    }
     const char* const block = reinterpret_cast<const char*>(basic.PebBaseAddress);
     const Entry* table = nullptr;
     std::vector<Entry> entries(kEntries);
     if (ReadProcessMemory(process, block + kTableOffset, &table, sizeof(table), nullptr) == 0 ||
         ReadProcessMemory(process, table, entries.data(), kEntries * sizeof(Entry), nullptr) == 0)
+    {
         return 0;
+    }
     unsigned count = 0;
     for (const Entry& entry : entries)
+    {
         count += entry.type != 0;
+    }
     return count;
 }
 
@@ -57,7 +63,9 @@ unsigned CountUserObjects()
         highest = number > highest ? number : highest;
     }
     for (const HMENU menu : menus)
+    {
         DestroyMenu(menu);
+    }
     return highest;
 }
 
@@ -68,8 +76,12 @@ DWORD FindProcess(const wchar_t* program)
     entry.dwSize = sizeof(entry);
     const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
     for (BOOL more = Process32FirstW(snapshot, &entry); more != 0; more = Process32NextW(snapshot, &entry))
+    {
         if (_wcsicmp(entry.szExeFile, program) == 0)
+        {
             return entry.th32ProcessID;
+        }
+    }
     return 0;
 }
 }  // namespace
@@ -79,7 +91,9 @@ int wmain(int count, wchar_t** arguments)
     const DWORD id = count == 2 ? FindProcess(arguments[1]) : 0;
     const HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, id);
     if (process == nullptr)
+    {
         return 1;
+    }
     std::printf("%lu %lu %u %u\n", GetGuiResources(process, GR_GDIOBJECTS), GetGuiResources(process, GR_USEROBJECTS),
                 CountGdiTable(process), CountUserObjects());
     CloseHandle(process);

@@ -1,11 +1,11 @@
-// Floor of a whole run: a plain program for the same work as a run that finds nothing to do. It shows a hidden window made
-// of the tool's dialog, reads all driver packages, asks for the installed product and writes the same log lines. It makes
-// only the calls that this work needs, in their shortest form; it does not follow the tool call by call.
+// Floor of a whole run: a plain program for the same work as a run that finds nothing to do. It shows a hidden window
+// made of the tool's dialog, reads all driver packages, asks for the installed product and writes the same log lines.
+// It makes only the calls that this work needs, in their shortest form; it does not follow the tool call by call.
 //   plain_check.exe LINES [URL TEMPORARY FINAL]
 //   plain_check.exe
-// LINES is the log of such a run, whose lines are written again. With the other arguments the bare loop follows while the
-// window exists: floor of the memory of a download. Without arguments only the driver packages are read; then the number
-// of INFs and the microseconds are printed.
+// LINES is the log of such a run, whose lines are written again. With the other arguments the bare loop follows while
+// the window exists: floor of the memory of a download. Without arguments only the driver packages are read; then the
+// number of INFs and the microseconds are printed.
 #include "bare_download.h"
 #include "stopwatch.h"
 
@@ -180,8 +180,8 @@ int wmain(int count, wchar_t** arguments)
         return 99;
     }
     const std::wstring name = kLogFolder + std::to_wstring(GetTickCount64()) + L".log";
-    const HANDLE log =
-        CreateFileW(name.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    const HANDLE log = CreateFileW(name.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
+                                   FILE_ATTRIBUTE_NORMAL, nullptr);
     Write(log, lines[0]);
     std::atomic<DWORD> threadId = 0;
     std::atomic<bool> ready = false;

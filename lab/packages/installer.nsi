@@ -27,7 +27,7 @@ Section
     Sleep $1
   ${EndIf}
 
-  ; Without the switch this would be an ordinary installation, which no run may ever ask for.
+  ; Without the switch this would be an ordinary installation, which the tool must never ask for.
   ${GetParameters} $2
   ${GetOptions} $2 "-EXTRACTONLY=" $3
   StrCpy $3 $3 3

@@ -1,4 +1,4 @@
-// Stands in for the command tool of the desktop edition: "hlcmd.exe exit" asks the running programs to end.
+// Plays the command tool of the desktop edition: "hlcmd.exe exit" asks the running programs to end.
 #include <string_view>
 
 #include "program.h"
@@ -6,16 +6,18 @@
 namespace
 {
 constexpr DWORD kPollMs = 10;
-constexpr DWORD kPatienceMs = 2000;
+constexpr DWORD kLimitMs = 2000;
 
-// Asks, and waits until the last program that listens is gone: the event goes with it.
+// Asks until the event is gone: it goes with the last program that listens.
 void AskProgramsToEnd()
 {
-    for (DWORD waited = 0; waited < kPatienceMs; waited += kPollMs)
+    for (DWORD waited = 0; waited < kLimitMs; waited += kPollMs)
     {
         const HANDLE event = OpenEventW(EVENT_MODIFY_STATE, FALSE, programs::kExitEvent);
         if (event == nullptr)
+        {
             return;
+        }
         SetEvent(event);
         CloseHandle(event);
         Sleep(kPollMs);
@@ -27,7 +29,9 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, wchar_t* arguments, int)
 {
     programs::RecordStart();
     if (std::wstring_view(arguments) == L"exit" && !programs::IsYes(L"ignore"))
+    {
         AskProgramsToEnd();
+    }
     Sleep(programs::StayTime());
     return programs::ExitCode();
 }

@@ -7,7 +7,9 @@
 extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, void*)
 {
     if (reason != DLL_PROCESS_ATTACH)
+    {
         return TRUE;
+    }
     wchar_t program[MAX_PATH] = L"";
     wchar_t file[MAX_PATH] = L"";
     GetModuleFileNameW(nullptr, program, static_cast<DWORD>(std::size(program)));

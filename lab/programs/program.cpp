@@ -45,7 +45,9 @@ std::optional<std::wstring> Behaviour(const std::wstring& what)
     {
         const std::size_t equal = line.text.find(L'=');
         if (equal != std::wstring::npos && standin::Lower(standin::Trim(line.text.substr(0, equal))) == wanted)
+        {
             value = standin::Trim(line.text.substr(equal + 1));
+        }
     }
     return value;
 }
@@ -60,7 +62,9 @@ DWORD StayTime()
     const std::wstring stay = Behaviour(L"stay").value_or(L"0");
     unsigned long long milliseconds = 0;
     if (stay != L"forever" && standin::ParseNumber(stay, milliseconds))
+    {
         return static_cast<DWORD>(milliseconds);
+    }
     return stay == L"forever" ? INFINITE : 0;
 }
 

@@ -1,4 +1,5 @@
-// What the stand-in programs of the lab share: the record of their start and the behaviour that a machine gives them.
+// What the lab's programs of the desktop edition share: the record of their start and the behaviour that a machine
+// gives them.
 #pragma once
 #include <windows.h>
 

@@ -1,4 +1,4 @@
-// Starts the tool many times, one after the other, and tells what the system holds before and after.
+// Starts the tool many times, one after the other, and prints what the system holds before and after.
 //   soak.exe COUNT ARGUMENTS...
 // Prints, one per line: "before" and "after" with windows, handles of all processes, processes, files in the temporary
 // folder; then "codes" with how often each exit code came, "longest" with the milliseconds of the slowest run.
@@ -33,7 +33,9 @@ unsigned CountFiles()
     const HANDLE search = FindFirstFileW((std::wstring(folder) + L"*").c_str(), &found);
     unsigned count = 0;
     for (BOOL more = search != INVALID_HANDLE_VALUE; more != 0; more = FindNextFileW(search, &found))
+    {
         ++count;
+    }
     FindClose(search);
     return count;
 }
@@ -45,7 +47,9 @@ std::pair<unsigned long, unsigned> CountHandles()
     ULONG size = 0;
     if (NtQuerySystemInformation(SystemProcessInformation, buffer.data(), static_cast<ULONG>(buffer.size()), &size) !=
         0)
+    {
         return {};
+    }
     std::pair<unsigned long, unsigned> counts{};
     for (const char* at = buffer.data();;)
     {
@@ -53,7 +57,9 @@ std::pair<unsigned long, unsigned> CountHandles()
         counts.first += process->HandleCount;
         ++counts.second;
         if (process->NextEntryOffset == 0)
+        {
             return counts;
+        }
         at += process->NextEntryOffset;
     }
 }
@@ -75,9 +81,13 @@ DWORD RunOnce(const std::wstring& commandLine)
     std::wstring line = commandLine;
     if (CreateProcessW(kTool, line.data(), nullptr, nullptr, FALSE, 0, nullptr, L"C:\\windows", &startup, &process) ==
         0)
+    {
         return 0xBAD;
+    }
     if (WaitForSingleObject(process.hProcess, kLimitMs) != WAIT_OBJECT_0)
+    {
         TerminateProcess(process.hProcess, 0xDEAD);
+    }
     WaitForSingleObject(process.hProcess, INFINITE);
     DWORD code = 0;
     GetExitCodeProcess(process.hProcess, &code);
@@ -92,7 +102,9 @@ int wmain(int count, wchar_t** arguments)
     const unsigned long runs = count > 1 ? std::wcstoul(arguments[1], nullptr, 10) : 1;
     std::wstring commandLine = L"\"" + std::wstring(kTool) + L"\"";
     for (int i = 2; i < count; ++i)
+    {
         commandLine += L" " + std::wstring(arguments[i]);
+    }
     std::map<DWORD, unsigned> codes;
     DWORD longest = 0;
     Tell("before");
@@ -105,7 +117,9 @@ int wmain(int count, wchar_t** arguments)
     Tell("after");
     std::printf("codes");
     for (const auto& [code, times] : codes)
+    {
         std::printf(" %ld=%u", static_cast<long>(code), times);
+    }
     std::printf("\nlongest %lu\n", longest);
     return 0;
 }

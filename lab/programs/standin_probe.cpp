@@ -1,4 +1,4 @@
-// Proves the forwarding stand-ins without the product: loads them as it does, on demand and from system32 only.
+// Calls the forwarding stand-ins without the tool: loads them as it does, on demand and from system32 only.
 //
 // usage: standin_probe forwards           every export of the real DLLs is offered, and is the real one or our own
 //        standin_probe calls              a fixed row of calls, with what came back
@@ -27,11 +27,17 @@ void Compare(HMODULE standin, HMODULE real, const char* export_, Count& count)
 {
     const FARPROC offered = GetProcAddress(standin, export_);
     if (offered == nullptr)
+    {
         ++count.missing;
+    }
     else if (offered == GetProcAddress(real, export_))
+    {
         ++count.forwarded;
+    }
     else
+    {
         ++count.own;
+    }
 }
 
 // The real DLL's own table says what has to be there, by name and by ordinal.
@@ -46,12 +52,16 @@ Count CompareAll(HMODULE standin, HMODULE real)
         at(nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT].VirtualAddress));
     const auto* const names = static_cast<const DWORD*>(at(table->AddressOfNames));
     for (DWORD i = 0; i < table->NumberOfNames; ++i)
+    {
         Compare(standin, real, static_cast<const char*>(at(names[i])), count);
+    }
     const auto* const functions = static_cast<const DWORD*>(at(table->AddressOfFunctions));
     for (DWORD i = 0; i < table->NumberOfFunctions; ++i)
     {
         if (functions[i] != 0)
+        {
             Compare(standin, real, MAKEINTRESOURCEA(table->Base + i), count);
+        }
     }
     return count;
 }
@@ -89,7 +99,9 @@ void Devices()
                                                 : "handle",
                     error, took >= 200 ? " slow" : "");
         if (set != INVALID_HANDLE_VALUE && set != nullptr)
+        {
             SetupDiDestroyDeviceInfoList(set);
+        }
     }
 }
 
@@ -148,7 +160,9 @@ void Internet()
     const BOOL told = InternetGetLastResponseInfoW(&code, text.data(), &size);
     std::printf("response: %d %lu length=%lu [%ls]\n", told, code, length, text.c_str());
     if (session != nullptr)
+    {
         InternetCloseHandle(session);
+    }
 }
 
 void Session()
@@ -168,7 +182,9 @@ int main(int count, char** arguments)
     SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
     const std::string_view what = count > 1 ? arguments[1] : "";
     if (what == "forwards")
+    {
         return Forwards();
+    }
     if (what != "calls")
     {
         std::fputs("usage: standin_probe forwards | calls\n", stderr);

@@ -1,6 +1,7 @@
 #include "watcher_actions.h"
 
 #include <cwchar>
+#include <map>
 
 #include "watcher_windows.h"
 
@@ -8,46 +9,47 @@ namespace watcher
 {
 namespace
 {
+using Text = std::wstring;
+
+DWORD Number(const Text& text)
+{
+    return std::wcstoul(text.c_str(), nullptr, 0);
+}
+
+bool ReadPair(const Text& text, int& x, int& y)
+{
+    return std::swscanf(text.c_str(), L"%d,%d", &x, &y) == 2;
+}
+
+// Keys and clicks go through the system's own input queue, as a user's do.
+bool Send(INPUT input)
+{
+    return SendInput(1, &input, sizeof input) == 1;
+}
+
 bool SendMouse(DWORD flags)
 {
     INPUT input{};
     input.type = INPUT_MOUSE;
     input.mi.dwFlags = flags;
-    return SendInput(1, &input, sizeof input) == 1;
+    return Send(input);
 }
 
-bool SendKey(WORD key, DWORD flags)
+bool PressKey(const Text& name)
 {
+    const std::map<Text, WORD> keys = {
+        {L"return", VK_RETURN}, {L"escape", VK_ESCAPE}, {L"space", VK_SPACE}, {L"tab", VK_TAB}};
+    const auto known = keys.find(name);
     INPUT input{};
     input.type = INPUT_KEYBOARD;
-    input.ki.wVk = key;
-    input.ki.dwFlags = flags;
-    return SendInput(1, &input, sizeof input) == 1;
+    input.ki.wVk = known != keys.end() ? known->second : static_cast<WORD>(Number(name));
+    const bool isDown = input.ki.wVk != 0 && Send(input);
+    input.ki.dwFlags = KEYEVENTF_KEYUP;
+    return isDown && Send(input);
 }
 
-bool ReadPair(const std::wstring& text, int& x, int& y)
-{
-    return std::swscanf(text.c_str(), L"%d,%d", &x, &y) == 2;
-}
-}  // namespace
-
-bool PressKey(const std::wstring& name)
-{
-    WORD key = 0;
-    if (name == L"return")
-        key = VK_RETURN;
-    else if (name == L"escape")
-        key = VK_ESCAPE;
-    else if (name == L"space")
-        key = VK_SPACE;
-    else if (name == L"tab")
-        key = VK_TAB;
-    else
-        key = static_cast<WORD>(std::wcstoul(name.c_str(), nullptr, 0));
-    return key != 0 && SendKey(key, 0) && SendKey(key, KEYEVENTF_KEYUP);
-}
-
-bool Click(HWND window, const std::wstring& where)
+// where: a control id, or "x,y" from the window's corner.
+bool Click(HWND window, const Text& where)
 {
     RECT place{};
     int x = 0;
@@ -60,9 +62,11 @@ bool Click(HWND window, const std::wstring& where)
     }
     else
     {
-        const HWND control = FindControl(window, static_cast<int>(std::wcstol(where.c_str(), nullptr, 10)));
+        const HWND control = FindControl(window, static_cast<int>(Number(where)));
         if (control == nullptr)
+        {
             return false;
+        }
         GetWindowRect(control, &place);
         x = (place.left + place.right) / 2;
         y = (place.top + place.bottom) / 2;
@@ -70,53 +74,58 @@ bool Click(HWND window, const std::wstring& where)
     return SetCursorPos(x, y) != 0 && SendMouse(MOUSEEVENTF_LEFTDOWN) && SendMouse(MOUSEEVENTF_LEFTUP);
 }
 
-namespace
-{
 // Whether a window of the thread follows the pointer. Gives up after a while: not every window can be moved.
 void AwaitMoving(DWORD thread, bool isMoving)
 {
-    constexpr DWORD kPatienceMs = 1500;
+    constexpr DWORD kLimitMs = 1500;
     constexpr DWORD kPauseMs = 10;
-    for (DWORD waited = 0; waited < kPatienceMs; waited += kPauseMs)
+    for (DWORD waited = 0; waited < kLimitMs; waited += kPauseMs)
     {
         GUITHREADINFO info{};
         info.cbSize = sizeof info;
         if (GetGUIThreadInfo(thread, &info) != 0 && ((info.flags & GUI_INMOVESIZE) != 0) == isMoving)
+        {
             return;
+        }
         Sleep(kPauseMs);
     }
 }
-}  // namespace
 
-bool Drag(HWND window, const std::wstring& distance)
+// distance: "dx,dy", from the middle of the window.
+bool Drag(HWND window, const Text& distance)
 {
     int dx = 0;
     int dy = 0;
     RECT place{};
     if (!ReadPair(distance, dx, dy) || GetWindowRect(window, &place) == 0)
+    {
         return false;
+    }
     const int x = (place.left + place.right) / 2;
     const int y = (place.top + place.bottom) / 2;
     const DWORD thread = GetWindowThreadProcessId(window, nullptr);
     SetCursorPos(x, y);
-    bool sent = SendMouse(MOUSEEVENTF_LEFTDOWN);
+    const bool isDown = SendMouse(MOUSEEVENTF_LEFTDOWN);
     AwaitMoving(thread, true);  // the pointer must not move before the window follows it
     for (int step = 1; step <= 4; ++step)
     {
         SetCursorPos(x + dx * step / 4, y + dy * step / 4);
         Sleep(30);
     }
-    sent = SendMouse(MOUSEEVENTF_LEFTUP) && sent;
-    AwaitMoving(thread, false);  // what is done next begins where the window is by then
-    return sent;
+    const bool isUp = SendMouse(MOUSEEVENTF_LEFTUP);
+    AwaitMoving(thread, false);  // the next action begins where the window is by then
+    return isDown && isUp;
 }
 
+// The window's thread continues at an address without code.
 bool CrashThreadOf(HWND window)
 {
     constexpr DWORD kAccess = THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT | THREAD_SET_CONTEXT;
     const HANDLE thread = OpenThread(kAccess, FALSE, GetWindowThreadProcessId(window, nullptr));
     if (thread == nullptr)
+    {
         return false;
+    }
     CONTEXT context{};
     context.ContextFlags = CONTEXT_CONTROL;
     SuspendThread(thread);
@@ -129,8 +138,113 @@ bool CrashThreadOf(HWND window)
     return done;
 }
 
-bool CloseWindowByMenu(HWND window)
+bool Move(const Text& from, const Text& to)
 {
-    return PostMessageW(window, WM_SYSCOMMAND, SC_CLOSE, 0) != 0;
+    return MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING) != 0;
+}
+
+// Whether another program could change the file now. It stays as it is.
+bool CanWrite(const Text& path)
+{
+    const DWORD shared = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    const HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, shared, nullptr, OPEN_EXISTING, 0, nullptr);
+    return file != INVALID_HANDLE_VALUE && CloseHandle(file) != 0;
+}
+
+bool StartSecond(Watch& watch, const Text& arguments)
+{
+    return CloseHandle(watch.StartInstance(arguments)) != 0;
+}
+
+bool StartProgram(Watch& watch, const Text& commandLine)
+{
+    watch.StartProgram(commandLine);
+    return true;
+}
+
+bool Wait(Watch& watch, const Text& milliseconds)
+{
+    watch.waitUntil = watch.Now() + Number(milliseconds);
+    return true;
+}
+
+bool Kill(Watch& watch, const Text& code)
+{
+    return TerminateProcess(watch.seen.instances[0].process, Number(code)) != 0;
+}
+
+bool KeepEvent(Watch& watch, const Text& name)
+{
+    watch.seen.event = OpenEventW(SYNCHRONIZE, FALSE, name.c_str());
+    return watch.seen.event != nullptr;
+}
+
+bool LookAtFront(Watch& watch, const Text&)
+{
+    watch.looked = LookAt(watch.FrontWindow(), watch.hook);
+    return !watch.looked.is_null();
+}
+
+const std::map<Text, bool (*)(Watch&, const Text&)> kActions = {
+    {L"second", StartSecond},
+    {L"run", StartProgram},
+    {L"wait", Wait},
+    {L"kill", Kill},
+    {L"watch", KeepEvent},
+    {L"look", LookAtFront},
+    {L"crash", [](Watch& watch, const Text&) { return CrashThreadOf(watch.StatusWindow()); }},
+    {L"key", [](Watch&, const Text& name) { return PressKey(name); }},
+    {L"click", [](Watch& watch, const Text& where) { return Click(watch.FrontWindow(), where); }},
+    {L"drag", [](Watch& watch, const Text& distance) { return Drag(watch.FrontWindow(), distance); }},
+    {L"restore", [](Watch& watch, const Text&) { return ShowWindow(watch.StatusWindow(), SW_RESTORE) != 0; }},
+    {L"close",
+     [](Watch& watch, const Text&) { return PostMessageW(watch.FrontWindow(), WM_SYSCOMMAND, SC_CLOSE, 0) != 0; }},
+    {L"deny", [](Watch&, const Text& key) { return DenyKey(key); }},
+    {L"delete", [](Watch&, const Text& path) { return DeleteFileW(path.c_str()) != 0; }},
+    {L"rename", [](Watch&, const Text& path) { return Move(path, path + L".renamed"); }},
+    {L"replace", [](Watch&, const Text& path) { return Move(path + L".new", path); }},
+    {L"write", [](Watch&, const Text& path) { return CanWrite(path); }},
+};
+
+bool IsLaterThan(const Watch& watch, const Text& milliseconds)
+{
+    return watch.Now() - watch.seen.instances[0].started >= Number(milliseconds);
+}
+
+const std::map<Text, bool (*)(const Watch&, const Text&)> kTriggers = {
+    {L"start", [](const Watch&, const Text&) { return true; }},
+    {L"window", [](const Watch& watch, const Text&) { return watch.seen.instances[0].status.visible; }},
+    {L"box", [](const Watch& watch, const Text&) { return !watch.seen.boxes.empty() && watch.seen.boxes[0].asked; }},
+    {L"text",
+     [](const Watch& watch, const Text& text) { return watch.seen.instances[0].status.line.find(text) != Text::npos; }},
+    {L"dots", [](const Watch& watch, const Text& dots) { return watch.seen.instances[0].status.dots == dots; }},
+    {L"after", IsLaterThan},
+    {L"log", [](const Watch&, const Text& text) { return LogContains(text); }},
+    {L"file",
+     [](const Watch&, const Text& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }},
+};
+
+// "<word> <rest>", looked up by its word.
+template <class Table, class Subject>
+bool LookUp(const Table& table, Subject& watch, const Text& order)
+{
+    const size_t blank = order.find(L' ');
+    const auto found = table.find(order.substr(0, blank));
+    if (found == table.end())
+    {
+        Refuse(L"unknown trigger or action: " + order);
+    }
+    return found->second(watch, blank == Text::npos ? Text() : order.substr(blank + 1));
+}
+}  // namespace
+
+bool Fires(const Watch& watch, const std::wstring& trigger)
+{
+    return !watch.seen.instances.empty() && LookUp(kTriggers, watch, trigger);
+}
+
+bool Perform(Watch& watch, const std::wstring& action)
+{
+    return LookUp(kActions, watch, action);
 }
 }  // namespace watcher

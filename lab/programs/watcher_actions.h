@@ -1,15 +1,12 @@
-// What a case can have done to the program while it runs.
+// What a case can have done to the program while it runs, and when: the tables are in lab/README.md.
 #pragma once
-#include <windows.h>
-
 #include <string>
+
+#include "watcher.h"
 
 namespace watcher
 {
-// Keys and clicks go through the system's own input queue, as a user's would.
-bool PressKey(const std::wstring& name);               // return, escape, space, tab, f4, or a virtual-key number
-bool Click(HWND window, const std::wstring& where);    // a control id, or "x,y" from the window's corner
-bool Drag(HWND window, const std::wstring& distance);  // "dx,dy", from the middle of the window
-bool CrashThreadOf(HWND window);                       // its thread goes on where no code is
-bool CloseWindowByMenu(HWND window);                   // what Alt+F4 does
+// Both end the watcher with a message if the trigger or the action is unknown.
+bool Fires(const Watch& watch, const std::wstring& trigger);
+bool Perform(Watch& watch, const std::wstring& action);  // returns whether it worked
 }  // namespace watcher

@@ -1,4 +1,4 @@
-// What the watcher and its hook DLL tell each other: a message sent to a window, answered by properties of that window.
+// How the watcher asks its hook DLL: by a message to a window, answered by properties of that window.
 #pragma once
 #include <windows.h>
 

@@ -132,7 +132,7 @@ Json RunningPrograms()
 }
 }  // namespace
 
-std::string Report(const Seen& seen)
+bool WriteReport(const Seen& seen, const std::wstring& path)
 {
     std::string event;
     if (seen.event != nullptr)
@@ -149,6 +149,11 @@ std::string Report(const Seen& seen)
         {"event", event},
         {"still_running", RunningPrograms()},
     };
-    return report.dump(1);
+    const std::string text = report.dump(1);
+    const HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    DWORD written = 0;
+    const BOOL done = WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+    CloseHandle(file);
+    return done != 0;
 }
 }  // namespace watcher

@@ -51,6 +51,6 @@ struct Seen
     bool timedOut = false;
 };
 
-// The report as JSON.
-std::string Report(const Seen& seen);
+// Writes the report as JSON.
+bool WriteReport(const Seen& seen, const std::wstring& path);
 }  // namespace watcher

@@ -31,7 +31,9 @@ std::vector<HWND> DialogsOf(DWORD process)
         DWORD owner = 0;
         GetWindowThreadProcessId(window, &owner);
         if (owner == process)
+        {
             found.push_back(window);
+        }
     }
     return found;
 }
@@ -40,7 +42,9 @@ std::vector<HWND> ChildrenOf(HWND window)
 {
     std::vector<HWND> children;
     for (HWND child = GetWindow(window, GW_CHILD); child != nullptr; child = GetWindow(child, GW_HWNDNEXT))
+    {
         children.push_back(child);
+    }
     return children;
 }
 
@@ -49,14 +53,16 @@ INT_PTR Property(HWND window, const wchar_t* name)
     return reinterpret_cast<INT_PTR>(GetPropW(window, name));
 }
 
-// Only inside a process can a window be asked for its icon. The answers are properties of the window.
+// The hook asks inside the process. The answers are properties of the window.
 bool Ask(HWND window, HMODULE hook)
 {
     const auto procedure = reinterpret_cast<HOOKPROC>(reinterpret_cast<void*>(GetProcAddress(hook, "WatcherHook")));
     const DWORD thread = GetWindowThreadProcessId(window, nullptr);
     const HHOOK handle = SetWindowsHookExW(WH_CALLWNDPROC, procedure, hook, thread);
     if (handle == nullptr)
+    {
         return false;
+    }
     DWORD_PTR ignored = 0;
     SendMessageTimeoutW(window, RegisterWindowMessageW(kAskMessage), 0, 0, SMTO_ABORTIFHUNG, 1000, &ignored);
     UnhookWindowsHookEx(handle);
@@ -105,8 +111,12 @@ bool StatusView::SameAs(const StatusView& other) const
 HWND FindControl(HWND window, int id)
 {
     for (HWND child : ChildrenOf(window))
+    {
         if (GetDlgCtrlID(child) == id)
+        {
             return child;
+        }
+    }
     return nullptr;
 }
 
@@ -116,31 +126,19 @@ StatusView FindStatusWindow(DWORD process)
     for (HWND window : DialogsOf(process))
     {
         if (FindControl(window, kStatusLine) == nullptr)
+        {
             continue;
+        }
         view.window = window;
         view.visible = IsWindowVisible(window) != 0;
         view.minimised = IsIconic(window) != 0;
         GetWindowRect(window, &view.place);
         view.title = TextOf(window);
-        for (HWND child : ChildrenOf(window))
+        const std::pair<int, std::wstring*> texts[] = {
+            {kStatusLine, &view.line}, {kDots, &view.dots}, {kHeading, &view.heading}, {kMinimiseMark, &view.mark}};
+        for (const auto& [id, text] : texts)
         {
-            switch (GetDlgCtrlID(child))
-            {
-                case kStatusLine:
-                    view.line = TextOf(child);
-                    break;
-                case kDots:
-                    view.dots = TextOf(child);
-                    break;
-                case kHeading:
-                    view.heading = TextOf(child);
-                    break;
-                case kMinimiseMark:
-                    view.mark = TextOf(child);
-                    break;
-                default:
-                    break;
-            }
+            *text = TextOf(FindControl(window, id));
         }
         break;
     }
@@ -153,7 +151,9 @@ std::vector<HWND> FindBoxes(DWORD process)
     for (HWND window : DialogsOf(process))
     {
         if (IsWindowVisible(window) == 0)
+        {
             continue;
+        }
         for (HWND child : ChildrenOf(window))
         {
             if (lstrcmpiW(ClassOf(child).c_str(), L"Button") == 0)
@@ -176,10 +176,14 @@ void Describe(Box& box)
         if (lstrcmpiW(name.c_str(), L"Button") == 0)
         {
             if ((style & WS_VISIBLE) != 0)
+            {
                 box.buttons.push_back(TextOf(child));
+            }
         }
         else if (lstrcmpiW(name.c_str(), L"Static") == 0 && (style & SS_TYPEMASK) != SS_ICON)
+        {
             box.text += TextOf(child);
+        }
     }
     box.foreground = GetForegroundWindow() == box.window;
 }
@@ -187,7 +191,9 @@ void Describe(Box& box)
 bool AskIcons(Box& box, HMODULE hook)
 {
     if (!Ask(box.window, hook))
+    {
         return false;
+    }
     const wchar_t* kinds[] = {L"none", L"error", L"information", L"warning", L"question", L"other"};
     box.icon = kinds[Property(box.window, kBodyIconProperty) - 1];
     box.titleIcon = TitleIconOf(box.window);

@@ -1,4 +1,4 @@
-"""What the download server says to a path: read from a machine's description, served by nginx or by the raw server."""
+"""The answers of the download server, from a machine's description; nginx or the raw server gives them."""
 from __future__ import annotations
 
 import dataclasses
@@ -7,7 +7,7 @@ import pathlib
 
 from lab import paths
 
-# What a real web server never does.
+# Answers that a real web server never gives.
 RAW = ("cut", "reset", "delay", "pause", "raw", "announce", "trickle", "turns")
 KEYS = {"installer", "text", "hex", "size", "status", "redirect", "rate", "type", "length", "headers", *RAW}
 
@@ -42,7 +42,7 @@ class Answer:
         if isinstance(description, int) and not isinstance(description, bool):
             return Answer(path, status=description)
         if not isinstance(description, dict) or set(description) - KEYS:
-            raise ValueError(f"answer to {path}: an installer's release, a status, or a table of {', '.join(sorted(KEYS))}")
+            raise ValueError(f"answer to {path}: write an installer's release, a status, or a table of {', '.join(sorted(KEYS))}")
         answer = Answer(path, **description)
         if answer.redirect and "status" not in description:
             answer.status = 302

@@ -1,4 +1,4 @@
-"""Answers that no proper web server gives: cut bodies, silence, resets, bytes that are not HTTP. raw.py CONFIG.json"""
+"""A server for answers that break the rules: cut bodies, silence, resets, bytes that are not HTTP. raw.py CONFIG.json"""
 from __future__ import annotations
 
 import collections
@@ -76,11 +76,10 @@ def wait_until(fact: Callable[[], bool]) -> None:
 
 
 def abort(connection: socket.socket, tool_log: str) -> None:
-    """A reset throws away what the other side has not got yet, so that is waited for.
+    """Waits until the other side has received everything, because a reset discards the rest.
 
-    Wine's WinINet looks for the body once more before it gives the head to its caller, and forgets a reset that it meets
-    there: a body of a few bytes would look complete. So the reset comes when the caller reads the body; without a log to
-    tell, at once.
+    Wine's WinINet forgets a reset that arrives before its caller has the head: a body of a few bytes would look complete.
+    So the reset comes when the tool reads the body, as its log shows; without a log, at once.
     """
     wait_until(lambda: not struct.unpack("i", fcntl.ioctl(connection.fileno(), termios.TIOCOUTQ, bytes(4)))[0])
     if tool_log:

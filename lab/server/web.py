@@ -64,14 +64,14 @@ class WebServer:
         self.tool_log = tool_log
         raw = any(answer.needs_raw for answer in answers)
         if raw and (protocols or also_plain):
-            raise ValueError("server: an answer that breaks the rules comes from a server without TLS versions and second port")
-        for _ in range(5):  # somebody else may take the port between the look and the start
+            raise ValueError("server: tls and also_plain do not go with an answer that breaks the rules of HTTP: leave one of them out")
+        for _ in range(5):  # another program may take the port before the server starts
             self.port = port or self._free_port()
             self.process = self._start_raw(answers) if raw else self._start_nginx(answers)
             if self._listens():
                 return
             self.close()
-        raise RuntimeError(f"the download server does not start: {self.errors.read_text() if self.errors.exists() else ''}")
+        raise RuntimeError(f"the download server does not start on {self.address}: {self.errors.read_text() if self.errors.exists() else 'it gave no reason'}")
 
     def _free_port(self) -> int:
         with socket.socket() as probe:

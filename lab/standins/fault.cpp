@@ -23,8 +23,8 @@ struct State
     std::map<std::wstring, unsigned> counts;
 };
 
-// Read at the first call, not when the DLL is loaded: files are no business of a loading DLL. Never destroyed: other
-// DLLs may still call while the process ends.
+// Read at the first call, because a loading DLL must not open files. Never destroyed: other DLLs may still call while
+// the process ends.
 State& TheState()
 {
     static State& state = []() -> State& {
@@ -34,9 +34,13 @@ State& TheState()
             Rule rule;
             std::wstring fault;
             if (ParseRule(line.text, rule, fault))
+            {
                 fresh.rules.push_back(std::move(rule));
-            else if (!fault.empty())  // a rule that silently did nothing would make a case pass for the wrong reason
+            }
+            else if (!fault.empty())  // otherwise a case could pass for the wrong reason
+            {
                 fresh.calls.Append(L"!bad rule in line " + std::to_wstring(line.number) + L": " + fault);
+            }
         }
         return fresh;
     }();
@@ -94,7 +98,9 @@ Call& Call::Flags(const wchar_t* key, unsigned long long value)
 std::optional<std::wstring> Call::Given(const wchar_t* key) const
 {
     if (rule_ == nullptr)
+    {
         return std::nullopt;
+    }
     const auto found = rule_->actions.find(key);
     return found == rule_->actions.end() ? std::nullopt : std::optional(found->second);
 }
@@ -109,7 +115,9 @@ std::optional<unsigned long long> Call::GivenNumber(const wchar_t* key) const
 void Call::Decide()
 {
     if (isDecided_)
+    {
         return;
+    }
     isDecided_ = true;
     {
         State& state = TheState();
@@ -117,14 +125,20 @@ void Call::Decide()
         for (Rule& rule : state.rules)
         {
             if (rule.function != function_ || !rule.ConcernsCall(details_))
+            {
                 continue;
+            }
             ++rule.matches;
             if (rule.IsDue())
+            {
                 rule_ = &rule;  // the last one wins
+            }
         }
     }
     if (const auto wait = GivenNumber(L"sleep"))
+    {
         Sleep(static_cast<DWORD>(*wait));
+    }
     if (const auto code = GivenNumber(L"exit"))
     {
         result_ = L"exit " + std::to_wstring(*code);
@@ -138,32 +152,32 @@ void Call::Decide()
         Crash(static_cast<DWORD>(*code));
     }
     if (Given(L"memory"))
+    {
         RefuseMemory();
+    }
 }
 
-bool Call::PlannedResult(Failure failure, unsigned long long& value)
+bool Call::PlannedError(const wchar_t* key, Failure failure, unsigned long long& value)
 {
-    if (const auto returned = GivenNumber(L"return"))
-    {
-        value = *returned;
-        lastError_ = static_cast<DWORD>(GivenNumber(L"gle").value_or(0));
-        return true;
-    }
-    const auto error = GivenNumber(L"error");
+    const auto error = GivenNumber(key);
     if (!error)
+    {
         return false;
+    }
     lastError_ = static_cast<DWORD>(*error);
     value = failure == Failure::Code ? *error : failure == Failure::InvalidHandle ? ~0ULL : 0;
     return true;
 }
 
-bool Call::PlannedAfterwards(Failure failure, unsigned long long& value)
+bool Call::PlannedResult(Failure failure, unsigned long long& value)
 {
-    const auto error = GivenNumber(L"after");
-    if (!error)
-        return false;
-    lastError_ = static_cast<DWORD>(*error);
-    value = failure == Failure::Code ? *error : failure == Failure::InvalidHandle ? ~0ULL : 0;
+    const auto returned = GivenNumber(L"return");
+    if (!returned)
+    {
+        return PlannedError(L"error", failure, value);
+    }
+    value = *returned;
+    lastError_ = static_cast<DWORD>(GivenNumber(L"gle").value_or(0));
     return true;
 }
 
@@ -176,7 +190,9 @@ void Call::WriteRecord() const
 {
     std::wstring line = kLibrary + L"!" + function_ + L"#" + std::to_wstring(number_);
     for (std::size_t i = 0; i < details_.size(); ++i)
+    {
         line += (i == 0 ? L" " : L"; ") + details_[i].first + L"=" + details_[i].second;
+    }
     TheState().calls.Append(line + L" -> " + result_ + L" gle=" + std::to_wstring(lastError_));
 }
 }  // namespace standin

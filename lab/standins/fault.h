@@ -1,4 +1,4 @@
-// What every forwarding stand-in does with a call: count it, look for a fault rule, forward it or not, record it.
+// The steps of every forwarded call: count it, find a fault rule, forward it or not, record it.
 #pragma once
 #include <windows.h>
 
@@ -17,7 +17,7 @@ extern const std::vector<std::wstring> kIntercepted;
 // Keys that only some functions of this stand-in understand in a rule, each as "Function key".
 extern const std::vector<std::wstring> kSpecialKeys;
 
-// The function of this name in the real DLL. Ends the process when there is none: nothing sensible can be forwarded.
+// The function of this name in the real DLL. Ends the process if there is none.
 void* FindReal(const char* function);
 
 // How a function tells its caller that it failed.
@@ -49,8 +49,8 @@ public:
     std::optional<std::wstring> Given(const wchar_t* key) const;
     std::optional<unsigned long long> GivenNumber(const wchar_t* key) const;
 
-    // Looks for the rule, sleeps or ends the process if it says so. Run does this by itself; a function with keys of
-    // its own calls it earlier.
+    // Looks for the rule, sleeps or ends the process if it says so. Run calls it; a function with keys of its own calls
+    // it earlier.
     void Decide();
 
     // Whether the real function was called.
@@ -62,17 +62,34 @@ public:
         Decide();
         unsigned long long planned = 0;
         if (PlannedResult(failure, planned))
+        {
             return Record(Make<Result>(planned));
+        }
         SetLastError(entryError_);
         Result result = forward();
         lastError_ = GetLastError();
         wasForwarded_ = true;
-        if (PlannedAfterwards(failure, planned))
+        if (PlannedError(L"after", failure, planned))
+        {
             result = Make<Result>(planned);
+        }
         return Record(result);
     }
 
-    // A result that the stand-in worked out itself.
+    template <class Result, class... Parameters, class... Arguments>
+    Result Forward(Failure failure, Result(WINAPI* real)(Parameters...), Arguments... arguments)
+    {
+        return Run<Result>(failure, [&] { return real(arguments...); });
+    }
+
+    // A function without a result is recorded as 0.
+    template <class Argument>
+    void ForwardVoid(void(WINAPI* real)(Argument), Argument argument)
+    {
+        Run<int>(Failure::Zero, [&] { return real(argument), 0; });
+    }
+
+    // Records a result of the stand-in's own.
     template <class Result>
     Result Answer(Result result, DWORD lastError)
     {
@@ -85,24 +102,32 @@ private:
     static Result Make(unsigned long long value)
     {
         if constexpr (std::is_pointer_v<Result>)
+        {
             return reinterpret_cast<Result>(value);
+        }
         else
+        {
             return static_cast<Result>(value);
+        }
     }
 
     template <class Result>
     Result Record(Result result)
     {
         if constexpr (std::is_pointer_v<Result>)
+        {
             RecordHandle(reinterpret_cast<unsigned long long>(result));
+        }
         else
+        {
             result_ = std::to_wstring(result);
+        }
         return result;
     }
 
     void RecordHandle(unsigned long long handle);
     bool PlannedResult(Failure failure, unsigned long long& value);
-    bool PlannedAfterwards(Failure failure, unsigned long long& value);
+    bool PlannedError(const wchar_t* key, Failure failure, unsigned long long& value);
     void WriteRecord() const;
 
     DWORD entryError_;

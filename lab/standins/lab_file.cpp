@@ -21,16 +21,20 @@ std::string ReadAll(const wchar_t* path)
     std::string bytes;
     const HANDLE file = CreateFileW(path, GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING, 0, nullptr);
     if (file == INVALID_HANDLE_VALUE)
+    {
         return bytes;
+    }
     char block[4096];
     DWORD count = 0;
     while (ReadFile(file, block, sizeof block, &count, nullptr) && count > 0)
+    {
         bytes.append(block, count);
+    }
     CloseHandle(file);
     return bytes;
 }
 
-// An invalid handle when nobody prepared C:\lab: the stand-in still does its work.
+// An invalid handle if there is no C:\lab: the stand-in still does its work.
 HANDLE OpenToWrite(const wchar_t* path, DWORD access, DWORD disposition)
 {
     return CreateFileW(path, access, kShareAll, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -56,7 +60,9 @@ std::vector<Line> ReadLines(const wchar_t* path)
 {
     std::string bytes = ReadAll(path);
     if (bytes.starts_with("\xEF\xBB\xBF"))
+    {
         bytes.erase(0, 3);
+    }
     std::vector<Line> lines;
     int number = 0;
     for (std::size_t start = 0; start < bytes.size();)
@@ -65,7 +71,9 @@ std::vector<Line> ReadLines(const wchar_t* path)
         std::wstring text = Trim(FromUtf8(std::string_view(bytes).substr(start, end - start)));
         ++number;
         if (!text.empty() && text.front() != L'#')
+        {
             lines.push_back({number, std::move(text)});
+        }
         start = end + 1;
     }
     return lines;
@@ -75,7 +83,9 @@ void WriteLines(const wchar_t* path, const std::vector<std::wstring>& lines)
 {
     std::string bytes;
     for (const std::wstring& line : lines)
+    {
         bytes += ToUtf8(line) + "\n";
+    }
     const HANDLE file = OpenToWrite(path, GENERIC_WRITE, CREATE_ALWAYS);
     Write(file, bytes);
     CloseHandle(file);
@@ -96,14 +106,18 @@ void Journal::Append(const std::wstring& line)
     }
     Write(file_, ToUtf8(line) + "\n");
     if (isOurs)
+    {
         ReleaseSRWLockExclusive(&lock);
+    }
 }
 
 std::wstring Trim(std::wstring_view text)
 {
     const std::size_t first = text.find_first_not_of(L" \t\r");
     if (first == std::wstring_view::npos)
+    {
         return {};
+    }
     return std::wstring(text.substr(first, text.find_last_not_of(L" \t\r") - first + 1));
 }
 
@@ -113,7 +127,9 @@ std::wstring Lower(std::wstring_view text)
     for (wchar_t& c : lower)
     {
         if (c >= L'A' && c <= L'Z')
+        {
             c = static_cast<wchar_t>(c + (L'a' - L'A'));
+        }
     }
     return lower;
 }
@@ -140,9 +156,13 @@ std::wstring Quoted(std::wstring_view text)
     for (const wchar_t c : text)
     {
         if (c < 0x20)
+        {
             quoted += static_cast<wchar_t>(0x2400 + c);
+        }
         else
+        {
             quoted.append(c == L'"' ? 2U : 1U, c);
+        }
     }
     return quoted + L"\"";
 }
@@ -156,15 +176,23 @@ bool ParseNumber(std::wstring_view text, unsigned long long& value)
 {
     const bool negative = StartsWith(text, L"-");
     if (negative)
+    {
         text.remove_prefix(1);
+    }
     const bool hex = StartsWith(text, L"0x");
     if (hex)
+    {
         text.remove_prefix(2);
+    }
     if (text.empty() || text.find_first_not_of(hex ? L"0123456789abcdefABCDEF" : L"0123456789") != text.npos)
+    {
         return false;
+    }
     value = std::wcstoull(std::wstring(text).c_str(), nullptr, hex ? 16 : 10);
     if (negative)
+    {
         value = 0 - value;
+    }
     return true;
 }
 
@@ -181,7 +209,9 @@ std::wstring Unescape(std::wstring_view text)
             ++i;
         }
         else
+        {
             plain += text[i];
+        }
     }
     return plain;
 }

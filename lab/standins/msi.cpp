@@ -20,8 +20,7 @@ INSTALLUILEVEL WINAPI Lab_MsiSetInternalUI(INSTALLUILEVEL level, HWND* window)
 {
     Call call(L"MsiSetInternalUI");
     call.Number(L"level", level).Raw(L"window", window == nullptr ? L"(null)" : L"given");
-    return static_cast<INSTALLUILEVEL>(
-        call.Run<int>(Failure::Zero, [&] { return static_cast<int>(REAL(MsiSetInternalUI)(level, window)); }));
+    return call.Forward(Failure::Zero, REAL(MsiSetInternalUI), level, window);
 }
 
 // product=<code>: what the caller finds in its buffer when the call is not forwarded.
@@ -29,12 +28,16 @@ UINT WINAPI Lab_MsiEnumRelatedProductsW(const wchar_t* upgradeCode, DWORD reserv
 {
     Call call(L"MsiEnumRelatedProductsW");
     call.Text(L"upgrade", upgradeCode).Number(L"reserved", reserved).Number(L"index", index);
-    const UINT result = call.Run<UINT>(
-        Failure::Code, [&] { return REAL(MsiEnumRelatedProductsW)(upgradeCode, reserved, index, product); });
+    const UINT result =
+        call.Forward(Failure::Code, REAL(MsiEnumRelatedProductsW), upgradeCode, reserved, index, product);
     if (const auto given = call.Given(L"product"); given && !call.WasForwarded())
+    {
         std::wcsncpy(product, given->c_str(), MAX_GUID_CHARS + 1);
+    }
     if (result == ERROR_SUCCESS)
+    {
         call.Text(L"product", product);
+    }
     return result;
 }
 
@@ -43,18 +46,21 @@ UINT WINAPI Lab_MsiGetProductInfoW(const wchar_t* product, const wchar_t* proper
 {
     Call call(L"MsiGetProductInfoW");
     call.Text(L"product", product).Text(L"property", property).Number(L"size", size == nullptr ? 0 : *size);
-    const UINT result =
-        call.Run<UINT>(Failure::Code, [&] { return REAL(MsiGetProductInfoW)(product, property, buffer, size); });
+    const UINT result = call.Forward(Failure::Code, REAL(MsiGetProductInfoW), product, property, buffer, size);
     if (const auto given = call.Given(L"value"); given && !call.WasForwarded() && buffer != nullptr && size != nullptr)
     {
         const bool fits = given->size() < *size;
         *size = static_cast<DWORD>(given->size());
         if (!fits)
+        {
             return call.Answer<UINT>(ERROR_MORE_DATA, ERROR_MORE_DATA);
+        }
         std::wcscpy(buffer, given->c_str());
     }
     if (result == ERROR_SUCCESS)
+    {
         call.Text(L"value", buffer);
+    }
     return result;
 }
 
@@ -62,6 +68,6 @@ UINT WINAPI Lab_MsiInstallProductW(const wchar_t* package, const wchar_t* proper
 {
     Call call(L"MsiInstallProductW");
     call.Text(L"package", package).Text(L"properties", properties);
-    return call.Run<UINT>(Failure::Code, [&] { return REAL(MsiInstallProductW)(package, properties); });
+    return call.Forward(Failure::Code, REAL(MsiInstallProductW), package, properties);
 }
 }

@@ -6,7 +6,7 @@ namespace standin
 {
 namespace
 {
-// Of the host system: a Wine process is one of its processes, and its limits hold.
+// Of the host system, whose limits hold for Wine's processes.
 constexpr std::uintptr_t kSetLimitCall = 302;
 constexpr std::uintptr_t kAddressSpaceLimit = 9;
 
@@ -21,13 +21,16 @@ struct Limit
 {
     volatile UINT_PTR nowhere = 8;
     if (code == EXCEPTION_ACCESS_VIOLATION)
+    {
         *reinterpret_cast<volatile int*>(nowhere) = 0;
+    }
     for (;;)
+    {
         RaiseException(code, EXCEPTION_NONCONTINUABLE, 0, nullptr);
+    }
 }
 
-// Windows has no limit of the kind that Wine keeps. Nothing but 0 will do: what Wine has reserved counts as taken
-// already.
+// A limit of the host, because Wine keeps none of Windows. It has to be 0: what Wine has reserved counts as taken.
 void RefuseMemory()
 {
     const Limit limit{0, 0};
@@ -37,6 +40,8 @@ void RefuseMemory()
                  : "D"(std::uintptr_t{0}), "S"(kAddressSpaceLimit), "d"(&limit)
                  : "rcx", "r10", "r11", "memory");
     if (result != 0)
+    {
         TerminateProcess(GetCurrentProcess(), ERROR_CALL_NOT_IMPLEMENTED);
+    }
 }
 }  // namespace standin

@@ -1,12 +1,12 @@
-// What a fault rule does to the whole process, beyond a call that fails.
+// Faults of the whole process, for fault rules.
 #pragma once
 #include <windows.h>
 
 namespace standin
 {
-// Raises this exception where the caller stands. 0xC0000005 comes from a real write to where nothing is.
+// Raises this exception in the caller; 0xC0000005 by a real write to an invalid address.
 [[noreturn]] void Crash(DWORD code);
 
-// From now on the process gets no further address space: what its heap has left is all there is.
+// From now on the process gets no further address space, only the rest of its heap.
 void RefuseMemory();
 }  // namespace standin

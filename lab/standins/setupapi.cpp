@@ -35,15 +35,14 @@ HDEVINFO WINAPI Lab_SetupDiGetClassDevsW(const GUID* classGuid, PCWSTR enumerato
     Call call(L"SetupDiGetClassDevsW");
     call.Raw(L"class", classGuid == nullptr ? L"(null)" : GuidText(*classGuid));
     call.Text(L"enumerator", enumerator).Flags(L"parent", reinterpret_cast<ULONG_PTR>(parent)).Flags(L"flags", flags);
-    return call.Run<HDEVINFO>(Failure::InvalidHandle,
-                              [&] { return REAL(SetupDiGetClassDevsW)(classGuid, enumerator, parent, flags); });
+    return call.Forward(Failure::InvalidHandle, REAL(SetupDiGetClassDevsW), classGuid, enumerator, parent, flags);
 }
 
 BOOL WINAPI Lab_SetupDiEnumDeviceInfo(HDEVINFO set, DWORD index, PSP_DEVINFO_DATA data)
 {
     Call call(L"SetupDiEnumDeviceInfo");
     call.Number(L"index", index).Number(L"size", data == nullptr ? 0 : data->cbSize);
-    return call.Run<BOOL>(Failure::Zero, [&] { return REAL(SetupDiEnumDeviceInfo)(set, index, data); });
+    return call.Forward(Failure::Zero, REAL(SetupDiEnumDeviceInfo), set, index, data);
 }
 
 BOOL WINAPI Lab_SetupDiGetDeviceInstanceIdW(HDEVINFO set, PSP_DEVINFO_DATA data, PWSTR buffer, DWORD size,
@@ -51,10 +50,12 @@ BOOL WINAPI Lab_SetupDiGetDeviceInstanceIdW(HDEVINFO set, PSP_DEVINFO_DATA data,
 {
     Call call(L"SetupDiGetDeviceInstanceIdW");
     call.Number(L"size", size);
-    const BOOL result = call.Run<BOOL>(
-        Failure::Zero, [&] { return REAL(SetupDiGetDeviceInstanceIdW)(set, data, buffer, size, required); });
+    const BOOL result =
+        call.Forward(Failure::Zero, REAL(SetupDiGetDeviceInstanceIdW), set, data, buffer, size, required);
     if (result && call.WasForwarded())
+    {
         call.Text(L"id", buffer);
+    }
     return result;
 }
 
@@ -63,14 +64,17 @@ BOOL WINAPI Lab_SetupDiGetDeviceRegistryPropertyW(HDEVINFO set, PSP_DEVINFO_DATA
 {
     Call call(L"SetupDiGetDeviceRegistryPropertyW");
     call.Number(L"property", property).Number(L"size", size);
-    const BOOL result = call.Run<BOOL>(Failure::Zero, [&] {
-        return REAL(SetupDiGetDeviceRegistryPropertyW)(set, data, property, type, buffer, size, required);
-    });
+    const BOOL result = call.Forward(Failure::Zero, REAL(SetupDiGetDeviceRegistryPropertyW), set, data, property, type,
+                                     buffer, size, required);
     if (call.WasForwarded() && required != nullptr)
+    {
         call.Number(L"required", *required);
+    }
     if (result && call.WasForwarded() && buffer != nullptr &&
         (property == SPDRP_DEVICEDESC || property == SPDRP_DRIVER))
+    {
         call.Text(L"text", std::wstring(reinterpret_cast<const wchar_t*>(buffer), size / sizeof(wchar_t)).c_str());
+    }
     return result;
 }
 
@@ -80,16 +84,15 @@ BOOL WINAPI Lab_SetupDiGetDevicePropertyW(HDEVINFO set, PSP_DEVINFO_DATA data, c
     Call call(L"SetupDiGetDevicePropertyW");
     call.Raw(L"key", GuidText(key->fmtid)).Number(L"pid", key->pid).Number(L"type", *type).Number(L"size", size);
     call.Flags(L"flags", flags);
-    return call.Run<BOOL>(Failure::Zero, [&] {
-        return REAL(SetupDiGetDevicePropertyW)(set, data, key, type, buffer, size, required, flags);
-    });
+    return call.Forward(Failure::Zero, REAL(SetupDiGetDevicePropertyW), set, data, key, type, buffer, size, required,
+                        flags);
 }
 
 BOOL WINAPI Lab_SetupDiBuildDriverInfoList(HDEVINFO set, PSP_DEVINFO_DATA data, DWORD type)
 {
     Call call(L"SetupDiBuildDriverInfoList");
     call.Number(L"type", type);
-    return call.Run<BOOL>(Failure::Zero, [&] { return REAL(SetupDiBuildDriverInfoList)(set, data, type); });
+    return call.Forward(Failure::Zero, REAL(SetupDiBuildDriverInfoList), set, data, type);
 }
 
 BOOL WINAPI Lab_SetupDiEnumDriverInfoW(HDEVINFO set, PSP_DEVINFO_DATA data, DWORD type, DWORD index,
@@ -97,7 +100,7 @@ BOOL WINAPI Lab_SetupDiEnumDriverInfoW(HDEVINFO set, PSP_DEVINFO_DATA data, DWOR
 {
     Call call(L"SetupDiEnumDriverInfoW");
     call.Number(L"type", type).Number(L"index", index).Number(L"size", driver == nullptr ? 0 : driver->cbSize);
-    return call.Run<BOOL>(Failure::Zero, [&] { return REAL(SetupDiEnumDriverInfoW)(set, data, type, index, driver); });
+    return call.Forward(Failure::Zero, REAL(SetupDiEnumDriverInfoW), set, data, type, index, driver);
 }
 
 BOOL WINAPI Lab_SetupDiGetDriverInfoDetailW(HDEVINFO set, PSP_DEVINFO_DATA data, PSP_DRVINFO_DATA_W driver,
@@ -105,10 +108,12 @@ BOOL WINAPI Lab_SetupDiGetDriverInfoDetailW(HDEVINFO set, PSP_DEVINFO_DATA data,
 {
     Call call(L"SetupDiGetDriverInfoDetailW");
     call.Number(L"size", size).Number(L"detail", detail == nullptr ? 0 : detail->cbSize);
-    const BOOL result = call.Run<BOOL>(
-        Failure::Zero, [&] { return REAL(SetupDiGetDriverInfoDetailW)(set, data, driver, detail, size, required); });
+    const BOOL result =
+        call.Forward(Failure::Zero, REAL(SetupDiGetDriverInfoDetailW), set, data, driver, detail, size, required);
     if (result && call.WasForwarded() && detail != nullptr)
+    {
         call.Text(L"inf", detail->InfFileName);
+    }
     return result;
 }
 
@@ -121,35 +126,36 @@ BOOL WINAPI Lab_SetupGetInfDriverStoreLocationW(PCWSTR inf, PSP_ALTPLATFORM_INFO
     const BOOL result =
         call.Run<BOOL>(Failure::Zero, [&] { return standin::LocateInDriverStore(inf, buffer, size, required); });
     if (result && call.WasForwarded())
+    {
         call.Text(L"location", buffer);
+    }
     return result;
 }
 
 BOOL WINAPI Lab_SetupDiDestroyDeviceInfoList(HDEVINFO set)
 {
     Call call(L"SetupDiDestroyDeviceInfoList");
-    return call.Run<BOOL>(Failure::Zero, [&] { return REAL(SetupDiDestroyDeviceInfoList)(set); });
+    return call.Forward(Failure::Zero, REAL(SetupDiDestroyDeviceInfoList), set);
 }
 
 HINF WINAPI Lab_SetupOpenInfFileW(PCWSTR path, PCWSTR infClass, DWORD style, PUINT errorLine)
 {
     Call call(L"SetupOpenInfFileW");
     call.Text(L"path", path).Text(L"class", infClass).Flags(L"style", style);
-    return call.Run<HINF>(Failure::InvalidHandle,
-                          [&] { return REAL(SetupOpenInfFileW)(path, infClass, style, errorLine); });
+    return call.Forward(Failure::InvalidHandle, REAL(SetupOpenInfFileW), path, infClass, style, errorLine);
 }
 
 BOOL WINAPI Lab_SetupFindFirstLineW(HINF inf, PCWSTR section, PCWSTR key, PINFCONTEXT context)
 {
     Call call(L"SetupFindFirstLineW");
     call.Text(L"section", section).Text(L"key", key);
-    return call.Run<BOOL>(Failure::Zero, [&] { return REAL(SetupFindFirstLineW)(inf, section, key, context); });
+    return call.Forward(Failure::Zero, REAL(SetupFindFirstLineW), inf, section, key, context);
 }
 
 BOOL WINAPI Lab_SetupFindNextLine(PINFCONTEXT from, PINFCONTEXT to)
 {
     Call call(L"SetupFindNextLine");
-    return call.Run<BOOL>(Failure::Zero, [&] { return REAL(SetupFindNextLine)(from, to); });
+    return call.Forward(Failure::Zero, REAL(SetupFindNextLine), from, to);
 }
 
 BOOL WINAPI Lab_SetupGetLineTextW(PINFCONTEXT context, HINF inf, PCWSTR section, PCWSTR key, PWSTR buffer, DWORD size,
@@ -157,19 +163,18 @@ BOOL WINAPI Lab_SetupGetLineTextW(PINFCONTEXT context, HINF inf, PCWSTR section,
 {
     Call call(L"SetupGetLineTextW");
     call.Text(L"section", section).Text(L"key", key).Number(L"size", size);
-    const BOOL result = call.Run<BOOL>(
-        Failure::Zero, [&] { return REAL(SetupGetLineTextW)(context, inf, section, key, buffer, size, required); });
+    const BOOL result =
+        call.Forward(Failure::Zero, REAL(SetupGetLineTextW), context, inf, section, key, buffer, size, required);
     if (result && call.WasForwarded())
+    {
         call.Text(L"text", buffer);
+    }
     return result;
 }
 
 void WINAPI Lab_SetupCloseInfFile(HINF inf)
 {
     Call call(L"SetupCloseInfFile");
-    call.Run<int>(Failure::Zero, [&] {  // no result: recorded as 0
-        REAL(SetupCloseInfFile)(inf);
-        return 0;
-    });
+    call.ForwardVoid(REAL(SetupCloseInfFile), inf);
 }
 }

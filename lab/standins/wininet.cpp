@@ -23,7 +23,9 @@ std::wstring List(LPCWSTR* types)
 {
     std::wstring list;
     for (; types != nullptr && *types != nullptr; ++types)
+    {
         list += (list.empty() ? L"" : L", ") + std::wstring(*types);
+    }
     return list;
 }
 
@@ -39,8 +41,7 @@ WINBOOL WINAPI Lab_InternetCrackUrlW(LPCWSTR url, DWORD length, DWORD flags, LPU
 {
     Call call(L"InternetCrackUrlW");
     call.Text(L"url", url).Number(L"length", length).Flags(L"flags", flags);
-    const BOOL result =
-        call.Run<BOOL>(Failure::Zero, [&] { return REAL(InternetCrackUrlW)(url, length, flags, parts); });
+    const BOOL result = call.Forward(Failure::Zero, REAL(InternetCrackUrlW), url, length, flags, parts);
     if (result && call.WasForwarded())
     {
         call.Text(L"host", parts->dwHostNameLength == 0 ? nullptr : parts->lpszHostName).Number(L"port", parts->nPort);
@@ -54,7 +55,7 @@ HINTERNET WINAPI Lab_InternetOpenW(LPCWSTR agent, DWORD access, LPCWSTR proxy, L
     Call call(L"InternetOpenW");
     call.Text(L"agent", agent).Number(L"access", access).Text(L"proxy", proxy).Text(L"bypass", bypass);
     call.Flags(L"flags", flags);
-    return call.Run<HINTERNET>(Failure::Zero, [&] { return REAL(InternetOpenW)(agent, access, proxy, bypass, flags); });
+    return call.Forward(Failure::Zero, REAL(InternetOpenW), agent, access, proxy, bypass, flags);
 }
 
 HINTERNET WINAPI Lab_InternetConnectW(HINTERNET session, LPCWSTR host, INTERNET_PORT port, LPCWSTR user,
@@ -63,9 +64,8 @@ HINTERNET WINAPI Lab_InternetConnectW(HINTERNET session, LPCWSTR host, INTERNET_
     Call call(L"InternetConnectW");
     call.Text(L"host", host).Number(L"port", port).Text(L"user", user).Text(L"password", password);
     call.Number(L"service", service).Flags(L"flags", flags).Flags(L"session", Address(session));
-    return call.Run<HINTERNET>(Failure::Zero, [&] {
-        return REAL(InternetConnectW)(session, host, port, user, password, service, flags, context);
-    });
+    return call.Forward(Failure::Zero, REAL(InternetConnectW), session, host, port, user, password, service, flags,
+                        context);
 }
 
 HINTERNET WINAPI Lab_HttpOpenRequestW(HINTERNET connection, LPCWSTR verb, LPCWSTR object, LPCWSTR version,
@@ -74,9 +74,8 @@ HINTERNET WINAPI Lab_HttpOpenRequestW(HINTERNET connection, LPCWSTR verb, LPCWST
     Call call(L"HttpOpenRequestW");
     call.Text(L"verb", verb).Text(L"object", object).Text(L"version", version).Text(L"referrer", referrer);
     call.Text(L"accept", List(types).c_str()).Flags(L"flags", flags).Flags(L"connection", Address(connection));
-    return call.Run<HINTERNET>(Failure::Zero, [&] {
-        return REAL(HttpOpenRequestW)(connection, verb, object, version, referrer, types, flags, context);
-    });
+    return call.Forward(Failure::Zero, REAL(HttpOpenRequestW), connection, verb, object, version, referrer, types,
+                        flags, context);
 }
 
 WINBOOL WINAPI Lab_InternetSetOptionW(HINTERNET handle, DWORD option, LPVOID value, DWORD size)
@@ -84,16 +83,18 @@ WINBOOL WINAPI Lab_InternetSetOptionW(HINTERNET handle, DWORD option, LPVOID val
     Call call(L"InternetSetOptionW");
     call.Number(L"option", option).Number(L"size", size);
     if (size == sizeof(DWORD) && value != nullptr)
+    {
         call.Number(L"value", *static_cast<const DWORD*>(value));
+    }
     call.Flags(L"handle", Address(handle));
-    return call.Run<BOOL>(Failure::Zero, [&] { return REAL(InternetSetOptionW)(handle, option, value, size); });
+    return call.Forward(Failure::Zero, REAL(InternetSetOptionW), handle, option, value, size);
 }
 
 WINBOOL WINAPI Lab_HttpSendRequestW(HINTERNET request, LPCWSTR headers, DWORD length, LPVOID body, DWORD size)
 {
     Call call(L"HttpSendRequestW");
     call.Text(L"headers", headers).Number(L"body", size).Flags(L"request", Address(request));
-    return call.Run<BOOL>(Failure::Zero, [&] { return REAL(HttpSendRequestW)(request, headers, length, body, size); });
+    return call.Forward(Failure::Zero, REAL(HttpSendRequestW), request, headers, length, body, size);
 }
 
 // status=<n>: the number in the caller's buffer, whether the call was forwarded or not.
@@ -101,13 +102,16 @@ WINBOOL WINAPI Lab_HttpQueryInfoW(HINTERNET request, DWORD level, LPVOID buffer,
 {
     Call call(L"HttpQueryInfoW");
     call.Flags(L"level", level).Number(L"size", size == nullptr ? 0 : *size).Flags(L"request", Address(request));
-    const BOOL result =
-        call.Run<BOOL>(Failure::Zero, [&] { return REAL(HttpQueryInfoW)(request, level, buffer, size, index); });
+    const BOOL result = call.Forward(Failure::Zero, REAL(HttpQueryInfoW), request, level, buffer, size, index);
     const bool isNumber = (level & HTTP_QUERY_FLAG_NUMBER) != 0;
     if (const auto status = call.GivenNumber(L"status"); status && result && isNumber)
+    {
         *static_cast<DWORD*>(buffer) = static_cast<DWORD>(*status);
+    }
     if (result && isNumber)
+    {
         call.Number(L"number", *static_cast<const DWORD*>(buffer));
+    }
     return result;
 }
 
@@ -119,10 +123,11 @@ WINBOOL WINAPI Lab_InternetReadFile(HINTERNET request, LPVOID buffer, DWORD size
     call.Decide();
     const auto given = call.GivenNumber(L"count");
     const DWORD asked = given && *given < size ? static_cast<DWORD>(*given) : size;
-    const BOOL result =
-        call.Run<BOOL>(Failure::Zero, [&] { return REAL(InternetReadFile)(request, buffer, asked, count); });
+    const BOOL result = call.Forward(Failure::Zero, REAL(InternetReadFile), request, buffer, asked, count);
     if (!call.WasForwarded())
+    {
         *count = static_cast<DWORD>(given.value_or(0));
+    }
     call.Number(L"count", *count);
     return result;
 }
@@ -135,7 +140,9 @@ WINBOOL WINAPI Lab_InternetGetLastResponseInfoW(LPDWORD code, LPWSTR buffer, LPD
     call.Decide();
     const auto text = call.Given(L"text");
     if (!text)
-        return call.Run<BOOL>(Failure::Zero, [&] { return REAL(InternetGetLastResponseInfoW)(code, buffer, size); });
+    {
+        return call.Forward(Failure::Zero, REAL(InternetGetLastResponseInfoW), code, buffer, size);
+    }
     *code = static_cast<DWORD>(call.GivenNumber(L"code").value_or(0));
     const DWORD length = static_cast<DWORD>(text->size());
     if (buffer == nullptr || *size <= length)
@@ -152,6 +159,6 @@ WINBOOL WINAPI Lab_InternetCloseHandle(HINTERNET handle)
 {
     Call call(L"InternetCloseHandle");
     call.Flags(L"handle", Address(handle));
-    return call.Run<BOOL>(Failure::Zero, [&] { return REAL(InternetCloseHandle)(handle); });
+    return call.Forward(Failure::Zero, REAL(InternetCloseHandle), handle);
 }
 }

@@ -23,8 +23,8 @@ WINBOOL WINAPI Lab_WTSQuerySessionInformationW(HANDLE server, DWORD session, WTS
     Call call(L"WTSQuerySessionInformationW");
     call.Flags(L"server", reinterpret_cast<ULONG_PTR>(server)).Number(L"session", static_cast<int>(session));
     call.Number(L"class", kind);
-    const BOOL result = call.Run<BOOL>(
-        Failure::Zero, [&] { return REAL(WTSQuerySessionInformationW)(server, session, kind, buffer, count); });
+    const BOOL result =
+        call.Forward(Failure::Zero, REAL(WTSQuerySessionInformationW), server, session, kind, buffer, count);
     if (result && !call.WasForwarded())
     {
         const auto given = call.Given(L"text");
@@ -32,11 +32,15 @@ WINBOOL WINAPI Lab_WTSQuerySessionInformationW(HANDLE server, DWORD session, WTS
         // From the heap that the real WTSFreeMemory gives it back to.
         *buffer = given ? static_cast<wchar_t*>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, size)) : nullptr;
         if (*buffer != nullptr)
+        {
             std::wcscpy(*buffer, given->c_str());
+        }
         *count = static_cast<DWORD>(size);
     }
     if (result && (kind == WTSUserName || kind == WTSDomainName))
+    {
         call.Text(L"text", *buffer);
+    }
     return result;
 }
 
@@ -44,9 +48,6 @@ void WINAPI Lab_WTSFreeMemory(void* memory)
 {
     Call call(L"WTSFreeMemory");
     call.Raw(L"memory", memory == nullptr ? L"(null)" : L"given");
-    call.Run<int>(Failure::Zero, [&] {  // no result: recorded as 0
-        REAL(WTSFreeMemory)(memory);
-        return 0;
-    });
+    call.ForwardVoid(REAL(WTSFreeMemory), memory);
 }
 }
