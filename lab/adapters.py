@@ -7,7 +7,7 @@ import pathlib
 import struct
 from typing import Any
 
-from lab import inf, paths
+from lab import inf, keys, paths
 from lab.hive import Value, text_data
 from lab.prefix import Prefix
 
@@ -119,21 +119,16 @@ class Adapter:
     @staticmethod
     def of(table: dict[str, Any], number: int) -> "Adapter":
         known = {field.name for field in dataclasses.fields(Adapter)} - {"number"}
-        if not isinstance(table, dict) or set(table) - known:
-            unknown = set(table) - known if isinstance(table, dict) else [str(table)]
-            raise ValueError(f"adapter {number}: unknown key {', '.join(sorted(unknown))}; "
-                             f"known are {', '.join(sorted(known))}")
+        keys.check(table, known, f"adapter {number}")
         adapter = Adapter(**table, number=number)
         if not adapter.id:
             adapter.id = rf"PCI\VEN_1E7D&DEV_2F1{number:X}&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&{number:04X}"
         if adapter.id.count("\\") != 2:
-            raise ValueError(f"adapter {number}: an id is bus\\hardware\\instance")
+            raise ValueError(f"adapter {number}: write the id as bus\\hardware\\instance, not {adapter.id}")
         known = {field.name for field in dataclasses.fields(Package)}
         packages = []
         for item in [{}] if adapter.packages is None else adapter.packages:
-            if set(item) - known:
-                raise ValueError(f"adapter {number}, package: unknown key {', '.join(sorted(set(item) - known))}; "
-                                 f"known are {', '.join(sorted(known))}")
+            keys.check(item, known, f"adapter {number}, package")
             packages.append(Package(**item))
         adapter.packages = packages
         return adapter

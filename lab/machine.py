@@ -11,7 +11,7 @@ import pathlib
 import tomllib
 from typing import Any
 
-from lab import adapters, paths, prefix as prefixes
+from lab import adapters, keys, paths, prefix as prefixes
 from lab.hive import Hive, Value
 from lab.server.answers import Answer
 
@@ -48,12 +48,6 @@ SERVER_KEYS = {"reach", "folder", "certificate", "tls", "also_plain", "answers"}
 CLASSES = ("Windows.Management.Deployment.PackageManager", "Windows.Services.Store.StoreContext")
 
 
-def _known(table: dict[str, Any], keys: set[str], where: str) -> None:
-    unknown = sorted(set(table) - keys)
-    if unknown:
-        raise ValueError(f"{where}: unknown key {', '.join(unknown)}; known are {', '.join(sorted(keys))}")
-
-
 def _word(value: Any) -> Any:
     """As the lab's text files want it."""
     return ("yes" if value else "no") if isinstance(value, bool) else value
@@ -75,13 +69,13 @@ class Machine:
     """A description that has been checked."""
 
     def __init__(self, description: dict[str, Any]):
-        _known(description, set(DEFAULTS), "machine")
+        keys.check(description, DEFAULTS, "machine")
         self.data = {**copy.deepcopy(DEFAULTS), **copy.deepcopy(description)}
         self.products, self.folder = self._read_desktop(self.data["desktop"])
         self.adapters = [adapters.Adapter.of(item, number) for number, item in enumerate(self.data["adapters"], 1)]
         adapters.number_packages(self.adapters)
         if isinstance(self.data["store"], dict):
-            _known(self.data["store"], STORE_KEYS, "store")
+            keys.check(self.data["store"], STORE_KEYS, "store")
         self.server = self._read_server(self.data["server"])
         if self.data["hosts"] and self.server.reach != "none":
             raise ValueError('hosts: only with reach = "none", or the lab\'s own server would not be found')
@@ -98,14 +92,14 @@ class Machine:
     def _read_desktop(desktop: Any) -> tuple[tuple[str, ...], str]:
         if desktop is False:
             return (), ""
-        _known(desktop, DESKTOP_KEYS, "desktop")
+        keys.check(desktop, DESKTOP_KEYS, "desktop")
         desktop = {**DEFAULTS["desktop"], **desktop}
         packages = desktop.get("packages", [f"{family}-{desktop['release']}" for family in desktop["families"]])
         return tuple(packages), desktop.get("folder", "")
 
     @staticmethod
     def _read_server(table: Any) -> Server:
-        _known(table, SERVER_KEYS, "server")
+        keys.check(table, SERVER_KEYS, "server")
         server = Server(**{key: value for key, value in table.items() if key != "answers"})
         if server.reach not in ("override", "default", "none"):
             raise ValueError("server: reach is override, default or none")
@@ -183,7 +177,7 @@ class Machine:
         text = "".join(f"{key} = {_word(value)}\n" for key, value in behaviour.items())
         (lab / "programs-behaviour.txt").write_text(text, "utf-8")
         if self.data["installer"]:
-            _known(self.data["installer"], {"sleep", "exit", "extract"}, "installer")
+            keys.check(self.data["installer"], {"sleep", "exit", "extract"}, "installer")
             text = "".join(f"{key}={value}\r\n" for key, value in self.data["installer"].items())
             (lab / "installer.ini").write_text("[installer]\r\n" + text, "ascii", newline="")
 

@@ -1,12 +1,11 @@
 // Starts the tool many times, one after the other, and prints what the system holds before and after.
 //   soak.exe COUNT ARGUMENTS...
-// Prints, one per line: "before" and "after" with windows, handles of all processes, processes, files in the temporary
-// folder; then "codes" with how often each exit code came, "longest" with the milliseconds of the slowest run.
+// Prints, one per line: "before" and "after" with windows, handles of all processes and processes; then "codes" with
+// the number of runs for each exit code.
 #include <windows.h>
 
 #include <winternl.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -23,21 +22,6 @@ BOOL CALLBACK CountWindow(HWND, LPARAM count)
 {
     ++*reinterpret_cast<unsigned*>(count);
     return TRUE;
-}
-
-unsigned CountFiles()
-{
-    wchar_t folder[MAX_PATH + 2] = {};
-    GetTempPathW(MAX_PATH, folder);
-    WIN32_FIND_DATAW found{};
-    const HANDLE search = FindFirstFileW((std::wstring(folder) + L"*").c_str(), &found);
-    unsigned count = 0;
-    for (BOOL more = search != INVALID_HANDLE_VALUE; more != 0; more = FindNextFileW(search, &found))
-    {
-        ++count;
-    }
-    FindClose(search);
-    return count;
 }
 
 // Handles and processes.
@@ -70,7 +54,7 @@ void Tell(const char* when)
     unsigned windows = 0;
     EnumWindows(CountWindow, reinterpret_cast<LPARAM>(&windows));
     const auto [handles, processes] = CountHandles();
-    std::printf("%s windows=%u handles=%lu processes=%u files=%u\n", when, windows, handles, processes, CountFiles());
+    std::printf("%s windows=%u handles=%lu processes=%u\n", when, windows, handles, processes);
 }
 
 DWORD RunOnce(const std::wstring& commandLine)
@@ -106,13 +90,10 @@ int wmain(int count, wchar_t** arguments)
         commandLine += L" " + std::wstring(arguments[i]);
     }
     std::map<DWORD, unsigned> codes;
-    DWORD longest = 0;
     Tell("before");
     for (unsigned long i = 0; i < runs; ++i)
     {
-        const DWORD start = GetTickCount();
         ++codes[RunOnce(commandLine)];
-        longest = std::max(longest, GetTickCount() - start);
     }
     Tell("after");
     std::printf("codes");
@@ -120,6 +101,6 @@ int wmain(int count, wchar_t** arguments)
     {
         std::printf(" %ld=%u", static_cast<long>(code), times);
     }
-    std::printf("\nlongest %lu\n", longest);
+    std::printf("\n");
     return 0;
 }
