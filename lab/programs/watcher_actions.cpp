@@ -226,13 +226,13 @@ const std::map<Text, bool (*)(const Watch&, const Text&)> kTriggers = {
 
 // "<word> <rest>", looked up by its word.
 template <class Table, class Subject>
-bool LookUp(const Table& table, Subject& watch, const Text& order)
+bool LookUp(const Table& table, Subject& watch, const Text& kind, const Text& order)
 {
     const size_t blank = order.find(L' ');
     const auto found = table.find(order.substr(0, blank));
     if (found == table.end())
     {
-        Refuse(L"unknown trigger or action: " + order);
+        Refuse(L"unknown " + kind + L": " + order);
     }
     return found->second(watch, blank == Text::npos ? Text() : order.substr(blank + 1));
 }
@@ -240,11 +240,11 @@ bool LookUp(const Table& table, Subject& watch, const Text& order)
 
 bool Fires(const Watch& watch, const std::wstring& trigger)
 {
-    return !watch.seen.instances.empty() && LookUp(kTriggers, watch, trigger);
+    return !watch.seen.instances.empty() && LookUp(kTriggers, watch, L"trigger", trigger);
 }
 
 bool Perform(Watch& watch, const std::wstring& action)
 {
-    return LookUp(kActions, watch, action);
+    return LookUp(kActions, watch, L"action", action);
 }
 }  // namespace watcher
