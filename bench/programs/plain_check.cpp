@@ -11,7 +11,6 @@
 
 #include <windows.h>
 #include <msi.h>
-#include <setupapi.h>
 
 #include <atomic>
 #include <cstdio>
@@ -21,11 +20,8 @@
 #include <thread>
 #include <vector>
 
+#include "inventory/setup_api.h"
 #include "resources/resource_ids.h"
-
-// In the toolchain's library but not in its header.
-extern "C" WINSETUPAPI BOOL WINAPI SetupGetInfDriverStoreLocationW(PCWSTR, PSP_ALTPLATFORM_INFO, PCWSTR, PWSTR, DWORD,
-                                                                   PDWORD);
 
 namespace
 {
