@@ -22,5 +22,6 @@ def command(*arguments: str, **options: Any) -> str:
     except FileNotFoundError:
         raise RuntimeError(f"{arguments[0]} is not installed: run scripts/setup") from None
     if done.returncode != 0:
-        raise RuntimeError(f"{' '.join(arguments[:3])} failed with exit code {done.returncode}: {(done.stderr or done.stdout).strip()}")
+        said = (done.stderr or done.stdout).strip()
+        raise RuntimeError(f"{' '.join(arguments[:3])} failed with exit code {done.returncode}: {said}")
     return done.stdout

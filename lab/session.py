@@ -1,4 +1,4 @@
-"""A described machine that is up: its prefix, its download server, its screen, its disks. Programs run on it as often as wanted."""
+"""A described machine that is up, with its prefix, download server, screen and disks, for any number of programs."""
 from __future__ import annotations
 
 import contextlib
@@ -170,7 +170,8 @@ class Session:
                   f"timeout = {int(timeout * 1000)}", f"hold = {int(hold * 1000)}", f"crowd = {at_once}"]
         for name, lines in (("start", data["running"]), ("held", data["held"]), ("shared", data["shared"]),
                             ("registry", self.late), ("when", when), ("then", () if then is None else (then,)),
-                            ("pictures", (r"C:\lab\pictures",) * (self.lab / "pictures").is_dir()), ("own-adapter", ("shown",) * data["own_adapter"])):
+                            ("pictures", (r"C:\lab\pictures",) * (self.lab / "pictures").is_dir()),
+                            ("own-adapter", ("shown",) * data["own_adapter"])):
             orders += [f"{name} = {line}" for line in lines]
         (self.lab / "watcher.txt").write_text("\n".join(orders) + "\n", "utf-8", "surrogatepass")
         output = self.folder / "errors.txt"
