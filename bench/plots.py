@@ -3,9 +3,9 @@ from __future__ import annotations
 
 import pathlib
 import re
-import subprocess
 
 from bench.figures import Row, quartiles
+from lab.children import command
 
 HEAD = """\
 set terminal pngcairo size {width},{height} font 'DejaVu Sans,10' background '#ffffff'
@@ -21,9 +21,9 @@ OURS, THEIRS = "#1f6fb2", "#999999"
 
 def draw(file: pathlib.Path, title: str, script: str, width: int = 720, height: int = 360) -> pathlib.Path:
     text = HEAD.format(width=width, height=height, file=file, title=title) + script
-    done = subprocess.run(["gnuplot"], input=text, text=True, capture_output=True)
-    if done.returncode != 0 or not file.exists():
-        raise RuntimeError(f"gnuplot could not draw {file.name}: {done.stderr.strip()}")
+    script_file = file.with_suffix(".plot")
+    script_file.write_text(text, "utf-8")
+    command("gnuplot", str(script_file))
     return file
 
 

@@ -76,17 +76,18 @@ public:
         return Record(result);
     }
 
-    template <class Result, class... Parameters, class... Arguments>
-    Result Forward(Failure failure, Result(WINAPI* real)(Parameters...), Arguments... arguments)
+    // real: REAL(name). It is looked up inside Run, because the search changes the last error.
+    template <class Real, class... Arguments>
+    auto Forward(Failure failure, Real real, Arguments... arguments)
     {
-        return Run<Result>(failure, [&] { return real(arguments...); });
+        return Run<decltype(real()(arguments...))>(failure, [&] { return real()(arguments...); });
     }
 
     // A function without a result is recorded as 0.
-    template <class Argument>
-    void ForwardVoid(void(WINAPI* real)(Argument), Argument argument)
+    template <class Real, class Argument>
+    void ForwardVoid(Real real, Argument argument)
     {
-        Run<int>(Failure::Zero, [&] { return real(argument), 0; });
+        Run<int>(Failure::Zero, [&] { return real()(argument), 0; });
     }
 
     // Records a result of the stand-in's own.
@@ -142,5 +143,5 @@ private:
 };
 }  // namespace standin
 
-// The real function behind an intercepted one, typed as the system header declares it.
-#define REAL(name) (reinterpret_cast<decltype(&::name)>(standin::FindReal(#name)))
+// Finds the real function behind an intercepted one, typed as the system header declares it.
+#define REAL(name) ([] { return reinterpret_cast<decltype(&::name)>(standin::FindReal(#name)); })
