@@ -121,10 +121,10 @@ def main(arguments: list[str]) -> int:
     for old in [*RESULTS.glob("*.png"), *RESULTS.glob("*.csv")]:
         old.unlink()
     report.write_csv(RESULTS, rows, missing)
-    pictures = plots.draw_all(RESULTS, rows)
     table = report.lines(rows, missing)
     (RESULTS / "table.txt").write_text("\n".join(table) + "\n", "utf-8")
     print("\n" + "\n".join(table) + "\n")
+    pictures = plots.draw_all(RESULTS, rows)
     if options.write_docs:
         write_docs(rows, missing, pictures, options.quick)
     missed = [row for row in rows if row.met is False]
