@@ -25,7 +25,7 @@ DOWNLOADS = "Tavik_VLTInstallerDownload"
 INSTALLER = "dwx2_install.exe"
 MEMORY_NAME = "tavik-bench-"  # folders in memory; the number of the process follows
 LIMIT = 600    # seconds for any run
-SETTLE = 0.05  # seconds that the system needs after a program's end; it would be time of the next one
+SETTLE = 0.05  # seconds that the system needs after a program's end; otherwise it would count as time of the next one
 
 
 @dataclasses.dataclass

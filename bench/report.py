@@ -11,7 +11,7 @@ HEAD = ("What", "The tool", "Against", "It", "Figure", "Goal", "")
 
 
 def number(value: float) -> str:
-    """Three digits that count, and no more."""
+    """About three significant digits; a large number keeps all digits before the point."""
     if value != 0 and abs(value) < 0.995:
         return f"{value:.3f}" if abs(value) >= 0.0995 else f"{value:.2g}"
     return f"{value:.2f}" if abs(value) < 9.995 else f"{value:.1f}" if abs(value) < 99.95 else f"{value:,.0f}"

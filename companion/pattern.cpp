@@ -74,7 +74,7 @@ PatternMatch MatchLine(std::string_view pattern, std::string_view line)
     size_t inPattern = 0;
     size_t inLine = 0;
     size_t afterStar = std::string_view::npos;  // position in the pattern after the last "*"
-    size_t starEnds = 0;                        // where in the line that "*" ends so far
+    size_t starEnds = 0;                        // position in the line up to which that "*" matches so far
     while (inPattern < pattern.size() || inLine < line.size())
     {
         if (inPattern < pattern.size() && pattern[inPattern] == '*')

@@ -1,4 +1,4 @@
-"""Where things are. TAVIK_BUILD names another build tree than build/release."""
+"""Where things are. TAVIK_BUILD names a build tree other than build/release."""
 import os
 import pathlib
 
@@ -19,7 +19,7 @@ WINE_DLLS = pathlib.Path("/usr/lib/x86_64-linux-gnu/wine/x86_64-windows")
 
 
 def need(path: pathlib.Path) -> pathlib.Path:
-    """The path, or a clear word about what is missing."""
+    """Returns the path. Raises FileNotFoundError with advice if nothing is there."""
     if not path.exists():
         raise FileNotFoundError(f"{path} is missing: run scripts/build first")
     return path

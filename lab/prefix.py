@@ -193,7 +193,7 @@ def made_once(name: str, digest: str, make: Callable[[pathlib.Path], None]) -> p
     """The template of that name and content, made if it is not there yet.
 
     Several workers may want it at once, so one makes it while the others wait, and it gets its name when it is complete.
-    Another content has another name, so a copy of the older template in progress is not disturbed.
+    Different content has a different name, so a copy of the older template in progress is not disturbed.
     """
     folder = paths.TEMPLATES / f"{name}-{digest[:10]}"
     if not folder.exists():

@@ -40,7 +40,7 @@ def name_hosts(file: pathlib.Path, addresses: dict[str, str]) -> tuple[str, ...]
 
 
 def limit_files(size: int) -> tuple[str, ...]:
-    """Returns the command line through which a program cannot write files longer than so many bytes."""
+    """Returns a command line that keeps the program started through it from writing files longer than this many bytes."""
     script = 'trap "" XFSZ && exec prlimit "--fsize=$0" "$@"'  # without the trap the signal would end the program
     return "sh", "-c", script, str(size)
 

@@ -47,7 +47,7 @@ def behaviours(text: str) -> dict[str, Row]:
 
 
 def proofs(file: Path) -> list[tuple[str, str]]:
-    """Pairs of a test's name and the text behind "Proves:". A line that is not above a test gives the name "". """
+    """Pairs of a test's name and the text after "Proves:". A line that is not above a test gives the name "". """
     text = file.read_text("utf-8")
     found: list[tuple[str, str]] = []
     waiting: list[str] = []

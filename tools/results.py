@@ -50,7 +50,7 @@ def failed(file: Path) -> list[str]:
 
 def summary(files: list[Path]) -> bool:
     """Prints what did not pass and the closing line. True when at least one test ran, none failed and every file could be read:
-    what did not run is no success."""
+    what did not run is not a success."""
     count: Counter[str] = Counter()
     unread = 0
     for file in files:

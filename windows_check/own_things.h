@@ -24,7 +24,7 @@ bool RemoveOwnThings();
 void TakeConsole();
 void GiveConsoleBack();
 
-// Why a check starts no program from the own folder: other users could replace it.
+// The reason that a check gives for starting no program from the own folder: other users could replace the program.
 inline constexpr wchar_t kFolderIsOpen[] =
     L"the program's temporary folder could not be closed to other users, so nothing is started from it";
 

@@ -20,7 +20,7 @@ struct Answer
     std::wstring operator[](const std::wstring& name) const;
 };
 
-// Runs `program` (this one, or a copy of it) with "--probe NAME" and the rest of the command line behind it.
+// Runs `program` (this one, or a copy of it) with "--probe NAME" and the rest of the command line after it.
 Answer Ask(const std::wstring& program, const std::wstring& name, const std::wstring& rest = {},
            const std::wstring& currentFolder = {});
 

@@ -64,7 +64,7 @@ struct Attempt
     std::atomic<DWORD> crash = 0;
 };
 
-// The attempt that is being waited for, for the handler of crashes.
+// The attempt that is being waited for; the crash handler needs it.
 std::atomic<Attempt*> current = nullptr;
 
 DWORD mainThread = 0;  // the one that runs the checks
@@ -93,7 +93,7 @@ DWORD mainThread = 0;  // the one that runs the checks
     std::abort();  // not reached
 }
 
-// A crash ends the check, not the program: its thread never goes on. A crash outside of the checks ends the program.
+// A crash ends the check, not the program: its thread never goes on. A crash outside the checks ends the program.
 LONG WINAPI NoteCrash(EXCEPTION_POINTERS* exception)
 {
     if (GetCurrentThreadId() == mainThread)

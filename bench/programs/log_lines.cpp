@@ -1,6 +1,6 @@
 // The tool's log beside the same calls of WriteFile.
 //   log_lines.exe ROUNDS LINES
-// Prints one line for each round: microseconds of so many lines through the log, and of writing the same texts.
+// Prints one line for each round: microseconds for LINES lines through the log, and for writing the same texts.
 #include "stopwatch.h"
 
 #include <windows.h>

@@ -1,4 +1,4 @@
-// The system's precise clock, for what is measured inside of one process.
+// The system's precise clock, for what is measured inside one process.
 #pragma once
 
 #include <windows.h>

@@ -128,7 +128,7 @@ def test_value_without_an_address_ends_the_download(lab, name):
     check_failed(lab, "download-bad-address", line, requests=[], left=None, start=changed(folder))
 
 
-# Proves: An https address with another port than 443
+# Proves: An https address with a port other than 443
 @pytest.mark.parametrize("scheme", ["https", "ftp", "HTTP", "htp", "gopher"])
 def test_scheme_does_not_matter_when_a_port_is_given(lab, scheme):
     folder = scheme + "://{server}" + SERVER_PATH

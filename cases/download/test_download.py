@@ -43,7 +43,7 @@ def test_http_on_port_443_is_encrypted(lab):
     assert any(line.startswith("HttpOpenRequestW#1 ") and "flags=0x84800500" in line for line in wininet(result))
 
 
-# Proves: The value is no text, or reading it fails
+# Proves: The value is not text, or reading it fails
 def test_folder_that_is_not_a_text_is_ignored(lab):
     lab.run({**own(), "registry": {KEY: {"DWXServerFolder": 5}}})
     check_arrived(lab, 10, [GOOD], START[:1])

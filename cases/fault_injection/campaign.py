@@ -146,7 +146,7 @@ def campaign(chosen: list[Planned], jobs: int, fresh: bool = False) -> int:
     names = [run.id for run in chosen]
     results = {identity: item for identity, item in known_results().items() if identity in names}
     left = [name for name in names if name not in results]
-    random.Random(1).shuffle(left)  # so that a part tells of all machines
+    random.Random(1).shuffle(left)  # so that a part of the runs covers all machines
     print(f"{len(names)} runs, {len(results)} of them done before, {jobs} at a time", flush=True)
     began = time.monotonic()
     with (open(RESULTS, "a", encoding="utf-8") as file,

@@ -36,7 +36,7 @@ class Step:
     place: str     # manager, package or service
     key: str
     value: str     # {failure}: a code with or without a text, {call}: the number of the call
-    recorded: str  # begin of the line that the stand-in records when the step fails
+    recorded: str  # start of the line that the stand-in records when the step fails
     codes: tuple[int, ...] = HRESULTS
 
 

@@ -37,7 +37,7 @@ def quiet(lines: list[str]) -> list[str]:
 
 
 def swapped(lines: list[str], start_of: str) -> list[str]:
-    """The last two of these lines in each other's place."""
+    """These lines with the last two swapped."""
     first, second = [index for index, line in enumerate(lines) if line.startswith(start_of)][-2:]
     lines = list(lines)
     lines[first], lines[second] = lines[second], lines[first]

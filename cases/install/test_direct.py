@@ -266,7 +266,7 @@ def test_text_goes_into_a_pipe_as_well(tmp_path):
 @pytest.mark.parametrize("arguments", ["-VLT", "-Install", f'-Path "{GIVEN}"', f'-VLT -Path "{GIVEN}"', f'-Install -Path "{GIVEN}"',
                                        "-VLT -Path -Install", "-Install -Path -VLT", f'-VLT -Installs -Path "{GIVEN}"', "-Path -SILENT"])
 def test_half_of_the_switches_is_the_ordinary_check(lab, arguments):
-    """A switch behind -Path is its value."""
+    """A switch after -Path is taken as its value."""
     result = lab.run(given(desktop=COMPATIBLE), arguments)
     lab.check(outcome="same-release", exit_code=-1, boxes=[SAME_RELEASE], after={"products": ["Tavik Halden 24.20"]})
     assert result.log[:2] == opening(arguments, "24.20") and result.log[-1] == f"{SAME} Exiting."

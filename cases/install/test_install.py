@@ -160,7 +160,7 @@ def test_product_whose_package_is_unknown_is_no_desktop_edition(lab, rule):
     lab.check(outcome="no-application", exit_code=-1, boxes=[NOT_INSTALLED], after=UNTOUCHED, log=[*opening(), *NOT_THERE])
 
 
-# Proves: The enumeration fails in between
+# Proves: The enumeration fails midway
 def test_only_the_end_of_the_list_ends_the_enumeration(lab):
     """After an error the product found before is looked up once more, so it is removed twice."""
     rule = f"msi!MsiEnumRelatedProductsW 4 if=upgrade:{UPGRADE_CODES['Halden']} error=1610"
@@ -273,7 +273,7 @@ def test_folder_of_the_users_own_is_kept(lab, folder):
     r"C:\Program Files\Tavik", "C:\\Program Files\\Tavik\\", r"c:\PROGRAM FILES\tavik", "C:/Program Files/Tavik",
     r"C:\Program Files\Tavik\Halden\..", r"C:\PROG~FBU\Tavik", r"C:\Gone", r"Q:\Apps", "", 5, ["C:\\Windows"]], ids=str)
 def test_default_folder_or_one_that_cannot_be_compared_is_not_passed_on(lab, folder):
-    """The default one in any spelling; then folders that do not exist, and values that are no text."""
+    """The default one in any spelling; then folders that do not exist, and values that are not text."""
     lab.run(custom(folder))
     check_folder(lab, "")
 

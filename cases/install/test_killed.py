@@ -46,7 +46,7 @@ def exits(*calls: str) -> dict[str, Any]:
 
 def kill_and_start_again(lab, machine: dict[str, Any], arguments: str = "", *, when: tuple[str, ...] = (),
                          then: str | None = None) -> Result:
-    """By the machine's rules, or as soon as the last trigger of `when` occurs."""
+    """Kills the tool by the machine's fault rules, or when the last trigger of `when` occurs, and starts it again."""
     actions = [*when[:-1], f"{when[-1]} : kill {KILLED}"] if when else []
     result = lab.run(machine, arguments, when=actions, then=arguments if then is None else then)
     # A program that the tool was just starting when it was killed from outside stays suspended.

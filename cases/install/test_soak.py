@@ -20,7 +20,7 @@ WARM = 20  # services start, caches fill
 
 
 def held(prefix: Prefix) -> dict[str, int]:
-    """What the Wine server holds for the machine: files, and with them objects, are its descriptors."""
+    """What the Wine server holds for the machine. Each open file, with its object, shows up as a descriptor."""
     process = pathlib.Path("/proc", str(prefix.server.pid))
     memory = re.search(r"VmRSS:\s+(\d+)", (process / "status").read_text("ascii"))
     files = [item for item in prefix.drive.rglob("*") if "Temp" in item.parts or "Tavik_VLTInstallerDownload" in item.parts]

@@ -305,7 +305,7 @@ READ = {
 }
 
 
-# Proves: A header with a comment behind it, or indented
+# Proves: A header with a comment after it, or indented
 # Proves: Saved as UTF-16
 # Proves: The release line in any letter case
 # Proves: The value is a string key
@@ -331,7 +331,7 @@ def test_release_is_read_from_the_inf(lab):
 
 # Proves: A line that cannot be fetched, or is longer than 2,063 characters
 def test_line_that_cannot_be_fetched_is_passed_over(lab):
-    """Line 11 of the file is the first of the section, and line 12 tells the release."""
+    """Line 11 of the file is the first of the section, and line 12 names the release."""
     package = inf_with(SETTINGS + "HKR,,ReleaseVersion,,1.0\n" + LINE + "\nHKR,,ReleaseVersion,,2.0")
     result = run(lab, {"id": MAKER, "packages": [package]},
                  rules=("SetupGetLineTextW 11 error=122", "SetupGetLineTextW 13 error=122"))

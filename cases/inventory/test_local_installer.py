@@ -34,7 +34,7 @@ def machine(files: dict, **adapter) -> dict:
     ({"B384125": {"link": "{folder}"}}, rf"B384125\{NAME}"),
 ], ids=["beside other folders", "small b", "only b", "name in other letters", "after a file", "first of two", "link to a folder"])
 def test_installer_is_found(lab, tmp_path, files, path):
-    """The installer is no program, so the run ends when it is started."""
+    """The installer is not a program, so the run ends when it is started."""
     (tmp_path / NAME).write_text(NO_PROGRAM)
     files = {name: {"link": str(tmp_path)} if isinstance(file, dict) else file for name, file in files.items()}
     result = lab.run(machine(files))

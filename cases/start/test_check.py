@@ -172,7 +172,7 @@ def test_repair_does_not_need_a_version(lab):
 
 # Proves: Empty text, no bytes, half a character
 # Proves: Only one of the values is there
-# Proves: A value is no text
+# Proves: A value is not text
 # Proves: The values are in the 32-bit view only => they do not count
 @pytest.mark.parametrize("changes, version, driver", [
     ({"remove": [rf"{HL}@DriverVersion"]}, "23.40", ""),

@@ -40,7 +40,7 @@ def failed(outcome: str, *lines: str, start: list[str] = START) -> dict:
 
 
 def downloaded(size: int, start: list[str] = START) -> dict:
-    """The same of a run that downloads something that is no program."""
+    """The same for a run whose download is not a program."""
     log = [*opening(), *inventory(), *start, "Response code from server: 200",
            f"Completed download. Total bytes downloaded: {size}",
            not_started(), MAIN_PACKAGE_MISSING]

@@ -206,7 +206,7 @@ def test_link_in_the_extraction_folder_is_not_followed(lab, machine, place):
 
 
 def test_download_folder_is_a_link(lab):
-    """Parents are followed: the tool works in the folder behind the link, and touches just its own there."""
+    """Parents are followed: the tool works in the folder that the link leads to, and touches only its own files there."""
     lab.run(found(files={**TREE, VICTIM + r"\LPInstaller\old.txt": "from an older run", DOWNLOADS: {"link": VICTIM}}))
     check_repaired(lab, VICTIM, after={"files": [*TREE, VICTIM + r"\LPInstaller" + PACKAGES["Halden"]],
                                        "missing": [VICTIM + r"\LPInstaller\old.txt"]})

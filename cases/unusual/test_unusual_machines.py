@@ -112,7 +112,7 @@ def test_no_folder_to_unpack_to(lab, temp, files):
 # Full disks
 
 SIZE = 3_000_000
-DAMAGED = 1627  # what Windows Installer says to a package that is cut off
+DAMAGED = 1627  # Windows Installer's code for a truncated package
 BIG = {"server": {"answers": {PATH: {"size": SIZE}}}}
 SMALL = r"C:\small disk"
 FULL = [*inventory(), *download()[:3], r"Failed writing to file: {temp}Tavik_VLTInstallerDownload\dwx2_install.exe.tmp", NOT_DOWNLOADED]

@@ -1,4 +1,4 @@
-"""Registry values of every wrong kind and size, in each place that the tool reads, and releases that are no release.
+"""Registry values of every wrong kind and size, in each place that the tool reads, and texts that are not releases.
 
 A text counts as it is, up to its first null; a text with variables counts with them replaced; everything else counts as missing.
 """
@@ -155,7 +155,7 @@ def test_odd_release_still_finds_its_package(lab):
     check_ends_without_server(lab, *lines, LIST, *(f"\t [{NAME}] [{RELEASE}] [{{store{number}}}]" for number in range(1, 5)))
 
 
-# Releases that are no release
+# Texts that are not releases
 
 # Proves: A release is empty, "-", or no release at all => taken as it is
 @pytest.mark.parametrize("release, prefix", [

@@ -106,7 +106,7 @@ HANDLE Watch::StartInstance(const std::wstring& arguments, DWORD flags)
     return process.hThread;
 }
 
-// All of them exist before the first one runs.
+// Creates all instances before it lets the first one run.
 void Watch::StartCrowd()
 {
     std::vector<HANDLE> threads;

@@ -32,8 +32,8 @@ class Answer:
     raw: str | None = None   # the bytes sent instead of an HTTP answer
     headers: dict[str, str] = dataclasses.field(default_factory=dict)  # further ones
     announce: int | None = None  # Content-Length, whatever the body is
-    trickle: float = 0       # head and body byte by byte, with so many seconds between two
-    turns: int | None = None  # so many times redirected, from then on the body
+    trickle: float = 0       # head and body byte by byte, with this many seconds between two
+    turns: int | None = None  # redirected this many times, then the body
 
     @staticmethod
     def of(path: str, description: object) -> "Answer":

@@ -115,7 +115,7 @@ WINBOOL WINAPI Lab_HttpQueryInfoW(HINTERNET request, DWORD level, LPVOID buffer,
     return result;
 }
 
-// count=<n>: forwarded, at most so many bytes are asked for; not forwarded, this is the count that the caller finds.
+// count=<n>: if forwarded, at most this many bytes are asked for; if not, this is the count that the caller finds.
 WINBOOL WINAPI Lab_InternetReadFile(HINTERNET request, LPVOID buffer, DWORD size, LPDWORD count)
 {
     Call call(L"InternetReadFile");

@@ -1,4 +1,4 @@
-"""Keys of a machine's description that no other case needs, and what the lab says to a mistake in one.
+"""Keys of a machine's description that no other case needs, and what the lab says about a mistake in one.
 
 All other keys are shown by the cases that describe their machines with them.
 """
@@ -33,7 +33,7 @@ def test_wines_own_adapter_can_be_left(lab):
     assert any(line.startswith("[Wine Adapter] - [PCI\\VEN_0000") for line in result.log)
 
 
-# Proves: The value is no plain text
+# Proves: The value is not plain text
 # Proves: The value is a text with variables => the system replaces them, and it counts
 @pytest.mark.parametrize("value, shown", [
     (5, ""), (["a", "b"], ""), ({"type": "REG_EXPAND_SZ", "text": "%OS%"}, "Windows_NT"), ("Ünï ☃", "Ünï ☃")], ids=str)

@@ -36,7 +36,7 @@ void Extract(const std::wstring& installerPath, const std::wstring& folder)
     // Hold the file open so it cannot be swapped before the elevated start. If that fails, the start logs the reason.
     const FileHandle held(CreateFileW(installerPath.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                       FILE_ATTRIBUTE_NORMAL, nullptr));
-    // No quotes: the installer takes all text behind "/D=" as the folder, blanks included.
+    // No quotes: the installer takes all text after "/D=" as the folder, blanks included.
     LaunchProcess(installerPath, kExtractionParameters + folder, INFINITE, folder.c_str());
 }
 

@@ -32,7 +32,7 @@ std::wstring QuerySession(DWORD session, WTS_INFO_CLASS information)
     return text != nullptr ? std::wstring(text) : std::wstring();
 }
 
-// Domain and name of the user of the tool's session, who may be another one than the administrator it runs as.
+// Domain and name of the user of the tool's session, who may differ from the administrator it runs as.
 std::wstring SessionUser()
 {
     DWORD session = 0;

@@ -170,7 +170,7 @@ std::wstring FindDriverFolder(HDEVINFO devices, SP_DEVINFO_DATA& device, const s
     return folder;
 }
 
-// Reads one device; returns nothing if the list leaves it out.
+// Reads one device; returns nothing if the device does not belong in the list.
 std::optional<DisplayDriverInfo> ReadAdapter(HDEVINFO devices, SP_DEVINFO_DATA& device, SharedBuffers& buffers)
 {
     DisplayDriverInfo record;

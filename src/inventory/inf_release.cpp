@@ -79,7 +79,7 @@ public:
         }
     }
 
-    // The last line needs no line break behind it.
+    // The last line needs no line break after it.
     std::list<std::wstring> Finish()
     {
         EndLine();
@@ -153,7 +153,7 @@ private:
 };
 }  // namespace
 
-// Not with std::wregex, which recurses for every character: a long line behind a "[" would overflow the stack.
+// Not with std::wregex, which recurses for every character: a long line after a "[" would overflow the stack.
 bool MatchSectionHeader(std::wstring_view line, std::wstring_view& name)
 {
     if (line.size() < 2 || line.front() != L'[' || line.back() != L']')

@@ -12,7 +12,7 @@ namespace repair
 std::wstring ReadInfReleaseVersion(const std::wstring& infPath);
 
 // Returns the section names of an INF in file order, duplicates kept, or nothing if the file cannot be opened. An
-// indented header, or one with a comment behind it, does not count. Each byte is one character, so a UTF-16 file has no
+// indented header, or one with a comment after it, does not count. Each byte is one character, so a UTF-16 file has no
 // sections; CR LF is one line end, the byte 1A ends the file. Logs nothing; throws only on failed allocation.
 std::list<std::wstring> ReadInfSectionNames(const std::wstring& infPath);
 

@@ -296,7 +296,7 @@ struct Address
 using DownloadAddress = WithParam<Download, Address>;
 
 // Proves: The address is made => server folder, release, file name, glued together without a separator
-// Proves: An https address with another port than 443 => requested without encryption
+// Proves: An https address with a port other than 443 => requested without encryption
 // Proves: An http address with port 443 => requested with encryption
 TEST_P(DownloadAddress, IsGluedTogetherAndItsPortAloneDecidesAboutTls)
 {

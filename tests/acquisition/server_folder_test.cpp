@@ -57,7 +57,7 @@ TEST(ServerFolder, IsTheMakersWithoutTheKeyOrTheValue)
     ExpectTheMakersServerAndNoLine();
 }
 
-// Proves: The value is no text, or reading it fails => the maker's server, nothing is logged, the key is closed
+// Proves: The value is not text, or reading it fails => the maker's server, nothing is logged, the key is closed
 TEST(ServerFolder, IsTheMakersWhenTheValueIsNoTextOrCannotBeRead)
 {
     const MachineRegistry registry;

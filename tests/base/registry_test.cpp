@@ -121,7 +121,7 @@ class RegistryString : public testing::TestWithParam<StoredValue>
 {
 };
 
-// Proves: The value is no plain text => the same error, with the status that says so
+// Proves: The value is not plain text => the same error, with the status that says so
 // Proves: Empty text, no bytes, half a character => an empty text
 TEST_P(RegistryString, TypeAndSizeDecide)
 {

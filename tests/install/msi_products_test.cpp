@@ -30,7 +30,7 @@ namespace
 constexpr wchar_t kHalden[] = L"{5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}";
 constexpr wchar_t kApplicationKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\";
 
-// The cached packages of a family's products, and those of them that are found.
+// The cached packages of a family's products, and which of them the tool finds.
 struct Family
 {
     std::vector<std::wstring> packages;
@@ -86,7 +86,7 @@ protected:
     }};
 };
 
-// Proves: The enumeration fails in between => it goes on with the code read before; only its end ends it
+// Proves: The enumeration fails midway => it continues with the product code read before; only the end of the list stops it
 TEST_F(ProductEnumeration, GoesOnAfterAnErrorWithTheCodeReadBefore)
 {
     answers_ = {{0, L"{a}"}, {ERROR_BAD_CONFIGURATION, nullptr}, {0, L"{b}"}};

@@ -68,7 +68,7 @@ struct InfText
 using InfSections = WithParam<InfTest, InfText>;
 
 // Proves: Section names are read => whole lines in brackets, in file order, twice when they occur twice; each byte is a character
-// Proves: A header with a comment behind it, or indented => is none; a release in such a section is not found
+// Proves: A header with a comment after it, or indented => is none; a release in such a section is not found
 // Proves: Saved as UTF-16 => no section is seen, the release is empty
 TEST_P(InfSections, AreTheLinesThatAreAHeaderAndNothingElse)
 {

@@ -57,7 +57,7 @@ TEST_F(InstalledVersion, IsEmptyWhereOneValueIsMissing)
     ExpectVersions(L"24.20", L"");
 }
 
-// Proves: A value is no text => empty, nothing is logged, the key is closed
+// Proves: A value is not text => empty, nothing is logged, the key is closed
 TEST_F(InstalledVersion, IsEmptyWhereTheValueIsNoText)
 {
     registry_.SetValue(kKey, L"HLVersion", REG_DWORD, {24, 0, 0, 0});

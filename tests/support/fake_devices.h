@@ -57,7 +57,7 @@ public:
     }
 
 private:
-    static constexpr DWORD kDetailBytes = 1700;  // more than the structure, as with compatible ids behind it
+    static constexpr DWORD kDetailBytes = 1700;  // more than the structure, as with compatible ids after it
 
     static HDEVINFO Handle() { return reinterpret_cast<HDEVINFO>(static_cast<INT_PTR>(0x7070)); }
 

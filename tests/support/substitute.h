@@ -109,7 +109,7 @@ private:
     }};
 };
 
-// A delay-loaded function as its DLL exports it, past every substitute.
+// A delay-loaded function as its DLL exports it, bypassing every substitute.
 template <typename Function>
 Function* RealFunction(const wchar_t* dll, const char* name)
 {

@@ -9,7 +9,7 @@
 
 namespace repair
 {
-// In the user's language, without the line end behind it. The test fails when there is none.
+// In the user's language, without the line end after it. The test fails when there is none.
 inline std::wstring SystemText(HRESULT code)
 {
     wchar_t text[512] = {};

@@ -106,7 +106,7 @@ public:
         {
             return this->Give(L"GetResults", text, result, plan_.newResult);
         }
-        // Before the end, or canceled, there is no result.
+        // There is no result before the operation ends, or after it was canceled.
         return Record(text, status == abi::kError ? plan_.ending.error.Give() : kIllegalMethodCall);
     }
 
