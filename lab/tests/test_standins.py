@@ -206,13 +206,13 @@ def removal(machine: Machine, *lines: str) -> list[str]:
 
 
 def test_package_is_found_and_removed(machine: Machine):
-    printed = removal(machine, "user = somebody", "[package]", "name = Two", "version = 5.6.7.65535", "ok = no", "keep = yes")
+    printed = removal(machine, "user = S-1-5-21-1", "[package]", "name = Two", "version = 5.6.7.65535", "ok = no", "keep = yes")
     assert [line for line in printed if line.startswith(("package:", "ok:", "result:"))] == [
         "package: One_1.2.3.4_x64 1.2.3.4", "ok: 1", "result: 0x00000000 [(null)]",
         "package: Two 5.6.7.65535", "ok: 0", "result: 0x00000000 [(null)]"]
     assert machine.lines("standins/store-state.txt") == ["Two"]
     record = machine.lines("standins/winrt-calls.txt")
-    assert 'RemovePackageWithOptionsAsync name="One_1.2.3.4_x64"; options=0x80000; user="somebody" -> 0x0 thread=1' in record
+    assert 'RemovePackageWithOptionsAsync name="One_1.2.3.4_x64"; options=0x80000; user="S-1-5-21-1" -> 0x0 thread=1' in record
     assert "unused slot IPackageManager.FindPackagesByUserSecurityId -> 0x80004001 thread=1" in record
     assert [line for line in record if "thread=" not in line] == ["handler released count=0"] * 2  # and nothing still held
 
@@ -380,7 +380,7 @@ def test_programs_note_their_start_and_end_when_asked(machine: Machine):
 
 
 @pytest.mark.parametrize("behaviour", ["hlcmd.exe.ignore = yes", "CorvelSoftware.exe.deaf = yes"])
-def test_program_stays_when_nobody_asks_or_it_does_not_listen(machine: Machine, behaviour: str):
+def test_program_stays_if_it_is_not_asked_or_does_not_listen(machine: Machine, behaviour: str):
     machine.write("programs-behaviour.txt", "CorvelSoftware.exe.stay = forever", behaviour)
     start_in_background(machine)
     machine.run("hlcmd", "exit")
