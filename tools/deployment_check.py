@@ -186,7 +186,7 @@ def scripts(top: Path) -> Iterator[str]:
                 yield f"{file.name}: there is no {name} in the kit"
     detection = read(deploy / "powershell/Test-TavikRelease.ps1")
     inventory = "inventory/constants.h"
-    names = re.findall(r'L"([^"]+)"', re.search(r"kStorePackageNames = \{(.*?)\};", read(top / "src/store/constants.h"), re.S)[1])
+    names = re.findall(r'L"([^"]+)"', re.search(r"StorePackageNames = \{(.*?)\};", read(top / "src/store/constants.h"), re.S)[1])
     expected = {
         "displayClass": repr(display_class(top)), "releaseValue": repr(constant(top, inventory, "kReleaseVersionValue")),
         "vendorIds": f"@('{constant(top, inventory, 'kVendorId')}', '{constant(top, inventory, 'kSecondVendorId')}')",

@@ -149,7 +149,8 @@ struct Transfer
     InternetHandle request;  // closed first
 };
 
-// Writes the response body into the file and closes it. Returns false, after logging, if reading or writing fails.
+// Writes the response body into the file. Returns false, after logging, if reading or writing fails. Closes the file,
+// except after a failed write.
 bool CopyBody(Transfer& transfer, const DownloadPlan& plan)
 {
     const auto buffer = std::make_unique<std::byte[]>(kReceiveBufferBytes);

@@ -15,7 +15,7 @@ namespace repair
 namespace
 {
 // Image names of the application's programs, killed in this order.
-constexpr const wchar_t* kComponents[] = {
+constexpr const wchar_t* ComponentList[] = {
     L"hlcmd.exe", L"CorvelSettings.exe", L"Corvelsoftware.exe", L"tavikow.exe", L"TavikLPServ.exe",
 };
 
@@ -39,7 +39,7 @@ void StopRunningComponents()
     wchar_t systemFolder[kPathCharacters] = {};
     GetSystemDirectoryW(systemFolder, static_cast<UINT>(std::size(systemFolder)));
     const std::wstring killProgram = (std::filesystem::path(systemFolder) / kKillProgram).wstring();
-    for (const wchar_t* name : kComponents)
+    for (const wchar_t* name : ComponentList)
     {
         // By design with a blank in front; the log shows the parameters like this.
         const std::wstring parameters = std::wstring(L" /IM \"") + name + L"\" /F";

@@ -7,7 +7,7 @@
 namespace repair
 {
 // Package names without version, architecture and publisher id; full names contain one of them.
-inline const std::array<std::wstring, 2> kStorePackageNames = {
+inline const std::array<std::wstring, 2> StorePackageNames = {
     L"TavikSystemsInc-2.8F31D07A2B6E4",
     L"TavikSystemsInc-2.TavikCorvelSoftware",
 };

@@ -122,7 +122,7 @@ void RemovePackage(abi::IPackageManager* manager, const std::wstring& fullName)
 bool MatchesStorePackage(const std::wstring& fullName)
 {
     bool matches = false;
-    for (const std::wstring& name : kStorePackageNames)
+    for (const std::wstring& name : StorePackageNames)
     {
         matches |= ContainsNoCase(fullName, name);
     }
