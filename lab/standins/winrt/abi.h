@@ -33,7 +33,11 @@ public:                                                \
         return UnusedSlot(kName, L"" #name);            \
     }
 #define UNUSED_SLOT(name) UNUSED_METHOD(name, void)
+#ifdef __cppcheck__  // which cannot expand __VA_OPT__
+#define UNUSED_SLOTS(...)
+#else
 #define UNUSED_SLOTS(...) FOR_EACH(UNUSED_SLOT, __VA_ARGS__)
+#endif
 
 namespace winrt_abi
 {
