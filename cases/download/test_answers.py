@@ -85,7 +85,8 @@ FAILS = {  # name: answer, outcome, lines, status that was sent, length of the t
     "redirect to half an address": ({"redirect": "http://"}, "download-unreachable", [not_sent(URL, 12005)], 302, 0),
     "redirect to ftp": ({"redirect": "ftp://127.0.0.1:1/x"}, "download-refused", status_line(302), 302, 0),
     "redirect to a file": ({"redirect": "file:///C:/windows/notepad.exe"}, "download-refused", status_line(302), 302, 0),
-    "reset in place of an answer": ({"raw": "", "reset": 0}, "download-unreachable", [not_sent(URL, 12030)], 0, 0),
+    # Delayed until Wine waits for the answer: a reset before that counts as an empty answer now and then.
+    "reset in place of an answer": ({"raw": "", "reset": 0, "delay": 0.3}, "download-unreachable", [not_sent(URL, 12030)], 0, 0),
     "reset after a body of unknown length": ({"size": 2 * MIB, "length": False, "reset": 2 * MIB}, "download-broken", LOST, 200, 2 * MIB),
 }
 
