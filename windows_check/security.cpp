@@ -206,6 +206,7 @@ std::wstring RightsOf(ACL* list, const std::vector<BYTE>& userSid)
         rights[who] |= mask;
     }
     std::vector<std::wstring> texts;
+    texts.reserve(rights.size());
     for (const auto& [who, mask] : rights)
     {
         texts.push_back(who + L" " + Hex(mask).substr(2));

@@ -133,7 +133,8 @@ struct PackageVersion
     std::uint16_t Minor = 0;
     std::uint16_t Build = 0;
     std::uint16_t Revision = 0;
-    auto operator<=>(const PackageVersion&) const = default;  // by Major, then Minor, and so on
+    // By Major, then Minor, and so on. clang-tidy sees the 0 of the comparison that the compiler makes.
+    auto operator<=>(const PackageVersion&) const = default;  // NOLINT(modernize-use-nullptr)
 };
 static_assert(sizeof(PackageVersion) == 8);
 
