@@ -32,6 +32,18 @@ function(project_link_options target)
     -Wl,--major-subsystem-version=10 -Wl,--minor-subsystem-version=0)
 endfunction()
 
+# For programs that ship: what Windows reads before their first instruction. Without the flag tsaware a Remote Desktop host may give
+# each user a Windows folder of its own.
+find_program(LOAD_CONFIGURATION_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED) # the one that has pefile
+function(project_load_configuration target)
+  target_sources(${target} PRIVATE ${CMAKE_SOURCE_DIR}/src/base/load_configuration.cpp)
+  target_link_options(${target} PRIVATE -Wl,--tsaware -Wl,--undefined=LoadConfiguration)
+  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${CMAKE_SOURCE_DIR}/tools/load_configuration.py)
+  add_custom_command(TARGET ${target} POST_BUILD
+    COMMAND ${LOAD_CONFIGURATION_PYTHON} -m tools.load_configuration $<TARGET_FILE:${target}>
+    WORKING_DIRECTORY ${CMAKE_SOURCE_DIR} VERBATIM)
+endfunction()
+
 # Programs that ship have no symbols. The preset "symbols" keeps them, and the linker writes a map beside each program:
 # scripts/release makes the symbol files and the list of components from these, and checks that the instructions are the same.
 function(project_strip target)

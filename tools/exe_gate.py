@@ -5,7 +5,6 @@
 The compiler calls of the build are checked too. Each complaint is one line; without any the exit code is 0.
 tools/tests/test_exe_gate.py shows for every rule that it can fail.
 """
-import array
 import contextlib
 import dataclasses
 import getpass
@@ -19,6 +18,7 @@ from pathlib import Path
 
 import pefile
 
+from tools.load_configuration import SEARCH_SYSTEM32, checksum
 from tools.project import TOP
 
 BUILD = TOP / "build" / "release"
@@ -94,11 +94,19 @@ FLAGS = {
     "IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE": "the exe would always lie at the same address",
     "IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA": "it would get only the lower addresses",
     "IMAGE_DLLCHARACTERISTICS_NX_COMPAT": "data could be executed",
+    "IMAGE_DLLCHARACTERISTICS_TERMINAL_SERVER_AWARE": "a Remote Desktop host could give each user a Windows folder of its own",
 }
 FAST_FAIL = bytes.fromhex("ba090400c0")  # mov edx, STATUS_STACK_BUFFER_OVERRUN: only in the function that the guard ends with
-STACK_PROBE = bytes.fromhex("5150483d00100000")  # start of the only function in assembly; it needs no unwinding
-FUNCTION_ALIGNMENT = 16  # bytes that seem to call another address are not a call
-JUMP = b"\xff\x25"  # the stub of an imported function is only this jump
+# What may lie between the functions that Windows can unwind: code that neither calls nor moves the stack, and the linker's lists.
+NOT_UNWOUND = re.compile(rb"""(?:
+    \x66*\x2e?\x0f\x1f(?:\x00 | \x40. | \x44\x00. | \x80.{4} | \x84\x00.{4}) | \x66*\x90      # padding
+    | \xff\x25.{4} | \xe9.{4} | \xeb.                                                         # jump: import, tail call
+    | \x48\x8d\x05.{4}\xe9.{4}(?:\0\0)?                                                       # delayed import: names itself, jumps to the loader
+    | \x48\x83[\xc1\xe9]. | \x48\x8b\x01\x48\x03\x48.                                         # moves "this", before a jump
+    | \x51\x50\x48\x3d\x00\x10\x00\x00.{39}\x58\x59\xc3                                       # stack probe, in assembly
+    | \x01\0\0\0.{16}\0{12}                                                                   # descriptor of a delayed DLL
+    | \xff{8}(?:.{4}\x01\0{3})*\0{8}                                                          # constructors, destructors
+)*""", re.VERBOSE | re.DOTALL)
 FOREIGN = ("/home/", "/root/", "/tmp/", "/usr/", "/build/", "\\build\\", "\\users\\", ".cpp", ".cc", ".hpp", ".obj", ".pdb")
 
 NOT_IN_IT = {  # directories
@@ -110,15 +118,6 @@ NOT_IN_IT = {  # directories
 SLOW = ("IMAGE_DIRECTORY_ENTRY_EXCEPTION",)  # read here: pefile unpacks far more of it than is needed
 
 Complaints = Iterator[str]
-
-
-def checksum(data: bytes) -> int:
-    """Of the header: the 16-bit words added up with their carries, without the field itself, plus the size. pefile takes 50 times longer."""
-    at = pefile.PE(data=data, fast_load=True).OPTIONAL_HEADER.get_field_absolute_offset("CheckSum")
-    total = sum(array.array("H", data[:at] + bytes(4) + data[at + 4:] + bytes(len(data) % 2)))
-    while total >> 16:
-        total = (total & 0xFFFF) + (total >> 16)
-    return total + len(data)
 
 
 class Exe:
@@ -261,15 +260,11 @@ def unwinding(exe: Exe) -> Complaints:
         yield "the table of functions is not sorted, or two overlap: Windows would not find them"
     if any(begin not in code or end - 1 not in code or about not in descriptions for begin, end, about in functions):
         yield "the table of functions names something outside of the code, or of the descriptions"
-    begins = {begin for begin, _, _ in functions}
-    covered = bytearray(code.stop)
-    for begin, end, _ in functions:
-        covered[begin:end] = b"\1" * (end - begin)
-    missing = {target for begin, end, _ in functions for target in exe.calls(begin, end)
-               if target in code and target % FUNCTION_ALIGNMENT == 0 and target not in begins and not covered[target]
-               and not exe.image[target:].startswith((JUMP, STACK_PROBE))}
-    if missing:
-        yield f"{len(missing)} functions are called but not in the table of functions, the first at {min(missing):#x}"
+    ends = [code.start, *(end for _, end, _ in functions)]
+    for begin, end in zip(ends, [*(begin for begin, _, _ in functions), code.stop], strict=True):
+        known = NOT_UNWOUND.match(exe.image, begin, max(begin, end)).end()
+        if known < end:
+            yield f"the code at {known:#x} is not in the table of functions and not of a known kind that needs no entry"
 
 
 def stack_protector(exe: Exe) -> Complaints:
@@ -356,7 +351,15 @@ def rest(exe: Exe) -> Complaints:
         yield f"{len(exe.data) - over} bytes follow the last section"
 
 
-RULES = (header, relocations, sections, imports, looked_up, unwinding, stack_protector, manifest, version, traces, rest)
+def load_configuration(exe: Exe) -> Complaints:
+    found = getattr(exe.pe, "DIRECTORY_ENTRY_LOAD_CONFIG", None)
+    if found is None:
+        yield "there is no load configuration (tools/load_configuration.py)"
+    elif found.struct.Reserved1 != SEARCH_SYSTEM32:  # DependentLoadFlags
+        yield f"the load configuration has the flags {found.struct.Reserved1:#x}: DLLs of the import table are not limited to system32"
+
+
+RULES = (header, load_configuration, relocations, sections, imports, looked_up, unwinding, stack_protector, manifest, version, traces, rest)
 
 
 def complaints(path: Path, build: Path, product: Product = TOOL) -> list[str]:

@@ -19,7 +19,7 @@ AGAIN = TOP / "build" / "check" / "reproducible"
 def main() -> int:
     shutil.rmtree(AGAIN, ignore_errors=True)
     copy = AGAIN / "a-folder-of-another-length" / "sources"
-    copy_sources(copy, "CMakeLists.txt", "CMakePresets.json", "cmake", "companion", "src")
+    copy_sources(copy, "CMakeLists.txt", "CMakePresets.json", "cmake", "companion", "src", "tools")
     # The addresses that build/release was configured with, should they not be the usual ones.
     addresses = re.findall(r"^(TAVIK_(?:DOWNLOAD_HOST|SUPPORT_ADDRESS|WEB_SITE):STRING=.*)$", (FIRST / "CMakeCache.txt").read_text("utf-8"), re.M)
     without = [f"-DTAVIK_BUILD_{part}=OFF" for part in ("TESTS", "WINDOWS_CHECK", "LAB", "BENCH")]

@@ -1,7 +1,6 @@
 """tools/exe_gate.py: for each of its rules a copy of the exe that breaks it."""
 from __future__ import annotations
 
-import collections
 import json
 import struct
 from collections.abc import Callable
@@ -10,6 +9,7 @@ import pefile
 import pytest
 
 from tools import exe_gate as check_exe
+from tools.load_configuration import STRUCTURE
 from lab import paths
 
 DIRECTORY = pefile.DIRECTORY_ENTRY
@@ -68,9 +68,9 @@ def swap(old: bytes, new: bytes) -> Callable[[bytes], bytes]:
 
 
 def paste(text: bytes) -> Callable[[bytes], bytes]:
-    """Puts a text into the first unused place after the headers that is long enough."""
+    """Puts a text into the first unused place after the code that is long enough."""
     def doctor(data: bytes) -> bytes:
-        at = data.index(bytes(len(text) + 2), pefile.PE(data=data, fast_load=True).OPTIONAL_HEADER.SizeOfHeaders) + 1
+        at = data.index(bytes(len(text) + 2), pefile.PE(data=data, fast_load=True).sections[1].PointerToRawData) + 1
         return data[:at] + text + data[at + len(text):]
     return doctor
 
@@ -116,10 +116,8 @@ def table_of_functions(change: Callable[[list[tuple[int, int, int]]], None]) -> 
     return doctor
 
 
-def without_the_most_called(rows: list[tuple[int, int, int]]) -> None:
-    exe = check_exe.Exe(paths.TOOL, paths.BUILD)
-    targets = collections.Counter(target for begin, end, _ in rows for target in exe.calls(begin, end))
-    rows.remove(max(rows, key=lambda row: targets[row[0]]))
+def without_the_longest(rows: list[tuple[int, int, int]]) -> None:
+    rows.remove(max(rows, key=lambda row: row[1] - row[0]))
 
 
 def unsorted(rows: list[tuple[int, int, int]]) -> None:
@@ -138,6 +136,9 @@ DOCTORED = {
     "fixed address": (flags("OPTIONAL_HEADER.DllCharacteristics", clear=0x40), ["DYNAMIC_BASE is not set"]),
     "low address": (flags("OPTIONAL_HEADER.DllCharacteristics", clear=0x20), "HIGH_ENTROPY_VA is not set"),
     "data executable": (flags("OPTIONAL_HEADER.DllCharacteristics", clear=0x100), "NX_COMPAT is not set"),
+    "Windows folder of its own": (flags("OPTIONAL_HEADER.DllCharacteristics", clear=0x8000), ["TERMINAL_SERVER_AWARE is not set"]),
+    "no load configuration": (directory("LOAD_CONFIG", 0, 0), ["there is no load configuration"]),
+    "DLLs from anywhere": (swap(STRUCTURE, STRUCTURE.replace(b"\x00\x08", b"\0\0")), ["the load configuration has the flags 0x0"]),
     "said to be without relocations": (flags("FILE_HEADER.Characteristics", add=1),
                                        "the header says that relocations were stripped"),
     "no relocations": (directory("BASERELOC", 0, 0), "there are 0 relocations"),
@@ -148,8 +149,8 @@ DOCTORED = {
     "starts in data": (section(".data", lambda pe, one: setattr(pe.OPTIONAL_HEADER, "AddressOfEntryPoint", one.VirtualAddress)), "the program starts in section .data"),
     "bound imports": (directory("BOUND_IMPORT", 0x200, 0x20), "the imports are bound"),
     "exports": (directory("EXPORT", 0xC0000, 0x28), "it exports something"),
-    "functions without an entry": (table_of_functions(without_the_most_called),
-                                   "1 functions are called but not in the table of functions"),
+    "functions without an entry": (table_of_functions(without_the_longest),
+                                   ["the code at "]),
     "unsorted functions": (table_of_functions(unsorted), "the table of functions is not sorted"),
     "wrong description": (table_of_functions(description_in_the_code), "the table of functions names something outside"),
     "guard's end is gone": (swap(check_exe.FAST_FAIL, b"\xba\0\0\0\0"), "0 functions end the process for a damaged stack"),
