@@ -32,6 +32,7 @@ def some(patterns: Sequence[str], lines: Sequence[str]) -> bool:
 class Outcome:
     id: str
     title: str
+    heading: str
     mode: str
     exit: Sequence[int] | str
     owner: str
@@ -83,28 +84,31 @@ class Outcome:
 
 def read(text: str) -> list[Outcome]:
     """Raises ValueError if the text is not a valid catalogue. Every user of the catalogue reads it here."""
-    tables = tomllib.loads(text)
-    groups = tables.pop("patterns", {})
-    if unknown := set(tables) - set(MODES):
-        raise ValueError(f"unknown tables: {sorted(unknown)}")
+    groups = tomllib.loads(text)
+    lists = groups.pop("patterns", {})
     found = []
-    for mode, name, table in ((mode, *item) for mode in MODES for item in tables.get(mode, {}).items()):
-        given = {"mode": mode, "id": name, "code": 1618 if table.get("retry") in ("yes", "later") else 1603}
-        try:
-            one = Outcome(**given | {key: resolved(value, groups) if key in PATTERNS else value for key, value in table.items()})
-            faults = problems(one)
-        except (AttributeError, KeyError, TypeError) as error:
-            faults = [f"unknown or missing key, or a value of the wrong type: {error}"]
-        if faults:
-            raise ValueError(f"{name}: {'; '.join(faults)}")
-        found.append(one)
+    for group in groups.values():
+        if not isinstance(group, dict):
+            raise ValueError("a key outside of a group")
+        shared = {key: value for key, value in group.items() if not isinstance(value, dict)}
+        for name, own in ((key, value) for key, value in group.items() if isinstance(value, dict)):
+            table = shared | own
+            given = {"id": name, "code": 1618 if table.get("retry") in ("yes", "later") else 1603}
+            try:
+                one = Outcome(**given | {key: resolved(value, lists) if key in PATTERNS else value for key, value in table.items()})
+                faults = problems(one)
+            except (AttributeError, KeyError, TypeError) as error:
+                faults = [f"unknown or missing key, or a value of the wrong type: {error}"]
+            if faults:
+                raise ValueError(f"{name}: {'; '.join(faults)}")
+            found.append(one)
     if len({one.id for one in found}) != len(found):
         raise ValueError("an id is used twice")
     return found
 
 
-def resolved(patterns: list[str], groups: dict[str, list[str]]) -> list[str]:
-    return [one for item in patterns for one in (groups[item[1:]] if item.startswith("@") else [item])]
+def resolved(patterns: list[str], lists: dict[str, list[str]]) -> list[str]:
+    return [one for item in patterns for one in (lists[item[1:]] if item.startswith("@") else [item])]
 
 
 def problems(one: Outcome) -> list[str]:
@@ -114,6 +118,7 @@ def problems(one: Outcome) -> list[str]:
     numbers = [number for name in NUMBERS for number in getattr(one, name)] + [*exits, one.code]
     kinds: list[tuple[bool, str]] = [
         (re.fullmatch("[a-z]+(-[a-z]+)*", one.id) is not None, "the id is not in kebab-case"),
+        (one.mode in MODES, "unknown mode"),
         (bool(exits) or one.exit in ("any", "negative", "result"), "unknown exit"),
         (all(type(number) is int for number in numbers), "not a number"),
         (one.retry in ("no", "yes", "later", "after-restart"), "unknown retry"),

@@ -1,10 +1,9 @@
-"""Makes the pages and tables from companion/outcomes.toml.
+"""Makes the page and the tables of outcomes from companion/outcomes.toml.
 
-    scripts/docs            writes the files that are out of date
-    scripts/docs --check    only names them; exit code 1 if there are any
+    scripts/docs            writes build/docs/outcomes.md, and the files of the repository that are out of date
+    scripts/docs --check    writes the page only, and names the files that are out of date; exit code 1 if there are any
 
-docs/outcomes.md and deploy/return-codes.json are made completely. In any other page below docs/ and deploy/ the lines between
-"<!-- made by scripts/docs: return-codes -->" and "<!-- end -->" are replaced by the table of the return codes.
+In the repository deploy/return-codes.json is made completely; in docs/deploying.md the lines between the two marks are.
 """
 import json
 import pathlib
@@ -16,17 +15,8 @@ from companion import outcomes
 from companion.outcomes import Outcome
 from tools.project import TOP as ROOT
 
-MARK = "<!-- made by scripts/docs: return-codes -->"
-BLOCK = re.compile(f"({MARK}\n).*?(<!-- end -->)", re.S)
-DOWNLOAD_AND_ON = ("download-", "install", "repaired", "store-")
-GROUPS = (
-    ("Nothing to repair", lambda one: one.mode == "check" and not one.id.startswith(DOWNLOAD_AND_ON)),
-    ("Download", lambda one: one.id.startswith("download-")),
-    ("Desktop edition", lambda one: one.mode == "check" and one.id.startswith(("install", "repaired"))),
-    ("Store edition", lambda one: one.id.startswith("store-")),
-    ("Given installer", lambda one: one.mode == "direct"),
-    ("Any run", lambda one: one.mode == "any"),
-)
+PAGE = ROOT / "build" / "docs" / "outcomes.md"
+BLOCK = re.compile("(<!-- made by scripts/docs: return-codes -->\n).*?(<!-- end -->)", re.S)
 RETRY = {"no": "no", "yes": "yes", "later": "later", "after-restart": "after a restart"}
 # Return code, its meaning, and the type that Intune (Win32 app) and Configuration Manager have for it.
 STANDARD = (
@@ -36,8 +26,6 @@ STANDARD = (
     (1603, "Not done, an administrator must act", "Failed", "Failure (no reboot)"),
 )
 HEAD = """# Outcomes
-
-<!-- Made from companion/outcomes.toml by scripts/docs: change that file, not this one. -->
 
 Each run of the tool has exactly one of these {number} outcomes. To find the one of your run:
 
@@ -56,8 +44,8 @@ installation ends with 0. A deployment system should get the standard code of th
 
 {codes}
 In log lines, `*` is any text, `<result>` a number, `<failure>` a number other than 0, 1641, 3010 and 3011, and `\\t` a tab. Other lines
-may come between them. [outcomes.toml](../companion/outcomes.toml) has the exact rules.
-[Tests](../lab/README.md) under Wine show that each outcome is recognised; on a real Windows this has not been tried.
+may come between them. [outcomes.toml](../companion/outcomes.toml), from which this page is made, has the exact rules.
+Tests under Wine show that each outcome is recognised; on a real Windows this has not been tried.
 """
 
 
@@ -124,9 +112,9 @@ def code_table(found: list[Outcome]) -> str:
 
 
 def page(found: list[Outcome]) -> str:
-    groups = {title: [one for one in found if belongs(one)] for title, belongs in GROUPS}
-    if sorted(one.id for group in groups.values() for one in group) != sorted(one.id for one in found):
-        raise ValueError("an outcome is in no group, or in two")
+    groups: dict[str, list[Outcome]] = {}
+    for one in found:
+        groups.setdefault(one.heading, []).append(one)
     index = "".join(f"| {title} | {', '.join(f'[{one.id}](#{one.id})' for one in group)} |\n" for title, group in groups.items())
     return HEAD.format(number=len(found), index=index, codes=code_table(found)) + "".join(
         f"\n## {title}\n{''.join(map(entry, group))}" for title, group in groups.items())
@@ -139,18 +127,13 @@ def codes_file(found: list[Outcome]) -> str:
     return re.sub(r"\[([^][{]*)\]", lambda found: f"[{' '.join(found[1].split())}]", text)  # a list of texts in one line
 
 
-def wanted(root: pathlib.Path) -> dict[pathlib.Path, str]:
-    """The text of each file below this folder that is made, completely or in part."""
-    found = outcomes.catalogue()
-    files = {root / "docs" / "outcomes.md": page(found), root / "deploy" / "return-codes.json": codes_file(found)}
-    for file in sorted({*(root / "docs").rglob("*.md"), *(root / "deploy").rglob("*.md")} - set(files)):
-        text = file.read_text("utf-8")
-        filled, times = BLOCK.subn(lambda match: match[1] + code_table(found) + match[2], text)
-        if times != text.count(MARK):
-            raise ValueError(f"{file.relative_to(root)}: the table has no end mark")
-        if times:
-            files[file] = filled
-    return files
+def wanted(root: pathlib.Path, found: list[Outcome]) -> dict[pathlib.Path, str]:
+    """The text of each file of the repository that is made, completely or in part."""
+    deploying = root / "docs" / "deploying.md"
+    text, times = BLOCK.subn(lambda match: match[1] + code_table(found) + match[2], deploying.read_text("utf-8"))
+    if times != 1:
+        raise ValueError(f"{deploying.relative_to(root)}: the two marks around the table of return codes are missing")
+    return {deploying: text, root / "deploy" / "return-codes.json": codes_file(found)}
 
 
 def main(arguments: list[str]) -> int:
@@ -158,16 +141,19 @@ def main(arguments: list[str]) -> int:
         print(__doc__, file=sys.stderr)
         return 2
     try:
-        files = wanted(ROOT)
-    except (ValueError, TypeError, KeyError) as error:
+        found = outcomes.catalogue()
+        files = wanted(ROOT, found)
+    except ValueError as error:
         print(f"scripts/docs: {error}", file=sys.stderr)
         return 1
+    PAGE.parent.mkdir(parents=True, exist_ok=True)
+    PAGE.write_text(page(found), "utf-8")
     stale = [file for file, text in files.items() if not file.exists() or file.read_text("utf-8") != text]
     for file in stale:
         print(f"{file.relative_to(ROOT)} {'is out of date: run scripts/docs' if arguments else 'written'}")
         if not arguments:
             file.write_text(files[file], "utf-8")
-    print(f"{len(files)} files made from {len(outcomes.catalogue())} outcomes, {len(stale)} {'out of date' if arguments else 'changed'}.")
+    print(f"{PAGE.relative_to(ROOT)} made from {len(found)} outcomes; {len(stale)} other files {'out of date' if arguments else 'changed'}.")
     return 1 if arguments and stale else 0
 
 

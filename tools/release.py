@@ -25,6 +25,7 @@ from urllib.parse import unquote
 
 import pefile
 
+from tools import outcome_pages
 from tools.project import ELSEWHERE, PYTHON, TOP, copy_sources, fail, files as project_files, say
 
 BUILD = TOP / "build" / "release"
@@ -35,7 +36,7 @@ SYSTEM_CAS = Path("/etc/ssl/certs/ca-certificates.crt")
 
 # What is handed out. Without any one of these there is no release.
 PROGRAMS = ["TavikCompatibilityTool", "TavikToolCompanion"]
-PAGES = ["README.md", "CHANGELOG.md"]
+PAGES = ["README.md", "CHANGELOG.md", "companion/outcomes.toml"]
 FOLDERS = ["deploy", "docs"]
 WINDOWS_CHECK = ["build/release/TavikWindowsCheck.exe", "windows_check/README.txt", "build/docs/windows-facts.md"]
 
@@ -83,7 +84,7 @@ def checksums(folder: Path, names: list[str]) -> None:
 
 def build() -> None:
     checks = [path for path in WINDOWS_CHECK if path.endswith(".exe")]
-    (TOP / "build" / "docs").mkdir(parents=True, exist_ok=True)
+    run(PYTHON, "-m", "tools.outcome_pages", "--check")
     run(PYTHON, "-m", "tools.windows_facts", "page")
     for preset, targets in (("release", [*PROGRAMS, *(Path(path).stem for path in checks)]), ("symbols", PROGRAMS)):
         run("cmake", "--preset", preset)
@@ -172,7 +173,7 @@ def pack(source: Path, target: Path, version: str, date: str, ending: str = "") 
     name = f"TavikCompatibilityTool-{version}"
     files = {f"{program}.exe": source / f"{program}.exe" for program in PROGRAMS}
     files |= {one: source / one for one in ("THIRD-PARTY.txt", "sbom.spdx.json")}
-    files |= {page: TOP / page for page in PAGES}
+    files |= {page: TOP / page for page in PAGES} | {"docs/outcomes.md": outcome_pages.PAGE}
     if (TOP / "LICENSE").exists():
         files["LICENSE"] = TOP / "LICENSE"
     files |= {str(file.relative_to(TOP)): file for folder in FOLDERS for file in project_files(folder)}

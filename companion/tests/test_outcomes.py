@@ -17,6 +17,10 @@ from lab import paths
 from lab.session import NO_LINE_END, read_log
 
 HEAD = """
+[any]
+heading = "Any run"
+mode = "any"
+
 [any.one]
 title = "One"
 exit = [0]
@@ -30,7 +34,7 @@ code = 0
 
 
 def one(**changes: Any) -> outcomes.Outcome:
-    given = {"id": "one", "title": "One", "mode": "any", "exit": "any", "owner": "-", "cause": "-", "action": "-", "retry": "no", "code": 0}
+    given = {"id": "one", "title": "One", "heading": "Any run", "mode": "any", "exit": "any", "owner": "-", "cause": "-", "action": "-", "retry": "no", "code": 0}
     return outcomes.Outcome(**{**given, **changes})
 
 
@@ -81,7 +85,7 @@ def test_the_lines_of_a_log(log, lines):
 # The form
 
 @pytest.mark.parametrize("before, after, fault", [
-    ("any.one", "any.One", "kebab-case"), ("any.one", "both.one", "unknown tables"), ("[0]", "[]", "unknown exit"), ("[0]", '"some"', "unknown exit"),
+    ("any.one", "any.One", "kebab-case"), ('mode = "any"', 'mode = "both"', "unknown mode"), ('mode = "any"\n', "", "unknown or missing key"), ("[any]", "x = 1\n[any]", "outside of a group"), ("[0]", "[]", "unknown exit"), ("[0]", '"some"', "unknown exit"),
     ("[0]", '["0"]', "not a number"), ("code = 0", "code = true", "not a number"),
     ('"no"', '"never"', "unknown retry"), ("code = 0", "code = 1", "not a standard code"), ("code = 0", "code = 1618", "belong together"),
     ('retry = "no"', 'retry = "later"', "belong together"), ("code = 0", 'code = 0\nlog = "some"', "unknown log"),
@@ -111,18 +115,22 @@ def test_the_page_has_a_heading_for_every_outcome_and_a_link_to_it():
     assert sorted(re.findall(r"\[([a-z-]+)\]\(#\1\)", text)) == known and text.index("](#") < 1000
 
 
-def test_a_table_inside_a_page_is_replaced(tmp_path):
-    file = tmp_path / "deploy" / "recipe" / "README.md"
-    file.parent.mkdir(parents=True)
-    file.write_text(f"Before\n{outcome_pages.MARK}\nold\n<!-- end -->\nAfter\n")
-    (tmp_path / "deploy" / "other.md").write_text("Nothing of that.\n")
-    found = outcome_pages.wanted(tmp_path)
-    assert sorted(path.name for path in found) == ["README.md", "outcomes.md", "return-codes.json"]
-    assert re.fullmatch(r"Before\n<!-- .* -->\n(\|.*\|\n){6}<!-- end -->\nAfter\n", found[file])
-    assert json.loads(found[tmp_path / "deploy" / "return-codes.json"])["codes"][1]["outcomes"] == ["repaired-restart", "direct-restart"]
-    file.write_text(f"{outcome_pages.MARK}\nold\n")
-    with pytest.raises(ValueError, match="has no end mark"):
-        outcome_pages.wanted(tmp_path)
+def test_the_table_inside_a_page_is_replaced(tmp_path):
+    page, first, last = tmp_path / "docs" / "deploying.md", "Before\n<!-- made by scripts/docs: return-codes -->\n", "<!-- end -->\nAfter\n"
+    page.parent.mkdir()
+    page.write_text(f"{first}old\n{last}")
+    made = outcome_pages.wanted(tmp_path, outcomes.catalogue())
+    assert re.fullmatch(rf"{first}(\|.*\|\n){{6}}{last}", made[page])
+    assert json.loads(made[tmp_path / "deploy" / "return-codes.json"])["codes"][1]["outcomes"] == ["repaired-restart", "direct-restart"]
+    page.write_text(f"{first}old\n")
+    with pytest.raises(ValueError, match="the two marks"):
+        outcome_pages.wanted(tmp_path, outcomes.catalogue())
+
+
+def test_the_page_of_boxes_names_outcomes_that_exist():
+    boxes = (paths.ROOT / "docs" / "exit-codes.md").read_text("utf-8").split("|---|---|")[1]
+    named = re.findall(r"`([a-z]+(?:-[a-z]+)*)`", boxes)
+    assert "same-release" in named and set(named) <= {one.id for one in outcomes.catalogue()}
 
 
 # What the cases state
