@@ -48,7 +48,8 @@ def local_names(file: Path) -> set[str]:
         for line in re.findall(r"^[^\s{}/#].*", block, re.M):
             found = re.match(r"(?:struct|class|enum class|enum|union|using) (\w+)", line) or re.search(r"(\w+)\(", line) \
                 or re.search(r"(\w+)(?:\[[^\]]*\])* ?(?:=|\{|;)", line)
-            names |= {found[1]} if found else set()
+            if found:
+                names.add(line if found[1].isupper() else found[1])  # a macro declares what its arguments say
     return names
 
 
