@@ -7,7 +7,6 @@
 #include <CLI/CLI.hpp>
 
 #include "base/log.h"
-#include "companion/catalogue.h"
 #include "companion/commands.h"
 #include "companion/console.h"
 #include "companion/explanation.h"
@@ -47,8 +46,7 @@ CollectedLog Examine(const std::wstring& folder, const std::wstring& name, Redac
 {
     CollectedLog log;
     log.name = name;
-    Classifier classifier(BuiltInCatalogue(), ToUtf8(name), std::nullopt,
-                          [&redactor](const Line& line) { redactor.Learn(line.text); });
+    Classifier classifier(ToUtf8(name), std::nullopt, [&redactor](const Line& line) { redactor.Learn(line.text); });
     try
     {
         log.bytes = ReadFileBytes(JoinPath(folder, name), [&](std::string_view bytes) { classifier.Feed(bytes); });

@@ -6,7 +6,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include "companion/catalogue.h"
 #include "companion/command_line.h"
 #include "companion/commands.h"
 #include "companion/console.h"
@@ -76,12 +75,11 @@ std::vector<LogOfRun> LogsToExplain(const Options& options)
 
 Finding Explain(const LogOfRun& log)
 {
-    if (log.path.empty())
+    Classifier classifier(ToUtf8(FileNameOf(log.path)), log.exitCode);
+    if (!log.path.empty())
     {
-        return ClassifyWithoutLog(BuiltInCatalogue(), log.exitCode);
+        ReadFileBytes(log.path, [&classifier](std::string_view bytes) { classifier.Feed(bytes); });
     }
-    Classifier classifier(BuiltInCatalogue(), ToUtf8(FileNameOf(log.path)), log.exitCode);
-    ReadFileBytes(log.path, [&classifier](std::string_view bytes) { classifier.Feed(bytes); });
     return classifier.Finish();
 }
 

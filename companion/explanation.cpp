@@ -92,9 +92,8 @@ std::string Describe(const Candidate& candidate)
 }
 }  // namespace
 
-Classifier::Classifier(const Catalogue& catalogue, std::string log, std::optional<int> exitCode,
-                       std::function<void(const Line&)> onLine)
-    : recogniser_(catalogue, exitCode), reader_([this](const Line& line) { Take(line); }), onLine_(std::move(onLine))
+Classifier::Classifier(std::string log, std::optional<int> exitCode, std::function<void(const Line&)> onLine)
+    : recogniser_(exitCode), reader_([this](const Line& line) { Take(line); }), onLine_(std::move(onLine))
 {
     finding_.log = std::move(log);
     finding_.exitCode = exitCode;
@@ -125,11 +124,6 @@ Finding Classifier::Finish()
     return finding_;
 }
 
-Finding ClassifyWithoutLog(const Catalogue& catalogue, std::optional<int> exitCode)
-{
-    return Classifier(catalogue, {}, exitCode).Finish();
-}
-
 std::string ExplainAsText(const Finding& finding)
 {
     std::string text = Paragraph("Log", finding.log.empty() ? "none" : Printable(finding.log));
@@ -153,7 +147,7 @@ std::string ExplainAsText(const Finding& finding)
     if (finding.candidates.size() > 1)
     {
         text += Paragraph("Outcome", "one of " + std::to_string(finding.candidates.size()) +
-                                         "; the exit code (--exit) would tell which");
+                                         "; the exit code (--exit) decides which");
     }
     for (const Candidate& candidate : finding.candidates)
     {

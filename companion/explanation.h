@@ -29,9 +29,8 @@ struct Finding
 class Classifier
 {
 public:
-    // Passes every line to `onLine` as well, if given.
-    Classifier(const Catalogue& catalogue, std::string log, std::optional<int> exitCode,
-               std::function<void(const Line&)> onLine = nullptr);
+    // `log`: its name, empty for a run that left none. Passes every line to `onLine` as well, if given.
+    Classifier(std::string log, std::optional<int> exitCode, std::function<void(const Line&)> onLine = nullptr);
 
     Classifier(const Classifier&) = delete;
     Classifier& operator=(const Classifier&) = delete;
@@ -40,7 +39,7 @@ public:
     ~Classifier() = default;
 
     void Feed(std::string_view bytes) { reader_.Feed(bytes); }
-    // Call it once, at the end of the log.
+    // Call it once, at the end of the log, or at once if the run left none.
     Finding Finish();
 
 private:
@@ -51,9 +50,6 @@ private:
     LineReader reader_;
     std::function<void(const Line&)> onLine_;
 };
-
-// Returns the finding of a run that left no log.
-Finding ClassifyWithoutLog(const Catalogue& catalogue, std::optional<int> exitCode);
 
 // Returns several lines, each with a line feed. U+FFFD replaces the log's control characters, except tabs.
 std::string ExplainAsText(const Finding& finding);

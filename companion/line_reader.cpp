@@ -22,6 +22,18 @@ constexpr bool IsLowSurrogate(char16_t unit)
 {
     return unit >= 0xDC00 && unit <= 0xDFFF;
 }
+
+constexpr bool IsContinuation(char byte)
+{
+    return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+}
+
+// Returns how many bytes of UTF-8 a character has that begins with this one, if it is valid.
+constexpr size_t LengthOfCharacter(char byte)
+{
+    const auto first = static_cast<unsigned char>(byte);
+    return first < 0x80 ? 1 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+}
 }  // namespace
 
 LineReader::LineReader(std::function<void(const Line&)> sink) : sink_(std::move(sink)) {}
@@ -48,7 +60,7 @@ void LineReader::Finish()
     {
         Detect();
     }
-    damage_.cutAtEnd = firstByte_ >= 0 || surrogate_ != 0 || missing_ > 0;
+    damage_.cutAtEnd = firstByte_ >= 0 || surrogate_ != 0 || !partial_.empty();
     if (damage_.cutAtEnd)
     {
         PutUnreadable();
@@ -103,17 +115,16 @@ void LineReader::Detect()
 
 void LineReader::Decode(std::string_view bytes)
 {
-    if (encoding_ == Encoding::kUtf8)
-    {
-        for (const char byte : bytes)
-        {
-            DecodeUtf8(static_cast<unsigned char>(byte));
-        }
-        return;
-    }
     for (const char byte : bytes)
     {
-        DecodeUtf16(static_cast<unsigned char>(byte));
+        if (encoding_ == Encoding::kUtf8)
+        {
+            DecodeUtf8(byte);
+        }
+        else
+        {
+            DecodeUtf16(static_cast<unsigned char>(byte));
+        }
     }
 }
 
@@ -156,38 +167,27 @@ void LineReader::PutUnit(char16_t unit)
     }
 }
 
-void LineReader::DecodeUtf8(unsigned char byte)
+void LineReader::DecodeUtf8(char byte)
 {
-    if (missing_ > 0 && (byte & 0xC0) == 0x80)
+    const bool continues = IsContinuation(byte);
+    if (!partial_.empty() && !continues)
     {
-        partial_.push_back(static_cast<char>(byte));
-        if (--missing_ == 0 && utf8::is_valid(partial_))
+        partial_.clear();
+        PutUnreadable();
+    }
+    const bool begins = partial_.empty();
+    partial_.push_back(byte);
+    if (partial_.size() == LengthOfCharacter(partial_.front()) || (begins && continues))
+    {
+        const std::string whole = std::exchange(partial_, {});
+        if (utf8::is_valid(whole))
         {
-            Put(utf8::peek_next(partial_.begin(), partial_.end()));
+            Put(utf8::peek_next(whole.begin(), whole.end()));
         }
-        else if (missing_ == 0)
+        else
         {
             PutUnreadable();
         }
-        return;
-    }
-    if (missing_ > 0)
-    {
-        missing_ = 0;
-        PutUnreadable();
-    }
-    if (byte < 0x80)
-    {
-        Put(byte);
-    }
-    else if (byte >= 0xC2 && byte <= 0xF4)
-    {
-        missing_ = byte < 0xE0 ? 1 : byte < 0xF0 ? 2 : 3;
-        partial_.assign(1, static_cast<char>(byte));
-    }
-    else
-    {
-        PutUnreadable();
     }
 }
 

@@ -61,7 +61,7 @@ private:
     void Detect();
     void Decode(std::string_view bytes);
     void DecodeUtf16(unsigned char byte);
-    void DecodeUtf8(unsigned char byte);
+    void DecodeUtf8(char byte);
     void PutUnit(char16_t unit);
     void PutUnreadable();
     void Put(char32_t character);
@@ -76,7 +76,6 @@ private:
     int firstByte_ = -1;      // UTF-16: first byte of a unit
     char16_t surrogate_ = 0;  // UTF-16: first unit of a pair
     std::string partial_;     // UTF-8: first bytes of a character
-    int missing_ = 0;         // and how many are missing
 
     std::string line_;
     bool continued_ = false;  // the sink already got a part of this line

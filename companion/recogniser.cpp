@@ -16,10 +16,9 @@ bool Contains(NumberList list, long long number)
 }
 }  // namespace
 
-Recogniser::Recogniser(const Catalogue& catalogue, std::optional<int> exitCode)
-    : catalogue_(catalogue), exitCode_(exitCode), matches_(catalogue.patterns.size())
+Recogniser::Recogniser(std::optional<int> exitCode) : exitCode_(exitCode), matches_(catalogue_.patterns.size())
 {
-    for (const Outcome& outcome : catalogue.outcomes)
+    for (const Outcome& outcome : catalogue_.outcomes)
     {
         State state;
         state.outcome = &outcome;

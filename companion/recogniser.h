@@ -22,8 +22,8 @@ struct Candidate
 class Recogniser
 {
 public:
-    // Without an exit code several outcomes may remain. The catalogue must outlive the object.
-    Recogniser(const Catalogue& catalogue, std::optional<int> exitCode);
+    // Without an exit code several outcomes may remain.
+    explicit Recogniser(std::optional<int> exitCode);
 
     // Takes the next line of the log, without its end. No call at all means no log, or an empty one.
     void Feed(std::string_view line);
@@ -56,7 +56,7 @@ private:
     [[nodiscard]] bool Matches(const State& state) const;
     [[nodiscard]] bool AllowsExit(const State& state) const;
 
-    const Catalogue& catalogue_;
+    const Catalogue& catalogue_ = BuiltInCatalogue();
     std::optional<int> exitCode_;
     std::vector<State> states_;
     std::vector<PatternMatch> matches_;  // of each pattern with the current line

@@ -71,15 +71,8 @@ std::u32string FoldText(std::u32string text)
 
 Text Trimmed(Text text)
 {
-    while (text.ends_with(U' ') || text.ends_with(U'.'))
-    {
-        text.remove_suffix(1);
-    }
-    while (text.starts_with(U' '))
-    {
-        text.remove_prefix(1);
-    }
-    return text;
+    text = text.substr(0, text.find_last_not_of(U" .") + 1);
+    return text.substr(std::min(text.find_first_not_of(U' '), text.size()));
 }
 
 bool IsFile(Text text)

@@ -219,7 +219,7 @@ EventHandle Start(const std::wstring& tool, std::wstring commandLine)
 
 Finding Classify(const std::wstring& folder, const std::optional<std::wstring>& log, const Ended& ended)
 {
-    Classifier classifier(BuiltInCatalogue(), log ? ToUtf8(*log) : std::string(), ended.exitCode);
+    Classifier classifier(log ? ToUtf8(*log) : std::string(), ended.exitCode);
     if (log)
     {
         try

@@ -25,7 +25,6 @@ constexpr int kHttpsPort = 443;
 struct Parts
 {
     std::string_view scheme;
-    std::string_view login;
     std::string_view host;
     std::string_view port;
     bool hasLogin = false;
@@ -46,7 +45,6 @@ Parts Split(std::string_view url)
     if (login != std::string_view::npos)
     {
         parts.hasLogin = true;
-        parts.login = parts.host.substr(0, login);
         parts.host.remove_prefix(login + 1);
     }
     const size_t bracket = parts.host.starts_with('[') ? parts.host.find(']') : 0;
