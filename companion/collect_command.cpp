@@ -14,6 +14,7 @@
 #include "companion/log_files.h"
 #include "companion/machine_names.h"
 #include "companion/output_file.h"
+#include "companion/recogniser.h"
 #include "companion/redaction.h"
 #include "companion/unicode.h"
 #include "companion/zip_archive.h"
@@ -46,16 +47,16 @@ CollectedLog Examine(const std::wstring& folder, const std::wstring& name, Redac
 {
     CollectedLog log;
     log.name = name;
-    Classifier classifier(ToUtf8(name), std::nullopt, [&redactor](const Line& line) { redactor.Learn(line.text); });
+    Recogniser recogniser(ToUtf8(name), std::nullopt, [&redactor](const Line& line) { redactor.Learn(line.text); });
     try
     {
-        log.bytes = ReadFileBytes(JoinPath(folder, name), [&](std::string_view bytes) { classifier.Feed(bytes); });
+        log.bytes = ReadFileBytes(JoinPath(folder, name), [&](std::string_view bytes) { recogniser.Feed(bytes); });
     }
     catch (const UnreadableFile& failure)
     {
         log.failure = failure.what();
     }
-    log.finding = classifier.Finish();
+    log.finding = recogniser.Finish();
     return log;
 }
 
@@ -142,9 +143,9 @@ int Execute(const Options& options)
     AddMachineNames(redactor);
 
     std::vector<CollectedLog> logs;
-    for (const LogFile& file : ListLogs(from))
+    for (const std::wstring& name : ListLogs(from))
     {
-        logs.push_back(Examine(from, file.name, redactor));
+        logs.push_back(Examine(from, name, redactor));
     }
     if (logs.empty())
     {

@@ -1,4 +1,6 @@
 // explain: what happened in a run, by its log.
+#include <charconv>
+#include <cstdint>
 #include <memory>
 #include <optional>
 
@@ -6,12 +8,12 @@
 
 #include <CLI/CLI.hpp>
 
-#include "companion/command_line.h"
 #include "companion/commands.h"
 #include "companion/console.h"
 #include "companion/explanation.h"
 #include "companion/failure.h"
 #include "companion/log_files.h"
+#include "companion/recogniser.h"
 #include "companion/unicode.h"
 
 namespace repair
@@ -32,6 +34,19 @@ struct LogOfRun
     std::optional<int> exitCode;
 };
 
+// Reads an exit code: a signed 32-bit number in decimal digits. Windows also shows exit codes unsigned; such a number
+// becomes the signed one with the same bits. Returns nothing for any other text.
+std::optional<int> ParseExitCode(std::string_view text)
+{
+    std::int64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const std::from_chars_result parsed = std::from_chars(text.data(), end, number);
+    if (parsed.ec != std::errc() || parsed.ptr != end || number < INT32_MIN || number > UINT32_MAX)
+    {
+        return std::nullopt;
+    }
+    return static_cast<int>(static_cast<std::uint32_t>(number));
+}
 // Adds the runs of a list. Each line is: exit code, tab, path of the log. Either may be empty.
 void AddListed(const std::wstring& list, std::vector<LogOfRun>& logs)
 {
@@ -75,12 +90,12 @@ std::vector<LogOfRun> LogsToExplain(const Options& options)
 
 Finding Explain(const LogOfRun& log)
 {
-    Classifier classifier(ToUtf8(FileNameOf(log.path)), log.exitCode);
+    Recogniser recogniser(ToUtf8(FileNameOf(log.path)), log.exitCode);
     if (!log.path.empty())
     {
-        ReadFileBytes(log.path, [&classifier](std::string_view bytes) { classifier.Feed(bytes); });
+        ReadFileBytes(log.path, [&recogniser](std::string_view bytes) { recogniser.Feed(bytes); });
     }
-    return classifier.Finish();
+    return recogniser.Finish();
 }
 
 int Execute(const Options& options)

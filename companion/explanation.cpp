@@ -1,7 +1,6 @@
 #include "companion/explanation.h"
 
 #include <algorithm>
-#include <utility>
 
 #include <nlohmann/json.hpp>
 #include <utf8cpp/utf8.h>
@@ -91,38 +90,6 @@ std::string Describe(const Candidate& candidate)
     return text;
 }
 }  // namespace
-
-Classifier::Classifier(std::string log, std::optional<int> exitCode, std::function<void(const Line&)> onLine)
-    : recogniser_(exitCode), reader_([this](const Line& line) { Take(line); }), onLine_(std::move(onLine))
-{
-    finding_.log = std::move(log);
-    finding_.exitCode = exitCode;
-}
-
-void Classifier::Take(const Line& line)
-{
-    if (line.begins)
-    {
-        ++finding_.lines;
-        // No line of the tool is that long; it counts as a line that matches no pattern.
-        const std::string_view text = line.ends ? line.text : std::string_view("\xEF\xBF\xBD");
-        recogniser_.Feed(text);
-        finding_.lastLine = text;
-    }
-    if (onLine_)
-    {
-        onLine_(line);
-    }
-}
-
-Finding Classifier::Finish()
-{
-    reader_.Finish();
-    finding_.mode = recogniser_.GetMode();
-    finding_.candidates = recogniser_.Finish();
-    finding_.damage = reader_.GetDamage();
-    return finding_;
-}
 
 std::string ExplainAsText(const Finding& finding)
 {

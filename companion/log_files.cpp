@@ -28,9 +28,9 @@ LocalTime ToLocalTime(const SYSTEMTIME& time)
 }
 }  // namespace
 
-std::vector<LogFile> ListLogs(const std::wstring& folder)
+std::vector<std::wstring> ListLogs(const std::wstring& folder)
 {
-    std::vector<LogFile> logs;
+    std::vector<std::wstring> logs;
     WIN32_FIND_DATAW data = {};
     const SearchHandle search(FindFirstFileW(JoinPath(folder, L"*.log").c_str(), &data));
     DWORD error = ERROR_SUCCESS;
@@ -45,7 +45,7 @@ std::vector<LogFile> ListLogs(const std::wstring& folder)
             const bool isFolder = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
             if (!isFolder && ParseLogName(ToUtf8(data.cFileName)))
             {
-                logs.push_back({data.cFileName, data.ftLastWriteTime});
+                logs.emplace_back(data.cFileName);
             }
         } while (FindNextFileW(search.Get(), &data) != 0);
         error = GetLastError();
@@ -54,9 +54,8 @@ std::vector<LogFile> ListLogs(const std::wstring& folder)
     {
         throw Failure(SystemFailure(ToUtf8(folder) + " cannot be listed", error));
     }
-    std::ranges::sort(logs, [](const LogFile& a, const LogFile& b) {
-        return std::pair(ParseLogName(ToUtf8(a.name)), a.name) < std::pair(ParseLogName(ToUtf8(b.name)), b.name);
-    });
+    std::ranges::sort(logs, std::ranges::less(),
+                      [](const std::wstring& name) { return std::pair(ParseLogName(ToUtf8(name)), name); });
     return logs;
 }
 

@@ -14,15 +14,9 @@
 
 namespace repair
 {
-struct LogFile
-{
-    std::wstring name;  // without the folder
-    FILETIME written = {};
-};
-
-// Returns the logs in a folder, the oldest first by the time in their names; none if the folder does not exist. Throws
-// Failure if the folder cannot be listed.
-std::vector<LogFile> ListLogs(const std::wstring& folder);
+// Returns the names of the logs in a folder, the oldest first by the time in their names; none if the folder does not
+// exist. Throws Failure if the folder cannot be listed.
+std::vector<std::wstring> ListLogs(const std::wstring& folder);
 
 // Passes at most `most` bytes of the file to `sink`, piece by piece, and returns how many there were. Other programs
 // may write to the file meanwhile. Throws UnreadableFile.

@@ -16,11 +16,10 @@ from companion import outcomes  # noqa: E402
 LISTS = ("exit_not", "lines", "result", "result_not", "one_of", "without", "without_after", "last")
 
 
-def text(value: str) -> str:
-    """A C++ literal in plain ASCII; each line of source stays short."""
-    escaped = [chr(byte) if 0x20 <= byte < 0x7F and chr(byte) not in '"\\?' else f"\\{byte:03o}" for byte in value.encode()]
-    pieces = ["".join(escaped[at:at + 90]) for at in range(0, len(escaped), 90)] or [""]
-    return " ".join(f'"{piece}"' for piece in pieces)
+def literal(value: str) -> str:
+    """In plain ASCII."""
+    plain = (chr(byte) if 0x20 <= byte < 0x7F and chr(byte) not in '"\\?' else f"\\{byte:03o}" for byte in value.encode())
+    return f'"{"".join(plain)}"'
 
 
 def camel(name: str) -> str:
@@ -28,44 +27,35 @@ def camel(name: str) -> str:
     return first + "".join(part.title() for part in rest)
 
 
-class Table:
-    def __init__(self) -> None:
-        self.patterns: list[str] = []
-        self.arrays: list[str] = []
+def source(found: list[outcomes.Outcome]) -> str:
+    places = {one: place for place, one in enumerate(dict.fromkeys(
+        pattern for outcome in found for name in outcomes.PATTERNS for pattern in getattr(outcome, name)))}
+    arrays: list[str] = []
 
-    def array(self, kind: str, values: Sequence[int]) -> str:
-        if not values:
-            return "{}"
-        name = f"kList{len(self.arrays)}"
-        self.arrays.append(f"constexpr {kind} {name}[] = {{{', '.join(map(str, values))}}};")
-        return name
+    def array(kind: str, values: Sequence[int]) -> str:
+        arrays.extend([f"constexpr {kind} kList{len(arrays)}[] = {{{', '.join(map(str, values))}}};"] if values else [])
+        return f"kList{len(arrays) - 1}" if values else "{}"
 
-    def pattern_list(self, patterns: Sequence[str]) -> str:
-        self.patterns += [one for one in dict.fromkeys(patterns) if one not in self.patterns]
-        return self.array("std::uint16_t", [self.patterns.index(one) for one in patterns])
+    def list_of(one: outcomes.Outcome, name: str) -> str:
+        values = getattr(one, name)
+        return array("std::uint16_t", [places[value] for value in values]) if name in outcomes.PATTERNS else array("long long", values)
 
-    def list_of(self, name: str, values: Sequence) -> str:
-        return self.pattern_list(values) if name in outcomes.PATTERNS else self.array("long long", values)
-
-    def outcome(self, one: outcomes.Outcome) -> str:
+    def row(one: outcomes.Outcome) -> str:
         listed = not isinstance(one.exit, str)
         fields = {
-            "meaning": "{" + ", ".join([*(text(getattr(one, name)) for name in outcomes.TEXTS), str(one.code)]) + "}",
+            "meaning": "{" + ", ".join([*(literal(getattr(one, name)) for name in outcomes.TEXTS), str(one.code)]) + "}",
             "mode": f"RunMode::k{one.mode.title()}",
             "exitRule": f"ExitRule::k{'Listed' if listed else one.exit.title()}",
-            "exits": self.array("long long", one.exit if listed else ()),
-            **{camel(name): self.list_of(name, getattr(one, name)) for name in LISTS},
+            "exits": array("long long", one.exit if listed else ()),
+            **{camel(name): list_of(one, name) for name in LISTS},
             "wantsLog": "false" if one.log == "none" else "true",
             "isFallback": "true" if one.fallback else "false",
         }
         return "    {\n" + "".join(f"        .{name} = {value},\n" for name, value in fields.items()) + "    },\n"
 
-
-def source(found: list[outcomes.Outcome]) -> str:
-    table = Table()
-    rows = "".join(table.outcome(one) for one in found)
-    patterns = "".join(f"    {text(one)},\n" for one in table.patterns)
-    arrays = "\n".join(table.arrays)
+    rows = "".join(map(row, found))
+    patterns = "".join(f"    {literal(one)},\n" for one in places)
+    declared = "\n".join(arrays)
     return f"""// Made by companion/make_catalogue.py from companion/outcomes.toml; change that file instead.
 #include "companion/catalogue.h"
 
@@ -76,7 +66,7 @@ namespace
 constexpr std::string_view kPatterns[] = {{
 {patterns}}};
 
-{arrays}
+{declared}
 
 constexpr Outcome kOutcomes[] = {{
 {rows}}};

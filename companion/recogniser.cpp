@@ -1,6 +1,7 @@
 #include "companion/recogniser.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace repair
 {
@@ -16,8 +17,13 @@ bool Contains(NumberList list, long long number)
 }
 }  // namespace
 
-Recogniser::Recogniser(std::optional<int> exitCode) : exitCode_(exitCode), matches_(catalogue_.patterns.size())
+Recogniser::Recogniser(std::string log, std::optional<int> exitCode, std::function<void(const Line&)> onLine)
+    : reader_([this](const Line& line) { TakePiece(line); }),
+      onLine_(std::move(onLine)),
+      matches_(catalogue_.patterns.size())
 {
+    finding_.log = std::move(log);
+    finding_.exitCode = exitCode;
     for (const Outcome& outcome : catalogue_.outcomes)
     {
         State state;
@@ -26,13 +32,29 @@ Recogniser::Recogniser(std::optional<int> exitCode) : exitCode_(exitCode), match
     }
 }
 
-void Recogniser::Feed(std::string_view line)
+void Recogniser::TakePiece(const Line& line)
 {
-    ++lines_;
-    lastLine_ = line;
-    isCheck_ = isCheck_ || std::ranges::any_of(kCheckLines, [line](std::string_view pattern) {
-                   return MatchLine(pattern, line).matches;
-               });
+    if (line.begins)
+    {
+        // No line of the tool is that long; it counts as a line that matches no pattern.
+        TakeLine(line.ends ? line.text : std::string_view("\xEF\xBF\xBD"));
+    }
+    if (onLine_)
+    {
+        onLine_(line);
+    }
+}
+
+void Recogniser::TakeLine(std::string_view line)
+{
+    ++finding_.lines;
+    finding_.lastLine = line;
+    const bool isCheck =
+        std::ranges::any_of(kCheckLines, [line](std::string_view pattern) { return MatchLine(pattern, line).matches; });
+    if (isCheck || finding_.lines == 1)
+    {
+        finding_.mode = isCheck ? RunMode::kCheck : RunMode::kDirect;
+    }
     bool any = false;
     for (size_t i = 0; i < matches_.size(); ++i)
     {
@@ -86,34 +108,30 @@ void Recogniser::Follow(State& state, std::string_view line)
     }
     if (decides && !state.excluded)
     {
-        state.evidence.push_back({lines_, std::string(line)});
+        state.evidence.push_back({finding_.lines, std::string(line)});
     }
-}
-
-RunMode Recogniser::GetMode() const
-{
-    return lines_ == 0 ? RunMode::kAny : isCheck_ ? RunMode::kCheck : RunMode::kDirect;
 }
 
 bool Recogniser::AllowsExit(const State& state) const
 {
-    if (!exitCode_)
+    if (!finding_.exitCode)
     {
         return true;
     }
+    const int exitCode = *finding_.exitCode;
     const Outcome& outcome = *state.outcome;
-    if (Contains(outcome.exitNot, *exitCode_))
+    if (Contains(outcome.exitNot, exitCode))
     {
         return false;
     }
     switch (outcome.exitRule)
     {
         case ExitRule::kListed:
-            return Contains(outcome.exits, *exitCode_);
+            return Contains(outcome.exits, exitCode);
         case ExitRule::kNegative:
-            return *exitCode_ < 0;
+            return exitCode < 0;
         case ExitRule::kResult:
-            return state.number == *exitCode_;
+            return state.number == exitCode;
         case ExitRule::kAny:
             break;
     }
@@ -123,19 +141,21 @@ bool Recogniser::AllowsExit(const State& state) const
 bool Recogniser::Matches(const State& state) const
 {
     const Outcome& outcome = *state.outcome;
-    if (state.excluded || outcome.wantsLog != (lines_ > 0) || state.linesFound < outcome.lines.size() ||
-        (outcome.mode != RunMode::kAny && outcome.mode != GetMode()) || !AllowsExit(state))
+    if (state.excluded || outcome.wantsLog != (finding_.lines > 0) || state.linesFound < outcome.lines.size() ||
+        (outcome.mode != RunMode::kAny && outcome.mode != finding_.mode) || !AllowsExit(state))
     {
         return false;
     }
     const bool resultFits = (outcome.result.empty() || (state.number && Contains(outcome.result, *state.number))) &&
                             (!state.number || !Contains(outcome.resultNot, *state.number));
-    const bool lastFits = outcome.last.empty() || (lines_ > 0 && MatchesAny(outcome.last));
+    const bool lastFits = outcome.last.empty() || (finding_.lines > 0 && MatchesAny(outcome.last));
     return resultFits && lastFits && (outcome.oneOf.empty() || state.oneOfFound);
 }
 
-std::vector<Candidate> Recogniser::Finish() const
+Finding Recogniser::Finish()
 {
+    reader_.Finish();
+    finding_.damage = reader_.GetDamage();
     std::vector<Candidate> found;
     std::vector<Candidate> fallbacks;
     for (const State& state : states_)
@@ -150,13 +170,14 @@ std::vector<Candidate> Recogniser::Finish() const
         {
             candidate.evidence.push_back(evidence.text);
         }
-        const bool lastIsNew = state.evidence.empty() || state.evidence.back().number != lines_;
-        if ((!state.outcome->last.empty() || state.outcome->isFallback) && lines_ > 0 && lastIsNew)
+        const bool lastIsNew = state.evidence.empty() || state.evidence.back().number != finding_.lines;
+        if ((!state.outcome->last.empty() || state.outcome->isFallback) && finding_.lines > 0 && lastIsNew)
         {
-            candidate.evidence.push_back(lastLine_);
+            candidate.evidence.push_back(finding_.lastLine);
         }
         (state.outcome->isFallback ? fallbacks : found).push_back(std::move(candidate));
     }
-    return found.empty() ? fallbacks : found;
+    finding_.candidates = found.empty() ? fallbacks : found;
+    return finding_;
 }
 }  // namespace repair

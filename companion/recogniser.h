@@ -2,12 +2,14 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "companion/catalogue.h"
+#include "companion/line_reader.h"
 #include "companion/pattern.h"
 
 namespace repair
@@ -18,21 +20,34 @@ struct Candidate
     std::vector<std::string> evidence;  // lines of the log that matched, in order
 };
 
-// Keeps only the few lines that match, so memory does not grow with the log.
+struct Finding
+{
+    std::string log;              // name of the log; empty if there is none
+    std::optional<int> exitCode;  // if the caller knows it
+    RunMode mode = RunMode::kAny;
+    std::vector<Candidate> candidates;  // the outcomes that match, in the order of the catalogue
+    Damage damage;
+    std::uint64_t lines = 0;
+    std::string lastLine;
+};
+
+// Takes the bytes of one log in order. Keeps only the few lines that match, so memory does not grow with the log.
 class Recogniser
 {
 public:
-    // Without an exit code several outcomes may remain.
-    explicit Recogniser(std::optional<int> exitCode);
+    // `log`: its name, empty for a run that left none. Without an exit code several outcomes may remain. Passes every
+    // line to `onLine` as well, if given.
+    Recogniser(std::string log, std::optional<int> exitCode, std::function<void(const Line&)> onLine = nullptr);
 
-    // Takes the next line of the log, without its end. No call at all means no log, or an empty one.
-    void Feed(std::string_view line);
+    Recogniser(const Recogniser&) = delete;
+    Recogniser& operator=(const Recogniser&) = delete;
+    Recogniser(Recogniser&&) = delete;
+    Recogniser& operator=(Recogniser&&) = delete;
+    ~Recogniser() = default;
 
-    // Returns the outcomes that match, in the order of the catalogue.
-    [[nodiscard]] std::vector<Candidate> Finish() const;
-
-    // Returns the mode by the lines so far; kAny before the first.
-    [[nodiscard]] RunMode GetMode() const;
+    void Feed(std::string_view bytes) { reader_.Feed(bytes); }
+    // Call it once, at the end of the log, or at once if the run left none.
+    Finding Finish();
 
 private:
     struct Evidence
@@ -51,17 +66,18 @@ private:
         std::vector<Evidence> evidence;
     };
 
+    void TakePiece(const Line& line);
+    void TakeLine(std::string_view line);
     void Follow(State& state, std::string_view line);
     [[nodiscard]] bool MatchesAny(PatternList list) const;
     [[nodiscard]] bool Matches(const State& state) const;
     [[nodiscard]] bool AllowsExit(const State& state) const;
 
     const Catalogue& catalogue_ = BuiltInCatalogue();
-    std::optional<int> exitCode_;
+    Finding finding_;
+    LineReader reader_;
+    std::function<void(const Line&)> onLine_;
     std::vector<State> states_;
     std::vector<PatternMatch> matches_;  // of each pattern with the current line
-    std::uint64_t lines_ = 0;
-    std::string lastLine_;
-    bool isCheck_ = false;
 };
 }  // namespace repair

@@ -1,5 +1,5 @@
 // run: starts the tool, waits for its end and reports its outcome.
-#include <map>
+#include <algorithm>
 #include <memory>
 #include <optional>
 
@@ -10,12 +10,12 @@
 #include "base/handles.h"
 #include "base/log.h"
 #include "companion/catalogue.h"
-#include "companion/command_line.h"
 #include "companion/commands.h"
 #include "companion/console.h"
 #include "companion/explanation.h"
 #include "companion/failure.h"
 #include "companion/log_files.h"
+#include "companion/recogniser.h"
 #include "companion/unicode.h"
 
 namespace repair
@@ -113,39 +113,24 @@ bool FirstLineHas(const std::wstring& path, const std::string& mark)
     return found;
 }
 
-using LogTimes = std::map<std::wstring, std::uint64_t>;
-
-// When each log was last written. Reports a failure, but it does not replace the tool's outcome.
-LogTimes ReadLogTimes(const std::wstring& folder)
+// Returns the log with our mark; other instances may have written logs meanwhile. Reports a failure, but it does not
+// replace the tool's outcome.
+std::optional<std::wstring> FindOwnLog(const std::wstring& folder, const std::wstring& mark)
 {
-    LogTimes times;
+    const std::string wanted = " " + ToUtf8(mark);
     try
     {
-        for (const LogFile& log : ListLogs(folder))
-        {
-            times[log.name] = std::uint64_t{log.written.dwHighDateTime} << 32 | log.written.dwLowDateTime;
-        }
+        const std::vector<std::wstring> logs = ListLogs(folder);
+        const auto own = std::find_if(logs.rbegin(), logs.rend(), [&](const std::wstring& name) {  // the newest first
+            return FirstLineHas(JoinPath(folder, name), wanted);
+        });
+        return own != logs.rend() ? std::optional(*own) : std::nullopt;
     }
     catch (const Failure& failure)
     {
         WriteError(failure.what());
+        return std::nullopt;
     }
-    return times;
-}
-
-// Returns the log with our mark among those written since `before`. Other instances may have written logs as well.
-std::optional<std::wstring> FindOwnLog(const std::wstring& folder, const LogTimes& before, const std::wstring& mark)
-{
-    const std::string wanted = " " + ToUtf8(mark);
-    for (const auto& [name, time] : ReadLogTimes(folder))
-    {
-        const auto old = before.find(name);
-        if ((old == before.end() || old->second != time) && FirstLineHas(JoinPath(folder, name), wanted))
-        {
-            return name;
-        }
-    }
-    return std::nullopt;
 }
 
 struct Ended
@@ -192,6 +177,28 @@ int Report(const Finding& finding)
     return finding.candidates.size() == 1 ? finding.candidates.front().meaning->code : kUnknownCode;
 }
 
+// Returns the argument as it must be written in a command line, so that the program started with it gets it unchanged.
+std::wstring QuoteArgument(std::wstring_view argument)
+{
+    if (!argument.empty() && argument.find_first_of(L" \t\"") == std::wstring_view::npos)
+    {
+        return std::wstring(argument);
+    }
+    std::wstring quoted = L"\"";
+    size_t backslashes = 0;  // directly before this character; before a quotation mark each must be doubled
+    for (const wchar_t c : argument)
+    {
+        if (c == L'"')
+        {
+            quoted.append(backslashes + 1, L'\\');
+        }
+        backslashes = c == L'\\' ? backslashes + 1 : 0;
+        quoted.push_back(c);
+    }
+    quoted.append(backslashes, L'\\');
+    return quoted + L"\"";
+}
+
 std::wstring CommandLine(const std::wstring& tool, const std::wstring& mark, const std::vector<std::wstring>& switches)
 {
     std::wstring line = L"\"" + tool + L"\" " + mark;
@@ -219,19 +226,19 @@ EventHandle Start(const std::wstring& tool, std::wstring commandLine)
 
 Finding Classify(const std::wstring& folder, const std::optional<std::wstring>& log, const Ended& ended)
 {
-    Classifier classifier(log ? ToUtf8(*log) : std::string(), ended.exitCode);
+    Recogniser recogniser(log ? ToUtf8(*log) : std::string(), ended.exitCode);
     if (log)
     {
         try
         {
-            ReadFileBytes(JoinPath(folder, *log), [&classifier](std::string_view bytes) { classifier.Feed(bytes); });
+            ReadFileBytes(JoinPath(folder, *log), [&recogniser](std::string_view bytes) { recogniser.Feed(bytes); });
         }
         catch (const UnreadableFile& failure)  // classify by the part that was read
         {
             WriteError(failure.what());
         }
     }
-    return classifier.Finish();
+    return recogniser.Finish();
 }
 
 int Execute(const Options& options, const std::vector<std::wstring>& switches)
@@ -239,7 +246,6 @@ int Execute(const Options& options, const std::vector<std::wstring>& switches)
     const std::wstring tool = options.tool.empty() ? ToolBesideUs() : ToWide(options.tool);
     const std::wstring mark = MakeMark();
     const std::wstring folder = GetLogFolder();
-    const LogTimes before = ReadLogTimes(folder);
     const EventHandle process = Start(tool, CommandLine(tool, mark, switches));
     if (!process)
     {
@@ -250,7 +256,7 @@ int Execute(const Options& options, const std::vector<std::wstring>& switches)
         return Report(finding);
     }
     Ended ended = Wait(process.Get(), options.limitSeconds, options.kill);
-    const std::optional<std::wstring> log = FindOwnLog(folder, before, mark);
+    const std::optional<std::wstring> log = FindOwnLog(folder, mark);
     if (!ended.exitCode)
     {
         ended = Wait(process.Get(), 0, false);  // if it has ended by now, its log is complete

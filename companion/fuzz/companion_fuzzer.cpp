@@ -16,6 +16,7 @@
 #include "companion/line_reader.h"
 #include "companion/log_name.h"
 #include "companion/pattern.h"
+#include "companion/recogniser.h"
 #include "companion/redaction.h"
 #include "companion/server_value.h"
 
@@ -58,13 +59,13 @@ void CheckPattern(std::string_view text)
 // Explains a log that comes in pieces of that size: as text, then as JSON in the last line. Adds its lines to `lines`.
 std::string Everything(std::string_view bytes, size_t pieceSize, std::vector<std::string>& lines)
 {
-    Classifier classifier("InstallVLTForWUDriver_2026-11-6_4_7_31_15.log", std::nullopt,
+    Recogniser recogniser("InstallVLTForWUDriver_2026-11-6_4_7_31_15.log", std::nullopt,
                           [&lines](const Line& line) { lines.emplace_back(line.text); });
     for (std::string_view rest = bytes; !rest.empty(); rest.remove_prefix(std::min(pieceSize, rest.size())))
     {
-        classifier.Feed(rest.substr(0, pieceSize));
+        recogniser.Feed(rest.substr(0, pieceSize));
     }
-    const Finding finding = classifier.Finish();
+    const Finding finding = recogniser.Finish();
     return ExplainAsText(finding) + "\n" + ExplainAsJson(finding);
 }
 

@@ -1,16 +1,13 @@
-// Names of logs, lines for CMTrace, command lines, conversions of text, archives.
+// Names of logs, lines for CMTrace, conversions of text, archives.
 #include <filesystem>
 #include <string>
-#include <vector>
 
 #include <windows.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <shellapi.h>
 
 #include "companion/cmtrace.h"
-#include "companion/command_line.h"
 #include "companion/failure.h"
 #include "companion/log_name.h"
 #include "companion/output_file.h"
@@ -69,35 +66,6 @@ TEST(CmTrace, FailuresAndWarningsAreMarked)
     }
 }
 
-TEST(QuoteArgument, WindowsTakesItApartAgain)
-{
-    const std::vector<std::wstring> arguments = {
-        L"-Path", L"C:\\My Files\\setup.exe", L"", L"C:\\ends with\\", L"a\"b", L"\\\\\"", L"a\\\\b c\\\\", L"\t",
-        L"ü"};
-    std::wstring line = L"program";
-    for (const std::wstring& argument : arguments)
-    {
-        line += L" " + QuoteArgument(argument);
-    }
-    int count = 0;
-    wchar_t** const split = CommandLineToArgvW(line.c_str(), &count);
-    ASSERT_NE(split, nullptr);
-    EXPECT_EQ(std::vector<std::wstring>(split + 1, split + count), arguments);
-    LocalFree(split);
-    EXPECT_EQ(QuoteArgument(L"-SILENT"), L"-SILENT");
-}
-
-TEST(ExitCodes, AreTakenWithAndWithoutSign)
-{
-    EXPECT_EQ(ParseExitCode("-1"), -1);
-    EXPECT_EQ(ParseExitCode("4294967295"), -1);
-    EXPECT_EQ(ParseExitCode("2147942405"), -2147024891);
-    for (const char* text : {"", "x", "1x", " 1", "4294967296", "-2147483649", "0x5"})
-    {
-        EXPECT_FALSE(ParseExitCode(text)) << text;
-    }
-}
-
 TEST(Unicode, LettersAreFoldedAsWindowsDoes)
 {
     for (char32_t c = 1; c < 0x10000; ++c)
@@ -120,7 +88,7 @@ TEST(Unicode, LettersAreFoldedAsWindowsDoes)
 
 TEST(Unicode, TextIsConvertedBothWaysAndInvalidTextReplaced)
 {
-    const std::pair<std::wstring, std::string> cases[] = {
+    const std::pair<std::wstring_view, std::string_view> cases[] = {
         {L"", ""}, {L"aü€", "aü€"}, {L"\xD83D\xDE00!", "\U0001F600!"}, {L"\uFFFE", "\uFFFE"}};
     for (const auto& [wide, utf8] : cases)
     {

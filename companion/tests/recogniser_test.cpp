@@ -23,9 +23,9 @@ constexpr char kBusy[] = "Installing C:\\x\\dwx-next64.msi\n\tResult = 1618\n";
 
 Finding Explained(const std::string& name, std::optional<int> exitCode, std::string_view bytes)
 {
-    Classifier classifier(name, exitCode);
-    classifier.Feed(bytes);
-    return classifier.Finish();
+    Recogniser recogniser(name, exitCode);
+    recogniser.Feed(bytes);
+    return recogniser.Finish();
 }
 }  // namespace
 

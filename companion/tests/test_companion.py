@@ -107,7 +107,8 @@ def test_commands_and_options_in_any_letter_case(desk):
     ([], "A command is required"), (["expand"], "The following argument was not expected: expand"),
     (["explain"], "LOG: name the log of the run, or give --no-log"), (["explain", "a", "--no-log"], "LOG: name the log of the run, or give --no-log"),
     (["explain", "a", "--what"], "The following argument was not expected: --what"), (["explain", "a", "--exit"], "--exit: 1 required NUMBER missing"),
-    (["explain", "a", "--exit", "x"], '--exit: "x" is not a 32-bit number'), (["explain", "a", "b"], "LOG: several logs need --json"),
+    *((["explain", "a", "--exit", text], f'--exit: "{text}" is not a 32-bit number') for text in ("x", "1x", " 1", "4294967296", "-2147483649", "0x5")),
+    (["explain", "a", "b"], "LOG: several logs need --json"),
     (["convert"], "LOG is required"), (["convert", "a", "b", "c"], "The following argument was not expected: c"),
     (["collect"], "FOLDER is required"), (["run", "-SILENT"], "The following argument was not expected: -SILENT"),
     (["run", "--timeout", "0"], "--timeout: Value 0 not in range 1 to 604800"), (["run", "--timeout", "x"], "--timeout: Value x not in range"),
@@ -296,12 +297,13 @@ def start(description: dict[str, Any], arguments: str, **options: Any) -> tuple[
     (found(files={r"C:\Program Files\Tavik\MIM": "a file"}), 3, "no-log-folder", 1603)],
     ids=["repaired", "same release", "Windows Installer is busy", "no log"])
 def test_a_run_of_the_tool(description, exit_code, outcome, code):
-    result, (said,) = start(description, "-- -SILENT")
+    switches = r'-SILENT "C:\My Files\x" "" "C:\ends with\\" "a\"b" "\\\"" a\\b "c c\\"'
+    result, (said,) = start(description, f"-- {switches}")
     assert (said["exit"], said["outcome"], said["code"], result.exit_code) == (exit_code, outcome, code, code)
     if said["log"] is None:
         assert result.logs == []
     else:
-        assert re.search(r"TavikCompatibilityTool\.exe\" -run=\d+-\d+ -SILENT$", result.log[0]) and said["lines"] == len(result.log)
+        assert re.search(rf"TavikCompatibilityTool\.exe\" -run=\d+-\d+ {re.escape(switches)}$", result.log[0]) and said["lines"] == len(result.log)
 
 
 @pytest.mark.parametrize("switch, outcome, code", [("", "timed-out", 1618), ("--kill ", "timed-out-ended", 1603)], ids=["goes on", "ended"])
