@@ -109,7 +109,7 @@ def test_silent_early_exit_shows_nothing(lab, machine, arguments, outcome, last)
 # One instance at a time
 
 # Proves: Another instance is running
-# Proves: Code 0
+# Proves: Code 0 => no icon in the body, but one in the title bar
 @pytest.mark.parametrize("arguments, box", [("", True), ("-SILENT", False)])
 def test_second_instance_says_so_and_ends(lab, arguments, box):
     result = lab.run(COMPATIBLE, when=[f"box : second {arguments}".strip()])

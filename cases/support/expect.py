@@ -123,7 +123,8 @@ def check_refused(result: Result, arguments: str = "", box: bool = True, number:
     """That this instance found another one at work, said so and ended."""
     assert result.instances[number]["exit_code"] == -1
     assert result.logs[number] == [opening(arguments)[0], REFUSED]
-    assert [(one["icon"], one["text"]) for one in result.boxes if one["instance"] == number] == ([ANOTHER] if box else [])
+    shown = [(one["icon"], one["text"], one["title_icon"]) for one in result.boxes if one["instance"] == number]
+    assert shown == ([(*ANOTHER, "big and small")] if box else [])
 
 
 def places(machine: Machine, result: Result) -> dict[str, str]:

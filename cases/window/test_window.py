@@ -173,6 +173,7 @@ def test_without_a_display_the_run_takes_two_seconds_longer(lab, machine, wanted
 # Message boxes
 
 # Proves: Codes 0 to 7
+# Proves: A box appears => it carries the tool's icon in both sizes and one button
 @pytest.mark.parametrize("machine, code, outcome, text, icon", [
     ({"adapters": []}, -1, "no-adapter", "Unable to detect active Tavik Display Driver.", "error"),
     ("compatible.toml", -1, "same-release", "The version of Tavik Software installed is already a compatible version. "

@@ -1,21 +1,11 @@
 #include "acquisition/local_installer.h"
 
-#include <windows.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "support/error_matcher.h"
-#include "support/folder_link.h"
 #include "support/log_capture.h"
-#include "support/substitute.h"
 #include "support/temporary_folder.h"
-#include "support/with_param.h"
+#include "support/test.h"
 
-IMPORTED(FindClose, FindFirstFileW, FindNextFileW, GetFileAttributesW)
+IMPORTED(GetFileAttributesW)
 
 namespace repair
 {
@@ -71,7 +61,7 @@ TEST_P(LocalInstallerIn, TheFirstSubfolderThatBeginsWithBIsFound)
         EXPECT_EQ(FindInstallerInFolder(folder).wstring(), tried);
         EXPECT_EQ(FindLocalInstaller(folder), GetParam().isFound ? tried : L"");
     }
-    EXPECT_THAT(log.Lines(), testing::IsEmpty());
+    EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -85,45 +75,6 @@ INSTANTIATE_TEST_SUITE_P(
         Layout{{L"A\\B1\\DWX2_Install.exe", L"DWX2_Install.exe"}, L"", false},  // too deep, not deep enough
         Layout{{}, L"", false}, Layout{{L"B1\\DWX2_Install.exe\\"}, L"B1\\DWX2_Install.exe", true},
         Layout{{L"B1\\dwx2_install.EXE"}, L"B1\\DWX2_Install.exe", true}));
-
-TEST_F(LocalInstaller, IsSearchedInTheFileSystemsOrderNotTheAlphabets)
-{
-    Create(L"Bin64\\");
-    Create(L"B384125\\DWX2_Install.exe");
-    const auto give = [](WIN32_FIND_DATAW* data, const wchar_t* name) {
-        *data = {};
-        data->dwFileAttributes = FILE_ATTRIBUTE_DIRECTORY;
-        wcscpy(data->cFileName, name);
-    };
-    int entry = 0;
-    SUBSTITUTE(FindFirstFileW)
-    first([&](const wchar_t*, WIN32_FIND_DATAW* data) {
-        give(data, L"Bin64");
-        return reinterpret_cast<HANDLE>(&entry);
-    });
-    SUBSTITUTE(FindNextFileW)
-    next([&](HANDLE, WIN32_FIND_DATAW* data) {
-        give(data, L"B384125");
-        return ++entry == 1 ? TRUE : FailWith(ERROR_NO_MORE_FILES);
-    });
-    SUBSTITUTE(FindClose) close([](HANDLE) { return TRUE; });
-    EXPECT_EQ(FindInstallerInFolder(folder_.Path()).wstring(), folder_ / L"Bin64\\DWX2_Install.exe");
-    entry = 0;
-    EXPECT_EQ(FindLocalInstaller(folder_.Path()), L"");
-}
-
-// Proves: A link to a folder => counts as a folder; a link to nothing does not
-TEST_F(LocalInstaller, IsFoundBehindALinkToAFolder)
-{
-    const TemporaryFolder elsewhere;
-    elsewhere.WriteBytes(L"DWX2_Install.exe", "x");
-    const FolderLink link(folder_ / L"B1", elsewhere.Path());
-    if (!link.IsThere())
-    {
-        GTEST_SKIP() << "no link can be made here";
-    }
-    EXPECT_EQ(FindLocalInstaller(folder_.Path()), folder_ / L"B1\\DWX2_Install.exe");
-}
 
 // Proves: The driver has no matching package (empty folder) => not found, whatever the current directory is
 TEST_F(LocalInstaller, IsNotSearchedInTheCurrentDirectory)
@@ -143,7 +94,7 @@ TEST_F(LocalInstaller, FolderThatCannotBeListedThrowsAndLogsNothing)
     const LogCapture log;
     ExpectFileError(FileErrorOf([&] { FindLocalInstaller(folder_ / L"missing"); }),
                     "directory_iterator::directory_iterator", folder_ / L"missing", 3);
-    EXPECT_THAT(log.Lines(), testing::IsEmpty());
+    EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
 // Proves: The installer's existence cannot be tested => file-system error "exists"

@@ -1,27 +1,10 @@
-#include <windows.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <ostream>
-#include <string>
-#include <vector>
+#include <atomic>
 
 #include "app/compatibility_check.h"
 #include "app/switches.h"
-#include "support/box_recorder.h"
-#include "support/fake_devices.h"
-#include "support/fake_machine.h"
-#include "support/fake_runtime.h"
-#include "support/log_capture.h"
-#include "support/machine_registry.h"
+#include "support/app_test.h"
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
-
-IMPORTED(CreateEventW, SetEvent, CloseHandle, ShowWindow, PostThreadMessageW, CreateDialogParamW)
+IMPORTED(CreateDialogParamW, CreateEventW, PostThreadMessageW, ShowWindow)
 
 namespace repair
 {
@@ -70,7 +53,7 @@ TEST(SameRelease, ByTheWholeTextOrByFiveCharactersInAnyLetterCase)
     for (const Release& release : kReleases)
     {
         EXPECT_EQ(IsSameRelease(release.base, release.installed), release.isSame)
-            << testing::PrintToString(release.base) << " with " << testing::PrintToString(release.installed);
+            << PrintToString(release.base) << " with " << PrintToString(release.installed);
     }
 }
 
@@ -84,19 +67,19 @@ TEST(ReleasePrefix, IsTheFirstFiveCharacters)
 }
 
 constexpr wchar_t kEventName[] = L"Tavik_Software_Repair_Tool_Mutex";
-constexpr wchar_t kHalden[] = L"{5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}";
-constexpr wchar_t kStorePackage[] = L"TavikSystemsInc-2.TavikCorvelSoftware_1.0.0.0_x64__abc";
 constexpr wchar_t kSameReleaseLine[] =
     L"Currently installed version of VLT is from the same release as the active driver.";
 constexpr wchar_t kSameReleaseExit[] =
     L"Currently installed version of VLT is from the same release as the active driver. Exiting.";
+const BoxRecorder::Box kNoDriver = {L"Unable to detect active Tavik Display Driver.", 0x10010};
+const BoxRecorder::Box kNothingInstalled = {L"There is no Tavik Software application installed.", 0x10040};
 const BoxRecorder::Box kCompatible = {
     L"The version of Tavik Software installed is already a compatible version. Please check if the Tavik Display "
     L"Driver is working correctly.",
     0x10040};
 
 // The whole flow without a window, on a machine of the test's own.
-class Check : public testing::Test
+class Check : public AppTest
 {
 protected:
     void Installed(const std::wstring& version, const std::wstring& driverVersion = L"1.2")
@@ -110,19 +93,15 @@ protected:
         Installed(version);
     }
     void StoreEdition(component::PackageVersion version) { runtime_.packages = {{kStorePackage, version}}; }
-    void Driver(const std::wstring& release)
+    void Driver(const std::wstring& release, const std::wstring& description = L"Tavik DWX")
     {
-        devices_.AddAdapter(L"PCI\\VEN_1E7D", release).description = L"Tavik DWX";
+        devices_.AddAdapter(L"PCI\\VEN_1E7D", release).description = description;
     }
-    void NothingToDownload() { registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", L"no address"); }
 
-    // Runs the flow; afterwards the lines and boxes are those of the flow alone.
     int RunFlow()
     {
-        LogCapture log;
         boxes_.boxes.clear();
-        const int result = RunCompatibilityCheck();
-        lines_ = log.Lines();
+        const int result = RunLogged(&RunCompatibilityCheck);
         std::erase_if(lines_, [](const std::wstring& line) {
             return line.starts_with(L"Enumerating ") || line.starts_with(L"Change server");
         });
@@ -131,76 +110,48 @@ protected:
         CloseHandle(event);
         return result;
     }
+    // The flow must end early: with -1, this line and, unless silent, this box.
+    void ExpectExit(const std::wstring& line, const std::vector<BoxRecorder::Box>& boxes = {})
+    {
+        EXPECT_EQ(RunFlow(), -1);
+        EXPECT_EQ(lines_.back(), line);
+        EXPECT_EQ(boxes_.boxes, boxes);
+    }
     void ExpectStoreInstall()
     {
         EXPECT_EQ(RunFlow(), 0);
         EXPECT_THAT(lines_, Contains(L"Attempting to download and install the UWP version of VLT."));
         EXPECT_THAT(runtime_.Calls(), Contains(L"install 9PQ4XK7ZT2MV"));
-        EXPECT_THAT(boxes_.boxes, ElementsAre(BoxRecorder::Box{L"Finished installing Tavik Software", 0x10040}));
+        EXPECT_THAT(boxes_.boxes, ElementsAre(kFinished));
         EXPECT_THAT(machine_.StepsOf(L"run"), IsEmpty());
         EXPECT_TRUE(isEventGone_);
     }
     void ExpectFailedDownload()
     {
-        EXPECT_EQ(RunFlow(), -1);
+        ServerFolder(L"no address");
+        ExpectExit(L"Unable to download dwx2_install.exe from web. Exiting.", {kDownloadFailed});
         EXPECT_THAT(lines_, Contains(L"Unable to find dwx2-install.exe at []. Downloading dwx2_install.exe for [24.20] "
                                      L"from web."));
-        EXPECT_EQ(lines_.back(), L"Unable to download dwx2_install.exe from web. Exiting.");
-        EXPECT_THAT(boxes_.boxes, ElementsAre(BoxRecorder::Box{L"Error downloading Tavik Software", 0x10010}));
     }
 
-    MachineRegistry registry_;
-    FakeMachine machine_;
-    FakeRuntime runtime_;
-    FakeDevices devices_;
-    BoxRecorder boxes_;
-    std::vector<std::wstring> lines_;
+    // The event of another instance. The caller closes it.
+    HANDLE OtherInstance() const { return create_.Original()(nullptr, TRUE, FALSE, kEventName); }
+
     bool isEventGone_ = false;
-    std::vector<std::string> order_;  // "guard", "box", "signal", "close"
-    HANDLE event_ = nullptr;
     DWORD eventError_ = ERROR_SUCCESS;  // fails the creation of the event
     SUBSTITUTE(CreateEventW)
     create_{[this](SECURITY_ATTRIBUTES* security, BOOL manual, BOOL set, const wchar_t* name) {
-        if (name == nullptr || isTestCreating_)
+        if (name == nullptr)
         {
             return create_.Original()(security, manual, set, name);
         }
         EXPECT_STREQ(name, kEventName);
-        EXPECT_EQ(security, nullptr);
-        EXPECT_EQ(manual, TRUE);
-        EXPECT_EQ(set, FALSE);
+        EXPECT_EQ(std::tuple(security, manual, set), std::tuple(nullptr, TRUE, FALSE));
         order_.push_back("guard");
         event_ = eventError_ != ERROR_SUCCESS ? FailWith(eventError_, HANDLE{nullptr})
                                               : create_.Original()(security, manual, set, name);
         return event_;
     }};
-    SUBSTITUTE(SetEvent)
-    signal_{[this](HANDLE event) {
-        if (event == event_)
-        {
-            order_.push_back("signal");
-        }
-        return signal_.Original()(event);
-    }};
-    SUBSTITUTE(CloseHandle)
-    close_{[this](HANDLE handle) {
-        if (handle != nullptr && handle == event_)
-        {
-            order_.push_back("close");
-            event_ = nullptr;
-        }
-        return close_.Original()(handle);
-    }};
-    bool isTestCreating_ = false;
-
-    // The event of another instance. The caller closes it.
-    HANDLE OtherInstance()
-    {
-        isTestCreating_ = true;
-        const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, kEventName);
-        isTestCreating_ = false;
-        return event;
-    }
 };
 
 // Own process: the functions of the Windows Runtime are looked up once in a process.
@@ -209,33 +160,25 @@ protected:
 TEST_F(Check, SecondInstanceSaysSoAndDoesNothingElse)
 {
     const HANDLE first = OtherInstance();
-    EXPECT_EQ(RunFlow(), -1);
-    EXPECT_THAT(lines_, ElementsAre(L"Another instance is running. Exiting."));
-    EXPECT_THAT(boxes_.boxes, ElementsAre(BoxRecorder::Box{L"Another instance is running.", 0x10000}));
+    ExpectExit(L"Another instance is running. Exiting.", {{L"Another instance is running.", 0x10000}});
+    EXPECT_THAT(lines_, SizeIs(1));
     EXPECT_THAT(devices_.calls, IsEmpty());
     EXPECT_THAT(machine_.steps, IsEmpty());
-    EXPECT_THAT(order_, ElementsAre("guard", "signal", "close"));
+    EXPECT_THAT(order_, ElementsAre("guard", "box", "signal", "close"));
     EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_OBJECT_0);  // signalled all the same
     EXPECT_FALSE(isEventGone_);
     CloseHandle(first);
 }
 
 // Proves: The event exists but cannot be opened => the same exit, without an event to set
-TEST_F(Check, SecondInstanceWithoutAHandleOnlyExits)
+// Proves: The event cannot be created for another reason => the check goes on without a guard
+TEST_F(Check, OnlyAnEventThatExistsStopsARunThatGetsNone)
 {
     eventError_ = ERROR_ALREADY_EXISTS;
-    EXPECT_EQ(RunFlow(), -1);
-    EXPECT_THAT(lines_, ElementsAre(L"Another instance is running. Exiting."));
-    EXPECT_THAT(order_, ElementsAre("guard"));
-}
-
-// Proves: The event cannot be created for another reason => the check goes on without a guard
-TEST_F(Check, EventThatCannotBeCreatedDoesNotStopTheCheck)
-{
+    ExpectExit(L"Another instance is running. Exiting.", {{L"Another instance is running.", 0x10000}});
     eventError_ = ERROR_ACCESS_DENIED;
-    EXPECT_EQ(RunFlow(), -1);
-    EXPECT_EQ(lines_.back(), L"Unable to find installed Tavik display adapters. Exiting.");
-    EXPECT_THAT(order_, ElementsAre("guard"));
+    ExpectExit(L"Unable to find installed Tavik display adapters. Exiting.", {kNoDriver});
+    EXPECT_THAT(order_, ElementsAre("guard", "box", "guard", "box"));
 }
 
 // Proves: The guard is taken => a named event with manual reset, not set
@@ -245,12 +188,9 @@ TEST_F(Check, EventThatCannotBeCreatedDoesNotStopTheCheck)
 TEST_F(Check, WithoutAnAdapterOfTheMakerItExits)
 {
     Installed(L"24.20", L"24.20.11.01");
-    boxes_.onBox = [&] { order_.push_back("box"); };
-    EXPECT_EQ(RunFlow(), -1);
+    ExpectExit(L"Unable to find installed Tavik display adapters. Exiting.", {kNoDriver});
     EXPECT_THAT(lines_, ElementsAre(L"Currently installed VLT is version [24.20] from driver version [24.20.11.01]",
-                                    L"Currently installed drivers on system:",
-                                    L"Unable to find installed Tavik display adapters. Exiting."));
-    EXPECT_THAT(boxes_.boxes, ElementsAre(BoxRecorder::Box{L"Unable to detect active Tavik Display Driver.", 0x10010}));
+                                    L"Currently installed drivers on system:", lines_.back()));
     EXPECT_THAT(order_, ElementsAre("guard", "box", "signal", "close"));
     EXPECT_TRUE(isEventGone_);
 }
@@ -260,13 +200,11 @@ TEST_F(Check, WithoutAnyEditionItExits)
 {
     Driver(L"24.20.11.01-xyz");
     Installed(L"24.20");  // left behind by an uninstalled edition, so it does not count
-    EXPECT_EQ(RunFlow(), -1);
-    EXPECT_THAT(lines_, ElementsAre(L"Currently installed VLT is version [24.20] from driver version [1.2]",
-                                    L"Currently installed drivers on system:", L"\t [Tavik DWX] [24.20.11.01-xyz] []",
-                                    L"User does not desktop VLT installed.", L"UWP version is not installed",
-                                    L"User does not have VLT installed. Exiting."));
-    EXPECT_THAT(boxes_.boxes,
-                ElementsAre(BoxRecorder::Box{L"There is no Tavik Software application installed.", 0x10040}));
+    ExpectExit(L"User does not have VLT installed. Exiting.", {kNothingInstalled});
+    EXPECT_THAT(lines_,
+                ElementsAre(L"Currently installed VLT is version [24.20] from driver version [1.2]",
+                            L"Currently installed drivers on system:", L"\t [Tavik DWX] [24.20.11.01-xyz] []",
+                            L"User does not desktop VLT installed.", L"UWP version is not installed", lines_.back()));
 }
 
 // Proves: Desktop edition installed => its version counts, the Store is not asked
@@ -274,50 +212,34 @@ TEST_F(Check, WithoutAnyEditionItExits)
 // Proves: Several adapters => only the first of the sorted list counts
 TEST_F(Check, SameReleaseOfTheDesktopEditionExitsWithoutAskingTheStore)
 {
-    devices_.AddAdapter(L"PCI\\VEN_1E7D", L"22.10.1").description = L"Old";
-    devices_.AddAdapter(L"PCI\\VEN_1E7D", L"24.20.11.01-xyz").description = L"New";
+    Driver(L"22.10.1", L"Old");
+    Driver(L"24.20.11.01-xyz", L"New");
     DesktopEdition(L"24.20");
     StoreEdition({1, 1, 1, 0});
-    EXPECT_EQ(RunFlow(), -1);
+    ExpectExit(kSameReleaseExit, {kCompatible});
     EXPECT_THAT(lines_, ElementsAre(L"Currently installed VLT is version [24.20] from driver version [1.2]",
                                     L"Currently installed drivers on system:", L"\t [New] [24.20.11.01-xyz] []",
-                                    L"\t [Old] [22.10.1] []", kSameReleaseExit));
-    EXPECT_THAT(boxes_.boxes, ElementsAre(kCompatible));
+                                    L"\t [Old] [22.10.1] []", lines_.back()));
     EXPECT_THAT(runtime_.Calls(), IsEmpty());
     EXPECT_THAT(machine_.StepsOf(L"run"), IsEmpty());
 }
 
-struct StoreVersion
-{
-    component::PackageVersion version;
-    std::wstring comparedAs;
-};
-
-void PrintTo(const StoreVersion& version, std::ostream* stream)
-{
-    *stream << testing::PrintToString(version.comparedAs);
-}
-
-class StoreComparison : public Check, public testing::WithParamInterface<StoreVersion>
-{
-};
-INSTANTIATE_TEST_SUITE_P(Versions, StoreComparison,
-                         testing::Values(StoreVersion{{10, 24, 20, 7}, L"24.20"}, StoreVersion{{24, 20, 1, 0}, L"20.1"},
-                                         StoreVersion{{1, 24, 5, 0}, L"24.5"}, StoreVersion{{1, 0, 0, 1}, L"0.0"},
-                                         StoreVersion{{1, 24, 20110, 0}, L"24.20"},
-                                         StoreVersion{{1, 65535, 65535, 0}, L"65535"}));
-
-// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: Only the Store edition installed => second and third number of its version in decimal, without leading zeros, cut to five characters, replace the installed version
-TEST_P(StoreComparison, IsMadeWithTheSecondAndThirdNumberCutToFiveCharacters)
+TEST_F(Check, StoreEditionIsComparedByItsSecondAndThirdNumberCutToFiveCharacters)
 {
-    Driver(GetParam().comparedAs);
-    StoreEdition(GetParam().version);
+    const std::pair<component::PackageVersion, const wchar_t*> versions[] = {
+        {{10, 24, 20, 7}, L"24.20"}, {{24, 20, 1, 0}, L"20.1"},     {{1, 24, 5, 0}, L"24.5"},
+        {{1, 0, 0, 1}, L"0.0"},      {{1, 24, 20110, 0}, L"24.20"}, {{1, 65535, 65535, 0}, L"65535"}};
     Installed(L"99.99");  // replaced by the Store's
-    EXPECT_EQ(RunFlow(), -1);
-    EXPECT_EQ(lines_.back(), kSameReleaseExit);
-    EXPECT_THAT(lines_, Contains(L"User does not desktop VLT installed."));
-    EXPECT_THAT(lines_, Not(Contains(L"User does not have VLT installed.")));
+    for (const auto& [version, comparedAs] : versions)
+    {
+        devices_.devices.clear();
+        Driver(comparedAs);
+        StoreEdition(version);
+        ExpectExit(kSameReleaseExit, {kCompatible});
+        EXPECT_THAT(lines_, Contains(L"User does not desktop VLT installed."));
+        EXPECT_THAT(lines_, Not(Contains(L"User does not have VLT installed.")));
+    }
 }
 
 TEST_F(Check, OtherReleaseOfTheStoreEditionIsInstalledFromTheStore)
@@ -343,21 +265,15 @@ TEST_F(Check, OtherReleaseOfTheDesktopEditionIsRepairedForTheDriversFolderAndPre
     EXPECT_THAT(lines_, Contains(L"Found dwx2-install.exe at [" + installer + L"]"));
 }
 
-TEST_F(Check, OtherReleaseWithoutADriverFolderIsDownloadedByItsPrefix)
+// Proves: Same release, forced => logged without "Exiting.", and repaired
+TEST_F(Check, RepairWithoutADriverFolderDownloadsByThePrefixAndForcedTheSameReleaseToo)
 {
     Driver(L"24.20.11.01-xyz");
     DesktopEdition(L"22.10");
-    NothingToDownload();
     ExpectFailedDownload();
-}
-
-// Proves: Same release, forced => logged without "Exiting.", and repaired
-TEST_F(Check, ForcedWithTheSameReleaseGoesOnToTheRepair)
-{
+    EXPECT_THAT(lines_, Not(Contains(kSameReleaseLine)));
     Force = true;
-    Driver(L"24.20.1");
     DesktopEdition(L"24.20");
-    NothingToDownload();
     ExpectFailedDownload();
     EXPECT_THAT(lines_, Contains(kSameReleaseLine));
 }
@@ -374,57 +290,28 @@ TEST_F(Check, ForcedWithoutAnyEditionInstallsTheStoreEdition)
     EXPECT_THAT(lines_, Not(Contains(kSameReleaseLine)));
 }
 
-TEST_F(Check, ForcedStoreEditionIsInstalledOverTheDesktopEdition)
-{
-    Force = true;
-    ForceUwp = true;
-    Driver(L"24.20.1");
-    DesktopEdition(L"24.20");
-    ExpectStoreInstall();
-    EXPECT_THAT(lines_, Contains(kSameReleaseLine));
-}
-
 // Proves: `-SILENT` on any of these ways out => no box, no visible window, the log is written
 TEST_F(Check, SilentRunsShowNoBoxOnAnyPathButLog)
 {
     Silent = true;
-    const auto expectExit = [this](const std::wstring& line) {
-        EXPECT_EQ(RunFlow(), -1);
-        EXPECT_EQ(lines_.back(), line);
-        EXPECT_THAT(boxes_.boxes, IsEmpty());
-    };
-    expectExit(L"Unable to find installed Tavik display adapters. Exiting.");
+    ExpectExit(L"Unable to find installed Tavik display adapters. Exiting.");
     Driver(L"24.20.1");
-    expectExit(L"User does not have VLT installed. Exiting.");
+    ExpectExit(L"User does not have VLT installed. Exiting.");
     DesktopEdition(L"24.20");
-    expectExit(kSameReleaseExit);
+    ExpectExit(kSameReleaseExit);
     const HANDLE other = OtherInstance();
-    expectExit(L"Another instance is running. Exiting.");
+    ExpectExit(L"Another instance is running. Exiting.");
     CloseHandle(other);
 }
 
-// --- With a window
-class CheckWithWindow : public Check, public testing::WithParamInterface<bool>
-{
-protected:
-    CheckWithWindow()
-    {
-        AppInstance = GetModuleHandleW(nullptr);
-        Silent = GetParam();
-    }
-    ~CheckWithWindow() override { AppInstance = nullptr; }
-};
-INSTANTIATE_TEST_SUITE_P(Silent, CheckWithWindow, testing::Bool());
-
 // Proves: The check starts => the status window starts before the guard is taken, is shown unless silent, and is stopped last
-TEST_P(CheckWithWindow, StartsItBeforeTheGuardShowsItUnlessSilentAndStopsItLast)
+TEST_F(Check, WindowStartsBeforeTheGuardIsShownUnlessSilentAndStopsLast)
 {
     std::atomic<int> shown = 0;
-    boxes_.onBox = [&] { order_.push_back("box"); };
     SUBSTITUTE(CreateDialogParamW)
-    dialog([&](HINSTANCE instance, const wchar_t* name, HWND owner, DLGPROC procedure, LPARAM parameter) {
+    dialog([&](auto... arguments) {
         order_.push_back("window");
-        return dialog.Original()(instance, name, owner, procedure, parameter);
+        return dialog.Original()(arguments...);
     });
     SUBSTITUTE(ShowWindow)
     show([&](HWND window, int command) {
@@ -432,18 +319,18 @@ TEST_P(CheckWithWindow, StartsItBeforeTheGuardShowsItUnlessSilentAndStopsItLast)
         return show.Original()(window, command);
     });
     SUBSTITUTE(PostThreadMessageW)
-    post([&](DWORD thread, UINT message, WPARAM first, LPARAM second) {
+    post([&](auto... arguments) {
         order_.push_back("stop");
-        return post.Original()(thread, message, first, second);
+        return post.Original()(arguments...);
     });
+    AppInstance = GetModuleHandleW(nullptr);
     EXPECT_EQ(RunCompatibilityCheck(), -1);
-    std::vector<std::string> expected = {"window", "guard", "box", "signal", "close", "stop"};
-    if (GetParam())
-    {
-        expected.erase(expected.begin() + 2);
-    }
-    EXPECT_EQ(order_, expected);
-    EXPECT_EQ(shown, GetParam() ? 0 : 2);
+    EXPECT_THAT(std::exchange(order_, {}), ElementsAre("window", "guard", "box", "signal", "close", "stop"));
+    EXPECT_EQ(shown, 2);
+    Silent = true;
+    EXPECT_EQ(RunCompatibilityCheck(), -1);
+    EXPECT_THAT(order_, ElementsAre("window", "guard", "signal", "close", "stop"));
+    EXPECT_EQ(shown, 2);
 }
 }  // namespace
 }  // namespace repair

@@ -1,45 +1,23 @@
-#include <windows.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "app/direct_install.h"
 #include "app/switches.h"
 #include "base/registry.h"
-#include "support/box_recorder.h"
-#include "support/fake_machine.h"
-#include "support/fake_runtime.h"
-#include "support/log_capture.h"
-#include "support/machine_registry.h"
+#include "support/app_test.h"
 
-using testing::Contains;
-using testing::Each;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
-using testing::SizeIs;
-using testing::StartsWith;
-
-IMPORTED(RegCreateKeyExW, RegSetValueExW, RegCloseKey, RegOpenKeyExW, ShowWindow, SetDlgItemTextW, PostThreadMessageW)
+IMPORTED(PostThreadMessageW, RegCloseKey, RegCreateKeyExW, RegSetValueExW, SetDlgItemTextW, ShowWindow)
 
 namespace repair
 {
 namespace
 {
-constexpr wchar_t kHalden[] = L"{5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}";
 constexpr wchar_t kInstallKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\";
 constexpr wchar_t kApplicationKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\";
-constexpr wchar_t kStorePackage[] = L"TavikSystemsInc-2.TavikCorvelSoftware_1.0.0.0_x64__abc";
-constexpr wchar_t kMarkerLine[] =
-    L"Unable to create VLTUWPReplaced registry key SOFTWARE\\Orrel Technologies\\Install\\";
+const BoxRecorder::Box kUpdateFailed = {
+    L"Update failed. Please visit www.tavik.example to install the appropriate driver.", 0x10010};
 
 // Without a module instance, so without a window, where the test does not ask for one.
-class DirectInstall : public testing::Test
+class DirectInstall : public AppTest
 {
 protected:
     DirectInstall()
@@ -49,29 +27,20 @@ protected:
         runtime_.packages = {{kStorePackage, {1, 0, 0, 0}}};
     }
 
-    ~DirectInstall() override { EXPECT_THAT(boxes_.boxes, IsEmpty()); }
-
-    // Installs C:\given.exe; afterwards the lines are those of the installation alone.
     int Install()
     {
-        LogCapture log;
-        const int result = RunDirectInstall(L"C:\\given.exe");
-        lines_ = log.Lines();
-        return result;
+        return RunLogged([] { return RunDirectInstall(L"C:\\given.exe"); });
     }
-    void ExpectInstallWithoutReplacement()
+    // The marker that the installation leaves: its type, size and number, or an empty text.
+    void ExpectInstall(const std::string& marker)
     {
         EXPECT_EQ(Install(), 0);
-        EXPECT_THAT(runtime_.Calls(), IsEmpty());
-        EXPECT_EQ(Marker(), "");
-        ExpectApplicationStarted();
-    }
-    void ExpectInstallWithoutMarker()
-    {
-        EXPECT_EQ(Install(), 0);
-        EXPECT_THAT(lines_, Contains(kMarkerLine).Times(1));
-        EXPECT_EQ(Marker(), "");
-        ExpectApplicationStarted();
+        EXPECT_EQ(Marker(), marker);
+        EXPECT_THAT(boxes_.boxes, IsEmpty());
+        EXPECT_THAT(devices_.calls, IsEmpty());
+        ASSERT_GE(machine_.steps.size(), 2u);
+        EXPECT_EQ(machine_.steps.rbegin()[1], L"run C:\\HL\\CorvelSoftware.exe |  | -");
+        EXPECT_EQ(machine_.steps.back(), L"wait 30000");
     }
     void ExpectRegistryError(int code, const std::string& text)
     {
@@ -88,20 +57,13 @@ protected:
         EXPECT_EQ(Marker(), "4:4:1");  // everything before has been done
     }
 
-    // Type and bytes of the marker, or an empty text.
     static std::string Marker()
     {
-        HKEY key = nullptr;
-        if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kInstallKey, 0, KEY_READ, &key) != ERROR_SUCCESS)
-        {
-            return "";
-        }
         DWORD type = 0;
         DWORD data = 0;
         DWORD size = sizeof(data);
         const LSTATUS status =
-            RegQueryValueExW(key, L"VLTUWPReplaced", nullptr, &type, reinterpret_cast<BYTE*>(&data), &size);
-        RegCloseKey(key);
+            RegGetValueW(HKEY_LOCAL_MACHINE, kInstallKey, L"VLTUWPReplaced", RRF_RT_ANY, &type, &data, &size);
         return status == ERROR_SUCCESS ? std::to_string(type) + ":" + std::to_string(size) + ":" + std::to_string(data)
                                        : "";
     }
@@ -109,18 +71,6 @@ protected:
     {
         return testing::Value(runtime_.Calls(), Contains(std::wstring(L"remove ") + kStorePackage + L" 0x80000"));
     }
-    void ExpectApplicationStarted() const
-    {
-        ASSERT_GE(machine_.steps.size(), 2u);
-        EXPECT_EQ(machine_.steps[machine_.steps.size() - 2], L"run C:\\HL\\CorvelSoftware.exe |  | -");
-        EXPECT_EQ(machine_.steps.back(), L"wait 30000");
-    }
-
-    MachineRegistry registry_;
-    FakeMachine machine_;
-    FakeRuntime runtime_;
-    BoxRecorder boxes_;
-    std::vector<std::wstring> lines_;
 };
 
 // Proves: There is no status window (direct installation) => everything else is done
@@ -130,36 +80,31 @@ protected:
 // Proves: Everything is done => `CorvelSoftware.exe` of the recorded location is started hidden, without arguments
 TEST_F(DirectInstall, NewDesktopEditionGetsAllComponentsReplacesTheStoreEditionAndLeavesTheMarker)
 {
-    EXPECT_EQ(Install(), 0);
+    ExpectInstall("4:4:1");
     EXPECT_EQ(machine_.steps[0], std::wstring(L"related ") + kHalden);
-    EXPECT_EQ(machine_.steps[1], L"ui 2");
-    EXPECT_THAT(machine_.steps[2], StartsWith(L"run C:\\given.exe | /NCRC /S -EXTRACTONLY=YES /D="));
+    EXPECT_THAT(machine_.steps[1], StartsWith(L"run C:\\given.exe | /NCRC /S -EXTRACTONLY=YES /D="));
     EXPECT_THAT(machine_.StepsOf(L"install"), SizeIs(3));
     EXPECT_TRUE(WasStoreEditionRemoved());
-    EXPECT_EQ(Marker(), "4:4:1");
-    ExpectApplicationStarted();
-    EXPECT_THAT(lines_, Contains(L"Process C:\\HL\\CorvelSoftware.exe  completed with exit code 0"));
+    EXPECT_EQ(lines_.back(), L"Process C:\\HL\\CorvelSoftware.exe  completed with exit code 0");
 }
 
 // Proves: The desktop edition was there before => only what was there is replaced, no Store removal, no marker
 TEST_F(DirectInstall, DesktopEditionThatWasThereMeansNoRemovalNoMarkerAndNoFurtherComponents)
 {
     machine_.products[kHalden] = {L"C:\\old.msi"};
-    ExpectInstallWithoutReplacement();
+    ExpectInstall("");
+    EXPECT_THAT(runtime_.Calls(), IsEmpty());
     EXPECT_THAT(machine_.StepsOf(L"install"), SizeIs(2));  // the removal of the old one and the new one
 }
 
 // Proves: The installation fails, or the installer unpacks nothing => not reported: no marker, no Store removal, the application is started, exit code 0
 TEST_F(DirectInstall, FailedInstallationIsNotReportedAndTheApplicationStartedAllTheSame)
 {
-    machine_.packageResults[machine_.ExtractionFolder() + L"\\HL\\halden\\halden64\\dwx-next64.msi"] = 1603;
-    ExpectInstallWithoutReplacement();
-}
-
-TEST_F(DirectInstall, InstallerThatUnpacksNothingIsNotReportedEither)
-{
-    machine_.onRun = [] {};
-    ExpectInstallWithoutReplacement();
+    FailTheMainPackage();
+    ExpectInstall("");
+    machine_.onRun = [] {};  // the installer unpacks nothing
+    ExpectInstall("");
+    EXPECT_THAT(runtime_.Calls(), IsEmpty());
 }
 
 // Proves: The application is missing, or ends with a code of its own => only logged
@@ -174,12 +119,10 @@ TEST_F(DirectInstall, ApplicationThatDoesNotStartIsOnlyLogged)
 TEST_F(DirectInstall, ExceptionIsLoggedAndShownEvenWhenSilentAndGivesMinusOne)
 {
     Silent = true;
-    machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload", "in the way");
+    BlockTheInstallation();
     EXPECT_EQ(Install(), -1);
     EXPECT_THAT(lines_, ElementsAre(StartsWith(L"\tException occured during installation. filesystem error: ")));
-    EXPECT_THAT(std::exchange(boxes_.boxes, {}),
-                ElementsAre(BoxRecorder::Box{
-                    L"Update failed. Please visit www.tavik.example to install the appropriate driver.", 0x10010}));
+    EXPECT_THAT(boxes_.boxes, ElementsAre(kUpdateFailed));
     EXPECT_THAT(machine_.StepsOf(L"run"), IsEmpty());
     EXPECT_THAT(runtime_.Calls(), IsEmpty());
     EXPECT_EQ(Marker(), "");
@@ -192,15 +135,11 @@ TEST_F(DirectInstall, MarkerKeyIsCreatedInTheOwnViewWithDefaultSecurityAndClosed
     SUBSTITUTE(RegCreateKeyExW)
     create([&](HKEY root, const wchar_t* path, DWORD reserved, wchar_t* name, DWORD options, REGSAM access,
                const SECURITY_ATTRIBUTES* security, HKEY* key, DWORD* disposition) {
-        EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
         EXPECT_STREQ(path, L"SOFTWARE\\Orrel Technologies\\Install\\");
-        EXPECT_EQ(reserved, 0u);
-        EXPECT_EQ(name, nullptr);
-        EXPECT_EQ(options, 0u);
-        EXPECT_EQ(access, 0x2001Fu);
-        EXPECT_EQ(security, nullptr);
-        const LSTATUS status = create.Original()(root, path, reserved, name, options, access,
-                                                 const_cast<SECURITY_ATTRIBUTES*>(security), key, disposition);
+        EXPECT_EQ(std::tuple(root, reserved, name, options, access, security),
+                  std::tuple(HKEY_LOCAL_MACHINE, 0u, nullptr, 0u, 0x2001Fu, nullptr));
+        const LSTATUS status =
+            create.Original()(root, path, reserved, name, options, access, nullptr, key, disposition);
         created = *key;
         return status;
     });
@@ -208,10 +147,7 @@ TEST_F(DirectInstall, MarkerKeyIsCreatedInTheOwnViewWithDefaultSecurityAndClosed
     set([&](HKEY key, const wchar_t* name, DWORD reserved, DWORD type, const BYTE* data, DWORD size) {
         EXPECT_EQ(key, created);
         EXPECT_STREQ(name, L"VLTUWPReplaced");
-        EXPECT_EQ(reserved, 0u);
-        EXPECT_EQ(type, 4u);
-        EXPECT_EQ(size, 4u);
-        EXPECT_EQ(*reinterpret_cast<const DWORD*>(data), 1u);
+        EXPECT_EQ(std::tuple(reserved, type, size), std::tuple(0u, 4u, 4u));
         EXPECT_TRUE(WasStoreEditionRemoved());  // that comes first
         return set.Original()(key, name, reserved, type, data, size);
     });
@@ -224,71 +160,42 @@ TEST_F(DirectInstall, MarkerKeyIsCreatedInTheOwnViewWithDefaultSecurityAndClosed
         }
         return close.Original()(key);
     });
-    machine_.onRun = [this, onRun = machine_.onRun, &closed] {
-        if (WasStoreEditionRemoved())
-        {
-            EXPECT_EQ(closed, 1);  // before the application runs
-        }
-        onRun();
-    };
-    Install();
+    ExpectInstall("4:4:1");
     EXPECT_EQ(closed, 1);
 }
 
 // Proves: The marker's key cannot be created => one line in the log, the application is started, exit code 0
-TEST_F(DirectInstall, MarkerKeyThatCannotBeCreatedIsOneLineAndTheApplicationStarts)
-{
-    SUBSTITUTE(RegCreateKeyExW)
-    create([](HKEY, const wchar_t*, DWORD, wchar_t*, DWORD, REGSAM, const SECURITY_ATTRIBUTES*, HKEY*, DWORD*) {
-        return LSTATUS{5};
-    });
-    ExpectInstallWithoutMarker();
-}
-
 // Proves: The marker cannot be written => the same
 TEST_F(DirectInstall, MarkerThatCannotBeWrittenIsOneLineAndTheApplicationStarts)
 {
-    SUBSTITUTE(RegSetValueExW)
-    set([](HKEY, const wchar_t*, DWORD, DWORD, const BYTE*, DWORD) { return LSTATUS{5}; });
-    ExpectInstallWithoutMarker();
+    const auto expectOneLine = [this] {
+        ExpectInstall("");
+        EXPECT_THAT(lines_, Contains(L"Unable to create VLTUWPReplaced registry key SOFTWARE\\Orrel "
+                                     L"Technologies\\Install\\")
+                                .Times(1));
+    };
+    {
+        SUBSTITUTE(RegCreateKeyExW) create([](auto...) { return LSTATUS{5}; });
+        expectOneLine();
+    }
+    SUBSTITUTE(RegSetValueExW) set([](auto...) { return LSTATUS{5}; });
+    expectOneLine();
 }
 
 // Proves: A Store package stays, or the Store cannot be asked => logged; the marker is written
 TEST_F(DirectInstall, StoreThatCannotBeAskedDoesNotKeepTheMarkerAway)
 {
     runtime_.faults.fails[L"activation"] = E_FAIL;
-    EXPECT_EQ(Install(), 0);
-    EXPECT_EQ(Marker(), "4:4:1");
+    ExpectInstall("4:4:1");
 }
 
 // Proves: The application's key or its location is missing => the registry error gets out and ends the process with code 3, after everything before was done
-TEST_F(DirectInstall, WithoutTheApplicationsKeyTheRegistryErrorGetsOut)
-{
-    RegDeleteKeyW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Orrel Technologies\\Install\\Halden");
-    ExpectRegistryError(2, "Unable to open registry key: ");
-}
-
-TEST_F(DirectInstall, WithoutALocationTheRegistryErrorGetsOut)
+TEST_F(DirectInstall, WithoutTheApplicationsKeyOrLocationTheRegistryErrorGetsOut)
 {
     registry_.SetValue(kApplicationKey, L"Location", REG_DWORD, {1, 0, 0, 0});
     ExpectRegistryError(1630, "Unable to get registry value: ");
-}
-
-TEST_F(DirectInstall, ApplicationsKeyIsReadOnlyAndInTheOwnView)
-{
-    int opened = 0;
-    SUBSTITUTE(RegOpenKeyExW)
-    open([&](HKEY root, const wchar_t* path, DWORD options, REGSAM access, HKEY* key) {
-        if (std::wstring(path) == kApplicationKey)
-        {
-            ++opened;
-            EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
-            EXPECT_EQ(access, 0x20019u);
-        }
-        return open.Original()(root, path, options, access, key);
-    });
-    Install();
-    EXPECT_EQ(opened, 3);  // for the folder of the installation, for the stop, for the start
+    RegDeleteKeyW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Orrel Technologies\\Install\\Halden");
+    ExpectRegistryError(2, "Unable to open registry key: ");
 }
 
 // --- With a window
@@ -340,13 +247,13 @@ TEST_F(DirectInstallWindow, IsShownEvenWhenSilentAndSaysInstallingAndIsStopped)
 
 TEST_F(DirectInstallWindow, IsHiddenBeforeTheFailureBoxAndStoppedAfterIt)
 {
-    machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload", "in the way");
+    BlockTheInstallation();
     boxes_.onBox = [this] {
         EXPECT_EQ(hidden_, 1);
         EXPECT_EQ(stops_, 0);
     };
     EXPECT_EQ(Install(), -1);
-    EXPECT_THAT(std::exchange(boxes_.boxes, {}), SizeIs(1));
+    EXPECT_THAT(boxes_.boxes, ElementsAre(kUpdateFailed));
     EXPECT_EQ(stops_, 1);
 }
 
@@ -354,8 +261,8 @@ TEST_F(DirectInstallWindow, IsHiddenBeforeTheFailureBoxAndStoppedAfterIt)
 TEST_F(DirectInstallWindow, IsStoppedWhenAnotherKindOfExceptionPassesThrough)
 {
     machine_.onRun = [] { throw 5; };
-    LogCapture log;
-    EXPECT_THROW(RunDirectInstall(L"C:\\given.exe"), int);
+    const LogCapture log;
+    EXPECT_THROW(Install(), int);
     EXPECT_EQ(stops_, 1);
     EXPECT_THAT(log.Lines(), Each(Not(StartsWith(L"\tException"))));
 }

@@ -1,23 +1,7 @@
 // The entry is not in the library; here it is an ordinary function.
 #include "app/main.cpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "support/box_recorder.h"
-#include "support/fake_devices.h"
-#include "support/fake_machine.h"
-#include "support/fake_runtime.h"
-#include "support/log_capture.h"
-#include "support/machine_registry.h"
-
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::StartsWith;
+#include "support/app_test.h"
 
 IMPORTED(GetCommandLineW, SetDefaultDllDirectories, SetUnhandledExceptionFilter, GetStdHandle, TerminateProcess)
 
@@ -25,10 +9,14 @@ namespace repair
 {
 namespace
 {
-class ProcessEntry : public testing::Test
+class ProcessEntry : public AppTest
 {
 protected:
-    ~ProcessEntry() override { std::set_terminate(terminate_); }
+    ~ProcessEntry() override
+    {
+        std::set_terminate(terminate_);
+        CloseHandle(output_);
+    }
 
     int Start(const std::wstring& arguments, HINSTANCE instance = nullptr)
     {
@@ -44,22 +32,15 @@ protected:
         ReadFile(output_, text.data(), static_cast<DWORD>(text.size()), &read, nullptr);
         return text.substr(0, read);
     }
-    bool RanTheCheck() const { return !devices_.calls.empty(); }
     bool RanTheDirectInstall(const std::wstring& installer) const
     {
         return testing::Value(machine_.steps, Contains(StartsWith(L"run " + installer + L" | /NCRC")));
     }
 
     std::terminate_handler terminate_ = std::get_terminate();
-    MachineRegistry registry_;
-    FakeMachine machine_;
-    FakeRuntime runtime_;
-    FakeDevices devices_;
-    BoxRecorder boxes_;
     std::wstring line_;
     HANDLE output_ = CreateFileW(machine_.Folder().WriteBytes(L"output", "").c_str(), GENERIC_READ | GENERIC_WRITE, 0,
                                  nullptr, OPEN_EXISTING, FILE_FLAG_DELETE_ON_CLOSE, nullptr);
-    std::vector<std::string> order_;
     LPTOP_LEVEL_EXCEPTION_FILTER filter_ = nullptr;
 
     SUBSTITUTE(GetCommandLineW)
@@ -80,8 +61,6 @@ protected:
     }};
     SUBSTITUTE(GetStdHandle)
     standard_{[this](DWORD which) { return which == STD_OUTPUT_HANDLE ? output_ : standard_.Original()(which); }};
-
-    void TearDown() override { CloseHandle(output_); }
 };
 
 // Own process: the functions of the Windows Runtime are looked up once in a process.
@@ -98,20 +77,15 @@ TEST_F(ProcessEntry, RestrictsTheLibrarySearchFirstAndKeepsTheModuleInstance)
 // Proves: `-VLT` and `-Install`, and there is no such file (or no path, or a folder) => a line in the log, a text without a line end on the standard output, exit code 2; no window, no box, nothing is done
 TEST_F(ProcessEntry, GivenInstallerThatIsMissingIsLoggedPrintedAndGivesTwo)
 {
-    LogCapture log;
-    EXPECT_EQ(Start(L"-VLT -Install -Path \"C:\\no such.exe\""), 2);
-    EXPECT_THAT(log.Lines(),
-                ElementsAre(L"Launched with command line: tool.exe -VLT -Install -Path \"C:\\no such.exe\"",
-                            L"Unable to find file at : C:\\no such.exe."));
-    EXPECT_EQ(Output(), "The given location does not contain the file : C:\\no such.exe");
+    EXPECT_EQ(RunLogged([this] { return Start(L"-VLT -Install -Path \"C:\\no such.exe\""); }), 2);
+    EXPECT_THAT(lines_, ElementsAre(L"Launched with command line: tool.exe -VLT -Install -Path \"C:\\no such.exe\"",
+                                    L"Unable to find file at : C:\\no such.exe."));
+    EXPECT_EQ(Start(L"-vlt -install -path"), 2);
+    EXPECT_EQ(Output(),
+              "The given location does not contain the file : C:\\no such.exe"
+              "The given location does not contain the file : ");
     EXPECT_THAT(machine_.steps, IsEmpty());
     EXPECT_THAT(boxes_.boxes, IsEmpty());
-}
-
-TEST_F(ProcessEntry, InstallerIsMissingWithoutAPathToo)
-{
-    EXPECT_EQ(Start(L"-vlt -install"), 2);
-    EXPECT_EQ(Output(), "The given location does not contain the file : ");
 }
 
 // Proves: `-VLT` and `-Install`, and the file exists => direct installation; its result is the exit code
@@ -121,37 +95,31 @@ TEST_F(ProcessEntry, GivenInstallerIsInstalledWithoutTheCheck)
     const std::wstring installer = machine_.Folder().WriteBytes(L"given.exe", "x");
     EXPECT_EQ(Start(L"-vlt -install -path \"" + installer + L"\""), 0);
     EXPECT_TRUE(RanTheDirectInstall(installer));
-    EXPECT_FALSE(RanTheCheck());
+    EXPECT_THAT(devices_.calls, IsEmpty());
 }
 
 TEST_F(ProcessEntry, ResultOfTheDirectInstallIsTheExitCode)
 {
     const std::wstring installer = machine_.Folder().WriteBytes(L"given.exe", "x");
-    machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload", "in the way");
+    BlockTheInstallation();
     EXPECT_EQ(Start(L"-VLT -Install -Path \"" + installer + L"\""), -1);
 }
 
-class CheckedLine : public ProcessEntry, public testing::WithParamInterface<std::wstring>
-{
-};
-INSTANTIATE_TEST_SUITE_P(Lines, CheckedLine,
-                         testing::Values(L"", L"-VLT", L"-Install", L"-Path {}", L"-VLT -Path {}", L"-Install -Path {}",
-                                         L"-FORCE"));
-
-// Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: Only one of `-VLT` and `-Install`, or `-Path` alone => the ordinary check; its result is the exit code
-TEST_P(CheckedLine, RunsTheCheckAndReturnsItsResult)
+TEST_F(ProcessEntry, OtherLinesRunTheCheckAndReturnItsResult)
 {
-    std::wstring arguments = GetParam();
     const std::wstring installer = machine_.Folder().WriteBytes(L"given.exe", "x");
-    if (const size_t place = arguments.find(L"{}"); place != std::wstring::npos)
+    const std::wstring path = L" -Path " + installer;
+    for (const std::wstring& arguments : {std::wstring(), std::wstring(L"-VLT"), std::wstring(L"-Install"), path,
+                                          L"-VLT" + path, L"-Install" + path, std::wstring(L"-FORCE")})
     {
-        arguments.replace(place, 2, installer);
+        Force = VltMode = InstallMode = false;
+        devices_.calls.clear();
+        EXPECT_EQ(Start(arguments), -1);
+        EXPECT_THAT(devices_.calls, Not(IsEmpty()));
+        EXPECT_FALSE(RanTheDirectInstall(installer));
+        EXPECT_EQ(Output(), "");
     }
-    EXPECT_EQ(Start(arguments), -1);
-    EXPECT_TRUE(RanTheCheck());
-    EXPECT_FALSE(RanTheDirectInstall(installer));
-    EXPECT_EQ(Output(), "");
 }
 
 // Proves: An error that is not caught => the process ends with code 3, without a box

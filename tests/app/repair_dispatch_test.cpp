@@ -1,54 +1,28 @@
 #include <windows.h>
-
 #include <wininet.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 #include "app/repair_dispatch.h"
 #include "app/switches.h"
-#include "support/box_recorder.h"
+#include "support/app_test.h"
 #include "support/fake_internet.h"
-#include "support/fake_machine.h"
-#include "support/fake_runtime.h"
-#include "support/log_capture.h"
-#include "support/machine_registry.h"
 
-using testing::AllOf;
-using testing::Contains;
-using testing::Each;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-using testing::StartsWith;
-
-IMPORTED(SetDlgItemTextW, ShowWindow, SetEvent, CloseHandle, InternetOpenW)
+IMPORTED(InternetOpenW, SetDlgItemTextW, ShowWindow)
 
 namespace repair
 {
 namespace
 {
-const BoxRecorder::Box kFinished = {L"Finished installing Tavik Software", 0x10040};
-const BoxRecorder::Box kInstallFailed = {L"Error installing Tavik Software.", 0x10010};
-const BoxRecorder::Box kDownloadFailed = {L"Error downloading Tavik Software", 0x10010};
-constexpr wchar_t kStorePackage[] = L"TavikSystemsInc-2.TavikCorvelSoftware_1.0.0.0_x64__abc";
-
-// A run whose status window is a number, on a machine where nothing is really installed.
-class RepairTest : public testing::Test
+// A run whose status window is a number.
+class RepairTest : public AppTest
 {
 protected:
     RepairTest()
     {
-        registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", L"no address");  // so nothing can be downloaded
+        ServerFolder(L"no address");  // so nothing can be downloaded
         run_.window.instance = reinterpret_cast<HINSTANCE>(0x99);
         run_.window.dialog = reinterpret_cast<HWND>(0x77);
         run_.instanceEvent = EventHandle(CreateEventW(nullptr, TRUE, FALSE, nullptr));
         event_ = run_.instanceEvent.Get();
-        boxes_.onBox = [this] { order_.push_back("box"); };
     }
 
     // A driver package with an installer; returns its folder.
@@ -58,13 +32,10 @@ protected:
         installer_ = machine_.Folder().WriteBytes(L"package\\Bin64\\DWX2_Install.exe", "x");
         return machine_.Folder() / L"package";
     }
-    // The repair for release 24.20; afterwards the lines are those of the repair alone.
+    // The repair for release 24.20.
     int RepairFrom(const std::wstring& driverFolder, bool useStore = false)
     {
-        LogCapture log;
-        const int result = Repair(run_, driverFolder, L"24.20", useStore);
-        lines_ = log.Lines();
-        return result;
+        return RunLogged([&] { return Repair(run_, driverFolder, L"24.20", useStore); });
     }
     void ExpectEndWith(const BoxRecorder::Box& box) const
     {
@@ -73,47 +44,20 @@ protected:
         EXPECT_FALSE(run_.instanceEvent);
     }
 
-    MachineRegistry registry_;
-    FakeMachine machine_;
-    FakeRuntime runtime_;
-    BoxRecorder boxes_;
     repair::Run run_;  // testing::Test has a Run of its own
     std::wstring installer_;
-    HANDLE event_ = nullptr;
-    std::vector<std::wstring> lines_;
     std::vector<std::wstring> statusTexts_;
-    std::vector<std::string> order_;
-
     SUBSTITUTE(SetDlgItemTextW)
     setText_{[this](HWND dialog, int control, const wchar_t* text) {
-        EXPECT_EQ(dialog, reinterpret_cast<HWND>(0x77));
-        EXPECT_EQ(control, 1004);
+        EXPECT_EQ(std::tuple(dialog, control), std::tuple(reinterpret_cast<HWND>(0x77), 1004));
         statusTexts_.push_back(text);
         return TRUE;
     }};
     SUBSTITUTE(ShowWindow)
     show_{[this](HWND dialog, int command) {
-        EXPECT_EQ(dialog, reinterpret_cast<HWND>(0x77));
-        EXPECT_EQ(command, 0);
+        EXPECT_EQ(std::tuple(dialog, command), std::tuple(reinterpret_cast<HWND>(0x77), 0));
         order_.push_back("hide");
         return TRUE;
-    }};
-    SUBSTITUTE(SetEvent)
-    setEvent_{[this](HANDLE event) {
-        if (event == event_)
-        {
-            order_.push_back("signal");
-        }
-        return setEvent_.Original()(event);
-    }};
-    SUBSTITUTE(CloseHandle)
-    close_{[this](HANDLE handle) {
-        if (handle == event_)
-        {
-            order_.push_back("close");
-            event_ = nullptr;
-        }
-        return close_.Original()(handle);
     }};
 };
 
@@ -139,7 +83,7 @@ TEST_F(RepairTest, InstallerOfTheDriverPackageReplacesBothEditions)
     EXPECT_THAT(lines_, Each(Not(HasSubstr(L"Downloading"))));
     EXPECT_THAT(statusTexts_, ElementsAre(L"Installing..."));
     EXPECT_THAT(machine_.StepsOf(L"run")[0], StartsWith(L"run " + installer_ + L" | /NCRC"));
-    EXPECT_THAT(machine_.StepsOf(L"install"), testing::SizeIs(1));
+    EXPECT_THAT(machine_.StepsOf(L"install"), SizeIs(1));
     EXPECT_THAT(beforeTheBox, AllOf(Contains(std::wstring(L"remove ") + kStorePackage + L" 0x80000"),
                                     Contains(L"remove TavikSystemsInc-2.8F31D07A2B6E4_1 0x80000")));
     ExpectEndWith(kFinished);
@@ -150,16 +94,10 @@ TEST_F(RepairTest, FailedInstallationIsShownAndReturnedAndLeavesTheStoreEditionA
 {
     const std::wstring package = DriverPackage();
     machine_.UnpacksMainPackage();
-    machine_.packageResults[machine_.ExtractionFolder() + L"\\HL\\halden\\halden64\\dwx-next64.msi"] = 1603;
+    FailTheMainPackage();
     runtime_.packages = {{kStorePackage, {1, 0, 0, 0}}};
     EXPECT_EQ(RepairFrom(package), 1603);
     EXPECT_THAT(runtime_.Calls(), IsEmpty());
-    ExpectEndWith(kInstallFailed);
-}
-
-TEST_F(RepairTest, InstallerThatUnpacksNothingGivesTwo)
-{
-    EXPECT_EQ(RepairFrom(DriverPackage()), 2);
     ExpectEndWith(kInstallFailed);
 }
 
@@ -167,7 +105,7 @@ TEST_F(RepairTest, InstallerThatUnpacksNothingGivesTwo)
 TEST_F(RepairTest, ExceptionOfTheInstallationIsLoggedAndGivesMinusOne)
 {
     const std::wstring package = DriverPackage();
-    machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload", "in the way");
+    BlockTheInstallation();
     EXPECT_EQ(RepairFrom(package), -1);
     EXPECT_THAT(lines_, Contains(StartsWith(L"\tException occured during installation. filesystem error: ")));
     ExpectEndWith(kInstallFailed);
@@ -177,7 +115,7 @@ TEST_F(RepairTest, ExceptionOfTheInstallationIsLoggedAndGivesMinusOne)
 TEST_F(RepairTest, WithoutALocalInstallerTheReleaseIsDownloaded)
 {
     FakeInternet internet;
-    registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", L"http://server/vlt/");
+    ServerFolder(L"http://server/vlt/");
     machine_.UnpacksMainPackage();
     const std::wstring folder = machine_.Folder().CreateFolder(L"empty");
     EXPECT_EQ(RepairFrom(folder), 0);
@@ -206,11 +144,8 @@ TEST_F(RepairTest, DownloadWithoutAResultEndsTheRun)
 // Proves: The download raises an exception => logged with its text, then as above
 TEST_F(RepairTest, ExceptionOfTheDownloadIsLoggedAndCountsAsNoResult)
 {
-    registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", L"http://server/");
-    SUBSTITUTE(InternetOpenW)
-    open([](const wchar_t*, DWORD, const wchar_t*, const wchar_t*, DWORD) {
-        return FailWith(ERROR_ACCESS_DENIED, HINTERNET{nullptr});
-    });
+    ServerFolder(L"http://server/");
+    SUBSTITUTE(InternetOpenW) open([](auto...) { return FailWith(ERROR_ACCESS_DENIED, HINTERNET{nullptr}); });
     EXPECT_EQ(RepairFrom(L""), -1);
     ASSERT_GE(lines_.size(), 2u);
     EXPECT_THAT(lines_[lines_.size() - 2], StartsWith(L"\tException occured during the download of dwx2_install.exe. "
@@ -228,10 +163,10 @@ TEST_F(RepairTest, SilentRunsShowNothing)
     EXPECT_EQ(RepairFrom(package), 0);
     EXPECT_EQ(RepairFrom(L""), -1);
     EXPECT_EQ(RepairFrom(L"", true), 0);
-    EXPECT_THAT(lines_, testing::SizeIs(2));
+    EXPECT_THAT(lines_, SizeIs(2));
     runtime_.updateState = 5;
     EXPECT_EQ(RepairFrom(L"", true), -1);
-    EXPECT_THAT(lines_, testing::SizeIs(2));
+    EXPECT_THAT(lines_, SizeIs(2));
     EXPECT_THAT(boxes_.boxes, IsEmpty());
     EXPECT_THAT(statusTexts_, IsEmpty());
     EXPECT_THAT(order_, ElementsAre("signal", "close"));
@@ -267,13 +202,6 @@ TEST_F(RepairTest, StoreThatDoesNotCompleteIsLoggedShownAndGivesMinusOne)
     EXPECT_EQ(RepairFrom(L"", true), -1);
     EXPECT_THAT(lines_, ElementsAre(L"Attempting to download and install the UWP version of VLT.",
                                     L"failed to install the UWP version of VLT"));
-    ExpectEndWith(kInstallFailed);
-}
-
-TEST_F(RepairTest, ErrorOfTheStoreIsTheResult)
-{
-    runtime_.faults.fails[L"GetDefault"] = static_cast<HRESULT>(0x80070005);
-    EXPECT_EQ(RepairFrom(L"", true), static_cast<int>(0x80070005));
     ExpectEndWith(kInstallFailed);
 }
 

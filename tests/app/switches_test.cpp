@@ -2,19 +2,11 @@
 
 #include <shellapi.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <ostream>
-#include <string>
-#include <vector>
 
 #include "app/switches.h"
 #include "support/log_capture.h"
-#include "support/substitute.h"
-
-using testing::ElementsAre;
-using testing::IsEmpty;
+#include "support/test.h"
 
 IMPORTED(GetCommandLineW, CommandLineToArgvW, LocalFree)
 
@@ -29,11 +21,6 @@ struct Line
     std::wstring path;
 };
 
-void PrintTo(const Line& line, std::ostream* stream)
-{
-    *stream << testing::PrintToString(line.arguments);
-}
-
 std::string Flags()
 {
     std::string flags;
@@ -45,7 +32,7 @@ std::string Flags()
     return flags;
 }
 
-class Switches : public testing::TestWithParam<Line>
+class Switches : public testing::Test
 {
 protected:
     // Reads the command line; returns the lines that are logged.
@@ -89,8 +76,6 @@ const Line kLines[] = {
     {L"\" -FORCE\"", "", L""},
 };
 
-INSTANTIATE_TEST_SUITE_P(Lines, Switches, testing::ValuesIn(kLines));
-
 // Own process: the switches are set once in a process.
 // Proves: `-FORCE`, `-FORCEVLTUWP`, `-SILENT`, `-VLT`, `-Install`, `-Path FILE` => each sets its switch, `-FORCEVLTUWP` also the one of `-FORCE`; `-Path` takes the next argument
 // Proves: Switches in other letter case, in any order, more than once => the same
@@ -99,15 +84,21 @@ INSTANTIATE_TEST_SUITE_P(Lines, Switches, testing::ValuesIn(kLines));
 // Proves: `-Path` is the last argument => the path is empty
 // Proves: There is at least one argument => the whole command line, as it was given, is the first line of the log
 // Proves: Before the command line is read => all switches are off, the path is empty
-TEST_P(Switches, AreReadFromTheCommandLineWhichIsLoggedWhole)
+TEST_F(Switches, AreReadFromTheCommandLineWhichIsLoggedWhole)
 {
-    EXPECT_EQ(Flags(), "");
-    EXPECT_EQ(InstallerPath, L"");
-    EXPECT_EQ(AppInstance, nullptr);
-    const std::wstring line = L"\"C:\\Tavik\\tool.exe\"  " + GetParam().arguments;
-    EXPECT_THAT(LogOf(line), ElementsAre(L"Launched with command line: " + line));
-    EXPECT_EQ(Flags(), GetParam().flags);
-    EXPECT_EQ(InstallerPath, GetParam().path);
+    for (const Line& expected : kLines)
+    {
+        EXPECT_EQ(Flags(), "");
+        EXPECT_EQ(InstallerPath, L"");
+        EXPECT_EQ(AppInstance, nullptr);
+        const std::wstring line = L"\"C:\\Tavik\\tool.exe\"  " + expected.arguments;
+        SCOPED_TRACE(PrintToString(line));
+        EXPECT_THAT(LogOf(line), ElementsAre(L"Launched with command line: " + line));
+        EXPECT_EQ(Flags(), expected.flags);
+        EXPECT_EQ(InstallerPath, expected.path);
+        Force = ForceUwp = Silent = VltMode = InstallMode = false;
+        InstallerPath.clear();
+    }
 }
 
 // Proves: The program's own name looks like a switch => it sets nothing

@@ -1,23 +1,13 @@
-#include <windows.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
 #include <system_error>
-#include <utility>
-#include <vector>
 
 #include "base/files.h"
 #include "base/handles.h"
 #include "support/error_matcher.h"
 #include "support/real_windows.h"
-#include "support/substitute.h"
 #include "support/temporary_folder.h"
+#include "support/test.h"
 
 IMPORTED(CreateDirectoryW, DeleteFileW, FindClose, FindFirstFileW, FindNextFileW, GetFileAttributesW, RemoveDirectoryW)
-
-using testing::ElementsAre;
 
 namespace repair
 {
@@ -61,7 +51,7 @@ TEST(CreateDirectories, CreatesAllMissingParents)
                                          std::pair(L"c/d//", L"c\\d"), std::pair(L"e\\\\f/\\g", L"e\\f\\g")})
     {
         CreateDirectories(folder / asked);
-        EXPECT_TRUE(IsFolder(folder / created)) << testing::PrintToString(std::wstring(asked));
+        EXPECT_TRUE(IsFolder(folder / created)) << PrintToString(std::wstring(asked));
     }
 }
 
@@ -72,27 +62,18 @@ TEST(CreateDirectories, RelativePath)
     GetCurrentDirectoryW(MAX_PATH, before);
     SetCurrentDirectoryW(folder.Path().c_str());
     CreateDirectories(L"a\\b");
-    CreateDirectories(L"c");
     SetCurrentDirectoryW(before);
     EXPECT_TRUE(IsFolder(folder / L"a\\b"));
-    EXPECT_TRUE(IsFolder(folder / L"c"));
 }
 
 TEST(CreateDirectories, OnlyMissingFoldersAreCreatedOutermostFirst)
 {
     const TemporaryFolder folder;
     folder.CreateFolder(L"a");
-    std::vector<std::wstring> created;
-    {
-        SUBSTITUTE(CreateDirectoryW)
-        create([&](const wchar_t* path, SECURITY_ATTRIBUTES* security) {
-            EXPECT_EQ(security, nullptr);
-            created.push_back(path);
-            return create.Original()(path, security);
-        });
-        CreateDirectories(folder / L"a\\b\\c\\");
-    }
-    EXPECT_THAT(created, ElementsAre(folder / L"a\\b", folder / L"a\\b\\c"));
+    const RECORD(CreateDirectoryW) created;
+    CreateDirectories(folder / L"a\\b\\c\\");
+    EXPECT_THAT(created.Calls(),
+                ElementsAre(std::tuple(folder / L"a\\b", nullptr), std::tuple(folder / L"a\\b\\c", nullptr)));
 }
 
 // Proves: Creating fails => an error that names operation, path and the system's code
@@ -150,8 +131,8 @@ TEST(Removal, AbsenceIsNoError)
     for (const std::wstring& path : {folder / L"missing", folder / L"missing\\below", file + L"\\below",
                                      folder / L"bad<name", std::wstring(L"Q:\\missing"), std::wstring()})
     {
-        EXPECT_NO_THROW(RemoveFileIfPresent(path)) << testing::PrintToString(path);
-        EXPECT_NO_THROW(RemoveAll(path)) << testing::PrintToString(path);
+        EXPECT_NO_THROW(RemoveFileIfPresent(path)) << PrintToString(path);
+        EXPECT_NO_THROW(RemoveAll(path)) << PrintToString(path);
     }
     EXPECT_TRUE(IsThere(file));
 }
@@ -323,6 +304,9 @@ TEST(FileChanges, WorkFarBeyondTheClassicPathLimit)
     }
     CreateDirectories(path);
     EXPECT_TRUE(IsFolder(path));
+    EXPECT_TRUE(Exists(path));
+    EXPECT_FALSE(Exists(path + L"x"));
+    EXPECT_EQ(FindSubfolder(path.substr(0, path.rfind(L'\\')), [](auto&) { return true; }).wstring(), path);
     for (const wchar_t* name : {L"\\one", L"\\two"})
     {
         CloseHandle(CreateFileW((path + name).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));

@@ -1,25 +1,16 @@
 // The tests of the log's opening need a process that has not written a line before.
-#include <windows.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "base/files.h"
 #include "base/log.h"
 #include "support/error_matcher.h"
 #include "support/log_capture.h"
-#include "support/substitute.h"
+#include "support/test.h"
 
 IMPORTED(CreateDirectoryW, CreateFileW, GetFileAttributesW, GetLocalTime, GetWindowsDirectoryW, WriteFile)
-
-using testing::ElementsAre;
 
 namespace repair
 {
@@ -99,12 +90,8 @@ TEST(Log, FirstLineCreatesTheFolderThenTakesTheTimeThenCreatesTheFile)
     create([&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD disposition,
                DWORD flags, HANDLE pattern) {
         calls.push_back(path);
-        EXPECT_EQ(access, 0xC0000000u);
-        EXPECT_EQ(share, 1u);
-        EXPECT_EQ(security, nullptr);
-        EXPECT_EQ(disposition, 2u);
-        EXPECT_EQ(flags, 128u);
-        EXPECT_EQ(pattern, nullptr);
+        EXPECT_EQ(std::tuple(access, share, security, disposition, flags, pattern),
+                  std::tuple(0xC0000000u, 1u, nullptr, 2u, 128u, nullptr));
         return FailWith(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE);
     });
     LogLine(L"line");
@@ -112,57 +99,6 @@ TEST(Log, FirstLineCreatesTheFolderThenTakesTheTimeThenCreatesTheFile)
         calls, ElementsAre(L"C:\\", L"C:\\Program Files", L"C:\\Program Files\\Tavik", L"C:\\Program Files\\Tavik\\MIM",
                            L"C:\\Program Files\\Tavik\\MIM\\Log", L"time",
                            L"C:\\Program Files\\Tavik\\MIM\\Log\\InstallVLTForWUDriver_2026-11-6_4_7_31_15.log"));
-}
-
-struct NamedTime
-{
-    SYSTEMTIME time;  // year, month, day of the week, day, hour, minute, second, milliseconds
-    const wchar_t* name;
-};
-
-class LogName : public testing::TestWithParam<NamedTime>
-{
-};
-
-// Own process: a process begins its log once.
-TEST_P(LogName, IsTheLocalTimeInPlainNumbers)
-{
-    std::wstring created;
-    SUBSTITUTE(GetLocalTime) time([](SYSTEMTIME* now) { *now = GetParam().time; });
-    SUBSTITUTE(CreateFileW)
-    create([&](const wchar_t* path, auto...) {
-        created = path;
-        return FailWith(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE);
-    });
-    LogLine(L"line");
-    EXPECT_EQ(created, std::wstring(kFolder) + GetParam().name);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, LogName,
-    testing::Values(NamedTime{{2031, 2, 6, 28, 23, 59, 8, 999}, L"InstallVLTForWUDriver_2031-2-28_23_59_8_999.log"},
-                    NamedTime{{2027, 1, 5, 1, 0, 0, 0, 0}, L"InstallVLTForWUDriver_2027-1-1_0_0_0_0.log"}));
-
-// Proves: The file cannot be created => lines are lost silently, it is not tried again
-TEST(Log, FileThatCannotBeCreatedIsPassedOverAndNotTriedAgain)
-{
-    int creations = 0;
-    int writes = 0;
-    SUBSTITUTE(CreateFileW)
-    create([&](auto...) {
-        ++creations;
-        return FailWith(ERROR_SHARING_VIOLATION, INVALID_HANDLE_VALUE);
-    });
-    SUBSTITUTE(WriteFile)
-    write([&](HANDLE file, auto...) {
-        ++writes;
-        EXPECT_EQ(file, INVALID_HANDLE_VALUE);
-        return FailWith(ERROR_INVALID_HANDLE);
-    });
-    LogLine(L"first");
-    LogLine(L"second");
-    EXPECT_EQ(creations, 1);
-    EXPECT_EQ(writes, 4);
 }
 
 // Proves: The folder cannot be created (log file) => the error "create_directories" reaches the caller; the next line tries again
@@ -206,18 +142,12 @@ TEST(Log, EachLineIsTwoWritesWhoseResultsDoNotMatter)
 }
 
 // Proves: Two lines, two runs => one file a run
-TEST(Log, AllLinesOfARunAreInOneFile)
+TEST(Log, AllLinesOfARunAreInOneFileThatOthersMayReadButNotWriteOrDelete)
 {
     LogCapture log;
     WriteLog(L"first");
     LogLine(L"%s", L"second");
     EXPECT_THAT(log.Lines(), ElementsAre(L"first", L"second"));
-}
-
-TEST(Log, OthersMayReadWhileItIsOpenButNotWriteOrDelete)
-{
-    LogCapture log;
-    EXPECT_NE(ReadShared(log.Path()).size(), 0u);
     const HANDLE writer = CreateFileW(log.Path().c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                       OPEN_EXISTING, 0, nullptr);
     EXPECT_EQ(GetLastError(), DWORD{ERROR_SHARING_VIOLATION});
@@ -239,7 +169,8 @@ TEST(Log, RunInTheSameMillisecondOverwritesTheFile)
 }
 
 // Proves: Several threads write their first line at once => the file is opened once
-TEST(Log, OpenedOnceAlsoByThreadsThatStartTogether)
+// Proves: The file cannot be created => lines are lost silently, it is not tried again
+TEST(Log, OpenedOnceAlsoByThreadsThatStartTogetherAndAfterAFailure)
 {
     std::atomic<int> creations = 0;
     std::atomic<int> writes = 0;
@@ -251,7 +182,10 @@ TEST(Log, OpenedOnceAlsoByThreadsThatStartTogether)
         return FailWith(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE);
     });
     SUBSTITUTE(WriteFile)
-    write([&](auto...) { return ++writes, TRUE; });
+    write([&](HANDLE file, auto...) {
+        EXPECT_EQ(file, INVALID_HANDLE_VALUE);
+        return ++writes, FailWith(ERROR_INVALID_HANDLE);
+    });
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i)
     {

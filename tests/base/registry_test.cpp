@@ -1,18 +1,12 @@
-#include <windows.h>
-
-#include <gtest/gtest.h>
-
+#include <new>
 #include <optional>
-#include <stdexcept>
-#include <string>
 #include <system_error>
-#include <utility>
-#include <vector>
+#include <type_traits>
 
 #include "base/registry.h"
 #include "support/log_capture.h"
 #include "support/machine_registry.h"
-#include "support/substitute.h"
+#include "support/test.h"
 
 IMPORTED(RegCloseKey, RegGetValueW, RegOpenKeyExW)
 
@@ -20,21 +14,6 @@ namespace repair
 {
 namespace
 {
-template <typename Action>
-RegKeyError RegistryErrorOf(Action action)
-{
-    try
-    {
-        action();
-    }
-    catch (const RegKeyError& error)
-    {
-        return error;
-    }
-    ADD_FAILURE() << "no registry error was thrown";
-    return {0, std::system_category(), "none"};
-}
-
 std::string Composed(const std::string& message, int code)
 {
     return message + ": " + std::system_category().message(code);
@@ -43,52 +22,67 @@ std::string Composed(const std::string& message, int code)
 template <typename Action>
 void ExpectRegistryError(Action action, const std::string& message, int code)
 {
-    const RegKeyError error = RegistryErrorOf(action);
-    EXPECT_EQ(error.code(), std::error_code(code, std::system_category()));
-    EXPECT_EQ(std::string(error.what()), Composed(message, code));
+    try
+    {
+        action();
+        ADD_FAILURE() << "no registry error was thrown";
+    }
+    catch (const RegKeyError& error)
+    {
+        EXPECT_EQ(error.code(), std::error_code(code, std::system_category()));
+        EXPECT_EQ(std::string(error.what()), Composed(message, code));
+    }
 }
 
 // Proves: The registry error is caught => it carries status and text like the system's error type, can be copied, and is caught as any of its bases
 TEST(RegistryError, CarriesTheStatusAndComposesItsTextLikeTheStandardError)
 {
-    const RegKeyError error(5, std::system_category(), "Some message");
-    EXPECT_EQ(error.code(), std::error_code(5, std::system_category()));
-    EXPECT_EQ(std::string(error.what()), std::system_error(5, std::system_category(), "Some message").what());
-    EXPECT_EQ(std::string(error.what()), Composed("Some message", 5));
-    const RegKeyError fromString(-2147024891, std::system_category(), std::string("Other"));
-    EXPECT_EQ(fromString.code().value(), -2147024891);
-    EXPECT_EQ(std::string(fromString.what()), Composed("Other", -2147024891));
+    static_assert(std::is_base_of_v<std::system_error, RegKeyError>);
+    const RegKeyError error(-2147024891, std::system_category(), std::string("Some message"));
     const RegKeyError copy = error;  // NOLINT: a copy is what is tested
-    EXPECT_EQ(copy.code(), error.code());
-    EXPECT_STREQ(copy.what(), error.what());
-    const auto raise = [] { throw RegKeyError(2, std::system_category(), "m"); };
-    EXPECT_THROW(raise(), RegKeyError);
-    EXPECT_THROW(raise(), std::system_error);
-    EXPECT_THROW(raise(), std::runtime_error);
-    EXPECT_THROW(raise(), std::exception);
+    EXPECT_EQ(copy.code(), std::error_code(-2147024891, std::system_category()));
+    EXPECT_EQ(std::string(copy.what()), Composed("Some message", -2147024891));
 }
 
+// All texts of the registry are read like this.
 // Proves: A key is opened => for reading, below the machine's root, in the process's own view; closed when its owner goes
-TEST(RegistryKeyOpening, AsksForReadingInTheProcessesOwnView)
+// Proves: The key is opened => for reading, in the process's own view, and closed
+// Proves: The driver key is opened => for reading, and closed
+// Proves: The key is read (installed application version) => for reading only, in the process's own view, and closed
+// Proves: The key is read (stopping the application) => for reading, and closed before the command tool runs
+TEST(RegistryKeyOpening, AsksForReadingInTheProcessesOwnViewAndClosesTheKeyInAnyCase)
 {
     const HKEY given = reinterpret_cast<HKEY>(static_cast<INT_PTR>(0x1234));
-    std::vector<HKEY> closed;
+    int closed = 0;
     SUBSTITUTE(RegOpenKeyExW)
     open([&](HKEY root, const wchar_t* path, DWORD options, REGSAM access, HKEY* key) {
-        EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
         EXPECT_STREQ(path, L"SOFTWARE\\Some Key\\");
-        EXPECT_EQ(options, 0u);
-        EXPECT_EQ(access, 0x20019u);
+        EXPECT_EQ(std::tuple(root, options, access), std::tuple(HKEY_LOCAL_MACHINE, 0u, 0x20019u));
         *key = given;
         return ERROR_SUCCESS;
     });
     SUBSTITUTE(RegCloseKey)
     close([&](HKEY key) {
-        closed.push_back(key);
+        EXPECT_EQ(key, given);
+        ++closed;
         return ERROR_SUCCESS;
     });
     EXPECT_EQ(OpenMachineKey(L"SOFTWARE\\Some Key\\").Get(), given);
-    EXPECT_EQ(closed, std::vector<HKEY>{given});
+    EXPECT_EQ(closed, 1);
+    LSTATUS status = ERROR_SUCCESS;
+    SUBSTITUTE(RegGetValueW)
+    get([&](HKEY key, auto...) {
+        EXPECT_EQ(key, given);
+        return status != ERROR_BUSY ? status : throw std::bad_alloc();
+    });
+    EXPECT_EQ(ReadMachineString(L"SOFTWARE\\Some Key\\", L"Value"), L"");
+    EXPECT_EQ(closed, 2);
+    status = ERROR_ACCESS_DENIED;
+    EXPECT_THROW(ReadMachineString(L"SOFTWARE\\Some Key\\", L"Value"), RegKeyError);
+    EXPECT_EQ(closed, 3);
+    status = ERROR_BUSY;
+    EXPECT_THROW(ReadMachineString(L"SOFTWARE\\Some Key\\", L"Value"), std::bad_alloc);
+    EXPECT_EQ(closed, 4);
 }
 
 // Proves: A key cannot be opened => registry error with the status and "Unable to open registry key"; nothing is logged
@@ -112,48 +106,42 @@ struct StoredValue
     std::optional<std::wstring> text = {};
 };
 
-std::ostream& operator<<(std::ostream& out, const StoredValue& value)
-{
-    return out << value.description;
-}
-
-class RegistryString : public testing::TestWithParam<StoredValue>
-{
-};
-
 // Proves: The value is not plain text => the same error, with the status that says so
 // Proves: Empty text, no bytes, half a character => an empty text
-TEST_P(RegistryString, TypeAndSizeDecide)
+TEST(RegistryStrings, TypeAndSizeDecide)
 {
+    const StoredValue values[] = {
+        {"text", REG_SZ, {'2', 0, '4', 0, 0, 0}, L"24"},
+        {"text without NUL", REG_SZ, {'2', 0, '4', 0}, L"24"},
+        {"one character without NUL", REG_SZ, {'2', 0}, L"2"},
+        {"empty text", REG_SZ, {0, 0}, L""},
+        {"no bytes", REG_SZ, {}, L""},
+        {"text up to its first NUL", REG_SZ, {'a', 0, 0, 0, 'b', 0, 0, 0}, L"a"},
+        {"no ASCII", REG_SZ, {0xAC, 0x20, 0xE9, 0, 0x3D, 0xD8, 0, 0xDE, 0, 0}, L"\u20ac\u00e9\U0001f600"},
+        {"blanks stay", REG_SZ, {' ', 0, 'a', 0, ' ', 0, 0, 0}, L" a "},
+        {"number", REG_DWORD, {1, 0, 0, 0}},
+        {"long number", REG_QWORD, {1, 0, 0, 0, 0, 0, 0, 0}},
+        {"bytes", REG_BINARY, {'a', 0, 0, 0}},
+        {"several texts", REG_MULTI_SZ, {'a', 0, 0, 0, 0, 0}},
+        {"no type", REG_NONE, {'a', 0, 0, 0}}};
     MachineRegistry registry;
-    registry.SetValue(L"SOFTWARE\\Key", L"Value", GetParam().type, GetParam().data);
     LogCapture log;
     const auto read = [] { return ReadMachineString(L"SOFTWARE\\Key", L"Value"); };
-    if (GetParam().text)
+    for (const StoredValue& value : values)
     {
-        EXPECT_EQ(read(), *GetParam().text);
-    }
-    else
-    {
-        ExpectRegistryError(read, "Unable to get registry value", 1630);
+        SCOPED_TRACE(value.description);
+        registry.SetValue(L"SOFTWARE\\Key", L"Value", value.type, value.data);
+        if (value.text)
+        {
+            EXPECT_EQ(read(), *value.text);
+        }
+        else
+        {
+            ExpectRegistryError(read, "Unable to get registry value", 1630);
+        }
     }
     EXPECT_TRUE(log.Lines().empty());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, RegistryString,
-    testing::Values(
-        StoredValue{"text", REG_SZ, {'2', 0, '4', 0, 0, 0}, L"24"},
-        StoredValue{"text without NUL", REG_SZ, {'2', 0, '4', 0}, L"24"},
-        StoredValue{"one character without NUL", REG_SZ, {'2', 0}, L"2"},
-        StoredValue{"empty text", REG_SZ, {0, 0}, L""}, StoredValue{"no bytes", REG_SZ, {}, L""},
-        StoredValue{"text up to its first NUL", REG_SZ, {'a', 0, 0, 0, 'b', 0, 0, 0}, L"a"},
-        StoredValue{"no ASCII", REG_SZ, {0xAC, 0x20, 0xE9, 0, 0x3D, 0xD8, 0, 0xDE, 0, 0}, L"\u20ac\u00e9\U0001f600"},
-        StoredValue{"blanks stay", REG_SZ, {' ', 0, 'a', 0, ' ', 0, 0, 0}, L" a "},
-        StoredValue{"number", REG_DWORD, {1, 0, 0, 0}}, StoredValue{"long number", REG_QWORD, {1, 0, 0, 0, 0, 0, 0, 0}},
-        StoredValue{"bytes", REG_BINARY, {'a', 0, 0, 0}},
-        StoredValue{"several texts", REG_MULTI_SZ, {'a', 0, 0, 0, 0, 0}},
-        StoredValue{"no type", REG_NONE, {'a', 0, 0, 0}}));
 
 TEST(RegistryStrings, OddNumberOfBytesIsReadWithoutRunningPastThem)
 {
@@ -246,19 +234,16 @@ TEST(RegistryStrings, SecondReadDecidesAndTheStatusOfTheFirstIsRaised)
 
 TEST(RegistryStrings, WithoutACharacterThereIsNoBuffer)
 {
-    for (const DWORD bytes : {0u, 1u})
-    {
-        int calls = 0;
-        SUBSTITUTE(RegGetValueW)
-        get([&](HKEY, const wchar_t*, const wchar_t*, DWORD, DWORD*, void* data, DWORD* size) {
-            ++calls;
-            EXPECT_EQ(data, nullptr);
-            *size = bytes;
-            return ERROR_SUCCESS;
-        });
-        EXPECT_EQ(ReadRegistryString(RegistryKey(), L"", L"Value"), L"");
-        EXPECT_EQ(calls, 2);
-    }
+    int calls = 0;
+    SUBSTITUTE(RegGetValueW)
+    get([&](HKEY, const wchar_t*, const wchar_t*, DWORD, DWORD*, void* data, DWORD* size) {
+        EXPECT_EQ(data, nullptr);
+        *size = ++calls > 2 ? 1 : 0;
+        return ERROR_SUCCESS;
+    });
+    EXPECT_EQ(ReadRegistryString(RegistryKey(), L"", L"Value"), L"");
+    EXPECT_EQ(ReadRegistryString(RegistryKey(), L"", L"Value"), L"");
+    EXPECT_EQ(calls, 4);
 }
 
 // Proves: A number cannot be written => the error's text names value and number, cut after 259 characters

@@ -1,11 +1,5 @@
-#include <windows.h>
-
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "base/standard_output.h"
-#include "support/substitute.h"
+#include "support/test.h"
 
 IMPORTED(GetStdHandle, WriteFile)
 

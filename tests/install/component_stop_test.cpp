@@ -1,19 +1,9 @@
 #include "install/component_stop.h"
 
-#include <windows.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "support/fake_machine.h"
-#include "support/key_watch.h"
 #include "support/log_capture.h"
 #include "support/machine_registry.h"
-
-using testing::ElementsAreArray;
+#include "support/test.h"
 
 IMPORTED(GetSystemDirectoryW)
 
@@ -27,8 +17,6 @@ constexpr wchar_t kTaskkill[] = L"C:\\windows\\system32\\taskkill.exe";
 class StopComponents : public testing::Test
 {
 protected:
-    void Install(const std::wstring& location) const { registry_.SetString(kApplicationKey, L"Location", location); }
-
     // Stops the components. The steps must be these, then five kills in this order, each waited for; every kill is
     // logged.
     void ExpectStops(std::vector<std::wstring> steps = {}, std::vector<std::wstring> lines = {}, int killCode = 0)
@@ -53,31 +41,22 @@ protected:
 };
 
 // Proves: The application is installed => it is asked to exit, then five names are killed in a fixed order, even when the asking succeeded; 30 seconds for each step
+// Proves: The location ends in a backslash => two backslashes; it is taken as it is
 TEST_F(StopComponents, AsksTheApplicationToExitAndThenKillsAllFiveByName)
 {
-    Install(L"C:\\Program Files\\Tavik\\HL");
-    ExpectStops({L"run C:\\Program Files\\Tavik\\HL\\hlcmd.exe | exit | -", L"wait 30000"},
-                {L"Process C:\\Program Files\\Tavik\\HL\\hlcmd.exe exit completed with exit code 0"});
-}
-
-// Proves: The location ends in a backslash => two backslashes; it is taken as it is
-TEST_F(StopComponents, TakesALocationWithABackslashAtItsEndAsItIs)
-{
-    Install(L"C:\\HL\\");
-    ExpectStops({L"run C:\\HL\\\\hlcmd.exe | exit | -", L"wait 30000"},
-                {L"Process C:\\HL\\\\hlcmd.exe exit completed with exit code 0"});
+    registry_.SetString(kApplicationKey, L"Location", L"C:\\Program Files\\HL\\");
+    ExpectStops({L"run C:\\Program Files\\HL\\\\hlcmd.exe | exit | -", L"wait 30000"},
+                {L"Process C:\\Program Files\\HL\\\\hlcmd.exe exit completed with exit code 0"});
 }
 
 // Proves: The key or the location is missing => no program is asked, nothing is logged about it, the five kills run
-TEST_F(StopComponents, OnlyKillsWithoutTheApplicationsKey)
+TEST_F(StopComponents, OnlyKillsWithoutTheApplicationsKeyOrLocation)
 {
     ExpectStops();
-}
-
-TEST_F(StopComponents, OnlyKillsWithoutALocation)
-{
     registry_.CreateKey(kApplicationKey);
-    ExpectStops();
+    machine_.steps.clear();
+    StopRunningComponents();
+    EXPECT_EQ(machine_.StepsOf(L"run").size(), 5u);
 }
 
 // Proves: A name is not running => taskkill's code is logged and ignored
@@ -90,25 +69,12 @@ TEST_F(StopComponents, LogsAndIgnoresTheCodeOfAKillThatFails)
 // Proves: The command tool is missing => the failed start is logged, the kills run
 TEST_F(StopComponents, KillsWhenTheCommandToolIsMissing)
 {
-    Install(L"C:\\HL");
+    registry_.SetString(kApplicationKey, L"Location", L"C:\\HL");
     machine_.startErrors[L"C:\\HL\\hlcmd.exe"] = 2;
     StopRunningComponents();
     EXPECT_EQ(machine_.StepsOf(L"run").size(), 6u);
     ASSERT_EQ(log_.Lines().size(), 6u);
-    EXPECT_THAT(log_.Lines()[0],
-                testing::StartsWith(L"Launching process C:\\HL\\hlcmd.exe exit failed. Error code = 2"));
-}
-
-// Proves: The key is read (stopping the application) => for reading, and closed before the command tool runs
-TEST_F(StopComponents, ClosesTheKeyBeforeTheCommandToolRuns)
-{
-    Install(L"C:\\HL");
-    KeyWatch watch(kApplicationKey);
-    watch.onClose = [this] { machine_.steps.push_back(L"close key"); };
-    StopRunningComponents();
-    ASSERT_GE(machine_.steps.size(), 2u);
-    EXPECT_EQ(machine_.steps[0], L"close key");
-    EXPECT_EQ(machine_.steps[1], L"run C:\\HL\\hlcmd.exe | exit | -");
+    EXPECT_THAT(log_.Lines()[0], StartsWith(L"Launching process C:\\HL\\hlcmd.exe exit failed. Error code = 2"));
 }
 
 // Proves: taskkill is looked for => in the system's folder; its parameters begin with a blank and quote the name

@@ -1,28 +1,18 @@
 #include "install/install_sequence.h"
 
 #include <windows.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <msi.h>
+#include <shlobj.h>
 
 #include <map>
-#include <string>
-#include <vector>
 
+#include "support/error_matcher.h"
 #include "support/fake_machine.h"
 #include "support/log_capture.h"
 #include "support/machine_registry.h"
-#include "support/with_param.h"
+#include "support/test.h"
 
-using testing::Contains;
-using testing::Each;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
-using testing::SizeIs;
-using testing::StartsWith;
-
-IMPORTED(CreateDirectoryW, SHGetSpecialFolderPathW)
+IMPORTED(MsiSetInternalUI, SHChangeNotify, SHGetSpecialFolderPathW)
 
 namespace repair
 {
@@ -56,6 +46,17 @@ protected:
     MachineRegistry registry_;
     FakeMachine machine_;
     LogCapture log_;
+    SUBSTITUTE(MsiSetInternalUI)
+    setUi_{[this](INSTALLUILEVEL level, HWND* owner) {
+        EXPECT_EQ(std::tuple(level, owner), std::tuple(2, nullptr));
+        machine_.steps.push_back(L"no interface");
+        return INSTALLUILEVEL_DEFAULT;
+    }};
+    SUBSTITUTE(SHChangeNotify)
+    notify_{[this](LONG event, UINT flags, const void* first, const void* second) {
+        EXPECT_EQ(std::tuple(event, flags, first, second), std::tuple(0x08000000, 0u, nullptr, nullptr));
+        machine_.steps.push_back(L"notify");
+    }};
 };
 
 // Proves: Everything is there => no Windows Installer interface, folder, installer, products of the three families asked for, programs stopped, removals, main package, DVR, PXL, shell told; in this order
@@ -69,7 +70,7 @@ TEST_F(InstallSequence, RunsItsStepsInOrder)
     const std::wstring folder = machine_.ExtractionFolder();
     EXPECT_EQ(RunInstallSequence(L"C:\\My Files\\dwx2_install.exe", false), 0);
     std::vector<std::wstring> steps = {
-        L"ui 2",
+        L"no interface",
         L"run C:\\My Files\\dwx2_install.exe | /NCRC /S -EXTRACTONLY=YES /D=" + folder + L" | " + folder,
         L"wait 4294967295",
         std::wstring(L"related ") + kHalden,
@@ -89,7 +90,7 @@ TEST_F(InstallSequence, RunsItsStepsInOrder)
         steps.push_back(Installation(package));
     }
     steps.push_back(L"notify");
-    EXPECT_THAT(machine_.steps, testing::ElementsAreArray(steps));
+    EXPECT_THAT(machine_.steps, ElementsAreArray(steps));
 }
 
 // Proves: Removals and installs => each has its line and its result; a removal's 3010 stays 3010, an install's becomes 0
@@ -113,45 +114,40 @@ TEST_F(InstallSequence, LogsEveryRemovalAndEveryInstallation)
                             L"Installing " + Dvr(), L"\tResult = 0", L"Installing " + Pxl(), L"\tResult = 1619"));
 }
 
-// Which products are installed, whether all components are wanted, and the steps: "-" for a removal, then the first
-// letter.
-struct Components
-{
-    std::string products;
-    bool areAllWanted;
-    std::vector<std::string> steps;
-};
-
-using InstallSequenceComponents = WithParam<InstallSequence, Components>;
-
 // Proves: No product, not all components wanted => no removal line, only the main package
 // Proves: All components wanted => all three packages
 // Proves: DVR installed, PXL not (and the reverse) => only the one that was there comes back
-TEST_P(InstallSequenceComponents, AreThoseThatWereThereOrAllThatAreWanted)
+TEST_F(InstallSequence, InstallsTheComponentsThatWereThereOrAllThatAreWanted)
 {
     machine_.UnpacksMainPackage();
+    // Which products are installed, whether all components are wanted, and the steps: "-" before a removal.
+    const std::tuple<std::string, bool, std::vector<std::string>> rows[] = {{"", false, {"H"}},
+                                                                            {"", true, {"H", "D", "P"}},
+                                                                            {"D", false, {"-D", "H", "D"}},
+                                                                            {"P", false, {"-P", "H", "P"}},
+                                                                            {"HD", true, {"-H", "-D", "H", "D", "P"}}};
     const std::map<char, const wchar_t*> families = {{'H', kHalden}, {'D', kDvr}, {'P', kPxl}};
-    for (const char product : GetParam().products)
-    {
-        machine_.products[families.at(product)] = {L"C:\\" + std::wstring(1, static_cast<wchar_t>(product))};
-    }
-    EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", GetParam().areAllWanted), 0);
-    const std::map<std::string, std::wstring> steps = {{"-H", Removal(L"C:\\H")},  {"-D", Removal(L"C:\\D")},
+    const std::map<std::string, std::wstring> calls = {{"-H", Removal(L"C:\\H")},  {"-D", Removal(L"C:\\D")},
                                                        {"-P", Removal(L"C:\\P")},  {"H", Installation(Main())},
                                                        {"D", Installation(Dvr())}, {"P", Installation(Pxl())}};
-    std::vector<std::wstring> expected;
-    for (const std::string& step : GetParam().steps)
+    for (const auto& [products, areAllWanted, steps] : rows)
     {
-        expected.push_back(steps.at(step));
+        machine_.EndProcess();
+        machine_.products.clear();
+        machine_.steps.clear();
+        for (const char product : products)
+        {
+            machine_.products[families.at(product)] = {L"C:\\" + std::wstring(1, static_cast<wchar_t>(product))};
+        }
+        EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", areAllWanted), 0);
+        std::vector<std::wstring> expected;
+        for (const std::string& step : steps)
+        {
+            expected.push_back(calls.at(step));
+        }
+        EXPECT_EQ(machine_.StepsOf(L"install"), expected);
     }
-    EXPECT_EQ(machine_.StepsOf(L"install"), expected);
 }
-
-INSTANTIATE_TEST_SUITE_P(All, InstallSequenceComponents,
-                         testing::Values(Components{"", false, {"H"}}, Components{"", true, {"H", "D", "P"}},
-                                         Components{"D", false, {"-D", "H", "D"}},
-                                         Components{"P", false, {"-P", "H", "P"}},
-                                         Components{"HD", true, {"-H", "-D", "H", "D", "P"}}));
 
 // Proves: The main package is missing afterwards => "Unable to find" is logged, result 2; nothing was stopped or removed
 TEST_F(InstallSequence, EndsBeforeAnythingIsStoppedOrRemovedWithoutTheMainPackage)
@@ -159,7 +155,7 @@ TEST_F(InstallSequence, EndsBeforeAnythingIsStoppedOrRemovedWithoutTheMainPackag
     machine_.Unpacks(L"\\HL\\pxl64\\PXL64.msi");
     machine_.products[kHalden] = {L"C:\\h.msi"};
     EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", true), 2);
-    EXPECT_THAT(machine_.steps, ElementsAre(L"ui 2", StartsWith(L"run C:\\i.exe | "), L"wait 4294967295"));
+    EXPECT_THAT(machine_.steps, ElementsAre(L"no interface", StartsWith(L"run C:\\i.exe | "), L"wait 4294967295"));
     EXPECT_THAT(OwnLines(), ElementsAre(L"Unable to find " + Main() + L"."));
 }
 
@@ -170,14 +166,6 @@ TEST_F(InstallSequence, EndsWithAMissingMainPackageWhenTheInstallerDoesNotStart)
     EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", false), 2);
     EXPECT_THAT(log_.Lines(), ElementsAre(StartsWith(L"Launching process C:\\i.exe /NCRC /S -EXTRACTONLY=YES /D="),
                                           L"Unable to find " + Main() + L"."));
-}
-
-// Proves: The installer reports failure but has unpacked => ignored
-TEST_F(InstallSequence, GoesOnAfterAnInstallerThatReportsFailureButUnpacked)
-{
-    machine_.UnpacksMainPackage();
-    machine_.exitCodes[L"C:\\i.exe"] = 1;
-    EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", false), 0);
 }
 
 // Proves: The main package fails => its code is the result; the other packages are installed nevertheless
@@ -191,10 +179,12 @@ TEST_F(InstallSequence, ReturnsTheFailureOfTheMainPackageAndInstallsTheOthers)
     EXPECT_EQ(machine_.steps.back(), L"notify");
 }
 
+// Proves: The installer reports failure but has unpacked => ignored
 // Proves: Another package fails, or was not unpacked => only logged
-TEST_F(InstallSequence, OnlyLogsTheFailureOfAnotherPackage)
+TEST_F(InstallSequence, PassesOverTheFailureOfTheInstallerAndOfTheOtherPackages)
 {
     machine_.UnpacksMainPackage();
+    machine_.exitCodes[L"C:\\i.exe"] = 1;
     machine_.packageResults[Dvr()] = 1619;
     machine_.packageResults[Pxl()] = 1603;
     EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", true), 0);
@@ -219,56 +209,26 @@ TEST_F(InstallSequence, InstallsEveryPackageIntoTheUsersOwnFolder)
     EXPECT_THAT(log_.Lines(), Contains(L"Using custom install directory D:\\My Tavik").Times(3));
 }
 
-TEST_F(InstallSequence, GoesOnWhenTheFolderCannotBeSecured)
-{
-    machine_.UnpacksMainPackage();
-    SUBSTITUTE(CreateDirectoryW)
-    create([&](const wchar_t* path, SECURITY_ATTRIBUTES* security) {
-        return security != nullptr ? FailWith(5) : create.Original()(path, security);
-    });
-    EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", false), 0);
-}
-
 TEST_F(InstallSequence, SecuresAndEmptiesTheFolderBeforeTheInstallerRuns)
 {
     CreateDirectories(machine_.ExtractionFolder());
     machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload\\LPInstaller\\planted.dll", "x");
-    bool oldFileThere = true;
-    bool markerThere = false;
     machine_.onRun = [&] {
-        oldFileThere = Exists(machine_.ExtractionFolder() + L"\\planted.dll");
-        markerThere = Exists(machine_.ExtractionFolder() + L"\\~.tmp");
-        machine_.onRun = [] {};
+        EXPECT_FALSE(Exists(machine_.ExtractionFolder() + L"\\planted.dll"));
+        EXPECT_TRUE(Exists(machine_.ExtractionFolder() + L"\\~.tmp"));
     };
-    RunInstallSequence(L"C:\\i.exe", false);
-    EXPECT_FALSE(oldFileThere);
-    EXPECT_TRUE(markerThere);
-}
-
-TEST_F(InstallSequence, ThrowsBeforeAnythingRunsWhenTheParentsCannotBeCreated)
-{
-    machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload", "in the way");
-    EXPECT_THROW(RunInstallSequence(L"C:\\i.exe", false), std::filesystem::filesystem_error);
-    EXPECT_THAT(machine_.StepsOf(L"run"), IsEmpty());
+    EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", false), 2);
 }
 
 // Proves: An exception, through the guard => logged with its text, result -1
 TEST_F(InstallSequence, GuardTurnsAnExceptionIntoALineAndMinusOne)
 {
     machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload", "in the way");
-    std::wstring message;
-    try
-    {
-        RunInstallSequence(L"C:\\i.exe", false);
-    }
-    catch (const std::exception& error)
-    {
-        const std::string narrow = error.what();
-        message.assign(narrow.begin(), narrow.end());
-    }
-    ASSERT_FALSE(message.empty());
+    const std::string error = FileErrorOf([] { RunInstallSequence(L"C:\\i.exe", false); }).what();
     EXPECT_EQ(InstallWithExceptionGuard(L"C:\\i.exe"), -1);
-    EXPECT_THAT(log_.Lines(), ElementsAre(L"\tException occured during installation. " + message));
+    EXPECT_THAT(log_.Lines(),
+                ElementsAre(L"\tException occured during installation. " + std::wstring(error.begin(), error.end())));
+    EXPECT_THAT(machine_.StepsOf(L"run"), IsEmpty());
 }
 
 // Proves: An exception that is not a standard one => passes the guard

@@ -4,22 +4,12 @@
 #include <msi.h>
 #include <shlobj.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <list>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 #include "support/fake_machine.h"
-#include "support/key_watch.h"
 #include "support/log_capture.h"
 #include "support/machine_registry.h"
-
-using testing::ElementsAre;
-using testing::IsEmpty;
+#include "support/test.h"
 
 IMPORTED(SHGetSpecialFolderPathW)
 
@@ -30,30 +20,17 @@ namespace
 constexpr wchar_t kHalden[] = L"{5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}";
 constexpr wchar_t kApplicationKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\";
 
-// The cached packages of a family's products, and which of them the tool finds.
-struct Family
-{
-    std::vector<std::wstring> packages;
-    std::list<std::wstring> found;
-};
-
-using FindRelatedProductPackagesOf = testing::TestWithParam<Family>;
-
 // Proves: Products of a family are installed => their cached packages in the system's order, each asked for with a full buffer
 // Proves: None => an empty list
 // Proves: A product's package cannot be read, or its path has 260 characters or more => it is left out
-TEST_P(FindRelatedProductPackagesOf, AFamilyGivesTheReadablePackagesInTheInstallersOrder)
+TEST(FindRelatedProductPackages, GivesTheReadablePackagesOfAFamilyInTheInstallersOrder)
 {
     FakeMachine machine;
-    machine.products[L"{X}"] = GetParam().packages;
-    EXPECT_EQ(FindRelatedProductPackages(L"{X}"), GetParam().found);
+    EXPECT_THAT(FindRelatedProductPackages(L"{X}"), IsEmpty());
+    const std::wstring longest(259, L'a');
+    machine.products[L"{X}"] = {L"C:\\b.msi", L"", longest, std::wstring(260, L'b'), L"C:\\a.msi"};
+    EXPECT_THAT(FindRelatedProductPackages(L"{X}"), ElementsAre(L"C:\\b.msi", longest, L"C:\\a.msi"));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, FindRelatedProductPackagesOf,
-    testing::Values(Family{{L"C:\\b.msi", L"C:\\a.msi"}, {L"C:\\b.msi", L"C:\\a.msi"}}, Family{{}, {}},
-                    Family{{L"C:\\1.msi", L"", L"C:\\3.msi"}, {L"C:\\1.msi", L"C:\\3.msi"}},
-                    Family{{std::wstring(259, L'a'), std::wstring(260, L'b')}, {std::wstring(259, L'a')}}));
 
 // An enumeration whose calls return these results with these product codes (null: the buffer stays as it is), then the
 // end. The package of a product has the product's code as its path.
@@ -101,23 +78,13 @@ TEST_F(ProductEnumeration, LooksUpAnEmptyCodeAfterAnErrorAtTheFirstIndex)
     EXPECT_THAT(codes_, ElementsAre(L""));
 }
 
-TEST_F(ProductEnumeration, LeavesOutAProductWhosePackageCannotBeRead)
-{
-    answers_ = {{0, L"{a}"}};
-    for (const UINT result : {234u, 1605u, 1608u, 1610u, 87u})
-    {
-        packageResult_ = result;
-        EXPECT_THAT(FindRelatedProductPackages(L"{X}"), IsEmpty()) << result;
-    }
-    EXPECT_EQ(codes_.size(), 5u);
-}
-
 // Proves: Is the desktop edition installed? => when the main family has a product with a readable package
 TEST(IsDesktopEditionInstalled, AnswersForTheMainFamilyOnly)
 {
     FakeMachine machine;
     machine.products[L"{8E41A6D2-0C9B-4F73-A215-6B7D3E9F0A58}"] = {L"C:\\dvr.msi"};
     machine.products[L"{B07F3C95-4D28-4E6A-8B31-9F5A2C7E1D04}"] = {L"C:\\pxl.msi"};
+    machine.products[kHalden] = {L""};  // without a readable package
     EXPECT_FALSE(IsDesktopEditionInstalled());
     machine.products[kHalden] = {L"C:\\main.msi"};
     EXPECT_TRUE(IsDesktopEditionInstalled());
@@ -125,46 +92,25 @@ TEST(IsDesktopEditionInstalled, AnswersForTheMainFamilyOnly)
                                                          L"related {5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}"));
 }
 
-TEST(IsDesktopEditionInstalled, IgnoresAProductWithoutAReadablePackage)
-{
-    FakeMachine machine;
-    machine.products[kHalden] = {L""};
-    EXPECT_FALSE(IsDesktopEditionInstalled());
-}
-
-// What Windows Installer returns, what comes back, and what is logged.
-struct Installation
-{
-    UINT result;
-    int returned;
-    std::vector<std::wstring> lines;
-};
-
-using InstallMsiPackageResult = testing::TestWithParam<Installation>;
-
-const std::vector<std::wstring> kReboot = {L"System reboot may be required for C:\\a b.msi."};
-INSTANTIATE_TEST_SUITE_P(Codes, InstallMsiPackageResult,
-                         testing::Values(Installation{0, 0, {}}, Installation{1641, 0, kReboot},
-                                         Installation{3010, 0, kReboot}, Installation{3011, 0, kReboot},
-                                         Installation{2, 2, {}}, Installation{5, 5, {}}, Installation{1601, 1601, {}},
-                                         Installation{1602, 1602, {}}, Installation{1603, 1603, {}},
-                                         Installation{1618, 1618, {}}, Installation{1619, 1619, {}},
-                                         Installation{1620, 1620, {}}, Installation{1638, 1638, {}},
-                                         Installation{1640, 1640, {}}, Installation{1642, 1642, {}},
-                                         Installation{3009, 3009, {}}, Installation{3012, 3012, {}}));
-
 // Proves: A package is installed => with the fixed properties, nothing is logged
 // Proves: It wants a restart (1641, 3010, 3011) => logged, result 0
 // Proves: It fails otherwise => the code comes back, nothing is logged here
-TEST_P(InstallMsiPackageResult, ComesBackUnlessItIsAWantedRestart)
+TEST(InstallMsiPackage, GivesTheResultUnlessItIsAWantedRestart)
 {
     FakeMachine machine;
-    machine.packageResults[L"C:\\a b.msi"] = GetParam().result;
-    const LogCapture log;
-    EXPECT_EQ(InstallMsiPackage(L"C:\\a b.msi", L""), GetParam().returned);
-    EXPECT_THAT(machine.steps,
-                ElementsAre(L"install C:\\a b.msi | REBOOT=ReallySuppress MSIFASTINSTALL=3 LAUNCHED_FROM_MIM=\"1\""));
-    EXPECT_EQ(log.Lines(), GetParam().lines);
+    LogCapture log;
+    for (const UINT result :
+         {0u, 2u, 5u, 1601u, 1602u, 1603u, 1618u, 1619u, 1620u, 1638u, 1640u, 1641u, 1642u, 3009u, 3010u, 3011u, 3012u})
+    {
+        SCOPED_TRACE(result);
+        const bool isRestart = result == 1641 || result == 3010 || result == 3011;
+        machine.packageResults[L"C:\\a b.msi"] = result;
+        EXPECT_EQ(InstallMsiPackage(L"C:\\a b.msi", L""), isRestart ? 0 : static_cast<int>(result));
+        const std::vector<std::wstring> line = {L"System reboot may be required for C:\\a b.msi."};
+        EXPECT_EQ(log.Take(), isRestart ? line : std::vector<std::wstring>());
+    }
+    EXPECT_THAT(machine.steps, Each(L"install C:\\a b.msi | REBOOT=ReallySuppress MSIFASTINSTALL=3 "
+                                    L"LAUNCHED_FROM_MIM=\"1\""));
 }
 
 // Proves: Into a folder of the user's own, with blanks => logged, the folder is appended in quotes
@@ -214,7 +160,7 @@ TEST_F(GetCustomInstallDirTest, IsEmptyForTheDefaultFolderInAnySpelling)
     for (const wchar_t* spelling : {L"Tavik", L"TAVIK", L"tavik\\", L".\\Tavik", L"Tavik\\..\\Tavik"})
     {
         Register(programFiles_ / spelling);
-        EXPECT_EQ(GetCustomInstallDir(), L"") << testing::PrintToString(std::wstring(spelling));
+        EXPECT_EQ(GetCustomInstallDir(), L"") << PrintToString(std::wstring(spelling));
     }
 }
 
@@ -246,16 +192,6 @@ TEST_F(GetCustomInstallDirTest, IsEmptyWithoutTheKeyOrTheValueAndNoFolderIsAsked
     registry_.SetValue(kApplicationKey, L"InstallDir", REG_DWORD, {1, 0, 0, 0});
     EXPECT_EQ(GetCustomInstallDir(), L"");
     EXPECT_EQ(asked, 0);
-}
-
-// Proves: The key is opened => for reading, in the process's own view, and closed
-TEST_F(GetCustomInstallDirTest, OpensTheKeyForReadingInTheOwnViewAndClosesIt)
-{
-    Register(L"Q:\\x");
-    const KeyWatch watch(kApplicationKey);
-    GetCustomInstallDir();
-    EXPECT_EQ(watch.opened, 1);
-    EXPECT_EQ(watch.closed, 1);
 }
 }  // namespace
 }  // namespace repair

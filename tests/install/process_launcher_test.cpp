@@ -3,19 +3,9 @@
 #include <windows.h>
 #include <shellapi.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-#include <tuple>
-#include <vector>
-
+#include "base/system_message.h"
 #include "support/log_capture.h"
-#include "support/substitute.h"
-#include "support/with_param.h"
-
-using testing::ElementsAre;
-using testing::StartsWith;
+#include "support/test.h"
 
 IMPORTED(CloseHandle, GetExitCodeProcess, ShellExecuteExW, TerminateProcess, WaitForSingleObject)
 
@@ -23,14 +13,6 @@ namespace repair
 {
 namespace
 {
-// The system's text with line breaks as blanks, in the default language.
-std::wstring SystemText(DWORD code)
-{
-    wchar_t text[512] = {};
-    FormatMessageW(0x12FF, nullptr, code, 0, text, 512, nullptr);
-    return text;
-}
-
 // A start that keeps what the shell is asked for and gives the product a handle of the test's own.
 class LaunchFakeProcess : public testing::Test
 {
@@ -84,6 +66,7 @@ private:
     SUBSTITUTE(TerminateProcess) terminate_{[this](HANDLE, UINT) { return ++killed_, TRUE; }};
 };
 
+// Proves: No working directory is given => the shell chooses one
 // Proves: A program is started => through the shell with "open", hidden, without dialogs of the shell; path and parameters as they are
 TEST_F(LaunchFakeProcess, AsksTheShellToOpenTheFileHiddenAndSilently)
 {
@@ -93,11 +76,6 @@ TEST_F(LaunchFakeProcess, AsksTheShellToOpenTheFileHiddenAndSilently)
               std::tuple(112u, 0x00800540u, nullptr, 0, nullptr, nullptr));
     EXPECT_EQ(std::tuple(seen_.lpClass, seen_.hkeyClass, seen_.dwHotKey, seen_.hIcon, seen_.hProcess),
               std::tuple(nullptr, nullptr, 0u, nullptr, nullptr));
-}
-
-// Proves: No working directory is given => the shell chooses one
-TEST_F(LaunchFakeProcess, LetsTheShellChooseTheWorkingDirectory)
-{
     Launch();
     EXPECT_EQ(texts_.back(), L"none");
 }
@@ -115,54 +93,49 @@ TEST_F(LaunchFakeProcess, WaitsOnceForTheGivenTimeEvenIfTheWaitFails)
     }
 }
 
-struct Ended
-{
-    const wchar_t* parameters;
-    DWORD exitCode;
-    int returned;
-    const wchar_t* line;
-};
-
-using LaunchProcessExitCode = WithParam<LaunchFakeProcess, Ended>;
-
 // Proves: It ends => its exit code is logged and returned, the handle is closed
 // Proves: Exit code 2, and a missing file => both give 2, only the log tells them apart
 // Proves: Empty parameters => two blanks in the line
 // Proves: Exit codes above 0x7FFFFFFF => negative numbers
 // Proves: It outlives the wait => it is not killed, the handle is closed; the code is 259
-TEST_P(LaunchProcessExitCode, IsLoggedAndReturnedAndTheHandleClosed)
+TEST_F(LaunchFakeProcess, LogsAndReturnsTheExitCodeAndClosesTheHandle)
 {
-    exitCode_ = GetParam().exitCode;
-    waitResult_ = exitCode_ == STILL_ACTIVE ? WAIT_TIMEOUT : WAIT_OBJECT_0;
-    EXPECT_EQ(Launch(GetParam().parameters), GetParam().returned);
-    EXPECT_EQ(std::tuple(closed_, killed_), std::tuple(1, 0));
-    EXPECT_THAT(log_.Lines(), ElementsAre(GetParam().line));
+    struct
+    {
+        const wchar_t* parameters;
+        DWORD exitCode;
+        int returned;
+        const wchar_t* line;
+    } const ends[] = {{L"/x", 2, 2, L"Process a.exe /x completed with exit code 2"},
+                      {L"", 0, 0, L"Process a.exe  completed with exit code 0"},
+                      {L"/x", 0xC0000005, -1073741819, L"Process a.exe /x completed with exit code -1073741819"},
+                      {L"/x", STILL_ACTIVE, 259, L"Process a.exe /x completed with exit code 259"}};
+    for (const auto& [parameters, exitCode, returned, line] : ends)
+    {
+        closed_ = 0;
+        exitCode_ = exitCode;
+        waitResult_ = exitCode == STILL_ACTIVE ? WAIT_TIMEOUT : WAIT_OBJECT_0;
+        EXPECT_EQ(Launch(parameters), returned);
+        EXPECT_EQ(std::tuple(closed_, killed_), std::tuple(1, 0));
+        EXPECT_THAT(log_.Take(), ElementsAre(line));
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, LaunchProcessExitCode,
-                         testing::Values(Ended{L"/x", 2, 2, L"Process a.exe /x completed with exit code 2"},
-                                         Ended{L"", 0, 0, L"Process a.exe  completed with exit code 0"},
-                                         Ended{L"/x", 0xC0000005, -1073741819,
-                                               L"Process a.exe /x completed with exit code -1073741819"},
-                                         Ended{L"/x", 259, 259, L"Process a.exe /x completed with exit code 259"}));
-
-using LaunchProcessStartFailure = WithParam<LaunchFakeProcess, DWORD>;
-INSTANTIATE_TEST_SUITE_P(Codes, LaunchProcessStartFailure, testing::Values(2, 5, 1155, 1223, 99'999));
-
 // Proves: It cannot be started => logged with code and text, the code comes back, nothing is waited for
-TEST_P(LaunchProcessStartFailure, IsLoggedWithTheSystemsTextAndItsErrorReturned)
+TEST_F(LaunchFakeProcess, LogsAndReturnsTheErrorOfAStartWithTheSystemsText)
 {
-    startError_ = GetParam();
     exitCodeError_ = ERROR_INVALID_FUNCTION;  // would be logged
-    for (const wchar_t* parameters : {L"/x", L""})
+    for (const DWORD code : {2u, 5u, 1155u, 1223u, 99'999u})
     {
-        const LogCapture log;
-        EXPECT_EQ(Launch(parameters), static_cast<int>(GetParam()));
-        EXPECT_THAT(log.Lines(),
-                    ElementsAre(std::wstring(L"Launching process a.exe ") + parameters + L" failed. Error code = " +
-                                std::to_wstring(GetParam()) + L" " + SystemText(GetParam())));
+        startError_ = code;
+        for (const std::wstring parameters : {L"/x", L""})
+        {
+            EXPECT_EQ(Launch(parameters.c_str()), static_cast<int>(code));
+            EXPECT_THAT(log_.Take(), ElementsAre(L"Launching process a.exe " + parameters + L" failed. Error code = " +
+                                                 std::to_wstring(code) + L" " + FormatSystemMessage(code)));
+        }
     }
-    EXPECT_THAT(waits_, testing::IsEmpty());
+    EXPECT_THAT(waits_, IsEmpty());
 }
 
 // Proves: The exit code cannot be read, or no process handle came back => logged with code and text, the code comes back, the handle is closed
@@ -172,7 +145,7 @@ TEST_F(LaunchFakeProcess, LogsAndReturnsTheErrorOfAnExitCodeThatCannotBeRead)
     EXPECT_EQ(Launch(), 6);
     EXPECT_EQ(closed_, 1);
     EXPECT_THAT(log_.Lines(),
-                ElementsAre(L"Unable to get exit code for process a.exe /x. Error code = 6 " + SystemText(6)));
+                ElementsAre(L"Unable to get exit code for process a.exe /x. Error code = 6 " + FormatSystemMessage(6)));
 }
 
 // Proves: A very long command line => is cut in the log only
@@ -190,16 +163,6 @@ TEST(LaunchProcess, LogsAStartWithoutAProcessHandleAsAnUnreadableExitCode)
     const LogCapture log;
     EXPECT_EQ(LaunchProcess(L"a.txt", L"", 1, nullptr), 6);
     EXPECT_THAT(log.Lines(), ElementsAre(StartsWith(L"Unable to get exit code for process a.txt . Error code = 6 ")));
-}
-
-TEST(LaunchProcess, RunsARealProgramAndReportsAMissingOne)
-{
-    const LogCapture log;
-    EXPECT_EQ(LaunchProcess(L"C:\\windows\\system32\\cmd.exe", L"/c exit 5", 30'000, nullptr), 5);
-    EXPECT_EQ(LaunchProcess(L"C:\\windows\\no such program.exe", L"/x", 1, nullptr), 2);
-    EXPECT_THAT(log.Lines(), ElementsAre(L"Process C:\\windows\\system32\\cmd.exe /c exit 5 completed with exit code 5",
-                                         StartsWith(L"Launching process C:\\windows\\no such program.exe /x failed. "
-                                                    L"Error code = 2 ")));
 }
 }  // namespace
 }  // namespace repair

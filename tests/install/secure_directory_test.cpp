@@ -4,22 +4,10 @@
 #include <aclapi.h>
 #include <wtsapi32.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-#include <tuple>
-#include <vector>
-
 #include "support/error_matcher.h"
 #include "support/log_capture.h"
-#include "support/substitute.h"
 #include "support/temporary_folder.h"
-#include "support/with_param.h"
-
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
+#include "support/test.h"
 
 IMPORTED(CreateDirectoryW, CreateFileW, InitializeSecurityDescriptor, LocalAlloc, LocalFree, ProcessIdToSessionId,
          SetEntriesInAclW, SetSecurityDescriptorControl, SetSecurityDescriptorDacl, WTSFreeMemory,
@@ -190,7 +178,7 @@ TEST_F(SecureDirectoryTest, SetsUpTheRightsFirstThenTheParentsThenTheFolderThenT
 TEST_F(SecureDirectoryTest, MarkerStaysOpenAndKeepsTheFolderFromBeingRemoved)
 {
     ASSERT_EQ(CreateSecureDirectory(folder_), 0u);
-    ASSERT_THAT(markers_, testing::SizeIs(1));
+    ASSERT_THAT(markers_, SizeIs(1));
     DWORD flags = 0;
     EXPECT_NE(GetHandleInformation(markers_[0], &flags), FALSE);
     EXPECT_THROW(RemoveAll(folder_), std::filesystem::filesystem_error);
@@ -247,7 +235,7 @@ TEST_F(SecureDirectoryTest, ThrowsWhenTheParentsCannotBeCreated)
 {
     parent_.WriteBytes(L"Tavik", "a file where the parent should be");
     const auto error = FileErrorOf([this] { CreateSecureDirectory(folder_); });
-    EXPECT_THAT(error.what(), testing::HasSubstr("create_directories"));
+    EXPECT_THAT(error.what(), HasSubstr("create_directories"));
 }
 
 // Proves: The old folder cannot be removed => exception "remove_all" before anything runs; -1 through the guard
@@ -257,7 +245,7 @@ TEST_F(SecureDirectoryTest, ThrowsWhenTheOldFolderCannotBeRemoved)
     const std::wstring locked = parent_.WriteBytes(L"Tavik\\LPInstaller\\locked", "x");
     const HANDLE open = CreateFileW(locked.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     const auto error = FileErrorOf([this] { CreateSecureDirectory(folder_); });
-    EXPECT_THAT(error.what(), testing::HasSubstr("remove_all"));
+    EXPECT_THAT(error.what(), HasSubstr("remove_all"));
     EXPECT_EQ(error.code().value(), ERROR_SHARING_VIOLATION);
     EXPECT_THAT(markers_, IsEmpty());
     CloseHandle(open);
@@ -277,7 +265,7 @@ TEST_F(SecureDirectoryTest, UsesAnEmptyNameAndReleasesNothingWhenTheSessionCanno
     SUBSTITUTE(WTSQuerySessionInformationW)
     query([](HANDLE, DWORD, WTS_INFO_CLASS, wchar_t**, DWORD*) { return FailWith(7022); });
     CreateSecureDirectory(folder_);
-    ASSERT_THAT(entries_, testing::SizeIs(3));
+    ASSERT_THAT(entries_, SizeIs(3));
     EXPECT_EQ(std::get<5>(entries_[2]), L"\\");
     EXPECT_EQ(sessionTexts_, 0);
 }

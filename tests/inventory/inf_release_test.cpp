@@ -2,28 +2,19 @@
 
 #include <setupapi.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <fstream>
 #include <list>
 #include <new>
 #include <random>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "base/handles.h"
 #include "inventory/inf_release.h"
 #include "support/log_capture.h"
-#include "support/substitute.h"
 #include "support/temporary_folder.h"
-#include "support/with_param.h"
+#include "support/test.h"
 
 IMPORTED(SetupCloseInfFile, SetupFindFirstLineW, SetupFindNextLine, SetupGetLineTextW, SetupOpenInfFileW)
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace repair
 {
@@ -61,40 +52,37 @@ struct InfText
     const char* description;
     std::string bytes;
     std::list<std::wstring> sections;
-
-    friend void PrintTo(const InfText& text, std::ostream* stream) { *stream << text.description; }
 };
-
-using InfSections = WithParam<InfTest, InfText>;
 
 // Proves: Section names are read => whole lines in brackets, in file order, twice when they occur twice; each byte is a character
 // Proves: A header with a comment after it, or indented => is none; a release in such a section is not found
 // Proves: Saved as UTF-16 => no section is seen, the release is empty
-TEST_P(InfSections, AreTheLinesThatAreAHeaderAndNothingElse)
+TEST_F(InfTest, SectionsAreTheLinesThatAreAHeaderAndNothingElse)
 {
-    LogCapture log;
-    EXPECT_EQ(SectionsOf(GetParam().bytes), GetParam().sections);
+    const InfText files[] = {
+        {"file order, duplicates kept", "[b]\r\nx=1\r\n[a]\r\n[b]\r\n", {L"b", L"a", L"b"}},
+        {"line feeds alone", "[a]\n\n[b]\n", {L"a", L"b"}},
+        {"no line end at the end", "[a]\r\n[b]", {L"a", L"b"}},
+        {"comment behind", "[a] ; words\r\n[b];words\r\n[c]\r\n", {L"c"}},
+        {"indented", " [a]\r\n\t[b]\r\n[c] \r\n[d]\r\n", {L"d"}},
+        {"brackets inside", "[]\n[[x]]\n[a]b]\n", {L"", L"[x]", L"a]b"}},
+        {"not closed", "[a\n]\n[b]\n", {L"b"}},
+        {"carriage return inside the line", "[a]\r[b]\n[c\r]\n[d]\r\r\n[e]\n", {L"e"}},
+        {"letter case stays", "[aBc]\n", {L"aBc"}},
+        {"each byte is a character", "[\xc3\xa9\x80\xff]\n", {L"\u00c3\u00a9\u0080\u00ff"}},
+        {"NUL is a character", std::string("[a\0b]\n[c]\0\n[d]\n", 15), {std::wstring(L"a\0b", 3), L"d"}},
+        {"UTF-8 mark before the first line", "\xef\xbb\xbf[a]\r\n[b]\r\n", {L"b"}},
+        {"UTF-16", Utf16("[a]\r\n[b]\r\nx\r\n"), {}},
+        {"end-of-file byte", "[a]\n[b]\x1a\n[c]\n", {L"a", L"b"}},
+        {"empty file", "", {}},
+        {"empty lines", "\n\n\n", {}}};
+    const LogCapture log;
+    for (const InfText& file : files)
+    {
+        EXPECT_EQ(SectionsOf(file.bytes), file.sections) << file.description;
+    }
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, InfSections,
-    testing::Values(
-        InfText{"file order, duplicates kept", "[b]\r\nx=1\r\n[a]\r\n[b]\r\n", {L"b", L"a", L"b"}},
-        InfText{"line feeds alone", "[a]\n\n[b]\n", {L"a", L"b"}},
-        InfText{"no line end at the end", "[a]\r\n[b]", {L"a", L"b"}},
-        InfText{"comment behind", "[a] ; words\r\n[b];words\r\n[c]\r\n", {L"c"}},
-        InfText{"indented", " [a]\r\n\t[b]\r\n[c] \r\n[d]\r\n", {L"d"}},
-        InfText{"brackets inside", "[]\n[[x]]\n[a]b]\n", {L"", L"[x]", L"a]b"}},
-        InfText{"not closed", "[a\n]\n[b]\n", {L"b"}},
-        InfText{"carriage return inside the line", "[a]\r[b]\n[c\r]\n[d]\r\r\n[e]\n", {L"e"}},
-        InfText{"letter case stays", "[aBc]\n", {L"aBc"}},
-        InfText{"each byte is a character", "[\xc3\xa9\x80\xff]\n", {L"\u00c3\u00a9\u0080\u00ff"}},
-        InfText{"NUL is a character", std::string("[a\0b]\n[c]\0\n[d]\n", 15), {std::wstring(L"a\0b", 3), L"d"}},
-        InfText{"UTF-8 mark before the first line", "\xef\xbb\xbf[a]\r\n[b]\r\n", {L"b"}},
-        InfText{"UTF-16", Utf16("[a]\r\n[b]\r\nx\r\n"), {}},
-        InfText{"end-of-file byte", "[a]\n[b]\x1a\n[c]\n", {L"a", L"b"}}, InfText{"empty file", "", {}},
-        InfText{"empty lines", "\n\n\n", {}}));
 
 // Proves: The file does not exist or cannot be opened as text => no section names, no exception
 TEST_F(InfTest, FileThatCannotBeOpenedHasNoSectionsAndNoRelease)
@@ -105,8 +93,8 @@ TEST_F(InfTest, FileThatCannotBeOpenedHasNoSectionsAndNoRelease)
     for (const std::wstring& path :
          {locked, folder_ / L"missing.inf", folder_ / L"missing\\missing.inf", folder_.Path(), std::wstring()})
     {
-        EXPECT_THAT(ReadInfSectionNames(path), IsEmpty()) << testing::PrintToString(path);
-        EXPECT_EQ(ReadInfReleaseVersion(path), L"") << testing::PrintToString(path);
+        EXPECT_THAT(ReadInfSectionNames(path), IsEmpty()) << PrintToString(path);
+        EXPECT_EQ(ReadInfReleaseVersion(path), L"") << PrintToString(path);
     }
 }
 
@@ -120,14 +108,6 @@ TEST_F(InfTest, FileOfAnyNameThatAWriterSharesIsReadAndClosed)
     EXPECT_THAT(ReadInfSectionNames(path), ElementsAre(L"a"));
     writer.Close();
     EXPECT_NE(DeleteFileW(path.c_str()), FALSE);
-}
-
-// Proves: Lines of a million characters, headers at the border of two reads => are read
-TEST_F(InfTest, LinesOfAMillionCharactersAreRead)
-{
-    const std::string filler(1'000'000, 'x');
-    EXPECT_THAT(SectionsOf("[" + filler + "\n[" + filler + "]\n" + filler + "\n[end]\n"),
-                ElementsAre(std::wstring(filler.begin(), filler.end()), L"end"));
 }
 
 // Reads `path` on a thread whose stack is as small as the system makes them.
@@ -152,6 +132,7 @@ std::list<std::wstring> SectionsReadOnASmallStack(std::wstring path)
     return std::move(reading.sections);
 }
 
+// Proves: Lines of a million characters, headers at the border of two reads => are read
 // Proves: An INF of 64 MiB without a line end, or two million unusual lines => read in constant stack, matched as the expressions say
 TEST_F(InfTest, LineOf64MebibytesIsReadInConstantStack)
 {
@@ -231,52 +212,46 @@ struct InfRelease
     std::string lines;
     std::wstring release;
     std::string beginning = kVersion;
-
-    friend void PrintTo(const InfRelease& inf, std::ostream* stream) { *stream << inf.description; }
 };
-
-using InfReleaseVersion = WithParam<InfTest, InfRelease>;
 
 // Proves: The release line in any letter case => it counts
 // Proves: The value is a string key => the text of the strings section
 // Proves: Several release lines => the last one of the last section wins, also when it is empty
 // Proves: No matching line, no section => empty; the file is closed
 // Proves: Any of these => nothing is logged
-TEST_P(InfReleaseVersion, IsTheValueOfTheLastMatchingLine)
+TEST_F(InfTest, ReleaseIsTheValueOfTheLastMatchingLine)
 {
-    LogCapture log;
-    EXPECT_EQ(ReleaseOf(GetParam().beginning + GetParam().lines), GetParam().release);
+    const InfRelease files[] = {
+        {"plain", "[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L"22.5.1"},
+        {"lower case", "[S]\r\nhkr,,releaseversion,,22.5.1\r\n", L"22.5.1"},
+        {"blanks around the fields", "[S]\r\n HKR , , ReleaseVersion , , 22.5.1 \r\n", L"22.5.1"},
+        {"string key", "[S]\r\nHKR,,ReleaseVersion,,%Rel%\r\n[Strings]\r\nRel=\"24.20-a b\"\r\n", L"24.20-a b"},
+        {"quoted", "[S]\r\nHKR,,\"ReleaseVersion\",,\"22.5.1\"\r\n", L"22.5.1"},
+        {"comment behind the line", "[S]\r\nHKR,,ReleaseVersion,,22.5.1 ; x\r\n", L"22.5.1"},
+        {"several fields of a value", "[S]\r\nHKR,,ReleaseVersion,,a, b\r\n", L"a,b"},
+        {"last in a section",
+         "[S]\r\nHKR,,ReleaseVersion,,1\r\nHKR,,Other,,9\r\n"
+         "HKR,,ReleaseVersion,,2\r\nHKR,,More,,9\r\n",
+         L"2"},
+        {"last section", "[B]\r\nHKR,,ReleaseVersion,,1\r\n[A]\r\nHKR,,ReleaseVersion,,2\r\n[C]\r\n", L"2"},
+        {"a section that returns is searched again, with all its lines",
+         "[B]\r\nHKR,,ReleaseVersion,,1\r\n[A]\r\nHKR,,ReleaseVersion,,2\r\n[B]\r\n", L"1"},
+        {"without a value the last still wins", "[S]\r\nHKR,,ReleaseVersion,,1\r\nHKR,,ReleaseVersion,,\r\n", L""},
+        {"flags in the line", "[S]\r\nHKR,,ReleaseVersion,0,22.5.1\r\n", L""},
+        {"header with a comment", "[S] ; words\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L""},
+        {"indented header", "  [S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L""},
+        {"no such line", "[S]\r\nHKR,,Other,,22.5.1\r\n", L""},
+        {"UTF-16", Utf16(kVersion + std::string("[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n")), L"", ""},
+        {"no version section", "[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L"", ""},
+        {"unknown signature", "[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L"", "[Version]\r\nSignature=x\r\n"},
+        {"empty file", "", L"", ""}};
+    const LogCapture log;
+    for (const InfRelease& file : files)
+    {
+        EXPECT_EQ(ReleaseOf(file.beginning + file.lines), file.release) << file.description;
+    }
     EXPECT_THAT(log.Lines(), IsEmpty());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, InfReleaseVersion,
-    testing::Values(
-        InfRelease{"plain", "[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L"22.5.1"},
-        InfRelease{"lower case", "[S]\r\nhkr,,releaseversion,,22.5.1\r\n", L"22.5.1"},
-        InfRelease{"blanks around the fields", "[S]\r\n HKR , , ReleaseVersion , , 22.5.1 \r\n", L"22.5.1"},
-        InfRelease{"string key", "[S]\r\nHKR,,ReleaseVersion,,%Rel%\r\n[Strings]\r\nRel=\"24.20-a b\"\r\n",
-                   L"24.20-a b"},
-        InfRelease{"quoted", "[S]\r\nHKR,,\"ReleaseVersion\",,\"22.5.1\"\r\n", L"22.5.1"},
-        InfRelease{"comment behind the line", "[S]\r\nHKR,,ReleaseVersion,,22.5.1 ; x\r\n", L"22.5.1"},
-        InfRelease{"several fields of a value", "[S]\r\nHKR,,ReleaseVersion,,a, b\r\n", L"a,b"},
-        InfRelease{"last in a section",
-                   "[S]\r\nHKR,,ReleaseVersion,,1\r\nHKR,,Other,,9\r\n"
-                   "HKR,,ReleaseVersion,,2\r\nHKR,,More,,9\r\n",
-                   L"2"},
-        InfRelease{"last section", "[B]\r\nHKR,,ReleaseVersion,,1\r\n[A]\r\nHKR,,ReleaseVersion,,2\r\n[C]\r\n", L"2"},
-        InfRelease{"a section that returns is searched again, with all its lines",
-                   "[B]\r\nHKR,,ReleaseVersion,,1\r\n[A]\r\nHKR,,ReleaseVersion,,2\r\n[B]\r\n", L"1"},
-        InfRelease{"without a value the last still wins", "[S]\r\nHKR,,ReleaseVersion,,1\r\nHKR,,ReleaseVersion,,\r\n",
-                   L""},
-        InfRelease{"flags in the line", "[S]\r\nHKR,,ReleaseVersion,0,22.5.1\r\n", L""},
-        InfRelease{"header with a comment", "[S] ; words\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L""},
-        InfRelease{"indented header", "  [S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L""},
-        InfRelease{"no such line", "[S]\r\nHKR,,Other,,22.5.1\r\n", L""},
-        InfRelease{"UTF-16", Utf16(kVersion + std::string("[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n")), L"", ""},
-        InfRelease{"no version section", "[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L"", ""},
-        InfRelease{"unknown signature", "[S]\r\nHKR,,ReleaseVersion,,22.5.1\r\n", L"", "[Version]\r\nSignature=x\r\n"},
-        InfRelease{"empty file", "", L"", ""}));
 
 // A value of several fields, none longer than SetupAPI's own limit.
 std::string LongValue(size_t characters)
@@ -309,8 +284,7 @@ protected:
     SUBSTITUTE(SetupOpenInfFileW)
     open_{[this](const wchar_t* path, const wchar_t* infClass, DWORD style, UINT* errorLine) -> HINF {
         EXPECT_EQ(path, folder_ / L"x.inf");
-        EXPECT_EQ(infClass, nullptr);
-        EXPECT_EQ(style, 2u);
+        EXPECT_EQ(std::tuple(infClass, style), std::tuple(nullptr, 2u));
         EXPECT_NE(errorLine, nullptr);
         calls_.push_back(L"open");
         return this;
@@ -326,11 +300,8 @@ protected:
     SUBSTITUTE(SetupGetLineTextW)
     text_{[this](INFCONTEXT* context, HINF inf, const wchar_t* section, const wchar_t* key, wchar_t* buffer,
                  DWORD characters, DWORD* needed) {
-        EXPECT_EQ(inf, nullptr);
-        EXPECT_EQ(section, nullptr);
-        EXPECT_EQ(key, nullptr);
-        EXPECT_EQ(characters, 2064u);
-        EXPECT_EQ(needed, nullptr);
+        EXPECT_EQ(std::tuple(inf, section, key, characters, needed),
+                  std::tuple(nullptr, nullptr, nullptr, 2064u, nullptr));
         wcscpy(buffer, lines_[context->Line].c_str());
         return lines_[context->Line].empty() ? FailWith(ERROR_INSUFFICIENT_BUFFER) : TRUE;
     }};
@@ -351,6 +322,8 @@ TEST_F(FakeInf, SectionsAreSearchedInListOrderDuplicatesToo)
 {
     EXPECT_EQ(ReleaseOf("[B]\n[a]\n[B]\n[]\n"), L"");
     EXPECT_THAT(calls_, ElementsAre(L"open", L"find B", L"find a", L"find B", L"find ", L"close"));
+    EXPECT_EQ(ReleaseOf("; words\n"), L"");
+    EXPECT_THAT(calls_, Contains(L"open").Times(2));
 }
 
 // Proves: A line that cannot be fetched, or is longer than 2,063 characters => passed over
@@ -366,12 +339,6 @@ TEST_F(FakeInf, LineIsMatchedAsAWhole)
 {
     lines_ = {L"HKR,,ReleaseVersion,,1", L"HKR,,ReleaseVersion,,2\r", L"xHKR,,ReleaseVersion,,3"};
     EXPECT_EQ(ReleaseOf("[S]\n"), L"1");
-}
-
-TEST_F(FakeInf, FileWithoutSectionsIsStillOpenedAndClosed)
-{
-    EXPECT_EQ(ReleaseOf("; words\n"), L"");
-    EXPECT_THAT(calls_, ElementsAre(L"open", L"close"));
 }
 
 // Proves: The system rejects the file => empty; nothing is closed that was not opened

@@ -6,29 +6,31 @@
 
 #include <msi.h>
 #include <shellapi.h>
-#include <shlobj.h>
 
 #include <atomic>
 #include <functional>
 #include <map>
 #include <string>
-#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "support/substitute.h"
 #include "support/temporary_folder.h"
 
 IMPORTED(CreateFileW, GetExitCodeProcess, MsiEnumRelatedProductsW, MsiGetProductInfoW, MsiInstallProductW,
-         MsiSetInternalUI, SHChangeNotify, ShellExecuteExW, WaitForSingleObject)
+         ShellExecuteExW, WaitForSingleObject)
 
 namespace repair
 {
 class FakeMachine
 {
 public:
-    ~FakeMachine()
+    ~FakeMachine() { EndProcess(); }
+
+    // Closes the marker files, which the product leaves open until its process ends.
+    void EndProcess()
     {
-        for (const HANDLE file : markerFiles_)
+        for (const HANDLE file : std::exchange(markerFiles_, {}))
         {
             CloseHandle(file);
         }
@@ -50,8 +52,8 @@ public:
     }
     void UnpacksMainPackage() { Unpacks(L"\\HL\\halden\\halden64\\dwx-next64.msi"); }
 
-    // "run FILE | PARAMETERS | FOLDER", "wait MS", "ui LEVEL", "related CODE", "install PACKAGE | PROPERTIES",
-    // "notify", in the order of the calls.
+    // "run FILE | PARAMETERS | FOLDER", "wait MS", "related CODE", "install PACKAGE | PROPERTIES", in the order of the
+    // calls. A test may add calls of its own.
     std::vector<std::wstring> steps;
     // Cached packages of the installed products by upgrade code; an empty text is one that cannot be read.
     std::map<std::wstring, std::vector<std::wstring>> products;
@@ -109,11 +111,6 @@ private:
         *code = exitCodes[program_];
         return TRUE;
     }};
-    SUBSTITUTE(MsiSetInternalUI)
-    setUi_{[this](INSTALLUILEVEL level, HWND* owner) {
-        steps.push_back(L"ui " + std::to_wstring(static_cast<int>(level)) + (owner == nullptr ? L"" : L" owner"));
-        return INSTALLUILEVEL_DEFAULT;
-    }};
     SUBSTITUTE(MsiEnumRelatedProductsW)
     enumerate_{[this](const wchar_t* upgradeCode, DWORD, DWORD index, wchar_t* productCode) {
         if (index == 0)
@@ -148,18 +145,13 @@ private:
         const auto result = packageResults.find(package);
         return result != packageResults.end() ? result->second : UINT{ERROR_SUCCESS};
     }};
-    SUBSTITUTE(SHChangeNotify)
-    notify_{[this](LONG event, UINT flags, const void* first, const void* second) {
-        EXPECT_EQ(std::tuple(event, flags, first, second), std::tuple(0x08000000, 0u, nullptr, nullptr));
-        steps.push_back(L"notify");
-    }};
     SUBSTITUTE(CreateFileW)
     createFile_{[this](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,
                        DWORD flags, HANDLE model) {
         const HANDLE file = createFile_.Original()(path, access, share, security, creation, flags, model);
         if (file != INVALID_HANDLE_VALUE && std::wstring(path).ends_with(L"\\~.tmp"))
         {
-            markerFiles_.push_back(file);  // the product leaves it to the end of the process
+            markerFiles_.push_back(file);
         }
         return file;
     }};

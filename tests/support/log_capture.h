@@ -38,6 +38,14 @@ public:
         return lines;
     }
 
+    // Only the lines since the last call of this function.
+    std::vector<std::wstring> Take()
+    {
+        const std::vector<std::wstring> lines = Lines();
+        start_ = ReadAll().size();
+        return lines;
+    }
+
     const std::wstring& Path() const { return path_; }
 
 private:

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <mutex>
+#include <string>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -83,11 +84,27 @@ public:
         const std::lock_guard lock(mutex_);
         return values_;
     }
+    void Clear()
+    {
+        const std::lock_guard lock(mutex_);
+        values_.clear();
+    }
 
 private:
     mutable std::mutex mutex_;
     std::vector<Value> values_;
 };
+
+// What a recorder keeps of an argument: the characters of a text, because the text may be gone later.
+template <typename Value>
+Value Kept(Value value)
+{
+    return value;
+}
+inline std::wstring Kept(const wchar_t* text)
+{
+    return text == nullptr ? L"null" : IS_INTRESOURCE(text) ? L"number" : text;
+}
 
 // The arguments of each call of a statically imported function. The calls go through.
 template <void** slot, typename Signature>
@@ -97,14 +114,15 @@ template <void** slot, typename Result, typename... Arguments>
 class Recorder<slot, Result(Arguments...)>
 {
 public:
-    using Call = std::tuple<Arguments...>;
+    using Call = std::tuple<decltype(Kept(std::declval<Arguments>()))...>;
 
     std::vector<Call> Calls() const { return calls_.Get(); }
+    void Forget() { calls_.Clear(); }
 
 private:
     SharedList<Call> calls_;
     Substitute<slot, Result(Arguments...)> substitute_{[this](Arguments... arguments) {
-        calls_.Add(Call(arguments...));
+        calls_.Add(Call(Kept(arguments)...));
         return substitute_.Original()(arguments...);
     }};
 };

@@ -1,21 +1,9 @@
 #include "ui/result_message.h"
 
-#include <windows.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <climits>
-#include <string>
-#include <thread>
-#include <tuple>
-#include <vector>
 
 #include "support/box_recorder.h"
-#include "support/substitute.h"
-
-using testing::ElementsAre;
-using testing::IsEmpty;
+#include "support/test.h"
 
 IMPORTED(CallNextHookEx, LoadIconW, SendMessageW, SetWindowsHookExW, ShowWindow, UnhookWindowsHookEx)
 
@@ -29,8 +17,6 @@ struct ResultMessage
     int code;
     std::wstring text = {};
     UINT flags = 0;
-
-    friend void PrintTo(const ResultMessage& message, std::ostream* stream) { *stream << message.code; }
 };
 
 const ResultMessage kMessages[] = {
@@ -52,7 +38,7 @@ const ResultMessage kMessages[] = {
     {INT_MIN},
 };
 
-class ResultMessageCalls : public testing::TestWithParam<ResultMessage>
+class ResultMessageCalls : public testing::Test
 {
 protected:
     ResultMessageCalls()
@@ -85,22 +71,28 @@ protected:
         return TRUE;
     }};
 };
-INSTANTIATE_TEST_SUITE_P(Codes, ResultMessageCalls, testing::ValuesIn(kMessages));
 
 // Proves: Codes 0 to 7 => each its text, icon and flags; the status window is hidden first, the hook is set before and removed after
+// Proves: After the box => the hook is gone
 // Proves: Any other code, negative ones too => nothing is shown or hidden, the hook is set and removed
-TEST_P(ResultMessageCalls, ShowTheBoxOfAKnownCodeAfterHidingTheWindowAndWithTheHookAroundIt)
+TEST_F(ResultMessageCalls, ShowTheBoxOfAKnownCodeAfterHidingTheWindowAndWithTheHookAroundIt)
 {
-    ShowResultMessage(window_, GetParam().code);
-    if (GetParam().text.empty())
+    for (const ResultMessage& message : kMessages)
     {
-        EXPECT_THAT(boxes_.boxes, IsEmpty());
-        EXPECT_THAT(calls_, ElementsAre("hook", "unhook"));
-    }
-    else
-    {
-        EXPECT_THAT(boxes_.boxes, ElementsAre(BoxRecorder::Box{GetParam().text, GetParam().flags}));
-        EXPECT_THAT(calls_, ElementsAre("hook", "hide", "box", "unhook"));
+        SCOPED_TRACE(message.code);
+        calls_.clear();
+        boxes_.boxes.clear();
+        ShowResultMessage(window_, message.code);
+        if (message.text.empty())
+        {
+            EXPECT_THAT(boxes_.boxes, IsEmpty());
+            EXPECT_THAT(calls_, ElementsAre("hook", "unhook"));
+        }
+        else
+        {
+            EXPECT_THAT(boxes_.boxes, ElementsAre(BoxRecorder::Box{message.text, message.flags}));
+            EXPECT_THAT(calls_, ElementsAre("hook", "hide", "box", "unhook"));
+        }
     }
 }
 
@@ -118,14 +110,14 @@ protected:
         return MessageIconHook(code, 5, parameter_);
     }
 
+    const HINSTANCE instance_ = GetModuleHandleW(nullptr);
     int code_ = 0;
     LPARAM parameter_ = 0;
     std::vector<WPARAM> icons_;
     HICON icon_ = reinterpret_cast<HICON>(0x1C0);
     SUBSTITUTE(LoadIconW)
     load_{[this](HINSTANCE instance, const wchar_t* name) {
-        EXPECT_EQ(instance, nullptr);  // no message was shown before
-        EXPECT_EQ(reinterpret_cast<UINT_PTR>(name), 101u);
+        EXPECT_EQ(std::tuple(instance, reinterpret_cast<UINT_PTR>(name)), std::tuple(instance_, 101u));
         return icon_;
     }};
     SUBSTITUTE(SendMessageW)
@@ -143,114 +135,23 @@ protected:
 };
 
 // Proves: The hook sees a dialog begin => it sends the icon, large first; it leaves all other messages and codes alone
-TEST_F(MessageIconHookTest, PutsTheIconOnADialogThatBeginsBigFirst)
-{
-    EXPECT_EQ(Call(0, 0x110), 77);
-    EXPECT_THAT(icons_, ElementsAre(1u, 0u));
-}
-
-TEST_F(MessageIconHookTest, LeavesOtherMessagesAndHookCodesAlone)
-{
-    for (const UINT message : {0x10Fu, 0x111u, 0x80u, 1u})
-    {
-        EXPECT_EQ(Call(0, message), 77);
-    }
-    EXPECT_EQ(Call(-1, 0x110), 77);
-    EXPECT_EQ(Call(3, 0x110), 77);
-    EXPECT_THAT(icons_, IsEmpty());
-}
-
 // Proves: The icon cannot be loaded => nothing is sent
-TEST_F(MessageIconHookTest, WithoutAnIconSendsNothing)
+TEST_F(MessageIconHookTest, PutsTheIconOnADialogThatBeginsBigFirstAndPassesEverythingOn)
 {
+    StatusWindow window;
+    window.instance = instance_;
+    ShowResultMessage(window, -1);  // tells the hook whose icon it is
+    EXPECT_EQ(Call(0, 0x110), 77);
+    EXPECT_THAT(std::exchange(icons_, {}), ElementsAre(1u, 0u));
+    for (const auto& [code, message] : {std::pair(0, 0x10Fu), std::pair(0, 0x111u), std::pair(0, 0x80u),
+                                        std::pair(0, 1u), std::pair(-1, 0x110u), std::pair(3, 0x110u)})
+    {
+        EXPECT_EQ(Call(code, message), 77);
+    }
     icon_ = nullptr;
     EXPECT_EQ(Call(0, 0x110), 77);
     EXPECT_THAT(icons_, IsEmpty());
 }
 
-// --- A real box
-struct BoxOnScreen
-{
-    std::wstring title;
-    HICON bigIcon = nullptr;
-    HICON smallIcon = nullptr;
-    bool hasBodyIcon = false;
-    int buttons = 0;
-};
-
-// Waits for the box of this process, reads it and presses OK.
-BoxOnScreen ReadAndClose()
-{
-    HWND box = nullptr;
-    for (int waited = 0; box == nullptr && waited < 3000; waited += 5)
-    {
-        Sleep(5);
-        for (HWND window = nullptr; (window = FindWindowExW(nullptr, window, L"#32770", nullptr)) != nullptr;)
-        {
-            DWORD process = 0;
-            GetWindowThreadProcessId(window, &process);
-            if (process == GetCurrentProcessId() && IsWindowVisible(window) != FALSE &&
-                FindWindowExW(window, nullptr, L"Button", nullptr) != nullptr)
-            {
-                box = window;
-            }
-        }
-    }
-    BoxOnScreen seen;
-    if (box == nullptr)
-    {
-        ADD_FAILURE() << "no box appeared";
-        return seen;
-    }
-    wchar_t title[100] = {};
-    SendMessageW(box, WM_GETTEXT, 100, reinterpret_cast<LPARAM>(title));
-    seen.title = title;
-    seen.bigIcon = reinterpret_cast<HICON>(SendMessageW(box, WM_GETICON, ICON_BIG, 0));
-    seen.smallIcon = reinterpret_cast<HICON>(SendMessageW(box, WM_GETICON, ICON_SMALL, 0));
-    seen.hasBodyIcon = SendDlgItemMessageW(box, 1088, STM_GETICON, 0, 0) != 0;
-    HWND last = nullptr;
-    for (HWND button = nullptr; (button = FindWindowExW(box, button, L"Button", nullptr)) != nullptr; last = button)
-    {
-        ++seen.buttons;
-    }
-    PostMessageW(last, BM_CLICK, 0, 0);  // a lone button need not carry the number of "OK"
-    return seen;
-}
-
-using RealBox = testing::TestWithParam<int>;
-INSTANTIATE_TEST_SUITE_P(Codes, RealBox, testing::Values(0, 1, 2));
-
-// Proves: A box appears => it carries the tool's icon in both sizes and one button
-// Proves: Code 0 => no icon in the body, but one in the title bar
-TEST_P(RealBox, CarriesTheToolsIconInBothSizesAndOneButton)
-{
-    StatusWindow window;
-    window.instance = GetModuleHandleW(nullptr);
-    BoxOnScreen seen;
-    std::thread watcher([&seen] { seen = ReadAndClose(); });
-    ShowResultMessage(window, GetParam());
-    watcher.join();
-    const HICON icon = LoadIconW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(101));
-    ASSERT_NE(icon, nullptr);
-    EXPECT_EQ(seen.title, L"Tavik Software Compatibility Tool");
-    EXPECT_EQ(seen.bigIcon, icon);
-    EXPECT_EQ(seen.smallIcon, icon);
-    EXPECT_EQ(seen.buttons, 1);
-    EXPECT_EQ(seen.hasBodyIcon, GetParam() != 0);  // code 0 has no icon in its body
-}
-
-// Proves: After the box => the hook is gone
-TEST(ShowResultMessage, HookIsGoneAfterwards)
-{
-    StatusWindow window;
-    window.instance = GetModuleHandleW(nullptr);
-    ShowResultMessage(window, -1);
-    BoxOnScreen seen;
-    std::thread watcher([&seen] { seen = ReadAndClose(); });
-    MessageBoxW(nullptr, L"not the tool's", L"other", MB_OK);
-    watcher.join();
-    EXPECT_EQ(seen.title, L"other");
-    EXPECT_EQ(seen.bigIcon, nullptr);
-}
 }  // namespace
 }  // namespace repair
