@@ -262,7 +262,7 @@ def main() -> int:
               and (not options.files or str(path.relative_to(TOP / "src")) in options.files) for mutant in mutants_of(path)]
     if options.sample and options.sample < len(wanted):
         wanted = sorted(random.Random(options.seed).sample(wanted, options.sample), key=lambda one: (one.file, one.begin))
-    build("release")
+    build("release", "unit_tests", "TavikCompatibilityTool", *([] if options.in_process else ["TavikToolCompanion", "lab/all"]))
     PLACE.mkdir(parents=True, exist_ok=True)
     results = read_table(RESULTS)
     left = [mutant for mutant in wanted if mutant.key not in results or options.again and results[mutant.key] == "survived"]
