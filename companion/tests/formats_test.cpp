@@ -1,70 +1,17 @@
-// Names of logs, lines for CMTrace, conversions of text, archives.
+// Conversions of text, and the limit of an archive.
 #include <filesystem>
 #include <string>
 
 #include <windows.h>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "companion/cmtrace.h"
 #include "companion/failure.h"
-#include "companion/log_name.h"
 #include "companion/output_file.h"
 #include "companion/unicode.h"
 #include "companion/zip_archive.h"
 
 using namespace repair;
-using testing::HasSubstr;
-
-TEST(LogName, TellsWhenTheRunBegan)
-{
-    const auto time = ParseLogName("InstallVLTForWUDriver_2026-11-6_4_7_31_15.log");
-    ASSERT_TRUE(time);
-    EXPECT_EQ(FormatLocalTime(*time), "2026-11-06T04:07:31.015");
-    EXPECT_EQ(ParseLogName("copy of installvltforwudriver_2026-11-6_4_7_31_15 (2).LOG"), time);
-    for (const char* name :
-         {"", "InstallVLTForWUDriver_.log", "InstallVLTForWUDriver_2026-13-6_4_7_31_15.log",
-          "InstallVLTForWUDriver_2026-11-6_24_7_31_15.log", "InstallVLTForWUDriver_2026-11-6_4_7_31.log",
-          "InstallVLTForWUDriver_2026-11-6_4_7_31_1000.log", "other.log"})
-    {
-        EXPECT_FALSE(ParseLogName(name)) << name;
-    }
-}
-
-TEST(CmTrace, TheMarkOfTheEndIsOnlyAtTheEnd)
-{
-    const std::string line = CmTraceLine("a]LOG]!>b]LOG]!>", {});
-    EXPECT_EQ(line.find("]LOG]!>"), line.rfind("]LOG]!>"));
-    EXPECT_THAT(line, HasSubstr("a]LOG] !>b]LOG] !>"));
-}
-
-TEST(CmTrace, FailuresAndWarningsAreMarked)
-{
-    const std::pair<const char*, Severity> cases[] = {
-        {"Launched with command line: x", Severity::kInformation},
-        {"Unable to find dwx2-install.exe at [x]. Downloading dwx2_install.exe for [24.20] from web.",
-         Severity::kInformation},
-        {"Unable to find x\\dwx-next64.msi.", Severity::kError},
-        {"Response code from server: 200", Severity::kInformation},
-        {"Response code from server: 404", Severity::kError},
-        {"\tResult = 0", Severity::kInformation},
-        {"\tResult = 1641", Severity::kWarning},
-        {"\tResult = 3010", Severity::kWarning},
-        {"\tResult = 3011", Severity::kWarning},
-        {"\tResult = 1618", Severity::kError},
-        {"System reboot may be required for x.", Severity::kWarning},
-        {"\tException occured during installation. x", Severity::kError},
-        {"Exception x when searching for UWP version of VLT", Severity::kWarning},
-        {"failed to install the UWP version of VLT", Severity::kError},
-        {"Currently installed version of VLT is from the same release as the active driver. Exiting.",
-         Severity::kInformation},
-    };
-    for (const auto& [line, severity] : cases)
-    {
-        EXPECT_EQ(SeverityOf(line), severity) << line;
-    }
-}
 
 TEST(Unicode, LettersAreFoldedAsWindowsDoes)
 {
