@@ -19,7 +19,6 @@ from lab.privileges import mounting_obstacle, private_hosts_obstacle  # noqa: E4
 from lab.run import RunError, run  # noqa: E402
 from lab.session import end_orphans, remove_folder  # noqa: E402
 from lab.state import State  # noqa: E402
-from cases.fault_injection.campaign import slice_name  # noqa: E402
 
 DAY = 24 * 3600
 CORES = sorted(os.sched_getaffinity(0))
@@ -55,12 +54,6 @@ def one_core(request: pytest.FixtureRequest) -> None:
     os.sched_setaffinity(0, CORES if spread else {CORES[worker % len(CORES)]})
 
 
-def pytest_terminal_summary(terminalreporter: Any) -> None:
-    if any("test_fault_slice" in str(report.nodeid) for reports in terminalreporter.stats.values() for report in reports
-           if hasattr(report, "nodeid")):
-        terminalreporter.write_line(f"fault injection: slice {slice_name()}; FAULT_SLICE={slice_name()} makes the same runs again")
-
-
 class Lab:
     def __init__(self) -> None:
         self.machine: Machine | None = None
@@ -68,6 +61,7 @@ class Lab:
         self.runs: list[tuple[Result, bool]] = []  # with whether all starts were made at once
         self.stated: dict[int, str] = {}  # number of the run -> the outcomes that the case states
         self.kept: list[pathlib.Path] = []
+        self.silent = False
 
     def run(self, machine: dict[str, Any] | str | None = None, arguments: str = "", **options: Any) -> Result:
         """machine: what differs from the common machine, or the name of a file in lab/machines."""
@@ -75,6 +69,7 @@ class Lab:
             self.machine = Machine.load(ROOT / "lab" / "machines" / machine)
         else:
             self.machine = Machine(machine or {})
+        self.silent = "-silent" in arguments.lower().split()
         if (self.machine.server.reach == "default" or self.machine.data["hosts"]) and private_hosts_obstacle():
             pytest.skip(private_hosts_obstacle())
         if self.machine.data["disks"] and mounting_obstacle():
@@ -93,15 +88,19 @@ class Lab:
         "repaired | no-log". Every run of a case needs this, here or in check()."""
         self.stated[len(self.runs)] = statement
 
-    def check(self, *, exit_code: int, outcome: str | None = None, log: list[str] | None = None,
+    def check(self, *, exit_code: int | None = None, outcome: str | None = None, log: list[str] | None = None,
               boxes: list[tuple[str, str]] | None = None, before: dict[str, Any] | None = None, after: dict[str, Any] | None = None,
               requests: list[str] | None = None, running: list[str] | None = None, crash: bool = False) -> None:
         """States are tables: products (names), values ("key\\name" below HKLM -> value, None: absent), files (present),
-        missing (absent files), store (Store packages, after only). requests: "<path> <status>"; running: programs left."""
+        missing (absent files), store (Store packages, after only). requests: "<path> <status>"; running: programs left.
+        Exit code and boxes are those of the outcome (expect.ENDS) unless given; a silent run has no box."""
         result = self.result
         assert result is not None and self.machine is not None
         if outcome is not None:
             self.outcome(outcome)
+            code, box = expect.end_of(outcome)
+            exit_code = code if exit_code is None else exit_code
+            boxes = [box] * (box is not None and not self.silent) if boxes is None and code is not None else boxes
         names = ["Tavik " + " ".join(product.split("-")[:2]) for product in self.machine.products]
         self._check_state("before the run", result.before, {"products": sorted(names), **(before or {})})
         assert not result.timed_out, "the run was ended by the time limit"

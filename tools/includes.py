@@ -1,4 +1,3 @@
-#!/usr/bin/python3
 """Checks which folder includes which.
 
 In src/, app may include every folder; the folders in the middle include only base and themselves, so that each can be read
@@ -7,11 +6,10 @@ the other way round. Tests and the Windows check may include any part of the too
 that it runs.
 """
 import re
-import subprocess
 import sys
 from pathlib import Path, PurePosixPath
 
-TOP = Path(__file__).resolve().parent.parent
+from tools.project import TOP, files
 
 MIDDLE = ["ui", "inventory", "acquisition", "install", "store"]
 TOOL = {"base", "resources", "app", *MIDDLE}
@@ -67,17 +65,10 @@ def wrong(file: Path, path: str, quoted: bool) -> str | None:
     return None
 
 
-def sources() -> list[Path]:
-    listed = subprocess.run(
-        ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard", "--deduplicate", "--", "*.cpp", "*.h"],
-        cwd=TOP, check=True, capture_output=True, text=True)
-    return [TOP / name for name in listed.stdout.split("\0") if name and (TOP / name).is_file()]
-
-
 def main() -> int:
-    files = sources()
+    sources = files("*.cpp", "*.h")
     includes = problems = 0
-    for file in files:
+    for file in sources:
         for number, line in enumerate(file.read_text(encoding="utf-8").splitlines(), 1):
             found = INCLUDE.match(line)
             if not found:
@@ -87,7 +78,7 @@ def main() -> int:
             if reason:
                 problems += 1
                 print(f"{file.relative_to(TOP)}:{number}: {line.strip()}: {reason}")
-    print(f"includes: {includes} includes in {len(files)} files, {problems} wrong.")
+    print(f"includes: {includes} includes in {len(sources)} files, {problems} wrong.")
     return 1 if problems or not includes else 0
 
 

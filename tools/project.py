@@ -28,7 +28,8 @@ def fail(text: str) -> NoReturn:
 def files(*patterns: str) -> list[Path]:
     """The files that match patterns as git knows them, also files that are not added yet. A copy without git: all files."""
     if not (TOP / ".git").exists():
-        found = {file for pattern in patterns or ("*",) for file in (TOP.rglob(pattern) if "*" in pattern else [TOP / pattern, *(TOP / pattern).rglob("*")])}
+        found = {file for pattern in patterns or ("*",)
+                 for file in (TOP.rglob(pattern) if "*" in pattern else [TOP / pattern, *(TOP / pattern).rglob("*")])}
         return sorted(file for file in found if file.is_file() and not {"__pycache__", "build"} & set(file.relative_to(TOP).parts))
     listed = subprocess.run(["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard", "--deduplicate", "--", *patterns],
                             cwd=TOP, check=True, capture_output=True, text=True).stdout
@@ -111,8 +112,8 @@ def build(preset: str = "release", *targets: str) -> None:
         if code:
             lines = [line for line in log_of_step.read_text("utf-8", errors="replace").splitlines() if len(line) < 400]  # no compiler calls
             first = next((number for number, line in enumerate(lines) if "error" in line.lower() or line.startswith("FAILED")), -40)
-            fail("\n".join([*lines[first:][:40], f"The build of preset \"{preset}\" failed; the whole log is {log_of_step.relative_to(TOP)}. Fix the first "
-                            f"error above. After a change of the compiler or the packages remove build/{preset} first."]))
+            fail("\n".join([*lines[first:][:40], f"The build of preset \"{preset}\" failed; the whole log is {log_of_step.relative_to(TOP)}. "
+                            f"Fix the first error above. After a change of the compiler or the packages remove build/{preset} first."]))
 
 
 def main(arguments: list[str]) -> int:

@@ -21,11 +21,12 @@ import sys
 import tempfile
 import zipfile
 from pathlib import Path
+from typing import Any
 from urllib.parse import unquote
 
 import pefile
 
-from tools import outcome_pages
+from tools import outcome_pages, sbom
 from tools.project import ELSEWHERE, PYTHON, TOP, copy_sources, fail, files as project_files, say
 
 BUILD = TOP / "build" / "release"
@@ -43,7 +44,8 @@ WINDOWS_CHECK = ["build/release/TavikWindowsCheck.exe", "windows_check/README.tx
 
 def run(*command: str | Path, cwd: Path = TOP, env: dict[str, str] | None = None) -> str:
     """The output of a command; it is shown when the command fails."""
-    done = subprocess.run([str(part) for part in command], cwd=cwd, env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+    done = subprocess.run([str(part) for part in command], cwd=cwd, env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          text=True, check=False)
     if done.returncode:
         print(done.stdout[-4000:], file=sys.stderr)
         fail(f"{Path(command[0]).name} failed, see its output above.")
@@ -96,7 +98,8 @@ def build() -> None:
 
 
 def loaded_sections(exe: Path) -> dict[str, tuple[int, bytes]]:
-    return {section.Name.rstrip(b"\0").decode(): (section.VirtualAddress, section.get_data()) for section in pefile.PE(str(exe), fast_load=True).sections
+    sections = pefile.PE(str(exe), fast_load=True).sections
+    return {section.Name.rstrip(b"\0").decode(): (section.VirtualAddress, section.get_data()) for section in sections
             if not section.Name.startswith(b"/") and not section.Name.startswith(b".debug")}
 
 
@@ -125,9 +128,9 @@ def symbol_file(name: str, target: Path) -> None:
         fail(f"The symbols of {name} contain the path {TOP}. See -ffile-prefix-map in cmake/Hardening.cmake.")
 
 
-def third_party(sbom: Path, target: Path) -> None:
+def third_party(listed: dict[str, Any], target: Path) -> None:
     """The licences of what is linked in: a short list, then the full copyright files of the packages."""
-    packages = [one for one in json.loads(sbom.read_text("utf-8"))["packages"] if one["primaryPackagePurpose"] == "LIBRARY"]
+    packages = [one for one in listed["packages"] if one["primaryPackagePurpose"] == "LIBRARY"]
     lines = ["What is linked into the programs, and its licences", "", "The packages are those of Debian 12.", ""]
     texts: dict[str, str] = {}
     for one in packages:
@@ -158,11 +161,11 @@ def make_unsigned(out: Path) -> str:
         shutil.copyfile(SYMBOLS / f"{name}.exe.map", out / f"{name}.exe.map")
     for path in WINDOWS_CHECK:
         shutil.copyfile(TOP / path, out / Path(path).name)
-    sbom = out / "sbom.spdx.json"
-    run(PYTHON, "-m", "tools.sbom", "--out", sbom, "--version", version, "--created", f"{date}T00:00:00Z", *(out / f"{name}.exe" for name in PROGRAMS))
+    listed = sbom.document([out / f"{name}.exe" for name in PROGRAMS], version, f"{date}T00:00:00Z")
+    (out / "sbom.spdx.json").write_text(json.dumps(listed, indent=1, ensure_ascii=False) + "\n", "utf-8")
     for name in PROGRAMS:
         (out / f"{name}.exe.map").unlink()  # contains paths of this machine
-    third_party(sbom, out / "THIRD-PARTY.txt")
+    third_party(listed, out / "THIRD-PARTY.txt")
     pack(out, out, version, date, "-unsigned")
     checksums(out, [file.name for file in out.iterdir()])
     return version

@@ -21,7 +21,8 @@ def main() -> int:
     copy = AGAIN / "a-folder-of-another-length" / "sources"
     copy_sources(copy, "CMakeLists.txt", "CMakePresets.json", "cmake", "companion", "src", "tools")
     # The addresses that build/release was configured with, should they not be the usual ones.
-    addresses = re.findall(r"^(TAVIK_(?:DOWNLOAD_HOST|SUPPORT_ADDRESS|WEB_SITE):STRING=.*)$", (FIRST / "CMakeCache.txt").read_text("utf-8"), re.M)
+    cache = (FIRST / "CMakeCache.txt").read_text("utf-8")
+    addresses = re.findall(r"^(TAVIK_(?:DOWNLOAD_HOST|SUPPORT_ADDRESS|WEB_SITE):STRING=.*)$", cache, re.M)
     without = [f"-DTAVIK_BUILD_{part}=OFF" for part in ("TESTS", "WINDOWS_CHECK", "LAB", "BENCH")]
     targets = [f"--target={name}" for name in PROGRAMS]
     for folder, command in ((TOP, ["cmake", "--preset", "release"]),
@@ -39,7 +40,8 @@ def main() -> int:
                     say(f"    {part} differs")
             fail(f"{name}.exe differs when it is built in another folder: compare {FIRST.relative_to(TOP)} and {second.relative_to(TOP)}.")
     shutil.rmtree(AGAIN)
-    say("; ".join(f"{name} {hashlib.sha256((FIRST / f'{name}.exe').read_bytes()).hexdigest()[:16]}" for name in PROGRAMS) + ": the same from two folders.")
+    sums = {name: hashlib.sha256((FIRST / f"{name}.exe").read_bytes()).hexdigest()[:16] for name in PROGRAMS}
+    say("; ".join(f"{name} {text}" for name, text in sums.items()) + ": the same from two folders.")
     return 0
 
 

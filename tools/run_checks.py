@@ -12,7 +12,6 @@ import os
 import sys
 import threading
 import time
-from pathlib import Path
 
 from tools.project import PYTHON, TOP, fail, files, followed, say
 
@@ -53,7 +52,8 @@ ALL = {
     "cppcheck": [*SHELL, "mkdir -p build/check/cppcheck && cppcheck --platform=win64 --std=c++20 --library=windows "
                  "--enable=warning,performance,portability -D__cppcheck__ -D__MINGW32__ -DUNICODE -D_WIN32_WINNT=0x0A00 "
                  "-I src -I tests -I . -I lab/standins --inline-suppr --suppressions-list=tools/cppcheck.txt "
-                 "--cppcheck-build-dir=build/check/cppcheck --error-exitcode=1 --quiet -j 2 -i companion/tests src companion tests/support windows_check lab bench"],
+                 "--cppcheck-build-dir=build/check/cppcheck --error-exitcode=1 --quiet -j 2 -i companion/tests "
+                 "src companion tests/support windows_check lab bench"],
 }
 
 

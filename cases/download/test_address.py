@@ -58,8 +58,9 @@ def test_redirect_is_followed(lab, folder, onward, tls):
 
 # Proves: The server's certificate or TLS version is not accepted, or the address is unusual => the download fails, or goes where the port says
 # Proves: The request cannot be sent: no server listens, wrong, expired or unknown certificate
-@pytest.mark.parametrize("certificate, code", [("wrong-host", 12038), ("expired", 12037), ("unknown", 12045), ("self-signed", 12045)])
-@pytest.mark.parametrize("way", ["default", "http on port 443", "after a redirect"])
+@pytest.mark.parametrize("way, certificate, code", [
+    ("default", "wrong-host", 12038), ("default", "expired", 12037), ("default", "unknown", 12045), ("default", "self-signed", 12045),
+    ("http on port 443", "unknown", 12045), ("after a redirect", "expired", 12037)])
 def test_certificate_is_checked(lab, way, certificate, code):
     """The address in the log is the first one, also after a redirect."""
     redirect = way == "after a redirect"
@@ -77,9 +78,9 @@ def long_path(length: int) -> str:
 
 
 # Proves: The address cannot be split
-@pytest.mark.parametrize("length, good", [(237, True), (238, True), (239, True), (259, True), (260, False), (261, False), (500, False)])
+@pytest.mark.parametrize("length, good", [(239, True), (259, True), (260, False), (500, False)])
 def test_path_has_at_most_259_characters(lab, length, good):
-    """With http://127.0.0.1:12345 before it, the first three are addresses of 259 to 261 characters."""
+    """With http://127.0.0.1:12345 before it, the first one is an address of 261 characters."""
     path = long_path(length)
     folder = "http://{server}" + path.removesuffix(NAME) + "/"
     lab.run(answering(folder=folder, path=path))
@@ -90,7 +91,7 @@ def test_path_has_at_most_259_characters(lab, length, good):
         check_failed(lab, "download-bad-address", not_split("http://{server}" + path, 122), requests=[], left=None, start=changed(folder))
 
 
-@pytest.mark.parametrize("length", [1005, 1006, 5000])
+@pytest.mark.parametrize("length", [1005, 1006])
 def test_lines_end_after_1023_characters(lab, length):
     """A value of 1005 characters just fits into the first line."""
     folder = "http://mirror/".ljust(length, "x")
@@ -110,12 +111,10 @@ def test_host_name_of_260_characters_cannot_be_split(lab, length, outcome, line,
 
 # The administrator's value
 
-NO_ADDRESS = {"empty": "", "blanks": "   ", "blank before": " http://{server}" + SERVER_PATH, "tab before": "\thttp://{server}/",
-              "no scheme": "mirror.example/vlt/", "network share": r"\\mirror\share" + "\\", "slashes only": "//{server}/"}
+NO_ADDRESS = {"empty": "", "blank before": " http://{server}" + SERVER_PATH, "no scheme": "mirror.example/vlt/",
+              "network share": r"\\mirror\share" + "\\"}
 # The part before the first colon is taken for the scheme.
-NO_HOST = {"no host": "http:///vlt/", "one slash": "http:/{server}/vlt/", "backslashes": "http:\\\\{server}\\vlt\\",
-           "file": "file:///C:/vlt/", "path": "C:\\vlt\\", "mailto": "mailto:admin@mirror.example/",
-           "host and port": "{server}" + SERVER_PATH}
+NO_HOST = {"no host": "http:///vlt/", "backslashes": "http:\\\\{server}\\vlt\\", "path": "C:\\vlt\\", "host and port": "{server}" + SERVER_PATH}
 
 
 # Proves: It is empty
@@ -129,7 +128,7 @@ def test_value_without_an_address_ends_the_download(lab, name):
 
 
 # Proves: An https address with a port other than 443
-@pytest.mark.parametrize("scheme", ["https", "ftp", "HTTP", "htp", "gopher"])
+@pytest.mark.parametrize("scheme", ["https", "HTTP", "htp"])
 def test_scheme_does_not_matter_when_a_port_is_given(lab, scheme):
     folder = scheme + "://{server}" + SERVER_PATH
     result = lab.run(answering(folder=folder))

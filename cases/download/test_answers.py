@@ -10,8 +10,8 @@ import pytest
 
 from cases.support.download import (BEFORE, FINAL, GOOD, NO_PROGRAM, PATH, START, TEMPORARY, URL, answering, check_arrived,
                                     check_failed, not_sent, status_line)
-from cases.support.expect import (CHECKING, DOWNLOADING, FINISHED, INSTALLING, REPAIR, REPAIRED, UNTOUCHED, download, inventory,
-                                  opening, unpack)
+from cases.support.expect import (CHECKING, DOWNLOADING, INSTALLING, REPAIR, REPAIRED, UNTOUCHED, download, inventory, opening,
+                                  unpack)
 
 MIB = 1 << 20
 OK = "HTTP/1.1 200 OK\r\n"
@@ -53,17 +53,13 @@ def test_body_larger_than_the_logged_counter_arrives(lab, size, logged):
     ("download-refused", {"status": 201, "text": "MZ"}),
     ("download-refused", {"status": 204, "headers": {"ETag": '"empty"'}}),
     ("download-refused", {"status": 206, "text": NO_PROGRAM, "headers": {"Content-Range": "bytes 0-9/100"}}),
-    ("download-refused", {"status": 300, "text": NO_PROGRAM}),
     ("download-refused", {"status": 304, "text": "MZ", "length": False}),
     ("download-refused", {"status": 308, "redirect": "/elsewhere"}),
     ("download-refused", {"status": 401, "text": "who are you", "headers": {"WWW-Authenticate": 'Basic realm="lab"'}}),
-    ("download-refused", {"status": 403, "text": "MZ"}),
     ("download-not-there", {"status": 404, "installer": "24.20"}),
     ("download-refused", {"status": 407, "text": "who are you", "headers": {"Proxy-Authenticate": 'Basic realm="lab"'}}),
-    ("download-not-there", {"status": 410, "size": 3 * MIB}),
     ("download-server-trouble", {"status": 500, "hex": "00ff"}),
     ("download-server-trouble", {"status": 503, "text": "later", "headers": {"Retry-After": "1"}}),
-    ("download-refused", {"status": 999, "text": NO_PROGRAM}),
 ], ids=lambda value: f"{value['status']}" if isinstance(value, dict) else "")
 def test_only_status_200_is_good(lab, outcome, answer):
     """No second try, no second address, and an installer that is sent as an error page stays unused."""
@@ -76,7 +72,6 @@ def test_only_status_200_is_good(lab, outcome, answer):
 LENGTH = "Content-Length: 10\r\n\r\nno program"
 FAILS = {  # name: answer, outcome, lines, status that was sent, length of the temporary file
     "status of too many digits": (raw(f"HTTP/1.1 2000 OK\r\n{LENGTH}"), "download-refused", status_line(2000), 0, 0),
-    "negative status": (raw(f"HTTP/1.1 -200 OK\r\n{LENGTH}"), "download-refused", status_line(-200), 0, 0),
     "status in words": (raw(f"HTTP/1.1 OK\r\n{LENGTH}"), "download-refused", status_line(0), 0, 0),
     "no answer at all": (raw(""), "download-refused", status_line(0), 0, 0),
     "redirect without an address": (raw(f"HTTP/1.1 302 Found\r\n{LENGTH}"), "download-refused", status_line(302), 0, 0),
@@ -84,7 +79,6 @@ FAILS = {  # name: answer, outcome, lines, status that was sent, length of the t
     "redirect to no server": ({"redirect": "http://127.0.0.1:1/x"}, "download-unreachable", [not_sent(URL, 12029)], 302, 0),
     "redirect to half an address": ({"redirect": "http://"}, "download-unreachable", [not_sent(URL, 12005)], 302, 0),
     "redirect to ftp": ({"redirect": "ftp://127.0.0.1:1/x"}, "download-refused", status_line(302), 302, 0),
-    "redirect to a file": ({"redirect": "file:///C:/windows/notepad.exe"}, "download-refused", status_line(302), 302, 0),
     # Delayed until Wine waits for the answer: a reset before that counts as an empty answer now and then.
     "reset in place of an answer": ({"raw": "", "reset": 0, "delay": 0.3}, "download-unreachable", [not_sent(URL, 12030)], 0, 0),
     "reset after a body of unknown length": ({"size": 2 * MIB, "length": False, "reset": 2 * MIB}, "download-broken", LOST, 200, 2 * MIB),
@@ -99,7 +93,7 @@ def test_answer_ends_the_download(lab, name):
 
 
 # Proves: Reading fails otherwise
-@pytest.mark.parametrize("at, left", [(0, 0), (1, 0), (MIB - 1, 0), (MIB, MIB), (MIB + 1, MIB), (3 * MIB - 1, 2 * MIB)])
+@pytest.mark.parametrize("at, left", [(0, 0), (MIB - 1, 0), (MIB + 1, MIB), (3 * MIB - 1, 2 * MIB)])
 def test_reset_in_the_body_ends_the_download(lab, at, left):
     """Full blocks are in the file, what was read before the reset is not."""
     result = lab.run(answering({"size": 3 * MIB, "reset": at}))
@@ -119,28 +113,16 @@ CHUNKED = f"{OK}Transfer-Encoding: chunked\r\n\r\n"
 ARRIVES = {  # name: answer, length of the file; a body that is shorter than announced ends with the connection
     "100 before": (raw(f"HTTP/1.1 100 Continue\r\n\r\n{OK}{LENGTH}"), 10),
     "long header": (raw(f"{OK}X-Long: {'x' * 100_000}\r\n{LENGTH}"), 10),
-    "3000 headers": (raw(f"{OK}{'X-Many: x' * 3000}\r\n{LENGTH}"), 10),
-    "header without a colon": (raw(f"{OK}nonsense\r\n{LENGTH}"), 10),
-    "length in words": (raw(f"{OK}Content-Length: many\r\n\r\nno program"), 10),
     "length of 10 GB": (raw(f"{OK}Content-Length: 10000000000\r\n\r\nno program"), 10),
-    "no body, length 0": ({"text": ""}, 0),
     "no body, no length": ({"text": "", "length": False}, 0),
     "no body, length 5": ({"text": "", "announce": 5}, 0),
-    "1 byte missing before 1 MiB": ({"size": MIB - 1, "announce": MIB}, MIB - 1),
     "1 byte missing after 1 MiB": ({"size": MIB, "announce": MIB + 1}, MIB),
     "5 GB announced": ({"size": 2 * MIB + 5, "announce": 5_000_000_000}, 2 * MIB + 5),
-    "more than announced, before 1 MiB": ({"size": 2 * MIB, "announce": MIB - 1}, MIB - 1),
-    "more than announced, 1 MiB": ({"size": 2 * MIB, "announce": MIB}, MIB),
     "more than announced, after 1 MiB": ({"size": 2 * MIB, "announce": MIB + 1}, MIB + 1),
     "chunk size is no number": (raw(f"{CHUNKED}zz\r\nno program\r\n0\r\n\r\n"), 0),
-    "second chunk size is no number": (raw(f"{CHUNKED}a\r\nno program\r\nzz\r\nmore\r\n0\r\n\r\n"), 10),
-    "no chunk size": (raw(f"{CHUNKED}\r\nno program\r\n0\r\n\r\n"), 0),
     "no chunk": (raw(CHUNKED), 0),
-    "no last chunk": (raw(f"{CHUNKED}a\r\nno program\r\n"), 10),
     "chunk ends early": (raw(f"{CHUNKED}ff\r\nno program"), 10),
     "chunk goes on": (raw(f"{CHUNKED}2\r\nno program\r\n0\r\n\r\n"), 2),
-    "only the last chunk": (raw(f"{CHUNKED}0\r\n\r\n"), 0),
-    "chunk size of 16 digits": (raw(f"{CHUNKED}ffffffffffffffff\r\nno program"), 10),
     "chunks with extension and trailer": (raw(f"{CHUNKED}4;name=value\r\nno p\r\n06\r\nrogram\r\n0\r\nX-Trailer: 1\r\n\r\n"), 10),
     "byte by byte": ({"text": NO_PROGRAM, "trickle": 0.02}, 10),
 }
@@ -166,8 +148,8 @@ def test_slow_server_is_waited_for(lab, answer):
 def test_gzip_label_is_ignored(lab):
     """A real installer under that label is installed: the bytes are taken as they come."""
     lab.run(answering({"installer": "24.20", "headers": {"Content-Encoding": "gzip"}}))
-    lab.check(exit_code=0, outcome="repaired", boxes=[FINISHED], before=BEFORE, requests=[GOOD],
-              log=[*opening(), *inventory(), *download(), unpack(), *REPAIR], after={**REPAIRED, "files": [FINAL], "missing": [TEMPORARY]})
+    lab.check(outcome="repaired", before=BEFORE, requests=[GOOD], after={**REPAIRED, "files": [FINAL], "missing": [TEMPORARY]},
+              log=[*opening(), *inventory(), *download(), unpack(), *REPAIR])
 
 
 def test_gzip_body_stays_packed(lab):
@@ -180,7 +162,7 @@ def test_gzip_body_stays_packed(lab):
 # Redirects
 
 # Proves: A redirect => is followed, only the final status counts
-@pytest.mark.parametrize("status", [301, 302, 303, 307])
+@pytest.mark.parametrize("status", [301, 307])
 def test_redirect_is_followed(lab, status):
     result = lab.run({"server": {"answers": {PATH: {"redirect": "/mirror", "status": status}, "/mirror": {"text": NO_PROGRAM}}}})
     check_arrived(lab, 10, [f"{PATH} {status}", "/mirror 200"])

@@ -4,17 +4,14 @@ from __future__ import annotations
 import math
 
 from cases.support import expect
+from cases.support.repair import FAMILIES, PACKAGES
 from lab import paths
 from lab.machine import SERVER_PATH
 from cases.fault_injection import faults
 from cases.fault_injection.world import ModelBase, Product
 
-FAMILIES = ("Halden", "DVR", "PXL")
 NO_MORE, NOT_FOUND = 259, 2
 BLOCK = 0x100000  # of the download
-LP = r"{temp}Tavik_VLTInstallerDownload\LPInstaller"
-PACKAGE_FILES = {"Halden": r"\HL\halden\halden64\dwx-next64.msi", "DVR": r"\HL\tavikdvr\tavikdvr64\tavikdvr64.msi",
-                 "PXL": r"\HL\pxl64\PXL64.msi"}
 DOWNLOAD_ERROR = "\tException occured during the download of dwx2_install.exe. "
 # The calls of a download in their order, what the log says when one fails, and the catalogue's word for that run.
 DOWNLOAD = (
@@ -84,12 +81,12 @@ class Installation(ModelBase):
         release, _, variant = kind.partition("-")
         self._prepare_folder()
         if self.launched:
-            self.say(f"Process {installer} /NCRC /S -EXTRACTONLY=YES /D={LP} completed with exit code 0")
+            self.say(expect.unpack(installer))
             self.world.unpacked = True
         else:
-            self.say(f"Launching process {installer} /NCRC /S -EXTRACTONLY=YES /D={LP} failed. Error code = {{number}} {{any}}")
+            self.say(expect.not_started(installer))
         if not self.world.unpacked:
-            self.say(f"Unable to find {LP}{PACKAGE_FILES['Halden']}.")
+            self.say(f"Unable to find {expect.UNPACKED}{PACKAGES['Halden']}.")
             self.reason = ("direct-" if self.direct else "") + ("installer-empty" if self.launched else "installer-blocked")
             return NOT_FOUND
         installed = {family: self.related(family) for family in FAMILIES}
@@ -132,7 +129,7 @@ class Installation(ModelBase):
         return code if code is not None else 3010 if product.kind == "reboot" else 0
 
     def _install(self, family: str, release: str, variant: str, folder: str) -> int:
-        path = LP + PACKAGE_FILES[family]
+        path = expect.UNPACKED + PACKAGES[family]
         self.say(f"Installing {path}")
         if folder:
             self.say(f"Using custom install directory {folder}")

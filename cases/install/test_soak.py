@@ -8,12 +8,11 @@ import pytest
 
 from cases.support import expect
 from companion import outcomes
-from cases.support.expect import inventory, opening
+from cases.support.expect import SAME, inventory, opening
 from lab import paths
 from lab.machine import Machine
 from lab.prefix import Prefix, processes_of, replace_file
 from lab.session import Session, remove_folder
-from cases.support.store import SAME
 
 RUNS = 300
 WARM = 20  # services start, caches fill

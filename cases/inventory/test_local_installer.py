@@ -4,16 +4,15 @@ from __future__ import annotations
 import pytest
 
 from cases.support.download import NO_PROGRAM
-from cases.support.expect import (DOWNLOAD_FAILED, DOWNLOADING, FINISHED, INSTALL_FAILED, INSTALLING, MAIN_PACKAGE_MISSING,
-                                  NO_SERVER, QUIET_END, REPAIR, REPAIRED, UNTOUCHED, inventory, not_started, opening, unpack,
-                                  without_server)
+from cases.support.expect import (DOWNLOADING, INSTALLING, MAIN_PACKAGE_MISSING, NO_SERVER, REPAIR, REPAIRED, UNTOUCHED,
+                                  inventory, not_started, opening, unpack, without_server)
 
 NAME = "DWX2_Install.exe"
 OLDER = r"Found driver {store1}\u0400001.inf. Version [24.10.1]"
 DEVICE = inventory()
 SECOND_PACKAGE = [r"Found driver {store2}\u0400002.inf. Version [24.20.11.01-240619a]", *DEVICE[2:4],
                   "\t [Tavik Corvel 7800] [24.20.11.01-240619a] [{store2}]"]
-NOT_FOUND = {"exit_code": -1, "outcome": "download-bad-address", "boxes": [DOWNLOAD_FAILED], "requests": [], "after": UNTOUCHED}
+NOT_FOUND = {"outcome": "download-bad-address", "requests": [], "after": UNTOUCHED}
 
 
 def machine(files: dict, **adapter) -> dict:
@@ -38,7 +37,7 @@ def test_installer_is_found(lab, tmp_path, files, path):
     (tmp_path / NAME).write_text(NO_PROGRAM)
     files = {name: {"link": str(tmp_path)} if isinstance(file, dict) else file for name, file in files.items()}
     result = lab.run(machine(files))
-    lab.check(exit_code=2, outcome="installer-blocked", boxes=[INSTALL_FAILED], requests=[], after=UNTOUCHED, log=[
+    lab.check(outcome="installer-blocked", requests=[], after=UNTOUCHED, log=[
         *opening(), *DEVICE, rf"Found dwx2-install.exe at [{{store1}}\{path}]", not_started(rf"{{store1}}\{path}"), MAIN_PACKAGE_MISSING])
     assert DOWNLOADING not in result.status_texts
 
@@ -49,8 +48,9 @@ def test_installer_is_found(lab, tmp_path, files, path):
 @pytest.mark.parametrize("files", [
     {}, {"B384125": NO_PROGRAM}, {NAME: NO_PROGRAM}, {rf"Release\{NAME}": NO_PROGRAM, rf"8B\{NAME}": NO_PROGRAM},
     {rf"Display\B384125\{NAME}": NO_PROGRAM}, {r"B384125\DWX2_Install.ex": NO_PROGRAM, rf"B384125\deep\{NAME}": NO_PROGRAM},
-    {"B384125": {"link": "/nowhere"}}, {r"B1\readme.txt": "nothing", rf"B384125\{NAME}": NO_PROGRAM},
-], ids=["no folder", "only a file", "beside the INF", "other folders", "deeper", "other name", "link to nothing", "only the second folder"])
+    {"B384125": {"link": "/nowhere"}}, {rf"B384125\{NAME}": {"link": "/nowhere"}}, {r"B1\readme.txt": "nothing", rf"B384125\{NAME}": NO_PROGRAM},
+], ids=["no folder", "only a file", "beside the INF", "other folders", "deeper", "other name", "folder links to nothing",
+        "installer links to nothing", "only the second folder"])
 def test_installer_is_not_found(lab, files):
     """Of several folders only the first one by name is searched."""
     lab.run(machine(files))
@@ -64,7 +64,7 @@ def test_installer_of_the_active_package_repairs(lab):
     lab.run("found.toml")
     installer = r"{store2}\B384125\DWX2_Install.exe"
     older = r"Found driver {store1}\u0400001.inf. Version [24.10.05.00-240301b]"
-    lab.check(exit_code=0, outcome="repaired", boxes=[FINISHED], requests=[], before=UNTOUCHED, after=REPAIRED, log=[
+    lab.check(outcome="repaired", requests=[], before=UNTOUCHED, after=REPAIRED, log=[
         *opening(), DEVICE[0], older, *SECOND_PACKAGE, f"Found dwx2-install.exe at [{installer}]", unpack(installer), *REPAIR])
 
 
@@ -103,5 +103,5 @@ def test_folder_in_place_of_the_installer_counts_as_found(lab):
 def test_missing_driver_folder_ends_the_run(lab, arguments):
     """An empty release matches the empty one of an INF that is gone. Its folder cannot be listed, which is not caught."""
     lab.run({**machine({}, release=""), "remove": [r"C:\windows\System32\DriverStore\FileRepository"]}, arguments)
-    lab.check(exit_code=QUIET_END, outcome="quiet-end", boxes=[], requests=[], crash=True, after=UNTOUCHED,
+    lab.check(outcome="quiet-end", requests=[], crash=True, after=UNTOUCHED,
               log=[*opening(arguments), *inventory("")])

@@ -4,8 +4,8 @@ from __future__ import annotations
 import pytest
 
 from cases.support.download import PATH
-from cases.support.expect import (ANOTHER, DOWNLOADING, FINISHED, REFUSED, REPAIR, REPAIRED, SAME, SAME_RELEASE, check_refused,
-                                  compare_log, download, inventory, opening, places, unpack)
+from cases.support.expect import (ANOTHER, DOWNLOADING, FINISHED, REFUSED, REPAIR, REPAIRED, check_refused, compare_log, download,
+                                  inventory, opening, places, unpack)
 from cases.support.repair import found, until_unpacked
 
 pytestmark = pytest.mark.all_cores
@@ -57,15 +57,6 @@ def test_killed_instance_does_not_block_the_next_start(lab):
     assert compare_log([*opening(), *inventory(), *download(), unpack(), *REPAIR], result.logs[2], places(lab.machine, result)) == ""
 
 
-def test_next_start_works_after_the_working_one_of_ten_is_killed(lab):
-    rule = "setupapi!SetupDiDestroyDeviceInfoList 1 sleep=5000 exit=9"
-    result = lab.run(found(faults=[rule]), "-SILENT", at_once=10, then="-SILENT")
-    lab.outcome("interrupted | no-log, 9 another-instance | no-log, repaired")
-    assert codes(result) == [-1] * 9 + [0, 9] and result.instances[-1]["exit_code"] == 0
-    assert result.after.products == REPAIRED["products"]
-    assert len(result.logs[-1]) == len(WORK) and REFUSED not in result.logs[-1]
-
-
 def test_refused_start_holds_the_event_while_its_box_is_up(lab):
     """It closes the event only after its message. Until then no instance can work, although the first one is gone."""
     result = lab.run(SLOW, hold=3, when=["text Downloading : second", "box : kill 9", "box : second -SILENT"], then="-SILENT")
@@ -75,14 +66,3 @@ def test_refused_start_holds_the_event_while_its_box_is_up(lab):
     assert result.instances[2]["ended"] < result.instances[1]["ended"]
     check_refused(result, "-SILENT", box=False, number=2)
     assert result.after.products == REPAIRED["products"]
-
-
-@pytest.mark.parametrize("release, code, outcome, box", [("24.20", -1, "2 same-release", SAME_RELEASE),
-                                                         ("23.40", 0, "repaired, same-release", FINISHED)])
-def test_starts_after_each_other_do_not_meet(lab, release, code, outcome, box):
-    result = lab.run(found(desktop={"release": release}), then="")
-    lab.outcome(outcome)
-    assert [one["exit_code"] for one in result.instances] == [code, -1]
-    boxes = [(one["instance"], one["icon"], one["text"]) for one in [*result.boxes, *result.again.boxes]]
-    assert boxes == [(0, *box), (1, *SAME_RELEASE)]
-    assert result.logs[1][-1] == f"{SAME} Exiting."

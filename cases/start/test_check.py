@@ -7,10 +7,9 @@ import zoneinfo
 
 import pytest
 
-from cases.support.download import GOOD, answering
-from cases.support.expect import (DOWNLOAD_FAILED, FINISHED, HL_VERSION, INSTALL_FAILED, MAIN_PACKAGE_MISSING, NO_ADAPTER,
-                                  NO_ADAPTER_LEFT, NO_DESKTOP, NO_SERVER, NOT_DOWNLOADED, NOT_INSTALLED, NOT_THE_MAKERS,
-                                  OTHER_ADAPTER, REPAIR, REPAIRED, SAME, SAME_RELEASE, UNTOUCHED, check_refused, download,
+from cases.support.download import answering
+from cases.support.expect import (HL_VERSION, MAIN_PACKAGE_MISSING, NO_ADAPTER_LEFT, NO_DESKTOP, NO_SERVER, NOT_DOWNLOADED,
+                                  NOT_THE_MAKERS, OTHER_ADAPTER, REPAIR, REPAIRED, SAME, UNTOUCHED, check_refused, download,
                                   inventory, not_started, opening, unpack, without_server)
 from cases.support.store import NO_STORE, NOTHING
 
@@ -18,8 +17,8 @@ HL = r"HKLM\Software\Tavik\HL"
 COMPATIBLE = {"desktop": {"release": "24.20"}}
 LOG_FOLDER = r"C:\Program Files\Tavik\MIM\Log"
 FORCED = {**COMPATIBLE, **NO_SERVER}  # the download fails only with -FORCE
-LEFT_ALONE = {"exit_code": -1, "outcome": "same-release", "boxes": [SAME_RELEASE], "requests": []}
-NOT_REPAIRED = {"exit_code": -1, "outcome": "download-bad-address", "boxes": [DOWNLOAD_FAILED], "requests": []}
+LEFT_ALONE = {"outcome": "same-release", "requests": []}
+NOT_REPAIRED = {"outcome": "download-bad-address", "requests": []}
 
 
 # The log file
@@ -75,7 +74,7 @@ def test_existing_log_folder_is_used(lab):
 def test_run_ends_without_an_adapter_of_the_maker(lab, machine, arguments, lines):
     result = lab.run(machine, arguments)
     version = "23.40" if lab.machine.products else ""
-    lab.check(exit_code=-1, outcome="no-adapter", boxes=[NO_ADAPTER], requests=[], after={"products": result.before.products},
+    lab.check(outcome="no-adapter", requests=[], after={"products": result.before.products},
               log=[*opening(arguments, version), *lines, *NO_ADAPTER_LEFT])
 
 
@@ -86,22 +85,21 @@ def test_run_ends_without_an_adapter_of_the_maker(lab, machine, arguments, lines
 ], ids=["", "no package manager"])
 def test_run_ends_when_nothing_is_installed(lab, store, outcome, line):
     lab.run({"desktop": False, "store": store})
-    lab.check(exit_code=-1, outcome=outcome, boxes=[NOT_INSTALLED], requests=[], after={"products": []},
+    lab.check(outcome=outcome, requests=[], after={"products": []},
               log=[*opening(version=""), *inventory(), NO_DESKTOP, line, f"{NOTHING} Exiting."])
 
 
 # Proves: `-SILENT` on any of these ways out
 @pytest.mark.parametrize("machine, arguments, outcome, last", [
-    ({"adapters": [OTHER_ADAPTER]}, "-SILENT", "no-adapter", NO_ADAPTER_LEFT[1]),
     ({"adapters": []}, "-SILENT", "no-adapter", NO_ADAPTER_LEFT[1]),
     ({"desktop": False}, "-SILENT", "no-application", f"{NOTHING} Exiting."),
     (COMPATIBLE, "-silent", "same-release", f"{SAME} Exiting."),
     (NO_SERVER, "-SILENT", "download-bad-address", NOT_DOWNLOADED),
     (FORCED, "-FORCE -Silent", "download-bad-address", NOT_DOWNLOADED),
-], ids=["other adapter", "no adapter", "nothing installed", "same release", "no download", "forced"])
+], ids=["no adapter", "nothing installed", "same release", "no download", "forced"])
 def test_silent_early_exit_shows_nothing(lab, machine, arguments, outcome, last):
     result = lab.run(machine, arguments)
-    lab.check(exit_code=-1, outcome=outcome, boxes=[], requests=[], after={"products": result.before.products})
+    lab.check(outcome=outcome, requests=[], after={"products": result.before.products})
     assert (result.log[0], result.log[-1]) == (opening(arguments)[0], last)
     assert not any(sample["visible"] for sample in result.status)
 
@@ -110,27 +108,13 @@ def test_silent_early_exit_shows_nothing(lab, machine, arguments, outcome, last)
 
 # Proves: Another instance is running
 # Proves: Code 0 => no icon in the body, but one in the title bar
-@pytest.mark.parametrize("arguments, box", [("", True), ("-SILENT", False)])
-def test_second_instance_says_so_and_ends(lab, arguments, box):
-    result = lab.run(COMPATIBLE, when=[f"box : second {arguments}".strip()])
-    lab.check(exit_code=-1, outcome="same-release, another-instance", boxes=[SAME_RELEASE])
-    check_refused(result, arguments, box)
-
-
-def test_second_instance_is_refused_while_the_first_installs(lab):
-    result = lab.run({"installer": {"sleep": 2500}}, when=["text Installing : second -FORCE"])
-    lab.check(exit_code=0, outcome="repaired, another-instance", boxes=[FINISHED], requests=[GOOD], after=REPAIRED,
-              log=[*opening(), *inventory(), *download(), unpack(), *REPAIR])
-    check_refused(result, "-FORCE")
-
-
 # Proves: The refused instance ends
-def test_two_instances_after_each_other_are_both_refused(lab):
+def test_second_instance_says_so_and_ends(lab):
     """A refused instance must not take the place of the first one, nor free it."""
-    result = lab.run(COMPATIBLE, when=["box : second -SILENT", "box : second -SILENT"])
-    lab.check(exit_code=-1, outcome="same-release, 2 another-instance", boxes=[SAME_RELEASE])
-    for number in (1, 2):
-        check_refused(result, "-SILENT", box=False, number=number)
+    result = lab.run(COMPATIBLE, when=["box : second -SILENT", "box : second"])
+    lab.check(outcome="same-release, 2 another-instance")
+    check_refused(result, "-SILENT", box=False)
+    check_refused(result, number=2)
 
 
 # Switches
@@ -139,7 +123,7 @@ def test_two_instances_after_each_other_are_both_refused(lab):
 # Proves: `-FORCE` with the same release => the installation runs again
 def test_same_release_is_installed_again_when_forced(lab):
     lab.run(COMPATIBLE, "-FORCE")
-    lab.check(exit_code=0, outcome="repaired", boxes=[FINISHED], after=REPAIRED,
+    lab.check(outcome="repaired", after=REPAIRED,
               log=[*opening("-FORCE", "24.20"), *inventory(), SAME, *download(), unpack(), *REPAIR])
 
 
@@ -152,7 +136,7 @@ def test_force_repairs_the_same_release(lab, arguments):
 
 # Proves: There is at least one argument
 # Proves: Same release, not forced
-# Proves: A box appears
+# Proves: A box appears => it carries the tool's icon in both sizes and one button
 # Proves: Unknown arguments, and such that only look like a switch
 # Proves: What follows `-Path` looks like a switch
 @pytest.mark.parametrize("arguments", ["", "FORCE /FORCE --FORCE", '-FORCED -FORC "-FORCE "', "-Path -FORCE", "-path",
@@ -166,27 +150,19 @@ def test_unknown_arguments_are_ignored(lab, arguments):
 def test_repair_does_not_need_a_version(lab):
     """The version is not known but the product is there: a repair like any other."""
     lab.run({"remove": [HL], **answering()}, "-force")
-    lab.check(exit_code=2, outcome="installer-blocked", boxes=[INSTALL_FAILED],
+    lab.check(outcome="installer-blocked",
               log=[*opening("-force", ""), *inventory(), *download(), not_started(), MAIN_PACKAGE_MISSING])
 
 
-# Proves: Empty text, no bytes, half a character
 # Proves: Only one of the values is there
-# Proves: A value is not text
 # Proves: The values are in the 32-bit view only => they do not count
 @pytest.mark.parametrize("changes, version, driver", [
     ({"remove": [rf"{HL}@DriverVersion"]}, "23.40", ""),
     ({"remove": [rf"{HL}@HLVersion"]}, "", "23.40.11.01"),
     ({"remove": [HL]}, "", ""),
-    ({"registry": {HL: {"HLVersion": 2340, "DriverVersion": ["23.40"]}}}, "", ""),
-    ({"registry": {HL: {"HLVersion": {"type": "REG_BINARY", "hex": "32003400000000"}}}}, "", "23.40.11.01"),
     ({"registry": {HL: {"HLVersion": "", "DriverVersion": " "}}}, "", " "),
-    ({"registry": {HL: {"HLVersion": {"type": "REG_SZ", "hex": ""}}}}, "", "23.40.11.01"),
-    ({"registry": {HL: {"HLVersion": {"type": "REG_SZ", "hex": "320034002e00"}}}}, "24.", "23.40.11.01"),
-    ({"registry": {HL: {"HLVersion": {"type": "REG_SZ", "hex": "3200340000003900"}}}}, "24", "23.40.11.01"),
     ({"remove": [HL], "registry": {r"HKLM\Software\Wow6432Node\Tavik\HL": {"HLVersion": "24.20", "DriverVersion": "24.20"}}}, "", ""),
-], ids=["no driver version", "no version", "no key", "number and list", "binary", "empty and blank", "no bytes", "not terminated",
-        "null inside", "32-bit view only"])
+], ids=["no driver version", "no version", "no key", "empty and blank", "32-bit view only"])
 def test_unreadable_version_is_repaired(lab, changes, version, driver):
     lab.run({**changes, **NO_SERVER})
     lab.check(**NOT_REPAIRED, log=[*opening("", version, driver), *inventory(), *without_server()])
@@ -202,21 +178,14 @@ def test_unreadable_version_is_repaired(lab, changes, version, driver):
 @pytest.mark.parametrize("release, version, downloaded", [
     ("24.20.11.01-240619a", "24.20.11.01", None),
     ("24.20.11.01-240619a", "24.20.99", None),
-    ("24.2-240619a", "24.2", None),
-    ("24.20B-1", "24.20b", None),
     ("v24.2.1-1", "V24.2", None),
-    ("123.45.6", "123.46", None),
     ("-240619a", "", None),
     ("24.20.11.01-240619a", "24.2", "24.20"),
-    ("24.20.11.01-240619a", "24.21", "24.20"),
-    ("24.20.11.01-240619a", " 24.20", "24.20"),
-    ("24.2-240619a", "24.20", "24.2"),
     ("24.2.0-240619a", "24.20", "24.2."),
-    ("-240619a", "23.40", ""),
     ("24.20.11.01-240619a", "", "24.20"),
 ], ids=str)
 def test_releases_are_compared(lab, release, version, downloaded):
-    """downloaded: the release that a repair would download; None when both are the same release."""
+    """downloaded: the release that a repair would download; None when both are the same release. The in-process tests have more rows."""
     lab.run({"adapters": [{"release": release}], "registry": {HL: {"HLVersion": version}}, **NO_SERVER})
     wanted, lines = (LEFT_ALONE, [f"{SAME} Exiting."]) if downloaded is None else (NOT_REPAIRED, without_server(prefix=downloaded))
     lab.check(**wanted, before={"values": {HL_VERSION: version}}, after={"products": UNTOUCHED["products"]},

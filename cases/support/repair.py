@@ -3,7 +3,7 @@ from __future__ import annotations
 
 from typing import Any
 
-from cases.support.expect import EXTRACTED as FOLDER, MAIN_PACKAGE_MISSING, REPAIRED, UNTOUCHED, install, inventory, opening, remove, unpack
+from cases.support.expect import EXTRACTED as FOLDER, install, inventory, opening, remove, unpack  # FOLDER for the cases
 from lab.result import Result
 
 INSTALLER = r"{store1}\B384125\DWX2_Install.exe"

@@ -4,8 +4,8 @@ from __future__ import annotations
 from typing import Any
 
 from cases.support.download import GOOD
-from cases.support.expect import (DOWNLOAD_FAILED, DOWNLOADS, EXTRACTED, FINISHED, INSTALL_FAILED, REPAIR, REPAIRED, TEMP, UNTOUCHED,
-                                  download, inventory, opening, unpack, without_server)
+from cases.support.expect import (DOWNLOADS, EXTRACTED, REPAIR, REPAIRED, TEMP, UNTOUCHED, download, inventory, opening, unpack,
+                                  without_server)
 from cases.support.repair import until_found, until_unpacked
 from lab.result import Result
 
@@ -45,20 +45,20 @@ def check(lab, *own: str, before: dict[str, Any] | None = None, after: dict[str,
 
 def check_repaired(lab, *own: str, after: dict[str, Any] | None = None, log: list[str] | None = None, **wanted: Any) -> None:
     """A repair, with the installer of the driver package unless the log says otherwise."""
-    check(lab, *own, outcome="repaired", exit_code=0, boxes=[FINISHED], log=log or [*until_unpacked(), *REPAIR],
+    check(lab, *own, outcome="repaired", log=log or [*until_unpacked(), *REPAIR],
           after={**REPAIRED, **(after or {})}, **wanted)
 
 
 def check_not_prepared(lab, place: str, **states: Any) -> None:
     """The extraction folder cannot be cleared because of this place: the run ends before the installer is started."""
-    check(lab, outcome="folder-not-prepared", exit_code=-1, boxes=[INSTALL_FAILED], log=[
+    check(lab, outcome="folder-not-prepared", log=[
         *until_found(), f"\tException occured during installation. filesystem error: remove_all: {{any}} [{EXTRACTED}] [{place}]"], **states)
     assert lab.result.installer == []
 
 
 def check_ends_without_server(lab, *lines: str, folder: str = "{store1}", prefix: str = "24.20", **states: Any) -> None:
     """The opening and these lines, then a repair that finds no server."""
-    check(lab, outcome="download-bad-address", exit_code=-1, boxes=[DOWNLOAD_FAILED], requests=[],
+    check(lab, outcome="download-bad-address", requests=[],
           log=[*opening(), *lines, *without_server(folder, prefix)], **states)
 
 

@@ -11,9 +11,9 @@ from typing import Any
 import pytest
 
 from cases.support.direct import GIVEN, HOME, SWITCHES, UPDATE_FAILED, application, given, started
-from cases.support.download import FINAL, NO_PROGRAM, TEMPORARY, answering, downloaded, failed
-from cases.support.expect import (FINISHED, INSTALL_FAILED, MAIN_PACKAGE_MISSING, QUIET_END, REPAIR, UNTOUCHED, install, inventory,
-                                  opening, remove, stop, unpack)
+from cases.support.download import FINAL, NO_PROGRAM, TEMPORARY, answering, downloaded
+from cases.support.expect import (INSTALL_FAILED, MAIN_PACKAGE_MISSING, REPAIR, UNTOUCHED, install, inventory, opening, remove,
+                                  stop, unpack)
 from cases.support.repair import (FOLDER, INSTALL_KEY, INSTALL_PROPERTIES, MSI_AGREES, PACKAGES, asked_of_msi, brought, found,
                                   until_found, until_unpacked)
 from cases.support.store import ATTEMPT, FAILED, INSTALLED, calls, check_nothing_leaks, has, package, store_only, until_query
@@ -51,14 +51,14 @@ def shortcut(target: str) -> dict[str, str]:
 def test_existence_of_the_installer_cannot_be_tested(lab, machine, arguments, log):
     """The tool does not catch that error: the run ends before anything is changed, and nothing is downloaded instead."""
     result = lab.run(machine, arguments)
-    lab.check(outcome="quiet-end", exit_code=QUIET_END, boxes=[], requests=[], after=UNTOUCHED, log=log)
+    lab.check(outcome="quiet-end", requests=[], after=UNTOUCHED, log=log)
     assert result.output == [""] and (result.status == []) == (arguments == SWITCHES)
 
 
 def test_existence_of_the_old_extraction_folder_cannot_be_tested(lab):
     """Unlike a file in it that cannot be removed, it is the only path that the error names."""
     result = lab.run(found(files=loop(FOLDER)))
-    lab.check(outcome="folder-not-prepared", exit_code=-1, boxes=[INSTALL_FAILED], after=UNTOUCHED, log=[
+    lab.check(outcome="folder-not-prepared", after=UNTOUCHED, log=[
         *until_found(), f"\tException occured during installation. filesystem error: remove_all: {{any}} [{FOLDER}]"])
     assert result.installer == []
 
@@ -68,7 +68,7 @@ def test_existence_of_the_old_extraction_folder_cannot_be_tested(lab):
 def test_existence_of_the_main_package_cannot_be_tested(lab, arguments, box, log):
     """The folder is used as it is when the session's user is not known, so something of an earlier run can be there."""
     result = lab.run(found(files={**loop(MAIN), GIVEN: {"installer": "24.20"}}, installer={"extract": "no"}, faults=[UNKNOWN_USER]), arguments)
-    lab.check(outcome="folder-not-prepared", exit_code=-1, boxes=[box], after=UNTOUCHED, log=[
+    lab.check(outcome="folder-not-prepared", boxes=[box], after=UNTOUCHED, log=[
         *log, f"\tException occured during installation. filesystem error: exists: {{any}} [{MAIN}]"])
     assert len(result.installer) == 1
 
@@ -80,7 +80,7 @@ def test_existence_of_the_main_package_cannot_be_tested(lab, arguments, box, log
 def test_folder_whose_existence_cannot_be_tested_is_not_passed_on(lab, registered, place, more):
     """Neither is a good one when the existence of the default one is not known."""
     result = lab.run(found(registry={INSTALL_KEY: {"InstallDir": registered}, **more}, files=loop(place), faults=[MSI_AGREES]))
-    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *REPAIR])
+    lab.check(outcome="repaired", log=[*until_unpacked(), *REPAIR])
     assert asked_of_msi(result)[-1] == (MAIN, INSTALL_PROPERTIES)
 
 
@@ -92,20 +92,8 @@ def test_extraction_folder_cannot_be_created(lab):
     """In /proc/sys not even root can make a folder. That is not logged, the installer is started all the same, and what it could not
     unpack is missing then."""
     result = lab.run(found(files={PARENT: {"link": "/proc/sys"}}))
-    lab.check(outcome="installer-empty", exit_code=2, boxes=[INSTALL_FAILED], after=UNTOUCHED, log=[*until_unpacked(), MAIN_PACKAGE_MISSING])
+    lab.check(outcome="installer-empty", after=UNTOUCHED, log=[*until_unpacked(), MAIN_PACKAGE_MISSING])
     assert len(result.installer) == 1
-
-
-# Proves: The session cannot be asked
-@pytest.mark.parametrize("condition, given_back", [("", 0), ("if=class:5 ", 1)], ids=["at all", "for the name"])
-def test_session_cannot_be_asked(lab, condition, given_back):
-    """Without a user there is no access list, so the folder is not prepared: its files stay, and nothing is logged."""
-    old = FOLDER + r"\old.txt"
-    rule = f"wtsapi32!WTSQuerySessionInformationW * {condition}error=5"
-    result = lab.run(found(files={old: "old"}, faults=[rule, MSI_AGREES]))
-    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], log=[*until_unpacked(), *REPAIR], before={"files": [old]},
-              after={"files": [old, MAIN]})
-    assert len([line for line in result.calls if "WTSFreeMemory" in line]) == given_back
 
 
 # Programs
@@ -117,7 +105,7 @@ def test_taskkill_is_missing(lab):
     polite, *kills = stop()
     failures = [line.replace("Process", "Launching process").replace("completed with exit code 128", "failed. Error code = 2 File not found. ")
                 for line in kills]
-    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED], running=["CorvelSettings.exe"], log=[
+    lab.check(outcome="repaired", running=["CorvelSettings.exe"], log=[
         *until_unpacked(), polite, *failures, *remove("Halden"), *install("Halden")])
 
 
@@ -132,7 +120,7 @@ def test_installer_without_a_process(lab, name, content, outcome, line):
     path = rf"C:\Given\{name}"
     arguments = f"-VLT -Install -Path {path}"
     result = lab.run({"server": {"reach": "none"}, "files": {path: content}, "programs": {"CorvelSoftware.exe.stay": 3000}}, arguments)
-    lab.check(outcome=outcome, exit_code=0, boxes=[], after=UNTOUCHED, log=[
+    lab.check(outcome=outcome, after=UNTOUCHED, log=[
         *started(arguments), line.format(f"{path} {SWITCHES_OF_THE_INSTALLER}"), MAIN_PACKAGE_MISSING, application()])
     others = [one for one in result.programs if one.startswith("hlcmd.exe")]
     assert [one.endswith(f'{SWITCHES_OF_THE_INSTALLER}"') for one in others] == [True] * (name == "setup.lnk")
@@ -147,21 +135,6 @@ def test_rename_fails_without_a_word(lab):
     lab.run({**answering(), "files": {FINAL: "old"}, "shared": [FINAL]})
     lab.check(**downloaded(len(NO_PROGRAM)), before={"files": [FINAL]}, after={**UNTOUCHED, "files": [TEMPORARY], "missing": [FINAL]})
     assert lab.result.file(TEMPORARY).read_text() == NO_PROGRAM
-
-
-def test_temporary_name_is_still_taken(lab):
-    lab.run({**answering(), "files": {TEMPORARY: "old"}, "shared": [TEMPORARY]})
-    lab.check(**failed("download-file-in-the-way", f"Unable to create file to download data into. Target path: {TEMPORARY}. Error: {{number}}"),
-              requests=[], before={"files": [TEMPORARY]}, after={**UNTOUCHED, "missing": [FINAL, TEMPORARY]})
-
-
-def test_text_of_the_server_cannot_be_read(lab):
-    """Neither of the two calls for it succeeds: number 0 and no text."""
-    rules = ["wininet!InternetReadFile 1 error=12003", "wininet!InternetGetLastResponseInfoW * error=14"]
-    result = lab.run({**answering(), "faults": rules})
-    lab.check(**failed("download-broken", "Response code from server: 200", "Unable to read file from internet. Extended error code: 0 "),
-              after={**UNTOUCHED, "missing": [FINAL], "files": [TEMPORARY]})
-    assert len([line for line in result.calls if "GetLastResponseInfoW" in line]) == 2
 
 
 # Without a window, without memory
@@ -179,7 +152,7 @@ def test_missing_window_is_handed_to_the_store(lab, window, outcome, code, lines
 
 def test_direct_installation_without_a_window(lab):
     result = lab.run(given(desktop=THERE, **NO_DISPLAY), SWITCHES)
-    lab.check(outcome="direct-done", exit_code=0, boxes=[], after={"products": ["Tavik Halden 24.20"]}, log=[
+    lab.check(outcome="direct-done", after={"products": ["Tavik Halden 24.20"]}, log=[
         *started(), unpack(GIVEN), *REPAIR, application()])
     assert not any(sample["exists"] for sample in result.status)
 
@@ -190,6 +163,6 @@ def test_no_memory_for_the_installation_is_caught(lab):
                 r"HKLM\Software\Microsoft\Windows\CurrentVersion": {"ProgramFilesDir": r"C:\Programme"}}
     rules = [MSI_AGREES, "msi!MsiInstallProductW 1 return=0 memory=none"]
     lab.run(found(registry=registry, faults=rules, environment={"LD_PRELOAD": "libgcc_s.so.1"}), "-SILENT")
-    lab.check(outcome="installation-exception", exit_code=-1, boxes=[], log=[
+    lab.check(outcome="installation-exception", boxes=[], log=[
         *until_unpacked("-SILENT"), *stop(), *remove("Halden"), install("Halden")[0], "\tException occured during installation. std::bad_alloc"])
     assert len(asked_of_msi(lab.result)) == 1

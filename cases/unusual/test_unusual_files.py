@@ -6,13 +6,12 @@ from typing import Any
 
 import pytest
 
-from cases.support.direct import GIVEN, SWITCHES, UPDATE_FAILED, given, started
 from cases.support.download import FINAL, PATH, TEMPORARY
-from cases.support.expect import (DOWNLOAD_FAILED, DOWNLOADS, EXTRACTED, INSTALL_FAILED, MAIN_PACKAGE_MISSING, NO_SERVER,
-                                  NOT_DOWNLOADED, download, inventory, not_started, opening)
+from cases.support.expect import (DOWNLOADS, EXTRACTED, MAIN_PACKAGE_MISSING, NO_SERVER, NOT_DOWNLOADED, download, inventory,
+                                  not_started, opening)
 from cases.support.repair import INSTALLER, PACKAGES, found, until_found
-from cases.support.unusual import (DOWNLOADED, MEBIBYTE, NOTHING_INSTALLED, check, check_ends_without_server, check_not_prepared,
-                                   check_repaired, not_downloaded)
+from cases.support.unusual import (DOWNLOADED, MEBIBYTE, check, check_ends_without_server, check_not_prepared, check_repaired,
+                                   not_downloaded)
 from lab import inf
 from lab.adapters import RELEASE, Package
 
@@ -95,9 +94,8 @@ def test_damaged_packages_tell_their_release_or_none(lab, contents, release, meg
     ([HEAD, 200 * MEBIBYTE], "", 700),
     ([HEAD, "[A]\r\n", LINE, [";" + "x" * 1023 + "\r\n", 200 * 1024]], RELEASE, 700),
     ([HEAD, "[A]\r\n", LINE, "[", ["x", LONG], "\r\n"], "", 300),
-    (["[", ["[", LONG], "]\r\n", GOOD_INF], "", 420),
     ([["x", LONG]], "", 300),
-], ids=["200 MB of nulls", "200 MB of comments", "64 MiB behind a bracket", "64 MiB of brackets", "64 MiB without an end"])
+], ids=["200 MB of nulls", "200 MB of comments", "64 MiB behind a bracket", "64 MiB without an end"])
 def test_package_is_huge(lab, parts, release, megabytes):
     lab.run(damaged({"parts": parts}))
     check_packages(lab, release, megabytes=megabytes)
@@ -124,29 +122,19 @@ def test_package_cannot_be_opened(lab, change):
 def test_installer_of_the_package_is_in_use(lab):
     """It is there, so none is downloaded, although it cannot be started."""
     lab.run(found(held=[rf"{STORE}\B384125\DWX2_Install.exe"]))
-    check(lab, outcome="installer-blocked", exit_code=2, boxes=[INSTALL_FAILED],
+    check(lab, outcome="installer-blocked",
           log=[*until_found(), not_started(INSTALLER, code="32"), MAIN_PACKAGE_MISSING])
-
-
-def test_installer_of_the_package_is_a_link_to_nothing(lab):
-    lab.run({"adapters": [{"packages": [{"files": {r"B384125\DWX2_Install.exe": {"link": "/nowhere"}}}]}], **NO_SERVER})
-    check_ends_without_server(lab, *inventory())
 
 
 # The download folder
 
-@pytest.mark.parametrize("target", [FINAL, TEMPORARY], ids=["final", "temporary"])
-def test_folder_appears_in_the_files_place_during_the_download(lab, target):
+def test_folder_appears_in_the_files_place_during_the_download(lab):
     """The old file was removed before; the folder there now is not empty, so it cannot be removed."""
-    server = {"server": {"answers": {PATH: {"size": 3_000_000, "pause": [1_000_000, 1.5]}}}}
-    if target == TEMPORARY:
-        lab.run({**server, "files": {TEMPORARY + r"\mine.txt": "mine"}})
-        lines = download()[:2]
-    else:
-        lab.run(server, when=[f"file {TEMPORARY} : run cmd /c md {FINAL}\\mine"])
-        lines = [*download()[:3], "Completed download. Total bytes downloaded: 3000000"]
-    check(lab, outcome="download-file-in-the-way", exit_code=-1, boxes=[DOWNLOAD_FAILED], after={"files": [target, TEMPORARY]},
-          log=[*opening(), *inventory(), *lines, not_downloaded(target), NOT_DOWNLOADED])
+    lab.run({"server": {"answers": {PATH: {"size": 3_000_000, "pause": [1_000_000, 1.5]}}}},
+            when=[f"file {TEMPORARY} : run cmd /c md {FINAL}\\mine"])
+    check(lab, outcome="download-file-in-the-way", after={"files": [FINAL, TEMPORARY]},
+          log=[*opening(), *inventory(), *download()[:3], "Completed download. Total bytes downloaded: 3000000", not_downloaded(FINAL),
+               NOT_DOWNLOADED])
 
 
 @pytest.mark.parametrize("target", [FINAL, TEMPORARY], ids=["final", "temporary"])
@@ -154,15 +142,6 @@ def test_empty_folder_in_the_files_place_is_removed(lab, target):
     lab.run({"files": {target: {"folder": True}}})
     check_repaired(lab, **DOWNLOADED, before={"files": [target]}, after={"files": [FINAL], "missing": [TEMPORARY]})
     assert lab.result.after.files[FINAL] > 100_000
-
-
-@pytest.mark.parametrize("key", ["held", "read_only"])
-def test_both_old_files_cannot_be_removed(lab, key):
-    """The final one is tried first, so the temporary one stays even when it could go."""
-    lab.run({"files": {FINAL: "old", TEMPORARY: "older"}, key: [FINAL]}, "-SILENT")
-    check(lab, outcome="download-file-in-the-way", exit_code=-1, boxes=[], requests=[], before={"files": [FINAL, TEMPORARY]},
-          log=[*opening("-SILENT"), *inventory(), *download()[:2], not_downloaded(FINAL), NOT_DOWNLOADED])
-    assert (lab.result.after.files[FINAL], lab.result.after.files[TEMPORARY]) == (3, 5)
 
 
 def test_second_name_of_an_old_file_is_left_alone(lab):
@@ -213,7 +192,7 @@ def test_download_folder_is_a_link(lab):
     check_victim(lab)
 
 
-@pytest.mark.parametrize("depth", [0, 1, 6])
+@pytest.mark.parametrize("depth", [0, 6])
 def test_second_names_of_files_go_and_the_files_stay(lab, depth):
     folder = EXTRACTED + "".join(rf"\d{number}" for number in range(depth))
     lab.run(found(files={**TREE, **{rf"{folder}\link{number}": {"same": path} for number, path in enumerate(TREE)}}))
@@ -229,11 +208,6 @@ def test_another_disk_in_the_extraction_folder_is_not_entered(lab):
 
 # Files in use
 
-def check_quick(lab) -> None:
-    tool = lab.result.instances[0]
-    assert tool["ended"] - tool["started"] < 10_000  # two seconds, on a computer without other work
-
-
 # Proves: An old file there is in use => the run ends at once with the "remove_all" error
 @pytest.mark.parametrize("place", [r"\old.txt", DEEP], ids=["in it", "deeper"])
 @pytest.mark.parametrize("how", ["held", "shared"])
@@ -243,18 +217,8 @@ def test_file_in_use_ends_the_run_at_once(lab, how, place):
     lab.run(found(files={path: "old"}, **{how: [path]}))
     check_not_prepared(lab, path if how == "held" else path.rpartition("\\")[0], before={"files": [path]},
                        after={"files": [path] if how == "held" else []})
-    check_quick(lab)
-
-
-@pytest.mark.parametrize("how", ["held", "shared"])
-def test_file_in_use_ends_a_direct_installation_at_once(lab, how):
-    path = EXTRACTED + r"\old.txt"
-    lab.run(given(files={path: "old"}, **{how: [path]}), SWITCHES)
-    blocked = path if how == "held" else EXTRACTED
-    check(lab, outcome="folder-not-prepared", exit_code=-1, boxes=[UPDATE_FAILED], before=NOTHING_INSTALLED,
-          after={**NOTHING_INSTALLED, "files": [GIVEN]}, log=[
-        *started(), f"\tException occured during installation. filesystem error: remove_all: {{any}} [{EXTRACTED}] [{blocked}]"])
-    check_quick(lab)
+    tool = lab.result.instances[0]
+    assert tool["ended"] - tool["started"] < 10_000  # two seconds, on a computer without other work
 
 
 # Much to clean up
