@@ -2,8 +2,10 @@
 from __future__ import annotations
 
 import contextlib
+import fnmatch
 import os
 import pathlib
+import re
 import time
 from typing import Any
 
@@ -22,6 +24,18 @@ from lab.state import State  # noqa: E402
 
 DAY = 24 * 3600
 CORES = sorted(os.sched_getaffinity(0))
+
+# Exit code and box of a run with one of these outcomes; the first pattern that fits counts.
+ENDS = {
+    "repaired*": (0, expect.FINISHED), "store-installed": (0, expect.FINISHED), "store-not-completed": (-1, expect.INSTALL_FAILED),
+    "same-release": (-1, expect.SAME_RELEASE), "no-application*": (-1, expect.NOT_INSTALLED),
+    "no-adapter": (-1, expect.NO_ADAPTER), "no-usable-driver": (-1, expect.NO_ADAPTER),
+    "download-*": (-1, expect.DOWNLOAD_FAILED),
+    "folder-not-prepared": (-1, expect.INSTALL_FAILED), "installation-exception": (-1, expect.INSTALL_FAILED),
+    "installer-*": (2, expect.INSTALL_FAILED), "install-failed": (1603, expect.INSTALL_FAILED),
+    "quiet-end": (expect.QUIET_END, None), "direct-no-location": (expect.QUIET_END, None),
+    "direct-file-missing": (2, None), "direct-*": (0, None),
+}
 
 
 def pytest_configure(config: pytest.Config) -> None:
@@ -52,6 +66,12 @@ def one_core(request: pytest.FixtureRequest) -> None:
     workers = int(os.environ.get("PYTEST_XDIST_WORKER_COUNT", "1"))
     spread = workers < len(CORES) or request.node.get_closest_marker("all_cores") is not None
     os.sched_setaffinity(0, CORES if spread else {CORES[worker % len(CORES)]})
+
+
+def end_of(statement: str) -> tuple[int | None, tuple[str, str] | None]:
+    """Exit code and box of the first start in a statement of outcomes; (None, None) when they do not follow from the outcome."""
+    first = re.match(r"(?:\d+ )?([a-z-]+)", statement)[1]
+    return next((end for pattern, end in ENDS.items() if fnmatch.fnmatchcase(first, pattern)), (None, None))
 
 
 class Lab:
@@ -98,7 +118,7 @@ class Lab:
         assert result is not None and self.machine is not None
         if outcome is not None:
             self.outcome(outcome)
-            code, box = expect.end_of(outcome)
+            code, box = end_of(outcome)
             exit_code = code if exit_code is None else exit_code
             boxes = [box] * (box is not None and not self.silent) if boxes is None and code is not None else boxes
         names = ["Tavik " + " ".join(product.split("-")[:2]) for product in self.machine.products]

@@ -17,8 +17,8 @@ from tools.project import TOP
 LIST = TOP / "tests" / "behaviours.md"
 TABLE = TOP / "build" / "docs" / "proof.md"
 TESTS = {"tests": "*.cpp", "companion/tests": "*.cpp", ".": "test_*.py"}
-PROVES = re.compile(r"^(?://|#) Proves: (.+)$")
-TEST = re.compile(r"^TEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)\s*\)|^def (test_\w+)\(", re.MULTILINE)
+LINE = re.compile(r"^(?://|#) Proves: (?P<proves>.+)$|^TEST(?:_F|_P)?\(\s*(?P<suite>\w+),\s*(?P<name>\w+)\s*\)|^def (?P<case>test_\w+)\(",
+                  re.MULTILINE)
 NOT_SHOWN = re.compile(r"(.+) => (.+) \[not shown: (.{20,})\]")
 
 
@@ -48,20 +48,15 @@ def behaviours(text: str) -> dict[str, Row]:
 
 def proofs(file: Path) -> list[tuple[str, str]]:
     """Pairs of a test's name and the text after "Proves:". A line that is not above a test gives the name "". """
-    text = file.read_text("utf-8")
     found: list[tuple[str, str]] = []
     waiting: list[str] = []
-    for line in text.splitlines():
-        proves = PROVES.match(line)
-        test = TEST.match(line) or re.match(r"^TEST(?:_F|_P)?\((\w+),$", line)
-        if proves:
-            waiting.append(proves[1])
-        elif test and waiting:
-            at = text.index(line)
-            whole = TEST.match(text, at)
-            name = (f"{whole[1]}.{whole[2]}" if whole[1] else f"{file.name}::{whole[3]}") if whole else ""
-            found += [(name, one) for one in waiting]
-            waiting = []
+    for match in LINE.finditer(file.read_text("utf-8")):
+        if match["proves"]:
+            waiting.append(match["proves"])
+            continue
+        name = f"{match['suite']}.{match['name']}" if match["suite"] else f"{file.name}::{match['case']}"
+        found += [(name, one) for one in waiting]
+        waiting = []
     return found + [("", one) for one in waiting]
 
 

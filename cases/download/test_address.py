@@ -20,10 +20,12 @@ def test_server_that_speaks_only_tls_13_is_refused(lab):
     check_failed(lab, "download-not-trusted", not_sent(HTTPS_URL, 12157), requests=[], start=DEFAULT)
 
 
+# Proves: An http address with port 443
 @pytest.mark.quick
-def test_server_that_speaks_tls_12_is_used(lab):
-    result = lab.run(own(tls="TLSv1.2"))
-    check_arrived(lab, 10, [GOOD], DEFAULT)
+@pytest.mark.parametrize("folder", [None, f"http://{HOST}:443{SERVER_PATH}"], ids=["default", "http on port 443"])
+def test_server_that_speaks_tls_12_is_used(lab, folder):
+    result = lab.run(own(folder=folder, tls="TLSv1.2"))
+    check_arrived(lab, 10, [GOOD], changed(folder) if folder else DEFAULT)
     assert result.requests[0]["tls"] == "TLSv1.2"
 
 

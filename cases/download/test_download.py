@@ -6,7 +6,7 @@ import zlib
 
 import pytest
 
-from cases.support.download import (FINAL, GOOD, KEY, NO_PROGRAM, PATH, SERVER_PATH, START, TEMPORARY, URL, answering, changed,
+from cases.support.download import (FINAL, GOOD, KEY, NO_PROGRAM, PATH, SERVER_PATH, START, TEMPORARY, URL, answering,
                                     check_arrived, downloaded, failed, not_sent, own, status_line, thrown)
 from cases.support.expect import DOWNLOADING, DOWNLOADS, REPAIR, REPAIRED, UNTOUCHED, download, inventory, opening, unpack
 from lab.certificates import HOST
@@ -31,15 +31,6 @@ def test_request_as_the_server_sees_it(lab):
     assert {name: request[name] for name in ("method", "path", "host", "user_agent", "accept", "referer", "pragma")} == {
         "method": "GET", "path": PATH, "host": result.server, "user_agent": "Tavik Marlin Install Manager",
         "accept": "Accept: */*", "referer": "http://support.tavik.example/", "pragma": "no-cache"}
-
-
-# Proves: An http address with port 443
-def test_http_on_port_443_is_encrypted(lab):
-    folder = f"http://{HOST}:443{SERVER_PATH}"
-    result = lab.run({**own(folder=folder), "standins": ["wininet"]})
-    check_arrived(lab, 10, [GOOD], changed(folder))
-    assert result.requests[0]["tls"].startswith("TLS")
-    assert any(line.startswith("HttpOpenRequestW#1 ") and "flags=0x84800500" in line for line in wininet(result))
 
 
 # Proves: The value is not text, or reading it fails

@@ -230,52 +230,35 @@ def test_installer_that_is_no_program(lab):
 
 # The folder of the application
 
-def custom(folder: object, **changes) -> dict:
-    """The folder that the installed edition has registered."""
-    registry = {INSTALL_KEY: {"InstallDir": folder}, **changes.pop("registry", {})}
-    return desktop(*ALL, registry=registry, faults=[MSI_AGREES], **changes)
-
-
 def installs_into(folder: str, *families: str) -> list[str]:
     return [line for one, two in map(install, families) for line in (one, *([f"Using custom install directory {folder}"] if folder else []), two)]
 
 
-def check_folder(lab, folder: str) -> None:
-    """All three packages go into the folder; an empty one is the packages' own."""
-    wanted = INSTALL_PROPERTIES + (f' INSTALLDIR="{folder}"' if folder else "")
-    assert [one for one in asked_of_msi(lab.result) if one[0].startswith(FOLDER)] == [(NEW[family], wanted) for family in ALL]
-    check(lab, *stop(), *removes(*ALL), *installs_into(folder, *ALL))
+MINE = {"files": {r"C:\My Apps\note.txt": "mine"}}
+NO_DEFAULT = {r"HKLM\Software\Microsoft\Windows\CurrentVersion": {"ProgramFilesDir": r"C:\Programme"}}
 
 
 # Proves: Into a folder of the user's own, with blanks
-@pytest.mark.parametrize("folder", [r"C:\My Apps", "C:\\My Apps\\", r"C:\Program Files", r"C:\Program Files\Tavik\Halden"])
-def test_folder_of_the_users_own_is_kept(lab, folder):
-    lab.run(custom(folder, files={r"C:\My Apps\note.txt": "mine"}))
-    check_folder(lab, folder)
-
-
 # Proves: It is the default one in another spelling: letter case, short name, backslash at the end
 # Proves: The default one exists, the registered one does not or cannot be opened
-@pytest.mark.parametrize("folder", [
-    r"C:\Program Files\Tavik", "C:\\Program Files\\Tavik\\", r"c:\PROGRAM FILES\tavik", "C:/Program Files/Tavik",
-    r"C:\Program Files\Tavik\Halden\..", r"C:\PROG~FBU\Tavik", r"C:\Gone", r"Q:\Apps", ""], ids=str)
-def test_default_folder_or_one_that_cannot_be_compared_is_not_passed_on(lab, folder):
-    """The default one in any spelling; then folders that do not exist."""
-    lab.run(custom(folder))
-    check_folder(lab, "")
-
-
 # Proves: Key or value is missing
-def test_no_folder_registered(lab):
-    lab.run(custom(r"C:\windows", remove=[INSTALL_KEY + "@InstallDir"]))
-    check_folder(lab, "")
-
-
 # Proves: The default folder does not exist
-@pytest.mark.parametrize("folder", [r"C:\windows", r"C:\Gone Away"])
-def test_any_registered_folder_counts_when_the_default_one_does_not_exist(lab, folder):
-    lab.run(custom(folder, registry={r"HKLM\Software\Microsoft\Windows\CurrentVersion": {"ProgramFilesDir": r"C:\Programme"}}))
-    check_folder(lab, folder)
+@pytest.mark.parametrize("registered, kept, changes", [
+    *((folder, True, MINE) for folder in (r"C:\My Apps", "C:\\My Apps\\", r"C:\Program Files", r"C:\Program Files\Tavik\Halden")),
+    *((folder, False, {}) for folder in (
+        r"C:\Program Files\Tavik", "C:\\Program Files\\Tavik\\", r"c:\PROGRAM FILES\tavik", "C:/Program Files/Tavik",
+        r"C:\Program Files\Tavik\Halden\..", r"C:\PROG~FBU\Tavik", r"C:\Gone", r"Q:\Apps", "")),
+    (r"C:\windows", False, {"remove": [INSTALL_KEY + "@InstallDir"]}),
+    *((folder, True, {"registry": NO_DEFAULT}) for folder in (r"C:\windows", r"C:\Gone Away"))],
+    ids=lambda value: value if isinstance(value, str) else "")
+def test_folder_of_the_users_own_is_kept_and_no_other(lab, registered, kept, changes):
+    """All three packages go into the folder; without one each goes into its own."""
+    registry = {INSTALL_KEY: {"InstallDir": registered}, **changes.get("registry", {})}
+    lab.run(desktop(*ALL, faults=[MSI_AGREES], **{**changes, "registry": registry}))
+    folder = registered if kept else ""
+    check(lab, *stop(), *removes(*ALL), *installs_into(folder, *ALL))
+    wanted = INSTALL_PROPERTIES + (f' INSTALLDIR="{folder}"' if folder else "")
+    assert [one for one in asked_of_msi(lab.result) if one[0].startswith(FOLDER)] == [(NEW[family], wanted) for family in ALL]
 
 
 # Proves: The registered folder is another than the default one

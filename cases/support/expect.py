@@ -6,7 +6,6 @@ places of the machine.
 from __future__ import annotations
 
 import difflib
-import fnmatch
 import os
 import pwd
 import re
@@ -43,18 +42,6 @@ DOWNLOAD_FAILED = ("error", "Error downloading Tavik Software")
 INSTALL_FAILED = ("error", "Error installing Tavik Software.")
 FINISHED = ("information", "Finished installing Tavik Software")
 
-# Exit code and box of a run with one of these outcomes; the first pattern that fits counts.
-ENDS = {
-    "repaired*": (0, FINISHED), "store-installed": (0, FINISHED), "store-not-completed": (-1, INSTALL_FAILED),
-    "same-release": (-1, SAME_RELEASE), "no-application*": (-1, NOT_INSTALLED),
-    "no-adapter": (-1, NO_ADAPTER), "no-usable-driver": (-1, NO_ADAPTER),
-    "download-*": (-1, DOWNLOAD_FAILED),
-    "folder-not-prepared": (-1, INSTALL_FAILED), "installation-exception": (-1, INSTALL_FAILED),
-    "installer-*": (2, INSTALL_FAILED), "install-failed": (1603, INSTALL_FAILED),
-    "quiet-end": (QUIET_END, None), "direct-no-location": (QUIET_END, None),
-    "direct-file-missing": (2, None), "direct-*": (0, None),
-}
-
 # The progress dots, and the status line.
 DOTS = ["◉ ○ ○", "○ ◉ ○", "○ ○ ◉"]
 CHECKING, DOWNLOADING, INSTALLING = ("Checking System.", "Downloading compatible version of Tavik Software.", "Installing...")
@@ -69,12 +56,6 @@ UNPACKED = r"{temp}Tavik_VLTInstallerDownload\LPInstaller"
 MAIN_PACKAGE_MISSING = rf"Unable to find {UNPACKED}\HL\halden\halden64\dwx-next64.msi."
 NOT_THE_MAKERS = rf"[Other Graphics] - [{OTHER_ADAPTER['id']}] is not an Tavik Display Adapter."
 NO_ADAPTER_LEFT = ["Currently installed drivers on system:", "Unable to find installed Tavik display adapters. Exiting."]
-
-
-def end_of(statement: str) -> tuple[int | None, tuple[str, str] | None]:
-    """Exit code and box of the first start in a statement of outcomes; (None, None) when they do not follow from the outcome."""
-    first = re.match(r"(?:\d+ )?([a-z-]+)", statement)[1]
-    return next((end for pattern, end in ENDS.items() if fnmatch.fnmatchcase(first, pattern)), (None, None))
 
 
 def opening(arguments: str = "", version: str = "23.40", driver: str | None = None) -> list[str]:
