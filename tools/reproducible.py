@@ -1,5 +1,5 @@
-"""Builds the programs again, from a copy of the sources in another folder, and compares them with build/release bit by bit.
-Anyone with the sources can check that way that a file was built from them."""
+"""Builds the tool again, from a copy of the sources in another folder, and compares it with build/release bit by bit.
+Anyone with the sources can check that way that the exe was built from them. scripts/release --check compares all that is handed out."""
 from __future__ import annotations
 
 import hashlib
@@ -11,7 +11,7 @@ import sys
 
 from tools.project import ELSEWHERE, TOP, copy_sources, fail, say
 
-PROGRAMS = ("TavikCompatibilityTool", "TavikToolCompanion")
+NAME = "TavikCompatibilityTool"
 FIRST = TOP / "build" / "release"
 AGAIN = TOP / "build" / "check" / "reproducible"
 
@@ -24,24 +24,20 @@ def main() -> int:
     cache = (FIRST / "CMakeCache.txt").read_text("utf-8")
     addresses = re.findall(r"^(TAVIK_(?:DOWNLOAD_HOST|SUPPORT_ADDRESS|WEB_SITE):STRING=.*)$", cache, re.M)
     without = [f"-DTAVIK_BUILD_{part}=OFF" for part in ("TESTS", "WINDOWS_CHECK", "LAB", "BENCH")]
-    targets = [f"--target={name}" for name in PROGRAMS]
-    for folder, command in ((TOP, ["cmake", "--preset", "release"]),
-                            (TOP, ["cmake", "--build", "--preset", "release", *targets]),
-                            (copy, ["cmake", "--preset", "release", *without, *(f"-D{one}" for one in addresses)]),
-                            (copy, ["cmake", "--build", "--preset", "release", *targets])):
+    configure, build = ["cmake", "--preset", "release"], ["cmake", "--build", "--preset", "release", "--target", NAME]
+    for folder, command in ((TOP, configure), (TOP, build), (copy, [*configure, *without, *(f"-D{one}" for one in addresses)]), (copy, build)):
         subprocess.run(command, cwd=folder, env={**os.environ, **(ELSEWHERE if folder == copy else {})}, check=True)
     second = copy / "build" / "release"
-    for name in PROGRAMS:
-        if (FIRST / f"{name}.exe").read_bytes() != (second / f"{name}.exe").read_bytes():
-            parts = sorted(part.relative_to(FIRST) for folder in ("src", "companion", "delay") for part in (FIRST / folder).rglob("*")
-                           if part.suffix in (".obj", ".a") or "artwork" in part.parts and part.is_file())
-            for part in parts:
-                if not (second / part).is_file() or (second / part).read_bytes() != (FIRST / part).read_bytes():
-                    say(f"    {part} differs")
-            fail(f"{name}.exe differs when it is built in another folder: compare {FIRST.relative_to(TOP)} and {second.relative_to(TOP)}.")
+    data = (FIRST / f"{NAME}.exe").read_bytes()
+    if data != (second / f"{NAME}.exe").read_bytes():
+        parts = sorted(part.relative_to(FIRST) for folder in ("src", "delay") for part in (FIRST / folder).rglob("*")
+                       if part.suffix in (".obj", ".a") or "artwork" in part.parts and part.is_file())
+        for part in parts:
+            if not (second / part).is_file() or (second / part).read_bytes() != (FIRST / part).read_bytes():
+                say(f"    {part} differs")
+        fail(f"{NAME}.exe differs when it is built in another folder: compare {FIRST.relative_to(TOP)} and {second.relative_to(TOP)}.")
     shutil.rmtree(AGAIN)
-    sums = {name: hashlib.sha256((FIRST / f"{name}.exe").read_bytes()).hexdigest()[:16] for name in PROGRAMS}
-    say("; ".join(f"{name} {text}" for name, text in sums.items()) + ": the same from two folders.")
+    say(f"{NAME} {hashlib.sha256(data).hexdigest()[:16]}: the same from two folders.")
     return 0
 
 

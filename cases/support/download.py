@@ -1,8 +1,8 @@
 """Where a download comes from and goes to, machines that download, and the checks of downloads that fail or arrive."""
 from __future__ import annotations
 
-from cases.support.expect import (DOWNLOAD_FAILED, DOWNLOADS, MAIN_PACKAGE_MISSING, NOT_DOWNLOADED, UNTOUCHED, download,
-                                  inventory, not_started, opening)
+from cases.support.expect import (DOWNLOADS, MAIN_PACKAGE_MISSING, NOT_DOWNLOADED, UNTOUCHED, download, inventory, not_started,
+                                  opening)
 from lab.result import Result
 
 SERVER_PATH = "/drivers/installer/vlt/"
@@ -34,17 +34,15 @@ def own(answers: dict | None = None, folder: str | None = None, **server) -> dic
 
 
 def failed(outcome: str, *lines: str, start: list[str] = START) -> dict:
-    """Outcome, exit code, box and whole log of a run whose download fails."""
-    log = [*opening(), *inventory(), *start, *lines, NOT_DOWNLOADED]
-    return {"exit_code": -1, "outcome": outcome, "boxes": [DOWNLOAD_FAILED], "log": log}
+    """Outcome and whole log of a run whose download fails."""
+    return {"outcome": outcome, "log": [*opening(), *inventory(), *start, *lines, NOT_DOWNLOADED]}
 
 
 def downloaded(size: int, start: list[str] = START) -> dict:
     """The same for a run whose download is not a program."""
-    log = [*opening(), *inventory(), *start, "Response code from server: 200",
-           f"Completed download. Total bytes downloaded: {size}",
-           not_started(), MAIN_PACKAGE_MISSING]
-    return {"outcome": "installer-blocked", "log": log}
+    return {"outcome": "installer-blocked", "log": [
+        *opening(), *inventory(), *start, "Response code from server: 200", f"Completed download. Total bytes downloaded: {size}",
+        not_started(), MAIN_PACKAGE_MISSING]}
 
 
 def thrown(text: str) -> str:

@@ -10,7 +10,7 @@ import pytest
 
 from cases.support.direct import HALDEN
 from cases.support.download import PATH
-from cases.support.expect import (NO_ADAPTER_LEFT, NO_SERVER, NOT_DOWNLOADED, SAME, install, inventory, opening, remove, stop,
+from cases.support.expect import (NO_ADAPTER_LEFT, NO_SERVER, NOT_DOWNLOADED, install, inventory, opening, remove, stop,
                                   without_server)
 from cases.support.repair import INSTALL_PROPERTIES, MSI_AGREES, asked_of_msi, found, until_unpacked
 from cases.support.unusual import ANY_VERSION, DEVICE, LIST, MEBIBYTE, card, check, check_ends_without_server
