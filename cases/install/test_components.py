@@ -63,9 +63,11 @@ ASKED = {  # name: machine, lines, whether the command tool runs
     "no value": (pretended(running=[RUNNING], remove=[INSTALL_KEY + "@Location"]), KILLS, False),
     # A location is used unchanged.
     "backslash at the end": (located(HOME + "\\"), stop(HOME + "\\"), True),
-    "folder with blanks": (located(r"C:\My Apps\x y", files={r"C:\My Apps\x y\hlcmd.exe": {"program": "hlcmd.exe"}}), stop(r"C:\My Apps\x y"), True),
+    "folder with blanks": (located(r"C:\My Apps\x y", files={r"C:\My Apps\x y\hlcmd.exe": {"program": "hlcmd.exe"}}),
+                           stop(r"C:\My Apps\x y"), True),
     "short name": (located(r"C:\PROG~FBU\Tavik\Halden"), stop(r"C:\PROG~FBU\Tavik\Halden"), True),
-    "folder is gone": (located(r"C:\Gone"), [r"Launching process C:\Gone\hlcmd.exe exit failed. Error code = 3 Path not found. ", *stop("")], False),
+    "folder is gone": (located(r"C:\Gone"), [r"Launching process C:\Gone\hlcmd.exe exit failed. Error code = 3 Path not found. ",
+                                            *stop("")], False),
     "empty": (located(""), [rf"Launching process \hlcmd.exe exit {NOT_FOUND}", *stop("")], False),
 }
 

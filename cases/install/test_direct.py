@@ -88,7 +88,8 @@ def test_installed_desktop_edition_is_replaced_family_by_family(lab):
 # Proves: It outlives the wait
 def test_application_that_stays_is_waited_for_30_seconds_and_left_running(lab):
     result = lab.run(given("24.20-nomain", programs={"CorvelSoftware.exe.stay": "forever"}, **kept_application()), SWITCHES, timeout=90)
-    lab.check(outcome="direct-installer-empty", running=["CorvelSoftware.exe"], log=[*started(), unpack(GIVEN), MAIN_PACKAGE_MISSING, application(259, KEPT)])
+    lab.check(outcome="direct-installer-empty", running=["CorvelSoftware.exe"],
+              log=[*started(), unpack(GIVEN), MAIN_PACKAGE_MISSING, application(259, KEPT)])
     assert 30_000 <= result.instances[0]["ended"] - result.instances[0]["started"] < 60_000
 
 

@@ -116,7 +116,8 @@ ANSWERS = {  # name: outcome, machine, log after the programs are stopped, state
         [*remove("Halden", 1603), *remove("DVR"), *installs(*TWO)],
         {"products": ["Tavik DVR 24.20", "Tavik Halden 23.40", "Tavik Halden 24.20"]}),
     "removals want a restart": removal(3011, "repaired-restart"), "removals fail": removal(-2147024891, "repaired-old-left"),
-    "main package wants a restart": ("repaired-restart", found(faults=rules(f"* {MAIN} return=3011")), [*remove("Halden"), *restart("Halden")], {}),
+    "main package wants a restart": ("repaired-restart", found(faults=rules(f"* {MAIN} return=3011")),
+                                     [*remove("Halden"), *restart("Halden")], {}),
     "real packages want a restart": (
         "repaired-restart", found("24.20-reboot", desktop={"packages": ["Halden-23.40-reboot", "DVR-23.40-reboot"]}),
         [*remove("Halden", 3010), *remove("DVR", 3010), *restart("Halden"), *install("DVR")], products("24.20", *TWO)),

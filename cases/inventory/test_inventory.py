@@ -292,7 +292,8 @@ def test_inventory_makes_these_calls_in_order(lab):
     text = "\n".join(calls)
     for part in ("SetupDiGetClassDevsW#1 class={4D36E968-E325-11CE-BFC1-08002BE10318}; enumerator=(null); parent=0x0; flags=0x2",
                  "SetupDiEnumDeviceInfo#1 index=0; size=32", "SetupDiGetDeviceInstanceIdW#1 size=520;",
-                 "SetupDiGetDeviceRegistryPropertyW#1 property=0; size=0;", f"SetupDiGetDeviceRegistryPropertyW#2 property=0; size={2 * len(NAME) + 2};",
+                 "SetupDiGetDeviceRegistryPropertyW#1 property=0; size=0;",
+                 f"SetupDiGetDeviceRegistryPropertyW#2 property=0; size={2 * len(NAME) + 2};",
                  "SetupDiGetDeviceRegistryPropertyW#3 property=9; size=0;", "SetupDiGetDeviceRegistryPropertyW#4 property=9; size=88;",
                  "key={4340A6C5-93FA-4706-972C-7B648008A5A7}; pid=3; type=7; size=4; flags=0x0", "SetupDiBuildDriverInfoList#1 type=2",
                  "SetupDiEnumDriverInfoW#1 type=2; index=0; size=1568", "SetupDiGetDriverInfoDetailW#1 size=0; detail=0",

@@ -48,7 +48,8 @@ def test_installer_is_found(lab, tmp_path, files, path):
 @pytest.mark.parametrize("files", [
     {}, {"B384125": NO_PROGRAM}, {NAME: NO_PROGRAM}, {rf"Release\{NAME}": NO_PROGRAM, rf"8B\{NAME}": NO_PROGRAM},
     {rf"Display\B384125\{NAME}": NO_PROGRAM}, {r"B384125\DWX2_Install.ex": NO_PROGRAM, rf"B384125\deep\{NAME}": NO_PROGRAM},
-    {"B384125": {"link": "/nowhere"}}, {rf"B384125\{NAME}": {"link": "/nowhere"}}, {r"B1\readme.txt": "nothing", rf"B384125\{NAME}": NO_PROGRAM},
+    {"B384125": {"link": "/nowhere"}}, {rf"B384125\{NAME}": {"link": "/nowhere"}},
+    {r"B1\readme.txt": "nothing", rf"B384125\{NAME}": NO_PROGRAM},
 ], ids=["no folder", "only a file", "beside the INF", "other folders", "deeper", "other name", "folder links to nothing",
         "installer links to nothing", "only the second folder"])
 def test_installer_is_not_found(lab, files):
