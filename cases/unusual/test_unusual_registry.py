@@ -92,7 +92,7 @@ def check_folders(lab, location: str | None, custom: str = "", **after: Any) -> 
     assert asked_of_msi(lab.result)[-1][1] == INSTALL_PROPERTIES + (f' INSTALLDIR="{custom}"' if custom else "")
 
 
-@pytest.mark.parametrize("kind", KINDS)
+@pytest.mark.parametrize("kind", ["null inside", "no bytes", "odd size", "number", "list"])
 def test_location_and_install_folder(lab, kind):
     """Only an install folder that exists can be compared with the default one."""
     location, location_text = kinds(r"C:\Nowhere")[kind]
