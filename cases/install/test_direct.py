@@ -267,7 +267,7 @@ def test_text_goes_into_a_pipe_as_well(tmp_path):
 def test_half_of_the_switches_is_the_ordinary_check(lab, arguments):
     """A switch after -Path is taken as its value."""
     result = lab.run(given(desktop=COMPATIBLE), arguments)
-    lab.check(outcome="same-release", after={"products": ["Tavik Halden 24.20"]})
+    lab.check(outcome="same-release", boxes=[SAME_RELEASE], after={"products": ["Tavik Halden 24.20"]})
     assert result.log[:2] == opening(arguments, "24.20") and result.log[-1] == f"{SAME} Exiting."
     assert (result.installer, result.programs, result.output) == ([], [], [""])
 
