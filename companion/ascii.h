@@ -1,4 +1,4 @@
-// ASCII characters in UTF-8 text: lower case, classes, comparison without regard to case.
+// ASCII characters in UTF-8 text: lower case, digits, comparison without regard to case.
 #pragma once
 
 #include <algorithm>
@@ -14,11 +14,6 @@ constexpr char LowerAscii(char c)
 constexpr bool IsAsciiDigit(char c)
 {
     return c >= '0' && c <= '9';
-}
-
-constexpr bool IsAsciiAlphanumeric(char c)
-{
-    return IsAsciiDigit(c) || (LowerAscii(c) >= 'a' && LowerAscii(c) <= 'z');
 }
 
 constexpr bool EqualNoCase(std::string_view a, std::string_view b)

@@ -54,7 +54,7 @@ void LineReader::Feed(std::string_view bytes)
     Decode(bytes);
 }
 
-void LineReader::Finish()
+Damage LineReader::Finish()
 {
     if (!detected_)
     {
@@ -70,6 +70,7 @@ void LineReader::Finish()
         damage_.lastLineOpen = true;
         EndLine(false);
     }
+    return damage_;
 }
 
 // A byte order mark decides. Without one, zeros do: the tool's texts are mostly ASCII, so every second byte is zero. If

@@ -11,13 +11,6 @@
 
 namespace repair
 {
-enum class Encoding
-{
-    kUtf16Le,  // what the tool writes
-    kUtf16Be,
-    kUtf8,
-};
-
 struct Line
 {
     std::string_view text;   // UTF-8 without the line end; valid during the call
@@ -34,11 +27,6 @@ struct Damage
     bool lastLineOpen = false;        // the last line has no line feed
     std::uint64_t unreadable = 0;     // invalid characters and zeros, replaced by U+FFFD
     std::uint64_t overlongLines = 0;  // longer than kLongestPiece
-
-    [[nodiscard]] bool IsAny() const
-    {
-        return cutAtStart || cutAtEnd || lastLineOpen || unreadable > 0 || overlongLines > 0;
-    }
 };
 
 class LineReader
@@ -51,13 +39,17 @@ public:
 
     // Takes any number of bytes and passes each complete line to `sink`.
     void Feed(std::string_view bytes);
-    // Call it once, at the end of the log. Only the two operations below are valid afterwards.
-    void Finish();
-
-    [[nodiscard]] Encoding GetEncoding() const { return encoding_; }
-    [[nodiscard]] const Damage& GetDamage() const { return damage_; }
+    // Call it once, at the end of the log. Returns the damage of the whole log.
+    Damage Finish();
 
 private:
+    enum class Encoding
+    {
+        kUtf16Le,  // what the tool writes
+        kUtf16Be,
+        kUtf8,
+    };
+
     void Detect();
     void Decode(std::string_view bytes);
     void DecodeUtf16(unsigned char byte);

@@ -96,8 +96,7 @@ Damage ReadLines(const std::wstring& path, const std::function<void(const Line&)
     LineReader reader(sink);
     ReadFileBytes(
         path, [&reader](std::string_view bytes) { reader.Feed(bytes); }, most);
-    reader.Finish();
-    return reader.GetDamage();
+    return reader.Finish();
 }
 
 Damage WriteAsText(const std::wstring& path, const std::function<std::string(const Line&)>& edit,

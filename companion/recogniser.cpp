@@ -28,6 +28,7 @@ Recogniser::Recogniser(std::string log, std::optional<int> exitCode, std::functi
     {
         State state;
         state.outcome = &outcome;
+        state.candidate.meaning = &outcome.meaning;
         states_.push_back(std::move(state));
     }
 }
@@ -108,7 +109,8 @@ void Recogniser::Follow(State& state, std::string_view line)
     }
     if (decides && !state.excluded)
     {
-        state.evidence.push_back({finding_.lines, std::string(line)});
+        state.candidate.evidence.emplace_back(line);
+        state.lastEvidence = finding_.lines;
     }
 }
 
@@ -154,8 +156,7 @@ bool Recogniser::Matches(const State& state) const
 
 Finding Recogniser::Finish()
 {
-    reader_.Finish();
-    finding_.damage = reader_.GetDamage();
+    finding_.damage = reader_.Finish();
     std::vector<Candidate> found;
     std::vector<Candidate> fallbacks;
     for (const State& state : states_)
@@ -164,18 +165,12 @@ Finding Recogniser::Finish()
         {
             continue;
         }
-        Candidate candidate;
-        candidate.meaning = &state.outcome->meaning;
-        for (const Evidence& evidence : state.evidence)
+        std::vector<Candidate>& list = state.outcome->isFallback ? fallbacks : found;
+        list.push_back(state.candidate);
+        if ((!state.outcome->last.empty() || state.outcome->isFallback) && state.lastEvidence != finding_.lines)
         {
-            candidate.evidence.push_back(evidence.text);
+            list.back().evidence.push_back(finding_.lastLine);
         }
-        const bool lastIsNew = state.evidence.empty() || state.evidence.back().number != finding_.lines;
-        if ((!state.outcome->last.empty() || state.outcome->isFallback) && finding_.lines > 0 && lastIsNew)
-        {
-            candidate.evidence.push_back(finding_.lastLine);
-        }
-        (state.outcome->isFallback ? fallbacks : found).push_back(std::move(candidate));
     }
     finding_.candidates = found.empty() ? fallbacks : found;
     return finding_;

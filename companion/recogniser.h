@@ -50,20 +50,15 @@ public:
     Finding Finish();
 
 private:
-    struct Evidence
-    {
-        std::uint64_t number = 0;  // of the line
-        std::string text;
-    };
-
     struct State
     {
         const Outcome* outcome = nullptr;
+        Candidate candidate;
+        std::uint64_t lastEvidence = 0;  // number of its line
         bool excluded = false;
         size_t linesFound = 0;            // of outcome->lines
         std::optional<long long> number;  // remembered
         bool oneOfFound = false;
-        std::vector<Evidence> evidence;
     };
 
     void TakePiece(const Line& line);

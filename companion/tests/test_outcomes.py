@@ -38,10 +38,10 @@ def one(**changes: Any) -> outcomes.Outcome:
     return outcomes.Outcome(**{**given, **changes})
 
 
-# The rules
+# Rules that no log of the lab exercises; test_reading.py compares the others with the companion
 
 CHECK = "Currently installed VLT is version [23.40] from driver version []"
-RESULT = {"lines": ["main", "R = <result>"]}
+RESULT = {"lines": ["main", "R = <result>"], "exit": "result"}
 
 
 @pytest.mark.parametrize("keys, code, log, matches", [
@@ -49,20 +49,10 @@ RESULT = {"lines": ["main", "R = <result>"]}
     ({"lines": ["a.c"]}, 0, ["abc"], False), ({"lines": ["[*]"]}, 0, ["[]"], True),
     ({"lines": ["a", "b"]}, 0, ["b", "a"], False), ({"lines": ["a", "b"]}, 0, ["a", "x", "b"], True), ({"lines": ["a", "a"]}, 0, ["a"], False),
     ({"lines": ["a*", "a*b"]}, 0, ["ab", "ac"], False),
-    (RESULT | {"result": [5]}, 0, ["R = 4", "main", "x", "R = 5", "R = 6"], True), (RESULT | {"result": [6]}, 0, ["main", "R = 5", "R = 6"], False),
-    (RESULT | {"result_not": [5]}, 0, ["main", "R = -6"], True), (RESULT | {"result_not": [5]}, 0, ["main", "R = 5"], False),
-    (RESULT | {"exit": "result"}, -6, ["main", "R = -6"], True), (RESULT | {"exit": "result"}, 6, ["main", "R = -6"], False),
+    (RESULT, -6, ["main", "R = -6"], True), (RESULT, 6, ["main", "R = -6"], False),
     ({"lines": ["R = <result>"]}, 0, ["R = five"], False),
     *(({"lines": ["R = <failure>"]}, 0, [f"R = {number}"], number not in (0, 1641, 3010, 3011)) for number in (0, 1, -1, 30, 1641, 3010, 3011, 30100)),
-    ({"exit": [0, 2]}, 2, ["a"], True), ({"exit": [0, 2]}, 1, ["a"], False), ({"exit": "negative"}, -1, ["a"], True),
-    ({"exit": "negative"}, 0, ["a"], False), ({"exit_not": [3]}, 3, ["a"], False), ({"exit_not": [3]}, 4, ["a"], True),
-    ({"one_of": ["a", "b"]}, 0, ["x", "b"], True), ({"one_of": ["a", "b"]}, 0, ["x"], False),
-    ({"without": ["a", "b"]}, 0, ["x", "b"], False), ({"without": ["a", "b"]}, 0, ["x"], True),
-    ({"lines": ["a"], "without_after": ["b"]}, 0, ["b", "a"], True), ({"lines": ["a"], "without_after": ["b"]}, 0, ["a", "x", "b"], False),
-    ({"last": ["a", "b"]}, 0, ["x", "b"], True), ({"last": ["a", "b"]}, 0, ["b", "x"], False),
-    ({"log": "none"}, 0, [], True), ({"log": "none"}, 0, ["a"], False), ({}, 0, [], False),
-    ({"mode": "check"}, 0, [CHECK], True), ({"mode": "direct"}, 0, [CHECK], False), ({"mode": "direct"}, 0, ["a"], True),
-    ({"mode": "check"}, 0, ["Another instance is running. Exiting."], True), ({"mode": "check"}, 0, ["a"], False)])
+    ({"exit": "negative"}, -1, ["a"], True), ({"exit": "negative"}, 0, ["a"], False)])
 def test_a_rule(keys, code, log, matches):
     assert one(**keys).matches(code, log) is matches
 
