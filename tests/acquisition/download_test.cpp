@@ -230,24 +230,19 @@ TEST_F(Download, RemovesAFinalFileThatAppearsDuringTheTransfer)
         lock = CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
         return TRUE;
     });
-    ExpectFileError(FileErrorOf([] { DownloadInstaller(L"24.20"); }), "remove", FinalPath(), 32);
+    ExpectFileError(FileErrorOf([this] { Run(); }), "remove", FinalPath(), 32);
     CloseHandle(lock);
 }
 
 // Proves: The rename fails => not noticed: the path of a file that does not exist comes back
-TEST_F(Download, DoesNotNoticeARenameThatFails)
+// Proves: The time limits are refused => not noticed
+TEST_F(Download, DoesNotNoticeTimeLimitsThatAreRefusedOrARenameThatFails)
 {
+    internet_.optionError = ERROR_INVALID_PARAMETER;
     moveError_ = ERROR_ACCESS_DENIED;
     ExpectSuccess();
     EXPECT_FALSE(Exists(FinalPath()));
     EXPECT_EQ(log_.Lines().back(), L"Completed download. Total bytes downloaded: 9");
-}
-
-// Proves: The time limits are refused => not noticed
-TEST_F(Download, DoesNotNoticeTimeLimitsThatAreRefused)
-{
-    internet_.optionError = ERROR_INVALID_PARAMETER;
-    ExpectSuccess();
 }
 
 // Proves: A body of 2 GiB or more => is copied, the logged number overflows
@@ -272,11 +267,11 @@ TEST_F(Download, LogsTheSizeOfAHugeBodyAsANegativeNumber)
 TEST_F(Download, LeavesNothingForTheNextOne)
 {
     internet_.sendError = 12029;
-    EXPECT_EQ(DownloadInstaller(L"24.20"), L"");
+    EXPECT_EQ(Run(), L"");
     internet_.sendError = 0;
     ExpectSuccess();
     internet_.body = {"newer"};
-    EXPECT_EQ(DownloadInstaller(L"24.21"), FinalPath());
+    EXPECT_EQ(Run(L"24.21"), FinalPath());
     EXPECT_EQ(Content(FinalPath()), "newer");
 }
 
@@ -363,7 +358,7 @@ TEST_F(Download, ThrowsBeforeAnythingIsOpenedWhenItsFolderCannotBeCreated)
     isRecording_ = false;
     temporary_.WriteBytes(L"Tavik_VLTInstallerDownload", "a file in its place");
     isRecording_ = true;
-    ExpectFileError(FileErrorOf([] { DownloadInstaller(L"24.20"); }), "create_directories", Folder() + L"\\", 183);
+    ExpectFileError(FileErrorOf([this] { Run(); }), "create_directories", Folder() + L"\\", 183);
     EXPECT_EQ(Calls(), L"temporary path; log Change server to http://server/f/.; create folder");
 }
 
@@ -385,13 +380,6 @@ TEST_F(Download, ThrowsWhenAnOldFileCannotBeRemovedAndClosesTheConnection)
 }
 
 // Proves: The temporary file cannot be created => logged with path and code, handles are closed; empty result
-TEST_F(Download, LogsATemporaryFileThatCannotBeCreated)
-{
-    createError_ = ERROR_DISK_FULL;
-    ExpectFailure(L"Unable to create file to download data into. Target path: " + TemporaryPath() + L". Error: 112");
-    EXPECT_EQ(internet_.calls.back(), L"close 1");
-}
-
 // Proves: The request cannot be opened => the time limits are set nevertheless; logged with the code that they leave; empty result
 // Proves: The request cannot be sent: no server listens, wrong, expired or unknown certificate => logged with the code; empty result
 // Proves: The status cannot be read => logged with code and text; empty result
@@ -399,10 +387,10 @@ TEST_F(Download, LogsATemporaryFileThatCannotBeCreated)
 // Proves: Writing fails or is short => "Failed writing to file" is logged; empty result
 TEST_F(Download, LogsTheCallThatFailsWithItsCodeAndClosesEverything)
 {
-    const std::wstring noStatus =
+    const std::wstring statusFailure =
         L"send; query; log Unable to create query response code from " + kUrl + L". Error code: ";
     const std::wstring body = L"send; query; log Response code from server: 200; read; write 9; ";
-    const std::wstring noBody = body + L"read; log Download failed with error code: ";
+    const std::wstring bodyFailure = body + L"read; log Download failed with error code: ";
     // The call that fails, its code, what is done after the beginning, and what stays in the temporary file.
     const std::tuple<DWORD*, DWORD, std::wstring, const char*> rows[] = {
         {&internet_.requestError, 12028,
@@ -412,12 +400,13 @@ TEST_F(Download, LogsTheCallThatFailsWithItsCodeAndClosesEverything)
              L". Error 12029; close 3; close 2; close 1",
          ""},
         {&internet_.queryError, ERROR_ACCESS_DENIED,
-         noStatus + L"5 " + FormatSystemMessage(5) + L"; close 3; close file; close 2; close 1", ""},
-        {&internet_.queryError, 12150, noStatus + L"12150 ; close 3; close file; close 2; close 1",
+         statusFailure + L"5 " + FormatSystemMessage(5) + L"; close 3; close file; close 2; close 1", ""},
+        {&internet_.queryError, 12150, statusFailure + L"12150 ; close 3; close file; close 2; close 1",
          ""},  // without text
-        {&internet_.readError, 12002, noBody + L"12002 ; close file; close 3; close 2; close 1", "installer"},
+        {&internet_.readError, 12002, bodyFailure + L"12002 ; close file; close 3; close 2; close 1", "installer"},
         {&internet_.readError, 10054,
-         noBody + L"10054 " + FormatSystemMessage(10054) + L"; close file; close 3; close 2; close 1", "installer"},
+         bodyFailure + L"10054 " + FormatSystemMessage(10054) + L"; close file; close 3; close 2; close 1",
+         "installer"},
         {&writeError_, ERROR_DISK_FULL,
          body + L"log Failed writing to file: " + TemporaryPath() + L"; close 3; close file; close 2; close 1", ""}};
     for (const auto& [fault, code, calls, content] : rows)
@@ -431,6 +420,10 @@ TEST_F(Download, LogsTheCallThatFailsWithItsCodeAndClosesEverything)
         *fault = 0;
         RemoveAll(Folder());  // the next one creates it again
     }
+    createError_ = ERROR_DISK_FULL;
+    ExpectFailure(L"Unable to create file to download data into. Target path: " + TemporaryPath() + L". Error: 112");
+    EXPECT_EQ(internet_.calls.back(), L"close 1");
+    createError_ = 0;
     internet_.requestError = 12028;
     internet_.optionError = 12018;  // left by the time limits
     ExpectFailure(L"Unable to call HttpOpenRequest to " + kUrl + L". Error 12018");

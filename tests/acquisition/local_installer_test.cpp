@@ -89,17 +89,12 @@ TEST_F(LocalInstaller, IsNotSearchedInTheCurrentDirectory)
 }
 
 // Proves: The folder cannot be listed => file-system error "directory_iterator", nothing is logged
-TEST_F(LocalInstaller, FolderThatCannotBeListedThrowsAndLogsNothing)
+// Proves: The installer's existence cannot be tested => file-system error "exists"
+TEST_F(LocalInstaller, FolderThatCannotBeListedOrExistenceThatCannotBeTestedThrows)
 {
     const LogCapture log;
     ExpectFileError(FileErrorOf([&] { FindLocalInstaller(folder_ / L"missing"); }),
                     "directory_iterator::directory_iterator", folder_ / L"missing", 3);
-    EXPECT_THAT(log.Lines(), IsEmpty());
-}
-
-// Proves: The installer's existence cannot be tested => file-system error "exists"
-TEST_F(LocalInstaller, ExistenceThatCannotBeTestedThrows)
-{
     Create(L"B1\\DWX2_Install.exe");
     const std::wstring installer = folder_ / L"B1\\DWX2_Install.exe";
     SUBSTITUTE(GetFileAttributesW)
@@ -107,6 +102,7 @@ TEST_F(LocalInstaller, ExistenceThatCannotBeTestedThrows)
         return path == installer ? FailWith(ERROR_ACCESS_DENIED, INVALID_FILE_ATTRIBUTES) : attributes.Original()(path);
     });
     ExpectFileError(FileErrorOf([&] { FindLocalInstaller(folder_.Path()); }), "exists", installer, 5);
+    EXPECT_THAT(log.Lines(), IsEmpty());
 }
 }  // namespace
 }  // namespace repair

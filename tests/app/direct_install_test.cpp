@@ -108,11 +108,14 @@ TEST_F(DirectInstall, FailedInstallationIsNotReportedAndTheApplicationStartedAll
 }
 
 // Proves: The application is missing, or ends with a code of its own => only logged
-TEST_F(DirectInstall, ApplicationThatDoesNotStartIsOnlyLogged)
+// Proves: A Store package stays, or the Store cannot be asked => logged; the marker is written
+TEST_F(DirectInstall, ApplicationThatDoesNotStartAndStoreThatCannotBeAskedAreOnlyLogged)
 {
     machine_.startErrors[L"C:\\HL\\CorvelSoftware.exe"] = 2;
+    runtime_.faults.fails[L"activation"] = E_FAIL;
     EXPECT_EQ(Install(), 0);
     EXPECT_THAT(lines_.back(), StartsWith(L"Launching process C:\\HL\\CorvelSoftware.exe  failed. Error code = 2 "));
+    EXPECT_EQ(Marker(), "4:4:1");
 }
 
 // Proves: The installation raises an exception (direct installation) => logged, the window is hidden, box "Update failed. ...", even with `-SILENT`; exit code -1, the application is not started
@@ -180,13 +183,6 @@ TEST_F(DirectInstall, MarkerThatCannotBeWrittenIsOneLineAndTheApplicationStarts)
     }
     SUBSTITUTE(RegSetValueExW) set([](auto...) { return LSTATUS{5}; });
     expectOneLine();
-}
-
-// Proves: A Store package stays, or the Store cannot be asked => logged; the marker is written
-TEST_F(DirectInstall, StoreThatCannotBeAskedDoesNotKeepTheMarkerAway)
-{
-    runtime_.faults.fails[L"activation"] = E_FAIL;
-    ExpectInstall("4:4:1");
 }
 
 // Proves: The application's key or its location is missing => the registry error gets out and ends the process with code 3, after everything before was done

@@ -18,7 +18,6 @@ namespace repair
 {
 namespace
 {
-constexpr wchar_t kHalden[] = L"{5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}";
 constexpr wchar_t kDvr[] = L"{8E41A6D2-0C9B-4F73-A215-6B7D3E9F0A58}";
 constexpr wchar_t kPxl[] = L"{B07F3C95-4D28-4E6A-8B31-9F5A2C7E1D04}";
 const std::wstring kRemoval =

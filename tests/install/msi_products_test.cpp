@@ -17,7 +17,6 @@ namespace repair
 {
 namespace
 {
-constexpr wchar_t kHalden[] = L"{5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}";
 constexpr wchar_t kApplicationKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\";
 
 // Proves: Products of a family are installed => their cached packages in the system's order, each asked for with a full buffer
@@ -95,6 +94,7 @@ TEST(IsDesktopEditionInstalled, AnswersForTheMainFamilyOnly)
 // Proves: A package is installed => with the fixed properties, nothing is logged
 // Proves: It wants a restart (1641, 3010, 3011) => logged, result 0
 // Proves: It fails otherwise => the code comes back, nothing is logged here
+// Proves: Into a folder of the user's own, with blanks => logged, the folder is appended in quotes
 TEST(InstallMsiPackage, GivesTheResultUnlessItIsAWantedRestart)
 {
     FakeMachine machine;
@@ -109,20 +109,12 @@ TEST(InstallMsiPackage, GivesTheResultUnlessItIsAWantedRestart)
         const std::vector<std::wstring> line = {L"System reboot may be required for C:\\a b.msi."};
         EXPECT_EQ(log.Take(), isRestart ? line : std::vector<std::wstring>());
     }
-    EXPECT_THAT(machine.steps, Each(L"install C:\\a b.msi | REBOOT=ReallySuppress MSIFASTINSTALL=3 "
-                                    L"LAUNCHED_FROM_MIM=\"1\""));
-}
-
-// Proves: Into a folder of the user's own, with blanks => logged, the folder is appended in quotes
-TEST(InstallMsiPackage, LogsACustomFolderAndAppendsItInQuotes)
-{
-    FakeMachine machine;
-    const LogCapture log;
-    EXPECT_EQ(InstallMsiPackage(L"C:\\a.msi", L"D:\\My Programs\\Tavik"), 0);
-    EXPECT_THAT(machine.steps,
-                ElementsAre(L"install C:\\a.msi | REBOOT=ReallySuppress MSIFASTINSTALL=3 LAUNCHED_FROM_MIM=\"1\" "
-                            L"INSTALLDIR=\"D:\\My Programs\\Tavik\""));
-    EXPECT_THAT(log.Lines(), ElementsAre(L"Using custom install directory D:\\My Programs\\Tavik"));
+    const std::wstring call = L"install C:\\a b.msi | REBOOT=ReallySuppress MSIFASTINSTALL=3 LAUNCHED_FROM_MIM=\"1\"";
+    EXPECT_THAT(machine.steps, Each(call));
+    machine.packageResults.clear();
+    EXPECT_EQ(InstallMsiPackage(L"C:\\a b.msi", L"D:\\My Programs\\Tavik"), 0);
+    EXPECT_EQ(machine.steps.back(), call + L" INSTALLDIR=\"D:\\My Programs\\Tavik\"");
+    EXPECT_THAT(log.Take(), ElementsAre(L"Using custom install directory D:\\My Programs\\Tavik"));
 }
 
 // The Program Files folder is a folder of the test.
@@ -145,23 +137,19 @@ protected:
 };
 
 // Proves: The registered folder is another than the default one => it is the user's own
-TEST_F(GetCustomInstallDirTest, IsTheRegisteredFolderWhenItIsNotTheDefaultOne)
-{
-    programFiles_.CreateFolder(L"Tavik");
-    const std::wstring own = programFiles_.CreateFolder(L"Own Choice");
-    Register(own);
-    EXPECT_EQ(GetCustomInstallDir(), own);
-}
-
 // Proves: It is the default one in another spelling: letter case, short name, backslash at the end => none
-TEST_F(GetCustomInstallDirTest, IsEmptyForTheDefaultFolderInAnySpelling)
+// Proves: The default one exists, the registered one does not or cannot be opened => none, nothing is logged
+TEST_F(GetCustomInstallDirTest, IsTheRegisteredFolderWhenItExistsAndIsNotTheDefaultOne)
 {
     programFiles_.CreateFolder(L"Tavik");
-    for (const wchar_t* spelling : {L"Tavik", L"TAVIK", L"tavik\\", L".\\Tavik", L"Tavik\\..\\Tavik"})
+    for (const wchar_t* spelling : {L"Tavik", L"TAVIK", L"tavik\\", L".\\Tavik", L"Tavik\\..\\Tavik", L"gone"})
     {
         Register(programFiles_ / spelling);
         EXPECT_EQ(GetCustomInstallDir(), L"") << PrintToString(std::wstring(spelling));
     }
+    const std::wstring own = programFiles_.CreateFolder(L"Own Choice");
+    Register(own);
+    EXPECT_EQ(GetCustomInstallDir(), own);
 }
 
 // Proves: The default folder does not exist => whatever is registered, even a folder that does not exist
@@ -171,14 +159,6 @@ TEST_F(GetCustomInstallDirTest, IsTheRegisteredFolderWhenThereIsNoDefaultOne)
     EXPECT_EQ(GetCustomInstallDir(), L"Q:\\gone");
     Register(defaultFolder_);
     EXPECT_EQ(GetCustomInstallDir(), defaultFolder_);
-}
-
-// Proves: The default one exists, the registered one does not or cannot be opened => none, nothing is logged
-TEST_F(GetCustomInstallDirTest, IsEmptyWhenTheRegisteredFolderIsGoneButTheDefaultOneIsThere)
-{
-    programFiles_.CreateFolder(L"Tavik");
-    Register(programFiles_ / L"gone");
-    EXPECT_EQ(GetCustomInstallDir(), L"");
 }
 
 // Proves: Key or value is missing => none, nothing is logged

@@ -13,7 +13,6 @@ IMPORTED(CloseHandle, SetEvent)
 
 namespace repair
 {
-inline constexpr wchar_t kHalden[] = L"{5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}";
 inline constexpr wchar_t kStorePackage[] = L"TavikSystemsInc-2.TavikCorvelSoftware_1.0.0.0_x64__abc";
 inline const BoxRecorder::Box kFinished = {L"Finished installing Tavik Software", 0x10040};
 inline const BoxRecorder::Box kInstallFailed = {L"Error installing Tavik Software.", 0x10010};

@@ -22,6 +22,8 @@ IMPORTED(CreateFileW, GetExitCodeProcess, MsiEnumRelatedProductsW, MsiGetProduct
 
 namespace repair
 {
+inline constexpr wchar_t kHalden[] = L"{5D2C81F0-7A3E-4B19-9C64-2E8F0A1B3C47}";
+
 class FakeMachine
 {
 public:

@@ -14,16 +14,56 @@
 #include <utility>
 #include <vector>
 
-#include "support/import_patch.h"
-
 // The type of a system function carries attributes (import, calling convention) that a template argument drops.
 #pragma GCC diagnostic ignored "-Wignored-attributes"
+
+// IMPORTED(FUNCTION, ...) declares the import slots of functions, static or delay-loaded. At namespace scope, outside
+// of all namespaces.
+#define IMPORTED(...) __VA_OPT__(IMPORTED_EXPAND(IMPORTED_EACH(__VA_ARGS__)))
+#define IMPORTED_EACH(function, ...)                               \
+    extern "C" void* __imp_##function; /* the linker's own name */ \
+    __VA_OPT__(IMPORTED_AGAIN IMPORTED_NONE(__VA_ARGS__))
+#define IMPORTED_AGAIN() IMPORTED_EACH
+#define IMPORTED_NONE ()
+// Each expansion takes one more name; 25 are enough.
+#define IMPORTED_EXPAND(...) IMPORTED_FIVE(IMPORTED_FIVE(IMPORTED_FIVE(IMPORTED_FIVE(IMPORTED_FIVE(__VA_ARGS__)))))
+#define IMPORTED_FIVE(...) IMPORTED_ONE(IMPORTED_ONE(IMPORTED_ONE(IMPORTED_ONE(IMPORTED_ONE(__VA_ARGS__)))))
+#define IMPORTED_ONE(...) __VA_ARGS__
 
 #define SUBSTITUTE(function) repair::Substitute<&__imp_##function, decltype(function)>
 #define RECORD(function) repair::Recorder<&__imp_##function, decltype(function)>
 
 namespace repair
 {
+// Replaces a system function in this program's own import table, through which the product's library calls it too.
+class ImportPatch
+{
+public:
+    template <typename Function>
+    ImportPatch(void** slot, Function* replacement) : slot_(slot), original_(*slot)
+    {
+        Write(reinterpret_cast<void*>(replacement));
+    }
+    ~ImportPatch() { Write(original_); }
+    ImportPatch(const ImportPatch&) = delete;
+    ImportPatch& operator=(const ImportPatch&) = delete;
+
+    // The function that was there before; right for statically imported DLLs.
+    void* Original() const { return original_; }
+
+private:
+    void Write(void* value)
+    {
+        DWORD protection = 0;
+        VirtualProtect(slot_, sizeof(*slot_), PAGE_READWRITE, &protection);
+        *slot_ = value;
+        VirtualProtect(slot_, sizeof(*slot_), protection, &protection);
+    }
+
+    void** slot_;
+    void* original_;
+};
+
 // A later substitute of the same function comes before an earlier one, until it ends.
 template <void** slot, typename Signature>
 class Substitute;

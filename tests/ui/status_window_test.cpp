@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <thread>
+
 #include "support/test.h"
 
 IMPORTED(CreateDialogParamW, CreateFontW, CreateWindowExW, DeleteObject, DispatchMessageW, GetMessageW,
