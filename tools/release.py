@@ -1,12 +1,14 @@
 """Makes dist/: what is handed out, signed, with its list of components, its licences and its checksums.
 
-    scripts/release                              signed with a test certificate that is made now and thrown away
-    scripts/release --certificate FILE [--password-file FILE] [--ca FILE]
-                                                 FILE: certificate, chain and key, as PEM or PKCS #12 (.p12, .pfx);
-                                                 --ca: authorities that the signature is verified with, else the system's list
-    scripts/release --check                      made again in another folder: the unsigned files are the same
+    scripts/release --certificate FILE [OPTION...]    FILE: certificate, chain and key, as PEM or PKCS #12 (.p12, .pfx)
+        --password-file FILE    password of the key, or PIN of the token
+        --token URI             the key is in a token and has this name ("pkcs11:..."); --module FILE is the token's library
+        --time-stamps ADDRESS   server that confirms the time of signing (RFC 3161)
+        --ca FILE               authorities that the signatures are verified with; else the system's list
+    scripts/release --demo      a trial: reserved addresses and ports are accepted; without a certificate one is made and thrown away
+    scripts/release --check     made again in another folder: the unsigned files are the same
 
-The version comes from src/resources/version.h, the date from CHANGELOG.md. docs/releasing.md describes the result.
+The version comes from src/resources/version.h, the date from CHANGELOG.md, the commit from git. docs/releasing.md describes the result.
 """
 from __future__ import annotations
 
@@ -22,18 +24,18 @@ import tempfile
 import zipfile
 from pathlib import Path
 from typing import Any
-from urllib.parse import unquote
+from urllib.parse import unquote, urlsplit
 
 import pefile
 
 from tools import outcome_pages, sbom
+from tools.signing import Choice, Signer
 from tools.project import ELSEWHERE, PYTHON, TOP, copy_sources, fail, files as project_files, say
 
 BUILD = TOP / "build" / "release"
 SYMBOLS = TOP / "build" / "symbols"
 WORK = TOP / "build" / "release-files"
 DIST = TOP / "dist"
-SYSTEM_CAS = Path("/etc/ssl/certs/ca-certificates.crt")
 
 # What is handed out. Without any one of these there is no release.
 PROGRAMS = ["TavikCompatibilityTool", "TavikToolCompanion"]
@@ -145,7 +147,7 @@ def third_party(listed: dict[str, Any], target: Path) -> None:
     target.write_text("\n".join(lines), "utf-8")
 
 
-def make_unsigned(out: Path) -> str:
+def make_unsigned(out: Path, source: str) -> str:
     """Makes everything except the signatures, in the folder out; returns the version."""
     version, date = version_and_date()
     missing = [path for path in [*PAGES, *FOLDERS, "windows_check/README.txt"] if not (TOP / path).exists()]
@@ -161,7 +163,7 @@ def make_unsigned(out: Path) -> str:
         shutil.copyfile(SYMBOLS / f"{name}.exe.map", out / f"{name}.exe.map")
     for path in WINDOWS_CHECK:
         shutil.copyfile(TOP / path, out / Path(path).name)
-    listed = sbom.document([out / f"{name}.exe" for name in PROGRAMS], version, f"{date}T00:00:00Z")
+    listed = sbom.document([out / f"{name}.exe" for name in PROGRAMS], version, f"{date}T00:00:00Z", source)
     (out / "sbom.spdx.json").write_text(json.dumps(listed, indent=1, ensure_ascii=False) + "\n", "utf-8")
     for name in PROGRAMS:
         (out / f"{name}.exe.map").unlink()  # contains paths of this machine
@@ -189,69 +191,56 @@ def pack(source: Path, target: Path, version: str, date: str, ending: str = "") 
         zip_files(target / f"{name}-symbols.zip", {f"{program}.exe.debug": source / f"{program}.exe.debug" for program in PROGRAMS}, date)
 
 
-# Signing
+def commit() -> str:
+    """Of the sources; with "and changes" if the tree differs from it."""
+    number = run("git", "rev-parse", "HEAD").strip()
+    return number + (" and changes" if run("git", "status", "--porcelain").strip() else "")
 
-class Signer:
-    """Signs with the given certificate or with one made for this run, and checks the result."""
 
-    def __init__(self, certificate: Path | None, password_file: Path | None, trusted: Path | None, work: Path):
-        self.own = certificate is None
-        if certificate is None:
-            certificate = work / "test.pem"
-            run("openssl", "req", "-x509", "-newkey", "rsa:3072", "-nodes", "-sha256", "-days", "30", "-subj", "/CN=Tavik test certificate",
-                "-addext", "keyUsage=critical,digitalSignature", "-addext", "extendedKeyUsage=codeSigning",
-                "-keyout", work / "key.pem", "-out", work / "cert.pem")
-            certificate.write_bytes((work / "cert.pem").read_bytes() + (work / "key.pem").read_bytes())
-        if not certificate.is_file():
-            fail(f"There is no certificate {certificate}.")
-        if certificate.suffix.lower() in (".p12", ".pfx"):
-            self.how = ["-pkcs12", certificate, *(["-readpass", password_file] if password_file else ["-pass", ""])]
-        else:
-            self.how = ["-certs", certificate, "-key", certificate, *(["-readpass", password_file] if password_file else [])]
-        self.trusted = trusted or (work / "cert.pem" if self.own else SYSTEM_CAS)
-        self.work = work
+def addresses() -> dict[str, str]:
+    """The addresses that build/release has built in, by the name of their option."""
+    return dict(re.findall(r"^(TAVIK_(?:DOWNLOAD_HOST|SUPPORT_ADDRESS|WEB_SITE)):STRING=(.*)$", (BUILD / "CMakeCache.txt").read_text("utf-8"), re.M))
 
-    def verifies(self, exe: Path) -> bool:
-        command = ["osslsigncode", "verify", "-CAfile", str(self.trusted), "-in", str(exe)]
-        return subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False).returncode == 0
 
-    def sign(self, source: Path, target: Path, title: str) -> None:
-        target.unlink(missing_ok=True)
-        run("osslsigncode", "sign", *self.how, "-h", "sha256", "-n", title, "-in", source, "-out", target)
-        if not self.verifies(target):
-            fail(f"The signature of {target.name} does not verify with {self.trusted}. Give the list with its authority: --ca FILE.")
-        # The verification must be able to fail, and only the signature may be new.
-        changed = bytearray(target.read_bytes())
-        changed[len(source.read_bytes()) // 2] ^= 1
-        damaged, bare = self.work / "damaged.exe", self.work / "bare.exe"
-        damaged.write_bytes(changed)
-        if self.verifies(damaged):
-            fail(f"{target.name} with a changed byte verifies as well: do not trust this verification.")
-        bare.unlink(missing_ok=True)
-        run("osslsigncode", "remove-signature", "-in", target, "-out", bare)
-        if bare.read_bytes() != source.read_bytes():
-            fail(f"{target.name} without its signature differs from what was built.")
+def refuse_what_is_for_trials(built_in: dict[str, str]) -> None:
+    for option, address in built_in.items():
+        parts = urlsplit(address if "://" in address else f"//{address}")
+        if (parts.hostname or "").endswith(".example") or parts.port:
+            fail(f"The program would ask {address}, which is for trials only: a reserved name, or a server on a port of its own. Configure another "
+                 f"one (cmake --preset release -D{option}=...), or make a trial with --demo.")
 
 
 def make(given: argparse.Namespace) -> None:
-    version = make_unsigned(WORK)
+    source = commit()
+    if source.endswith("changes"):
+        fail("The tree has changes or untracked files, so no commit names these sources. Commit them, or move them away; git status lists them.")
+    if given.certificate is None and not given.demo:
+        fail("A release needs --certificate FILE. For a trial with a certificate that no machine trusts: --demo.")
+    run("cmake", "--preset", "release")
+    built_in = addresses()
+    for option, address in built_in.items():
+        say(f"{option} is {address}")
+    if not given.demo:
+        refuse_what_is_for_trials(built_in)
+    version = make_unsigned(WORK, source)
     date = version_and_date()[1]
     shutil.rmtree(DIST, ignore_errors=True)
     DIST.mkdir()
     with tempfile.TemporaryDirectory() as folder:
         work = Path(folder)
-        signer = Signer(given.certificate, given.password_file, given.ca, work)
-        say("Signing" + (" with a test certificate, for trials only: no other machine trusts it." if signer.own else "."))
+        signer = Signer(Choice(given.certificate, given.password_file, given.token, given.module, given.time_stamps, given.ca), work)
+        say("Signing" + (" with a test certificate, for trials only: no other machine trusts it." if signer.is_trial else "."))
         signed = work / "signed"
         shutil.copytree(WORK, signed)
         for name in [*PROGRAMS, *(Path(path).stem for path in WINDOWS_CHECK if path.endswith(".exe"))]:
-            signer.sign(WORK / f"{name}.exe", signed / f"{name}.exe", "Tavik Software Compatibility Tool")
+            signer.sign_program(WORK / f"{name}.exe", signed / f"{name}.exe", "Tavik Software Compatibility Tool")
         pack(signed, DIST, version, date)
         shutil.copytree(WORK, DIST / "unsigned", ignore=shutil.ignore_patterns("*.debug", "*.zip"))
         checksums(DIST / "unsigned", [file.name for file in (DIST / "unsigned").iterdir() if file.name != "SHA256SUMS"])
-        if signer.own:
-            shutil.copyfile(work / "cert.pem", DIST / "test-certificate.pem")
-    checksums(DIST, [file.name for file in DIST.iterdir() if file.is_file()])
+        if signer.is_trial:
+            shutil.copyfile(signer.trusted, DIST / "test-certificate.pem")
+        checksums(DIST, [file.name for file in DIST.iterdir() if file.is_file()])
+        signer.sign_list(DIST / "SHA256SUMS")
     if not (TOP / "LICENSE").exists():
         say("There is no file LICENSE: the owner decides under which terms the tool is handed out.")
     for file in sorted(DIST.rglob("*")):
@@ -261,14 +250,16 @@ def make(given: argparse.Namespace) -> None:
 
 def check() -> None:
     """Makes the unsigned files from the same sources in another folder, with other times, another language and time zone."""
-    make_unsigned(WORK)
+    source = commit()
+    make_unsigned(WORK, source)
     top = TOP / "build" / "check" / "release-again"
     copy = top / "a-folder-of-another-length" / "sources"
     shutil.rmtree(top, ignore_errors=True)
     copy_sources(copy)
     say("The same again in another folder.")
+    run("cmake", "--preset", "release", *(f"-D{option}={address}" for option, address in addresses().items()), cwd=copy)
     again = copy / "build" / "release-files"
-    run(copy / "scripts/release", "--unsigned", again, cwd=copy, env={**os.environ, **ELSEWHERE})
+    run(copy / "scripts/release", "--unsigned", again, "--commit", source, cwd=copy, env={**os.environ, **ELSEWHERE})
     first = {file.name: file.read_bytes() for file in WORK.iterdir()}
     second = {file.name: file.read_bytes() for file in again.iterdir()}
     different = sorted(name for name in first.keys() | second.keys() if first.get(name) != second.get(name))
@@ -280,16 +271,19 @@ def check() -> None:
 
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--certificate", type=lambda name: Path(name).absolute())
-    parser.add_argument("--password-file", type=lambda name: Path(name).absolute())
-    parser.add_argument("--ca", type=lambda name: Path(name).absolute())
+    for option in ("--certificate", "--password-file", "--module", "--ca"):
+        parser.add_argument(option, type=lambda name: Path(name).absolute())
+    for option in ("--token", "--time-stamps"):
+        parser.add_argument(option)
+    parser.add_argument("--demo", action="store_true")
     parser.add_argument("--check", action="store_true")
-    parser.add_argument("--unsigned", type=lambda name: Path(name).absolute(), metavar="FOLDER", help="only the unsigned files, into FOLDER")
+    parser.add_argument("--unsigned", type=lambda name: Path(name).absolute(), help=argparse.SUPPRESS)  # of the second folder of --check
+    parser.add_argument("--commit", help=argparse.SUPPRESS)
     given = parser.parse_args()
     if given.check:
         check()
     elif given.unsigned:
-        make_unsigned(given.unsigned)
+        make_unsigned(given.unsigned, given.commit)
     else:
         make(given)
 

@@ -87,7 +87,7 @@ def library(name: str, package: str, version: str, licence: str, remark: str) ->
                               "referenceLocator": f"pkg:deb/debian/{quote(package)}@{quote(version)}"}]}
 
 
-def document(programs: list[Path], version: str, created: str) -> dict[str, Any]:
+def document(programs: list[Path], version: str, created: str, commit: str) -> dict[str, Any]:
     packages: dict[str, dict[str, Any]] = {}
     relationships = []
     hashes = []
@@ -99,7 +99,8 @@ def document(programs: list[Path], version: str, created: str) -> dict[str, Any]
             "SPDXID": own, "name": program.name, "versionInfo": version, "supplier": "Organization: Tavik",
             "downloadLocation": "NOASSERTION", "filesAnalyzed": False, "primaryPackagePurpose": "APPLICATION",
             "licenseConcluded": "NOASSERTION", "licenseDeclared": "NOASSERTION", "copyrightText": "NOASSERTION",
-            "checksums": [{"algorithm": "SHA256", "checksumValue": digest}], "comment": "The checksum is that of the file before it was signed."}
+            "checksums": [{"algorithm": "SHA256", "checksumValue": digest}], "comment": "The checksum is that of the file before it was signed.",
+            "sourceInfo": f"commit {commit}"}
         relationships.append({"spdxElementId": "SPDXRef-DOCUMENT", "relationshipType": "DESCRIBES", "relatedSpdxElement": own})
         parts: dict[str, list[str]] = {}
         for file, number in sorted(linked_files(program.with_name(program.name + ".map")).items()):

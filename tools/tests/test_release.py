@@ -32,11 +32,12 @@ def program(folder: pathlib.Path, archive: str, member: str) -> pathlib.Path:
 
 def test_program_library_and_licence_are_listed(tmp_path):
     archive = subprocess.run(["x86_64-w64-mingw32-g++-posix", "-print-file-name=libstdc++.a"], capture_output=True, text=True, check=True).stdout.strip()
-    listed = sbom.document([program(tmp_path, archive, "string.o")], "1.0.0.1", "2026-11-21T00:00:00Z")
+    listed = sbom.document([program(tmp_path, archive, "string.o")], "1.0.0.1", "2026-11-21T00:00:00Z", "abc123")
     assert (listed["spdxVersion"], listed["creationInfo"]["created"]) == ("SPDX-2.3", "2026-11-21T00:00:00Z")
     own, library = listed["packages"]
     assert (own["SPDXID"], own["versionInfo"], own["checksums"]) == (
         "SPDXRef-tool.exe", "1.0.0.1", [{"algorithm": "SHA256", "checksumValue": hashlib.sha256(b"MZ").hexdigest()}])
+    assert own["sourceInfo"] == "commit abc123"
     assert (library["name"], library["licenseDeclared"]) == ("libstdc++", "GPL-3.0-or-later WITH GCC-exception-3.1")
     locator = library["externalRefs"][0]["referenceLocator"]
     assert re.fullmatch(r"pkg:deb/debian/g%2B%2B-mingw-w64-x86-64-posix@\S+", locator) and re.fullmatch(r"SPDXRef-[A-Za-z0-9.-]+", library["SPDXID"])
@@ -48,7 +49,7 @@ def test_program_library_and_licence_are_listed(tmp_path):
     ("/usr/lib/libsurprise.a", "libsurprise.a is linked in, but belongs to no known component"), ("main.a", "nothing is linked into tool.exe")])
 def test_what_is_not_known_gets_into_no_release(tmp_path, archive, complaint):
     with pytest.raises(SystemExit, match=complaint):
-        sbom.document([program(tmp_path, archive, "surprise.o")], "1.0.0.1", "2026-11-21T00:00:00Z")
+        sbom.document([program(tmp_path, archive, "surprise.o")], "1.0.0.1", "2026-11-21T00:00:00Z", "abc123")
 
 
 def test_libraries_of_headers_are_listed(tmp_path):
@@ -81,3 +82,35 @@ def test_archives_of_the_same_files_are_the_same(tmp_path):
     assert archives[0].read_bytes() == archives[1].read_bytes()
     with zipfile.ZipFile(archives[0]) as archive:
         assert {entry.filename: entry.date_time for entry in archive.infolist()} == dict.fromkeys(("a.txt", "b.exe"), (2026, 11, 21, 0, 0, 0))
+
+
+# Proves: A release is asked for that no one should get => refused: changed sources, a reserved address, a server on a port of its own, no certificate
+@pytest.mark.parametrize("address", ["download.tavik.example", "http://support.TAVIK.example/", "download.tavik.test:8080", "http://10.0.0.1:8080/"])
+def test_addresses_for_trials_are_refused(address):
+    with pytest.raises(SystemExit, match=f"The program would ask {re.escape(address)}, which is for trials only"):
+        release.refuse_what_is_for_trials({"TAVIK_DOWNLOAD_HOST": address})
+
+
+def test_other_addresses_are_not_refused():
+    release.refuse_what_is_for_trials({"TAVIK_DOWNLOAD_HOST": "download.tavik.test", "TAVIK_SUPPORT_ADDRESS": "http://support.tavik.test/"})
+
+
+@pytest.mark.parametrize("change, arguments, complaint", [
+    ("a new file", ["--demo"], "The tree has changes or untracked files"),
+    ("a change", ["--demo"], "The tree has changes or untracked files"),
+    ("", [], "A release needs --certificate FILE"),
+])
+def test_release_is_refused_before_anything_is_built(tmp_path, monkeypatch, change, arguments, complaint):
+    def git(*words: str) -> None:
+        subprocess.run(["git", "-c", "user.name=n", "-c", "user.email=e", *words], cwd=tmp_path, check=True, capture_output=True)
+    (tmp_path / "file").write_text("one")
+    git("init")
+    git("add", "file")
+    git("commit", "-m", "one")
+    if change:
+        (tmp_path / ("file" if change == "a change" else "other")).write_text("two")
+    real = release.run
+    monkeypatch.setattr(release, "run", lambda *command, **more: real(*command, **{**more, "cwd": tmp_path}))
+    monkeypatch.setattr("sys.argv", ["release", *arguments])
+    with pytest.raises(SystemExit, match=complaint):
+        release.main()
