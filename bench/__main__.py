@@ -4,10 +4,13 @@
     scripts/bench --quick         a quick run in less than three minutes: fewer pairs, smaller files
     scripts/bench --only start log    some figures only; --list names them
     scripts/bench --size          where the bytes of the exe are
-    scripts/bench --write-docs    everything, and then the table, the sizes and the pictures of docs/performance.md
+    scripts/bench --write-docs    everything, and then the table, the sizes and the picture of docs/performance.md
 
-Prints a table and writes it to build/bench as CSV, with every single measurement, and as pictures. The exit code is 1 when
-a goal is missed or something could not be measured.
+Prints a table and writes it to build/bench, with every single measurement as CSV and a picture of the goals. The exit code is
+1 when a goal is missed or something could not be measured.
+
+Each figure is a function that returns rows of the table, each beside its floor. It lies in the file of what it measures:
+check.py, downloads.py, log_and_inf.py, size.py or window.py. FIGURES below has its name.
 """
 from __future__ import annotations
 
@@ -23,28 +26,27 @@ import sys
 import time
 from typing import Callable
 
-from bench import downloads, parts, plots, report, runs, size, window
+from bench import check, downloads, log_and_inf, plots, report, size, window
 from bench.figures import Missing, Row, exit_code
 from bench.machine import remove_leftovers
 from bench.settings import FULL, QUICK, Settings
 from lab import paths
 
 FIGURES: dict[str, tuple[str, Callable[[Settings, Callable[[str], None]], list[Row]]]] = {
-    "size": ("size of the exe", parts.size),
-    "start": ("process start to first log line", runs.start),
-    "early-exit": ("a run that finds nothing to do", runs.early_exit),
+    "size": ("size of the exe", size.figure),
+    "start": ("process start to first log line", check.start),
+    "early-exit": ("a run that finds nothing to do", check.early_exit),
     "small": ("download of a small file", downloads.small),
     "download": ("download over http, with curl and wget", downloads.http),
     "https": ("download over https", downloads.https),
     "memory": ("peak memory of a download", downloads.memory),
-    "inf": ("section names of a large INF", parts.inf_names),
-    "log": ("10,000 log lines", parts.log),
+    "inf": ("section names of a large INF", log_and_inf.inf_names),
+    "log": ("10,000 log lines", log_and_inf.log),
     "window": ("status window while nothing happens", window.idle),
-    "enumeration": ("many driver packages", runs.enumeration),
+    "enumeration": ("many driver packages", check.enumeration),
 }
 RESULTS = paths.ROOT / "build" / "bench"
 PAGE = paths.ROOT / "docs" / "performance.md"
-IMAGES = paths.ROOT / "docs" / "images"
 SIZE_BEGIN, SIZE_END = "<!-- size: begin -->", "<!-- size: end -->"
 
 
@@ -80,14 +82,10 @@ def machine_line() -> str:
             f"({cpu[1] if cpu else 'unknown'}), {wine}, Linux {platform.release().split('-')[0]}. This is not Windows.")
 
 
-def write_docs(rows: list[Row], missing: list[Missing], pictures: list[pathlib.Path], quick: bool) -> None:
-    fresh = [machine_line() + (" A quick run (--quick)." if quick else ""), "", *report.markdown(rows, missing), ""]
-    IMAGES.mkdir(exist_ok=True)
-    for old in IMAGES.glob("performance-*.png"):
-        old.unlink()
-    for picture in pictures:
-        shutil.copy(picture, IMAGES / f"performance-{picture.name}")
-        fresh.append(f"![{picture.stem}](images/performance-{picture.name})")
+def write_docs(rows: list[Row], missing: list[Missing], picture: pathlib.Path, quick: bool) -> None:
+    fresh = [machine_line() + (" A quick run (--quick)." if quick else ""), "", *report.markdown(rows, missing), "",
+             "![how much of each goal is used](images/performance-goals.png)"]
+    shutil.copy(picture, PAGE.parent / "images" / "performance-goals.png")
     text = report.replace_between_marks(PAGE.read_text("utf-8"), fresh)
     text = report.replace_between_marks(text, size.markdown(), SIZE_BEGIN, SIZE_END)
     PAGE.write_text(text, "utf-8")
@@ -106,7 +104,7 @@ def main(arguments: list[str]) -> int:
         print("\n".join(f"{name:12} {what}" for name, (what, _) in FIGURES.items()))
         return 0
     if options.size:
-        print("\n".join(size.text()))
+        print("\n".join(size.markdown()))
         return 0
     if options.write_docs and options.only:
         parser.error("--write-docs needs all figures")
@@ -118,19 +116,17 @@ def main(arguments: list[str]) -> int:
     start = time.monotonic()
     rows, missing = measure(options.only or list(FIGURES), QUICK if options.quick else FULL)
     RESULTS.mkdir(parents=True, exist_ok=True)
-    for old in [*RESULTS.glob("*.png"), *RESULTS.glob("*.csv")]:
-        old.unlink()
-    report.write_csv(RESULTS, rows, missing)
+    report.write_csv(RESULTS / "measurements.csv", rows)
     table = report.lines(rows, missing)
     (RESULTS / "table.txt").write_text("\n".join(table) + "\n", "utf-8")
     print("\n" + "\n".join(table) + "\n")
-    pictures = plots.draw_all(RESULTS, rows)
+    picture = plots.goals(RESULTS, rows)
     if options.write_docs:
-        write_docs(rows, missing, pictures, options.quick)
+        write_docs(rows, missing, picture, options.quick)
     missed = [row for row in rows if row.met is False]
     judged = [row for row in rows if row.met is not None]
     say(f"{len(judged) - len(missed)} of {len(judged)} goals met, {len(missing)} figures not measured, in "
-        f"{time.monotonic() - start:.0f} s; table, measurements and pictures are in build/bench.")
+        f"{time.monotonic() - start:.0f} s; table, measurements and picture are in build/bench.")
     return exit_code(rows, missing)
 
 

@@ -2,10 +2,8 @@
 from __future__ import annotations
 
 import contextlib
-import os
 import pathlib
 import subprocess
-import threading
 import time
 from typing import Callable
 
@@ -25,30 +23,13 @@ SMALL = 17 * 1024
 FLAT_MIB = 1.0     # what counts as no growth: the kernel's own count is off by some pages
 
 
-class Peak:
-    """The most memory that a process had resident until it ended."""
-
-    def __init__(self, process: int):
-        self.status = pathlib.Path("/proc", str(process), "status")
-        self.bytes = 0
-        self._end = threading.Event()
-        self._thread = threading.Thread(target=self._work, daemon=True)
-        self._thread.start()
-
-    def look(self) -> None:
-        with contextlib.suppress(OSError):
-            for line in self.status.read_text("ascii", "replace").splitlines():
-                if line.startswith("VmHWM:"):
-                    self.bytes = int(line.split()[1]) * 1024
-
-    def _work(self) -> None:
-        while not self._end.wait(0.01):
-            self.look()
-
-    def close(self) -> int:
-        self._end.set()
-        self._thread.join()
-        return self.bytes
+def most_memory(process: int) -> int:
+    """The most bytes that a process has had resident so far; 0 when it has ended."""
+    with contextlib.suppress(OSError):
+        for line in pathlib.Path("/proc", str(process), "status").read_text("ascii", "replace").splitlines():
+            if line.startswith("VmHWM:"):
+                return int(line.split()[1]) * 1024
+    return 0
 
 
 class Downloads:
@@ -63,7 +44,7 @@ class Downloads:
         self.machine.__enter__()
         host = certificates.HOST if self.secure else self.machine.address
         self.url = f"{'https' if self.secure else 'http'}://{host}{PATH}"
-        self.body, = (self.machine.folder / "server").glob("body-*")
+        self.body = self.machine.web.answers[PATH]
         self.folder = self.machine.downloads
         return self
 
@@ -71,8 +52,7 @@ class Downloads:
         self.machine.__exit__(*about)
 
     def set_size(self, size: int) -> None:
-        self.size = size
-        os.truncate(self.body, size)
+        self.size = self.body.size = size
 
     def _check(self, program: str, file: pathlib.Path, code: int, good: int = 0) -> None:
         if code != good or file.stat().st_size != self.size:
@@ -120,10 +100,11 @@ class Downloads:
         sparse = SparseFiles([self.folder / (TEMPORARY if done == INSTALLER else "bare.tmp")])  # gigabytes do not stay
         with contextlib.closing(sparse), FileWatch(self.folder, MOVED_TO) as watch:
             process = self.machine.start(program, *arguments)
-            peak = Peak(process.pid)
+            most = 0
             while not watch.events and process.poll() is None:
+                most = max(most, most_memory(process.pid))
                 time.sleep(0.005)
-            most = peak.close()
+            most = max(most, most_memory(process.pid))
             code = process.wait()
         watch.first(MOVED_TO, done)
         self._check(program, self.folder / done, code, good)
@@ -131,9 +112,6 @@ class Downloads:
 
     def tool_peak(self) -> float:
         return self.peak(TOOL, "-SILENT", done=INSTALLER, good=NOT_A_PROGRAM)
-
-    def loop_peak(self) -> float:
-        return self.peak("bare_loop.exe", self.url, *self._bare_names(), done="bare.exe", good=0)
 
     def plain_peak(self) -> float:
         """The bare loop after the work that the tool has done by then, and with the same window."""
@@ -180,21 +158,17 @@ def small(settings: Settings, say: Callable[[str], None]) -> list[Row]:
 
 def memory(settings: Settings, say: Callable[[str], None]) -> list[Row]:
     rows = []
-    peaks: dict[int, list[float]] = {}
+    peaks: list[list[float]] = []
     with Downloads() as downloads:
         downloads.machine.keep_log("lines.txt")
         for size in settings.memory:
             downloads.set_size(size)
-            took = turns.take({"tool": downloads.tool_peak, "loop": downloads.loop_peak, "plain": downloads.plain_peak},
-                              settings.pairs, say)
-            peaks[size] = [value / MIB for value in took["tool"]]
-            what = f"peak memory, download of {text_of(size)}"
-            note = "" if rows else "the tool has loaded the libraries of window, adapters and installed products; see the next line"
-            rows.append(Row("memory", what, "MiB", peaks[size], "bare WinINet loop", [value / MIB for value in took["loop"]],
-                            "difference", None, note))
-            rows.append(Row("memory", what, "MiB", peaks[size], "the loop in a plain program for the same work",
-                            [value / MIB for value in took["plain"]], "difference", 4))
+            took = turns.take({"tool": downloads.tool_peak, "plain": downloads.plain_peak}, settings.pairs, say)
+            tool, plain = ([value / MIB for value in took[who]] for who in ("tool", "plain"))
+            peaks.append(tool)
+            rows.append(Row("memory", f"peak memory, download of {text_of(size)}", "MiB", tool,
+                            "the loop in a plain program for the same work", plain, "difference", 4))
     low, high = settings.memory[0], settings.memory[-1]
-    rows.append(Row("memory", f"growth from {text_of(low)} to {text_of(high)}", "MiB", peaks[high], f"the tool, {text_of(low)}",
-                    peaks[low], "difference", FLAT_MIB, "flat, but for pages that the kernel counts late"))
+    rows.append(Row("memory", f"growth from {text_of(low)} to {text_of(high)}", "MiB", peaks[-1], f"the tool, {text_of(low)}",
+                    peaks[0], "difference", FLAT_MIB, "flat, but for pages that the kernel counts late"))
     return rows

@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import csv
+import itertools
 import pathlib
 
 from bench.figures import Missing, Row, quartiles
@@ -51,27 +52,14 @@ def markdown(rows: list[Row], missing: list[Missing]) -> list[str]:
     return [*text, *([""] if notes else []), *notes]
 
 
-def write_csv(folder: pathlib.Path, rows: list[Row], missing: list[Missing]) -> None:
-    """figures.csv has a line for each row of the table, measurements.csv one for each pair."""
-    with open(folder / "figures.csv", "w", newline="", encoding="utf-8") as file:
-        out = csv.writer(file)
-        out.writerow(["name", "what", "against", "unit", "measure", "pairs",
-                      *(f"{side}_{part}" for side in ("ours", "theirs", "figure") for part in ("q1", "median", "q3")),
-                      "limit", "verdict", "note"])
+def write_csv(file: pathlib.Path, rows: list[Row]) -> None:
+    """One line for each pair."""
+    with open(file, "w", newline="", encoding="utf-8") as out:
+        table = csv.writer(out)
+        table.writerow(["name", "what", "against", "unit", "pair", "ours", "theirs"])
         for row in rows:
-            parts = [value for values in (row.ours, row.theirs, row.figures)
-                     for value in (quartiles(values) if values else ("", "", ""))]
-            out.writerow([row.name, row.what, row.against, row.unit, row.measure, len(row.ours), *parts,
-                          "" if row.limit is None else row.limit, row.verdict, row.note])
-        for item in missing:
-            out.writerow([item.name, item.what, *[""] * 14, "not measured", item.reason])
-    with open(folder / "measurements.csv", "w", newline="", encoding="utf-8") as file:
-        out = csv.writer(file)
-        out.writerow(["name", "what", "against", "unit", "pair", "ours", "theirs"])
-        for row in rows:
-            for pair, ours in enumerate(row.ours):
-                out.writerow([row.name, row.what, row.against, row.unit, pair + 1, ours,
-                              row.theirs[pair] if pair < len(row.theirs) else ""])
+            for pair, (ours, theirs) in enumerate(itertools.zip_longest(row.ours, row.theirs, fillvalue=""), 1):
+                table.writerow([row.name, row.what, row.against, row.unit, pair, ours, theirs])
 
 
 def replace_between_marks(text: str, fresh: list[str], begin: str = BEGIN, end: str = END) -> str:

@@ -14,13 +14,13 @@ class Settings:
     download: int         # bytes, for the speed over http
     secure_download: int  # and over https
     memory: tuple[int, ...]      # downloads whose peak memory is compared, ascending
-    packages: tuple[int, ...]    # driver packages on the machine, ascending; the last number is compared with the floor
+    packages: tuple[int, ...]    # driver packages on the machine, ascending: the last number is compared with the floor, three show the growth
     inf_sizes: tuple[tuple[int, int], ...]  # bytes of an INF, and the pairs of runs with such
     idle_seconds: int     # of the status window
 
 
 FULL = Settings(pairs=11, short_pairs=21, download=1024 * MIB, secure_download=1024 * MIB,
-                memory=(64 * MIB, 1024 * MIB, 5000 * MB), packages=(10, 50, 100, 200),
+                memory=(64 * MIB, 1024 * MIB, 5000 * MB), packages=(10, 100, 200),
                 inf_sizes=((200_000, 11), (2_000_000, 11)), idle_seconds=60)
 QUICK = Settings(pairs=3, short_pairs=5, download=256 * MIB, secure_download=64 * MIB,
                  memory=(64 * MIB, 512 * MIB), packages=(10, 50), inf_sizes=((200_000, 1),), idle_seconds=10)

@@ -1,13 +1,18 @@
-"""Where the bytes of the exe are: by section, and by the object that the linker took them from."""
+"""The size of the exe, and where its bytes are: by section, and by the object that the linker took them from."""
 from __future__ import annotations
 
 import collections
 import pathlib
 import re
+from typing import Callable
 
 import pefile
 
+from bench.figures import Row
+from bench.settings import Settings
 from lab import paths
+
+EXE_KB = 1000
 
 # What the linker names an input section by, and what a reader calls it. The first that fits counts.
 _CPP = r"libstdc\+\+\.a\(.*(%s).*\)"
@@ -92,10 +97,6 @@ def markdown() -> list[str]:
     return lines[:-1]
 
 
-def text() -> list[str]:
-    lines = []
-    for table in tables():
-        width = max(len(name) for name, _ in table)
-        lines += [*(f"{name.ljust(width)}  {size:>9,}" for name, size in table),
-                  f"{'together'.ljust(width)}  {sum(size for _, size in table):>9,}", ""]
-    return lines[:-1]
+def figure(_: Settings, __: Callable[[str], None]) -> list[Row]:
+    return [Row("size", "size of the exe", "KB", [paths.need(paths.TOOL).stat().st_size / 1000], limit=EXE_KB,
+                note="KB are thousands of bytes; scripts/bench --size shows where they are")]

@@ -46,10 +46,10 @@ def idle(settings: Settings, say: Callable[[str], None]) -> list[Row]:
                 process.kill()
                 process.wait()
     say(f"objects before {before}, after {after}")
-    if before[2] == 0 or before[3] == 0:
+    if 0 in before:
         raise RuntimeError("the objects cannot be counted here")
     what = f"status window, {seconds} s idle"
     return [Row("window", what, "% of a core", [share], limit=0.5, note="on a screen, with its dots moving twice a second"),
-            Row("window", f"{what}: GDI objects", "objects", [after[2]], "at the beginning", [before[2]], "difference", 0),
-            Row("window", f"{what}: user objects", "objects", [after[3]], "at the beginning", [before[3]], "difference", 0,
+            Row("window", f"{what}: GDI objects", "objects", [after[0]], "at the beginning", [before[0]], "difference", 0),
+            Row("window", f"{what}: user objects", "objects", [after[1]], "at the beginning", [before[1]], "difference", 0,
                 "of all programs on the machine together")]

@@ -8,7 +8,7 @@ import struct
 from typing import Any
 
 from lab import inf, keys, paths
-from lab.hive import Value, text_data
+from lab.hive import Value
 from lab.prefix import Prefix
 
 CLASS_GUID = "{4D36E968-E325-11CE-BFC1-08002BE10318}"
@@ -20,9 +20,10 @@ RELEASE = "24.20.11.01-240619a"
 STORE = r"C:\windows\System32\DriverStore\FileRepository"
 
 
-def line(key: str, name: str, value: Value | None) -> str:
-    """One value for the watcher, or just the key."""
-    return "\t".join((key, name, str(value.kind), value.data.hex()) if value else (key,))
+def late_value(key: str, name: str, value: object) -> dict[str, Any]:
+    """A value below HKEY_LOCAL_MACHINE that the watcher writes once Wine runs."""
+    found = Value.of(value)
+    return {"key": key, "name": name, "type": found.kind, "data": list(found.data)}
 
 
 def _write_parts(file: pathlib.Path, parts: list[Any]) -> None:
@@ -142,25 +143,23 @@ class Adapter:
     def release_text(self) -> str:
         return self.release if isinstance(self.release, str) else RELEASE
 
-    def registry_lines(self) -> list[str]:
+    def late_values(self) -> list[dict[str, Any]]:
         device = rf"{ENUM}\{self.id}"
         bus, name, _ = self.id.split("\\")
-        ids = Value(7, b"".join(text_data(item) for item in dict.fromkeys((f"{bus}\\{name}", self.hardware))) + b"\0\0")
-        lines = [line(device, "Class", Value.of("Display")), line(device, "ClassGUID", Value.of(CLASS_GUID)),
-                 line(device, "HardwareID", ids)]
+        values = [(device, "Class", "Display"), (device, "ClassGUID", CLASS_GUID),
+                  (device, "HardwareID", list(dict.fromkeys((f"{bus}\\{name}", self.hardware))))]
         if self.description is not False:
-            lines.append(line(device, "DeviceDesc", Value.of(self.description)))
+            values.append((device, "DeviceDesc", self.description))
         if self.problem is not False:
-            lines.append(line(rf"{device}\{PROBLEM_CODE}", "", Value(DEVICE_UINT32, struct.pack("<I", self.problem))))
+            values.append((rf"{device}\{PROBLEM_CODE}", "", Value(DEVICE_UINT32, struct.pack("<I", self.problem))))
         if isinstance(self.driver_key, str):
-            lines.append(line(device, "Driver", Value.of(self.driver_key)))
+            values.append((device, "Driver", self.driver_key))
         elif self.driver_key:
             key = rf"{CLASS}\{self.number:04d}"
-            lines.append(line(device, "Driver", Value.of(rf"{CLASS_GUID}\{self.number:04d}")))
-            lines.append(line(key, "DriverDesc", Value.of(self.description or "")))
+            values += [(device, "Driver", rf"{CLASS_GUID}\{self.number:04d}"), (key, "DriverDesc", self.description or "")]
             if self.release is not False:
-                lines.append(line(key, "ReleaseVersion", Value.of(self.release)))
-        return lines
+                values.append((key, "ReleaseVersion", self.release))
+        return [late_value(*value) for value in values]
 
     def install_packages(self, prefix: Prefix) -> list[str]:
         return [package.install(prefix, self) for package in self.packages]

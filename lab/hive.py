@@ -49,9 +49,6 @@ class Value:
         self.kind = kind
         self.data = data
 
-    def __eq__(self, other: object) -> bool:
-        return isinstance(other, Value) and (self.kind, self.data) == (other.kind, other.data)
-
     def plain(self) -> object:
         """Texts as text, numbers as number, anything else as (type, hexadecimal bytes)."""
         if self.kind in (1, 2) and len(self.data) % 2 == 0 and self.data[-2:] == b"\0\0":
@@ -114,11 +111,6 @@ class Hive:
                 name = _unescape(header[:header.rindex("]")])
             self.sections[name.lower()] = ("[" + header, body + "\n")
 
-    def name(self, key: str) -> str:
-        """The key as it is spelt in the file."""
-        header = self.sections[key.lower()][0]
-        return _unescape(header[1:header.rindex("]")])
-
     def values(self, key: str) -> dict[str, Value] | None:
         """All values of a key, or None when there is no such key."""
         section = self.sections.get(key.strip("\\").lower())
@@ -132,12 +124,6 @@ class Hive:
                 match = re.match(r'"((?:[^"\\]|\\.)*)"=(.*)', line, re.S)
                 found[_unescape(match.group(1))] = _parse_value(match.group(2))
         return found
-
-    def get(self, key: str, name: str) -> Value | None:
-        for known, value in (self.values(key) or {}).items():
-            if known.lower() == name.lower():
-                return value
-        return None
 
     def set(self, key: str, name: str, value: object) -> None:
         values = self.values(key) or {}
@@ -184,5 +170,5 @@ class Hive:
     def below(self, *roots: str) -> dict[str, dict[str, object]]:
         """Keys at or below the roots with their values, as plain data."""
         lows = [root.lower() for root in roots]
-        return {self.name(key): {name: value.plain() for name, value in (self.values(key) or {}).items()}
-                for key in self.sections if any(key == low or key.startswith(low + "\\") for low in lows)}
+        return {_unescape(header[1:header.rindex("]")]): {name: value.plain() for name, value in (self.values(key) or {}).items()}
+                for key, (header, _) in self.sections.items() if any(key == low or key.startswith(low + "\\") for low in lows)}

@@ -12,8 +12,8 @@ import tomllib
 from typing import Any
 
 from lab import adapters, keys, paths, prefix as prefixes
-from lab.hive import Hive, Value
-from lab.server.answers import Answer
+from lab.hive import Hive
+from lab.server import Answer
 
 RELEASES = ("23.40", "24.10", "24.20")
 SERVER_PATH = "/drivers/installer/vlt/"
@@ -39,12 +39,12 @@ DEFAULTS: dict[str, Any] = {
     "temp": "",
     "disks": {},
     "largest_file": 0,
-    "own_adapter": False,
     "environment": {},
 }
 DESKTOP_KEYS = {"release", "families", "folder", "packages"}
-STORE_KEYS = {"registered", "manager", "service", "packages"}
+STORE_KEYS = {"manager", "service", "packages"}
 SERVER_KEYS = {"reach", "folder", "certificate", "tls", "also_plain", "answers"}
+INFINITE = 0xFFFFFFFF
 CLASSES = ("Windows.Management.Deployment.PackageManager", "Windows.Services.Store.StoreContext")
 
 
@@ -60,7 +60,7 @@ class Server:
     reach: str = "override"
     folder: str = "http://{server}" + SERVER_PATH
     certificate: str = "good"
-    tls: str = ""  # versions as nginx names them, or "none": plain HTTP; without it the maker's address has TLS, others not
+    tls: str = ""  # versions, "TLSv1.2 TLSv1.3", or "none": plain HTTP; without it the maker's address has TLS, others not
     also_plain: bool = False  # the maker's address answers on port 80 too
     answers: list[Answer] = dataclasses.field(default_factory=list)
 
@@ -118,8 +118,8 @@ class Machine:
     def template(self) -> pathlib.Path:
         return prefixes.template(self.products, self.folder)
 
-    def install(self, prefix: prefixes.Prefix, server: str) -> tuple[list[str], Hive]:
-        """Writes the machine into a prefix that does not run yet. Returns the registry lines for the watcher, and
+    def install(self, prefix: prefixes.Prefix, server: str) -> tuple[list[dict[str, Any]], Hive]:
+        """Writes the machine into a prefix that does not run yet. Returns the registry values for the watcher, and
         HKEY_LOCAL_MACHINE as it is now."""
         lab = prefix.drive / "lab"
         (lab / "standins").mkdir(parents=True)
@@ -131,7 +131,7 @@ class Machine:
         late = []
         store_lines = []
         for adapter in self.adapters:
-            late += adapter.registry_lines()
+            late += adapter.late_values()
             store_lines += adapter.install_packages(prefix)
         (lab / "standins" / "driverstore.txt").write_text("".join(store_lines), "utf-8")
         self._install_store(lab, system)
@@ -162,7 +162,7 @@ class Machine:
 
     def _install_store(self, lab: pathlib.Path, system: Hive) -> None:
         store = self.data["store"]
-        if store is False or store.get("registered") is False:
+        if store is False:
             return
         (lab / "standins" / "winrt.dll").write_bytes(paths.need(paths.STANDINS / "winrt.dll").read_bytes())
         (lab / "standins" / "store.txt").write_text(store_text(store), "utf-8")
@@ -171,24 +171,25 @@ class Machine:
             system.set(rf"Software\Microsoft\WindowsRuntime\ActivatableClassId\{name}", "DllPath", r"C:\lab\standins\winrt.dll")
 
     def _install_behaviour(self, lab: pathlib.Path) -> None:
-        behaviour = dict(self.data["programs"])
-        for path in self.data["running"]:
-            behaviour.setdefault(path.rpartition("\\")[2] + ".stay", "forever")
-        text = "".join(f"{key} = {_word(value)}\n" for key, value in behaviour.items())
-        (lab / "programs-behaviour.txt").write_text(text, "utf-8")
-        if self.data["installer"]:
-            keys.check(self.data["installer"], {"sleep", "exit", "extract"}, "installer")
-            text = "".join(f"{key}={value}\r\n" for key, value in self.data["installer"].items())
-            (lab / "installer.ini").write_text("[installer]\r\n" + text, "ascii", newline="")
+        keys.check(self.data["installer"], {"sleep", "exit", "extract"}, "installer")
+        running = {path.rpartition("\\")[2] + ".stay": "forever" for path in self.data["running"]}
+        sections = {"installer": self.data["installer"]}
+        for name, value in {**running, **self.data["programs"]}.items():
+            image, _, key = name.rpartition(".")
+            keys.check({key: value}, {"deaf", "stay", "exit"}, f"programs, {image}")
+            sections.setdefault(image, {})[key] = INFINITE if value == "forever" else int(value) if value is True else value
+        text = "".join(f"[{title}]\r\n" + "".join(f"{key}={value}\r\n" for key, value in table.items())
+                       for title, table in sections.items())
+        (lab / "programs.ini").write_text(text, "ascii", newline="")
 
-    def _install_registry(self, system: Hive, user: Hive) -> list[str]:
+    def _install_registry(self, system: Hive, user: Hive) -> list[dict[str, Any]]:
         late = []
         for path, values in self.data["registry"].items():
             hive, key = self._hive(path, system, user)
             if not isinstance(values, dict):
                 raise ValueError(f"registry: {path} needs a table of values")
-            if key.lower().startswith((adapters.ENUM.lower(), adapters.CLASS.lower())):  # see watcher_setup.h
-                late += [adapters.line(key, name, Value.of(value)) for name, value in values.items()]
+            if key.lower().startswith((adapters.ENUM.lower(), adapters.CLASS.lower())):  # see watcher.h
+                late += [adapters.late_value(key, name, value) for name, value in values.items()]
                 continue
             hive.create(key)
             for name, value in values.items():

@@ -1,6 +1,7 @@
 """One run of the shipping exe on one machine: what was seen, and what is on the machine afterwards."""
 from __future__ import annotations
 
+import contextlib
 import json
 import pathlib
 import time
@@ -9,6 +10,7 @@ from lab import state
 from lab.display import Photographer
 from lab.hive import Hive
 from lab.machine import Machine
+from lab.prefix import processes_of
 from lab.result import Again, Result
 from lab.session import SYSTEM, TOOL, Session, StartError, remove_folder
 from lab.sparse import SparseFiles
@@ -28,6 +30,26 @@ def _lines(file: pathlib.Path, encoding: str = "utf-8") -> list[str]:
     return [line for line in file.read_bytes().decode(encoding, "replace").replace("\r", "").split("\n") if line]
 
 
+# Wine's own programs, and the lab's.
+OWN = {"watcher.exe", "services.exe", "winedevice.exe", "plugplay.exe", "svchost.exe", "rpcss.exe", "explorer.exe", "conhost.exe",
+       "wineboot.exe", "start.exe"}
+
+
+def _running(prefix: pathlib.Path) -> list[str]:
+    """Names of the programs that run on the machine. One that was just killed is given some time to be gone."""
+    for _ in range(5):
+        names = []
+        for process in processes_of(prefix):
+            with contextlib.suppress(OSError):
+                command = pathlib.Path("/proc", str(process), "cmdline").read_bytes().partition(b"\0")[0].decode("utf-8", "replace")
+                names.append(command.rpartition("\\")[2])
+        names = [name for name in names if name.lower().endswith(".exe") and name.lower() not in OWN]
+        if not names:
+            break
+        time.sleep(0.02)
+    return names
+
+
 class ToolRun(Session):
     def __init__(self, machine: Machine, pictures: pathlib.Path | None):
         super().__init__(machine, screen=pictures is not None)
@@ -45,27 +67,28 @@ class ToolRun(Session):
         started = time.monotonic()
         with self:
             errors = self.watch(arguments, then=then, **options)
+            running = _running(self.prefix.path)
             self.prefix.stop()
             if self.web:
                 self.web.close()
             self.sparse.close()
             after = state.read(self.drive, Hive(self.prefix.path / "system.reg"))
             logs = self.logs()
-        result = self._collect(after, logs, errors, time.monotonic() - started)
+        result = self._collect(after, logs, errors, time.monotonic() - started, running)
         return result if then is None else self._divide(result)
 
-    def _collect(self, after: state.State, logs: list[list[str]], errors: str, seconds: float) -> Result:
+    def _collect(self, after: state.State, logs: list[list[str]], errors: str, seconds: float, running: list[str]) -> Result:
         report = json.loads((self.lab / "report.json").read_text("utf-8"))
         standins = self.lab / "standins"
         store_state = standins / "store-state.txt"  # written when something changes
-        same = ("boxes", "status", "instances", "actions", "started_before", "still_running", "event", "timed_out")
+        same = ("boxes", "status", "instances", "actions", "started_before", "event", "timed_out")
         return Result(
             **{name: report[name] for name in same}, exit_code=report["instances"][0]["exit_code"],
             log=logs[0] if logs else [], logs=logs, requests=self.web.requests if self.web else [],
             calls=_lines(standins / "calls.txt"), store_calls=_lines(standins / "winrt-calls.txt"),
             store_left=_lines(store_state) if store_state.exists() else self.machine.store_packages,
             programs=_lines(self.lab / "programs.txt"),
-            installer=[line.strip() for line in _lines(self.lab / "installer.txt", "utf-16-le")], before=self.before, after=after,
+            installer=[line.strip() for line in _lines(self.lab / "installer.txt", "utf-16-le")], before=self.before, after=after, still_running=running,
             output=[file.read_bytes().decode("utf-8", "replace") for file in sorted(self.lab.glob("output-*.txt"))],
             errors=errors, server=self.address, seconds=seconds, disk_used=self.sparse.most,
             pictures=self.photographer.taken if self.photographer else [], prefix=str(self.folder))

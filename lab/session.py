@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import contextlib
 import itertools
+import json
 import os
 import pathlib
 import re
@@ -14,7 +15,7 @@ from lab.hive import Hive
 from lab.machine import Machine
 from lab.prefix import Prefix, replace_file, template
 from lab.privileges import Disks, limit_files, name_hosts
-from lab.server.web import WebServer
+from lab.server import WebServer
 
 TOOL = rf"C:\lab\{paths.TOOL.name}"
 SYSTEM = r"C:\windows\system32"
@@ -127,7 +128,7 @@ class Session:
                 place = {"address": default_address(), "port": 443}
                 hosts[certificates.HOST] = place["address"]
                 self.launcher = name_hosts(self.folder / "hosts", hosts)
-            self.web = WebServer(self.folder / "server", server.answers, certificate=server.certificate if secure else "",
+            self.web = WebServer(server.answers, certificate=server.certificate if secure else "",
                                  protocols=server.tls if secure else "", also_plain=server.also_plain,
                                  tool_log=self.folder / "prefix" / "drive_c" / LOGS, **place)
             self.stack.callback(self.web.close)
@@ -166,14 +167,13 @@ class Session:
         """Lets the watcher finish the machine (Wine drops its adapters before the first window), start the tool and watch it.
         Returns what Wine wrote meanwhile; the watcher's report is C:\\lab\\report.json."""
         data = self.machine.data
-        orders = [f"program = {program}", f"directory = {directory}", f"arguments = {arguments}", r"report = C:\lab\report.json",
-                  f"timeout = {int(timeout * 1000)}", f"hold = {int(hold * 1000)}", f"crowd = {at_once}"]
-        for name, lines in (("start", data["running"]), ("held", data["held"]), ("shared", data["shared"]),
-                            ("registry", self.late), ("when", when), ("then", () if then is None else (then,)),
-                            ("pictures", (r"C:\lab\pictures",) * (self.lab / "pictures").is_dir()),
-                            ("own-adapter", ("shown",) * data["own_adapter"])):
-            orders += [f"{name} = {line}" for line in lines]
-        (self.lab / "watcher.txt").write_text("\n".join(orders) + "\n", "utf-8", "surrogatepass")
+        pictures = r"C:\lab\pictures" if (self.lab / "pictures").is_dir() else ""
+        split = [one.partition(" : ") for one in when]
+        orders = {"program": program, "directory": directory, "arguments": arguments, "report": r"C:\lab\report.json",
+                  "timeout": int(timeout * 1000), "hold": int(hold * 1000), "crowd": at_once, "start": data["running"],
+                  "held": data["held"], "shared": data["shared"], "registry": self.late, "then": then, "pictures": pictures,
+                  "when": [{"trigger": trigger.strip(), "action": action.strip()} for trigger, _, action in split]}
+        (self.lab / "watcher.json").write_text(json.dumps(orders), "utf-8")
         output = self.folder / "errors.txt"
         code = self.prefix.wine(r"C:\lab\watcher.exe", output=output, timeout=timeout + 60, launcher=self.launcher)
         text = output.read_text("utf-8", "replace")

@@ -1,7 +1,7 @@
 // Counts the window system's objects of a process, seen from another process.
 //   objects.exe PROGRAM
-// Prints: GDI objects as the system counts them, user objects likewise (0 0 where it does not count, as Wine 8), GDI
-// objects found in the process's own table, and user objects of all processes together.
+// Prints the GDI objects in the process's own table, and the user objects of all processes together. Wine 8 does not
+// count them for GetGuiResources.
 #include <windows.h>
 
 #include <tlhelp32.h>
@@ -94,8 +94,7 @@ int wmain(int count, wchar_t** arguments)
     {
         return 1;
     }
-    std::printf("%lu %lu %u %u\n", GetGuiResources(process, GR_GDIOBJECTS), GetGuiResources(process, GR_USEROBJECTS),
-                CountGdiTable(process), CountUserObjects());
+    std::printf("%u %u\n", CountGdiTable(process), CountUserObjects());
     CloseHandle(process);
     return 0;
 }

@@ -129,6 +129,7 @@ ARRIVES = {  # name: answer, length of the file; a body that is shorter than ann
 
 
 # Proves: An empty body
+# Proves: The body is shorter than announced, or no installer at all => nothing checks it
 @pytest.mark.parametrize("name", ARRIVES)
 def test_answer_is_taken_for_the_installer(lab, name):
     answer, size = ARRIVES[name]
@@ -187,6 +188,7 @@ def test_redirect_loop_that_ends_after_50_turns(lab):
     check_arrived(lab, 10, [f"{PATH} 302"] * 50 + [GOOD])
 
 
+# Proves: The tool is killed => what was logged so far is in the file
 def test_endless_redirect_loop_lasts_until_the_user_ends_it(lab):
     """The system sets no limit to redirects. The window stays up, and the program can be ended like any other."""
     result = lab.run({"server": {"answers": {PATH: {"redirect": "/other"}, "/other": {"redirect": PATH}}}},

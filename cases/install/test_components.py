@@ -54,7 +54,7 @@ def located(location: object, **changes) -> dict:
 
 ASKED = {  # name: machine, lines, whether the command tool runs
     "programs listen": (pretended(running=[rf"{HOME}\CorvelSoftware.exe", rf"{HOME}\CorvelSettings.exe"]), stop(), True),
-    "command tool refuses": (pretended(running=[RUNNING], programs={"hlcmd.exe.exit": 3, "hlcmd.exe.ignore": True}),
+    "command tool refuses": (pretended(running=[RUNNING], programs={"hlcmd.exe.exit": 3, "hlcmd.exe.deaf": True}),
                              [POLITE.replace("code 0", "code 3"), *KILLS], True),
     "command tool is missing": (pretended(running=[RUNNING], remove=[rf"{HOME}\hlcmd.exe"]),
                                 [rf"Launching process {HOME}\hlcmd.exe exit {NOT_FOUND}", *KILLS], False),

@@ -156,13 +156,18 @@ def test_repair_does_not_need_a_version(lab):
 
 # Proves: Only one of the values is there
 # Proves: The values are in the 32-bit view only => they do not count
+# Proves: The value is not plain text
+# Proves: The value is a text with variables => the system replaces them, and it counts
 @pytest.mark.parametrize("changes, version, driver", [
     ({"remove": [rf"{HL}@DriverVersion"]}, "23.40", ""),
     ({"remove": [rf"{HL}@HLVersion"]}, "", "23.40.11.01"),
     ({"remove": [HL]}, "", ""),
+    ({"registry": {HL: {"HLVersion": 2340, "DriverVersion": ["23.40"]}}}, "", ""),
+    ({"registry": {HL: {"HLVersion": {"type": "REG_EXPAND_SZ", "text": "%OS%"}, "DriverVersion": "Ünï ☃"}}}, "Windows_NT", "Ünï ☃"),
     ({"registry": {HL: {"HLVersion": "", "DriverVersion": " "}}}, "", " "),
     ({"remove": [HL], "registry": {r"HKLM\Software\Wow6432Node\Tavik\HL": {"HLVersion": "24.20", "DriverVersion": "24.20"}}}, "", ""),
-], ids=["no driver version", "no version", "no key", "empty and blank", "32-bit view only"])
+], ids=["no driver version", "no version", "no key", "number and list", "variable and other letters", "empty and blank",
+        "32-bit view only"])
 def test_unreadable_version_is_repaired(lab, changes, version, driver):
     lab.run({**changes, **NO_SERVER})
     lab.check(**NOT_REPAIRED, log=[*opening("", version, driver), *inventory(), *without_server()])

@@ -126,6 +126,12 @@ def test_minimised_window_stays_minimised_and_the_box_shows(lab):
     assert result.status_texts == [CHECKING, INSTALLING]
 
 
+def test_minimised_window_comes_back(lab):
+    result = lab.run(SLOW, when=[f"{INSTALLS} : click 1014", f"{INSTALLS} : wait 300", f"{INSTALLS} : restore"])
+    lab.check(outcome="repaired", exit_code=0, boxes=[FINISHED])
+    assert changes([sample["minimised"] for sample in shown(result)]) == [False, True, False]
+
+
 def test_minimised_window_still_changes_its_text(lab):
     """Reading the first list of products takes 700 ms, so the click comes while the tool checks."""
     slow = {"installer": {"sleep": 700}, "faults": ["msi!MsiEnumRelatedProductsW 1 sleep=700"]}

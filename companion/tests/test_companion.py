@@ -20,8 +20,7 @@ from lab import paths
 from lab.machine import Machine
 from lab.result import Result
 from lab.run import run
-from lab.server.answers import Answer
-from lab.server.web import WebServer
+from lab.server import Answer, WebServer
 from lab.session import LOGS
 
 
@@ -162,7 +161,7 @@ def test_a_server_value_with_a_fault(desk, value, says):
 def test_the_answer_of_a_server(desk):
     answers = {"/good/24.20/dwx2_install.txt": "24.20", "/page/24.20/dwx2_install.txt": {"text": "<html>"}, "/none/24.20/dwx2_install.txt": 404,
                "/moved/24.20/dwx2_install.txt": {"redirect": "/good/24.20/dwx2_install.txt"}}
-    web = WebServer(desk.folder / "server", [Answer.of(*one) for one in answers.items()])
+    web = WebServer([Answer.of(*one) for one in answers.items()])
     try:
         address = f"http://{web.address}:{web.port}"
         said = {name: desk.run("check-server", f"{address}/{name}/", "--release", "24.20.11.01") for name in ("good", "page", "none", "moved")}

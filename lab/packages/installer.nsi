@@ -2,7 +2,7 @@
 ; unpacks the packages in the layout below and installs nothing. Defines: RELEASE, HALDEN, DVR, PXL (files), OUT.
 ; Without HALDEN the main package is left out.
 ;
-; A case can make it misbehave by C:\lab\installer.ini, section [installer]: sleep = <ms>, exit = <code>,
+; A case can make it misbehave by section [installer] of C:\lab\programs.ini: sleep = <ms>, exit = <code>,
 ; extract = no. Each start is recorded in C:\lab\installer.txt (its command line, UTF-16).
 Target amd64-unicode
 Name "Tavik Software ${RELEASE}"
@@ -22,7 +22,7 @@ Section
   FileWriteUTF16LE $0 "$4$\r$\n"
   FileClose $0
 
-  ReadINIStr $1 "C:\lab\installer.ini" installer sleep
+  ReadINIStr $1 "C:\lab\programs.ini" installer sleep
   ${If} $1 != ""
     Sleep $1
   ${EndIf}
@@ -36,7 +36,7 @@ Section
     Quit
   ${EndIf}
 
-  ReadINIStr $1 "C:\lab\installer.ini" installer extract
+  ReadINIStr $1 "C:\lab\programs.ini" installer extract
   ${If} $1 != "no"
 !ifdef HALDEN
     SetOutPath "$INSTDIR\HL\halden\halden64"
@@ -49,7 +49,7 @@ Section
     SetOutPath "$TEMP" ; the folder must not stay in use
   ${EndIf}
 
-  ReadINIStr $1 "C:\lab\installer.ini" installer exit
+  ReadINIStr $1 "C:\lab\programs.ini" installer exit
   ${If} $1 != ""
     SetErrorLevel $1
   ${EndIf}

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""Makes one MSI: package.py FAMILY RELEASE KIND PROGRAMS_FOLDER OUT.msi
+"""Makes one MSI: package.py FAMILY-RELEASE[-KIND] PROGRAMS_FOLDER OUT.msi
 
-Kinds: normal; fail (the installation ends with 1603); stubborn (the removal ends with 1603); reboot (installation and
+Kinds: fail (the installation ends with 1603); stubborn (the removal ends with 1603); reboot (installation and
 removal end with 3010). Other products of the same family get other product codes, so that several can be installed.
 """
 import os
@@ -20,7 +20,7 @@ UPGRADE_CODES = {
 REFUSE = ("INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) VALUES ('Refuse', 19, '', 'Refused.')",
           "INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('Refuse', '{condition}', 1510)")
 CHANGES = {
-    "normal": (),
+    "": (),
     "fail": tuple(line.format(condition='NOT (REMOVE="ALL")') for line in REFUSE),
     "stubborn": tuple(line.format(condition='REMOVE="ALL"') for line in REFUSE),
     "reboot": ("INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) VALUES ('ScheduleReboot', '', 6500)",),
@@ -32,10 +32,11 @@ def code(*parts: str) -> str:
     return "{%s}" % str(uuid.uuid5(uuid.NAMESPACE_URL, "/".join(("tavik-lab",) + parts))).upper()
 
 
-def main(family: str, release: str, kind: str, programs: str, out: str) -> None:
+def main(name: str, programs: str, out: str) -> None:
+    family, release, kind = (name + "-").split("-")[:3]
     here = pathlib.Path(__file__).parent
-    with tempfile.TemporaryDirectory() as name:
-        folder = pathlib.Path(name)  # wixl finds files beside its source only
+    with tempfile.TemporaryDirectory() as place:
+        folder = pathlib.Path(place)  # wixl finds files beside its source only
         for source in (here / "package.wxs", *pathlib.Path(programs).glob("*.exe")):
             shutil.copy(source, folder)
         (folder / "release.txt").write_text(f"{family} {release}\n")

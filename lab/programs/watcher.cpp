@@ -1,14 +1,14 @@
 // Starts the tool on a machine of the lab and watches it as a user would: its status window, its message boxes (which
-// it answers with OK) and its exit code. Orders come from C:\lab\watcher.txt, the report goes where they say, as JSON.
+// it answers with OK) and its exit code. Orders come from C:\lab\watcher.json, the report goes where they say.
 #include "watcher.h"
 
 #include <psapi.h>
 
+#include <filesystem>
+#include <fstream>
 #include <utility>
 
 #include "lab_file.h"
-#include "watcher_actions.h"
-#include "watcher_windows.h"
 
 namespace watcher
 {
@@ -77,32 +77,32 @@ Watch::Watch(Orders given) : orders(std::move(given)), hook(LoadLibraryW(L"C:\\l
 
 HWND Watch::FrontWindow() const
 {
-    const bool isBoxUp = !seen.boxes.empty() && seen.boxes.back().until == 0;
-    return isBoxUp ? seen.boxes.back().window : StatusWindow();
+    const bool isBoxUp = !boxes.empty() && boxes.back().until == 0;
+    return isBoxUp ? boxes.back().window : StatusWindow();
 }
 
 void Watch::StartProgram(const std::wstring& commandLine)
 {
     const PROCESS_INFORMATION process = StartProcess(commandLine, {}, nullptr, 0);
     CloseHandle(process.hThread);
-    seen.programs.push_back({commandLine, process.hProcess, process.dwProcessId});
+    programs_.push_back({commandLine, process.hProcess});
 }
 
 HANDLE Watch::StartInstance(const std::wstring& arguments, DWORD flags)
 {
     Instance instance;
     instance.arguments = arguments;
-    instance.output = L"C:\\lab\\output-" + std::to_wstring(seen.instances.size()) + L".txt";
+    const std::wstring file = L"C:\\lab\\output-" + std::to_wstring(instances.size()) + L".txt";
     SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
     const HANDLE output =
-        CreateFileW(instance.output.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherited, CREATE_ALWAYS, 0, nullptr);
+        CreateFileW(file.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherited, CREATE_ALWAYS, 0, nullptr);
     instance.started = Now();
     const std::wstring line = L"\"" + orders.program + (arguments.empty() ? L"\"" : L"\" ") + arguments;
     const PROCESS_INFORMATION process = StartProcess(line, orders.directory, output, flags);
     CloseHandle(output);
     instance.process = process.hProcess;
     instance.id = process.dwProcessId;
-    seen.instances.push_back(instance);
+    instances.push_back(instance);
     return process.hThread;
 }
 
@@ -110,7 +110,7 @@ HANDLE Watch::StartInstance(const std::wstring& arguments, DWORD flags)
 void Watch::StartCrowd()
 {
     std::vector<HANDLE> threads;
-    for (unsigned long i = 0; i < orders.crowd; ++i)
+    for (unsigned i = 0; i < orders.crowd; ++i)
     {
         threads.push_back(StartInstance(orders.arguments, CREATE_SUSPENDED));
     }
@@ -124,9 +124,9 @@ void Watch::StartCrowd()
 bool Watch::AnyRuns(size_t from) const
 {
     bool runs = false;
-    for (size_t i = from; i < seen.instances.size(); ++i)
+    for (size_t i = from; i < instances.size(); ++i)
     {
-        runs = runs || seen.instances[i].running;
+        runs = runs || instances[i].running;
     }
     return runs;
 }
@@ -134,7 +134,7 @@ bool Watch::AnyRuns(size_t from) const
 // The run after the last one is undisturbed: no call fails, and nothing is done to it.
 bool Watch::StartsAgain()
 {
-    if (!orders.then || seen.timedOut)
+    if (!orders.then || timedOut_)
     {
         return false;
     }
@@ -169,17 +169,21 @@ void Watch::TakePicture(const std::wstring& name)
     }
 }
 
-void Watch::LookAtStatus(Instance& instance, int index)
+void Watch::LookAtStatus(size_t index)
 {
+    Instance& instance = instances[index];
     const StatusView view = FindStatusWindow(instance.id);
     if (view.line != instance.status.line || view.visible != instance.status.visible)
     {
         instance.statusSince = Now();
         instance.pictured = false;
     }
-    if (!view.SameAs(instance.status))
+    const bool isNotYetThere = instance.status.seen.is_null() && view.window == nullptr;
+    if (view.seen != instance.status.seen && !isNotYetThere)
     {
-        seen.samples.push_back({index, Now(), view});
+        Json sample = {{"instance", index}, {"at", Now()}};
+        sample.update(view.seen);
+        samples_.push_back(std::move(sample));
     }
     instance.status = view;
     if (view.visible && !view.minimised && !instance.pictured && Now() - instance.statusSince >= kSettleMs)
@@ -189,31 +193,30 @@ void Watch::LookAtStatus(Instance& instance, int index)
     }
 }
 
-void Watch::LookAtBoxes(const Instance& instance, int index)
+void Watch::LookAtBoxes(size_t index)
 {
-    for (HWND window : FindBoxes(instance.id))
+    for (HWND window : FindBoxes(instances[index].id))
     {
-        Box* box = nullptr;
-        for (Box& known : seen.boxes)
+        ShownBox* box = nullptr;
+        for (ShownBox& known : boxes)
         {
             box = known.window == window && known.instance == index && known.until == 0 ? &known : box;
         }
         if (box == nullptr)
         {
-            box = &seen.boxes.emplace_back();
+            box = &boxes.emplace_back();
             box->window = window;
             box->instance = index;
             box->since = Now();
-            box->statusHidden = !FindStatusWindow(instance.id).visible;
+            box->statusHidden = !FindStatusWindow(instances[index].id).visible;
         }
-        if (!box->asked && AskIcons(*box, hook))
+        if (!box->asked)
         {
-            box->asked = true;
-            Describe(*box);
+            Describe(*box, hook);
             TakePicture(L"box");
         }
     }
-    for (Box& box : seen.boxes)
+    for (ShownBox& box : boxes)
     {
         if (box.instance == index && box.until == 0 && IsWindow(box.window) == 0)
         {
@@ -224,16 +227,15 @@ void Watch::LookAtBoxes(const Instance& instance, int index)
 
 void Watch::Look()
 {
-    for (size_t i = 0; i < seen.instances.size(); ++i)
+    for (size_t index = 0; index < instances.size(); ++index)
     {
-        Instance& instance = seen.instances[i];
+        Instance& instance = instances[index];
         if (!instance.running)
         {
             continue;
         }
-        const int index = static_cast<int>(i);
-        LookAtStatus(instance, index);
-        LookAtBoxes(instance, index);
+        LookAtStatus(index);
+        LookAtBoxes(index);
         LookAtMemory(instance);
         if (WaitForSingleObject(instance.process, 0) != WAIT_OBJECT_0)
         {
@@ -242,7 +244,7 @@ void Watch::Look()
         GetExitCodeProcess(instance.process, &instance.exitCode);
         instance.ended = Now();
         instance.running = false;
-        for (Box& box : seen.boxes)
+        for (ShownBox& box : boxes)
         {
             box.until = box.instance == index && box.until == 0 ? Now() : box.until;
         }
@@ -273,7 +275,7 @@ void Watch::Act()
     {
         action["seen"] = std::exchange(looked, nullptr);
     }
-    seen.actions.push_back(std::move(action));
+    actions_.push_back(std::move(action));
 }
 
 // The first instance's box stays while something is still to be done beside it.
@@ -284,7 +286,7 @@ void Watch::DismissBoxes()
     {
         busy = busy || (!when.done && Fires(*this, when.trigger));
     }
-    for (Box& box : seen.boxes)
+    for (ShownBox& box : boxes)
     {
         const bool isOpen = box.asked && !box.dismissed && box.until == 0;
         if (isOpen && Now() - box.since >= orders.holdMs && (!busy || box.instance != 0))
@@ -296,9 +298,9 @@ void Watch::DismissBoxes()
 
 void Watch::EndAll()
 {
-    seen.timedOut = true;
+    timedOut_ = true;
     TakePicture(L"timeout");
-    for (const Instance& instance : seen.instances)
+    for (const Instance& instance : instances)
     {
         if (instance.running)
         {
@@ -307,13 +309,52 @@ void Watch::EndAll()
     }
 }
 
+bool Watch::WriteReport() const
+{
+    Json report = {{"timed_out", timedOut_},
+                   {"instances", Json::array()},
+                   {"status", samples_},
+                   {"boxes", Json::array()},
+                   {"actions", actions_},
+                   {"started_before", Json::array()},
+                   {"event", ""}};
+    for (const Instance& instance : instances)
+    {
+        report["instances"].push_back({{"arguments", standin::ToUtf8(instance.arguments)},
+                                       {"started", instance.started},
+                                       {"ended", instance.ended},
+                                       {"exit_code", static_cast<LONG>(instance.exitCode)},
+                                       {"peak_memory", instance.peakMemory}});
+    }
+    for (const ShownBox& box : boxes)
+    {
+        Json shown = {{"instance", box.instance},
+                      {"since", box.since},
+                      {"until", box.until},
+                      {"status_hidden", box.statusHidden}};
+        shown.update(box.seen);
+        report["boxes"].push_back(std::move(shown));
+    }
+    for (const Program& program : programs_)
+    {
+        report["started_before"].push_back({{"command_line", standin::ToUtf8(program.commandLine)},
+                                            {"running", WaitForSingleObject(program.process, 0) == WAIT_TIMEOUT}});
+    }
+    if (event != nullptr)
+    {
+        report["event"] = WaitForSingleObject(event, 0) == WAIT_OBJECT_0 ? "set" : "not set";
+    }
+    std::ofstream file(std::filesystem::path(orders.report), std::ios::binary);
+    return static_cast<bool>(file << report.dump(1));
+}
+
 int Watch::Run()
 {
     if (hook == nullptr)
     {
         Refuse(L"C:\\lab\\watcher_hook.dll is missing: build the lab again");
     }
-    SetUpDevices(orders);
+    SetUpDevices(orders.registry);
     for (const std::wstring& path : orders.held)
     {
         HoldFile(path, 0);
@@ -339,7 +380,7 @@ int Watch::Run()
         DismissBoxes();
         if (AnyRuns())
         {
-            const Instance& running = seen.instances[0].running ? seen.instances[0] : seen.instances.back();
+            const Instance& running = instances[0].running ? instances[0] : instances.back();
             WaitForSingleObject(running.process, kSampleMs);
         }
         else if (Now() < waitUntil)
@@ -347,11 +388,11 @@ int Watch::Run()
             Sleep(kSampleMs);
         }
     }
-    return WriteReport(seen, orders.report) ? 0 : 93;
+    return WriteReport() ? 0 : 93;
 }
 }  // namespace watcher
 
 int wmain()
 {
-    return watcher::Watch(watcher::ReadOrders(L"C:\\lab\\watcher.txt")).Run();
+    return watcher::Watch(watcher::ReadOrders(L"C:\\lab\\watcher.json")).Run();
 }

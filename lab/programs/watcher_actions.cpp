@@ -1,9 +1,15 @@
-#include "watcher_actions.h"
+#include <windows.h>
+
+#include <sddl.h>
 
 #include <cwchar>
+#include <filesystem>
+#include <fstream>
 #include <map>
+#include <sstream>
+#include <string_view>
 
-#include "watcher_windows.h"
+#include "watcher.h"
 
 namespace watcher
 {
@@ -151,6 +157,36 @@ bool CanWrite(const Text& path)
     return file != INVALID_HANDLE_VALUE && CloseHandle(file) != 0;
 }
 
+// From now on no program may set a value in this key below HKLM; the keys below it can still be made and read.
+bool DenyKey(const Text& path)
+{
+    HKEY key = nullptr;
+    PSECURITY_DESCRIPTOR rights = nullptr;
+    const bool isDenied = RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, WRITE_DAC, &key) == ERROR_SUCCESS &&
+                          ConvertStringSecurityDescriptorToSecurityDescriptorW(
+                              L"D:(D;;0x2;;;WD)(A;;GA;;;WD)", SDDL_REVISION_1, &rights, nullptr) != 0 &&
+                          RegSetKeySecurity(key, DACL_SECURITY_INFORMATION, rights) == ERROR_SUCCESS;
+    LocalFree(rights);
+    RegCloseKey(key);
+    return isDenied;
+}
+
+bool LogContains(const Text& text)
+{
+    const std::string_view wanted(reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t));
+    std::error_code noFolder;
+    for (const auto& entry : std::filesystem::directory_iterator(L"C:\\Program Files\\Tavik\\MIM\\Log", noFolder))
+    {
+        std::ostringstream log;
+        log << std::ifstream(entry.path(), std::ios::binary).rdbuf();
+        if (log.str().find(wanted) != std::string::npos)
+        {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool StartSecond(Watch& watch, const Text& arguments)
 {
     return CloseHandle(watch.StartInstance(arguments)) != 0;
@@ -170,13 +206,13 @@ bool Wait(Watch& watch, const Text& milliseconds)
 
 bool Kill(Watch& watch, const Text& code)
 {
-    return TerminateProcess(watch.seen.instances[0].process, Number(code)) != 0;
+    return TerminateProcess(watch.instances[0].process, Number(code)) != 0;
 }
 
 bool KeepEvent(Watch& watch, const Text& name)
 {
-    watch.seen.event = OpenEventW(SYNCHRONIZE, FALSE, name.c_str());
-    return watch.seen.event != nullptr;
+    watch.event = OpenEventW(SYNCHRONIZE, FALSE, name.c_str());
+    return watch.event != nullptr;
 }
 
 bool LookAtFront(Watch& watch, const Text&)
@@ -206,19 +242,12 @@ const std::map<Text, bool (*)(Watch&, const Text&)> kActions = {
     {L"write", [](Watch&, const Text& path) { return CanWrite(path); }},
 };
 
-bool IsLaterThan(const Watch& watch, const Text& milliseconds)
-{
-    return watch.Now() - watch.seen.instances[0].started >= Number(milliseconds);
-}
-
 const std::map<Text, bool (*)(const Watch&, const Text&)> kTriggers = {
     {L"start", [](const Watch&, const Text&) { return true; }},
-    {L"window", [](const Watch& watch, const Text&) { return watch.seen.instances[0].status.visible; }},
-    {L"box", [](const Watch& watch, const Text&) { return !watch.seen.boxes.empty() && watch.seen.boxes[0].asked; }},
+    {L"window", [](const Watch& watch, const Text&) { return watch.instances[0].status.visible; }},
+    {L"box", [](const Watch& watch, const Text&) { return !watch.boxes.empty() && watch.boxes[0].asked; }},
     {L"text",
-     [](const Watch& watch, const Text& text) { return watch.seen.instances[0].status.line.find(text) != Text::npos; }},
-    {L"dots", [](const Watch& watch, const Text& dots) { return watch.seen.instances[0].status.dots == dots; }},
-    {L"after", IsLaterThan},
+     [](const Watch& watch, const Text& text) { return watch.instances[0].status.line.find(text) != Text::npos; }},
     {L"log", [](const Watch&, const Text& text) { return LogContains(text); }},
     {L"file",
      [](const Watch&, const Text& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }},
@@ -240,7 +269,7 @@ bool LookUp(const Table& table, Subject& watch, const Text& kind, const Text& or
 
 bool Fires(const Watch& watch, const std::wstring& trigger)
 {
-    return !watch.seen.instances.empty() && LookUp(kTriggers, watch, L"trigger", trigger);
+    return !watch.instances.empty() && LookUp(kTriggers, watch, L"trigger", trigger);
 }
 
 bool Perform(Watch& watch, const std::wstring& action)

@@ -7,6 +7,11 @@ namespace watcher
 {
 namespace
 {
+constexpr int kStatusLine = 1004;
+constexpr int kDots = 1005;
+constexpr int kHeading = 1013;
+constexpr int kMinimiseMark = 1014;
+
 // Reads what the system keeps as the window's text. It sends no message, so the watched thread is not disturbed.
 std::wstring TextOf(HWND window)
 {
@@ -69,44 +74,42 @@ bool Ask(HWND window, HMODULE hook)
     return Property(window, kBodyIconProperty) != 0 && Property(window, kTitleIconProperty) != 0;
 }
 
-const wchar_t* TitleIconOf(HWND window)
+const char* TitleIconOf(HWND window)
 {
-    const wchar_t* titles[] = {L"none", L"big", L"small", L"big and small"};
+    const char* const titles[] = {"none", "big", "small", "big and small"};
     return titles[Property(window, kTitleIconProperty) - 1];
 }
 
-RECT PlaceIn(HWND parent, HWND control)
+Json Place(const RECT& place)
 {
-    RECT place{};
-    GetWindowRect(control, &place);
-    MapWindowPoints(nullptr, parent, reinterpret_cast<POINT*>(&place), 2);
-    return place;
+    return {{"x", place.left},
+            {"y", place.top},
+            {"width", place.right - place.left},
+            {"height", place.bottom - place.top}};
+}
+
+Json TextIn(HWND window, int id)
+{
+    return standin::ToUtf8(TextOf(FindControl(window, id)));
 }
 
 Json DescribeControl(HWND parent, HWND control)
 {
-    const RECT place = PlaceIn(parent, control);
-    return {
+    RECT place{};
+    GetWindowRect(control, &place);
+    MapWindowPoints(nullptr, parent, reinterpret_cast<POINT*>(&place), 2);
+    Json described = {
         {"id", GetDlgCtrlID(control)},
         {"class", standin::ToUtf8(ClassOf(control))},
         {"text", standin::ToUtf8(TextOf(control))},
         {"style", static_cast<DWORD>(GetWindowLongW(control, GWL_STYLE))},
         {"extended", static_cast<DWORD>(GetWindowLongW(control, GWL_EXSTYLE))},
-        {"x", place.left},
-        {"y", place.top},
-        {"width", place.right - place.left},
-        {"height", place.bottom - place.top},
         {"font", static_cast<int>(Property(control, kFontHeightProperty)) - 1},
     };
+    described.update(Place(place));
+    return described;
 }
 }  // namespace
-
-bool StatusView::SameAs(const StatusView& other) const
-{
-    return window == other.window && visible == other.visible && minimised == other.minimised &&
-           EqualRect(&place, &other.place) != 0 && title == other.title && line == other.line && dots == other.dots &&
-           heading == other.heading && mark == other.mark;
-}
 
 HWND FindControl(HWND window, int id)
 {
@@ -125,23 +128,27 @@ StatusView FindStatusWindow(DWORD process)
     StatusView view;
     for (HWND window : DialogsOf(process))
     {
-        if (FindControl(window, kStatusLine) == nullptr)
+        if (view.window == nullptr && FindControl(window, kStatusLine) != nullptr)
         {
-            continue;
+            view.window = window;
         }
-        view.window = window;
-        view.visible = IsWindowVisible(window) != 0;
-        view.minimised = IsIconic(window) != 0;
-        GetWindowRect(window, &view.place);
-        view.title = TextOf(window);
-        const std::pair<int, std::wstring*> texts[] = {
-            {kStatusLine, &view.line}, {kDots, &view.dots}, {kHeading, &view.heading}, {kMinimiseMark, &view.mark}};
-        for (const auto& [id, text] : texts)
-        {
-            *text = TextOf(FindControl(window, id));
-        }
-        break;
     }
+    RECT place{};
+    GetWindowRect(view.window, &place);
+    view.visible = IsWindowVisible(view.window) != 0;
+    view.minimised = IsIconic(view.window) != 0;
+    view.line = TextOf(FindControl(view.window, kStatusLine));
+    view.seen = {
+        {"exists", view.window != nullptr},
+        {"visible", view.visible},
+        {"minimised", view.minimised},
+        {"title", standin::ToUtf8(TextOf(view.window))},
+        {"line", standin::ToUtf8(view.line)},
+        {"dots", TextIn(view.window, kDots)},
+        {"heading", TextIn(view.window, kHeading)},
+        {"mark", TextIn(view.window, kMinimiseMark)},
+    };
+    view.seen.update(Place(place));
     return view;
 }
 
@@ -166,9 +173,10 @@ std::vector<HWND> FindBoxes(DWORD process)
     return boxes;
 }
 
-void Describe(Box& box)
+void Describe(Box& box, HMODULE hook)
 {
-    box.caption = TextOf(box.window);
+    std::wstring text;
+    Json buttons = Json::array();
     for (HWND child : ChildrenOf(box.window))
     {
         const std::wstring name = ClassOf(child);
@@ -177,27 +185,23 @@ void Describe(Box& box)
         {
             if ((style & WS_VISIBLE) != 0)
             {
-                box.buttons.push_back(TextOf(child));
+                buttons.push_back(standin::ToUtf8(TextOf(child)));
             }
         }
         else if (lstrcmpiW(name.c_str(), L"Static") == 0 && (style & SS_TYPEMASK) != SS_ICON)
         {
-            box.text += TextOf(child);
+            text += TextOf(child);
         }
     }
-    box.foreground = GetForegroundWindow() == box.window;
-}
-
-bool AskIcons(Box& box, HMODULE hook)
-{
-    if (!Ask(box.window, hook))
-    {
-        return false;
-    }
-    const wchar_t* kinds[] = {L"none", L"error", L"information", L"warning", L"question", L"other"};
-    box.icon = kinds[Property(box.window, kBodyIconProperty) - 1];
-    box.titleIcon = TitleIconOf(box.window);
-    return true;
+    const char* const kinds[] = {"none", "error", "information", "warning", "question", "other"};
+    box.asked = Ask(box.window, hook);
+    box.seen = {
+        {"caption", standin::ToUtf8(TextOf(box.window))},
+        {"text", standin::ToUtf8(text)},
+        {"icon", box.asked ? kinds[Property(box.window, kBodyIconProperty) - 1] : ""},
+        {"title_icon", box.asked ? TitleIconOf(box.window) : ""},
+        {"buttons", buttons},
+    };
 }
 
 Json LookAt(HWND window, HMODULE hook)
@@ -215,7 +219,7 @@ Json LookAt(HWND window, HMODULE hook)
     }
     return {
         {"title", standin::ToUtf8(TextOf(window))},
-        {"title_icon", standin::ToUtf8(TitleIconOf(window))},
+        {"title_icon", TitleIconOf(window)},
         {"style", static_cast<DWORD>(GetWindowLongW(window, GWL_STYLE))},
         {"extended", static_cast<DWORD>(GetWindowLongW(window, GWL_EXSTYLE))},
         {"width", client.right},

@@ -1,4 +1,5 @@
-// The rules of C:\lab\standins\faults.txt that concern this stand-in.
+// How a stand-in makes a call fail: the rules of C:\lab\standins\faults.txt that concern it. Which calls the campaign
+// fails, and with what codes, is in cases/fault_injection/faults.py.
 #pragma once
 #include <map>
 #include <string>

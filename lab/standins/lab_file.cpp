@@ -8,14 +8,6 @@ namespace
 {
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
-std::wstring FromUtf8(std::string_view bytes)
-{
-    const int size = static_cast<int>(bytes.size());
-    std::wstring text(static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, bytes.data(), size, nullptr, 0)), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, bytes.data(), size, text.data(), static_cast<int>(text.size()));
-    return text;
-}
-
 std::string ReadAll(const wchar_t* path)
 {
     std::string bytes;
@@ -54,6 +46,14 @@ std::string ToUtf8(std::wstring_view text)
     std::string bytes(static_cast<std::size_t>(needed), '\0');
     WideCharToMultiByte(CP_UTF8, 0, text.data(), size, bytes.data(), needed, nullptr, nullptr);
     return bytes;
+}
+
+std::wstring FromUtf8(std::string_view bytes)
+{
+    const int size = static_cast<int>(bytes.size());
+    std::wstring text(static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, bytes.data(), size, nullptr, 0)), L'\0');
+    MultiByteToWideChar(CP_UTF8, 0, bytes.data(), size, text.data(), static_cast<int>(text.size()));
+    return text;
 }
 
 std::vector<Line> ReadLines(const wchar_t* path)

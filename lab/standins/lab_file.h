@@ -33,6 +33,7 @@ private:
 };
 
 std::string ToUtf8(std::wstring_view text);
+std::wstring FromUtf8(std::string_view bytes);
 std::wstring Trim(std::wstring_view text);
 std::wstring Lower(std::wstring_view text);  // ASCII letters only
 bool StartsWith(std::wstring_view text, std::wstring_view start);

@@ -11,7 +11,7 @@ using standin::Failure;
 
 namespace standin
 {
-const std::vector<std::wstring> kSpecialKeys = {L"MsiEnumRelatedProductsW product", L"MsiGetProductInfoW value"};
+const std::vector<std::wstring> kSpecialKeys = {L"MsiGetProductInfoW value"};
 }
 
 extern "C"
@@ -23,18 +23,13 @@ INSTALLUILEVEL WINAPI Lab_MsiSetInternalUI(INSTALLUILEVEL level, HWND* window)
     return call.Forward(Failure::Zero, REAL(MsiSetInternalUI), level, window);
 }
 
-// product=<code>: what the caller finds in its buffer when the call is not forwarded.
 UINT WINAPI Lab_MsiEnumRelatedProductsW(const wchar_t* upgradeCode, DWORD reserved, DWORD index, wchar_t* product)
 {
     Call call(L"MsiEnumRelatedProductsW");
     call.Text(L"upgrade", upgradeCode).Number(L"reserved", reserved).Number(L"index", index);
     const UINT result =
         call.Forward(Failure::Code, REAL(MsiEnumRelatedProductsW), upgradeCode, reserved, index, product);
-    if (const auto given = call.Given(L"product"); given && !call.WasForwarded())
-    {
-        std::wcsncpy(product, given->c_str(), MAX_GUID_CHARS + 1);
-    }
-    if (result == ERROR_SUCCESS)
+    if (result == ERROR_SUCCESS && call.WasForwarded())
     {
         call.Text(L"product", product);
     }

@@ -1,15 +1,11 @@
-"""Keys of a machine's description that no other case needs, and what the lab says about a mistake in one.
-
-All other keys are shown by the cases that describe their machines with them.
-"""
+"""What the lab says about a mistake, and the end of a run that takes too long. The cases show all else."""
 from __future__ import annotations
 
 import pytest
 
-from cases.support.expect import FINISHED, NO_ADAPTER
+from cases.support.expect import SAME_RELEASE
+from lab import paths
 from lab.machine import Machine
-
-HL = r"HKLM\SOFTWARE\Tavik\HL"
 
 
 @pytest.mark.parametrize("description", [
@@ -21,45 +17,39 @@ def test_unknown_keys_are_refused(description):
         Machine(description)
 
 
+@pytest.mark.parametrize("file", sorted((paths.ROOT / "lab" / "machines").glob("*.toml")), ids=lambda file: file.name)
+def test_example_can_be_read(file):
+    assert Machine.load(file).data["description"]
+
+
+BAD_RULES = {
+    "setupapi!SetupDiGetClassDvsW 1 error=5": "function is not intercepted: SetupDiGetClassDvsW",
+    "setupapi!SetupDiGetClassDevsW 0 error=5": "which call? <number>, <number>+ or *",
+    "setupapi!SetupDiGetClassDevsW 1": "nothing to do",
+    "setupapi!SetupDiGetClassDevsW 1 eror=5": "unknown key: eror",
+    "setupapi!SetupDiGetClassDevsW 1 error=five": "not a number: five",
+    "setupapi!SetupDiGetClassDevsW 1 error=5 error=6": "given twice: error",
+    "setupapi!SetupDiGetClassDevsW 1 count=5": "unknown key: count",  # belongs to another function
+    "setupapi!SetupDiGetClassDevsW 1 memory=some": "memory can only be none",
+}
+
+
 def test_rule_that_is_not_understood_fails_the_case(lab):
-    lab.run({"desktop": {"release": "24.20"}, "faults": ["msi!MsiInstallProductW sometimes"]})
+    result = lab.run({"desktop": {"release": "24.20"}, "faults": list(BAD_RULES)})
+    assert [line for line in result.calls if line.startswith("!")] == [
+        f"!bad rule in line {number}: {why}" for number, why in enumerate(BAD_RULES.values(), 1)]
     with pytest.raises(AssertionError, match="not understood"):
         lab.check(outcome="same-release", exit_code=-1)
 
 
-def test_wines_own_adapter_can_be_left(lab):
-    result = lab.run({"adapters": [], "own_adapter": True})
-    lab.check(outcome="no-adapter", exit_code=-1, boxes=[NO_ADAPTER])
-    assert any(line.startswith("[Wine Adapter] - [PCI\\VEN_0000") for line in result.log)
+def test_unknown_action_is_refused(lab):
+    with pytest.raises(RuntimeError, match="unknown action: dance"):
+        lab.run("compatible.toml", when=["start : dance"])
 
 
-# Proves: The value is not plain text
-# Proves: The value is a text with variables => the system replaces them, and it counts
-@pytest.mark.parametrize("value, shown", [
-    (5, ""), (["a", "b"], ""), ({"type": "REG_EXPAND_SZ", "text": "%OS%"}, "Windows_NT"), ("Ünï ☃", "Ünï ☃")], ids=str)
-def test_registry_values(lab, value, shown):
-    result = lab.run({"registry": {HL: {"HLVersion": value}}}, "-SILENT")
-    lab.check(outcome="repaired", exit_code=0, boxes=[])
-    assert result.log[1] == f"Currently installed VLT is version [{shown}] from driver version [23.40.11.01]"
-
-
-def test_optional_packages_that_refuse(lab):
-    answers = {"/drivers/installer/vlt/24.20/dwx2_install.txt": "24.20-optionalfail"}
-    result = lab.run({"server": {"answers": answers}, "desktop": {"families": ["Halden", "DVR", "PXL"]}})
-    lab.check(outcome="repaired-optional-failed", exit_code=0, boxes=[FINISHED], after={"products": ["Tavik Halden 24.20"]})
-    assert [line for line in result.log if "Result" in line] == ["\tResult = 0"] * 4 + ["\tResult = 1603"] * 2
-
-
-def test_machine_without_the_store_classes(lab):
-    result = lab.run({"desktop": False, "store": {"registered": False}}, "-SILENT")
-    lab.check(outcome="no-application-store-unread", exit_code=-1, boxes=[])
-    assert result.log[-2].startswith("Exception ") and result.log[-2].endswith(" when searching for UWP version of VLT")
-
-
-def test_direct_install(lab):
-    """The description in lab/machines."""
-    result = lab.run("direct.toml", r"-VLT -Install -Path C:\users\Public\dwx2_install.exe")
-    lab.check(outcome="direct-done", exit_code=0, boxes=[], before={"products": []},
-              after={"products": ["Tavik DVR 24.20", "Tavik Halden 24.20", "Tavik PXL 24.20"], "store": [],
-                     "values": {r"Software\Orrel Technologies\Install\VLTUWPReplaced": 1}})
-    assert any(line.startswith("CorvelSoftware.exe ") for line in result.programs)
+def test_run_has_a_time_limit_and_then_no_second_start(lab):
+    result = lab.run("compatible.toml", hold=100, timeout=6, then="")
+    assert result.timed_out and result.boxes[0]["text"] == SAME_RELEASE[1]
+    assert result.again is None and len(result.instances) == 1
+    with pytest.raises(AssertionError, match="time limit"):
+        lab.check(outcome="interrupted", exit_code=-1)

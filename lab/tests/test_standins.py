@@ -1,47 +1,52 @@
-"""The stand-ins themselves, called by small programs instead of the tool: a case may trust them."""
+"""The stand-ins themselves: a case may trust them. What fault rules do to calls is shown by the cases that use them."""
 from __future__ import annotations
 
-import functools
 import os
 import re
-import time
 
+import pefile
 import pytest
 
 from lab import paths
 from lab.hive import Hive
-from lab.prefix import STANDINS, Prefix, install_standin, template
+from lab.machine import CLASSES
+from lab.prefix import STANDINS, Prefix, template
 
-RUNTIME_CLASSES = r"Software\Microsoft\WindowsRuntime\ActivatableClassId"
-CLASSES = ("Windows.Management.Deployment.PackageManager", "Windows.Services.Store.StoreContext")
 
+@pytest.mark.parametrize("name", STANDINS)
+def test_every_export_of_the_real_dll_is_offered(name: str):
+    """By name or number, as the stand-in's own function or as a forward to the real one."""
+    real, standin = ({symbol.ordinal: symbol for symbol in pefile.PE(str(folder / f"{name}.dll")).DIRECTORY_ENTRY_EXPORT.symbols}
+                     for folder in (paths.WINE_DLLS, paths.STANDINS))
+    assert {number: symbol.name for number, symbol in real.items()}.items() <= {number: symbol.name for number, symbol in standin.items()}.items()
+    source = (paths.ROOT / "lab" / "standins" / f"{name}.cpp").read_text("utf-8")
+    own = {symbol.name.decode() for symbol in standin.values() if symbol.forwarder is None}
+    assert own == set(re.findall(r"^\w.*\bLab_(\w+)\(", source, re.MULTILINE))
+    assert all(symbol.forwarder in (None, b"%s_lab.%s" % (name.encode(), symbol.name or b"#%d" % number))
+               for number, symbol in standin.items())
+
+
+# The Windows Runtime component.
 
 class Machine:
-    """A prefix with every stand-in, and the probes."""
+    """A prefix with the component and the program that calls it."""
 
     def __init__(self, prefix: Prefix):
         self.prefix = prefix
         self.lab = prefix.drive / "lab"
         self.folder = self.lab / "standins"
         self.folder.mkdir(parents=True, exist_ok=True)
-        user = Hive(prefix.path / "user.reg")
-        for name in STANDINS:
-            install_standin(prefix, name, user)
-        user.save()
         system = Hive(prefix.path / "system.reg")
         for name in CLASSES:
-            system.set(rf"{RUNTIME_CLASSES}\{name}", "DllPath", r"C:\lab\standins\winrt.dll")
+            system.set(rf"Software\Microsoft\WindowsRuntime\ActivatableClassId\{name}", "DllPath", r"C:\lab\standins\winrt.dll")
         system.save()
         (self.folder / "winrt.dll").write_bytes(paths.need(paths.STANDINS / "winrt.dll").read_bytes())
-        # Under the tool's name the probe gets the stand-ins the way the tool does.
-        for name, program in (("TavikCompatibilityTool", "standin_probe"), ("other", "standin_probe"),
-                              ("winrt_probe", "winrt_probe")):
-            (self.lab / f"{name}.exe").write_bytes(paths.need(paths.PROGRAMS / f"{program}.exe").read_bytes())
+        (self.lab / "winrt_probe.exe").write_bytes(paths.need(paths.PROGRAMS / "winrt_probe.exe").read_bytes())
         prefix.start()
         prefix.wine("wineboot")
 
     def fresh(self) -> "Machine":
-        for file in [*self.folder.glob("*.txt"), *self.lab.glob("*.txt")]:
+        for file in self.folder.glob("*.txt"):
             file.unlink()
         return self
 
@@ -59,17 +64,6 @@ class Machine:
         code = self.prefix.wine(rf"C:\lab\{program}.exe", *arguments, output=output)
         return code, output.read_text("utf-8", "replace").splitlines()
 
-    @functools.cached_property
-    def plain(self) -> list[str]:
-        """What the calls give on this machine without any rule."""
-        self.fresh()
-        return self.calls()
-
-    def calls(self) -> list[str]:
-        code, printed = self.run("TavikCompatibilityTool", "calls")
-        assert code == 0
-        return printed
-
 
 @pytest.fixture(scope="module")
 def prepared():
@@ -83,120 +77,6 @@ def prepared():
 def machine(prepared: Machine) -> Machine:
     return prepared.fresh()
 
-
-def test_every_export_of_the_real_dlls_gets_through(machine: Machine):
-    code, printed = machine.run("TavikCompatibilityTool", "forwards")
-    assert code == 0
-    found = {name: tuple(map(int, numbers)) for name, *numbers in
-             (re.fullmatch(r"(\w+): forwarded (\d+), own (\d+), missing (\d+)", line).groups() for line in printed)}
-    assert set(found) == set(STANDINS)
-    for name, (forwarded, own, missing) in found.items():
-        source = (paths.ROOT / "lab" / "standins" / f"{name}.cpp").read_text("utf-8")
-        intercepted = len(re.findall(r"^\w.*\bLab_\w+\(", source, re.MULTILINE))
-        assert (own, missing) == (2 * intercepted, 0)  # each has a name and an ordinal
-        assert forwarded > own
-
-
-def test_without_a_rule_nothing_changes_but_the_driver_store(machine: Machine):
-    _, plain = machine.run("other", "calls")
-    assert machine.lines("standins/calls.txt") == []  # other programs keep Wine's own DLLs
-    through = machine.calls()
-    assert len(machine.lines("standins/calls.txt")) > 10
-    different = {a.split(":")[0] for a, b in zip(plain, through, strict=True) if a != b}
-    assert different == {"driver store"}
-
-
-def test_driver_store_answers_from_its_file(machine: Machine):
-    machine.write("standins/driverstore.txt", "# comment", "oem7.inf\tC:\\windows\\x.inf")
-    assert [line for line in machine.calls() if line.startswith("driver store")] == [
-        r"driver store: 1 gle=0 [C:\windows\x.inf]",  # C:\windows\inf\OEM7.INF was asked for
-        "driver store: 0 gle=2 [untouched]",
-        "driver store: 0 gle=122 [untouched]",
-    ]
-
-
-@pytest.mark.parametrize("rules, printed", [
-    (["setupapi!SetupDiGetClassDevsW 2 error=5"],
-     ["devices: handle gle=0", "devices: invalid gle=5", "devices: handle gle=4321"]),
-    (["setupapi!SetupDiGetClassDevsW 2+ error=0xE0000203"],
-     ["devices: handle gle=0", "devices: invalid gle=3758096899", "devices: invalid gle=3758096899"]),
-    (["setupapi!SetupDiGetClassDevsW * return=0 gle=7"], ["devices: null gle=7"] * 3),
-    (["setupapi!SetupDiGetClassDevsW 3 after=31"],
-     ["devices: handle gle=0", "devices: handle gle=4321", "devices: invalid gle=31"]),
-    (["setupapi!SetupDiGetClassDevsW 2 sleep=250"],
-     ["devices: handle gle=0", "devices: handle gle=4321 slow", "devices: handle gle=4321"]),
-    (["setupapi!SetupDiGetClassDevsW * error=5", "setupapi!SetupDiGetClassDevsW 2 error=6"],  # the last one wins
-     ["devices: invalid gle=5", "devices: invalid gle=6", "devices: invalid gle=5"]),
-    (["setupapi!SetupGetInfDriverStoreLocationW 1 if=inf~OEM8 error=77"],  # its first call, the second of all
-     ["driver store: 0 gle=2 [untouched]", "driver store: 0 gle=77 [untouched]", "driver store: 0 gle=2 [untouched]"]),
-    (["setupapi!SetupGetInfDriverStoreLocationW * if=size:4 error=78"],
-     ["driver store: 0 gle=2 [untouched]", "driver store: 0 gle=2 [untouched]", "driver store: 0 gle=78 [untouched]"]),
-    (["msi!MsiEnumRelatedProductsW 1 error=1610"], ["product: 1610 [untouched]", "product: 259 [untouched]"]),
-    (["msi!MsiEnumRelatedProductsW 1 return=0 product={A}"], ["product: 0 [{A}]", "product: 259 [untouched]"]),
-    (['msi!MsiGetProductInfoW * return=0 value="a b"'], ["product info: 0 3 [a b]"]),
-    (['msi!MsiGetProductInfoW * return=0 value="as long as 8"'], ["product info: 234 12 [old]"]),
-    (["wininet!InternetCrackUrlW * error=12005"], ["url: 0 [] 0 []"]),
-    (["wininet!InternetOpenW * error=14"], ["session: null gle=14"]),
-    (["wininet!InternetReadFile * error=10054 count=7"], ["read: 0 gle=10054 count=7"]),
-    (["wininet!InternetReadFile * return=1"], ["read: 1 gle=0 count=0"]),
-    ([r'wininet!InternetGetLastResponseInfoW * code=550 text="No \"such\" file."'],
-     [r'response: 1 550 length=16 [No "such" file.]']),
-    (["wtsapi32!WTSQuerySessionInformationW * error=5"], ["user: 0 gle=5 size=0 []"]),
-    (["wtsapi32!WTSQuerySessionInformationW * return=1 text=OTHER"], ["user: 1 gle=0 size=12 [OTHER]"]),
-])
-def test_rule_changes_just_the_call_it_names(machine: Machine, rules: list[str], printed: list[str]):
-    plain = machine.plain
-    machine.write("standins/faults.txt", *rules)
-    ruled = machine.calls()
-    kind = printed[0].split(":")[0] + ":"
-    assert [line for line in ruled if line.startswith(kind)] == printed
-    # A session that cannot be opened takes the calls on it along.
-    followers = ("read:", "response:") if kind == "session:" else ()
-    untouched = [line for line in plain if not line.startswith((kind, *followers))]
-    assert [line for line in ruled if not line.startswith((kind, *followers))] == untouched
-    assert not [line for line in machine.lines("standins/calls.txt") if line.startswith("!")]
-
-
-def test_rule_can_end_the_process(machine: Machine):
-    machine.write("standins/faults.txt", "msi!MsiGetProductInfoW 1 exit=77")
-    code, printed = machine.run("TavikCompatibilityTool", "calls")
-    assert code == 77
-    assert not any(line.startswith("product info") for line in printed)
-    assert machine.lines("standins/calls.txt")[-1] == (
-        'msi!MsiGetProductInfoW#1 product="{11111111-2222-3333-4444-555555555555}"; property="LocalPackage"; size=8'
-        " -> exit 77 gle=" + machine.lines("standins/calls.txt")[-1].rpartition("=")[2])
-
-
-@pytest.mark.parametrize("rule, why", [
-    ("setupapi!SetupDiGetClassDvsW 1 error=5", "function is not intercepted: SetupDiGetClassDvsW"),
-    ("setupapi!SetupDiGetClassDevsW 0 error=5", "which call? <number>, <number>+ or *"),
-    ("setupapi!SetupDiGetClassDevsW 1", "nothing to do"),
-    ("setupapi!SetupDiGetClassDevsW 1 eror=5", "unknown key: eror"),
-    ("setupapi!SetupDiGetClassDevsW 1 error=five", "not a number: five"),
-    ("setupapi!SetupDiGetClassDevsW 1 error=5 error=6", "given twice: error"),
-    ("setupapi!SetupDiGetClassDevsW 1 count=5", "unknown key: count"),  # belongs to another function
-    ("setupapi!SetupDiGetClassDevsW 1 crash=hard", "not a number: hard"),
-    ("setupapi!SetupDiGetClassDevsW 1 memory=some", "memory can only be none"),
-])
-def test_rule_that_cannot_be_understood_is_reported(machine: Machine, rule: str, why: str):
-    machine.write("standins/faults.txt", "# comment", rule)
-    printed = machine.calls()
-    assert f"!bad rule in line 2: {why}" in machine.lines("standins/calls.txt")
-    assert printed[0] == "devices: handle gle=0"
-
-
-def test_record_shows_arguments_results_and_last_error(machine: Machine):
-    machine.calls()
-    record = machine.lines("standins/calls.txt")
-    assert re.fullmatch(r"setupapi!SetupDiGetClassDevsW#1 class=\{4D36E968-E325-11CE-BFC1-08002BE10318\}; "
-                        r"enumerator=\(null\); parent=0x0; flags=0x2 -> 0x[0-9A-F]+ gle=0", record[0])
-    assert [line.split(" ")[0] for line in record if "!InternetG" in line] == [
-        "wininet!InternetGetLastResponseInfoW#1", "wininet!InternetGetLastResponseInfoW#2"]
-    assert any(line.startswith('wininet!InternetCrackUrlW#1 url="http://localhost:81/a/b.txt"; length=0; flags=0x0; '
-                               'host="localhost"; port=81; path="/a/b.txt" -> 1 gle=') for line in record)
-
-
-# The Windows Runtime component.
 
 def removal(machine: Machine, *lines: str) -> list[str]:
     machine.write("standins/store.txt", "[package]", "name = One_1.2.3.4_x64", "version = 1.2.3.4", *lines)
@@ -348,40 +228,3 @@ def test_rule_of_the_component_ends_the_process(machine: Machine):
     assert machine.run("winrt_probe", "query")[0] == 77
     lines = [line.split(" ")[0] for line in machine.lines("standins/winrt-calls.txt")]
     assert lines.count("MoveNext") == 2 and lines[-1] == "MoveNext"
-
-
-# The application's programs.
-
-def start_in_background(machine: Machine) -> None:
-    """CorvelSoftware.exe, which stays; comes back once it is up."""
-    for name in ("CorvelSoftware", "tavikow", "hlcmd"):
-        (machine.lab / f"{name}.exe").write_bytes(paths.need(paths.PROGRAMS / f"{name}.exe").read_bytes())
-    machine.prefix.wine("cmd", "/c", "start", r"C:\lab\CorvelSoftware.exe")
-    deadline = time.monotonic() + 20
-    while not machine.lines("programs.txt"):
-        assert time.monotonic() < deadline, "CorvelSoftware.exe did not start"
-        time.sleep(0.02)
-
-
-def end_by_force(machine: Machine) -> int:
-    return machine.prefix.wine("taskkill", "/IM", "CorvelSoftware.exe", "/F")
-
-
-def test_programs_note_their_start_and_end_when_asked(machine: Machine):
-    machine.write("programs-behaviour.txt", "corvelsoftware.exe.stay = forever", "tavikow.exe.exit = 9",
-                  "hlcmd.exe.exit = 5")
-    start_in_background(machine)
-    assert machine.run("tavikow", "one", "two three") == (9, [])
-    assert machine.run("hlcmd", "exit") == (5, [])
-    assert end_by_force(machine) == 128  # not running any more
-    started = machine.lines("programs.txt")
-    assert [line.split(" ")[0] for line in started] == ["CorvelSoftware.exe", "tavikow.exe", "hlcmd.exe"]
-    assert re.search(r'; show=none; folder="[^"]+"; command=".*C:\\lab\\tavikow\.exe"* one ""two three"""$', started[1])
-
-
-@pytest.mark.parametrize("behaviour", ["hlcmd.exe.ignore = yes", "CorvelSoftware.exe.deaf = yes"])
-def test_program_stays_if_it_is_not_asked_or_does_not_listen(machine: Machine, behaviour: str):
-    machine.write("programs-behaviour.txt", "CorvelSoftware.exe.stay = forever", behaviour)
-    start_in_background(machine)
-    machine.run("hlcmd", "exit")
-    assert end_by_force(machine) == 0

@@ -1,19 +1,16 @@
-"""Parts of the tool that no whole run shows alone, and its file."""
+"""Parts of the tool that no whole run shows alone: its log, and its reader of section names in an INF."""
 from __future__ import annotations
 
 import pathlib
 from typing import Callable
 
+from bench.check import SAME_RELEASE
 from bench.figures import Row
 from bench.machine import WarmMachine
-from bench.runs import SAME_RELEASE
-from bench.settings import MIB, Settings
-from lab import paths
+from bench.settings import Settings
 
 INF_BYTES, INF_LINES = 8_000_000, 30_000
 LOG_LINES = 10_000
-EXE_KB = 1000
-STACK_BYTES = 64 * 1024
 
 
 def write_inf(file: pathlib.Path, size: int, lines: int) -> int:
@@ -34,19 +31,13 @@ def write_inf(file: pathlib.Path, size: int, lines: int) -> int:
 def inf_names(settings: Settings, say: Callable[[str], None]) -> list[Row]:
     with WarmMachine(SAME_RELEASE) as machine, machine.one_core():
         sections = write_inf(machine.lab / "large.inf", INF_BYTES, INF_LINES)
-        write_inf(machine.lab / "small.inf", INF_BYTES // 100, INF_LINES // 100)
-        size = (machine.lab / "large.inf").stat().st_size
-        (names, memory, stack), *rounds = machine.numbers("inf_names.exe", str(10 * settings.short_pairs), r"C:\lab\large.inf")
-        (_, _, small_stack), *_ = machine.numbers("inf_names.exe", "1", r"C:\lab\small.inf")
-    if names != sections:
-        raise RuntimeError(f"{names:g} section names were found instead of {sections}")
-    say(f"{names:g} names in {size} bytes")
+        rounds = machine.numbers("inf_names.exe", str(10 * settings.short_pairs), r"C:\lab\large.inf")
+    if {names for names, _, _ in rounds} != {sections}:
+        raise RuntimeError(f"{rounds[0][0]:g} section names were found instead of {sections}")
+    say(f"{len(rounds)} times {sections} names")
     what = f"section names of an INF of {INF_BYTES / 1e6:g} MB, {INF_LINES:,} lines"
-    ours, theirs = ([values[side] / 1000 for values in rounds] for side in (0, 1))
-    return [Row("inf", what, "ms", ours, "reading the file once", theirs, "speed", 0.5),
-            Row("inf", "section names, memory in use", "file sizes", [memory / size], limit=2),
-            Row("inf", "section names, stack", "bytes", [stack], "an INF of 80 KB", [small_stack], "difference", 0,
-                "the same however long the file")]
+    ours, theirs = ([values[side] / 1000 for values in rounds] for side in (1, 2))
+    return [Row("inf", what, "ms", ours, "reading the file once", theirs, "speed", 0.5)]
 
 
 def log(settings: Settings, say: Callable[[str], None]) -> list[Row]:
@@ -55,8 +46,3 @@ def log(settings: Settings, say: Callable[[str], None]) -> list[Row]:
     say(f"{len(rounds)} times {LOG_LINES} lines")
     ours, theirs = ([values[side] / 1000 for values in rounds] for side in (0, 1))
     return [Row("log", f"log, {LOG_LINES:,} lines", "ms", ours, "the same WriteFile calls", theirs, "ratio", 1.2)]
-
-
-def size(_: Settings, __: Callable[[str], None]) -> list[Row]:
-    return [Row("size", "size of the exe", "KB", [paths.need(paths.TOOL).stat().st_size / 1000], limit=EXE_KB,
-                note="KB are thousands of bytes; scripts/bench --size shows where they are")]
