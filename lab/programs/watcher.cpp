@@ -311,13 +311,9 @@ void Watch::EndAll()
 
 bool Watch::WriteReport() const
 {
-    Json report = {{"timed_out", timedOut_},
-                   {"instances", Json::array()},
-                   {"status", samples_},
-                   {"boxes", Json::array()},
-                   {"actions", actions_},
-                   {"started_before", Json::array()},
-                   {"event", ""}};
+    Json report = {
+        {"timed_out", timedOut_}, {"instances", Json::array()},      {"status", samples_}, {"boxes", Json::array()},
+        {"actions", actions_},    {"started_before", Json::array()}, {"event", ""}};
     for (const Instance& instance : instances)
     {
         report["instances"].push_back({{"arguments", standin::ToUtf8(instance.arguments)},

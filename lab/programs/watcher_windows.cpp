@@ -82,10 +82,8 @@ const char* TitleIconOf(HWND window)
 
 Json Place(const RECT& place)
 {
-    return {{"x", place.left},
-            {"y", place.top},
-            {"width", place.right - place.left},
-            {"height", place.bottom - place.top}};
+    return {
+        {"x", place.left}, {"y", place.top}, {"width", place.right - place.left}, {"height", place.bottom - place.top}};
 }
 
 Json TextIn(HWND window, int id)
