@@ -13,8 +13,8 @@ from bench.machine import FLOOR, INSTALLER, TOOL, WarmMachine, roomy_folder
 from bench.settings import MIB, Settings
 from bench.watch import CLOSE_WRITE, CREATE, MOVED_TO, FileWatch
 from lab import certificates
-from lab.sparse import SparseFiles
 from lab.machine import SERVER_PATH
+from lab.sparse import SparseFile
 
 PATH = SERVER_PATH + "24.20/dwx2_install.txt"
 TEMPORARY = INSTALLER + ".tmp"
@@ -97,7 +97,7 @@ class Downloads:
 
     def peak(self, program: str, *arguments: str, done: str, good: int) -> float:
         """Bytes until the file is renamed; what comes after the download does not count."""
-        sparse = SparseFiles([self.folder / (TEMPORARY if done == INSTALLER else "bare.tmp")])  # gigabytes do not stay
+        sparse = SparseFile(self.folder / (TEMPORARY if done == INSTALLER else "bare.tmp"))  # gigabytes do not stay
         with contextlib.closing(sparse), FileWatch(self.folder, MOVED_TO) as watch:
             process = self.machine.start(program, *arguments)
             most = 0

@@ -27,7 +27,7 @@ DEFAULTS: dict[str, Any] = {
     "remove": [],
     "read_only": [],
     "held": [],
-    "sparse": [],
+    "sparse": "",
     "shared": [],
     "running": [],
     "programs": {},

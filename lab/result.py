@@ -44,7 +44,7 @@ class Result:
     errors: str                      # what Wine wrote, a crash for instance
     server: str                      # host:port of the download server
     seconds: float
-    disk_used: int                   # the most that the machine's sparse files took
+    disk_used: int                   # the most that the machine's sparse file took
     pictures: list[str]
     prefix: str = ""                 # where the machine was kept
     again: Again | None = None       # calls, store_calls and boxes above are then those of the first start alone

@@ -13,7 +13,7 @@ from lab.machine import Machine
 from lab.prefix import processes_of
 from lab.result import Again, Result
 from lab.session import SYSTEM, TOOL, Session, StartError, remove_folder
-from lab.sparse import SparseFiles
+from lab.sparse import SparseFile
 
 
 class RunError(RuntimeError):
@@ -55,13 +55,15 @@ class ToolRun(Session):
         super().__init__(machine, screen=pictures is not None)
         self.pictures = pictures
         self.photographer: Photographer | None = None
+        self.sparse: SparseFile | None = None
 
     def prepare(self) -> None:
         if self.pictures:
             self.photographer = Photographer(self.display, self.lab / "pictures", self.pictures)
             self.stack.callback(self.photographer.close)
-        self.sparse = SparseFiles([self.prefix.windows_path(path) for path in self.machine.data["sparse"]])
-        self.stack.callback(self.sparse.close)
+        if self.machine.data["sparse"]:
+            self.sparse = SparseFile(self.prefix.windows_path(self.machine.data["sparse"]))
+            self.stack.callback(self.sparse.close)
 
     def execute(self, arguments: str, then: str | None, **options: object) -> Result:
         started = time.monotonic()
@@ -71,7 +73,8 @@ class ToolRun(Session):
             self.prefix.stop()
             if self.web:
                 self.web.close()
-            self.sparse.close()
+            if self.sparse:
+                self.sparse.close()
             after = state.read(self.drive, Hive(self.prefix.path / "system.reg"))
             logs = self.logs()
         result = self._collect(after, logs, errors, time.monotonic() - started, running)
@@ -90,7 +93,7 @@ class ToolRun(Session):
             programs=_lines(self.lab / "programs.txt"),
             installer=[line.strip() for line in _lines(self.lab / "installer.txt", "utf-16-le")], before=self.before, after=after, still_running=running,
             output=[file.read_bytes().decode("utf-8", "replace") for file in sorted(self.lab.glob("output-*.txt"))],
-            errors=errors, server=self.address, seconds=seconds, disk_used=self.sparse.most,
+            errors=errors, server=self.address, seconds=seconds, disk_used=self.sparse.most if self.sparse else 0,
             pictures=self.photographer.taken if self.photographer else [], prefix=str(self.folder))
 
     def _divide(self, result: Result) -> Result:

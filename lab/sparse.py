@@ -1,4 +1,4 @@
-"""Lets files grow by gigabytes on a small disk: what has been written becomes a hole while the program writes on.
+"""Lets a file grow by gigabytes on a small disk: what has been written becomes a hole while the program writes on.
 
 The size stays, the bytes read as zeros.
 """
@@ -16,74 +16,53 @@ _KEPT = 1 << 20      # at the end of the file, where the next write goes
 _SECONDS = 0.02
 
 
-def _punch(file: int, start: int, length: int) -> None:
-    if _LIBC.fallocate(file, _PUNCH_HOLE, ctypes.c_long(start), ctypes.c_long(length)) != 0:
-        error = ctypes.get_errno()
-        raise OSError(error, f"this file system has no sparse files: {os.strerror(error)}")
-
-
-class _File:
-    """One path. A renamed file is followed until there is another one of this name."""
+class SparseFile:
+    """Works until close(). A renamed file is followed until there is another one of this name. `most`: the most disk space used."""
 
     def __init__(self, path: pathlib.Path):
         self.path = path
-        self.descriptor = -1
-        self.empty_until = 0
-
-    def _open(self) -> None:
-        with contextlib.suppress(FileNotFoundError):
-            if self.descriptor < 0 or not os.path.samestat(os.stat(self.path), os.fstat(self.descriptor)):
-                self.close()
-                self.descriptor = os.open(self.path, os.O_WRONLY)
-                self.empty_until = 0
-
-    def step(self) -> int:
-        """Returns the disk space used before."""
-        self._open()
-        if self.descriptor < 0:
-            return 0
-        state = os.fstat(self.descriptor)
-        end = state.st_size - _KEPT
-        if end > self.empty_until:
-            _punch(self.descriptor, self.empty_until, end - self.empty_until)
-            self.empty_until = end // 4096 * 4096
-        return state.st_blocks * 512
-
-    def close(self) -> None:
-        if self.descriptor >= 0:
-            os.close(self.descriptor)
-            self.descriptor = -1
-
-
-class SparseFiles:
-    """Works until close(). `most`: the most disk space that all files used together."""
-
-    def __init__(self, paths: list[pathlib.Path]):
         self.most = 0
-        self._files = [_File(path) for path in paths]
+        self._descriptor = -1
+        self._empty_until = 0
         self._error: OSError | None = None
         self._ended = threading.Event()
         self._thread = threading.Thread(target=self._work, daemon=True)
-        if paths:
-            self._thread.start()
+        self._thread.start()
 
     def _work(self) -> None:
         try:
             while not self._ended.wait(_SECONDS):
-                self._step()
+                with contextlib.suppress(FileNotFoundError):
+                    self._open()
+                if self._descriptor >= 0:
+                    self._step()
         except OSError as error:
             self._error = error
 
+    def _open(self) -> None:
+        if self._descriptor < 0 or not os.path.samestat(os.stat(self.path), os.fstat(self._descriptor)):
+            self._forget()
+            self._descriptor = os.open(self.path, os.O_WRONLY)
+            self._empty_until = 0
+
     def _step(self) -> None:
-        self.most = max(self.most, sum(file.step() for file in self._files))
+        state = os.fstat(self._descriptor)
+        self.most = max(self.most, state.st_blocks * 512)
+        start, end = self._empty_until, state.st_size - _KEPT
+        if end > start:
+            if _LIBC.fallocate(self._descriptor, _PUNCH_HOLE, ctypes.c_long(start), ctypes.c_long(end - start)) != 0:
+                raise OSError(ctypes.get_errno(), "this file system has no sparse files")
+            self._empty_until = end // 4096 * 4096
+
+    def _forget(self) -> None:
+        if self._descriptor >= 0:
+            os.close(self._descriptor)
+            self._descriptor = -1
 
     def close(self) -> None:
-        if self._ended.is_set():
-            return
-        self._ended.set()
-        if self._files:
+        if not self._ended.is_set():
+            self._ended.set()
             self._thread.join()
-            for file in self._files:
-                file.close()
-        if self._error:
-            raise self._error
+            self._forget()
+            if self._error:
+                raise self._error

@@ -37,7 +37,7 @@ def test_silence_in_mid_body_is_given_up_after_a_minute_and_a_half(lab):
 @pytest.mark.parametrize("size, logged", [((2 << 30) + 1, -2147483647), (5_000_000_000, 705032704)], ids=["2 GiB + 1", "5 GB"])
 def test_body_larger_than_the_logged_counter_arrives(lab, size, logged):
     """The body arrives whole; only the number in the log wraps."""
-    result = lab.run({**answering({"size": size, "rate": 400_000_000}), "sparse": [TEMPORARY]}, timeout=300)
+    result = lab.run({**answering({"size": size, "rate": 400_000_000}), "sparse": TEMPORARY}, timeout=300)
     check_arrived(lab, size, [GOOD], logged=logged)
     assert result.requests[0]["bytes"] == size
     assert result.status_texts[-3:] == [CHECKING, DOWNLOADING, INSTALLING]
