@@ -186,7 +186,8 @@ def pack(source: Path, target: Path, version: str, date: str, ending: str = "") 
         sums = Path(work, "SHA256SUMS")
         sums.write_text("".join(f"{hashlib.sha256(file.read_bytes()).hexdigest()}  {one}\n" for one, file in sorted(files.items())), "utf-8")
         zip_files(target / f"{name}{ending}.zip", {f"{name}/{one}": file for one, file in {**files, "SHA256SUMS": sums}.items()}, date)
-    zip_files(target / f"windows-check{ending}.zip", {Path(path).name: source / Path(path).name for path in WINDOWS_CHECK}, date)
+    checks = [*(Path(path).name for path in WINDOWS_CHECK), "THIRD-PARTY.txt"]
+    zip_files(target / f"windows-check{ending}.zip", {one: source / one for one in checks}, date)
     if not ending:
         zip_files(target / f"{name}-symbols.zip", {f"{program}.exe.debug": source / f"{program}.exe.debug" for program in PROGRAMS}, date)
 

@@ -33,7 +33,7 @@ COMPONENTS = [
 # Libraries of headers only, which the linker does not see: by the folder of their headers, found in the includes of the sources.
 HEADERS = {
     "CLI": ("CLI11", Path("/usr/include/CLI/CLI.hpp"), "BSD-3-Clause", "Command line of the companion."),
-    "nlohmann": ("nlohmann-json", Path("/usr/include/nlohmann/json.hpp"), "MIT", "JSON of the companion."),
+    "nlohmann": ("nlohmann-json", Path("/usr/include/nlohmann/json.hpp"), "MIT", "JSON of the companion and of the Windows check."),
     "utf8cpp": ("utfcpp", Path("/usr/include/utf8cpp/utf8.h"), "BSL-1.0", "UTF-8 and UTF-16 in the companion."),
 }
 SOURCES = {"TavikCompatibilityTool.exe": "src", "TavikToolCompanion.exe": "companion"}

@@ -16,6 +16,7 @@ from typing import Any
 TOP = Path(__file__).resolve().parent.parent
 FOLDER = TOP / "windows_check"
 FACTS = FOLDER / "facts.toml"
+WINE = FOLDER / "wine-8.toml"
 PAGE = TOP / "build" / "docs" / "windows-facts.md"
 SECONDS = 20  # that a check may take if its group says nothing else
 
@@ -31,7 +32,6 @@ ADDRESSES = {
     "learn": lambda rest: f"{LEARN}{rest}",
     "https": lambda rest: f"https:{rest}",
 }
-MADE = "Made by `tools/windows_facts.py page`"
 
 
 @dataclass
@@ -62,7 +62,6 @@ class Difference:
     seen: str
     why: str
     machines: tuple[str, ...]  # "bare": a prefix as Wine makes it; "lab": a machine of the lab
-    root: bool = False         # only where the tests run as the Unix account root
 
 
 class Wrong(Exception):
@@ -82,39 +81,35 @@ def tables() -> dict[str, Any]:
 
 def read_facts() -> list[Group]:
     groups = []
-    for name, table in tables().items():
+    for name, blocks in tables().items():
         if name == "without_fact":
             continue
-        group = Group(name, table.pop("title"), table.pop("seconds", SECONDS), table.pop("calls", []))
-        used, guard, sources = table.pop("used", ""), table.pop("guard", ""), table.pop("sources", [])
-        for key, row in table.items():
-            expected = row.pop("expected", [])
-            fact = Fact(f"{name}.{key}", name, row.pop("says", ""), [expected] if isinstance(expected, str) else expected,
-                        row.pop("used", used), row.pop("guard", guard), row.pop("sources", sources), row.pop("why_not", ""))
-            if row:
-                raise Wrong(f"{fact.id}: unknown: {', '.join(row)}")
-            group.facts.append(fact)
+        group = Group(name, blocks[0].pop("title"), blocks[0].pop("seconds", SECONDS), [])
+        for block in blocks:
+            group.calls += block.pop("calls", [])
+            shared = {key: block.pop(key) for key in ("used", "guard", "sources") if key in block}
+            for key, row in block.items():
+                row = {"expected": [], "used": "", "guard": "", "sources": [], "says": "", **shared, **row}
+                if isinstance(row["expected"], str):
+                    row["expected"] = [row["expected"]]
+                group.facts.append(Fact(f"{name}.{key}", name, **row))
         groups.append(group)
     return groups
 
 
-def wine_versions() -> list[str]:
-    return sorted(file.stem.removeprefix("wine-") for file in FOLDER.glob("wine-*.toml"))
-
-
-def read_differences(version: str) -> dict[str, list[Difference]]:
-    """Fact -> its differences under this version of Wine."""
+def read_differences() -> dict[str, list[Difference]]:
+    """Fact -> its differences under Wine."""
     found: dict[str, list[Difference]] = {}
-    content = tomllib.loads((FOLDER / f"wine-{version}.toml").read_text("utf-8"))
+    content = tomllib.loads(WINE.read_text("utf-8"))
     shared = content.pop("shared")
     for machine, groups in content.items():
-        machines = {"both": ("bare", "lab"), "bare": ("bare",), "lab": ("lab",)}[machine]
+        machines = ("bare", "lab") if machine == "both" else (machine,)
         for group, rows in groups.items():
             for name, row in rows.items():
                 row = shared[row] if isinstance(row, str) else row
                 result = "differs" if "seen" in row else "not applicable"
                 seen = row["seen"] if "seen" in row else row["not_checked"]
-                found.setdefault(f"{group}.{name}", []).append(Difference(result, seen, row["why"], machines, row.get("root", False)))
+                found.setdefault(f"{group}.{name}", []).append(Difference(result, seen, row["why"], machines))
     return found
 
 
@@ -139,7 +134,7 @@ def literal(text: str, wide: bool) -> str:
 
 
 def program(out: Path) -> None:
-    lines = ["// Made by the build from facts.toml.", '#include "windows_check/fact.h"', "", "namespace windows_check", "{",
+    lines = ["// Made by the build from facts.toml.", '#include "windows_check/check.h"', "", "namespace windows_check", "{",
              "const std::vector<Fact>& AllFacts()", "{", "    static const std::vector<Fact> facts = {"]
     for group in read_facts():
         for fact in group.facts:
@@ -171,41 +166,34 @@ def wine(fact: Fact, differences: dict[str, list[Difference]]) -> str:
     return "; ".join(dict.fromkeys(parts)) or "the same"
 
 
-def links(sources: list[str]) -> str:
-    return ", ".join(f"[{number}]({address(source)})" for number, source in enumerate(sources, 1))
-
-
 def page() -> str:
     groups = read_facts()
-    versions = wine_versions()
-    differences = {version: read_differences(version) for version in versions}
-    checked = sum(bool(fact.expected) for group in groups for fact in group.facts)
-    others = sum(not fact.expected for group in groups for fact in group.facts)
+    differences = read_differences()
+    facts = [fact for group in groups for fact in group.facts]
+    checked = sum(bool(fact.expected) for fact in facts)
     lines = [
         "# What the product relies on in Windows",
         "",
-        f"<!-- {MADE} from windows_check/facts.toml and windows_check/wine-*.toml; change those. -->",
+        "<!-- Made by `tools/windows_facts.py page` from windows_check/facts.toml and windows_check/wine-8.toml; change those. -->",
         "",
-        f"`TavikWindowsCheck.exe` checks {checked} facts; {others} more cannot be checked by a harmless program. No report from a real Windows",
-        "has come back yet, so the last column is empty.",
+        f"`TavikWindowsCheck.exe` checks {checked} facts; {len(facts) - checked} more cannot be checked by a harmless program. No report from a real Windows",
+        "has come back yet.",
         "",
         "| Column | Meaning |",
         "|---|---|",
         "| Fact | id for the program's `--only`, and the fact |",
         "| Expected | what the check must see, in its own words; \"or\": each is fine |",
         "| Source | public documentation or source; without one the fact is an assumption |",
-        "| Wine | \"the same\" as expected, or what is seen there, and why |",
+        "| Wine 8 | \"the same\" as expected, or what is seen there, and why |",
         "| Relied on | the part of the product that does |",
         "| Guarded by | what keeps a surprise harmless, or what happens then |",
-        "| Real PC | what a report from a real Windows showed |",
     ]
-    columns = ["Fact", "Expected", "Source", *(f"Wine {version}" for version in versions), "Relied on", "Guarded by", "Real PC"]
     for group in groups:
-        lines += ["", f"## {group.title}", "", f"| {' | '.join(columns)} |", "|---" * len(columns) + "|"]
+        lines += ["", f"## {group.title}", "", "| Fact | Expected | Source | Wine 8 | Relied on | Guarded by |", "|---" * 6 + "|"]
         for fact in group.facts:
-            cells = [f"**{fact.id}** {cell(fact.says)}", " or ".join(code(text) for text in fact.expected) or "not checked by the program",
-                     links(fact.sources) or "assumption", *(wine(fact, differences[version]) for version in versions),
-                     cell(fact.used), cell(fact.guard), ""]
+            expected = " or ".join(code(text) for text in fact.expected) or "not checked by the program"
+            links = ", ".join(f"[{number}]({address(source)})" for number, source in enumerate(fact.sources, 1))
+            cells = [f"**{fact.id}** {cell(fact.says)}", expected, links or "assumption", wine(fact, differences), cell(fact.used), cell(fact.guard)]
             lines.append(f"| {' | '.join(cells)} |")
     return "\n".join(lines) + "\n"
 
@@ -219,8 +207,7 @@ def complaints() -> list[str]:
     checked = {fact.id for fact in facts if fact.expected}
     found += [f"{name}: there is no check in windows_check" for name in sorted(checked - in_sources)]
     found += [f"{name}: a check without a fact in facts.toml" for name in sorted(in_sources - checked)]
-    for version in wine_versions():
-        found += [f"{name}: in wine-{version}.toml, but there is no such fact" for name in sorted(set(read_differences(version)) - checked)]
+    found += [f"{name}: in {WINE.name}, but there is no such fact" for name in sorted(set(read_differences()) - checked)]
     for fact in facts:
         found += [f"{fact.id}: \"{what}\" is missing" for what in ("says", "used", "guard") if not getattr(fact, what)]
         if not fact.expected and not fact.why_not:
@@ -249,7 +236,7 @@ def main(arguments: list[str]) -> int:
         else:
             print(__doc__, file=sys.stderr)
             return 2
-    except (Wrong, KeyError, tomllib.TOMLDecodeError) as error:
+    except (Wrong, KeyError, TypeError, tomllib.TOMLDecodeError) as error:
         print(f"windows_facts: {error}", file=sys.stderr)
         return 1
     return 0

@@ -7,20 +7,33 @@
 #include <windows.h>
 
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace windows_check
 {
+// One row of facts.toml; the build makes facts.cpp from it.
+struct Fact
+{
+    const char* id;
+    const char* group;
+    const wchar_t* says;
+    std::vector<std::wstring_view> expected;  // each of them is fine
+    DWORD limitMs;                            // a check may take so long
+};
+const std::vector<Fact>& AllFacts();
+
+// A text or a literal converts to it, so a check returns what it has seen.
 struct Seen
 {
     std::wstring text;
-    std::wstring detail = {};  // more for the reader of the JSON; not compared
-};
+    std::wstring detail;  // more for the reader of the JSON; not compared
 
-inline Seen Saw(std::wstring text, std::wstring detail = {})
-{
-    return {std::move(text), std::move(detail)};
-}
+    Seen() = default;
+    Seen(std::wstring seen, std::wstring more = {}) : text(std::move(seen)), detail(std::move(more)) {}
+    Seen(const wchar_t* seen, std::wstring more = {}) : text(seen), detail(std::move(more)) {}
+};
 
 // Thrown by a check that cannot test its fact on this PC.
 struct NotApplicable
@@ -69,14 +82,10 @@ struct Pc
     std::string wine;           // empty on Windows
     DWORD session = 0;
     bool isElevated = false;
-    bool isInteractive = false;              // a user could see a window
-    std::vector<std::wstring> modulesFirst;  // full paths of the DLLs at the first statement of main ...
-    std::vector<std::wstring> modulesThen;   // ... and after the search for DLLs was restricted
+    bool isInteractive = false;     // a user could see a window
+    std::wstring delayedLibraries;  // those that were loaded although nothing had called them yet
 };
 
 // Filled before the first check runs, constant from then on.
 Pc& ThisPc();
-
-// Full paths of the DLLs in this process, without the program itself, in the order in which they were loaded.
-std::vector<std::wstring> LoadedModules();
 }  // namespace windows_check

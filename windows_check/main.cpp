@@ -6,18 +6,17 @@
 // Exit code: 0 nothing differs, 1 something differs, 2 the checks could not be made, 3 something could not be removed.
 #include <windows.h>
 
-#include <cstdio>
 #include <cwchar>
-#include <iterator>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "base/library.h"
 #include "windows_check/check.h"
+#include "windows_check/findings.h"
 #include "windows_check/own_things.h"
 #include "windows_check/probe.h"
-#include "windows_check/report.h"
-#include "windows_check/runner.h"
 #include "windows_check/words.h"
 
 namespace
@@ -25,20 +24,12 @@ namespace
 using namespace windows_check;
 
 constexpr int kDiffers = 1;
-constexpr int kNotMade = 2;
 constexpr int kLeftBehind = 3;
 
-void Print(const std::string& text)
-{
-    DWORD written = 0;
-    WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
-}
-
-// On Ctrl+C and a closed console: removes what was made and restores the console.
+// On Ctrl+C and a closed console.
 BOOL WINAPI RemoveAndEnd(DWORD)
 {
     RemoveOwnThings();
-    GiveConsoleBack();
     return FALSE;
 }
 
@@ -55,12 +46,24 @@ bool HasVisibleDesktop()
            (flags.dwFlags & WSF_VISIBLE) != 0;
 }
 
+// The delay-loaded libraries of the tool, and of this program, that are in the process.
+std::wstring LoadedLibraries()
+{
+    std::vector<std::wstring> loaded;
+    for (const wchar_t* name : {L"msi.dll", L"setupapi.dll", L"wininet.dll", L"wtsapi32.dll"})
+    {
+        if (GetModuleHandleW(name) != nullptr)
+        {
+            loaded.emplace_back(name);
+        }
+    }
+    return Joined(loaded);
+}
+
 void DescribePc()
 {
     Pc& pc = ThisPc();
-    wchar_t program[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, program, MAX_PATH);
-    pc.program = program;
+    pc.program = Filled([](wchar_t* path, DWORD size) { GetModuleFileNameW(nullptr, path, size); });
     const HMODULE system = GetModuleHandleW(L"ntdll.dll");
     if (auto* const version = repair::LookUpFunction<LONG(WINAPI*)(OSVERSIONINFOW*)>(system, "RtlGetVersion"))
     {
@@ -68,7 +71,7 @@ void DescribePc()
         found.dwOSVersionInfoSize = sizeof(found);
         version(&found);
         pc.version =
-            Number(found.dwMajorVersion) + L"." + Number(found.dwMinorVersion) + L"." + Number(found.dwBuildNumber);
+            Joined({Number(found.dwMajorVersion), Number(found.dwMinorVersion), Number(found.dwBuildNumber)}, L".");
     }
     if (auto* const wine = repair::LookUpFunction<const char*(CDECL*)()>(system, "wine_get_version"))
     {
@@ -79,25 +82,14 @@ void DescribePc()
     pc.isInteractive = HasVisibleDesktop();
 }
 
-std::string Opening()
+std::wstring Opening()
 {
     const Pc& pc = ThisPc();
-    const std::wstring system =
-        L"Windows " + pc.version + (pc.wine.empty() ? L"" : L" under Wine " + Widened(pc.wine)) + L", session " +
-        Number(pc.session) + (pc.isElevated ? L", as administrator" : L", not as administrator");
-    return Utf8(system + L"\n" +
-                (pc.isElevated ? L"" : L"Some facts need an administrator and are skipped; they say so.\n") + L"\n");
-}
-
-bool WriteJson(const std::wstring& path, const std::string& json)
-{
-    FILE* const file = _wfopen(path.c_str(), L"wb");
-    if (file == nullptr)
-    {
-        return false;
-    }
-    const bool isWritten = std::fwrite(json.data(), 1, json.size(), file) == json.size();
-    return std::fclose(file) == 0 && isWritten;
+    return L"Windows " + pc.version + (pc.wine.empty() ? L"" : L" under Wine " + Widened(pc.wine)) + L", session " +
+           Number(pc.session) +
+           (pc.isElevated
+                ? L", as administrator\n\n"
+                : L", not as administrator\nSome facts need an administrator and are skipped; they say so.\n\n");
 }
 
 struct Options
@@ -114,80 +106,82 @@ int RunAll(const Options& options)
     if (!MakeOwnThings())
     {
         RemoveOwnThings();
-        Print("The temporary folder or the volatile registry key of this program cannot be made.\n");
+        Print(L"The temporary folder or the volatile registry key of this program cannot be made.\n");
         return kNotMade;
     }
     Print(Opening());
-    std::wstring complaint;
-    const std::vector<Finding> findings = RunChecks(options.only, options.longestMs, complaint);
+    const std::vector<Finding> findings = RunChecks(options.only, options.longestMs);
     const bool isClean = RemoveOwnThings();
     if (findings.empty())
     {
-        Print(Utf8(complaint.empty() ? L"There is no such fact.\n" : complaint));
+        Print(L"There is no such fact.\n");
         return kNotMade;
     }
     const int different = Count(findings, Verdict::kDiffers);
-    Print(Table(findings));
-    Print("\n" + std::to_string(Count(findings, Verdict::kOk)) + " ok, " + std::to_string(different) + " differ, " +
-          std::to_string(Count(findings, Verdict::kNotApplicable)) + " not applicable\n");
-    if (!options.jsonPath.empty() && !WriteJson(options.jsonPath, Json(findings)))
+    Print(Table(findings) + L"\n" + Number(Count(findings, Verdict::kOk)) + L" ok, " + Number(different) +
+          L" differ, " + Number(Count(findings, Verdict::kNotApplicable)) + L" not applicable\n");
+    std::ofstream json(std::filesystem::path(options.jsonPath), std::ios::binary);
+    if (!options.jsonPath.empty() && !(json << Json(findings)).flush())
     {
-        Print(Utf8(options.jsonPath + L" cannot be written.\n"));
+        Print(options.jsonPath + L" cannot be written.\n");
         return kNotMade;
     }
     if (!isClean)
     {
-        Print(Utf8(L"This could not be removed: " + ThisPc().folder + L" or the key HKEY_CURRENT_USER\\" +
-                   ThisPc().key + L"\n"));
+        Print(L"This could not be removed: " + ThisPc().folder + L" or the key HKEY_CURRENT_USER\\" + ThisPc().key +
+              L"\n");
         return kLeftBehind;
     }
     return different == 0 ? 0 : kDiffers;
+}
+
+int RunProbe(const std::wstring& name, const std::wstring& argument)
+{
+    for (const Probe& probe : AllProbes())
+    {
+        if (name == probe.name)
+        {
+            return probe.run(argument);
+        }
+    }
+    return kNotMade;
 }
 }  // namespace
 
 int wmain(int count, wchar_t** arguments)
 {
-    ThisPc().modulesFirst = LoadedModules();  // before any other DLL is loaded
     if (count >= 3 && std::wstring(arguments[1]) == L"--probe")
     {
-        for (const Probe& probe : AllProbes())
-        {
-            if (std::wstring_view(arguments[2]) == probe.name)
-            {
-                return probe.run(count - 3, arguments + 3);
-            }
-        }
-        return kNotMade;
+        return RunProbe(arguments[2], count > 3 ? arguments[3] : L"");
     }
     // As the tool does first of all.
     SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
-    ThisPc().modulesThen = LoadedModules();
+    ThisPc().delayedLibraries = LoadedLibraries();
 
     Options options;
-    for (int i = 1; i < count; ++i)
+    for (int i = 1; i < count; i += 2)
     {
-        const std::wstring argument = arguments[i];
-        if (argument == L"--json" && i + 1 < count)
+        const std::wstring option = arguments[i];
+        const std::wstring value = i + 1 < count ? arguments[i + 1] : L"";
+        if (option == L"--json" && !value.empty())
         {
-            options.jsonPath = arguments[++i];
+            options.jsonPath = value;
         }
-        else if (argument == L"--only" && i + 1 < count)
+        else if (option == L"--only" && !value.empty())
         {
-            options.only.emplace_back(arguments[++i]);
+            options.only.push_back(value);
         }
-        else if (argument == L"--limit" && i + 1 < count)
+        else if (option == L"--limit" && !value.empty())
         {
-            options.longestMs = 1000 * std::wcstoul(arguments[++i], nullptr, 10);
+            options.longestMs = 1000 * std::wcstoul(value.c_str(), nullptr, 10);
         }
         else
         {
-            Print("usage: TavikWindowsCheck.exe [--json FILE] [--only ID-or-GROUP]... [--limit SECONDS]\n");
+            Print(L"usage: TavikWindowsCheck.exe [--json FILE] [--only ID-or-GROUP]... [--limit SECONDS]\n");
             return kNotMade;
         }
     }
-    TakeConsole();
     const int result = RunAll(options);
-    GiveConsoleBack();
     // Threads of checks that did not come back must not delay the end.
     TerminateProcess(GetCurrentProcess(), static_cast<UINT>(result));
     return result;

@@ -10,6 +10,7 @@
 
 #include "base/handles.h"
 #include "windows_check/check.h"
+#include "windows_check/words.h"
 
 namespace windows_check
 {
@@ -18,17 +19,10 @@ namespace
 // Open while the program runs, so the own folder cannot be replaced.
 std::atomic<HANDLE> folderInUse = INVALID_HANDLE_VALUE;
 
-std::atomic<UINT> codePageBefore = 0;
-
 // With this prefix a path may have any length.
 std::wstring Unlimited(const std::wstring& path)
 {
     return L"\\\\?\\" + path;
-}
-
-bool IsThere(const std::wstring& path)
-{
-    return GetFileAttributesW(Unlimited(path).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
 // Not the product's own function: that is one of the things checked.
@@ -52,17 +46,16 @@ void RemoveTree(const std::wstring& path, DWORD attributes)  // NOLINT(misc-no-r
         {
             do
             {
-                const std::wstring name = entry.cFileName;
-                if (name != L"." && name != L"..")
-                {
-                    entries.push_back(entry);
-                }
+                entries.push_back(entry);
             } while (FindNextFileW(search, &entry) != 0);
             FindClose(search);
         }
         for (const WIN32_FIND_DATAW& below : entries)
         {
-            RemoveTree(path + L"\\" + below.cFileName, below.dwFileAttributes);
+            if (const std::wstring name = below.cFileName; name != L"." && name != L"..")
+            {
+                RemoveTree(path + L"\\" + name, below.dwFileAttributes);
+            }
         }
     }
     RemoveDirectoryW(Unlimited(path).c_str());
@@ -177,12 +170,11 @@ Pc& ThisPc()
 bool MakeOwnThings()
 {
     const std::wstring name = L"TavikWindowsCheck-" + std::to_wstring(GetCurrentProcessId());
-    wchar_t temporary[MAX_PATH + 1] = {};
-    GetTempPathW(MAX_PATH + 1, temporary);
-    wchar_t whole[MAX_PATH + 1] = {};
+    const std::wstring temporary = Filled([](wchar_t* path, DWORD size) { GetTempPathW(size, path); });
     // The long form, because short names would break comparisons of paths.
-    const DWORD length = GetLongPathNameW(temporary, whole, MAX_PATH + 1);
-    const std::wstring folder = std::wstring(length > 0 && length <= MAX_PATH ? whole : temporary) + name;
+    const std::wstring whole =
+        Filled([&](wchar_t* path, DWORD size) { GetLongPathNameW(temporary.c_str(), path, size); });
+    const std::wstring folder = (whole.empty() ? temporary : whole) + name;
     if (!MakeOwnFolder(folder))
     {
         return false;
@@ -226,20 +218,6 @@ bool RemoveOwnThings()
     return !isLeft;
 }
 
-void TakeConsole()
-{
-    codePageBefore = GetConsoleOutputCP();
-    SetConsoleOutputCP(CP_UTF8);
-}
-
-void GiveConsoleBack()
-{
-    if (const UINT before = codePageBefore.exchange(0))
-    {
-        SetConsoleOutputCP(before);
-    }
-}
-
 std::wstring MakeFolder(const std::wstring& name)
 {
     const std::wstring path = ThisPc().folder + L"\\" + name;
@@ -260,6 +238,24 @@ std::wstring WriteBytes(const std::wstring& path, std::string_view bytes)
         throw std::runtime_error("a file for the check cannot be written: " + std::to_string(GetLastError()));
     }
     return path;
+}
+
+std::string ReadBytes(const std::wstring& path)
+{
+    const repair::FileHandle file = Hold(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
+    std::string bytes;
+    char block[4096];
+    DWORD count = 0;
+    while (ReadFile(file.Get(), block, sizeof(block), &count, nullptr) != 0 && count > 0)
+    {
+        bytes.append(block, count);
+    }
+    return bytes;
+}
+
+bool IsThere(const std::wstring& path)
+{
+    return GetFileAttributesW(Unlimited(path).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
 repair::FileHandle Hold(const std::wstring& path, DWORD access, DWORD share)

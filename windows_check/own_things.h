@@ -19,11 +19,6 @@ bool MakeOwnThings();
 // be called more than once, from any thread.
 bool RemoveOwnThings();
 
-// Switches the console to UTF-8 until GiveConsoleBack; it outlives this program. Giving it back may be done more than
-// once, from any thread.
-void TakeConsole();
-void GiveConsoleBack();
-
 // The reason that a check gives for starting no program from the own folder: other users could replace the program.
 inline constexpr wchar_t kFolderIsOpen[] =
     L"the program's temporary folder could not be closed to other users, so nothing is started from it";
@@ -33,6 +28,12 @@ std::wstring MakeFolder(const std::wstring& name);
 
 // Writes the bytes as they are into a new file and returns its path. Throws std::runtime_error if that fails.
 std::wstring WriteBytes(const std::wstring& path, std::string_view bytes);
+
+// The bytes of a file that others may be writing; none if it cannot be read.
+std::string ReadBytes(const std::wstring& path);
+
+// True for a file, folder or link there. The full path may have any length.
+bool IsThere(const std::wstring& path);
 
 // What the token of this process says; empty if it cannot be read.
 std::vector<BYTE> TokenInformation(TOKEN_INFORMATION_CLASS what);

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <sstream>
 
-#include "windows_check/check.h"
 #include "windows_check/own_things.h"
 #include "windows_check/words.h"
 
@@ -15,94 +14,67 @@ namespace
 {
 constexpr DWORD kLimitMs = 15'000;
 
-std::string ReadWhole(const std::wstring& path)
+std::wstring EndOf(const repair::ProcessHandle& process)
 {
-    const repair::FileHandle file = Hold(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
-    std::string bytes;
-    char block[4096];
-    DWORD count = 0;
-    while (ReadFile(file.Get(), block, sizeof(block), &count, nullptr) != 0 && count > 0)
+    if (!process)
     {
-        bytes.append(block, count);
+        return L"not started: " + Number(GetLastError());
     }
-    return bytes;
-}
-
-std::wstring FromUtf8(const std::string& bytes)
-{
-    const int length = static_cast<int>(bytes.size());
-    const int size = MultiByteToWideChar(CP_UTF8, 0, bytes.data(), length, nullptr, 0);
-    std::wstring text(static_cast<size_t>(size), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, bytes.data(), length, text.data(), size);
-    return text;
-}
-
-std::map<std::wstring, std::wstring> Split(const std::wstring& text)
-{
-    std::map<std::wstring, std::wstring> lines;
-    std::wistringstream stream(text);
-    for (std::wstring line; std::getline(stream, line);)
+    if (WaitForSingleObject(process.Get(), kLimitMs) != WAIT_OBJECT_0)
     {
-        const size_t equals = line.find(L'=');
-        if (equals != std::wstring::npos)
-        {
-            lines[line.substr(0, equals)] = line.substr(equals + 1);
-        }
+        TerminateProcess(process.Get(), 1);
+        WaitForSingleObject(process.Get(), kLimitMs);
+        return L"not ended in time";
     }
-    return lines;
+    DWORD exitCode = 0;
+    GetExitCodeProcess(process.Get(), &exitCode);
+    return L"exit code " + Hex(exitCode);
 }
 }  // namespace
 
 std::wstring Answer::operator[](const std::wstring& name) const
 {
     const auto found = lines.find(name);
-    if (found != lines.end())
-    {
-        return found->second;
-    }
-    if (!hasStarted)
-    {
-        return L"the program could not be started once more: " + Number(exitCode);
-    }
-    return hasEnded ? L"no answer, exit code " + Hex(exitCode) : L"no answer in time";
+    return found != lines.end() ? found->second : L"no answer: " + end;
 }
 
-Answer Ask(const std::wstring& program, const std::wstring& name, const std::wstring& rest,
-           const std::wstring& currentFolder)
+repair::ProcessHandle StartProbe(const std::wstring& program, const std::wstring& nameAndArgument, HANDLE output,
+                                 const wchar_t* currentFolder)
 {
-    static std::atomic<int> count = 0;
-    const std::wstring output = ThisPc().folder + L"\\answer" + std::to_wstring(++count) + L".txt";
-    SECURITY_ATTRIBUTES inherited = {sizeof(inherited), nullptr, TRUE};
-    // A file, not a pipe: a process that the answering one leaves behind would hold a pipe open.
-    const HANDLE file = CreateFileW(output.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherited,
-                                    CREATE_ALWAYS, 0, nullptr);
-    std::wstring command = L"\"" + program + L"\" --probe " + name + (rest.empty() ? L"" : L" ") + rest;
+    std::wstring command = L"\"" + program + L"\" --probe " + nameAndArgument;
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = file;
+    startup.hStdOutput = output;
     PROCESS_INFORMATION process = {};
-    Answer answer;
-    answer.hasStarted =
-        CreateProcessW(program.c_str(), command.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr,
-                       currentFolder.empty() ? nullptr : currentFolder.c_str(), &startup, &process) != 0;
-    if (!answer.hasStarted)
+    if (CreateProcessW(program.c_str(), command.data(), nullptr, nullptr, output != nullptr, CREATE_NO_WINDOW, nullptr,
+                       currentFolder, &startup, &process) == 0)
     {
-        answer.exitCode = GetLastError();
-        CloseHandle(file);
-        return answer;
+        return {};
     }
-    CloseHandle(file);
-    answer.hasEnded = WaitForSingleObject(process.hProcess, kLimitMs) == WAIT_OBJECT_0;
-    if (!answer.hasEnded)
-    {
-        TerminateProcess(process.hProcess, 1);
-        WaitForSingleObject(process.hProcess, kLimitMs);
-    }
-    GetExitCodeProcess(process.hProcess, &answer.exitCode);
     CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
-    answer.lines = Split(FromUtf8(ReadWhole(output)));
+    return repair::ProcessHandle(process.hProcess);
+}
+
+Answer Ask(const std::wstring& nameAndArgument, const std::wstring& program, const wchar_t* currentFolder)
+{
+    static std::atomic<int> count = 0;
+    const std::wstring path = ThisPc().folder + L"\\answer" + Number(++count) + L".txt";
+    SECURITY_ATTRIBUTES inherited = {sizeof(inherited), nullptr, TRUE};
+    // A file, not a pipe: a process that the answering one leaves behind would hold a pipe open.
+    repair::FileHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherited,
+                                        CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    Answer answer;
+    answer.end = EndOf(StartProbe(program, nameAndArgument, file.Get(), currentFolder));
+    file.Close();
+    const std::string bytes = ReadBytes(path);
+    std::wistringstream text(
+        std::wstring(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / sizeof(wchar_t)));
+    std::wstring name;
+    for (std::wstring value; std::getline(text, name, L'=') && std::getline(text, value);)
+    {
+        answer.lines[name] = value;
+    }
     return answer;
 }
 
@@ -114,8 +86,9 @@ std::vector<Probe>& AllProbes()
 
 void Tell(const std::wstring& name, const std::wstring& value)
 {
-    const std::string line = Utf8(name + L"=" + value + L"\n");
+    const std::wstring line = name + L"=" + value + L"\n";
     DWORD written = 0;
-    WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
+    WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), line.data(), static_cast<DWORD>(line.size() * sizeof(wchar_t)), &written,
+              nullptr);
 }
 }  // namespace windows_check

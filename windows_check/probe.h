@@ -7,28 +7,33 @@
 #include <string>
 #include <vector>
 
+#include "base/handles.h"
+#include "windows_check/check.h"
+
 namespace windows_check
 {
 struct Answer
 {
-    bool hasStarted = false;
-    bool hasEnded = false;  // within the limit; otherwise the process was ended
-    DWORD exitCode = 0;
-    std::map<std::wstring, std::wstring> lines;  // "name=value", by name
+    std::wstring end;                            // "exit code 0x00000000", or why there is none
+    std::map<std::wstring, std::wstring> lines;  // what Tell printed, by name
 
     // The value, or a text that says that there is none.
     std::wstring operator[](const std::wstring& name) const;
 };
 
-// Runs `program` (this one, or a copy of it) with "--probe NAME" and the rest of the command line after it.
-Answer Ask(const std::wstring& program, const std::wstring& name, const std::wstring& rest = {},
-           const std::wstring& currentFolder = {});
+// Runs `program` (this one, or a copy of it) with "--probe NAME ARGUMENT" and waits for its end.
+Answer Ask(const std::wstring& nameAndArgument, const std::wstring& program = ThisPc().program,
+           const wchar_t* currentFolder = nullptr);
+
+// Starts it without a window and returns at once; no handle if that fails. The output may be null.
+repair::ProcessHandle StartProbe(const std::wstring& program, const std::wstring& nameAndArgument, HANDLE output,
+                                 const wchar_t* currentFolder);
 
 // The other side: what the started process does. Its return value is the exit code.
 struct Probe
 {
     const wchar_t* name;
-    int (*run)(int count, wchar_t** arguments);
+    int (*run)(const std::wstring& argument);
 };
 std::vector<Probe>& AllProbes();
 
@@ -39,9 +44,9 @@ struct ProbeRegistration
 
 // Begins a probe, in an unnamed namespace.
 #define PROBE(name)                                                                      \
-    int Probe_##name(int, wchar_t**);                                                    \
+    int Probe_##name(const std::wstring&);                                               \
     const windows_check::ProbeRegistration registered_##name({L"" #name, Probe_##name}); \
-    int Probe_##name([[maybe_unused]] int count, [[maybe_unused]] wchar_t** arguments)
+    int Probe_##name([[maybe_unused]] const std::wstring& argument)
 
 // Prints one line of an answer.
 void Tell(const std::wstring& name, const std::wstring& value);

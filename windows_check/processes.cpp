@@ -1,12 +1,13 @@
-// Starting, ending and killing processes.
+// Starting, ending and killing processes; the named event of the running instance.
 #include <windows.h>
 #include <shellapi.h>
 
 #include <cstdlib>
+#include <cwchar>
 #include <exception>
-#include <filesystem>
 #include <stdexcept>
 
+#include "base/handles.h"
 #include "windows_check/check.h"
 #include "windows_check/own_things.h"
 #include "windows_check/probe.h"
@@ -16,18 +17,8 @@ namespace windows_check
 {
 namespace
 {
-constexpr DWORD kWaitMs = 15'000;
-
-struct Started
-{
-    bool isOk = false;
-    DWORD error = 0;
-    bool hasHandle = false;
-    DWORD exitCode = 0;
-};
-
-// As the tool starts programs.
-Started StartByShell(const std::wstring& file, const std::wstring& parameters, const wchar_t* folder)
+// Starts a program as the tool does; its exit code, or the code of the failure.
+std::wstring StartByShell(const std::wstring& file, const std::wstring& parameters, const wchar_t* folder = nullptr)
 {
     SHELLEXECUTEINFOW start = {};
     start.cbSize = sizeof(start);
@@ -37,54 +28,26 @@ Started StartByShell(const std::wstring& file, const std::wstring& parameters, c
     start.lpParameters = parameters.c_str();
     start.lpDirectory = folder;
     start.nShow = SW_HIDE;
-    Started result;
-    result.isOk = ShellExecuteExW(&start) != FALSE;
-    result.error = result.isOk ? 0 : GetLastError();
-    result.hasHandle = start.hProcess != nullptr;
-    if (result.hasHandle)
+    if (ShellExecuteExW(&start) == FALSE)
     {
-        WaitForSingleObject(start.hProcess, kWaitMs);
-        GetExitCodeProcess(start.hProcess, &result.exitCode);
-        CloseHandle(start.hProcess);
+        return Number(GetLastError());
     }
-    return result;
-}
-
-std::wstring Told(const Started& started)
-{
-    if (!started.isOk)
-    {
-        return Number(started.error);
-    }
-    return started.hasHandle ? L"started, exit code " + Hex(started.exitCode) : L"started without a handle";
-}
-
-std::wstring TaskKill()
-{
-    wchar_t folder[MAX_PATH] = {};
-    GetSystemDirectoryW(folder, MAX_PATH);
-    return std::wstring(folder) + L"\\taskkill.exe";
+    const repair::ProcessHandle process(start.hProcess);
+    DWORD exitCode = 0;
+    WaitForSingleObject(process.Get(), 15'000);
+    return GetExitCodeProcess(process.Get(), &exitCode) != FALSE ? L"started, exit code " + Hex(exitCode)
+                                                                 : L"started without a handle";
 }
 
 FACT(processes, exit_codes)
 {
-    std::vector<std::wstring> seen;
-    for (const wchar_t* code : {L"-1", L"-2147024891"})
-    {
-        const Answer answer = Ask(ThisPc().program, L"exit", code);
-        seen.push_back(answer.hasEnded ? Hex(answer.exitCode) : L"not ended");
-    }
-    return Saw(Joined(seen));
+    return OfEach({L"exit -1", L"exit -2147024891"}, [](const std::wstring& probe) { return Ask(probe).end; });
 }
 
-Seen Crash(const wchar_t* how)
+FACT(processes, crash_is_quiet)
 {
-    const Answer answer = Ask(ThisPc().program, L"crash", how);
-    return Saw(answer.hasEnded ? L"exit code " + Number(answer.exitCode) : L"still there");
+    return OfEach({L"crash memory", L"crash throw"}, [](const std::wstring& probe) { return Ask(probe).end; });
 }
-
-SHORT_FACT(processes, crash_is_quiet, Crash(L"memory"))
-SHORT_FACT(processes, throw_is_quiet, Crash(L"throw"))
 
 FACT(processes, arguments)
 {
@@ -98,22 +61,14 @@ FACT(processes, arguments)
         seen += L"[" + std::wstring(found[i]) + L"]";
     }
     LocalFree(found);
-    return Saw(seen);
+    return seen;
 }
-
-SHORT_FACT(processes, shell_handle, Saw(Told(StartByShell(ThisPc().program, L"--probe exit 1603", nullptr))))
 
 FACT(processes, shell_missing_file)
 {
     const std::wstring folder = MakeFolder(L"start");
-    return Saw(Told(StartByShell(folder + L"\\none.exe", L"", nullptr)) + L", folder missing: " +
-               Told(StartByShell(folder + L"\\none\\none.exe", L"", nullptr)));
-}
-
-FACT(processes, shell_missing_folder)
-{
-    const std::wstring folder = MakeFolder(L"start") + L"\\none";
-    return Saw(Told(StartByShell(ThisPc().program, L"--probe exit 5", folder.c_str())));
+    return OfEach({folder + L"\\none.exe", folder + L"\\none\\none.exe"},
+                  [](const std::wstring& file) { return StartByShell(file, L""); });
 }
 
 FACT(processes, shell_parameters)
@@ -121,42 +76,23 @@ FACT(processes, shell_parameters)
     Need(ThisPc().isFolderOurs, kFolderIsOpen);
     const std::wstring folder = MakeFolder(L"parameters");
     const std::wstring output = folder + L"\\a b.txt";
-    const std::wstring parameters = L"--probe arguments \"" + output + L"\" /NCRC /S /D=C:\\a b\\c";
-    const Started started = StartByShell(ThisPc().program, parameters, folder.c_str());
-    FILE* const file = _wfopen(output.c_str(), L"rb");
-    if (file == nullptr)
-    {
-        return Saw(L"nothing was written: " + Told(started));
-    }
-    wchar_t text[2048] = {};
-    const size_t count = std::fread(text, sizeof(wchar_t), std::size(text) - 1, file);
-    std::fclose(file);
-    const std::wstring line(text, count);
-    const size_t end = line.find(L'\n');
-    const std::wstring command = line.substr(0, end);
-    const std::wstring where = line.substr(end + 1);
-    const bool isWhole = command.ends_with(L" /NCRC /S /D=C:\\a b\\c");
-    return Saw((isWhole ? L"unchanged" : L"changed: " + command) +
-               (where == folder ? std::wstring(L", in the folder") : L", in " + where));
+    const std::wstring given = L" /NCRC /S /D=C:\\a b\\c";
+    const std::wstring end =
+        StartByShell(ThisPc().program, L"--probe arguments \"" + output + L"\"" + given, folder.c_str());
+    const std::string bytes = ReadBytes(output);
+    const std::wstring line(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / sizeof(wchar_t));
+    const bool isUnchanged = line.ends_with(given + L"\n" + folder);
+    return {isUnchanged ? L"unchanged, in the folder" : L"changed: " + Quoted(line), end};
 }
 
-// Starts a copy of this program, which ends with the code, while the copy is open.
-Seen StartWhileOpen(DWORD share, const std::wstring& code)
+// Starts a copy of this program while the copy is held open.
+FACT(processes, shell_held_program)
 {
     Need(ThisPc().isFolderOurs, kFolderIsOpen);
-    const std::wstring program = MakeFolder(L"start") + L"\\open" + code + L".exe";
+    const std::wstring program = MakeFolder(L"start") + L"\\held.exe";
     CopyFileW(ThisPc().program.c_str(), program.c_str(), FALSE);
-    const repair::FileHandle held = Hold(program, GENERIC_READ, share);
-    return Saw(Told(StartByShell(program, L"--probe exit " + code, nullptr)));
-}
-
-SHORT_FACT(processes, shell_locked_program, StartWhileOpen(0, L"6"))
-SHORT_FACT(processes, shell_held_program, StartWhileOpen(FILE_SHARE_READ, L"7"))
-
-FACT(processes, taskkill_unknown)
-{
-    // The tool has a blank in front of the parameters, too.
-    return Saw(Told(StartByShell(TaskKill(), L" /IM \"TavikWindowsCheckUnknown.exe\" /F", nullptr)));
+    const repair::FileHandle held = Hold(program, GENERIC_READ, FILE_SHARE_READ);
+    return StartByShell(program, L"--probe exit 1603");
 }
 
 FACT(processes, taskkill_one)
@@ -166,28 +102,18 @@ FACT(processes, taskkill_one)
     const std::wstring name = L"TavikWindowsCheckEnd" + Number(GetCurrentProcessId()) + L".exe";
     const std::wstring program = MakeFolder(L"start") + L"\\" + name;
     CopyFileW(ThisPc().program.c_str(), program.c_str(), FALSE);
-    std::wstring command = L"\"" + program + L"\" --probe sleep";
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    PROCESS_INFORMATION process = {};
-    if (CreateProcessW(program.c_str(), command.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr, nullptr,
-                       &startup, &process) == 0)
-    {
-        return Saw(L"the program could not be started: " + Number(GetLastError()));
-    }
-    const Started killer = StartByShell(TaskKill(), L" /IM \"" + name + L"\" /F", nullptr);
-    const bool isGone = WaitForSingleObject(process.hProcess, 2000) == WAIT_OBJECT_0;
-    TerminateProcess(process.hProcess, 0);
-    WaitForSingleObject(process.hProcess, 5000);
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
-    return Saw(Told(killer) + (isGone ? L", ended" : L", still there"));
+    const repair::ProcessHandle process = StartProbe(program, L"sleep", nullptr, nullptr);
+    Need(static_cast<bool>(process), L"the copy of the program could not be started");
+    // The tool has a blank in front of the parameters, too.
+    const std::wstring killer = StartByShell(SystemFolder() + L"\\taskkill.exe", L" /IM \"" + name + L"\" /F");
+    const bool isGone = WaitForSingleObject(process.Get(), 2000) == WAIT_OBJECT_0;
+    TerminateProcess(process.Get(), 0);
+    return killer + (isGone ? L", ended" : L", still there");
 }
 
-SHORT_FACT(processes, taskkill_is_there, Saw(YesNo(GetFileAttributesW(TaskKill().c_str()) != INVALID_FILE_ATTRIBUTES)))
 PROBE(exit)
 {
-    return count > 0 ? static_cast<int>(std::wcstol(arguments[0], nullptr, 10)) : 0;
+    return static_cast<int>(std::wcstol(argument.c_str(), nullptr, 10));
 }
 
 PROBE(sleep)
@@ -196,23 +122,13 @@ PROBE(sleep)
     return 0;
 }
 
-// Writes its whole command line and its current folder into the file that is named first.
+// Writes its whole command line and its current folder into a file.
 PROBE(arguments)
 {
-    if (count == 0)
-    {
-        return 1;
-    }
-    wchar_t folder[MAX_PATH] = {};
-    GetCurrentDirectoryW(MAX_PATH, folder);
+    const std::wstring folder = Filled([](wchar_t* path, DWORD size) { GetCurrentDirectoryW(size, path); });
     const std::wstring text = std::wstring(GetCommandLineW()) + L"\n" + folder;
-    FILE* const file = _wfopen(arguments[0], L"wb");
-    if (file == nullptr)
-    {
-        return 1;
-    }
-    std::fwrite(text.data(), sizeof(wchar_t), text.size(), file);
-    return std::fclose(file);
+    WriteBytes(argument, {reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t)});
+    return 0;
 }
 
 // The same two handlers as in the tool's entry.
@@ -226,12 +142,49 @@ PROBE(crash)
         TerminateProcess(GetCurrentProcess(), 3);
         return EXCEPTION_CONTINUE_SEARCH;
     });
-    if (count > 0 && std::wstring(arguments[0]) == L"throw")
+    if (argument == L"throw")
     {
         throw std::runtime_error("not caught");
     }
     RaiseException(EXCEPTION_ACCESS_VIOLATION, EXCEPTION_NONCONTINUABLE, 0, nullptr);
     return 0;
+}
+
+std::wstring OwnName(const wchar_t* what)
+{
+    return std::wstring(L"TavikWindowsCheck-") + what + L"-" + Number(GetCurrentProcessId());
+}
+
+repair::EventHandle MakeEvent(const std::wstring& name)
+{
+    return repair::EventHandle(CreateEventW(nullptr, TRUE, FALSE, name.c_str()));
+}
+
+FACT(events, fresh)
+{
+    MakeEvent(OwnName(L"fresh"));
+    SetLastError(ERROR_ALREADY_EXISTS);  // as a call before may have left it
+    const repair::EventHandle event = MakeEvent(OwnName(L"fresh"));
+    const DWORD error = GetLastError();
+    return event ? Number(error) : L"none";
+}
+
+FACT(events, second)
+{
+    const repair::EventHandle first = MakeEvent(OwnName(L"second"));
+    const repair::EventHandle second = MakeEvent(OwnName(L"second"));
+    const DWORD error = GetLastError();
+    return (second ? L"a handle, " : L"none, ") + Number(error);
+}
+
+FACT(events, scope)
+{
+    Need(ThisPc().session != 0, L"in session 0 the session's names are those of the whole PC");
+    const std::wstring name = OwnName(L"local");
+    const repair::EventHandle event = MakeEvent(name);
+    const repair::EventHandle local(OpenEventW(SYNCHRONIZE, FALSE, (L"Local\\" + name).c_str()));
+    const repair::EventHandle global(OpenEventW(SYNCHRONIZE, FALSE, (L"Global\\" + name).c_str()));
+    return (local ? L"the session's" : L"not the session's") + std::wstring(global ? L" and the PC's" : L"");
 }
 }  // namespace
 }  // namespace windows_check

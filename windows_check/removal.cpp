@@ -1,11 +1,9 @@
-// Recursive removal by the tool's own function, inside the folder of this run.
+// Recursive removal by the tool's own function, and files that are open; all inside the folder of this run.
 #include <windows.h>
 #include <winioctl.h>
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
-#include <vector>
 
 #include "base/files.h"
 #include "windows_check/check.h"
@@ -16,11 +14,6 @@ namespace windows_check
 {
 namespace
 {
-bool IsThere(const std::wstring& path)
-{
-    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
 std::wstring Remove(const std::wstring& folder)
 {
     try
@@ -66,12 +59,11 @@ bool MakeJunction(const std::wstring& link, const std::wstring& target)
     point.printLength = static_cast<WORD>(printBytes);
     std::copy(substitute.begin(), substitute.end(), point.path);
     std::copy(target.begin(), target.end(), point.path + substitute.size() + 1);
-    const HANDLE folder = CreateFileW(link.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
-                                      FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    const repair::FileHandle folder(CreateFileW(link.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                                FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     DWORD returned = 0;
-    const BOOL isMade = DeviceIoControl(folder, FSCTL_SET_REPARSE_POINT, &point,
+    const BOOL isMade = DeviceIoControl(folder.Get(), FSCTL_SET_REPARSE_POINT, &point,
                                         static_cast<DWORD>(kTagBytes + dataBytes), nullptr, 0, &returned, nullptr);
-    CloseHandle(folder);
     const DWORD attributes = GetFileAttributesW(link.c_str());
     return isMade != FALSE && attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
 }
@@ -96,7 +88,7 @@ Seen RemoveWithLink(const std::wstring& kind, MakeLink makeLink)
     const std::wstring folder = MakeFolder(L"with-" + kind);
     makeLink(folder + L"\\link", outside, file);
     const std::wstring removed = Remove(folder);
-    return Saw(removed + (IsThere(file) ? L", what it led to is kept" : L", WHAT IT LED TO IS GONE"));
+    return removed + (IsThere(file) ? L", what it led to is kept" : L", WHAT IT LED TO IS GONE");
 }
 
 FACT(removal, junction)
@@ -120,21 +112,12 @@ FACT(removal, file_link)
     });
 }
 
-FACT(removal, hard_link)
-{
-    return RemoveWithLink(L"hard", [](const std::wstring& link, const std::wstring&, const std::wstring& file) {
-        const BOOL isMade = CreateHardLinkW(link.c_str(), file.c_str(), nullptr);
-        const std::wstring error = Number(GetLastError());
-        Need(isMade != FALSE, L"no second name can be made here: " + error);
-    });
-}
-
 FACT(removal, broken_link)
 {
     const std::wstring folder = MakeFolder(L"with-broken-link");
     MakeSymbolicLink(folder + L"\\link", folder + L"\\none", 0);
     const std::wstring isThere = YesNo(repair::Exists(folder + L"\\link"));
-    return Saw(L"exists: " + isThere + L", " + Remove(folder));
+    return L"exists: " + isThere + L", " + Remove(folder);
 }
 
 // The file's name may disappear at once or when the last handle closes; either way the removal must end.
@@ -144,62 +127,7 @@ FACT(removal, deleted_but_open)
     const std::wstring file = WriteBytes(folder + L"\\file", "x");
     const repair::FileHandle held = Hold(file, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE);
     DeleteFileW(file.c_str());
-    return Saw(Remove(folder));
-}
-
-FACT(removal, locked)
-{
-    const std::wstring folder = MakeFolder(L"locked");
-    const std::wstring file = WriteBytes(folder + L"\\file", "x");
-    const repair::FileHandle held = Hold(file, GENERIC_READ, 0);
-    return Saw(Remove(folder));
-}
-
-// Removes a folder with one file or folder of these attributes in it.
-Seen RemoveWithAttributes(const std::wstring& name, DWORD attributes, bool isFolder = false)
-{
-    const std::wstring folder = MakeFolder(name);
-    const std::wstring entry = folder + L"\\entry";
-    if (isFolder)
-    {
-        CreateDirectoryW(entry.c_str(), nullptr);
-    }
-    else
-    {
-        WriteBytes(entry, "x");
-    }
-    SetFileAttributesW(entry.c_str(), attributes);
-    const std::wstring seen = Remove(folder);
-    SetFileAttributesW(entry.c_str(), FILE_ATTRIBUTE_NORMAL);
-    return Saw(seen);
-}
-
-SHORT_FACT(removal, read_only, RemoveWithAttributes(L"read-only", FILE_ATTRIBUTE_READONLY))
-SHORT_FACT(removal, read_only_folder, RemoveWithAttributes(L"read-only-folder", FILE_ATTRIBUTE_READONLY, true))
-SHORT_FACT(removal, hidden_and_system, RemoveWithAttributes(L"hidden", FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM))
-
-FACT(removal, working_folder)
-{
-    const std::wstring folder = MakeFolder(L"working");
-    wchar_t before[MAX_PATH] = {};
-    GetCurrentDirectoryW(MAX_PATH, before);
-    SetCurrentDirectoryW(folder.c_str());
-    const std::wstring seen = Remove(folder);
-    SetCurrentDirectoryW(before);
-    return Saw(seen);
-}
-
-FACT(removal, deep)
-{
-    std::wstring path = MakeFolder(L"deep");
-    const std::wstring folder = path;
-    for (int depth = 0; depth < 40 && path.size() < 225; ++depth)
-    {
-        path += L"\\d";
-        CreateDirectoryW(path.c_str(), nullptr);
-        WriteBytes(path + L"\\f", "x");
-    }
-    return Saw(Remove(folder), Number(path.size()) + L" characters");
+    return Remove(folder);
 }
 
 // Made with a prefix that lifts the limit, as some installers do.
@@ -210,13 +138,76 @@ FACT(removal, long_paths)
     for (int depth = 0; depth < 3; ++depth)
     {
         path += L"\\" + std::wstring(100, L'x');
-        if (CreateDirectoryW(path.c_str(), nullptr) == 0)
-        {
-            return Saw(L"the folder could not be made: " + Number(GetLastError()));
-        }
+        CreateDirectoryW(path.c_str(), nullptr);
     }
     WriteBytes(path + L"\\file", "x");
-    return Saw(Remove(folder));
+    return Remove(folder);
+}
+
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+std::wstring Open(const std::wstring& path, DWORD access, DWORD share, DWORD creation = OPEN_EXISTING)
+{
+    const repair::FileHandle file(CreateFileW(path.c_str(), access, share, nullptr, creation, 0, nullptr));
+    return Code(static_cast<bool>(file));
+}
+
+std::wstring Delete(const std::wstring& path)
+{
+    return Code(DeleteFileW(path.c_str()) != 0);
+}
+
+std::wstring Rename(const std::wstring& path)
+{
+    const std::wstring other = path + L".renamed";
+    const std::wstring code = Code(MoveFileW(path.c_str(), other.c_str()) != 0);
+    MoveFileW(other.c_str(), path.c_str());
+    return code;
+}
+
+FACT(sharing, log)
+{
+    const std::wstring path = WriteBytes(MakeFolder(L"sharing") + L"\\log", "x");
+    const repair::FileHandle log = Hold(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ);
+    return L"read " + Open(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE) + L", made anew " +
+           Open(path, GENERIC_WRITE, kShareAll, CREATE_ALWAYS) + L", deleted " + Delete(path) + L", renamed " +
+           Rename(path);
+}
+
+FACT(sharing, held_installer)
+{
+    const std::wstring path = WriteBytes(MakeFolder(L"sharing") + L"\\installer", "x");
+    const repair::FileHandle held = Hold(path, GENERIC_READ, FILE_SHARE_READ);
+    return L"written " + Open(path, GENERIC_WRITE, kShareAll) + L", deleted " + Delete(path) + L", renamed " +
+           Rename(path);
+}
+
+FACT(sharing, marker)
+{
+    const std::wstring parent = MakeFolder(L"parent");
+    const std::wstring folder = MakeFolder(L"parent\\folder");
+    const std::wstring path = folder + L"\\~.tmp";
+    repair::FileHandle marker(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                          FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+    // One after the other: the order of calls in one expression is the compiler's.
+    std::wstring seen = L"opened " + Open(path, GENERIC_READ, kShareAll);
+    seen += L", deleted " + Delete(path);
+    seen += L", folder removed " + Code(RemoveDirectoryW(folder.c_str()) != 0);
+    seen += L", folder renamed " + Rename(folder);
+    seen += L", parent renamed " + Rename(parent);
+    marker.Close();
+    return seen + (IsThere(path) ? L", still there when closed" : L", gone when closed");
+}
+
+// An old download that another program keeps open but allows to be deleted; see docs/security.md.
+FACT(sharing, deleted_download)
+{
+    const std::wstring folder = MakeFolder(L"download");
+    const std::wstring final = WriteBytes(folder + L"\\final", "old");
+    const std::wstring fresh = WriteBytes(folder + L"\\fresh", "new");
+    const repair::FileHandle held = Hold(final, GENERIC_READ, kShareAll);
+    const std::wstring deleted = Delete(final);
+    return L"deleted " + deleted + L", renamed " + Code(MoveFileW(fresh.c_str(), final.c_str()) != 0);
 }
 }  // namespace
 }  // namespace windows_check

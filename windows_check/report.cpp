@@ -1,17 +1,21 @@
-#include "windows_check/report.h"
-
 #include <windows.h>
 
 #include <algorithm>
 
 #include <nlohmann/json.hpp>
 
+#include "windows_check/findings.h"
 #include "windows_check/words.h"
 
 namespace windows_check
 {
 namespace
 {
+const char* NameOf(Verdict verdict)
+{
+    return verdict == Verdict::kOk ? "ok" : verdict == Verdict::kDiffers ? "differs" : "not applicable";
+}
+
 std::wstring Expected(const Fact& fact)
 {
     return Joined({fact.expected.begin(), fact.expected.end()}, L" or ");
@@ -41,24 +45,28 @@ void ReplaceAccountNumbers(std::wstring& text)
 // Removes the names of users and computers from paths and texts.
 std::wstring WithoutNames(std::wstring text)
 {
-    for (const wchar_t* variable : {L"USERPROFILE", L"USERNAME", L"COMPUTERNAME", L"USERDOMAIN"})
+    for (const std::wstring variable : {L"USERPROFILE", L"USERNAME", L"COMPUTERNAME", L"USERDOMAIN"})
     {
-        wchar_t value[MAX_PATH] = {};
-        const DWORD length = GetEnvironmentVariableW(variable, value, MAX_PATH);
-        if (length >= 3 && length < MAX_PATH)  // shorter ones are part of ordinary words
+        const std::wstring value = Environment(variable);
+        if (value.size() >= 3)  // shorter ones are part of ordinary words
         {
-            Replace(text, value, std::wstring(L"<") + variable + L">");
+            Replace(text, value, L"<" + variable + L">");
         }
     }
     ReplaceAccountNumbers(text);
     return text;
 }
 
-std::wstring Padded(std::wstring text, size_t width)
+std::wstring Row(const std::wstring& fact, const std::wstring& expected, const std::wstring& seen,
+                 const std::wstring& result)
 {
-    text.resize(std::max(text.size(), width), L' ');
-    return text;
+    const auto padded = [](std::wstring text, size_t width) {
+        text.resize(std::max(text.size(), width), L' ');
+        return text + L" | ";
+    };
+    return padded(fact, 34) + padded(expected, 36) + padded(seen, 36) + result + L"\n";
 }
+
 // A finding that is not "ok", for the part below the table.
 std::wstring Explained(const Finding& finding)
 {
@@ -82,25 +90,18 @@ int Count(const std::vector<Finding>& findings, Verdict verdict)
         std::count_if(findings.begin(), findings.end(), [&](const Finding& f) { return f.verdict == verdict; }));
 }
 
-std::string Table(const std::vector<Finding>& findings)
+std::wstring Table(const std::vector<Finding>& findings)
 {
-    constexpr size_t kIdWidth = 34;
-    constexpr size_t kTextWidth = 36;
-    std::wstring text = Padded(L"fact", kIdWidth) + L" | " + Padded(L"expected", kTextWidth) + L" | " +
-                        Padded(L"seen", kTextWidth) + L" | result\n";
+    std::wstring text = Row(L"fact", L"expected", L"seen", L"result");
+    std::wstring explanations;
     for (const Finding& finding : findings)
     {
-        text +=
-            Padded(Widened(finding.fact->id), kIdWidth) + L" | " + Padded(Expected(*finding.fact), kTextWidth) +
-            L" | " +
-            Padded(finding.verdict == Verdict::kNotApplicable ? L"-" : WithoutNames(finding.seen.text), kTextWidth) +
-            L" | " + Widened(NameOf(finding.verdict)) + L"\n";
+        const bool isChecked = finding.verdict != Verdict::kNotApplicable;
+        text += Row(Widened(finding.fact->id), Expected(*finding.fact),
+                    isChecked ? WithoutNames(finding.seen.text) : L"-", Widened(NameOf(finding.verdict)));
+        explanations += finding.verdict == Verdict::kOk ? L"" : Explained(finding);
     }
-    for (const Finding& finding : findings)
-    {
-        text += finding.verdict == Verdict::kOk ? L"" : Explained(finding);
-    }
-    return Utf8(text);
+    return text + explanations;
 }
 
 std::string Json(const std::vector<Finding>& findings)

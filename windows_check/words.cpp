@@ -2,31 +2,24 @@
 
 #include <windows.h>
 
+#include <cwchar>
+#include <iterator>
+
 namespace windows_check
 {
 std::wstring Hex(std::uint32_t value)
 {
-    std::wstring text = L"0x";
-    for (int shift = 28; shift >= 0; shift -= 4)
-    {
-        text += L"0123456789ABCDEF"[(value >> shift) & 15];
-    }
+    wchar_t text[11] = {};
+    std::swprintf(text, std::size(text), L"0x%08X", value);
     return text;
 }
 
-std::wstring Quoted(std::wstring text)
+std::wstring Quoted(const std::wstring& text)
 {
     std::wstring quoted = L"\"";
     for (const wchar_t c : text)
     {
-        if (c >= L' ' && c < 0x7F)
-        {
-            quoted += c;
-        }
-        else
-        {
-            quoted += L"\\" + Hex(c).substr(6);
-        }
+        quoted += c >= L' ' && c < 0x7F ? std::wstring(1, c) : L"\\" + Hex(c).substr(6);
     }
     return quoted + L"\"";
 }
@@ -79,5 +72,29 @@ std::wstring Code(bool succeeded)
 std::wstring Code(bool succeeded, DWORD error)
 {
     return succeeded ? L"ok" : Number(error);
+}
+
+std::wstring Environment(const std::wstring& variable)
+{
+    return Filled([&](wchar_t* text, DWORD size) { GetEnvironmentVariableW(variable.c_str(), text, size); });
+}
+
+std::wstring SystemFolder()
+{
+    return Filled([](wchar_t* path, DWORD size) { GetSystemDirectoryW(path, size); });
+}
+
+void Print(const std::wstring& text)
+{
+    const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
+    DWORD mode = 0;
+    DWORD written = 0;
+    if (GetConsoleMode(output, &mode) != 0)
+    {
+        WriteConsoleW(output, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+        return;
+    }
+    const std::string bytes = Utf8(text);
+    WriteFile(output, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
 }
 }  // namespace windows_check

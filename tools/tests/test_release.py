@@ -55,6 +55,8 @@ def test_what_is_not_known_gets_into_no_release(tmp_path, archive, complaint):
 def test_libraries_of_headers_are_listed(tmp_path):
     assert sbom.included_headers(paths.ROOT / "companion") == ["CLI", "nlohmann", "utf8cpp"]
     assert sbom.included_headers(paths.ROOT / "src") == []
+    # The companion's list, so its licence too, goes into windows-check.zip.
+    assert sbom.included_headers(paths.ROOT / "windows_check") == ["nlohmann"]
     (tmp_path / "main.cpp").write_text("#include <surprise/all.h>\n")
     with pytest.raises(SystemExit, match="headers of surprise. Add the library"):
         sbom.included_headers(tmp_path)
@@ -114,3 +116,15 @@ def test_release_is_refused_before_anything_is_built(tmp_path, monkeypatch, chan
     monkeypatch.setattr("sys.argv", ["release", *arguments])
     with pytest.raises(SystemExit, match=complaint):
         release.main()
+
+
+def test_licences_go_with_the_programs(tmp_path, monkeypatch):
+    checks = [path.rsplit("/", 1)[-1] for path in release.WINDOWS_CHECK]
+    for name in (*(f"{program}.exe" for program in release.PROGRAMS), *checks, "THIRD-PARTY.txt", "sbom.spdx.json", "outcomes.md"):
+        (tmp_path / name).write_text(name)
+    monkeypatch.setattr(release.outcome_pages, "PAGE", tmp_path / "outcomes.md")
+    release.pack(tmp_path, tmp_path, "1.0.0.1", "2026-11-21", "-unsigned")
+    with zipfile.ZipFile(tmp_path / "windows-check-unsigned.zip") as archive:
+        assert sorted(archive.namelist()) == sorted([*checks, "THIRD-PARTY.txt"])
+    with zipfile.ZipFile(tmp_path / "TavikCompatibilityTool-1.0.0.1-unsigned.zip") as archive:
+        assert "TavikCompatibilityTool-1.0.0.1/THIRD-PARTY.txt" in archive.namelist()

@@ -29,8 +29,8 @@ GROUPS = ("devices", "infs", "installer", "runtime", "store")  # where a machine
 
 def known(machine: str) -> dict[str, tuple[str, str]]:
     """Fact -> (result, what is seen) of those that are not as expected on "bare" or "lab"."""
-    return {name: (row.result, row.seen) for name, rows in windows_facts.read_differences("8").items() for row in rows
-            if machine in row.machines and (os.geteuid() == 0 or not row.root)}
+    return {name: (row.result, row.seen) for name, rows in windows_facts.read_differences().items() for row in rows
+            if machine in row.machines}
 
 
 def changes(findings: list[dict[str, Any]], expected: dict[str, tuple[str, str]]) -> list[str]:
@@ -70,7 +70,7 @@ def bare():
 
 def test_every_difference_of_a_bare_prefix_is_known(bare: Prefix):
     code, findings, printed = check(bare, PROGRAM.name)
-    assert len(findings) > 200
+    assert len(findings) > 100
     assert changes(findings, known("bare")) == []
     assert code == 1
     last = re.search(r"(\d+) ok, (\d+) differ, (\d+) not applicable$", printed.strip())
@@ -98,10 +98,10 @@ def test_every_difference_of_a_machine_of_the_lab_is_known():
     assert {row["group"] for row in findings} == set(GROUPS)
     assert changes(findings, {name: what for name, what in known("lab").items() if name.split(".")[0] in GROUPS}) == []
     assert (code, hurt_code) == (1, 1)
-    assert [row["seen"] for row in hurt[:3]] == ["the check crashed: 0xC0000005", "no answer in 2 s", "fits"]
+    assert [row["seen"] for row in hurt[:3]] == ["the check crashed: 0xC0000005", "no answer in 2 s", "122, then ok, bytes with the terminator"]
 
 
-@pytest.mark.parametrize("only, code, count", [("text", 0, 10), ("events.fresh", 0, 1), ("libraries.dpi_functions", 1, 1),
+@pytest.mark.parametrize("only, code, count", [("text", 0, 6), ("events.fresh", 0, 1), ("libraries.dpi_functions", 1, 1),
                                                ("unknown", 2, 0)])
 def test_exit_code(bare: Prefix, only: str, code: int, count: int):
     found, findings, _ = check(bare, PROGRAM.name, "--only", only)
