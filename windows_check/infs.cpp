@@ -2,6 +2,7 @@
 #include <windows.h>
 #include <setupapi.h>
 
+#include <atomic>
 #include <memory>
 
 #include "base/owned.h"
@@ -23,10 +24,13 @@ struct InfKind
 };
 using Inf = repair::Owned<InfKind>;
 
-// A file with a version and these lines.
+// A file with a version and these lines. Each has a name of its own, because a virus scanner may still hold the last
+// one.
 std::wstring Write(const std::string& lines)
 {
-    return WriteBytes(MakeFolder(L"infs") + L"\\file.inf", "[Version]\r\nSignature = \"$WINDOWS NT$\"\r\n" + lines);
+    static std::atomic<int> count = 0;
+    const std::wstring path = MakeFolder(L"infs") + L"\\" + Number(++count) + L".inf";
+    return WriteBytes(path, "[Version]\r\nSignature = \"$WINDOWS NT$\"\r\n" + lines);
 }
 
 std::wstring LineText(INFCONTEXT& line)

@@ -134,6 +134,7 @@ std::wstring RightsOf(ACL* list)
         }
     }
     std::vector<std::wstring> texts;
+    texts.reserve(rights.size());
     for (const auto& [who, mask] : rights)
     {
         texts.push_back(who + L" " + Hex(mask).substr(2));

@@ -35,6 +35,7 @@ template <typename Ask>
 std::wstring OfEach(const std::vector<std::wstring>& things, Ask ask)
 {
     std::vector<std::wstring> answers;
+    answers.reserve(things.size());
     for (const std::wstring& thing : things)
     {
         answers.push_back(ask(thing));
