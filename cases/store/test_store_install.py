@@ -42,7 +42,7 @@ def check_done(lab) -> None:
 
 
 # Proves: The Store installation succeeds
-# Proves: The overall state is Completed
+# Proves: The overall state is Completed => 0
 @pytest.mark.quick
 def test_outdated_store_version_is_replaced(lab):
     result = run(lab, {"installs": INSTALLS})
@@ -83,7 +83,7 @@ def test_operation_that_ends_early_or_late(lab, completion, status, handler):
         assert [int(line.rpartition("=")[2]) for line in asked(result, "handler Invoke")] == handler
 
 
-# Proves: The installation takes long
+# Proves: The installation takes long => it is waited for, the window lives on
 def test_window_is_alive_during_a_long_installation(lab):
     result = run(lab, {"completion": "later:3300", "installs": INSTALLS})
     check_done(lab)
@@ -112,7 +112,7 @@ def check_failure(lab, outcome: str, code: int, *lines: str, held: tuple[str, ..
     check_nothing_leaks(lab.result, *held)
 
 
-# Proves: Any other overall state (canceled, other error, Wi-Fi required, ...)
+# Proves: Any other overall state (canceled, other error, Wi-Fi required, ...) => -1, nothing is logged here
 @pytest.mark.parametrize("state", [0, 1, 2, 4, 5, 6, 7, 8, 9])
 def test_only_the_state_completed_is_success(lab, state):
     run(lab, {"state": state, "installs": INSTALLS})
@@ -121,11 +121,11 @@ def test_only_the_state_completed_is_success(lab, state):
     assert lab.result.store_left == [CORVEL]
 
 
-# Proves: No store context, or one without windows
-# Proves: The window is refused
+# Proves: No store context, or one without windows => "Store context does not implement ..." is logged, -1
+# Proves: The window is refused => "Unable to initialize with window." is logged, that code; the Store is not asked
 # Proves: Any call or the operation fails
 # Proves: The Store installation fails
-# Proves: The operation is canceled
+# Proves: The operation is canceled => logged with the text of the cancellation, its code
 # Proves: It was canceled
 # Proves: Any other exception (memory)
 @pytest.mark.parametrize("service, outcome, code, line, missing_call", [
@@ -163,7 +163,7 @@ def test_failure_of_the_store_becomes_the_exit_code(lab, service, outcome, code,
     assert line != NOT_INITIALIZED or not asked(lab.result, "Download")
 
 
-# Proves: The thread has no apartment (store installation)
+# Proves: The thread has no apartment (store installation) => it gets one
 def test_thread_without_an_apartment_gets_one(lab):
     """No call before has made one."""
     result = lab.run({"store": {"packages": [package()], "service": {"activation": "mta"}}}, "-FORCEVLTUWP")

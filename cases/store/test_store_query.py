@@ -75,13 +75,13 @@ PACKAGES = {  # name: packages, end, lines about them
 }
 
 
-# Proves: All matching packages disabled
-# Proves: A disabled package
+# Proves: All matching packages disabled => the same, after their lines
+# Proves: A disabled package => logged as such, never counts, even as the highest
 # Proves: Two usable versions, 1.10.0.0 and 1.9.5.0
-# Proves: Packages of other users
+# Proves: Packages of other users => count: all packages are asked for, once
 # Proves: A full name contains either name anywhere, in any letter case
 # Proves: A version of zeros => counts as none
-# Proves: Memory runs out while reading one
+# Proves: Memory runs out while reading one => "Unknown expection", the next one is read
 @pytest.mark.parametrize("name", PACKAGES)
 def test_package_counts_or_not(lab, name):
     packages, end, lines = PACKAGES[name]
@@ -90,8 +90,8 @@ def test_package_counts_or_not(lab, name):
     assert asked(lab.result, "FindPackages") == ["FindPackages -> 0x0 thread=1"]
 
 
-# Proves: Other packages, a package without a name
-# Proves: No matching package (store package query)
+# Proves: Other packages, a package without a name => passed over in silence
+# Proves: No matching package (store package query) => "UWP version is not installed", the zero version
 def test_packages_of_other_names_are_not_logged(lab):
     others = [OTHER, "TavikSystemsInc-2.TavikCorvelSoftwar_9.9.9.9_x64__abc", "TavikSystemsInc-2.8F31D07A2B6E_9.9.9.9_x64__abc",
               "TavikSystemsInc-3.8F31D07A2B6E4_9.9.9.9_x64__abc", "(null)"]
@@ -159,7 +159,7 @@ def test_search_that_fails_finds_nothing(lab, manager, lines):
     check(lab, UNREAD, *lines)
 
 
-# Proves: The thread has no apartment (store package query)
+# Proves: The thread has no apartment (store package query) => it becomes part of the multithreaded one, and the class is asked for once more; for no other error
 def test_thread_without_an_apartment_gets_one(lab):
     lab.run(store_only(CURRENT, manager={"activation": "mta"}))
     check(lab, SAME_HERE, has(version="2.24.20.0"))

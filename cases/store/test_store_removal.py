@@ -37,8 +37,9 @@ def check(lab, *lines: str, left: tuple[str, ...] = (), outcome: str = "repaired
     check_nothing_leaks(lab.result)
 
 
-# Proves: Two matching packages
+# Proves: Two matching packages => removed one after the other in the system's order, for all users, each with its two lines
 # Proves: A package of another user => is removed too
+# Proves: Everything is removed => only the factory is kept
 @pytest.mark.quick
 def test_all_packages_of_the_application_go_one_after_the_other(lab):
     third = "Contoso.TAVIKSYSTEMSINC-2.8f31d07a2b6e4.Extra_1.0.0.0_x64__abc"
@@ -63,21 +64,21 @@ def test_calls_of_a_removal_in_order(lab):
         "DeploymentOperation destroyed", "MoveNext", f'get_Current "{OTHER}"', f'get_Id "{OTHER}"', f'get_FullName "{OTHER}"', "MoveNext"]
 
 
-# Proves: No matching package (store package removal)
+# Proves: No matching package (store package removal) => nothing is logged, nothing removed
 def test_without_a_package_of_the_application_nothing_is_logged(lab):
     run(lab, package(OTHER), package("(null)"))
     check(lab, left=(OTHER, "(null)"))
     assert asked(lab.result, "FindPackages") and not asked(lab.result, "RemovePackage") and not asked(lab.result, "get_Version")
 
 
-# Proves: Disabled packages
+# Proves: Disabled packages => removed like any other, their status is not asked for
 def test_disabled_package_goes_as_well(lab):
     run(lab, package(ok=False), package(EARLIER, "0.0.0.0", ok=False, fail="get_Status:0x80004005"))
     check(lab, *removed(), *removed(EARLIER, "0.0.0.0"))
     assert not asked(lab.result, "get_Status") and not asked(lab.result, "QueryInterface Package IPackage3")
 
 
-# Proves: The system rejects a removal
+# Proves: The system rejects a removal => signed code and text in the result line, the next package goes
 def test_answer_of_the_system_to_a_removal_is_logged(lab):
     run(lab, package(numbered(1), removal="0x80073CF1:Package was not found."), package(numbered(2), removal="0x80073CFA"),
         package(numbered(3), removal="0x0:Removed at the next start."), package(numbered(4), null="get_ErrorText"),
@@ -97,9 +98,9 @@ def test_removal_may_end_early_or_late(lab):
     assert (status[0], status[1], status[2], status[4]) == ("1", "0", "0", "0")
 
 
-# Proves: A removal is canceled
+# Proves: A removal is canceled => logged with the full name, the next package goes
 # Proves: Any step of one package fails
-# Proves: Memory runs out for one package
+# Proves: Memory runs out for one package => "Unknown expection" with its name
 def test_failures_of_one_removal_are_logged_and_the_next_package_goes(lab):
     run(lab, package(numbered(1), removal_end="canceled"), package(numbered(2), removal_end="error:0x80070005:It is in use."),
         package(numbered(3), fail="RemovePackageAsync:0x80070005"), package(numbered(4), null="RemovePackageAsync"),

@@ -121,7 +121,7 @@ protected:
     {
         EXPECT_EQ(RunFlow(), 0);
         EXPECT_THAT(lines_, Contains(L"Attempting to download and install the UWP version of VLT."));
-        EXPECT_THAT(runtime_.Calls(), Contains(L"install 9PQ4XK7ZT2MV"));
+        EXPECT_THAT(runtime_.Calls(), Contains(L"id \"9PQ4XK7ZT2MV\""));
         EXPECT_THAT(boxes_.boxes, ElementsAre(kFinished));
         EXPECT_THAT(machine_.StepsOf(L"run"), IsEmpty());
         EXPECT_TRUE(isEventGone_);

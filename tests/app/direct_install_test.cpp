@@ -69,7 +69,8 @@ protected:
     }
     bool WasStoreEditionRemoved() const
     {
-        return testing::Value(runtime_.Calls(), Contains(std::wstring(L"remove ") + kStorePackage + L" 0x80000"));
+        return testing::Value(runtime_.Calls(), Contains(std::wstring(L"RemovePackageWithOptionsAsync name=\"") +
+                                                         kStorePackage + L"\"; options=0x80000"));
     }
 };
 
@@ -112,7 +113,7 @@ TEST_F(DirectInstall, FailedInstallationIsNotReportedAndTheApplicationStartedAll
 TEST_F(DirectInstall, ApplicationThatDoesNotStartAndStoreThatCannotBeAskedAreOnlyLogged)
 {
     machine_.startErrors[L"C:\\HL\\CorvelSoftware.exe"] = 2;
-    runtime_.faults.fails[L"activation"] = E_FAIL;
+    runtime_.manager.answers[L"activation"].result = E_FAIL;
     EXPECT_EQ(Install(), 0);
     EXPECT_THAT(lines_.back(), StartsWith(L"Launching process C:\\HL\\CorvelSoftware.exe  failed. Error code = 2 "));
     EXPECT_EQ(Marker(), "4:4:1");

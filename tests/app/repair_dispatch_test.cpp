@@ -84,8 +84,10 @@ TEST_F(RepairTest, InstallerOfTheDriverPackageReplacesBothEditions)
     EXPECT_THAT(statusTexts_, ElementsAre(L"Installing..."));
     EXPECT_THAT(machine_.StepsOf(L"run")[0], StartsWith(L"run " + installer_ + L" | /NCRC"));
     EXPECT_THAT(machine_.StepsOf(L"install"), SizeIs(1));
-    EXPECT_THAT(beforeTheBox, AllOf(Contains(std::wstring(L"remove ") + kStorePackage + L" 0x80000"),
-                                    Contains(L"remove TavikSystemsInc-2.8F31D07A2B6E4_1 0x80000")));
+    for (const std::wstring& name : {std::wstring(kStorePackage), std::wstring(L"TavikSystemsInc-2.8F31D07A2B6E4_1")})
+    {
+        EXPECT_THAT(beforeTheBox, Contains(L"RemovePackageWithOptionsAsync name=\"" + name + L"\"; options=0x80000"));
+    }
     ExpectEndWith(kFinished);
 }
 
@@ -164,7 +166,7 @@ TEST_F(RepairTest, SilentRunsShowNothing)
     EXPECT_EQ(RepairFrom(L""), -1);
     EXPECT_EQ(RepairFrom(L"", true), 0);
     EXPECT_THAT(lines_, SizeIs(2));
-    runtime_.updateState = 5;
+    runtime_.store.state = 5;
     EXPECT_EQ(RepairFrom(L"", true), -1);
     EXPECT_THAT(lines_, SizeIs(2));
     EXPECT_THAT(boxes_.boxes, IsEmpty());
@@ -180,7 +182,8 @@ TEST_F(RepairTest, StoreEditionInUseIsInstalledFromTheStoreWithTheDialogAsOwner)
     EXPECT_EQ(RepairFrom(DriverPackage(), true), 0);
     EXPECT_THAT(lines_, ElementsAre(L"Attempting to download and install the UWP version of VLT.",
                                     L"Successfully installed the UWP version of VLT"));
-    EXPECT_THAT(runtime_.Calls(), AllOf(Contains(L"window 119"), Contains(L"install 9PQ4XK7ZT2MV")));
+    EXPECT_THAT(runtime_.Calls(),
+                AllOf(Contains(L"Initialize hwnd=0x77; window=no; title=\"\""), Contains(L"id \"9PQ4XK7ZT2MV\"")));
     EXPECT_THAT(statusTexts_, ElementsAre(L"Installing..."));
     EXPECT_THAT(machine_.steps, IsEmpty());
     ExpectEndWith(kFinished);
@@ -191,14 +194,14 @@ TEST_F(RepairTest, ForcedStoreEditionIsTakenEvenWithTheDesktopEditionInUse)
 {
     ForceUwp = true;
     EXPECT_EQ(RepairFrom(DriverPackage()), 0);
-    EXPECT_THAT(runtime_.Calls(), Contains(L"install 9PQ4XK7ZT2MV"));
+    EXPECT_THAT(runtime_.Calls(), Contains(L"id \"9PQ4XK7ZT2MV\""));
     EXPECT_THAT(machine_.steps, IsEmpty());
 }
 
 // Proves: The Store installation fails => logged, box "Error installing Tavik Software.", its result is the exit code
 TEST_F(RepairTest, StoreThatDoesNotCompleteIsLoggedShownAndGivesMinusOne)
 {
-    runtime_.updateState = 8;
+    runtime_.store.state = 8;
     EXPECT_EQ(RepairFrom(L"", true), -1);
     EXPECT_THAT(lines_, ElementsAre(L"Attempting to download and install the UWP version of VLT.",
                                     L"failed to install the UWP version of VLT"));

@@ -1,4 +1,4 @@
-// What goes wrong in a query, removal or installation as a whole: each call that they have in common with one table.
+// What goes wrong in a query, removal or installation: each call of the Windows Runtime in tables.
 #include <windows.h>
 
 #include <gmock/gmock.h>
@@ -10,6 +10,7 @@
 #include "support/store_test.h"
 
 using testing::AllOf;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::StartsWith;
@@ -18,6 +19,8 @@ namespace repair
 {
 namespace
 {
+constexpr wchar_t kFirst[] = L"TavikSystemsInc-2.8F31D07A2B6E4_7.0.0.0_x64__abc";
+constexpr wchar_t kSecond[] = L"TavikSystemsInc-2.TavikCorvelSoftware_1.0.0.0_x64__abc";
 constexpr HRESULT kDenied = static_cast<HRESULT>(0x80070005);
 constexpr HRESULT kNoObject = static_cast<HRESULT>(0x80004003);
 
@@ -52,20 +55,21 @@ constexpr Operation kInstall = {
     "installation", [] { return InstallStoreApplication(nullptr); }, [] { RequestStoreInstall(nullptr); }, true,
     L"Exception [", L"] when searching for UWP version of VLT"};
 
-struct Failure
+struct FailingCall
 {
     Operation operation;
     std::wstring method;
 };
 
-void PrintTo(const Failure& failure, std::ostream* stream)
+void PrintTo(const FailingCall& failure, std::ostream* stream)
 {
     *stream << failure.operation.name << " " << testing::PrintToString(failure.method);
 }
 
-std::vector<Failure> Failures(const std::vector<const wchar_t*>& ofPackages, const std::vector<const wchar_t*>& ofStore)
+std::vector<FailingCall> Failures(const std::vector<const wchar_t*>& ofPackages,
+                                  const std::vector<const wchar_t*>& ofStore)
 {
-    std::vector<Failure> failures;
+    std::vector<FailingCall> failures;
     for (const wchar_t* method : ofPackages)
     {
         failures.push_back({kQuery, method});
@@ -78,7 +82,7 @@ std::vector<Failure> Failures(const std::vector<const wchar_t*>& ofPackages, con
     return failures;
 }
 
-class StoreFailure : public StoreTestOf<Failure>
+class StoreFailure : public StoreTestOf<FailingCall>
 {
 protected:
     StoreFailure() { runtime_.packages = {{L"Other.App", {1, 2, 3, 4}}}; }
@@ -111,14 +115,9 @@ INSTANTIATE_TEST_SUITE_P(Getters, StoreWithoutAnObject,
 // Own process: the functions of the Windows Runtime are looked up once in a process.
 TEST_P(StoreCallFailure, IsLoggedWithItsText)
 {
-    runtime_.faults.fails[GetParam().method] = kDenied;
-    runtime_.faults.texts[GetParam().method] = L"Not for you.";
+    runtime_.AnswerEveryClass(GetParam().method, Failure(kDenied, L"Not for you."));
     EXPECT_EQ(Run(), Given(kDenied));
     EXPECT_THAT(log_.Lines(), ElementsAre(Line(L"Not for you.")));
-    runtime_.WaitForThreads();
-    EXPECT_LE(LiveObjects(), 1);
-    EXPECT_EQ(LiveStrings(), 0);
-    EXPECT_EQ(LiveBasicStrings(), 0);
 }
 
 // Proves: Memory runs out while searching (store package query) => "Unknown expection", the zero version
@@ -126,24 +125,65 @@ TEST_P(StoreCallFailure, IsLoggedWithItsText)
 // Proves: Any other exception (memory) => "Unknown expection" is logged, -1
 TEST_P(StoreCallFailure, OfMemoryIsAnUnknownException)
 {
-    runtime_.faults.fails[GetParam().method] = E_OUTOFMEMORY;
+    runtime_.AnswerEveryClass(GetParam().method, {.result = E_OUTOFMEMORY});
     EXPECT_EQ(Run(), Given(-1));
     EXPECT_THAT(log_.Lines(), ElementsAre(L"Unknown expection occured when searching for UWP version of VLT"));
 }
 
 TEST_P(StoreCallFailure, IsThrownByTheInnerOperation)
 {
-    runtime_.faults.fails[GetParam().method] = kDenied;
+    runtime_.AnswerEveryClass(GetParam().method, {.result = kDenied});
     EXPECT_THROW(GetParam().operation.request(), WinrtError);
 }
 
 // Own process: the functions of the Windows Runtime are looked up once in a process.
 TEST_P(StoreWithoutAnObject, IsAFailureWithoutACrash)
 {
-    runtime_.faults.nulls = {GetParam().method};
+    runtime_.AnswerEveryClass(GetParam().method, {});
     EXPECT_EQ(Run(), Given(kNoObject));
     EXPECT_THAT(log_.Lines(),
                 ElementsAre(AllOf(StartsWith(GetParam().operation.before), EndsWith(GetParam().operation.after))));
+}
+
+// A call that fails for the first of two packages.
+struct PackageFault
+{
+    const wchar_t* method;
+    Operation operation = kQuery;
+    const wchar_t* nameAsRead = kFirst;
+};
+
+void PrintTo(const PackageFault& fault, std::ostream* stream)
+{
+    *stream << fault.operation.name << " " << testing::PrintToString(std::wstring(fault.method));
+}
+
+using PackageFailure = StoreTestOf<PackageFault>;
+INSTANTIATE_TEST_SUITE_P(
+    Calls, PackageFailure,
+    testing::Values(PackageFault{L"get_Id", kQuery, L""}, PackageFault{L"get_FullName", kQuery, L""},
+                    PackageFault{L"get_Version"}, PackageFault{L"IPackage3"}, PackageFault{L"get_Status"},
+                    PackageFault{L"VerifyIsOK"}, PackageFault{L"IPackageManager2", kRemoval},
+                    PackageFault{L"RemovePackageAsync", kRemoval}, PackageFault{L"IAsyncInfo", kRemoval},
+                    PackageFault{L"IAsyncInfo.get_Status", kRemoval}, PackageFault{L"put_Completed", kRemoval},
+                    PackageFault{L"GetResults", kRemoval}, PackageFault{L"get_ExtendedErrorCode", kRemoval},
+                    PackageFault{L"get_ErrorText", kRemoval}));
+
+// Proves: Reading one package fails => logged with text and name as far as it was read, the next one is read
+// Proves: Any step of one package fails => logged with text and name, the next package goes
+// Own process: the functions of the Windows Runtime are looked up once in a process.
+TEST_P(PackageFailure, IsLoggedWithTheNameAsFarAsReadAndTheNextPackageFollows)
+{
+    runtime_.packages = {{kFirst, {7, 0, 0, 0}}, {kSecond, {1, 0, 0, 0}}};
+    lab::Answer failure = Failure(kDenied, L"Broken.");
+    failure.onlyCall = 1;
+    runtime_.packages.front().answers[GetParam().method] = failure;
+    runtime_.manager.answers[GetParam().method] = failure;
+    const bool isQuery = GetParam().operation.run == RunQuery;
+    EXPECT_EQ(GetParam().operation.run(), isQuery ? 1 : 0);
+    const std::vector<std::wstring> lines = log_.Lines();
+    EXPECT_THAT(lines, Contains(std::wstring(L"Exception Broken. when enumerating info for ") + GetParam().nameAsRead));
+    EXPECT_EQ(lines.back(), isQuery ? std::wstring(L"User has ") + kSecond + L" - version 1.0.0.0" : L"\t Result = 0 ");
 }
 }  // namespace
 }  // namespace repair

@@ -7,7 +7,7 @@
 #include "support/store_test.h"
 
 using testing::Contains;
-using testing::ElementsAre;
+using testing::Not;
 
 IMPORTED(CreateEventW)
 IMPORTED(CloseHandle)
@@ -29,9 +29,8 @@ struct Outcome
     std::wstring message;
 };
 
-Outcome WaitFor(const FakePackage& package)
+Outcome WaitFor(component::IDeploymentOperation* operation)
 {
-    auto* const operation = MakeRemoval(package);
     Outcome outcome;
     try
     {
@@ -45,28 +44,32 @@ Outcome WaitFor(const FakePackage& package)
         outcome.thrown = error.code;
         outcome.message = error.message;
     }
-    FakeRuntime::Current().WaitForThreads();
     EXPECT_EQ(operation->Release(), 0u);
-    EXPECT_EQ(LiveObjects(), 0);
     return outcome;
 }
 
-FakePackage Ends(Completion when, std::int32_t status)
+lab::PackageScript Ends(lab::Completion::Kind when, component::AsyncStatus status = component::kCompleted)
 {
-    FakePackage package;
-    package.removal = {when, status};
-    package.removalError = 42;
+    lab::PackageScript package;
+    package.completion = {when, 5};
+    package.end.status = status;
+    package.removal.result = 42;
     return package;
 }
 
-using WaitForAsyncTimes = StoreTestOf<Completion>;
+component::IDeploymentOperation* Removal(const lab::PackageScript& package)
+{
+    return lab::NewRemoval(package, 0x80000);
+}
+
+using WaitForAsyncTimes = StoreTestOf<lab::Completion::Kind>;
 INSTANTIATE_TEST_SUITE_P(Times, WaitForAsyncTimes,
-                         testing::Values(Completion::kBefore, Completion::kInside, Completion::kLater));
+                         testing::Values(lab::Completion::kBefore, lab::Completion::kInside, lab::Completion::kLater));
 
 // Own process: the functions of the Windows Runtime are looked up once in a process.
 TEST_P(WaitForAsyncTimes, CompletedOperationGivesItsResult)
 {
-    const Outcome outcome = WaitFor(Ends(GetParam(), 1));
+    const Outcome outcome = WaitFor(Removal(Ends(GetParam())));
     EXPECT_EQ(outcome.result, 42);
     EXPECT_EQ(outcome.thrown, S_OK);
 }
@@ -74,19 +77,18 @@ TEST_P(WaitForAsyncTimes, CompletedOperationGivesItsResult)
 // Proves: It was canceled => the cancellation error, results are not asked for
 TEST_P(WaitForAsyncTimes, CanceledOperationIsThrownWithoutAskingForResults)
 {
-    const Outcome outcome = WaitFor(Ends(GetParam(), 2));
+    const Outcome outcome = WaitFor(Removal(Ends(GetParam(), component::kCanceled)));
     EXPECT_EQ(outcome.thrown, static_cast<HRESULT>(0x800704C7));
     EXPECT_EQ(outcome.message, L"Operation canceled by user.");
-    EXPECT_THAT(runtime_.Calls(), testing::Not(Contains(L"results")));
+    EXPECT_THAT(runtime_.Calls(), Not(Contains(L"DeploymentOperation GetResults")));
 }
 
 // Proves: It ended with an error => what its results say
 TEST_P(WaitForAsyncTimes, FailedOperationThrowsWhatItsResultsSay)
 {
-    FakePackage package = Ends(GetParam(), 3);
-    package.faults.fails[L"GetResults"] = static_cast<HRESULT>(0x80073CFA);
-    package.faults.texts[L"GetResults"] = L"The package is in use.\r\n";
-    const Outcome outcome = WaitFor(package);
+    lab::PackageScript package = Ends(GetParam(), component::kError);
+    package.end.error = Failure(static_cast<HRESULT>(0x80073CFA), L"The package is in use.\r\n");
+    const Outcome outcome = WaitFor(Removal(package));
     EXPECT_EQ(outcome.thrown, static_cast<HRESULT>(0x80073CFA));
     EXPECT_EQ(outcome.message, L"The package is in use.");
 }
@@ -95,14 +97,15 @@ TEST_P(WaitForAsyncTimes, FailedOperationThrowsWhatItsResultsSay)
 TEST_F(WaitForAsyncOnce, FinishedOperationIsNotWaitedFor)
 {
     int events = 0;
+    auto* const operation = Removal(Ends(lab::Completion::kBefore));
     SUBSTITUTE(CreateEventW)
     create([&](SECURITY_ATTRIBUTES*, BOOL, BOOL, const wchar_t*) {
         ++events;
         return FailWith(8, HANDLE{nullptr});
     });
-    WaitFor(Ends(Completion::kBefore, 1));
+    EXPECT_EQ(WaitFor(operation).result, 42);
     EXPECT_EQ(events, 0);
-    EXPECT_THAT(runtime_.Calls(), ElementsAre(L"results"));
+    EXPECT_THAT(runtime_.Calls(), Not(Contains(L"DeploymentOperation put_Completed")));
 }
 
 // Proves: It still runs => waited for without limit on an event of its own, which is closed; the handler may come inside the registration, or much later
@@ -111,11 +114,12 @@ TEST_F(WaitForAsyncOnce, WaitsOnAnUnnamedManualResetEventWithoutALimitAndClosesI
     HANDLE made = nullptr;
     int waits = 0;
     std::atomic<int> closed = 0;
+    auto* const operation = Removal(Ends(lab::Completion::kLater));
     SUBSTITUTE(CreateEventW)
     create([&](SECURITY_ATTRIBUTES* security, BOOL manual, BOOL set, const wchar_t* name) {
         if (made != nullptr)
         {
-            return create.Original()(security, manual, set, name);  // of a thread that starts
+            return create.Original()(security, manual, set, name);  // of another thread
         }
         EXPECT_EQ(security, nullptr);
         EXPECT_EQ(manual, TRUE);
@@ -138,30 +142,53 @@ TEST_F(WaitForAsyncOnce, WaitsOnAnUnnamedManualResetEventWithoutALimitAndClosesI
         closed += handle == made ? 1 : 0;
         return close.Original()(handle);
     });
-    WaitFor(Ends(Completion::kLater, 1));
+    WaitFor(operation);
     EXPECT_EQ(waits, 1);
+    EXPECT_EQ(closed, 0);
+    lab::RecordWhatTheProgramStillHolds();  // the last reference of the handler
     EXPECT_EQ(closed, 1);
 }
 
-TEST_F(WaitForAsyncOnce, HandlerOutlivesTheWaiterAsLongAsTheOperationKeepsIt)
+using WaitForAsyncHandler = StoreTestOf<lab::Completion::Kind>;
+INSTANTIATE_TEST_SUITE_P(Times, WaitForAsyncHandler,
+                         testing::Values(lab::Completion::kInside, lab::Completion::kThread, lab::Completion::kLater));
+
+// Own process: the functions of the Windows Runtime are looked up once in a process.
+TEST_P(WaitForAsyncHandler, IsHeldByTheWaiterUntilItIsCalled)
 {
-    WaitFor(Ends(Completion::kLater, 1));
-    EXPECT_THAT(runtime_.Calls(), ElementsAre(L"complete", L"results", L"handler left with 0"));
+    ULONG references = 0;
+    runtime_.onCall = [&references](const std::wstring& call) {
+        if (call.starts_with(L"DeploymentOperation calls the handler"))
+        {
+            IUnknown* const handler = lab::TheKept().back().object;
+            handler->AddRef();
+            references = handler->Release();
+        }
+    };
+    WaitFor(Removal(Ends(GetParam())));
+    EXPECT_EQ(references, 3u);  // the waiter, the operation and the list of kept objects
 }
 
-TEST_F(WaitForAsyncOnce, HandlerCalledInsideTheRegistrationIsStillHeldByTheWaiter)
+TEST_F(WaitForAsyncOnce, HandlerIsADelegateSoItIsNotInspectable)
 {
-    WaitFor(Ends(Completion::kInside, 1));
-    EXPECT_THAT(runtime_.Calls(), ElementsAre(L"complete", L"handler left with 1", L"results"));
+    WaitFor(Removal(Ends(lab::Completion::kInside)));
+    IUnknown* const handler = lab::TheKept().back().object;
+    void* found = nullptr;
+    EXPECT_EQ(handler->QueryInterface(IID_IUnknown, &found), S_OK);
+    EXPECT_EQ(found, handler);
+    handler->Release();
+    EXPECT_EQ(handler->QueryInterface(component::IInspectable::kIid, &found), E_NOINTERFACE);
+    EXPECT_EQ(found, nullptr);
 }
 
 TEST_F(WaitForAsyncOnce, WithoutAnEventTheSystemsErrorIsThrown)
 {
+    auto* const operation = Removal(Ends(lab::Completion::kInside));
     SUBSTITUTE(CreateEventW)
     create([&](SECURITY_ATTRIBUTES*, BOOL, BOOL, const wchar_t*) {
         return FailWith(ERROR_ACCESS_DENIED, HANDLE{nullptr});
     });
-    EXPECT_EQ(WaitFor(Ends(Completion::kInside, 1)).thrown, kDenied);
+    EXPECT_EQ(WaitFor(operation).thrown, kDenied);
 }
 
 using WaitForAsyncFailure = StoreTestOf<std::wstring>;
@@ -172,16 +199,16 @@ INSTANTIATE_TEST_SUITE_P(Calls, WaitForAsyncFailure,
 // Proves: A call of it fails, there is no event, or a result is missing => an error
 TEST_P(WaitForAsyncFailure, IsThrown)
 {
-    FakePackage package = Ends(Completion::kLater, 1);
-    package.faults.fails[GetParam()] = kDenied;
-    EXPECT_EQ(WaitFor(package).thrown, kDenied);
+    lab::PackageScript package = Ends(lab::Completion::kLater);
+    package.answers[GetParam()].result = kDenied;
+    EXPECT_EQ(WaitFor(Removal(package)).thrown, kDenied);
 }
 
 TEST_F(WaitForAsyncOnce, SuccessWithoutAResultIsThrownAsABadPointer)
 {
-    FakePackage package = Ends(Completion::kBefore, 1);
-    package.faults.nulls = {L"GetResults"};
-    EXPECT_EQ(WaitFor(package).thrown, static_cast<HRESULT>(0x80004003));
+    lab::PackageScript package = Ends(lab::Completion::kBefore);
+    package.answers[L"GetResults"] = {};
+    EXPECT_EQ(WaitFor(Removal(package)).thrown, static_cast<HRESULT>(0x80004003));
 }
 }  // namespace
 }  // namespace repair

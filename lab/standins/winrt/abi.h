@@ -1,6 +1,6 @@
 // The Windows Runtime interfaces in use, declared independently of the product: methods in the order of their slots.
-// Shared by the stand-in, its probe, the in-process fake and the Windows check. Those that offer objects define
-// UnusedSlot; it reports a call of a method that the product must not know, so a wrong slot shows.
+// Shared by the stand-in, its probe, the in-process tests and the Windows check. Each of them defines UnusedSlot, which
+// reports a call of a method that the product must not know, so a wrong slot shows.
 #pragma once
 #include <windows.h>
 #include <oaidl.h>

@@ -1,4 +1,4 @@
-// The objects of the component, the packages that the machine has now, and strings.
+// The objects of the component, what its host provides, and strings.
 #pragma once
 #include <string>
 #include <vector>
@@ -8,17 +8,20 @@
 
 namespace lab
 {
+// What RoGetActivationFactory asks the component for; the script decides.
+HRESULT GetFactory(const std::wstring& className, abi::IActivationFactory** factory);
+
 abi::IActivationFactory* NewPackageManagerFactory();
 abi::IActivationFactory* NewStoreContextFactory();
 abi::IPackageIterable* NewPackageList(std::vector<PackageScript> packages);
+abi::IDeploymentOperation* NewRemoval(const PackageScript& package, UINT32 options);
 
 // Puts an error object with the texts on this thread, where the caller finds it with GetErrorInfo.
 void PutErrorObject(const Answer& failure);
 
-// Read when the first class is activated.
+// The host provides these and the first two of record.h: the DLL of a lab machine from files, an in-process test from
+// memory.
 const Script& TheScript();
-
-// The packages outlive the process in C:\lab\standins\store-state.txt.
 std::vector<PackageScript> InstalledPackages();
 void RemovePackage(const PackageScript& package);
 void AddPackage(const std::wstring& name, abi::PackageVersion version);

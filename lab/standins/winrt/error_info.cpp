@@ -28,14 +28,23 @@ public:
         *description = SysAllocString(isSame ? L"(general description)" : failure_.description.c_str());
         *error = failure_.errorObjectResult;
         *restrictedDescription = failure_.hasText ? SysAllocString(failure_.text.c_str()) : nullptr;
-        *capabilitySid = nullptr;
-        return Record(L"IRestrictedErrorInfo.GetErrorDetails", S_OK);
+        *capabilitySid = SysAllocString(L"S-1-15");
+        return Record(L"IRestrictedErrorInfo.GetErrorDetails", failure_.detailsResult);
     }
 
 private:
     Answer failure_;
 };
 }  // namespace
+
+HRESULT Answer::Give() const
+{
+    if (hasErrorObject)
+    {
+        PutErrorObject(*this);
+    }
+    return result;
+}
 
 void PutErrorObject(const Answer& failure)
 {

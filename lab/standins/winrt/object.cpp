@@ -6,6 +6,8 @@
 #include <span>
 #include <vector>
 
+#include "lab_file.h"
+
 namespace lab
 {
 namespace
@@ -16,18 +18,6 @@ std::set<Living*>& TheLiving()
 {
     static auto& living = *new std::set<Living*>;
     return living;
-}
-
-struct Kept
-{
-    const wchar_t* what;
-    IUnknown* object;
-};
-
-std::vector<Kept>& TheKept()
-{
-    static auto& kept = *new std::vector<Kept>;
-    return kept;
 }
 
 struct Known
@@ -51,6 +41,18 @@ constexpr auto kKnown =
 constexpr Known kClassic[] = {{abi::Id("00000000-0000-0000-C000-000000000046"), L"IUnknown"},
                               {abi::Id("00000003-0000-0000-C000-000000000046"), L"IMarshal"}};
 }  // namespace
+
+HRESULT Record(const std::wstring& text, HRESULT result)
+{
+    Record(text + L" -> " + standin::Hex(static_cast<ULONG>(result)));
+    return result;
+}
+
+std::vector<Kept>& TheKept()
+{
+    static auto& kept = *new std::vector<Kept>;
+    return kept;
+}
 
 std::wstring InterfaceName(const GUID& iid)
 {

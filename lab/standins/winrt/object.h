@@ -2,6 +2,7 @@
 // of living objects.
 #pragma once
 #include <string>
+#include <vector>
 
 #include "classes.h"
 #include "com_object.h"
@@ -57,9 +58,10 @@ protected:
     HRESULT Give(const std::wstring& method, const std::wstring& text, Value* value, Make make)
     {
         const Answer* const answer = AnswerOf(method);
-        if (answer == nullptr)
+        constexpr bool kIsString = std::is_same_v<Value, HSTRING>;
+        if (answer == nullptr || (kIsString && FAILED(answer->result)))
         {
-            *value = make();
+            *value = make();  // a string comes even with a failure: the caller must not lose it
         }
         else if constexpr (std::is_pointer_v<Value>)
         {
@@ -80,7 +82,14 @@ protected:
     }
 };
 
-// Keeps one reference of the program's own object until the process ends, to see what the program still holds then.
+// The program's own objects. One reference of each is kept until the process ends, to see what the program still holds
+// then.
+struct Kept
+{
+    const wchar_t* what;
+    IUnknown* object;
+};
+std::vector<Kept>& TheKept();
 void KeepUntilTheEnd(const wchar_t* what, IUnknown* object);
 void RecordWhatTheProgramStillHolds();
 }  // namespace lab

@@ -68,8 +68,9 @@ public:
 
     HRESULT STDMETHODCALLTYPE get_Status(INT32* status) override
     {
-        *status = Status();
-        return Record(this->ClassName() + L" get_Status " + std::to_wstring(*status), S_OK);
+        const INT32 now = Status();
+        return this->Give(L"IAsyncInfo.get_Status", this->ClassName() + L" get_Status " + std::to_wstring(now), status,
+                          [now] { return now; });
     }
 
     HRESULT STDMETHODCALLTYPE get_ErrorCode(HRESULT* error) override

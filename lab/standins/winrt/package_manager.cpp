@@ -38,7 +38,7 @@ OperationPlan RemovalPlan(const PackageScript& package, UINT32 options)
     OperationPlan plan{package.answers, package.completion, package.end, {}, {}};
     plan.finish = [package, options](abi::AsyncStatus status) {
         const bool isReached = package.user.empty() || (options & kRemoveForAllUsers) != 0;
-        if (status == abi::kCompleted && package.removal.result == S_OK && !package.stays && isReached)
+        if (status == abi::kCompleted && package.removal.result == S_OK && isReached)
         {
             RemovePackage(package);
         }
@@ -88,8 +88,7 @@ public:
             return Record(what, answer->second.Give());
         }
         Record(what, S_OK);  // before the operation records its own lines
-        *operation =
-            Operation<abi::IDeploymentOperation>::Start(L"DeploymentOperation", RemovalPlan(*package, options));
+        *operation = NewRemoval(*package, options);
         return S_OK;
     }
 };
@@ -106,6 +105,11 @@ public:
     }
 };
 }  // namespace
+
+abi::IDeploymentOperation* NewRemoval(const PackageScript& package, UINT32 options)
+{
+    return Operation<abi::IDeploymentOperation>::Start(L"DeploymentOperation", RemovalPlan(package, options));
+}
 
 abi::IActivationFactory* NewPackageManagerFactory()
 {

@@ -3,6 +3,7 @@
 #include <iterator>
 #include <map>
 #include <mutex>
+#include <regex>
 #include <sstream>
 #include <vector>
 
@@ -33,54 +34,34 @@ std::size_t ThreadNumber()
 struct Rule
 {
     std::wstring word;
-    unsigned long long left = 0;  // lines with the word until it is due
-    bool isExit = false;          // otherwise a crash
-    unsigned long long code = 0;
+    unsigned long left;  // lines with the word until it is due
+    bool isExit;         // otherwise a crash
+    unsigned long code;
 };
-
-std::vector<std::wstring> Words(const std::wstring& text)
-{
-    std::wistringstream stream(text);
-    return {std::istream_iterator<std::wstring, wchar_t>(stream), std::istream_iterator<std::wstring, wchar_t>()};
-}
-
-// "<word> <n> exit=<code>" or "... crash=<code>".
-bool ParseRule(const std::wstring& text, Rule& rule)
-{
-    const std::vector<std::wstring> words = Words(text);
-    if (words.size() != 3)
-    {
-        return false;
-    }
-    const std::size_t equal = words[2].find(L'=');
-    const std::wstring what = words[2].substr(0, equal);
-    rule.word = words[0];
-    rule.isExit = what == L"exit";
-    return (what == L"exit" || what == L"crash") && equal != std::wstring::npos &&
-           standin::ParseNumber(words[1], rule.left) && rule.left > 0 &&
-           standin::ParseNumber(words[2].substr(equal + 1), rule.code);
-}
 
 std::vector<Rule> ReadRules()
 {
+    static const std::wregex kForm(LR"(winrt!(\S+)\s+([1-9]\d*)\s+(exit|crash)=(0x[\dA-Fa-f]+|\d+))");
     std::vector<Rule> rules;
     for (const standin::Line& line : standin::ReadLines(L"C:\\lab\\standins\\faults.txt"))
     {
-        Rule rule;
-        if (!standin::StartsWith(line.text, L"winrt!"))
+        std::wsmatch parts;
+        if (std::regex_match(line.text, parts, kForm))
         {
-            continue;
+            rules.push_back({parts[1], std::stoul(parts[2]), parts[3] == L"exit", std::stoul(parts[4], nullptr, 0)});
         }
-        if (ParseRule(line.text.substr(6), rule))
-        {
-            rules.push_back(rule);
-        }
-        else
+        else if (standin::StartsWith(line.text, L"winrt!"))
         {
             TheJournal().Append(L"!bad rule in line " + std::to_wstring(line.number));
         }
     }
     return rules;
+}
+
+std::vector<std::wstring> Words(const std::wstring& text)
+{
+    std::wistringstream stream(text);
+    return {std::istream_iterator<std::wstring, wchar_t>(stream), std::istream_iterator<std::wstring, wchar_t>()};
 }
 
 void FollowRules(std::vector<Rule>& rules, const std::wstring& text)
@@ -101,24 +82,19 @@ void FollowRules(std::vector<Rule>& rules, const std::wstring& text)
         }
         if (rule.isExit)
         {
-            TerminateProcess(GetCurrentProcess(), static_cast<UINT>(rule.code));
+            TerminateProcess(GetCurrentProcess(), rule.code);
         }
-        standin::Crash(static_cast<DWORD>(rule.code));
+        standin::Crash(rule.code);
     }
 }
 }  // namespace
 
+// Appends "<text> thread=<n>"; threads are numbered from 1 in the order of their first call.
 void Record(const std::wstring& text)
 {
     static std::vector<Rule>& rules = *new std::vector<Rule>(ReadRules());
     TheJournal().Append(text + L" thread=" + std::to_wstring(ThreadNumber()));
     FollowRules(rules, text);
-}
-
-HRESULT Record(const std::wstring& text, HRESULT result)
-{
-    Record(text + L" -> " + standin::Hex(static_cast<ULONG>(result)));
-    return result;
 }
 
 void RecordAtEnd(const std::wstring& text)

@@ -94,10 +94,8 @@ abi::PackageVersion ParseVersion(const std::wstring& value)
 
 Completion ParseCompletion(const std::wstring& value)
 {
-    static const std::map<std::wstring, Completion::Kind> kKinds = {{L"before", Completion::kBefore},
-                                                                    {L"inside", Completion::kInside},
-                                                                    {L"thread", Completion::kThread},
-                                                                    {L"never", Completion::kNever}};
+    static const std::map<std::wstring, Completion::Kind> kKinds = {
+        {L"before", Completion::kBefore}, {L"inside", Completion::kInside}, {L"thread", Completion::kThread}};
     const auto kind = kKinds.find(value);
     unsigned long long milliseconds = 0;
     if (kind != kKinds.end())
@@ -108,7 +106,7 @@ Completion ParseCompletion(const std::wstring& value)
     {
         return {Completion::kLater, static_cast<DWORD>(milliseconds)};
     }
-    throw Fault{L"before, inside, thread, later:<ms> or never, not: " + value};
+    throw Fault{L"before, inside, thread, or later:<ms>, not: " + value};
 }
 
 Ending ParseEnding(const std::wstring& value)
@@ -153,9 +151,13 @@ void SetActivation(ClassScript& script, const std::wstring& value)
     }
 }
 
-std::wstring KnownName(const std::set<std::wstring>& known, const std::wstring& name)
+std::wstring KnownMethod(const std::wstring& name)
 {
-    if (!known.contains(name))
+    static const std::set<std::wstring> kMethods = {
+        L"package",       L"get_Id",     L"get_FullName",  L"get_Version",
+        L"IPackage3",     L"get_Status", L"VerifyIsOK",    L"RemovePackageAsync",
+        L"put_Completed", L"GetResults", L"get_ErrorText", L"get_ExtendedErrorCode"};
+    if (!kMethods.contains(name))
     {
         throw Fault{L"no such method here: " + name};
     }
@@ -164,23 +166,12 @@ std::wstring KnownName(const std::set<std::wstring>& known, const std::wstring& 
 
 void SetFailure(PackageScript& package, const std::wstring& value)
 {
-    static const std::set<std::wstring> kMethods = {
-        L"get_Id",     L"get_FullName",  L"get_Version",          L"IPackage3",
-        L"get_Status", L"VerifyIsOK",    L"RemovePackageAsync",   L"put_Completed",
-        L"GetResults", L"get_ErrorText", L"get_ExtendedErrorCode"};
     const std::size_t colon = value.find(L':');
     if (colon == value.npos)
     {
         throw Fault{L"not <method>:<failure>: " + value};
     }
-    package.answers[KnownName(kMethods, value.substr(0, colon))] = ParseFailure(value.substr(colon + 1));
-}
-
-void SetNull(PackageScript& package, const std::wstring& value)
-{
-    static const std::set<std::wstring> kNullable = {
-        L"package", L"get_Id", L"get_Status", L"RemovePackageAsync", L"GetResults", L"get_ErrorText"};
-    package.answers[KnownName(kNullable, value)] = Answer();
+    package.answers[KnownMethod(value.substr(0, colon))] = ParseFailure(value.substr(colon + 1));
 }
 
 void SetWindow(StoreScript& store, const std::wstring& value)
@@ -224,17 +215,17 @@ void SetInstalls(StoreScript& store, const std::wstring& value)
     store.installsVersion = ParseVersion(Trim(value.substr(bar + 1)));
 }
 
+// Keys whose value is the outcome of this method, and keys with a setter of their own.
+using Methods = std::map<std::wstring, const wchar_t*>;
 template <class Section>
 using Keys = std::map<std::wstring, void (*)(Section&, const std::wstring& value)>;
 
-const Keys<ClassScript> kManagerKeys = {
-    {L"activation", SetActivation},
-    {L"create", [](ClassScript& to, const std::wstring& value) { SetAnswer(to.answers, L"ActivateInstance", value); }},
-    {L"find", [](ClassScript& to, const std::wstring& value) { SetAnswer(to.answers, L"FindPackages", value); }},
-    {L"first", [](ClassScript& to, const std::wstring& value) { SetAnswer(to.answers, L"First", value); }},
-    {L"next", [](ClassScript& to, const std::wstring& value) { SetAnswer(to.answers, L"MoveNext", value); }},
-    {L"current", [](ClassScript& to, const std::wstring& value) { SetAnswer(to.answers, L"get_Current", value); }},
-};
+const Methods kManagerMethods = {{L"create", L"ActivateInstance"},
+                                 {L"find", L"FindPackages"},
+                                 {L"first", L"First"},
+                                 {L"next", L"MoveNext"},
+                                 {L"current", L"get_Current"}};
+const Keys<ClassScript> kManagerKeys = {{L"activation", SetActivation}};
 
 const Keys<PackageScript> kPackageKeys = {
     {L"name",
@@ -246,53 +237,58 @@ const Keys<PackageScript> kPackageKeys = {
     {L"ok", [](PackageScript& to, const std::wstring& value) { to.isOk = ParseYesNo(value); }},
     {L"user", [](PackageScript& to, const std::wstring& value) { to.user = value; }},
     {L"fail", SetFailure},
-    {L"null", SetNull},
+    {L"null", [](PackageScript& to, const std::wstring& value) { to.answers[KnownMethod(value)] = Answer(); }},
     {L"removal", [](PackageScript& to, const std::wstring& value) { to.removal = ParseFailure(value); }},
     {L"removal_end", [](PackageScript& to, const std::wstring& value) { to.end = ParseEnding(value); }},
     {L"completion", [](PackageScript& to, const std::wstring& value) { to.completion = ParseCompletion(value); }},
-    {L"keep", [](PackageScript& to, const std::wstring& value) { to.stays = ParseYesNo(value); }},
 };
 
+const Methods kStoreMethods = {{L"default", L"GetDefault"},
+                               {L"request", L"DownloadAndInstallStorePackagesAsync"},
+                               {L"results", L"GetResults"},
+                               {L"overall", L"get_OverallState"}};
 const Keys<StoreScript> kStoreKeys = {
     {L"activation", [](StoreScript& to, const std::wstring& value) { SetActivation(to, value); }},
-    {L"default", [](StoreScript& to, const std::wstring& value) { SetAnswer(to.answers, L"GetDefault", value); }},
     {L"window", SetWindow},
     {L"context3", SetContext3},
-    {L"request",
-     [](StoreScript& to, const std::wstring& value) {
-         SetAnswer(to.answers, L"DownloadAndInstallStorePackagesAsync", value);
-     }},
     {L"walk",
      [](StoreScript& to, const std::wstring& value) { to.walksWithGetMany = OneOf(value, L"iterator", L"getmany"); }},
     {L"read", [](StoreScript& to, const std::wstring& value) { to.readsLate = OneOf(value, L"now", L"late"); }},
     {L"state", SetState},
     {L"end", [](StoreScript& to, const std::wstring& value) { to.end = ParseEnding(value); }},
-    {L"results", [](StoreScript& to, const std::wstring& value) { SetAnswer(to.answers, L"GetResults", value); }},
-    {L"overall", [](StoreScript& to, const std::wstring& value) { SetAnswer(to.answers, L"get_OverallState", value); }},
     {L"completion", [](StoreScript& to, const std::wstring& value) { to.completion = ParseCompletion(value); }},
     {L"installs", SetInstalls},
 };
 
 template <class Section>
-void Set(const Keys<Section>& keys, Section& section, const std::wstring& key, const std::wstring& value)
+void Set(const Methods& methods, const Keys<Section>& keys, Section& section, const std::wstring& key,
+         const std::wstring& value)
 {
+    const auto method = methods.find(key);
     const auto setter = keys.find(key);
-    if (setter == keys.end())
+    if (method != methods.end())
+    {
+        SetAnswer(section.answers, method->second, value);
+    }
+    else if (setter != keys.end())
+    {
+        setter->second(section, value);
+    }
+    else
     {
         throw Fault{L"no such key here"};
     }
-    setter->second(section, value);
 }
 
 void Set(Script& script, const std::wstring& section, const std::wstring& key, const std::wstring& value)
 {
     if (section == L"[manager]")
     {
-        Set(kManagerKeys, script.manager, key, value);
+        Set(kManagerMethods, kManagerKeys, script.manager, key, value);
     }
     else if (section == L"[store]")
     {
-        Set(kStoreKeys, script.store, key, value);
+        Set(kStoreMethods, kStoreKeys, script.store, key, value);
     }
     else if (script.packages.empty())
     {
@@ -300,7 +296,7 @@ void Set(Script& script, const std::wstring& section, const std::wstring& key, c
     }
     else
     {
-        Set(kPackageKeys, script.packages.back(), key, value);
+        Set({}, kPackageKeys, script.packages.back(), key, value);
     }
 }
 
@@ -316,15 +312,6 @@ void BeginSection(Script& script, const std::wstring& header)
     }
 }
 }  // namespace
-
-HRESULT Answer::Give() const
-{
-    if (hasErrorObject)
-    {
-        PutErrorObject(*this);
-    }
-    return result;
-}
 
 Script ReadScript()
 {

@@ -1,4 +1,4 @@
-// C:\lab\standins\store.txt: the packages that the machine has, and how each call of the component ends.
+// The packages that the machine has, and how each call of the component ends.
 #pragma once
 #include <windows.h>
 
@@ -20,8 +20,9 @@ struct Answer
     bool hasErrorObject = false;
     bool isRestricted = true;  // the error object also answers IRestrictedErrorInfo
     HRESULT errorObjectResult = S_OK;
-    std::wstring description;  // IErrorInfo; without a restricted text it is GetErrorDetails' description too
-    std::wstring text;         // the restricted description
+    HRESULT detailsResult = S_OK;   // what GetErrorDetails returns
+    std::wstring description = {};  // IErrorInfo; without a restricted text it is GetErrorDetails' description too
+    std::wstring text = {};         // the restricted description
     bool hasText = false;
 
     // Puts the error object, if any, on this thread and returns the code.
@@ -39,8 +40,7 @@ struct Completion
         kBefore,  // finished before the program gets the operation
         kInside,  // the handler runs inside put_Completed
         kThread,  // the handler runs on another thread before put_Completed returns
-        kLater,   // on another thread after some time
-        kNever
+        kLater    // on another thread after some time
     };
     Kind kind = kLater;
     DWORD milliseconds = 50;
@@ -49,21 +49,20 @@ struct Completion
 struct Ending
 {
     abi::AsyncStatus status = abi::kCompleted;
-    Answer error;
+    Answer error = {};
 };
 
 struct PackageScript
 {
-    std::wstring name;
-    bool hasName = true;  // otherwise the full name is a null string
-    abi::PackageVersion version{};
+    std::wstring name = {};
+    abi::PackageVersion version = {};
     bool isOk = true;
-    std::wstring user;
-    Answers answers;
-    Answer removal;  // code and text of the removal's result
-    Ending end;
-    Completion completion;
-    bool stays = false;
+    bool hasName = true;  // otherwise the full name is a null string
+    std::wstring user = {};
+    Answers answers = {};
+    Answer removal = {};  // code and text of the removal's result
+    Ending end = {};
+    Completion completion = {};
 };
 
 struct ClassScript
@@ -91,5 +90,6 @@ struct Script
     bool isBad = false;  // the file has errors; each one is in the record
 };
 
+// From C:\lab\standins\store.txt.
 Script ReadScript();
 }  // namespace lab

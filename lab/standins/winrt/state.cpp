@@ -10,14 +10,6 @@ namespace
 {
 constexpr const wchar_t* kStatePath = L"C:\\lab\\standins\\store-state.txt";
 
-PackageScript NewPackage(const std::wstring& name, abi::PackageVersion version)
-{
-    PackageScript package;
-    package.name = name;
-    package.version = version;
-    return package;
-}
-
 std::wstring PackageName(const std::wstring& fullName)
 {
     return fullName.substr(0, fullName.find(L'_'));
@@ -38,7 +30,7 @@ std::vector<PackageScript> ReadState(const Script& script)
                                         [&](const PackageScript& package) { return package.name == line.text; });
         if (found == known.end())
         {
-            installed.push_back(NewPackage(line.text, script.store.installsVersion));
+            installed.push_back({line.text, script.store.installsVersion});
             continue;
         }
         installed.push_back(*found);
@@ -103,7 +95,7 @@ void AddPackage(const std::wstring& name, abi::PackageVersion version)
     // As on Windows a newer version replaces the older one; full names are the same up to the first "_".
     std::erase_if(state.packages,
                   [&](const PackageScript& other) { return PackageName(other.name) == PackageName(name); });
-    state.packages.push_back(NewPackage(name, version));
+    state.packages.push_back({name, version});
     state.Write();
 }
 }  // namespace lab

@@ -1,0 +1,160 @@
+// Which packages and versions count, and how the package manager is reached. The cases show a whole query and removal.
+#include <windows.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "store/store_packages.h"
+#include "support/store_test.h"
+
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+namespace repair
+{
+namespace
+{
+constexpr wchar_t kFirst[] = L"TavikSystemsInc-2.8F31D07A2B6E4_1.0.0.0_x64__abc";
+constexpr wchar_t kSecond[] = L"TavikSystemsInc-2.TavikCorvelSoftware_1.0.0.0_x64__abc";
+constexpr wchar_t kActivation[] = L"DllGetActivationFactory Windows.Management.Deployment.PackageManager";
+constexpr HRESULT kDenied = static_cast<HRESULT>(0x80070005);
+constexpr HRESULT kNoApartment = static_cast<HRESULT>(0x800401F0);
+
+using StorePackages = StoreTest;
+
+std::wstring Query()
+{
+    const PackageVersion version = QueryStorePackageVersion();
+    return std::to_wstring(version.Major) + L"." + std::to_wstring(version.Minor) + L"." +
+           std::to_wstring(version.Build) + L"." + std::to_wstring(version.Revision);
+}
+
+struct Name
+{
+    std::wstring text;
+    bool matches;
+};
+
+void PrintTo(const Name& name, std::ostream* stream)
+{
+    *stream << testing::PrintToString(name.text);
+}
+
+class MatchesStorePackageTest : public testing::TestWithParam<Name>
+{
+};
+INSTANTIATE_TEST_SUITE_P(Names, MatchesStorePackageTest,
+                         testing::Values(Name{L"TavikSystemsInc-2.8F31D07A2B6E4", true},
+                                         Name{L"TavikSystemsInc-2.TavikCorvelSoftware", true},
+                                         Name{L"taviksystemsinc-2.8f31d07a2b6e4_1.2.3.4_x64__q", true},
+                                         Name{L"XX.TAVIKSYSTEMSINC-2.TAVIKCORVELSOFTWARE.Longer", true},
+                                         Name{L"", false}, Name{L"TavikSystemsInc-2.8F31D07A2B6E", false},
+                                         Name{L"TavikSystemsInc-2", false},
+                                         Name{L"TavikSystemsInc_2.TavikCorvelSoftware", false},
+                                         Name{L"TavikCorvelSoftware", false}));
+
+// Proves: A full name contains either name anywhere, in any letter case => it is the application
+TEST_P(MatchesStorePackageTest, ByEitherNameAnywhereInAnyLetterCase)
+{
+    EXPECT_EQ(MatchesStorePackage(GetParam().text), GetParam().matches);
+}
+
+struct Pair
+{
+    component::PackageVersion a;
+    component::PackageVersion b;
+    const wchar_t* highest;
+};
+
+void PrintTo(const Pair& pair, std::ostream* stream)
+{
+    *stream << testing::PrintToString(std::wstring(pair.highest));
+}
+
+using VersionOrder = StoreTestOf<Pair>;
+INSTANTIATE_TEST_SUITE_P(Pairs, VersionOrder,
+                         testing::Values(Pair{{1, 10, 0, 0}, {1, 9, 5, 0}, L"1.10.0.0"},
+                                         Pair{{2, 0, 0, 0}, {1, 65535, 65535, 65535}, L"2.0.0.0"},
+                                         Pair{{1, 2, 0, 0}, {1, 1, 65535, 65535}, L"1.2.0.0"},
+                                         Pair{{1, 1, 2, 0}, {1, 1, 1, 65535}, L"1.1.2.0"},
+                                         Pair{{1, 1, 1, 2}, {1, 1, 1, 1}, L"1.1.1.2"},
+                                         Pair{{40000, 0, 0, 0}, {30000, 1, 1, 1}, L"40000.0.0.0"}));
+
+// Proves: Two usable versions, 1.10.0.0 and 1.9.5.0 => each is logged; the highest by numbers counts, in any position
+// Own process: the functions of the Windows Runtime are looked up once in a process.
+TEST_P(VersionOrder, DoesNotDependOnTheOrderOfEnumeration)
+{
+    runtime_.packages = {{kFirst, GetParam().a}, {kSecond, GetParam().b}};
+    EXPECT_EQ(Query(), GetParam().highest);
+    runtime_.packages = {{kSecond, GetParam().b}, {kFirst, GetParam().a}};
+    EXPECT_EQ(Query(), GetParam().highest);
+}
+
+// Proves: The class's factory => is fetched once a process and kept, and only it; threads that race keep one; a failure is not kept
+// Own process: the functions of the Windows Runtime are looked up once in a process.
+TEST_F(StorePackages, FactoryIsFetchedOncePerProcess)
+{
+    Query();
+    Query();
+    RemoveStorePackages();
+    EXPECT_THAT(runtime_.Calls(), Contains(kActivation).Times(1));
+    EXPECT_THAT(runtime_.Calls(), Contains(L"ActivateInstance PackageManager").Times(3));
+}
+
+TEST_F(StorePackages, ThreadsThatRaceForTheFactoryKeepOneAndReleaseTheOther)
+{
+    std::atomic<int> arrived = 0;
+    runtime_.onActivation = [&arrived] {  // neither gets a factory before both have asked for one
+        for (++arrived; arrived < 2;)
+        {
+            Sleep(1);
+        }
+    };
+    std::thread other([] { QueryStorePackageVersion(); });
+    Query();
+    other.join();
+    EXPECT_THAT(runtime_.Calls(), Contains(kActivation).Times(2));
+}
+
+TEST_F(StorePackages, FailureOfTheFactoryIsNotKeptAndTheNextCallTriesAgain)
+{
+    runtime_.manager.answers[L"activation"].result = kDenied;
+    Query();
+    runtime_.manager.answers.clear();
+    Query();
+    EXPECT_THAT(log_.Lines(), ElementsAre(testing::_, L"UWP version is not installed"));
+}
+
+TEST_F(StorePackages, WithoutTheApartmentFunctionTheFirstErrorStands)
+{
+    runtime_.missingFunctions = {"CoIncrementMTAUsage"};
+    runtime_.manager.answers[L"activation"].result = kNoApartment;
+    Query();
+    EXPECT_THAT(runtime_.Calls(), ElementsAre(std::wstring(kActivation) + L" -> 0x800401F0"));
+    EXPECT_THAT(log_.Lines(), ElementsAre(StartsWith(L"Exception ")));
+}
+
+using MissingRuntimeFunction = StoreTestOf<std::string>;
+INSTANTIATE_TEST_SUITE_P(Functions, MissingRuntimeFunction,
+                         testing::Values("RoGetActivationFactory", "WindowsCreateString", "WindowsDuplicateString",
+                                         "WindowsDeleteString", "WindowsGetStringRawBuffer"));
+
+// Proves: A Windows without these classes or functions => logged as a failed search
+// Own process: the functions of the Windows Runtime are looked up once in a process.
+TEST_P(MissingRuntimeFunction, IsAFailureOfTheSearch)
+{
+    runtime_.missingFunctions = {GetParam()};
+    EXPECT_EQ(Query(), L"0.0.0.0");
+    EXPECT_THAT(log_.Lines(),
+                ElementsAre(AllOf(StartsWith(L"Exception "), EndsWith(L"when searching for UWP version of VLT"))));
+    EXPECT_THAT(runtime_.Calls(), IsEmpty());
+}
+}  // namespace
+}  // namespace repair
