@@ -104,12 +104,14 @@ def test_file_in_place_of_the_download_folder_ends_the_download(lab):
               after={**UNTOUCHED, "files": [DOWNLOADS]})
 
 
-# Proves: The temporary file cannot be created
-def test_temporary_file_that_cannot_be_created_ends_the_download(lab):
-    """In /proc/sys not even root can create a file."""
-    lab.run({**answering(), "files": {DOWNLOADS: {"link": "/proc/sys"}}})
-    lab.check(**failed("download-file-in-the-way", f"Unable to create file to download data into. Target path: {TEMPORARY}. Error: 2"),
-              requests=[], after=UNTOUCHED)
+# Proves: The download folder is a link
+def test_link_in_place_of_the_download_folder_is_not_used(lab):
+    """Windows removes the link and creates the folder. Wine takes the link for what it leads to, so here the download ends."""
+    mine = r"C:\Victim\mine.txt"
+    lab.run({**answering(), "files": {mine: "mine", DOWNLOADS: {"link": r"C:\Victim"}}})
+    lab.check(**failed("download-file-in-the-way", thrown(f"filesystem error: remove: {{any}} [{DOWNLOADS}]")), requests=[],
+              after={**UNTOUCHED, "files": [mine]})
+    assert [path for path in lab.result.after.files if path.startswith(r"C:\Victim" + "\\")] == [mine]
 
 
 # What is asked of the system

@@ -46,6 +46,12 @@ def test_files_of_an_earlier_run_are_removed_before_the_installer_starts(lab):
                                             "files": [FOLDER, DOWNLOADS + r"\other.txt"]})
 
 
+# Proves: An old file or folder is write-protected
+def test_write_protected_file_of_an_earlier_run_is_removed(lab):
+    lab.run(found(files={OLD: "old"}, read_only=[OLD], **PRETENDED))
+    check(lab, before={"files": [OLD]}, after={"missing": [OLD], "files": [MAIN]})
+
+
 def test_file_in_the_folders_place_is_replaced(lab):
     lab.run(found(files={FOLDER: "not a folder"}, **PRETENDED))
     assert lab.result.before.files[FOLDER] == 12
@@ -111,7 +117,7 @@ def test_without_an_access_list_the_folder_is_used_as_it_is(lab, rule, given_bac
 # Proves: An exception, through the guard
 @pytest.mark.parametrize("old, how, arguments, error", [
     (DOWNLOADS, {}, "", f"create_directories: {{any}} [{DOWNLOADS}]"), (DOWNLOADS, {}, "-SILENT", f"create_directories: {{any}} [{DOWNLOADS}]"),
-    (OLD, {"read_only": [OLD]}, "", f"remove_all: {{any}} [{FOLDER}] [{OLD}]")], ids=["file in the parents' place", "silent", "old file read-only"])
+    (OLD, {"held": [OLD]}, "", f"remove_all: {{any}} [{FOLDER}] [{OLD}]")], ids=["file in the parents' place", "silent", "old file held"])
 def test_folder_that_cannot_be_prepared_ends_the_installation(lab, old, how, arguments, error):
     """No program is stopped and no installer started."""
     result = lab.run(found(files={old: "old"}, running=[PROGRAM], **how), arguments)

@@ -50,9 +50,58 @@ DownloadPlan MakePlan(const std::wstring& release)
     DownloadPlan plan;
     plan.url = GetServerFolder() + release + kRemoteFile;
     plan.folder = std::wstring(temporaryFolder) + kDownloadFolder;
-    plan.temporaryPath = plan.folder + kTemporaryFile;
-    plan.finalPath = plan.folder + kInstallerFile;
+    plan.temporaryPath = plan.folder + L"\\" + kTemporaryFile;
+    plan.finalPath = plan.folder + L"\\" + kInstallerFile;
     return plan;
+}
+
+// A file with a name that cannot be foreseen; the system removes it when its handle is closed.
+FileHandle CreateKeeper(const std::wstring& folder)
+{
+    LARGE_INTEGER ticks = {};
+    QueryPerformanceCounter(&ticks);
+    const std::wstring path = folder + L"\\~" + std::to_wstring(ticks.QuadPart) + L".tmp";
+    return FileHandle(CreateFileW(path.c_str(), DELETE, 0, nullptr, CREATE_NEW, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+}
+
+// Creates the download folder, anew if a link is in its place, and holds it open. Goes on without holding a folder that
+// another program keeps from being opened.
+HeldInstaller PrepareFolder(const DownloadPlan& plan)
+{
+    HeldInstaller held;
+    for (int attempt = 0; attempt < kFolderAttempts && !held.folder; ++attempt)
+    {
+        if (IsLink(plan.folder))
+        {
+            RemoveFileIfPresent(plan.folder);
+        }
+        CreateDirectories(plan.folder + L"\\");
+        held.folder = HoldFolder(plan.folder);
+        held.keeper = held.folder ? CreateKeeper(plan.folder) : FileHandle();
+        if (held.keeper && !IsBelow(held.keeper.Get(), held.folder.Get()))  // became a link before the file was in it
+        {
+            held = HeldInstaller();
+        }
+    }
+    if (!held.folder && IsLink(plan.folder))
+    {
+        ThrowFileError("create_directories", plan.folder, ERROR_CANT_RESOLVE_FILENAME);
+    }
+    return held;
+}
+
+// Creates the file that the body is written to. None, with the error set, if that is not possible or would be
+// elsewhere.
+FileHandle CreateTemporaryFile(const DownloadPlan& plan, const HeldInstaller& held)
+{
+    FileHandle file(CreateFileW(plan.temporaryPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (file && held.folder && !IsBelow(file.Get(), held.folder.Get()))
+    {
+        file.Close();
+        SetLastError(ERROR_CANT_RESOLVE_FILENAME);
+    }
+    return file;
 }
 
 struct Server
@@ -218,10 +267,10 @@ bool SendRequest(Transfer& transfer, const std::wstring& url)
 }
 }  // namespace
 
-std::wstring DownloadInstaller(std::wstring release)
+HeldInstaller DownloadInstaller(std::wstring release)
 {
     const DownloadPlan plan = MakePlan(release);
-    CreateDirectories(plan.folder);
+    HeldInstaller held = PrepareFolder(plan);
     Server server;
     if (!SplitUrl(plan.url, server))
     {
@@ -232,8 +281,7 @@ std::wstring DownloadInstaller(std::wstring release)
     RemoveFileIfPresent(plan.temporaryPath);
 
     Transfer transfer;
-    transfer.file = FileHandle(CreateFileW(plan.temporaryPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                           FILE_ATTRIBUTE_NORMAL, nullptr));
+    transfer.file = CreateTemporaryFile(plan, held);
     if (!transfer.file)
     {
         const DWORD error = GetLastError();
@@ -249,6 +297,8 @@ std::wstring DownloadInstaller(std::wstring release)
     RemoveFileIfPresent(plan.finalPath);
     MoveFileW(plan.temporaryPath.c_str(),
               plan.finalPath.c_str());  // not checked; a failed rename shows up at the installer's start
-    return plan.finalPath;
+    held.path = plan.finalPath;
+    held.file = HoldFile(plan.finalPath);
+    return held;
 }
 }  // namespace repair

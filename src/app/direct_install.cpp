@@ -2,10 +2,12 @@
 
 #include <exception>
 #include <system_error>
+#include <utility>
 
 #include <windows.h>
 
 #include "app/switches.h"
+#include "base/held_installer.h"
 #include "base/log.h"
 #include "base/registry.h"
 #include "install/constants.h"
@@ -68,6 +70,7 @@ void StartApplication()
 
 std::int32_t RunDirectInstall(std::wstring installerPath)
 {
+    HeldInstaller installer(std::move(installerPath));
     StatusWindow window;
     StartStatusWindow(window, AppInstance, false);  // shown whatever the switches say
     SetStatus(window, kStatusInstalling);
@@ -76,7 +79,7 @@ std::int32_t RunDirectInstall(std::wstring installerPath)
     std::int32_t result = -1;
     try
     {
-        result = RunInstallSequence(installerPath, wasMissing);
+        result = RunInstallSequence(std::move(installer), wasMissing);
     }
     catch (const std::exception& error)
     {

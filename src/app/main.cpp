@@ -6,6 +6,7 @@
 
 #include "app/compatibility_check.h"
 #include "app/direct_install.h"
+#include "app/redirection_guard.h"
 #include "app/switches.h"
 #include "base/files.h"
 #include "base/log.h"
@@ -50,6 +51,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, wchar_t*, int)
 {
     // Before any delay-loaded library, so that none is loaded from the folder of the tool.
     SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
+    repair::GuardAgainstRedirection();
     std::set_terminate(EndQuietly);
     SetUnhandledExceptionFilter(EndQuietlyOnSystemException);
 

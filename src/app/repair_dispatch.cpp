@@ -1,12 +1,15 @@
 #include "app/repair_dispatch.h"
 
 #include <exception>
+#include <string>
+#include <utility>
 
 #include <windows.h>
 
 #include "acquisition/download.h"
 #include "acquisition/local_installer.h"
 #include "app/switches.h"
+#include "base/held_installer.h"
 #include "base/log.h"
 #include "install/install_sequence.h"
 #include "store/store_install.h"
@@ -33,8 +36,8 @@ void ShowInstallResult(const Run& run, bool isInstalled)
     }
 }
 
-// Returns an empty text on failure; an exception counts as one.
-std::wstring Download(const std::wstring& release)
+// Returns no installer on failure; an exception counts as one.
+HeldInstaller Download(const std::wstring& release)
 {
     try
     {
@@ -47,13 +50,13 @@ std::wstring Download(const std::wstring& release)
     }
 }
 
-// Path of the installer, or an empty text if none is found or downloaded.
-std::wstring AcquireInstaller(Run& run, const std::wstring& driverFolder, const std::wstring& releasePrefix)
+// The installer, held open; none if none is found or downloaded.
+HeldInstaller AcquireInstaller(Run& run, const std::wstring& driverFolder, const std::wstring& releasePrefix)
 {
-    std::wstring installer = FindLocalInstaller(driverFolder);
-    if (!installer.empty())
+    HeldInstaller installer(FindLocalInstaller(driverFolder));
+    if (!installer.path.empty())
     {
-        LogLine(L"Found dwx2-install.exe at [%s]", installer.c_str());
+        LogLine(L"Found dwx2-install.exe at [%s]", installer.path.c_str());
         return installer;
     }
     LogLine(L"Unable to find dwx2-install.exe at [%s]. Downloading dwx2_install.exe for [%s] from web.",
@@ -64,13 +67,13 @@ std::wstring AcquireInstaller(Run& run, const std::wstring& driverFolder, const 
 
 int InstallDesktopEdition(Run& run, const std::wstring& driverFolder, const std::wstring& releasePrefix)
 {
-    const std::wstring installer = AcquireInstaller(run, driverFolder, releasePrefix);
-    if (installer.empty())
+    HeldInstaller installer = AcquireInstaller(run, driverFolder, releasePrefix);
+    if (installer.path.empty())
     {
         return ExitEarly(run, L"Unable to download dwx2_install.exe from web. Exiting.", kMessageDownloadFailed);
     }
     ShowStatus(run, kStatusInstalling);
-    const int result = InstallWithExceptionGuard(installer);
+    const int result = InstallWithExceptionGuard(std::move(installer));
     if (result == 0)
     {
         RemoveStorePackages();  // only one edition stays on the machine

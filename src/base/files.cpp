@@ -8,8 +8,6 @@
 
 #include <windows.h>
 
-#include "base/handles.h"
-
 namespace repair
 {
 namespace
@@ -27,6 +25,12 @@ constexpr DWORD kAbsenceCodes[] = {
     ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_INVALID_DRIVE, ERROR_BAD_NETPATH, ERROR_BAD_DEV_TYPE,
     ERROR_BAD_NET_NAME,   ERROR_INVALID_NAME,   ERROR_BAD_PATHNAME,  ERROR_DIRECTORY,
 };
+
+// How long a file is waited for that another program has open: 11 attempts take a second.
+constexpr int kHoldAttempts = 11;
+constexpr DWORD kHoldPauseMs = 100;
+
+constexpr DWORD kLongestPath = 32'768;
 
 bool IsFolder(const std::wstring& path)
 {
@@ -70,38 +74,107 @@ std::wstring Join(const std::wstring& folder, const std::wstring& name)
     return (std::filesystem::path(folder) / name).wstring();
 }
 
+// An object that will be removed.
 struct Entry
 {
     std::wstring path;
-    DWORD attributes = 0;
-    bool isListed = false;  // the entries below it are pending
+    DWORD attributes = 0;    // as listed
+    size_t folder = 0;       // index of the folder that it was listed in; its own for the first one
+    FileHandle object = {};  // of a folder: open from before its entries are listed until they are removed
 };
 
-// The entries of a folder that will be removed; none if it cannot be listed, because the removal of the folder then
-// reports the failure. The search is closed before anything is removed.
-std::vector<Entry> ListForRemoval(const std::wstring& folder)
-{
-    std::vector<Entry> entries;
-    WIN32_FIND_DATAW data = {};
-    const SearchHandle search(FindFirstFileW(Join(folder, L"*").c_str(), &data));
-    if (!search)
-    {
-        return entries;
-    }
-    do
-    {
-        if (!IsDotEntry(data.cFileName))
-        {
-            entries.push_back({Join(folder, data.cFileName), data.dwFileAttributes, false});
-        }
-    } while (FindNextFileW(search.Get(), &data) != 0);
-    return entries;
-}
-
-// True for a folder whose entries must be removed first. A link to a folder is removed like an empty folder.
+// True for a folder with entries of its own; a link to a folder has none.
 bool HasOwnEntries(DWORD attributes)
 {
     return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
+}
+
+// Opens the object at the path, a link too, instead of what the link leads to.
+FileHandle OpenItself(const std::wstring& path, DWORD access, DWORD share)
+{
+    return FileHandle(CreateFileW(path.c_str(), access, share, nullptr, OPEN_EXISTING,
+                                  FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+}
+
+bool IsOwnFolder(HANDLE object)
+{
+    FILE_ATTRIBUTE_TAG_INFO information = {};
+    return GetFileInformationByHandleEx(object, FileAttributeTagInfo, &information, sizeof(information)) != 0 &&
+           HasOwnEntries(information.FileAttributes);
+}
+
+// The entries of an open folder that will be removed; none if it cannot be listed, because the removal of the folder
+// then reports the failure.
+std::vector<Entry> ListForRemoval(const Entry& folder, size_t index)
+{
+    std::vector<Entry> entries;
+    alignas(FILE_FULL_DIR_INFO) char buffer[32 * 1024];
+    while (GetFileInformationByHandleEx(folder.object.Get(), FileFullDirectoryInfo, buffer, sizeof(buffer)) != 0)
+    {
+        for (size_t offset = 0, next = 1; next != 0; offset += next)
+        {
+            const auto* const information = reinterpret_cast<const FILE_FULL_DIR_INFO*>(buffer + offset);
+            const std::wstring name(information->FileName, information->FileNameLength / sizeof(wchar_t));
+            if (!IsDotEntry(name.c_str()))
+            {
+                entries.push_back({Join(folder.path, name), information->FileAttributes, index});
+            }
+            next = information->NextEntryOffset;
+        }
+    }
+    return entries;
+}
+
+FileHandle OpenForRemoval(const Entry& entry)
+{
+    const bool isFolder = HasOwnEntries(entry.attributes);
+    const bool isReadOnly = (entry.attributes & FILE_ATTRIBUTE_READONLY) != 0;
+    return OpenItself(entry.path,
+                      DELETE | FILE_READ_ATTRIBUTES | (isFolder ? FILE_LIST_DIRECTORY | SYNCHRONIZE : 0) |
+                          (isReadOnly ? FILE_WRITE_ATTRIBUTES : 0),
+                      FILE_SHARE_READ | FILE_SHARE_WRITE | (isFolder ? 0 : FILE_SHARE_DELETE));
+}
+
+// Removes the object when the handle is closed.
+bool MarkForRemoval(const Entry& entry)
+{
+    constexpr auto kFileDispositionInfoEx = static_cast<FILE_INFO_BY_HANDLE_CLASS>(21);  // not in every header
+    FILE_DISPOSITION_INFO_EX atOnce = {FILE_DISPOSITION_FLAG_DELETE | FILE_DISPOSITION_FLAG_POSIX_SEMANTICS |
+                                       FILE_DISPOSITION_FLAG_IGNORE_READONLY_ATTRIBUTE};
+    if (SetFileInformationByHandle(entry.object.Get(), kFileDispositionInfoEx, &atOnce, sizeof(atOnce)) != 0)
+    {
+        return true;
+    }
+    // Older systems and other file systems do not know that.
+    if ((entry.attributes & FILE_ATTRIBUTE_READONLY) != 0)
+    {
+        FILE_BASIC_INFO basic = {};  // times of 0 stay as they are
+        basic.FileAttributes = FILE_ATTRIBUTE_NORMAL;
+        SetFileInformationByHandle(entry.object.Get(), FileBasicInfo, &basic, sizeof(basic));
+    }
+    FILE_DISPOSITION_INFO disposition = {TRUE};
+    return SetFileInformationByHandle(entry.object.Get(), FileDispositionInfo, &disposition, sizeof(disposition)) != 0;
+}
+
+// Where an open object is: its volume and its path, by which it was opened or in long names. Empty if that cannot be
+// read.
+std::wstring NameOf(HANDLE object, DWORD spelling)
+{
+    std::wstring name(kLongestPath, L'\0');
+    if (spelling == FILE_NAME_NORMALIZED)
+    {
+        name.resize(GetFinalPathNameByHandleW(object, name.data(), kLongestPath, VOLUME_NAME_NT));
+        return name;
+    }
+    BY_HANDLE_FILE_INFORMATION volume = {};
+    if (GetFileInformationByHandle(object, &volume) == 0 ||
+        GetFileInformationByHandleEx(object, FileNameInfo, name.data(), kLongestPath * sizeof(wchar_t)) == 0)
+    {
+        return {};
+    }
+    const auto* const information = reinterpret_cast<const FILE_NAME_INFO*>(name.data());
+    return std::to_wstring(volume.dwVolumeSerialNumber) +
+           std::wstring(information->FileName, information->FileNameLength / sizeof(wchar_t));
 }
 
 // Finds a path by the listing of its folder.
@@ -198,35 +271,101 @@ void RemoveAll(const std::wstring& path)
         return;
     }
 
+    const auto fail = [&path](const Entry& entry, DWORD error) {
+        throw std::filesystem::filesystem_error("remove_all", path, entry.path,
+                                                std::error_code(static_cast<int>(error), std::system_category()));
+    };
     // Not recursive, because folders can be nested to any depth.
-    std::vector<Entry> pending = {{path, attributes, false}};
+    std::vector<Entry> pending;
+    pending.push_back({path, attributes});
     while (!pending.empty())
     {
-        const Entry entry = pending.back();
-        if (HasOwnEntries(entry.attributes) && !entry.isListed)
+        const size_t index = pending.size() - 1;
+        Entry& entry = pending[index];
+        if (!entry.object)
         {
-            pending.back().isListed = true;
-            for (Entry& below : ListForRemoval(entry.path))
+            entry.object = OpenForRemoval(entry);
+            if (!entry.object)
             {
-                pending.push_back(std::move(below));
+                const DWORD error = GetLastError();
+                if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND)
+                {
+                    fail(entry, error);
+                }
+                pending.pop_back();
+                continue;
             }
-            continue;
+            // False if its folder has been replaced by a link, which the path then followed.
+            if (entry.folder != index && !IsBelow(entry.object.Get(), pending[entry.folder].object.Get()))
+            {
+                fail(entry, ERROR_CANT_RESOLVE_FILENAME);
+            }
+            if (HasOwnEntries(entry.attributes) && IsOwnFolder(entry.object.Get()))
+            {
+                std::vector<Entry> below = ListForRemoval(entry, index);
+                if (!below.empty())
+                {
+                    std::move(below.begin(), below.end(), std::back_inserter(pending));
+                    continue;
+                }
+            }
+        }
+        // One attempt each. A file deleted but still open elsewhere makes the folder above it "not empty", an error.
+        if (!MarkForRemoval(entry))
+        {
+            fail(entry, GetLastError());
         }
         pending.pop_back();
-        // One attempt each. A file deleted but still open elsewhere makes the folder above it "not empty", an error.
-        const bool removed = (entry.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0
-                                 ? RemoveDirectoryW(entry.path.c_str()) != 0
-                                 : DeleteFileW(entry.path.c_str()) != 0;
-        if (!removed)
-        {
-            const DWORD error = GetLastError();
-            if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND)
-            {
-                throw std::filesystem::filesystem_error(
-                    "remove_all", path, entry.path, std::error_code(static_cast<int>(error), std::system_category()));
-            }
-        }
     }
+}
+
+bool IsLink(const std::wstring& path)
+{
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+}
+
+FileHandle HoldFolder(const std::wstring& path, DWORD furtherAccess)
+{
+    // A right beyond the attributes is needed: without one the share mode does not count.
+    FileHandle folder = OpenItself(path, FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | furtherAccess,
+                                   FILE_SHARE_READ | FILE_SHARE_WRITE);
+    if (folder && !IsOwnFolder(folder.Get()))
+    {
+        folder.Close();
+    }
+    return folder;
+}
+
+FileHandle HoldFile(const std::wstring& path)
+{
+    for (int attempt = 1;; ++attempt)
+    {
+        FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+        if (file || GetLastError() != ERROR_SHARING_VIOLATION || attempt == kHoldAttempts)
+        {
+            return file;
+        }
+        Sleep(kHoldPauseMs);
+    }
+}
+
+bool IsBelow(HANDLE object, HANDLE folder, DWORD spelling)
+{
+    std::wstring beginning = NameOf(folder, spelling);
+    const std::wstring name = NameOf(object, spelling);
+    if (beginning.empty())
+    {
+        return false;
+    }
+    if (beginning.back() != L'\\')
+    {
+        beginning += L'\\';
+    }
+    return name.size() > beginning.size() &&
+           CompareStringOrdinal(name.data(), static_cast<int>(beginning.size()), beginning.data(),
+                                static_cast<int>(beginning.size()), TRUE) == CSTR_EQUAL;
 }
 
 bool Exists(const std::wstring& path)

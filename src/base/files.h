@@ -9,6 +9,8 @@
 
 #include <windows.h>
 
+#include "base/handles.h"
+
 namespace repair
 {
 // Throws std::filesystem::filesystem_error with the operation, the path and the Win32 code.
@@ -20,9 +22,26 @@ void CreateDirectories(const std::wstring& path);
 // Removes a file or an empty folder; an absent one is no error. Throws for "remove".
 void RemoveFileIfPresent(const std::wstring& path);
 
-// Removes a file or a folder with everything in it; an absent one is no error. A link inside is removed, its target is
-// not. Throws for "remove_all"; everything removed until then stays removed.
+// Removes a file or a folder with everything in it, write-protected files too; an absent one is no error. A link is
+// removed, its target is not: each object is opened itself, checked and removed through its handle, and a folder is
+// held while it is emptied. Throws for "remove_all"; everything removed until then stays removed.
 void RemoveAll(const std::wstring& path);
+
+// True if the path itself is a link to a file or a folder.
+bool IsLink(const std::wstring& path);
+
+// Opens a folder so that it cannot be renamed or removed until the handle is closed; `furtherAccess` is added to the
+// rights. Returns none if the path is a link, is no folder or cannot be opened.
+FileHandle HoldFolder(const std::wstring& path, DWORD furtherAccess = 0);
+
+// Opens a file so that it cannot be written, renamed or removed until the handle is closed. While another program has
+// it open for one of these, tries again, up to a second in all. Returns none if the file cannot be opened.
+FileHandle HoldFile(const std::wstring& path);
+
+// True if an open object is inside an open folder, at any depth, wherever the paths lead by now. `spelling` says
+// whether both were opened by paths with the same beginning (FILE_NAME_OPENED) or any (FILE_NAME_NORMALIZED). False if
+// a name cannot be read.
+bool IsBelow(HANDLE object, HANDLE folder, DWORD spelling = FILE_NAME_OPENED);
 
 // True if a file-system object of any type exists there; links are followed. Throws for "exists" if Windows gives an
 // error other than absence.

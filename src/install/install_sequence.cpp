@@ -3,13 +3,14 @@
 #include <exception>
 #include <iterator>
 #include <list>
+#include <string>
+#include <utility>
 
 #include <windows.h>
 #include <msi.h>
 #include <shlobj.h>
 
 #include "base/files.h"
-#include "base/handles.h"
 #include "base/log.h"
 #include "install/component_stop.h"
 #include "install/constants.h"
@@ -30,14 +31,21 @@ std::wstring ExtractionFolder()
     return std::wstring(temporaryFolder) + kExtractionFolder;
 }
 
-void Extract(const std::wstring& installerPath, const std::wstring& folder)
+void Extract(HeldInstaller installer, const std::wstring& folder)
 {
+    // An installer in the old folder goes with it, as if it had not been held.
+    if (const FileHandle old = HoldFolder(folder);
+        old && IsBelow(installer.file.Get(), old.Get(), FILE_NAME_NORMALIZED))
+    {
+        installer.file.Close();
+    }
     CreateSecureDirectory(folder);  // by design the sequence goes on after a failure
-    // Hold the file open so it cannot be swapped before the elevated start. If that fails, the start logs the reason.
-    const FileHandle held(CreateFileW(installerPath.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!installer.file)
+    {
+        installer.file = HoldFile(installer.path);  // if that fails, the start logs the reason
+    }
     // No quotes: the installer takes all text after "/D=" as the folder, blanks included.
-    LaunchProcess(installerPath, kExtractionParameters + folder, INFINITE, folder.c_str());
+    LaunchProcess(installer.path, kExtractionParameters + folder, INFINITE, folder.c_str());
 }
 
 void RemoveProducts(const wchar_t* family, const std::list<std::wstring>& packages)
@@ -59,11 +67,11 @@ std::int32_t InstallPackage(const std::wstring& package, const std::wstring& cus
 }
 }  // namespace
 
-std::int32_t RunInstallSequence(std::wstring installerPath, bool installAllComponents)
+std::int32_t RunInstallSequence(HeldInstaller installer, bool installAllComponents)
 {
     MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
     const std::wstring extractDir = ExtractionFolder();
-    Extract(installerPath, extractDir);
+    Extract(std::move(installer), extractDir);
 
     const std::wstring mainPackage = extractDir + kMainPackage;
     const std::wstring dvrPackage = extractDir + kDvrPackage;
@@ -96,11 +104,11 @@ std::int32_t RunInstallSequence(std::wstring installerPath, bool installAllCompo
     return result;
 }
 
-std::int32_t InstallWithExceptionGuard(const std::wstring& installerPath)
+std::int32_t InstallWithExceptionGuard(HeldInstaller installer)
 {
     try
     {
-        return RunInstallSequence(installerPath, false);
+        return RunInstallSequence(std::move(installer), false);
     }
     catch (const std::exception& error)
     {

@@ -75,6 +75,48 @@ struct AccessEntries
         Allow(GENERIC_READ | GENERIC_EXECUTE | DELETE, TRUSTEE_IS_NAME, user.data()),
     };
 };
+// The owner of an open file or folder; empty if it cannot be read.
+struct Owner
+{
+    explicit Owner(HANDLE object)
+    {
+        void* memory = nullptr;
+        GetSecurityInfo(object, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &sid, nullptr, nullptr, nullptr, &memory);
+        descriptor = LocalMemory(memory);
+    }
+    [[nodiscard]] bool Is(PSID other) const
+    {
+        return sid != nullptr && other != nullptr && EqualSid(sid, other) != FALSE;
+    }
+
+    LocalMemory descriptor;
+    PSID sid = nullptr;  // in the descriptor
+};
+
+// Creates the folder for the owner that the attributes name or, if the process may not give it away, for its own.
+bool CreateFolder(const std::wstring& folder, SECURITY_ATTRIBUTES& attributes)
+{
+    if (CreateDirectoryW(folder.c_str(), &attributes) != FALSE)
+    {
+        return true;
+    }
+    return GetLastError() == ERROR_INVALID_OWNER &&
+           SetSecurityDescriptorOwner(attributes.lpSecurityDescriptor, nullptr, FALSE) != FALSE &&
+           CreateDirectoryW(folder.c_str(), &attributes) != FALSE;
+}
+
+// Whether the open folder is the one that was made and contains the marker. Without a marker only its owner tells.
+bool IsAsMade(const FileHandle& folder, const FileHandle& marker, PSID administrators)
+{
+    if (!folder)
+    {
+        return false;
+    }
+    const Owner owner(folder.Get());
+    return marker
+               ? IsBelow(marker.Get(), folder.Get()) && (owner.Is(administrators) || owner.Is(Owner(marker.Get()).sid))
+               : owner.Is(administrators);
+}
 }  // namespace
 
 DWORD CreateSecureDirectory(const std::wstring& folder)
@@ -101,16 +143,27 @@ DWORD CreateSecureDirectory(const std::wstring& folder)
     attributes.nLength = sizeof(attributes);
     attributes.lpSecurityDescriptor = descriptor.Get();
 
-    CreateDirectories(std::filesystem::path(folder).parent_path().wstring());
-    RemoveAll(folder);
-    if (CreateDirectoryW(folder.c_str(), &attributes) == FALSE)
+    // Not the user's own account, which is the owner's right to change the list. If this fails, as without it.
+    SetSecurityDescriptorOwner(descriptor.Get(), access.administrators.bytes, FALSE);
+
+    for (int attempt = 1;; ++attempt)
     {
-        return GetLastError();
+        CreateDirectories(std::filesystem::path(folder).parent_path().wstring());
+        RemoveAll(folder);
+        if (!CreateFolder(folder, attributes))
+        {
+            return GetLastError();
+        }
+        const FileHandle held = HoldFolder(folder, READ_CONTROL);
+        FileHandle marker(CreateFileW((folder + kMarkerFile).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                      CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+        if (attempt == kPreparations || IsAsMade(held, marker, access.administrators.bytes))
+        {
+            // Never closed: while this unshared file is open, the folder cannot be removed or replaced. The system
+            // deletes the file when the process ends.
+            static_cast<void>(marker.Release());
+            return ERROR_SUCCESS;
+        }
     }
-    // Never closed: while this unshared file is open, the folder cannot be removed or replaced. The system deletes the
-    // file when the process ends.
-    CreateFileW((folder + kMarkerFile).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                FILE_FLAG_DELETE_ON_CLOSE, nullptr);
-    return ERROR_SUCCESS;
 }
 }  // namespace repair

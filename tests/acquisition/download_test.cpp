@@ -1,17 +1,21 @@
 #include "acquisition/download.h"
 
 #include <algorithm>
+#include <optional>
 #include <system_error>
 
 #include "base/system_message.h"
 #include "support/error_matcher.h"
 #include "support/fake_internet.h"
+#include "support/folder_link.h"
 #include "support/log_capture.h"
 #include "support/machine_registry.h"
+#include "support/real_windows.h"
 #include "support/temporary_folder.h"
 #include "support/test.h"
 
-IMPORTED(CloseHandle, CreateDirectoryW, CreateFileW, DeleteFileW, FlushFileBuffers, MoveFileW, WriteFile)
+IMPORTED(CloseHandle, CreateDirectoryW, CreateFileW, DeleteFileW, FlushFileBuffers, GetFileInformationByHandleEx,
+         MoveFileW, RemoveDirectoryW, WriteFile)
 
 namespace repair
 {
@@ -74,7 +78,7 @@ protected:
     std::wstring Run(const std::wstring& release = L"24.20")
     {
         internet_.calls.clear();
-        return DownloadInstaller(release);
+        return DownloadInstaller(release).path;
     }
     void ExpectSuccess() { EXPECT_EQ(Run(), FinalPath()); }
 
@@ -190,6 +194,131 @@ TEST_F(Download, TakesItsStepsInOrder)
                            L"delete dwx2_install.exe; rename; close 3; close 2; close 1");
     EXPECT_EQ(Content(FinalPath()), "MZ first " + std::string("a\0\r\n\x1a\xff", 6));
     EXPECT_FALSE(Exists(TemporaryPath()));
+}
+
+// A link to a folder of another user in the download folder's place. It is removed as Windows removes it, and the rest
+// of the download goes through.
+class DownloadThroughLink : public Download
+{
+protected:
+    void PlaceLink()
+    {
+        isRecording_ = false;
+        link_.emplace(Folder(), target_);
+        isRecording_ = true;
+        EXPECT_TRUE(link_->IsThere());
+    }
+
+    std::wstring target_ = temporary_.CreateFolder(L"target");
+    std::wstring precious_ = temporary_.WriteBytes(L"target\\dwx2_install.exe", "precious");
+    std::optional<FolderLink> link_;
+    int removals_ = 0;
+
+    SUBSTITUTE(DeleteFileW)
+    deleteFile_{[this](const wchar_t* path) {
+        return path == Folder() ? FailWith(ERROR_ACCESS_DENIED) : deleteFile_.Original()(path);
+    }};
+    SUBSTITUTE(RemoveDirectoryW)
+    removeFolder_{[this](const wchar_t* path) {
+        EXPECT_EQ(path, Folder());
+        ++removals_;
+        link_.reset();
+        return TRUE;
+    }};
+};
+
+// Proves: The download folder is a link => it is removed as one and made anew as a folder; nothing is written where it led
+TEST_F(DownloadThroughLink, IsReplacedByAFolder)
+{
+    PlaceLink();
+    ExpectSuccess();
+    EXPECT_EQ(removals_, 1);
+    EXPECT_FALSE(IsLink(Folder()));
+    EXPECT_EQ(Content(FinalPath()), "installer");
+    EXPECT_EQ(Content(precious_), "precious");
+}
+
+// Proves: The download folder becomes a link while it is opened => it is removed and made anew
+TEST_F(DownloadThroughLink, ThatAppearsWhileTheFolderIsOpenedIsReplacedToo)
+{
+    ONLY_ON_WINE("the host moves the open folder away");
+    SUBSTITUTE(CreateFileW)
+    create([&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,
+               DWORD flags, HANDLE model) {
+        if (creation == CREATE_NEW && removals_ == 0)  // the first file in the folder
+        {
+            PlaceLink();
+        }
+        return create.Original()(path, access, share, security, creation, flags, model);
+    });
+    SUBSTITUTE(FlushFileBuffers) flush([](HANDLE) { return TRUE; });
+    ExpectSuccess();
+    EXPECT_EQ(removals_, 1);
+    EXPECT_EQ(Content(FinalPath()), "installer");
+    EXPECT_EQ(Content(precious_), "precious");
+}
+
+// Proves: The temporary file would be created through a link => "Unable to create file" is logged, nothing is written
+TEST_F(DownloadThroughLink, ThatAppearsLaterEndsTheDownload)
+{
+    ONLY_ON_WINE("the host moves the open folder away");
+    SUBSTITUTE(CreateFileW)
+    create([&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,
+               DWORD flags, HANDLE model) {
+        if (path == TemporaryPath())
+        {
+            PlaceLink();
+        }
+        return create.Original()(path, access, share, security, creation, flags, model);
+    });
+    EXPECT_EQ(DownloadInstaller(L"24.20").path, L"");
+    EXPECT_EQ(log_.Lines().back(), L"Unable to create file to download data into. Target path: " + TemporaryPath() +
+                                       L". Error: " + std::to_wstring(ERROR_CANT_RESOLVE_FILENAME));
+    EXPECT_EQ(Content(precious_), "precious");
+}
+
+// Proves: The download folder stays a link => file-system exception, nothing is opened
+TEST_F(DownloadThroughLink, ThatCannotBeRemovedIsNotUsed)
+{
+    PlaceLink();
+    SUBSTITUTE(RemoveDirectoryW) removeFolder([&](const wchar_t*) { return ++removals_, TRUE; });
+    SUBSTITUTE(GetFileInformationByHandleEx)
+    information([](HANDLE, FILE_INFO_BY_HANDLE_CLASS, void* data, DWORD) {
+        static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data)->FileAttributes =
+            FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
+        return TRUE;
+    });
+    ExpectFileError(FileErrorOf([] { DownloadInstaller(L"24.20"); }), "create_directories", Folder(),
+                    ERROR_CANT_RESOLVE_FILENAME);
+    EXPECT_EQ(removals_, 3);
+    EXPECT_EQ(internet_.calls.back(), L"log Change server to http://server/f/.");
+}
+
+// Proves: Another program replaces the download folder or the download before the installer has ended => it cannot
+TEST_F(Download, FolderAndFileAreHeldUntilTheResultIsLetGo)
+{
+    isRecording_ = false;
+    auto* const move = RealFunction<decltype(MoveFileW)>(L"kernel32.dll", "MoveFileW");
+    const std::wstring away = temporary_ / L"away";
+    int attempts = 0;
+    SUBSTITUTE(FlushFileBuffers)
+    flush([&](HANDLE) {
+        ++attempts;
+        EXPECT_EQ(move(Folder().c_str(), away.c_str()), FALSE);
+        return TRUE;
+    });
+    {
+        const HeldInstaller held = DownloadInstaller(L"24.20");
+        EXPECT_EQ(move(Folder().c_str(), away.c_str()), FALSE);
+        EXPECT_EQ(move(FinalPath().c_str(), away.c_str()), FALSE);
+        EXPECT_EQ(DeleteFileW(FinalPath().c_str()), FALSE);
+        EXPECT_EQ(CreateFileW(FinalPath().c_str(), GENERIC_WRITE, 7, nullptr, OPEN_EXISTING, 0, nullptr),
+                  INVALID_HANDLE_VALUE);
+    }
+    EXPECT_EQ(attempts, 1);
+    WIN32_FIND_DATAW data = {};
+    EXPECT_EQ(FindFirstFileW((Folder() + L"\\~*").c_str(), &data), INVALID_HANDLE_VALUE);  // no file was left behind
+    EXPECT_NE(move(Folder().c_str(), away.c_str()), FALSE);
 }
 
 // Proves: An empty body => succeeds with 0 bytes and an empty file

@@ -108,6 +108,21 @@ TEST_F(DirectInstall, FailedInstallationIsNotReportedAndTheApplicationStartedAll
     EXPECT_THAT(runtime_.Calls(), IsEmpty());
 }
 
+// Proves: Another program tries to replace the given installer before anything is prepared => it cannot
+TEST_F(DirectInstall, GivenInstallerIsHeldFromTheStart)
+{
+    const std::wstring installer = machine_.Folder().WriteBytes(L"given.exe", "x");
+    std::vector<BOOL> attempts;
+    SUBSTITUTE(MsiEnumRelatedProductsW)
+    first([&](auto...) {
+        attempts.push_back(MoveFileW(installer.c_str(), (installer + L".away").c_str()));
+        return UINT{ERROR_NO_MORE_ITEMS};
+    });
+    EXPECT_EQ(RunDirectInstall(installer), 0);
+    ASSERT_FALSE(attempts.empty());
+    EXPECT_EQ(attempts.front(), FALSE);
+}
+
 // Proves: The application is missing, or ends with a code of its own => only logged
 // Proves: A Store package stays, or the Store cannot be asked => logged; the marker is written
 TEST_F(DirectInstall, ApplicationThatDoesNotStartAndStoreThatCannotBeAskedAreOnlyLogged)

@@ -3,7 +3,8 @@
 
 #include "support/app_test.h"
 
-IMPORTED(GetCommandLineW, SetDefaultDllDirectories, SetUnhandledExceptionFilter, GetStdHandle, TerminateProcess)
+IMPORTED(CheckTokenMembership, GetCommandLineW, GetProcAddress, SetDefaultDllDirectories, SetUnhandledExceptionFilter,
+         GetStdHandle, TerminateProcess)
 
 namespace repair
 {
@@ -72,6 +73,49 @@ TEST_F(ProcessEntry, RestrictsTheLibrarySearchFirstAndKeepsTheModuleInstance)
     EXPECT_EQ(Start(L"-VLT -Install", instance), 2);
     EXPECT_EQ(AppInstance, instance);
     EXPECT_THAT(order_, ElementsAre("DLL folders", "command line"));
+}
+
+std::vector<std::vector<DWORD>> policies;
+
+BOOL WINAPI RecordPolicy(PROCESS_MITIGATION_POLICY policy, void* data, SIZE_T bytes)
+{
+    policies.push_back({static_cast<DWORD>(policy), *static_cast<DWORD*>(data), static_cast<DWORD>(bytes)});
+    return FailWith(87);  // the result does not matter
+}
+
+// Proves: The process starts as the system account => links that users plant are refused before any file is touched; in no other account, and on no Windows without this
+TEST_F(ProcessEntry, RefusesPlantedLinksAsTheSystemAccountOnly)
+{
+    BOOL isSystem = FALSE;
+    bool isKnown = true;
+    SUBSTITUTE(CheckTokenMembership)
+    check([&](HANDLE token, PSID account, BOOL* isMember) {
+        EXPECT_EQ(token, nullptr);
+        EXPECT_NE(IsWellKnownSid(account, WinLocalSystemSid), FALSE);
+        *isMember = isSystem;
+        return TRUE;
+    });
+    SUBSTITUTE(GetProcAddress)
+    lookUp([&](HMODULE library, const char* name) {
+        if (reinterpret_cast<ULONG_PTR>(name) <= 0xFFFF || std::string(name) != "SetProcessMitigationPolicy")
+        {
+            return lookUp.Original()(library, name);
+        }
+        EXPECT_EQ(library, GetModuleHandleW(L"kernel32.dll"));
+        EXPECT_THAT(order_, ElementsAre("DLL folders"));
+        return isKnown ? reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&RecordPolicy)) : FARPROC{nullptr};
+    });
+    const auto start = [&] {
+        order_.clear();
+        policies.clear();
+        EXPECT_EQ(Start(L"-VLT -Install"), 2);
+        return policies;
+    };
+    EXPECT_THAT(start(), IsEmpty());
+    isSystem = TRUE;
+    EXPECT_THAT(start(), ElementsAre(ElementsAre(16u, 1u, 4u)));
+    isKnown = false;
+    EXPECT_THAT(start(), IsEmpty());
 }
 
 // Proves: `-VLT` and `-Install`, and there is no such file (or no path, or a folder) => a line in the log, a text without a line end on the standard output, exit code 2; no window, no box, nothing is done

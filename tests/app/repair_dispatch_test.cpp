@@ -6,7 +6,7 @@
 #include "support/app_test.h"
 #include "support/fake_internet.h"
 
-IMPORTED(InternetOpenW, SetDlgItemTextW, ShowWindow)
+IMPORTED(InternetOpenW, MsiSetInternalUI, SetDlgItemTextW, ShowWindow)
 
 namespace repair
 {
@@ -101,6 +101,32 @@ TEST_F(RepairTest, FailedInstallationIsShownAndReturnedAndLeavesTheStoreEditionA
     EXPECT_EQ(RepairFrom(package), 1603);
     EXPECT_THAT(runtime_.Calls(), IsEmpty());
     ExpectEndWith(kInstallFailed);
+}
+
+using HeldInstallerTest = WithParam<RepairTest, bool>;
+INSTANTIATE_TEST_SUITE_P(FoundAndDownloaded, HeldInstallerTest, testing::Bool());
+
+// Proves: Another program tries to replace the installer after it was found or downloaded, before anything is prepared => it cannot; once it has ended, it can
+TEST_P(HeldInstallerTest, CannotBeReplacedFromTheDecisionUntilItHasEnded)
+{
+    FakeInternet internet;
+    ServerFolder(L"http://server/vlt/");
+    const std::wstring package = GetParam() ? DriverPackage() : L"";
+    if (!GetParam())
+    {
+        installer_ = machine_.Temporary() + L"Tavik_VLTInstallerDownload\\dwx2_install.exe";
+    }
+    const auto canBeRenamed = [this] {
+        return MoveFileW(installer_.c_str(), (installer_ + L".away").c_str()) != FALSE;
+    };
+    std::vector<bool> attempts;
+    SUBSTITUTE(MsiSetInternalUI)
+    first([&](auto...) { return attempts.push_back(canBeRenamed()), INSTALLUILEVEL_DEFAULT; });
+    SUBSTITUTE(MsiEnumRelatedProductsW)
+    later([&](auto...) { return attempts.push_back(canBeRenamed()), UINT{ERROR_NO_MORE_ITEMS}; });
+    machine_.UnpacksMainPackage();
+    EXPECT_EQ(RepairFrom(package), 0);
+    EXPECT_THAT(attempts, ElementsAre(false, true, false, false));  // moved away by then
 }
 
 // Proves: The installation raises an exception (repair) => logged with its text, box "Error installing Tavik Software.", result -1

@@ -1,13 +1,19 @@
+#include <cstddef>
+#include <cstring>
+#include <map>
+#include <optional>
 #include <system_error>
 
 #include "base/files.h"
 #include "base/handles.h"
 #include "support/error_matcher.h"
+#include "support/folder_link.h"
 #include "support/real_windows.h"
 #include "support/temporary_folder.h"
 #include "support/test.h"
 
-IMPORTED(CreateDirectoryW, DeleteFileW, FindClose, FindFirstFileW, FindNextFileW, GetFileAttributesW, RemoveDirectoryW)
+IMPORTED(CloseHandle, CreateDirectoryW, CreateFileW, DeleteFileW, GetFileAttributesW, GetFileInformationByHandleEx,
+         GetFileInformationByHandle, SetFileInformationByHandle, Sleep)
 
 namespace repair
 {
@@ -208,20 +214,29 @@ TEST(RemoveAll, FileInsideThatCannotBeRemovedIsNamedAndEarlierRemovalsStay)
     const std::wstring before = folder.WriteBytes(L"tree\\a", "x");
     const std::wstring after = folder.WriteBytes(L"tree\\z", "x");
     const std::wstring file = folder.WriteBytes(L"tree\\m", "x");
-    const auto expectError = [&](int code) {
-        const auto error = FileErrorOf([&] { RemoveAll(folder / L"tree"); });
-        ExpectFileError(error, "remove_all", folder / L"tree", code);
-        EXPECT_EQ(error.path2().wstring(), file);
-        EXPECT_TRUE(IsThere(file));
-    };
+    const FileHandle lock = Open(file, 0);
+    const auto error = FileErrorOf([&] { RemoveAll(folder / L"tree"); });
+    ExpectFileError(error, "remove_all", folder / L"tree", 32);
+    EXPECT_EQ(error.path2().wstring(), file);
+    EXPECT_TRUE(IsThere(file));
+    EXPECT_EQ(IsThere(before) + IsThere(after), 1);  // one of them, in the order of the file system
+}
+
+// Proves: An old file or folder is write-protected => it is removed like any other
+TEST(RemoveAll, RemovesWriteProtectedFilesAndFolders)
+{
+    const TemporaryFolder folder;
+    folder.CreateFolder(L"tree\\sub");
+    for (const wchar_t* name : {L"tree\\sub\\file", L"tree\\sub", L"tree"})
     {
-        const FileHandle lock = Open(file, 0);
-        expectError(32);
-        EXPECT_EQ(IsThere(before) + IsThere(after), 1);  // one of them, in the order of the file system
+        if (!IsThere(folder / name))
+        {
+            folder.WriteBytes(name, "x");
+        }
+        SetFileAttributesW((folder / name).c_str(), FILE_ATTRIBUTE_READONLY);
     }
-    SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_READONLY);
-    expectError(5);
-    SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
+    RemoveAll(folder / L"tree");
+    EXPECT_FALSE(IsThere(folder / L"tree"));
 }
 
 TEST(RemoveAll, FileThatIsDeletedButStillOpenElsewhereIsAnErrorInsteadOfAnEndlessLoop)
@@ -232,32 +247,34 @@ TEST(RemoveAll, FileThatIsDeletedButStillOpenElsewhereIsAnErrorInsteadOfAnEndles
     const std::wstring file = folder.WriteBytes(L"tree\\file", "x");
     const FileHandle open = Open(file, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
     int attempts = 0;
-    SUBSTITUTE(DeleteFileW) remove([&](const wchar_t* path) { return ++attempts, remove.Original()(path); });
+    SUBSTITUTE(SetFileInformationByHandle)
+    set([&](HANDLE object, FILE_INFO_BY_HANDLE_CLASS kind, void* data, DWORD bytes) {
+        attempts += kind == FileDispositionInfo ? 1 : 0;
+        return set.Original()(object, kind, data, bytes);
+    });
     const auto error = FileErrorOf([&] { RemoveAll(tree); });
     ExpectFileError(error, "remove_all", tree, 145);
     EXPECT_EQ(error.path2().wstring(), tree);
-    EXPECT_EQ(attempts, 1);
+    EXPECT_EQ(attempts, 2);  // the file and its folder
 }
 
 TEST(RemoveAll, EntriesThatVanishMeanwhileAreFine)
 {
     const TemporaryFolder folder;
     const std::wstring tree = folder.CreateFolder(L"tree");
-    folder.CreateFolder(L"tree\\inner");
-    folder.WriteBytes(L"tree\\file", "x");
-    {
-        SUBSTITUTE(DeleteFileW)
-        removeFile([&](const wchar_t* path) {
-            removeFile.Original()(path);
-            return FailWith(ERROR_FILE_NOT_FOUND);
-        });
-        SUBSTITUTE(RemoveDirectoryW)
-        removeFolder([&](const wchar_t* path) {
-            removeFolder.Original()(path);
-            return FailWith(ERROR_PATH_NOT_FOUND);
-        });
-        EXPECT_NO_THROW(RemoveAll(tree));
-    }
+    const std::wstring inner = folder.CreateFolder(L"tree\\inner");
+    const std::wstring file = folder.WriteBytes(L"tree\\file", "x");
+    SUBSTITUTE(CreateFileW)
+    create([&](const wchar_t* path, auto... arguments) {
+        DeleteFileW(path == file ? path : L"");
+        if (path == inner)
+        {
+            RemoveDirectoryW(path);
+            return FailWith(ERROR_PATH_NOT_FOUND, INVALID_HANDLE_VALUE);
+        }
+        return create.Original()(path, arguments...);
+    });
+    EXPECT_NO_THROW(RemoveAll(tree));
     EXPECT_FALSE(IsThere(tree));
 }
 
@@ -266,31 +283,135 @@ TEST(RemoveAll, FolderThatCannotBeListedFailsAsNotEmpty)
     const TemporaryFolder folder;
     const std::wstring tree = folder.CreateFolder(L"tree");
     folder.WriteBytes(L"tree\\file", "x");
-    SUBSTITUTE(FindFirstFileW) find([](auto...) { return FailWith(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE); });
+    SUBSTITUTE(GetFileInformationByHandleEx)
+    list([&](HANDLE object, FILE_INFO_BY_HANDLE_CLASS kind, void* data, DWORD bytes) {
+        return kind == FileFullDirectoryInfo ? FailWith(ERROR_ACCESS_DENIED)
+                                             : list.Original()(object, kind, data, bytes);
+    });
     ExpectFileError(FileErrorOf([&] { RemoveAll(tree); }), "remove_all", tree, 145);
 }
 
-TEST(RemoveAll, NoSearchIsOpenDuringARemoval)
+// Proves: A folder becomes a link between its listing and its removal => it is never entered; what it leads to survives
+TEST(RemoveAll, FolderThatBecomesALinkAfterItWasListedIsNotEntered)
 {
     const TemporaryFolder folder;
-    folder.CreateFolder(L"tree\\a");
-    folder.WriteBytes(L"tree\\a\\file", "x");
-    int open = 0;
-    int removals = 0;
+    const std::wstring tree = folder.CreateFolder(L"tree");
+    const std::wstring inner = folder.CreateFolder(L"tree\\inner");
+    const std::wstring target = folder.CreateFolder(L"target");
+    const std::wstring precious = folder.WriteBytes(L"target\\precious", "x");
+    std::optional<FolderLink> link;
+    SUBSTITUTE(GetFileInformationByHandleEx)
+    list([&](HANDLE object, FILE_INFO_BY_HANDLE_CLASS kind, void* data, DWORD bytes) {
+        const BOOL done = list.Original()(object, kind, data, bytes);
+        if (done == FALSE && !link)  // the end of the listing
+        {
+            EXPECT_NE(MoveFileW(inner.c_str(), (folder / L"away").c_str()), FALSE);
+            link.emplace(inner, target);
+            EXPECT_TRUE(link->IsThere());
+        }
+        return done;
+    });
+    try
     {
-        SUBSTITUTE(FindFirstFileW)
-        first([&](const wchar_t* pattern, WIN32_FIND_DATAW* data) { return ++open, first.Original()(pattern, data); });
-        SUBSTITUTE(FindClose) close([&](HANDLE search) { return --open, close.Original()(search); });
-        const auto count = [&] {
-            EXPECT_EQ(open, 0);
-            ++removals;
-        };
-        SUBSTITUTE(DeleteFileW) removeFile([&](const wchar_t* path) { return count(), removeFile.Original()(path); });
-        SUBSTITUTE(RemoveDirectoryW)
-        removeFolder([&](const wchar_t* path) { return count(), removeFolder.Original()(path); });
-        RemoveAll(folder / L"tree");
+        RemoveAll(tree);
     }
-    EXPECT_EQ(removals, 3);
+    catch (const std::filesystem::filesystem_error& error)  // Wine opens what the link leads to
+    {
+        ExpectFileError(error, "remove_all", tree, ERROR_CANT_RESOLVE_FILENAME);
+        EXPECT_EQ(error.path2().wstring(), inner);
+    }
+    EXPECT_TRUE(IsThere(precious));
+}
+
+// Proves: Another program renames a folder while it is emptied => it cannot
+TEST(RemoveAll, FoldersAreHeldWhileTheyAreEmptied)
+{
+    const TemporaryFolder folder;
+    folder.CreateFolder(L"tree\\inner");
+    folder.WriteBytes(L"tree\\inner\\file", "x");
+    std::vector<DWORD> errors;
+    SUBSTITUTE(GetFileInformationByHandleEx)
+    list([&](HANDLE object, FILE_INFO_BY_HANDLE_CLASS kind, void* data, DWORD bytes) {
+        const BOOL done = list.Original()(object, kind, data, bytes);
+        if (done != FALSE)
+        {
+            return done;
+        }
+        for (const wchar_t* name : {L"tree", L"tree\\inner"})
+        {
+            const BOOL isMoved = MoveFileW((folder / name).c_str(), (folder / L"away").c_str());
+            errors.push_back(isMoved != FALSE ? 0 : GetLastError());
+            MoveFileW((folder / L"away").c_str(), (folder / name).c_str());
+        }
+        return done;
+    });
+    RemoveAll(folder / L"tree");
+    EXPECT_THAT(errors, ElementsAre(32, 0, 32, 32));  // both after their own listing
+}
+
+TEST(HoldFolder, KeepsAFolderFromBeingRenamedAndRefusesAFile)
+{
+    const TemporaryFolder folder;
+    const std::wstring held = folder.CreateFolder(L"held");
+    FileHandle handle = HoldFolder(held);
+    EXPECT_TRUE(static_cast<bool>(handle));
+    EXPECT_EQ(MoveFileW(held.c_str(), (held + L"2").c_str()), FALSE);
+    handle.Close();
+    EXPECT_NE(MoveFileW(held.c_str(), (held + L"2").c_str()), FALSE);
+    EXPECT_FALSE(static_cast<bool>(HoldFolder(folder.WriteBytes(L"file", "x"))));
+    EXPECT_FALSE(static_cast<bool>(HoldFolder(held)));
+}
+
+// Proves: Another program writes the installer when it is to be held => it is waited for up to a second
+TEST(HoldFile, WaitsASecondForAnotherProgramThatWrites)
+{
+    const TemporaryFolder folder;
+    const std::wstring path = folder.WriteBytes(L"file", "x");
+    FileHandle writer;
+    int pauses = 0;
+    int pausesOfTheWriter = 100;
+    SUBSTITUTE(Sleep)
+    pause([&](DWORD milliseconds) {
+        EXPECT_EQ(milliseconds, 100u);
+        if (++pauses == pausesOfTheWriter)
+        {
+            writer.Close();
+        }
+    });
+    const auto open = [&] {
+        writer = FileHandle(CreateFileW(path.c_str(), GENERIC_WRITE, 7, nullptr, OPEN_EXISTING, 0, nullptr));
+        pauses = 0;
+    };
+    open();
+    EXPECT_FALSE(static_cast<bool>(HoldFile(path)));
+    EXPECT_EQ(pauses, 10);
+    pausesOfTheWriter = 10;
+    open();
+    const FileHandle held = HoldFile(path);
+    EXPECT_TRUE(static_cast<bool>(held));
+    EXPECT_EQ(MoveFileW(path.c_str(), (folder / L"away").c_str()), FALSE);
+    EXPECT_EQ(DeleteFileW(path.c_str()), FALSE);
+    open();
+    EXPECT_FALSE(static_cast<bool>(writer));
+    EXPECT_FALSE(static_cast<bool>(HoldFile(folder / L"missing")));
+    EXPECT_EQ(pauses, 0);
+}
+
+TEST(IsBelow, ComparesWhereObjectsAre)
+{
+    const TemporaryFolder folder;
+    const std::wstring path = folder.CreateFolder(L"a");
+    const FileHandle outer = HoldFolder(path);
+    const FileHandle inner = HoldFolder(folder.CreateFolder(L"a\\b\\c"));
+    const FileHandle sibling = HoldFolder(folder.CreateFolder(L"ab"));
+    const FileHandle root = HoldFolder(L"C:\\");
+    EXPECT_TRUE(IsBelow(inner.Get(), outer.Get()));
+    EXPECT_TRUE(IsBelow(inner.Get(), root.Get()));
+    EXPECT_FALSE(IsBelow(outer.Get(), outer.Get()));
+    EXPECT_FALSE(IsBelow(outer.Get(), inner.Get()));
+    EXPECT_FALSE(IsBelow(sibling.Get(), outer.Get()));
+    EXPECT_FALSE(IsBelow(INVALID_HANDLE_VALUE, outer.Get()));
+    EXPECT_FALSE(IsBelow(inner.Get(), INVALID_HANDLE_VALUE));
 }
 
 TEST(FileChanges, WorkFarBeyondTheClassicPathLimit)
@@ -318,37 +439,82 @@ TEST(FileChanges, WorkFarBeyondTheClassicPathLimit)
     EXPECT_FALSE(IsThere(folder / L"tree"));
 }
 
+// An object that is removed: its attributes as listed and as its handle tells them.
+struct FakeEntry
+{
+    DWORD listed;
+    DWORD opened;
+};
+
 // Proves: The old folder holds links, deep trees, files that vanish meanwhile => links are removed and not entered, everything else goes
 TEST(RemoveAll, LinksAreRemovedThemselvesAndNotEntered)
 {
-    DWORD top = FILE_ATTRIBUTE_DIRECTORY;
-    DWORD below = 0;
+    constexpr DWORD kFolder = FILE_ATTRIBUTE_DIRECTORY;
+    constexpr DWORD kLink = FILE_ATTRIBUTE_REPARSE_POINT;
+    std::map<std::wstring, FakeEntry> entries;
+    std::vector<std::wstring> open;
     std::vector<std::wstring> calls;
-    SUBSTITUTE(GetFileAttributesW) attributes([&](const wchar_t*) { return top; });
-    SUBSTITUTE(FindFirstFileW)
-    first([&](const wchar_t* pattern, WIN32_FIND_DATAW* data) {
-        calls.push_back(std::wstring(L"list ") + pattern);
-        *data = {};
-        data->dwFileAttributes = below;
-        std::wstring(L"entry").copy(data->cFileName, MAX_PATH);
-        return HANDLE{&calls};
+    const auto pathOf = [&](HANDLE object) { return open.at(reinterpret_cast<size_t>(object) - 1); };
+    SUBSTITUTE(GetFileAttributesW) attributes([&](const wchar_t* path) { return entries.at(path).listed; });
+    SUBSTITUTE(CreateFileW)
+    create([&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES*, DWORD, DWORD flags, HANDLE) {
+        EXPECT_EQ(access & DELETE, DWORD{DELETE});
+        EXPECT_EQ(flags, DWORD{FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS});
+        calls.push_back((share == 3 ? L"hold " : L"open ") + std::wstring(path));
+        open.push_back(path);
+        return reinterpret_cast<HANDLE>(open.size());
     });
-    SUBSTITUTE(FindNextFileW) next([](auto...) { return FailWith(ERROR_NO_MORE_FILES); });
-    SUBSTITUTE(FindClose) close([](HANDLE) { return TRUE; });
-    SUBSTITUTE(DeleteFileW)
-    removeFile([&](const wchar_t* path) { return calls.push_back(std::wstring(L"file ") + path), TRUE; });
-    SUBSTITUTE(RemoveDirectoryW)
-    removeFolder([&](const wchar_t* path) { return calls.push_back(std::wstring(L"folder ") + path), TRUE; });
-
-    below = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
+    SUBSTITUTE(GetFileInformationByHandleEx)
+    information([&](HANDLE object, FILE_INFO_BY_HANDLE_CLASS kind, void* data, DWORD) {
+        if (kind == FileFullDirectoryInfo)
+        {
+            if (calls.back().starts_with(L"list "))
+            {
+                return FailWith(ERROR_NO_MORE_FILES);
+            }
+            calls.push_back(L"list " + pathOf(object));
+            auto* const entry = static_cast<FILE_FULL_DIR_INFO*>(data);
+            *entry = {};
+            entry->FileAttributes = entries.at(L"C:\\t\\entry").listed;
+            entry->FileNameLength = 10;
+            std::memcpy(static_cast<BYTE*>(data) + offsetof(FILE_FULL_DIR_INFO, FileName), L"entry", 10);
+            return TRUE;
+        }
+        if (kind == FileNameInfo)
+        {
+            auto* const name = static_cast<FILE_NAME_INFO*>(data);
+            name->FileNameLength = static_cast<DWORD>(pathOf(object).size() * sizeof(wchar_t));
+            std::memcpy(static_cast<BYTE*>(data) + offsetof(FILE_NAME_INFO, FileName), pathOf(object).data(),
+                        name->FileNameLength);
+            return TRUE;
+        }
+        EXPECT_EQ(kind, FileAttributeTagInfo);
+        static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data)->FileAttributes = entries.at(pathOf(object)).opened;
+        return TRUE;
+    });
+    SUBSTITUTE(GetFileInformationByHandle)
+    volume([](HANDLE, BY_HANDLE_FILE_INFORMATION*) { return TRUE; });
+    SUBSTITUTE(SetFileInformationByHandle)
+    set([&](HANDLE object, auto...) { return calls.push_back(L"remove " + pathOf(object)), TRUE; });
+    SUBSTITUTE(CloseHandle) closeObject([](HANDLE) { return TRUE; });
+    const std::wstring listing[] = {L"hold C:\\t", L"list C:\\t"};
+    for (const auto& [below, opening] : {std::pair(FakeEntry{kFolder | kLink, kFolder | kLink}, L"open C:\\t\\entry"),
+                                         // Became a link after it was listed, and the reverse.
+                                         std::pair(FakeEntry{kFolder, kFolder | kLink}, L"hold C:\\t\\entry"),
+                                         std::pair(FakeEntry{kFolder | kLink, kFolder}, L"open C:\\t\\entry"),
+                                         std::pair(FakeEntry{kLink, kLink}, L"open C:\\t\\entry")})
+    {
+        entries = {{L"C:\\t", {kFolder, kFolder}}, {L"C:\\t\\entry", below}};
+        RemoveAll(L"C:\\t");
+        EXPECT_THAT(std::exchange(calls, {}),
+                    ElementsAre(listing[0], listing[1], opening, L"remove C:\\t\\entry", L"remove C:\\t"));
+    }
+    entries = {{L"C:\\t", {kFolder, kFolder | kLink}}};
     RemoveAll(L"C:\\t");
-    EXPECT_THAT(std::exchange(calls, {}), ElementsAre(L"list C:\\t\\*", L"folder C:\\t\\entry", L"folder C:\\t"));
-    below = FILE_ATTRIBUTE_REPARSE_POINT;
+    EXPECT_THAT(std::exchange(calls, {}), ElementsAre(L"hold C:\\t", L"remove C:\\t"));
+    entries = {{L"C:\\t", {kFolder | kLink, kFolder | kLink}}};
     RemoveAll(L"C:\\t");
-    EXPECT_THAT(std::exchange(calls, {}), ElementsAre(L"list C:\\t\\*", L"file C:\\t\\entry", L"folder C:\\t"));
-    top = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
-    RemoveAll(L"C:\\link");
-    EXPECT_THAT(calls, ElementsAre(L"folder C:\\link"));
+    EXPECT_THAT(calls, ElementsAre(L"open C:\\t", L"remove C:\\t"));
 }
 }  // namespace
 }  // namespace repair

@@ -67,7 +67,7 @@ TEST_F(InstallSequence, RunsItsStepsInOrder)
     machine_.products[kDvr] = {L"C:\\d.msi"};
     machine_.products[kPxl] = {L"C:\\p.msi"};
     const std::wstring folder = machine_.ExtractionFolder();
-    EXPECT_EQ(RunInstallSequence(L"C:\\My Files\\dwx2_install.exe", false), 0);
+    EXPECT_EQ(RunInstallSequence(HeldInstaller(L"C:\\My Files\\dwx2_install.exe"), false), 0);
     std::vector<std::wstring> steps = {
         L"no interface",
         L"run C:\\My Files\\dwx2_install.exe | /NCRC /S -EXTRACTONLY=YES /D=" + folder + L" | " + folder,
@@ -104,7 +104,7 @@ TEST_F(InstallSequence, LogsEveryRemovalAndEveryInstallation)
     machine_.packageResults[L"C:\\d.msi"] = 1605;
     machine_.packageResults[Main()] = 3010;
     machine_.packageResults[Pxl()] = 1619;
-    EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", false), 0);
+    EXPECT_EQ(RunInstallSequence(HeldInstaller(L"C:\\i.exe"), false), 0);
     EXPECT_THAT(OwnLines(),
                 ElementsAre(L"Uninstalling installed Halden C:\\h.msi", L"\tResult = 3010",
                             L"Uninstalling installed DVR C:\\d.msi", L"\tResult = 1605",
@@ -138,7 +138,7 @@ TEST_F(InstallSequence, InstallsTheComponentsThatWereThereOrAllThatAreWanted)
         {
             machine_.products[families.at(product)] = {L"C:\\" + std::wstring(1, static_cast<wchar_t>(product))};
         }
-        EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", areAllWanted), 0);
+        EXPECT_EQ(RunInstallSequence(HeldInstaller(L"C:\\i.exe"), areAllWanted), 0);
         std::vector<std::wstring> expected;
         for (const std::string& step : steps)
         {
@@ -153,7 +153,7 @@ TEST_F(InstallSequence, EndsBeforeAnythingIsStoppedOrRemovedWithoutTheMainPackag
 {
     machine_.Unpacks(L"\\HL\\pxl64\\PXL64.msi");
     machine_.products[kHalden] = {L"C:\\h.msi"};
-    EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", true), 2);
+    EXPECT_EQ(RunInstallSequence(HeldInstaller(L"C:\\i.exe"), true), 2);
     EXPECT_THAT(machine_.steps, ElementsAre(L"no interface", StartsWith(L"run C:\\i.exe | "), L"wait 4294967295"));
     EXPECT_THAT(OwnLines(), ElementsAre(L"Unable to find " + Main() + L"."));
 }
@@ -162,7 +162,7 @@ TEST_F(InstallSequence, EndsBeforeAnythingIsStoppedOrRemovedWithoutTheMainPackag
 TEST_F(InstallSequence, EndsWithAMissingMainPackageWhenTheInstallerDoesNotStart)
 {
     machine_.startErrors[L"C:\\i.exe"] = 5;
-    EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", false), 2);
+    EXPECT_EQ(RunInstallSequence(HeldInstaller(L"C:\\i.exe"), false), 2);
     EXPECT_THAT(log_.Lines(), ElementsAre(StartsWith(L"Launching process C:\\i.exe /NCRC /S -EXTRACTONLY=YES /D="),
                                           L"Unable to find " + Main() + L"."));
 }
@@ -172,7 +172,7 @@ TEST_F(InstallSequence, ReturnsTheFailureOfTheMainPackageAndInstallsTheOthers)
 {
     machine_.UnpacksMainPackage();
     machine_.packageResults[Main()] = 1603;
-    EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", true), 1603);
+    EXPECT_EQ(RunInstallSequence(HeldInstaller(L"C:\\i.exe"), true), 1603);
     EXPECT_THAT(machine_.StepsOf(L"install"), SizeIs(3));
     EXPECT_THAT(log_.Lines(), Contains(L"\tResult = 1603"));
     EXPECT_EQ(machine_.steps.back(), L"notify");
@@ -186,7 +186,7 @@ TEST_F(InstallSequence, PassesOverTheFailureOfTheInstallerAndOfTheOtherPackages)
     machine_.exitCodes[L"C:\\i.exe"] = 1;
     machine_.packageResults[Dvr()] = 1619;
     machine_.packageResults[Pxl()] = 1603;
-    EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", true), 0);
+    EXPECT_EQ(RunInstallSequence(HeldInstaller(L"C:\\i.exe"), true), 0);
 }
 
 // Proves: The user chose a folder => all packages go there
@@ -201,7 +201,7 @@ TEST_F(InstallSequence, InstallsEveryPackageIntoTheUsersOwnFolder)
     registry_.SetString(L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\", L"InstallDir", L"D:\\My Tavik");
     machine_.UnpacksMainPackage();
     machine_.products[kHalden] = {L"C:\\h.msi"};
-    RunInstallSequence(L"C:\\i.exe", true);
+    RunInstallSequence(HeldInstaller(L"C:\\i.exe"), true);
     const std::wstring custom = kInstall + L" INSTALLDIR=\"D:\\My Tavik\"";
     EXPECT_THAT(machine_.StepsOf(L"install"), ElementsAre(Removal(L"C:\\h.msi"), L"install " + Main() + custom,
                                                           L"install " + Dvr() + custom, L"install " + Pxl() + custom));
@@ -216,15 +216,27 @@ TEST_F(InstallSequence, SecuresAndEmptiesTheFolderBeforeTheInstallerRuns)
         EXPECT_FALSE(Exists(machine_.ExtractionFolder() + L"\\planted.dll"));
         EXPECT_TRUE(Exists(machine_.ExtractionFolder() + L"\\~.tmp"));
     };
-    EXPECT_EQ(RunInstallSequence(L"C:\\i.exe", false), 2);
+    EXPECT_EQ(RunInstallSequence(HeldInstaller(L"C:\\i.exe"), false), 2);
+}
+
+// Proves: The installer is inside the extraction folder => it is removed with it, and its start fails
+TEST_F(InstallSequence, InstallerInTheExtractionFolderGoesWithIt)
+{
+    CreateDirectories(machine_.ExtractionFolder() + L"\\deeper");
+    const std::wstring installer =
+        machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload\\LPInstaller\\deeper\\setup.exe", "x");
+    bool wasThere = true;
+    machine_.onRun = [&] { wasThere = Exists(installer); };
+    EXPECT_EQ(RunInstallSequence(HeldInstaller(installer), false), 2);
+    EXPECT_FALSE(wasThere);
 }
 
 // Proves: An exception, through the guard => logged with its text, result -1
 TEST_F(InstallSequence, GuardTurnsAnExceptionIntoALineAndMinusOne)
 {
     machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload", "in the way");
-    const std::string error = FileErrorOf([] { RunInstallSequence(L"C:\\i.exe", false); }).what();
-    EXPECT_EQ(InstallWithExceptionGuard(L"C:\\i.exe"), -1);
+    const std::string error = FileErrorOf([] { RunInstallSequence(HeldInstaller(L"C:\\i.exe"), false); }).what();
+    EXPECT_EQ(InstallWithExceptionGuard(HeldInstaller(L"C:\\i.exe")), -1);
     EXPECT_THAT(log_.Lines(),
                 ElementsAre(L"\tException occured during installation. " + std::wstring(error.begin(), error.end())));
     EXPECT_THAT(machine_.StepsOf(L"run"), IsEmpty());
@@ -234,7 +246,7 @@ TEST_F(InstallSequence, GuardTurnsAnExceptionIntoALineAndMinusOne)
 TEST_F(InstallSequence, GuardLetsOtherExceptionsThrough)
 {
     machine_.onRun = [] { throw 5; };
-    EXPECT_THROW(InstallWithExceptionGuard(L"C:\\i.exe"), int);
+    EXPECT_THROW(InstallWithExceptionGuard(HeldInstaller(L"C:\\i.exe")), int);
     EXPECT_THAT(log_.Lines(), Each(Not(StartsWith(L"\tException"))));
 }
 
@@ -243,7 +255,7 @@ TEST_F(InstallSequence, GuardInstallsOnlyWhatWasThereAndPassesTheResult)
 {
     machine_.UnpacksMainPackage();
     machine_.packageResults[Main()] = 1618;
-    EXPECT_EQ(InstallWithExceptionGuard(L"C:\\i.exe"), 1618);
+    EXPECT_EQ(InstallWithExceptionGuard(HeldInstaller(L"C:\\i.exe")), 1618);
     EXPECT_THAT(machine_.StepsOf(L"install"), SizeIs(1));
 }
 }  // namespace

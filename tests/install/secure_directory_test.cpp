@@ -4,14 +4,18 @@
 #include <aclapi.h>
 #include <wtsapi32.h>
 
+#include <optional>
+
 #include "support/error_matcher.h"
+#include "support/folder_link.h"
 #include "support/log_capture.h"
+#include "support/real_windows.h"
 #include "support/temporary_folder.h"
 #include "support/test.h"
 
-IMPORTED(CreateDirectoryW, CreateFileW, InitializeSecurityDescriptor, LocalAlloc, LocalFree, ProcessIdToSessionId,
-         SetEntriesInAclW, SetSecurityDescriptorControl, SetSecurityDescriptorDacl, WTSFreeMemory,
-         WTSQuerySessionInformationW)
+IMPORTED(CloseHandle, CreateDirectoryW, CreateFileW, GetSecurityInfo, InitializeSecurityDescriptor, LocalAlloc,
+         LocalFree, ProcessIdToSessionId, SetEntriesInAclW, SetFileInformationByHandle, SetSecurityDescriptorControl,
+         SetSecurityDescriptorDacl, WTSFreeMemory, WTSQuerySessionInformationW)
 
 namespace repair
 {
@@ -48,6 +52,7 @@ protected:
     std::vector<std::string> calls_;
     std::vector<SeenEntry> entries_;
     std::vector<HANDLE> markers_;
+    std::vector<bool> owners_;  // of each folder: the administrators, or none
     Failures failures_;
     ACL* list_ = nullptr;
     RECORD(LocalFree) freed_;
@@ -129,6 +134,12 @@ protected:
             EXPECT_EQ(LocalSize(security->lpSecurityDescriptor), 40u);
             EXPECT_NE(GetSecurityDescriptorDacl(security->lpSecurityDescriptor, &present, &list, &defaulted), FALSE);
             EXPECT_EQ(std::tuple(present, defaulted, list), std::tuple(TRUE, FALSE, list_));
+            PSID owner = nullptr;
+            EXPECT_NE(GetSecurityDescriptorOwner(security->lpSecurityDescriptor, &owner, &defaulted), FALSE);
+            const bool isAdministrators =
+                owner != nullptr && IsWellKnownSid(owner, WinBuiltinAdministratorsSid) != FALSE;
+            EXPECT_TRUE(isAdministrators || owner == nullptr);
+            owners_.push_back(isAdministrators);
         }
         return security != nullptr && failures_.folder != 0 ? FailWith(failures_.folder)
                                                             : createFolder_.Original()(path, nullptr);
@@ -195,6 +206,95 @@ TEST_F(SecureDirectoryTest, RemovesWhatAnEarlierRunLeft)
     parent_.WriteBytes(L"Tavik\\LPInstaller\\HL\\halden\\planted.msi", "x");
     EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
     EXPECT_FALSE(Exists(folder_ + L"\\HL"));
+    EXPECT_TRUE(Exists(folder_ + L"\\~.tmp"));
+}
+
+// --- Swaps
+// Proves: The folder gets its owner => the administrators; where the process may not set them, none as before
+TEST_F(SecureDirectoryTest, AdministratorsOwnTheFolderWhereTheProcessMaySetThem)
+{
+    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
+    EXPECT_THAT(std::exchange(owners_, {}), ElementsAre(true));
+    CloseHandle(markers_.back());
+    markers_.clear();
+    SUBSTITUTE(CreateDirectoryW)
+    create([&](const wchar_t* path, SECURITY_ATTRIBUTES* security) {
+        const BOOL isMade = createFolder_.Original()(path, nullptr);
+        PSID owner = nullptr;
+        BOOL defaulted = FALSE;
+        GetSecurityDescriptorOwner(security->lpSecurityDescriptor, &owner, &defaulted);
+        owners_.push_back(owner != nullptr);
+        if (owner != nullptr)
+        {
+            RemoveDirectoryW(path);
+            return FailWith(ERROR_INVALID_OWNER);
+        }
+        return isMade;
+    });
+    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
+    EXPECT_THAT(owners_, ElementsAre(true, false));
+    EXPECT_TRUE(Exists(folder_ + L"\\~.tmp"));
+}
+
+// Proves: The extraction folder is replaced by a link before the marker is in it => it is prepared once more; the marker is in the new folder
+TEST_F(SecureDirectoryTest, IsPreparedOnceMoreIfALinkReplacesIt)
+{
+    ONLY_ON_WINE("the host moves the open folder away");
+    const std::wstring target = parent_.CreateFolder(L"target");
+    calls_.clear();
+    std::optional<FolderLink> link;
+    SUBSTITUTE(CreateFileW)
+    create([&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,
+               DWORD flags, HANDLE model) {
+        if (creation == CREATE_ALWAYS && calls_.size() < 4)
+        {
+            link.emplace(folder_, target);
+            EXPECT_TRUE(link->IsThere());
+        }
+        const HANDLE file = create.Original()(path, access, share, security, creation, flags, model);
+        if (creation == CREATE_ALWAYS)
+        {
+            calls_.push_back("marker");
+            markers_ = {file};
+        }
+        return file;
+    });
+    // The link is removed as Windows removes it.
+    SUBSTITUTE(SetFileInformationByHandle) set([&](auto...) { return link.reset(), TRUE; });
+    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
+    EXPECT_THAT(calls_, ElementsAre("entries", "plain folder", "secured folder", "marker", "secured folder", "marker"));
+    EXPECT_FALSE(IsLink(folder_));
+    EXPECT_TRUE(Exists(folder_ + L"\\~.tmp"));
+    EXPECT_FALSE(Exists(target + L"\\~.tmp"));
+}
+
+// Proves: Another user's folder is in the place of the new one => it is prepared once more, and not a third time
+TEST_F(SecureDirectoryTest, IsPreparedOnceMoreIfAnotherUserOwnsIt)
+{
+    BYTE everyone[SECURITY_MAX_SID_SIZE] = {};
+    DWORD size = sizeof(everyone);
+    CreateWellKnownSid(WinWorldSid, nullptr, everyone, &size);
+    int folders = 0;
+    SUBSTITUTE(GetSecurityInfo)
+    information([&](HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMATION what, PSID* owner, PSID* group, ACL** list,
+                    ACL** audit, PSECURITY_DESCRIPTOR* descriptor) {
+        const DWORD result = information.Original()(object, type, what, owner, group, list, audit, descriptor);
+        if (object != markers_.back())
+        {
+            ++folders;
+            *owner = everyone;
+        }
+        return result;
+    });
+    SUBSTITUTE(CloseHandle)
+    close([&](HANDLE handle) {
+        std::erase(markers_, handle);
+        return close.Original()(handle);
+    });
+    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
+    EXPECT_EQ(folders, 1);
+    EXPECT_THAT(calls_, ElementsAre("entries", "plain folder", "secured folder", "marker", "secured folder", "marker"));
+    EXPECT_THAT(markers_, testing::SizeIs(1));
     EXPECT_TRUE(Exists(folder_ + L"\\~.tmp"));
 }
 

@@ -1,0 +1,10 @@
+// Protection against links that other users plant.
+#pragma once
+
+namespace repair
+{
+// As the system account only, whose temporary folder every user may write to: from now on the process does not follow
+// junctions made by users without administrator rights. Does nothing on a Windows without this. Never throws, logs
+// nothing.
+void GuardAgainstRedirection() noexcept;
+}  // namespace repair
