@@ -92,6 +92,22 @@ def test_crash_of_a_thread_of_the_system_ends_the_run(lab):
     assert result.store_left == [CORVEL]
 
 
+# A library of Windows that is damaged or missing
+
+OVERRIDES = r"HKCU\Software\Wine\AppDefaults\TavikCompatibilityTool.exe\DllOverrides"
+
+
+# Proves: A library or function that is loaded at its first call is missing => the run ends at once with code 3, as after any error that is not caught
+@pytest.mark.parametrize("missing", ["function", "library"])
+@pytest.mark.parametrize("name, log", [("msi", [*opening(), *inventory()]), ("wtsapi32", until_found())])
+def test_missing_library_or_function_ends_the_run(lab, name, log, missing):
+    """wtsapi32 is called inside a guard for exceptions."""
+    path = rf"C:\windows\system32\{name}.dll"
+    change = {"files": {path: {"program": "planted_dll.dll"}}} if missing == "function" else {"remove": [path]}
+    lab.run(with_debugger(found(registry={OVERRIDES: {name: "native"}}, **change)))
+    check_end(lab, log, after=UNTOUCHED)
+
+
 # No memory left
 
 # Proves: An error that is not caught

@@ -89,10 +89,12 @@ def test_folder_of_more_than_260_characters(lab, temp, answers, own, place):
     assert lab.result.file(place + r"\dwx2_install.exe").exists() and lab.result.file(place + r"\LPInstaller").is_dir()
 
 
-NO_FOLDERS = [("Q:\\Temp", {}), ("C:\\blocked", {r"C:\blocked": "a file"}), ("C:\\blocked\\deep\\er", {r"C:\blocked": "a file"})]
+NO_FOLDERS = [("Q:\\Temp", {}), ("C:\\blocked", {r"C:\blocked": "a file"}), ("C:\\blocked\\deep\\er", {r"C:\blocked": "a file"}),
+              ("C:\\Jürgen ☃", {"C:\\Jürgen ☃": "a file"})]  # the log shows the name as it is
 
 
-@pytest.mark.parametrize("temp, files", NO_FOLDERS, ids=["no such drive", "a file", "below a file"])
+# Proves: A line shows the text of an exception, with paths and system texts in any language
+@pytest.mark.parametrize("temp, files", NO_FOLDERS, ids=["no such drive", "a file", "below a file", "other letters"])
 def test_no_folder_to_download_to(lab, temp, files):
     lab.run(moved(temp, files=files))
     check(lab, outcome="download-file-in-the-way", requests=[], after={"files": list(files)},
@@ -100,7 +102,7 @@ def test_no_folder_to_download_to(lab, temp, files):
                NOT_DOWNLOADED])
 
 
-@pytest.mark.parametrize("temp, files", [NO_FOLDERS[0], NO_FOLDERS[2]], ids=["no such drive", "below a file"])
+@pytest.mark.parametrize("temp, files", [NO_FOLDERS[0], *NO_FOLDERS[2:]], ids=["no such drive", "below a file", "other letters"])
 def test_no_folder_to_unpack_to(lab, temp, files):
     lab.run(moved(temp, **found(files=files)))
     check(lab, outcome="folder-not-prepared", after={"files": list(files)}, log=[

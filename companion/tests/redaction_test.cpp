@@ -51,6 +51,19 @@ TEST(Redaction, ANameIsReplacedEverywhereInAnyLetterCase)
                 ElementsAre("\\\\<machine1>\\share <user1> <user2> büro-pcx"));
 }
 
+TEST(Redaction, ANameInTheTextOfAnExceptionIsReplaced)
+{
+    EXPECT_THAT(
+        Redacted({"\tException occured during installation. filesystem error: create_directories: Access denied "
+                  "[C:\\Users\\Jürgen\\x]",
+                  "\tException occured during installation. filesystem error: remove_all: Access denied "
+                  "[D:\\JÜRGEN] [D:\\JÜRGEN\\x]"}),
+        ElementsAre("\tException occured during installation. filesystem error: create_directories: Access denied "
+                    "[C:\\Users\\<user1>\\x]",
+                    "\tException occured during installation. filesystem error: remove_all: Access denied "
+                    "[D:\\<user1>] [D:\\<user1>\\x]"));
+}
+
 TEST(Redaction, NamesThatIdentifyNoPersonStay)
 {
     const std::vector<std::string> lines = {"C:\\Users\\Public\\x",   "C:\\Users\\Default User\\x",

@@ -108,6 +108,17 @@ def test_all_logs_without_names(desk):
     assert sorted(item.name for item in bundle.parent.iterdir()) == ["TavikToolLogs.jsonl", "TavikToolLogs.zip"]
 
 
+def test_a_name_in_the_text_of_an_exception_is_replaced(desk):
+    """The tool cannot make a folder below a file of that name, and logs why."""
+    temp = "C:\\Jürgen"
+    result = run(Machine(found(registry={r"HKCU\Environment": {"TMP": temp, "TEMP": temp}}, files={temp: "a file"})), "-SILENT")
+    assert [line for line in result.log if "create_directories" in line and f" [{temp}\\" in line] == [result.log[-1]]
+    desk.put(rf"C:\foreign\{NAME}", utf16(result.log))
+    assert desk.run("collect", r"C:\foreign", "--from", r"C:\foreign", "--name", "Jürgen")[0] == 0
+    with zipfile.ZipFile(desk.prefix.windows_path(r"C:\foreign\TavikToolLogs.zip")) as archive:
+        assert archive.read(NAME).decode().splitlines()[-1] == result.log[-1].replace("Jürgen", "<user1>")
+
+
 def test_logs_of_another_folder(desk):
     says = "TavikToolCompanion: there are no logs in C:\\nowhere: name another folder with --from\n"
     assert desk.run("collect", r"C:\other", "--from", r"C:\nowhere") == (1, "", says)

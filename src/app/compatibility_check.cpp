@@ -31,8 +31,10 @@ bool EqualNoCase(const std::wstring& a, const std::wstring& b)
 // False if another instance holds the event.
 bool TakeInstanceEvent(Run& run)
 {
-    run.instanceEvent = EventHandle(CreateEventW(nullptr, TRUE, FALSE, kInstanceEvent));
-    return GetLastError() != ERROR_ALREADY_EXISTS;
+    const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, kInstanceEvent);
+    const DWORD error = GetLastError();
+    run.instanceEvent = EventHandle(event);
+    return error != ERROR_ALREADY_EXISTS;
 }
 
 std::list<DisplayDriverInfo> ListDrivers()

@@ -10,6 +10,7 @@
 #include "base/held_installer.h"
 #include "base/log.h"
 #include "base/registry.h"
+#include "base/text.h"
 #include "install/constants.h"
 #include "install/install_sequence.h"
 #include "install/msi_products.h"
@@ -83,7 +84,7 @@ std::int32_t RunDirectInstall(std::wstring installerPath)
     }
     catch (const std::exception& error)
     {
-        LogLine(L"\tException occured during installation. %hs", error.what());
+        LogLine(L"\tException occured during installation. %s", ExceptionText(error).c_str());
         ShowResultMessage(window, kMessageUpdateFailed);  // shown whatever the switches say
         StopStatusWindow(window);
         return -1;

@@ -3,6 +3,7 @@
 #include <exception>
 
 #include <windows.h>
+#include <delayimp.h>
 
 #include "app/compatibility_check.h"
 #include "app/direct_install.h"
@@ -29,6 +30,13 @@ LONG WINAPI EndQuietlyOnSystemException(EXCEPTION_POINTERS*)
     EndQuietly();
 }
 
+// A delay-loaded library or function is missing. Without this, the helper raises an exception through stubs that the
+// system cannot unwind, so no handler of ours is sure to be reached.
+FARPROC WINAPI EndQuietlyWithoutFunction(unsigned, PDelayLoadInfo)
+{
+    EndQuietly();
+}
+
 int RunTool()
 {
     using namespace repair;
@@ -47,11 +55,15 @@ int RunTool()
 }
 }  // namespace
 
+// Called by the compiler's delay-load helper.
+decltype(__pfnDliFailureHook2) __pfnDliFailureHook2 = EndQuietlyWithoutFunction;
+
 int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, wchar_t*, int)
 {
     // Before any delay-loaded library, so that none is loaded from the folder of the tool.
     SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
     repair::GuardAgainstRedirection();
+    SetThreadErrorMode(SEM_FAILCRITICALERRORS, nullptr);  // an empty drive is an error code, not a box of the system
     std::set_terminate(EndQuietly);
     SetUnhandledExceptionFilter(EndQuietlyOnSystemException);
 

@@ -11,6 +11,7 @@
 #include "app/switches.h"
 #include "base/held_installer.h"
 #include "base/log.h"
+#include "base/text.h"
 #include "install/install_sequence.h"
 #include "store/store_install.h"
 #include "store/store_packages.h"
@@ -45,7 +46,7 @@ HeldInstaller Download(const std::wstring& release)
     }
     catch (const std::exception& error)
     {
-        LogLine(L"\tException occured during the download of dwx2_install.exe. %hs", error.what());
+        LogLine(L"\tException occured during the download of dwx2_install.exe. %s", ExceptionText(error).c_str());
         return {};
     }
 }

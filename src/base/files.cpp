@@ -1,6 +1,7 @@
 #include "base/files.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <system_error>
 #include <utility>
@@ -58,6 +59,18 @@ FileHandle OpenForAttributes(const std::wstring& path)
     return FileHandle(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
                                   FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+}
+
+// Removes a link whose target does not exist. Returns whether it did. A target that only cannot be reached stays
+// linked.
+bool RemoveDeadLink(const std::wstring& path)
+{
+    if ((GetFileAttributesW(path.c_str()) & FILE_ATTRIBUTE_REPARSE_POINT) == 0 || OpenForAttributes(path))
+    {
+        return false;
+    }
+    const DWORD error = GetLastError();
+    return (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) && RemoveDirectoryW(path.c_str()) != 0;
 }
 
 std::wstring WithoutTrailingSeparators(std::wstring path)
@@ -221,7 +234,7 @@ void CreateDirectories(const std::wstring& path)
 {
     std::vector<std::wstring> missing;  // deepest first
     std::wstring current = WithoutTrailingSeparators(path);
-    while (!IsFolder(current))
+    while (!IsFolder(current) || RemoveDeadLink(current))
     {
         missing.push_back(current);
         std::wstring parent = std::filesystem::path(current).parent_path().wstring();
@@ -380,13 +393,15 @@ bool Exists(const std::wstring& path)
 
 bool FileExists(const std::wstring& path)
 {
-    return Exists(path) && !IsFolder(path);
+    return ExistenceError(path) == ERROR_SUCCESS && !IsFolder(path);
 }
 
 bool SameObject(const std::wstring& first, const std::wstring& second)
 {
     const std::wstring* paths[] = {&first, &second};
     BY_HANDLE_FILE_INFORMATION information[std::size(paths)] = {};
+    FILE_ID_INFO longIds[std::size(paths)] = {};
+    bool haveLongIds = true;
     FileHandle files[std::size(paths)];  // both open while the ids are compared: an id can be reused after closing
     for (size_t i = 0; i < std::size(paths); ++i)
     {
@@ -395,6 +410,11 @@ bool SameObject(const std::wstring& first, const std::wstring& second)
         {
             ThrowFileError("equivalent", *paths[i], GetLastError());
         }
+        haveLongIds &= GetFileInformationByHandleEx(files[i].Get(), FileIdInfo, &longIds[i], sizeof(longIds[i])) != 0;
+    }
+    if (haveLongIds)  // on ReFS the ids of 64 bits are not unique
+    {
+        return std::memcmp(&longIds[0], &longIds[1], sizeof(longIds[0])) == 0;
     }
     return information[0].dwVolumeSerialNumber == information[1].dwVolumeSerialNumber &&
            information[0].nFileIndexHigh == information[1].nFileIndexHigh &&

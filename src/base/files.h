@@ -16,7 +16,8 @@ namespace repair
 // Throws std::filesystem::filesystem_error with the operation, the path and the Win32 code.
 [[noreturn]] void ThrowFileError(const char* operation, const std::wstring& path, DWORD code);
 
-// Creates a folder and all missing parents; an existing folder is fine. Throws for "create_directories".
+// Creates a folder and all missing parents; an existing folder is fine, and so is a link to one. A link whose target
+// does not exist is replaced by a folder. Throws for "create_directories".
 void CreateDirectories(const std::wstring& path);
 
 // Removes a file or an empty folder; an absent one is no error. Throws for "remove".
@@ -47,7 +48,8 @@ bool IsBelow(HANDLE object, HANDLE folder, DWORD spelling = FILE_NAME_OPENED);
 // error other than absence.
 bool Exists(const std::wstring& path);
 
-// True if an object other than a folder exists there. Throws like Exists.
+// True if an object other than a folder exists there. False if that cannot be examined, for instance because a card
+// reader is empty or a share is gone. Does not throw.
 bool FileExists(const std::wstring& path);
 
 // True if both paths lead to the same object on the same volume, however they are spelled. Throws for "equivalent" if

@@ -9,7 +9,8 @@ namespace repair
 // Folder of the log files, with a trailing backslash, on the drive that holds the Windows directory.
 std::wstring GetLogFolder();
 
-// Appends one finished line: its characters, then a line feed. The first call creates the folder and the file. Throws
+// Appends one finished line: its characters, then a line feed. The first call creates the folder and the file; a link
+// that leads nowhere in the place of the folder, or of one above it, is replaced by a folder. Throws
 // std::filesystem::filesystem_error ("create_directories") if the folder cannot be created; the next call tries again.
 // A file that cannot be created or written is ignored.
 void WriteLog(std::wstring_view line);

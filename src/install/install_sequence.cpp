@@ -12,6 +12,7 @@
 
 #include "base/files.h"
 #include "base/log.h"
+#include "base/text.h"
 #include "install/component_stop.h"
 #include "install/constants.h"
 #include "install/msi_products.h"
@@ -112,7 +113,7 @@ std::int32_t InstallWithExceptionGuard(HeldInstaller installer)
     }
     catch (const std::exception& error)
     {
-        LogLine(L"\tException occured during installation. %hs", error.what());
+        LogLine(L"\tException occured during installation. %s", ExceptionText(error).c_str());
         return -1;
     }
 }

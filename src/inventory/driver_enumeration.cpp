@@ -105,8 +105,8 @@ bool ReadActiveRelease(DisplayDriverInfo& record)
     }
     catch (const std::exception& error)
     {
-        LogLine(L"Unable to find ReleaseVersion regkey for [%s] - [%s]. %hs", record.description.c_str(),
-                record.instanceId.c_str(), error.what());
+        LogLine(L"Unable to find ReleaseVersion regkey for [%s] - [%s]. %s", record.description.c_str(),
+                record.instanceId.c_str(), ExceptionText(error).c_str());
         return false;
     }
 }

@@ -44,27 +44,50 @@ bool IsOneLine(std::wstring_view text)
 constexpr char kEndOfText = '\x1A';  // ends a text file, for SetupAPI too
 constexpr std::string_view kLineEnds = "\n\x1A";
 
-// Index of the first "[" or end of the text, or the size if there is none. Scans whole groups first, because the
-// compiler then compares sixteen bytes at once; that shows in INF files of megabytes.
-size_t FindMark(std::string_view text)
+// True for a "[" that begins a line, and for the end of the text.
+bool IsMark(char before, char byte)
 {
-    constexpr size_t kGroup = 512;
-    size_t at = 0;
-    char found = 0;
-    while (found == 0 && at + kGroup <= text.size())
-    {
-        const char* const group = text.data() + at;
-        for (size_t i = 0; i < kGroup; ++i)
-        {
-            found = static_cast<char>(found | (group[i] == '[') | (group[i] == kEndOfText));
-        }
-        at += found == 0 ? kGroup : 0;
-    }
-    while (at < text.size() && text[at] != '[' && text[at] != kEndOfText)
+    return (byte == '[' && before == '\n') || byte == kEndOfText;
+}
+
+size_t StepToMark(std::string_view text, size_t at, size_t end)
+{
+    while (at < end && !IsMark(text[at - 1], text[at]))
     {
         ++at;
     }
     return at;
+}
+
+// Index of the first mark, or the size if there is none; `before` is the byte before the text, which is not empty.
+// Scans whole groups, because the compiler then compares sixteen bytes at once; that shows in INF files of megabytes.
+// Marks that follow each other closely are found without a group, or each would cost the scan of one.
+size_t FindMark(char before, std::string_view text)
+{
+    constexpr size_t kClose = 64;
+    constexpr size_t kGroup = 512;
+    if (IsMark(before, text.front()))
+    {
+        return 0;
+    }
+    const size_t closeEnd = std::min(kClose, text.size());
+    size_t at = StepToMark(text, 1, closeEnd);
+    if (at < closeEnd)
+    {
+        return at;
+    }
+    char found = 0;
+    while (found == 0 && at + kGroup <= text.size())
+    {
+        const char* const group = text.data() + at;
+        const char* const previous = group - 1;
+        for (size_t i = 0; i < kGroup; ++i)
+        {
+            found = static_cast<char>(found | ((group[i] == '[') & (previous[i] == '\n')) | (group[i] == kEndOfText));
+        }
+        at += found == 0 ? kGroup : 0;
+    }
+    return StepToMark(text, at, text.size());
 }
 
 // Collects the section headers of a text file that arrives in blocks of bytes. CR LF is one line end, as in text mode.
@@ -87,22 +110,19 @@ public:
     }
 
 private:
-    // Passes over bytes up to and with the next "[", which begins a header at the start of a line. Returns their
-    // number.
+    // Passes over bytes up to and with the "[" that begins the next header. Returns their number.
     size_t SkipToHeader(std::string_view bytes)
     {
-        const size_t mark = FindMark(bytes);
-        const char before = mark == 0 ? lastByte_ : bytes[mark - 1];
+        const size_t mark = FindMark(lastByte_, bytes);
         if (mark == bytes.size())
         {
-            lastByte_ = before;
+            lastByte_ = bytes.back();
             return mark;
         }
-        lastByte_ = bytes[mark];
-        ended_ = lastByte_ == kEndOfText;
-        if (!ended_ && before == '\n')
+        ended_ = bytes[mark] == kEndOfText;
+        if (!ended_)
         {
-            line_ = lastByte_;
+            line_ = bytes[mark];
         }
         return mark + 1;
     }

@@ -39,6 +39,7 @@ Reference<abi::IInitializeWithWindow> AskForWindowInterface(abi::IStoreContext* 
 
 std::int32_t RequestStoreInstall(HWND owner)
 {
+    DropErrorObject();  // of whatever the thread has done before
     const Reference<abi::IStoreContext> context = GetDefaultContext();
     const Reference<abi::IInitializeWithWindow> withWindow = AskForWindowInterface(context.Get());
     if (!withWindow)

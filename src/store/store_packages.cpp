@@ -20,6 +20,7 @@ std::atomic<abi::IActivationFactory*> packageManagerFactory = nullptr;
 
 Reference<abi::IPackageManager> CreatePackageManager()
 {
+    DropErrorObject();  // of whatever the thread has done before
     abi::IActivationFactory* const factory = CachedFactory(packageManagerFactory, abi::kPackageManagerClass);
     const auto instance = Receive<abi::IInspectable>([&](auto** made) { return factory->ActivateInstance(made); });
     return QueryFor<abi::IPackageManager>(instance.Get());
@@ -40,7 +41,7 @@ Reference<abi::IPackageId> GetPackageId(abi::IPackage* package)
 {
     if (package == nullptr)
     {
-        ThrowWinrtError(E_POINTER);
+        ThrowOwnError(E_POINTER);
     }
     return Receive<abi::IPackageId>([&](auto** id) { return package->get_Id(id); });
 }

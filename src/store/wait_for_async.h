@@ -27,7 +27,7 @@ public:
         EventHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
         if (!event)
         {
-            ThrowWinrtError(HRESULT_FROM_WIN32(GetLastError()));
+            ThrowOwnError(HRESULT_FROM_WIN32(GetLastError()));
         }
         return Reference<CompletedHandler>(new CompletedHandler(std::move(event)));
     }
@@ -68,7 +68,7 @@ Reference<typename Identity::Result> WaitForAsync(abi::IAsyncOperation<Identity>
     }
     if (status == abi::AsyncStatus::kCanceled)
     {
-        ThrowWinrtError(kCanceledError);
+        ThrowOwnError(kCanceledError);
     }
     return Receive<typename Identity::Result>([&](auto** result) { return operation->GetResults(result); });
 }

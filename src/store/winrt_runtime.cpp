@@ -108,19 +108,24 @@ std::wstring SystemText(HRESULT code)
     return text == nullptr ? std::wstring() : WithoutTrailingBlanks(std::wstring(text, length));
 }
 
+// Takes the thread's error object; null if there is none.
+Reference<IErrorInfo> TakeErrorObject()
+{
+    IErrorInfo* information = nullptr;
+    const bool isThere =
+        AutomationLibrary().getErrorInfo != nullptr && AutomationLibrary().getErrorInfo(0, &information) == S_OK;
+    return isThere ? Reference<IErrorInfo>(information) : Reference<IErrorInfo>();
+}
+
 // Sets `message` from the thread's error object. Returns false if there is none or it describes another failure.
 bool DescribeByErrorObject(HRESULT code, std::wstring& message)
 {
-    if (AutomationLibrary().getErrorInfo == nullptr)
+    const Reference<IErrorInfo> owner = TakeErrorObject();
+    if (!owner)
     {
         return false;
     }
-    IErrorInfo* information = nullptr;
-    if (AutomationLibrary().getErrorInfo(0, &information) != S_OK || information == nullptr)
-    {
-        return false;
-    }
-    const Reference<IErrorInfo> owner(information);
+    IErrorInfo* const information = owner.Get();
     void* found = nullptr;
     if (FAILED(information->QueryInterface(abi::IRestrictedErrorInfo::kIid, &found)) || found == nullptr)
     {
@@ -161,6 +166,11 @@ void ThrowWinrtError(HRESULT code)
     throw WinrtError{code, message};
 }
 
+void DropErrorObject() noexcept
+{
+    TakeErrorObject();
+}
+
 void HStringKind::Close(Handle text) noexcept
 {
     Runtime().deleteString(text);  // does not throw: a string exists, so the runtime does
@@ -194,6 +204,7 @@ void* ActivateFactory(const wchar_t* className, const GUID& iid)
     HRESULT code = Runtime().getActivationFactory(name.Get(), iid, &factory);
     if (code == CO_E_NOTINITIALIZED && Runtime().incrementMtaUsage != nullptr)
     {
+        DropErrorObject();       // of the first activation
         void* cookie = nullptr;  // never released: the apartment lasts as long as the process
         Runtime().incrementMtaUsage(&cookie);
         factory = nullptr;

@@ -18,9 +18,20 @@ struct WinrtError
     std::wstring message;  // of the error object, or the system's text, or empty; no trailing blanks
 };
 
-// Throws WinrtError for a failure code, with the text of the calling thread's error object, which it removes from the
-// thread. Call it before any other call into COM. Throws std::bad_alloc for E_OUTOFMEMORY.
+// Throws WinrtError for the code of a failed call, with the text of the calling thread's error object, which it removes
+// from the thread. Call it before any other call into COM. Throws std::bad_alloc for E_OUTOFMEMORY.
 [[noreturn]] void ThrowWinrtError(HRESULT code);
+
+// Removes the calling thread's error object. Not every object names its code, so one that is left over from an earlier
+// failure would be taken for the description of the next one.
+void DropErrorObject() noexcept;
+
+// Throws like ThrowWinrtError for a failure that no call has reported, so that no error object describes it.
+[[noreturn]] inline void ThrowOwnError(HRESULT code)
+{
+    DropErrorObject();
+    ThrowWinrtError(code);
+}
 
 inline void CheckResult(HRESULT code)
 {
@@ -50,7 +61,7 @@ Reference<Interface> TakeObject(HRESULT code, Interface* object)
     CheckResult(code);
     if (!reference)
     {
-        ThrowWinrtError(E_POINTER);
+        ThrowOwnError(E_POINTER);
     }
     return reference;
 }

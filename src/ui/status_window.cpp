@@ -17,7 +17,7 @@ constexpr const wchar_t* kProgressTexts[] = {L"\u25C9 \u25CB \u25CB", L"\u25CB \
 constexpr wchar_t kMinimiseMark[] = L"\u2014";
 constexpr COLORREF kTextColour = RGB(240, 255, 255);
 
-// The requested id is also the one in WM_TIMER; SetTimer returns another number.
+// The id that is asked for. The messages carry this one or the one that SetTimer returns; systems differ.
 constexpr UINT_PTR kProgressTimer = 0;
 constexpr WPARAM kMoveByDragging = 0xF012;  // SC_MOVE as the system sends it when a caption is dragged
 
@@ -155,7 +155,7 @@ void HandleMouse(const MSG& message, HWND dialog)
     }
 }
 
-void RunMessageLoop(StatusWindow& window, HWND dialog, HWND background)
+void RunMessageLoop(StatusWindow& window, HWND dialog, HWND background, UINT_PTR returnedTimer)
 {
     size_t progress = 0;
     MSG message = {};
@@ -168,12 +168,12 @@ void RunMessageLoop(StatusWindow& window, HWND dialog, HWND background)
                 HandleMouse(message, dialog);
                 break;
             case WM_TIMER:
-                if (message.hwnd == background && message.wParam == kProgressTimer)
+                if (message.hwnd == background && (message.wParam == kProgressTimer || message.wParam == returnedTimer))
                 {
                     progress = (progress + 1) % std::size(kProgressTexts);
                     SetDlgItemTextW(dialog, IDC_PROGRESS, kProgressTexts[progress]);
                     InvalidateRect(dialog, nullptr, FALSE);
-                    SetTimer(background, kProgressTimer, kProgressStepMs, nullptr);
+                    SetTimer(background, message.wParam, kProgressStepMs, nullptr);
                 }
                 break;
             case WM_DESTROY:
@@ -197,6 +197,7 @@ void RunMessageLoop(StatusWindow& window, HWND dialog, HWND background)
 void RunStatusWindow(StatusWindow& window)
 {
     window.threadId = GetCurrentThreadId();
+    SetThreadErrorMode(SEM_FAILCRITICALERRORS, nullptr);  // as the main thread does
     const UnscaledThread unscaled;
 
     const HWND dialog = CreateStatusDialog(window.instance);
@@ -229,9 +230,9 @@ void RunStatusWindow(StatusWindow& window)
     SetDlgItemTextW(dialog, IDC_MINIMISE, kMinimiseMark);
     SetWindowLongW(dialog, GWL_STYLE, GetWindowLongW(dialog, GWL_STYLE) | WS_MINIMIZEBOX);
 
-    SetTimer(background, kProgressTimer, kProgressStepMs, nullptr);
+    const UINT_PTR returnedTimer = SetTimer(background, kProgressTimer, kProgressStepMs, nullptr);
     window.ready = true;
-    RunMessageLoop(window, dialog, background);
+    RunMessageLoop(window, dialog, background, returnedTimer);
     // The dialog is not destroyed: it ends with this thread.
 }
 }  // namespace

@@ -3,8 +3,8 @@
 
 #include "support/app_test.h"
 
-IMPORTED(CheckTokenMembership, GetCommandLineW, GetProcAddress, SetDefaultDllDirectories, SetUnhandledExceptionFilter,
-         GetStdHandle, TerminateProcess)
+IMPORTED(CheckTokenMembership, GetCommandLineW, GetFileAttributesW, GetProcAddress, SetDefaultDllDirectories,
+         SetThreadErrorMode, SetUnhandledExceptionFilter, GetStdHandle, TerminateProcess)
 
 namespace repair
 {
@@ -55,6 +55,12 @@ protected:
         order_.push_back("DLL folders");
         return FailWith(87);  // the result does not matter
     }};
+    SUBSTITUTE(SetThreadErrorMode)
+    errorMode_{[this](DWORD mode, DWORD* before) {
+        EXPECT_EQ(std::tuple(mode, before), std::tuple(1u, nullptr));
+        order_.push_back("error mode");
+        return TRUE;
+    }};
     SUBSTITUTE(SetUnhandledExceptionFilter)
     setFilter_{[this](LPTOP_LEVEL_EXCEPTION_FILTER filter) {
         filter_ = filter;
@@ -67,12 +73,13 @@ protected:
 // Own process: the functions of the Windows Runtime are looked up once in a process.
 // Proves: The process starts => the search for libraries is limited to the system's folder first; a failure of this is ignored
 // Proves: The process is given its module => it is kept for window and boxes
-TEST_F(ProcessEntry, RestrictsTheLibrarySearchFirstAndKeepsTheModuleInstance)
+// Proves: A drive without a medium is accessed => an error code, and no box of the system; set for both threads before they access a file
+TEST_F(ProcessEntry, RestrictsTheLibrarySearchThenTurnsOffTheBoxesOfTheSystemAndKeepsTheModuleInstance)
 {
     const auto instance = reinterpret_cast<HINSTANCE>(0x1234);
     EXPECT_EQ(Start(L"-VLT -Install", instance), 2);
     EXPECT_EQ(AppInstance, instance);
-    EXPECT_THAT(order_, ElementsAre("DLL folders", "command line"));
+    EXPECT_THAT(order_, ElementsAre("DLL folders", "error mode", "command line"));
 }
 
 std::vector<std::vector<DWORD>> policies;
@@ -132,6 +139,26 @@ TEST_F(ProcessEntry, GivenInstallerThatIsMissingIsLoggedPrintedAndGivesTwo)
     EXPECT_THAT(boxes_.boxes, IsEmpty());
 }
 
+// Proves: The place that `-Path` names cannot be examined (no medium, the share is gone or refuses) => as if there were no file
+TEST_F(ProcessEntry, GivenInstallerThatCannotBeExaminedCountsAsMissing)
+{
+    DWORD code = 0;
+    SUBSTITUTE(GetFileAttributesW)
+    attributes([&](const wchar_t* path) {
+        return path == std::wstring(L"X:\\setup.exe") ? FailWith(code, INVALID_FILE_ATTRIBUTES)
+                                                      : attributes.Original()(path);
+    });
+    for (const DWORD each : {5u, 21u, 64u, 121u, 1231u, 1326u})
+    {
+        code = each;
+        LogCapture log;
+        EXPECT_EQ(Start(L"-VLT -Install -Path X:\\setup.exe"), 2) << code;
+        EXPECT_THAT(log.Lines(), ElementsAre(testing::_, L"Unable to find file at : X:\\setup.exe.")) << code;
+    }
+    EXPECT_THAT(Output(), testing::EndsWith("The given location does not contain the file : X:\\setup.exe"));
+    EXPECT_THAT(machine_.steps, IsEmpty());
+}
+
 // Proves: `-VLT` and `-Install`, and the file exists => direct installation; its result is the exit code
 TEST_F(ProcessEntry, GivenInstallerIsInstalledWithoutTheCheck)
 {
@@ -181,7 +208,9 @@ TEST_F(ProcessEntry, UncaughtErrorEndsTheProcessWithoutABox)
     ASSERT_NE(filter_, nullptr);
     EXPECT_ANY_THROW(filter_(nullptr));
     EXPECT_NE(std::get_terminate(), terminate_);
-    EXPECT_THAT(codes, ElementsAre(3u));
+    ASSERT_NE(__pfnDliFailureHook2, nullptr);  // a delay-loaded library or function is missing
+    EXPECT_ANY_THROW(__pfnDliFailureHook2(dliFailGetProc, nullptr));
+    EXPECT_THAT(codes, ElementsAre(3u, 3u));
 }
 }  // namespace
 }  // namespace repair

@@ -13,7 +13,7 @@
 #include "support/test.h"
 
 IMPORTED(CloseHandle, CreateDirectoryW, CreateFileW, DeleteFileW, GetFileAttributesW, GetFileInformationByHandleEx,
-         GetFileInformationByHandle, SetFileInformationByHandle, Sleep)
+         GetFileInformationByHandle, RemoveDirectoryW, SetFileInformationByHandle, Sleep)
 
 namespace repair
 {
@@ -116,6 +116,62 @@ TEST(CreateDirectories, FolderThatAnotherProcessMadeMeanwhileIsFine)
         CreateDirectories(folder / L"a\\b");
     }
     EXPECT_TRUE(IsFolder(folder / L"a\\b"));
+}
+
+class LinkInTheWay : public testing::Test
+{
+protected:
+    // What a folder's name leads to: "a" is a link.
+    const TemporaryFolder folder_;
+    DWORD target_ = ERROR_SUCCESS;  // why it cannot be opened
+    std::vector<std::wstring> removed_;
+    bool isLink_ = true;
+
+    LinkInTheWay() { folder_.CreateFolder(L"a"); }
+
+    SUBSTITUTE(GetFileAttributesW)
+    attributes_{[this](const wchar_t* path) {
+        const DWORD real = attributes_.Original()(path);
+        return isLink_ && path == folder_ / L"a" ? real | FILE_ATTRIBUTE_REPARSE_POINT : real;
+    }};
+    SUBSTITUTE(CreateFileW)
+    open_{[this](const wchar_t* path, auto... more) {
+        return target_ == ERROR_SUCCESS ? open_.Original()(path, more...) : FailWith(target_, INVALID_HANDLE_VALUE);
+    }};
+    SUBSTITUTE(RemoveDirectoryW)
+    remove_{[this](const wchar_t* path) {
+        removed_.push_back(path);
+        isLink_ = false;
+        return remove_.Original()(path);
+    }};
+};
+
+// Proves: The folder, or one above it, is a link that leads nowhere => a folder takes its place, and the log is written there
+TEST_F(LinkInTheWay, IsReplacedByAFolderIfItsTargetDoesNotExist)
+{
+    for (const DWORD absence : {2u, 3u})
+    {
+        isLink_ = true;
+        target_ = absence;
+        removed_.clear();
+        CreateDirectories(folder_ / L"a");
+        EXPECT_THAT(removed_, ElementsAre(folder_ / L"a"));
+        EXPECT_TRUE(IsFolder(folder_ / L"a"));
+    }
+    isLink_ = true;
+    CreateDirectories(folder_ / L"a\\b");
+    EXPECT_TRUE(IsFolder(folder_ / L"a\\b"));
+    EXPECT_EQ(removed_.size(), 2u);
+}
+
+TEST_F(LinkInTheWay, StaysIfItsTargetExistsOrOnlyCannotBeReached)
+{
+    for (const DWORD code : {0u, 5u, 21u, 53u, 1231u})
+    {
+        target_ = code;
+        CreateDirectories(folder_ / L"a");
+    }
+    EXPECT_THAT(removed_, testing::IsEmpty());
 }
 
 // Proves: A file is removed => absence is no error; write-protected and locked files are

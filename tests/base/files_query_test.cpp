@@ -8,7 +8,7 @@
 #include "support/test.h"
 
 IMPORTED(CloseHandle, CreateFileW, FindClose, FindFirstFileW, FindNextFileW, GetFileAttributesW,
-         GetFileInformationByHandle)
+         GetFileInformationByHandle, GetFileInformationByHandleEx)
 
 namespace repair
 {
@@ -155,7 +155,7 @@ TEST(SameObject, OpensBothForTheirAttributesOnlyAndClosesThem)
 }
 
 // Proves: Two folders are compared => by volume and file id, whatever they are called; both are opened for their attributes only and closed
-TEST(SameObject, VolumeAndBothHalvesOfTheIndexCount)
+TEST(SameObject, VolumeAndBothHalvesOfTheIndexCountWithoutTwoLongIds)
 {
     struct Ids
     {
@@ -165,6 +165,8 @@ TEST(SameObject, VolumeAndBothHalvesOfTheIndexCount)
     const TemporaryFolder folder;
     int calls = 0;
     Ids second = kFirst;
+    SUBSTITUTE(GetFileInformationByHandleEx)
+    noLongId([&](auto...) { return calls % 4 == 1 ? TRUE : FailWith(ERROR_INVALID_PARAMETER); });
     SUBSTITUTE(GetFileInformationByHandle)
     inform([&](HANDLE, BY_HANDLE_FILE_INFORMATION* information) {
         const Ids ids = ++calls % 2 == 1 ? kFirst : second;
@@ -181,6 +183,29 @@ TEST(SameObject, VolumeAndBothHalvesOfTheIndexCount)
         EXPECT_FALSE(SameObject(folder.Path(), folder.Path())) << other.volume << other.high << other.low;
     }
     EXPECT_EQ(calls, 8);
+}
+
+// Proves: Two folders are compared
+TEST(SameObject, IdOf128BitsCountsWhereBothHaveOne)
+{
+    const TemporaryFolder folder;
+    SUBSTITUTE(GetFileInformationByHandle)
+    inform([](HANDLE, BY_HANDLE_FILE_INFORMATION*) { return TRUE; });  // the short ids are the same
+    int calls = 0;
+    FILE_ID_INFO second = {};
+    SUBSTITUTE(GetFileInformationByHandleEx)
+    informMore([&](HANDLE, FILE_INFO_BY_HANDLE_CLASS kind, void* information, DWORD bytes) {
+        EXPECT_EQ(std::pair(kind, bytes), std::pair(FileIdInfo, DWORD{24}));
+        *static_cast<FILE_ID_INFO*>(information) = ++calls % 2 == 1 ? FILE_ID_INFO{} : second;
+        return TRUE;
+    });
+    EXPECT_TRUE(SameObject(folder.Path(), folder.Path()));
+    second.VolumeSerialNumber = 1ull << 32;
+    EXPECT_FALSE(SameObject(folder.Path(), folder.Path()));
+    second.VolumeSerialNumber = 0;
+    second.FileId.Identifier[15] = 1;
+    EXPECT_FALSE(SameObject(folder.Path(), folder.Path()));
+    EXPECT_EQ(calls, 6);
 }
 
 TEST(SameObject, ObjectWhoseIdCannotBeReadIsAnError)

@@ -1,3 +1,4 @@
+#include <stdexcept>
 #include <string_view>
 
 #include "base/text.h"
@@ -32,6 +33,27 @@ TEST(ContainsNoCase, ComparesOnlyTheLettersAToZWithoutCase)
     {
         EXPECT_EQ(ContainsNoCase(std::wstring(haystack), std::wstring(needle)), occurs)
             << PrintToString(std::wstring(haystack));
+    }
+}
+
+// Proves: A line shows the text of an exception, with paths and system texts in any language => they are readable, although both have encodings of their own
+TEST(ExceptionText, IsReadAsUtf8AndWhatIsNotInTheCodePageOfTheSystem)
+{
+    if (GetACP() != 1252)
+    {
+        GTEST_SKIP() << "the bytes of these texts are of another code page";
+    }
+    const std::pair<const char*, const wchar_t*> rows[] = {
+        {"", L""},
+        {"plain [C:\\x]", L"plain [C:\\x]"},
+        {"J\xc3\xbcrgen \xe2\x98\x83 \xf0\x9f\x98\x80.", L"J\u00fcrgen \u2603 \U0001f600."},
+        {"ung\xfcltig: [J\xc3\xbcrgen]", L"ung\u00fcltig: [J\u00fcrgen]"},  // both in one text
+        {"\x80 \xe4", L"\u20ac \u00e4"},
+        {"x\xe2\x98", L"x\u00e2\u02dc"},                                 // cut off
+        {"\xc0\xaf \xed\xa0\x80", L"\u00c0\u00af \u00ed\u00a0\u20ac"}};  // not allowed
+    for (const auto& [bytes, text] : rows)
+    {
+        EXPECT_EQ(ExceptionText(std::runtime_error(bytes)), text);
     }
 }
 }  // namespace

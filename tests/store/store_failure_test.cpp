@@ -8,6 +8,7 @@
 #include "store/store_packages.h"
 #include "store/winrt_runtime.h"
 #include "support/store_test.h"
+#include "support/system_text.h"
 
 using testing::AllOf;
 using testing::Contains;
@@ -128,6 +129,15 @@ TEST_P(StoreCallFailure, OfMemoryIsAnUnknownException)
     runtime_.AnswerEveryClass(GetParam().method, {.result = E_OUTOFMEMORY});
     EXPECT_EQ(Run(), Given(-1));
     EXPECT_THAT(log_.Lines(), ElementsAre(L"Unknown expection occured when searching for UWP version of VLT"));
+}
+
+// Proves: An error object of an earlier failure is left on the thread => it does not describe the next failure
+TEST_P(StoreCallFailure, IsNotDescribedByAnErrorObjectFromBefore)
+{
+    lab::PutErrorObject({.hasErrorObject = true, .isRestricted = false, .description = L"of an earlier failure"});
+    runtime_.AnswerEveryClass(GetParam().method, {.result = kDenied});
+    Run();
+    EXPECT_THAT(log_.Lines(), ElementsAre(Line(SystemText(kDenied))));
 }
 
 TEST_P(StoreCallFailure, IsThrownByTheInnerOperation)

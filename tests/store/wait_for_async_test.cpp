@@ -77,6 +77,7 @@ TEST_P(WaitForAsyncTimes, CompletedOperationGivesItsResult)
 // Proves: It was canceled => the cancellation error, results are not asked for
 TEST_P(WaitForAsyncTimes, CanceledOperationIsThrownWithoutAskingForResults)
 {
+    lab::PutErrorObject({.hasErrorObject = true, .isRestricted = false, .description = L"of an earlier failure"});
     const Outcome outcome = WaitFor(Removal(Ends(GetParam(), component::kCanceled)));
     EXPECT_EQ(outcome.thrown, static_cast<HRESULT>(0x800704C7));
     EXPECT_EQ(outcome.message, L"Operation canceled by user.");

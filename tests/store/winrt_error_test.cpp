@@ -114,6 +114,20 @@ TEST_F(ErrorText, IsUsedOnceTheObjectLeavesTheThread)
     EXPECT_EQ(MessageFor(kDenied), SystemText(kDenied));
 }
 
+TEST_F(ErrorText, OfAFailureThatNoCallReportedIsNotThatOfAnErrorObject)
+{
+    lab::PutErrorObject({.hasErrorObject = true, .isRestricted = false, .description = L"of another failure"});
+    try
+    {
+        TakeObject<IUnknown>(S_OK, nullptr);
+        ADD_FAILURE() << "a success without an object was accepted";
+    }
+    catch (const WinrtError& error)
+    {
+        EXPECT_EQ(error.message.find(L"another"), std::wstring::npos);  // not every system has a text for the code
+    }
+}
+
 // Proves: Exhausted memory => becomes the standard exception, so "Unknown expection"
 TEST_F(ErrorText, ExhaustedMemoryIsTheStandardExceptionAndTakesTheObjectAlong)
 {

@@ -7,7 +7,7 @@
 
 IMPORTED(CreateDialogParamW, CreateFontW, CreateWindowExW, DeleteObject, DispatchMessageW, GetMessageW,
          GetModuleHandleW, GetProcAddress, InvalidateRect, PostThreadMessageW, ReleaseCapture, SendMessageW, SetCursor,
-         SetDlgItemTextW, SetTimer, ShowWindow, Sleep)
+         SetDlgItemTextW, SetThreadErrorMode, SetTimer, ShowWindow, Sleep)
 
 namespace repair
 {
@@ -257,17 +257,53 @@ TEST_F(StatusWindowTest, DotsTakeTurnsOnATimerOfTheBackground)
     EXPECT_GE(timers.Get().size(), 4u);  // armed again at every step
 }
 
+// Proves: The system gives the timer an id of its own => the messages with this id move the dots as well, and the timer is set again with the id that came
+TEST_F(StatusWindowTest, DotsMoveWithTheIdThatTheSystemGivesTheTimer)
+{
+    SharedList<UINT_PTR> ids;
+    SUBSTITUTE(SetTimer)
+    timer([&](HWND window, UINT_PTR id, UINT, TIMERPROC procedure) {
+        ids.Add(id);
+        timer.Original()(window, 42, 10, procedure);
+        return UINT_PTR{42};
+    });
+    Start();
+    EXPECT_TRUE(WaitUntil([&] { return ids.Get().size() >= 4; }));
+    StopStatusWindow(window_);
+    std::vector<UINT_PTR> first = ids.Get();
+    first.resize(4);
+    EXPECT_THAT(first, ElementsAre(0u, 42u, 42u, 42u));
+}
+
 TEST_F(StillWindow, OnlyTheTimerOfThePictureMovesTheDotsAndEachStepRepaintsTheDialog)
 {
     Start();
     invalidated_.Forget();
     PostMessageW(Dialog(), WM_TIMER, 0, 0);
     PostMessageW(Background(), WM_TIMER, 5, 0);
-    PostMessageW(Background(), WM_TIMER, 1, 0);  // what SetTimer returns is not the id
     PostMessageW(Background(), WM_TIMER, 0, 0);
     EXPECT_TRUE(WaitUntil([&] { return !invalidated_.Calls().empty(); }));
     EXPECT_THAT(invalidated_.Calls(), ElementsAre(std::tuple(Dialog(), nullptr, FALSE)));
     EXPECT_EQ(Text(1005), kDots[1]);
+}
+
+TEST_F(StatusWindowTest, ThreadTurnsOffTheBoxesOfTheSystemBeforeItsFirstWindow)
+{
+    std::vector<std::string> order;
+    SUBSTITUTE(SetThreadErrorMode)
+    set([&](DWORD mode, DWORD* before) {
+        EXPECT_EQ(GetCurrentThreadId(), window_.threadId);
+        EXPECT_EQ(std::tuple(mode, before), std::tuple(1u, nullptr));
+        order.push_back("error mode");
+        return TRUE;
+    });
+    SUBSTITUTE(CreateDialogParamW)
+    create([&](auto... arguments) {
+        order.push_back("dialog");
+        return create.Original()(arguments...);
+    });
+    Start();
+    EXPECT_THAT(order, ElementsAre("error mode", "dialog"));
 }
 
 // Proves: A status is set => the text of its code is on the window when the call returns, the dialog is repainted; unknown codes are an empty text
