@@ -524,11 +524,13 @@ TEST(RemoveAll, LinksAreRemovedThemselvesAndNotEntered)
     information([&](HANDLE object, FILE_INFO_BY_HANDLE_CLASS kind, void* data, DWORD) {
         if (kind == FileFullDirectoryInfo)
         {
-            if (calls.back().starts_with(L"list "))
+            const std::wstring call = L"list " + pathOf(object);
+            const bool isListed = calls.back() == call;
+            calls.insert(calls.end(), isListed ? 0 : 1, call);
+            if (isListed || pathOf(object) != L"C:\\t")
             {
                 return FailWith(ERROR_NO_MORE_FILES);
             }
-            calls.push_back(L"list " + pathOf(object));
             auto* const entry = static_cast<FILE_FULL_DIR_INFO*>(data);
             *entry = {};
             entry->FileAttributes = entries.at(L"C:\\t\\entry").listed;
