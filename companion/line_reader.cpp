@@ -73,8 +73,8 @@ Damage LineReader::Finish()
     return damage_;
 }
 
-// A byte order mark decides. Without one, zeros do: the tool's texts are mostly ASCII, so every second byte is zero. If
-// these come first in each pair, the log has lost its first byte.
+// A byte order mark decides. Without one, zeros decide: the tool's texts are mostly ASCII, so in UTF-16 every second
+// byte is zero. If the zero comes first in each pair, the log has lost its first byte.
 void LineReader::Detect()
 {
     detected_ = true;

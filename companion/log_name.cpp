@@ -17,7 +17,7 @@ struct Field
     int LocalTime::*number;
     int smallest;
     int greatest;
-    char next;  // character that must follow; 0: none
+    char next;  // character that must follow; 0: any
 };
 
 constexpr Field kFields[] = {

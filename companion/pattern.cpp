@@ -95,7 +95,7 @@ PatternMatch MatchLine(std::string_view pattern, std::string_view line)
             match.result = step.result ? step.result : match.result;
             continue;
         }
-        // Only the last "*" needs to take more: if an earlier one did, the part after it would not come sooner.
+        // On a mismatch, only the last "*" needs to take more: longer matches of earlier ones cannot help.
         if (afterStar == std::string_view::npos || starEnds == line.size())
         {
             return {};

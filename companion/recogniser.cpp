@@ -7,7 +7,7 @@ namespace repair
 {
 namespace
 {
-// Only the check logs one of these. It always does, unless it ends before.
+// Only the check logs these. Every check logs one of them, unless it ends earlier.
 constexpr std::string_view kCheckLines[] = {"Currently installed VLT is version [*",
                                             "Another instance is running. Exiting."};
 

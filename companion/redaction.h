@@ -34,7 +34,7 @@ public:
     // "owner.DOMAIN" adds "owner" as well.
     void AddProfile(std::string_view folder);
 
-    // Never replaces this host: the maker's own download server identifies no user.
+    // Excludes a host from redaction: the maker's own download server identifies no user.
     void KeepHost(std::string_view host);
 
     // Finds the names in profile paths (C:\Users\NAME), DOMAIN\user, name@domain, \\server and scheme://server.

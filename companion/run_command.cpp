@@ -106,7 +106,7 @@ bool FirstLineHas(const std::wstring& path, const std::string& mark)
     {
         ReadLines(path, check, kFirstLineBytes);
     }
-    catch (const UnreadableFile&)  // then another process holds it: not our log
+    catch (const UnreadableFile&)  // another process is writing it, so it is not our log
     {
         return false;
     }

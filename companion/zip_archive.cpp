@@ -78,7 +78,7 @@ void ZipArchive::Append(std::string_view bytes)
 
 void ZipArchive::Compress(std::string_view bytes, int flush)
 {
-    std::string copy(bytes);  // zlib wants bytes that it could change
+    std::string copy(bytes);  // zlib takes a pointer to non-const bytes
     stream_.next_in = reinterpret_cast<Bytef*>(copy.data());
     stream_.avail_in = static_cast<uInt>(copy.size());
     do
@@ -143,8 +143,8 @@ void ZipArchive::Finish()
     for (const Entry& entry : entries_)
     {
         Put32(directory, kDirectoryEntry);
-        Put16(directory, kVersion);  // of the writer: the attributes are those of DOS
-        Put16(directory, kVersion);  // that a reader needs
+        Put16(directory, kVersion);  // version of the writer; 0 in the upper byte: DOS attributes
+        Put16(directory, kVersion);  // version that a reader needs
         Put16(directory, kNamesAreUtf8);
         Put16(directory, kDeflated);
         Put32(directory, entry.dosTime);

@@ -51,7 +51,7 @@ unsigned CountGdiTable(HANDLE process)
     return count;
 }
 
-// Numbers are given out from the lowest free one on, so the highest of many fresh ones tells how many are in use.
+// The system gives out the lowest free number first, so the highest of many new ones shows how many are in use.
 unsigned CountUserObjects()
 {
     std::vector<HMENU> menus(kProbes);

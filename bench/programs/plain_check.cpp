@@ -1,5 +1,5 @@
-// Floor of a whole run: a plain program for the same work as a run that finds nothing to do. It shows a hidden window
-// made of the tool's dialog, reads all driver packages, asks for the installed product and writes the same log lines.
+// Floor of a whole run: a plain program that does the work of a run that finds nothing to do. It creates the tool's
+// dialog as a hidden window, reads all driver packages, asks for the installed product and writes the same log lines.
 // It makes only the calls that this work needs, in their shortest form; it does not follow the tool call by call.
 //   plain_check.exe LINES [URL TEMPORARY FINAL]
 //   plain_check.exe

@@ -30,7 +30,7 @@ namespace
     std::abort();
 }
 
-// The same rules in the simplest way, which is too slow for long texts.
+// The same rules, implemented in the simplest way; too slow for long texts.
 bool MatchesSlowly(std::string_view pattern, std::string_view line)
 {
     if (pattern.empty())

@@ -20,7 +20,7 @@ constexpr DWORD kSettleMs = 700;  // the first picture of the status window is c
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr const wchar_t* kStandins = L"C:\\lab\\standins\\";
 
-// Each start has its own record, and the Store works at the second one.
+// Each start has its own record; at the second start the Store does not fail.
 constexpr std::pair<const wchar_t*, const wchar_t*> kPutAside[] = {{L"calls.txt", L"calls-first.txt"},
                                                                    {L"winrt-calls.txt", L"winrt-calls-first.txt"},
                                                                    {L"store-undisturbed.txt", L"store.txt"}};
@@ -131,7 +131,7 @@ bool Watch::AnyRuns(size_t from) const
     return runs;
 }
 
-// The run after the last one is undisturbed: no call fails, and nothing is done to it.
+// The follow-up run is undisturbed: no call fails and no action runs.
 bool Watch::StartsAgain()
 {
     if (!orders.then || timedOut_)
@@ -278,7 +278,7 @@ void Watch::Act()
     actions_.push_back(std::move(action));
 }
 
-// The first instance's box stays while something is still to be done beside it.
+// Leave the first instance's box open while actions are still pending.
 void Watch::DismissBoxes()
 {
     bool busy = AnyRuns(1) || Now() < waitUntil;

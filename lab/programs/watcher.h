@@ -1,4 +1,4 @@
-// The watch over one run: its orders, the instances of the program, what was seen of them, and what is done to them.
+// Watches one run: the orders, the instances of the program, what was seen of them, and the actions on them.
 #pragma once
 #include <windows.h>
 

@@ -112,14 +112,14 @@ bool Drag(HWND window, const Text& distance)
     const DWORD thread = GetWindowThreadProcessId(window, nullptr);
     SetCursorPos(x, y);
     const bool isDown = SendMouse(MOUSEEVENTF_LEFTDOWN);
-    AwaitMoving(thread, true);  // the pointer must not move before the window follows it
+    AwaitMoving(thread, true);  // the window must follow the pointer before it moves
     for (int step = 1; step <= 4; ++step)
     {
         SetCursorPos(x + dx * step / 4, y + dy * step / 4);
         Sleep(30);
     }
     const bool isUp = SendMouse(MOUSEEVENTF_LEFTUP);
-    AwaitMoving(thread, false);  // the next action begins where the window is by then
+    AwaitMoving(thread, false);  // the next action starts from the window's new place
     return isDown && isUp;
 }
 

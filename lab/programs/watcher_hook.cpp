@@ -45,7 +45,7 @@ INT_PTR FontHeight(HWND control)
 
 void Answer(HWND window)
 {
-    // 0 cannot be told from "no such property", so every answer is one more.
+    // 0 would mean "no such property", so every answer is increased by 1.
     SetPropW(window, kBodyIconProperty, reinterpret_cast<HANDLE>(BodyIcon(window) + 1));
     INT_PTR title = 0;
     if (SendMessageW(window, WM_GETICON, ICON_BIG, 0) != 0)

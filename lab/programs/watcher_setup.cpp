@@ -59,8 +59,8 @@ void AwaitDesktop()
         Sleep(kPauseMs);
     }
 }
-// Takes the devices at this depth below the key out of the class of display adapters. Wine lists absent devices as
-// well, and makes its list anew when one of its keys is gone, so nothing milder or harder hides its own adapter.
+// Removes the devices at this depth below the key from the class of display adapters. This hides Wine's own adapter:
+// Wine also lists devices that are absent, and recreates the list when one of its keys is deleted.
 void HideDevices(HKEY parent, const wchar_t* path, int depth)
 {
     HKEY key = nullptr;

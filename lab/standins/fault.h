@@ -1,4 +1,4 @@
-// The steps of every forwarded call: count it, find a fault rule, forward it or not, record it.
+// Steps of every intercepted call: count it, find a fault rule, forward it or not, record it.
 #pragma once
 #include <windows.h>
 
@@ -45,7 +45,7 @@ public:
     Call& Flags(const wchar_t* key, unsigned long long value);
     Call& Raw(const wchar_t* key, const std::wstring& value);
 
-    // What the matching rule says under a key; nothing without a rule. Only after Decide or Run.
+    // The value of a key in the matching rule; nothing without a rule. Only after Decide or Run.
     std::optional<std::wstring> Given(const wchar_t* key) const;
     std::optional<unsigned long long> GivenNumber(const wchar_t* key) const;
 

@@ -10,7 +10,7 @@ namespace standin
 {
 struct Line
 {
-    int number;  // as an editor shows it
+    int number;  // from 1
     std::wstring text;
 };
 

@@ -30,7 +30,7 @@ struct Limit
     }
 }
 
-// A limit of the host, because Wine keeps none of Windows. It has to be 0: what Wine has reserved counts as taken.
+// A limit of the host, because Wine enforces none itself. It must be 0: space that Wine has reserved counts as used.
 void RefuseMemory()
 {
     const Limit limit{0, 0};

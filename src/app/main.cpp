@@ -43,7 +43,7 @@ int RunTool()
     ReadCommandLine();
     if (VltMode && InstallMode)
     {
-        if (FileExists(InstallerPath))  // a folder would be opened in a window, with an endless wait
+        if (FileExists(InstallerPath))  // not a folder: the shell opens it and the wait never ends
         {
             return RunDirectInstall(InstallerPath);
         }

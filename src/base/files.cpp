@@ -27,7 +27,7 @@ constexpr DWORD kAbsenceCodes[] = {
     ERROR_BAD_NET_NAME,   ERROR_INVALID_NAME,   ERROR_BAD_PATHNAME,  ERROR_DIRECTORY,
 };
 
-// How long a file is waited for that another program has open: 11 attempts take a second.
+// Attempts to open a file that another program has open: 11 attempts take a second.
 constexpr int kHoldAttempts = 11;
 constexpr DWORD kHoldPauseMs = 100;
 
@@ -87,12 +87,12 @@ std::wstring Join(const std::wstring& folder, const std::wstring& name)
     return (std::filesystem::path(folder) / name).wstring();
 }
 
-// An object that will be removed.
+// An object to remove.
 struct Entry
 {
     std::wstring path;
     DWORD attributes = 0;    // as listed
-    size_t folder = 0;       // index of the folder that it was listed in; its own for the first one
+    size_t folder = 0;       // index of its parent folder's entry; the root entry has its own index
     FileHandle object = {};  // of a folder: open from before its entries are listed until they are removed
 };
 
@@ -249,7 +249,7 @@ void CreateDirectories(const std::wstring& path)
         if (CreateDirectoryW(folder->c_str(), nullptr) == 0)
         {
             const DWORD error = GetLastError();
-            if (error != ERROR_ALREADY_EXISTS || !IsFolder(*folder))  // another process may have been faster
+            if (error != ERROR_ALREADY_EXISTS || !IsFolder(*folder))  // another process may have created it
             {
                 ThrowFileError("create_directories", path, error);
             }
@@ -308,7 +308,7 @@ void RemoveAll(const std::wstring& path)
                 pending.pop_back();
                 continue;
             }
-            // False if its folder has been replaced by a link, which the path then followed.
+            // False if a link has replaced the folder and the path led through it.
             if (entry.folder != index && !IsBelow(entry.object.Get(), pending[entry.folder].object.Get()))
             {
                 fail(entry, ERROR_CANT_RESOLVE_FILENAME);
@@ -323,7 +323,7 @@ void RemoveAll(const std::wstring& path)
                 }
             }
         }
-        // One attempt each. A file deleted but still open elsewhere makes the folder above it "not empty", an error.
+        // One attempt per object. If another program still has a deleted file open, its folder fails as "not empty".
         if (!MarkForRemoval(entry))
         {
             fail(entry, GetLastError());
@@ -340,7 +340,7 @@ bool IsLink(const std::wstring& path)
 
 FileHandle HoldFolder(const std::wstring& path, DWORD furtherAccess)
 {
-    // A right beyond the attributes is needed: without one the share mode does not count.
+    // Ask for more than the attributes: Windows ignores the share mode of a handle with no other right.
     FileHandle folder = OpenItself(path, FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | furtherAccess,
                                    FILE_SHARE_READ | FILE_SHARE_WRITE);
     if (folder && !IsOwnFolder(folder.Get()))
@@ -429,7 +429,7 @@ std::filesystem::path FindSubfolder(const std::wstring& folder, bool (*wanted)(c
     if (!search)
     {
         const DWORD error = GetLastError();
-        if (error == ERROR_FILE_NOT_FOUND && IsFolder(folder))  // the root of an empty drive has not even "."
+        if (error == ERROR_FILE_NOT_FOUND && IsFolder(folder))  // the root of an empty drive, which has no "." entry
         {
             return {};
         }

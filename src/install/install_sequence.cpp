@@ -34,7 +34,7 @@ std::wstring ExtractionFolder()
 
 void Extract(HeldInstaller installer, const std::wstring& folder)
 {
-    // An installer in the old folder goes with it, as if it had not been held.
+    // Release an installer inside the old folder, so that it can be removed with the folder.
     if (const FileHandle old = HoldFolder(folder);
         old && IsBelow(installer.file.Get(), old.Get(), FILE_NAME_NORMALIZED))
     {

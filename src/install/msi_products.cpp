@@ -18,7 +18,7 @@ std::list<std::wstring> FindRelatedProductPackages(std::wstring upgradeCode)
 {
     std::list<std::wstring> packages;
     wchar_t productCode[kProductCodeCharacters] = {};
-    // By design only the end of the list ends the loop: an error queries the product code read before once more.
+    // By design only the end of the list ends the loop: after any other error the previous product code is used again.
     for (DWORD index = 0; MsiEnumRelatedProductsW(upgradeCode.c_str(), 0, index, productCode) != ERROR_NO_MORE_ITEMS;
          ++index)
     {

@@ -63,7 +63,7 @@ EXPLICIT_ACCESSW Allow(DWORD rights, TRUSTEE_FORM form, wchar_t* trustee)
     return entry;
 }
 
-// Who may do what in the folder. The entries point to the other members.
+// The access rights to the folder. The entries point to the other members, so the object must stay in place.
 struct AccessEntries
 {
     WellKnownSid administrators{WinBuiltinAdministratorsSid};
@@ -93,7 +93,7 @@ struct Owner
     PSID sid = nullptr;  // in the descriptor
 };
 
-// Creates the folder for the owner that the attributes name or, if the process may not give it away, for its own.
+// Creates the folder with the owner in the attributes or, if the process may not set that owner, with the default one.
 bool CreateFolder(const std::wstring& folder, SECURITY_ATTRIBUTES& attributes)
 {
     if (CreateDirectoryW(folder.c_str(), &attributes) != FALSE)
@@ -105,7 +105,7 @@ bool CreateFolder(const std::wstring& folder, SECURITY_ATTRIBUTES& attributes)
            CreateDirectoryW(folder.c_str(), &attributes) != FALSE;
 }
 
-// Whether the open folder is the one that was made and contains the marker. Without a marker only its owner tells.
+// Whether the open folder is the one that was created and contains the marker. Without a marker, checks only its owner.
 bool IsAsMade(const FileHandle& folder, const FileHandle& marker, PSID administrators)
 {
     if (!folder)
@@ -143,7 +143,7 @@ DWORD CreateSecureDirectory(const std::wstring& folder)
     attributes.nLength = sizeof(attributes);
     attributes.lpSecurityDescriptor = descriptor.Get();
 
-    // Not the user's own account, which is the owner's right to change the list. If this fails, as without it.
+    // The user must not be the owner, because an owner may change the access list. A failure leaves the default owner.
     SetSecurityDescriptorOwner(descriptor.Get(), access.administrators.bytes, FALSE);
 
     for (int attempt = 1;; ++attempt)

@@ -59,8 +59,8 @@ struct SetupFailure
     std::wstring text;
 };
 
-// Buffers for the whole enumeration, by design never cleared: after a failed call the value of the device or package
-// before is used.
+// Buffers for the whole enumeration, by design never cleared: after a failed call, the previous device's or package's
+// value is used.
 struct SharedBuffers
 {
     wchar_t instanceId[kInstanceIdCharacters] = {};

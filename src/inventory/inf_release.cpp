@@ -151,7 +151,7 @@ private:
 
     void EndLine()
     {
-        // The cheap test comes first, because a line that begins with "[" may be long.
+        // Check the last character first: a line that begins with "[" may be long.
         if (!line_.empty() && line_.back() == ']')
         {
             std::wstring wide(line_.size(), L'\0');

@@ -72,7 +72,7 @@ std::int32_t InstallStoreApplication(HWND owner) noexcept
     }
     catch (const WinrtError& error)
     {
-        // By design the text of the package search.
+        // By design the same text as for the package search.
         LogLine(L"Exception [%s] when searching for UWP version of VLT", error.message.c_str());
         return error.code;
     }

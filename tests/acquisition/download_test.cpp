@@ -25,14 +25,14 @@ const std::wstring kUrl = L"http://server/f/24.20/dwx2_install.txt";
 constexpr wchar_t kFile[] = L"dwx2_install.exe";
 constexpr wchar_t kTemporaryFile[] = L"dwx2_install.exe.tmp";
 
-// What every download does up to its request.
+// The calls of every download before its request.
 const std::wstring kBeginning =
     L"temporary path; log Change server to http://server/f/.; create folder; "
     L"split http://server/f/24.20/dwx2_install.txt; session; connect server 80; delete dwx2_install.exe; "
     L"delete dwx2_install.exe.tmp; create file; request /f/24.20/dwx2_install.txt; option 6 90000; option 5 30000; "
     L"option 2 30000";
 
-// Downloads from http://server/f/. The calls into the internet, to files and the lines of the log are recorded in
+// Downloads from http://server/f/. Records the internet calls, the file calls and the lines of the log in their
 // order.
 class Download : public testing::Test
 {
@@ -74,7 +74,7 @@ protected:
         return path;
     }
 
-    // One download, of which alone the calls are kept.
+    // Runs one download and keeps only its calls.
     std::wstring Run(const std::wstring& release = L"24.20")
     {
         internet_.calls.clear();
@@ -105,7 +105,7 @@ protected:
     LogCapture log_;
     FakeInternet internet_;
     HANDLE file_ = INVALID_HANDLE_VALUE;
-    bool isRecording_ = true;  // false: what the test itself does
+    bool isRecording_ = true;  // false while the test itself works with files
     DWORD createError_ = 0;
     DWORD writeError_ = 0;
     DWORD moveError_ = 0;
@@ -165,7 +165,7 @@ private:
             Add(L"close file");
             file_ = INVALID_HANDLE_VALUE;
         }
-        return FailWith(ERROR_NOT_OWNER, close_.Original()(handle));  // leaves another error behind
+        return FailWith(ERROR_NOT_OWNER, close_.Original()(handle));  // changes the last error
     }};
     SUBSTITUTE(DeleteFileW)
     delete_{[this](const wchar_t* path) {
@@ -196,8 +196,8 @@ TEST_F(Download, TakesItsStepsInOrder)
     EXPECT_FALSE(Exists(TemporaryPath()));
 }
 
-// A link to a folder of another user in the download folder's place. It is removed as Windows removes it, and the rest
-// of the download goes through.
+// Puts a link to another user's folder in the download folder's place. Removes it as Windows does; all other calls
+// are real.
 class DownloadThroughLink : public Download
 {
 protected:
@@ -520,7 +520,7 @@ TEST_F(Download, LogsTheCallThatFailsWithItsCodeAndClosesEverything)
         L"send; query; log Unable to create query response code from " + kUrl + L". Error code: ";
     const std::wstring body = L"send; query; log Response code from server: 200; read; write 9; ";
     const std::wstring bodyFailure = body + L"read; log Download failed with error code: ";
-    // The call that fails, its code, what is done after the beginning, and what stays in the temporary file.
+    // The call that fails, its code, the steps after kBeginning, and what stays in the temporary file.
     const std::tuple<DWORD*, DWORD, std::wstring, const char*> rows[] = {
         {&internet_.requestError, 12028,
          L"close file; log Unable to call HttpOpenRequest to " + kUrl + L". Error 12028; close 2; close 1", ""},
@@ -554,7 +554,7 @@ TEST_F(Download, LogsTheCallThatFailsWithItsCodeAndClosesEverything)
     EXPECT_EQ(internet_.calls.back(), L"close 1");
     createError_ = 0;
     internet_.requestError = 12028;
-    internet_.optionError = 12018;  // left by the time limits
+    internet_.optionError = 12018;  // the error that setting the time limits leaves
     ExpectFailure(L"Unable to call HttpOpenRequest to " + kUrl + L". Error 12018");
 }
 

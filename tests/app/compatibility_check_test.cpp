@@ -110,7 +110,7 @@ protected:
         CloseHandle(event);
         return result;
     }
-    // The flow must end early: with -1, this line and, unless silent, this box.
+    // Expects an early end: -1, this log line and, unless silent, this box.
     void ExpectExit(const std::wstring& line, const std::vector<BoxRecorder::Box>& boxes = {})
     {
         EXPECT_EQ(RunFlow(), -1);
@@ -284,7 +284,7 @@ TEST_F(Check, ForcedWithoutAnyEditionInstallsTheStoreEdition)
 {
     Force = true;
     Driver(L"24.20.1");
-    Installed(L"24.20");  // not compared: 0.0 is
+    Installed(L"24.20");  // ignored: the comparison uses 0.0
     ExpectStoreInstall();
     EXPECT_THAT(lines_, Contains(L"User does not have VLT installed."));
     EXPECT_THAT(lines_, Not(Contains(kSameReleaseLine)));

@@ -495,7 +495,7 @@ TEST(FileChanges, WorkFarBeyondTheClassicPathLimit)
     EXPECT_FALSE(IsThere(folder / L"tree"));
 }
 
-// An object that is removed: its attributes as listed and as its handle tells them.
+// An object to remove: its attributes in the folder listing, and those read through its handle.
 struct FakeEntry
 {
     DWORD listed;

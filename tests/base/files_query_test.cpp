@@ -173,7 +173,7 @@ TEST(SameObject, VolumeAndBothHalvesOfTheIndexCountWithoutTwoLongIds)
         information->dwVolumeSerialNumber = ids.volume;
         information->nFileIndexHigh = ids.high;
         information->nFileIndexLow = ids.low;
-        information->nNumberOfLinks = static_cast<DWORD>(calls);  // other fields do not count
+        information->nNumberOfLinks = static_cast<DWORD>(calls);  // must be ignored, like all other fields
         return TRUE;
     });
     EXPECT_TRUE(SameObject(folder.Path(), folder.Path()));
@@ -255,7 +255,7 @@ TEST(FindSubfolder, FolderThatCannotBeListedIsAnError)
     DWORD code = ERROR_ACCESS_DENIED;
     SUBSTITUTE(FindFirstFileW) find([&](auto...) { return FailWith(code, INVALID_HANDLE_VALUE); });
     ExpectFileError(FileErrorOf([&] { FindSubfolder(folder.Path(), &IsAnything); }), kOperation, folder.Path(), 5);
-    code = ERROR_FILE_NOT_FOUND;  // of a folder: it is the root of an empty drive
+    code = ERROR_FILE_NOT_FOUND;  // Windows returns this for the root of an empty drive
     EXPECT_TRUE(FindSubfolder(folder.Path(), &IsAnything).empty());
     ExpectFileError(FileErrorOf([&] { FindSubfolder(missing, &IsAnything); }), kOperation, missing, 2);
 }

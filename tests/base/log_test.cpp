@@ -178,7 +178,7 @@ TEST(Log, OpenedOnceAlsoByThreadsThatStartTogetherAndAfterAFailure)
     SUBSTITUTE(CreateFileW)
     create([&](auto...) {
         ++creations;
-        Sleep(20);  // so that the others arrive meanwhile
+        Sleep(20);  // gives the other threads time to arrive
         return FailWith(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE);
     });
     SUBSTITUTE(WriteFile)
@@ -211,7 +211,7 @@ TEST(LineFormat, IsThatOfTheWidePrintfFamily)
     LogLine(L"[%s] [%ls] [%hs]", L"wide", L"also wide", "narrow");
     LogLine(L"%s %hs", L"\u20ac\U0001f600\u00e9", "\xc3\xa9");  // a byte, a character
     LogLine(L"%d %d", 0x80070005, 12029ul);                     // HRESULTs show as negative numbers
-    // A blank before the conversion is the sign's place, and nothing for a text.
+    // The flag " " (blank) leaves room for a sign before a number; it has no effect on a text.
     LogLine(L"property: % d % s", 5, L"Access denied. ");
     LogLine(L"property: % d % s", -5, L"text");
     EXPECT_THAT(log.Lines(),

@@ -25,7 +25,7 @@ TEST(OwnedHandle, IsClosedOnceInTheReverseOrderOfTheDeclaration)
     closed.clear();
     {
         const Number outer(7);
-        const Number inner(0);  // a handle, since "none" is another value
+        const Number inner(0);  // a valid handle here: "none" is another value
         Number early(9);
         EXPECT_TRUE(inner && outer);
         EXPECT_EQ(outer.Get(), 7);

@@ -19,11 +19,11 @@ TEST(ContainsNoCase, ComparesOnlyTheLettersAToZWithoutCase)
         {L"xabc", L"abc", true},
         {L"abcx", L"abc", true},
         {L"ab", L"abc", false},
-        {L"aaab", L"aab", true},  // a false start before it
+        {L"aaab", L"aab", true},  // a partial match comes first
         {L"", L"a", false},
         {L"a", L"", true},
         {L"", L"", false},    // by design
-        {L"[", L"{", false},  // 32 apart, no letters
+        {L"[", L"{", false},  // codes differ by 32 like a letter's two cases, but these are no letters
         {L"`", L"@", false},
         {L"\u00e4", L"\u00c4", false},
         {L"\u212a", L"k", false},

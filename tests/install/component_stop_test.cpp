@@ -17,7 +17,7 @@ constexpr wchar_t kTaskkill[] = L"C:\\windows\\system32\\taskkill.exe";
 class StopComponents : public testing::Test
 {
 protected:
-    // Stops the components. The steps must be these, then five kills in this order, each waited for; every kill is
+    // Stops the components. Expects these steps, then five kills in this order, each waited for; every kill is
     // logged.
     void ExpectStops(std::vector<std::wstring> steps = {}, std::vector<std::wstring> lines = {}, int killCode = 0)
     {

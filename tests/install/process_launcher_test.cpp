@@ -13,7 +13,7 @@ namespace repair
 {
 namespace
 {
-// A start that keeps what the shell is asked for and gives the product a handle of the test's own.
+// Records the arguments of ShellExecuteExW and returns a handle made by the test.
 class LaunchFakeProcess : public testing::Test
 {
 protected:
@@ -28,7 +28,7 @@ protected:
     SHELLEXECUTEINFOW seen_ = {};
     std::vector<std::wstring> texts_;  // verb, file, parameters, working directory
     std::vector<DWORD> waits_;
-    int closed_ = 0;  // to be checked before the log: reading that reuses the handle's number
+    int closed_ = 0;  // check it before reading the log, which reuses the handle's number
     int killed_ = 0;
     LogCapture log_;
 
@@ -124,7 +124,7 @@ TEST_F(LaunchFakeProcess, LogsAndReturnsTheExitCodeAndClosesTheHandle)
 // Proves: It cannot be started => logged with code and text, the code comes back, nothing is waited for
 TEST_F(LaunchFakeProcess, LogsAndReturnsTheErrorOfAStartWithTheSystemsText)
 {
-    exitCodeError_ = ERROR_INVALID_FUNCTION;  // would be logged
+    exitCodeError_ = ERROR_INVALID_FUNCTION;  // must not be logged
     for (const DWORD code : {2u, 5u, 1155u, 1223u, 99'999u})
     {
         startError_ = code;

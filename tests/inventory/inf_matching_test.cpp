@@ -52,7 +52,7 @@ TEST(SectionHeader, IsMatchedAsByTheExpression)
         ASSERT_EQ(GroupOf(&MatchSectionHeader, line), group) << PrintToString(line);
         matches += group ? 1 : 0;
     }
-    EXPECT_EQ(matches, 1 + 4 + 16 + 64);  // none to three of the four characters that are no line ends
+    EXPECT_EQ(matches, 1 + 4 + 16 + 64);  // all texts of up to three of the four characters that are no line ends
 }
 
 TEST(ReleaseLine, IsMatchedAsByTheExpressionAfterEveryChangeOfOneCharacter)
@@ -82,7 +82,7 @@ TEST(ReleaseLine, IsMatchedAsByTheExpressionAfterEveryChangeOfOneCharacter)
             matches += group ? 1 : 0;
         }
     }
-    EXPECT_GT(matches, 1000);  // the comparison shows something only when both answers are frequent
+    EXPECT_GT(matches, 1000);  // the test is useful only if both answers are frequent
 }
 }  // namespace
 }  // namespace repair

@@ -156,7 +156,7 @@ TEST_F(InfTest, HeaderIsFoundWhereverTheReadingBlocksEnd)
     }
 }
 
-// As the reader is defined: a wide text stream, a line at a time, and the expression.
+// The reference: reads a wide text stream line by line and matches the expression.
 std::list<std::wstring> SectionsByStream(const std::wstring& path)
 {
     std::list<std::wstring> names;
@@ -189,7 +189,7 @@ TEST_F(InfTest, SectionsOfGeneratedFilesAreThoseOfAWideTextStream)
             size_t index = random() % pieces.size();
             if (pieces[index] == "\x1a" && random() % 20 != 0)
             {
-                index = 0;  // a file that ends early says little
+                index = 0;  // a file that ends early tests little
             }
             content += pieces[index];
             if (random() % 10 == 0)  // the file is scanned in groups of hundreds of bytes where nothing happens

@@ -34,7 +34,7 @@ Outcome WaitFor(component::IDeploymentOperation* operation)
     Outcome outcome;
     try
     {
-        // The component's view of the object becomes the caller's: only the layout of the tables joins them.
+        // The component and the product declare the interface separately; this cast works because the vtables match.
         void* const object = operation;
         const auto result = WaitForAsync(static_cast<abi::IAsyncOperation<abi::Deployment>*>(object));
         EXPECT_EQ(result.Get()->get_ExtendedErrorCode(&outcome.result), S_OK);

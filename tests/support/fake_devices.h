@@ -57,7 +57,7 @@ public:
     }
 
 private:
-    static constexpr DWORD kDetailBytes = 1700;  // more than the structure, as with compatible ids after it
+    static constexpr DWORD kDetailBytes = 1700;  // larger than the structure: compatible ids may follow it
 
     static HDEVINFO Handle() { return reinterpret_cast<HDEVINFO>(static_cast<INT_PTR>(0x7070)); }
 
@@ -131,7 +131,7 @@ private:
         EXPECT_EQ(std::memcmp(&key->fmtid, &kSet, sizeof(kSet)), 0);
         EXPECT_EQ(std::tuple(key->pid, *type, bytes, needed, flags), std::tuple(3u, 7u, 4u, nullptr, 0u));
         const FakeDevice& device = Current(set, data);
-        // Written in the failing case too: such a value must not be taken.
+        // Written on failure too: the tool must not use it then.
         const DWORD value = device.problemError != 0 ? 99 : device.problem;
         std::memcpy(buffer, &value, sizeof(value));
         return device.problemError != 0 ? FailWith(device.problemError) : TRUE;

@@ -118,7 +118,7 @@ private:
         calls.push_back(L"read");
         if (body.empty())
         {
-            *count = readError != 0 ? 5 : 0;  // a failing read may count what is not to be used
+            *count = readError != 0 ? 5 : 0;  // the tool must ignore the count of a failed read
             return readError != 0 ? FailWith(readError) : TRUE;
         }
         *count = static_cast<DWORD>(body.front().copy(static_cast<char*>(buffer), room));
@@ -130,7 +130,7 @@ private:
         const int number = static_cast<int>(reinterpret_cast<INT_PTR>(handle));
         EXPECT_EQ(open_.erase(number), 1u);
         calls.push_back(L"close " + std::to_wstring(number));
-        return FailWith(ERROR_INVALID_HANDLE, TRUE);  // leaves another error behind
+        return FailWith(ERROR_INVALID_HANDLE, TRUE);  // changes the last error
     }};
 };
 }  // namespace repair

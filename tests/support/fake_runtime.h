@@ -1,4 +1,4 @@
-// The lab's Windows Runtime component inside the test program, scripted in memory: what it has and how its calls end.
+// Runs the lab's Windows Runtime component inside the test program. Its packages and results are set in memory.
 //
 // The product looks the functions up at run time and keeps them, and the factories too, until the process ends. So each
 // test that uses this needs a process of its own.
@@ -37,8 +37,8 @@ namespace component = winrt_abi;
 // A failure with this text in a restricted error object.
 lab::Answer Failure(HRESULT code, const std::wstring& text);
 
-// The script's answers of a package are in `packages`, those of the manager and its list in `manager`, those of the
-// Store in `store`. Its destructor reports what the product did not give back.
+// `packages` sets the answers of each package, `manager` those of the manager and its list, `store` those of the Store.
+// The destructor reports what the product did not release.
 class FakeRuntime : public lab::Script
 {
 public:

@@ -11,7 +11,7 @@ namespace repair
 class FolderLink
 {
 public:
-    // Under Wine, a folder in its place is moved away, even an open one.
+    // Under Wine, first moves away a folder at this path, even one that is open.
     FolderLink(std::wstring link, const std::wstring& target) : path_(std::move(link))
     {
         if (IsThere() && UnixName(target) != nullptr)
@@ -19,7 +19,7 @@ public:
             RunUnix("mv " + OwnUnixName() + " " + OwnUnixName() + ".away", false);
         }
         CreateSymbolicLinkW(path_.c_str(), target.c_str(), SYMBOLIC_LINK_FLAG_DIRECTORY);
-        // Wine's function reports success without making one; a link of the host shows as a link to a folder.
+        // Wine reports success without creating a link. A symbolic link made on the host appears as a link to a folder.
         if (!IsThere() && UnixName(target) != nullptr)
         {
             RunUnix("ln -s " + std::string(UnixName(target)) + " " + OwnUnixName(), true);

@@ -1,5 +1,5 @@
-// The test program may be copied to a real Windows. There some tests have nothing to show: what they expect is a habit
-// of Wine, or the machine lacks what the lab gives it. They are skipped with the reason, and counted as skipped.
+// For tests that are skipped on a real Windows: they expect something that only Wine does, or need something that only
+// a lab machine has. The reason is shown, and they count as skipped.
 #pragma once
 
 #include <windows.h>

@@ -48,7 +48,7 @@ public:
     ImportPatch(const ImportPatch&) = delete;
     ImportPatch& operator=(const ImportPatch&) = delete;
 
-    // The function that was there before; right for statically imported DLLs.
+    // The function that was there before; correct only for statically imported DLLs.
     void* Original() const { return original_; }
 
 private:
@@ -83,13 +83,13 @@ public:
         }
     }
 
-    // Right for statically imported functions only; RealFunction serves delay-loaded ones.
+    // Correct for statically imported functions only; use RealFunction for delay-loaded ones.
     static Function* Original() { return original_; }
 
 private:
     static Result Call(Arguments... arguments) { return (*current_)(arguments...); }
 
-    // Begins before the patch and ends after it: other threads may be calling.
+    // Lives longer than the patch, because other threads may still be calling.
     class Activation
     {
     public:

@@ -72,7 +72,7 @@ private:
     std::wstring path_;
 };
 
-// One that the product gets as the system's temporary folder.
+// A folder that the product gets as the system's temporary folder.
 class SystemTemporaryFolder : public TemporaryFolder
 {
 public:

@@ -496,7 +496,7 @@ TEST_P(UnusualStart, WaitsForABrokenWindowInVainAndLeavesTheScalingAsItWas)
     {
         EXPECT_TRUE(ThreadEnds());
     }
-    SetStatus(window_, 1);  // goes to the handle that is stored
+    SetStatus(window_, 1);  // uses the stored handle, whatever it is
     StopStatusWindow(window_);
     EXPECT_FALSE(window_.thread.joinable());
     EXPECT_EQ(calls_.Get(), GetParam().calls);
@@ -523,7 +523,7 @@ TEST_F(StatusWindowTest, StartWaitsNoLongerThanTwoSecondsForASlowThread)
     EXPECT_EQ(waits, 20);
     EXPECT_FALSE(window_.ready);
     EXPECT_EQ(window_.dialog, nullptr);
-    SetStatus(window_, 1);  // lost: there is no handle yet
+    SetStatus(window_, 1);  // has no effect: there is no window handle yet
     SetEvent(goOn);
     ASSERT_TRUE(WaitUntil([&] { return window_.ready.load(); }));
     SetStatus(window_, 2);

@@ -61,7 +61,7 @@ protected:
         constexpr bool kIsString = std::is_same_v<Value, HSTRING>;
         if (answer == nullptr || (kIsString && FAILED(answer->result)))
         {
-            *value = make();  // a string comes even with a failure: the caller must not lose it
+            *value = make();  // returned even with a failure: the caller must free it
         }
         else if constexpr (std::is_pointer_v<Value>)
         {
