@@ -78,7 +78,7 @@ class Lab:
     def __init__(self) -> None:
         self.machine: Machine | None = None
         self.result: Result | None = None
-        self.runs: list[tuple[Result, bool]] = []  # with whether all starts were made at once
+        self.runs: list[tuple[Result, bool]] = []  # result, and whether all starts were made at once
         self.stated: dict[int, str] = {}  # number of the run -> the outcomes that the case states
         self.kept: list[pathlib.Path] = []
         self.silent = False

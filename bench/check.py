@@ -110,8 +110,8 @@ def machine_with(packages: int, size: int) -> dict[str, Any]:
 
 
 def shorten_published(machine: WarmMachine) -> None:
-    """Wine parses every published INF once more for each adapter, where Windows has an index. Their heads are enough for
-    that; the copies in the driver store, which the tool reads, stay whole."""
+    """Wine parses every published INF again for each adapter; Windows has an index. So only the heads of these files are
+    kept. The copies in the driver store, which the tool reads, stay whole."""
     for file in (machine.prefix.drive / "windows" / "inf").glob("oem*.inf"):
         replace_file(file, file.read_bytes().partition(b"[Settings_")[0])
 

@@ -24,7 +24,7 @@ FLAT_MIB = 1.0     # what counts as no growth: the kernel's own count is off by 
 
 
 def most_memory(process: int) -> int:
-    """The most bytes that a process has had resident so far; 0 when it has ended."""
+    """The peak of a process's resident memory in bytes; 0 after its end."""
     with contextlib.suppress(OSError):
         for line in pathlib.Path("/proc", str(process), "status").read_text("ascii", "replace").splitlines():
             if line.startswith("VmHWM:"):
@@ -76,7 +76,7 @@ class Downloads:
         return self.folder / name
 
     def curl(self) -> float:
-        """By its own clock, which begins with the request."""
+        """Seconds by curl's own clock, which starts with the request."""
         file = self._fresh("curl.exe")
         done = subprocess.run(["curl", "--silent", "--noproxy", "*", "--output", file, "--write-out", "%{time_total}", self.url],
                               capture_output=True, text=True)
@@ -84,7 +84,7 @@ class Downloads:
         return float(done.stdout)
 
     def wget(self) -> float:
-        """It makes the file before it asks."""
+        """wget creates the file before it sends the request."""
         file = self._fresh("wget.exe")
         with FileWatch(self.folder, CREATE | CLOSE_WRITE) as watch:
             code = subprocess.run(["wget", "--no-config", "--no-proxy", "--quiet", "--output-document", file, self.url]).returncode
@@ -114,7 +114,7 @@ class Downloads:
         return self.peak(TOOL, "-SILENT", done=INSTALLER, good=NOT_A_PROGRAM)
 
     def plain_peak(self) -> float:
-        """The bare loop after the work that the tool has done by then, and with the same window."""
+        """The bare loop, after the same work and with the same window as the tool at that point."""
         return self.peak(FLOOR, r"C:\lab\lines.txt", self.url, *self._bare_names(), done="bare.exe", good=0)
 
 

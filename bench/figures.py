@@ -62,7 +62,7 @@ class Row:
 
     @property
     def met(self) -> bool | None:
-        """None: there is no goal."""
+        """None without a goal."""
         if self.limit is None:
             return None
         more_is_better = MEASURES[self.measure][2]

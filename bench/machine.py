@@ -51,7 +51,7 @@ def roomy_folder(need: int = 7 << 30) -> pathlib.Path | None:
 
 
 def remove_leftovers() -> None:
-    """What measurements that were killed have left running, and in memory."""
+    """Removes the processes and the files in memory that killed measurements left behind."""
     end_orphans()
     place = roomy_folder(0)
     for folder in place.glob(f"{MEMORY_NAME}*") if place else ():
@@ -65,7 +65,7 @@ class WarmMachine(Session):
 
     def __init__(self, description: dict[str, Any], shown: bool = False, when: tuple[str, ...] = (),
                  change: Callable[["WarmMachine"], None] = lambda machine: None):
-        """change: what else is to be done before the system starts. when: what is done during the first run (lab/README.md)."""
+        """change: called before the system starts. when: actions during the first run (lab/README.md)."""
         super().__init__(Machine(description), screen=shown)
         self.stack.callback(remove_folder, self.folder)
         self.when = when
@@ -95,7 +95,7 @@ class WarmMachine(Session):
         self.change(self)
 
     def _put_downloads_into_memory(self) -> None:
-        """Below the user's temporary folder, as the tool wants it."""
+        """The tool expects the folder below the user's temporary folder."""
         temporary = next((self.prefix.drive / "users").glob("*/Temp"))
         self.downloads = temporary / DOWNLOADS
         place = roomy_folder()
@@ -131,7 +131,7 @@ class WarmMachine(Session):
         return Ran(start, end, process.returncode, usage.ru_utime + usage.ru_stime)
 
     def numbers(self, program: str, *arguments: str) -> list[list[float]]:
-        """What a program prints: lines of numbers."""
+        """Returns the lines of numbers that a program prints."""
         output = self.folder / "output.txt"
         code = self.run(program, *arguments, output=output).code
         lines = [[float(word) for word in line.split()] for line in output.read_text("ascii").splitlines()]

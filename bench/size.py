@@ -14,7 +14,7 @@ from lab import paths
 
 EXE_KB = 1000
 
-# What the linker names an input section by, and what a reader calls it. The first that fits counts.
+# Beginning of the linker's name for an input section, and the name for readers. The first match counts.
 _CPP = r"libstdc\+\+\.a\(.*(%s).*\)"
 PARTS = (
     (r"lib(repair|base)\.a|CMakeFiles/", "the tool itself"),

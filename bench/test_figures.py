@@ -34,7 +34,7 @@ def test_a_goal_is_met_at_its_limit_and_missed_beyond(measure, ours, theirs, lim
 
 
 def test_pairs_are_compared_and_not_the_medians_of_both_sides():
-    """The machine got slower in between: each pair says 1, the two medians do not."""
+    """The machine got slower in between: the ratio of each pair is 1, the ratio of the two medians is not."""
     assert row("ratio", [8.0, 1.0, 2.0], [4.0, 1.0, 4.0], 1).figures == [2.0, 1.0, 0.5]
     one = row("difference", [90.0, 20.0, 60.0, 70.0, 10.0], [80.0, 2.0, 59.0, 69.0, 1.0], 5)
     assert one.figures == [10.0, 18.0, 1.0, 1.0, 9.0]

@@ -6,7 +6,7 @@ from typing import Callable
 
 def take(contestants: dict[str, Callable[[], float]], rounds: int, say: Callable[[str], None],
          warm: bool = True) -> dict[str, list[float]]:
-    """Each round measures every contestant once, beginning with another one each time and backwards every other time, so
+    """Each round measures every contestant once. The first one changes each round, and every other round runs backwards, so
     that none always follows the same one. The first round warms up and does not count."""
     names = list(contestants)
     values: dict[str, list[float]] = {name: [] for name in names}

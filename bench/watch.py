@@ -83,7 +83,7 @@ class FileWatch:
 
 
 class LogWatch(FileWatch):
-    """Follows a log while it is being written: `lines` has each line with the time at which it was there."""
+    """Follows a log while it is being written: `lines` has each line and the time at which it appeared."""
 
     def __init__(self, folder: pathlib.Path):
         self.lines: list[tuple[float, str]] = []

@@ -82,7 +82,7 @@ def long_path(length: int) -> str:
 # Proves: The address cannot be split
 @pytest.mark.parametrize("length, good", [(239, True), (259, True), (260, False), (500, False)])
 def test_path_has_at_most_259_characters(lab, length, good):
-    """With http://127.0.0.1:12345 before it, the first one is an address of 261 characters."""
+    """With http://127.0.0.1:12345 in front, the first path gives an address of 261 characters."""
     path = long_path(length)
     folder = "http://{server}" + path.removesuffix(NAME) + "/"
     lab.run(answering(folder=folder, path=path))
@@ -122,7 +122,7 @@ NO_HOST = {"no host": "http:///vlt/", "backslashes": "http:\\\\{server}\\vlt\\",
 # Proves: It is empty
 @pytest.mark.parametrize("name", [*NO_ADDRESS, *NO_HOST])
 def test_value_without_an_address_ends_the_download(lab, name):
-    """For the empty value the maker's own server would answer. It is not used."""
+    """An empty value does not fall back to the maker's own server."""
     folder = {**NO_ADDRESS, **NO_HOST}[name]
     line = thrown("Unable to connect to server: {any}") if name in NO_HOST else not_split(f"{folder}24.20/dwx2_install.txt", 12006)
     lab.run(own(folder=folder) if name == "empty" else answering(folder=folder))
@@ -140,7 +140,7 @@ def test_scheme_does_not_matter_when_a_port_is_given(lab, scheme):
 
 @pytest.mark.parametrize("folder", ["ftp://127.0.0.9/", "http://127.0.0.9:9"], ids=["port of ftp", "no slash"])
 def test_port_without_a_server_ends_the_download(lab, folder):
-    """Without a slash the release is glued to the port, which becomes 924 with something after it."""
+    """Without a slash the release follows the port directly, and the port becomes 924 with text after it."""
     lab.run(answering(folder=folder))
     check_failed(lab, "download-unreachable", not_sent(f"{folder}24.20/dwx2_install.txt", 12029), requests=[], start=changed(folder))
 
@@ -156,7 +156,7 @@ def test_port_without_a_server_ends_the_download(lab, folder):
     (PATH + "?file=", f"{PATH}?file=24.20/dwx2_install.txt", 200),
 ], ids=["no slash", "blank inside", "blank behind", "dots", "part of a release", "query"])
 def test_value_is_used_as_it_is(lab, folder, path, status):
-    """Only the system changes something in it, blanks and dots. Without a slash it is glued to the release."""
+    """Only the system changes it (blanks and dots). Without a slash at the end, the release follows directly."""
     folder = "http://{server}" + folder
     lab.run(answering(folder=folder))
     if status == 200:

@@ -95,14 +95,14 @@ def test_answer_ends_the_download(lab, name):
 # Proves: Reading fails otherwise
 @pytest.mark.parametrize("at, left", [(0, 0), (MIB - 1, 0), (MIB + 1, MIB), (3 * MIB - 1, 2 * MIB)])
 def test_reset_in_the_body_ends_the_download(lab, at, left):
-    """Full blocks are in the file, what was read before the reset is not."""
+    """Only full blocks are in the file; the bytes after them were lost with the reset."""
     result = lab.run(answering({"size": 3 * MIB, "reset": at}))
     check_failed(lab, "download-broken", *LOST, requests=[GOOD], left=left)
     assert result.requests[0]["bytes"] == at
 
 
 def test_reset_after_the_last_byte_does_not_matter(lab):
-    """On a busy host the system may send the request once more, unseen by the tool."""
+    """On a busy host the system may repeat the request; the tool does not notice."""
     result = lab.run(answering({"size": 3 * MIB, "reset": 3 * MIB}))
     check_arrived(lab, 3 * MIB, [GOOD] * min(2, len(result.requests)))
 

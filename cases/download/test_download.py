@@ -87,7 +87,7 @@ def test_old_files_are_replaced(lab):
 @pytest.mark.parametrize("path", [FINAL, TEMPORARY], ids=["final", "temporary"])
 @pytest.mark.parametrize("how", ["held", "read_only", "folder"])
 def test_old_file_that_cannot_be_removed_ends_the_download(lab, path, how):
-    """The final file is removed first, so a temporary one stays beside it even when it could go."""
+    """The final file is removed first. If that fails, the temporary file stays, even one that could be removed."""
     old = path + "\\inside" if how == "folder" else path
     files = {**({TEMPORARY: "older"} if path == FINAL else {FINAL: "older"}), old: "old"}
     result = lab.run({**answering(), "files": files, **({} if how == "folder" else {how: [old]})})
@@ -106,7 +106,7 @@ def test_file_in_place_of_the_download_folder_ends_the_download(lab):
 
 # Proves: The download folder is a link
 def test_link_in_place_of_the_download_folder_is_not_used(lab):
-    """Windows removes the link and creates the folder. Wine takes the link for what it leads to, so here the download ends."""
+    """Windows removes the link and creates the folder. Wine treats the link as its target, so here the download ends."""
     mine = r"C:\Victim\mine.txt"
     lab.run({**answering(), "files": {mine: "mine", DOWNLOADS: {"link": r"C:\Victim"}}})
     lab.check(**failed("download-file-in-the-way", thrown(f"filesystem error: remove: {{any}} [{DOWNLOADS}]")), requests=[],

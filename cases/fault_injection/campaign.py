@@ -27,7 +27,7 @@ FOLDER = paths.ROOT / "build" / "fault-injection"
 
 
 def stamp() -> str:
-    """Of the tool and of everything that decides about an undisturbed run."""
+    """Digest of the tool and of every file that affects an undisturbed run."""
     digest = hashlib.sha256(paths.need(paths.TOOL).read_bytes())
     here, lab = pathlib.Path(__file__).parent, paths.ROOT / "lab"
     parts = [*here.glob("*.py"), *here.parent.glob("support/*.py"), *lab.glob("*.py"), *lab.glob("standins/**/*.cpp"),
@@ -93,5 +93,5 @@ def execute(run: Planned) -> tuple[Result, list[str]]:
     problems = judge.judge(run, result, undisturbed()[run.scenario.name]["calls"])
     if not problems:
         for code, log in ((result.exit_code, result.log), (result.again.exit_code, result.again.log)):
-            corpus.add(*outcomes.matching(code, log), code, log)  # judged, so there is exactly one
+            corpus.add(*outcomes.matching(code, log), code, log)  # the judge has checked that there is exactly one
     return result, problems

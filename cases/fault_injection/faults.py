@@ -15,14 +15,14 @@ CODES: dict[str, tuple[int, ...]] = {
     "wininet!": (12002, 12029, 12030, 14),
     "wininet!InternetReadFile": (12002, 12029, 12030, 12152, 12003),
 }
-EXTENDED = 12003             # with this code the tool asks for the server's own words
+EXTENDED = 12003             # with this code the tool asks for the server's own message
 REBOOT = (1641, 3010, 3011)  # success that wants a restart: the real call is made as well
 NO_RESULT = ("setupapi!SetupCloseInfFile", "wtsapi32!WTSFreeMemory")  # the tool cannot see these fail
 
 E_MEMORY = 0x8007000E
 HRESULTS = (0x80070005, 0x80004005, 0x80073CF1, E_MEMORY)
 CANCELED = (0x800704C7,)
-TEXT = "Injected."  # of the error object that comes with every other code
+TEXT = "Injected."  # text of the error object; every other code gets one
 
 
 def codes(function: str) -> tuple[int, ...]:

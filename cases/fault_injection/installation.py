@@ -34,7 +34,7 @@ class Installation(ModelBase):
         for function, line, reason in DOWNLOAD:
             code = self.call(f"wininet!{function}")
             if function == "HttpSendRequestW" and code is None and reach == "none":
-                code = 12007  # there is no such host here
+                code = 12007  # the host name does not exist here
             if code is not None:
                 url = f"{address}{SERVER_PATH}{release}/dwx2_install.txt"
                 self.say(line.replace("{url}", url).replace("{code}", str(code)))
@@ -63,7 +63,7 @@ class Installation(ModelBase):
     # Installing
 
     def related(self, family: str) -> list[Product]:
-        """The products of a family whose package is known. Only the end of the list ends it, no other failure does."""
+        """The products of a family whose package is known. Only the code for the end of the list stops the loop."""
         products = [product for product in self.world.products if product.family == family]
         found: list[Product] = []
         product, index = None, 0
@@ -122,7 +122,7 @@ class Installation(ModelBase):
         if code is not None and not self.fault.after:
             return code
         if product not in self.world.products:
-            return "{number}"  # it has gone before
+            return "{number}"  # already removed
         self.world.products.remove(product)
         if product.family == "Halden":
             self.world.version = ""
@@ -136,7 +136,7 @@ class Installation(ModelBase):
         code = self.call("msi!MsiInstallProductW")
         if code is None or self.fault.after:
             product = Product(family, release, variant or "normal")
-            if product.name not in [one.name for one in self.world.products]:  # the same once more is still one product
+            if product.name not in [one.name for one in self.world.products]:  # installing the same product again adds none
                 self.world.products.append(product)
             if family == "Halden":
                 self.world.version = release

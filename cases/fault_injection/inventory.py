@@ -12,7 +12,7 @@ MORE_DATA = 122
 
 @dataclasses.dataclass
 class Record:
-    """An adapter that counts."""
+    """An adapter that the tool lists."""
     description: str
     release: str
     folder: str
@@ -24,7 +24,7 @@ class Record:
 
 class Inventory(ModelBase):
     def place(self, folder: str) -> str:
-        """The folder that {store1} and so on in a log line means."""
+        """The folder that {store1}, {store2}, ... in a log line refers to."""
         number = folder.strip("{}").removeprefix("store")
         return self.packages()[int(number) - 1].store_folder() if number.isdigit() else folder
 
@@ -100,7 +100,7 @@ class Inventory(ModelBase):
         return self.packages()[int(path.strip("{}").removeprefix("store")) - 1]
 
     def _release(self, adapter: Adapter) -> str:
-        """Of the INF that was located last."""
+        """The release in the INF that was located last."""
         if self.call("setupapi!SetupOpenInfFileW") is not None or not self.path:
             return ""
         package = self._package_of(self.path)

@@ -31,7 +31,7 @@ LIMIT = 120  # seconds for both starts together; they take two when the machine 
 
 
 def fired(run: Planned, result: Result) -> list[str]:
-    """A run in which nothing failed proves nothing."""
+    """Whether the planned failure happened; without it the run proves nothing."""
     bad = [line for line in [*result.calls, *result.store_calls] if line.startswith("!")]
     if bad:
         return [f"the lab does not understand its own rules: {bad}"]
@@ -49,7 +49,7 @@ def fired(run: Planned, result: Result) -> list[str]:
 def _shows(run: Planned, line: str) -> bool:
     """Whether a line of the stand-in records the failure."""
     step, code = run.step, f" -> 0x{run.fault.code:08X} "
-    if step.key in ("removal", "state") or run.value == "canceled":  # told by a call that succeeds
+    if step.key in ("removal", "state") or run.value == "canceled":  # a successful call reports this failure
         return line.startswith(step.recorded.replace("{code}", str(run.fault.code)))
     return line.startswith(step.recorded) and code in line
 
@@ -83,8 +83,8 @@ def well_formed(arguments: str, log: list[str]) -> list[str]:
 
 
 def repairing_arguments(scenario: Scenario, world: World) -> str:
-    """The arguments with which the tool repairs the machine: the same ones if they do, or with force, or a direct installation
-    (which may bring more than there was). Without any, the same ones: the tool does not miss a lost optional package."""
+    """The arguments with which the tool repairs the machine: the same ones if they work, then with force, then a direct installation
+    (which may install more than before). If none works, the same ones: the tool does not notice a lost optional package."""
     machine, same = scenario.machine(), scenario.arguments
     for arguments in (same, f"{same} -FORCE".strip(), "-FORCE -SILENT", DIRECT):
         if is_right(scenario, model.Model(machine, world, arguments).play().world):
@@ -99,7 +99,7 @@ def undisturbed_end(name: str) -> Ending:
 
 
 def is_right(scenario: Scenario, world: World) -> bool:
-    """All that the undisturbed run leaves is there, nothing twice, and the Store packages are the same."""
+    """Everything that an undisturbed run leaves is there, nothing twice, and the Store packages are the same."""
     (products, store), (good, good_store) = world.end(), undisturbed_end(scenario.name).world.end()
     families = [product.family for product in world.products]
     return set(good) <= set(products) and len(set(families)) == len(families) and store == good_store
@@ -113,7 +113,7 @@ def expected(run: Planned) -> tuple[list[Ending], str]:
 
 
 def compare_calls(wanted: dict[str, int], calls: list[str]) -> list[str]:
-    """Only functions that are wanted are compared; the model does not name the others."""
+    """Compares only the functions in `wanted`; the model does not name the others."""
     found = plan.made(calls)
     differ = {name: (found.get(name, 0), number) for name, number in wanted.items() if found.get(name, 0) != number}
     return [f"calls made and calls expected: {differ}"] if differ else []
@@ -166,7 +166,7 @@ def judge(run: Planned, result: Result, undisturbed: dict[str, int]) -> list[str
     courses = []  # where several endings are possible, the nearest is reported
     for ending in may:
         calls = ending.calls
-        if run.step is None and run.fault.function not in calls:  # nothing depends on it: the run goes on as if undisturbed
+        if run.step is None and run.fault.function not in calls:  # a call that the model does not name: its failure changes nothing
             calls = undisturbed | calls
         courses.append(_start(run.machine(), result, ending, result.exit_code, result.log, result.boxes)
                        + (compare_calls(calls, result.calls) if run.step is None else [])

@@ -1,7 +1,7 @@
 """What the tool does on a machine, also when one of its calls fails: the whole log, how it ends, what it leaves behind.
 
 The model names the calls whose failure changes something, in their order. A call that it does not name may fail without any
-consequence. Nothing here was read off the program: where the two differ, one of them is wrong.
+consequence. The model was written independently of the program: where the two differ, one of them is wrong.
 """
 from __future__ import annotations
 

@@ -61,7 +61,7 @@ def made(calls: list[str]) -> dict[str, int]:
 
 
 def shape(rest: str) -> str:
-    """What tells a call from others of its function."""
+    """What distinguishes a call from others of the same function."""
     found = dict(re.findall(r'(\w+)=("(?:[^"]|"")*"|[^;]*)', rest))
     known = [f"{key}={found[key]}" for key in ARGUMENTS if key in found]
     known = [re.sub(r"Installer\\\w+\.msi", "Installer", text) for text in known]  # a random name
@@ -156,7 +156,7 @@ def slices(runs: list[Planned]) -> int:
 
 
 def take_slice(runs: list[Planned], text: str) -> list[Planned]:
-    """Slice "K/N", K from 1: every N-th run, so that each machine and function has its part in it."""
+    """Slice "K/N", K from 1: every N-th run, so that each slice covers all machines and functions."""
     match = re.fullmatch(r"(\d+)/(\d+)", text)
     if not match or not 1 <= int(match[1]) <= int(match[2]):
         raise ValueError(f"a slice is K/N with K from 1 to N, not {text}")
@@ -164,6 +164,6 @@ def take_slice(runs: list[Planned], text: str) -> list[Planned]:
 
 
 def slice_of(commit: str, runs: list[Planned]) -> str:
-    """The slice that belongs to a commit: another one nearly every time, and the same one whenever it is run again."""
+    """The slice for a commit: nearly every commit gets another one, and the same commit always gets the same one."""
     number = slices(runs)
     return f"{int(commit[:8] or '0', 16) % number + 1}/{number}"

@@ -25,7 +25,7 @@ def setup_result(code: int) -> int:
 
 @dataclasses.dataclass(frozen=True)
 class Fault:
-    """A call that fails once. number 0: a step of the Store, which is written in the machine's description."""
+    """A call that fails once. number 0: a step of the Store, set in the machine's description."""
     function: str = ""
     number: int = 0
     code: int = 0
@@ -48,7 +48,7 @@ class World:
     """What a machine holds that can change."""
     products: list[Product]
     version: str                   # of the desktop edition, as its installer has registered it
-    folder: str                    # of the user's own choice
+    folder: str                    # install folder that the user chose
     store: list[dict[str, Any]]
     running: list[str]
     unpacked: bool = False         # the extraction folder is there
@@ -81,7 +81,7 @@ class Ending:
     boxes: list[tuple[str, str]]
     calls: dict[str, int]
     world: World
-    outcome: str  # of the catalogue
+    outcome: str  # id in the catalogue
 
 
 class ModelBase:
@@ -107,8 +107,8 @@ class ModelBase:
         if not fault:  # an undisturbed Store
             self.service = {key: value for key, value in self.service.items() if key in ("installs", "completion")}
         self.disturbed = fault is not None
-        # What the catalogue's word for the run depends on.
-        self.reason = ""  # already decided
+        # The outcome of the run depends on these.
+        self.reason = ""  # the outcome, if already decided
         self.adapter_seen = self.store_trouble = self.restart = False
         self.removals: list[int | str] = []
         self.installations: list[int] = []  # the main package first

@@ -32,7 +32,7 @@ def still_running(lab) -> dict[str, bool]:
 # Proves: A name is not running
 @pytest.mark.quick
 def test_order_and_wording(lab):
-    """The application is asked before it is killed, although both succeed; the lines in full."""
+    """The application is asked, then killed, even if asking succeeds. The lines are compared in full."""
     result = lab.run(pretended())
     check(lab, r"Process C:\Program Files\Tavik\Halden\hlcmd.exe exit completed with exit code 0",
           r'Process C:\windows\system32\taskkill.exe  /IM "hlcmd.exe" /F completed with exit code 128',
@@ -88,7 +88,7 @@ def test_application_is_asked_first(lab, name):
 
 # Proves: Programs do not listen => they are killed, in any letter case and from any folder
 def test_programs_that_do_not_listen_are_killed(lab):
-    """Four of the five; the letter case of a name does not matter."""
+    """Four of the five programs run; the letter case of a name does not matter."""
     folder = r"C:\Program Files\Tavik"
     programs = [rf"{HOME}\CorvelSettings.exe", rf"{HOME}\CorvelSoftware.exe", rf"{folder}\DVR\tavikow.exe", rf"{folder}\PXL\TavikLPServ.exe"]
     names = [program.rpartition("\\")[2] for program in programs]

@@ -16,7 +16,7 @@ from lab import paths
 from lab.machine import Machine
 from lab.session import TOOL, Session, remove_folder
 
-KEPT = r"C:\Kept"  # an application that no package knows: it is started when nothing was installed
+KEPT = r"C:\Kept"  # an application outside all packages: it is started when nothing was installed
 ALL = {"products": ["Tavik DVR 24.20", "Tavik Halden 24.20", "Tavik PXL 24.20"], "values": {MARKER: 1}}
 NOTHING = {"products": [], "values": {MARKER: None}}
 REPLACED = {"products": ["Tavik Halden 24.20"], "values": {MARKER: None}}
@@ -122,7 +122,7 @@ def test_exception_during_the_installation(lab, arguments):
 
 # Proves: The marker's key cannot be created
 def test_marker_that_cannot_be_written_is_logged(lab):
-    late = store(package(completion="later:1500"))  # the package of the DVR comes before, and writes nothing there
+    late = store(package(completion="later:1500"))  # leaves time to deny the key; the DVR package does not write to it
     result = lab.run(given(store=late), SWITCHES, when=[rf"file C:\Program Files\Tavik\DVR\release.txt : deny {INSTALL_KEY}"])
     assert [action["done"] for action in result.actions] == [True]
     lab.check(outcome="direct-not-marked", after={**ALL, "values": {MARKER: None}}, log=[

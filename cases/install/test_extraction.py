@@ -37,7 +37,7 @@ def test_folder_is_made_with_all_its_parents_and_stays(lab):
 
 # Proves: Something of an earlier run is there, or a file in the folder's place
 def test_files_of_an_earlier_run_are_removed_before_the_installer_starts(lab):
-    """The old main package would be installed otherwise."""
+    """Otherwise the tool would install the old main package."""
     old = [MAIN, FOLDER + r"\deep\deeper\old.txt", FOLDER + r"\~.tmp.old", FOLDER + r"\HL\empty"]
     files = {**{path: "old" for path in old[:3]}, old[3]: {"folder": True}, DOWNLOADS + r"\other.txt": "stays"}
     lab.run(found(installer={"extract": "no"}, files=files))
@@ -198,7 +198,7 @@ def test_installer_is_free_again_when_it_has_ended(lab):
 
 # Proves: The installer cannot be held open, because another program uses it => it is started without being held
 def test_installer_that_another_program_writes_is_started_all_the_same(lab):
-    """It cannot be held then; the system decides whether it starts."""
+    """The tool cannot hold it; the system decides whether it starts."""
     lab.run(given(STAYING, desktop={"release": "23.40"}, held=[GIVEN]), SWITCHES)
     lab.check(outcome="direct-installer-blocked", after={"files": [GIVEN]})
     assert any(line.startswith(f"Launching process {GIVEN} ") for line in lab.result.log)

@@ -71,7 +71,7 @@ def check_log(lab, lines: list[str]) -> None:
 
 
 def check_point(result: Result, point: str) -> None:
-    """The rule, and nothing else, has ended the first run."""
+    """Checks that the rule, and nothing else, ended the first run."""
     function, number = point.split(" ")[:2]
     ended = [line for line in result.calls if f"-> exit {KILLED} " in line]
     assert len(ended) == 1 and ended[0].startswith((f"{function}#{number} ", f"{function}#{number}->")), ended
@@ -98,7 +98,7 @@ def test_before_anything_is_changed(lab, point):
 @pytest.mark.parametrize("number, end, products", [
     (2, FINDS_NOTHING, [OLD[0], OLD[2]]), (3, FINDS_NOTHING, [OLD[2]]), (4, FINDS_NOTHING, []), (5, IS_SAME, MAIN), (6, IS_SAME, NEW[:2])])
 def test_between_two_packages(lab, number, end, products):
-    """The call with this number is not made any more: three removals, then three installations."""
+    """The call with this number is never made. The calls are three removals, then three installations."""
     result = kill_and_start_again(lab, desktop(**exits(f"msi!MsiInstallProductW {number}")))
     check_point(result, f"msi!MsiInstallProductW {number}")
     check_second(lab, end, products=products)
@@ -110,14 +110,14 @@ def test_without_the_main_package_the_store_edition_is_installed_when_forced(lab
     check_second(lab, GETS_IT_FROM_THE_STORE, products=left, store=(NEWER,))
 
 
-# Where no call can be caught: killed as soon as something is seen, so not always at the same place.
+# Where no call can be intercepted, the kill comes as soon as something is seen, so not always at the same place.
 
 @pytest.mark.parametrize("when", [
     ("start",), ("window",), ("log hlcmd.exe exit completed",), ("log Uninstalling installed Halden",), ("log Uninstalling installed PXL",),
     ("log Installing",), ("log dwx-next64.msi : wait 1", f"file {HALDEN_FILE}"), ("log PXL64.msi",)],
     ids=lambda value: value[-1].rpartition("\\")[2])
 def test_as_soon_as_something_is_seen(lab, when):
-    """How the second run may end follows from the lines of the first one: in the middle of a package there are two ways."""
+    """The log of the first run decides how the second may end: after a kill in the middle of a package, in two ways."""
     result = kill_and_start_again(lab, desktop(), when=when)
     lab.outcome("interrupted | no-log, repaired | no-application | same-release")
     first = "\n".join(result.logs[0] if len(result.logs) == 2 else [])
@@ -130,7 +130,7 @@ def test_as_soon_as_something_is_seen(lab, when):
 
 @pytest.mark.parametrize("seen", [MARKER, r"C:\lab\installer.txt"])
 def test_while_the_installer_unpacks(lab, seen):
-    """It goes on without the tool, and the second run has another one unpack into the same folder meanwhile. When they meet, the second
+    """The installer goes on without the tool, while the second run starts another one for the same folder. If they collide, the second
     run fails as with any folder that cannot be prepared or any damaged package."""
     result = kill_and_start_again(lab, desktop(installer={"sleep": 800}), when=(f"file {seen}",))
     assert len(result.installer) <= 2 and not any("DWX2_Install" in line for line in result.log if line.startswith("Process"))
@@ -204,8 +204,8 @@ def test_while_a_box_is_up(lab, machine, end, products):
     ("winrt!put_Completed 1", False, FAMILIES), ("winrt!get_ErrorText 1", False, FAMILIES), ("", True, FAMILIES)],
     ids=lambda value: value or "the application starts" if isinstance(value, str) else "")
 def test_direct_installation(lab, point, was_missing, families):
-    """Once the main package is in, a second run installs what is there already, does not remove the Store edition and leaves no marker,
-    except when the first run has done both."""
+    """After the main package is installed, a second run reinstalls it, does not remove the Store edition and writes no marker,
+    unless the first run has done both."""
     packages = {"packages": [package()]}
     if point:
         result = kill_and_start_again(lab, given(store=packages, **exits(point)), SWITCHES)

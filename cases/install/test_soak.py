@@ -15,7 +15,7 @@ from lab.prefix import Prefix, processes_of
 from lab.session import Session, remove_folder
 
 RUNS = 300
-WARM = 20  # services start, caches fill
+WARM = 20  # runs before measuring: services start, caches fill
 
 
 def held(prefix: Prefix) -> dict[str, int]:
@@ -56,7 +56,7 @@ def test_300_runs_leave_nothing_but_their_logs():
     remove_folder(session.folder)
     assert (first, second) == ({"-1": WARM - 1}, {"-1": RUNS - WARM})
     grown = growth(before, after)
-    # One of anything a run would be hundreds; services come and go.
+    # A leak of one object per run would add hundreds; background services may add or remove a few.
     assert grown.pop("kilobytes") < 2000 and grown.pop("temporary files") == 0
     assert [name for name, number in grown.items() if number > 10] == [], grown
     known = {"store1": machine.adapters[0].packages[0].store_folder()}

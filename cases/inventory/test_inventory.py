@@ -91,7 +91,7 @@ ONE = {  # name: adapter, lines, how the adapter is listed
 # Proves: No package carries the release
 @pytest.mark.parametrize("name", ONE)
 def test_one_adapter_is_kept(lab, name):
-    """Nothing of this leaves the adapter out; without a matching package it has no folder."""
+    """None of these excludes the adapter; without a matching package it has no folder."""
     adapter, lines, listed = ONE[name]
     run(lab, {"id": MAKER, **adapter})
     check(lab, *lines, listed=[listed])
@@ -114,7 +114,7 @@ def test_vendor_id_in_lower_case_counts(lab):
 
 # Proves: A description shorter than nine characters, or in other letter case
 def test_generic_drivers_are_left_out(lab):
-    """The word decides, in these very letters and anywhere in the name."""
+    """The word "Microsoft" decides, in exactly this letter case and anywhere in the name."""
     names = [GENERIC, "microsoft basic display adapter", "Microsoft", "MICROSOFT", "The Microsoft one", "Microsof"]
     adapters, ids = cards("description", *names)
     run(lab, *adapters)
@@ -211,7 +211,7 @@ def test_last_matching_package_wins(lab):
 
 # Proves: The driver store does not know a package
 def test_package_missing_from_the_store_counts_as_the_one_before(lab):
-    """The buffer keeps its content, so the package before is used, or nothing."""
+    """The buffer is not cleared, so the previous package is used, or none."""
     run(lab, {"id": MAKER, "packages": [{"release": "24.10.1", "store": False}, {}, {"release": "24.30.1", "store": False}]})
     check(lab, enumerating(), "Found driver . Version []", found(2), MATCHING, found(2), MATCHING, listed=[shown(2)])
 
@@ -259,7 +259,7 @@ READ = {
 # Proves: The value is a string key
 # Proves: Several release lines
 def test_release_is_read_from_the_inf(lab):
-    """All of them are packages of one adapter."""
+    """One adapter has all these packages."""
     packages = [inf_with(settings) for settings, _ in READ.values()]
     versions = [version for _, version in READ.values()]
     # Sections of a UTF-16 file are not seen; a UTF-8 mark hides just the first header.

@@ -31,14 +31,14 @@ def with_debugger(machine: dict[str, Any]) -> dict[str, Any]:
 def check_end(lab, log: list[str], **more: Any) -> None:
     lab.check(outcome="quiet-end", log=log, **more)
     assert [line for line in lab.result.programs if "debugger" in line.lower()] == []
-    assert (lab.result.output, "Unhandled" in lab.result.errors) == ([""], False)  # a C runtime's own end says something
+    assert (lab.result.output, "Unhandled" in lab.result.errors) == ([""], False)  # abort() of the C runtime would print a message
 
 
 def crash(machine: dict[str, Any], call: str, code: str = BAD_ADDRESS) -> dict[str, Any]:
     return with_debugger({**machine, "faults": [f"{call} crash={code}"]})
 
 
-# The main thread: where it crashes, and how far the log goes. All but the first rows are inside a guard for exceptions.
+# The main thread: where it crashes, and the last log line. All but the first rows crash inside a try block.
 CRASHES = [
     (found(), "setupapi!SetupDiGetClassDevsW 1", opening()),
     (found(), "setupapi!SetupDiEnumDriverInfoW 2", [*opening(), *inventory()[:3]]),
@@ -68,7 +68,7 @@ def test_crash_of_the_main_thread_ends_the_run(lab, machine, call, log):
 
 @pytest.mark.parametrize("code", [ILLEGAL_INSTRUCTION, PAGE_NOT_READ, FOREIGN])
 def test_every_exception_of_the_system_ends_the_run(lab, code):
-    """The guard of the installation does not take them for C++ exceptions."""
+    """The try block around the installation does not catch them as C++ exceptions."""
     lab.run(crash(found(), "wtsapi32!WTSQuerySessionInformationW 1", code), "-SILENT")
     check_end(lab, until_found("-SILENT"), after=UNTOUCHED)
 
@@ -112,7 +112,7 @@ def test_missing_library_or_function_ends_the_run(lab, name, log, missing):
 
 # Proves: An error that is not caught
 def test_no_memory_for_the_list_of_adapters_ends_the_run(lab):
-    """The description needs a megabyte, and the exception is not caught."""
+    """The description needs a megabyte; the tool does not catch the exception."""
     machine = {**found(), "adapters": [{"description": "long " * 100_000}], "faults": ["setupapi!SetupDiGetDeviceInstanceIdW 1 memory=none"]}
     lab.run(with_debugger(machine))
     check_end(lab, opening(), after=UNTOUCHED)

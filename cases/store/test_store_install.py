@@ -155,9 +155,9 @@ def test_only_the_state_completed_is_success(lab, state):
     ({"end": "error:0x8007000E:With a text."}, "store-error", 0xFFFFFFFF, UNKNOWN, None)],
     ids=lambda value: str(value) if isinstance(value, dict) else "")
 def test_failure_of_the_store_becomes_the_exit_code(lab, service, outcome, code, line, missing_call):
-    """missing_call: what is not asked for any more."""
+    """missing_call: a call that the tool must not make after the failure."""
     run(lab, {"installs": INSTALLS, **service})
-    unread = "still held: ErrorInfo refs=1"  # this text is never read; the thread itself keeps the object
+    unread = "still held: ErrorInfo refs=1"  # the tool never reads this text, so the thread keeps the object
     check_failure(lab, outcome, code, line, held=(unread,) if "Not this window" in str(service) else ())
     assert not missing_call or not asked(lab.result, missing_call)
     assert line != NOT_INITIALIZED or not asked(lab.result, "Download")
@@ -165,7 +165,7 @@ def test_failure_of_the_store_becomes_the_exit_code(lab, service, outcome, code,
 
 # Proves: The thread has no apartment (store installation) => it gets one
 def test_thread_without_an_apartment_gets_one(lab):
-    """No call before has made one."""
+    """No earlier call of the run creates an apartment."""
     result = lab.run({"store": {"packages": [package()], "service": {"activation": "mta"}}}, "-FORCEVLTUWP")
     lab.check(**SUCCESS, log=[*opening("-FORCEVLTUWP"), *inventory(), ATTEMPT, INSTALLED])
     factory = f"DllGetActivationFactory {CONTEXT}"

@@ -46,7 +46,7 @@ def test_version_is_compared_with_the_drivers_release(lab, release, version, end
 
 
 def highest(*packages: tuple[str, str]) -> tuple:
-    """Of the driver's release is only the numerically highest version; it is neither the first nor the last one that counts."""
+    """Only the numerically highest version matches the driver's release; it is neither the first nor the last in the list."""
     return [package(*one) for one in packages], SAME_HERE, [has(*one) for one in packages]
 
 

@@ -120,7 +120,7 @@ def without_server(folder: str = "{store1}", prefix: str = "24.20") -> list[str]
 
 
 def check_refused(result: Result, arguments: str = "", box: bool = True, number: int = 1) -> None:
-    """That this instance found another one at work, said so and ended."""
+    """Checks that this instance found another one running, said so and ended."""
     assert result.instances[number]["exit_code"] == -1
     assert result.logs[number] == [opening(arguments)[0], REFUSED]
     shown = [(one["icon"], one["text"], one["title_icon"]) for one in result.boxes if one["instance"] == number]

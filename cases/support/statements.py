@@ -1,4 +1,4 @@
-"""What a case states about the outcomes of its starts, and the comparison with what they came to."""
+"""What a case states about the outcomes of its starts, and the comparison with the outcomes that they had."""
 from __future__ import annotations
 
 import functools

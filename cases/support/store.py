@@ -13,7 +13,7 @@ from lab.result import Result
 CORVEL = "TavikSystemsInc-2.TavikCorvelSoftware_2.23.40.0_x64__0a9344xs7nr4m"
 EARLIER = "TavikSystemsInc-2.8F31D07A2B6E4_1.22.11.0_x64__0a9344xs7nr4m"
 NEWER = "TavikSystemsInc-2.TavikCorvelSoftware_2.24.20.0_x64__0a9344xs7nr4m"
-INSTALLS = f"{NEWER} | 2.24.20.0"  # what the Store service puts in the place of CORVEL
+INSTALLS = f"{NEWER} | 2.24.20.0"  # the Store service replaces CORVEL with this
 OTHER = "Contoso.Paint_11.2404.5.0_x64__8wekyb3d8bbwe"
 
 NO_STORE = "UWP version is not installed"
@@ -52,7 +52,7 @@ def until_query(arguments: str = "", release: str | None = None) -> list[str]:
 
 
 def calls(result: Result, thread: int | None = 1) -> list[str]:
-    """What the component was called for on one thread (1 is the tool's main thread), without what came of it."""
+    """The calls into the component on one thread (1 is the tool's main thread), without their results."""
     mark = f" thread={thread}"
     return [line.removesuffix(mark).removesuffix(" -> 0x0") for line in result.store_calls if line.endswith(mark)]
 
@@ -62,7 +62,7 @@ def asked(result: Result, what: str) -> list[str]:
 
 
 def leaks(calls: list[str], *more: str) -> list[str]:
-    """Only the factories are kept, on purpose, and no method was called that does not belong to the job."""
+    """Only the factories are kept, on purpose, and only the expected methods were called."""
     ends = [line for line in calls if line.startswith(("handler released", "list released", "still held", "unused slot"))]
     allowed = {"handler released count=0", "list released count=0", "still held: PackageManagerFactory refs=1",
                "still held: StoreContextFactory refs=1", *more}

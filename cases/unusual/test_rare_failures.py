@@ -56,7 +56,7 @@ def test_existence_of_the_installer_cannot_be_tested(lab, machine, arguments, lo
 
 
 def test_existence_of_the_old_extraction_folder_cannot_be_tested(lab):
-    """Unlike a file in it that cannot be removed, it is the only path that the error names."""
+    """The error names only the folder. For a file in it that cannot be removed, it would name that file too."""
     result = lab.run(found(files=loop(FOLDER)))
     lab.check(outcome="folder-not-prepared", after=UNTOUCHED, log=[
         *until_found(), f"\tException occured during installation. filesystem error: remove_all: {{any}} [{FOLDER}]"])
@@ -66,7 +66,7 @@ def test_existence_of_the_old_extraction_folder_cannot_be_tested(lab):
 @pytest.mark.parametrize("arguments, box, log", [
     ("", INSTALL_FAILED, until_unpacked()), (SWITCHES, UPDATE_FAILED, [*started(), unpack(GIVEN)])], ids=["repair", "direct"])
 def test_existence_of_the_main_package_cannot_be_tested(lab, arguments, box, log):
-    """The folder is used as it is when the session's user is not known, so something of an earlier run can be there."""
+    """If the session's user is unknown, the folder is not cleared, so files of an earlier run can be there."""
     result = lab.run(found(files={**loop(MAIN), GIVEN: {"installer": "24.20"}}, installer={"extract": "no"}, faults=[UNKNOWN_USER]), arguments)
     lab.check(outcome="folder-not-prepared", boxes=[box], after=UNTOUCHED, log=[
         *log, f"\tException occured during installation. filesystem error: exists: {{any}} [{MAIN}]"])
@@ -78,7 +78,7 @@ def test_existence_of_the_main_package_cannot_be_tested(lab, arguments, box, log
     (r"C:\windows", r"C:\Programme\Tavik", {r"HKLM\Software\Microsoft\Windows\CurrentVersion": {"ProgramFilesDir": r"C:\Programme"}})],
     ids=["the user's", "the default one"])
 def test_folder_whose_existence_cannot_be_tested_is_not_passed_on(lab, registered, place, more):
-    """Neither is a good one when the existence of the default one is not known."""
+    """A good folder is not passed on either if the existence of the default one cannot be tested."""
     result = lab.run(found(registry={INSTALL_KEY: {"InstallDir": registered}, **more}, files=loop(place), faults=[MSI_AGREES]))
     lab.check(outcome="repaired", log=[*until_unpacked(), *REPAIR])
     assert asked_of_msi(result)[-1] == (MAIN, INSTALL_PROPERTIES)
@@ -99,7 +99,7 @@ def test_extraction_folder_cannot_be_created(lab):
 # Programs
 
 def test_taskkill_is_missing(lab):
-    """Each of the five starts fails and is logged; the application stays, and the run goes on to its end."""
+    """Each of the five starts fails and is logged; the application keeps running, and the run goes on to its end."""
     lab.run(found(remove=[r"C:\windows\system32\taskkill.exe"], running=[rf"{HOME}\CorvelSettings.exe"],
                   programs={"CorvelSettings.exe.deaf": True}, faults=[MSI_AGREES]))
     polite, *kills = stop()
@@ -130,8 +130,8 @@ def test_installer_without_a_process(lab, name, content, outcome, line):
 
 # Proves: The rename fails
 def test_rename_fails_without_a_word(lab):
-    """The old file was deleted twice by then, and its name is not free. The path is returned all the same, and what is started is not
-    the download: that stays under its temporary name."""
+    """The old file has been deleted twice, but its name is not free yet. The path is returned all the same, and the tool does not start
+    the download, which keeps its temporary name."""
     lab.run({**answering(), "files": {FINAL: "old"}, "shared": [FINAL]})
     lab.check(**downloaded(len(NO_PROGRAM)), before={"files": [FINAL]}, after={**UNTOUCHED, "files": [TEMPORARY], "missing": [FINAL]})
     assert lab.result.file(TEMPORARY).read_text() == NO_PROGRAM
@@ -143,7 +143,7 @@ def test_rename_fails_without_a_word(lab):
     ("ok", "store-installed", 0, [INSTALLED]),
     ("0x80070578", "store-no-window", -2147023496, ["Error: Unable to initialize with window.", FAILED])], ids=["taken", "refused"])
 def test_missing_window_is_handed_to_the_store(lab, window, outcome, code, lines):
-    """The Store decides whether it accepts none."""
+    """The Store decides whether it accepts a null window."""
     result = lab.run({**store_only(package(), service={"window": window}), **NO_DISPLAY})
     lab.check(outcome=outcome, exit_code=code, boxes=[], log=[*until_query(), has(), ATTEMPT, *lines])
     assert any(line.startswith("Initialize hwnd=0x0; ") for line in calls(result))

@@ -21,7 +21,7 @@ GOOD_INF = inf.text("u", "Adapter", r"PCI\VEN_1E7D&DEV_2F11", RELEASE)
 HEAD = '[Version]\r\nSignature="$Windows NT$"\r\n'
 LINE = f"HKR,,ReleaseVersion,,{RELEASE}\r\n"
 LONG = 64 * MEBIBYTE
-PATIENCE = 30_000  # ms; five times what a computer without other work needs
+PATIENCE = 30_000  # ms; five times what an idle computer needs
 
 
 def noise(size: int, *avoid: int) -> str:
@@ -41,7 +41,7 @@ def damaged(*contents: Any, **changes: Any) -> dict[str, Any]:
 
 
 def check_packages(lab, *releases: str, megabytes: int = 64) -> None:
-    """The packages tell these releases; the run goes on, in little time and memory."""
+    """These releases are read from the packages; the run goes on, and needs little time and memory."""
     device = inventory()
     lines, active = [], ""
     for number, release in enumerate(releases, 1):
@@ -102,7 +102,7 @@ def test_package_is_huge(lab, parts, release, megabytes):
 
 
 def test_package_with_20000_sections(lab):
-    """Wine takes a minute to open such a file, and longer to search it. So it is not asked."""
+    """Wine would take a minute to open such a file, and longer to search it, so the call is not forwarded to it."""
     rules = ["setupapi!SetupOpenInfFileW * return=77", "setupapi!SetupFindFirstLineW * error=3758096642",
              "setupapi!SetupCloseInfFile * return=0"]
     lab.run(damaged(HEAD + sections(20_000), faults=rules))
@@ -212,13 +212,13 @@ def test_another_disk_in_the_extraction_folder_is_not_entered(lab):
 @pytest.mark.parametrize("place", [r"\old.txt", DEEP], ids=["in it", "deeper"])
 @pytest.mark.parametrize("how", ["held", "shared"])
 def test_file_in_use_ends_the_run_at_once(lab, how, place):
-    """One that others may delete is only marked: it goes when it is closed, and until then its folder is not empty."""
+    """A file that others may delete is only marked: it disappears when it is closed; until then its folder is not empty."""
     path = EXTRACTED + place
     lab.run(found(files={path: "old"}, **{how: [path]}))
     check_not_prepared(lab, path if how == "held" else path.rpartition("\\")[0], before={"files": [path]},
                        after={"files": [path] if how == "held" else []})
     tool = lab.result.instances[0]
-    assert tool["ended"] - tool["started"] < 10_000  # two seconds, on a computer without other work
+    assert tool["ended"] - tool["started"] < 10_000  # two seconds on an idle computer
 
 
 # Much to clean up

@@ -25,7 +25,7 @@ BLOCKED = [r"C:\Program Files", r"C:\Program Files\Tavik", LOGS]
 
 @pytest.mark.parametrize("path, arguments", [*((path, "") for path in BLOCKED), *((path, SWITCHES) for path in BLOCKED[1:])])
 def test_log_folder_blocked_by_a_file(lab, path, arguments):
-    """The first line cannot be written, and nothing catches that error: the run ends before it has done anything."""
+    """The first line cannot be written, and the tool does not catch that error: the run ends before it has done anything."""
     lab.run({"desktop": False, "remove": [path] if path == BLOCKED[0] else [],
              "files": {path: "in the way", GIVEN: {"installer": "24.20"}}}, arguments)
     check(lab, outcome="no-log-folder", exit_code=QUIET_END, log=[], boxes=[], requests=[], crash=True,
@@ -79,8 +79,8 @@ NAME = "Tavik_VLTInstallerDownload"
     ("C:\\" + "\\".join(["t" * 60] * 5), {PATH: {"text": NO_PROGRAM}}, NAME, rf"C:\windows\system32\{NAME}"),
     (LONG, {}, rf"{LONG}\{NAME}", rf"{LONG}\{NAME}")], ids=["temporary folder", "download folder"])
 def test_folder_of_more_than_260_characters(lab, temp, answers, own, place):
-    """The system does not tell a temporary folder of that length; the folder that the tool was started in is used instead. In either
-    case the file is fetched but cannot be started, and the product stays."""
+    """The system does not return a temporary folder of that length; the tool then uses the folder that it was started in. In both
+    cases the file is downloaded but cannot be started, and the product stays."""
     lab.run(moved(temp, server={"answers": answers}))
     check(lab, own, outcome="installer-blocked", requests=[GOOD],
           after={"missing": [own + r"\dwx2_install.exe.tmp", DOWNLOADS]},
@@ -130,7 +130,7 @@ def test_disk_is_full_during_the_download(lab, room):
 
 
 def test_file_cannot_grow_during_the_download(lab):
-    """Works without a disk of its own. The old installer was removed before."""
+    """Needs no disk of its own. The old installer has been removed before."""
     lab.run({**BIG, "largest_file": 1_500_000, "files": {FINAL: "old", TEMPORARY: "older"}})
     check(lab, outcome="download-disk-full", before={"files": [FINAL, TEMPORARY]}, after={"missing": [FINAL], "files": [TEMPORARY]},
           log=[*opening(), *FULL])

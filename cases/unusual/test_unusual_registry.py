@@ -149,7 +149,7 @@ def test_release_of_a_mebibyte(lab):
 @pytest.mark.parametrize("release, status, outcome", [
     ("%s%n%d.1", 400, "download-refused"), *((release, 404, "download-not-there") for release in ("-", "a?b#c", "../x/"))])
 def test_release_becomes_a_part_of_the_address_as_it_is(lab, release, status, outcome):
-    """Every answer of the server ends the run in order."""
+    """Whatever the server answers, the run ends in an orderly way."""
     lab.run({"adapters": [{"release": release, "packages": []}]})
     prefix = release.partition("-")[0][:5]
     check(lab, outcome=outcome, log=[
@@ -178,7 +178,7 @@ def test_descriptions_of_every_size(lab):
 
 
 def test_driver_keys_of_every_kind(lab):
-    """The key that it names decides; half a terminator is as good as one."""
+    """The key named by the value decides; half a terminator works like a whole one."""
     good = "{4D36E968-E325-11CE-BFC1-08002BE10318}\\0001"
     value, key = "get registry value", "open registry key"
     values: list[tuple[Any, str]] = [

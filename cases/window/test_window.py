@@ -51,7 +51,7 @@ def test_window_has_these_controls(lab):
         control = controls[number]
         assert (number, control["style"], control["extended"] & 0x1020, control["font"]) == (number, style, extended, font)
     (background,) = (control for number, control in controls.items() if number not in (1004, 1013, 1005, 1014))
-    assert background["style"] == CHILD_VISIBLE | 0x4E  # bitmap, keeps its size
+    assert background["style"] == CHILD_VISIBLE | 0x4E  # shows a bitmap and keeps its size
     assert [background[name] for name in ("x", "y", "width", "height")] == [0, 0, window["width"], window["height"]]
     assert [one["text"] for one in (background, controls[1004], controls[1013], controls[1014])] == ["", INSTALLING, "", "—"]
     # Sizes follow from the font, so they are compared with each other: in dialog units the window is 286 by 72.
