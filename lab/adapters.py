@@ -39,7 +39,7 @@ def _write_parts(file: pathlib.Path, parts: list[Any]) -> None:
 
 
 def write_file(file: pathlib.Path, content: Any) -> None:
-    """A text, or a table with one key of README.md's row on files."""
+    """A text, or a table with one of the keys listed for `[files]` in README.md."""
     file.parent.mkdir(parents=True, exist_ok=True)
     file.unlink(missing_ok=True) if not file.is_dir() else None
     if isinstance(content, str):
@@ -113,7 +113,7 @@ class Adapter:
     description: str | bool = "Tavik Corvel 7800"  # false: none
     release: Any = RELEASE    # text, {type = .., hex = ..}, or false: the driver key has no such value
     problem: int | bool = 0   # Device Manager's code; false: the property is missing
-    driver_key: str | bool = True  # false: the device has none; a text: that one, which is not made
+    driver_key: str | bool = True  # false: the device has none; a text: that key, which is not created
     packages: list[Any] | None = None  # one package of the adapter's release when left out
     number: int = 0
 

@@ -1,4 +1,4 @@
-"""Programs of the host that the lab needs: tools that do one thing, and servers that end with the run that started them."""
+"""Starts programs of the host for the lab: tools that do one thing, and servers that end with the run that started them."""
 from __future__ import annotations
 
 import ctypes
@@ -11,7 +11,7 @@ _PR_SET_PDEATHSIG = 1
 
 
 def end_with_parent() -> None:
-    """For preexec_fn of subprocess: the kernel sends SIGTERM to the child when the process that started it is gone."""
+    """For preexec_fn of subprocess: the kernel sends SIGTERM to the child when its parent ends."""
     _LIBC.prctl(_PR_SET_PDEATHSIG, signal.SIGTERM)
 
 

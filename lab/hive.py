@@ -161,7 +161,7 @@ class Hive:
         self.sections[low] = (header, "".join(lines) + "\n")
 
     def save(self) -> None:
-        """The file may have other names in other prefixes, so it is replaced, never written in place."""
+        """Other prefixes may share the file by hard links, so it is replaced, never written in place."""
         fresh = self.path.with_suffix(".new")
         body = "".join(f"{header}\n{text}" for header, text in self.sections.values())
         fresh.write_text(self._head + body, "ascii", "surrogateescape")

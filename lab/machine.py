@@ -49,13 +49,13 @@ CLASSES = ("Windows.Management.Deployment.PackageManager", "Windows.Services.Sto
 
 
 def _word(value: Any) -> Any:
-    """As the lab's text files want it."""
+    """Quotes a text for the lab's text files."""
     return ("yes" if value else "no") if isinstance(value, bool) else value
 
 
 @dataclasses.dataclass
 class Server:
-    """How the tool gets to the download server. reach: override (a registry value points to it), default (the maker's
+    """How the tool reaches the download server. reach: override (a registry value points to it), default (the maker's
     own address, which then leads here) or none (nothing listens, no override)."""
     reach: str = "override"
     folder: str = "http://{server}" + SERVER_PATH
@@ -230,7 +230,7 @@ class Machine:
 
     @staticmethod
     def _link(place: pathlib.Path, target: pathlib.Path, soft: bool) -> None:
-        """Within the machine: a symbolic link, or a second name of the same file."""
+        """Creates a symbolic link, or a second name of the same file, inside the machine."""
         place.parent.mkdir(parents=True, exist_ok=True)
         place.symlink_to(target) if soft else place.hardlink_to(target)
 

@@ -68,7 +68,7 @@ class Prefix:
         self.drive = self.path / "drive_c"
         self.server: subprocess.Popen[bytes] | None = None
         self.variables: dict[str, str] = {}
-        self.launcher: tuple[str, ...] = ()  # what the server is started through
+        self.launcher: tuple[str, ...] = ()  # command line in front of the server's
 
     @classmethod
     def copy(cls, template: pathlib.Path, path: pathlib.Path) -> "Prefix":
@@ -118,7 +118,7 @@ class Prefix:
         self.server = subprocess.Popen([*self.launcher, paths.WINESERVER, "-f", "-p"], env=self.environment(), stdin=subprocess.DEVNULL,
                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True,
                                        preexec_fn=None if outlives_us else end_with_parent)
-        name = self.path / "wineserver"  # names the folder below TMPDIR that holds the socket
+        name = self.path / "wineserver"  # contains the name of the folder below TMPDIR that has the socket
         for _ in range(2000):
             with contextlib.suppress(OSError):
                 if any((self.tmp / name.read_text("ascii")).glob("server-*/socket")):
@@ -181,7 +181,7 @@ def install_standin(prefix: Prefix, name: str, user: Hive) -> None:
     system = prefix.drive / "windows" / "system32"
     real = (system / f"{name}.dll").read_bytes()
     at = real.find(BUILTIN_MARK, 0, 0x100)
-    if at >= 0:  # without the mark Wine loads the file as it is instead of its own
+    if at >= 0:  # remove the mark, or Wine loads its own DLL instead of this file
         real = real[:at] + bytes(len(BUILTIN_MARK)) + real[at + len(BUILTIN_MARK):]
     replace_file(system / f"{name}_lab.dll", real)
     replace_file(system / f"{name}.dll", paths.need(paths.STANDINS / f"{name}.dll").read_bytes())

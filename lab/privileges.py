@@ -10,7 +10,7 @@ from lab.children import end_with_parent
 
 
 def _unshared(*command: str) -> str:
-    """Why the command fails with a file system view of its own; empty when it works."""
+    """Why the command fails in a mount namespace of its own; empty if it works."""
     tried = subprocess.run(["unshare", "--mount", *command], capture_output=True, text=True)
     return tried.stderr.strip() if tried.returncode else ""
 
@@ -41,7 +41,7 @@ def name_hosts(file: pathlib.Path, addresses: dict[str, str]) -> tuple[str, ...]
 
 def limit_files(size: int) -> tuple[str, ...]:
     """Returns a command line that keeps the program started through it from writing files longer than this many bytes."""
-    script = 'trap "" XFSZ && exec prlimit "--fsize=$0" "$@"'  # without the trap the signal would end the program
+    script = 'trap "" XFSZ && exec prlimit "--fsize=$0" "$@"'  # ignore SIGXFSZ, which would end the program
     return "sh", "-c", script, str(size)
 
 

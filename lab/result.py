@@ -11,7 +11,7 @@ from lab.state import State
 
 @dataclasses.dataclass
 class Again:
-    """The start that followed, on the machine that the first one left."""
+    """The second start, on the machine as the first one left it."""
     exit_code: int
     log: list[str]
     boxes: list[dict[str, Any]]
@@ -41,7 +41,7 @@ class Result:
     before: State
     after: State
     output: list[str]                # standard output of each instance
-    errors: str                      # what Wine wrote, a crash for instance
+    errors: str                      # standard error of Wine, for example about a crash
     server: str                      # host:port of the download server
     seconds: float
     disk_used: int                   # the most that the machine's sparse file took

@@ -36,7 +36,7 @@ OWN = {"watcher.exe", "services.exe", "winedevice.exe", "plugplay.exe", "svchost
 
 
 def _running(prefix: pathlib.Path) -> list[str]:
-    """Names of the programs that run on the machine. One that was just killed is given some time to be gone."""
+    """Names of the programs that run on the machine. Waits a moment for killed ones to disappear."""
     for _ in range(5):
         names = []
         for process in processes_of(prefix):
@@ -83,7 +83,7 @@ class ToolRun(Session):
     def _collect(self, after: state.State, logs: list[list[str]], errors: str, seconds: float, running: list[str]) -> Result:
         report = json.loads((self.lab / "report.json").read_text("utf-8"))
         standins = self.lab / "standins"
-        store_state = standins / "store-state.txt"  # written when something changes
+        store_state = standins / "store-state.txt"  # exists only if the packages changed
         same = ("boxes", "status", "instances", "actions", "started_before", "event", "timed_out")
         return Result(
             **{name: report[name] for name in same}, exit_code=report["instances"][0]["exit_code"],
@@ -97,7 +97,7 @@ class ToolRun(Session):
             pictures=self.photographer.taken if self.photographer else [], prefix=str(self.folder))
 
     def _divide(self, result: Result) -> Result:
-        """What belongs to the start afterwards goes into `again`."""
+        """Moves everything about the second start into `again`."""
         last = len(result.instances) - 1
         if last == 0:  # the time limit ended the first one
             return result
@@ -119,7 +119,7 @@ def run(machine: Machine, arguments: str = "", *, timeout: float = 60, hold: flo
     then: when the tool has ended, it is started once more with these arguments, on the machine as it is by then but without
     fault rules, failures of the Store and actions; the result's `again` is about that start."""
     options = {"timeout": timeout, "hold": hold, "when": tuple(when), "at_once": at_once, "directory": directory, "program": program}
-    for last_try in (False, True):  # a busy host: Wine is given a second chance, the tool is not
+    for last_try in (False, True):  # a busy host: if Wine does not start, try again; the tool runs only once
         one = ToolRun(machine, pathlib.Path(pictures) if pictures else None)
         try:
             result = one.execute(arguments, then, **options)

@@ -76,7 +76,7 @@ class Answer:
 
 
 def _read_request(connection: socket.socket) -> dict[str, Any] | None:
-    """None: there is none. A client that encrypts where it should not has sent nothing that can be read."""
+    """None without a request. A client that encrypts where it should not sends nothing readable."""
     data = b""
     while b"\r\n\r\n" not in data and not data.startswith(TLS_HELLO):
         block = connection.recv(65536)
@@ -105,7 +105,7 @@ class WebServer:
 
     def __init__(self, answers: list[Answer], *, address: str = "127.0.0.1", port: int = 0, certificate: str = "",
                  protocols: str = "", also_plain: bool = False, tool_log: pathlib.Path | None = None):
-        """port 0: a free one. certificate: TLS is spoken, in these versions (all by default). also_plain: and HTTP on port 80.
+        """port 0: any free port. certificate: use TLS, with these versions (default: all). also_plain: HTTP on port 80 as well.
         tool_log: the folder of the tool's log, which tells when the tool reads a body."""
         self.answers = {answer.path: answer for answer in answers if answer.body_size >= 0}  # a missing installer is noticed here
         self.address = address
@@ -197,8 +197,8 @@ class WebServer:
     def _reset(self, connection: socket.socket, answer: Answer) -> None:
         """Waits until the other side has received everything, because a reset discards the rest.
 
-        Wine's WinINet forgets a reset that arrives before its caller has the head: a body of a few bytes would look complete.
-        So the reset comes when the tool reads the body, as its log shows; without a log, at once.
+        Wine's WinINet loses a reset that arrives before its caller has the response header: a short body would look complete.
+        So the reset is sent when the log shows that the tool reads the body; without a log, at once.
         """
         _wait_until(lambda: not struct.unpack("i", fcntl.ioctl(connection.fileno(), termios.TIOCOUTQ, bytes(4)))[0])
         if self.tool_log and answer.raw is None:

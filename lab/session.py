@@ -40,7 +40,7 @@ def remove_folder(folder: pathlib.Path) -> None:
 
 
 def end_orphans() -> None:
-    """Ends what still runs on machines whose owner was killed."""
+    """Ends the processes of machines whose owner was killed."""
     for folder in paths.RUNS.iterdir() if paths.RUNS.exists() else ():
         owner = folder.name.split("-")[0]
         if owner.isdigit() and not pathlib.Path("/proc", owner).exists():
@@ -111,7 +111,7 @@ class Session:
         self.stack.close()
 
     def prepare(self) -> None:
-        """For what else has to be done before Wine starts."""
+        """Override it for work that must be done before Wine starts."""
 
     @property
     def address(self) -> str:
@@ -136,7 +136,7 @@ class Session:
             self.launcher = name_hosts(self.folder / "hosts", hosts)
 
     def _limit_disks(self) -> None:
-        """Files are opened by Wine's server and written by its clients: both have to see the disks."""
+        """Wine's server opens files and its clients write them, so both are started with the disks."""
         if self.machine.data["disks"]:
             self.disks = Disks({self.prefix.windows_path(path): size for path, size in self.machine.data["disks"].items()})
             self.stack.callback(self.disks.close)

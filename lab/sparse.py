@@ -17,7 +17,7 @@ _SECONDS = 0.02
 
 
 class SparseFile:
-    """Works until close(). A renamed file is followed until there is another one of this name. `most`: the most disk space used."""
+    """Works until close(). Follows a renamed file until a new one has this name. `most`: the most disk space used."""
 
     def __init__(self, path: pathlib.Path):
         self.path = path

@@ -23,7 +23,7 @@ COMPANION = paths.COMPANION.name
 
 @dataclasses.dataclass
 class Show:
-    """One run, and how it has to end."""
+    """One run and its expected end."""
     machine: str
     arguments: str
     exit_code: int
@@ -73,7 +73,7 @@ def states(machine: Machine, result: Result) -> list[str]:
 
 
 def differences(show: Show, result: Result, explained: str) -> list[str]:
-    """What differs from how the run has to end."""
+    """Differences from the expected end."""
     boxes = [box["text"] for box in result.boxes]
     facts = {f"exit code {result.exit_code} instead of {show.exit_code}": result.exit_code == show.exit_code,
              f"message boxes {boxes}": boxes == ([show.box] if show.box else []),
@@ -84,7 +84,7 @@ def differences(show: Show, result: Result, explained: str) -> list[str]:
 
 
 def present(show: Show) -> list[str]:
-    """Runs and prints; returns what differs from how it has to end."""
+    """Runs the tool and prints the result. Returns the differences from the expected end."""
     folder = PICTURES / show.machine
     shutil.rmtree(folder, ignore_errors=True)
     machine = Machine.load(paths.ROOT / "lab" / "machines" / f"{show.machine}.toml")

@@ -34,11 +34,11 @@ class Product:
     """What differs between the programs that ship."""
     name: str
     subsystem: str
-    other_subsystem: str      # what an exe of another subsystem would do
+    other_subsystem: str      # effect of a wrong subsystem, for the message
     static: dict[str, str]    # loaded before the first instruction: only from the list above
     delayed: dict[str, str]   # loaded at the first call, from the system's folder only
     looked_up: dict[str, str]  # names that the exe looks up itself
-    protected: int            # functions with a guard in what is linked, at least
+    protected: int            # smallest number of linked functions with a guard
     manifest: str
     level: str
     no_level: str
@@ -115,7 +115,7 @@ NOT_IN_IT = {  # directories
     "DEBUG": "there is a debug directory, which names files of the build",
     "SECURITY": "there is a certificate in it: check the file that the build made, before it is signed",
 }
-SLOW = ("IMAGE_DIRECTORY_ENTRY_EXCEPTION",)  # read here: pefile unpacks far more of it than is needed
+SLOW = ("IMAGE_DIRECTORY_ENTRY_EXCEPTION",)  # parsed in this file: pefile would be slow and unpack far more than is needed
 
 Complaints = Iterator[str]
 
@@ -268,7 +268,7 @@ def unwinding(exe: Exe) -> Complaints:
 
 
 def stack_protector(exe: Exe) -> Complaints:
-    """Counts, in the linked code, who calls the function that ends the process when a guard was overwritten."""
+    """Counts the functions in the linked code that call the one that ends the process after a guard was overwritten."""
     functions = exe.functions()
     ends = [begin for begin, end, _ in functions if FAST_FAIL in exe.image[begin:end]]
     if len(ends) != 1:

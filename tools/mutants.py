@@ -49,9 +49,9 @@ UNTOUCHED = re.compile(r'//[^\n]*|/\*.*?\*/|L?"(?:\\.|[^"\\\n])*"|L?\'(?:\\.|[^\
 @dataclasses.dataclass(frozen=True)
 class Mutant:
     file: str      # below src/
-    begin: int     # of the text that is replaced
+    begin: int     # place of the replaced text
     end: int
-    text: str      # that replaces it
+    text: str      # replacement
     line: int
     key: str       # file, source line and change, separated by tabs; stays the same when other lines change
 
@@ -60,7 +60,7 @@ class Mutant:
 
 
 def closing(text: str, opening: int) -> int:
-    """Where the bracket that opens there is closed."""
+    """Index of the bracket that closes the one at `opening`."""
     depth = 0
     for at in range(opening, len(text)):
         depth += {"(": 1, ")": -1}.get(text[at], 0)
@@ -74,7 +74,7 @@ def places(code: str) -> Iterator[tuple[int, int, str]]:
     for found in re.finditer(r"\b(?:if|while) \(", code):
         end = closing(code, found.end() - 1)
         condition = code[found.end():end]
-        if not re.search(r"[^=!<>]=[^=]|;", condition):  # no declaration
+        if not re.search(r"[^=!<>]=[^=]|;", condition):  # skip declarations
             yield found.end(), end, f"!({condition})"
     for found in re.finditer(r" (&&|\|\||<=?|>=?|==|!=) ", code):
         yield found.start(1), found.end(1), SWAPS[found[1]]
@@ -147,7 +147,7 @@ class Linker:
 
 
 def suites() -> tuple[dict[str, list[str]], list[str]]:
-    """The suites by folder of tests/, and those that want a process for each test."""
+    """The suites by folder of tests/, and those that need a process for each test."""
     by_folder = defaultdict(list)
     alone = []
     for file in files("tests/*.cpp"):
@@ -168,7 +168,7 @@ class Worker:
         self.fresh()
 
     def fresh(self) -> None:
-        """What a mutant left running or changed must not reach the next one."""
+        """Starts a fresh prefix, so that processes and changes of one mutant do not affect the next."""
         if hasattr(self, "prefix"):
             self.prefix.__exit__()
         self.prefix = Prefix.copy(template(), self.folder / "prefix").__enter__()

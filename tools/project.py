@@ -14,7 +14,7 @@ from typing import NoReturn
 
 TOP = Path(__file__).resolve().parent.parent
 PYTHON = "/usr/bin/python3"  # the one with Debian's modules
-RUNNING: set[subprocess.Popen[bytes]] = set()  # what `followed` runs, also in other threads
+RUNNING: set[subprocess.Popen[bytes]] = set()  # the processes that `followed` has started, in all threads
 
 
 def say(text: str) -> None:
@@ -60,7 +60,7 @@ def followed(command: list[str | Path], log: Path, show: Callable[[str], str] = 
     with open(log, "wb") as output:
         process = subprocess.Popen(list(map(str, command)), cwd=TOP, env={**os.environ, **(variables or {})}, stdin=subprocess.DEVNULL,
                                    stdout=output, stderr=output, start_new_session=True)
-    if os.sched_getscheduler(0) == os.SCHED_IDLE:  # then so does the child, but the kernel may give each session a share of its own
+    if os.sched_getscheduler(0) == os.SCHED_IDLE:  # the child inherits this, but the kernel may schedule each session by itself
         with contextlib.suppress(OSError):
             Path(f"/proc/{process.pid}/autogroup").write_text("19", "ascii")
     RUNNING.add(process)

@@ -36,11 +36,11 @@ from tools.project import PYTHON, RUNNING, TOP, build, end, fail, files, followe
 CASES = ["cases", "lab/tests", "tools/tests", "companion/tests", "windows_check/tests", "bench"]
 IN_PROCESS = {"unit_tests": "tests", "companion_tests": "companion/tests"}  # program: folder of its sources
 PROGRAMS = ["TavikCompatibilityTool", "TavikToolCompanion", "TavikWindowsCheck", "lab/all"]  # what cases run
-FEW = 8  # more failed cases than these are not tried again
+FEW = 8  # if more cases fail, none is run again
 
 
 class Session:
-    """One call of scripts/test: stages one after the other, and which result files there have to be."""
+    """One call of scripts/test: its stages in order, and the result files that must exist at the end."""
 
     def __init__(self, preset: str):
         self.preset = preset
@@ -137,7 +137,7 @@ class Session:
         if self.pytest("cases", 1 if single else len(os.sched_getaffinity(0)) * 2, *arguments) == 0:
             return True
         # Some watch a window for fractions of a second, and a busy host disturbs them. What fails is run again with the machine to
-        # itself; the summary names it in any case. More than a few are no accident.
+        # itself; the summary names it in any case. If more than a few fail, the host is not the cause.
         bad = results.failed(self.results / "cases.xml")
         if bad and len(bad) <= FEW and not single:
             say(f"Once more, alone: {' '.join(bad)}")
@@ -218,7 +218,7 @@ def main(arguments: list[str]) -> int:
         session.stage("checks", lambda: not run_checks.run(["layout", "includes"]))
     elif not names and not undefined:
         say("== checks run beside the tests, while a core is free")
-        background = run_checks.Background([name for name in run_checks.ALL if name != "gcc"])  # the build was that
+        background = run_checks.Background([name for name in run_checks.ALL if name != "gcc"])  # the build has already done it
     if everything_in_process or not names:
         session.stage("in-process tests", session.all_in_process)
     if patterns:

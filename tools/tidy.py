@@ -50,7 +50,7 @@ def local_names(file: Path) -> set[str]:
             found = re.match(r"(?:struct|class|enum class|enum|union|using) (\w+)", line) or re.search(r"(\w+)\(", line) \
                 or re.search(r"(\w+)(?:\[[^\]]*\])* ?(?:=|\{|;)", line)
             if found:
-                names.add(line if found[1].isupper() else found[1])  # a macro declares what its arguments say
+                names.add(line if found[1].isupper() else found[1])  # a macro declares a name made from its arguments
     return names
 
 
@@ -90,7 +90,7 @@ def check(group: list[Path], flags: dict[Path, tuple[str, ...]]) -> str:
         say(f"{len(group)} files are checked in two parts, as they do not compile as one source: {error[0] if error else ''}")
         half = len(group) // 2
         return check(group[:half], flags) + check(group[half:], flags)
-    # On standard error it only counts the warnings of system headers, unless it could not work at all.
+    # Standard error only has the number of warnings in system headers, unless clang-tidy could not run at all.
     return done.stdout if done.stdout.strip() else done.stderr
 
 

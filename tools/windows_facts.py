@@ -18,7 +18,7 @@ FOLDER = TOP / "windows_check"
 FACTS = FOLDER / "facts.toml"
 WINE = FOLDER / "wine-8.toml"
 PAGE = TOP / "build" / "docs" / "windows-facts.md"
-SECONDS = 20  # that a check may take if its group says nothing else
+SECONDS = 20  # time limit of a check if its group sets none
 
 LEARN = "https://learn.microsoft.com/"
 # Short forms of addresses in facts.toml.
@@ -116,7 +116,7 @@ def read_differences() -> dict[str, list[Difference]]:
 def without_fact(functions: set[str]) -> list[str]:
     """The functions that no fact covers and that the list of exceptions does not have either."""
     covered = {name for names in tables()["without_fact"].values() for name in names}
-    named = set()  # by sources and sentences, which do not care for letter case, a leading underscore or a trailing W
+    named = set()  # by sources and sentences; compared without letter case, a leading underscore and a trailing W
     for group in read_facts():
         covered |= set(group.calls)
         for fact in group.facts:

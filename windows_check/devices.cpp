@@ -31,7 +31,7 @@ struct Adapter
     SP_DEVINFO_DATA device = {};
     std::wstring detail;
 
-    // A text property; what Windows says of the size goes to `bytes`.
+    // Reads a text property; `bytes` receives the size that Windows reports.
     BOOL GetText(DWORD property, wchar_t* text, DWORD room, DWORD* bytes = nullptr)
     {
         return SetupDiGetDeviceRegistryPropertyW(list, &device, property, nullptr, reinterpret_cast<BYTE*>(text), room,

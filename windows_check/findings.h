@@ -26,9 +26,9 @@ struct Finding
 };
 
 // Runs each check on a thread of its own, one after the other, in the order of the facts. A check that throws, crashes
-// or exceeds its limit differs, and says so; its thread is left behind. `only` selects facts by id or group; empty
-// selects all. No limit is longer than `longestMs`. After this, a crash of the calling thread removes what the program
-// made and ends it with kNotMade.
+// or exceeds its limit is reported as "differs", with the reason; its thread keeps running. `only` selects facts by id
+// or group; empty selects all. No limit is longer than `longestMs`. After this, a crash of the calling thread removes
+// what the program made and ends it with kNotMade.
 std::vector<Finding> RunChecks(const std::vector<std::wstring>& only, DWORD longestMs);
 
 int Count(const std::vector<Finding>& findings, Verdict verdict);

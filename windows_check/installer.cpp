@@ -38,7 +38,7 @@ FACT(installer, unknown_product)
     return LocalPackage(kUnknown, path);
 }
 
-// The tool's products are not here; the first other one that has a package will do.
+// The tool's products may not be installed, so this takes the first product that has a package.
 FACT(installer, local_package)
 {
     std::wstring seen;

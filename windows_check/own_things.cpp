@@ -25,7 +25,7 @@ std::wstring Unlimited(const std::wstring& path)
     return L"\\\\?\\" + path;
 }
 
-// Not the product's own function: that is one of the things checked.
+// Does not use the product's function, which is itself checked.
 void RemoveTree(const std::wstring& path, DWORD attributes)  // NOLINT(misc-no-recursion)
 {
     if ((attributes & FILE_ATTRIBUTE_READONLY) != 0)

@@ -29,7 +29,7 @@ Answer Ask(const std::wstring& nameAndArgument, const std::wstring& program = Th
 repair::ProcessHandle StartProbe(const std::wstring& program, const std::wstring& nameAndArgument, HANDLE output,
                                  const wchar_t* currentFolder);
 
-// The other side: what the started process does. Its return value is the exit code.
+// Runs in the started process. The return value is its exit code.
 struct Probe
 {
     const wchar_t* name;

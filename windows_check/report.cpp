@@ -48,7 +48,7 @@ std::wstring WithoutNames(std::wstring text)
     for (const std::wstring variable : {L"USERPROFILE", L"USERNAME", L"COMPUTERNAME", L"USERDOMAIN"})
     {
         const std::wstring value = Environment(variable);
-        if (value.size() >= 3)  // shorter ones are part of ordinary words
+        if (value.size() >= 3)  // a shorter name may be part of an ordinary word
         {
             Replace(text, value, L"<" + variable + L">");
         }

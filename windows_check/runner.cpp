@@ -34,7 +34,7 @@ namespace
 {
 constexpr wchar_t kSilence[] = L"no answer in ";
 
-// Shared by the check's thread and the one that waits for it, which may go on alone.
+// Shared by the check's thread and the waiting one, which goes on without it after the time limit.
 struct Attempt
 {
     repair::EventHandle done = repair::EventHandle(CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -159,7 +159,7 @@ std::vector<Finding> RunChecks(const std::vector<std::wstring>& only, DWORD long
     SetUnhandledExceptionFilter(NoteCrash);
     std::set_terminate(NoteTerminate);
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);  // no box of the system, whatever happens
-    // Checks that did not come back may hold what others wait for; the rest then gets less time.
+    // A check that hangs may hold something that other checks wait for; so the rest gets less time.
     constexpr int kSilentOnes = 3;
     constexpr DWORD kShortMs = 3'000;
     int silent = 0;

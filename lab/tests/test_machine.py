@@ -1,4 +1,4 @@
-"""What the lab says about a mistake, and the end of a run that takes too long. The cases show all else."""
+"""What the lab says about a mistake, and the end of a run that takes too long. The cases show the rest."""
 from __future__ import annotations
 
 import pytest

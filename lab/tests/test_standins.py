@@ -1,4 +1,4 @@
-"""The stand-ins themselves: a case may trust them. What fault rules do to calls is shown by the cases that use them."""
+"""The stand-ins work as the cases expect. The effect of fault rules is shown by the cases that use them."""
 from __future__ import annotations
 
 import os
@@ -128,7 +128,7 @@ def test_rule_of_the_component_that_cannot_be_understood_is_reported(machine: Ma
 
 
 def test_rule_of_the_component_ends_the_process(machine: Machine):
-    """At the second line that has the word, not at one that has it further on."""
+    """At the second line that has the word among its first two words; a later place in the line does not count."""
     machine.write("standins/store.txt", "[package]", "name = MoveNext_1", "version = 1.2.3.4", "[package]", "name = Two_1")
     machine.write("standins/faults.txt", "winrt!MoveNext 2 exit=77")
     assert machine.run("winrt_probe")[0] == 77

@@ -120,7 +120,7 @@ FAULTS = {
 def test_a_fault_is_named(kit, doctored, rule, file, old, new, complaint):
     doctored(file, old, new)
     found = list(getattr(check, rule)(kit))
-    if not complaint:  # allowed: shows that the schema knows what may be left out
+    if not complaint:  # allowed: the form knows which parts are optional
         assert found == []
     else:
         assert any(complaint in line for line in found), found

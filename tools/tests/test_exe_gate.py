@@ -228,7 +228,7 @@ def test_the_programs_pass_by_their_lists(product):
 @pytest.mark.parametrize("product, name", [
     *((check_exe.TOOL, name) for name in DOCTORED), *((check_exe.COMPANION, name) for name in OF_THE_COMPANION)], ids=lambda value: getattr(value, "name", value))
 def test_one_rule_is_broken(tmp_path, product, name):
-    """With a list these are all complaints: what follows from one broken rule stays readable."""
+    """A list in the table has all complaints: one broken rule must not cause many others."""
     doctor, wanted = (DOCTORED if product is check_exe.TOOL else OF_THE_COMPANION)[name]
     data = paths.need(paths.BUILD / product.name).read_bytes()
     assert doctor(data) != data

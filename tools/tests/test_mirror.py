@@ -39,7 +39,7 @@ class Mirror:
         pair = tuple(certificates.folder() / f"good.{ending}" for ending in ("pem", "key")) if secure else None
         config = loadtest.own_config(CONFIG, folder, root=folder / "site", http=f"{self.address}:{self.port}",
                                      https=f"{self.address}:443", certificate=pair)
-        # As a single process: no change of user, and no process is left when this one ends.
+        # A single process needs no change of user and leaves no other process when it ends.
         self.process = loadtest.start(folder, config.replace("worker_processes auto;", "master_process off;"),
                                       (self.address, self.port), before=end_with_parent)
 

@@ -116,7 +116,7 @@ def test_what_cannot_sign_is_named(tmp_path, choice, complaint):
 
 
 def test_signature_that_does_not_verify_ends_it(tmp_path, owner):
-    """The authority is another one."""
+    """The signature is checked against another authority."""
     other = certificate(tmp_path, "other", "codeSigning")
     both = tmp_path / "both.pem"
     both.write_bytes(owner.read_bytes() + owner.with_suffix(".key").read_bytes())
