@@ -55,6 +55,18 @@ int RunTool()
 }
 }  // namespace
 
+#if defined(__GLIBCXX__)
+// The library's handler until wWinMain sets ours. The original prints the exception's type; decoding that name takes
+// 46 KB of the exe.
+namespace __gnu_cxx
+{
+void __verbose_terminate_handler()
+{
+    EndQuietly();
+}
+}  // namespace __gnu_cxx
+#endif
+
 // Called by the compiler's delay-load helper.
 decltype(__pfnDliFailureHook2) __pfnDliFailureHook2 = EndQuietlyWithoutFunction;
 
