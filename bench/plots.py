@@ -36,7 +36,7 @@ def used(row: Row) -> float:
 
 
 def script(file: pathlib.Path, rows: list[Row]) -> str:
-    """A goal of 0 has no part that is used."""
+    """Rows with a limit of 0 are left out: no part of it can be used."""
     data = [f'{place} {used(row)} "{row.what}{" / " + row.against if row.theirs else ""}" {MET if row.met else MISSED}'
             for place, row in enumerate(row for row in reversed(rows) if row.limit)]
     return SCRIPT.format(data="\n".join(data), file=file, height=120 + 26 * len(data), top=len(data) - 0.3)

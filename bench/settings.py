@@ -9,14 +9,14 @@ MB = 1_000_000
 
 @dataclasses.dataclass(frozen=True)
 class Settings:
-    pairs: int            # of runs that take a while
-    short_pairs: int      # of runs of less than a second
-    download: int         # bytes, for the speed over http
-    secure_download: int  # and over https
+    pairs: int            # for long runs
+    short_pairs: int      # for runs of less than a second
+    download: int         # bytes of the download that measures http
+    secure_download: int  # the same for https
     memory: tuple[int, ...]      # downloads whose peak memory is compared, ascending
     packages: tuple[int, ...]    # driver packages on the machine, ascending: the last number is compared with the floor, three show the growth
-    inf_sizes: tuple[tuple[int, int], ...]  # bytes of an INF, and the pairs of runs with such
-    idle_seconds: int     # of the status window
+    inf_sizes: tuple[tuple[int, int], ...]  # bytes of an INF, and the number of pairs with it
+    idle_seconds: int     # for the status window
 
 
 FULL = Settings(pairs=11, short_pairs=21, download=1024 * MIB, secure_download=1024 * MIB,

@@ -43,10 +43,10 @@ constexpr Rule kRules[] = {
     {"\tResult = 3011", Severity::kWarning},  // the same
     {"\tResult = *", Severity::kError},
     {"\t Result = 0*", Severity::kInformation},
-    {"\t Result = *", Severity::kWarning},  // of the removal of a Store package
+    {"\t Result = *", Severity::kWarning},  // removal of a Store package
 };
 
-constexpr std::string_view kEnd = "]LOG]!>";  // of the message, in the format
+constexpr std::string_view kEnd = "]LOG]!>";  // ends the message
 }  // namespace
 
 Severity SeverityOf(std::string_view line)

@@ -118,7 +118,7 @@ int Execute(const Options& options)
             WriteOutput(options.asJson ? ExplainAsJson(finding) + "\n" : ExplainAsText(finding));
             result = finding.candidates.empty() ? kFailed : result;
         }
-        catch (const UnreadableFile& failure)  // explain the other logs all the same
+        catch (const UnreadableFile& failure)  // go on with the other logs
         {
             WriteError(failure.what());
             result = kFailed;

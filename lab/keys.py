@@ -1,4 +1,4 @@
-"""Refuses what a machine's description may not contain."""
+"""Refuses unknown keys in a machine's description."""
 from __future__ import annotations
 
 from collections.abc import Iterable

@@ -83,7 +83,7 @@ struct Pc
     DWORD session = 0;
     bool isElevated = false;
     bool isInteractive = false;     // a user could see a window
-    std::wstring delayedLibraries;  // those that were loaded although nothing had called them yet
+    std::wstring delayedLibraries;  // delay-loaded libraries that were loaded before any call into them
 };
 
 // Filled before the first check runs, constant from then on.

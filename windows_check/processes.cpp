@@ -163,7 +163,7 @@ repair::EventHandle MakeEvent(const std::wstring& name)
 FACT(events, fresh)
 {
     MakeEvent(OwnName(L"fresh"));
-    SetLastError(ERROR_ALREADY_EXISTS);  // as a call before may have left it
+    SetLastError(ERROR_ALREADY_EXISTS);  // an earlier call may leave this error
     const repair::EventHandle event = MakeEvent(OwnName(L"fresh"));
     const DWORD error = GetLastError();
     return event ? Number(error) : L"none";

@@ -75,7 +75,7 @@ FACT(security, list_with_user)
     return ListWithName(SessionUser());
 }
 
-// What the tool hands over in a session without a user.
+// The account name that the tool passes in a session without a user.
 FACT(security, list_without_name)
 {
     const std::wstring seen = ListWithName(L"\\");

@@ -23,7 +23,7 @@ std::wstring Joined(const std::vector<std::wstring>& parts, const wchar_t* betwe
 std::wstring Widened(const std::string& text);
 std::string Utf8(const std::wstring& text);
 std::wstring Code(bool succeeded, DWORD error);  // "ok" or the number
-std::wstring Code(bool succeeded);               // the same with the last error, so right after the call
+std::wstring Code(bool succeeded);               // the same with the last error; use it right after the call
 
 inline std::wstring ResultOf(HRESULT code)
 {

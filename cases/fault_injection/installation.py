@@ -13,7 +13,7 @@ from cases.fault_injection.world import ModelBase, Product
 NO_MORE, NOT_FOUND = 259, 2
 BLOCK = 0x100000  # of the download
 DOWNLOAD_ERROR = "\tException occured during the download of dwx2_install.exe. "
-# The calls of a download in their order, what the log says when one fails, and the catalogue's word for that run.
+# The calls of a download in order, the log line when one fails, and the outcome of that run.
 DOWNLOAD = (
     ("InternetCrackUrlW", "Unable to crack URL: {url}. Error = {code}", "download-bad-address"),
     ("InternetOpenW", DOWNLOAD_ERROR + "Unable to open internet connection: {any}", "download-error"),

@@ -35,7 +35,7 @@ class Model(Inventory, Installation, Store):
         return Ending(code, self.log, self.boxes, self.calls, self.world, self._outcome(code))
 
     def _outcome(self, code: int) -> str:
-        """The catalogue's word for this run, from what has happened and not from what the log says about it."""
+        """The outcome of this run, derived from what has happened and not from the log."""
         if self.reason:
             return self.reason
         if not self.installations:

@@ -19,7 +19,7 @@ WARM = 20  # runs before measuring: services start, caches fill
 
 
 def held(prefix: Prefix) -> dict[str, int]:
-    """What the Wine server holds for the machine. Each open file, with its object, shows up as a descriptor."""
+    """What the Wine server holds for the machine. Each open file of a program is a descriptor of the server."""
     process = pathlib.Path("/proc", str(prefix.server.pid))
     memory = re.search(r"VmRSS:\s+(\d+)", (process / "status").read_text("ascii"))
     files = [item for item in prefix.drive.rglob("*") if "Temp" in item.parts or "Tavik_VLTInstallerDownload" in item.parts]

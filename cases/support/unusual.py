@@ -10,13 +10,13 @@ from cases.support.repair import until_found, until_unpacked
 from lab.result import Result
 
 PRODUCT = r"C:\Program Files\Tavik\Halden"
-SYSTEMS_OWN = TEMP.removesuffix("Temp\\") + r"AppData\Local\Microsoft\Windows\INet"  # what the system notes about connections
+SYSTEMS_OWN = TEMP.removesuffix("Temp\\") + r"AppData\Local\Microsoft\Windows\INet"  # the system's own files about connections
 DEVICE = r"PCI\VEN_1E7D&DEV_2F11&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&0001"
 LIST = "Currently installed drivers on system:"
 MATCHING = "\tFound driver matching active driver"
 MEBIBYTE = 1 << 20
 NOTHING_INSTALLED = {"products": [], "values": {}}
-ANY_VERSION = {"values": {}}  # for machines whose registered version is not the common one
+ANY_VERSION = {"values": {}}  # for machines that have another registered version
 DOWNLOADED = {"requests": [GOOD], "log": [*opening(), *inventory(), *download(), unpack(), *REPAIR]}
 
 

@@ -1,5 +1,5 @@
-// Removes the first package through the Windows Runtime component of the lab and breaks its rules on the way, without
-// the product: the component must refuse or record that.
+// Removes the first package through the lab's Windows Runtime component and breaks its rules on the way. The component
+// must refuse or record each violation.
 //
 // usage: winrt_probe [leak]        "leak": some objects are not released
 // Prints what came back, one fact a line.

@@ -30,8 +30,8 @@ enum class Failure
 
 struct Rule;
 
-// One call in progress. Arguments are added first, then Run decides, then results may be added; the line is written and
-// the last error put in place when the object goes.
+// One call in progress. Arguments are added first, then Run decides, then results may be added. The destructor writes
+// the line and sets the last error.
 class Call
 {
 public:

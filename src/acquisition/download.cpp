@@ -64,8 +64,8 @@ FileHandle CreateKeeper(const std::wstring& folder)
     return FileHandle(CreateFileW(path.c_str(), DELETE, 0, nullptr, CREATE_NEW, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
 }
 
-// Creates the download folder, anew if a link is in its place, and holds it open. Goes on without holding a folder that
-// another program keeps from being opened.
+// Creates the download folder, replacing a link, and holds it open. If another program prevents opening it, goes on
+// without holding it.
 HeldInstaller PrepareFolder(const DownloadPlan& plan)
 {
     HeldInstaller held;
@@ -90,8 +90,8 @@ HeldInstaller PrepareFolder(const DownloadPlan& plan)
     return held;
 }
 
-// Creates the file that the body is written to. None, with the error set, if that is not possible or would be
-// elsewhere.
+// Creates the file for the body. Returns none, with the last error set, if that fails or the file would be outside the
+// folder.
 FileHandle CreateTemporaryFile(const DownloadPlan& plan, const HeldInstaller& held)
 {
     FileHandle file(CreateFileW(plan.temporaryPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,

@@ -19,7 +19,7 @@ struct HeldInstaller
 
     std::wstring path;
     FileHandle folder = {};  // of a download
-    FileHandle keeper = {};  // a file in that folder, which only while it is empty can be made a link
+    FileHandle keeper = {};  // a file in that folder: only an empty folder can be turned into a link
     FileHandle file = {};
 };
 }  // namespace repair

@@ -23,7 +23,8 @@ std::wstring ReadRegistryString(const RegistryKey& key, const std::wstring& subK
     const LSTATUS firstStatus =
         RegGetValueW(key.Get(), subKey.c_str(), valueName.c_str(), RRF_RT_REG_SZ, nullptr, nullptr, &size);
 
-    // Two characters more: a value with an odd number of bytes is copied with its half character, without a terminator.
+    // Two characters more: a value with an odd number of bytes is copied with its last half character and no
+    // terminator.
     std::vector<wchar_t> buffer;
     if (size / sizeof(wchar_t) >= 1)
     {

@@ -6,7 +6,7 @@
 
 namespace repair
 {
-// Unpacks the installer and lets it go when it has ended, stops the application, removes its products and installs the
+// Unpacks the installer and releases it after its end, stops the application, removes its products and installs the
 // new ones: always the main package, the others if they were present before or with `installAllComponents`. Blocks
 // without a time limit. From here on every Windows Installer call of the process runs without user interface. Returns 2
 // if the installer unpacks no main package (nothing is stopped or removed then), otherwise the result of the main

@@ -26,7 +26,7 @@ protected:
         boxes_.onBox = [this] { order_.push_back("box"); };
     }
 
-    // Runs the flow as in a process of its own; afterwards the lines are those of the flow alone.
+    // Runs the flow as a new process would; afterwards the lines contain only those of the flow.
     template <typename Flow>
     int RunLogged(Flow flow)
     {

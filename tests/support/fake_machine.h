@@ -95,7 +95,7 @@ private:
             return FailWith(startErrors[program_]);
         }
         onRun();
-        process_ = CreateEventW(nullptr, TRUE, TRUE, nullptr);  // can be waited on and closed like a process
+        process_ = CreateEventW(nullptr, TRUE, TRUE, nullptr);  // an event: can be waited for and closed like a process
         start->hProcess = process_;
         return TRUE;
     }};

@@ -8,7 +8,7 @@
 
 namespace lab
 {
-// What RoGetActivationFactory asks the component for; the script decides.
+// Answers RoGetActivationFactory as the script says.
 HRESULT GetFactory(const std::wstring& className, abi::IActivationFactory** factory);
 
 abi::IActivationFactory* NewPackageManagerFactory();

@@ -34,7 +34,7 @@ std::size_t ThreadNumber()
 struct Rule
 {
     std::wstring word;
-    unsigned long left;  // lines with the word until it is due
+    unsigned long left;  // lines with the word that must still come
     bool isExit;         // otherwise a crash
     unsigned long code;
 };

@@ -1,4 +1,4 @@
-// What the program did with the component.
+// The record of the program's calls into the component.
 #pragma once
 #include <windows.h>
 

@@ -104,7 +104,7 @@ public:
     HRESULT STDMETHODCALLTYPE Initialize(HWND window) override
     {
         wchar_t title[260] = L"";
-        InternalGetWindowText(window, title, static_cast<int>(std::size(title)));  // sends nothing: its thread may wait
+        InternalGetWindowText(window, title, static_cast<int>(std::size(title)));  // no message: its thread may be busy
         const Answer* const failure = AnswerOf(L"Initialize");
         return Record(L"Initialize hwnd=" + standin::Hex(reinterpret_cast<ULONG_PTR>(window)) + L"; window=" +
                           (IsWindow(window) ? L"yes" : L"no") + L"; title=" + standin::Quoted(title),
