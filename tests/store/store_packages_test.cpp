@@ -9,6 +9,7 @@
 
 #include "store/store_packages.h"
 #include "support/store_test.h"
+#include "support/system_text.h"
 
 using testing::AllOf;
 using testing::Contains;
@@ -130,6 +131,23 @@ TEST_F(StorePackages, FailureOfTheFactoryIsNotKeptAndTheNextCallTriesAgain)
     runtime_.manager.answers.clear();
     Query();
     EXPECT_THAT(log_.Lines(), ElementsAre(testing::_, L"UWP version is not installed"));
+}
+
+TEST_F(StorePackages, ErrorObjectOfTheFirstActivationDoesNotDescribeALaterFailure)
+{
+    runtime_.manager.answers[L"activation"] = {
+        .result = kNoApartment, .hasErrorObject = true, .isRestricted = false, .description = L"of the first try"};
+    int tries = 0;
+    runtime_.onActivation = [&] {
+        if (++tries == 2)
+        {
+            runtime_.manager.answers.erase(L"activation");
+        }
+    };
+    runtime_.manager.answers[L"FindPackages"].result = kDenied;
+    Query();
+    EXPECT_THAT(log_.Lines(),
+                ElementsAre(L"Exception " + SystemText(kDenied) + L" when searching for UWP version of VLT"));
 }
 
 TEST_F(StorePackages, WithoutTheApartmentFunctionTheFirstErrorStands)
