@@ -8,7 +8,7 @@ of its own folder run, then all. What survives is linked into the tool, and the 
 
 --sample takes N of all places by chance, the same ones for the same seed. FILE (below src/) takes only the places in it.
 The result of each mutant is a line of build/mutants/results.tsv. Mutants with a result do not run again, so a stopped run goes on where
-it was; --again runs those that survived once more. tests/equal_mutants.tsv explains the mutants that no test can notice. The exit code
+it was; --again runs those that survived once more. tests/equal_mutants.tsv, if there is one, explains mutants that no test can notice. The exit code
 is 1 when less than 95 % of the mutants that compile are noticed or explained.
 
 Headers are not changed, nor the two sources that tools/exe_gate.py checks in the exe (stack guard, load configuration).

@@ -178,7 +178,8 @@ std::wstring PlaceInStore(const std::wstring& inf)
 {
     wchar_t path[MAX_PATH] = {};
     DWORD needed = 0;
-    if (inf.size() < 4 || inf[1] != L':' || !IsThere(inf))
+    // As it is named: Wine names it with a slash, which a path without limit cannot have.
+    if (inf.size() < 4 || inf[1] != L':' || GetFileAttributesW(inf.c_str()) == INVALID_FILE_ATTRIBUTES)
     {
         return L"no file: " + inf;
     }

@@ -28,13 +28,14 @@ def held(prefix: Prefix) -> dict[str, int]:
 
 
 def soak(session: Session, number: int) -> collections.Counter[str]:
-    """Runs the tool this number of times inside the machine. Returns its exit codes."""
-    run = '"C:\\lab\\TavikCompatibilityTool.exe" -SILENT\r\necho %errorlevel%\r\n'
-    (session.lab / "soak.bat").write_text("@echo off\r\n" + number * run, "ascii", newline="")
+    """Runs the tool this number of times inside the machine. Returns its exit codes. On a busy host Wine sometimes cannot create a process:
+    then cmd reports 9009, and the run is repeated."""
+    run = ':{0}\r\n"C:\\lab\\TavikCompatibilityTool.exe" -SILENT\r\nif errorlevel 9009 goto {0}\r\necho %errorlevel%\r\n'
+    (session.lab / "soak.bat").write_text("@echo off\r\n" + "".join(run.format(f"run{count}") for count in range(number)), "ascii", newline="")
     output = session.lab / "soak.txt"
     output.unlink(missing_ok=True)
     session.prefix.wine("cmd", "/c", r"C:\lab\soak.bat", output=output, timeout=500)
-    return collections.Counter(output.read_text("ascii").split())
+    return collections.Counter(re.findall(r"^-?\d+", output.read_text("ascii"), re.M))
 
 
 def growth(before: dict[str, int], after: dict[str, int]) -> dict[str, int]:

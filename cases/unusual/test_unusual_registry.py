@@ -146,15 +146,14 @@ def test_release_of_a_mebibyte(lab):
     check_ends_without_server(lab, *inventory()[:2], LIST, f"\t [{NAME}] [{release}"[:1023], folder="")
 
 
-@pytest.mark.parametrize("release, status, outcome", [
-    ("%s%n%d.1", 400, "download-refused"), *((release, 404, "download-not-there") for release in ("-", "a?b#c", "../x/"))])
-def test_release_becomes_a_part_of_the_address_as_it_is(lab, release, status, outcome):
+@pytest.mark.parametrize("release", ["%s%n%d.1", "-", "a?b#c", "../x/"])
+def test_release_becomes_a_part_of_the_address_as_it_is(lab, release):
     """Whatever the server answers, the run ends in an orderly way."""
     lab.run({"adapters": [{"release": release, "packages": []}]})
     prefix = release.partition("-")[0][:5]
-    check(lab, outcome=outcome, log=[
+    check(lab, outcome="download-not-there", log=[
         *opening(), inventory()[0], LIST, f"\t [{NAME}] [{release}] []", without_server("", prefix)[0],
-        "Change server to http://{server}/drivers/installer/vlt/.", f"Response code from server: {status}",
+        "Change server to http://{server}/drivers/installer/vlt/.", "Response code from server: 404",
         f"Error response code received from http://{{server}}/drivers/installer/vlt/{prefix}/dwx2_install.txt", NOT_DOWNLOADED])
 
 
