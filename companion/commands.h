@@ -1,6 +1,7 @@
 // The commands. Each function adds one command to the program: its options, its help, and what runs when the command
 // line names it. That sets `result`, the exit code; it throws CLI::ParseError for arguments that make no sense
-// together, and Failure if the command cannot do its work.
+// together, and Failure if the command cannot do its work. A new command also goes into main.cpp, into COMMANDS of
+// tests/test_companion.py and into docs/companion.md.
 #pragma once
 
 #include <string>

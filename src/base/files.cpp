@@ -61,16 +61,15 @@ FileHandle OpenForAttributes(const std::wstring& path)
                                   FILE_FLAG_BACKUP_SEMANTICS, nullptr));
 }
 
-// Removes a link whose target does not exist. Returns whether it did. A target that only cannot be reached stays
-// linked.
+// Removes a link whose target was removed. Returns whether it did. A target that cannot be reached stays linked: with
+// ERROR_PATH_NOT_FOUND its drive may only be absent for now.
 bool RemoveDeadLink(const std::wstring& path)
 {
     if ((GetFileAttributesW(path.c_str()) & FILE_ATTRIBUTE_REPARSE_POINT) == 0 || OpenForAttributes(path))
     {
         return false;
     }
-    const DWORD error = GetLastError();
-    return (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) && RemoveDirectoryW(path.c_str()) != 0;
+    return GetLastError() == ERROR_FILE_NOT_FOUND && RemoveDirectoryW(path.c_str()) != 0;
 }
 
 std::wstring WithoutTrailingSeparators(std::wstring path)

@@ -17,7 +17,7 @@ namespace repair
 [[noreturn]] void ThrowFileError(const char* operation, const std::wstring& path, DWORD code);
 
 // Creates a folder and all missing parents; an existing folder is fine, and so is a link to one. A link whose target
-// does not exist is replaced by a folder. Throws for "create_directories".
+// was removed is replaced by a folder; one whose drive is absent stays. Throws for "create_directories".
 void CreateDirectories(const std::wstring& path);
 
 // Removes a file or an empty folder; an absent one is no error. Throws for "remove".

@@ -1,4 +1,4 @@
-// Texts, control positions and times of the status window and the result boxes.
+// Title, font sizes and times of the window and the boxes. Box texts: result_message.cpp; status texts: status_window.cpp.
 #pragma once
 
 #include <windows.h>

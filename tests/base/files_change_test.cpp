@@ -147,17 +147,12 @@ protected:
 };
 
 // Proves: The folder, or one above it, is a link that leads nowhere => a folder takes its place, and the log is written there
-TEST_F(LinkInTheWay, IsReplacedByAFolderIfItsTargetDoesNotExist)
+TEST_F(LinkInTheWay, IsReplacedByAFolderIfItsTargetWasRemoved)
 {
-    for (const DWORD absence : {2u, 3u})
-    {
-        isLink_ = true;
-        target_ = absence;
-        removed_.clear();
-        CreateDirectories(folder_ / L"a");
-        EXPECT_THAT(removed_, ElementsAre(folder_ / L"a"));
-        EXPECT_TRUE(IsFolder(folder_ / L"a"));
-    }
+    target_ = ERROR_FILE_NOT_FOUND;
+    CreateDirectories(folder_ / L"a");
+    EXPECT_THAT(removed_, ElementsAre(folder_ / L"a"));
+    EXPECT_TRUE(IsFolder(folder_ / L"a"));
     isLink_ = true;
     CreateDirectories(folder_ / L"a\\b");
     EXPECT_TRUE(IsFolder(folder_ / L"a\\b"));
@@ -166,7 +161,7 @@ TEST_F(LinkInTheWay, IsReplacedByAFolderIfItsTargetDoesNotExist)
 
 TEST_F(LinkInTheWay, StaysIfItsTargetExistsOrOnlyCannotBeReached)
 {
-    for (const DWORD code : {0u, 5u, 21u, 53u, 1231u})
+    for (const DWORD code : {0u, 3u, 5u, 21u, 53u, 1231u})
     {
         target_ = code;
         CreateDirectories(folder_ / L"a");
