@@ -1,4 +1,4 @@
-// Title, font sizes and times of the window and the boxes. Box texts: result_message.cpp; status texts: status_window.cpp.
+// Title, font sizes and times of the window and the boxes. Texts: result_message.cpp, status_window.cpp.
 #pragma once
 
 #include <windows.h>

@@ -6,7 +6,7 @@
 #include "support/app_test.h"
 #include "support/fake_internet.h"
 
-IMPORTED(InternetOpenW, SetDlgItemTextW, ShowWindow)
+IMPORTED(InternetOpenW, MsiSetInternalUI, SetDlgItemTextW, ShowWindow)
 
 namespace repair
 {
@@ -120,14 +120,8 @@ TEST_P(HeldInstallerTest, CannotBeReplacedFromTheDecisionUntilItHasEnded)
         return MoveFileW(installer_.c_str(), (installer_ + L".away").c_str()) != FALSE;
     };
     std::vector<bool> attempts;
-    SUBSTITUTE(SetDlgItemTextW)
-    status([&](HWND, int, const wchar_t* text) {
-        if (std::wstring_view(text).starts_with(L"Installing"))
-        {
-            attempts.push_back(canBeRenamed());
-        }
-        return TRUE;
-    });
+    SUBSTITUTE(MsiSetInternalUI)
+    first([&](auto...) { return attempts.push_back(canBeRenamed()), INSTALLUILEVEL_DEFAULT; });
     SUBSTITUTE(MsiEnumRelatedProductsW)
     later([&](auto...) { return attempts.push_back(canBeRenamed()), UINT{ERROR_NO_MORE_ITEMS}; });
     machine_.UnpacksMainPackage();
