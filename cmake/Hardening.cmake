@@ -37,7 +37,7 @@ endfunction()
 find_program(LOAD_CONFIGURATION_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED) # the one that has pefile
 function(project_load_configuration target)
   target_sources(${target} PRIVATE ${CMAKE_SOURCE_DIR}/src/base/load_configuration.cpp)
-  target_link_options(${target} PRIVATE -Wl,--tsaware -Wl,--undefined=LoadConfiguration)
+  target_link_options(${target} PRIVATE -Wl,--tsaware -Wl,--undefined=kLoadConfiguration)
   set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${CMAKE_SOURCE_DIR}/tools/load_configuration.py)
   add_custom_command(TARGET ${target} POST_BUILD
     COMMAND ${LOAD_CONFIGURATION_PYTHON} -m tools.load_configuration $<TARGET_FILE:${target}>

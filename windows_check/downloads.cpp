@@ -106,15 +106,19 @@ FACT(internet, no_response_text)
     return Code(isAnswered != FALSE) + L", " + Number(length) + L" characters";
 }
 
+SOCKET NewSocket()
+{
+    WSADATA data = {};
+    WSAStartup(MAKEWORD(2, 2), &data);
+    return socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+}
+
 // A web server with one answer for each connection, which it then closes; an empty answer is none at all.
 class Loopback
 {
 public:
     explicit Loopback(std::vector<std::string> answers) : answers_(std::move(answers))
     {
-        WSADATA data = {};
-        WSAStartup(MAKEWORD(2, 2), &data);
-        listener_ = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
         sockaddr_in address = {};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -181,7 +185,7 @@ private:
 
     std::vector<std::string> answers_;
     std::string firstRequest_;
-    SOCKET listener_ = INVALID_SOCKET;
+    SOCKET listener_ = NewSocket();
     unsigned short port_ = 0;
     std::atomic<bool> isEnding_ = false;
     std::thread thread_;

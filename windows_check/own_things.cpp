@@ -54,7 +54,7 @@ void RemoveTree(const std::wstring& path, DWORD attributes)  // NOLINT(misc-no-r
         {
             if (const std::wstring name = below.cFileName; name != L"." && name != L"..")
             {
-                RemoveTree(path + L"\\" + name, below.dwFileAttributes);
+                RemoveTree(std::wstring(path).append(L"\\").append(name), below.dwFileAttributes);
             }
         }
     }

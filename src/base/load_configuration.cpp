@@ -15,4 +15,4 @@ constexpr IMAGE_LOAD_CONFIG_DIRECTORY64 MakeLoadConfiguration()
 }
 }  // namespace
 
-extern "C" constexpr IMAGE_LOAD_CONFIG_DIRECTORY64 LoadConfiguration = MakeLoadConfiguration();
+extern "C" constexpr IMAGE_LOAD_CONFIG_DIRECTORY64 kLoadConfiguration = MakeLoadConfiguration();
