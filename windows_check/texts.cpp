@@ -136,8 +136,10 @@ SHORT_FACT(text, narrow_with_wide, Widened(repair::FormatRegistryWriteError(L"VL
 
 FACT(text, letter_case)
 {
-    const bool isAscii = _wcsicmp(L"24.20A-x", L"24.20a-X") == 0;
-    const bool isMore = _wcsicmp(L"\u00C9", L"\u00E9") == 0;
+    const std::wstring ascii = L"24.20A-x";
+    const std::wstring more = L"\u00C9";
+    const bool isAscii = _wcsicmp(ascii.c_str(), L"24.20a-X") == 0;
+    const bool isMore = _wcsicmp(more.c_str(), L"\u00E9") == 0;
     return isAscii ? (isMore ? L"all letters" : L"A to Z only") : L"no letters";
 }
 }  // namespace
