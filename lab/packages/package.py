@@ -28,7 +28,8 @@ CHANGES = {
 
 
 def code(*parts: str) -> str:
-    """The same product gets the same code in every build."""
+    """The same product gets the same code in every build. Wine lists products by their codes, and the model of the fault campaign
+    expects an old product before a new one."""
     return "{%s}" % str(uuid.uuid5(uuid.NAMESPACE_URL, "/".join(("tavik-lab",) + parts))).upper()
 
 
@@ -42,7 +43,7 @@ def main(name: str, programs: str, out: str) -> None:
         (folder / "release.txt").write_text(f"{family} {release}\n")
         values = {
             "Family": family, "Release": release, "UpgradeCode": UPGRADE_CODES[family],
-            "ProductCode": code(family, release, kind), "ComponentCode": code(family, release, kind, "component"),
+            "ProductCode": code(family, release, kind or "normal"), "ComponentCode": code(family, release, kind or "normal", "component"),
         }
         made = folder / "made.msi"
         defines = [argument for name, value in values.items() for argument in ("-D", f"{name}={value}")]
