@@ -39,6 +39,7 @@ ALL = {
     "paths": module("tools.texts", "paths"),
     "links": module("tools.texts", "links"),
     "words": module("tools.texts", "words"),
+    "log": module("tools.texts", "log"),
     "proof": module("tools.proof"),
     "docs": module("tools.outcome_pages", "--check"),
     "facts": [*SHELL, f"mkdir -p build/docs && {PYTHON} -m tools.windows_facts page && {PYTHON} -m tools.windows_facts check"],

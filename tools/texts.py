@@ -3,6 +3,7 @@
     tools.texts links    what pages point to exists (files, headings, pictures), and README.md names every page of docs/
     tools.texts paths    no file names a folder of one machine
     tools.texts words    no file has a word that plain English avoids
+    tools.texts log      docs/log.md has each line that the tool can log, and no other
 
 Addresses outside the project are not checked: they would have to be fetched. Generated pages (build/docs) count as there.
 """
@@ -76,8 +77,25 @@ def words() -> Iterator[str]:
             yield f"{file}:{number}: {line.strip()[:120]}: instead of \"{found[0]}\" say who does it, or what is done"
 
 
+def log() -> Iterator[str]:
+    page = (TOP / "docs" / "log.md").read_text("utf-8")
+    described = [code for line in page.splitlines() if line.startswith("| `") for code in re.findall("`([^`]+)`", line.split("|")[1])]
+    calls = [call for file in files("src/*.cpp") for call in re.findall(r"\b(?:LogLine|WriteLog|ExitEarly)\(([^;]+)", file.read_text("utf-8"))]
+    texts = {"".join(re.findall(r'L"((?:[^"\\]|\\.)*)"', group)).replace("\\\\", "\\")
+             for call in calls for group in re.findall(r'(?:L"(?:[^"\\]|\\.)*"\s*)+', call)}
+    parts = {text: re.split(r"% ?l?[ds]", text) for text in texts}
+    missing = dict(parts)
+    for one in described:
+        fitting = [text for text in texts if re.fullmatch(".+".join(map(re.escape, parts[text])), one)]
+        if fitting:
+            missing.pop(max(fitting, key=lambda text: len("".join(parts[text]))), None)
+        else:
+            yield f"docs/log.md: the tool does not log {one}"
+    yield from (f"docs/log.md does not have {text}" for text in sorted(missing))
+
+
 def main(arguments: list[str]) -> int:
-    checks = {"links": links, "paths": paths, "words": words}
+    checks = {"links": links, "paths": paths, "words": words, "log": log}
     if len(arguments) != 1 or arguments[0] not in checks:
         print(__doc__)
         return 2

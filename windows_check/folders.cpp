@@ -3,6 +3,7 @@
 #include <shlobj.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <vector>
 
@@ -131,6 +132,54 @@ FACT(folders, same_of_others)
     const std::wstring folder = MakeFolder(L"Spelling");
     return OfEach({ThisPc().folder, folder + L"\\missing", L""},
                   [&](const std::wstring& other) { return Product(repair::SameObject, folder, other); });
+}
+
+FACT(folders, long_ids)
+{
+    const repair::FileHandle file =
+        Hold(WriteBytes(MakeFolder(L"ids") + L"\\file", "x"), GENERIC_READ, FILE_SHARE_READ);
+    BY_HANDLE_FILE_INFORMATION information = {};
+    GetFileInformationByHandle(file.Get(), &information);
+    FILE_ID_INFO ids = {};
+    if (GetFileInformationByHandleEx(file.Get(), FileIdInfo, &ids, sizeof(ids)) == 0)
+    {
+        return L"none: " + Code(false);
+    }
+    const DWORD shortId[] = {information.nFileIndexLow, information.nFileIndexHigh, 0, 0};
+    const bool isSame = std::memcmp(&ids.FileId, shortId, sizeof(shortId)) == 0;
+    return std::wstring(isSame ? L"the same id" : L"another id") +
+           (static_cast<DWORD>(ids.VolumeSerialNumber) == information.dwVolumeSerialNumber ? L" and volume"
+                                                                                           : L", another volume");
+}
+
+FACT(folders, below_by_any_name)
+{
+    const std::wstring folder = MakeFolder(L"A longer name");
+    const repair::FileHandle held = repair::HoldFolder(folder);
+    WriteBytes(folder + L"\\file", "x");
+    const std::wstring shortName =
+        Filled([&](wchar_t* path, DWORD size) { GetShortPathNameW(folder.c_str(), path, size); });
+    return OfEach({folder, Lower(folder), shortName}, [&](const std::wstring& spelling) {
+        const repair::FileHandle file = Hold(spelling + L"\\file", GENERIC_READ, FILE_SHARE_READ);
+        return YesNo(repair::IsBelow(file.Get(), held.Get(), FILE_NAME_NORMALIZED));
+    });
+}
+
+// Without SEM_FAILCRITICALERRORS, which this program has set as well, a box would keep the check waiting.
+FACT(folders, drive_without_medium)
+{
+    for (wchar_t letter = L'A'; letter <= L'Z'; ++letter)
+    {
+        const std::wstring path = std::wstring(1, letter) + L":\\x";
+        const UINT type = GetDriveTypeW(path.substr(0, 3).c_str());
+        if ((type == DRIVE_REMOVABLE || type == DRIVE_CDROM) &&
+            GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES && GetLastError() != ERROR_FILE_NOT_FOUND)
+        {
+            const std::wstring code = Code(false);
+            return L"code " + code + L", exists: " + YesNo(repair::FileExists(path));
+        }
+    }
+    throw NotApplicable{L"this PC has no drive without a medium"};
 }
 
 FACT(folders, temporary_of_environment)

@@ -1,4 +1,4 @@
-// Recursive removal by the tool's own function, and files that are open; all inside the folder of this run.
+// Removal by the tool's own functions, links, and files and folders that are open; all inside the folder of this run.
 #include <windows.h>
 #include <winioctl.h>
 
@@ -6,8 +6,10 @@
 #include <filesystem>
 
 #include "base/files.h"
+#include "base/library.h"
 #include "windows_check/check.h"
 #include "windows_check/own_things.h"
+#include "windows_check/probe.h"
 #include "windows_check/words.h"
 
 namespace windows_check
@@ -27,8 +29,8 @@ std::wstring Remove(const std::wstring& folder)
     return IsThere(folder) ? L"still there" : L"removed";
 }
 
-// A junction from an empty folder to another folder; needs no privilege. False when the system cannot do it.
-bool MakeJunction(const std::wstring& link, const std::wstring& target)
+// Turns an open folder into a junction to another folder; needs no privilege. Returns the error code, 0 on success.
+DWORD SetMountPoint(HANDLE folder, const std::wstring& target)
 {
     struct MountPoint
     {
@@ -48,9 +50,9 @@ bool MakeJunction(const std::wstring& link, const std::wstring& target)
     const size_t substituteBytes = substitute.size() * sizeof(wchar_t);
     const size_t printBytes = target.size() * sizeof(wchar_t);
     const size_t dataBytes = kFixedBytes + substituteBytes + printBytes + 2 * sizeof(wchar_t);
-    if (kTagBytes + dataBytes > sizeof(point) || CreateDirectoryW(link.c_str(), nullptr) == 0)
+    if (kTagBytes + dataBytes > sizeof(point))
     {
-        return false;
+        return ERROR_FILENAME_EXCED_RANGE;
     }
     point.tag = IO_REPARSE_TAG_MOUNT_POINT;
     point.dataLength = static_cast<WORD>(dataBytes);
@@ -59,13 +61,30 @@ bool MakeJunction(const std::wstring& link, const std::wstring& target)
     point.printLength = static_cast<WORD>(printBytes);
     std::copy(substitute.begin(), substitute.end(), point.path);
     std::copy(target.begin(), target.end(), point.path + substitute.size() + 1);
-    const repair::FileHandle folder(CreateFileW(link.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
-                                                FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     DWORD returned = 0;
-    const BOOL isMade = DeviceIoControl(folder.Get(), FSCTL_SET_REPARSE_POINT, &point,
-                                        static_cast<DWORD>(kTagBytes + dataBytes), nullptr, 0, &returned, nullptr);
+    return DeviceIoControl(folder, FSCTL_SET_REPARSE_POINT, &point, static_cast<DWORD>(kTagBytes + dataBytes), nullptr,
+                           0, &returned, nullptr) != FALSE
+               ? ERROR_SUCCESS
+               : GetLastError();
+}
+
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+repair::FileHandle OpenFolderToChangeIt(const std::wstring& folder)
+{
+    return repair::FileHandle(CreateFileW(folder.c_str(), GENERIC_WRITE, kShareAll, nullptr, OPEN_EXISTING,
+                                          FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+}
+
+// Makes a new folder that is a junction to another one. Throws NotApplicable if the system cannot do it.
+void MakeJunction(const std::wstring& link, const std::wstring& target)
+{
+    CreateDirectoryW(link.c_str(), nullptr);
+    const DWORD error = SetMountPoint(OpenFolderToChangeIt(link).Get(), target);
     const DWORD attributes = GetFileAttributesW(link.c_str());
-    return isMade != FALSE && attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+    Need(error == ERROR_SUCCESS && attributes != INVALID_FILE_ATTRIBUTES &&
+             (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0,
+         L"no junction can be made here");
 }
 
 void MakeSymbolicLink(const std::wstring& link, const std::wstring& target, DWORD flags)
@@ -94,7 +113,7 @@ Seen RemoveWithLink(const std::wstring& kind, MakeLink makeLink)
 FACT(removal, junction)
 {
     return RemoveWithLink(L"junction", [](const std::wstring& link, const std::wstring& folder, const std::wstring&) {
-        Need(MakeJunction(link, folder), L"no junction can be made here");
+        MakeJunction(link, folder);
     });
 }
 
@@ -120,6 +139,33 @@ FACT(removal, broken_link)
     return L"exists: " + isThere + L", " + Remove(folder);
 }
 
+// The folder of the log, for instance.
+FACT(removal, dead_link)
+{
+    const std::wstring target = MakeFolder(L"removed-target");
+    const std::wstring link = MakeFolder(L"with-dead-link") + L"\\link";
+    MakeJunction(link, target);
+    RemoveDirectoryW(target.c_str());
+    repair::CreateDirectories(link);
+    return (GetFileAttributesW(link.c_str()) & FILE_ATTRIBUTE_REPARSE_POINT) != 0 ? L"still a link" : L"a folder";
+}
+
+// As the tool removes a file, here one that is write-protected and open elsewhere.
+FACT(removal, by_handle)
+{
+    const std::wstring path = WriteBytes(MakeFolder(L"by-handle") + L"\\file", "x");
+    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY);
+    const repair::FileHandle elsewhere = Hold(path, GENERIC_READ, kShareAll);
+    repair::FileHandle file = Hold(path, DELETE, kShareAll);
+    FILE_DISPOSITION_INFO_EX atOnce = {FILE_DISPOSITION_FLAG_DELETE | FILE_DISPOSITION_FLAG_POSIX_SEMANTICS |
+                                       FILE_DISPOSITION_FLAG_IGNORE_READONLY_ATTRIBUTE};
+    constexpr auto kFileDispositionInfoEx = static_cast<FILE_INFO_BY_HANDLE_CLASS>(21);
+    const std::wstring code =
+        Code(SetFileInformationByHandle(file.Get(), kFileDispositionInfoEx, &atOnce, sizeof(atOnce)) != 0);
+    file.Close();
+    return code + (IsThere(path) ? L", still there" : L", gone");
+}
+
 // The file's name may disappear at once or when the last handle closes; either way the removal must end.
 FACT(removal, deleted_but_open)
 {
@@ -143,8 +189,6 @@ FACT(removal, long_paths)
     WriteBytes(path + L"\\file", "x");
     return Remove(folder);
 }
-
-constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 std::wstring Open(const std::wstring& path, DWORD access, DWORD share, DWORD creation = OPEN_EXISTING)
 {
@@ -182,6 +226,23 @@ FACT(sharing, held_installer)
            Rename(path);
 }
 
+FACT(sharing, held_folder)
+{
+    const std::wstring folder = MakeFolder(L"held");
+    const repair::FileHandle held = repair::HoldFolder(folder);
+    const std::wstring renamed = Rename(folder);
+    return L"renamed " + renamed + L", removed " + Code(RemoveDirectoryW(folder.c_str()) != 0);
+}
+
+FACT(sharing, keeper)
+{
+    const std::wstring folder = MakeFolder(L"kept");
+    const repair::FileHandle held = repair::HoldFolder(folder);
+    const repair::FileHandle keeper = Hold(WriteBytes(folder + L"\\keeper", "x"), DELETE, 0);
+    const DWORD error = SetMountPoint(OpenFolderToChangeIt(folder).Get(), MakeFolder(L"elsewhere"));
+    return Code(error == ERROR_SUCCESS, error);
+}
+
 FACT(sharing, marker)
 {
     const std::wstring parent = MakeFolder(L"parent");
@@ -208,6 +269,44 @@ FACT(sharing, deleted_download)
     const repair::FileHandle held = Hold(final, GENERIC_READ, kShareAll);
     const std::wstring deleted = Delete(final);
     return L"deleted " + deleted + L", renamed " + Code(MoveFileW(fresh.c_str(), final.c_str()) != 0);
+}
+
+PROBE(read)
+{
+    return GetFileAttributesW(argument.c_str()) != INVALID_FILE_ATTRIBUTES ? 0 : static_cast<int>(GetLastError());
+}
+
+// Guards itself, reads the file, and has a program that it starts read it.
+PROBE(guarded)
+{
+    const std::wstring program = Filled([](wchar_t* path, DWORD size) { GetModuleFileNameW(nullptr, path, size); });
+    using SetPolicy = BOOL(WINAPI*)(PROCESS_MITIGATION_POLICY, void*, SIZE_T);
+    const auto setPolicy =
+        repair::LookUpFunction<SetPolicy>(GetModuleHandleW(L"kernel32.dll"), "SetProcessMitigationPolicy");
+    PROCESS_MITIGATION_REDIRECTION_TRUST_POLICY policy = {};
+    policy.EnforceRedirectionTrust = 1;
+    if (setPolicy == nullptr || setPolicy(ProcessRedirectionTrustPolicy, &policy, sizeof(policy)) == FALSE)
+    {
+        return 0;
+    }
+    const repair::ProcessHandle child = StartProbe(program, L"read \"" + argument + L"\"", nullptr, nullptr);
+    DWORD childsError = 0;
+    WaitForSingleObject(child.Get(), INFINITE);
+    GetExitCodeProcess(child.Get(), &childsError);
+    Tell(L"read", Number(Probe_read(argument)) + L", by a program it starts " + Number(childsError));
+    return 0;
+}
+
+FACT(security, redirection_guard)
+{
+    Need(!ThisPc().isElevated, L"what an administrator links is followed; start the program without those rights");
+    const std::wstring folder = MakeFolder(L"guarded");
+    const std::wstring link = MakeFolder(L"with-guarded") + L"\\link";
+    WriteBytes(folder + L"\\file", "x");
+    MakeJunction(link, folder);
+    const Answer answer = Ask(L"guarded \"" + link + L"\\file\"");
+    Need(answer.lines.count(L"read") > 0, L"this Windows has no redirection guard");
+    return answer[L"read"];
 }
 }  // namespace
 }  // namespace windows_check

@@ -94,6 +94,7 @@ Seen OfFolder(const wchar_t* name)
 
 SHORT_FACT(security, folder_rights, OfFolder(L"rights"))
 SHORT_FACT(security, rights_inside, OfFolder(L"inside"))
+SHORT_FACT(security, folder_owner, OfFolder(L"owner"))
 
 // The identifier of an account name; empty if there is none.
 std::vector<BYTE> SidOf(const std::wstring& name)
@@ -145,10 +146,13 @@ std::wstring RightsOf(ACL* list)
 void TellRights(const wchar_t* name, const std::wstring& path)
 {
     ACL* list = nullptr;
+    void* owner = nullptr;
     void* descriptor = nullptr;
-    GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &list, nullptr,
-                          &descriptor);
-    const repair::LocalMemory owner(descriptor);
+    GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION | OWNER_SECURITY_INFORMATION, &owner,
+                          nullptr, &list, nullptr, &descriptor);
+    const repair::LocalMemory memory(descriptor);
+    std::vector<BYTE> user = SidOf(SessionUser());
+    Tell(L"owner", owner == nullptr ? L"unknown" : KindOf(owner, user));  // the last path's counts
     SECURITY_DESCRIPTOR_CONTROL control = 0;
     DWORD revision = 0;
     GetSecurityDescriptorControl(descriptor, &control, &revision);

@@ -3,12 +3,14 @@
 
 #include <cstdarg>
 #include <cwchar>
+#include <filesystem>
 #include <initializer_list>
 #include <new>
 #include <system_error>
 
 #include "base/registry.h"
 #include "base/system_message.h"
+#include "base/text.h"
 #include "store/winrt_runtime.h"
 #include "windows_check/check.h"
 #include "windows_check/words.h"
@@ -95,6 +97,19 @@ FACT(messages, standard_error)
             Quoted(text)};
 }
 
+// A path outside ASCII and the system's text, as the log shows them.
+FACT(messages, exception_text)
+{
+    constexpr wchar_t kPath[] = L"C:\\J\u00FCrgen\u65E5";
+    const std::filesystem::filesystem_error error("x", kPath, std::error_code(5, std::system_category()));
+    const std::wstring text = repair::ExceptionText(error);
+    std::wstring wanted = repair::FormatSystemMessage(5);
+    wanted.resize(wanted.find_last_not_of(L". ") + 1);
+    return {std::wstring(text.find(kPath) != std::wstring::npos ? L"path" : L"no path") +
+                (text.find(wanted) != std::wstring::npos ? L" and text" : L", no text"),
+            Quoted(text)};
+}
+
 // Result, length of what was written, and whether a terminator followed, of a buffer with room for `room` characters.
 std::wstring Cut(size_t room, const wchar_t* format, ...)
 {
@@ -131,7 +146,6 @@ FACT(text, wide)
     return {seen == std::wstring(kText) + L" " + kText ? L"unchanged" : L"changed", Quoted(seen)};
 }
 
-SHORT_FACT(text, narrow, Quoted(Formatted(L"%hs", "A\xC3\xA9\x80\xFF")))
 SHORT_FACT(text, narrow_with_wide, Widened(repair::FormatRegistryWriteError(L"VLTUWPReplaced", -1)))
 
 FACT(text, letter_case)

@@ -105,20 +105,28 @@ bool WaitForTimer(HWND window, MSG& message)
     return false;
 }
 
-// Set anew under the same id, as the tool does at each step.
+// Set anew under the id of the message, as the tool does at each step.
 FACT(windows, timer_id)
 {
     const HWND window = CreateWindowExW(0, L"STATIC", L"", WS_POPUP, 0, 0, 1, 1, nullptr, nullptr, nullptr, nullptr);
     std::vector<std::wstring> ids;
+    std::wstring detail;
+    UINT_PTR id = 0;
     for (int i = 0; i < 2; ++i)
     {
-        SetTimer(window, 0, 20, nullptr);
+        const UINT_PTR returned = SetTimer(window, id, 20, nullptr);
         MSG message = {};
-        ids.push_back(WaitForTimer(window, message) ? L"id " + Number(message.wParam) : L"no timer");
+        const bool hasCome = WaitForTimer(window, message);
+        ids.emplace_back(!hasCome                     ? L"no timer"
+                         : message.wParam == id       ? L"asked for"
+                         : message.wParam == returned ? L"returned"
+                                                      : L"another");
+        detail += L"returned " + Number(returned) + L", came " + Number(message.wParam) + L" ";
+        id = message.wParam;
     }
-    KillTimer(window, 0);
+    KillTimer(window, id);
     DestroyWindow(window);
-    return Joined(ids, L", then ");
+    return {Joined(ids, L", then "), detail};
 }
 
 std::wstring seenOfBox;  // by the hook

@@ -124,3 +124,11 @@ def test_a_fault_is_named(kit, doctored, rule, file, old, new, complaint):
         assert found == []
     else:
         assert any(complaint in line for line in found), found
+
+
+# Proves: A file of the kit does not fit its format, the product or the outcomes
+def test_a_recipe_whose_codes_are_not_compared_is_named(kit):
+    (kit / "deploy" / "new-system").mkdir()
+    found = list(check.return_codes(kit))
+    (kit / "deploy" / "new-system").rmdir()
+    assert len(found) == 1 and "deploy/new-system" in found[0]
