@@ -15,10 +15,9 @@ namespace repair
 namespace
 {
 constexpr char kAnyRelease[] = "24.20";  // to check lengths if no release is given
-constexpr size_t kReleaseCharacters = 5;
 constexpr DWORD kOk = 200;
 
-struct Options
+struct CheckServerOptions
 {
     std::string value;
     std::string release;
@@ -60,7 +59,7 @@ bool CheckAnswer(const std::string& url)
     return true;
 }
 
-int Execute(const Options& options)
+int ExecuteCheckServer(const CheckServerOptions& options)
 {
     const ServerValue checked =
         CheckServerValue(options.value, options.release.empty() ? kAnyRelease : options.release);
@@ -79,7 +78,7 @@ int Execute(const Options& options)
 
 void AddCheckServerCommand(CLI::App& program, int& result)
 {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<CheckServerOptions>();
     CLI::App& command =
         *program.add_subcommand("check-server", "Checks a value for DWXServerFolder, your own download server.");
     command.add_option("URL", options->value, "the value")->type_name("")->required();
@@ -92,6 +91,6 @@ void AddCheckServerCommand(CLI::App& program, int& result)
         "Examples:\n"
         "  TavikToolCompanion check-server https://mirror.example/vlt/\n"
         "  TavikToolCompanion check-server https://mirror.example/vlt/ --release 24.20");
-    command.callback([options, &result] { result = Execute(*options); });
+    command.callback([options, &result] { result = ExecuteCheckServer(*options); });
 }
 }  // namespace repair

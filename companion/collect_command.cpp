@@ -27,7 +27,7 @@ constexpr wchar_t kBundle[] = L"TavikToolLogs.zip";
 constexpr wchar_t kSummary[] = L"TavikToolLogs.jsonl";
 constexpr char kSummaryInBundle[] = "summary.jsonl";
 
-struct Options
+struct CollectOptions
 {
     std::string folder;
     std::string from;
@@ -130,7 +130,7 @@ bool WriteBundle(const std::wstring& from, const std::wstring& folder, const std
     return isComplete;
 }
 
-int Execute(const Options& options)
+int ExecuteCollect(const CollectOptions& options)
 {
     const std::wstring from = options.from.empty() ? GetLogFolder() : ToWide(options.from);
     const std::wstring folder = ToWide(options.folder);
@@ -167,7 +167,7 @@ int Execute(const Options& options)
 
 void AddCollectCommand(CLI::App& program, int& result)
 {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<CollectOptions>();
     CLI::App& command =
         *program.add_subcommand("collect", "Puts all logs into one archive, without names of users and machines.");
     command
@@ -186,6 +186,6 @@ void AddCollectCommand(CLI::App& program, int& result)
         "Examples:\n"
         "  TavikToolCompanion collect C:\\bundle\n"
         "  TavikToolCompanion collect C:\\bundle --from D:\\logs --name owner --name OWNER-PC");
-    command.callback([options, &result] { result = Execute(*options); });
+    command.callback([options, &result] { result = ExecuteCollect(*options); });
 }
 }  // namespace repair

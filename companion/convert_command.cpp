@@ -17,14 +17,14 @@ namespace repair
 {
 namespace
 {
-struct Options
+struct ConvertOptions
 {
     bool forCmTrace = false;
     std::string log;
     std::string out;
 };
 
-void Convert(const Options& options, const std::function<void(std::string_view)>& write)
+void Convert(const ConvertOptions& options, const std::function<void(std::string_view)>& write)
 {
     const std::wstring log = ToWide(options.log);
     const LocalTime began = ParseLogName(ToUtf8(FileNameOf(log))).value_or(LastWritten(log));
@@ -42,7 +42,7 @@ void Convert(const Options& options, const std::function<void(std::string_view)>
     }
 }
 
-int Execute(const Options& options)
+int ExecuteConvert(const ConvertOptions& options)
 {
     if (options.out.empty())
     {
@@ -58,7 +58,7 @@ int Execute(const Options& options)
 
 void AddConvertCommand(CLI::App& program, int& result)
 {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ConvertOptions>();
     CLI::App& command = *program.add_subcommand("convert", "Writes a log as UTF-8 text, or for CMTrace.");
     command.add_option("LOG", options->log, "the log")->type_name("")->required();
     command.add_option("OUT", options->out, "the text file; the standard output without it")->type_name("");
@@ -67,6 +67,6 @@ void AddConvertCommand(CLI::App& program, int& result)
         "Examples:\n"
         "  TavikToolCompanion convert InstallVLTForWUDriver_2026-11-6_4_7_31_15.log log.txt\n"
         "  TavikToolCompanion convert --cmtrace InstallVLTForWUDriver_2026-11-6_4_7_31_15.log trace.log");
-    command.callback([options, &result] { result = Execute(*options); });
+    command.callback([options, &result] { result = ExecuteConvert(*options); });
 }
 }  // namespace repair

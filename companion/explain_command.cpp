@@ -20,7 +20,7 @@ namespace repair
 {
 namespace
 {
-struct Options
+struct ExplainOptions
 {
     std::vector<std::string> logs;  // "@LIST" names a list
     std::string exitCode;
@@ -66,7 +66,7 @@ void AddListed(const std::wstring& list, std::vector<LogOfRun>& logs)
     });
 }
 
-std::vector<LogOfRun> LogsToExplain(const Options& options)
+std::vector<LogOfRun> LogsToExplain(const ExplainOptions& options)
 {
     const std::optional<int> exitCode = ParseExitCode(options.exitCode);
     if (options.withoutLog)
@@ -98,7 +98,7 @@ Finding Explain(const LogOfRun& log)
     return recogniser.Finish();
 }
 
-int Execute(const Options& options)
+int ExecuteExplain(const ExplainOptions& options)
 {
     if (options.withoutLog != options.logs.empty())
     {
@@ -130,7 +130,7 @@ int Execute(const Options& options)
 
 void AddExplainCommand(CLI::App& program, int& result)
 {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ExplainOptions>();
     CLI::App& command = *program.add_subcommand("explain", "Names the outcome of a run and the next step.");
     command
         .add_option(
@@ -149,6 +149,6 @@ void AddExplainCommand(CLI::App& program, int& result)
         "  TavikToolCompanion explain InstallVLTForWUDriver_2026-11-6_4_7_31_15.log --exit 1618\n"
         "  TavikToolCompanion explain --no-log --exit 3\n"
         "  TavikToolCompanion explain --json @runs.txt");
-    command.callback([options, &result] { result = Execute(*options); });
+    command.callback([options, &result] { result = ExecuteExplain(*options); });
 }
 }  // namespace repair

@@ -71,7 +71,7 @@ std::vector<std::string> ToParse(const std::vector<std::wstring>& arguments)
     return texts;
 }
 
-void Describe(CLI::App& program, int& result, const std::vector<std::wstring>& toolSwitches)
+void DescribeProgram(CLI::App& program, int& result, const std::vector<std::wstring>& toolSwitches)
 {
     program.require_subcommand(0, 1)->ignore_case()->option_defaults()->ignore_case();
     program.set_help_flag("-h,--help", "show this help and end");
@@ -91,12 +91,12 @@ void Describe(CLI::App& program, int& result, const std::vector<std::wstring>& t
     }
 }
 
-int Execute(std::vector<std::wstring> arguments)
+int ExecuteProgram(std::vector<std::wstring> arguments)
 {
     const std::vector<std::wstring> toolSwitches = TakeToolSwitches(arguments);
     int result = kDone;
     CLI::App program(kDescription, "TavikToolCompanion");
-    Describe(program, result, toolSwitches);
+    DescribeProgram(program, result, toolSwitches);
     try
     {
         program.parse(ToParse(arguments));
@@ -136,7 +136,7 @@ int wmain()
     const Utf8Console console;
     try
     {
-        return Execute(GivenArguments());
+        return ExecuteProgram(GivenArguments());
     }
     catch (const std::exception& error)
     {

@@ -27,7 +27,7 @@ constexpr int kDefaultLimitSeconds = 3600;
 constexpr int kLongestLimitSeconds = 7 * 24 * 3600;
 constexpr UINT kKilled = ERROR_TIMEOUT;  // exit code of a tool that this program ended
 
-struct Options
+struct RunOptions
 {
     int limitSeconds = kDefaultLimitSeconds;
     bool kill = false;
@@ -241,7 +241,7 @@ Finding Classify(const std::wstring& folder, const std::optional<std::wstring>& 
     return recogniser.Finish();
 }
 
-int Execute(const Options& options, const std::vector<std::wstring>& switches)
+int ExecuteRun(const RunOptions& options, const std::vector<std::wstring>& switches)
 {
     const std::wstring tool = options.tool.empty() ? ToolBesideUs() : ToWide(options.tool);
     const std::wstring mark = MakeMark();
@@ -272,7 +272,7 @@ int Execute(const Options& options, const std::vector<std::wstring>& switches)
 
 void AddRunCommand(CLI::App& program, int& result, const std::vector<std::wstring>& toolSwitches)
 {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RunOptions>();
     CLI::App& command =
         *program.add_subcommand("run", "Runs the tool with the switches after \"--\", and prints the outcome as JSON.");
     command.add_option("--timeout", options->limitSeconds, "time limit; an hour without it")
@@ -287,6 +287,6 @@ void AddRunCommand(CLI::App& program, int& result, const std::vector<std::wstrin
         "Examples:\n"
         "  TavikToolCompanion run -- -SILENT\n"
         "  TavikToolCompanion run --timeout 1800 --kill -- -VLT -Install -Path C:\\vlt\\setup.exe -SILENT");
-    command.callback([options, &result, &toolSwitches] { result = Execute(*options, toolSwitches); });
+    command.callback([options, &result, &toolSwitches] { result = ExecuteRun(*options, toolSwitches); });
 }
 }  // namespace repair

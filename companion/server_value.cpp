@@ -13,7 +13,6 @@ namespace repair
 namespace
 {
 // As in src/acquisition/constants.h.
-constexpr size_t kReleaseCharacters = 5;
 constexpr std::string_view kRemoteFile = "/dwx2_install.txt";
 constexpr size_t kLongestPart = 259;  // host name and path, in UTF-16 units
 

@@ -1,12 +1,15 @@
 // Checks a value for DWXServerFolder, the administrator's own download server, without a request to it.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace repair
 {
+constexpr size_t kReleaseCharacters = 5;  // as in src/acquisition/constants.h
+
 struct Remark
 {
     bool isError = false;  // the tool would not get the installer, or not as the value intends

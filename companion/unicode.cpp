@@ -8,7 +8,7 @@ namespace repair
 {
 namespace
 {
-constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD
+constexpr std::string_view kReplacementUtf8 = "\xEF\xBF\xBD";  // U+FFFD
 
 struct FoldRange
 {
@@ -56,7 +56,7 @@ std::string ToUtf8(std::wstring_view text)
         }
         else
         {
-            utf8 += kReplacement;  // utfcpp would throw
+            utf8 += kReplacementUtf8;  // utfcpp would throw
         }
         text.remove_prefix(length);
     }

@@ -27,18 +27,18 @@ RULES = TOP / ".clang-tidy"
 PROGRAMS = ("src", "companion", "windows_check")
 ALONE = ("tests", "fuzz")  # folders of PROGRAMS that are not part of the programs
 UNANALYSED = "windows_check"  # Clang's static analyser would take longer there than all other checks together
-LARGEST = 12  # files of a group: enough groups for several cores
+LARGEST = 24  # files of a group: enough groups for several cores
 
 
 def flags_by_file() -> dict[Path, tuple[str, ...]]:
-    """The compiler's arguments for each source, without input and output."""
+    """The compiler's arguments for each source, without input, output and optimisation."""
     found = {}
     for call in json.loads((BUILD / "compile_commands.json").read_text("utf-8")):
         file = Path(call["file"]).resolve()
         if file.suffix == ".cpp" and file.is_relative_to(TOP) and file.relative_to(TOP).parts[0] in PROGRAMS:
             arguments = shlex.split(call["command"])[1:]
             at = arguments.index("-o")
-            found[file] = tuple(one for one in arguments[:at] + arguments[at + 2:] if one not in ("-c", call["file"]))
+            found[file] = tuple(one for one in arguments[:at] + arguments[at + 2:] if one not in ("-c", "-Os", "-O2", call["file"]))
     return found
 
 

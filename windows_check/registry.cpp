@@ -24,7 +24,7 @@ std::wstring Read(const repair::RegistryKey& key, const wchar_t* name)
     }
 }
 
-repair::RegistryKey Open(HKEY root, const std::wstring& path, REGSAM access)
+repair::RegistryKey OpenKey(HKEY root, const std::wstring& path, REGSAM access)
 {
     HKEY key = nullptr;
     RegOpenKeyExW(root, path.c_str(), 0, access, &key);
@@ -34,7 +34,7 @@ repair::RegistryKey Open(HKEY root, const std::wstring& path, REGSAM access)
 // Stores the first bytes of a text as a value of this type, and reads it.
 std::wstring StoreAndRead(DWORD type, const std::wstring& text, size_t bytes)
 {
-    const repair::RegistryKey key = Open(HKEY_CURRENT_USER, ThisPc().key, KEY_ALL_ACCESS);
+    const repair::RegistryKey key = OpenKey(HKEY_CURRENT_USER, ThisPc().key, KEY_ALL_ACCESS);
     RegSetValueExW(key.Get(), L"value", 0, type, reinterpret_cast<const BYTE*>(text.c_str()),
                    static_cast<DWORD>(bytes));
     return Read(key, L"value");
@@ -70,7 +70,7 @@ SHORT_FACT(registry, other_types,
 FACT(registry, trailing_backslash)
 {
     const std::wstring path = ThisPc().key + L"\\";
-    const repair::RegistryKey opened = Open(HKEY_CURRENT_USER, path, KEY_READ);
+    const repair::RegistryKey opened = OpenKey(HKEY_CURRENT_USER, path, KEY_READ);
     HKEY created = nullptr;
     DWORD disposition = 0;
     const LSTATUS create = RegCreateKeyExW(HKEY_CURRENT_USER, path.c_str(), 0, nullptr, REG_OPTION_VOLATILE,
@@ -84,8 +84,9 @@ FACT(registry, trailing_backslash)
 FACT(registry, view)
 {
     constexpr wchar_t kPath[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion";
-    const std::wstring usual = Read(Open(HKEY_LOCAL_MACHINE, kPath, KEY_READ), L"ProgramFilesDir");
-    const std::wstring wanted = Read(Open(HKEY_LOCAL_MACHINE, kPath, KEY_READ | KEY_WOW64_64KEY), L"ProgramFilesDir");
+    const std::wstring usual = Read(OpenKey(HKEY_LOCAL_MACHINE, kPath, KEY_READ), L"ProgramFilesDir");
+    const std::wstring wanted =
+        Read(OpenKey(HKEY_LOCAL_MACHINE, kPath, KEY_READ | KEY_WOW64_64KEY), L"ProgramFilesDir");
     return usual == wanted && usual.size() > 4 ? L"the 64-bit one" : usual + L" and " + wanted;
 }
 }  // namespace

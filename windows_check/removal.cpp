@@ -190,13 +190,13 @@ FACT(removal, long_paths)
     return Remove(folder);
 }
 
-std::wstring Open(const std::wstring& path, DWORD access, DWORD share, DWORD creation = OPEN_EXISTING)
+std::wstring TryOpen(const std::wstring& path, DWORD access, DWORD share, DWORD creation = OPEN_EXISTING)
 {
     const repair::FileHandle file(CreateFileW(path.c_str(), access, share, nullptr, creation, 0, nullptr));
     return Code(static_cast<bool>(file));
 }
 
-std::wstring Delete(const std::wstring& path)
+std::wstring TryDelete(const std::wstring& path)
 {
     return Code(DeleteFileW(path.c_str()) != 0);
 }
@@ -213,8 +213,8 @@ FACT(sharing, log)
 {
     const std::wstring path = WriteBytes(MakeFolder(L"sharing") + L"\\log", "x");
     const repair::FileHandle log = Hold(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ);
-    return L"read " + Open(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE) + L", made anew " +
-           Open(path, GENERIC_WRITE, kShareAll, CREATE_ALWAYS) + L", deleted " + Delete(path) + L", renamed " +
+    return L"read " + TryOpen(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE) + L", made anew " +
+           TryOpen(path, GENERIC_WRITE, kShareAll, CREATE_ALWAYS) + L", deleted " + TryDelete(path) + L", renamed " +
            Rename(path);
 }
 
@@ -222,7 +222,7 @@ FACT(sharing, held_installer)
 {
     const std::wstring path = WriteBytes(MakeFolder(L"sharing") + L"\\installer", "x");
     const repair::FileHandle held = Hold(path, GENERIC_READ, FILE_SHARE_READ);
-    return L"written " + Open(path, GENERIC_WRITE, kShareAll) + L", deleted " + Delete(path) + L", renamed " +
+    return L"written " + TryOpen(path, GENERIC_WRITE, kShareAll) + L", deleted " + TryDelete(path) + L", renamed " +
            Rename(path);
 }
 
@@ -251,8 +251,8 @@ FACT(sharing, marker)
     repair::FileHandle marker(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                                           FILE_FLAG_DELETE_ON_CLOSE, nullptr));
     // One after the other: the order of calls in one expression is the compiler's.
-    std::wstring seen = L"opened " + Open(path, GENERIC_READ, kShareAll);
-    seen += L", deleted " + Delete(path);
+    std::wstring seen = L"opened " + TryOpen(path, GENERIC_READ, kShareAll);
+    seen += L", deleted " + TryDelete(path);
     seen += L", folder removed " + Code(RemoveDirectoryW(folder.c_str()) != 0);
     seen += L", folder renamed " + Rename(folder);
     seen += L", parent renamed " + Rename(parent);
@@ -267,7 +267,7 @@ FACT(sharing, deleted_download)
     const std::wstring final = WriteBytes(folder + L"\\final", "old");
     const std::wstring fresh = WriteBytes(folder + L"\\fresh", "new");
     const repair::FileHandle held = Hold(final, GENERIC_READ, kShareAll);
-    const std::wstring deleted = Delete(final);
+    const std::wstring deleted = TryDelete(final);
     return L"deleted " + deleted + L", renamed " + Code(MoveFileW(fresh.c_str(), final.c_str()) != 0);
 }
 
