@@ -6,7 +6,7 @@
 #include "support/app_test.h"
 #include "support/fake_internet.h"
 
-IMPORTED(InternetOpenW, MsiSetInternalUI, SetDlgItemTextW, ShowWindow)
+IMPORTED(InternetOpenW, SetDlgItemTextW, ShowWindow)
 
 namespace repair
 {
@@ -47,10 +47,12 @@ protected:
     repair::Run run_;  // testing::Test has a Run of its own
     std::wstring installer_;
     std::vector<std::wstring> statusTexts_;
+    std::function<void()> onStatus_ = [] {};
     SUBSTITUTE(SetDlgItemTextW)
     setText_{[this](HWND dialog, int control, const wchar_t* text) {
         EXPECT_EQ(std::tuple(dialog, control), std::tuple(reinterpret_cast<HWND>(0x77), 1004));
         statusTexts_.push_back(text);
+        onStatus_();
         return TRUE;
     }};
     SUBSTITUTE(ShowWindow)
@@ -120,8 +122,12 @@ TEST_P(HeldInstallerTest, CannotBeReplacedFromTheDecisionUntilItHasEnded)
         return MoveFileW(installer_.c_str(), (installer_ + L".away").c_str()) != FALSE;
     };
     std::vector<bool> attempts;
-    SUBSTITUTE(MsiSetInternalUI)
-    first([&](auto...) { return attempts.push_back(canBeRenamed()), INSTALLUILEVEL_DEFAULT; });
+    onStatus_ = [&] {
+        if (statusTexts_.back() == L"Installing...")
+        {
+            attempts.push_back(canBeRenamed());
+        }
+    };
     SUBSTITUTE(MsiEnumRelatedProductsW)
     later([&](auto...) { return attempts.push_back(canBeRenamed()), UINT{ERROR_NO_MORE_ITEMS}; });
     machine_.UnpacksMainPackage();
