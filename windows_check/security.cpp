@@ -168,7 +168,8 @@ PROBE(folder)
 {
     ProcessIdToSessionId(GetCurrentProcessId(), &ThisPc().session);
     const std::wstring folder = argument + L"\\LPInstaller";
-    if (const DWORD error = repair::CreateSecureDirectory(folder); error != ERROR_SUCCESS)
+    repair::HeldFolder parent;
+    if (const DWORD error = repair::CreateSecureDirectory(folder, parent); error != ERROR_SUCCESS)
     {
         return static_cast<int>(error);
     }

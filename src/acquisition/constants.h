@@ -15,7 +15,8 @@ inline constexpr wchar_t kServerFolderValue[] = L"DWXServerFolder";
 // By design the file on the server is named ".txt" although it is the installer program.
 inline constexpr wchar_t kRemoteFile[] = L"/dwx2_install.txt";
 inline constexpr wchar_t kDownloadFolder[] = L"Tavik_VLTInstallerDownload";
-inline constexpr int kFolderAttempts = 3;  // if another program keeps replacing the folder with a link
+inline constexpr int kFolderAttempts = 3;  // if another program replaces the folder or prevents holding it
+inline constexpr DWORD kFolderPauseMs = 500;
 inline constexpr wchar_t kInstallerFile[] = L"dwx2_install.exe";
 inline constexpr wchar_t kTemporaryFile[] = L"dwx2_install.exe.tmp";
 inline constexpr wchar_t kUserAgent[] = L"Tavik Marlin Install Manager";

@@ -55,48 +55,38 @@ DownloadPlan MakePlan(const std::wstring& release)
     return plan;
 }
 
-// A file with a name that cannot be foreseen; the system removes it when its handle is closed.
-FileHandle CreateKeeper(const std::wstring& folder)
+// Creates the download folder, replacing a link, and holds it open. While another program replaces the folder or
+// prevents holding it, tries again; in the end throws for "create_directories".
+HeldFolder PrepareFolder(const DownloadPlan& plan)
 {
-    LARGE_INTEGER ticks = {};
-    QueryPerformanceCounter(&ticks);
-    const std::wstring path = folder + L"\\~" + std::to_wstring(ticks.QuadPart) + L".tmp";
-    return FileHandle(CreateFileW(path.c_str(), DELETE, 0, nullptr, CREATE_NEW, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
-}
-
-// Creates the download folder, replacing a link, and holds it open. If another program prevents opening it, goes on
-// without holding it.
-HeldInstaller PrepareFolder(const DownloadPlan& plan)
-{
-    HeldInstaller held;
-    for (int attempt = 0; attempt < kFolderAttempts && !held.folder; ++attempt)
+    for (int attempt = 1;; ++attempt)
     {
         if (IsLink(plan.folder))
         {
             RemoveFileIfPresent(plan.folder);
         }
         CreateDirectories(plan.folder + L"\\");
-        held.folder = HoldFolder(plan.folder);
-        held.keeper = held.folder ? CreateKeeper(plan.folder) : FileHandle();
-        if (held.keeper && !IsBelow(held.keeper.Get(), held.folder.Get()))  // became a link before the file was in it
+        HeldFolder held = HoldWithKeeper(plan.folder);
+        if (held.folder)
         {
-            held = HeldInstaller();
+            return held;
         }
+        const DWORD error = GetLastError();
+        if (attempt == kFolderAttempts)
+        {
+            ThrowFileError("create_directories", plan.folder, error);
+        }
+        Sleep(kFolderPauseMs);
     }
-    if (!held.folder && IsLink(plan.folder))
-    {
-        ThrowFileError("create_directories", plan.folder, ERROR_CANT_RESOLVE_FILENAME);
-    }
-    return held;
 }
 
-// Creates the file for the body. Returns none, with the last error set, if that fails or the file would be outside the
-// folder.
-FileHandle CreateTemporaryFile(const DownloadPlan& plan, const HeldInstaller& held)
+// Creates the file for the body; an old one was removed. Returns none, with the last error set, if that fails, if
+// another program has put a file or a link there, or if the file is outside the folder.
+FileHandle CreateTemporaryFile(const DownloadPlan& plan, const FileHandle& folder)
 {
-    FileHandle file(CreateFileW(plan.temporaryPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (file && held.folder && !IsBelow(file.Get(), held.folder.Get()))
+    FileHandle file(
+        CreateFileW(plan.temporaryPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (file && !IsBelow(file.Get(), folder.Get()))
     {
         file.Close();
         SetLastError(ERROR_CANT_RESOLVE_FILENAME);
@@ -270,7 +260,8 @@ bool SendRequest(Transfer& transfer, const std::wstring& url)
 HeldInstaller DownloadInstaller(std::wstring release)
 {
     const DownloadPlan plan = MakePlan(release);
-    HeldInstaller held = PrepareFolder(plan);
+    HeldInstaller held;
+    held.folder = PrepareFolder(plan);
     Server server;
     if (!SplitUrl(plan.url, server))
     {
@@ -281,7 +272,7 @@ HeldInstaller DownloadInstaller(std::wstring release)
     RemoveFileIfPresent(plan.temporaryPath);
 
     Transfer transfer;
-    transfer.file = CreateTemporaryFile(plan, held);
+    transfer.file = CreateTemporaryFile(plan, held.folder.folder);
     if (!transfer.file)
     {
         const DWORD error = GetLastError();

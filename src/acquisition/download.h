@@ -14,6 +14,6 @@ namespace repair
 // Returns an empty path, after logging, if the transfer fails; a partial file keeps the temporary name until the next
 // call. Returns the path even if the final rename fails. Throws std::system_error (with the WinINet code) if the
 // session or the connection cannot be opened, and std::filesystem::filesystem_error if the folder cannot be created or
-// an old file cannot be removed.
+// held, or an old file cannot be removed.
 HeldInstaller DownloadInstaller(std::wstring release);
 }  // namespace repair

@@ -74,10 +74,10 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, wchar_t*, int)
 {
     // Before any delay-loaded library, so that none is loaded from the folder of the tool.
     SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
-    repair::GuardAgainstRedirection();
     SetThreadErrorMode(SEM_FAILCRITICALERRORS, nullptr);  // an empty drive is an error code, not a box of the system
     std::set_terminate(EndQuietly);
     SetUnhandledExceptionFilter(EndQuietlyOnSystemException);
+    repair::GuardAgainstRedirection();
 
     repair::AppInstance = instance;
     return RunTool();

@@ -32,6 +32,7 @@ constexpr int kHoldAttempts = 11;
 constexpr DWORD kHoldPauseMs = 100;
 
 constexpr DWORD kLongestPath = 32'768;
+constexpr DWORD kUntrustedMountPoint = 448;  // ERROR_UNTRUSTED_MOUNT_POINT, not in every header
 
 bool IsFolder(const std::wstring& path)
 {
@@ -53,6 +54,13 @@ bool IsDotEntry(const wchar_t* name)
     return name[0] == L'.' && (name[1] == L'\0' || (name[1] == L'.' && name[2] == L'\0'));
 }
 
+// Links are the reparse points that stand for another name. Others are files and folders of their own, which a driver
+// completes when they are read. A tag of 0 is unknown, and counts as a link.
+bool MarksLink(DWORD attributes, DWORD tag)
+{
+    return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && (tag == 0 || IsReparseTagNameSurrogate(tag));
+}
+
 // Asks for no right to the data, so locked files and folders can be opened too; follows links.
 FileHandle OpenForAttributes(const std::wstring& path)
 {
@@ -65,7 +73,7 @@ FileHandle OpenForAttributes(const std::wstring& path)
 // ERROR_PATH_NOT_FOUND its drive may only be absent for now.
 bool RemoveDeadLink(const std::wstring& path)
 {
-    if ((GetFileAttributesW(path.c_str()) & FILE_ATTRIBUTE_REPARSE_POINT) == 0 || OpenForAttributes(path))
+    if (!IsLink(path) || OpenForAttributes(path))
     {
         return false;
     }
@@ -90,7 +98,7 @@ std::wstring Join(const std::wstring& folder, const std::wstring& name)
 struct Entry
 {
     std::wstring path;
-    DWORD attributes = 0;    // as listed
+    DWORD attributes = 0;    // as listed; only links are marked as reparse points
     size_t folder = 0;       // index of its parent folder's entry; the root entry has its own index
     FileHandle object = {};  // of a folder: open from before its entries are listed until they are removed
 };
@@ -112,16 +120,22 @@ bool IsOwnFolder(HANDLE object)
 {
     FILE_ATTRIBUTE_TAG_INFO information = {};
     return GetFileInformationByHandleEx(object, FileAttributeTagInfo, &information, sizeof(information)) != 0 &&
-           HasOwnEntries(information.FileAttributes);
+           (information.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
+           !MarksLink(information.FileAttributes, information.ReparseTag);
 }
 
-// The entries of an open folder that will be removed; none if it cannot be listed, because the removal of the folder
-// then reports the failure.
-std::vector<Entry> ListForRemoval(const Entry& folder, size_t index)
+// Only links stay marked as reparse points.
+DWORD ForRemoval(DWORD attributes, bool isLink)
+{
+    return isLink ? attributes : attributes & ~DWORD{FILE_ATTRIBUTE_REPARSE_POINT};
+}
+
+// The entries of an open folder; none if it cannot be listed. A removal reports that later, for the folder.
+std::vector<Entry> List(HANDLE folder, const std::wstring& path, size_t index)
 {
     std::vector<Entry> entries;
     alignas(FILE_FULL_DIR_INFO) char buffer[32 * 1024];
-    while (GetFileInformationByHandleEx(folder.object.Get(), FileFullDirectoryInfo, buffer, sizeof(buffer)) != 0)
+    while (GetFileInformationByHandleEx(folder, FileFullDirectoryInfo, buffer, sizeof(buffer)) != 0)
     {
         for (size_t offset = 0, next = 1; next != 0; offset += next)
         {
@@ -129,7 +143,9 @@ std::vector<Entry> ListForRemoval(const Entry& folder, size_t index)
             const std::wstring name(information->FileName, information->FileNameLength / sizeof(wchar_t));
             if (!IsDotEntry(name.c_str()))
             {
-                entries.push_back({Join(folder.path, name), information->FileAttributes, index});
+                // Of a reparse point, the field for the attributes' size contains the tag.
+                const bool isLink = MarksLink(information->FileAttributes, information->EaSize);
+                entries.push_back({Join(path, name), ForRemoval(information->FileAttributes, isLink), index});
             }
             next = information->NextEntryOffset;
         }
@@ -189,6 +205,26 @@ std::wstring NameOf(HANDLE object, DWORD spelling)
            std::wstring(information->FileName, information->FileNameLength / sizeof(wchar_t));
 }
 
+bool IsLinkWith(DWORD attributes, const std::wstring& path)
+{
+    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0)
+    {
+        return false;
+    }
+    WIN32_FIND_DATAW data = {};
+    const SearchHandle search(FindFirstFileW(WithoutTrailingSeparators(path).c_str(), &data));
+    return MarksLink(attributes, data.dwReserved0);  // the tag
+}
+
+// A file with a name that cannot be foreseen; the system removes it when its handle is closed.
+FileHandle CreateKeeper(const std::wstring& folder)
+{
+    LARGE_INTEGER ticks = {};
+    QueryPerformanceCounter(&ticks);
+    const std::wstring path = Join(folder, L"~" + std::to_wstring(ticks.QuadPart) + L".tmp");
+    return FileHandle(CreateFileW(path.c_str(), DELETE, 0, nullptr, CREATE_NEW, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+}
+
 // Finds a path by the listing of its folder.
 DWORD FindErrorOf(const std::wstring& path)
 {
@@ -206,8 +242,7 @@ DWORD ExistenceError(const std::wstring& path)
         const DWORD error = GetLastError();
         return error == ERROR_SHARING_VIOLATION ? FindErrorOf(path) : error;  // some system files can only be listed
     }
-    const bool isLink = (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
-    return !isLink || OpenForAttributes(path) ? ERROR_SUCCESS : GetLastError();
+    return !IsLinkWith(attributes, path) || OpenForAttributes(path) ? ERROR_SUCCESS : GetLastError();
 }
 
 // Whether a link leads to a folder; false if its target does not exist.
@@ -289,7 +324,7 @@ void RemoveAll(const std::wstring& path)
     };
     // Not recursive, because folders can be nested to any depth.
     std::vector<Entry> pending;
-    pending.push_back({path, attributes});
+    pending.push_back({path, ForRemoval(attributes, IsLinkWith(attributes, path))});
     while (!pending.empty())
     {
         const size_t index = pending.size() - 1;
@@ -314,7 +349,7 @@ void RemoveAll(const std::wstring& path)
             }
             if (HasOwnEntries(entry.attributes) && IsOwnFolder(entry.object.Get()))
             {
-                std::vector<Entry> below = ListForRemoval(entry, index);
+                std::vector<Entry> below = List(entry.object.Get(), entry.path, index);
                 if (!below.empty())
                 {
                     std::move(below.begin(), below.end(), std::back_inserter(pending));
@@ -334,7 +369,21 @@ void RemoveAll(const std::wstring& path)
 bool IsLink(const std::wstring& path)
 {
     const DWORD attributes = GetFileAttributesW(path.c_str());
-    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+    return attributes != INVALID_FILE_ATTRIBUTES && IsLinkWith(attributes, path);
+}
+
+bool CrossesLink(const std::wstring& path)
+{
+    std::filesystem::path current = path;
+    while (!IsLink(current.wstring()))
+    {
+        if (current == current.parent_path())
+        {
+            return false;
+        }
+        current = current.parent_path();
+    }
+    return true;
 }
 
 FileHandle HoldFolder(const std::wstring& path, DWORD furtherAccess)
@@ -345,8 +394,26 @@ FileHandle HoldFolder(const std::wstring& path, DWORD furtherAccess)
     if (folder && !IsOwnFolder(folder.Get()))
     {
         folder.Close();
+        SetLastError(ERROR_CANT_RESOLVE_FILENAME);
     }
     return folder;
+}
+
+HeldFolder HoldWithKeeper(const std::wstring& path)
+{
+    HeldFolder held;
+    held.folder = HoldFolder(path);
+    if (!held.folder)
+    {
+        return held;
+    }
+    held.keeper = CreateKeeper(path);
+    if (held.keeper && !IsBelow(held.keeper.Get(), held.folder.Get()))  // became a link before the file was in it
+    {
+        held = HeldFolder();
+        SetLastError(ERROR_CANT_RESOLVE_FILENAME);
+    }
+    return held;
 }
 
 FileHandle HoldFile(const std::wstring& path)
@@ -366,11 +433,11 @@ FileHandle HoldFile(const std::wstring& path)
 bool IsBelow(HANDLE object, HANDLE folder, DWORD spelling)
 {
     std::wstring beginning = NameOf(folder, spelling);
-    const std::wstring name = NameOf(object, spelling);
     if (beginning.empty())
     {
-        return false;
+        return spelling == FILE_NAME_OPENED && IsOwnFolder(folder);
     }
+    const std::wstring name = NameOf(object, spelling);
     if (beginning.back() != L'\\')
     {
         beginning += L'\\';
@@ -378,6 +445,12 @@ bool IsBelow(HANDLE object, HANDLE folder, DWORD spelling)
     return name.size() > beginning.size() &&
            CompareStringOrdinal(name.data(), static_cast<int>(beginning.size()), beginning.data(),
                                 static_cast<int>(beginning.size()), TRUE) == CSTR_EQUAL;
+}
+
+bool ContainsOnly(HANDLE folder, const std::wstring& name)
+{
+    const std::vector<Entry> entries = List(folder, L"", 0);
+    return entries.size() == 1 && entries.front().path == name;
 }
 
 bool Exists(const std::wstring& path)
@@ -407,7 +480,13 @@ bool SameObject(const std::wstring& first, const std::wstring& second)
         files[i] = OpenForAttributes(*paths[i]);
         if (!files[i] || GetFileInformationByHandle(files[i].Get(), &information[i]) == 0)
         {
-            ThrowFileError("equivalent", *paths[i], GetLastError());
+            const DWORD error = GetLastError();
+            if (error == kUntrustedMountPoint)
+            {
+                return CompareStringOrdinal(WithoutTrailingSeparators(first).c_str(), -1,
+                                            WithoutTrailingSeparators(second).c_str(), -1, TRUE) == CSTR_EQUAL;
+            }
+            ThrowFileError("equivalent", *paths[i], error);
         }
         haveLongIds &= GetFileInformationByHandleEx(files[i].Get(), FileIdInfo, &longIds[i], sizeof(longIds[i])) != 0;
     }
@@ -441,7 +520,7 @@ std::filesystem::path FindSubfolder(const std::wstring& folder, bool (*wanted)(c
             continue;
         }
         const std::wstring path = Join(folder, data.cFileName);
-        const bool isLink = (data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+        const bool isLink = MarksLink(data.dwFileAttributes, data.dwReserved0);
         const bool isFolder = isLink ? LeadsToFolder(path) : (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
         if (isFolder && wanted(data.cFileName))
         {

@@ -28,21 +28,39 @@ void RemoveFileIfPresent(const std::wstring& path);
 // held while it is emptied. Throws for "remove_all"; everything removed until then stays removed.
 void RemoveAll(const std::wstring& path);
 
-// True if the path itself is a link to a file or a folder.
+// True if the path itself is a link to a file or a folder. Cloud files and deduplicated files are no links.
 bool IsLink(const std::wstring& path);
 
+// True if the path or a folder above it is a link.
+bool CrossesLink(const std::wstring& path);
+
 // Opens a folder so that it cannot be renamed or removed until the handle is closed; `furtherAccess` is added to the
-// rights. Returns none if the path is a link, is no folder or cannot be opened.
+// rights. Returns none, with the last error set, if the path is a link, is no folder or cannot be opened.
 FileHandle HoldFolder(const std::wstring& path, DWORD furtherAccess = 0);
+
+// A folder that can be neither renamed nor turned into a link.
+struct HeldFolder
+{
+    FileHandle folder;
+    FileHandle keeper;  // a file in it, because an empty folder can be turned into a link; gone with its handle
+};
+
+// Holds a folder and creates a file in it, where that can be created. Returns none, with the last error set, like
+// HoldFolder and if the path leads elsewhere by then.
+HeldFolder HoldWithKeeper(const std::wstring& path);
 
 // Opens a file so that it cannot be written, renamed or removed until the handle is closed. While another program has
 // it open for one of these, tries again, up to a second in all. Returns none if the file cannot be opened.
 FileHandle HoldFile(const std::wstring& path);
 
 // True if an open object is inside an open folder, at any depth, wherever the paths lead by now. `spelling` says
-// whether both were opened by paths with the same beginning (FILE_NAME_OPENED) or any (FILE_NAME_NORMALIZED). False if
-// a name cannot be read.
+// whether both were opened by paths with the same beginning (FILE_NAME_OPENED) or any (FILE_NAME_NORMALIZED). If the
+// file system has no names for open folders: with FILE_NAME_OPENED true as long as the folder is no link, because it
+// cannot be renamed while it is held. False if a name cannot be read otherwise.
 bool IsBelow(HANDLE object, HANDLE folder, DWORD spelling = FILE_NAME_OPENED);
+
+// True if an open folder that has not been listed yet contains one object, of that name.
+bool ContainsOnly(HANDLE folder, const std::wstring& name);
 
 // True if a file-system object of any type exists there; links are followed. Throws for "exists" if Windows gives an
 // error other than absence.
@@ -52,8 +70,8 @@ bool Exists(const std::wstring& path);
 // reader is empty or a share is gone. Does not throw.
 bool FileExists(const std::wstring& path);
 
-// True if both paths lead to the same object on the same volume, however they are spelled. Throws for "equivalent" if
-// one of them cannot be opened.
+// True if both paths lead to the same object on the same volume, however they are spelled. If the redirection guard
+// refuses to follow one of them, compares their texts. Throws for "equivalent" if one of them cannot be opened.
 bool SameObject(const std::wstring& first, const std::wstring& second);
 
 // Full path of the first folder directly below `folder`, in the file system's order, for whose name `wanted` is true;

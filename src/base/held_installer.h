@@ -18,8 +18,7 @@ struct HeldInstaller
     explicit HeldInstaller(std::wstring installer) : path(std::move(installer)), file(HoldFile(path)) {}
 
     std::wstring path;
-    FileHandle folder = {};  // of a download
-    FileHandle keeper = {};  // a file in that folder: only an empty folder can be turned into a link
+    HeldFolder folder = {};  // the download folder, in which the installer also unpacks
     FileHandle file = {};
 };
 }  // namespace repair

@@ -24,8 +24,8 @@ inline constexpr wchar_t kExtractionParameters[] = L"/NCRC /S -EXTRACTONLY=YES /
 inline constexpr wchar_t kMainPackage[] = L"\\HL\\halden\\halden64\\dwx-next64.msi";
 inline constexpr wchar_t kDvrPackage[] = L"\\HL\\tavikdvr\\tavikdvr64\\tavikdvr64.msi";
 inline constexpr wchar_t kPxlPackage[] = L"\\HL\\pxl64\\PXL64.msi";
-inline constexpr wchar_t kMarkerFile[] = L"\\~.tmp";
-inline constexpr int kPreparations = 2;  // attempts to prepare the extraction folder, if its path leads to another one
+inline constexpr wchar_t kMarkerFile[] = L"~.tmp";
+inline constexpr int kPreparations = 2;  // attempts to prepare the extraction folder, if it is not as it was made
 
 inline constexpr wchar_t kInstallProperties[] = L"REBOOT=ReallySuppress MSIFASTINSTALL=3 LAUNCHED_FROM_MIM=\"1\"";
 inline constexpr wchar_t kRemovalProperties[] =

@@ -40,7 +40,7 @@ void Extract(HeldInstaller installer, const std::wstring& folder)
     {
         installer.file.Close();
     }
-    CreateSecureDirectory(folder);  // by design the sequence goes on after a failure
+    CreateSecureDirectory(folder, installer.folder);  // by design the sequence goes on after a failure
     if (!installer.file)
     {
         installer.file = HoldFile(installer.path);  // if that fails, the start logs the reason

@@ -75,51 +75,65 @@ struct AccessEntries
         Allow(GENERIC_READ | GENERIC_EXECUTE | DELETE, TRUSTEE_IS_NAME, user.data()),
     };
 };
-// The owner of an open file or folder; empty if it cannot be read.
-struct Owner
+
+// The owner and the rights of an open file or folder; empty if they cannot be read.
+struct Security
 {
-    explicit Owner(HANDLE object)
+    explicit Security(HANDLE object)
     {
         void* memory = nullptr;
-        GetSecurityInfo(object, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &sid, nullptr, nullptr, nullptr, &memory);
+        GetSecurityInfo(object, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, &owner, nullptr,
+                        nullptr, nullptr, &memory);
         descriptor = LocalMemory(memory);
     }
-    [[nodiscard]] bool Is(PSID other) const
+    [[nodiscard]] bool IsOwnedBy(PSID other) const
     {
-        return sid != nullptr && other != nullptr && EqualSid(sid, other) != FALSE;
+        return owner != nullptr && other != nullptr && EqualSid(owner, other) != FALSE;
+    }
+    [[nodiscard]] bool InheritsNothing() const
+    {
+        SECURITY_DESCRIPTOR_CONTROL control = 0;
+        DWORD revision = 0;
+        return descriptor && GetSecurityDescriptorControl(descriptor.Get(), &control, &revision) != FALSE &&
+               (control & SE_DACL_PROTECTED) != 0;
     }
 
     LocalMemory descriptor;
-    PSID sid = nullptr;  // in the descriptor
+    PSID owner = nullptr;  // in the descriptor
 };
 
-// Creates the folder with the owner in the attributes or, if the process may not set that owner, with the default one.
-bool CreateFolder(const std::wstring& folder, SECURITY_ATTRIBUTES& attributes)
+// Returns 0 or the error. A null owner is the process's default one.
+DWORD CreateFolder(const std::wstring& folder, SECURITY_ATTRIBUTES& attributes, PSID owner)
 {
-    if (CreateDirectoryW(folder.c_str(), &attributes) != FALSE)
-    {
-        return true;
-    }
-    return GetLastError() == ERROR_INVALID_OWNER &&
-           SetSecurityDescriptorOwner(attributes.lpSecurityDescriptor, nullptr, FALSE) != FALSE &&
-           CreateDirectoryW(folder.c_str(), &attributes) != FALSE;
+    SetSecurityDescriptorOwner(attributes.lpSecurityDescriptor, owner, FALSE);  // a failure leaves the default owner
+    return CreateDirectoryW(folder.c_str(), &attributes) != FALSE ? ERROR_SUCCESS : GetLastError();
 }
 
-// Whether the open folder is the one that was created and contains the marker. Without a marker, checks only its owner.
-bool IsAsMade(const FileHandle& folder, const FileHandle& marker, PSID administrators)
+// Whether the open folder has the owner, unless that is null, and the rights that were set.
+bool HasOurRights(const FileHandle& folder, PSID owner)
 {
     if (!folder)
     {
         return false;
     }
-    const Owner owner(folder.Get());
-    return marker
-               ? IsBelow(marker.Get(), folder.Get()) && (owner.Is(administrators) || owner.Is(Owner(marker.Get()).sid))
-               : owner.Is(administrators);
+    const Security security(folder.Get());
+    return (owner == nullptr || security.IsOwnedBy(owner)) && security.InheritsNothing();
+}
+
+// Whether the open folder contains the marker, if one was created, and nothing else.
+bool ContainsOnlyMarker(const FileHandle& folder, const FileHandle& marker)
+{
+    return !marker || (IsBelow(marker.Get(), folder.Get()) && ContainsOnly(folder.Get(), kMarkerFile));
+}
+
+// For a folder that was made with the default owner, whoever that is.
+bool HaveSameOwner(const FileHandle& folder, const FileHandle& marker)
+{
+    return !marker || Security(folder.Get()).IsOwnedBy(Security(marker.Get()).owner);
 }
 }  // namespace
 
-DWORD CreateSecureDirectory(const std::wstring& folder)
+DWORD CreateSecureDirectory(const std::wstring& folder, HeldFolder& parent)
 {
     AccessEntries access;
     ACL* list = nullptr;
@@ -143,21 +157,43 @@ DWORD CreateSecureDirectory(const std::wstring& folder)
     attributes.nLength = sizeof(attributes);
     attributes.lpSecurityDescriptor = descriptor.Get();
 
-    // The user must not be the owner, because an owner may change the access list. A failure leaves the default owner.
-    SetSecurityDescriptorOwner(descriptor.Get(), access.administrators.bytes, FALSE);
-
+    const std::wstring parentPath = std::filesystem::path(folder).parent_path().wstring();
     for (int attempt = 1;; ++attempt)
     {
-        CreateDirectories(std::filesystem::path(folder).parent_path().wstring());
-        RemoveAll(folder);
-        if (!CreateFolder(folder, attributes))
+        CreateDirectories(parentPath);
+        if (!parent.folder)
         {
-            return GetLastError();
+            parent = HoldWithKeeper(parentPath);
         }
+        RemoveAll(folder);
+        // The user must not be the owner, because an owner may change the access list.
+        PSID owner = access.administrators.bytes;
+        DWORD error = CreateFolder(folder, attributes, owner);
+        if (error != ERROR_SUCCESS && error != ERROR_ALREADY_EXISTS)
+        {
+            owner = nullptr;
+            error = CreateFolder(folder, attributes, owner);
+        }
+        if (error != ERROR_SUCCESS)
+        {
+            return error;
+        }
+        const bool isLast = attempt == kPreparations;
         const FileHandle held = HoldFolder(folder, READ_CONTROL);
-        FileHandle marker(CreateFileW((folder + kMarkerFile).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+        if (!HasOurRights(held, owner))  // then no marker is created in it
+        {
+            if (!isLast)
+            {
+                continue;
+            }
+            if (!held && IsLink(folder))
+            {
+                ThrowFileError("create_directories", folder, ERROR_CANT_RESOLVE_FILENAME);
+            }
+        }
+        FileHandle marker(CreateFileW((folder + L"\\" + kMarkerFile).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                       CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
-        if (attempt == kPreparations || IsAsMade(held, marker, access.administrators.bytes))
+        if (isLast || (ContainsOnlyMarker(held, marker) && (owner != nullptr || HaveSameOwner(held, marker))))
         {
             // Never closed: while this unshared file is open, the folder cannot be removed or replaced. The system
             // deletes the file when the process ends.

@@ -13,6 +13,7 @@ namespace repair
 {
 namespace
 {
+constexpr wchar_t kAutomation[] = L"oleaut32.dll";
 constexpr DWORD kUserLanguage = 0x0400;  // MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT)
 
 HMODULE LoadSystemLibrary(const wchar_t* name)
@@ -56,7 +57,7 @@ const Combase& Runtime()
 
 struct Automation
 {
-    Automation() : Automation(LoadSystemLibrary(L"oleaut32.dll")) {}
+    Automation() : Automation(LoadSystemLibrary(kAutomation)) {}
     explicit Automation(HMODULE library)
         : getErrorInfo(LookUpFunction<decltype(getErrorInfo)>(library, "GetErrorInfo")),
           freeString(LookUpFunction<decltype(freeString)>(library, "SysFreeString")),
@@ -168,7 +169,10 @@ void ThrowWinrtError(HRESULT code)
 
 void DropErrorObject() noexcept
 {
-    TakeErrorObject();
+    if (GetModuleHandleW(kAutomation) != nullptr)  // without the library, no code has left an object
+    {
+        TakeErrorObject();
+    }
 }
 
 void HStringKind::Close(Handle text) noexcept

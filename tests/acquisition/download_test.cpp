@@ -15,7 +15,7 @@
 #include "support/test.h"
 
 IMPORTED(CloseHandle, CreateDirectoryW, CreateFileW, DeleteFileW, FlushFileBuffers, GetFileInformationByHandleEx,
-         MoveFileW, RemoveDirectoryW, WriteFile)
+         MoveFileW, RemoveDirectoryW, Sleep, WriteFile)
 
 namespace repair
 {
@@ -131,7 +131,7 @@ private:
         if (isDownload)
         {
             EXPECT_EQ(std::tuple(access, share, security, disposition, flags, pattern),
-                      std::tuple(0x40000000u, 0u, nullptr, 2u, 0x80u, nullptr));
+                      std::tuple(0x40000000u, 0u, nullptr, 1u, 0x80u, nullptr));
             Add(L"create file");
         }
         if (isDownload && createError_ != 0)
@@ -201,16 +201,23 @@ TEST_F(Download, TakesItsStepsInOrder)
 class DownloadThroughLink : public Download
 {
 protected:
-    void PlaceLink()
+    void PlaceLink() { PlaceLink(Folder(), target_); }
+    void PlaceLink(const std::wstring& path, const std::wstring& target)
     {
         isRecording_ = false;
-        link_.emplace(Folder(), target_);
+        link_.emplace(path, target);
         isRecording_ = true;
         EXPECT_TRUE(link_->IsThere());
     }
+    void ExpectUntouchedTarget() const
+    {
+        EXPECT_EQ(Content(precious_), "precious");
+        EXPECT_EQ(Content(preciousToo_), "precious");
+    }
 
     std::wstring target_ = temporary_.CreateFolder(L"target");
-    std::wstring precious_ = temporary_.WriteBytes(L"target\\dwx2_install.exe", "precious");
+    std::wstring precious_ = temporary_.WriteBytes(L"target\\dwx2_install.exe.tmp", "precious");
+    std::wstring preciousToo_ = temporary_.WriteBytes(L"target\\dwx2_install.exe", "precious");
     std::optional<FolderLink> link_;
     int removals_ = 0;
 
@@ -225,6 +232,7 @@ protected:
         link_.reset();
         return TRUE;
     }};
+    SUBSTITUTE(Sleep) pause_{[](DWORD) {}};
 };
 
 // Proves: The download folder is a link => it is removed as one and made anew as a folder; nothing is written where it led
@@ -235,7 +243,7 @@ TEST_F(DownloadThroughLink, IsReplacedByAFolder)
     EXPECT_EQ(removals_, 1);
     EXPECT_FALSE(IsLink(Folder()));
     EXPECT_EQ(Content(FinalPath()), "installer");
-    EXPECT_EQ(Content(precious_), "precious");
+    ExpectUntouchedTarget();
 }
 
 // Proves: The download folder becomes a link while it is opened => it is removed and made anew
@@ -255,26 +263,36 @@ TEST_F(DownloadThroughLink, ThatAppearsWhileTheFolderIsOpenedIsReplacedToo)
     ExpectSuccess();
     EXPECT_EQ(removals_, 1);
     EXPECT_EQ(Content(FinalPath()), "installer");
-    EXPECT_EQ(Content(precious_), "precious");
+    ExpectUntouchedTarget();
 }
 
-// Proves: The temporary file would be created through a link => "Unable to create file" is logged, nothing is written
+// Proves: The temporary file would be created through a link => "Unable to create file" is logged; a file where the link leads keeps its bytes
 TEST_F(DownloadThroughLink, ThatAppearsLaterEndsTheDownload)
 {
     ONLY_ON_WINE("the host moves the open folder away");
-    SUBSTITUTE(CreateFileW)
-    create([&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,
-               DWORD flags, HANDLE model) {
-        if (path == TemporaryPath())
-        {
-            PlaceLink();
-        }
-        return create.Original()(path, access, share, security, creation, flags, model);
-    });
-    EXPECT_EQ(DownloadInstaller(L"24.20").path, L"");
-    EXPECT_EQ(log_.Lines().back(), L"Unable to create file to download data into. Target path: " + TemporaryPath() +
-                                       L". Error: " + std::to_wstring(ERROR_CANT_RESOLVE_FILENAME));
-    EXPECT_EQ(Content(precious_), "precious");
+    // The link's path and target, and the error.
+    const std::wstring empty = temporary_.CreateFolder(L"empty");
+    const std::tuple<std::wstring, std::wstring, DWORD> rows[] = {
+        {TemporaryPath(), precious_, ERROR_FILE_EXISTS},  // in an open folder
+        {Folder(), target_, ERROR_FILE_EXISTS},
+        {Folder(), empty, ERROR_CANT_RESOLVE_FILENAME}};
+    for (const auto& [link, target, error] : rows)
+    {
+        SUBSTITUTE(CreateFileW)
+        create([&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,
+                   DWORD flags, HANDLE model) {
+            if (path == TemporaryPath())
+            {
+                PlaceLink(link, target);
+            }
+            return create.Original()(path, access, share, security, creation, flags, model);
+        });
+        EXPECT_EQ(DownloadInstaller(L"24.20").path, L"");
+        EXPECT_EQ(log_.Lines().back(), L"Unable to create file to download data into. Target path: " + TemporaryPath() +
+                                           L". Error: " + std::to_wstring(error));
+        ExpectUntouchedTarget();
+        link_.reset();
+    }
 }
 
 // Proves: The download folder stays a link => file-system exception, nothing is opened
@@ -292,6 +310,37 @@ TEST_F(DownloadThroughLink, ThatCannotBeRemovedIsNotUsed)
                     ERROR_CANT_RESOLVE_FILENAME);
     EXPECT_EQ(removals_, 3);
     EXPECT_EQ(internet_.calls.back(), L"log Change server to http://server/f/.");
+}
+
+// Proves: Another program prevents holding the download folder => it is waited for up to a second; then a file-system exception, nothing is opened
+TEST_F(Download, WaitsForAProgramThatPreventsHoldingTheFolderThenThrows)
+{
+    RemoveFileIfPresent(Put(kFile, "only to create the folder"));
+    FileHandle other;
+    int pauses = 0;
+    int pausesOfTheOther = 2;
+    SUBSTITUTE(Sleep)
+    pause([&](DWORD milliseconds) {
+        EXPECT_EQ(milliseconds, 500u);
+        if (++pauses == pausesOfTheOther)
+        {
+            other.Close();
+        }
+    });
+    const auto open = [&] {
+        other = FileHandle(
+            CreateFileW(Folder().c_str(), DELETE, 7, nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+        EXPECT_TRUE(static_cast<bool>(other));
+    };
+    open();
+    EXPECT_EQ(DownloadInstaller(L"24.20").path, FinalPath());
+    pausesOfTheOther = 100;
+    internet_.calls.clear();
+    open();
+    ExpectFileError(FileErrorOf([] { DownloadInstaller(L"24.20"); }), "create_directories", Folder(),
+                    ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(pauses, 4);
+    EXPECT_THAT(internet_.calls, Not(Contains(L"session")));
 }
 
 // Proves: Another program replaces the download folder or the download before the installer has ended => it cannot

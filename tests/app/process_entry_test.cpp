@@ -90,7 +90,7 @@ BOOL WINAPI RecordPolicy(PROCESS_MITIGATION_POLICY policy, void* data, SIZE_T by
     return FailWith(87);  // the result does not matter
 }
 
-// Proves: The process starts as the system account => links that users plant are refused before any file is touched; in no other account, and on no Windows without this
+// Proves: The process starts as the system account => links that users plant are refused before any file is touched; in no other account, on no Windows without this, and not if the log or the temporary folder is behind a link
 TEST_F(ProcessEntry, RefusesPlantedLinksAsTheSystemAccountOnly)
 {
     BOOL isSystem = FALSE;
@@ -109,8 +109,14 @@ TEST_F(ProcessEntry, RefusesPlantedLinksAsTheSystemAccountOnly)
             return lookUp.Original()(library, name);
         }
         EXPECT_EQ(library, GetModuleHandleW(L"kernel32.dll"));
-        EXPECT_THAT(order_, ElementsAre("DLL folders"));
+        EXPECT_THAT(order_, ElementsAre("DLL folders", "error mode"));
         return isKnown ? reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&RecordPolicy)) : FARPROC{nullptr};
+    });
+    std::wstring link;
+    SUBSTITUTE(GetFileAttributesW)
+    attributes([&](const wchar_t* path) {
+        const DWORD found = attributes.Original()(path);
+        return path == link ? found | FILE_ATTRIBUTE_REPARSE_POINT : found;
     });
     const auto start = [&] {
         order_.clear();
@@ -120,6 +126,14 @@ TEST_F(ProcessEntry, RefusesPlantedLinksAsTheSystemAccountOnly)
     };
     EXPECT_THAT(start(), IsEmpty());
     isSystem = TRUE;
+    const std::wstring temporary = machine_.Folder().Path();
+    for (const std::wstring& each :
+         {std::wstring(L"C:\\Program Files\\Tavik"), temporary, temporary.substr(0, temporary.rfind(L'\\'))})
+    {
+        link = each;
+        EXPECT_THAT(start(), IsEmpty()) << PrintToString(link);
+    }
+    link = temporary + L"2";
     EXPECT_THAT(start(), ElementsAre(ElementsAre(16u, 1u, 4u)));
     isKnown = false;
     EXPECT_THAT(start(), IsEmpty());

@@ -374,6 +374,36 @@ TEST(RemoveAll, FolderThatBecomesALinkAfterItWasListedIsNotEntered)
     EXPECT_TRUE(IsThere(precious));
 }
 
+// Proves: The file system has no names for open folders => the tree is removed, unless a folder is a link by then
+TEST(RemoveAll, WithoutNamesOfOpenFoldersDoesNotFollowAFolderThatBecameALink)
+{
+    const TemporaryFolder folder;
+    const std::wstring tree = folder.CreateFolder(L"tree");
+    folder.CreateFolder(L"tree\\inner");
+    folder.WriteBytes(L"tree\\inner\\file", "x");
+    bool hasBeenListed = false;
+    bool becomesLink = true;
+    SUBSTITUTE(GetFileInformationByHandleEx)
+    information([&](HANDLE object, FILE_INFO_BY_HANDLE_CLASS kind, void* data, DWORD bytes) {
+        hasBeenListed |= kind == FileFullDirectoryInfo;
+        if (kind == FileNameInfo)
+        {
+            return FailWith(ERROR_INVALID_PARAMETER);
+        }
+        const BOOL done = information.Original()(object, kind, data, bytes);
+        if (kind == FileAttributeTagInfo && hasBeenListed && becomesLink)
+        {
+            static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data)->FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+        }
+        return done;
+    });
+    ExpectFileError(FileErrorOf([&] { RemoveAll(tree); }), "remove_all", tree, ERROR_CANT_RESOLVE_FILENAME);
+    EXPECT_TRUE(IsThere(tree + L"\\inner\\file"));
+    becomesLink = false;
+    RemoveAll(tree);
+    EXPECT_FALSE(IsThere(tree));
+}
+
 // Proves: Another program renames a folder while it is emptied => it cannot
 TEST(RemoveAll, FoldersAreHeldWhileTheyAreEmptied)
 {
@@ -490,11 +520,12 @@ TEST(FileChanges, WorkFarBeyondTheClassicPathLimit)
     EXPECT_FALSE(IsThere(folder / L"tree"));
 }
 
-// An object to remove: its attributes in the folder listing, and those read through its handle.
+// An object to remove: its attributes in the folder listing, those read through its handle, and its tag.
 struct FakeEntry
 {
     DWORD listed;
     DWORD opened;
+    DWORD tag = 0;
 };
 
 // Proves: The old folder holds links, deep trees, files that vanish meanwhile => links are removed and not entered, everything else goes
@@ -529,6 +560,7 @@ TEST(RemoveAll, LinksAreRemovedThemselvesAndNotEntered)
             auto* const entry = static_cast<FILE_FULL_DIR_INFO*>(data);
             *entry = {};
             entry->FileAttributes = entries.at(L"C:\\t\\entry").listed;
+            entry->EaSize = entries.at(L"C:\\t\\entry").tag;
             entry->FileNameLength = 10;
             std::memcpy(static_cast<BYTE*>(data) + offsetof(FILE_FULL_DIR_INFO, FileName), L"entry", 10);
             return TRUE;
@@ -542,7 +574,8 @@ TEST(RemoveAll, LinksAreRemovedThemselvesAndNotEntered)
             return TRUE;
         }
         EXPECT_EQ(kind, FileAttributeTagInfo);
-        static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data)->FileAttributes = entries.at(pathOf(object)).opened;
+        const FakeEntry& opened = entries.at(pathOf(object));
+        *static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data) = {opened.opened, opened.tag};
         return TRUE;
     });
     SUBSTITUTE(GetFileInformationByHandle)
@@ -562,6 +595,12 @@ TEST(RemoveAll, LinksAreRemovedThemselvesAndNotEntered)
         EXPECT_THAT(std::exchange(calls, {}),
                     ElementsAre(listing[0], listing[1], opening, L"remove C:\\t\\entry", L"remove C:\\t"));
     }
+    constexpr DWORD kCloud = 0x9000001A;
+    entries = {{L"C:\\t", {kFolder, kFolder | kLink, kCloud}},
+               {L"C:\\t\\entry", {kFolder | kLink, kFolder | kLink, kCloud}}};
+    RemoveAll(L"C:\\t");
+    EXPECT_THAT(std::exchange(calls, {}), ElementsAre(listing[0], listing[1], L"hold C:\\t\\entry",
+                                                      L"list C:\\t\\entry", L"remove C:\\t\\entry", L"remove C:\\t"));
     entries = {{L"C:\\t", {kFolder, kFolder | kLink}}};
     RemoveAll(L"C:\\t");
     EXPECT_THAT(std::exchange(calls, {}), ElementsAre(L"hold C:\\t", L"remove C:\\t"));

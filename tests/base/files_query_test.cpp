@@ -93,6 +93,31 @@ TEST(Exists, LinkIsFollowed)
     ExpectFileError(FileErrorOf([] { Exists(L"C:\\link"); }), "exists", L"C:\\link", 5);
 }
 
+// Proves: A file or folder is in the cloud or deduplicated => it is no link
+TEST(IsLink, OnlyTagsThatStandForAnotherNameAndUnknownOnes)
+{
+    DWORD tag = 0;
+    SUBSTITUTE(GetFileAttributesW) attributes([](const wchar_t*) { return kFolder | kLink; });
+    SUBSTITUTE(FindFirstFileW)
+    find([&](const wchar_t* path, WIN32_FIND_DATAW* data) {
+        EXPECT_STREQ(path, L"C:\\x");
+        data->dwReserved0 = tag;
+        return HANDLE{&tag};
+    });
+    SUBSTITUTE(FindClose) close([](HANDLE) { return TRUE; });
+    SUBSTITUTE(CreateFileW) create([](auto...) { return FailWith(ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE); });
+    for (const DWORD link : {0xA0000003u, 0xA000000Cu, 0u})  // junction, symbolic link
+    {
+        tag = link;
+        EXPECT_TRUE(IsLink(L"C:\\x") && IsLink(L"C:\\x\\") && !Exists(L"C:\\x")) << tag;
+    }
+    for (const DWORD other : {0x9000001Au, 0x80000013u})  // cloud file, deduplicated file
+    {
+        tag = other;
+        EXPECT_TRUE(!IsLink(L"C:\\x") && Exists(L"C:\\x")) << tag;
+    }
+}
+
 TEST(SameObject, EverySpellingOfOnePathAndEveryOtherNameOfTheFileButNoOtherObject)
 {
     const TemporaryFolder folder;
@@ -129,6 +154,14 @@ TEST(SameObject, MissingSideIsAnErrorThatNamesIt)
         ExpectFileError(FileErrorOf([&] { SameObject(path, file); }), "equivalent", path, code);
         ExpectFileError(FileErrorOf([&] { SameObject(path, path); }), "equivalent", path, code);
     }
+}
+
+// Proves: The redirection guard refuses a link in the path of a folder that is compared => the texts of the paths decide
+TEST(SameObject, ComparesTheTextsIfALinkIsRefused)
+{
+    SUBSTITUTE(CreateFileW) create([](auto...) { return FailWith(448, INVALID_HANDLE_VALUE); });
+    EXPECT_TRUE(SameObject(L"C:\\Link\\a\\", L"C:\\link\\A"));
+    EXPECT_FALSE(SameObject(L"C:\\link\\a", L"C:\\link\\b"));
 }
 
 TEST(SameObject, OpensBothForTheirAttributesOnlyAndClosesThem)
@@ -275,6 +308,7 @@ struct FakeListing
         *data = {};
         entries[position].first.copy(data->cFileName, MAX_PATH - 1);
         data->dwFileAttributes = entries[position].second;
+        data->dwReserved0 = tag;
         ++position;
         return true;
     }
@@ -284,6 +318,7 @@ struct FakeListing
     size_t position = 0;
     DWORD end = ERROR_NO_MORE_FILES;
     DWORD linkCode = ERROR_FILE_NOT_FOUND;
+    DWORD tag = 0;
     std::map<std::wstring, std::wstring> targets;
     int closed = 0;
     SUBSTITUTE(FindFirstFileW)
@@ -338,6 +373,10 @@ TEST(FindSubfolder, TargetOfALinkDecidesWhetherItIsAFolder)
     FakeListing listing({{L"x0", kFolder | kLink}, {L"x1", kFolder | kLink}, {L"x2", kLink}});  // x0 leads nowhere
     listing.targets = {{L"C:\\f\\x1", file}, {L"C:\\f\\x2", folder.Path()}};
     EXPECT_EQ(listing.Find(), L"C:\\f\\x2");
+    FakeListing cloud({{L"x0", kLink}, {L"x1", kFolder | kLink}});
+    cloud.tag = 0x9000001A;
+    cloud.linkCode = ERROR_ACCESS_DENIED;
+    EXPECT_EQ(cloud.Find(), L"C:\\f\\x1");
 }
 
 // Proves: The attributes of an entry cannot be read => file-system error "directory_entry::status", even when its name does not begin with B

@@ -12,7 +12,7 @@
 #include "support/machine_registry.h"
 #include "support/test.h"
 
-IMPORTED(MsiSetInternalUI, SHChangeNotify, SHGetSpecialFolderPathW)
+IMPORTED(CreateDirectoryW, MsiSetInternalUI, SHChangeNotify, SHGetSpecialFolderPathW)
 
 namespace repair
 {
@@ -217,6 +217,37 @@ TEST_F(InstallSequence, SecuresAndEmptiesTheFolderBeforeTheInstallerRuns)
         EXPECT_TRUE(Exists(machine_.ExtractionFolder() + L"\\~.tmp"));
     };
     EXPECT_EQ(RunInstallSequence(HeldInstaller(L"C:\\i.exe"), false), 2);
+}
+
+// Proves: Another program replaces the folder above the extraction folder => it cannot, from before that is made until the installer has ended; nothing is left in it
+TEST_F(InstallSequence, FolderAboveIsHeldFromThePreparationUntilTheInstallerHasEnded)
+{
+    const std::wstring above = machine_.Temporary() + L"Tavik_VLTInstallerDownload";
+    const auto canBeRenamed = [&] {
+        return MoveFileW(above.c_str(), (above + L".away").c_str()) != FALSE &&
+               MoveFileW((above + L".away").c_str(), above.c_str()) != FALSE;
+    };
+    const auto keepers = [&] {
+        WIN32_FIND_DATAW data = {};
+        const HANDLE search = FindFirstFileW((above + L"\\~*.tmp").c_str(), &data);
+        return search != INVALID_HANDLE_VALUE && FindClose(search) != FALSE ? 1 : 0;
+    };
+    std::vector<bool> attempts;
+    SUBSTITUTE(CreateDirectoryW)
+    create([&](const wchar_t* path, SECURITY_ATTRIBUTES* security) {
+        if (security != nullptr)
+        {
+            attempts.push_back(canBeRenamed());
+            EXPECT_EQ(keepers(), 1);  // an empty folder could become a link
+        }
+        return create.Original()(path, security);
+    });
+    machine_.onRun = [&] { attempts.push_back(canBeRenamed()); };
+    EXPECT_EQ(RunInstallSequence(HeldInstaller(L"C:\\i.exe"), false), 2);
+    EXPECT_THAT(attempts, AllOf(testing::SizeIs(testing::Ge(2u)), Each(false)));
+    EXPECT_EQ(keepers(), 0);
+    machine_.EndProcess();
+    EXPECT_TRUE(canBeRenamed());
 }
 
 // Proves: The installer is inside the extraction folder => it is removed with it, and its start fails

@@ -13,9 +13,10 @@
 #include "support/temporary_folder.h"
 #include "support/test.h"
 
-IMPORTED(CloseHandle, CreateDirectoryW, CreateFileW, GetSecurityInfo, InitializeSecurityDescriptor, LocalAlloc,
-         LocalFree, ProcessIdToSessionId, SetEntriesInAclW, SetFileInformationByHandle, SetSecurityDescriptorControl,
-         SetSecurityDescriptorDacl, WTSFreeMemory, WTSQuerySessionInformationW)
+IMPORTED(CloseHandle, CreateDirectoryW, CreateFileW, GetFileInformationByHandleEx, GetSecurityInfo,
+         InitializeSecurityDescriptor, LocalAlloc, LocalFree, ProcessIdToSessionId, SetEntriesInAclW,
+         SetFileInformationByHandle, SetSecurityDescriptorControl, SetSecurityDescriptorDacl,
+         SetSecurityDescriptorOwner, WTSFreeMemory, WTSQuerySessionInformationW)
 
 namespace repair
 {
@@ -35,6 +36,16 @@ struct Failures
     DWORD marker = 0;
 };
 
+struct WellKnown
+{
+    explicit WellKnown(WELL_KNOWN_SID_TYPE type)
+    {
+        DWORD size = sizeof(sid);
+        EXPECT_NE(CreateWellKnownSid(type, nullptr, sid, &size), FALSE);
+    }
+    alignas(DWORD) BYTE sid[SECURITY_MAX_SID_SIZE] = {};
+};
+
 // The calls that set up the rights and the folder, in order, in a session of user VILLA\ann.
 class SecureDirectoryTest : public testing::Test
 {
@@ -47,12 +58,27 @@ protected:
         }
     }
 
+    DWORD Create() { return CreateSecureDirectory(folder_, held_); }
+
+    // Puts a link in the folder's place.
+    void PlaceLink()
+    {
+        link_.emplace(folder_, target_);
+        EXPECT_TRUE(link_->IsThere());
+    }
+
     TemporaryFolder parent_;
+    HeldFolder held_;  // the parent
+    std::wstring target_ = parent_.CreateFolder(L"target");
+    std::optional<FolderLink> link_;
     std::wstring folder_ = parent_ / L"Tavik\\LPInstaller";
     std::vector<std::string> calls_;
     std::vector<SeenEntry> entries_;
     std::vector<HANDLE> markers_;
-    std::vector<bool> owners_;  // of each folder: the administrators, or none
+    std::vector<bool> owners_;                            // of each folder: the administrators, or none
+    WellKnown folderOwner_{WinBuiltinAdministratorsSid};  // as they are read
+    WellKnown markerOwner_{WinBuiltinAdministratorsSid};
+    bool isProtected_ = true;
     Failures failures_;
     ACL* list_ = nullptr;
     RECORD(LocalFree) freed_;
@@ -121,6 +147,15 @@ protected:
     control_{[this](auto... arguments) {
         return failures_.control != 0 ? FailWith(failures_.control) : control_.Original()(arguments...);
     }};
+    SUBSTITUTE(GetSecurityInfo)
+    security_{[this](HANDLE object, SE_OBJECT_TYPE, SECURITY_INFORMATION, PSID* owner, PSID*, ACL**, ACL**,
+                     PSECURITY_DESCRIPTOR* descriptor) {
+        *descriptor = LocalAlloc(LPTR, SECURITY_DESCRIPTOR_MIN_LENGTH);
+        descriptor_.Original()(*descriptor, SECURITY_DESCRIPTOR_REVISION);
+        control_.Original()(*descriptor, SE_DACL_PROTECTED, isProtected_ ? SE_DACL_PROTECTED : 0);
+        *owner = !markers_.empty() && object == markers_.back() ? markerOwner_.sid : folderOwner_.sid;
+        return DWORD{ERROR_SUCCESS};
+    }};
     SUBSTITUTE(CreateDirectoryW)
     createFolder_{[this](const wchar_t* path, SECURITY_ATTRIBUTES* security) {
         calls_.push_back(security != nullptr ? "secured folder" : "plain folder");
@@ -168,7 +203,7 @@ protected:
 // Proves: The rights are made => full access for administrators and system, reading, running and deleting for the session's user; in this order, inherited by what lies inside
 TEST_F(SecureDirectoryTest, GrantsThreeEntriesInThisOrder)
 {
-    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
+    EXPECT_EQ(Create(), 0u);
     const std::wstring administrators = {1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, 0x20, 2, 0, 0};  // S-1-5-32-544
     const std::wstring localSystem = {1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0};                    // S-1-5-18
     EXPECT_THAT(entries_, ElementsAre(SeenEntry{0x10000000, 2, 3, 0, 5, administrators},
@@ -180,7 +215,7 @@ TEST_F(SecureDirectoryTest, GrantsThreeEntriesInThisOrder)
 // Proves: The folder is made => rights, parents, removal of the old one, the folder with the rights, the marker; the memory is given back
 TEST_F(SecureDirectoryTest, SetsUpTheRightsFirstThenTheParentsThenTheFolderThenTheMarker)
 {
-    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
+    EXPECT_EQ(Create(), 0u);
     EXPECT_THAT(calls_, ElementsAre("entries", "plain folder", "secured folder", "marker"));
     EXPECT_THAT(freed_.Calls(), Contains(std::tuple(list_)));
 }
@@ -188,7 +223,7 @@ TEST_F(SecureDirectoryTest, SetsUpTheRightsFirstThenTheParentsThenTheFolderThenT
 // Proves: The marker file => stays open until the process ends, keeps the folder from being removed, and goes with the process, even a killed one
 TEST_F(SecureDirectoryTest, MarkerStaysOpenAndKeepsTheFolderFromBeingRemoved)
 {
-    ASSERT_EQ(CreateSecureDirectory(folder_), 0u);
+    ASSERT_EQ(Create(), 0u);
     ASSERT_THAT(markers_, SizeIs(1));
     DWORD flags = 0;
     EXPECT_NE(GetHandleInformation(markers_[0], &flags), FALSE);
@@ -204,52 +239,96 @@ TEST_F(SecureDirectoryTest, RemovesWhatAnEarlierRunLeft)
 {
     CreateDirectories(folder_ + L"\\HL\\halden");
     parent_.WriteBytes(L"Tavik\\LPInstaller\\HL\\halden\\planted.msi", "x");
-    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
+    EXPECT_EQ(Create(), 0u);
     EXPECT_FALSE(Exists(folder_ + L"\\HL"));
     EXPECT_TRUE(Exists(folder_ + L"\\~.tmp"));
 }
 
 // --- Swaps
-// Proves: The folder gets its owner => the administrators; where the process may not set them, none as before
+// Proves: The folder gets its owner => the administrators; where that fails, none as before, unless the folder is there already
 TEST_F(SecureDirectoryTest, AdministratorsOwnTheFolderWhereTheProcessMaySetThem)
 {
-    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
+    EXPECT_EQ(Create(), 0u);
     EXPECT_THAT(std::exchange(owners_, {}), ElementsAre(true));
-    CloseHandle(markers_.back());
+    for (const DWORD code : {DWORD{ERROR_INVALID_OWNER}, DWORD{ERROR_ACCESS_DENIED}, DWORD{ERROR_ALREADY_EXISTS}})
+    {
+        CloseHandle(markers_.back());
+        SUBSTITUTE(CreateDirectoryW)
+        create([&](const wchar_t* path, SECURITY_ATTRIBUTES* security) {
+            PSID owner = nullptr;
+            BOOL defaulted = FALSE;
+            GetSecurityDescriptorOwner(security->lpSecurityDescriptor, &owner, &defaulted);
+            owners_.push_back(owner != nullptr);
+            return owner != nullptr ? FailWith(code) : createFolder_.Original()(path, nullptr);
+        });
+        const bool isThere = code == ERROR_ALREADY_EXISTS;
+        EXPECT_EQ(Create(), isThere ? code : 0u);
+        EXPECT_EQ(std::exchange(owners_, {}), isThere ? std::vector<bool>{true} : (std::vector<bool>{true, false}));
+        EXPECT_EQ(Exists(folder_ + L"\\~.tmp"), !isThere);
+    }
     markers_.clear();
+}
+
+// Removes the link as Windows does, and opens the link itself.
+class LinkedDirectoryTest : public SecureDirectoryTest
+{
+protected:
+    SUBSTITUTE(SetFileInformationByHandle)
+    set_{[this](HANDLE object, FILE_INFO_BY_HANDLE_CLASS kind, void* data, DWORD bytes) {
+        if (!link_)
+        {
+            return set_.Original()(object, kind, data, bytes);
+        }
+        link_.reset();
+        return TRUE;
+    }};
+    SUBSTITUTE(GetFileInformationByHandleEx)
+    information_{[this](HANDLE object, FILE_INFO_BY_HANDLE_CLASS kind, void* data, DWORD bytes) {
+        const BOOL done = information_.Original()(object, kind, data, bytes);
+        if (kind == FileAttributeTagInfo && IsLink(folder_))
+        {
+            static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data)->FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+        }
+        return done;
+    }};
+};
+
+// Proves: The extraction folder is replaced by a link before it is held => nothing is created through it; it is prepared once more, then exception "create_directories"; -1 through the guard
+TEST_F(LinkedDirectoryTest, HasNoMarkerAndIsPreparedOnceMore)
+{
+    ONLY_ON_WINE("the host moves the folder away");
+    int links = 1;
     SUBSTITUTE(CreateDirectoryW)
     create([&](const wchar_t* path, SECURITY_ATTRIBUTES* security) {
-        const BOOL isMade = createFolder_.Original()(path, nullptr);
-        PSID owner = nullptr;
-        BOOL defaulted = FALSE;
-        GetSecurityDescriptorOwner(security->lpSecurityDescriptor, &owner, &defaulted);
-        owners_.push_back(owner != nullptr);
-        if (owner != nullptr)
+        const BOOL isMade = create.Original()(path, nullptr);
+        if (security != nullptr && links-- > 0)
         {
-            RemoveDirectoryW(path);
-            return FailWith(ERROR_INVALID_OWNER);
+            PlaceLink();
         }
         return isMade;
     });
-    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
-    EXPECT_THAT(owners_, ElementsAre(true, false));
-    EXPECT_TRUE(Exists(folder_ + L"\\~.tmp"));
+    EXPECT_EQ(Create(), 0u);
+    EXPECT_THAT(std::exchange(calls_, {}), ElementsAre("entries", "marker"));
+    EXPECT_FALSE(IsLink(folder_));
+    CloseHandle(markers_.back());
+    markers_.clear();
+
+    links = 2;
+    ExpectFileError(FileErrorOf([this] { Create(); }), "create_directories", folder_, ERROR_CANT_RESOLVE_FILENAME);
+    EXPECT_EQ(links, 0);
+    EXPECT_THAT(calls_, ElementsAre("entries"));
 }
 
 // Proves: The extraction folder is replaced by a link before the marker is in it => it is prepared once more; the marker is in the new folder
-TEST_F(SecureDirectoryTest, IsPreparedOnceMoreIfALinkReplacesIt)
+TEST_F(LinkedDirectoryTest, IsPreparedOnceMoreIfALinkReplacesItLater)
 {
     ONLY_ON_WINE("the host moves the open folder away");
-    const std::wstring target = parent_.CreateFolder(L"target");
-    calls_.clear();
-    std::optional<FolderLink> link;
     SUBSTITUTE(CreateFileW)
     create([&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,
                DWORD flags, HANDLE model) {
-        if (creation == CREATE_ALWAYS && calls_.size() < 4)
+        if (creation == CREATE_ALWAYS && markers_.empty())
         {
-            link.emplace(folder_, target);
-            EXPECT_TRUE(link->IsThere());
+            PlaceLink();
         }
         const HANDLE file = create.Original()(path, access, share, security, creation, flags, model);
         if (creation == CREATE_ALWAYS)
@@ -259,43 +338,60 @@ TEST_F(SecureDirectoryTest, IsPreparedOnceMoreIfALinkReplacesIt)
         }
         return file;
     });
-    // The link is removed as Windows removes it.
-    SUBSTITUTE(SetFileInformationByHandle) set([&](auto...) { return link.reset(), TRUE; });
-    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
+    EXPECT_EQ(Create(), 0u);
     EXPECT_THAT(calls_, ElementsAre("entries", "plain folder", "secured folder", "marker", "secured folder", "marker"));
     EXPECT_FALSE(IsLink(folder_));
     EXPECT_TRUE(Exists(folder_ + L"\\~.tmp"));
-    EXPECT_FALSE(Exists(target + L"\\~.tmp"));
+    EXPECT_FALSE(Exists(target_ + L"\\~.tmp"));
 }
 
-// Proves: Another user's folder is in the place of the new one => it is prepared once more, and not a third time
-TEST_F(SecureDirectoryTest, IsPreparedOnceMoreIfAnotherUserOwnsIt)
+// Proves: Another folder is in the place of the new one (its owner, inherited rights, another file in it) => it is prepared once more, and not a third time
+TEST_F(SecureDirectoryTest, IsPreparedOnceMoreIfItIsNotAsItWasMade)
 {
-    BYTE everyone[SECURITY_MAX_SID_SIZE] = {};
-    DWORD size = sizeof(everyone);
-    CreateWellKnownSid(WinWorldSid, nullptr, everyone, &size);
-    int folders = 0;
-    SUBSTITUTE(GetSecurityInfo)
-    information([&](HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMATION what, PSID* owner, PSID* group, ACL** list,
-                    ACL** audit, PSECURITY_DESCRIPTOR* descriptor) {
-        const DWORD result = information.Original()(object, type, what, owner, group, list, audit, descriptor);
-        if (object != markers_.back())
-        {
-            ++folders;
-            *owner = everyone;
-        }
-        return result;
-    });
     SUBSTITUTE(CloseHandle)
     close([&](HANDLE handle) {
         std::erase(markers_, handle);
         return close.Original()(handle);
     });
-    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
-    EXPECT_EQ(folders, 1);
-    EXPECT_THAT(calls_, ElementsAre("entries", "plain folder", "secured folder", "marker", "secured folder", "marker"));
-    EXPECT_THAT(markers_, testing::SizeIs(1));
-    EXPECT_TRUE(Exists(folder_ + L"\\~.tmp"));
+    const auto run = [&] {
+        CreateDirectories(parent_ / L"Tavik");
+        calls_.clear();
+        EXPECT_EQ(Create(), 0u);
+        EXPECT_THAT(markers_, testing::SizeIs(1));
+        EXPECT_TRUE(Exists(folder_ + L"\\~.tmp"));
+        CloseHandle(markers_.back());
+        return calls_;
+    };
+    const std::vector<std::string> once = {"entries", "secured folder", "marker"};
+    const std::vector<std::string> withoutMarker = {"entries", "secured folder", "secured folder", "marker"};
+    EXPECT_EQ(run(), once);
+    folderOwner_ = WellKnown(WinWorldSid);
+    EXPECT_EQ(run(), withoutMarker);
+    markerOwner_ = WellKnown(WinWorldSid);  // the owner that was set counts
+    EXPECT_EQ(run(), withoutMarker);
+    folderOwner_ = WellKnown(WinBuiltinAdministratorsSid);
+    EXPECT_EQ(run(), once);
+    isProtected_ = false;
+    EXPECT_EQ(run(), withoutMarker);
+    isProtected_ = true;
+    {
+        SUBSTITUTE(CreateDirectoryW)
+        create([&](const wchar_t* path, SECURITY_ATTRIBUTES* security) {
+            const BOOL isMade = create.Original()(path, security);
+            parent_.WriteBytes(L"Tavik\\LPInstaller\\planted", "x");
+            return isMade;
+        });
+        EXPECT_THAT(run(), ElementsAre("entries", "marker", "marker"));
+    }
+    // The default owner is the marker's too.
+    SUBSTITUTE(SetSecurityDescriptorOwner)
+    noOwner([&](void* descriptor, PSID owner, BOOL defaulted) {
+        failures_.folder = owner != nullptr ? ERROR_INVALID_OWNER : 0;
+        return noOwner.Original()(descriptor, owner, defaulted);
+    });
+    EXPECT_THAT(run(), testing::SizeIs(7));
+    folderOwner_ = WellKnown(WinWorldSid);
+    EXPECT_THAT(run(), testing::SizeIs(4));
 }
 
 // A call that fails, and the calls until then; they leave an old folder unless they remove it.
@@ -307,12 +403,12 @@ struct FailedCall
 };
 
 using SecureDirectoryFailure = WithParam<SecureDirectoryTest, FailedCall>;
-INSTANTIATE_TEST_SUITE_P(All, SecureDirectoryFailure,
-                         testing::Values(FailedCall{&Failures::entries, {"entries"}, true},
-                                         FailedCall{&Failures::descriptor, {"entries"}, true},
-                                         FailedCall{&Failures::list, {"entries"}, true},
-                                         FailedCall{&Failures::control, {"entries"}, true},
-                                         FailedCall{&Failures::folder, {"entries", "secured folder"}, false}));
+INSTANTIATE_TEST_SUITE_P(
+    All, SecureDirectoryFailure,
+    testing::Values(FailedCall{&Failures::entries, {"entries"}, true},
+                    FailedCall{&Failures::descriptor, {"entries"}, true},
+                    FailedCall{&Failures::list, {"entries"}, true}, FailedCall{&Failures::control, {"entries"}, true},
+                    FailedCall{&Failures::folder, {"entries", "secured folder", "secured folder"}, false}));
 
 // Proves: The access list cannot be made => its error, nothing is created; the installation goes on with what is there
 // Proves: The descriptor cannot be set up => its error, an old folder stays, the memory is given back
@@ -323,7 +419,7 @@ TEST_P(SecureDirectoryFailure, ReturnsItsErrorAndGoesNoFurther)
     calls_.clear();
     failures_.*GetParam().call = 1332;
     const LogCapture log;
-    EXPECT_EQ(CreateSecureDirectory(folder_), 1332u);
+    EXPECT_EQ(Create(), 1332u);
     EXPECT_EQ(calls_, GetParam().calls);
     EXPECT_EQ(Exists(folder_), GetParam().isOldFolderLeft);
     EXPECT_EQ(testing::Value(freed_.Calls(), Contains(std::tuple(list_))), list_ != nullptr);
@@ -334,7 +430,7 @@ TEST_P(SecureDirectoryFailure, ReturnsItsErrorAndGoesNoFurther)
 TEST_F(SecureDirectoryTest, ThrowsWhenTheParentsCannotBeCreated)
 {
     parent_.WriteBytes(L"Tavik", "a file where the parent should be");
-    const auto error = FileErrorOf([this] { CreateSecureDirectory(folder_); });
+    const auto error = FileErrorOf([this] { Create(); });
     EXPECT_THAT(error.what(), HasSubstr("create_directories"));
 }
 
@@ -344,7 +440,7 @@ TEST_F(SecureDirectoryTest, ThrowsWhenTheOldFolderCannotBeRemoved)
     CreateDirectories(folder_);
     const std::wstring locked = parent_.WriteBytes(L"Tavik\\LPInstaller\\locked", "x");
     const HANDLE open = CreateFileW(locked.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    const auto error = FileErrorOf([this] { CreateSecureDirectory(folder_); });
+    const auto error = FileErrorOf([this] { Create(); });
     EXPECT_THAT(error.what(), HasSubstr("remove_all"));
     EXPECT_EQ(error.code().value(), ERROR_SHARING_VIOLATION);
     EXPECT_THAT(markers_, IsEmpty());
@@ -355,7 +451,7 @@ TEST_F(SecureDirectoryTest, ThrowsWhenTheOldFolderCannotBeRemoved)
 TEST_F(SecureDirectoryTest, GoesOnWithoutAMarkerThatCannotBeCreated)
 {
     failures_.marker = 5;
-    EXPECT_EQ(CreateSecureDirectory(folder_), 0u);
+    EXPECT_EQ(Create(), 0u);
     EXPECT_TRUE(Exists(folder_));
 }
 
@@ -364,7 +460,7 @@ TEST_F(SecureDirectoryTest, UsesAnEmptyNameAndReleasesNothingWhenTheSessionCanno
 {
     SUBSTITUTE(WTSQuerySessionInformationW)
     query([](HANDLE, DWORD, WTS_INFO_CLASS, wchar_t**, DWORD*) { return FailWith(7022); });
-    CreateSecureDirectory(folder_);
+    Create();
     ASSERT_THAT(entries_, SizeIs(3));
     EXPECT_EQ(std::get<5>(entries_[2]), L"\\");
     EXPECT_EQ(sessionTexts_, 0);

@@ -12,7 +12,7 @@
 #include "support/fake_runtime.h"
 #include "support/system_text.h"
 
-IMPORTED(FormatMessageW)
+IMPORTED(FormatMessageW, GetModuleHandleW, LoadLibraryExW)
 
 namespace repair
 {
@@ -133,6 +133,21 @@ TEST_F(ErrorText, ExhaustedMemoryIsTheStandardExceptionAndTakesTheObjectAlong)
 {
     lab::PutErrorObject(Failure(E_OUTOFMEMORY, L"no memory"));
     EXPECT_THROW(ThrowWinrtError(E_OUTOFMEMORY), std::bad_alloc);
+}
+
+// Proves: No failure is to be described => the library with the error objects is not loaded
+TEST_F(ErrorText, LibraryIsLoadedForAFailureOnly)
+{
+    SUBSTITUTE(GetModuleHandleW)
+    find([&](const wchar_t* name) {
+        return name != nullptr && std::wstring(name) == L"oleaut32.dll" ? HMODULE{nullptr} : find.Original()(name);
+    });
+    const RECORD(LoadLibraryExW) loaded;
+    const auto loads = testing::Contains(testing::FieldsAre(L"oleaut32.dll", nullptr, 0x800u));
+    DropErrorObject();
+    EXPECT_THAT(loaded.Calls(), testing::Not(loads));
+    MessageFor(kDenied);
+    EXPECT_THAT(loaded.Calls(), loads);
 }
 
 TEST_F(ErrorText, WithoutTheErrorFunctionIsTheSystemsOne)
