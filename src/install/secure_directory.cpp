@@ -126,7 +126,7 @@ bool ContainsOnlyMarker(const FileHandle& folder, const FileHandle& marker)
     return !marker || (IsBelow(marker.Get(), folder.Get()) && ContainsOnly(folder.Get(), kMarkerFile));
 }
 
-// For a folder that was made with the default owner, whoever that is.
+// For a folder that was made with the default owner of the process.
 bool HaveSameOwner(const FileHandle& folder, const FileHandle& marker)
 {
     return !marker || Security(folder.Get()).IsOwnedBy(Security(marker.Get()).owner);
