@@ -2,8 +2,9 @@
 add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL SYSTEM)
 include(GoogleTest)
 
-# Half of the build is the compilers reading the same headers and optimising code that runs once. None at all would leave
-# every small function of a template in each object, and the linker would take a minute to sort them out.
+# Half of the build would be the compilers reading the same headers and optimising code that runs once. So the sources of a
+# folder are compiled as one. No optimisation at all would leave every small function of a template in each object, and the
+# linker would take a minute to sort them out.
 function(add_in_process_tests name)
   add_executable(${name} ${ARGN})
   project_flags(${name})
@@ -13,7 +14,13 @@ function(add_in_process_tests name)
   target_compile_options(${name} PRIVATE -O1)
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests ${CMAKE_SOURCE_DIR})
   target_link_libraries(${name} PRIVATE stack_guard gmock gtest_main)
-  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests
+    UNITY_BUILD ON UNITY_BUILD_MODE GROUP)
+  foreach(source IN LISTS ARGN)
+    cmake_path(GET source PARENT_PATH folder)
+    cmake_path(GET folder FILENAME folder)
+    set_source_files_properties(${source} PROPERTIES UNITY_GROUP ${folder})
+  endforeach()
   add_shared_process_tests(${name} ${ARGN})
 endfunction()
 

@@ -12,7 +12,6 @@ namespace repair
 namespace
 {
 constexpr wchar_t kInstallKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\";
-constexpr wchar_t kApplicationKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\";
 const BoxRecorder::Box kUpdateFailed = {
     L"Update failed. Please visit www.tavik.example to install the appropriate driver.", 0x10010};
 

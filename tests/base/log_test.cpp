@@ -16,7 +16,7 @@ namespace repair
 {
 namespace
 {
-constexpr wchar_t kFolder[] = L"C:\\Program Files\\Tavik\\MIM\\Log\\";
+constexpr wchar_t kLogFolder[] = L"C:\\Program Files\\Tavik\\MIM\\Log\\";
 
 std::string ReadShared(const std::wstring& path)
 {
@@ -38,7 +38,7 @@ public:
 
     std::wstring LogPath() const
     {
-        return std::wstring(kFolder) + L"InstallVLTForWUDriver_2026-11-6_4_7_31_" + std::to_wstring(milliseconds_) +
+        return std::wstring(kLogFolder) + L"InstallVLTForWUDriver_2026-11-6_4_7_31_" + std::to_wstring(milliseconds_) +
                L".log";
     }
 
@@ -52,7 +52,7 @@ private:
 // Proves: The Windows folder cannot be asked, or has no backslash => its text as far as it is known is put in front
 TEST(LogFolder, IsOnTheDriveOfTheWindowsFolder)
 {
-    EXPECT_EQ(GetLogFolder(), kFolder);
+    EXPECT_EQ(GetLogFolder(), kLogFolder);
     std::wstring path;
     SUBSTITUTE(GetWindowsDirectoryW)
     windows([&](wchar_t* buffer, UINT characters) {
@@ -107,8 +107,8 @@ TEST(Log, FolderThatCannotBeCreatedRaisesTheErrorAndTheNextLineTriesAgain)
     {
         SUBSTITUTE(GetFileAttributesW) attributes([](const wchar_t*) { return INVALID_FILE_ATTRIBUTES; });
         SUBSTITUTE(CreateDirectoryW) create([](auto...) { return FailWith(ERROR_ACCESS_DENIED); });
-        ExpectFileError(FileErrorOf([] { LogLine(L"%s", L"lost"); }), "create_directories", kFolder, 5);
-        ExpectFileError(FileErrorOf([] { LogLine(L"%s", L"lost"); }), "create_directories", kFolder, 5);
+        ExpectFileError(FileErrorOf([] { LogLine(L"%s", L"lost"); }), "create_directories", kLogFolder, 5);
+        ExpectFileError(FileErrorOf([] { LogLine(L"%s", L"lost"); }), "create_directories", kLogFolder, 5);
     }
     const FixedTime time(101);
     LogLine(L"a");
@@ -159,7 +159,7 @@ TEST(Log, AllLinesOfARunAreInOneFileThatOthersMayReadButNotWriteOrDelete)
 TEST(Log, RunInTheSameMillisecondOverwritesTheFile)
 {
     const FixedTime time(104);
-    CreateDirectories(kFolder);
+    CreateDirectories(kLogFolder);
     const HANDLE earlier = CreateFileW(time.LogPath().c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
     DWORD written = 0;
     WriteFile(earlier, "earlier run", 11, &written, nullptr);

@@ -9,20 +9,20 @@ namespace repair
 {
 namespace
 {
-std::vector<int> closed;  // in the order of closing
+std::vector<int> numbersClosed;  // in the order of closing
 
 struct NumberKind
 {
     using Handle = int;
     static Handle None() noexcept { return -1; }
-    static void Close(Handle number) noexcept { closed.push_back(number); }
+    static void Close(Handle number) noexcept { numbersClosed.push_back(number); }
 };
 using Number = Owned<NumberKind>;
 
 // Proves: An owner of a handle is closed early, moved, or never owned one => the handle is closed once, or not at all
 TEST(OwnedHandle, IsClosedOnceInTheReverseOrderOfTheDeclaration)
 {
-    closed.clear();
+    numbersClosed.clear();
     {
         const Number outer(7);
         const Number inner(0);  // a valid handle here: "none" is another value
@@ -32,10 +32,10 @@ TEST(OwnedHandle, IsClosedOnceInTheReverseOrderOfTheDeclaration)
         early.Close();
         EXPECT_FALSE(static_cast<bool>(early));
         early.Close();
-        EXPECT_EQ(closed, std::vector<int>{9});
+        EXPECT_EQ(numbersClosed, std::vector<int>{9});
     }
-    EXPECT_EQ(closed, (std::vector<int>{9, 0, 7}));
-    closed.clear();
+    EXPECT_EQ(numbersClosed, (std::vector<int>{9, 0, 7}));
+    numbersClosed.clear();
     {
         Number owner;
         const Number none(-1);
@@ -45,27 +45,27 @@ TEST(OwnedHandle, IsClosedOnceInTheReverseOrderOfTheDeclaration)
         EXPECT_EQ(released.Release(), 7);
         EXPECT_EQ(released.Get(), -1);
     }
-    EXPECT_TRUE(closed.empty());
+    EXPECT_TRUE(numbersClosed.empty());
 }
 
 TEST(OwnedHandle, MovingPassesTheHandleOnAndClosesTheOneThere)
 {
-    closed.clear();
+    numbersClosed.clear();
     {
         Number first(1);
         Number second(std::move(first));
         EXPECT_EQ(second.Get(), 1);
-        EXPECT_TRUE(closed.empty());
+        EXPECT_TRUE(numbersClosed.empty());
         Number third(3);
         third = std::move(second);
         EXPECT_EQ(third.Get(), 1);
-        EXPECT_EQ(closed, std::vector<int>{3});
+        EXPECT_EQ(numbersClosed, std::vector<int>{3});
         Number& same = third;
         third = std::move(same);
         EXPECT_EQ(third.Get(), 1);
-        EXPECT_EQ(closed, std::vector<int>{3});
+        EXPECT_EQ(numbersClosed, std::vector<int>{3});
     }
-    EXPECT_EQ(closed, (std::vector<int>{3, 1}));
+    EXPECT_EQ(numbersClosed, (std::vector<int>{3, 1}));
 }
 
 TEST(OwnedKinds, EachClosesItsOwnWayAndKnowsItsOwnNone)

@@ -11,7 +11,6 @@ namespace repair
 {
 namespace
 {
-constexpr wchar_t kApplicationKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\";
 constexpr wchar_t kTaskkill[] = L"C:\\windows\\system32\\taskkill.exe";
 
 class StopComponents : public testing::Test

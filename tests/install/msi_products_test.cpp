@@ -17,7 +17,6 @@ namespace repair
 {
 namespace
 {
-constexpr wchar_t kApplicationKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\";
 
 // Proves: Products of a family are installed => their cached packages in the system's order, each asked for with a full buffer
 // Proves: None => an empty list

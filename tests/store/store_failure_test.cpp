@@ -20,9 +20,8 @@ namespace repair
 {
 namespace
 {
-constexpr wchar_t kFirst[] = L"TavikSystemsInc-2.8F31D07A2B6E4_7.0.0.0_x64__abc";
-constexpr wchar_t kSecond[] = L"TavikSystemsInc-2.TavikCorvelSoftware_1.0.0.0_x64__abc";
-constexpr HRESULT kDenied = static_cast<HRESULT>(0x80070005);
+constexpr wchar_t kFirstPackage[] = L"TavikSystemsInc-2.8F31D07A2B6E4_7.0.0.0_x64__abc";
+constexpr wchar_t kSecondPackage[] = L"TavikSystemsInc-2.TavikCorvelSoftware_1.0.0.0_x64__abc";
 constexpr HRESULT kNoObject = static_cast<HRESULT>(0x80004003);
 
 // One of the three operations. `run` never throws and returns a number; `request` lets errors out.
@@ -160,7 +159,7 @@ struct PackageFault
 {
     const wchar_t* method;
     Operation operation = kQuery;
-    const wchar_t* nameAsRead = kFirst;
+    const wchar_t* nameAsRead = kFirstPackage;
 };
 
 void PrintTo(const PackageFault& fault, std::ostream* stream)
@@ -184,7 +183,7 @@ INSTANTIATE_TEST_SUITE_P(
 // Own process: the functions of the Windows Runtime are looked up once in a process.
 TEST_P(PackageFailure, IsLoggedWithTheNameAsFarAsReadAndTheNextPackageFollows)
 {
-    runtime_.packages = {{kFirst, {7, 0, 0, 0}}, {kSecond, {1, 0, 0, 0}}};
+    runtime_.packages = {{kFirstPackage, {7, 0, 0, 0}}, {kSecondPackage, {1, 0, 0, 0}}};
     lab::Answer failure = Failure(kDenied, L"Broken.");
     failure.onlyCall = 1;
     runtime_.packages.front().answers[GetParam().method] = failure;
@@ -193,7 +192,8 @@ TEST_P(PackageFailure, IsLoggedWithTheNameAsFarAsReadAndTheNextPackageFollows)
     EXPECT_EQ(GetParam().operation.run(), isQuery ? 1 : 0);
     const std::vector<std::wstring> lines = log_.Lines();
     EXPECT_THAT(lines, Contains(std::wstring(L"Exception Broken. when enumerating info for ") + GetParam().nameAsRead));
-    EXPECT_EQ(lines.back(), isQuery ? std::wstring(L"User has ") + kSecond + L" - version 1.0.0.0" : L"\t Result = 0 ");
+    EXPECT_EQ(lines.back(),
+              isQuery ? std::wstring(L"User has ") + kSecondPackage + L" - version 1.0.0.0" : L"\t Result = 0 ");
 }
 }  // namespace
 }  // namespace repair

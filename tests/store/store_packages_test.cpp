@@ -25,7 +25,6 @@ namespace
 constexpr wchar_t kFirst[] = L"TavikSystemsInc-2.8F31D07A2B6E4_1.0.0.0_x64__abc";
 constexpr wchar_t kSecond[] = L"TavikSystemsInc-2.TavikCorvelSoftware_1.0.0.0_x64__abc";
 constexpr wchar_t kActivation[] = L"DllGetActivationFactory Windows.Management.Deployment.PackageManager";
-constexpr HRESULT kDenied = static_cast<HRESULT>(0x80070005);
 constexpr HRESULT kNoApartment = static_cast<HRESULT>(0x800401F0);
 
 using StorePackages = StoreTest;

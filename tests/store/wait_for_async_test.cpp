@@ -17,7 +17,6 @@ namespace repair
 {
 namespace
 {
-constexpr HRESULT kDenied = static_cast<HRESULT>(0x80070005);
 
 using WaitForAsyncOnce = StoreTest;
 

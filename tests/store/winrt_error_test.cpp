@@ -18,7 +18,6 @@ namespace repair
 {
 namespace
 {
-constexpr HRESULT kDenied = static_cast<HRESULT>(0x80070005);
 constexpr HRESULT kNoText = static_cast<HRESULT>(0xA0001234);  // the system has no text for it: the customer bit is set
 
 std::wstring MessageFor(HRESULT code)

@@ -32,6 +32,8 @@ inline void PrintTo(Completion::Kind when, std::ostream* stream)
 
 namespace repair
 {
+inline constexpr HRESULT kDenied = static_cast<HRESULT>(0x80070005);
+
 namespace component = winrt_abi;
 
 // A failure with this text in a restricted error object.

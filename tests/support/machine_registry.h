@@ -10,6 +10,8 @@
 
 namespace repair
 {
+inline constexpr wchar_t kApplicationKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\";
+
 class MachineRegistry
 {
 public:
