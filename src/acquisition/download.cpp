@@ -81,17 +81,20 @@ HeldFolder PrepareFolder(const DownloadPlan& plan)
 }
 
 // Creates the file for the body; an old one was removed. Returns none, with the last error set, if that fails, if
-// another program has put a file or a link there, or if the file is outside the folder.
+// another program has put something there, or if the file is outside the folder.
 FileHandle CreateTemporaryFile(const DownloadPlan& plan, const FileHandle& folder)
 {
-    FileHandle file(
-        CreateFileW(plan.temporaryPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (file && !IsBelow(file.Get(), folder.Get()))
+    if (GetFileAttributesW(plan.temporaryPath.c_str()) == INVALID_FILE_ATTRIBUTES && !IsLink(plan.folder))
     {
-        file.Close();
-        SetLastError(ERROR_CANT_RESOLVE_FILENAME);
+        FileHandle file(CreateFileW(plan.temporaryPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+        if (!file || IsBelow(file.Get(), folder.Get()))
+        {
+            return file;
+        }
     }
-    return file;
+    SetLastError(ERROR_CANT_RESOLVE_FILENAME);
+    return {};
 }
 
 struct Server

@@ -131,7 +131,7 @@ private:
         if (isDownload)
         {
             EXPECT_EQ(std::tuple(access, share, security, disposition, flags, pattern),
-                      std::tuple(0x40000000u, 0u, nullptr, 1u, 0x80u, nullptr));
+                      std::tuple(0x40000000u, 0u, nullptr, 2u, 0x80u, nullptr));
             Add(L"create file");
         }
         if (isDownload && createError_ != 0)
@@ -270,26 +270,37 @@ TEST_F(DownloadThroughLink, ThatAppearsWhileTheFolderIsOpenedIsReplacedToo)
 TEST_F(DownloadThroughLink, ThatAppearsLaterEndsTheDownload)
 {
     ONLY_ON_WINE("the host moves the open folder away");
-    // The link's path and target, and the error.
+    // The link's path and target, and whether it appears in the call that creates the file.
     const std::wstring empty = temporary_.CreateFolder(L"empty");
-    const std::tuple<std::wstring, std::wstring, DWORD> rows[] = {
-        {TemporaryPath(), precious_, ERROR_FILE_EXISTS},  // in an open folder
-        {Folder(), target_, ERROR_FILE_EXISTS},
-        {Folder(), empty, ERROR_CANT_RESOLVE_FILENAME}};
-    for (const auto& [link, target, error] : rows)
+    const std::tuple<std::wstring, std::wstring, bool> rows[] = {
+        {TemporaryPath(), precious_, false},  // in an open folder
+        {Folder(), target_, false},
+        {Folder(), empty, true}};
+    for (const auto& [link, target, late] : rows)
     {
+        SUBSTITUTE(DeleteFileW)
+        remove([&](const wchar_t* path) {
+            const BOOL removed = remove.Original()(path);
+            const DWORD error = GetLastError();
+            if (!late && path == TemporaryPath())
+            {
+                PlaceLink(link, target);
+            }
+            SetLastError(error);
+            return removed;
+        });
         SUBSTITUTE(CreateFileW)
         create([&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,
                    DWORD flags, HANDLE model) {
-            if (path == TemporaryPath())
+            if (late && path == TemporaryPath())
             {
                 PlaceLink(link, target);
             }
             return create.Original()(path, access, share, security, creation, flags, model);
         });
         EXPECT_EQ(DownloadInstaller(L"24.20").path, L"");
-        EXPECT_EQ(log_.Lines().back(), L"Unable to create file to download data into. Target path: " + TemporaryPath() +
-                                           L". Error: " + std::to_wstring(error));
+        EXPECT_EQ(log_.Lines().back(),
+                  L"Unable to create file to download data into. Target path: " + TemporaryPath() + L". Error: 1921");
         ExpectUntouchedTarget();
         link_.reset();
     }

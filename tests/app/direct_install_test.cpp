@@ -21,7 +21,7 @@ class DirectInstall : public AppTest
 protected:
     DirectInstall()
     {
-        registry_.SetString(kApplicationKey, L"Location", L"C:\\HL");
+        registry_.SetString(kInstallHaldenKey, L"Location", L"C:\\HL");
         machine_.UnpacksMainPackage();
         runtime_.packages = {{kStorePackage, {1, 0, 0, 0}}};
     }
@@ -203,7 +203,7 @@ TEST_F(DirectInstall, MarkerThatCannotBeWrittenIsOneLineAndTheApplicationStarts)
 // Proves: The application's key or its location is missing => the registry error gets out and ends the process with code 3, after everything before was done
 TEST_F(DirectInstall, WithoutTheApplicationsKeyOrLocationTheRegistryErrorGetsOut)
 {
-    registry_.SetValue(kApplicationKey, L"Location", REG_DWORD, {1, 0, 0, 0});
+    registry_.SetValue(kInstallHaldenKey, L"Location", REG_DWORD, {1, 0, 0, 0});
     ExpectRegistryError(1630, "Unable to get registry value: ");
     RegDeleteKeyW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Orrel Technologies\\Install\\Halden");
     ExpectRegistryError(2, "Unable to open registry key: ");

@@ -43,7 +43,7 @@ protected:
 // Proves: The location ends in a backslash => two backslashes; it is taken as it is
 TEST_F(StopComponents, AsksTheApplicationToExitAndThenKillsAllFiveByName)
 {
-    registry_.SetString(kApplicationKey, L"Location", L"C:\\Program Files\\HL\\");
+    registry_.SetString(kInstallHaldenKey, L"Location", L"C:\\Program Files\\HL\\");
     ExpectStops({L"run C:\\Program Files\\HL\\\\hlcmd.exe | exit | -", L"wait 30000"},
                 {L"Process C:\\Program Files\\HL\\\\hlcmd.exe exit completed with exit code 0"});
 }
@@ -52,7 +52,7 @@ TEST_F(StopComponents, AsksTheApplicationToExitAndThenKillsAllFiveByName)
 TEST_F(StopComponents, OnlyKillsWithoutTheApplicationsKeyOrLocation)
 {
     ExpectStops();
-    registry_.CreateKey(kApplicationKey);
+    registry_.CreateKey(kInstallHaldenKey);
     machine_.steps.clear();
     StopRunningComponents();
     EXPECT_EQ(machine_.StepsOf(L"run").size(), 5u);
@@ -68,7 +68,7 @@ TEST_F(StopComponents, LogsAndIgnoresTheCodeOfAKillThatFails)
 // Proves: The command tool is missing => the failed start is logged, the kills run
 TEST_F(StopComponents, KillsWhenTheCommandToolIsMissing)
 {
-    registry_.SetString(kApplicationKey, L"Location", L"C:\\HL");
+    registry_.SetString(kInstallHaldenKey, L"Location", L"C:\\HL");
     machine_.startErrors[L"C:\\HL\\hlcmd.exe"] = 2;
     StopRunningComponents();
     EXPECT_EQ(machine_.StepsOf(L"run").size(), 6u);

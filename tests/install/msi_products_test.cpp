@@ -120,7 +120,7 @@ TEST(InstallMsiPackage, GivesTheResultUnlessItIsAWantedRestart)
 class GetCustomInstallDirTest : public testing::Test
 {
 protected:
-    void Register(const std::wstring& folder) const { registry_.SetString(kApplicationKey, L"InstallDir", folder); }
+    void Register(const std::wstring& folder) const { registry_.SetString(kInstallHaldenKey, L"InstallDir", folder); }
     void TearDown() override { EXPECT_THAT(log_.Lines(), IsEmpty()); }
 
     MachineRegistry registry_;
@@ -166,9 +166,9 @@ TEST_F(GetCustomInstallDirTest, IsEmptyWithoutTheKeyOrTheValueAndNoFolderIsAsked
     int asked = 0;
     SUBSTITUTE(SHGetSpecialFolderPathW) count([&](auto...) { return ++asked, FALSE; });
     EXPECT_EQ(GetCustomInstallDir(), L"");
-    registry_.CreateKey(kApplicationKey);
+    registry_.CreateKey(kInstallHaldenKey);
     EXPECT_EQ(GetCustomInstallDir(), L"");
-    registry_.SetValue(kApplicationKey, L"InstallDir", REG_DWORD, {1, 0, 0, 0});
+    registry_.SetValue(kInstallHaldenKey, L"InstallDir", REG_DWORD, {1, 0, 0, 0});
     EXPECT_EQ(GetCustomInstallDir(), L"");
     EXPECT_EQ(asked, 0);
 }

@@ -10,7 +10,7 @@
 
 namespace repair
 {
-inline constexpr wchar_t kApplicationKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\";
+inline constexpr wchar_t kInstallHaldenKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\Halden\\";
 
 class MachineRegistry
 {
