@@ -4,10 +4,10 @@
     scripts/bench --quick         a quick run in less than three minutes: fewer pairs, smaller files
     scripts/bench --only start log    some figures only; --list names them
     scripts/bench --size          where the bytes of the exe are
-    scripts/bench --write-docs    everything, and then the table, the sizes and the picture of docs/performance.md
+    scripts/bench --write-docs    everything, and then the table and the sizes of docs/performance.md
 
-Prints a table and writes it to build/bench, with every single measurement as CSV and a picture of the goals. The exit code is
-1 when a goal is missed or something could not be measured.
+Prints a table and writes it to build/bench, with every single measurement as CSV. The exit code is 1 when
+a goal is missed or something could not be measured.
 
 Each figure is a function that returns rows of the table, each beside its floor. It lies in the file of what it measures:
 check.py, downloads.py, log_and_inf.py, size.py or window.py. FIGURES below has its name.
@@ -20,13 +20,12 @@ import os
 import pathlib
 import platform
 import re
-import shutil
 import subprocess
 import sys
 import time
 from typing import Callable
 
-from bench import check, downloads, log_and_inf, plots, report, size, window
+from bench import check, downloads, log_and_inf, report, size, window
 from bench.figures import Missing, Row, exit_code
 from bench.machine import remove_leftovers
 from bench.settings import FULL, QUICK, Settings
@@ -82,10 +81,8 @@ def machine_line() -> str:
             f"({cpu[1] if cpu else 'unknown'}), {wine}, Linux {platform.release().split('-')[0]}. This is not Windows.")
 
 
-def write_docs(rows: list[Row], missing: list[Missing], picture: pathlib.Path, quick: bool) -> None:
-    fresh = [machine_line() + (" A quick run (--quick)." if quick else ""), "", *report.markdown(rows, missing), "",
-             "![how much of each goal is used](images/performance-goals.png)"]
-    shutil.copy(picture, PAGE.parent / "images" / "performance-goals.png")
+def write_docs(rows: list[Row], missing: list[Missing], quick: bool) -> None:
+    fresh = [machine_line() + (" A quick run (--quick)." if quick else ""), "", *report.markdown(rows, missing)]
     text = report.replace_between_marks(PAGE.read_text("utf-8"), fresh)
     text = report.replace_between_marks(text, size.markdown(), SIZE_BEGIN, SIZE_END)
     PAGE.write_text(text, "utf-8")
@@ -120,13 +117,12 @@ def main(arguments: list[str]) -> int:
     table = report.lines(rows, missing)
     (RESULTS / "table.txt").write_text("\n".join(table) + "\n", "utf-8")
     print("\n" + "\n".join(table) + "\n")
-    picture = plots.goals(RESULTS, rows)
     if options.write_docs:
-        write_docs(rows, missing, picture, options.quick)
+        write_docs(rows, missing, options.quick)
     missed = [row for row in rows if row.met is False]
     judged = [row for row in rows if row.met is not None]
     say(f"{len(judged) - len(missed)} of {len(judged)} goals met, {len(missing)} figures not measured, in "
-        f"{time.monotonic() - start:.0f} s; table, measurements and picture are in build/bench.")
+        f"{time.monotonic() - start:.0f} s; table and measurements are in build/bench.")
     return exit_code(rows, missing)
 
 

@@ -7,7 +7,7 @@ import time
 
 import pytest
 
-from bench import __main__ as bench, plots, report, size, turns
+from bench import __main__ as bench, report, size, turns
 from bench.figures import Missing, Row, exit_code, quartiles
 from bench.settings import FULL
 from bench.watch import MODIFY, FileWatch, LogWatch, now
@@ -145,9 +145,3 @@ def test_log_watch_has_whole_lines(tmp_path: pathlib.Path):
     assert watch.when("first") <= watch.when("second")
     with pytest.raises(RuntimeError):
         watch.when("third")
-
-
-def test_picture_shows_how_much_of_a_limit_is_used():
-    rows = [row("ratio", [1.0], [1.0], 2, what="good"), row("speed", [4.0], [1.0], 0.5, what="bad"), row("value", [1.0], [], None, what="unjudged")]
-    lines = plots.script(pathlib.Path("goals.png"), rows).splitlines()
-    assert lines[1].startswith('0 2.0 "bad / floor"') and lines[2].startswith('1 0.5 "good / floor"') and lines[3] == "EOD"

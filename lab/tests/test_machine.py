@@ -1,9 +1,12 @@
 """What the lab says about a mistake, and the end of a run that takes too long. The cases show the rest."""
 from __future__ import annotations
 
+import re
+
 import pytest
 
 from cases.support.expect import SAME_RELEASE
+from cases.support.store import store_only
 from lab import paths
 from lab.machine import Machine
 
@@ -40,6 +43,19 @@ def test_rule_that_is_not_understood_fails_the_case(lab):
         f"!bad rule in line {number}: {why}" for number, why in enumerate(BAD_RULES.values(), 1)]
     with pytest.raises(AssertionError, match="not understood"):
         lab.check(outcome="same-release", exit_code=-1)
+
+
+def test_line_or_rule_that_the_store_does_not_understand_stops_it_and_fails_the_case(lab):
+    lines = ["rubbish", "[stoer]", "colour = red", "version = 1.2.3", "fail = get_Ip:0x80004005"]
+    rules = [f"winrt!FindPackages {rest}" for rest in ("1", "0 exit=9", "1 error=9", "1 exit=nine", "1 exit=9 crash=9")]
+    script = "".join(f"[package]\n{line}\n" for line in lines)
+    result = lab.run(store_only(files={r"C:\lab\standins\store.txt": script}, faults=["# comment", *rules]))
+    assert [re.match("!bad .*?(?=:|$)", line)[0] for line in result.store_calls if line.startswith("!")] == [
+        *(f"!bad rule in line {number}" for number in range(2, 2 + len(rules))),
+        *(f"!bad line {2 * number} of store.txt" for number in range(1, 1 + len(lines)))]
+    assert any("PackageManager -> 0x8007000D" in line for line in result.store_calls)
+    with pytest.raises(AssertionError, match="not understood"):
+        lab.check(outcome="no-application-store-unread")
 
 
 def test_unknown_action_is_refused(lab):

@@ -181,6 +181,38 @@ TEST_F(WaitForAsyncOnce, HandlerIsADelegateSoItIsNotInspectable)
     EXPECT_EQ(found, nullptr);
 }
 
+struct IHandler : component::ICompletedHandler
+{
+    static constexpr GUID kIid = component::IDeploymentOperation::kHandlerIid;
+
+protected:
+    ~IHandler() = default;
+};
+
+class HandlerThatIsNotAgile final : public component::ComObject<IHandler>
+{
+public:
+    ~HandlerThatIsNotAgile() override = default;
+    HRESULT STDMETHODCALLTYPE Invoke(component::IInspectable*, INT32) override { return S_OK; }
+};
+
+// The tests of the Store rely on it: the component refuses what Windows refuses.
+TEST_F(WaitForAsyncOnce, ComponentRefusesEarlyResultsAndAnotherHandler)
+{
+    WaitFor(Removal(Ends(lab::Completion::kInside)));
+    auto* const agile = static_cast<component::ICompletedHandler*>(lab::TheKept().back().object);
+    lab::TheKept().pop_back();  // its reference is released below
+    HandlerThatIsNotAgile unwilling;
+    component::IInspectable* result = nullptr;
+    auto* const operation = Removal(Ends(lab::Completion::kLater));
+    EXPECT_EQ(operation->GetResults(&result), static_cast<HRESULT>(0x8000000E));
+    EXPECT_EQ(operation->put_Completed(&unwilling), static_cast<HRESULT>(0x8000001C));
+    EXPECT_EQ(operation->put_Completed(agile), S_OK);
+    EXPECT_EQ(operation->put_Completed(agile), static_cast<HRESULT>(0x80000018));
+    EXPECT_EQ(operation->Release(), 0u);
+    agile->Release();
+}
+
 TEST_F(WaitForAsyncOnce, WithoutAnEventTheSystemsErrorIsThrown)
 {
     auto* const operation = Removal(Ends(lab::Completion::kInside));
