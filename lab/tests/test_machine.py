@@ -48,11 +48,11 @@ def test_rule_that_is_not_understood_fails_the_case(lab):
 def test_line_or_rule_that_the_store_does_not_understand_stops_it_and_fails_the_case(lab):
     lines = ["rubbish", "[stoer]", "colour = red", "version = 1.2.3", "fail = get_Ip:0x80004005"]
     rules = [f"winrt!FindPackages {rest}" for rest in ("1", "0 exit=9", "1 error=9", "1 exit=nine", "1 exit=9 crash=9")]
-    script = "".join(f"[package]\n{line}\n" for line in lines)
-    result = lab.run(store_only(files={r"C:\lab\standins\store.txt": script}, faults=["# comment", *rules]))
+    script = "# comment\n" + "".join(f"[package]\n{line}\n" for line in lines)
+    result = lab.run(store_only(files={r"C:\lab\standins\store.txt": script}, faults=rules))
     assert [re.match("!bad .*?(?=:|$)", line)[0] for line in result.store_calls if line.startswith("!")] == [
-        *(f"!bad rule in line {number}" for number in range(2, 2 + len(rules))),
-        *(f"!bad line {2 * number} of store.txt" for number in range(1, 1 + len(lines)))]
+        *(f"!bad rule in line {number}" for number in range(1, 1 + len(rules))),
+        *(f"!bad line {2 * number + 1} of store.txt" for number in range(1, 1 + len(lines)))]
     assert any("PackageManager -> 0x8007000D" in line for line in result.store_calls)
     with pytest.raises(AssertionError, match="not understood"):
         lab.check(outcome="no-application-store-unread")
