@@ -181,7 +181,7 @@ def test_short_reads_are_put_together(lab):
     assert len([line for line in result.calls if "!InternetReadFile#" in line]) == 5  # 3, 3, 3, 1 and the end
 
 
-# Proves: Several adapters
+# Proves: Several adapters => only the first of the sorted list counts
 def test_greatest_release_of_several_adapters_is_downloaded(lab):
     path = f"{SERVER_PATH}24.30/dwx2_install.txt"
     second = {"release": "24.30.1-b", "description": "Tavik Corvel 7900"}

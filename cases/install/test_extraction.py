@@ -111,7 +111,7 @@ def test_without_an_access_list_the_folder_is_used_as_it_is(lab, rule, given_bac
 
 # What cannot be prepared
 
-# Proves: The installation raises an exception (repair)
+# Proves: The installation raises an exception (repair) => logged with its text, box "Error installing Tavik Software.", result -1
 # Proves: The parents cannot be created
 # Proves: The old folder cannot be removed
 # Proves: An exception, through the guard

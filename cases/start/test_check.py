@@ -78,7 +78,7 @@ def test_run_ends_without_an_adapter_of_the_maker(lab, machine, arguments, lines
               log=[*opening(arguments, version), *lines, *NO_ADAPTER_LEFT])
 
 
-# Proves: Neither edition installed, not forced
+# Proves: Neither edition installed, not forced => box "There is no Tavik Software application installed.", result -1
 # Proves: No desktop application: the key is missing
 @pytest.mark.parametrize("store, outcome, line", [
     ({}, "no-application", NO_STORE), (False, "no-application-store-unread", "Exception {any} when searching for UWP version of VLT"),
@@ -119,7 +119,7 @@ def test_second_instance_says_so_and_ends(lab):
 
 # Switches
 
-# Proves: Same release, forced
+# Proves: Same release, forced => logged without "Exiting.", and repaired
 # Proves: `-FORCE` with the same release => the installation runs again
 def test_same_release_is_installed_again_when_forced(lab):
     lab.run(COMPATIBLE, "-FORCE")
@@ -135,7 +135,7 @@ def test_force_repairs_the_same_release(lab, arguments):
 
 
 # Proves: There is at least one argument
-# Proves: Same release, not forced
+# Proves: Same release, not forced => box that the version is compatible, result -1
 # Proves: A box appears => it carries the tool's icon in both sizes and one button
 # Proves: Unknown arguments, and such that only look like a switch
 # Proves: What follows `-Path` looks like a switch
@@ -179,6 +179,7 @@ def test_unreadable_version_is_repaired(lab, changes, version, driver):
 # Proves: The release's first five characters equal the installed version, or its first five characters (24.20 and 24.20.11.01)
 # Proves: Only the letter case differs
 # Proves: None of these
+# Proves: Another release => handed to the repair with the driver's folder and the five characters; its result is the check's
 # Proves: The desktop edition has recorded no version => another release, which is repaired
 @pytest.mark.parametrize("release, version, downloaded", [
     ("24.20.11.01-240619a", "24.20.11.01", None),

@@ -124,7 +124,7 @@ def test_only_the_state_completed_is_success(lab, state):
 # Proves: No store context, or one without windows => "Store context does not implement ..." is logged, -1
 # Proves: The window is refused => "Unable to initialize with window." is logged, that code; the Store is not asked
 # Proves: Any call or the operation fails
-# Proves: The Store installation fails
+# Proves: The Store installation fails => logged, box "Error installing Tavik Software.", its result is the exit code
 # Proves: The operation is canceled => logged with the text of the cancellation, its code
 # Proves: It was canceled
 # Proves: Any other exception (memory)
@@ -184,7 +184,7 @@ def test_system_without_the_store(lab):
 ZEROS = "0.0-240101a"
 
 
-# Proves: `-FORCE` with neither edition
+# Proves: `-FORCE` with neither edition => the Store edition is installed
 # Proves: Neither edition installed, forced
 @pytest.mark.parametrize("arguments, packages, release, lines", [
     ("-FORCE", [package(OTHER)], None, [NO_STORE, NOTHING]),
@@ -198,7 +198,7 @@ def test_forced_without_the_desktop_edition_installs_the_store_edition(lab, argu
     assert NEWER in result.store_left
 
 
-# Proves: `-FORCEVLTUWP` with the desktop edition (of the same release, too), an installer at hand, or neither edition
+# Proves: `-FORCEVLTUWP` with the desktop edition (of the same release, too), an installer at hand, or neither edition => the Store edition is installed
 @pytest.mark.parametrize("arguments, desktop, state, lines", [
     ("-FORCEVLTUWP", "23.40", 3, []), ("-forcevltuwp", "24.20", 5, [SAME])], ids=["other release", "same release, not completed"])
 def test_forced_to_the_store_although_the_desktop_edition_is_there(lab, arguments, desktop, state, lines):

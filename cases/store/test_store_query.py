@@ -185,7 +185,7 @@ def test_calls_of_a_search_in_order(lab):
         "QueryInterface Package IPackage3", f'get_Status "{CORVEL}"', f'VerifyIsOK "{CORVEL}"', "MoveNext"]
 
 
-# Proves: Desktop edition installed
+# Proves: Desktop edition installed => its version counts, the Store is not asked
 def test_with_the_desktop_edition_the_store_is_not_asked(lab):
     lab.run({"desktop": {"release": "24.20"}, "store": {"packages": [package()]}})
     lab.check(outcome="same-release", exit_code=-1, boxes=[SAME_RELEASE])

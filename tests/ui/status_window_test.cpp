@@ -109,67 +109,12 @@ TEST_F(StatusWindowTest, IsShownAndReadyWithItsTitleAndIconWhenTheStartReturns)
     EXPECT_EQ(SendMessageW(Dialog(), WM_GETICON, ICON_SMALL, 0), icon);
 }
 
-TEST_F(StatusWindowTest, IsAPopupWithoutACaptionThatCanBeMinimised)
-{
-    Start();
-    const DWORD style = static_cast<DWORD>(GetWindowLongW(Dialog(), GWL_STYLE));
-    EXPECT_EQ(style & 0x80000C40, 0x80000C40);  // popup, centred, control, own font; Wine drops the border
-    EXPECT_EQ(style & WS_DLGFRAME, 0u);         // with the border it would be a caption
-    EXPECT_EQ(style & 0x20000, 0x20000u);
-    EXPECT_EQ(GetParent(Dialog()), nullptr);
-    RECT size = {0, 0, 286, 72};
-    MapDialogRect(Dialog(), &size);
-    EXPECT_EQ(SizeOf(Dialog()), std::pair(size.right, size.bottom));
-}
-
-// --- The controls
-struct ExpectedControl
-{
-    int id;
-    RECT place;  // left, top, width, height in dialog units
-    DWORD style;
-    DWORD extendedStyle;
-    std::wstring text;
-};
-
-const ExpectedControl kControls[] = {{1004, {15, 57, 194, 11}, 0x5002004C, 0x20, L"Checking System."},
-                                     {1013, {15, 47, 268, 20}, 0x5002004C, 0x20, L""},
-                                     {1005, {216, 57, 63, 11}, 0x50020002, 0x1020, kDots[0]},
-                                     {1014, {260, 3, 10, 9}, 0x50020101, 0x20, L"\u2014"}};
-
+// --- The controls; the case of their places and styles is in cases/window
 // A window whose timer never fires.
 class StillWindow : public StatusWindowTest
 {
     SUBSTITUTE(SetTimer) noTimer_{[](HWND, UINT_PTR, UINT, TIMERPROC) { return UINT_PTR{1}; }};
 };
-
-TEST_F(StillWindow, ControlsHaveTheirPlaceStyleAndText)
-{
-    Start();
-    for (const ExpectedControl& expected : kControls)
-    {
-        SCOPED_TRACE(expected.id);
-        const HWND control = Control(expected.id);
-        ASSERT_NE(control, nullptr);
-        wchar_t name[50] = {};
-        GetClassNameW(control, name, 50);
-        EXPECT_EQ(_wcsicmp(name, L"STATIC"), 0);
-        // The system adds bits for clipping and for not notifying the parent.
-        EXPECT_EQ(static_cast<DWORD>(GetWindowLongW(control, GWL_STYLE)) & ~0x0C000000u, expected.style);
-        EXPECT_EQ(static_cast<DWORD>(GetWindowLongW(control, GWL_EXSTYLE)) & ~0x4u, expected.extendedStyle);
-        EXPECT_EQ(TextOf(control), expected.text);
-        RECT place = expected.place;
-        place.right += place.left;
-        place.bottom += place.top;
-        MapDialogRect(Dialog(), &place);
-        RECT actual = {};
-        GetWindowRect(control, &actual);
-        MapWindowPoints(nullptr, Dialog(), reinterpret_cast<POINT*>(&actual), 2);
-        EXPECT_EQ(std::tuple(actual.left, actual.top), std::tuple(place.left, place.top));
-        EXPECT_NEAR(actual.right, place.right, 1);  // the system rounds sizes, not corners
-        EXPECT_NEAR(actual.bottom, place.bottom, 1);
-    }
-}
 
 // Proves: The minimise mark => is a hyphen in the template and a dash on the window
 TEST_F(StatusWindowTest, MarkIsAHyphenUntilTheFontsAreSet)
@@ -227,16 +172,22 @@ TEST_F(StatusWindowTest, HeadingHasTwentyPointsDotsAndMarkHaveTwelve)
 }
 
 // --- The texts
+// The id that the system gives the timer.
+using TimerId = WithParam<StatusWindowTest, UINT_PTR>;
+INSTANTIATE_TEST_SUITE_P(AskedForAndOther, TimerId, testing::Values(0, 42));
+
 // Proves: Time passes => the dots take turns every half second
-TEST_F(StatusWindowTest, DotsTakeTurnsOnATimerOfTheBackground)
+// Proves: The system gives the timer an id of its own => the messages with this id move the dots as well, and the timer is set again with the id that came
+TEST_P(TimerId, MovesTheDotsAndIsSetAgainAtEveryStep)
 {
     SharedList<std::wstring> texts;
-    SharedList<HWND> timers;
+    SharedList<UINT_PTR> ids;
     SUBSTITUTE(SetTimer)
     timer([&](HWND window, UINT_PTR id, UINT milliseconds, TIMERPROC procedure) {
-        EXPECT_EQ(std::tuple(id, milliseconds, procedure), std::tuple(0u, 500u, nullptr));
-        timers.Add(window);
-        return timer.Original()(window, id, 10, procedure);  // half a second would take too long here
+        EXPECT_EQ(std::tuple(window, milliseconds, procedure), std::tuple(Background(), 500u, nullptr));
+        ids.Add(id);
+        timer.Original()(window, GetParam(), 10, procedure);  // half a second would take too long here
+        return GetParam();
     });
     SUBSTITUTE(SetDlgItemTextW)
     set([&](HWND dialog, int id, const wchar_t* text) {
@@ -247,32 +198,14 @@ TEST_F(StatusWindowTest, DotsTakeTurnsOnATimerOfTheBackground)
         return set.Original()(dialog, id, text);
     });
     Start();
-    EXPECT_TRUE(WaitUntil([&] { return texts.Get().size() >= 5; }));
-    const HWND background = Background();
+    EXPECT_TRUE(WaitUntil([&] { return texts.Get().size() >= 5 && ids.Get().size() >= 4; }));
     StopStatusWindow(window_);
-    std::vector<std::wstring> first = texts.Get();
-    first.resize(5);
-    EXPECT_THAT(first, ElementsAre(kDots[0], kDots[1], kDots[2], kDots[0], kDots[1]));
-    EXPECT_THAT(timers.Get(), Each(background));
-    EXPECT_GE(timers.Get().size(), 4u);  // armed again at every step
-}
-
-// Proves: The system gives the timer an id of its own => the messages with this id move the dots as well, and the timer is set again with the id that came
-TEST_F(StatusWindowTest, DotsMoveWithTheIdThatTheSystemGivesTheTimer)
-{
-    SharedList<UINT_PTR> ids;
-    SUBSTITUTE(SetTimer)
-    timer([&](HWND window, UINT_PTR id, UINT, TIMERPROC procedure) {
-        ids.Add(id);
-        timer.Original()(window, 42, 10, procedure);
-        return UINT_PTR{42};
-    });
-    Start();
-    EXPECT_TRUE(WaitUntil([&] { return ids.Get().size() >= 4; }));
-    StopStatusWindow(window_);
-    std::vector<UINT_PTR> first = ids.Get();
-    first.resize(4);
-    EXPECT_THAT(first, ElementsAre(0u, 42u, 42u, 42u));
+    std::vector<std::wstring> firstTexts = texts.Get();
+    firstTexts.resize(5);
+    EXPECT_THAT(firstTexts, ElementsAre(kDots[0], kDots[1], kDots[2], kDots[0], kDots[1]));
+    std::vector<UINT_PTR> firstIds = ids.Get();
+    firstIds.resize(4);
+    EXPECT_THAT(firstIds, ElementsAre(0u, GetParam(), GetParam(), GetParam()));
 }
 
 TEST_F(StillWindow, OnlyTheTimerOfThePictureMovesTheDotsAndEachStepRepaintsTheDialog)
@@ -368,18 +301,6 @@ TEST_F(StatusWindowTest, StopSetsTheFlagBeforeItPostsTheCloseToTheThreadAndJoins
     EXPECT_EQ(IsWindow(dialog), FALSE);  // ended with its thread
     StopStatusWindow(window_);
     EXPECT_EQ(posts, 1);
-}
-
-TEST_F(StatusWindowTest, StartChecksTheReadyFlagEveryTenthOfASecondAndNoLongerThanNeeded)
-{
-    const RECORD(Sleep) slept;
-    Start();
-    EXPECT_TRUE(window_.ready);
-    std::vector<std::tuple<DWORD>> sleeps = slept.Calls();
-    std::erase(sleeps, std::tuple(0u));  // the thread library's own
-    EXPECT_THAT(sleeps, Each(std::tuple(100u)));
-    EXPECT_GE(sleeps.size(), 1u);
-    EXPECT_LT(sleeps.size(), 20u);
 }
 
 enum class Missing
@@ -569,23 +490,17 @@ protected:
 };
 
 // Proves: A click on the mark => minimises; the texts go on changing, the box still appears
-TEST_F(Mouse, ClickOnTheMarkMinimises)
-{
-    Start();
-    PostMessageW(Control(1014), WM_LBUTTONDOWN, 0, 0);
-    EXPECT_TRUE(WaitUntil([&] { return IsIconic(Dialog()) != FALSE; }));
-    EXPECT_THAT(actions_.Get(), ElementsAre(0u, 0xF020u));
-}
-
 // Proves: The mouse is pressed outside the mark => it drags the window, any number of times; a mere click does nothing
-TEST_F(Mouse, ButtonOnTheWindowOrOnAnotherControlBeginsADrag)
+TEST_F(Mouse, ButtonOnTheMarkMinimisesAndElsewhereBeginsADrag)
 {
     acts_ = false;
     Start();
-    PostMessageW(Dialog(), WM_LBUTTONDOWN, 0, 0);
-    PostMessageW(Control(1004), WM_LBUTTONDOWN, 0, 0);
-    EXPECT_TRUE(WaitForActions(4));
-    EXPECT_THAT(actions_.Get(), ElementsAre(0u, 0xF012u, 0u, 0xF012u));
+    for (const HWND pressed : {Dialog(), Control(1004), Control(1014)})
+    {
+        PostMessageW(pressed, WM_LBUTTONDOWN, 0, 0);
+    }
+    EXPECT_TRUE(WaitForActions(6));
+    EXPECT_THAT(actions_.Get(), ElementsAre(0u, 0xF012u, 0u, 0xF012u, 0u, 0xF020u));
 }
 
 // Proves: The mouse over the mark => a hand
@@ -622,7 +537,8 @@ TEST_F(Mouse, StopDuringADragEndsTheThreadWhenTheButtonIsReleased)
 }
 
 // --- The message loop
-class MessageLoop : public StatusWindowTest
+// A message, and whether it goes to the window or only to its thread.
+class EndingMessage : public WithParam<StatusWindowTest, std::tuple<UINT, bool>>
 {
 protected:
     SharedList<UINT> dispatched_;
@@ -633,8 +549,6 @@ protected:
     }};
 };
 
-// A message, and whether it goes to the window or only to its thread.
-using EndingMessage = WithParam<MessageLoop, std::tuple<UINT, bool>>;
 INSTANTIATE_TEST_SUITE_P(Messages, EndingMessage, testing::Combine(testing::Values(0x02, 0x10, 0x12), testing::Bool()));
 
 // Proves: A closing message arrives, for the thread or the window => the loop ends without dispatching it; other messages are dispatched
@@ -642,21 +556,13 @@ TEST_P(EndingMessage, LeavesTheLoopWithoutBeingDispatched)
 {
     const auto [message, isForTheWindow] = GetParam();
     Start();
+    PostMessageW(Dialog(), WM_APP + 1, 0, 0);
+    EXPECT_TRUE(WaitUntil([&] { return testing::Value(dispatched_.Get(), Contains(UINT{WM_APP + 1})); }));
     EXPECT_NE(
         isForTheWindow ? PostMessageW(Dialog(), message, 0, 0) : PostThreadMessageW(window_.threadId, message, 0, 0),
         FALSE);
     EXPECT_TRUE(ThreadEnds());
     EXPECT_THAT(dispatched_.Get(), Not(Contains(message)));
-}
-
-TEST_F(MessageLoop, DispatchesOtherMessagesAndGoesOn)
-{
-    Start();
-    PostMessageW(Dialog(), WM_APP + 1, 0, 0);
-    PostMessageW(Dialog(), WM_APP + 2, 0, 0);
-    EXPECT_TRUE(WaitUntil([&] { return testing::Value(dispatched_.Get(), Contains(UINT{WM_APP + 2})); }));
-    EXPECT_THAT(dispatched_.Get(), Contains(UINT{WM_APP + 1}));
-    EXPECT_NE(IsWindow(Dialog()), FALSE);
 }
 
 TEST_F(StatusWindowTest, StopFlagAloneEndsTheLoopAfterTheNextMessage)
