@@ -204,7 +204,7 @@ TEST_F(WaitForAsyncOnce, ComponentRefusesEarlyResultsAndAnotherHandler)
     lab::TheKept().pop_back();  // its reference is released below
     HandlerThatIsNotAgile unwilling;
     component::IInspectable* result = nullptr;
-    auto* const operation = Removal(Ends(lab::Completion::kLater));
+    auto* const operation = Removal(Ends(lab::Completion::kInside));
     EXPECT_EQ(operation->GetResults(&result), static_cast<HRESULT>(0x8000000E));
     EXPECT_EQ(operation->put_Completed(&unwilling), static_cast<HRESULT>(0x8000001C));
     EXPECT_EQ(operation->put_Completed(agile), S_OK);
