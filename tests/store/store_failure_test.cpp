@@ -1,20 +1,10 @@
 // What goes wrong in a query, removal or installation: each call of the Windows Runtime in tables.
-#include <windows.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "store/store_install.h"
 #include "store/store_packages.h"
 #include "store/winrt_runtime.h"
 #include "support/store_test.h"
 #include "support/system_text.h"
-
-using testing::AllOf;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::StartsWith;
+#include "support/test.h"
 
 namespace repair
 {
@@ -150,8 +140,8 @@ TEST_P(StoreWithoutAnObject, IsAFailureWithoutACrash)
 {
     runtime_.AnswerEveryClass(GetParam().method, {});
     EXPECT_EQ(Run(), Given(kNoObject));
-    EXPECT_THAT(log_.Lines(),
-                ElementsAre(AllOf(StartsWith(GetParam().operation.before), EndsWith(GetParam().operation.after))));
+    EXPECT_THAT(log_.Lines(), ElementsAre(AllOf(StartsWith(GetParam().operation.before),
+                                                testing::EndsWith(GetParam().operation.after))));
 }
 
 // A call that fails for the first of two packages.

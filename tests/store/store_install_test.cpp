@@ -1,14 +1,7 @@
 // What an installation tells the Store. The cases show the whole of it, and what the Store may answer.
-#include <windows.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "store/store_install.h"
 #include "support/store_test.h"
-
-using testing::Contains;
-using testing::IsEmpty;
+#include "support/test.h"
 
 namespace repair
 {

@@ -1,22 +1,11 @@
 // Which packages and versions count, and how the package manager is reached. The cases show a whole query and removal.
-#include <windows.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <thread>
 
 #include "store/store_packages.h"
 #include "support/store_test.h"
 #include "support/system_text.h"
-
-using testing::AllOf;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::IsEmpty;
-using testing::StartsWith;
+#include "support/test.h"
 
 namespace repair
 {
@@ -36,69 +25,41 @@ std::wstring Query()
            std::to_wstring(version.Build) + L"." + std::to_wstring(version.Revision);
 }
 
-struct Name
-{
-    std::wstring text;
-    bool matches;
-};
-
-void PrintTo(const Name& name, std::ostream* stream)
-{
-    *stream << testing::PrintToString(name.text);
-}
-
-class MatchesStorePackageTest : public testing::TestWithParam<Name>
-{
-};
-INSTANTIATE_TEST_SUITE_P(Names, MatchesStorePackageTest,
-                         testing::Values(Name{L"TavikSystemsInc-2.8F31D07A2B6E4", true},
-                                         Name{L"TavikSystemsInc-2.TavikCorvelSoftware", true},
-                                         Name{L"taviksystemsinc-2.8f31d07a2b6e4_1.2.3.4_x64__q", true},
-                                         Name{L"XX.TAVIKSYSTEMSINC-2.TAVIKCORVELSOFTWARE.Longer", true},
-                                         Name{L"", false}, Name{L"TavikSystemsInc-2.8F31D07A2B6E", false},
-                                         Name{L"TavikSystemsInc-2", false},
-                                         Name{L"TavikSystemsInc_2.TavikCorvelSoftware", false},
-                                         Name{L"TavikCorvelSoftware", false}));
-
 // Proves: A full name contains either name anywhere, in any letter case => it is the application
-TEST_P(MatchesStorePackageTest, ByEitherNameAnywhereInAnyLetterCase)
+TEST(MatchesStorePackageTest, ByEitherNameAnywhereInAnyLetterCase)
 {
-    EXPECT_EQ(MatchesStorePackage(GetParam().text), GetParam().matches);
+    for (const wchar_t* name :
+         {L"TavikSystemsInc-2.8F31D07A2B6E4", L"TavikSystemsInc-2.TavikCorvelSoftware",
+          L"taviksystemsinc-2.8f31d07a2b6e4_1.2.3.4_x64__q", L"XX.TAVIKSYSTEMSINC-2.TAVIKCORVELSOFTWARE.Longer"})
+    {
+        EXPECT_TRUE(MatchesStorePackage(name)) << PrintToString(name);
+    }
+    for (const wchar_t* name : {L"", L"TavikSystemsInc-2.8F31D07A2B6E", L"TavikSystemsInc-2",
+                                L"TavikSystemsInc_2.TavikCorvelSoftware", L"TavikCorvelSoftware"})
+    {
+        EXPECT_FALSE(MatchesStorePackage(name)) << PrintToString(name);
+    }
 }
 
-struct Pair
-{
-    component::PackageVersion a;
-    component::PackageVersion b;
-    const wchar_t* highest;
-};
-
-void PrintTo(const Pair& pair, std::ostream* stream)
-{
-    *stream << testing::PrintToString(std::wstring(pair.highest));
-}
-
-using VersionOrder = StoreTestOf<Pair>;
-INSTANTIATE_TEST_SUITE_P(Pairs, VersionOrder,
-                         testing::Values(Pair{{1, 10, 0, 0}, {1, 9, 5, 0}, L"1.10.0.0"},
-                                         Pair{{2, 0, 0, 0}, {1, 65535, 65535, 65535}, L"2.0.0.0"},
-                                         Pair{{1, 2, 0, 0}, {1, 1, 65535, 65535}, L"1.2.0.0"},
-                                         Pair{{1, 1, 2, 0}, {1, 1, 1, 65535}, L"1.1.2.0"},
-                                         Pair{{1, 1, 1, 2}, {1, 1, 1, 1}, L"1.1.1.2"},
-                                         Pair{{40000, 0, 0, 0}, {30000, 1, 1, 1}, L"40000.0.0.0"}));
-
-// Proves: Two usable versions, 1.10.0.0 and 1.9.5.0 => each is logged; the highest by numbers counts, in any position
 // Own process: the functions of the Windows Runtime are looked up once in a process.
-TEST_P(VersionOrder, DoesNotDependOnTheOrderOfEnumeration)
+// Proves: Two usable versions, 1.10.0.0 and 1.9.5.0 => each is logged; the highest by numbers counts, in any position
+TEST_F(StorePackages, HighestVersionDoesNotDependOnTheOrderOfEnumeration)
 {
-    runtime_.packages = {{kFirst, GetParam().a}, {kSecond, GetParam().b}};
-    EXPECT_EQ(Query(), GetParam().highest);
-    runtime_.packages = {{kSecond, GetParam().b}, {kFirst, GetParam().a}};
-    EXPECT_EQ(Query(), GetParam().highest);
+    using Version = component::PackageVersion;
+    const std::tuple<Version, Version, const wchar_t*> rows[] = {
+        {{1, 10, 0, 0}, {1, 9, 5, 0}, L"1.10.0.0"},       {{2, 0, 0, 0}, {1, 65535, 65535, 65535}, L"2.0.0.0"},
+        {{1, 2, 0, 0}, {1, 1, 65535, 65535}, L"1.2.0.0"}, {{1, 1, 2, 0}, {1, 1, 1, 65535}, L"1.1.2.0"},
+        {{1, 1, 1, 2}, {1, 1, 1, 1}, L"1.1.1.2"},         {{40000, 0, 0, 0}, {30000, 1, 1, 1}, L"40000.0.0.0"}};
+    for (const auto& [high, low, highest] : rows)
+    {
+        runtime_.packages = {{kFirst, high}, {kSecond, low}};
+        EXPECT_EQ(Query(), highest);
+        runtime_.packages = {{kSecond, low}, {kFirst, high}};
+        EXPECT_EQ(Query(), highest);
+    }
 }
 
 // Proves: The class's factory => is fetched once a process and kept, and only it; threads that race keep one; a failure is not kept
-// Own process: the functions of the Windows Runtime are looked up once in a process.
 TEST_F(StorePackages, FactoryIsFetchedOncePerProcess)
 {
     Query();
@@ -169,8 +130,8 @@ TEST_P(MissingRuntimeFunction, IsAFailureOfTheSearch)
 {
     runtime_.missingFunctions = {GetParam()};
     EXPECT_EQ(Query(), L"0.0.0.0");
-    EXPECT_THAT(log_.Lines(),
-                ElementsAre(AllOf(StartsWith(L"Exception "), EndsWith(L"when searching for UWP version of VLT"))));
+    EXPECT_THAT(log_.Lines(), ElementsAre(AllOf(StartsWith(L"Exception "),
+                                                testing::EndsWith(L"when searching for UWP version of VLT"))));
     EXPECT_THAT(runtime_.Calls(), IsEmpty());
 }
 }  // namespace

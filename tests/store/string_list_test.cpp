@@ -1,14 +1,7 @@
 // The list of Store ids as the Store may read it.
-#include <windows.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "store/string_list.h"
 #include "support/fake_runtime.h"
-
-using testing::ElementsAre;
-using testing::IsEmpty;
+#include "support/test.h"
 
 namespace repair
 {
@@ -44,11 +37,6 @@ protected:
     using View = Reference<component::IStringVectorView>;
     using Iterator = Reference<component::IStringIterator>;
 
-    void Make(const std::vector<std::wstring>& texts)
-    {
-        void* const object = MakeStringList(texts).Release();
-        list_ = static_cast<component::IStringIterable*>(object);
-    }
     View GetView()
     {
         void* view = nullptr;
@@ -71,7 +59,8 @@ protected:
     }
 
     FakeRuntime runtime_;
-    component::IStringIterable* list_ = nullptr;
+    component::IStringIterable* list_ = static_cast<component::IStringIterable*>(
+        static_cast<void*>(MakeStringList({L"one", L"two", L"three"}).Release()));
 };
 
 std::wstring Current(const Reference<component::IStringIterator>& iterator)
@@ -84,15 +73,17 @@ std::wstring Current(const Reference<component::IStringIterator>& iterator)
 // Proves: The list of products is read => at once or later, one by one or together: one entry
 TEST_F(StringListTest, IteratorGivesEachTextAndThenTheEnd)
 {
-    Make({L"one", L"two"});
     const Iterator iterator = First();
     boolean has[2] = {7, 7};
     EXPECT_EQ(iterator.Get()->get_HasCurrent(has), S_OK);
     EXPECT_EQ(has[0], 1);
     EXPECT_EQ(Current(iterator), L"one");
-    EXPECT_EQ(iterator.Get()->MoveNext(has), S_OK);
-    EXPECT_EQ(has[0], 1);
-    EXPECT_EQ(Current(iterator), L"two");
+    for (const wchar_t* text : {L"two", L"three"})
+    {
+        EXPECT_EQ(iterator.Get()->MoveNext(has), S_OK);
+        EXPECT_EQ(has[0], 1);
+        EXPECT_EQ(Current(iterator), text);
+    }
     for (int i = 0; i < 2; ++i)  // the end stays the end
     {
         EXPECT_EQ(iterator.Get()->MoveNext(has), S_OK);
@@ -104,21 +95,11 @@ TEST_F(StringListTest, IteratorGivesEachTextAndThenTheEnd)
     HSTRING text = reinterpret_cast<HSTRING>(&has);
     EXPECT_EQ(iterator.Get()->get_Current(&text), kBounds);
     EXPECT_EQ(text, nullptr);
-}
-
-TEST_F(StringListTest, TwoIteratorsDoNotDisturbEachOther)
-{
-    Make({L"one", L"two"});
-    const Iterator first = First();
-    const Iterator second = First();
-    boolean has = 0;
-    first.Get()->MoveNext(&has);
-    EXPECT_EQ(Current(second), L"one");
+    EXPECT_EQ(Current(First()), L"one");  // each iterator has a place of its own
 }
 
 TEST_F(StringListTest, IteratorAndTextsOutliveTheList)
 {
-    Make({L"one"});
     component::IStringIterator* const iterator = First().Release();
     EXPECT_EQ(list_->Release(), 0u);
     list_ = nullptr;
@@ -128,64 +109,12 @@ TEST_F(StringListTest, IteratorAndTextsOutliveTheList)
     EXPECT_EQ(Take(text), L"one");
 }
 
-TEST_F(StringListTest, IteratorGivesManyAtOnceAndGoesOnAfterThem)
+TEST_F(StringListTest, ManyAreGivenAtOnceFromAnyPlace)
 {
-    Make({L"one", L"two", L"three"});
     const Iterator iterator = First();
     EXPECT_THAT(Many(iterator, 2u), ElementsAre(L"one", L"two"));
     EXPECT_THAT(Many(iterator, 5u), ElementsAre(L"three"));
     EXPECT_THAT(Many(iterator, 5u), IsEmpty());
-    boolean has = 7;
-    iterator.Get()->get_HasCurrent(&has);
-    EXPECT_EQ(has, 0);
-}
-
-TEST_F(StringListTest, ViewGivesSizeAndTextsByIndex)
-{
-    Make({L"one", L"two"});
-    const View view = GetView();
-    UINT32 size = 0;
-    EXPECT_EQ(view.Get()->get_Size(&size), S_OK);
-    EXPECT_EQ(size, 2u);
-    HSTRING texts[2] = {};
-    EXPECT_EQ(view.Get()->GetAt(0, &texts[0]), S_OK);
-    EXPECT_EQ(view.Get()->GetAt(1, &texts[1]), S_OK);
-    EXPECT_EQ(Take(texts[0]), L"one");
-    EXPECT_EQ(Take(texts[1]), L"two");
-    for (const UINT32 index : {2u, 0xFFFFFFFFu})
-    {
-        HSTRING beyond = reinterpret_cast<HSTRING>(&size);
-        EXPECT_EQ(view.Get()->GetAt(index, &beyond), kBounds);
-        EXPECT_EQ(beyond, nullptr);
-    }
-}
-
-TEST_F(StringListTest, ViewFindsTexts)
-{
-    Make({L"one", L"two"});
-    const View view = GetView();
-    struct Case
-    {
-        const wchar_t* text;
-        UINT32 index;
-        boolean found;
-    };
-    for (const Case& wanted : {Case{L"one", 0, 1}, Case{L"two", 1, 1}, Case{L"TWO", 0, 0}, Case{L"", 0, 0}})
-    {
-        const HSTRING text = lab::NewString(wanted.text);
-        UINT32 index = 99;
-        boolean found[2] = {7, 7};
-        EXPECT_EQ(view.Get()->IndexOf(text, &index, found), S_OK);
-        EXPECT_EQ(index, wanted.index);
-        EXPECT_EQ(found[0], wanted.found);
-        EXPECT_EQ(found[1], 7);
-        WindowsDeleteString(text);
-    }
-}
-
-TEST_F(StringListTest, ViewGivesManyFromAnyStart)
-{
-    Make({L"one", L"two", L"three"});
     const View view = GetView();
     EXPECT_THAT(Many(view, 1u, 5u), ElementsAre(L"two", L"three"));
     EXPECT_THAT(Many(view, 0u, 1u), ElementsAre(L"one"));
@@ -193,10 +122,37 @@ TEST_F(StringListTest, ViewGivesManyFromAnyStart)
     EXPECT_THAT(Many(view, 0u, 0u), IsEmpty());
 }
 
-// Proves: The Store asks what kind of object the list is, and keeps it => it is one object behind all its interfaces, counted
-TEST_F(StringListTest, EveryInterfaceLeadsToTheSameIdentity)
+TEST_F(StringListTest, ViewGivesSizeAndTextsByIndexAndFindsThem)
 {
-    Make({L"one"});
+    const View view = GetView();
+    UINT32 size = 0;
+    EXPECT_EQ(view.Get()->get_Size(&size), S_OK);
+    EXPECT_EQ(size, 3u);
+    for (const UINT32 index : {3u, 0xFFFFFFFFu})
+    {
+        HSTRING beyond = reinterpret_cast<HSTRING>(&size);
+        EXPECT_EQ(view.Get()->GetAt(index, &beyond), kBounds);
+        EXPECT_EQ(beyond, nullptr);
+    }
+    const std::tuple<const wchar_t*, UINT32, boolean> rows[] = {
+        {L"one", 0, 1}, {L"two", 1, 1}, {L"three", 2, 1}, {L"TWO", 0, 0}, {L"", 0, 0}};
+    for (const auto& [wanted, place, isThere] : rows)
+    {
+        const HSTRING text = lab::NewString(wanted);
+        UINT32 index = 99;
+        boolean found[2] = {7, 7};
+        EXPECT_EQ(view.Get()->IndexOf(text, &index, found), S_OK);
+        EXPECT_EQ(std::tuple(index, found[0], found[1]), std::tuple(place, isThere, 7));
+        WindowsDeleteString(text);
+        HSTRING there = nullptr;
+        EXPECT_EQ(view.Get()->GetAt(place, &there), S_OK);
+        EXPECT_EQ(Take(there) == wanted, isThere == 1);
+    }
+}
+
+// Proves: The Store asks what kind of object the list is, and keeps it => it is one object behind all its interfaces, counted
+TEST_F(StringListTest, EveryInterfaceLeadsToTheSameIdentityOfBaseTrust)
+{
     const View view = GetView();
     void* identity = nullptr;
     void* ofView = nullptr;
@@ -221,11 +177,7 @@ TEST_F(StringListTest, EveryInterfaceLeadsToTheSameIdentity)
     EXPECT_EQ(list_->QueryInterface(component::IStringIterator::kIid, &other), E_NOINTERFACE);
     EXPECT_EQ(other, nullptr);
     EXPECT_EQ(list_->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
-}
 
-TEST_F(StringListTest, IsAnInspectableObjectOfBaseTrust)
-{
-    Make({L"one"});
     ULONG count = 9;
     GUID* ids = nullptr;
     EXPECT_EQ(list_->GetIids(&count, &ids), S_OK);
@@ -240,7 +192,6 @@ TEST_F(StringListTest, IsAnInspectableObjectOfBaseTrust)
 
 TEST_F(StringListTest, TextsThatCannotBeCopiedAreAFailureAndNoneIsHandedOut)
 {
-    Make({L"one", L"two"});
     const Iterator iterator = First();
     runtime_.failingFunctions["WindowsDuplicateString"] = E_OUTOFMEMORY;
     HSTRING strings[2] = {};

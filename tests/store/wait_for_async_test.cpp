@@ -1,23 +1,13 @@
-#include <windows.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "store/wait_for_async.h"
 #include "support/store_test.h"
+#include "support/test.h"
 
-using testing::Contains;
-using testing::Not;
-
-IMPORTED(CreateEventW)
-IMPORTED(CloseHandle)
-IMPORTED(WaitForSingleObject)
+IMPORTED(CloseHandle, CreateEventW, WaitForSingleObject)
 
 namespace repair
 {
 namespace
 {
-
 using WaitForAsyncOnce = StoreTest;
 
 // A finished wait: the result's error code, or the error thrown.
@@ -99,10 +89,7 @@ TEST_F(WaitForAsyncOnce, FinishedOperationIsNotWaitedFor)
     int events = 0;
     auto* const operation = Removal(Ends(lab::Completion::kBefore));
     SUBSTITUTE(CreateEventW)
-    create([&](SECURITY_ATTRIBUTES*, BOOL, BOOL, const wchar_t*) {
-        ++events;
-        return FailWith(8, HANDLE{nullptr});
-    });
+    create([&](auto...) { return ++events, FailWith(8, HANDLE{nullptr}); });
     EXPECT_EQ(WaitFor(operation).result, 42);
     EXPECT_EQ(events, 0);
     EXPECT_THAT(runtime_.Calls(), Not(Contains(L"DeploymentOperation put_Completed")));
@@ -121,10 +108,7 @@ TEST_F(WaitForAsyncOnce, WaitsOnAnUnnamedManualResetEventWithoutALimitAndClosesI
         {
             return create.Original()(security, manual, set, name);  // of another thread
         }
-        EXPECT_EQ(security, nullptr);
-        EXPECT_EQ(manual, TRUE);
-        EXPECT_EQ(set, FALSE);
-        EXPECT_EQ(name, nullptr);
+        EXPECT_EQ(std::tuple(security, manual, set, name), std::tuple(nullptr, TRUE, FALSE, nullptr));
         made = create.Original()(security, manual, set, name);
         return made;
     });
@@ -217,9 +201,7 @@ TEST_F(WaitForAsyncOnce, WithoutAnEventTheSystemsErrorIsThrown)
 {
     auto* const operation = Removal(Ends(lab::Completion::kInside));
     SUBSTITUTE(CreateEventW)
-    create([&](SECURITY_ATTRIBUTES*, BOOL, BOOL, const wchar_t*) {
-        return FailWith(ERROR_ACCESS_DENIED, HANDLE{nullptr});
-    });
+    create([](auto...) { return FailWith(ERROR_ACCESS_DENIED, HANDLE{nullptr}); });
     EXPECT_EQ(WaitFor(operation).thrown, kDenied);
 }
 

@@ -2,15 +2,13 @@
 
 #include <oleauto.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <new>
 #include <thread>
 
 #include "store/winrt_runtime.h"
 #include "support/fake_runtime.h"
 #include "support/system_text.h"
+#include "support/test.h"
 
 IMPORTED(FormatMessageW, GetModuleHandleW, LoadLibraryExW)
 
@@ -66,43 +64,23 @@ TEST_F(ErrorText, OfTheSystemIsInTheUsersLanguageAndKeepsItsLineBreaks)
     EXPECT_EQ(MessageFor(kDenied), L"one\r\ntwo");
 }
 
-struct ErrorObject
-{
-    const char* name;
-    lab::Answer error;
-    const wchar_t* message;  // null: the system's own text
-};
-
-void PrintTo(const ErrorObject& object, std::ostream* stream)
-{
-    *stream << object.name;
-}
-
-class ErrorObjectText : public testing::TestWithParam<ErrorObject>
-{
-protected:
-    FakeRuntime runtime_;
-};
-INSTANTIATE_TEST_SUITE_P(
-    Objects, ErrorObjectText,
-    testing::Values(
-        ErrorObject{"restricted", {.errorObjectResult = kDenied, .text = L"told \r\n", .hasText = true}, L"told"},
-        ErrorObject{
-            "restricted and empty", {.errorObjectResult = kDenied, .description = L"plain", .hasText = true}, L""},
-        ErrorObject{"without a restricted text", {.errorObjectResult = kDenied, .description = L"plain\n"}, L"plain"},
-        ErrorObject{"for another code", {.errorObjectResult = E_FAIL, .text = L"of another", .hasText = true}, nullptr},
-        ErrorObject{"without details",
-                    {.errorObjectResult = kDenied, .detailsResult = S_FALSE, .description = L"half told"},
-                    nullptr},
-        ErrorObject{"classic", {.isRestricted = false, .description = L"classic \t"}, L"classic"},
-        ErrorObject{"classic and blank", {.isRestricted = false, .description = L" "}, nullptr}));
-
 // Proves: The thread carries an error object for this code => its restricted description, or its plain one, without trailing blanks
-// Own process: the functions of the Windows Runtime are looked up once in a process.
-TEST_P(ErrorObjectText, IsUsedIfItIsAboutThisCode)
+TEST_F(ErrorText, OfAnErrorObjectIsUsedIfItIsAboutThisCode)
 {
-    lab::PutErrorObject(GetParam().error);
-    EXPECT_EQ(MessageFor(kDenied), GetParam().message == nullptr ? SystemText(kDenied) : GetParam().message);
+    const std::wstring ofTheSystem = SystemText(kDenied);
+    const std::pair<lab::Answer, std::wstring> rows[] = {
+        {{.errorObjectResult = kDenied, .text = L"told \r\n", .hasText = true}, L"told"},
+        {{.errorObjectResult = kDenied, .description = L"plain", .hasText = true}, L""},
+        {{.errorObjectResult = kDenied, .description = L"plain\n"}, L"plain"},
+        {{.errorObjectResult = E_FAIL, .text = L"of another", .hasText = true}, ofTheSystem},
+        {{.errorObjectResult = kDenied, .detailsResult = S_FALSE, .description = L"half told"}, ofTheSystem},
+        {{.isRestricted = false, .description = L"classic \t"}, L"classic"},
+        {{.isRestricted = false, .description = L" "}, ofTheSystem}};
+    for (const auto& [error, message] : rows)
+    {
+        lab::PutErrorObject(error);
+        EXPECT_EQ(MessageFor(kDenied), message) << PrintToString(error.text + error.description);
+    }
 }
 
 // Proves: The text was used => the object leaves the thread
@@ -142,9 +120,9 @@ TEST_F(ErrorText, LibraryIsLoadedForAFailureOnly)
         return name != nullptr && std::wstring(name) == L"oleaut32.dll" ? HMODULE{nullptr} : find.Original()(name);
     });
     const RECORD(LoadLibraryExW) loaded;
-    const auto loads = testing::Contains(testing::FieldsAre(L"oleaut32.dll", nullptr, 0x800u));
+    const auto loads = Contains(testing::FieldsAre(L"oleaut32.dll", nullptr, 0x800u));
     DropErrorObject();
-    EXPECT_THAT(loaded.Calls(), testing::Not(loads));
+    EXPECT_THAT(loaded.Calls(), Not(loads));
     MessageFor(kDenied);
     EXPECT_THAT(loaded.Calls(), loads);
 }
