@@ -542,6 +542,7 @@ TEST_F(Download, ThrowsWithoutASessionOrAConnectionAndKeepsOldFiles)
 }
 
 // Proves: The download folder cannot be created => file-system exception before anything is opened
+// Proves: The temporary folder has blanks, other letters, more than 260 characters, or is none
 TEST_F(Download, ThrowsBeforeAnythingIsOpenedWhenItsFolderCannotBeCreated)
 {
     isRecording_ = false;
@@ -549,6 +550,9 @@ TEST_F(Download, ThrowsBeforeAnythingIsOpenedWhenItsFolderCannotBeCreated)
     isRecording_ = true;
     ExpectFileError(FileErrorOf([this] { Run(); }), "create_directories", Folder() + L"\\", 183);
     EXPECT_EQ(Calls(), L"temporary path; log Change server to http://server/f/.; create folder");
+    SUBSTITUTE(GetTempPathW) temporary([](DWORD, wchar_t*) { return FailWith(ERROR_BUSY, DWORD{0}); });
+    SUBSTITUTE(CreateDirectoryW) create([](auto...) { return FailWith(ERROR_ACCESS_DENIED); });
+    ExpectFileError(FileErrorOf([this] { Run(); }), "create_directories", L"Tavik_VLTInstallerDownload\\", 5);
 }
 
 // Proves: An old file is locked, write-protected or a folder => file-system exception "remove", all handles are closed

@@ -5,7 +5,7 @@
 #include "support/temporary_folder.h"
 #include "support/test.h"
 
-IMPORTED(GetFileAttributesW)
+IMPORTED(FindNextFileW, GetFileAttributesW)
 
 namespace repair
 {
@@ -89,12 +89,18 @@ TEST_F(LocalInstaller, IsNotSearchedInTheCurrentDirectory)
 }
 
 // Proves: The folder cannot be listed => file-system error "directory_iterator", nothing is logged
+// Proves: The listing breaks off
 // Proves: The installer's existence cannot be tested => file-system error "exists"
 TEST_F(LocalInstaller, FolderThatCannotBeListedOrExistenceThatCannotBeTestedThrows)
 {
     const LogCapture log;
     ExpectFileError(FileErrorOf([&] { FindLocalInstaller(folder_ / L"missing"); }),
                     "directory_iterator::directory_iterator", folder_ / L"missing", 3);
+    {
+        SUBSTITUTE(FindNextFileW) next([](auto...) { return FailWith(ERROR_DEV_NOT_EXIST); });
+        ExpectFileError(FileErrorOf([&] { FindLocalInstaller(folder_.Path()); }), "directory_iterator::operator++",
+                        folder_.Path(), 55);
+    }
     Create(L"B1\\DWX2_Install.exe");
     const std::wstring installer = folder_ / L"B1\\DWX2_Install.exe";
     SUBSTITUTE(GetFileAttributesW)

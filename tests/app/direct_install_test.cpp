@@ -1,11 +1,12 @@
 #include <atomic>
+#include <exception>
 
 #include "app/direct_install.h"
 #include "app/switches.h"
 #include "base/registry.h"
 #include "support/app_test.h"
 
-IMPORTED(PostThreadMessageW, RegCloseKey, RegCreateKeyExW, RegSetValueExW, SetDlgItemTextW, ShowWindow)
+IMPORTED(PostThreadMessageW, RegCloseKey, RegCreateKeyExW, RegSetValueExW, SetDlgItemTextW, ShowWindow, WriteFile)
 
 namespace repair
 {
@@ -149,7 +150,6 @@ TEST_F(DirectInstall, ExceptionIsLoggedAndShownEvenWhenSilentAndGivesMinusOne)
 TEST_F(DirectInstall, MarkerKeyIsCreatedInTheOwnViewWithDefaultSecurityAndClosed)
 {
     HKEY created = nullptr;
-    int closed = 0;
     SUBSTITUTE(RegCreateKeyExW)
     create([&](HKEY root, const wchar_t* path, DWORD reserved, wchar_t* name, DWORD options, REGSAM access,
                const SECURITY_ATTRIBUTES* security, HKEY* key, DWORD* disposition) {
@@ -173,31 +173,50 @@ TEST_F(DirectInstall, MarkerKeyIsCreatedInTheOwnViewWithDefaultSecurityAndClosed
     close([&](HKEY key) {
         if (key != nullptr && key == created)
         {
-            ++closed;
+            machine_.steps.push_back(L"close");
             created = nullptr;  // the next key may get the same number
         }
         return close.Original()(key);
     });
     ExpectInstall("4:4:1");
-    EXPECT_EQ(closed, 1);
+    EXPECT_EQ(machine_.steps.rbegin()[2], L"close");  // before the application starts
+    EXPECT_THAT(machine_.steps, Contains(L"close").Times(1));
 }
 
 // Proves: The marker's key cannot be created => one line in the log, the application is started, exit code 0
 // Proves: The marker cannot be written => the same
 TEST_F(DirectInstall, MarkerThatCannotBeWrittenIsOneLineAndTheApplicationStarts)
 {
-    const auto expectOneLine = [this] {
+    std::vector<std::string> errors;  // that are handled while something is written
+    SUBSTITUTE(WriteFile)
+    write([&](auto... arguments) {
+        try
+        {
+            if (const std::exception_ptr handled = std::current_exception())
+            {
+                std::rethrow_exception(handled);
+            }
+        }
+        catch (const RegKeyError& error)
+        {
+            errors.push_back(error.what());
+        }
+        return write.Original()(arguments...);
+    });
+    const auto expectOneLine = [&](const std::string& error) {
         ExpectInstall("");
         EXPECT_THAT(lines_, Contains(L"Unable to create VLTUWPReplaced registry key SOFTWARE\\Orrel "
                                      L"Technologies\\Install\\")
                                 .Times(1));
+        const std::string text = error + ": " + std::system_category().message(5);
+        EXPECT_THAT(std::exchange(errors, {}), ElementsAre(text, text));  // a line is two writes
     };
     {
-        SUBSTITUTE(RegCreateKeyExW) create([](auto...) { return LSTATUS{5}; });
-        expectOneLine();
+        SUBSTITUTE(RegCreateKeyExW) create([](auto...) { return FailWith(ERROR_BUSY, LSTATUS{5}); });
+        expectOneLine("Unable to get create registry key");
     }
-    SUBSTITUTE(RegSetValueExW) set([](auto...) { return LSTATUS{5}; });
-    expectOneLine();
+    SUBSTITUTE(RegSetValueExW) set([](auto...) { return FailWith(ERROR_BUSY, LSTATUS{5}); });
+    expectOneLine("Unable to write to registry for value = VLTUWPReplaced data = 1.");
 }
 
 // Proves: The application's key or its location is missing => the registry error gets out and ends the process with code 3, after everything before was done
@@ -227,6 +246,7 @@ protected:
     SUBSTITUTE(PostThreadMessageW)
     post_{[this](DWORD thread, UINT message, WPARAM first, LPARAM second) {
         stops_ += message == WM_CLOSE ? 1 : 0;
+        machine_.steps.push_back(L"stop");
         return post_.Original()(thread, message, first, second);
     }};
 };
@@ -254,6 +274,9 @@ TEST_F(DirectInstallWindow, IsShownEvenWhenSilentAndSaysInstallingAndIsStopped)
     EXPECT_EQ(shown_, 2);  // picture and dialog
     EXPECT_EQ(hidden_, 0);
     EXPECT_EQ(stops_, 1);
+    ASSERT_GE(machine_.steps.size(), 3u);
+    EXPECT_EQ(machine_.steps.rbegin()[2], L"run C:\\HL\\CorvelSoftware.exe |  | -");
+    EXPECT_EQ(machine_.steps.back(), L"stop");
 }
 
 TEST_F(DirectInstallWindow, IsHiddenBeforeTheFailureBoxAndStoppedAfterIt)

@@ -77,9 +77,11 @@ TEST(CreateDirectories, OnlyMissingFoldersAreCreatedOutermostFirst)
     const TemporaryFolder folder;
     folder.CreateFolder(L"a");
     const RECORD(CreateDirectoryW) created;
+    const RECORD(CreateFileW) opened;
     CreateDirectories(folder / L"a\\b\\c\\");
     EXPECT_THAT(created.Calls(),
                 ElementsAre(std::tuple(folder / L"a\\b", nullptr), std::tuple(folder / L"a\\b\\c", nullptr)));
+    EXPECT_THAT(opened.Calls(), testing::IsEmpty());  // only links are opened
 }
 
 // Proves: Creating fails => an error that names operation, path and the system's code
@@ -277,17 +279,25 @@ TEST(RemoveAll, FileInsideThatCannotBeRemovedIsNamedAndEarlierRemovalsStay)
 TEST(RemoveAll, RemovesWriteProtectedFilesAndFolders)
 {
     const TemporaryFolder folder;
-    folder.CreateFolder(L"tree\\sub");
-    for (const wchar_t* name : {L"tree\\sub\\file", L"tree\\sub", L"tree"})
+    for (const DWORD attribute : {0x1u, 0x80u})  // write-protected, normal
     {
-        if (!IsThere(folder / name))
-        {
-            folder.WriteBytes(name, "x");
-        }
-        SetFileAttributesW((folder / name).c_str(), FILE_ATTRIBUTE_READONLY);
+        folder.CreateFolder(L"tree\\sub");
+        folder.WriteBytes(L"tree\\sub\\file", "x");
+        const auto set = [&](const wchar_t* name, DWORD rights, DWORD share) {
+            SetFileAttributesW((folder / name).c_str(), attribute);
+            // Wine has no write-protected folders. What is write-protected is opened for changing its attributes.
+            const bool isProtected = (GetFileAttributesW((folder / name).c_str()) & FILE_ATTRIBUTE_READONLY) != 0;
+            const DWORD more = isProtected ? DWORD{FILE_WRITE_ATTRIBUTES} : 0;
+            return std::tuple(folder / name, rights | more, share, nullptr, 3u, 0x02200000u, nullptr);
+        };
+        const auto file = set(L"tree\\sub\\file", 0x10080, 7);
+        const auto inner = set(L"tree\\sub", 0x110081, 3);
+        const auto tree = set(L"tree", 0x110081, 3);
+        const RECORD(CreateFileW) opened;
+        RemoveAll(folder / L"tree");
+        EXPECT_THAT(opened.Calls(), ElementsAre(tree, inner, file));
+        EXPECT_FALSE(IsThere(folder / L"tree"));
     }
-    RemoveAll(folder / L"tree");
-    EXPECT_FALSE(IsThere(folder / L"tree"));
 }
 
 TEST(RemoveAll, FileThatIsDeletedButStillOpenElsewhereIsAnErrorInsteadOfAnEndlessLoop)

@@ -76,18 +76,24 @@ TEST_F(StopComponents, KillsWhenTheCommandToolIsMissing)
     EXPECT_THAT(log_.Lines()[0], StartsWith(L"Launching process C:\\HL\\hlcmd.exe exit failed. Error code = 2"));
 }
 
-// Proves: taskkill is looked for => in the system's folder; its parameters begin with a blank and quote the name
+// Proves: taskkill is looked for => in the system's folder, whose result is not checked; its parameters begin with a blank and quote the name
 TEST_F(StopComponents, RunsTheTaskkillOfTheSystemDirectory)
 {
+    std::wstring folder;
     SUBSTITUTE(GetSystemDirectoryW)
-    systemDirectory([](wchar_t* buffer, UINT characters) {
+    systemDirectory([&](wchar_t* buffer, UINT characters) {
         EXPECT_EQ(characters, 260u);
         EXPECT_EQ(std::wstring(buffer, 260), std::wstring(260, L'\0'));
-        wcscpy(buffer, L"D:\\");  // joined as a path: no second backslash
-        return UINT{3};
+        folder.copy(buffer, folder.size());
+        return static_cast<UINT>(folder.size());  // 0 is the call's failure
     });
-    StopRunningComponents();
-    EXPECT_EQ(machine_.StepsOf(L"run").front(), L"run D:\\taskkill.exe |  /IM \"hlcmd.exe\" /F | -");
+    for (const wchar_t* name : {L"D:\\", L""})  // joined as a path: no second backslash
+    {
+        folder = name;
+        machine_.steps.clear();
+        StopRunningComponents();
+        EXPECT_EQ(machine_.StepsOf(L"run").front(), L"run " + folder + L"taskkill.exe |  /IM \"hlcmd.exe\" /F | -");
+    }
 }
 }  // namespace
 }  // namespace repair

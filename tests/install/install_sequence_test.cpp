@@ -273,6 +273,15 @@ TEST_F(InstallSequence, GuardTurnsAnExceptionIntoALineAndMinusOne)
     EXPECT_THAT(machine_.StepsOf(L"run"), IsEmpty());
 }
 
+// Proves: The temporary folder has blanks, other letters, more than 260 characters, or is none
+TEST_F(InstallSequence, WithoutATemporaryFolderTheInstallerWouldUnpackBelowTheCurrentOne)
+{
+    SUBSTITUTE(GetTempPathW) temporary([](DWORD, wchar_t*) { return FailWith(ERROR_BUSY, DWORD{0}); });
+    SUBSTITUTE(CreateDirectoryW) create([](auto...) { return FailWith(ERROR_ACCESS_DENIED); });
+    ExpectFileError(FileErrorOf([] { RunInstallSequence(HeldInstaller(L"C:\\i.exe"), false); }), "create_directories",
+                    L"Tavik_VLTInstallerDownload", 5);
+}
+
 // Proves: An exception that is not a standard one => passes the guard
 TEST_F(InstallSequence, GuardLetsOtherExceptionsThrough)
 {

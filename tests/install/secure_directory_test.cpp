@@ -29,6 +29,7 @@ using SeenEntry = std::tuple<DWORD, int, DWORD, int, int, std::wstring>;
 struct Failures
 {
     DWORD entries = 0;
+    DWORD memory = 0;
     DWORD descriptor = 0;
     DWORD list = 0;
     DWORD control = 0;
@@ -124,12 +125,18 @@ protected:
         }
         if (failures_.entries != 0)
         {
-            return FailWith(failures_.entries, failures_.entries);
+            return FailWith(failures_.entries, DWORD{ERROR_INVALID_PARAMETER});  // the last error is what counts
         }
         list_ = static_cast<ACL*>(LocalAlloc(LPTR, sizeof(ACL)));
         InitializeAcl(list_, sizeof(ACL), ACL_REVISION);
         *list = list_;
         return DWORD{ERROR_SUCCESS};
+    }};
+    SUBSTITUTE(LocalAlloc)
+    allocate_{[this](UINT flags, SIZE_T bytes) {
+        const bool isDescriptor = bytes == SECURITY_DESCRIPTOR_MIN_LENGTH;
+        return isDescriptor && failures_.memory != 0 ? FailWith(failures_.memory, HLOCAL{nullptr})
+                                                     : allocate_.Original()(flags, bytes);
     }};
     SUBSTITUTE(InitializeSecurityDescriptor)
     descriptor_{[this](void* descriptor, DWORD revision) {
@@ -169,6 +176,10 @@ protected:
             EXPECT_EQ(LocalSize(security->lpSecurityDescriptor), 40u);
             EXPECT_NE(GetSecurityDescriptorDacl(security->lpSecurityDescriptor, &present, &list, &defaulted), FALSE);
             EXPECT_EQ(std::tuple(present, defaulted, list), std::tuple(TRUE, FALSE, list_));
+            SECURITY_DESCRIPTOR_CONTROL control = 0;
+            DWORD revision = 0;
+            EXPECT_NE(GetSecurityDescriptorControl(security->lpSecurityDescriptor, &control, &revision), FALSE);
+            EXPECT_EQ(std::pair(control & (SE_DACL_PRESENT | SE_DACL_PROTECTED), revision), std::pair(0x1004, 1ul));
             PSID owner = nullptr;
             EXPECT_NE(GetSecurityDescriptorOwner(security->lpSecurityDescriptor, &owner, &defaulted), FALSE);
             const bool isAdministrators =
@@ -406,6 +417,7 @@ using SecureDirectoryFailure = WithParam<SecureDirectoryTest, FailedCall>;
 INSTANTIATE_TEST_SUITE_P(
     All, SecureDirectoryFailure,
     testing::Values(FailedCall{&Failures::entries, {"entries"}, true},
+                    FailedCall{&Failures::memory, {"entries"}, true},
                     FailedCall{&Failures::descriptor, {"entries"}, true},
                     FailedCall{&Failures::list, {"entries"}, true}, FailedCall{&Failures::control, {"entries"}, true},
                     FailedCall{&Failures::folder, {"entries", "secured folder", "secured folder"}, false}));

@@ -6,8 +6,8 @@
 #include "support/test.h"
 
 IMPORTED(CreateDialogParamW, CreateFontW, CreateWindowExW, DeleteObject, DispatchMessageW, GetMessageW,
-         GetModuleHandleW, GetProcAddress, InvalidateRect, PostThreadMessageW, ReleaseCapture, SendMessageW, SetCursor,
-         SetDlgItemTextW, SetThreadErrorMode, SetTimer, ShowWindow, Sleep)
+         GetDC, GetModuleHandleW, GetProcAddress, InvalidateRect, PostThreadMessageW, ReleaseCapture,
+         SendDlgItemMessageW, SendMessageW, SetCursor, SetDlgItemTextW, SetThreadErrorMode, SetTimer, ShowWindow, Sleep)
 
 namespace repair
 {
@@ -139,6 +139,7 @@ TEST_F(StatusWindowTest, PictureFillsTheClientAreaBehindEverything)
     const auto size = SizeOf(Dialog());
     EXPECT_EQ(SizeOf(Background()), size);
     EXPECT_NE(SendMessageW(Background(), STM_GETIMAGE, IMAGE_BITMAP, 0), 0);
+    EXPECT_EQ(GetWindow(Background(), GW_HWNDLAST), Background());  // the lowest of all controls
     EXPECT_THAT(created.Calls(), ElementsAre(std::tuple(0u, L"STATIC", L"", 0x4000004Eu, 0, 0, size.first, size.second,
                                                         Dialog(), nullptr, instance_, nullptr)));
     StopStatusWindow(window_);
@@ -148,20 +149,25 @@ TEST_F(StatusWindowTest, PictureFillsTheClientAreaBehindEverything)
 // Proves: The window ends => the larger font is deleted
 TEST_F(StatusWindowTest, HeadingHasTwentyPointsDotsAndMarkHaveTwelve)
 {
+    const RECORD(CreateFontW) fonts;
+    const RECORD(GetDC) contexts;
+    const RECORD(SendDlgItemMessageW) sent;
     Start();
+    EXPECT_THAT(contexts.Calls(), Contains(std::tuple(Control(1013))));
     const HDC context = GetDC(Control(1013));
     const int dotsPerInch = GetDeviceCaps(context, LOGPIXELSY);
     ReleaseDC(Control(1013), context);
-    const LOGFONTW heading = FontOf(1013);
-    const LOGFONTW dots = FontOf(1005);
-    EXPECT_EQ(heading.lfHeight, -MulDiv(20, dotsPerInch, 72));
-    EXPECT_EQ(dots.lfHeight, -MulDiv(12, dotsPerInch, 72));
-    for (const LOGFONTW& font : {heading, dots})
-    {
-        EXPECT_STREQ(font.lfFaceName, L"Segoe UI");
-        EXPECT_EQ(std::tuple(font.lfWeight, font.lfWidth), std::tuple(400, 0));
-        EXPECT_EQ(std::tuple(font.lfItalic, font.lfUnderline, font.lfCharSet, font.lfQuality), std::tuple(0, 0, 0, 0));
-    }
+    const auto font = [&](int points) {
+        return std::tuple(-MulDiv(points, dotsPerInch, 72), 0, 0, 0, 400, 0u, 0u, 0u, 0u, 0u, 0u, 0u, 0u, L"Segoe UI");
+    };
+    EXPECT_THAT(fonts.Calls(), ElementsAre(font(20), font(12)));
+    EXPECT_EQ(FontOf(1013).lfHeight, -MulDiv(20, dotsPerInch, 72));
+    EXPECT_EQ(FontOf(1005).lfHeight, -MulDiv(12, dotsPerInch, 72));
+    const auto setFont = [this](int id) {
+        const LRESULT set = SendMessageW(Control(id), WM_GETFONT, 0, 0);
+        return std::tuple(Dialog(), id, 0x30u, static_cast<WPARAM>(set), LPARAM{1});  // and paint
+    };
+    EXPECT_THAT(sent.Calls(), ElementsAre(setFont(1013), setFont(1005), setFont(1014)));
     EXPECT_EQ(SendMessageW(Control(1005), WM_GETFONT, 0, 0), SendMessageW(Control(1014), WM_GETFONT, 0, 0));
     EXPECT_STREQ(FontOf(1004).lfFaceName, L"Segoe MDL2 Assets");  // the template's
     EXPECT_EQ(FontOf(1004).lfWeight, 400);
