@@ -92,7 +92,7 @@ TEST_F(StopComponents, RunsTheTaskkillOfTheSystemDirectory)
         folder = name;
         machine_.steps.clear();
         StopRunningComponents();
-        EXPECT_EQ(machine_.StepsOf(L"run").front(), L"run " + folder + L"taskkill.exe |  /IM \"hlcmd.exe\" /F | -");
+        EXPECT_THAT(machine_.steps, Contains(L"run " + folder + L"taskkill.exe |  /IM \"hlcmd.exe\" /F | -"));
     }
 }
 }  // namespace

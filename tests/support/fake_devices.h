@@ -73,6 +73,7 @@ private:
     {
         if (!text || error != 0)
         {
+            EXPECT_EQ(bytes, 0u);  // no size was given
             return FailWith(error);
         }
         const DWORD size = static_cast<DWORD>((text->size() + 1) * sizeof(wchar_t));

@@ -5,9 +5,9 @@
 
 #include "support/test.h"
 
-IMPORTED(CreateDialogParamW, CreateFontW, CreateWindowExW, DeleteObject, DispatchMessageW, GetMessageW,
-         GetDC, GetModuleHandleW, GetProcAddress, InvalidateRect, PostThreadMessageW, ReleaseCapture,
-         SendDlgItemMessageW, SendMessageW, SetCursor, SetDlgItemTextW, SetThreadErrorMode, SetTimer, ShowWindow, Sleep)
+IMPORTED(CreateDialogParamW, CreateFontW, CreateWindowExW, DeleteObject, DispatchMessageW, GetMessageW, GetDC,
+         GetModuleHandleW, GetProcAddress, InvalidateRect, PostThreadMessageW, ReleaseCapture, SendDlgItemMessageW,
+         SendMessageW, SetCursor, SetDlgItemTextW, SetThreadErrorMode, SetTimer, ShowWindow, Sleep)
 
 namespace repair
 {
