@@ -40,6 +40,9 @@ TEST(Exists, ObjectOfAnyTypeAndNothingElse)
     {
         EXPECT_FALSE(Exists(path)) << PrintToString(path);
     }
+    EXPECT_TRUE(FileExists(file));
+    EXPECT_FALSE(FileExists(folder.Path()));
+    EXPECT_FALSE(FileExists(folder / L"missing"));
 }
 
 TEST(Exists, AbsenceIsAnAnswerAndEveryOtherCodeAnError)
