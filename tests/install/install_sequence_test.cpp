@@ -250,6 +250,33 @@ TEST_F(InstallSequence, FolderAboveIsHeldFromThePreparationUntilTheInstallerHasE
     EXPECT_TRUE(canBeRenamed());
 }
 
+// Proves: Another program tries to replace the installer while it unpacks
+TEST_F(InstallSequence, InstallerIsHeldWhileTheOldFolderIsEmptiedAndWhileItRuns)
+{
+    CreateDirectories(machine_.ExtractionFolder());
+    const std::wstring installer = machine_.Folder().WriteBytes(L"setup.exe", "x");
+    std::vector<bool> attempts;
+    const auto attempt = [&] {
+        attempts.push_back(MoveFileW(installer.c_str(), (installer + L".away").c_str()) != FALSE);
+    };
+    machine_.onRun = attempt;
+    {
+        SUBSTITUTE(CreateDirectoryW)
+        create([&](const wchar_t* path, SECURITY_ATTRIBUTES* security) {
+            attempt();
+            return create.Original()(path, security);
+        });
+        EXPECT_EQ(RunInstallSequence(HeldInstaller(installer), false), 2);
+    }
+    EXPECT_THAT(attempts, AllOf(SizeIs(testing::Ge(2u)), Each(false)));
+    machine_.EndProcess();
+    attempts.clear();
+    HeldInstaller notHeldYet;
+    notHeldYet.path = installer;
+    EXPECT_EQ(RunInstallSequence(std::move(notHeldYet), false), 2);
+    EXPECT_THAT(attempts, ElementsAre(false));
+}
+
 // Proves: The installer is inside the extraction folder => it is removed with it, and its start fails
 TEST_F(InstallSequence, InstallerInTheExtractionFolderGoesWithIt)
 {

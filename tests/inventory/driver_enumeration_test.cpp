@@ -96,7 +96,8 @@ TEST_F(DriverEnumeration, LogsCodesOfSetupApiAsHresults)
     {
         DWORD code, result;
         const wchar_t* decimal;
-    } const codes[] = {{5, 0x80070005, L"-2147024891"},
+    } const codes[] = {{1, 0x80070001, L"-2147024895"},
+                       {5, 0x80070005, L"-2147024891"},
                        {0x0001000D, 0x8007000D, L"-2147024883"},
                        {0, 0, L"0"},
                        {0xE000020B, 0x800F020B, L"-2146500085"},

@@ -154,6 +154,12 @@ TEST_F(InfTest, HeaderIsFoundWhereverTheReadingBlocksEnd)
                 << offset;
         }
     }
+    std::string text;  // a header at every distance from the one before, and nothing else for a while
+    for (size_t distance = 0; distance < 1200; ++distance)
+    {
+        text += std::string(distance, 'x') + "\n[near]\n" + std::string(1200, 'y') + "\n[far]\n";
+    }
+    EXPECT_THAT(SectionsOf(text), SizeIs(2400));
 }
 
 // The reference: reads a wide text stream line by line and matches the expression.
