@@ -416,8 +416,7 @@ struct FailedCall
 using SecureDirectoryFailure = WithParam<SecureDirectoryTest, FailedCall>;
 INSTANTIATE_TEST_SUITE_P(
     All, SecureDirectoryFailure,
-    testing::Values(FailedCall{&Failures::entries, {"entries"}, true},
-                    FailedCall{&Failures::memory, {"entries"}, true},
+    testing::Values(FailedCall{&Failures::entries, {"entries"}, true}, FailedCall{&Failures::memory, {"entries"}, true},
                     FailedCall{&Failures::descriptor, {"entries"}, true},
                     FailedCall{&Failures::list, {"entries"}, true}, FailedCall{&Failures::control, {"entries"}, true},
                     FailedCall{&Failures::folder, {"entries", "secured folder", "secured folder"}, false}));
