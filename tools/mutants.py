@@ -139,9 +139,9 @@ class Linker:
     def link(self, program: str, mutant: Mutant, folder: Path) -> Path:
         file = f"src/{mutant.file}"
         if program == "unit_tests" and file == "src/app/main.cpp":
-            file = "tests/app/process_entry_test.cpp"  # includes the process entry
+            file = next(one for one in self.compilers if one.endswith("unit_tests.dir/Unity/unity_app_cxx.cxx"))[len(f"{TOP}/"):]  # includes it
             self.object(file, (TOP / file).read_text("utf-8"), folder)
-        command = [word for word in self.links[program] if not word.endswith(f"{file.partition('/')[2]}.obj")]
+        command = [word for word in self.links[program] if not word.endswith(f"/{Path(file).name}.obj")]
         output = command.index("-o") + 1
         command[output] = str(folder / f"{program}.exe")
         if not self.call([*command[:output + 1], str(folder / f"{file}.obj"), *command[output + 1:]]):
