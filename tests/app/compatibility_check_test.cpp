@@ -57,6 +57,15 @@ TEST(SameRelease, ByTheWholeTextOrByFiveCharactersInAnyLetterCase)
     }
 }
 
+TEST(ReleasePrefix, IsTheFirstFiveCharacters)
+{
+    EXPECT_EQ(ReleasePrefix(L"24.20.11.01"), L"24.20");
+    EXPECT_EQ(ReleasePrefix(L"24.20"), L"24.20");
+    EXPECT_EQ(ReleasePrefix(L"24.2"), L"24.2");
+    EXPECT_EQ(ReleasePrefix(L""), L"");
+    EXPECT_EQ(ReleasePrefix(L"4.2.20"), L"4.2.2");
+}
+
 constexpr wchar_t kEventName[] = L"Tavik_Software_Repair_Tool_Mutex";
 constexpr wchar_t kSameReleaseLine[] =
     L"Currently installed version of VLT is from the same release as the active driver.";

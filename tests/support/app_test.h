@@ -1,6 +1,7 @@
 // Fixture of the flows: a machine on which nothing is really installed, with devices, a Store and recorded boxes.
 #pragma once
 
+#include "app/switches.h"
 #include "support/box_recorder.h"
 #include "support/fake_devices.h"
 #include "support/fake_machine.h"
@@ -24,6 +25,7 @@ protected:
     AppTest()
     {
         boxes_.onBox = [this] { order_.push_back("box"); };
+        Silent = false;  // another test of this process may have set it
     }
 
     // Runs the flow as a new process would; afterwards the lines contain only those of the flow.
