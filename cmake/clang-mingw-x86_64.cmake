@@ -2,7 +2,7 @@
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 
-# Clang searches the GCC files in a folder named after a plain version number and does not find Debian's "12-posix", so a tree of
+# Clang searches the GCC files in a folder named after a plain version number and does not find Debian's "12-posix" or "14-posix", so a tree of
 # links has such a folder.
 set(sysroot ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot)
 cmake_path(NORMAL_PATH sysroot)

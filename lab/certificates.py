@@ -1,42 +1,57 @@
 """The lab's own certificate authority, which its machines trust, and server certificates good and bad."""
 from __future__ import annotations
 
+import datetime
 import fcntl
 import hashlib
 import pathlib
 import struct
 
+from cryptography import x509
+from cryptography.hazmat.primitives import hashes, serialization
+from cryptography.hazmat.primitives.asymmetric import ec
+from cryptography.x509.oid import ExtendedKeyUsageOID, NameOID
+
 from lab import paths
-from lab.children import command
 
 HOST = "download.tavik.example"
 # name -> (host, days valid, signed by)
-SERVERS = {"good": (HOST, 3650, "ca"), "wrong-host": ("other.example", 3650, "ca"), "expired": (HOST, 1, "ca"),
+SERVERS = {"good": (HOST, 3650, "ca"), "wrong-host": ("other.example", 3650, "ca"), "expired": (HOST, -1, "ca"),
            "unknown": (HOST, 3650, "stranger"), "self-signed": (HOST, 3650, None)}
-NEW_KEY = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes")
+SIGNS = {name: name in ("key_cert_sign", "crl_sign") for name in
+         ("digital_signature", "content_commitment", "key_encipherment", "data_encipherment", "key_agreement", "key_cert_sign", "crl_sign",
+          "encipher_only", "decipher_only")}
+
+
+class Identity:
+    """A name with its key and certificate, signed by another one or by itself."""
+
+    def __init__(self, name: str, days: int, signer: Identity | None, *extensions: tuple[x509.ExtensionType, bool]):
+        self.name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, name)])
+        self.key = ec.generate_private_key(ec.SECP256R1())
+        signer = signer or self
+        now = datetime.datetime.now(datetime.timezone.utc)
+        end = now + datetime.timedelta(days)
+        builder = x509.CertificateBuilder(signer.name, self.name, self.key.public_key(), x509.random_serial_number(),
+                                          min(end, now) - datetime.timedelta(1), end)
+        for extension, critical in extensions:
+            builder = builder.add_extension(extension, critical)
+        self.certificate = builder.sign(signer.key, hashes.SHA256())
+
+    def write(self, file: pathlib.Path, *chain: Identity) -> None:
+        pem = serialization.Encoding.PEM
+        file.with_suffix(".key").write_bytes(self.key.private_bytes(pem, serialization.PrivateFormat.PKCS8, serialization.NoEncryption()))
+        file.with_suffix(".pem").write_bytes(b"".join(one.certificate.public_bytes(pem) for one in (self, *chain)))
 
 
 def _make(folder: pathlib.Path) -> None:
-    for authority, name in (("ca", "Tavik Lab"), ("stranger", "Tavik Stranger")):
-        command("openssl", "req", "-x509", *NEW_KEY, "-keyout", f"{authority}.key", "-out", f"{authority}.pem", "-days", "3650",
-                 "-subj", f"/CN={name}", "-addext", "basicConstraints=critical,CA:TRUE",
-                 "-addext", "keyUsage=critical,keyCertSign,cRLSign", cwd=folder)
-    command("openssl", "x509", "-in", "ca.pem", "-outform", "DER", "-out", "ca.der", cwd=folder)
+    authorities = {name: Identity(title, 3650, None, (x509.BasicConstraints(True, None), True), (x509.KeyUsage(**SIGNS), True))
+                   for name, title in (("ca", "Tavik Lab"), ("stranger", "Tavik Stranger"))}
+    (folder / "ca.der").write_bytes(authorities["ca"].certificate.public_bytes(serialization.Encoding.DER))
     for name, (host, days, authority) in SERVERS.items():
-        extensions = f"subjectAltName=DNS:{host}\nextendedKeyUsage=serverAuth\nbasicConstraints=CA:FALSE\n"
-        (folder / f"{name}.ext").write_text(extensions, "ascii")
-        command("openssl", "req", *NEW_KEY, "-keyout", f"{name}.key", "-out", f"{name}.csr", "-subj", f"/CN={host}", cwd=folder)
-        signer = ["-signkey", f"{name}.key"]
-        if authority:
-            signer = ["-CA", f"{authority}.pem", "-CAkey", f"{authority}.key", "-CAcreateserial"]
-        validity = ["-days", str(days)]
-        if name == "expired":  # x509 takes no start date, but a negative number of days
-            validity = ["-days", "-1"]
-        command("openssl", "x509", "-req", "-in", f"{name}.csr", *signer, *validity, "-extfile", f"{name}.ext",
-                 "-out", f"{name}.pem", cwd=folder)
-        if authority:
-            with open(folder / f"{name}.pem", "ab") as file:  # a server sends the chain
-                file.write((folder / f"{authority}.pem").read_bytes())
+        server = Identity(host, days, authorities.get(authority), (x509.SubjectAlternativeName([x509.DNSName(host)]), False),
+                          (x509.ExtendedKeyUsage([ExtendedKeyUsageOID.SERVER_AUTH]), False), (x509.BasicConstraints(False, None), False))
+        server.write(folder / name, *([authorities[authority]] if authority else []))  # a server sends the chain
     (folder / "done").write_text("", "ascii")
 
 

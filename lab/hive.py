@@ -10,6 +10,7 @@ import struct
 
 TYPES = {"REG_NONE": 0, "REG_SZ": 1, "REG_EXPAND_SZ": 2, "REG_BINARY": 3, "REG_DWORD": 4, "REG_MULTI_SZ": 7, "REG_QWORD": 11}
 NAMES = {number: name for name, number in TYPES.items()}
+CONTROL_SET = re.compile(r"(?<=^system)\\CurrentControlSet\\", re.I)
 _ESCAPE = re.compile(r"\\(x[0-9a-fA-F]{1,4}|[0-7]{1,3}|.)", re.S)
 
 
@@ -110,10 +111,16 @@ class Hive:
             if "\\x" in header or "\\[" in header or "\\]" in header:
                 name = _unescape(header[:header.rindex("]")])
             self.sections[name.lower()] = ("[" + header, body + "\n")
+        # Wine 10 has the current control set as a link, which only Wine itself follows.
+        self._is_linked = any(name.startswith("system\\controlset001\\") for name in self.sections)
+
+    def _real(self, key: str) -> str:
+        key = key.strip("\\")
+        return CONTROL_SET.sub(r"\\ControlSet001\\", key, count=1) if self._is_linked else key
 
     def values(self, key: str) -> dict[str, Value] | None:
         """All values of a key, or None when there is no such key."""
-        section = self.sections.get(key.strip("\\").lower())
+        section = self.sections.get(self._real(key).lower())
         if section is None:
             return None
         found = {}
@@ -139,7 +146,7 @@ class Hive:
 
     def remove(self, key: str, name: str | None = None) -> None:
         """A value, or with no name the key and all below it."""
-        low = key.strip("\\").lower()
+        low = self._real(key).lower()
         if name is None:
             for known in [known for known in self.sections if known == low or known.startswith(low + "\\")]:
                 del self.sections[known]
@@ -149,7 +156,7 @@ class Hive:
             self._write(key, {known: value for known, value in values.items() if known.lower() != name.lower()})
 
     def _write(self, key: str, values: dict[str, Value]) -> None:
-        key = key.strip("\\")
+        key = self._real(key)
         low = key.lower()
         fresh = "[%s] 1700000000" % "\\\\".join(map(_escape, key.split("\\")))
         header = self.sections[low][0] if low in self.sections else fresh

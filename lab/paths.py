@@ -1,11 +1,12 @@
-"""Where things are. TAVIK_BUILD names a build tree other than build/release."""
+"""Where things are. TAVIK_BUILD names a build tree other than build/release, TAVIK_SHIPPED a folder with other programs to test."""
 import os
 import pathlib
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = pathlib.Path(os.environ.get("TAVIK_BUILD", ROOT / "build" / "release")).resolve()
-TOOL = BUILD / "TavikCompatibilityTool.exe"
-COMPANION = BUILD / "TavikToolCompanion.exe"
+SHIPPED = pathlib.Path(os.environ.get("TAVIK_SHIPPED", BUILD)).resolve()
+TOOL = SHIPPED / "TavikCompatibilityTool.exe"
+COMPANION = SHIPPED / "TavikToolCompanion.exe"
 PROGRAMS = BUILD / "lab" / "programs"
 PACKAGES = BUILD / "lab" / "packages"
 STANDINS = BUILD / "lab" / "standins"

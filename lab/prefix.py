@@ -5,7 +5,7 @@
     lab/prefix.py new FOLDER          make a warm prefix: its server runs until "remove"
     lab/prefix.py remove FOLDER       end everything in it and remove it
 
-The recipe: stripped system DLLs (a quarter of the size), Windows 10, no crash dialog, no links out of the prefix.
+The recipe: stripped system DLLs (a quarter of the size), Windows 10 (TAVIK_WINDOWS=win11: 11), no crash dialog, no links out of the prefix.
 """
 from __future__ import annotations
 
@@ -15,6 +15,7 @@ import functools
 import hashlib
 import os
 import pathlib
+import re
 import shutil
 import signal
 import subprocess
@@ -30,6 +31,7 @@ from lab.children import command, end_with_parent  # noqa: E402
 from lab.hive import Hive  # noqa: E402
 
 RECIPE = "8"  # raise it when the steps below change
+WINDOWS = os.environ.get("TAVIK_WINDOWS", "win10")  # the version that Wine plays, as winecfg names it
 LINKED = ("system32", "winsxs", "resources", "globalization")  # shared by hard links, replaced but never written in place
 STANDINS = ("setupapi", "msi", "wininet", "wtsapi32")
 UNUSED_SECONDS = 2 * 24 * 3600  # a template that was not used for so long is removed
@@ -221,7 +223,7 @@ def _build_base(folder: pathlib.Path) -> None:
     prefix.path.mkdir(parents=True)
     prefix.tmp.mkdir(exist_ok=True)
     try:
-        for arguments in (["wineboot", "-i"], ["winecfg", "-v", "win10"]):
+        for arguments in (["wineboot", "-i"], ["winecfg", "-v", WINDOWS]):
             prefix.wine(*arguments, timeout=120)
         subprocess.run([paths.WINESERVER, "-k"], env=prefix.environment(), check=False)
         subprocess.run([paths.WINESERVER, "-w"], env=prefix.environment(), check=False, timeout=60)
@@ -251,10 +253,15 @@ def _build_base(folder: pathlib.Path) -> None:
     system.save()
 
 
+def wine_version() -> int:
+    """8 or 10, for example."""
+    return int(re.match(r"wine-(\d+)", command(paths.WINE, "--version"))[1])
+
+
 @functools.cache
 def base_template() -> pathlib.Path:
     version = command(paths.WINE, "--version").strip()
-    digest = hashlib.sha256(f"{RECIPE} {version} {certificates.fingerprint()}".encode()).hexdigest()
+    digest = hashlib.sha256(f"{RECIPE} {version} {WINDOWS} {certificates.fingerprint()}".encode()).hexdigest()
     return made_once("base", digest, _build_base)
 
 

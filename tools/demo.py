@@ -15,7 +15,7 @@ from lab import paths, session
 from lab.machine import Machine
 from lab.result import Result
 from lab.run import run
-from tools.project import build, say
+from tools.project import build, fail, say
 
 PICTURES = paths.ROOT / "build" / "demo"
 COMPANION = paths.COMPANION.name
@@ -106,7 +106,10 @@ def main(arguments: list[str]) -> int:
     say("1 of 2: building the tool, its companion and the lab (some minutes the first time)")
     build("release", "TavikCompatibilityTool", "TavikToolCompanion", "lab/all")
     say("2 of 2: the machine and the run (the first time the machine is set up, which takes about half a minute)\n")
-    wrong = [item for show in SHOWS["".join(arguments)] for item in present(show)]
+    try:
+        wrong = [item for show in SHOWS["".join(arguments)] for item in present(show)]
+    except (OSError, RuntimeError) as error:
+        fail(f"The demonstration stopped: {error}")
     for item in wrong:
         print(f"The demonstration differs from what is expected: {item}. scripts/test tells more.", file=sys.stderr)
     return 1 if wrong else 0

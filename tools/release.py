@@ -16,6 +16,7 @@ import argparse
 import hashlib
 import json
 import os
+import platform
 import re
 import shutil
 import subprocess
@@ -133,7 +134,7 @@ def symbol_file(name: str, target: Path) -> None:
 def third_party(listed: dict[str, Any], target: Path) -> None:
     """The licences of what is linked in: a short list, then the full copyright files of the packages."""
     packages = [one for one in listed["packages"] if one["primaryPackagePurpose"] == "LIBRARY"]
-    lines = ["What is linked into the programs, and its licences", "", "The packages are those of Debian 12.", ""]
+    lines = ["What is linked into the programs, and its licences", "", f"The packages are those of {platform.freedesktop_os_release()['PRETTY_NAME']}.", ""]
     texts: dict[str, str] = {}
     for one in packages:
         name = unquote(one["externalRefs"][0]["referenceLocator"].split("/")[-1].split("@")[0])

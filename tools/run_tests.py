@@ -238,6 +238,8 @@ if __name__ == "__main__":
         sys.exit(main(sys.argv[1:]))
     except KeyboardInterrupt:
         sys.exit("Stopped; what did not run has no result.")
+    except RuntimeError as error:  # of the lab: a command of this host failed
+        sys.exit(f"scripts/test stopped: {error}")
     finally:
         for process in list(RUNNING):
             end(process)

@@ -16,7 +16,7 @@ from typing import Any
 TOP = Path(__file__).resolve().parent.parent
 FOLDER = TOP / "windows_check"
 FACTS = FOLDER / "facts.toml"
-WINE = FOLDER / "wine-8.toml"
+WINES = {int(file.stem.removeprefix("wine-")): file for file in FOLDER.glob("wine-*.toml")}  # version: its list of differences
 PAGE = TOP / "build" / "docs" / "windows-facts.md"
 SECONDS = 20  # time limit of a check if its group sets none
 
@@ -30,6 +30,7 @@ ADDRESSES = {
     "crt": lambda rest: f"{LEARN}cpp/c-runtime-library/reference/{rest}",
     "winrt": lambda rest: f"{LEARN}uwp/api/{rest}",
     "learn": lambda rest: f"{LEARN}{rest}",
+    "winetest": lambda rest: f"https://github.com/wine-mirror/wine/blob/master/dlls/{rest}",  # tests that their authors run on Windows too
     "https": lambda rest: f"https:{rest}",
 }
 
@@ -97,10 +98,12 @@ def read_facts() -> list[Group]:
     return groups
 
 
-def read_differences() -> dict[str, list[Difference]]:
-    """Fact -> its differences under Wine."""
+def read_differences(version: int) -> dict[str, list[Difference]]:
+    """Fact -> its differences under this version of Wine."""
+    if version not in WINES:
+        raise Wrong(f"{FOLDER.name}/wine-{version}.toml is missing: it lists how Wine {version} differs from Windows")
     found: dict[str, list[Difference]] = {}
-    content = tomllib.loads(WINE.read_text("utf-8"))
+    content = tomllib.loads(WINES[version].read_text("utf-8"))
     shared = content.pop("shared")
     for machine, groups in content.items():
         machines = ("bare", "lab") if machine == "both" else (machine,)
@@ -156,43 +159,51 @@ def code(text: str) -> str:
     return f"`{text}`".replace("|", "\\|")
 
 
-def wine(fact: Fact, differences: dict[str, list[Difference]]) -> str:
+def wine(fact: Fact, by_version: dict[int, dict[str, list[Difference]]]) -> str:
     if not fact.expected:
         return cell(fact.why_not)
-    parts = []
-    for row in differences.get(fact.id, []):
-        seen = f"not checked: {cell(row.why)}" if row.result == "not applicable" else f"{code(row.seen)}: {cell(row.why)}"
-        parts.append(seen + (" (with the lab's stand-ins)" if row.machines == ("lab",) else ""))
-    return "; ".join(dict.fromkeys(parts)) or "the same"
+    texts = {}
+    for version, differences in by_version.items():
+        parts = []
+        for row in differences.get(fact.id, []):
+            seen = f"not checked: {cell(row.why)}" if row.result == "not applicable" else f"{code(row.seen)}: {cell(row.why)}"
+            parts.append(seen + (" (with the lab's stand-ins)" if row.machines == ("lab",) else ""))
+        texts[version] = "; ".join(dict.fromkeys(parts)) or "the same"
+    if len(set(texts.values())) == 1:
+        return texts.popitem()[1]
+    return "<br>".join(f"Wine {version}: {text}" for version, text in texts.items())
 
 
 def page() -> str:
     groups = read_facts()
-    differences = read_differences()
+    differences = {version: read_differences(version) for version in sorted(WINES)}
+    wines = "Wine " + " and ".join(map(str, differences))
     facts = [fact for group in groups for fact in group.facts]
     checked = sum(bool(fact.expected) for fact in facts)
     lines = [
         "# What the product relies on in Windows",
         "",
-        "<!-- Made by `tools/windows_facts.py page` from windows_check/facts.toml and windows_check/wine-8.toml; change those. -->",
+        "<!-- Made by `tools/windows_facts.py page` from windows_check/facts.toml and windows_check/wine-*.toml; change those. -->",
         "",
         f"`TavikWindowsCheck.exe` checks {checked} facts; {len(facts) - checked} more cannot be checked by a harmless program. No report from a real Windows",
-        "has come back yet.",
+        f"has come back yet. {sum(len(fact.sources) > 1 for fact in facts)} facts have several sources, {sum(len(fact.sources) == 1 for fact in facts)} "
+        f"have one, {sum(not fact.sources for fact in facts)} are assumptions.",
         "",
         "| Column | Meaning |",
         "|---|---|",
         "| Fact | id for the program's `--only`, and the fact |",
         "| Expected | what the check must see, in its own words; \"or\": each is fine |",
         "| Source | public documentation or source; without one the fact is an assumption |",
-        "| Wine 8 | \"the same\" as expected, or what is seen there, and why |",
+        f"| {wines} | \"the same\" as expected, or what is seen there, and why |",
         "| Relied on | the part of the product that does |",
         "| Guarded by | what keeps a surprise harmless, or what happens then |",
     ]
     for group in groups:
-        lines += ["", f"## {group.title}", "", "| Fact | Expected | Source | Wine 8 | Relied on | Guarded by |", "|---" * 6 + "|"]
+        lines += ["", f"## {group.title}", "", f"| Fact | Expected | Source | {wines} | Relied on | Guarded by |", "|---" * 6 + "|"]
         for fact in group.facts:
             expected = " or ".join(code(text) for text in fact.expected) or "not checked by the program"
             links = ", ".join(f"[{number}]({address(source)})" for number, source in enumerate(fact.sources, 1))
+            links += " (one source)" if len(fact.sources) == 1 else ""
             cells = [f"**{fact.id}** {cell(fact.says)}", expected, links or "assumption", wine(fact, differences), cell(fact.used), cell(fact.guard)]
             lines.append(f"| {' | '.join(cells)} |")
     return "\n".join(lines) + "\n"
@@ -207,7 +218,8 @@ def complaints() -> list[str]:
     checked = {fact.id for fact in facts if fact.expected}
     found += [f"{name}: there is no check in windows_check" for name in sorted(checked - in_sources)]
     found += [f"{name}: a check without a fact in facts.toml" for name in sorted(in_sources - checked)]
-    found += [f"{name}: in {WINE.name}, but there is no such fact" for name in sorted(set(read_differences()) - checked)]
+    found += [f"{name}: in {file.name}, but there is no such fact" for version, file in WINES.items()
+              for name in sorted(set(read_differences(version)) - checked)]
     for fact in facts:
         found += [f"{fact.id}: \"{what}\" is missing" for what in ("says", "used", "guard") if not getattr(fact, what)]
         if not fact.expected and not fact.why_not:

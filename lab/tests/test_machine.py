@@ -1,6 +1,8 @@
 """What the lab says about a mistake, and the end of a run that takes too long. The cases show the rest."""
 from __future__ import annotations
 
+import os
+import pathlib
 import re
 
 import pytest
@@ -9,6 +11,8 @@ from cases.support.expect import SAME_RELEASE
 from cases.support.store import store_only
 from lab import paths
 from lab.machine import Machine
+from lab.session import remove_folder
+from tools import demo
 
 
 @pytest.mark.parametrize("description", [
@@ -69,3 +73,15 @@ def test_run_has_a_time_limit_and_then_no_second_start(lab):
     assert result.again is None and len(result.instances) == 1
     with pytest.raises(AssertionError, match="time limit"):
         lab.check(outcome="interrupted", exit_code=-1)
+
+
+def test_command_of_the_host_that_fails_is_told_in_one_sentence(tmp_path, monkeypatch):
+    (tmp_path / "cp").write_text("#!/bin/sh\necho the disk is full >&2\nexit 7\n", "ascii")
+    (tmp_path / "cp").chmod(0o755)
+    monkeypatch.setenv("PATH", f"{tmp_path}:{os.environ['PATH']}")
+    monkeypatch.setattr(demo, "build", lambda *targets: None)
+    with pytest.raises(SystemExit) as told:
+        demo.main([])
+    said = re.fullmatch(r"The demonstration stopped: cp -al \S+ failed with exit code 7: the disk is full \(the machine is kept in (\S+)\)", str(told.value))
+    assert said
+    remove_folder(pathlib.Path(said[1]))

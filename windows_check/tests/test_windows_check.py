@@ -16,11 +16,11 @@ import pytest
 
 from lab import paths, session
 from lab.machine import Machine
-from lab.prefix import Prefix, replace_file
+from lab.prefix import Prefix, replace_file, wine_version
 from tools import windows_facts
 from cases.support.store import CORVEL, OTHER, package
 
-PROGRAM = paths.BUILD / "TavikWindowsCheck.exe"
+PROGRAM = paths.SHIPPED / "TavikWindowsCheck.exe"
 UNIT_TESTS = paths.BUILD / "tests" / "unit_tests.exe"
 # Made by the compiler, arithmetic on memory, or of a library that is linked in.
 NO_CALLS = {"IID_IUnknown", "abort", "atexit", "memchr", "memcmp", "memcpy", "memmove", "memset", "strlen", "wcslen"}
@@ -29,7 +29,7 @@ GROUPS = ("devices", "infs", "installer", "runtime", "store")  # where a machine
 
 def known(machine: str) -> dict[str, tuple[str, str]]:
     """Fact -> (result, what is seen) of those that are not as expected on "bare" or "lab"."""
-    return {name: (row.result, row.seen) for name, rows in windows_facts.read_differences().items() for row in rows
+    return {name: (row.result, row.seen) for name, rows in windows_facts.read_differences(wine_version()).items() for row in rows
             if machine in row.machines}
 
 
@@ -68,6 +68,7 @@ def bare():
         yield prefix
 
 
+@pytest.mark.quick
 def test_every_difference_of_a_bare_prefix_is_known(bare: Prefix):
     code, findings, printed = check(bare, PROGRAM.name)
     assert len(findings) > 100
@@ -114,6 +115,11 @@ def test_a_difference_that_comes_or_goes_is_an_error():
     assert changes(findings, {}) == ["new: a.b: ('differs', 'x')"]
     assert changes(findings, {"a.b": ("differs", "z")}) == ["other: a.b: ('differs', 'x') instead of ('differs', 'z')"]
     assert changes(findings, {"a.b": ("differs", "x"), "a.c": ("differs", "y")}) == ["gone: a.c: ('ok', 'y')"]
+
+
+def test_wine_without_a_list_of_differences_is_named():
+    with pytest.raises(windows_facts.Wrong, match=r"windows_check/wine-7\.toml is missing"):
+        windows_facts.read_differences(7)
 
 
 def test_every_function_that_the_product_calls_is_covered_by_a_fact():

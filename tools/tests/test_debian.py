@@ -1,0 +1,72 @@
+"""Two versions of Debian: the names of their packages, and what scripts/on-debian asks for."""
+from __future__ import annotations
+
+import os
+import pathlib
+import subprocess
+
+import pytest
+
+from tools import on_debian
+
+SETUP = on_debian.TOP / "scripts" / "setup"
+# A Debian on which DIR/has lists the packages that can be had, DIR/installed those that are there, and the user is not root.
+FAKES = {
+    "id": "echo 1000",
+    "dpkg-query": 'for one; do grep -qx -- "$one" DIR/installed && echo "$one installed"; done; exit 1',
+    "apt-get": "exit 0",
+    "apt-cache": 'echo "$2:"; if grep -qx -- "$2" DIR/has; then echo "  Candidate: 1"; else echo "  Candidate: (none)"; fi',
+    "sudo": '[ "$4" = install ] || exit 0; shift 4; for one; do grep -qx -- "$one" DIR/has && echo "$one" >>DIR/installed; done; exit 0',
+}
+
+
+def names() -> list[str]:
+    return [line.split()[0] for line in subprocess.run([SETUP, "--list"], capture_output=True, text=True, check=True).stdout.splitlines()]
+
+
+def set_up(folder: pathlib.Path, has: list[str], *arguments: str) -> tuple[int, str, list[str]]:
+    """Exit code of scripts/setup, what it said, and what is installed then."""
+    (folder / "has").write_text("".join(f"{name}\n" for name in has), "ascii")
+    (folder / "installed").touch()
+    for name, text in FAKES.items():
+        (folder / name).write_text(f"#!/bin/sh\n{text}\n".replace("DIR", str(folder)), "ascii")
+        (folder / name).chmod(0o755)
+    done = subprocess.run([SETUP, *arguments], env={**os.environ, "PATH": f"{folder}:{os.environ['PATH']}"}, capture_output=True, text=True, check=False)
+    return done.returncode, done.stdout + done.stderr, (folder / "installed").read_text("ascii").split()
+
+
+@pytest.mark.parametrize("which", [0, -1], ids=["older names", "newer names"])
+def test_package_with_two_names_is_installed_under_the_one_that_there_is(tmp_path, which):
+    here = [name.split("|")[which] for name in names() if name not in ("wget", "mmdebstrap")]
+    code, said, installed = set_up(tmp_path, here)
+    assert (code, sorted(installed)) == (0, sorted(here)), said
+    assert any("|" in name for name in names())
+    code, said, _ = set_up(tmp_path, here)
+    assert (code, said) == (0, f"setup: all {len(here)} packages are installed.\n")
+
+
+def test_package_that_is_nowhere_is_named(tmp_path):
+    code, said, _ = set_up(tmp_path, [], "--quiet", "--debian")
+    assert code == 1 and "still missing: mmdebstrap." in said
+
+
+def test_package_sources_are_those_of_this_machine_with_the_other_version():
+    listed = """http://one.example/debian/ bookworm main
+http://one.example/debian/ bookworm-updates main
+https://two.example/security/ bookworm-security main
+https://three.example/ sdk-bookworm main
+https://four.example/ bookworm-backports main
+https://five.example/ nodistro main"""
+    key = f"deb [signed-by={on_debian.KEYS}]"
+    assert on_debian.sources("bookworm", "trixie", listed) == [
+        f"{key} http://one.example/debian/ trixie main", f"{key} http://one.example/debian/ trixie-updates main",
+        f"{key} https://two.example/security/ trixie-security main"]
+    assert on_debian.sources("", "trixie", listed) == []
+
+
+def test_user_without_rights_is_told_so(monkeypatch, capsys):
+    monkeypatch.setattr(os, "geteuid", lambda: 1000)
+    with pytest.raises(SystemExit, match="run it as root"):
+        on_debian.main(["13", "true"])
+    assert on_debian.main(["11", "true"]) == on_debian.main(["13"]) == 2
+    assert "scripts/on-debian 13" in capsys.readouterr().out
