@@ -16,7 +16,7 @@ FAKES = {
     "dpkg-query": 'for one; do grep -qx -- "$one" DIR/installed && echo "$one installed"; done; exit 1',
     "apt-get": "exit 0",
     "apt-cache": 'echo "$2:"; if grep -qx -- "$2" DIR/has; then echo "  Candidate: 1"; else echo "  Candidate: (none)"; fi',
-    "sudo": '[ "$4" = install ] || exit 0; shift 4; for one; do grep -qx -- "$one" DIR/has && echo "$one" >>DIR/installed; done; exit 0',
+    "sudo": '[ "$6" = install ] || exit 0; shift 6; for one; do grep -qx -- "$one" DIR/has && echo "$one" >>DIR/installed; done; exit 0',
 }
 
 
