@@ -36,7 +36,7 @@ LINKED = ("system32", "winsxs", "resources", "globalization")  # shared by hard 
 STANDINS = ("setupapi", "msi", "wininet", "wtsapi32")
 UNUSED_SECONDS = 2 * 24 * 3600  # a template that was not used for so long is removed
 BUILTIN_MARK = b"Wine builtin DLL"
-TOOL_OVERRIDES = rf"Software\Wine\AppDefaults\{paths.TOOL.name}\DllOverrides"
+OVERRIDES = tuple(rf"Software\Wine\AppDefaults\{name}\DllOverrides" for name in (paths.TOOL.name, paths.COMPANION.name))
 # Nothing here has a mouse, a game pad or a scanner; a server without these is up in half the time.
 UNUSED_SERVICES = ("winebus", "winehid", "wineusb", "PlugPlay", "StiSvc", "Spooler", "wuauserv", "BITS", "FontCache",
                    "Schedule", "TermService", "LanmanServer", "Eventlog", "Winmgmt", "NDIS", "nsiproxy", "HTTP")
@@ -179,7 +179,7 @@ def replace_file(path: pathlib.Path, data: bytes) -> None:
 
 
 def install_standin(prefix: Prefix, name: str, user: Hive) -> None:
-    """Puts a stand-in under the DLL's name into system32, the real one beside it. Only the tool loads the stand-in."""
+    """Puts a stand-in under the DLL's name into system32, the real one beside it. Only the tool and the companion load the stand-in."""
     system = prefix.drive / "windows" / "system32"
     real = (system / f"{name}.dll").read_bytes()
     at = real.find(BUILTIN_MARK, 0, 0x100)
@@ -187,7 +187,8 @@ def install_standin(prefix: Prefix, name: str, user: Hive) -> None:
         real = real[:at] + bytes(len(BUILTIN_MARK)) + real[at + len(BUILTIN_MARK):]
     replace_file(system / f"{name}_lab.dll", real)
     replace_file(system / f"{name}.dll", paths.need(paths.STANDINS / f"{name}.dll").read_bytes())
-    user.set(TOOL_OVERRIDES, name, "native,builtin")
+    for key in OVERRIDES:
+        user.set(key, name, "native,builtin")
     user.set(r"Software\Wine\DllOverrides", name, "builtin")
 
 

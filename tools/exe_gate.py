@@ -78,13 +78,17 @@ COMPANION = Product(
     name="TavikToolCompanion.exe",
     subsystem="IMAGE_SUBSYSTEM_WINDOWS_CUI", other_subsystem="not that of console programs: its output would not be shown",
     static={
-        "advapi32.dll": "registry: profiles of this machine",
+        "advapi32.dll": "registry: profiles of this machine, what is installed",
         "kernel32.dll": "the system",
         "msvcrt.dll": "the C library below the compiler's",
         "shell32.dll": "its command line",
     },
-    delayed={"wininet.dll": "asking a download server"},
-    looked_up={},
+    delayed={
+        "msi.dll": "the desktop edition's products",
+        "setupapi.dll": "display adapters and driver packages",
+        "wininet.dll": "asking a download server",
+    },
+    looked_up=TOOL.looked_up,
     protected=80,  # 110 when this was written
     manifest="companion/companion.manifest", level="asInvoker", no_level="the manifest asks for more rights than its caller has",
     description="Log reader of the Tavik Software Compatibility Tool")

@@ -1,8 +1,8 @@
 """Checks which folder includes which.
 
 In src/, app may include every folder; the folders in the middle include only base and themselves, so that each can be read
-and tested alone; base includes only itself. The companion uses base, inventory, the MSI products and the Store queries, never
-the other way round. Tests and the Windows check may include any part of the tool. The lab includes nothing of the programs
+and tested alone; base includes only itself. The companion uses base, inventory and the headers of STATUS, never the other
+way round. Tests and the Windows check may include any part of the tool. The lab includes nothing of the programs
 that it runs.
 """
 import re
@@ -13,13 +13,16 @@ from tools.project import TOP, files
 
 MIDDLE = ["ui", "inventory", "acquisition", "install", "store"]
 TOOL = {"base", "resources", "app", *MIDDLE}
+# What the companion asks of the tool beside the inventory: the edition, the same-release rule, the installer, the products.
+STATUS = {"app/edition.h", "acquisition/local_installer.h", "acquisition/server_folder.h",
+          "install/constants.h", "install/msi_products.h"}
 # Folder -> folders or single headers that its files may include, written from the include roots src/ and the project's top.
 MAY_INCLUDE = {
     "base": {"base"},
     "resources": {"resources"},
     "app": {"app", "base", *MIDDLE},
     **{folder: {folder, "base"} for folder in MIDDLE},
-    "companion": {"companion", "base", "inventory", "install/msi_products.h", "store/store_packages.h", "resources/version.h"},
+    "companion": {"companion", "base", "inventory", "resources/version.h", *STATUS},
     "windows_check": {"windows_check", "support", *TOOL},
     "tests": {"support", *TOOL},
     "companion/tests": {"companion", "support", "base"},

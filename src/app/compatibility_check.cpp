@@ -1,19 +1,17 @@
 #include "app/compatibility_check.h"
 
-#include <cwchar>
 #include <list>
-#include <optional>
+#include <string>
 
 #include <windows.h>
 
+#include "app/edition.h"
 #include "app/repair_dispatch.h"
 #include "app/run.h"
 #include "app/switches.h"
 #include "base/log.h"
-#include "install/msi_products.h"
 #include "inventory/driver_enumeration.h"
 #include "inventory/installed_version.h"
-#include "store/store_packages.h"
 #include "ui/result_message.h"
 
 namespace repair
@@ -21,12 +19,6 @@ namespace repair
 namespace
 {
 constexpr wchar_t kInstanceEvent[] = L"Tavik_Software_Repair_Tool_Mutex";  // an event, in spite of its name
-constexpr size_t kReleasePrefixCharacters = 5;
-
-bool EqualNoCase(const std::wstring& a, const std::wstring& b)
-{
-    return _wcsicmp(a.c_str(), b.c_str()) == 0;
-}
 
 // False if another instance holds the event.
 bool TakeInstanceEvent(Run& run)
@@ -48,47 +40,7 @@ std::list<DisplayDriverInfo> ListDrivers()
     }
     return drivers;
 }
-
-// The edition that the driver is compared with.
-struct Edition
-{
-    bool isStore;
-    std::wstring version;
-};
-
-// The desktop edition, which has `desktopVersion`, before the Store edition; nothing if both are missing and no repair
-// is forced.
-std::optional<Edition> FindEdition(const std::wstring& desktopVersion)
-{
-    if (IsDesktopEditionInstalled())
-    {
-        return Edition{false, desktopVersion};
-    }
-    LogLine(L"User does not desktop VLT installed.");
-    const PackageVersion version = QueryStorePackageVersion();
-    if (version == PackageVersion{})
-    {
-        if (!Force)
-        {
-            return std::nullopt;
-        }
-        LogLine(L"User does not have VLT installed.");
-    }
-    return Edition{true, ReleasePrefix(std::to_wstring(version.Minor) + L"." + std::to_wstring(version.Build))};
-}
 }  // namespace
-
-std::wstring ReleasePrefix(const std::wstring& release)
-{
-    return release.substr(0, kReleasePrefixCharacters);
-}
-
-bool IsSameRelease(const std::wstring& releaseBase, const std::wstring& installedVersion)
-{
-    const std::wstring releasePrefix = ReleasePrefix(releaseBase);
-    return EqualNoCase(releaseBase, installedVersion) || EqualNoCase(releasePrefix, installedVersion) ||
-           EqualNoCase(releasePrefix, ReleasePrefix(installedVersion));
-}
 
 int RunCompatibilityCheck()
 {
@@ -109,14 +61,18 @@ int RunCompatibilityCheck()
     {
         return ExitEarly(run, L"Unable to find installed Tavik display adapters. Exiting.", kMessageNoDriver);
     }
-    const std::optional<Edition> edition = FindEdition(desktopVersion);
-    if (!edition)
+    const Edition edition = FindEdition(desktopVersion);
+    if (!edition.isInstalled)
     {
-        return ExitEarly(run, L"User does not have VLT installed. Exiting.", kMessageNotInstalled);
+        if (!Force)
+        {
+            return ExitEarly(run, L"User does not have VLT installed. Exiting.", kMessageNotInstalled);
+        }
+        LogLine(L"User does not have VLT installed.");
     }
 
     const DisplayDriverInfo& driver = drivers.front();  // the highest release decides for the whole machine
-    if (IsSameRelease(driver.releaseBase, edition->version))
+    if (IsSameRelease(driver.releaseBase, edition.version))
     {
         if (!Force)
         {
@@ -127,6 +83,6 @@ int RunCompatibilityCheck()
         }
         LogLine(L"Currently installed version of VLT is from the same release as the active driver.");
     }
-    return Repair(run, driver.driverFolder, ReleasePrefix(driver.releaseBase), edition->isStore);
+    return Repair(run, driver.driverFolder, ReleasePrefix(driver.releaseBase), edition.isStore);
 }
 }  // namespace repair

@@ -1,6 +1,7 @@
 #include <atomic>
 
 #include "app/compatibility_check.h"
+#include "app/edition.h"
 #include "app/switches.h"
 #include "support/app_test.h"
 
