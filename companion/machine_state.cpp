@@ -15,14 +15,11 @@ Installed ReadInstalled()
     installed.desktopVersion = GetInstalledAppVersion();
     installed.desktopDriverVersion = GetInstalledAppDriverVersion();
     installed.edition = FindEdition(installed.desktopVersion);
-    const std::pair<const char*, std::wstring> families[] = {
-        {"Halden", kHaldenUpgradeCode}, {"DVR", kDvrUpgradeCode}, {"PXL", kPxlUpgradeCode}};
-    for (const auto& [family, upgradeCode] : families)
+    const std::pair<std::uint32_t, std::wstring> families[] = {
+        {kMainProduct, kHaldenUpgradeCode}, {kDvrProduct, kDvrUpgradeCode}, {kPxlProduct, kPxlUpgradeCode}};
+    for (const auto& [product, upgradeCode] : families)
     {
-        if (!FindRelatedProductPackages(upgradeCode).empty())
-        {
-            installed.families.emplace_back(family);
-        }
+        installed.products |= FindRelatedProductPackages(upgradeCode).empty() ? 0 : product;
     }
     return installed;
 }

@@ -1,11 +1,13 @@
 // What the tool would find on this machine, read with the tool's own code. Changes nothing and writes no log.
 #pragma once
 
+#include <cstdint>
 #include <list>
 #include <string>
 #include <vector>
 
 #include "app/edition.h"
+#include "companion/last_run.h"
 #include "inventory/driver_enumeration.h"
 
 namespace repair
@@ -16,7 +18,7 @@ struct Installed
     Edition edition;                    // the one that the tool compares with the driver
     std::wstring desktopVersion;        // HLVersion, of the desktop edition; may be left over from a removed one
     std::wstring desktopDriverVersion;  // DriverVersion beside it
-    std::vector<std::string> families;  // of "Halden", "DVR", "PXL": those with an installed product
+    std::uint32_t products = 0;         // kMainProduct and so on: the families with an installed product
 };
 
 struct MachineState
