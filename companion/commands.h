@@ -17,6 +17,7 @@ namespace repair
 void AddExplainCommand(CLI::App& program, int& result);
 void AddConvertCommand(CLI::App& program, int& result);
 void AddCollectCommand(CLI::App& program, int& result);
+void AddStatusCommand(CLI::App& program, int& result);
 void AddCheckServerCommand(CLI::App& program, int& result);
 // `toolSwitches`: the command line of the tool, set before the command runs.
 void AddRunCommand(CLI::App& program, int& result, const std::vector<std::wstring>& toolSwitches);

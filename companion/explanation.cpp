@@ -29,7 +29,24 @@ std::string_view RetryInWords(std::string_view retry)
                                       : retry;
 }
 
-// Replaces control characters, which a damaged log may contain and a terminal would obey.
+std::string Describe(const Candidate& candidate)
+{
+    const Meaning& meaning = *candidate.meaning;
+    std::string text = Paragraph("Outcome", std::string(meaning.id) + " - " + std::string(meaning.title));
+    text += Paragraph("Meaning", meaning.owner);
+    text += Paragraph("Cause", meaning.cause);
+    text += Paragraph("Next step", meaning.action);
+    text += Paragraph("Retry", RetryInWords(meaning.retry));
+    text += Paragraph("Report as", std::to_string(meaning.code));
+    for (const std::string& line : candidate.evidence)
+    {
+        text += &line == &candidate.evidence.front() ? "Log lines  " : kIndent;
+        text += Printable(line) + "\n";
+    }
+    return text;
+}
+}  // namespace
+
 std::string Printable(std::string_view utf8)
 {
     std::string text;
@@ -41,7 +58,6 @@ std::string Printable(std::string_view utf8)
     return text;
 }
 
-// Returns "Label      text", the text wrapped between words and indented.
 std::string Paragraph(std::string_view label, std::string_view text)
 {
     std::string out(label);
@@ -67,29 +83,10 @@ std::string Paragraph(std::string_view label, std::string_view text)
     return out + "\n";
 }
 
-// Bytes that are not UTF-8 become U+FFFD.
 std::string InOneLine(const Json& object)
 {
     return object.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
-
-std::string Describe(const Candidate& candidate)
-{
-    const Meaning& meaning = *candidate.meaning;
-    std::string text = Paragraph("Outcome", std::string(meaning.id) + " - " + std::string(meaning.title));
-    text += Paragraph("Meaning", meaning.owner);
-    text += Paragraph("Cause", meaning.cause);
-    text += Paragraph("Next step", meaning.action);
-    text += Paragraph("Retry", RetryInWords(meaning.retry));
-    text += Paragraph("Report as", std::to_string(meaning.code));
-    for (const std::string& line : candidate.evidence)
-    {
-        text += &line == &candidate.evidence.front() ? "Log lines  " : kIndent;
-        text += Printable(line) + "\n";
-    }
-    return text;
-}
-}  // namespace
 
 std::string ExplainAsText(const Finding& finding)
 {

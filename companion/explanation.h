@@ -5,10 +5,21 @@
 #include <string>
 #include <string_view>
 
+#include <nlohmann/json_fwd.hpp>
+
 #include "companion/recogniser.h"
 
 namespace repair
 {
+// Returns "Label      text", the text wrapped between words and indented.
+std::string Paragraph(std::string_view label, std::string_view text);
+
+// Replaces control characters, which a damaged log may contain and a terminal would obey.
+std::string Printable(std::string_view utf8);
+
+// Bytes that are not UTF-8 become U+FFFD.
+std::string InOneLine(const nlohmann::ordered_json& object);
+
 // Returns several lines, each with a line feed. U+FFFD replaces the log's control characters, except tabs.
 std::string ExplainAsText(const Finding& finding);
 

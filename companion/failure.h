@@ -11,6 +11,12 @@ namespace repair
 inline constexpr int kDone = 0;
 inline constexpr int kFailed = 1;  // also: a check found an error
 inline constexpr int kWrongUsage = 2;
+inline constexpr int kNotALog = 3;  // explain: the file is no log of the tool
+// status:
+inline constexpr int kStatusDue = 4;
+inline constexpr int kStatusRecovery = 5;
+inline constexpr int kStatusNotInstalled = 6;
+inline constexpr int kStatusNoAdapter = 7;
 
 // The command could not do its work. The text is a message for people, in UTF-8.
 class Failure : public std::runtime_error

@@ -79,6 +79,7 @@ void DescribeProgram(CLI::App& program, int& result, const std::vector<std::wstr
     program.get_formatter()->column_width(kNameColumn);
     program.get_formatter()->label("SUBCOMMAND", "COMMAND");
     program.footer(kFooter);
+    AddStatusCommand(program, result);
     AddExplainCommand(program, result);
     AddConvertCommand(program, result);
     AddCollectCommand(program, result);

@@ -14,12 +14,19 @@ namespace
 {
 // As in src/acquisition/constants.h.
 constexpr std::string_view kRemoteFile = "/dwx2_install.txt";
+constexpr std::string_view kMakersFolder = "https://" TAVIK_DOWNLOAD_HOST "/drivers/installer/vlt/";
 constexpr size_t kLongestPart = 259;  // host name and path, in UTF-16 units
 
 constexpr size_t kLongestHost = 253;  // names in DNS
 constexpr size_t kLongestLabel = 63;
 constexpr int kHttpPort = 80;
 constexpr int kHttpsPort = 443;
+
+// What the tool appends to the folder.
+std::string OfRelease(std::string_view release)
+{
+    return std::string(release.substr(0, kReleaseCharacters)) + std::string(kRemoteFile);
+}
 
 struct Parts
 {
@@ -168,10 +175,15 @@ bool ServerValue::HasErrors() const
     return std::ranges::any_of(remarks, &Remark::isError);
 }
 
+std::string InstallerAddress(std::string_view folder, std::string_view release)
+{
+    return std::string(folder.empty() ? kMakersFolder : folder) + OfRelease(release);
+}
+
 ServerValue CheckServerValue(std::string_view value, std::string_view release)
 {
     ServerValue result;
-    result.url = std::string(value) + std::string(release.substr(0, kReleaseCharacters)) + std::string(kRemoteFile);
+    result.url = std::string(value) + OfRelease(release);
     Remarks remarks;
     const bool isAddress = value.find("://") != std::string_view::npos;
     CheckCharacters(value, remarks);

@@ -26,7 +26,7 @@ from lab.session import LOGS
 
 # The command line
 
-COMMANDS = ("explain", "convert", "collect", "run", "check-server")
+COMMANDS = ("status", "explain", "convert", "collect", "run", "check-server")
 
 
 def test_help_and_version(desk):

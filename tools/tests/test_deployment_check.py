@@ -102,10 +102,7 @@ FAULTS = {
     "scripts": [
         (REPAIR, "One at a time", "One at a t\u00edme", "must be ASCII"), (REPAIR, "Never run on a real Windows", "Runs on Windows", "must say"),
         (REPAIR, "'-SILENT'", "'-VLT'", "direct installation"), (TASK_SCRIPT, "TavikRepairAfterDriverUpdate.xml", "Other.xml", "no Other.xml"),
-        (DETECTION, "'VEN_1E7C'", "'VEN_1E7B'", "$vendorIds"), (DETECTION, "4d36e968", "4d36e967", "$displayClass"),
-        (DETECTION, "'HLVersion'", "'Version'", "$applicationValue"), (DETECTION, "5D2C81F0", "5D2C81F1", "$upgradeCode"),
-        (DETECTION, r"\Control\Class\'", r"\Control\Classes\'", "$driverKeys"), (DETECTION, "'ReleaseVersion'", "'Release'", "$releaseValue"),
-        (DETECTION, "TavikCorvelSoftware", "TavikSoftware", "$storePackages"), (DETECTION, r"'SOFTWARE\Tavik\HL'", r"'SOFTWARE\Tavik'", "$applicationKey"),
+        (DETECTION, "status --detect", "status", "must end with"), (DETECTION, "exit $LASTEXITCODE", "exit 0", "must end with"),
         (WINGET + ".yaml", "1.0.0.1", "1.0.0.2", "all manifests"), (WINGET + ".yaml", "ManifestType: version", "ManifestType: installer", "three manifests"),
         (WINGET + ".installer.yaml", "Tool-1.0.0.1\\", "", "in the folder"),
         (CONFIGMGR, "-File Repair", "-File Other", "the same script"),

@@ -1,0 +1,56 @@
+// What the lines of a log tell about the machine and the run, beside the outcome.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace repair
+{
+struct StorePackage
+{
+    std::string name;  // full name
+    std::string version;
+    bool isUsable = true;
+};
+
+// Takes the lines of a log in order. Texts are UTF-8, and empty if the log does not say.
+class LogFacts
+{
+public:
+    void Take(std::string_view line);
+
+    // True if at least one line is a line of the tool.
+    [[nodiscard]] bool IsLog() const { return isLog_; }
+    // Command line without the program; nothing if the log lacks its first line.
+    [[nodiscard]] const std::optional<std::string>& Switches() const { return switches_; }
+    // Release of the driver that decides.
+    [[nodiscard]] const std::string& Driver() const { return driver_; }
+    // "desktop", "store" or "none".
+    [[nodiscard]] std::string Edition() const;
+    // The version that the tool compares with the driver.
+    [[nodiscard]] std::string Version() const;
+    // "driver-package", "download", "store" or "given".
+    [[nodiscard]] const std::string& Source() const { return source_; }
+    // Path or address of the installer.
+    [[nodiscard]] const std::string& Installer() const { return installer_; }
+    [[nodiscard]] const std::vector<StorePackage>& StorePackages() const { return storePackages_; }
+
+private:
+    void TakeInstaller(std::string_view line);
+
+    bool isLog_ = false;
+    std::optional<std::string> switches_;
+    std::string desktopVersion_;
+    bool isDriverNext_ = false;  // the line after the heading of the list of drivers
+    std::string driver_;
+    bool isDecided_ = false;  // the line shows that an edition was found
+    bool hasNoDesktop_ = false;
+    bool hasNoStore_ = false;
+    std::vector<StorePackage> storePackages_;
+    std::string source_;
+    std::string installer_;
+    std::string release_;  // that is downloaded
+};
+}  // namespace repair
