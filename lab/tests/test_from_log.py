@@ -1,0 +1,113 @@
+"""lab/run --from: a machine that is made from the log of a run behaves like the machine of that run."""
+from __future__ import annotations
+
+import json
+import pathlib
+import re
+import subprocess
+import tomllib
+import zipfile
+
+import pytest
+
+from cases.support.direct import GIVEN, SWITCHES, given
+from cases.support.download import FINAL, PATH
+from cases.support.expect import EXTRACTED, OTHER_ADAPTER, TEMP
+from cases.support.repair import found
+from cases.support.store import CORVEL, package, store_only
+from companion import outcomes
+from lab import from_log, paths
+from lab.from_log import Story, Told
+
+OTHER_FOLDER = {"desktop": {"families": ["Halden", "DVR"], "folder": r"C:\My Apps"}}
+RUNS = {  # machine and switches of the first run, by outcome
+    "same-release": ("compatible.toml", "-SILENT"),
+    "no-adapter": ({"adapters": [OTHER_ADAPTER]}, ""),
+    "no-usable-driver": ({"adapters": [{"release": False}, {"driver_key": False}, {"description": "Tavik Corvel 5500", "release": False}]}, ""),
+    "no-application": (store_only(package(ok=False)), ""),
+    "no-application-store-unread": (store_only(manager={"find": "0x80070005:Refused."}), ""),
+    "repaired": ({**found(), **OTHER_FOLDER, "running": [r"C:\My Apps\Halden\CorvelSoftware.exe"],
+                  "programs": {"CorvelSoftware.exe.deaf": True}}, "-SILENT"),
+    "repaired-restart": (found("24.20-reboot"), ""),
+    "repaired-old-left": (found(desktop={"packages": ["Halden-24.10", "Halden-23.40-stubborn"]}), ""),
+    "repaired-store-left": (found(store={"packages": [package(removal="0x80073CF1:Package was not found.")]}), ""),
+    "install-failed": (found("24.20-fail"), "-FORCE"),
+    "installer-empty": ({"installer": {"exit": 7, "extract": "no"}}, ""),
+    "installer-blocked": ({"server": {"answers": {PATH: {"text": "no program"}}}}, ""),
+    "download-not-there": ({"server": {"folder": "http://{server}/mirror/"}}, ""),
+    "download-unreachable": ({"server": {"folder": "http://127.0.0.1:1/x/"}}, ""),
+    "download-broken": ({"faults": ["wininet!InternetReadFile 1 error=12030"]}, "-SILENT"),
+    "download-file-in-the-way": ({"files": {FINAL: "old"}, "held": [FINAL]}, ""),
+    "folder-not-prepared": (found(files={EXTRACTED + r"\old": "x"}, held=[EXTRACTED + r"\old"]), ""),
+    "store-error": (store_only(package(), service={"end": "error:0x80070005:The Store is closed."}), ""),
+    "store-installed": (store_only(package()), ""),
+    "direct-done": (given(store={"packages": [package()]}), SWITCHES),
+    "direct-busy": (given(faults=["msi!MsiInstallProductW 2 return=1618"], desktop={}), SWITCHES),
+    "direct-file-missing": ({}, r'-VLT -Install -Path "Z:\None\setup.exe"'),
+    "interrupted": ({"faults": ["wininet!InternetReadFile 1 exit=9"]}, ""),
+}
+
+
+def told(log: list[str]) -> tuple[Story, str]:
+    """The machine that the log tells about, its exit code not known, and the comparison of the log with itself."""
+    certain = [one for one in outcomes.catalogue() if not one.fallback and one.matches(None, log)]
+    story = Story(Told("customer.log", log), is_unfinished=not certain)
+    return story, "\n".join(line for line in from_log.compare(story, log) if not line.startswith(" "))
+
+
+@pytest.mark.parametrize("outcome", RUNS)
+def test_the_machine_of_a_log_has_the_same_outcome_and_log(lab, outcome):
+    machine, arguments = RUNS[outcome]
+    log = lab.run(machine, arguments).log
+    lab.outcome(outcome)
+    story, difference = told(log)
+    assert difference == "" and tomllib.loads(story.toml()) == story.machine
+    again = lab.run(story.machine, story.arguments, when=story.when)
+    lab.outcome(outcome)
+    changed = [line for line in from_log.compare(story, again.log) if not line.startswith(" ")]
+    assert [line for line in changed if "failed. Error code" not in line] == [], "only the reason why an installer is blocked may differ"
+
+
+def lab_run(*arguments: object) -> subprocess.CompletedProcess[str]:
+    return subprocess.run([str(paths.ROOT / "lab" / "run"), *map(str, arguments)], capture_output=True, text=True, check=False)
+
+
+def test_an_archive_from_another_pc_is_read_run_and_compared(lab, tmp_path: pathlib.Path):
+    """As the companion's collect leaves it: UTF-8, names replaced, with the facts. The texts are another Windows'."""
+    lines = lab.run(given("24.20-fail"), SWITCHES).log
+    lab.outcome("direct-failed")
+    text = "\r\n".join(lines).replace(TEMP, "D:\\Users\\<user1>\\Temp\\").replace(GIVEN, r"\\<computer1>\share\setup.exe") + "\r\n"
+    name = "InstallVLTForWUDriver_2024-7-1_9-5-7-12.log"
+    facts = {"last_run": {"log": rf"C:\Program Files\Tavik\MIM\Log\{name}", "tool_code": 3}}
+    file, machine = tmp_path / "TavikToolLogs.zip", tmp_path / "customer.toml"
+    with zipfile.ZipFile(file, "w") as archive:
+        archive.writestr(name.replace("2024-7", "2024-11"), "nothing")
+        archive.writestr(name, text)
+        archive.writestr("facts.json", json.dumps(facts))
+    done = lab_run("--from", file, "--log", "2024-7-1", machine)
+    assert done.returncode == 0, done.stdout + done.stderr
+    assert r"assumed     \\<computer1>\share\setup.exe is C:\computer1\share\setup.exe here" in done.stdout
+    assert "this one (+): no lines differ" in done.stdout and "log: direct-failed; here: direct-failed" in done.stdout
+    assert re.search(r"^exit code   3$", done.stdout, re.M)
+    assert tomllib.loads(machine.read_text("utf-8"))["files"] == {r"C:\computer1\share\setup.exe": {"installer": "24.20"}}
+
+    assert lab_run("--from", file).returncode == 2  # the newest one is no log
+    wrong = lab_run("--from", file, "--log", "2023")
+    assert wrong.returncode == 2 and f"it has {name}" in wrong.stderr
+
+
+def test_another_outcome_is_reported(tmp_path: pathlib.Path):
+    """The lab cannot bring about this end: its run is another one."""
+    log = tmp_path / "customer.log"
+    log.write_text('Launched with command line: x.exe -SILENT\nCurrently installed VLT is version [24.20] from driver version [24.20.11.01]\n'
+                   "Currently installed drivers on system:\n\t [Tavik] [24.20] []\n\tException occured during installation. bad\n", "utf-8")
+    done = lab_run("--from", log, tmp_path / "customer.toml")
+    assert done.returncode == 3, done.stdout + done.stderr
+    assert "assumed     the lab cannot bring about this exception" in done.stdout and "- \tException occured" in done.stdout
+
+
+def test_second_start_of_the_command_gets_its_switches():
+    done = lab_run(paths.ROOT / "lab" / "machines" / "found.toml", "--then", "-SILENT", "--", "-SILENT")
+    assert done.returncode == 0, done.stderr
+    assert "second start: exit code -1, outcome same-release" in done.stdout
+    assert done.stdout.count('TavikCompatibilityTool.exe" -SILENT') == 2
