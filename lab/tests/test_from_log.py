@@ -84,6 +84,7 @@ def test_an_archive_from_another_pc_is_read_run_and_compared(lab, tmp_path: path
         archive.writestr(name.replace("2024-7", "2024-11"), "nothing")
         archive.writestr(name, text)
         archive.writestr("facts.json", json.dumps(facts))
+    assert from_log.read(file, name="2024-7-1").exit_code == 3
     done = lab_run("--from", file, "--log", "2024-7-1", machine)
     assert done.returncode == 0, done.stdout + done.stderr
     assert r"assumed     \\<computer1>\share\setup.exe is C:\computer1\share\setup.exe here" in done.stdout
@@ -94,6 +95,16 @@ def test_an_archive_from_another_pc_is_read_run_and_compared(lab, tmp_path: path
     assert lab_run("--from", file).returncode == 2  # the newest one is no log
     wrong = lab_run("--from", file, "--log", "2023")
     assert wrong.returncode == 2 and f"it has {name}" in wrong.stderr
+
+
+def test_facts_say_what_a_log_that_ends_early_does_not():
+    facts = {"adapters": [{"id": OTHER_ADAPTER["id"], "release": "23.40", "package": ""}], "desktop": {"families": ["Halden", "PXL"]}}
+    lines = ["Launched with command line: x.exe", "Currently installed VLT is version [24.10] from driver version [24.11]"]
+    machine = Story(Told("x.log", lines, 9, facts), is_unfinished=True).machine
+    assert machine["adapters"] == [{"id": OTHER_ADAPTER["id"], "release": "23.40"}]
+    assert machine["desktop"] == {"packages": ["Halden-24.10", "PXL-24.10"]}
+    assert machine["registry"] == {r"HKLM\Software\Tavik\HL": {"DriverVersion": "24.11"}}
+    assert machine["faults"] == ["setupapi!SetupDiGetClassDevsW 1 exit=9"]
 
 
 def test_another_outcome_is_reported(tmp_path: pathlib.Path):
