@@ -13,6 +13,7 @@ enum class RunMode
     kAny,
     kCheck,   // without "-VLT -Install"
     kDirect,  // with both
+    kRun,     // no log matches: the command `run` sets it
 };
 
 enum class ExitRule
@@ -36,6 +37,7 @@ struct Meaning
     std::string_view action;
     std::string_view retry;  // "no", "yes", "later" or "after-restart"
     int code = 0;            // what a deployment system should see: 0, 3010, 1618 or 1603
+    std::uint32_t event = 0;  // id in the Application log
 };
 
 struct Outcome

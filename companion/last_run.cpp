@@ -21,6 +21,7 @@ constexpr TextValue kTexts[] = {
     {L"Title", &LastRun::title},
     {L"Started", &LastRun::started},
     {L"Ended", &LastRun::ended},
+    {L"Mark", &LastRun::mark},
     {L"Release", &LastRun::release},
     {L"VersionBefore", &LastRun::versionBefore},
     {L"VersionAfter", &LastRun::versionAfter},
@@ -131,7 +132,6 @@ void WriteLastRun(const LastRun& last)
 
 std::uint32_t LostProducts(const LastRun& last, std::uint32_t installedNow)
 {
-    const std::uint32_t lost = last.recoveryPending ? last.lost : last.ended.empty() ? last.products : 0;
-    return lost & ~installedNow;
+    return (last.recoveryPending ? last.lost : last.products) & ~installedNow;
 }
 }  // namespace repair

@@ -194,7 +194,6 @@ std::string LogFacts::Version() const
     {
         highest = package.isUsable ? std::max(highest, ToNumbers(package.version)) : highest;
     }
-    constexpr size_t kReleaseCharacters = 5;
     const std::string release = std::to_string(highest[1]) + "." + std::to_string(highest[2]);
     return Edition() == "store" ? release.substr(0, kReleaseCharacters) : std::string();
 }

@@ -1,8 +1,9 @@
 #!/usr/bin/python3
-"""Makes the C++ table of outcomes from companion/outcomes.toml, during the build.
+"""Makes the C++ table of outcomes and the messages of their events from companion/outcomes.toml, during the build.
 
-    make_catalogue.py outcomes.toml catalogue.cpp
+    make_catalogue.py outcomes.toml catalogue.cpp messages.bin
 """
+import struct
 import sys
 from collections.abc import Sequence
 from pathlib import Path
@@ -43,7 +44,7 @@ def source(found: list[outcomes.Outcome]) -> str:
     def row(one: outcomes.Outcome) -> str:
         listed = not isinstance(one.exit, str)
         fields = {
-            "meaning": "{" + ", ".join([*(literal(getattr(one, name)) for name in outcomes.TEXTS), str(one.code)]) + "}",
+            "meaning": "{" + ", ".join([*(literal(getattr(one, name)) for name in outcomes.TEXTS), str(one.code), str(one.event)]) + "}",
             "mode": f"RunMode::k{one.mode.title()}",
             "exitRule": f"ExitRule::k{'Listed' if listed else one.exit.title()}",
             "exits": array("long long", one.exit if listed else ()),
@@ -82,16 +83,35 @@ const Catalogue& BuiltInCatalogue()
 """
 
 
+# The texts of an event, in the order of WriteEvent's: run_command.cpp.
+DETAILS = "".join(f"\r\n{name}: %{number}" for number, name in enumerate((
+    "Outcome", "Code", "Exit code of the tool", "Release of the driver", "Application before", "Application after", "Attempt", "Log", "Details"), 1))
+
+
+def messages(found: list[outcomes.Outcome]) -> bytes:
+    """A message table (RT_MESSAGETABLE): a block of one id for each outcome, then the texts, padded to 4 bytes."""
+    offset, blocks, entries = 4 + 12 * len(found), b"", b""
+    for one in sorted(found, key=lambda outcome: outcome.event):
+        told = ". ".join((one.title, one.owner + " " + one.action)).replace("%", "%%").replace("`", "")
+        text = (told + DETAILS).encode("utf-16-le") + b"\r\0\n\0\0\0"
+        text += bytes(-len(text) % 4)
+        blocks += struct.pack("<III", one.event, one.event, offset + len(entries))
+        entries += struct.pack("<HH", 4 + len(text), 1) + text  # 1: UTF-16
+    return struct.pack("<I", len(found)) + blocks + entries
+
+
 def main(arguments: list[str]) -> int:
-    if len(arguments) != 2:
+    if len(arguments) != 3:
         print(__doc__, file=sys.stderr)
         return 2
     try:
-        made = source(outcomes.read(Path(arguments[0]).read_text("utf-8")))
+        found = outcomes.read(Path(arguments[0]).read_text("utf-8"))
+        made = source(found)
     except ValueError as error:
         print(f"{arguments[0]}: {error}", file=sys.stderr)
         return 1
     Path(arguments[1]).write_text(made, "utf-8")
+    Path(arguments[2]).write_bytes(messages(found))
     return 0
 
 

@@ -9,7 +9,7 @@ import tomllib
 from collections.abc import Sequence
 
 FILE = pathlib.Path(__file__).with_name("outcomes.toml")
-MODES = ("check", "direct", "any")
+MODES = ("check", "direct", "any", "run")
 CHECK_LINES = ("Currently installed VLT is version [*", "Another instance is running. Exiting.")
 TOKENS = {"*": ".*", "<result>": "(-?[0-9]+)", "<failure>": "(?!(?:0|1641|3010|3011)(?![0-9]))-?[0-9]+"}
 TEXTS = ("id", "title", "owner", "cause", "action", "retry")
@@ -39,6 +39,7 @@ class Outcome:
     cause: str
     action: str
     code: int
+    event: int
     retry: str = "no"
     exit_not: Sequence[int] = ()
     lines: Sequence[str] = ()
@@ -104,6 +105,8 @@ def read(text: str) -> list[Outcome]:
             found.append(one)
     if len({one.id for one in found}) != len(found):
         raise ValueError("an id is used twice")
+    if len({one.event for one in found}) != len(found):
+        raise ValueError("an event is used twice")
     return found
 
 
@@ -115,7 +118,7 @@ def problems(one: Outcome) -> list[str]:
     """What is wrong with the form of an outcome."""
     captures = "".join(one.lines).count("<result>")
     exits = one.exit if isinstance(one.exit, list) else []
-    numbers = [number for name in NUMBERS for number in getattr(one, name)] + [*exits, one.code]
+    numbers = [number for name in NUMBERS for number in getattr(one, name)] + [*exits, one.code, one.event]
     kinds: list[tuple[bool, str]] = [
         (re.fullmatch("[a-z]+(-[a-z]+)*", one.id) is not None, "the id is not in kebab-case"),
         (one.mode in MODES, "unknown mode"),
@@ -124,6 +127,7 @@ def problems(one: Outcome) -> list[str]:
         (one.retry in ("no", "yes", "later", "after-restart"), "unknown retry"),
         (one.code in (0, 3010, 1618, 1603), "not a standard code"),
         ((one.code == 1618) == (one.retry in ("yes", "later")), "1618 and a retry now or later belong together"),
+        (one.event in range(1, 1000), "no event from 1 to 999"),
         (one.log in ("", "none"), "unknown log"),
         (captures == (1 if one.exit == "result" or one.result or one.result_not else captures), "a number is required but not remembered"),
         (captures <= 1, "more than one number is remembered"),

@@ -1,272 +1,424 @@
-// run: starts the tool, waits for its end and reports its outcome.
+// run: starts the tool in a safe place, waits for its end, reports its outcome, and installs again what a run has lost.
 #include <algorithm>
+#include <cstdio>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include <windows.h>
 
 #include <CLI/CLI.hpp>
 
-#include "base/handles.h"
+#include "base/files.h"
 #include "base/log.h"
+#include "companion/ascii.h"
 #include "companion/catalogue.h"
 #include "companion/commands.h"
 #include "companion/console.h"
+#include "companion/event_log.h"
 #include "companion/explanation.h"
 #include "companion/failure.h"
+#include "companion/last_run.h"
 #include "companion/log_files.h"
-#include "companion/recogniser.h"
+#include "companion/machine_state.h"
+#include "companion/recovery.h"
+#include "companion/safe_place.h"
+#include "companion/tool_process.h"
 #include "companion/unicode.h"
 
 namespace repair
 {
 namespace
 {
-constexpr wchar_t kTool[] = L"TavikCompatibilityTool.exe";
-constexpr int kDefaultLimitSeconds = 3600;
+// The recipes allow three hours.
+constexpr int kDefaultLimitSeconds = 9000;
 constexpr int kLongestLimitSeconds = 7 * 24 * 3600;
-constexpr UINT kKilled = ERROR_TIMEOUT;  // exit code of a tool that this program ended
+constexpr int kRecoveryLimitSeconds = 3600;  // a direct installation can show a box that no user answers
+constexpr std::uint32_t kRecoveryAttempts = 3;
+constexpr size_t kLongestAttempts = 2000;  // characters of the value RecoveryAttempts
+constexpr int kTryAgain = 1618;
 
 struct RunOptions
 {
     int limitSeconds = kDefaultLimitSeconds;
     bool kill = false;
+    bool unlessInUse = false;
+    bool keep = false;
     std::string tool;
 };
 
-// Outcomes of the start, not of the tool; these are not in the catalogue.
-constexpr std::string_view kTimeoutCause =
-    "A slow download, a slow installation, or a message box that waits for an answer: see the last line of the log.";
-constexpr Meaning kTimedOut = {
-    .id = "timed-out",
-    .title = "Time limit reached",
-    .owner = "The tool was still running when the time limit was reached. It continues.",
-    .cause = kTimeoutCause,
-    .action = "Start again later. Use -SILENT where no user can answer a box, and a longer --timeout on slow lines.",
-    .retry = "later",
-    .code = 1618,
-};
-constexpr Meaning kEndedHere = {
-    .id = "timed-out-ended",
-    .title = "Ended at the time limit",
-    .owner = "The tool was still running when the time limit was reached, and was ended.",
-    .cause = kTimeoutCause,
-    .action =
-        "If the log ends after \"Uninstalling\", the previous application may be gone: install with -VLT -Install. "
-        "Otherwise start again.",
-    .retry = "no",
-    .code = 1603,
-};
-constexpr Meaning kNotStarted = {
-    .id = "not-started",
-    .title = "Tool not started",
-    .owner = "Windows did not start the tool. Nothing was changed.",
-    .cause =
-        "The file is missing or blocked, or administrator rights are missing (error 740): the evidence has the error.",
-    .action = "Put the tool beside this program or name it with --tool, and start as administrator or SYSTEM.",
-    .retry = "no",
-    .code = 1603,
-};
-constexpr int kUnknownCode = 1603;  // of a run that matches no outcome, or several
+using Switches = std::vector<std::wstring>;
 
-std::wstring ToolBesideUs()
+const Meaning& MeaningOf(std::string_view id)
 {
-    std::wstring path(MAX_PATH, L'\0');
-    for (;;)
+    const auto& outcomes = BuiltInCatalogue().outcomes;
+    return std::ranges::find(outcomes, id, [](const Outcome& outcome) { return outcome.meaning.id; })->meaning;
+}
+
+// Makes one of the outcomes of `run` itself the only one.
+Finding Only(std::string_view id, std::vector<std::string> evidence = {}, Finding finding = {})
+{
+    finding.candidates.assign(1, {&MeaningOf(id), std::move(evidence)});
+    return finding;
+}
+
+const Meaning& DecidedBy(const Finding& finding)
+{
+    return finding.candidates.size() == 1 ? *finding.candidates.front().meaning : MeaningOf("unclear");
+}
+
+bool IsSuccess(int code)
+{
+    return code == ERROR_SUCCESS || code == ERROR_SUCCESS_REBOOT_REQUIRED;
+}
+
+std::wstring UtcNow()
+{
+    SYSTEMTIME now = {};
+    GetSystemTime(&now);
+    wchar_t text[32] = {};
+    std::swprintf(text, std::size(text), L"%04u-%02u-%02uT%02u:%02u:%02uZ", now.wYear, now.wMonth, now.wDay, now.wHour,
+                  now.wMinute, now.wSecond);
+    return text;
+}
+
+bool HasSwitch(const Switches& switches, std::string_view wanted)
+{
+    return std::ranges::any_of(switches, [wanted](const auto& one) { return EqualNoCase(ToUtf8(one), wanted); });
+}
+
+bool IsDirect(const Switches& switches)
+{
+    return HasSwitch(switches, "-VLT") && HasSwitch(switches, "-Install");
+}
+
+std::wstring VersionOf(const Installed& installed)
+{
+    return installed.edition.isInstalled ? installed.edition.version : std::wstring();
+}
+
+// Copies this program and the tool. A program that cannot be replaced, because it runs for example, stays as it is.
+void KeepPrograms(const SafePlace& place, const std::wstring& tool)
+{
+    CreateDirectoryW(place.Programs().c_str(), nullptr);
+    for (const std::wstring& program : {OurPath(), tool})
     {
-        const DWORD length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-        if (length < path.size())
+        const std::wstring target = JoinPath(place.Programs(), FileNameOf(program));
+        const std::wstring copy = target + L".new";
+        if (!EqualNoCase(ToUtf8(program), ToUtf8(target)) &&
+            (CopyFileW(program.c_str(), copy.c_str(), FALSE) == 0 ||
+             MoveFileExW(copy.c_str(), target.c_str(), MOVEFILE_REPLACE_EXISTING) == 0))
         {
-            path.resize(length);
-            break;
+            WriteError(SystemFailure(ToUtf8(target) + ": this program cannot be kept", GetLastError()));
         }
-        path.resize(path.size() * 2);
     }
-    return path.substr(0, path.find_last_of(L'\\') + 1) + kTool;
 }
 
-// An argument that the tool ignores but logs in its first line, which identifies the log of this run.
-std::wstring MakeMark()
+// Starts from what the last run has left.
+LastRun Begin()
 {
-    LARGE_INTEGER counter = {};
-    QueryPerformanceCounter(&counter);
-    return L"-run=" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(counter.QuadPart);
+    LastRun run = ReadLastRun().value_or(LastRun());
+    const bool isRetry = !run.outcome.empty() && !IsSuccess(static_cast<int>(run.code));
+    run.attempt = isRetry ? run.attempt + 1 : 1;
+    run.toolCode.reset();
+    run.started = UtcNow();
+    run.ended.clear();
+    run.log.clear();
+    run.release.clear();
+    run.versionBefore.clear();
+    run.versionAfter.clear();
+    return run;
 }
 
-bool FirstLineHas(const std::wstring& path, const std::string& mark)
+void ForgetRecovery(LastRun& run)
 {
-    constexpr std::uint64_t kFirstLineBytes = 4096;  // the tool's lines have at most 2,048
-    bool isFirst = true;
-    bool found = false;
-    const auto check = [&](const Line& line) {
-        found = found || (isFirst && line.text.find(mark) != std::string_view::npos);
-        isFirst = false;
+    run.recoveryPending = false;
+    run.lost = run.failures = 0;
+    run.keptInstaller.clear();
+    run.keptRelease.clear();
+    run.recoveryAttempts.clear();
+}
+
+// One run: the machine before it, the folder it works in, and what is remembered of it.
+class FleetRun
+{
+public:
+    FleetRun(const RunOptions& options, const Switches& switches, std::wstring tool, const SafePlace& place,
+             LastRun& run)
+        : options_(options), switches_(switches), tool_(std::move(tool)), place_(place), run_(run)
+    {
+    }
+
+    // Throws Failure before anything is changed.
+    Finding Execute();
+
+private:
+    void TakeUpInterruptedRun();
+    Finding StartTool(const ToolStart& start);
+    Finding Recover();
+    Finding InstallLostPackages();
+    void Remember();
+    Finding ReportLoss(const Finding& finding, const std::string& what);
+
+    const RunOptions& options_;
+    const Switches& switches_;
+    const std::wstring tool_;
+    const SafePlace& place_;
+    LastRun& run_;
+    MachineState before_;
+    bool isRecovery_ = false;
+};
+
+Finding FleetRun::Execute()
+{
+    if (IsToolRunning(tool_))
+    {
+        return Only("tool-running");
+    }
+    if (options_.unlessInUse && IsApplicationRunning())
+    {
+        return Only("in-use");
+    }
+    before_ = ReadMachineState();
+    run_.release = before_.drivers.empty() ? std::wstring() : before_.drivers.front().releaseBase;
+    run_.versionBefore = VersionOf(before_.installed);
+    run_.lost = LostProducts(run_, before_.installed.products);
+    if (run_.lost != 0 && !run_.recoveryPending)
+    {
+        TakeUpInterruptedRun();
+    }
+    if (run_.lost == 0)
+    {
+        ForgetRecovery(run_);
+        place_.RemoveKept();
+    }
+    if (run_.lost != 0 && !IsDirect(switches_))
+    {
+        return Recover();
+    }
+    return StartTool({tool_, MakeMark(), switches_, options_.limitSeconds, options_.kill});
+}
+
+// The last run was interrupted, and products that were there are gone: this run recovers them. If neither its log nor
+// an installer shows that the tool has removed them, somebody else has.
+void FleetRun::TakeUpInterruptedRun()
+{
+    const std::optional<std::wstring> log = FindLog(run_.mark);
+    const Trace trace = ReadTrace(log);
+    const std::wstring folder = before_.drivers.empty() ? std::wstring() : before_.drivers.front().driverFolder;
+    const std::wstring installer = FindInstaller(place_, trace, folder);
+    if (log && !trace.hasRemoved && trace.installer.empty())
+    {
+        run_.lost = 0;
+        return;
+    }
+    run_.recoveryPending = true;
+    run_.keptRelease = run_.release;
+    run_.recoveryAttempts = run_.started + L" found an interrupted run";
+    KeepInstaller(place_, installer, run_);
+    Remember();
+}
+
+// Writes the state that an interruption of this run leaves.
+void FleetRun::Remember()
+{
+    run_.outcome = kRunning;
+    run_.title = L"Running, or interrupted";
+    run_.code = kTryAgain;
+    WriteLastRun(run_);
+}
+
+// Reports that products are still lost after the tool, or this program, has tried to install them.
+Finding FleetRun::ReportLoss(const Finding& finding, const std::string& what)
+{
+    run_.failures += isRecovery_ ? 1 : 0;
+    run_.recoveryPending = true;
+    run_.recoveryAttempts += (run_.recoveryAttempts.empty() ? L"" : L"; ") + run_.started + L" " + ToWide(what);
+    if (run_.recoveryAttempts.size() > kLongestAttempts)
+    {
+        run_.recoveryAttempts.erase(0, run_.recoveryAttempts.size() - kLongestAttempts);
+    }
+    const bool hasFailed = run_.failures >= kRecoveryAttempts || run_.keptInstaller.empty();
+    std::vector<std::string> evidence = {what};
+    evidence.push_back("tried: " + ToUtf8(run_.recoveryAttempts));
+    evidence.push_back(run_.keptInstaller.empty() ? "no installer is kept" : "kept: " + ToUtf8(run_.keptInstaller));
+    return Only(hasFailed ? "recovery-failed" : "recovery-pending", std::move(evidence), finding);
+}
+
+// Runs the tool and compares the products afterwards with those that must be there.
+Finding FleetRun::StartTool(const ToolStart& start)
+{
+    try
+    {
+        place_.MakeTemporary();
+    }
+    catch (const Failure& failure)  // a program of an earlier run still has files open there
+    {
+        return Only("tool-running", {failure.what()});
+    }
+    SetEnvironmentVariableW(L"TMP", place_.Temporary().c_str());
+    SetEnvironmentVariableW(L"TEMP", place_.Temporary().c_str());
+    const std::uint32_t wanted = before_.installed.products | run_.lost;
+    run_.products = wanted;
+    run_.mark = start.mark;
+    Remember();
+
+    ToolEnd end = RunTool(start);
+    if (end.startError != ERROR_SUCCESS)
+    {
+        run_.products = 0;
+        place_.RemoveTemporary();
+        const std::string reason = SystemFailure(ToUtf8(start.tool), end.startError);
+        WriteError(reason);
+        return Only("not-started", {reason});
+    }
+    if (!end.isOver)
+    {
+        const std::string lastLine = end.finding.lastLine;
+        end.finding = Only(start.kill ? "timed-out-ended" : "timed-out", {lastLine}, std::move(end.finding));
+        if (!start.kill)
+        {
+            return end.finding;  // the next run checks the products
+        }
+    }
+    const Installed after = ReadInstalled();
+    run_.versionAfter = VersionOf(after);
+    run_.products = 0;
+    run_.lost = wanted & ~after.products;
+    if (run_.lost == 0)
+    {
+        ForgetRecovery(run_);
+        place_.RemoveTemporary();
+        place_.RemoveKept();
+        return end.finding;
+    }
+    const Trace trace = ReadTrace(FindLog(start.mark));
+    if (!trace.installer.empty())
+    {
+        run_.keptRelease = IsDirect(switches_) ? std::wstring() : isRecovery_ ? run_.keptRelease : run_.release;
+        KeepInstaller(place_, trace.installer, run_);
+    }
+    const Meaning& meaning = DecidedBy(end.finding);
+    return ReportLoss(end.finding, std::string(meaning.id) + ": " + std::string(meaning.title) + ", exit code " +
+                                       std::to_string(end.finding.exitCode.value_or(0)));
+}
+
+Finding FleetRun::Recover()
+{
+    isRecovery_ = true;
+    if ((run_.lost & kMainProduct) == 0)
+    {
+        return InstallLostPackages();
+    }
+    if (run_.keptInstaller.empty())
+    {
+        return ReportLoss({}, "no installer");
+    }
+    Switches direct = {L"-VLT", L"-Install", L"-Path", run_.keptInstaller};
+    if (HasSwitch(switches_, "-SILENT"))
+    {
+        direct.emplace_back(L"-SILENT");
+    }
+    Finding finding =
+        StartTool({tool_, MakeMark(), direct, std::min(options_.limitSeconds, kRecoveryLimitSeconds), true});
+    const Meaning& meaning = DecidedBy(finding);
+    const bool isDone = run_.lost == 0 && IsSuccess(meaning.code);
+    const char* const id = meaning.code == 0 ? "recovered" : "recovered-restart";
+    return isDone ? Only(id, {std::string(meaning.id)}, std::move(finding)) : finding;
+}
+
+// A direct installation installs these only where the main product is missing too.
+Finding FleetRun::InstallLostPackages()
+{
+    Remember();
+    const PackagesResult result = InstallKeptPackages(place_, run_.lost);
+    const Installed after = ReadInstalled();
+    run_.versionAfter = VersionOf(after);
+    run_.lost &= ~after.products;
+    const std::string what = "packages: " + result.codes;
+    if (run_.lost != 0)
+    {
+        return ReportLoss({}, what);
+    }
+    ForgetRecovery(run_);
+    place_.RemoveKept();
+    return Only(result.needsRestart ? "recovered-restart" : "recovered", {what});
+}
+
+void WriteToApplicationLog(const Meaning& meaning, const Finding& finding, const LastRun& run,
+                           const std::wstring& program)
+{
+    std::wstring evidence;
+    for (const std::string& line :
+         finding.candidates.size() == 1 ? finding.candidates.front().evidence : std::vector<std::string>())
+    {
+        evidence += (evidence.empty() ? L"" : L" | ") + ToWide(line);
+    }
+    const auto orNone = [](const std::wstring& text) { return text.empty() ? std::wstring(L"-") : text; };
+    WriteEvent(meaning.event, meaning.code,
+               {ToWide(meaning.id), std::to_wstring(meaning.code),
+                run.toolCode ? std::to_wstring(static_cast<int>(*run.toolCode)) : L"-", orNone(run.release),
+                orNone(run.versionBefore), orNone(run.versionAfter), std::to_wstring(run.attempt), orNone(run.log),
+                orNone(evidence)},
+               program);
+}
+
+// Remembers the outcome and prints it. Failures to do so do not change the exit code.
+int Conclude(const Finding& finding, LastRun run, const std::optional<SafePlace>& place)
+{
+    const Meaning& meaning = DecidedBy(finding);
+    run.outcome = ToWide(meaning.id);
+    run.title = ToWide(meaning.title);
+    run.code = static_cast<std::uint32_t>(meaning.code);
+    run.toolCode = finding.exitCode ? std::optional(static_cast<std::uint32_t>(*finding.exitCode)) : std::nullopt;
+    run.ended = UtcNow();
+    run.log = finding.log.empty() ? std::wstring() : GetLogFolder() + ToWide(finding.log);
+    const auto attempt = [](const auto& step) {
+        try
+        {
+            step();
+        }
+        catch (const Failure& failure)
+        {
+            WriteError(failure.what());
+        }
     };
-    try
+    if (!place || !place->IsTaken())  // otherwise the key belongs to the run that has the folder
     {
-        ReadLines(path, check, kFirstLineBytes);
+        attempt([&] { WriteLastRun(run); });
     }
-    catch (const UnreadableFile&)  // another process is writing it, so it is not our log
-    {
-        return false;
-    }
-    return found;
+    // A kept program outlives the folder that a deployment system starts this one from.
+    const std::wstring kept = place ? JoinPath(place->Programs(), FileNameOf(OurPath())) : std::wstring();
+    attempt([&] { WriteToApplicationLog(meaning, finding, run, FileExists(kept) ? kept : OurPath()); });
+    attempt([&] { WriteOutput(ExplainAsJson(finding) + "\n"); });
+    return meaning.code;
 }
 
-// Returns the log with our mark; other instances may have written logs meanwhile. Reports a failure, but it does not
-// replace the tool's outcome.
-std::optional<std::wstring> FindOwnLog(const std::wstring& folder, const std::wstring& mark)
+int ExecuteRun(const RunOptions& options, const Switches& switches)
 {
-    const std::string wanted = " " + ToUtf8(mark);
+    LastRun run = Begin();
+    std::optional<SafePlace> place;
+    Finding finding;
     try
     {
-        const std::vector<std::wstring> logs = ListLogs(folder);
-        const auto own = std::find_if(logs.rbegin(), logs.rend(), [&](const std::wstring& name) {  // the newest first
-            return FirstLineHas(JoinPath(folder, name), wanted);
-        });
-        return own != logs.rend() ? std::optional(*own) : std::nullopt;
+        place.emplace();
+        if (place->IsTaken())
+        {
+            return Conclude(Only("tool-running"), std::move(run), place);
+        }
+        const std::wstring tool = options.tool.empty() ? ToolBesideUs() : ToWide(options.tool);
+        if (options.keep)
+        {
+            KeepPrograms(*place, tool);
+        }
+        finding = FleetRun(options, switches, tool, *place, run).Execute();
     }
     catch (const Failure& failure)
     {
         WriteError(failure.what());
-        return std::nullopt;
+        finding = Only("not-started", {failure.what()});
     }
-}
-
-struct Ended
-{
-    bool isOver = false;
-    std::optional<int> exitCode;  // none while it still runs
-};
-
-bool IsOver(HANDLE process, int limitSeconds)
-{
-    return WaitForSingleObject(process, static_cast<DWORD>(limitSeconds) * 1000) == WAIT_OBJECT_0;
-}
-
-Ended Wait(HANDLE process, int limitSeconds, bool kill)
-{
-    Ended ended;
-    ended.isOver = IsOver(process, limitSeconds);
-    if (!ended.isOver && kill)
-    {
-        // The tool may have ended by itself just now; then TerminateProcess fails.
-        ended.isOver = IsOver(process, 0) || TerminateProcess(process, kKilled) == 0;
-        WaitForSingleObject(process, INFINITE);
-    }
-    if (ended.isOver || kill)
-    {
-        DWORD code = 0;
-        GetExitCodeProcess(process, &code);
-        ended.exitCode = static_cast<int>(code);
-    }
-    return ended;
-}
-
-// Prints the finding and returns the exit code for it.
-int Report(const Finding& finding)
-{
-    try
-    {
-        WriteOutput(ExplainAsJson(finding) + "\n");
-    }
-    catch (const Failure& failure)  // the exit code counts, even without any output
-    {
-        WriteError(failure.what());
-    }
-    return finding.candidates.size() == 1 ? finding.candidates.front().meaning->code : kUnknownCode;
-}
-
-// Returns the argument as it must be written in a command line, so that the program started with it gets it unchanged.
-std::wstring QuoteArgument(std::wstring_view argument)
-{
-    if (!argument.empty() && argument.find_first_of(L" \t\"") == std::wstring_view::npos)
-    {
-        return std::wstring(argument);
-    }
-    std::wstring quoted = L"\"";
-    size_t backslashes = 0;  // directly before this character; before a quotation mark each must be doubled
-    for (const wchar_t c : argument)
-    {
-        if (c == L'"')
-        {
-            quoted.append(backslashes + 1, L'\\');
-        }
-        backslashes = c == L'\\' ? backslashes + 1 : 0;
-        quoted.push_back(c);
-    }
-    quoted.append(backslashes, L'\\');
-    return quoted + L"\"";
-}
-
-std::wstring CommandLine(const std::wstring& tool, const std::wstring& mark, const std::vector<std::wstring>& switches)
-{
-    std::wstring line = L"\"" + tool + L"\" " + mark;
-    for (const std::wstring& argument : switches)
-    {
-        line += L" " + QuoteArgument(argument);
-    }
-    return line;
-}
-
-// Returns the process; null after setting the last error.
-EventHandle Start(const std::wstring& tool, std::wstring commandLine)
-{
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    PROCESS_INFORMATION started = {};
-    if (CreateProcessW(tool.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                       &started) == 0)
-    {
-        return EventHandle();
-    }
-    CloseHandle(started.hThread);
-    return EventHandle(started.hProcess);  // a process is closed like an event
-}
-
-Finding Classify(const std::wstring& folder, const std::optional<std::wstring>& log, const Ended& ended)
-{
-    Recogniser recogniser(log ? ToUtf8(*log) : std::string(), ended.exitCode);
-    if (log)
-    {
-        try
-        {
-            ReadFileBytes(JoinPath(folder, *log), [&recogniser](std::string_view bytes) { recogniser.Feed(bytes); });
-        }
-        catch (const UnreadableFile& failure)  // classify by the part that was read
-        {
-            WriteError(failure.what());
-        }
-    }
-    return recogniser.Finish();
-}
-
-int ExecuteRun(const RunOptions& options, const std::vector<std::wstring>& switches)
-{
-    const std::wstring tool = options.tool.empty() ? ToolBesideUs() : ToWide(options.tool);
-    const std::wstring mark = MakeMark();
-    const std::wstring folder = GetLogFolder();
-    const EventHandle process = Start(tool, CommandLine(tool, mark, switches));
-    if (!process)
-    {
-        const std::string reason = SystemFailure(ToUtf8(tool), GetLastError());
-        WriteError(reason);
-        Finding finding;
-        finding.candidates.push_back({&kNotStarted, {reason}});
-        return Report(finding);
-    }
-    Ended ended = Wait(process.Get(), options.limitSeconds, options.kill);
-    const std::optional<std::wstring> log = FindOwnLog(folder, mark);
-    if (!ended.exitCode)
-    {
-        ended = Wait(process.Get(), 0, false);  // if it has ended by now, its log is complete
-    }
-    Finding finding = Classify(folder, log, ended);
-    if (!ended.isOver)
-    {
-        finding.candidates.assign(1, {options.kill ? &kEndedHere : &kTimedOut, {finding.lastLine}});
-    }
-    return Report(finding);
+    return Conclude(finding, std::move(run), place);
 }
 }  // namespace
 
@@ -275,18 +427,28 @@ void AddRunCommand(CLI::App& program, int& result, const std::vector<std::wstrin
     const auto options = std::make_shared<RunOptions>();
     CLI::App& command =
         *program.add_subcommand("run", "Runs the tool with the switches after \"--\", and prints the outcome as JSON.");
-    command.add_option("--timeout", options->limitSeconds, "time limit; an hour without it")
+    command.add_option("--timeout", options->limitSeconds, "time limit; two and a half hours without it")
         ->type_name("SECONDS")
         ->check(CLI::Range(1, kLongestLimitSeconds).description(""));
     command.add_flag("--kill", options->kill, "end the tool at the time limit; otherwise it continues");
+    command.add_flag("--unless-in-use", options->unlessInUse, "start nothing while the application is open");
+    command.add_flag("--keep", options->keep,
+                     "leave a copy of both programs in Program Files\\Tavik\\MIM\\Repair\\Programs");
     command.add_option("--tool", options->tool, "the tool; without it TavikCompatibilityTool.exe beside this program")
         ->type_name("PATH");
     command.footer(
+        "The tool gets a temporary folder that only administrators can enter. The outcome is also in the registry key\n"
+        "HKLM\\SOFTWARE\\Tavik\\RepairTool\\LastRun and in the Application log. If the tool removed the application "
+        "and\n"
+        "could not install it, the code is 1618, and the next run installs it again.\n"
+        "\n"
         "Exit code: 0 done or nothing to do; 3010 done, restart needed; 1618 try again later; 1603 failed.\n"
         "\n"
         "Examples:\n"
         "  TavikToolCompanion run -- -SILENT\n"
-        "  TavikToolCompanion run --timeout 1800 --kill -- -VLT -Install -Path C:\\vlt\\setup.exe -SILENT");
+        "  TavikToolCompanion run --unless-in-use -- -SILENT\n"
+        "  TavikToolCompanion run --timeout 1800 --kill -- -VLT -Install -Path C:\\vlt\\setup.exe -SILENT\n"
+        "  TavikToolCompanion run --tool C:\\repair\\TavikCompatibilityTool.exe -- -SILENT -FORCE");
     command.callback([options, &result, &toolSwitches] { result = ExecuteRun(*options, toolSwitches); });
 }
 }  // namespace repair

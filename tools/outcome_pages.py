@@ -27,7 +27,8 @@ STANDARD = (
 )
 HEAD = """# Outcomes
 
-Each run of the tool has exactly one of these {number} outcomes. To find the one of your run:
+Each run of the tool has exactly one of these {number} outcomes; the command `run` of the companion has {own} more, the last group. To find the
+one of your run:
 
 ```
 TavikToolCompanion explain LOG --exit N
@@ -92,11 +93,12 @@ def plain(text: str) -> str:
 
 def entry(one: Outcome) -> str:
     """The heading is the id, so that a link to #id leads here."""
+    is_own = one.mode == "run"
     return f"""
 ### {one.id}
 
-- **{one.title}**: exit code {exit_codes(one)}; standard code {one.code}; start again: {RETRY[one.retry]}
-- Log: {log_lines(one)}
+- **{one.title}**: {'' if is_own else f'exit code {exit_codes(one)}; '}standard code {one.code}; start again: {RETRY[one.retry]}; event {one.event}
+- Log: {'any, or none' if is_own else log_lines(one)}
 - Meaning: {plain(one.owner)} {plain(one.cause)}
 - What to do: {plain(one.action)}
 """
@@ -116,7 +118,7 @@ def page(found: list[Outcome]) -> str:
     for one in found:
         groups.setdefault(one.heading, []).append(one)
     index = "".join(f"| {title} | {', '.join(f'[{one.id}](#{one.id})' for one in group)} |\n" for title, group in groups.items())
-    return HEAD.format(number=len(found), index=index, codes=code_table(found)) + "".join(
+    return HEAD.format(number=sum(one.mode != "run" for one in found), own=sum(one.mode == "run" for one in found), index=index, codes=code_table(found)) + "".join(
         f"\n## {title}\n{''.join(map(entry, group))}" for title, group in groups.items())
 
 

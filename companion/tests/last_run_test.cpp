@@ -80,23 +80,22 @@ TEST(LastRun, AWriteThatFailsIsAnError)
     EXPECT_THROW(WriteLastRun(Written()), Failure);
 }
 
-TEST(LastRun, LostProductsAreThoseOfAPendingRecoveryOrOfAnInterruptedRun)
+TEST(LastRun, LostProductsAreThoseOfAPendingRecoveryOrOfARunWhoseEndWasNotChecked)
 {
-    const std::tuple<bool, const wchar_t*, std::uint32_t, std::uint32_t> cases[] = {
-        // pending, ended, installed now; lost
-        {true, L"x", 0, kDvrProduct},
-        {true, L"x", kMainProduct, kDvrProduct},
-        {true, L"x", kDvrProduct, 0},
-        {false, L"x", 0, 0},
-        {false, L"", 0, kMainProduct | kDvrProduct},
-        {false, L"", kMainProduct | kDvrProduct, 0},
-        {true, L"", 0, kDvrProduct},
+    const std::tuple<bool, std::uint32_t, std::uint32_t, std::uint32_t> cases[] = {
+        // pending, installed before and now; lost
+        {true, 0, 0, kDvrProduct},
+        {true, 0, kMainProduct, kDvrProduct},
+        {true, kMainProduct, kDvrProduct, 0},
+        {false, 0, 0, 0},
+        {false, kMainProduct | kDvrProduct, kDvrProduct, kMainProduct},
+        {false, kMainProduct, kMainProduct, 0},
     };
-    for (const auto& [pending, ended, now, lost] : cases)
+    for (const auto& [pending, before, now, lost] : cases)
     {
         LastRun last = Written();
         last.recoveryPending = pending;
-        last.ended = ended;
-        EXPECT_EQ(LostProducts(last, now), lost) << pending << ended << now;
+        last.products = before;
+        EXPECT_EQ(LostProducts(last, now), lost) << pending << before << now;
     }
 }

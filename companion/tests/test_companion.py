@@ -1,14 +1,10 @@
-"""TavikToolCompanion.exe: the command line, and the commands that collect logs, run the tool and check a server value. What `explain` and
-`convert` read is in test_reading.py."""
+"""TavikToolCompanion.exe: the command line, and the commands that collect logs and check a server value. What `explain` and `convert` read is
+in test_reading.py, `run` in test_run.py."""
 from __future__ import annotations
 
 import json
-import pathlib
 import re
-import signal
 import struct
-import subprocess
-import time
 import zipfile
 from typing import Any
 
@@ -187,82 +183,3 @@ def test_the_answer_of_a_server(desk):
     assert [item["user_agent"] for item in web.requests] == ["Tavik Marlin Install Manager"] * 4
     code, text, _ = desk.run("check-server", "http://127.0.0.1:9/", "--release", "24.20")
     assert code == 1 and "error: the server cannot be asked (request): error 12029" in text
-
-
-# run
-
-def start(description: dict[str, Any], arguments: str, **options: Any) -> tuple[Result, list[dict[str, Any]]]:
-    """The companion starts the tool on that machine; what it printed."""
-    files = {**description.get("files", {}), COMPANION: {"copy": str(paths.need(paths.COMPANION))}}
-    result = run(Machine({**description, "files": files}), f"run {arguments}", program=COMPANION, **options)
-    return result, [json.loads(text) for text in result.output]
-
-
-@pytest.mark.parametrize("description, exit_code, outcome, code", [
-    (found(), 0, "repaired", 0), ({"desktop": {"release": "24.20"}}, -1, "same-release", 0),
-    (found(faults=["msi!MsiInstallProductW 2 return=1618"]), 1618, "install-busy", 1618),
-    (found(files={r"C:\Program Files\Tavik\MIM": "a file"}), 3, "no-log-folder", 1603)],
-    ids=["repaired", "same release", "Windows Installer is busy", "no log"])
-def test_a_run_of_the_tool(description, exit_code, outcome, code):
-    switches = r'-SILENT "C:\My Files\x" "" "C:\ends with\\" "a\"b" "\\\"" a\\b "c c\\"'
-    result, (said,) = start(description, f"-- {switches}")
-    assert (said["exit"], said["outcome"], said["code"], result.exit_code) == (exit_code, outcome, code, code)
-    if said["log"] is None:
-        assert result.logs == []
-    else:
-        assert re.search(rf"TavikCompatibilityTool\.exe\" -run=\d+-\d+ {re.escape(switches)}$", result.log[0]) and said["lines"] == len(result.log)
-
-
-@pytest.mark.parametrize("switch, outcome, code", [("", "timed-out", 1618), ("--kill ", "timed-out-ended", 1603)], ids=["goes on", "ended"])
-def test_a_run_that_takes_too_long(switch, outcome, code):
-    """No user answers the message box."""
-    result, (said,) = start({"desktop": {"release": "24.20"}}, f"--timeout 3 {switch}")
-    assert (said["outcome"], said["code"], result.exit_code) == (outcome, code, code)
-    assert said["evidence"] == [result.log[-1]] and said["exit"] == (1460 if switch else None)
-
-
-def test_two_runs_at_once_are_told_apart():
-    machine = found(installer={"sleep": 2500})
-    result, said = start(machine, "-- -SILENT", when=["log Found dwx2 : second run -- -SILENT"])
-    assert [one["outcome"] for one in said] == ["repaired", "another-instance"]
-    assert [one["exit_code"] for one in result.instances] == [0, 1618] and said[0]["log"] != said[1]["log"]
-
-
-def test_a_tool_that_cannot_be_started(desk):
-    code, text, errors = desk.run("run", "--", "-SILENT")
-    said = json.loads(text)
-    assert (said["outcome"], said["code"], code) == ("not-started", 1603, 1603 & 0xFF)
-    assert r"C:\lab\TavikCompatibilityTool.exe: error 2" in errors and said["evidence"][0] in errors
-
-
-def test_a_run_without_an_output(desk):
-    """The exit code still reports the outcome."""
-    with open("/dev/full", "wb") as full:
-        ended = subprocess.run([paths.WINE, COMPANION, "run"], env=desk.prefix.environment(), stdin=subprocess.DEVNULL, stdout=full,
-                               stderr=subprocess.PIPE, timeout=60, check=False)
-    assert ended.returncode == 1603 & 0xFF and b"TavikToolCompanion: the output cannot be written: error " in ended.stderr
-
-
-def wait_for(file: pathlib.Path) -> None:
-    limit = time.monotonic() + 60
-    while not file.exists():
-        assert time.monotonic() < limit, f"{file.name} never came"
-        time.sleep(0.05)
-
-
-@pytest.mark.parametrize("switch", [(), ("--kill",)], ids=["goes on", "ended"])
-def test_a_tool_that_has_ended_when_the_time_limit_is_noticed(desk, switch):
-    """The companion is stopped from before the limit until after the tool's end."""
-    begun, over = (desk.prefix.windows_path(rf"C:\lab\{name}") for name in ("begun", "over"))
-    begun.unlink(missing_ok=True)
-    over.unlink(missing_ok=True)
-    process = subprocess.Popen([paths.WINE, COMPANION, "run", "--timeout", "1", *switch, "--tool", r"C:\windows\system32\cmd.exe", "--", "/c",
-                                r"echo x>C:\lab\begun & ping -n 3 127.0.0.1 >nul & echo x>C:\lab\over & exit 9"],
-                               env=desk.prefix.environment(), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-    wait_for(begun)
-    process.send_signal(signal.SIGSTOP)
-    wait_for(over)
-    time.sleep(0.5)  # its very end
-    process.send_signal(signal.SIGCONT)
-    said = json.loads(process.communicate(timeout=60)[0])
-    assert (said["exit"], said["outcome"]) == (9, "no-log")

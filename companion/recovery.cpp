@@ -1,0 +1,141 @@
+#include "companion/recovery.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <utility>
+
+#include <windows.h>
+#include <msi.h>
+
+#include "acquisition/local_installer.h"
+#include "base/files.h"
+#include "companion/failure.h"
+#include "companion/log_files.h"
+#include "companion/tool_log.h"
+#include "companion/unicode.h"
+#include "install/constants.h"
+#include "install/msi_products.h"
+
+namespace repair
+{
+namespace
+{
+constexpr wchar_t kInstaller[] = L"\\dwx2_install.exe";
+constexpr wchar_t kDownload[] = L"\\Tavik_VLTInstallerDownload\\dwx2_install.exe";
+
+struct OptionalProduct
+{
+    std::uint32_t product;
+    const char* name;
+    const wchar_t* package;
+};
+constexpr OptionalProduct kOptional[] = {{kDvrProduct, "DVR", kDvrPackage}, {kPxlProduct, "PXL", kPxlPackage}};
+
+bool IsIn(const std::wstring& path, const std::wstring& folder)
+{
+    return path.starts_with(folder + L"\\");
+}
+
+void RemoveUnpacked(const SafePlace& place)
+{
+    try
+    {
+        RemoveAll(JoinPath(place.Kept(), kExtractionFolder));
+    }
+    catch (const std::filesystem::filesystem_error&)  // costs disk space, no more
+    {
+    }
+}
+}  // namespace
+
+Trace ReadTrace(const std::optional<std::wstring>& log)
+{
+    constexpr std::string_view kStarted = "Process ";
+    const std::string parameters = " " + ToUtf8(kExtractionParameters);
+    Trace trace;
+    const auto read = [&](const Line& line) {
+        const size_t end = line.text.find(parameters);
+        if (line.begins && line.text.starts_with(kStarted) && end != std::string_view::npos)
+        {
+            trace.installer = ToWide(line.text.substr(kStarted.size(), end - kStarted.size()));
+        }
+        trace.hasRemoved = trace.hasRemoved || (line.begins && line.text.starts_with("Uninstalling installed "));
+    };
+    try
+    {
+        if (log)
+        {
+            ReadLines(*log, read);
+        }
+    }
+    catch (const UnreadableFile&)  // the part that was read counts
+    {
+    }
+    return trace;
+}
+
+std::wstring FindInstaller(const SafePlace& place, const Trace& trace, const std::wstring& driverFolder)
+{
+    // Kept ones: the interruption may have come after they were moved and before that was remembered.
+    for (const std::wstring& path :
+         {trace.installer, place.Temporary() + kDownload, place.Kept() + kDownload, place.Kept() + kInstaller})
+    {
+        if (!path.empty() && FileExists(path))
+        {
+            return path;
+        }
+    }
+    try
+    {
+        return FindLocalInstaller(driverFolder);
+    }
+    catch (const std::filesystem::filesystem_error&)
+    {
+        return {};
+    }
+}
+
+void KeepInstaller(const SafePlace& place, std::wstring installer, LastRun& run)
+{
+    if (IsIn(installer, place.Kept()))  // what else is kept is removed
+    {
+        CreateDirectoryW(place.Temporary().c_str(), nullptr);
+        const std::wstring aside = place.Temporary() + kInstaller;
+        installer = MoveFileW(installer.c_str(), aside.c_str()) != 0 ? aside : installer;
+    }
+    const bool isMoved = place.KeepTemporary();
+    if ((run.lost & kMainProduct) != 0)  // its installer unpacks again
+    {
+        RemoveUnpacked(place);
+    }
+    const std::wstring copy = place.Kept() + kInstaller;
+    if (isMoved && IsIn(installer, place.Temporary()))
+    {
+        installer.replace(0, place.Temporary().size(), place.Kept());
+    }
+    else if (installer != copy && CopyFileW(installer.c_str(), copy.c_str(), FALSE) != 0)
+    {
+        installer = copy;
+    }
+    run.keptInstaller = FileExists(installer) ? installer : std::wstring();
+}
+
+PackagesResult InstallKeptPackages(const SafePlace& place, std::uint32_t products)
+{
+    MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
+    TakeToolLog();  // drops earlier lines
+    PackagesResult result;
+    for (const auto& [product, name, package] : kOptional)
+    {
+        if ((products & product) != 0)
+        {
+            const std::wstring path = JoinPath(place.Kept(), kExtractionFolder) + package;
+            const std::int32_t code = InstallMsiPackage(path, GetCustomInstallDir());
+            result.codes += (result.codes.empty() ? "" : ", ") + std::string(name) + " " + std::to_string(code);
+        }
+    }
+    result.needsRestart = std::ranges::any_of(
+        TakeToolLog(), [](const std::string& line) { return line.starts_with("System reboot may be required"); });
+    return result;
+}
+}  // namespace repair
