@@ -123,7 +123,8 @@ def task(top: Path) -> Iterator[str]:
     wanted = {
         "UserId": "S-1-5-18",  # SYSTEM
         "URI": path + name,
-        "Arguments": r'-NoProfile -NonInteractive -ExecutionPolicy Bypass -File "%ProgramFiles%\Tavik\Repair\Repair-TavikSoftware.ps1"',
+        "Command": r'"%ProgramFiles%\Tavik\Repair\TavikToolCompanion.exe"',
+        "Arguments": "run -- -SILENT",
         # A device of the class of display adapters got a driver; Install-TavikRepair.ps1 enables this log.
         "Subscription": f'<QueryList><Query Id="0" Path="{log}"><Select Path="{log}">*[System[Provider[@Name=\'Microsoft-Windows-Kernel-PnP\'] and '
                         f"EventID=400]] and *[EventData[Data[@Name='ClassGuid']='{display_class(top)}']]</Select></Query></QueryList>"}
@@ -147,15 +148,12 @@ def return_codes(top: Path) -> Iterator[str]:
     ansible = yaml.safe_load(read(deploy / "ansible/roles/tavik_repair/defaults/main.yml"))["tavik_repair_return_codes"]
     winget = {item["ReturnResponse"]: item["InstallerReturnCode"] for item in
               yaml.safe_load(read(deploy / "winget/Tavik.SoftwareRepair.installer.yaml"))["ExpectedReturnCodes"]}
-    script = read(deploy / "powershell/Repair-TavikSoftware.ps1")
-    own = {name: int(code) for name, code in re.findall(r"^\$exit(\w+) = (\d+)", script, re.M)}
     tables = {
         "intune/app.json": (intune, dict(zip(("success", "softReboot", "retry", "failed"), CODES.values()))),
         "configmgr/New-TavikApplication.ps1": (configmgr, dict(zip(("Success", "SoftReboot", "FastRetry", "Failure"), CODES.values()))),
         "ansible/roles/tavik_repair/defaults/main.yml": (ansible, CODES),
         "winget/Tavik.SoftwareRepair.installer.yaml": (winget, {"rebootRequiredToFinish": CODES["restart"], "installInProgress": CODES["retry"],
                                                                 "contactSupport": CODES["failed"]}),
-        "powershell/Repair-TavikSoftware.ps1": (own, {"Busy": CODES["retry"], "Failed": CODES["failed"]}),
     }
     compared = {name.partition("/")[0] for name in tables}
     yield from (f"deploy/{folder.name}: its return codes are not compared: add a table, or the folder to WITHOUT_CODES"
@@ -202,8 +200,8 @@ def scripts(top: Path) -> Iterator[str]:
         yield "winget: there must be three manifests, one of each type"
     commands = [json.loads(read(deploy / "intune/app.json"))["installCommandLine"],
                 *re.findall(r"InstallCommand\s+= '(.*)'", read(deploy / "configmgr/New-TavikApplication.ps1"))]
-    if len(commands) != 2 or len(set(commands)) != 1 or not commands[0].endswith("-File Repair-TavikSoftware.ps1"):
-        yield f"Intune and Configuration Manager must start the same script: {commands}"
+    if len(commands) != 2 or len(set(commands)) != 1 or commands[0] != "TavikToolCompanion.exe run --keep -- -SILENT":
+        yield f"Intune and Configuration Manager must start the companion's run, silently: {commands}"
 
 
 # With --full

@@ -4,11 +4,11 @@
 Creates the application in Configuration Manager (2107 or newer). Run it on the site's drive, as in PS XYZ:\>.
 
 .DESCRIPTION
-Content is a share that holds TavikCompatibilityTool.exe, TavikToolCompanion.exe and Repair-TavikSoftware.ps1; Detection is the path of
+Content is a share that holds TavikCompatibilityTool.exe and TavikToolCompanion.exe; Detection is the path of
 Test-TavikRelease.ps1. Afterwards distribute the application and deploy it as "required". Never run on a real Configuration Manager.
 
 .PARAMETER Content
-Share with the three files.
+Share with the two files.
 
 .PARAMETER Detection
 Path of Test-TavikRelease.ps1.
@@ -23,7 +23,7 @@ param(
 Set-StrictMode -Version 2.0
 $ErrorActionPreference = 'Stop'
 
-# What the exit codes of Repair-TavikSoftware.ps1 mean to Configuration Manager.
+# What the exit codes of TavikToolCompanion.exe run mean to Configuration Manager.
 $returnCodes = @(
     @{ ReturnCode = 0; CodeType = 'Success' }
     @{ ReturnCode = 3010; CodeType = 'SoftReboot' }
@@ -39,7 +39,7 @@ $type = @{
     ApplicationName           = $Name
     DeploymentTypeName        = "$Name - script"
     ContentLocation           = $Content
-    InstallCommand            = 'powershell.exe -NoProfile -NonInteractive -ExecutionPolicy Bypass -File Repair-TavikSoftware.ps1'
+    InstallCommand            = 'TavikToolCompanion.exe run --keep -- -SILENT'
     ScriptLanguage            = 'PowerShell'
     ScriptText                = Get-Content -LiteralPath "FileSystem::$Detection" -Raw
     InstallationBehaviorType  = 'InstallForSystem'

@@ -5,13 +5,13 @@
 Installs the tool on a machine and registers the task that repairs the application after each update of the display driver.
 
 .DESCRIPTION
-Run it again to update the files; -Remove removes task and files. Source holds TavikCompatibilityTool.exe, TavikToolCompanion.exe,
-Repair-TavikSoftware.ps1 and TavikRepairAfterDriverUpdate.xml; it may be a share.
+Run it again to update the files; -Remove removes task and files. Source holds TavikCompatibilityTool.exe, TavikToolCompanion.exe and
+TavikRepairAfterDriverUpdate.xml; it may be a share.
 
 As a startup script of a Group Policy it needs no parameters. Never run on a real Windows.
 
 .PARAMETER Source
-Folder with the four files.
+Folder with the three files.
 
 .PARAMETER Remove
 Removes the task and the files.
@@ -24,7 +24,7 @@ $ErrorActionPreference = 'Stop'
 $taskPath = '\Tavik\'
 $taskName = 'RepairAfterDriverUpdate'
 $log = 'Microsoft-Windows-Kernel-PnP/Configuration'
-$files = 'TavikCompatibilityTool.exe', 'TavikToolCompanion.exe', 'Repair-TavikSoftware.ps1'
+$files = 'TavikCompatibilityTool.exe', 'TavikToolCompanion.exe'
 $programFiles = if ($env:ProgramW6432) { $env:ProgramW6432 } else { $env:ProgramFiles }
 # Users cannot write there, and must not be able to: the task runs as SYSTEM.
 $target = Join-Path $programFiles 'Tavik\Repair'

@@ -14,7 +14,6 @@ ADMX = "deploy/policy/TavikCompatibilityTool.admx"
 ADML = "deploy/policy/en-US/TavikCompatibilityTool.adml"
 TASK = "deploy/task/TavikRepairAfterDriverUpdate.xml"
 TASK_SCRIPT = "deploy/task/Install-TavikRepair.ps1"
-REPAIR = "deploy/powershell/Repair-TavikSoftware.ps1"
 DETECTION = "deploy/powershell/Test-TavikRelease.ps1"
 INTUNE = "deploy/intune/app.json"
 CONFIGMGR = "deploy/configmgr/New-TavikApplication.ps1"
@@ -94,18 +93,17 @@ FAULTS = {
         (INTUNE, '"returnCode": 1618', '"returnCode": 1602', "intune"), (INTUNE, '"softReboot"', '"hardReboot"', "intune"),
         (CONFIGMGR, "ReturnCode = 3010", "ReturnCode = 1641", "configmgr"), (CONFIGMGR, "'FastRetry'", "'Success'", "configmgr"),
         (ROLE + "defaults/main.yml", "retry: 1618", "retry: 1619", "ansible"), (WINGET + ".installer.yaml", "InstallerReturnCode: 1603", "InstallerReturnCode: 1", "winget"),
-        (REPAIR, "$exitBusy = 1618", "$exitBusy = 1603", "powershell"),
         ("deploy/return-codes.json", '"code": 1618', '"code": 1641', "has the codes"),
         ("deploy/return-codes.json", '"intune": "Retry"', '"intune": "Failed"', "to intune, 1618"),
         ("deploy/return-codes.json", '"Fast retry"', '"Success (no reboot)"', "to configuration_manager, 1618"),
     ],
     "scripts": [
-        (REPAIR, "One at a time", "One at a t\u00edme", "must be ASCII"), (REPAIR, "Never run on a real Windows", "Runs on Windows", "must say"),
-        (REPAIR, "'-SILENT'", "'-VLT'", "direct installation"), (TASK_SCRIPT, "TavikRepairAfterDriverUpdate.xml", "Other.xml", "no Other.xml"),
+        (DETECTION, "exit 0", "exit 0 # \u00ed", "must be ASCII"), (DETECTION, "Never run on a real Windows", "Runs on Windows", "must say"),
+        (DETECTION, "exit 0", "exit 0 # -VLT", "direct installation"), (TASK_SCRIPT, "TavikRepairAfterDriverUpdate.xml", "Other.xml", "no Other.xml"),
         (DETECTION, "status --detect", "status", "must end with"), (DETECTION, "exit $LASTEXITCODE", "exit 0", "must end with"),
         (WINGET + ".yaml", "1.0.0.1", "1.0.0.2", "all manifests"), (WINGET + ".yaml", "ManifestType: version", "ManifestType: installer", "three manifests"),
         (WINGET + ".installer.yaml", "Tool-1.0.0.1\\", "", "in the folder"),
-        (CONFIGMGR, "-File Repair", "-File Other", "the same script"),
+        (CONFIGMGR, "run --keep", "run", "the companion's run"),
     ],
 }
 
