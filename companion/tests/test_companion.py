@@ -3,6 +3,7 @@ in test_reading.py, `run` in test_run.py."""
 from __future__ import annotations
 
 import json
+import pathlib
 import re
 import struct
 import zipfile

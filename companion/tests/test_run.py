@@ -59,8 +59,8 @@ class Fleet:
         self.said = json.loads(output.read_text("utf-8").splitlines()[-1])
         report = json.loads((self.session.lab / "report.json").read_text("utf-8"))
         assert report["instances"][0]["exit_code"] == self.said["code"]
-        bad = [line for line in (self.session.lab / "standins" / "calls.txt").read_text("utf-8").splitlines() if line.startswith("!bad")]
-        assert bad == []
+        calls = self.session.lab / "standins" / "calls.txt"  # none if nothing was asked of a stand-in
+        assert "!bad" not in (calls.read_text("utf-8") if calls.exists() else "")
         return self.said["outcome"], self.said["code"]
 
     def remembered(self) -> dict[str, Any]:
@@ -225,10 +225,10 @@ def test_the_programs_are_kept():
 # Proves: `run --unless-in-use` is started while the application is open => nothing is started, code 1618; without it the machine is repaired
 @pytest.mark.parametrize("program, option, outcome", [
     (HOME + r"\CorvelSoftware.exe", "--unless-in-use ", "in-use"), (HOME + r"\CorvelSoftware.exe", "", "repaired"),
-    (HOME + r"\hlcmd.exe", "--unless-in-use ", "repaired"), (r"C:\x\CorvelSoftware.exe", "--unless-in-use ", "repaired")],
+    (HOME + r"\TavikLPServ.exe", "--unless-in-use ", "repaired"), (r"C:\x\CorvelSoftware.exe", "--unless-in-use ", "repaired")],
     ids=["in use", "without the option", "background", "elsewhere"])
 def test_the_application_is_open(program, option, outcome):
-    copy = {program: {"program": "CorvelSoftware.exe"}} if HOME not in program else {}
+    copy = {program: {"program": "CorvelSoftware.exe"}} if program != HOME + r"\CorvelSoftware.exe" else {}
     result, (said,) = start(found(running=[program], files=copy), option + "-- -SILENT")
     assert (said["outcome"], result.exit_code) == (outcome, 1618 if outcome == "in-use" else 0)
     assert (result.logs == []) is (outcome == "in-use") and result.after.value(LAST_RUN, "Outcome") == outcome
