@@ -126,7 +126,25 @@ class Story:
         self.is_main = self.is_installed = False  # the package of the last line is the main one; that one was installed
         self.has_started: bool | None = None  # the application, at the end of a direct installation
         self.next = "setupapi!SetupDiGetClassDevsW 1"  # the call that follows the last line
-        for line in told.lines:
+        self._go_through(told.lines)
+        if self.is_check and "Currently installed drivers on system:" not in told.lines and not self.adapters:
+            end = self.next
+            self._go_through(told.facts.get("inventory", []))
+            self.next = end
+            self.assume("the adapters are those of the facts" if self.adapters else "the adapter is the common machine's")
+        default = 1
+        if not self.is_check and self.is_installed and self.has_started is None and told.lines[-1].startswith(("\tResult = ", "Remvoing ")):
+            # Where nothing was installed before, the Store packages come next.
+            self.next = self.next if told.lines[-1].startswith("Remvoing ") else "winrt!FindPackages 1"
+            is_unfinished, default = True, 3
+        if is_unfinished:
+            code = default if told.exit_code is None else told.exit_code
+            self.lists["faults"].append(f"{self.next} exit={code & 0xFFFFFFFF}")
+            self.assume(f"the log ends early: the tool is ended with code {code} at the next call that the lab can see")
+        self.machine = self._machine()
+
+    def _go_through(self, lines: list[str]) -> None:
+        for line in lines:
             for pattern, rule in RULES:
                 if found := pattern.fullmatch(line):
                     rule(self, *found.groups())
@@ -134,14 +152,6 @@ class Story:
             for pattern, call in FAILED_CALLS.items():
                 if found := re.fullmatch(pattern, line):
                     self.fail(f"wininet!{call}", found[1])
-        default = 1
-        if not self.is_check and self.is_installed and self.has_started is None and told.lines[-1].startswith("\tResult = "):
-            self.next, is_unfinished, default = "winrt!FindPackages 1", True, 3  # where nothing was installed before
-        if is_unfinished:
-            code = default if told.exit_code is None else told.exit_code
-            self.lists["faults"].append(f"{self.next} exit={code & 0xFFFFFFFF}")
-            self.assume(f"the log ends early: the tool is ended with code {code} at the next call that the lab can see")
-        self.machine = self._machine()
 
     def assume(self, text: str) -> None:
         if text not in self.assumed:
@@ -152,8 +162,8 @@ class Story:
 
     def place(self, path: str) -> str:
         """The path on the lab's only drive."""
-        there = re.sub(r"^(\\\\|[A-Za-z]:\\)", r"C:\\", re.sub(r'[<>|"*?]', "", path))
-        if there != path:
+        there = path and "C:\\" + re.sub(r'^([A-Za-z]:)?\\*|[<>|"*?:%]', "", path)
+        if there.lower() != path.lower():
             self.moved[path] = there
             self.assume(f"{path} is {there} here")
         return there
@@ -163,12 +173,14 @@ class Story:
     @on(r"Launched with command line: (.*)")
     def _launched(self, line: str) -> None:
         self.arguments = re.sub(r'^("[^"]*"|\S+) ?', "", line)
-        if path := re.search(r'(?i)-Path +(?:"([^"]*)"|(\S+))', self.arguments):
-            told = path[1] or path[2] or ""
-            self.given = self.place(told)
-            self.arguments = self.arguments.replace(told, self.given) if told else self.arguments
-        if {"-vlt", "-install"} <= set(self.arguments.lower().split()):
+        path = re.search(r'(?i)-Path +("[^"]*"|\S+)', self.arguments)
+        others = self.arguments.replace(path[0], "") if path else self.arguments
+        if {"-vlt", "-install"} <= set(others.lower().split()):
             self.next = "msi!MsiEnumRelatedProductsW 1"
+            if path:
+                told = path[1].strip('"')
+                self.given = self.place(told)
+                self.arguments = self.arguments[:path.start(1)] + path[1].replace(told, self.given) + self.arguments[path.end(1):]
 
     @on(r"Currently installed VLT is version \[(.*)\] from driver version \[(.*)\]")
     def _installed(self, version: str, driver: str) -> None:
@@ -443,8 +455,9 @@ class Story:
     @on(r"(Process|Launching process) (.*)\\CorvelSoftware\.exe  (?:completed with exit code (-?\d+)|failed\..*)")
     def _application(self, how: str, location: str, code: str | None) -> None:
         self.has_started = how == "Process"
-        if how != "Process":
+        if how != "Process" or not self.calls:
             self.location = self.location or location
+        if how != "Process":
             self.lists["faults"].append("msi!MsiInstallProductW * return=0")
             self.assume("Windows Installer agrees to everything and installs nothing, so that the application is missing")
         elif code != "0":
@@ -526,9 +539,7 @@ class Story:
 
     def _adapters(self) -> list[dict[str, Any]]:
         if not self.adapters and "Currently installed drivers on system:" not in self.told.lines:
-            self.assume("the adapters are those of the facts" if self.told.facts.get("adapters") else "the adapter is the common machine's")
-            wanted = ("id", "description", "release", "problem")
-            return [{key: one[key] for key in wanted if key in one} for one in self.told.facts.get("adapters", [])] or [{}]
+            return [{}]
         for one in self.adapters:
             if "release" not in one and one["packages"]:
                 one["release"] = one["packages"][-1]["release"] + " (other)"

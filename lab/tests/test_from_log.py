@@ -12,7 +12,7 @@ import pytest
 
 from cases.support.direct import GIVEN, SWITCHES, given
 from cases.support.download import FINAL, PATH
-from cases.support.expect import EXTRACTED, OTHER_ADAPTER, TEMP
+from cases.support.expect import EXTRACTED, NOT_THE_MAKERS, OTHER_ADAPTER, TEMP
 from cases.support.repair import found
 from cases.support.store import CORVEL, package, store_only
 from companion import outcomes
@@ -92,16 +92,25 @@ def test_an_archive_from_another_pc_is_read_run_and_compared(lab, tmp_path: path
     assert re.search(r"^exit code   3$", done.stdout, re.M)
     assert tomllib.loads(machine.read_text("utf-8"))["files"] == {r"C:\computer1\share\setup.exe": {"installer": "24.20"}}
 
-    assert lab_run("--from", file).returncode == 2  # the newest one is no log
+    again = lab_run("--from", file, "--log", "2024-7-1", machine)
+    assert again.returncode == 2 and "customer.toml exists" in again.stderr
+    newest = lab_run("--from", file)
+    assert newest.returncode == 2 and "this is no log of the tool" in newest.stderr
     wrong = lab_run("--from", file, "--log", "2023")
     assert wrong.returncode == 2 and f"it has {name}" in wrong.stderr
 
 
+@pytest.mark.parametrize("path, here", [(r"C:\My Apps", r"C:\My Apps"), (r"D:\x", r"C:\x"), (r"\\server\a b", r"C:\server\a b"), ("%A%c:x", r"C:\Acx")])
+def test_every_path_is_on_the_only_drive(path, here):
+    assert Story(Told("x.log", [f'Launched with command line: x.exe -VLT -Install -Path "{path}"']), is_unfinished=True).given == here
+
+
 def test_facts_say_what_a_log_that_ends_early_does_not():
-    facts = {"adapters": [{"id": OTHER_ADAPTER["id"], "release": "23.40", "package": ""}], "desktop": {"families": ["Halden", "PXL"]}}
+    inventory = [NOT_THE_MAKERS, "Currently installed drivers on system:"]
+    facts = {"inventory": inventory, "desktop": {"families": ["Halden", "PXL"]}}
     lines = ["Launched with command line: x.exe", "Currently installed VLT is version [24.10] from driver version [24.11]"]
     machine = Story(Told("x.log", lines, 9, facts), is_unfinished=True).machine
-    assert machine["adapters"] == [{"id": OTHER_ADAPTER["id"], "release": "23.40"}]
+    assert machine["adapters"] == [{"id": OTHER_ADAPTER["id"], "description": "Other Graphics", "packages": []}]
     assert machine["desktop"] == {"packages": ["Halden-24.10", "PXL-24.10"]}
     assert machine["registry"] == {r"HKLM\Software\Tavik\HL": {"DriverVersion": "24.11"}}
     assert machine["faults"] == ["setupapi!SetupDiGetClassDevsW 1 exit=9"]
