@@ -5,11 +5,14 @@
 #include <windows.h>
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include "base/log.h"
+#include "companion/code_words.h"
 #include "companion/commands.h"
 #include "companion/console.h"
 #include "companion/explanation.h"
+#include "companion/facts.h"
 #include "companion/failure.h"
 #include "companion/log_files.h"
 #include "companion/machine_names.h"
@@ -26,6 +29,7 @@ namespace
 constexpr wchar_t kBundle[] = L"TavikToolLogs.zip";
 constexpr wchar_t kSummary[] = L"TavikToolLogs.jsonl";
 constexpr char kSummaryInBundle[] = "summary.jsonl";
+constexpr char kFactsInBundle[] = "facts.json";
 
 struct CollectOptions
 {
@@ -57,6 +61,7 @@ CollectedLog Examine(const std::wstring& folder, const std::wstring& name, Redac
         log.failure = failure.what();
     }
     log.finding = recogniser.Finish();
+    log.finding.seconds = DurationOfRun(JoinPath(folder, name));
     return log;
 }
 
@@ -71,7 +76,7 @@ std::string NameInArchive(const std::wstring& name, const Redactor& redactor)
 // Second pass over a log: into the archive.
 void Pack(const std::wstring& folder, const CollectedLog& log, const Redactor& redactor, ZipArchive& archive)
 {
-    archive.Begin(NameInArchive(log.name, redactor), ParseLogName(ToUtf8(log.name)).value_or(LocalTime()));
+    archive.Begin(NameInArchive(log.name, redactor), LastWritten(JoinPath(folder, log.name)));
     WriteAsText(
         JoinPath(folder, log.name), [&redactor](const Line& line) { return redactor.Redact(line.text); },
         [&archive](std::string_view bytes) { archive.Write(bytes); }, log.bytes);
@@ -81,9 +86,57 @@ void Pack(const std::wstring& folder, const CollectedLog& log, const Redactor& r
 std::string Summarise(const CollectedLog& log, const Redactor& redactor)
 {
     const auto clean = [&redactor](std::string_view text) { return redactor.Redact(text); };
+    const bool isLog = log.finding.lines == 0 || log.finding.facts.IsLog();
     return (log.failure ? UnreadableAsJson(clean(ToUtf8(log.name)), clean(*log.failure))
-                        : ExplainAsJson(log.finding, clean)) +
+            : isLog     ? ExplainAsJson(log.finding, clean)
+                        : UnreadableAsJson(clean(ToUtf8(log.name)), "this is no log of the tool")) +
            "\n";
+}
+
+// Applies `edit` to each text.
+void EditTexts(nlohmann::ordered_json& json, const std::function<std::string(const std::string&)>& edit)
+{
+    if (json.is_string())
+    {
+        json = edit(json.get<std::string>());
+    }
+    else if (json.is_structured())
+    {
+        for (nlohmann::ordered_json& item : json)
+        {
+            EditTexts(item, edit);
+        }
+    }
+}
+
+// The facts of this machine, and the codes of its newest runs. Lets the redactor learn the names in them.
+nlohmann::ordered_json MachineFacts(const std::vector<CollectedLog>& logs, Redactor& redactor)
+{
+    constexpr size_t kMostCodes = 20;
+    nlohmann::ordered_json facts = FindFacts();
+    facts["last_codes"] = nlohmann::ordered_json::array();
+    for (auto log = logs.rbegin(); log != logs.rend() && facts["last_codes"].size() < kMostCodes; ++log)
+    {
+        nlohmann::ordered_json codes = nlohmann::ordered_json::array();
+        nlohmann::ordered_json outcomes = nlohmann::ordered_json::array();
+        for (const Candidate& candidate : log->finding.candidates)
+        {
+            outcomes.push_back(candidate.meaning->id);
+            for (const std::string& line : candidate.evidence)
+            {
+                if (const std::optional<long long> code = CodeIn(line))
+                {
+                    codes.push_back(*code);
+                }
+            }
+        }
+        facts["last_codes"].push_back({{"log", ToUtf8(log->name)}, {"outcomes", outcomes}, {"codes", codes}});
+    }
+    EditTexts(facts, [&redactor](const std::string& text) {
+        redactor.Learn(text);
+        return text;
+    });
+    return facts;
 }
 
 void MakeFolder(const std::wstring& folder)
@@ -100,7 +153,7 @@ void MakeFolder(const std::wstring& folder)
 
 // Writes archive and summary. Returns false, after a message, if a log could not be read.
 bool WriteBundle(const std::wstring& from, const std::wstring& folder, const std::vector<CollectedLog>& logs,
-                 const Redactor& redactor)
+                 const nlohmann::ordered_json& facts, const Redactor& redactor)
 {
     OutputFile file(JoinPath(folder, kBundle));
     ZipArchive archive(file);
@@ -122,6 +175,12 @@ bool WriteBundle(const std::wstring& from, const std::wstring& folder, const std
     archive.Begin(kSummaryInBundle, Now());
     archive.Write(summary);
     archive.End();
+    if (!facts.is_null())
+    {
+        archive.Begin(kFactsInBundle, Now());
+        archive.Write(InOneLine(facts) + "\n");
+        archive.End();
+    }
     archive.Finish();
     OutputFile summaryFile(JoinPath(folder, kSummary));
     summaryFile.Append(summary);
@@ -151,8 +210,14 @@ int ExecuteCollect(const CollectOptions& options)
     {
         throw Failure("there are no logs in " + ToUtf8(from) + ": name another folder with --from");
     }
+    nlohmann::ordered_json facts;
+    if (options.from.empty())  // logs of another folder may be another machine's
+    {
+        facts = MachineFacts(logs, redactor);
+        EditTexts(facts, [&redactor](const std::string& text) { return redactor.Redact(text); });
+    }
     MakeFolder(folder);
-    int result = WriteBundle(from, folder, logs, redactor) ? kDone : kFailed;
+    int result = WriteBundle(from, folder, logs, facts, redactor) ? kDone : kFailed;
     if (redactor.IsFull())
     {
         WriteError("the logs contain more than " + std::to_string(Redactor::kMostLearnt) +
@@ -172,7 +237,8 @@ void AddCollectCommand(CLI::App& program, int& result)
         *program.add_subcommand("collect", "Puts all logs into one archive, without names of users and machines.");
     command
         .add_option("FOLDER", options->folder,
-                    "gets TavikToolLogs.zip with the logs, and TavikToolLogs.jsonl,\n"
+                    "gets TavikToolLogs.zip with the logs and facts.json, which\n"
+                    "describes the machine, and TavikToolLogs.jsonl,\n"
                     "the summary: one JSON object per log")
         ->type_name("")
         ->required();

@@ -15,6 +15,8 @@ class App;
 namespace repair
 {
 void AddExplainCommand(CLI::App& program, int& result);
+// Prints what the owner of the PC needs of a log; an empty path: of the newest log of the tool. Returns the exit code.
+int ExplainToOwner(const std::wstring& path);
 void AddConvertCommand(CLI::App& program, int& result);
 void AddCollectCommand(CLI::App& program, int& result);
 void AddStatusCommand(CLI::App& program, int& result);

@@ -60,6 +60,29 @@ Utf8Console::~Utf8Console()
     }
 }
 
+bool HasOwnConsole()
+{
+    DWORD processes[2] = {};
+    DWORD mode = 0;
+    return GetConsoleProcessList(processes, 2) == 1 && GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &mode) != 0;
+}
+
+void WaitForKey()
+{
+    const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+    FlushConsoleInputBuffer(input);  // keys that were pressed before the question
+    WriteOutput("\nPress a key to close this window.\n");
+    INPUT_RECORD event = {};
+    DWORD count = 0;
+    while (ReadConsoleInputW(input, &event, 1, &count) != 0)
+    {
+        if (event.EventType == KEY_EVENT && event.Event.KeyEvent.bKeyDown != 0)
+        {
+            break;
+        }
+    }
+}
+
 void WriteOutput(std::string_view utf8)
 {
     if (!Write(STD_OUTPUT_HANDLE, utf8))

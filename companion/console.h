@@ -20,6 +20,13 @@ private:
     unsigned int before_;  // code page; 0 without a console
 };
 
+// True if no other program shares the console, so that its window closes when this program ends: it was started by a
+// double-click, or a file was dropped on it.
+bool HasOwnConsole();
+
+// Asks for a key and waits for it.
+void WaitForKey();
+
 // Writes the bytes unchanged. Throws Failure if that fails.
 void WriteOutput(std::string_view utf8);
 

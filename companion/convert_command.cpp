@@ -1,4 +1,5 @@
 // convert: writes a log as a text file that every program can read.
+#include <algorithm>
 #include <memory>
 
 #include <windows.h>
@@ -20,13 +21,13 @@ namespace
 struct ConvertOptions
 {
     bool forCmTrace = false;
+    bool replace = false;
     std::string log;
     std::string out;
 };
 
-void Convert(const ConvertOptions& options, const std::function<void(std::string_view)>& write)
+void Convert(const ConvertOptions& options, const std::wstring& log, const std::function<void(std::string_view)>& write)
 {
-    const std::wstring log = ToWide(options.log);
     const LocalTime began = ParseLogName(ToUtf8(FileNameOf(log))).value_or(LastWritten(log));
     const auto edit = [&](const Line& line) {
         if (!options.forCmTrace)
@@ -38,20 +39,41 @@ void Convert(const ConvertOptions& options, const std::function<void(std::string
     };
     for (const std::string& sentence : DescribeDamage(WriteAsText(log, edit, write)))
     {
-        WriteError(options.log + ": " + sentence);
+        WriteError(ToUtf8(log) + ": " + sentence);
     }
+}
+
+std::vector<std::wstring> LogsToConvert(const std::wstring& given)
+{
+    if (!IsFolder(given))
+    {
+        return ExpandWildcards(given);
+    }
+    std::vector<std::wstring> logs = ListLogs(given);
+    std::ranges::transform(logs, logs.begin(), [&given](const std::wstring& name) { return JoinPath(given, name); });
+    return logs;
 }
 
 int ExecuteConvert(const ConvertOptions& options)
 {
-    if (options.out.empty())
+    const std::wstring out = ToWide(options.out);
+    const std::vector<std::wstring> logs = LogsToConvert(ToWide(options.log));
+    const bool intoFolder = IsFolder(out);
+    if (logs.size() > 1 && !out.empty() && !intoFolder)
     {
-        Convert(options, WriteOutput);
-        return kDone;
+        throw CLI::ValidationError("OUT", "several logs need a folder that exists, and " + options.out + " is none");
     }
-    OutputFile file(ToWide(options.out));
-    Convert(options, [&file](std::string_view bytes) { file.Append(bytes); });
-    file.Keep();
+    for (const std::wstring& log : logs)
+    {
+        if (out.empty())
+        {
+            Convert(options, log, WriteOutput);
+            continue;
+        }
+        OutputFile file(intoFolder ? JoinPath(out, FileNameOf(log) + L".txt") : out, options.replace);
+        Convert(options, log, [&file](std::string_view bytes) { file.Append(bytes); });
+        file.Keep();
+    }
     return kDone;
 }
 }  // namespace
@@ -60,8 +82,15 @@ void AddConvertCommand(CLI::App& program, int& result)
 {
     const auto options = std::make_shared<ConvertOptions>();
     CLI::App& command = *program.add_subcommand("convert", "Writes a log as UTF-8 text, or for CMTrace.");
-    command.add_option("LOG", options->log, "the log")->type_name("")->required();
-    command.add_option("OUT", options->out, "the text file; the standard output without it")->type_name("");
+    command.add_option("LOG", options->log, "the log, also with * and ?, or a folder with logs")
+        ->type_name("")
+        ->required();
+    command
+        .add_option("OUT", options->out,
+                    "the text file, or a folder that gets NAME.log.txt of each\n"
+                    "log; the standard output without it")
+        ->type_name("");
+    command.add_flag("--force", options->replace, "replace files that exist");
     command.add_flag("--cmtrace", options->forCmTrace, "write the format of CMTrace and OneTrace");
     command.footer(
         "Examples:\n"

@@ -1,4 +1,5 @@
 // explain: what happened in a run, by its log.
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <memory>
@@ -8,6 +9,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "base/log.h"
+#include "companion/ascii.h"
 #include "companion/commands.h"
 #include "companion/console.h"
 #include "companion/explanation.h"
@@ -32,21 +35,26 @@ struct LogOfRun
 {
     std::wstring path;  // empty: the run left no log
     std::optional<int> exitCode;
+    std::vector<std::wstring> others;  // the older logs of the same folder, the newest first
 };
 
-// Reads an exit code: a signed 32-bit number in decimal digits. Windows also shows exit codes unsigned; such a number
-// becomes the signed one with the same bits. Returns nothing for any other text.
+// Reads an exit code: a signed 32-bit number in decimal digits, or its bits in hexadecimal ones after "0x". Windows
+// also shows exit codes unsigned; such a number becomes the signed one with the same bits. Returns nothing for any
+// other text.
 std::optional<int> ParseExitCode(std::string_view text)
 {
+    const bool isHexadecimal = StartsNoCase(text, "0x") && !text.substr(2).starts_with('-');
+    const std::string_view digits = text.substr(isHexadecimal ? 2 : 0);
     std::int64_t number = 0;
-    const char* const end = text.data() + text.size();
-    const std::from_chars_result parsed = std::from_chars(text.data(), end, number);
+    const char* const end = digits.data() + digits.size();
+    const std::from_chars_result parsed = std::from_chars(digits.data(), end, number, isHexadecimal ? 16 : 10);
     if (parsed.ec != std::errc() || parsed.ptr != end || number < INT32_MIN || number > UINT32_MAX)
     {
         return std::nullopt;
     }
     return static_cast<int>(static_cast<std::uint32_t>(number));
 }
+
 // Adds the runs of a list. Each line is: exit code, tab, path of the log. Either may be empty.
 void AddListed(const std::wstring& list, std::vector<LogOfRun>& logs)
 {
@@ -62,8 +70,21 @@ void AddListed(const std::wstring& list, std::vector<LogOfRun>& logs)
         {
             throw Failure(ToUtf8(list) + ": a line is not exit code, tab, path: " + std::string(line.text));
         }
-        logs.push_back({ToWide(line.text.substr(tab + 1)), exitCode});
+        logs.push_back({ToWide(line.text.substr(tab + 1)), exitCode, {}});
     });
+}
+
+// The newest log of a folder.
+LogOfRun NewestLog(const std::wstring& folder, std::optional<int> exitCode)
+{
+    std::vector<std::wstring> names = ListLogs(folder);
+    if (names.empty())
+    {
+        throw Failure("there are no logs in " + ToUtf8(folder) + ": start the tool first; its own folder is " +
+                      ToUtf8(GetLogFolder()));
+    }
+    std::ranges::reverse(names);
+    return {JoinPath(folder, names.front()), exitCode, {names.begin() + 1, names.end()}};
 }
 
 std::vector<LogOfRun> LogsToExplain(const ExplainOptions& options)
@@ -71,7 +92,7 @@ std::vector<LogOfRun> LogsToExplain(const ExplainOptions& options)
     const std::optional<int> exitCode = ParseExitCode(options.exitCode);
     if (options.withoutLog)
     {
-        return {{{}, exitCode}};
+        return {{{}, exitCode, {}}};
     }
     std::vector<LogOfRun> logs;
     for (const std::string& log : options.logs)
@@ -80,9 +101,16 @@ std::vector<LogOfRun> LogsToExplain(const ExplainOptions& options)
         {
             AddListed(ToWide(log.substr(1)), logs);
         }
+        else if (IsFolder(ToWide(log)))
+        {
+            logs.push_back(NewestLog(ToWide(log), exitCode));
+        }
         else
         {
-            logs.push_back({ToWide(log), exitCode});
+            for (const std::wstring& path : ExpandWildcards(ToWide(log)))
+            {
+                logs.push_back({path, exitCode, {}});
+            }
         }
     }
     return logs;
@@ -95,7 +123,27 @@ Finding Explain(const LogOfRun& log)
     {
         ReadFileBytes(log.path, [&recogniser](std::string_view bytes) { recogniser.Feed(bytes); });
     }
-    return recogniser.Finish();
+    Finding finding = recogniser.Finish();
+    TrustLog(finding);
+    if (finding.lines > 0 && !finding.facts.IsLog())
+    {
+        throw NotALog(
+            ToUtf8(log.path) +
+            " is no log of the tool: its logs are named InstallVLTForWUDriver_<date and time>.log and are in " +
+            ToUtf8(GetLogFolder()));
+    }
+    finding.seconds = DurationOfRun(log.path);
+    return finding;
+}
+
+std::string ListOthers(const std::vector<std::wstring>& names)
+{
+    std::string text;
+    for (const std::wstring& name : names)
+    {
+        text += Paragraph(text.empty() ? "Older logs" : "", Printable(ToUtf8(name)));
+    }
+    return text;
 }
 
 int ExecuteExplain(const ExplainOptions& options)
@@ -104,21 +152,24 @@ int ExecuteExplain(const ExplainOptions& options)
     {
         throw CLI::ValidationError("LOG", "name the log of the run, or give --no-log if the run left none");
     }
-    const std::vector<LogOfRun> logs = LogsToExplain(options);
-    if (logs.size() > 1 && !options.asJson)
-    {
-        throw CLI::ValidationError("LOG", "several logs need --json");
-    }
     int result = kDone;
-    for (const LogOfRun& log : logs)
+    bool isFirst = true;
+    for (const LogOfRun& log : LogsToExplain(options))
     {
         try
         {
             const Finding finding = Explain(log);
-            WriteOutput(options.asJson ? ExplainAsJson(finding) + "\n" : ExplainAsText(finding));
+            WriteOutput(options.asJson ? ExplainAsJson(finding) + "\n"
+                                       : (isFirst ? "" : "\n") + ExplainAsText(finding) + ListOthers(log.others));
             result = finding.candidates.empty() ? kFailed : result;
+            isFirst = false;
         }
-        catch (const UnreadableFile& failure)  // go on with the other logs
+        catch (const NotALog& failure)  // go on with the other logs
+        {
+            WriteError(failure.what());
+            result = result == kDone ? kNotALog : result;
+        }
+        catch (const UnreadableFile& failure)
         {
             WriteError(failure.what());
             result = kFailed;
@@ -128,16 +179,35 @@ int ExecuteExplain(const ExplainOptions& options)
 }
 }  // namespace
 
+int ExplainToOwner(const std::wstring& path)
+{
+    const std::wstring given = path.empty() ? GetLogFolder() : path;
+    const LogOfRun log = path.empty() || IsFolder(given) ? NewestLog(given, {}) : LogOfRun{given, {}, {}};
+    try
+    {
+        WriteOutput(ExplainInPlainWords(Explain(log)));
+    }
+    catch (const NotALog& failure)
+    {
+        WriteError(failure.what());
+        return kNotALog;
+    }
+    return kDone;
+}
+
 void AddExplainCommand(CLI::App& program, int& result)
 {
     const auto options = std::make_shared<ExplainOptions>();
     CLI::App& command = *program.add_subcommand("explain", "Names the outcome of a run and the next step.");
     command
-        .add_option(
-            "LOG", options->logs,
-            "the log; with --json several logs, or @LIST:\na text file, each line exit code, tab, path of a log")
+        .add_option("LOG", options->logs,
+                    "one log or more, also with * and ?; a folder: its newest\n"
+                    "log; @LIST: a text file, each line exit code, tab, path\nof a log")
         ->type_name("");
-    command.add_option("--exit", options->exitCode, "exit code of the run; without it several outcomes may remain")
+    command
+        .add_option("--exit", options->exitCode,
+                    "exit code of the run, also as 0x...; without it several\n"
+                    "outcomes may remain")
         ->type_name("NUMBER")
         ->check([](const std::string& text) {
             return ParseExitCode(text) ? "" : "\"" + text + "\" is not a 32-bit number";
@@ -145,6 +215,8 @@ void AddExplainCommand(CLI::App& program, int& result)
     command.add_flag("--json", options->asJson, "print one JSON object per run, each on one line");
     command.add_flag("--no-log", options->withoutLog, "the run left no log");
     command.footer(
+        "Exit code: 0 done; 1 failed; 2 wrong usage; 3 the file is no log of the tool.\n"
+        "\n"
         "Examples:\n"
         "  TavikToolCompanion explain InstallVLTForWUDriver_2026-11-6_4_7_31_15.log --exit 1618\n"
         "  TavikToolCompanion explain --no-log --exit 3\n"

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <utf8cpp/utf8.h>
 
+#include "companion/code_words.h"
 #include "companion/log_name.h"
 #include "companion/unicode.h"
 
@@ -43,7 +44,53 @@ std::string Describe(const Candidate& candidate)
         text += &line == &candidate.evidence.front() ? "Log lines  " : kIndent;
         text += Printable(line) + "\n";
     }
+    for (const std::string& line : candidate.evidence)
+    {
+        const std::string code = CodeOfLine(line);
+        text += code.empty() ? code : Paragraph("Code", code);
+    }
     return text;
+}
+
+// What is known beside the outcome.
+std::string DescribeFacts(const Finding& finding)
+{
+    const LogFacts& facts = finding.facts;
+    std::string text;
+    const auto add = [&text](std::string_view label, const std::string& value) {
+        text += value.empty() ? value : Paragraph(label, Printable(value));
+    };
+    add("Duration", finding.seconds ? std::to_string(*finding.seconds) + " s" : "");
+    add("Switches", facts.Switches() ? facts.Switches()->empty() ? "none" : *facts.Switches() : "");
+    add("Driver", facts.Driver());
+    add("Installed", DescribeInstalled(facts.Edition(), facts.Version()));
+    const std::pair<std::string_view, std::string> sources[] = {
+        {"driver-package", "from the driver package, " + facts.Installer()},
+        {"download", "from " + facts.Installer()},
+        {"store", "from the Microsoft Store"},
+        {"given", "given with -Path, " + facts.Installer()}};
+    for (const auto& [source, words] : sources)
+    {
+        add("Installer", facts.Source() == source ? words : "");
+    }
+    return text;
+}
+
+std::string DescribeExitCode(const Finding& finding)
+{
+    const int code = *finding.exitCode;
+    std::string text = std::to_string(code);
+    if (finding.exitFits)
+    {
+        return text;
+    }
+    text += ", which does not fit this log: ";
+    const bool isReported = std::ranges::any_of(
+        finding.candidates, [code](const Candidate& candidate) { return candidate.meaning->code == code; });
+    return text + (isReported
+                       ? "it is the code that \"TavikToolCompanion run\" reports for this outcome"
+                       : "it may be the code of \"TavikToolCompanion run\", of another run, or of a program that "
+                         "ended the tool");
 }
 }  // namespace
 
@@ -88,6 +135,16 @@ std::string InOneLine(const Json& object)
     return object.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
+std::string DescribeInstalled(std::string_view edition, std::string_view version)
+{
+    if (edition == "none")
+    {
+        return "none";
+    }
+    const std::string number(version.empty() && !edition.empty() ? "unknown version" : version);
+    return edition.empty() ? number : number + (edition == "store" ? ", Store edition" : ", desktop edition");
+}
+
 std::string ExplainAsText(const Finding& finding)
 {
     std::string text = Paragraph("Log", finding.log.empty() ? "none" : Printable(finding.log));
@@ -95,9 +152,10 @@ std::string ExplainAsText(const Finding& finding)
     {
         text += Paragraph("Began", FormatLocalTime(*began));
     }
+    text += DescribeFacts(finding);
     if (finding.exitCode)
     {
-        text += Paragraph("Exit code", std::to_string(*finding.exitCode));
+        text += Paragraph("Exit code", DescribeExitCode(finding));
     }
     for (const std::string& sentence : DescribeDamage(finding.damage))
     {
@@ -120,6 +178,23 @@ std::string ExplainAsText(const Finding& finding)
     return text;
 }
 
+std::string ExplainInPlainWords(const Finding& finding)
+{
+    const auto began = ParseLogName(finding.log);
+    std::string text = Paragraph("Log", Printable(finding.log));
+    text += began ? Paragraph("Started", FormatLocalTime(*began).substr(0, 16).replace(10, 1, " ")) : "";
+    if (finding.candidates.size() != 1)
+    {
+        text += Paragraph("Result", "The log does not say it. It is one of these:");
+    }
+    for (const Candidate& candidate : finding.candidates)
+    {
+        text += "\n" + Paragraph("Result", candidate.meaning->title) + Paragraph("Meaning", candidate.meaning->owner) +
+                Paragraph("What to do", candidate.meaning->action);
+    }
+    return text;
+}
+
 std::string ExplainAsJson(const Finding& finding, const std::function<std::string(std::string_view)>& clean)
 {
     const auto cleaned = [&clean](std::string_view text) { return clean ? clean(text) : std::string(text); };
@@ -130,10 +205,24 @@ std::string ExplainAsJson(const Finding& finding, const std::function<std::strin
     object["began"] = orNull(began.has_value(), FormatLocalTime(began.value_or(LocalTime())));
     object["mode"] = ModeName(finding.mode);
     object["exit"] = orNull(finding.exitCode.has_value(), finding.exitCode.value_or(0));
+    object["exit_fits"] = orNull(finding.exitCode.has_value(), finding.exitFits);
+    object["seconds"] = orNull(finding.seconds.has_value(), finding.seconds.value_or(0));
+    const LogFacts& facts = finding.facts;
+    object["switches"] = orNull(facts.Switches().has_value(), cleaned(facts.Switches().value_or("")));
+    const std::pair<const char*, std::string> texts[] = {{"driver", facts.Driver()},
+                                                         {"edition", facts.Edition()},
+                                                         {"version", facts.Version()},
+                                                         {"source", facts.Source()},
+                                                         {"installer", cleaned(facts.Installer())}};
+    for (const auto& [key, text] : texts)
+    {
+        object[key] = orNull(!text.empty(), text);
+    }
     object["outcome"] = nullptr;
     if (finding.candidates.size() == 1)
     {
-        const auto& [meaning, evidence] = finding.candidates.front();
+        const Meaning* const meaning = finding.candidates.front().meaning;
+        const std::vector<std::string>& evidence = finding.candidates.front().evidence;
         object["outcome"] = meaning->id;
         object["title"] = meaning->title;
         object["code"] = meaning->code;

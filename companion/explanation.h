@@ -20,8 +20,14 @@ std::string Printable(std::string_view utf8);
 // Bytes that are not UTF-8 become U+FFFD.
 std::string InOneLine(const nlohmann::ordered_json& object);
 
+// Returns "23.40, desktop edition"; `edition` is "desktop", "store", "none" or empty if it is not known.
+std::string DescribeInstalled(std::string_view edition, std::string_view version);
+
 // Returns several lines, each with a line feed. U+FFFD replaces the log's control characters, except tabs.
 std::string ExplainAsText(const Finding& finding);
+
+// Returns what the owner of the PC needs: the outcome in plain words and the next step.
+std::string ExplainInPlainWords(const Finding& finding);
 
 // Returns one line without its end. Applies `clean` to every text that comes from the machine: file name and lines.
 std::string ExplainAsJson(const Finding& finding, const std::function<std::string(std::string_view)>& clean = nullptr);

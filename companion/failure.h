@@ -32,6 +32,13 @@ public:
     using Failure::Failure;
 };
 
-// Returns "what: error 5, <the text of Windows for that code>".
+// A file that is no log of the tool.
+class NotALog : public Failure
+{
+public:
+    using Failure::Failure;
+};
+
+// Returns "what: error 5, <the code in words, with the remedy; or the text of Windows for it>".
 std::string SystemFailure(const std::string& what, DWORD error);
 }  // namespace repair

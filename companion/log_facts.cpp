@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <utility>
 
 #include "companion/ascii.h"
 #include "companion/pattern.h"
@@ -37,6 +38,7 @@ constexpr std::string_view kOwnLines[] = {
     "\tException occured during the download of dwx2_install.exe. *",
 };
 constexpr std::string_view kCommandLine = "Launched with command line: ";
+constexpr size_t kCutLine = 4;  // so many characters of the first line are enough, if the log ends there
 
 // Returns whether the line begins and ends with these texts, and sets `between` to what is between them.
 bool Cut(std::string_view line, std::string_view begin, std::string_view end, std::string& between)
@@ -90,17 +92,15 @@ Numbers ToNumbers(std::string_view version)
 void LogFacts::Take(std::string_view line)
 {
     const auto matches = [line](std::string_view pattern) { return MatchLine(pattern, line).matches; };
-    isLog_ = isLog_ || std::ranges::any_of(kOwnLines, matches);
+    isLog_ = isLog_ || std::ranges::any_of(kOwnLines, matches) ||
+             (line.size() >= kCutLine && kCommandLine.starts_with(line));
     std::string text;
-    if (isDriverNext_)
+    if (std::exchange(isDriverNext_, false) && line.starts_with("\t ["))
     {
-        isDriverNext_ = false;
-        const size_t folder = line.rfind("] [");
-        const size_t release = folder == std::string_view::npos ? folder : line.rfind("] [", folder - 1);
-        if (line.starts_with("\t [") && release != std::string_view::npos)
-        {
-            driver_ = line.substr(release + 3, folder - release - 3);
-        }
+        const size_t folder = std::min(line.rfind("] ["), line.size());
+        const size_t release = folder == 0 ? std::string_view::npos : line.rfind("] [", folder - 1);
+        driver_ =
+            release == std::string_view::npos ? line.substr(0, 0) : line.substr(release + 3, folder - release - 3);
     }
     else if (!switches_ && Cut(line, kCommandLine, "", text))
     {

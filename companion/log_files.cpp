@@ -26,13 +26,12 @@ LocalTime ToLocalTime(const SYSTEMTIME& time)
 {
     return {time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute, time.wSecond, time.wMilliseconds};
 }
-}  // namespace
-
-std::vector<std::wstring> ListLogs(const std::wstring& folder)
+// Returns the names of files, by the time in their names, then by name; none if the folder does not exist.
+std::vector<std::wstring> ListFiles(const std::wstring& folder, const std::wstring& pattern)
 {
-    std::vector<std::wstring> logs;
+    std::vector<std::wstring> files;
     WIN32_FIND_DATAW data = {};
-    const SearchHandle search(FindFirstFileW(JoinPath(folder, L"*.log").c_str(), &data));
+    const SearchHandle search(FindFirstFileW(JoinPath(folder, pattern).c_str(), &data));
     DWORD error = ERROR_SUCCESS;
     if (!search)
     {
@@ -42,10 +41,9 @@ std::vector<std::wstring> ListLogs(const std::wstring& folder)
     {
         do
         {
-            const bool isFolder = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-            if (!isFolder && ParseLogName(ToUtf8(data.cFileName)))
+            if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
             {
-                logs.emplace_back(data.cFileName);
+                files.emplace_back(data.cFileName);
             }
         } while (FindNextFileW(search.Get(), &data) != 0);
         error = GetLastError();
@@ -54,9 +52,52 @@ std::vector<std::wstring> ListLogs(const std::wstring& folder)
     {
         throw Failure(SystemFailure(ToUtf8(folder) + " cannot be listed", error));
     }
-    std::ranges::sort(logs, std::ranges::less(),
+    std::ranges::sort(files, std::ranges::less(),
                       [](const std::wstring& name) { return std::pair(ParseLogName(ToUtf8(name)), name); });
+    return files;
+}
+
+// In units of 100 ns.
+std::int64_t Ticks(const LocalTime& time)
+{
+    const auto word = [](int number) { return static_cast<WORD>(number); };
+    const SYSTEMTIME parts = {word(time.year),   word(time.month),      0,
+                              word(time.day),    word(time.hour),       word(time.minute),
+                              word(time.second), word(time.millisecond)};
+    FILETIME ticks = {};
+    SystemTimeToFileTime(&parts, &ticks);
+    return static_cast<std::int64_t>(ticks.dwHighDateTime) << 32 | ticks.dwLowDateTime;
+}
+}  // namespace
+
+std::vector<std::wstring> ListLogs(const std::wstring& folder)
+{
+    std::vector<std::wstring> logs = ListFiles(folder, L"*.log");
+    std::erase_if(logs, [](const std::wstring& name) { return !ParseLogName(ToUtf8(name)); });
     return logs;
+}
+
+std::vector<std::wstring> ExpandWildcards(const std::wstring& path)
+{
+    const std::wstring pattern = FileNameOf(path);
+    if (pattern.find_first_of(L"*?") == std::wstring::npos)
+    {
+        return {path};
+    }
+    const std::wstring folder = path.substr(0, path.size() - pattern.size());
+    std::vector<std::wstring> files = ListFiles(folder.empty() ? L"." : folder, pattern);
+    if (files.empty())
+    {
+        throw Failure(ToUtf8(path) + ": no file has such a name; check folder and spelling");
+    }
+    std::ranges::transform(files, files.begin(), [&folder](const std::wstring& name) { return folder + name; });
+    return files;
+}
+
+bool IsFolder(const std::wstring& path)
+{
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
 std::uint64_t ReadFileBytes(const std::wstring& path, const std::function<void(std::string_view)>& sink,
@@ -128,6 +169,18 @@ LocalTime LastWritten(const std::wstring& path)
         FileTimeToSystemTime(&local, &time);
     }
     return ToLocalTime(time);
+}
+
+std::optional<int> DurationOfRun(const std::wstring& path)
+{
+    constexpr std::int64_t kTicksPerSecond = 10'000'000;
+    constexpr std::int64_t kLongest = 24 * 3600;
+    constexpr std::int64_t kRounding = 2;  // archives round times down to even seconds
+    const std::optional<LocalTime> began = ParseLogName(ToUtf8(FileNameOf(path)));
+    const std::int64_t seconds = began ? (Ticks(LastWritten(path)) - Ticks(*began)) / kTicksPerSecond : kLongest + 1;
+    return seconds < -kRounding || seconds > kLongest
+               ? std::nullopt
+               : std::optional(static_cast<int>(std::max<std::int64_t>(seconds, 0)));
 }
 
 LocalTime Now()

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,6 +18,12 @@ namespace repair
 // Returns the names of the logs in a folder, the oldest first by the time in their names; none if the folder does not
 // exist. Throws Failure if the folder cannot be listed.
 std::vector<std::wstring> ListLogs(const std::wstring& folder);
+
+// Returns the files that a path with * or ? in its last part names, in the order of ListLogs, and any other path
+// unchanged. Throws Failure if no file matches.
+std::vector<std::wstring> ExpandWildcards(const std::wstring& path);
+
+bool IsFolder(const std::wstring& path);
 
 // Passes at most `most` bytes of the file to `sink`, piece by piece, and returns how many there were. Other programs
 // may write to the file meanwhile. Throws UnreadableFile.
@@ -35,6 +42,10 @@ Damage WriteAsText(const std::wstring& path, const std::function<std::string(con
 // In local time; all zero if the file cannot be read.
 LocalTime LastWritten(const std::wstring& path);
 LocalTime Now();
+
+// Returns the seconds from the start of a run, which is in the log's name, to the last line; nothing if the times do
+// not fit together, because the log was copied.
+std::optional<int> DurationOfRun(const std::wstring& path);
 
 // Joins folder and name with a backslash.
 std::wstring JoinPath(const std::wstring& folder, const std::wstring& name);

@@ -26,6 +26,7 @@ constexpr char kDescription[] =
 constexpr char kFooter[] =
     "Exit code: 0 done; 1 failed, or a check found an error; 2 wrong usage. The command run has its own, see its "
     "help.\n"
+    "A double-click explains the newest log; a log dropped on the program is explained.\n"
     "\n"
     "Examples:\n"
     "  TavikToolCompanion explain InstallVLTForWUDriver_2026-11-6_4_7_31_15.log --exit 1618\n"
@@ -92,6 +93,26 @@ void DescribeProgram(CLI::App& program, int& result, const std::vector<std::wstr
     }
 }
 
+// True if a log, or a folder with logs, was dropped on this program: Explorer gives full paths.
+bool AreDropped(const std::vector<std::wstring>& arguments)
+{
+    return !arguments.empty() && std::ranges::all_of(arguments, [](const std::wstring& argument) {
+        return argument.find(L'\\') != std::wstring::npos &&
+               GetFileAttributesW(argument.c_str()) != INVALID_FILE_ATTRIBUTES;
+    });
+}
+
+int ExecuteForOwner(std::vector<std::wstring> paths)
+{
+    paths.resize(std::max<size_t>(paths.size(), 1));  // no path: the newest log
+    int result = kDone;
+    for (const std::wstring& path : paths)
+    {
+        result = std::max(result, ExplainToOwner(path));
+    }
+    return result;
+}
+
 int ExecuteProgram(std::vector<std::wstring> arguments)
 {
     const std::vector<std::wstring> toolSwitches = TakeToolSwitches(arguments);
@@ -103,7 +124,8 @@ int ExecuteProgram(std::vector<std::wstring> arguments)
         program.parse(ToParse(arguments));
         if (program.get_subcommands().empty())
         {
-            throw CLI::RequiredError("A command");
+            WriteOutput(program.help());
+            return kWrongUsage;
         }
         return result;
     }
@@ -135,13 +157,21 @@ int wmain()
     // Before any delay-loaded library: none may come from the folder that the program was started in.
     SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
     const Utf8Console console;
+    const std::vector<std::wstring> arguments = GivenArguments();
+    const bool closes = HasOwnConsole();
+    const bool isForOwner = AreDropped(arguments) || (closes && arguments.empty());
+    int result = kFailed;
     try
     {
-        return ExecuteProgram(GivenArguments());
+        result = isForOwner ? ExecuteForOwner(arguments) : ExecuteProgram(arguments);
     }
     catch (const std::exception& error)
     {
         WriteError(error.what());
-        return kFailed;
     }
+    if (closes && isForOwner)
+    {
+        WaitForKey();
+    }
+    return result;
 }

@@ -7,8 +7,9 @@
 
 namespace repair
 {
-OutputFile::OutputFile(std::wstring path)
+OutputFile::OutputFile(std::wstring path, bool mayReplace)
     : path_(std::move(path)),
+      mayReplace_(mayReplace),
       partPath_(path_ + L".part"),
       file_(CreateFileW(partPath_.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr))
 {
@@ -16,6 +17,12 @@ OutputFile::OutputFile(std::wstring path)
     {
         const DWORD error = GetLastError();
         throw Failure(SystemFailure(ToUtf8(partPath_) + " cannot be created", error));
+    }
+    if (!mayReplace_ && GetFileAttributesW(path_.c_str()) != INVALID_FILE_ATTRIBUTES)
+    {
+        file_.Close();
+        DeleteFileW(partPath_.c_str());
+        throw Failure(ToUtf8(path_) + " exists: name another file, or give --force to replace it");
     }
 }
 
@@ -58,7 +65,7 @@ void OutputFile::Patch(std::uint64_t offset, std::string_view bytes)
 void OutputFile::Keep()
 {
     file_.Close();
-    if (MoveFileExW(partPath_.c_str(), path_.c_str(), MOVEFILE_REPLACE_EXISTING) == 0)
+    if (MoveFileExW(partPath_.c_str(), path_.c_str(), mayReplace_ ? MOVEFILE_REPLACE_EXISTING : 0U) == 0)
     {
         const DWORD error = GetLastError();
         DeleteFileW(partPath_.c_str());

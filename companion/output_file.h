@@ -13,7 +13,8 @@ namespace repair
 class OutputFile
 {
 public:
-    explicit OutputFile(std::wstring path);
+    // An existing file is replaced only if that is allowed.
+    explicit OutputFile(std::wstring path, bool mayReplace = true);
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
     OutputFile(OutputFile&&) = delete;
@@ -24,13 +25,14 @@ public:
     void Append(std::string_view bytes);
     // Replaces bytes that were written before.
     void Patch(std::uint64_t offset, std::string_view bytes);
-    // Renames the file to its final name; replaces an existing one.
+    // Renames the file to its final name.
     void Keep();
 
 private:
     void Move(std::uint64_t offset, unsigned long from);
 
     std::wstring path_;
+    bool mayReplace_;
     std::wstring partPath_;
     FileHandle file_;
 };

@@ -15,6 +15,37 @@ bool Contains(NumberList list, long long number)
 {
     return std::ranges::find(list, number) != list.end();
 }
+
+bool AllowsExit(const Outcome& outcome, std::optional<int> exitCode, std::optional<long long> number)
+{
+    if (!exitCode)
+    {
+        return true;
+    }
+    if (Contains(outcome.exitNot, *exitCode))
+    {
+        return false;
+    }
+    switch (outcome.exitRule)
+    {
+        case ExitRule::kListed:
+            return Contains(outcome.exits, *exitCode);
+        case ExitRule::kNegative:
+            return *exitCode < 0;
+        case ExitRule::kResult:
+            return number == *exitCode;
+        case ExitRule::kAny:
+            break;
+    }
+    return true;
+}
+
+// HRESULT_FROM_WIN32: deployment systems show codes of Windows in this form.
+std::optional<int> InsideHresult(int exitCode)
+{
+    const auto bits = static_cast<std::uint32_t>(exitCode);
+    return bits >> 16 == 0x8007 ? std::optional(static_cast<int>(bits & 0xFFFF)) : std::nullopt;
+}
 }  // namespace
 
 Recogniser::Recogniser(std::string log, std::optional<int> exitCode, std::function<void(const Line&)> onLine)
@@ -29,6 +60,7 @@ Recogniser::Recogniser(std::string log, std::optional<int> exitCode, std::functi
         State state;
         state.outcome = &outcome;
         state.candidate.meaning = &outcome.meaning;
+        state.candidate.hasEnd = !outcome.last.empty();
         states_.push_back(std::move(state));
     }
 }
@@ -50,6 +82,7 @@ void Recogniser::TakeLine(std::string_view line)
 {
     ++finding_.lines;
     finding_.lastLine = line;
+    finding_.facts.Take(line);
     const bool isCheck =
         std::ranges::any_of(kCheckLines, [line](std::string_view pattern) { return MatchLine(pattern, line).matches; });
     if (isCheck || finding_.lines == 1)
@@ -114,37 +147,12 @@ void Recogniser::Follow(State& state, std::string_view line)
     }
 }
 
-bool Recogniser::AllowsExit(const State& state) const
-{
-    if (!finding_.exitCode)
-    {
-        return true;
-    }
-    const int exitCode = *finding_.exitCode;
-    const Outcome& outcome = *state.outcome;
-    if (Contains(outcome.exitNot, exitCode))
-    {
-        return false;
-    }
-    switch (outcome.exitRule)
-    {
-        case ExitRule::kListed:
-            return Contains(outcome.exits, exitCode);
-        case ExitRule::kNegative:
-            return exitCode < 0;
-        case ExitRule::kResult:
-            return state.number == exitCode;
-        case ExitRule::kAny:
-            break;
-    }
-    return true;
-}
-
-bool Recogniser::Matches(const State& state) const
+bool Recogniser::Matches(const State& state, std::optional<int> exitCode) const
 {
     const Outcome& outcome = *state.outcome;
     if (state.excluded || outcome.wantsLog != (finding_.lines > 0) || state.linesFound < outcome.lines.size() ||
-        (outcome.mode != RunMode::kAny && outcome.mode != finding_.mode) || !AllowsExit(state))
+        (outcome.mode != RunMode::kAny && outcome.mode != finding_.mode) ||
+        !AllowsExit(outcome, exitCode, state.number))
     {
         return false;
     }
@@ -154,25 +162,65 @@ bool Recogniser::Matches(const State& state) const
     return resultFits && lastFits && (outcome.oneOf.empty() || state.oneOfFound);
 }
 
-Finding Recogniser::Finish()
+void TrustLog(Finding& finding)
 {
-    finding_.damage = reader_.Finish();
+    if (!finding.byLog.empty())
+    {
+        finding.candidates = finding.byLog;
+        finding.exitFits = false;
+    }
+}
+
+std::vector<Candidate> Recogniser::Find(std::optional<int> exitCode, bool fallbacks) const
+{
     std::vector<Candidate> found;
-    std::vector<Candidate> fallbacks;
     for (const State& state : states_)
     {
-        if (!Matches(state))
+        if (state.outcome->isFallback != fallbacks || !Matches(state, exitCode))
         {
             continue;
         }
-        std::vector<Candidate>& list = state.outcome->isFallback ? fallbacks : found;
-        list.push_back(state.candidate);
-        if ((!state.outcome->last.empty() || state.outcome->isFallback) && state.lastEvidence != finding_.lines)
+        found.push_back(state.candidate);
+        if ((!state.outcome->last.empty() || fallbacks) && state.lastEvidence != finding_.lines)
         {
-            list.back().evidence.push_back(finding_.lastLine);
+            found.back().evidence.push_back(finding_.lastLine);
         }
     }
-    finding_.candidates = found.empty() ? fallbacks : found;
+    return found;
+}
+
+// No outcome matches log and exit code.
+void Recogniser::Reconsider(int exitCode)
+{
+    const std::optional<int> inside = InsideHresult(exitCode);
+    finding_.candidates = inside ? Find(inside, false) : std::vector<Candidate>();
+    if (!finding_.candidates.empty())
+    {
+        finding_.exitCode = inside;
+        return;
+    }
+    // A tool that was ended from outside leaves any code, and a log without an end. A log with an end contradicts such
+    // a code, and so does any known outcome if the code is one of those that `run` reports.
+    constexpr long long kRunCodes[] = {0, 1603, 1618, 3010};
+    const bool isRunCode = Contains(kRunCodes, inside.value_or(exitCode));
+    finding_.byLog = Find(std::nullopt, false);
+    const auto hasNoEnd = [](const Candidate& candidate) { return !candidate.hasEnd; };
+    finding_.byLog.erase(isRunCode ? finding_.byLog.end() : std::ranges::remove_if(finding_.byLog, hasNoEnd).begin(),
+                         finding_.byLog.end());
+}
+
+Finding Recogniser::Finish()
+{
+    finding_.damage = reader_.Finish();
+    finding_.candidates = Find(finding_.exitCode, false);
+    if (finding_.candidates.empty() && finding_.exitCode)
+    {
+        Reconsider(*finding_.exitCode);
+    }
+    if (finding_.candidates.empty())
+    {
+        finding_.candidates = Find(finding_.exitCode, true);
+    }
     return finding_;
 }
 }  // namespace repair

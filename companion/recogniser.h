@@ -10,6 +10,7 @@
 
 #include "companion/catalogue.h"
 #include "companion/line_reader.h"
+#include "companion/log_facts.h"
 #include "companion/pattern.h"
 
 namespace repair
@@ -18,6 +19,7 @@ struct Candidate
 {
     const Meaning* meaning = nullptr;
     std::vector<std::string> evidence;  // lines of the log that matched, in order
+    bool hasEnd = false;                // one of these is the last line of such a run
 };
 
 struct Finding
@@ -26,10 +28,17 @@ struct Finding
     std::optional<int> exitCode;  // if the caller knows it
     RunMode mode = RunMode::kAny;
     std::vector<Candidate> candidates;  // the outcomes that match, in the order of the catalogue
+    std::vector<Candidate> byLog;       // if the log contradicts the exit code: the outcomes that match without it
+    bool exitFits = true;               // false: `candidates` are those of the log
+    LogFacts facts;
+    std::optional<int> seconds;  // how long the run took, if the caller knows it
     Damage damage;
     std::uint64_t lines = 0;
     std::string lastLine;
 };
+
+// Lets the log decide if it contradicts the exit code, which may be another program's.
+void TrustLog(Finding& finding);
 
 // Takes the bytes of one log in order. Keeps only the few lines that match, so memory does not grow with the log.
 class Recogniser
@@ -65,8 +74,9 @@ private:
     void TakeLine(std::string_view line);
     void Follow(State& state, std::string_view line);
     [[nodiscard]] bool MatchesAny(PatternList list) const;
-    [[nodiscard]] bool Matches(const State& state) const;
-    [[nodiscard]] bool AllowsExit(const State& state) const;
+    [[nodiscard]] bool Matches(const State& state, std::optional<int> exitCode) const;
+    [[nodiscard]] std::vector<Candidate> Find(std::optional<int> exitCode, bool fallbacks) const;
+    void Reconsider(int exitCode);
 
     const Catalogue& catalogue_ = BuiltInCatalogue();
     Finding finding_;

@@ -161,16 +161,6 @@ std::string_view EditionName(const Edition& edition)
     return !edition.isInstalled ? "none" : edition.isStore ? "store" : "desktop";
 }
 
-std::string DescribeInstalled(std::string_view edition, std::string_view version)
-{
-    if (edition == "none")
-    {
-        return "none";
-    }
-    const std::string number(version.empty() ? "unknown version" : version);
-    return edition.empty() ? number : number + (edition == "store" ? ", Store edition" : ", desktop edition");
-}
-
 Json StatusAsJson(const Status& status)
 {
     const auto& [drivers, installed, lines] = status.machine;

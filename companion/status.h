@@ -29,9 +29,6 @@ struct Status
 // Changes nothing and writes no log. Throws only on failed allocation.
 Status FindStatus();
 
-// Returns "23.40, desktop edition", for people.
-std::string DescribeInstalled(std::string_view edition, std::string_view version);
-
 // Returns "desktop", "store" or "none".
 std::string_view EditionName(const Edition& edition);
 

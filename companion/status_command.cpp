@@ -15,7 +15,7 @@ namespace repair
 {
 namespace
 {
-struct Options
+struct StatusOptions
 {
     bool asJson = false;
     bool detect = false;
@@ -54,7 +54,7 @@ int Detect(const Status& status)
     return kDone;
 }
 
-int Execute(const Options& options)
+int ExecuteStatus(const StatusOptions& options)
 {
     const Status status = FindStatus();
     if (options.detect)
@@ -68,7 +68,7 @@ int Execute(const Options& options)
 
 void AddStatusCommand(CLI::App& program, int& result)
 {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<StatusOptions>();
     CLI::App& command =
         *program.add_subcommand("status", "Tells whether a repair is due on this machine. Changes nothing.");
     CLI::Option* const json = command.add_flag("--json", options->asJson, "print one JSON object");
@@ -84,6 +84,6 @@ void AddStatusCommand(CLI::App& program, int& result)
         "Examples:\n"
         "  TavikToolCompanion status --json\n"
         "  TavikToolCompanion status --detect");
-    command.callback([options, &result] { result = Execute(*options); });
+    command.callback([options, &result] { result = ExecuteStatus(*options); });
 }
 }  // namespace repair

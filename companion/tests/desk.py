@@ -1,8 +1,17 @@
 """What the tests of TavikToolCompanion.exe share: a machine to run it on, and logs."""
 from __future__ import annotations
 
+import contextlib
+import fcntl
 import json
+import os
+import pty
+import re
+import select
+import struct
 import subprocess
+import termios
+import time
 from typing import Any
 
 from lab import paths
@@ -42,6 +51,30 @@ class Desk:
             code = subprocess.run([paths.WINE, COMPANION, *arguments], env=self.prefix.environment(), stdin=subprocess.DEVNULL,
                                   stdout=to, stderr=beside, timeout=60, check=False).returncode
         return code, out.read_bytes().decode("utf-8"), errors.read_bytes().decode("utf-8")
+
+    def in_console(self, *command: str) -> tuple[int, str, bool]:
+        """Runs a command in a console of its own: exit code, what is shown, and whether it waited for a key."""
+        ours, theirs = pty.openpty()
+        fcntl.ioctl(theirs, termios.TIOCSWINSZ, struct.pack("HHHH", 60, 200, 0, 0))
+        shown, pressed, limit = b"", False, time.monotonic() + 60
+        with subprocess.Popen([paths.WINE, *command], env=self.prefix.environment(), stdin=theirs, stdout=theirs, stderr=theirs,
+                              start_new_session=True) as process:
+            os.close(theirs)
+            while time.monotonic() < limit:
+                ended = process.poll() is not None
+                if select.select([ours], [], [], 0.1)[0]:
+                    with contextlib.suppress(OSError):  # nothing is left
+                        shown += os.read(ours, 65536)
+                elif ended:
+                    break
+                if b"Press a key" in shown and not pressed:
+                    time.sleep(0.5)
+                    pressed = process.poll() is None
+                    os.write(ours, b"x")
+            process.kill()
+        os.close(ours)
+        text = re.sub(r"\x1b\[[?0-9;]*[A-Za-z]", "", shown.decode("utf-8", "replace")).replace("\r", "")
+        return process.returncode, text, pressed
 
     def explain(self, *arguments: str) -> list[dict[str, Any]]:
         _, text, _ = self.run("explain", "--json", *arguments)

@@ -2,20 +2,20 @@
 in test_reading.py, `run` in test_run.py."""
 from __future__ import annotations
 
+import datetime
 import json
+import os
 import pathlib
 import re
 import struct
 import zipfile
-from typing import Any
 
 import pytest
 
 from cases.support.repair import found
-from companion.tests.desk import BUSY, CHECK, COMPANION, LAST, LATER, LAUNCHED, NAME, SAME, utf16
+from companion.tests.desk import BUSY, CHECK, LAST, LATER, LAUNCHED, NAME, SAME, utf16
 from lab import paths
 from lab.machine import Machine
-from lab.result import Result
 from lab.run import run
 from lab.server import Answer, WebServer
 from lab.session import LOGS
@@ -24,6 +24,10 @@ from lab.session import LOGS
 # The command line
 
 COMMANDS = ("status", "explain", "convert", "collect", "run", "check-server")
+
+
+def test_no_arguments_in_a_terminal_show_the_usage(desk):
+    assert desk.run() == (2, desk.run("--help")[1], "")
 
 
 def test_help_and_version(desk):
@@ -50,11 +54,10 @@ def test_commands_and_options_in_any_letter_case(desk):
 
 
 @pytest.mark.parametrize("arguments, says", [
-    ([], "A command is required"), (["expand"], "The following argument was not expected: expand"),
+    (["expand"], "The following argument was not expected: expand"),
     (["explain"], "LOG: name the log of the run, or give --no-log"), (["explain", "a", "--no-log"], "LOG: name the log of the run, or give --no-log"),
     (["explain", "a", "--what"], "The following argument was not expected: --what"), (["explain", "a", "--exit"], "--exit: 1 required NUMBER missing"),
-    *((["explain", "a", "--exit", text], f'--exit: "{text}" is not a 32-bit number') for text in ("x", "1x", " 1", "4294967296", "-2147483649", "0x5")),
-    (["explain", "a", "b"], "LOG: several logs need --json"),
+    *((["explain", "a", "--exit", text], f'--exit: "{text}" is not a 32-bit number') for text in ("x", "1x", " 1", "4294967296", "-2147483649", "0x", "0x-5", "0x1FFFFFFFF")),
     (["convert"], "LOG is required"), (["convert", "a", "b", "c"], "The following argument was not expected: c"),
     (["collect"], "FOLDER is required"), (["run", "-SILENT"], "The following argument was not expected: -SILENT"),
     (["run", "--timeout", "0"], "--timeout: Value 0 not in range 1 to 604800"), (["run", "--timeout", "x"], "--timeout: Value x not in range"),
@@ -82,6 +85,7 @@ def test_all_logs_without_names(desk):
     mine = [f"{user.upper()} on {host.upper()} in C:\\users\\{user}\\Temp, and Given"]
     desk.put(rf"{folder}\{LATER}", utf16(BUSY))
     desk.put(rf"{folder}\{NAME}", utf16([*PRIVATE, *mine, *["the same line"] * 1000]) + b"x")
+    os.utime(desk.prefix.windows_path(rf"{folder}\{NAME}"), (datetime.datetime(2026, 11, 6, 4, 9, 31, tzinfo=datetime.timezone.utc).timestamp(),) * 2)
     desk.put(rf"{folder}\Grüße, The Owner {LAST}", utf16(SAME))
     desk.put(rf"{folder}\other.txt", b"the owner")
     code, text, errors = desk.run("collect", r"C:\bundle", "--name", "GIVEN")
@@ -90,8 +94,8 @@ def test_all_logs_without_names(desk):
     with zipfile.ZipFile(bundle) as archive:
         assert {item.compress_type for item in archive.infolist()} == {zipfile.ZIP_DEFLATED} and bundle.stat().st_size < 4000
         assert archive.testzip() is None and [re.sub(r"\d+ ", " ", name) for name in archive.namelist()] == [
-            NAME, LATER, f"Grüße, user {LAST}", "summary.jsonl"]
-        assert archive.getinfo(NAME).date_time == (2026, 11, 6, 4, 7, 30)
+            NAME, LATER, f"Grüße, user {LAST}", "summary.jsonl", "facts.json"]
+        assert archive.getinfo(NAME).date_time == (2026, 11, 6, 4, 9, 30)
         for one in archive.infolist():
             assert struct.unpack_from("<III", bundle.read_bytes(), one.header_offset + 14) == (one.CRC, one.compress_size, one.file_size)
         log, summary = archive.read(NAME).decode(), archive.read("summary.jsonl")
@@ -120,7 +124,11 @@ def test_logs_of_another_folder(desk):
     says = "TavikToolCompanion: there are no logs in C:\\nowhere: name another folder with --from\n"
     assert desk.run("collect", r"C:\other", "--from", r"C:\nowhere") == (1, "", says)
     desk.put(rf"C:\from\{NAME}", utf16(BUSY))
-    assert desk.run("collect", r"C:\other", "--from", r"C:\from")[1].startswith("1 log in ")
+    desk.put(rf"C:\from\{LATER}", b"a page\n")
+    assert desk.run("collect", r"C:\other", "--from", r"C:\from")[1].startswith("2 logs in ")
+    with zipfile.ZipFile(desk.prefix.windows_path(r"C:\other\TavikToolLogs.zip")) as archive:
+        assert archive.namelist() == [NAME, LATER, "summary.jsonl"]  # not the facts of this machine
+        assert json.loads(archive.read("summary.jsonl").splitlines()[1]) == {"log": LATER, "error": "this is no log of the tool"}
 
 
 def test_more_names_than_can_be_replaced(desk):
@@ -183,4 +191,4 @@ def test_the_answer_of_a_server(desk):
     assert last["moved"][0] == 1 and "the server answers 302 and redirects to" in last["moved"][1] and "/good/24.20/" in last["moved"][1]
     assert [item["user_agent"] for item in web.requests] == ["Tavik Marlin Install Manager"] * 4
     code, text, _ = desk.run("check-server", "http://127.0.0.1:9/", "--release", "24.20")
-    assert code == 1 and "error: the server cannot be asked (request): error 12029" in text
+    assert code == 1 and "error: the server cannot be asked (request): error 12029, no connection to the server: check address, port, firewall and proxy" in text
