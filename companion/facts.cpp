@@ -8,10 +8,13 @@
 #include <nlohmann/json.hpp>
 
 #include "base/registry.h"
+#include "companion/log_facts.h"
 #include "companion/status.h"
+#include "companion/tool_log.h"
 #include "companion/tool_process.h"
 #include "companion/unicode.h"
 #include "resources/version.h"
+#include "store/store_packages.h"
 
 namespace repair
 {
@@ -80,7 +83,18 @@ Json FindFacts()
                         {"language", ToUtf8(language)}};
     facts["tool"] = VersionOfTool();
     facts["companion"] = TAVIK_VERSION_TEXT;
-    facts.update(StatusAsJson(FindStatus()));
+    Status status = FindStatus();
+    if (!status.machine.installed.edition.isStore)  // where there is a desktop edition, the tool does not ask
+    {
+        QueryStorePackageVersion();
+        LogFacts store;
+        for (const std::string& line : TakeToolLog())
+        {
+            store.Take(line);
+        }
+        status.storePackages = store.StorePackages();
+    }
+    facts.update(StatusAsJson(status));
     return facts;
 }
 }  // namespace repair

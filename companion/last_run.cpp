@@ -132,6 +132,6 @@ void WriteLastRun(const LastRun& last)
 
 std::uint32_t LostProducts(const LastRun& last, std::uint32_t installedNow)
 {
-    return (last.recoveryPending ? last.lost : last.products) & ~installedNow;
+    return ((last.recoveryPending ? last.lost : 0) | last.products) & ~installedNow;
 }
 }  // namespace repair

@@ -46,6 +46,6 @@ std::optional<LastRun> ReadLastRun();
 void WriteLastRun(const LastRun& last);
 
 // Returns the products that the last run has lost, as far as they are still missing: those of a recovery that is
-// pending, or those that were installed before a run whose end was not checked.
+// pending, and those that were installed before a run whose end was not checked.
 std::uint32_t LostProducts(const LastRun& last, std::uint32_t installedNow);
 }  // namespace repair

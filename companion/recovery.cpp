@@ -36,6 +36,32 @@ bool IsIn(const std::wstring& path, const std::wstring& folder)
     return path.starts_with(folder + L"\\");
 }
 
+// Returns the installer that was started; empty if none was, or the log cannot be read.
+std::wstring InstallerInLog(const std::optional<std::wstring>& log)
+{
+    constexpr std::string_view kStarted = "Process ";
+    const std::string parameters = " " + ToUtf8(kExtractionParameters);
+    std::wstring installer;
+    const auto read = [&](const Line& line) {
+        const size_t end = line.text.find(parameters);
+        if (line.begins && line.text.starts_with(kStarted) && end != std::string_view::npos)
+        {
+            installer = ToWide(line.text.substr(kStarted.size(), end - kStarted.size()));
+        }
+    };
+    try
+    {
+        if (log)
+        {
+            ReadLines(*log, read);
+        }
+    }
+    catch (const UnreadableFile&)  // the part that was read counts
+    {
+    }
+    return installer;
+}
+
 void RemoveUnpacked(const SafePlace& place)
 {
     try
@@ -48,37 +74,12 @@ void RemoveUnpacked(const SafePlace& place)
 }
 }  // namespace
 
-Trace ReadTrace(const std::optional<std::wstring>& log)
-{
-    constexpr std::string_view kStarted = "Process ";
-    const std::string parameters = " " + ToUtf8(kExtractionParameters);
-    Trace trace;
-    const auto read = [&](const Line& line) {
-        const size_t end = line.text.find(parameters);
-        if (line.begins && line.text.starts_with(kStarted) && end != std::string_view::npos)
-        {
-            trace.installer = ToWide(line.text.substr(kStarted.size(), end - kStarted.size()));
-        }
-        trace.hasRemoved = trace.hasRemoved || (line.begins && line.text.starts_with("Uninstalling installed "));
-    };
-    try
-    {
-        if (log)
-        {
-            ReadLines(*log, read);
-        }
-    }
-    catch (const UnreadableFile&)  // the part that was read counts
-    {
-    }
-    return trace;
-}
-
-std::wstring FindInstaller(const SafePlace& place, const Trace& trace, const std::wstring& driverFolder)
+std::wstring FindInstaller(const SafePlace& place, const std::optional<std::wstring>& log,
+                           const std::wstring& driverFolder)
 {
     // Kept ones: the interruption may have come after they were moved and before that was remembered.
-    for (const std::wstring& path :
-         {trace.installer, place.Temporary() + kDownload, place.Kept() + kDownload, place.Kept() + kInstaller})
+    for (const std::wstring& path : {InstallerInLog(log), place.Temporary() + kDownload, place.Temporary() + kInstaller,
+                                     place.Kept() + kDownload, place.Kept() + kInstaller})
     {
         if (!path.empty() && FileExists(path))
         {
@@ -113,9 +114,16 @@ void KeepInstaller(const SafePlace& place, std::wstring installer, LastRun& run)
     {
         installer.replace(0, place.Temporary().size(), place.Kept());
     }
-    else if (installer != copy && CopyFileW(installer.c_str(), copy.c_str(), FALSE) != 0)
+    else if (installer != copy)
     {
-        installer = copy;
+        if (CopyFileW(installer.c_str(), copy.c_str(), FALSE) != 0)
+        {
+            installer = copy;
+        }
+        else
+        {
+            DeleteFileW(copy.c_str());  // a part of it would take the space that the next run needs
+        }
     }
     run.keptInstaller = FileExists(installer) ? installer : std::wstring();
 }

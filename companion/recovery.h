@@ -10,19 +10,10 @@
 
 namespace repair
 {
-// What a log of the tool says about an installation.
-struct Trace
-{
-    std::wstring installer;   // the one that was started; empty if none was
-    bool hasRemoved = false;  // a removal was begun
-};
-
-// Reads the log. Without one, or where it cannot be read, the trace is empty.
-Trace ReadTrace(const std::optional<std::wstring>& log);
-
-// Returns the installer of a run that was interrupted: the one in its log, its download, or the one in the driver's
-// package. Empty if there is none of them.
-std::wstring FindInstaller(const SafePlace& place, const Trace& trace, const std::wstring& driverFolder);
+// Returns the installer of a run that has lost products: the one that its log names, its download, a kept one, or the
+// one in the driver's package. Empty if there is none of them.
+std::wstring FindInstaller(const SafePlace& place, const std::optional<std::wstring>& log,
+                           const std::wstring& driverFolder);
 
 // Keeps the temporary folder, in which the optional packages are unpacked, and the installer in it, or a copy of one
 // that is elsewhere. Sets the path in `run`. If the disk is too full for a copy, that is where the installer is.

@@ -154,6 +154,7 @@ public:
 
 private:
     void TakeUpInterruptedRun();
+    void KeepForNextRun(const std::wstring& mark);
     Finding StartTool(const ToolStart& start);
     Finding Recover();
     Finding InstallLostPackages();
@@ -166,7 +167,7 @@ private:
     const SafePlace& place_;
     LastRun& run_;
     MachineState before_;
-    bool isRecovery_ = false;
+    bool isRecovery_ = false;  // products are missing before the tool starts
 };
 
 Finding FleetRun::Execute()
@@ -183,40 +184,43 @@ Finding FleetRun::Execute()
     run_.release = before_.drivers.empty() ? std::wstring() : before_.drivers.front().releaseBase;
     run_.versionBefore = VersionOf(before_.installed);
     run_.lost = LostProducts(run_, before_.installed.products);
-    if (run_.lost != 0 && !run_.recoveryPending)
-    {
-        TakeUpInterruptedRun();
-    }
-    if (run_.lost == 0)
+    isRecovery_ = run_.lost != 0;
+    if (!isRecovery_)
     {
         ForgetRecovery(run_);
         place_.RemoveKept();
     }
-    if (run_.lost != 0 && !IsDirect(switches_))
+    else if (!run_.recoveryPending)
     {
-        return Recover();
+        TakeUpInterruptedRun();
     }
-    return StartTool({tool_, MakeMark(), switches_, options_.limitSeconds, options_.kill});
+    else if ((run_.lost & kMainProduct) != 0 && !FileExists(run_.keptInstaller))  // the driver may have a new one
+    {
+        KeepForNextRun(run_.mark);
+    }
+    return isRecovery_ && !IsDirect(switches_)
+               ? Recover()
+               : StartTool({tool_, MakeMark(), switches_, options_.limitSeconds, options_.kill});
 }
 
-// The last run was interrupted, and products that were there are gone: this run recovers them. If neither its log nor
-// an installer shows that the tool has removed them, somebody else has.
+// The last run was interrupted, and products that were there are gone: this run recovers them. What its log says does
+// not count, because a power cut can cost its last lines.
 void FleetRun::TakeUpInterruptedRun()
 {
-    const std::optional<std::wstring> log = FindLog(run_.mark);
-    const Trace trace = ReadTrace(log);
-    const std::wstring folder = before_.drivers.empty() ? std::wstring() : before_.drivers.front().driverFolder;
-    const std::wstring installer = FindInstaller(place_, trace, folder);
-    if (log && !trace.hasRemoved && trace.installer.empty())
-    {
-        run_.lost = 0;
-        return;
-    }
     run_.recoveryPending = true;
-    run_.keptRelease = run_.release;
     run_.recoveryAttempts = run_.started + L" found an interrupted run";
-    KeepInstaller(place_, installer, run_);
+    KeepForNextRun(run_.mark);
     Remember();
+}
+
+// Keeps the installer of the run with this mark.
+void FleetRun::KeepForNextRun(const std::wstring& mark)
+{
+    const std::wstring folder = before_.drivers.empty() ? std::wstring() : before_.drivers.front().driverFolder;
+    KeepInstaller(place_, FindInstaller(place_, FindLog(mark), folder), run_);
+    run_.keptRelease = IsDirect(switches_)          ? std::wstring()
+                       : run_.keptRelease.empty() ? run_.release
+                                                  : run_.keptRelease;
 }
 
 // Writes the state that an interruption of this run leaves.
@@ -292,12 +296,7 @@ Finding FleetRun::StartTool(const ToolStart& start)
         place_.RemoveKept();
         return end.finding;
     }
-    const Trace trace = ReadTrace(FindLog(start.mark));
-    if (!trace.installer.empty())
-    {
-        run_.keptRelease = IsDirect(switches_) ? std::wstring() : isRecovery_ ? run_.keptRelease : run_.release;
-        KeepInstaller(place_, trace.installer, run_);
-    }
+    KeepForNextRun(start.mark);
     const Meaning& meaning = DecidedBy(end.finding);
     return ReportLoss(end.finding, std::string(meaning.id) + ": " + std::string(meaning.title) + ", exit code " +
                                        std::to_string(end.finding.exitCode.value_or(0)));
@@ -305,7 +304,6 @@ Finding FleetRun::StartTool(const ToolStart& start)
 
 Finding FleetRun::Recover()
 {
-    isRecovery_ = true;
     if ((run_.lost & kMainProduct) == 0)
     {
         return InstallLostPackages();

@@ -24,7 +24,7 @@ struct ServerValue
     [[nodiscard]] bool HasErrors() const;
 };
 
-// Returns the address of a release's installer below a server folder; an empty folder stands for the maker's own.
+// Returns the address of a release's installer below a server folder; an empty folder means the maker's own.
 std::string InstallerAddress(std::string_view folder, std::string_view release);
 
 // Uses only the first five characters of the release, like the tool. All texts are UTF-8.

@@ -15,7 +15,7 @@ MIDDLE = ["ui", "inventory", "acquisition", "install", "store"]
 TOOL = {"base", "resources", "app", *MIDDLE}
 # What the companion asks of the tool beside the inventory: the edition, the same-release rule, the installer, the products.
 STATUS = {"app/edition.h", "acquisition/local_installer.h", "acquisition/server_folder.h",
-          "install/constants.h", "install/msi_products.h"}
+          "install/constants.h", "install/msi_products.h", "store/store_packages.h"}
 # Folder -> folders or single headers that its files may include, written from the include roots src/ and the project's top.
 MAY_INCLUDE = {
     "base": {"base"},

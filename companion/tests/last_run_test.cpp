@@ -80,13 +80,14 @@ TEST(LastRun, AWriteThatFailsIsAnError)
     EXPECT_THROW(WriteLastRun(Written()), Failure);
 }
 
-TEST(LastRun, LostProductsAreThoseOfAPendingRecoveryOrOfARunWhoseEndWasNotChecked)
+TEST(LastRun, LostProductsAreThoseOfAPendingRecoveryAndOfARunWhoseEndWasNotChecked)
 {
     const std::tuple<bool, std::uint32_t, std::uint32_t, std::uint32_t> cases[] = {
         // pending, installed before and now; lost
         {true, 0, 0, kDvrProduct},
         {true, 0, kMainProduct, kDvrProduct},
-        {true, kMainProduct, kDvrProduct, 0},
+        {true, kMainProduct, kDvrProduct, kMainProduct},
+        {true, kMainProduct, 0, kMainProduct | kDvrProduct},
         {false, 0, 0, 0},
         {false, kMainProduct | kDvrProduct, kDvrProduct, kMainProduct},
         {false, kMainProduct, kMainProduct, 0},

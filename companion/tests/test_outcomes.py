@@ -98,6 +98,25 @@ def test_a_list_of_patterns_has_a_name():
     assert outcomes.read(text)[0].lines == ["x", "b", "c"]
 
 
+# By the first id. Consoles of fleets rely on these: a new outcome gets a new id.
+EVENTS = {
+    101: "same-release another-instance no-adapter no-usable-driver no-application no-application-store-unread",
+    201: "repaired repaired-restart repaired-optional-failed repaired-old-left repaired-store-left",
+    301: "installer-blocked installer-empty install-busy install-failed install-forbidden install-package-unreadable install-failed-other",
+    401: "download-bad-address download-unreachable download-not-trusted download-not-there download-refused download-server-trouble "
+         "download-broken download-disk-full download-file-in-the-way download-error",
+    501: "store-installed store-not-completed store-canceled store-no-window store-error",
+    601: "direct-file-missing direct-installer-blocked direct-installer-empty direct-busy direct-failed",
+    701: "direct-done direct-restart direct-optional-failed direct-old-left direct-store-left direct-not-marked direct-not-started direct-no-location",
+    801: "folder-not-prepared installation-exception quiet-end interrupted log-cut no-log-folder no-log",
+    901: "in-use tool-running timed-out timed-out-ended not-started unclear", 911: "recovery-pending recovery-failed recovered recovered-restart"}
+
+
+def test_the_event_of_an_outcome_never_changes():
+    fixed = {name: first + at for first, names in EVENTS.items() for at, name in enumerate(names.split())}
+    assert {one.id: one.event for one in outcomes.catalogue() if one.id in fixed} == fixed
+
+
 # The pages made from it
 
 def test_the_page_has_a_heading_for_every_outcome_and_a_link_to_it():

@@ -109,7 +109,7 @@ def test_the_collected_facts():
     assert (facts["tool"], facts["companion"], facts["windows"]["build"].isdigit()) == (defined, defined, True)
     assert facts["adapters"][0]["release"] == "24.20.11.01-240619a" and facts["desktop"]["families"] == ["Halden", "PXL"]
     assert (facts["verdict"], facts["last_run"]["code"]) == ("due", 1618)
-    assert facts["server"] == "http://<login>@<machine2>/vlt/"
+    assert facts["server"] == "http://<login>@<machine2>/vlt/" and [one["version"] for one in facts["store"]] == ["1.23.40.7"]
     assert facts["last_codes"] == [{"log": NAME, "outcomes": ["install-busy"], "codes": [1618]}]
 
 
