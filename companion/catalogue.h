@@ -35,8 +35,8 @@ struct Meaning
     std::string_view owner;
     std::string_view cause;
     std::string_view action;
-    std::string_view retry;  // "no", "yes", "later" or "after-restart"
-    int code = 0;            // what a deployment system should see: 0, 3010, 1618 or 1603
+    std::string_view retry;   // "no", "yes", "later" or "after-restart"
+    int code = 0;             // what a deployment system should see: 0, 3010, 1618 or 1603
     std::uint32_t event = 0;  // id in the Application log
 };
 

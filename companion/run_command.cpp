@@ -218,7 +218,7 @@ void FleetRun::KeepForNextRun(const std::wstring& mark)
 {
     const std::wstring folder = before_.drivers.empty() ? std::wstring() : before_.drivers.front().driverFolder;
     KeepInstaller(place_, FindInstaller(place_, FindLog(mark), folder), run_);
-    run_.keptRelease = IsDirect(switches_)          ? std::wstring()
+    run_.keptRelease = IsDirect(switches_)        ? std::wstring()
                        : run_.keptRelease.empty() ? run_.release
                                                   : run_.keptRelease;
 }

@@ -19,7 +19,8 @@ TEST(EventLog, AnEntryHasTheIdOfItsOutcomeAndAKindByItsCode)
     using Entry = std::tuple<std::wstring, WORD, DWORD, std::wstring>;
     std::vector<Entry> entries;
     std::wstring opened;
-    SUBSTITUTE(RegisterEventSourceW) open([&](const wchar_t*, const wchar_t* source) {
+    SUBSTITUTE(RegisterEventSourceW)
+    open([&](const wchar_t*, const wchar_t* source) {
         opened = source;
         return reinterpret_cast<HANDLE>(&entries);
     });
@@ -40,8 +41,7 @@ TEST(EventLog, AnEntryHasTheIdOfItsOutcomeAndAKindByItsCode)
         wanted.emplace_back(L"TavikToolCompanion", kind, 912U, L"one two");
     }
     EXPECT_EQ(entries, wanted);
-    constexpr wchar_t kSourceKey[] =
-        L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\TavikToolCompanion";
+    constexpr wchar_t kSourceKey[] = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\TavikToolCompanion";
     EXPECT_EQ(ReadMachineString(kSourceKey, L"EventMessageFile"), L"C:\\x\\companion.exe");
 }
 

@@ -15,6 +15,7 @@ namespace
 {
 const std::wstring kFolder = GetProgramFolder() + L"\\Repair";
 const std::wstring kPlanted = kFolder + L"\\planted";
+}  // namespace
 
 class SafePlaceTest : public testing::Test
 {
@@ -26,7 +27,6 @@ protected:
     }
     ~SafePlaceTest() override { RemoveAll(kFolder); }
 };
-}  // namespace
 
 TEST_F(SafePlaceTest, AFolderOfAdministratorsIsUsedAndGetsTheRightsAgain)
 {
