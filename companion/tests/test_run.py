@@ -236,7 +236,7 @@ def test_the_application_is_open(program, option, outcome):
 
 # What is remembered
 
-# Proves: `run` has ended => outcome, codes, times, releases and log are in the registry
+# Proves: `run` has ended => outcome, codes, times, releases and log are in the registry, and an entry is in the Application log
 def test_the_registry_after_a_run():
     result, (said,) = start(found(), "-- -SILENT")
     values = result.after.registry[LAST_RUN]
@@ -257,7 +257,7 @@ def test_attempts_are_counted_until_one_succeeds():
         assert machine.remembered()["Attempt"] == 3
 
 
-# Proves: `run` has ended => an entry in the Application log, with an id for each outcome
+# Proves: `run` has ended
 def test_the_entry_in_the_application_log(desk):
     """Wine shows the texts of an entry, not its id: event_log_test.cpp has that."""
     ended = subprocess.run([paths.WINE, COMPANION, "run", "--tool", r"C:\none.exe"], env=desk.prefix.environment() | {"WINEDEBUG": "+winediag"},
