@@ -257,18 +257,6 @@ def test_attempts_are_counted_until_one_succeeds():
         assert machine.remembered()["Attempt"] == 3
 
 
-# Proves: `run` has ended
-def test_the_entry_in_the_application_log(desk):
-    """Wine shows the texts of an entry, not its id: event_log_test.cpp has that."""
-    ended = subprocess.run([paths.WINE, COMPANION, "run", "--tool", r"C:\none.exe"], env=desk.prefix.environment() | {"WINEDEBUG": "+winediag"},
-                           stdin=subprocess.DEVNULL, capture_output=True, timeout=60, check=False)
-    texts = re.findall(r'ReportEventW L"(.*)"', ended.stderr.decode("utf-8"))
-    assert texts[:6] == ["not-started", "1603", *"----"] and texts[6].isdigit() and texts[7] == "-" and "none.exe: error 2" in texts[8]
-    source = r"HKLM\SYSTEM\CurrentControlSet\Services\EventLog\Application\TavikToolCompanion"
-    shown = subprocess.run([paths.WINE, "reg", "query", source, "/v", "EventMessageFile"], env=desk.prefix.environment(), capture_output=True, check=True)
-    assert shown.stdout.decode().split()[-1] == COMPANION
-
-
 # Proves: An outcome of the catalogue
 def test_every_outcome_has_a_text_for_its_event():
     program = pefile.PE(str(paths.need(paths.COMPANION)))
