@@ -29,7 +29,7 @@ TASK = "{http://schemas.microsoft.com/windows/2004/02/mit/task}"
 
 # What every recipe tells its deployment system, which is also what TavikToolCompanion.exe ends with.
 CODES = {"success": 0, "restart": 3010, "retry": 1618, "failed": 1603}
-WITHOUT_CODES = {"mirror", "policy", "task"}  # folders that tell no deployment system what a code means
+WITHOUT_CODES = {"mirror", "policy", "powershell", "task"}  # folders that tell no deployment system what a code means
 PARSER = {"web-tree-sitter": "0.27.1", "tree-sitter-powershell": "0.26.4"}
 YAMLLINT = "{extends: default, rules: {line-length: {max: 140}, document-start: disable}}"
 

@@ -86,7 +86,7 @@ FAULTS = {
         (TASK, "&lt;/Select&gt;", "", "Subscription is"), (TASK, "4d36e968", "4d36e969", "Subscription is"), (TASK, "EventID=400]]", "EventID=400]", "Subscription is"),
         (TASK, 'Path="Microsoft-Windows-Kernel-PnP/Configuration"', 'Path="System"', "Subscription is"), (TASK, "S-1-5-18", "S-1-5-32-544", "UserId is"),
         (TASK, 'Context="System"', 'Context="Someone"', "no principal"),
-        (TASK, r"Tavik\Repair\Repair", r"Tavik\Repair", "Arguments is"), (TASK_SCRIPT, "'RepairAfterDriverUpdate'", "'Repair'", "URI is"),
+        (TASK, r"Tavik\Repair\TavikTool", r"Tavik\Repair", "Command is"), (TASK_SCRIPT, "'RepairAfterDriverUpdate'", "'Repair'", "URI is"),
         (TASK_SCRIPT, "Kernel-PnP/Configuration'", "Kernel-PnP/Device'", "Subscription is"),
     ],
     "return_codes": [
