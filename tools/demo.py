@@ -3,13 +3,17 @@
     scripts/demo             an outdated desktop edition is repaired; a machine that is compatible already
     scripts/demo --store     the Store edition is repaired through the Store
     scripts/demo --direct    a given installer is installed without checks and replaces the Store edition
+    scripts/demo --pictures  makes the pictures in docs/images again
 """
 from __future__ import annotations
 
 import dataclasses
 import re
 import shutil
+import subprocess
 import sys
+import tempfile
+from typing import Any
 
 from lab import paths, session
 from lab.machine import Machine
@@ -42,6 +46,34 @@ SHOWS = {
     "--store": [Show("store", "", 0, "store-installed", FINISHED, [CHECKING, INSTALLING])],
     "--direct": [Show("direct", r"-VLT -Install -Path C:\users\Public\dwx2_install.exe", 0, "direct-done", "", [INSTALLING])],
 }
+
+# For docs/images: the machine, the switches, what happens meanwhile, and the number of the run's picture that gets the name.
+PICTURED = [
+    ("demo", "", [], {"window": 1, "box-finished": -1}),
+    ("compatible", "", [], {"box-compatible": -1}),
+    ({"desktop": False}, "", [], {"box-no-application": -1}),
+    ({"adapters": []}, "", [], {"box-no-driver": -1}),
+    ({"server": {"folder": "http:///x"}}, "", [], {"box-download": -1}),
+    ({"installer": {"extract": "no"}}, "", [], {"box-install": -1}),
+    ({"installer": {"sleep": 1500}}, "-SILENT", ["start : second"], {"box-another": -1}),
+    ({"temp": r"C:\temp", "files": {r"C:\temp\Tavik_VLTInstallerDownload": "", r"C:\setup.exe": {"installer": "24.20"}}},
+     r"-VLT -Install -Path C:\setup.exe", [], {"box-update": -1}),
+]
+
+
+def described(machine: str | dict[str, Any]) -> Machine:
+    return Machine(machine) if isinstance(machine, dict) else Machine.load(paths.ROOT / "lab" / "machines" / f"{machine}.toml")
+
+
+def make_pictures() -> None:
+    """Cut to the window or the box."""
+    for machine, arguments, when, wanted in PICTURED:
+        with tempfile.TemporaryDirectory() as folder:
+            result = run(described(machine), arguments, when=when, pictures=folder, hold=0.5)
+            for name, number in wanted.items():
+                target = paths.ROOT / "docs" / "images" / f"{name}.png"
+                subprocess.run(["convert", result.pictures[number], "-trim", "+repage", "-strip", target], check=True)
+                say(f"  {target.relative_to(paths.ROOT)}")
 
 
 def explanation(result: Result) -> str:
@@ -87,7 +119,7 @@ def present(show: Show) -> list[str]:
     """Runs the tool and prints the result. Returns the differences from the expected end."""
     folder = PICTURES / show.machine
     shutil.rmtree(folder, ignore_errors=True)
-    machine = Machine.load(paths.ROOT / "lab" / "machines" / f"{show.machine}.toml")
+    machine = described(show.machine)
     say(f"{machine.data['description']}\n  > {paths.TOOL.name} {show.arguments}".rstrip())
     result = run(machine, show.arguments, pictures=folder, hold=0.5)
     explained = explanation(result)
@@ -100,13 +132,16 @@ def present(show: Show) -> list[str]:
 
 
 def main(arguments: list[str]) -> int:
-    if len(arguments) > 1 or "".join(arguments) not in SHOWS:
+    if len(arguments) > 1 or "".join(arguments) not in (*SHOWS, "--pictures"):
         print(__doc__)
         return 0 if arguments in (["--help"], ["-h"]) else 2
     say("1 of 2: building the tool, its companion and the lab (some minutes the first time)")
     build("release", "TavikCompatibilityTool", "TavikToolCompanion", "lab/all")
     say("2 of 2: the machine and the run (the first time the machine is set up, which takes about half a minute)\n")
     try:
+        if arguments == ["--pictures"]:
+            make_pictures()
+            return 0
         wrong = [item for show in SHOWS["".join(arguments)] for item in present(show)]
     except (OSError, RuntimeError) as error:
         fail(f"The demonstration stopped: {error}")

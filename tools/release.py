@@ -29,7 +29,7 @@ from urllib.parse import unquote, urlsplit
 
 import pefile
 
-from tools import outcome_pages, sbom
+from tools import outcome_pages, sbom, texts
 from tools.signing import Choice, Signer
 from tools.project import ELSEWHERE, PYTHON, TOP, copy_sources, fail, files as project_files, say
 
@@ -42,6 +42,9 @@ DIST = TOP / "dist"
 PROGRAMS = ["TavikCompatibilityTool", "TavikToolCompanion"]
 PAGES = ["README.md", "CHANGELOG.md", "companion/outcomes.toml"]
 FOLDERS = ["deploy", "docs"]
+# Except pages for those who have the sources, and such parts of the other pages.
+NOT_PACKED = [f"docs/{name}.md" for name in ("architecture", "building", "performance", "releasing", "testing", "windows-facts")]
+NOT_SHOWN = re.compile(r"<!-- in the repository only -->\n.*?<!-- end -->\n\n?", re.S)
 WINDOWS_CHECK = ["build/release/TavikWindowsCheck.exe", "windows_check/README.txt", "build/docs/windows-facts.md"]
 
 
@@ -78,6 +81,24 @@ def zip_files(target: Path, files: dict[str, Path], date: str) -> None:
             entry.create_system = 3
             entry.external_attr = (0o755 if files[name].suffix in (".exe", ".sh") or os.access(files[name], os.X_OK) else 0o644) << 16
             archive.writestr(entry, files[name].read_bytes())
+
+
+def packed_page(page: Path) -> str:
+    """As readers without the sources need it. The page of outcomes takes the place of the catalogue it is made from."""
+    text = NOT_SHOWN.sub("", page.read_text("utf-8"))
+    return text.replace("](companion/outcomes.toml)", "](docs/outcomes.md)").replace("](../companion/outcomes.toml)", "](outcomes.md)")
+
+
+def check_pages(archive: Path) -> None:
+    """What the pages in the archive point to is in the archive, and no page needs the sources."""
+    with tempfile.TemporaryDirectory() as work, zipfile.ZipFile(archive) as packed:
+        packed.extractall(work)
+        top = Path(work).resolve()
+        pages = sorted(top.rglob("*.md"))
+        wrong = [*texts.dead_links(pages, top), *(f"{page.relative_to(top)}: \"{found}\" is for readers who have the sources"
+                 for page in pages for found in re.findall(r"(?i)\bclone\b|\bscripts/[a-z-]+", page.read_text("utf-8")))]
+    if wrong:
+        fail("\n".join([f"{archive.name} has pages that its readers cannot follow:", *wrong]))
 
 
 def checksums(folder: Path, names: list[str]) -> None:
@@ -184,9 +205,15 @@ def pack(source: Path, target: Path, version: str, date: str, ending: str = "") 
         files["LICENSE"] = TOP / "LICENSE"
     files |= {str(file.relative_to(TOP)): file for folder in FOLDERS for file in project_files(folder)}
     with tempfile.TemporaryDirectory() as work:
+        for one in [one for one, file in files.items() if file.suffix == ".md" and file != outcome_pages.PAGE]:
+            page = Path(work, one)
+            page.parent.mkdir(parents=True, exist_ok=True)
+            page.write_text(packed_page(files.pop(one)), "utf-8")
+            files |= {} if one in NOT_PACKED else {one: page}
         sums = Path(work, "SHA256SUMS")
         sums.write_text("".join(f"{hashlib.sha256(file.read_bytes()).hexdigest()}  {one}\n" for one, file in sorted(files.items())), "utf-8")
         zip_files(target / f"{name}{ending}.zip", {f"{name}/{one}": file for one, file in {**files, "SHA256SUMS": sums}.items()}, date)
+    check_pages(target / f"{name}{ending}.zip")
     checks = [*(Path(path).name for path in WINDOWS_CHECK), "THIRD-PARTY.txt"]
     zip_files(target / f"windows-check{ending}.zip", {one: source / one for one in checks}, date)
     if not ending:

@@ -34,24 +34,28 @@ def anchors(page: Path) -> set[str]:
     return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings} | set(re.findall(r'<a id="([^"]+)">', text))
 
 
-def fault(page: Path, target: str) -> str:
+def fault(page: Path, target: str, top: Path = TOP) -> str:
     if re.match(r"[a-z]+:", target):
         return ""
     name, _, anchor = target.partition("#")
     file = (page.parent / name).resolve() if name else page
     if file.parent == GENERATED:
         return ""
-    if not file.is_relative_to(TOP) or not file.exists():
+    if not file.is_relative_to(top) or not file.exists():
         return "does not exist"
     return "has no such heading" if anchor and file.suffix == ".md" and anchor not in anchors(file) else ""
 
 
-def links() -> Iterator[str]:
-    pages = files("*.md")
+def dead_links(pages: list[Path], top: Path = TOP) -> Iterator[str]:
     for page in pages:
         for target in LINK.findall(without_code(page.read_text("utf-8"))):
-            if fault(page, target):
-                yield f"{page.relative_to(TOP)}: {target} {fault(page, target)}"
+            if what := fault(page, target, top):
+                yield f"{page.relative_to(top)}: {target} {what}"
+
+
+def links() -> Iterator[str]:
+    pages = files("*.md")
+    yield from dead_links(pages)
     index = TOP / "README.md"
     named = {(index.parent / target.partition("#")[0]).resolve() for target in LINK.findall(index.read_text("utf-8"))}
     yield from (f"README.md does not name {page.relative_to(TOP)}" for page in pages

@@ -10,8 +10,9 @@ import zipfile
 
 import pytest
 
+from companion import outcomes
 from lab import paths
-from tools import release, sbom
+from tools import outcome_pages, release, sbom
 
 
 MAP = """Archive member included to satisfy reference by file (symbol)
@@ -62,7 +63,7 @@ def test_libraries_of_headers_are_listed(tmp_path):
         sbom.included_headers(tmp_path)
 
 
-# Proves: A release is made => version and change log agree; what is linked in is listed, or there is no release; the same files give the same archive
+# Proves: A release is made => version and change log agree; what is linked in is listed, or there is no release; the same files give the same archive; each page in it can be followed without the sources
 def test_version_of_the_program_has_its_heading_in_the_change_log():
     version, date = release.version_and_date()
     assert re.fullmatch(r"\d+\.\d+\.\d+\.\d+", version) and re.fullmatch(r"\d{4}-\d\d-\d\d", date)
@@ -118,13 +119,50 @@ def test_release_is_refused_before_anything_is_built(tmp_path, monkeypatch, chan
         release.main()
 
 
-def test_licences_go_with_the_programs(tmp_path, monkeypatch):
+@pytest.fixture
+def parts(tmp_path, monkeypatch):
+    """A folder with what goes into the archives and is built: the page of outcomes as it is, all else only by name."""
     checks = [path.rsplit("/", 1)[-1] for path in release.WINDOWS_CHECK]
-    for name in (*(f"{program}.exe" for program in release.PROGRAMS), *checks, "THIRD-PARTY.txt", "sbom.spdx.json", "outcomes.md"):
+    for name in (*(f"{program}.exe" for program in release.PROGRAMS), *checks, "THIRD-PARTY.txt", "sbom.spdx.json"):
         (tmp_path / name).write_text(name)
-    monkeypatch.setattr(release.outcome_pages, "PAGE", tmp_path / "outcomes.md")
-    release.pack(tmp_path, tmp_path, "1.0.0.1", "2026-11-21", "-unsigned")
-    with zipfile.ZipFile(tmp_path / "windows-check-unsigned.zip") as archive:
-        assert sorted(archive.namelist()) == sorted([*checks, "THIRD-PARTY.txt"])
-    with zipfile.ZipFile(tmp_path / "TavikCompatibilityTool-1.0.0.1-unsigned.zip") as archive:
-        assert "TavikCompatibilityTool-1.0.0.1/THIRD-PARTY.txt" in archive.namelist()
+    (tmp_path / "outcomes.md").write_text(outcome_pages.page(outcomes.catalogue()))
+    monkeypatch.setattr(outcome_pages, "PAGE", tmp_path / "outcomes.md")
+    return tmp_path
+
+
+def packed(parts: pathlib.Path) -> dict[str, str]:
+    release.pack(parts, parts, "1.0.0.1", "2026-11-21", "-unsigned")
+    with zipfile.ZipFile(parts / "TavikCompatibilityTool-1.0.0.1-unsigned.zip") as archive:
+        return {name.partition("/")[2]: archive.read(name).decode("utf-8", "replace") for name in archive.namelist()}
+
+
+def test_licences_go_with_the_programs(parts):
+    assert "THIRD-PARTY.txt" in packed(parts)
+    with zipfile.ZipFile(parts / "windows-check-unsigned.zip") as archive:
+        assert sorted(archive.namelist()) == sorted([*(path.rsplit("/", 1)[-1] for path in release.WINDOWS_CHECK), "THIRD-PARTY.txt"])
+
+
+# Proves: A release is made
+def test_pages_of_the_archive_are_for_readers_without_the_sources(parts):
+    files = packed(parts)
+    assert "docs/owner.md" in files and "docs/testing.md" not in files and "](docs/outcomes.md)" in files["README.md"]
+    assert "## Use it" in files["README.md"] and "## Try it" not in files["README.md"] and "repository only" not in "".join(files.values())
+    sums = [line.split("  ") for line in files["SHA256SUMS"].splitlines()]
+    assert hashlib.sha256(files["README.md"].encode()).hexdigest() == {name: digest for digest, name in sums}["README.md"]
+
+
+@pytest.mark.parametrize("text, complaint", [
+    ("See [this](missing.md).", "missing.md does not exist"), ("![box](images/none.png)", "images/none.png does not exist"),
+    ("[a](../README.md#none)", "../README.md#none has no such heading"), ("[out](../../../etc)", "../../../etc does not exist"),
+    ("In a clone of it,", '"clone" is for readers who have the sources'), ("Run `scripts/test`.", '"scripts/test" is for readers')])
+def test_page_that_readers_of_the_archive_cannot_follow_is_refused(parts, text, complaint):
+    with open(outcome_pages.PAGE, "a", encoding="utf-8") as page:
+        page.write(text)
+    with pytest.raises(SystemExit, match=f"outcomes.md: {re.escape(complaint)}"):
+        packed(parts)
+
+
+def test_page_for_owners_shows_every_box():
+    source = re.sub(r'"\s*L"', "", (paths.ROOT / "src/ui/result_message.cpp").read_text("utf-8")).replace('" TAVIK_WEB_SITE L"', "www.tavik.example")
+    boxes = re.findall(r'^    \{L"(.+)",\s*k\w+\},$', source, re.MULTILINE)
+    assert len(boxes) == 8 and sorted(boxes) == sorted(re.findall(r"^\| !\[(.+?)\]", (paths.ROOT / "docs/owner.md").read_text("utf-8"), re.MULTILINE))
