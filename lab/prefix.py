@@ -30,7 +30,7 @@ from lab import certificates, paths  # noqa: E402
 from lab.children import command, end_with_parent  # noqa: E402
 from lab.hive import Hive  # noqa: E402
 
-RECIPE = "8"  # raise it when the steps below change
+RECIPE = "9"  # raise it when the steps below change
 WINDOWS = os.environ.get("TAVIK_WINDOWS", "win10")  # the version that Wine plays, as winecfg names it
 LINKED = ("system32", "winsxs", "resources", "globalization")  # shared by hard links, replaced but never written in place
 STANDINS = ("setupapi", "msi", "wininet", "wtsapi32")
@@ -40,6 +40,10 @@ OVERRIDES = tuple(rf"Software\Wine\AppDefaults\{name}\DllOverrides" for name in 
 # Nothing here has a mouse, a game pad or a scanner; a server without these is up in half the time.
 UNUSED_SERVICES = ("winebus", "winehid", "wineusb", "PlugPlay", "StiSvc", "Spooler", "wuauserv", "BITS", "FontCache",
                    "Schedule", "TermService", "LanmanServer", "Eventlog", "Winmgmt", "NDIS", "nsiproxy", "HTTP")
+# In place of two fonts of Windows. The first is about as narrow and low, so the status window has about its size and the banner its
+# shape; the second has the signs of the progress dots.
+FONTS = {"Segoe MDL2 Assets": "Liberation Sans Narrow", "Segoe UI": "DejaVu Sans"}
+CAPTION_SIGNS = pathlib.Path("/usr/share/wine/fonts/marlett.ttf")  # Debian's Wine does not look there; without it a box is closed by an "r"
 
 
 def environment(prefix: pathlib.Path, tmp: pathlib.Path, **extra: str) -> dict[str, str]:
@@ -240,10 +244,13 @@ def _build_base(folder: pathlib.Path) -> None:
         for link in [item for item in user.iterdir() if item.is_symlink()]:
             link.unlink()
             link.mkdir()
+    shutil.copy(CAPTION_SIGNS, prefix.drive / "windows" / "Fonts")
     user = Hive(prefix.path / "user.reg")
     user.set(r"Software\Wine\Drivers", "Graphics", "null")
     user.set(r"Software\Wine\X11 Driver", "Managed", "N")
     user.set(r"Software\Wine\WineDbg", "ShowCrashDialog", 0)
+    for font, instead in FONTS.items():
+        user.set(r"Software\Wine\Fonts\Replacements", font, instead)
     user.set(*certificates.registry_value())
     user.save()
     system = Hive(prefix.path / "system.reg")

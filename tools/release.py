@@ -85,7 +85,7 @@ def zip_files(target: Path, files: dict[str, Path], date: str) -> None:
 
 def packed_page(page: Path) -> str:
     """As readers without the sources need it. The page of outcomes takes the place of the catalogue it is made from."""
-    text = NOT_SHOWN.sub("", page.read_text("utf-8"))
+    text = re.sub(r"^<!-- .* -->\n", "", NOT_SHOWN.sub("", page.read_text("utf-8")), flags=re.MULTILINE)
     return text.replace("](companion/outcomes.toml)", "](docs/outcomes.md)").replace("](../companion/outcomes.toml)", "](outcomes.md)")
 
 
