@@ -55,7 +55,7 @@ PICTURED = [
     ({"adapters": []}, "", [], {"box-no-driver": -1}),
     ({"server": {"folder": "http:///x"}}, "", [], {"box-download": -1}),
     ({"installer": {"extract": "no"}}, "", [], {"box-install": -1}),
-    ({"installer": {"sleep": 1500}}, "-SILENT", ["start : second"], {"box-another": -1}),
+    ({"installer": {"sleep": 1500}}, "-SILENT", ["log Currently installed : second"], {"box-another": -1}),
     ({"temp": r"C:\temp", "files": {r"C:\temp\Tavik_VLTInstallerDownload": "", r"C:\setup.exe": {"installer": "24.20"}}},
      r"-VLT -Install -Path C:\setup.exe", [], {"box-update": -1}),
 ]
@@ -73,7 +73,7 @@ def make_pictures() -> None:
             for name, number in wanted.items():
                 target = paths.ROOT / "docs" / "images" / f"{name}.png"
                 subprocess.run(["convert", result.pictures[number], "-trim", "+repage", "-strip", target], check=True)
-                say(f"  {target.relative_to(paths.ROOT)}")
+                say(f"  {target.relative_to(paths.ROOT)}: {result.status_texts if number > 0 else result.boxes[-1]['text']}")
 
 
 def explanation(result: Result) -> str:
