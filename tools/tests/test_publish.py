@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import hashlib
+import json
 import pathlib
 import subprocess
 import time
@@ -168,7 +169,7 @@ def test_missing_files_are_named(site, signers, installer, tmp_path):
 
 @pytest.mark.parametrize("arguments", [
     [], ["24.20"], ["24.20", "file"], ["--ca", "x", "24.20", "file"], ["--signer", "x", "24.20", "file"], ["--check", "--remove", "24.20"],
-    ["--remove", "24.20", "24.10", "file"]])
+    ["--remove", "24.20", "24.10", "file"], ["--check", "--needed", "file"]])
 def test_wrong_arguments(tmp_path, arguments):
     assert publish("--root", tmp_path / "vlt", *arguments).returncode == 2
     assert not (tmp_path / "vlt").exists()
@@ -199,3 +200,39 @@ def test_check_finds_what_changed(site, installer, break_it, word):
     break_it(site.root)
     told = publish("--root", site.root, "--check")
     assert told.returncode == 1 and word in told.stderr
+
+
+# What the machines need
+
+def state(release: str, verdict: str = "due", source: str | None = "download") -> str:
+    return json.dumps({"verdict": verdict, "adapters": [{"release": release}], "source": source}) + "\n"
+
+
+NOT_THERE = '10.0.0.{} [2026-11-22T09:00:00+00:00] "GET /vlt/24.40/dwx2_install.txt HTTP/1.1" {} 153 0.000 "{}" TLSv1.3\n'
+
+
+# Proves: Machines need releases that are on the mirror, or not => `publish --needed` counts them by `status --json` and its log, and names those that get 404
+def test_what_the_machines_need(site, installer, tmp_path):
+    site.add("24.20", installer)
+    machines, powershell, log = tmp_path / "machines.json", tmp_path / "powershell.json", tmp_path / "mirror.log"
+    machines.write_text(state("24.20.11.01-240619a") + state("24.10.1", "up-to-date", None) + state("24.11", "due", "driver-package"), "utf-8")
+    needed = ("--root", site.root, "--needed", machines)
+    done = publish(*needed)
+    assert (done.returncode, done.stdout) == (0, "24.20: published; 1 machines would download it, 0 got 404\nnothing is missing\n")
+    powershell.write_text(state("24.30.1-a") + state("24.30.2-a"), "utf-16")
+    asked = ((1, 404, "Tavik Marlin Install Manager"), (1, 404, "Tavik Marlin Install Manager"), (2, 404, "Tavik Marlin Install Manager"),
+             (3, 404, "a browser"), (4, 200, "Tavik Marlin Install Manager"))
+    log.write_text("".join(NOT_THERE.format(*one) for one in asked), "utf-8")
+    done = publish(*needed, powershell, log)
+    assert (done.returncode, done.stdout) == (1, "")
+    assert done.stderr.splitlines()[0].endswith("needed, but not published (404): 24.30, 24.40")
+    assert done.stderr.splitlines()[1:] == ["24.20: published; 1 machines would download it, 0 got 404",
+                                            "24.30: NOT PUBLISHED; 2 machines would download it, 0 got 404",
+                                            "24.40: NOT PUBLISHED; 0 machines would download it, 2 got 404"]
+
+
+@pytest.mark.parametrize("line", ['{"verdict": "due"}', '{"verdict": "due", "source": "download", "adapters": []}', "{half"])
+def test_what_is_no_state_of_a_machine(tmp_path, line):
+    (tmp_path / "state.json").write_text(line, "utf-8")
+    done = publish("--root", tmp_path / "vlt", "--needed", tmp_path / "state.json")
+    assert done.returncode == 1 and "is not the output of status --json" in done.stderr
