@@ -184,19 +184,19 @@ def scripts(top: Path) -> Iterator[str]:
         if not data.isascii():
             yield f"{file.name}: must be ASCII: Windows PowerShell reads other bytes in the machine's code page"
         text = data.decode("ascii", "replace")
-        code = re.sub(r"^\s*(#|rem ).*", "", text, flags=re.M)
+        code = re.sub(r"^\s*#.*", "", text, flags=re.M) if file.suffix == ".ps1" else ""
         if len(text.splitlines()) > LONGEST_SCRIPT:
             yield f"{file.name}: has more than {LONGEST_SCRIPT} lines: what it decides belongs into the companion"
         yield from (f"{file.name}: {name} starts no program" for name in re.findall(r"(?<![\w\\-])[A-Z][a-z]+-[A-Z]\w+(?!\S*\.\w)", code)
                     if name not in COMMANDS)
         if re.search(r"-VLT|-Install\b", text):
             yield f"{file.name}: no direct installation without a user at the screen: its box would wait forever"
-        for name in re.findall(r"[\w-]+\.(?:ps1|xml)\b", text):
+        for name in re.findall(r"[\w-]+\.(?:ps1|xml)\b", text.replace("%~dp0", "")):
             if not list(deploy.rglob(name)):
                 yield f"{file.name}: there is no {name} in the kit"
     if not read(deploy / "powershell/Test-TavikRelease.ps1").endswith("& $companion status --detect\nexit $LASTEXITCODE\n"):
         yield "Test-TavikRelease.ps1: must end with the exit code of TavikToolCompanion.exe status --detect"
-    adapter = re.search(r"-match '(.*)'", read(deploy / "intune/Require-TavikAdapter.ps1"))[1]
+    adapter = re.search(r"-match '([^']*)'", read(deploy / "intune/Require-TavikAdapter.ps1"))[1]
     ids = [constant(top, "inventory/constants.h", name) for name in ("kVendorId", "kSecondVendorId")]
     if not all(re.fullmatch(adapter, name) for name in ids):
         yield f"Require-TavikAdapter.ps1: the product looks for {' and '.join(ids)}, the rule for {adapter}"

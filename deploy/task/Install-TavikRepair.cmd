@@ -3,12 +3,12 @@ rem Registers the task that repairs the application after each update of the dis
 rem Group Policy; run it again to update the programs. With the argument "remove" it removes task and programs.
 set task=\Tavik\RepairAfterDriverUpdate
 set target=%ProgramW6432%\Tavik\Repair
-if "%~1"=="remove" schtasks /delete /tn %task% /f
-if "%~1"=="remove" rd /s /q "%target%"
-if "%~1"=="remove" exit /b
+if "%~1"=="remove" schtasks /delete /tn %task% /f & rd /s /q "%target%" & exit /b
 if not exist "%target%" md "%target%"
-copy /y "%~dp0TavikCompatibilityTool.exe" "%target%" || exit /b 1
-copy /y "%~dp0TavikToolCompanion.exe" "%target%" || exit /b 1
+copy /y "%~dp0TavikCompatibilityTool.exe" "%target%"
+if errorlevel 1 exit /b 1
+copy /y "%~dp0TavikToolCompanion.exe" "%target%"
+if errorlevel 1 exit /b 1
 rem The event that starts the task is written to this log.
-wevtutil set-log Microsoft-Windows-Kernel-PnP/Configuration /enabled:true || exit /b 1
+wevtutil set-log Microsoft-Windows-Kernel-PnP/Configuration /enabled:true
 schtasks /create /tn %task% /xml "%~dp0TavikRepairAfterDriverUpdate.xml" /f

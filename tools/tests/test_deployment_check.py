@@ -91,7 +91,7 @@ FAULTS = {
         (TASK, 'Path="Microsoft-Windows-Kernel-PnP/Configuration"', 'Path="System"', "Subscription is"), (TASK, "S-1-5-18", "S-1-5-32-544", "UserId is"),
         (TASK, 'Context="System"', 'Context="Someone"', "no principal"),
         (TASK, "run -- -SILENT", "run -- -SILENT -FORCE", "Arguments is"), (TASK_SCRIPT, "RepairAfterDriverUpdate\n", "Repair\n", "URI is"),
-        (TASK_SCRIPT, "Kernel-PnP/Configuration", "Kernel-PnP/Device", "Subscription is"), (TASK_SCRIPT, r"Tavik\Repair", r"Tavik\Tool", "Command is"),
+        (TASK_SCRIPT, "Kernel-PnP/Configuration", "Kernel-PnP/Device", "Subscription is"), (TASK_SCRIPT, r"%\Tavik\Repair", r"%\Tavik\Tool", "Command is"),
     ],
     "return_codes": [
         (INTUNE, '"returnCode": 1618', '"returnCode": 1602', "intune"), (INTUNE, '"softReboot"', '"hardReboot"', "intune"),
