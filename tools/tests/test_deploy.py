@@ -41,7 +41,7 @@ def ready_for_the_task(*programs: pathlib.Path) -> Iterator[Prefix]:
         yield prefix
 
 
-# Proves: The scheduled task is installed, and removed again => programs in Program Files, the task as in its file; nothing is left
+# Proves: The scheduled task is installed, and removed again => programs in Program Files and a task of that name; afterwards neither
 def test_the_task_is_installed_and_removed():
     with ready_for_the_task(paths.TOOL, paths.COMPANION) as prefix:
         programs, tasks = prefix.drive / "Program Files/Tavik/Repair", prefix.drive / "windows/system32/tasks"
