@@ -46,11 +46,22 @@ FONTS = {"Segoe MDL2 Assets": "Liberation Sans Narrow", "Segoe UI": "DejaVu Sans
 CAPTION_SIGNS = pathlib.Path("/usr/share/wine/fonts/marlett.ttf")  # Debian's Wine does not look there; without it a box is closed by an "r"
 
 
+@functools.cache
+def wine_version() -> int:
+    """8 or 10, for example."""
+    return int(re.match(r"wine-(\d+)", command(paths.WINE, "--version"))[1])
+
+
+def server_place(tmp: pathlib.Path) -> pathlib.Path:
+    """Where Wine's server makes the folder with its socket. Debian's Wine 10 crashes at once when TMPDIR is set."""
+    return tmp if wine_version() < 10 else pathlib.Path("/tmp")
+
+
 def environment(prefix: pathlib.Path, tmp: pathlib.Path, **extra: str) -> dict[str, str]:
     """The same for every run: no proxies, no language, no time zone of the user who starts it."""
     return {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": os.environ.get("HOME", "/root"), "LANG": "C.UTF-8", "TZ": "UTC",
-            "WINEPREFIX": str(prefix), "WINEARCH": "win64", "WINEDEBUG": "-all", "TMPDIR": str(tmp),
-            "WINEDLLOVERRIDES": "mscoree,mshtml=;winemenubuilder.exe=d", **extra}
+            "WINEPREFIX": str(prefix), "WINEARCH": "win64", "WINEDEBUG": "-all",
+            "WINEDLLOVERRIDES": "mscoree,mshtml=;winemenubuilder.exe=d", **({"TMPDIR": str(tmp)} if server_place(tmp) == tmp else {}), **extra}
 
 
 def processes_of(prefix: pathlib.Path) -> list[int]:
@@ -124,10 +135,10 @@ class Prefix:
         self.server = subprocess.Popen([*self.launcher, paths.WINESERVER, "-f", "-p"], env=self.environment(), stdin=subprocess.DEVNULL,
                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True,
                                        preexec_fn=None if outlives_us else end_with_parent)
-        name = self.path / "wineserver"  # contains the name of the folder below TMPDIR that has the socket
+        name, place = self.path / "wineserver", server_place(self.tmp)  # the file contains the name of the folder that has the socket
         for _ in range(2000):
             with contextlib.suppress(OSError):
-                if any((self.tmp / name.read_text("ascii")).glob("server-*/socket")):
+                if any((place / name.read_text("ascii")).glob("server-*/socket")):
                     return
             if self.server.poll() is not None:
                 break
@@ -259,11 +270,6 @@ def _build_base(folder: pathlib.Path) -> None:
         if system.values(key) is not None:
             system.set(key, "Start", 4)
     system.save()
-
-
-def wine_version() -> int:
-    """8 or 10, for example."""
-    return int(re.match(r"wine-(\d+)", command(paths.WINE, "--version"))[1])
 
 
 @functools.cache

@@ -7,7 +7,7 @@ case " $* " in
     *) scripts/setup --quiet ;;
 esac
 
-# The caller's display, proxies and library paths are left out, so that no result depends on them.
+# The caller's display, proxies, library paths and temporary folder are left out, so that no result depends on them.
 run() {
-    exec env -u DISPLAY -u http_proxy -u https_proxy -u no_proxy -u LIBRARY_PATH PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m "$@"
+    exec env -u DISPLAY -u http_proxy -u https_proxy -u no_proxy -u LIBRARY_PATH -u TMPDIR PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m "$@"
 }

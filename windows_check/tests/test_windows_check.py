@@ -78,7 +78,8 @@ def test_every_difference_of_a_bare_prefix_is_known(bare: Prefix):
     assert last and sum(map(int, last.groups())) == len(findings)
     assert not re.search(r"TavikWindowsCheck-\d+", (bare.path / "user.reg").read_text("utf-8")), "the key was left behind"
     told = json.dumps(findings).lower()
-    assert getpass.getuser().lower() not in told.replace("<user", "") and "s-1-5-21-<numbers>" in told, "the name of the user is in the report"
+    assert getpass.getuser().lower() not in told.replace("<user", "") and not re.search(r"s-1-5-21-\d", told), "the user is in the report"
+    assert ("s-1-5-21-<numbers>" in told) == (wine_version() < 10), "Wine 10 gives this program no rights to make a folder that names the user"
     names = {row["id"] for row in findings}
     assert all(f"\n{name}" in printed for name in names)
 
@@ -102,7 +103,7 @@ def test_every_difference_of_a_machine_of_the_lab_is_known():
     assert [row["seen"] for row in hurt[:3]] == ["the check crashed: 0xC0000005", "no answer in 2 s", "122, then ok, bytes with the terminator"]
 
 
-@pytest.mark.parametrize("only, code, count", [("text", 0, 5), ("events.fresh", 0, 1), ("libraries.dpi_functions", 1, 1),
+@pytest.mark.parametrize("only, code, count", [("text", 0, 5), ("events.fresh", 0, 1), ("libraries.imports_are_known", 1, 1),
                                                ("unknown", 2, 0)])
 def test_exit_code(bare: Prefix, only: str, code: int, count: int):
     found, findings, _ = check(bare, PROGRAM.name, "--only", only)
