@@ -96,7 +96,7 @@ class WarmMachine(Session):
 
     def _put_downloads_into_memory(self) -> None:
         """The tool expects the folder below the user's temporary folder."""
-        temporary = next((self.prefix.drive / "users").glob("*/Temp"))
+        temporary = next(folder for place in ("*/Temp", "*/AppData/Local/Temp") for folder in (self.prefix.drive / "users").glob(place))
         self.downloads = temporary / DOWNLOADS
         place = roomy_folder()
         if place is None:

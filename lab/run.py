@@ -20,8 +20,11 @@ class RunError(RuntimeError):
     """The run could not be carried out; the machine is kept."""
 
     def __init__(self, error: Exception, folder: pathlib.Path):
-        super().__init__(f"{error} (the machine is kept in {folder})")
+        super().__init__(error, folder)  # as given, so that it can travel between processes
         self.folder = folder
+
+    def __str__(self) -> str:
+        return f"{self.args[0]} (the machine is kept in {self.folder})"
 
 
 def _lines(file: pathlib.Path, encoding: str = "utf-8") -> list[str]:

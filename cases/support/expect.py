@@ -12,10 +12,13 @@ import re
 
 from lab.adapters import RELEASE
 from lab.machine import Machine
+from lab.prefix import wine_version
 from lab.result import Result
 
 CAPTION = "Tavik Software Compatibility Tool"
-TEMP = f"C:\\users\\{pwd.getpwuid(os.getuid()).pw_name}\\Temp\\"  # Wine names the user as the host does
+USER = f"C:\\users\\{pwd.getpwuid(os.getuid()).pw_name}\\"  # Wine names the user as the host does
+IN_USE = "32" if wine_version() < 10 else "6"  # a program that another one holds open is started; Windows: 32
+TEMP = USER + ("Temp\\" if wine_version() < 10 else "AppData\\Local\\Temp\\")
 
 DOWNLOADS = TEMP + "Tavik_VLTInstallerDownload"
 EXTRACTED = DOWNLOADS + r"\LPInstaller"

@@ -4,13 +4,13 @@ from __future__ import annotations
 from typing import Any
 
 from cases.support.download import GOOD
-from cases.support.expect import (DOWNLOADS, EXTRACTED, REPAIR, REPAIRED, TEMP, UNTOUCHED, download, inventory, opening, unpack,
+from cases.support.expect import (DOWNLOADS, EXTRACTED, REPAIR, REPAIRED, UNTOUCHED, USER, download, inventory, opening, unpack,
                                   without_server)
 from cases.support.repair import until_found, until_unpacked
 from lab.result import Result
 
 PRODUCT = r"C:\Program Files\Tavik\Halden"
-SYSTEMS_OWN = TEMP.removesuffix("Temp\\") + r"AppData\Local\Microsoft\Windows\INet"  # the system's own files about connections
+SYSTEMS_OWN = USER + r"AppData\Local\Microsoft\Windows\INet"  # the system's own files about connections
 DEVICE = r"PCI\VEN_1E7D&DEV_2F11&SUBSYS_00011E7D&REV_A1\4&1A2B3C4D&0&0001"
 LIST = "Currently installed drivers on system:"
 MATCHING = "\tFound driver matching active driver"

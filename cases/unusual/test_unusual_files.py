@@ -7,7 +7,7 @@ from typing import Any
 import pytest
 
 from cases.support.download import FINAL, PATH, TEMPORARY
-from cases.support.expect import (DOWNLOADS, EXTRACTED, MAIN_PACKAGE_MISSING, NO_SERVER, NOT_DOWNLOADED, download, inventory,
+from cases.support.expect import (DOWNLOADS, EXTRACTED, IN_USE, MAIN_PACKAGE_MISSING, NO_SERVER, NOT_DOWNLOADED, download, inventory,
                                   not_started, opening)
 from cases.support.repair import INSTALLER, PACKAGES, found, until_found
 from cases.support.unusual import (DOWNLOADED, MEBIBYTE, check, check_ends_without_server, check_not_prepared, check_repaired,
@@ -123,7 +123,7 @@ def test_installer_of_the_package_is_in_use(lab):
     """It is there, so none is downloaded, although it cannot be started."""
     lab.run(found(held=[rf"{STORE}\B384125\DWX2_Install.exe"]))
     check(lab, outcome="installer-blocked",
-          log=[*until_found(), not_started(INSTALLER, code="32"), MAIN_PACKAGE_MISSING])
+          log=[*until_found(), not_started(INSTALLER, code=IN_USE), MAIN_PACKAGE_MISSING])
 
 
 # The download folder

@@ -60,7 +60,8 @@ void AwaitDesktop()
     }
 }
 // Removes the devices at this depth below the key from the class of display adapters. This hides Wine's own adapter:
-// Wine also lists devices that are absent, and recreates the list when one of its keys is deleted.
+// Wine also lists devices that are absent, and recreates the list when one of its keys is deleted. Wine 10 would do so
+// even then; there the stand-in for setupapi.dll hides it.
 void HideDevices(HKEY parent, const wchar_t* path, int depth)
 {
     HKEY key = nullptr;
@@ -125,7 +126,15 @@ void SetUpDevices(const Json& registry)
     DISPLAY_DEVICEW device{};
     device.cb = sizeof device;
     EnumDisplayDevicesW(nullptr, 0, &device, 0);
-    HideDevices(HKEY_LOCAL_MACHINE, L"System\\CurrentControlSet\\Enum\\PCI", 2);
+    HKEY controlSet = nullptr;  // its own name; Wine 8 has the current one only
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"System\\ControlSet001\\Enum", 0, KEY_READ, &controlSet) == ERROR_SUCCESS)
+    {
+        RegCloseKey(controlSet);
+    }
+    else
+    {
+        HideDevices(HKEY_LOCAL_MACHINE, L"System\\CurrentControlSet\\Enum\\PCI", 2);
+    }
     for (const Json& value : registry)
     {
         WriteValue(value);

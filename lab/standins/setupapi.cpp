@@ -1,5 +1,5 @@
-// Stand-in for setupapi.dll: devices, drivers and INF files are Wine's; where a package lies in the driver store, which
-// Wine does not know, is answered from C:\lab\standins\driverstore.txt.
+// Stand-in for setupapi.dll: devices, drivers and INF files are Wine's, but for its own adapter; where a package lies
+// in the driver store, which Wine does not know, is answered from C:\lab\standins\driverstore.txt.
 #include <windows.h>
 #include <setupapi.h>
 
@@ -26,6 +26,27 @@ std::wstring GuidText(const GUID& guid)
                   guid.Data4[6], guid.Data4[7]);
     return text;
 }
+
+// Takes the adapter that Wine 10 adds to each machine out of a list. In the registry it has to stay: without it Wine
+// makes all adapters anew and drops those of the machine. The watcher hides the one of Wine 8.
+void RemoveOwnAdapter(HDEVINFO set)
+{
+    const auto next = REAL(SetupDiEnumDeviceInfo)();
+    const auto property = REAL(SetupDiGetDeviceRegistryPropertyW)();
+    SP_DEVINFO_DATA device = {};
+    device.cbSize = sizeof device;
+    for (DWORD index = 0; next(set, index, &device) != 0; ++index)
+    {
+        wchar_t name[64] = L"";
+        property(set, &device, SPDRP_DEVICEDESC, nullptr, reinterpret_cast<BYTE*>(name), sizeof name - sizeof *name,
+                 nullptr);
+        if (std::wcscmp(name, L"Wine GPU") == 0)
+        {
+            REAL(SetupDiDeleteDeviceInfo)()(set, &device);
+            break;
+        }
+    }
+}
 }  // namespace
 
 extern "C"
@@ -35,7 +56,15 @@ HDEVINFO WINAPI Lab_SetupDiGetClassDevsW(const GUID* classGuid, PCWSTR enumerato
     Call call(L"SetupDiGetClassDevsW");
     call.Raw(L"class", classGuid == nullptr ? L"(null)" : GuidText(*classGuid));
     call.Text(L"enumerator", enumerator).Flags(L"parent", reinterpret_cast<ULONG_PTR>(parent)).Flags(L"flags", flags);
-    return call.Forward(Failure::InvalidHandle, REAL(SetupDiGetClassDevsW), classGuid, enumerator, parent, flags);
+    const HDEVINFO set =
+        call.Forward(Failure::InvalidHandle, REAL(SetupDiGetClassDevsW), classGuid, enumerator, parent, flags);
+    if (call.WasForwarded() && set != INVALID_HANDLE_VALUE)
+    {
+        const DWORD error = GetLastError();
+        RemoveOwnAdapter(set);
+        SetLastError(error);
+    }
+    return set;
 }
 
 BOOL WINAPI Lab_SetupDiEnumDeviceInfo(HDEVINFO set, DWORD index, PSP_DEVINFO_DATA data)
