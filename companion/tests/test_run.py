@@ -257,6 +257,22 @@ def test_attempts_are_counted_until_one_succeeds():
         assert machine.remembered()["Attempt"] == 3
 
 
+# Proves: `run` has ended
+def test_the_entry_in_the_application_log(desk):
+    """Wine traces an entry: its kind and id in the call, then its texts."""
+    desk.prefix.wine("reg", "add", r"HKCU\Software\Wine\Debug", "/v", "RelayInclude", "/d", "advapi32.ReportEventW")
+    desk.prefix.variables["WINEDEBUG"] = "+winediag,+relay"
+    _, _, traced = desk.run("run", "--tool", r"C:\none.exe")
+    del desk.prefix.variables["WINEDEBUG"]
+    kind, number = re.search(r"Call advapi32\.ReportEventW\(\w+,(\w+),\w+,(\w+),", traced).groups()
+    assert (int(kind, 16), int(number, 16)) == (1, 905)
+    texts = re.findall(r'ReportEventW L"(.*)"', traced)
+    assert texts[:6] == ["not-started", "1603", *"----"] and texts[6].isdigit() and texts[7] == "-" and "none.exe: error 2" in texts[8]
+    shown = desk.folder / "source.txt"
+    desk.prefix.wine("reg", "query", r"HKLM\SYSTEM\CurrentControlSet\Services\EventLog\Application\TavikToolCompanion", "/v", "EventMessageFile", output=shown)
+    assert shown.read_text("utf-8").split()[-1] == COMPANION
+
+
 # Proves: An outcome of the catalogue
 def test_every_outcome_has_a_text_for_its_event():
     program = pefile.PE(str(paths.need(paths.COMPANION)))
