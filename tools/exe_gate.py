@@ -324,7 +324,7 @@ def version(exe: Exe) -> Complaints:
 
 
 def user_name() -> str:
-    """Of the user who builds; one without an entry has no name that could get into the exe."""
+    """The user who builds. Without an account entry there is no name that could get into the exe."""
     with contextlib.suppress(KeyError, OSError):
         return getpass.getuser()
     return "no-user"

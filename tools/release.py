@@ -193,7 +193,7 @@ def pack(source: Path, target: Path, version: str, date: str, ending: str = "") 
 
 
 def commit() -> str:
-    """Of the sources; with "and changes" if the tree differs from it."""
+    """The commit of the sources; with "and changes" if the tree differs from it."""
     number = run("git", "rev-parse", "HEAD").strip()
     return number + (" and changes" if run("git", "status", "--porcelain").strip() else "")
 

@@ -104,7 +104,7 @@ class Session:
                                                           "--output-junit", self.results / "in-process.xml"], show)
 
     def some_in_process(self, patterns: dict[str, list[str]]) -> bool:
-        """By program. Each test has a process of its own, as some need that."""
+        """patterns: by program. Each test gets a process of its own, because some need one."""
         good = True
         with self.warm_prefix() as prefix:
             for program, wanted in patterns.items():

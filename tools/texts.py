@@ -28,7 +28,7 @@ def without_code(text: str) -> str:
 
 
 def anchors(page: Path) -> set[str]:
-    """Of the headings, as the usual viewers make them: letters, digits, hyphens for blanks."""
+    """The anchors of the headings, as the usual viewers make them: letters, digits, hyphens for blanks."""
     text = without_code(page.read_text("utf-8"))
     headings = re.findall(r"^#+ (.+)$", text, re.MULTILINE)
     return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings} | set(re.findall(r'<a id="([^"]+)">', text))

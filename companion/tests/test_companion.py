@@ -192,7 +192,7 @@ def test_the_answer_of_a_server(desk):
 # run
 
 def start(description: dict[str, Any], arguments: str, **options: Any) -> tuple[Result, list[dict[str, Any]]]:
-    """The companion starts the tool on that machine; what it printed."""
+    """Lets the companion start the tool on that machine. Returns the run and what the companion printed."""
     files = {**description.get("files", {}), COMPANION: {"copy": str(paths.need(paths.COMPANION))}}
     result = run(Machine({**description, "files": files}), f"run {arguments}", program=COMPANION, **options)
     return result, [json.loads(text) for text in result.output]

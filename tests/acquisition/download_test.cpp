@@ -464,7 +464,7 @@ TEST_F(Download, LeavesNothingForTheNextOne)
     EXPECT_EQ(Content(FinalPath()), "newer");
 }
 
-// Proves: The address is made => server folder, release, file name, glued together without a separator
+// Proves: The address is made => server folder, release and file name, joined without a separator
 // Proves: An https address with a port other than 443 => requested without encryption
 // Proves: An http address with port 443 => requested with encryption
 TEST_F(Download, GluesItsAddressTogetherAndThePortAloneDecidesAboutTls)

@@ -220,10 +220,10 @@ TEST_F(SecureDirectoryTest, GrantsThreeEntriesInThisOrder)
     EXPECT_THAT(entries_, ElementsAre(SeenEntry{0x10000000, 2, 3, 0, 5, administrators},
                                       SeenEntry{0x10000000, 2, 3, 0, 5, localSystem},
                                       SeenEntry{0xA0010000, 2, 3, 1, 5, L"VILLA\\ann"}));
-    EXPECT_EQ(sessionTexts_, 0);  // all given back
+    EXPECT_EQ(sessionTexts_, 0);  // all freed
 }
 
-// Proves: The folder is made => rights, parents, removal of the old one, the folder with the rights, the marker; the memory is given back
+// Proves: The folder is made => rights, parents, removal of the old one, the folder with the rights, the marker; the memory is freed
 TEST_F(SecureDirectoryTest, SetsUpTheRightsFirstThenTheParentsThenTheFolderThenTheMarker)
 {
     EXPECT_EQ(Create(), 0u);
@@ -422,8 +422,8 @@ INSTANTIATE_TEST_SUITE_P(
                     FailedCall{&Failures::folder, {"entries", "secured folder", "secured folder"}, false}));
 
 // Proves: The access list cannot be made => its error, nothing is created; the installation goes on with what is there
-// Proves: The descriptor cannot be set up => its error, an old folder stays, the memory is given back
-// Proves: The folder cannot be created (extraction folder) => its error, no marker, the memory is given back; the installation goes on
+// Proves: The descriptor cannot be set up => its error, an old folder stays, the memory is freed
+// Proves: The folder cannot be created (extraction folder) => its error, no marker, the memory is freed; the installation goes on
 TEST_P(SecureDirectoryFailure, ReturnsItsErrorAndGoesNoFurther)
 {
     CreateDirectories(folder_);
@@ -458,7 +458,7 @@ TEST_F(SecureDirectoryTest, ThrowsWhenTheOldFolderCannotBeRemoved)
     CloseHandle(open);
 }
 
-// Proves: The marker cannot be created => passed over
+// Proves: The marker cannot be created => ignored
 TEST_F(SecureDirectoryTest, GoesOnWithoutAMarkerThatCannotBeCreated)
 {
     failures_.marker = 5;
