@@ -57,8 +57,8 @@ def check(prefix: Prefix, name: str, *arguments: str) -> tuple[int, list[dict[st
 @pytest.fixture(scope="module")
 def bare():
     with session.bare(PROGRAM) as prefix:
-        # Without a mask everything that the program makes is open to all, unless it closes it itself. From an open folder it
-        # starts nothing, which would be a new difference.
+        # Without a mask everything that the program makes is open to all, unless it restricts the access itself. It starts nothing
+        # from an open folder, so a folder left open shows as a new difference.
         before = os.umask(0)
         try:
             prefix.start()
