@@ -18,7 +18,7 @@ from tools.project import TOP, files
 
 LINK = re.compile(r"!?\[[^\]]*\]\(([^()\s]+)\)")
 GENERATED = TOP / "build" / "docs"
-AVOIDED = re.compile(r"(?<![a-z])(nobody|somebody|whoever|anybody|mend(ed|s|ing)?|torture)s?(?![a-z])", re.I)
+AVOIDED = re.compile(r"(?<![a-z])(nobody|somebody|whoever|anybody|mend(ed|s|ing)?|torture|stands|glance|look(ed|ing|s)? at|hollow)s?(?![a-z])", re.I)
 OWN_FOLDER = re.compile(r"(?:^|[^\w.}-])/(?:home|root|work|Users)/[\w.]")
 
 

@@ -54,9 +54,9 @@ HeldFolder HoldWithKeeper(const std::wstring& path);
 FileHandle HoldFile(const std::wstring& path);
 
 // True if an open object is inside an open folder, at any depth, wherever the paths lead by now. `spelling` says
-// whether both were opened by paths with the same beginning (FILE_NAME_OPENED) or any (FILE_NAME_NORMALIZED). If the
-// file system has no names for open folders: with FILE_NAME_OPENED true as long as the folder is no link, because it
-// cannot be renamed while it is held. False if a name cannot be read otherwise.
+// whether both were opened by paths with the same beginning (FILE_NAME_OPENED) or any (FILE_NAME_NORMALIZED). On a file
+// system without names for open folders, FILE_NAME_OPENED gives true as long as the folder is no link, because a held
+// folder cannot be renamed. In all other cases, false if a name cannot be read.
 bool IsBelow(HANDLE object, HANDLE folder, DWORD spelling = FILE_NAME_OPENED);
 
 // True if an open folder that has not been listed yet contains one object, of that name.
