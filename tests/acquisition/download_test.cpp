@@ -306,6 +306,33 @@ TEST_F(DownloadThroughLink, ThatAppearsLaterEndsTheDownload)
     }
 }
 
+// Proves: The download folder becomes a link before an old file is removed => file-system exception "remove"; the files where it leads stay
+TEST_F(DownloadThroughLink, ThatAppearsBeforeARemovalIsNotFollowed)
+{
+    ONLY_ON_WINE("the host moves the open folder away");
+    DWORD moment = 0;
+    SUBSTITUTE(CreateFileW)
+    create([&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,
+               DWORD flags, HANDLE model) {
+        const HANDLE file = create.Original()(path, access, share, security, creation, flags, model);
+        if (creation == moment && std::wstring(path).starts_with(Folder()))
+        {
+            PlaceLink();
+        }
+        return file;
+    });
+    SUBSTITUTE(FlushFileBuffers) flush([](HANDLE) { return TRUE; });
+    for (const DWORD each : {CREATE_NEW, CREATE_ALWAYS})  // of the first file in the folder, and of the download
+    {
+        moment = each;
+        ExpectFileError(FileErrorOf([] { DownloadInstaller(L"24.20"); }), "remove", FinalPath(),
+                        ERROR_CANT_RESOLVE_FILENAME);
+        ExpectUntouchedTarget();
+        link_.reset();
+        RemoveAll(Folder() + L".away");
+    }
+}
+
 // Proves: The download folder stays a link => file-system exception, nothing is opened
 TEST_F(DownloadThroughLink, ThatCannotBeRemovedIsNotUsed)
 {

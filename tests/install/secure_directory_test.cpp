@@ -274,7 +274,7 @@ TEST_F(SecureDirectoryTest, AdministratorsOwnTheFolderWhereTheProcessMaySetThem)
         });
         const bool isThere = code == ERROR_ALREADY_EXISTS;
         EXPECT_EQ(Create(), isThere ? code : 0u);
-        EXPECT_EQ(std::exchange(owners_, {}), isThere ? std::vector<bool>{true} : (std::vector<bool>{true, false}));
+        EXPECT_EQ(std::exchange(owners_, {}), (std::vector<bool>{true, isThere}));  // once more with the same owner
         EXPECT_EQ(Exists(folder_ + L"\\~.tmp"), !isThere);
     }
     markers_.clear();
@@ -356,7 +356,7 @@ TEST_F(LinkedDirectoryTest, IsPreparedOnceMoreIfALinkReplacesItLater)
     EXPECT_FALSE(Exists(target_ + L"\\~.tmp"));
 }
 
-// Proves: Another folder is in the place of the new one (its owner, inherited rights, another file in it) => it is prepared once more, and not a third time
+// Proves: Another folder is in the place of the new one (made first, its owner, inherited rights, another file in it) => it is prepared once more, and not a third time
 TEST_F(SecureDirectoryTest, IsPreparedOnceMoreIfItIsNotAsItWasMade)
 {
     SUBSTITUTE(CloseHandle)
@@ -393,6 +393,20 @@ TEST_F(SecureDirectoryTest, IsPreparedOnceMoreIfItIsNotAsItWasMade)
             return isMade;
         });
         EXPECT_THAT(run(), ElementsAre("entries", "marker", "marker"));
+    }
+    {
+        bool isQuicker = true;
+        SUBSTITUTE(CreateDirectoryW)
+        create([&](const wchar_t* path, SECURITY_ATTRIBUTES* security) {
+            if (security != nullptr && std::exchange(isQuicker, false))
+            {
+                create.Original()(path, nullptr);
+                parent_.WriteBytes(L"Tavik\\LPInstaller\\planted", "x");
+            }
+            return create.Original()(path, security);
+        });
+        EXPECT_THAT(run(), ElementsAre("entries", "marker"));
+        EXPECT_FALSE(Exists(folder_ + L"\\planted"));
     }
     // The default owner is the marker's too.
     SUBSTITUTE(SetSecurityDescriptorOwner)
