@@ -314,15 +314,18 @@ TEST_F(DownloadThroughLink, ThatAppearsBeforeARemovalIsNotFollowed)
     SUBSTITUTE(CreateFileW)
     create([&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,
                DWORD flags, HANDLE model) {
-        const HANDLE file = create.Original()(path, access, share, security, creation, flags, model);
-        if (creation == moment && std::wstring(path).starts_with(Folder()))
+        const bool isNow = creation == moment && std::wstring(path).starts_with(Folder());
+        const HANDLE file = isNow && creation == CREATE_NEW
+                                ? FailWith(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE)  // so the folder stays empty
+                                : create.Original()(path, access, share, security, creation, flags, model);
+        if (isNow)
         {
             PlaceLink();
         }
         return file;
     });
     SUBSTITUTE(FlushFileBuffers) flush([](HANDLE) { return TRUE; });
-    for (const DWORD each : {CREATE_NEW, CREATE_ALWAYS})  // of the first file in the folder, and of the download
+    for (const DWORD each : {1u, 2u})  // CREATE_NEW and CREATE_ALWAYS: the first file in the folder, and the download
     {
         moment = each;
         ExpectFileError(FileErrorOf([] { DownloadInstaller(L"24.20"); }), "remove", FinalPath(),
