@@ -9,7 +9,7 @@
 Prints a table and writes it to build/bench, with every single measurement as CSV. The exit code is 1 when
 a goal is missed or something could not be measured.
 
-Each figure is a function that returns rows of the table, each beside its floor. It lies in the file of what it measures:
+Each figure is a function that returns rows of the table, each beside its floor. It is in the module of what it measures:
 check.py, downloads.py, log_and_inf.py, size.py or window.py. FIGURES below has its name.
 """
 from __future__ import annotations

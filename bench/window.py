@@ -16,7 +16,7 @@ WARM = 3      # seconds until everything is drawn
 
 
 def cpu_seconds(process: int) -> float:
-    """Of all threads, by the scheduler's own count of nanoseconds."""
+    """Returns the time of all threads, by the scheduler's own count of nanoseconds."""
     total = 0
     for thread in pathlib.Path("/proc", str(process), "task").iterdir():
         total += int((thread / "schedstat").read_text("ascii").split()[0])

@@ -34,7 +34,7 @@ void Convert(const ConvertOptions& options, const std::wstring& log, const std::
         {
             return std::string(line.text);
         }
-        // Each record must end, also where the log's last line or a part of an overlong line does not.
+        // Ends every record, even where the log's last line or a part of an overlong line has no end.
         return CmTraceLine(line.text, began) + (line.ends && line.hasLineEnd ? "" : "\r\n");
     };
     for (const std::string& sentence : DescribeDamage(WriteAsText(log, edit, write)))

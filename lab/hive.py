@@ -145,7 +145,7 @@ class Hive:
             self._write(key, {})
 
     def remove(self, key: str, name: str | None = None) -> None:
-        """A value, or with no name the key and all below it."""
+        """Removes a value, or without a name the key and all below it."""
         low = self._real(key).lower()
         if name is None:
             for known in [known for known in self.sections if known == low or known.startswith(low + "\\")]:

@@ -286,6 +286,8 @@ def stack_protector(exe: Exe) -> Complaints:
         yield f"{listing.name} is missing in {exe.build.name}: the compiler calls cannot be checked"
         return
     calls = {Path(call["file"]): call["command"] for call in json.loads(listing.read_text("utf-8"))}
+    for file in [one for one in calls if one.parent.name == "Unity"]:  # sources that are compiled as one
+        calls |= {Path(source): calls[file] for source in re.findall(r'#include "(.*)"', file.read_text("utf-8"))}
     for file in sorted([*(TOP / "src").rglob("*.cpp"), *(TOP / "companion").glob("*.cpp")]):
         if file.name != "stack_guard.cpp" and "-fstack-protector-strong" not in calls.get(file, "").split():
             yield f"{file.relative_to(TOP)} is compiled without the stack protector"
@@ -328,7 +330,7 @@ def version(exe: Exe) -> Complaints:
 
 
 def user_name() -> str:
-    """Of the user who builds; one without an entry has no name that could get into the exe."""
+    """The user who builds. Without an account entry there is no name that could get into the exe."""
     with contextlib.suppress(KeyError, OSError):
         return getpass.getuser()
     return "no-user"

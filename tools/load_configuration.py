@@ -18,7 +18,7 @@ STRUCTURE = struct.pack("<I", SIZE).ljust(0x4E, b"\0") + struct.pack("<H", SEARC
 
 
 def checksum(data: bytes) -> int:
-    """Of the header: the 16-bit words added up with their carries, without the field itself, plus the size. pefile takes 50 times longer."""
+    """The header's field: the 16-bit words added up with their carries, without the field, plus the size. pefile takes 50 times longer."""
     at = pefile.PE(data=data, fast_load=True).OPTIONAL_HEADER.get_field_absolute_offset("CheckSum")
     total = sum(array.array("H", data[:at] + bytes(4) + data[at + 4:] + bytes(len(data) % 2)))
     while total >> 16:

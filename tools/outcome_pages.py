@@ -3,7 +3,7 @@
     scripts/docs            writes build/docs/outcomes.md, and the files of the repository that are out of date
     scripts/docs --check    writes the page only, and names the files that are out of date; exit code 1 if there are any
 
-In the repository deploy/return-codes.json is made completely; in docs/deploying.md the lines between the two marks are.
+Two files of the repository are made: deploy/return-codes.json, and in docs/deploying.md the lines between the two marks.
 """
 import json
 import pathlib

@@ -1,12 +1,12 @@
-"""Makes dist/: what is handed out, signed, with its list of components, its licences and its checksums.
+"""Makes dist/: the release, signed, with its list of components, its licences and its checksums.
 
     scripts/release --certificate FILE [OPTION...]    FILE: certificate, chain and key, as PEM or PKCS #12 (.p12, .pfx)
         --password-file FILE    password of the key, or PIN of the token
         --token URI             the key is in a token and has this name ("pkcs11:..."); --module FILE is the token's library
         --time-stamps ADDRESS   server that confirms the time of signing (RFC 3161)
-        --ca FILE               authorities that the signatures are verified with; else the system's list
+        --ca FILE               authorities that the signatures are verified with; without it, the system's list
     scripts/release --demo      a trial: reserved addresses and ports are accepted; without a certificate one is made and thrown away
-    scripts/release --check     made again in another folder: the unsigned files are the same
+    scripts/release --check     builds again in another folder and compares the unsigned files
 
 The version comes from src/resources/version.h, the date from CHANGELOG.md, the commit from git. docs/releasing.md describes the result.
 """
@@ -38,7 +38,7 @@ SYMBOLS = TOP / "build" / "symbols"
 WORK = TOP / "build" / "release-files"
 DIST = TOP / "dist"
 
-# What is handed out. Without any one of these there is no release.
+# The files of a release. No release is made if one of them is missing.
 PROGRAMS = ["TavikCompatibilityTool", "TavikToolCompanion"]
 PAGES = ["README.md", "CHANGELOG.md", "companion/outcomes.toml"]
 FOLDERS = ["deploy", "docs"]
@@ -221,7 +221,7 @@ def pack(source: Path, target: Path, version: str, date: str, ending: str = "") 
 
 
 def commit() -> str:
-    """Of the sources; with "and changes" if the tree differs from it."""
+    """The commit of the sources; with "and changes" if the tree differs from it."""
     number = run("git", "rev-parse", "HEAD").strip()
     return number + (" and changes" if run("git", "status", "--porcelain").strip() else "")
 
@@ -271,7 +271,7 @@ def make(given: argparse.Namespace) -> None:
         checksums(DIST, [file.name for file in DIST.iterdir() if file.is_file()])
         signer.sign_list(DIST / "SHA256SUMS")
     if not (TOP / "LICENSE").exists():
-        say("There is no file LICENSE: the owner decides under which terms the tool is handed out.")
+        say("There is no file LICENSE: the owner decides under which terms the tool is distributed.")
     for file in sorted(DIST.rglob("*")):
         if file.is_file():
             say(f"{file.stat().st_size:>9}  {file.relative_to(TOP)}")

@@ -1,5 +1,5 @@
 """Builds the tool again, from a copy of the sources in another folder, and compares it with build/release bit by bit.
-Anyone with the sources can check that way that the exe was built from them. scripts/release --check compares all that is handed out."""
+Anyone with the sources can check that way that the exe was built from them. scripts/release --check compares the whole release."""
 from __future__ import annotations
 
 import hashlib

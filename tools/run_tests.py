@@ -104,7 +104,7 @@ class Session:
                                                           "--output-junit", self.results / "in-process.xml"], show)
 
     def some_in_process(self, patterns: dict[str, list[str]]) -> bool:
-        """By program. Each test has a process of its own, as some need that."""
+        """patterns: by program. Each test gets a process of its own, because some need one."""
         good = True
         with self.warm_prefix() as prefix:
             for program, wanted in patterns.items():
@@ -181,7 +181,8 @@ def chosen(names: list[str]) -> tuple[dict[str, list[str]], list[str]]:
             found = [f"{file}::{name}" for file, cases in known.items() if re.match(r"\w+", name)[0] in cases]
             arguments += found or unknown(name, [case for cases in known.values() for case in cases])
         else:
-            # Of Prefix/Suite.Name/Parameter only the middle is in the sources.
+            # Results show Prefix/Suite.Name/Parameter: the sources have only the middle, and the program numbers the parameters.
+            name = re.sub(r"(\.\w+)/(?!\d+$|\*).*", r"\1/*", name)
             middle = next((part for part in name.split("/") if "." in part), name)
             found = {program: [name] for program, tests in in_process_tests().items() if fnmatch.filter(tests, middle)}
             for program in found or unknown(name, [test for tests in in_process_tests().values() for test in tests]):

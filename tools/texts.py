@@ -18,7 +18,7 @@ from tools.project import TOP, files
 
 LINK = re.compile(r"!?\[[^\]]*\]\(([^()\s]+)\)")
 GENERATED = TOP / "build" / "docs"
-AVOIDED = re.compile(r"(?<![a-z])(nobody|somebody|whoever|anybody|mend(ed|s|ing)?|torture)s?(?![a-z])", re.I)
+AVOIDED = re.compile(r"(?<![a-z])(nobody|somebody|whoever|anybody|mend(ed|s|ing)?|torture|stands|glance|look(ed|ing|s)? at|hollow)s?(?![a-z])", re.I)
 OWN_FOLDER = re.compile(r"(?:^|[^\w.}-])/(?:home|root|work|Users)/[\w.]")
 
 
@@ -28,7 +28,7 @@ def without_code(text: str) -> str:
 
 
 def anchors(page: Path) -> set[str]:
-    """Of the headings, as the usual viewers make them: letters, digits, hyphens for blanks."""
+    """The anchors of the headings, as the usual viewers make them: letters, digits, hyphens for blanks."""
     text = without_code(page.read_text("utf-8"))
     headings = re.findall(r"^#+ (.+)$", text, re.MULTILINE)
     return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings} | set(re.findall(r'<a id="([^"]+)">', text))

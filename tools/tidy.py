@@ -3,8 +3,8 @@
     tools.tidy            all files of the three programs
     tools.tidy FILE...    only these
 
-Nine tenths of the time go into the headers of Windows and of the C++ library. So files with the same compiler flags are checked together,
-as one source that includes them, as far as their local names do not collide. A group that passed is checked again only after one of its
+Nine tenths of the time are spent on the headers of Windows and of the C++ library. So files with the same compiler flags are checked
+together, as one source that includes them, unless their local names collide. A group that passed is checked again only after one of its
 files, a header of ours, the rules or the flags have changed.
 """
 from __future__ import annotations
@@ -43,7 +43,7 @@ def flags_by_file() -> dict[Path, tuple[str, ...]]:
 
 
 def local_names(file: Path) -> set[str]:
-    """What a source declares in unnamed namespaces, as far as the project's layout shows it."""
+    """Names that a source declares in unnamed namespaces; found by the project's layout."""
     names = set()
     for block in re.findall(r"^namespace\n\{\n(.*?)^\}  // namespace$", file.read_text("utf-8"), re.M | re.S):
         for line in re.findall(r"^[^\s{}/#].*", block, re.M):

@@ -178,7 +178,7 @@ std::wstring PlaceInStore(const std::wstring& inf)
 {
     wchar_t path[MAX_PATH] = {};
     DWORD needed = 0;
-    // As it is named: Wine names it with a slash, which a path without limit cannot have.
+    // The path is used as given: Wine's has a slash, which a path with the prefix for any length cannot have.
     if (inf.size() < 4 || inf[1] != L':' || GetFileAttributesW(inf.c_str()) == INVALID_FILE_ATTRIBUTES)
     {
         return L"no file: " + inf;

@@ -17,7 +17,7 @@ namespace windows_check
 {
 namespace
 {
-// Starts a program as the tool does; its exit code, or the code of the failure.
+// Starts a program as the tool does. Returns its exit code, or the code of the failure.
 std::wstring StartByShell(const std::wstring& file, const std::wstring& parameters, const wchar_t* folder = nullptr)
 {
     SHELLEXECUTEINFOW start = {};

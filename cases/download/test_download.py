@@ -22,7 +22,7 @@ def wininet(result, skip: tuple[str, ...] = ("InternetReadFile",)) -> list[str]:
 # Where from
 
 # Proves: The value names another server
-# Proves: What the server sees => a GET with agent, referrer, accept type; caches are passed by, every download asks the server
+# Proves: What the server sees => a GET with agent, referrer, accept type; caches are bypassed, every download asks the server
 @pytest.mark.quick
 def test_request_as_the_server_sees_it(lab):
     result = lab.run(answering())

@@ -1,6 +1,6 @@
 """Says what is wrong with a run in which one call failed. Nothing wrong: an empty list.
 
-A run must end in time and without a crash, do and log exactly what the model says, give back what it opened, and leave a
+A run must end in time and without a crash, do and log exactly what the model says, release what it opened, and leave a
 machine that the next undisturbed run can handle.
 """
 from __future__ import annotations
@@ -19,7 +19,7 @@ from cases.fault_injection.machines import DIRECT, MACHINES, Scenario
 from cases.fault_injection.plan import Planned
 from cases.fault_injection.world import Ending, World
 
-# What must be given back: the calls that open a kind of thing, the call that closes it, and how many may be open at once.
+# What must be released: the calls that open a kind of thing, the call that closes it, and how many may be open at once.
 GIVEN_BACK = (
     ("device list", ("setupapi!SetupDiGetClassDevsW",), "setupapi!SetupDiDestroyDeviceInfoList", 1),
     ("INF", ("setupapi!SetupOpenInfFileW",), "setupapi!SetupCloseInfFile", 1),

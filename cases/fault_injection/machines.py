@@ -31,7 +31,7 @@ class Scenario:
 
 
 def local(*adapters: dict[str, Any], **changes: Any) -> dict[str, Any]:
-    """The installer lies in the driver package, and there is no network."""
+    """The installer is in the driver package, and there is no network."""
     files = {GIVEN: {"installer": "24.20"}}  # at hand for a direct installation that repairs the machine
     return {"adapters": list(adapters) or [{"packages": [{"installer": "24.20"}]}], "server": {"reach": "none"}, "files": files,
             **changes}

@@ -27,7 +27,7 @@ but = dataclasses.replace
 
 
 def without(lines: list[str], start_of: str, number: int = -1) -> list[str]:
-    """Without the last (or another) line that begins so."""
+    """The lines without the last (or another) one that begins with this text."""
     at = [index for index, line in enumerate(lines) if line.startswith(start_of)][number]
     return [*lines[:at], *lines[at + 1:]]
 

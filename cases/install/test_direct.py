@@ -238,7 +238,7 @@ def test_given_file_is_missing(lab, arguments, path):
 
 # Proves: The standard output is a pipe
 def test_text_goes_into_a_pipe_as_well(tmp_path):
-    """Not by way of the watcher, which gives the tool a file."""
+    """Started without the watcher, which would redirect the output to a file."""
     with Session(Machine({"desktop": False, "server": {"reach": "none"}})) as session:
         reader, writer = os.pipe()
         arguments = ["-vlt", "-install", "-path", r"C:\nothing.exe"]

@@ -159,7 +159,7 @@ def test_tool_waits_for_the_installer(lab):
 
 
 def test_downloaded_installer_is_unpacked_too(lab):
-    """It lies beside the extraction folder and must stay when that one is cleared."""
+    """The download is beside the extraction folder and must stay when that folder is cleared."""
     lab.run({"files": {FOLDER + r"\old.txt": "old"}, **PRETENDED})
     lab.check(outcome="repaired", after={"files": [FINAL, MAIN], "missing": [FOLDER + r"\old.txt"]})
     assert unpack().replace("{temp}", TEMP) in lab.result.log

@@ -39,7 +39,7 @@ def desktop(**changes: Any) -> dict[str, Any]:
 
 
 def exits(*calls: str) -> dict[str, Any]:
-    """Each call with its number, when it is to end the process; anything with "=" is a whole rule."""
+    """Rules that end the process at each of these numbered calls; text with "=" is a whole rule already."""
     return {"faults": [call if "=" in call else f"{call} exit={KILLED}" for call in calls]}
 
 

@@ -35,7 +35,7 @@ def check(lab, *lines: str, listed: list[str], outcome: str = "same-release", pr
     lists = [line for line in lab.result.calls if line.startswith(("setupapi!SetupDiGetClassDevsW", "setupapi!SetupDiDestroy"))]
     opened = [line for line in lab.result.calls if line.startswith("setupapi!SetupOpenInfFileW") and "-> invalid" not in line]
     closed = [line for line in lab.result.calls if line.startswith("setupapi!SetupCloseInfFile")]
-    assert len(lists) == 2, "the list of devices is given back"
+    assert len(lists) == 2, "the list of devices is released"
     assert len(opened) == len(closed), "every INF is closed"
 
 

@@ -56,7 +56,7 @@ CRASHES = [
     (DIRECT, "msi!MsiInstallProductW 1", [*started(), unpack(GIVEN), *stop(""), install("Halden")[0]])]
 
 
-# Proves: Something crashes, or memory runs out => code 3 within a second, no box, no debugger; the log is whole as far as it goes
+# Proves: Something crashes, or memory runs out => code 3 within a second, no box, no debugger; the log is complete up to that point
 @pytest.mark.parametrize("machine, call, log", CRASHES, ids=lambda value: value if isinstance(value, str) else "")
 def test_crash_of_the_main_thread_ends_the_run(lab, machine, call, log):
     """It takes less than a second after the last line of the log; 5 seconds allow for a busy host."""

@@ -1,4 +1,4 @@
-"""A library that lies beside the exe, or in the folder it is started from, is never loaded into it.
+"""A library that is beside the exe, or in the folder it is started from, is never loaded into it.
 
 The tool runs as administrator from wherever it was downloaded to. So a DLL is planted under every name that the tool could
 load, and the machine is told to prefer files over Wine's own DLLs. Each planted DLL writes a line when it is loaded.

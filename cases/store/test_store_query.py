@@ -90,7 +90,7 @@ def test_package_counts_or_not(lab, name):
     assert asked(lab.result, "FindPackages") == ["FindPackages -> 0x0 thread=1"]
 
 
-# Proves: Other packages, a package without a name => passed over in silence
+# Proves: Other packages, a package without a name => skipped, nothing is logged
 # Proves: No matching package (store package query) => "UWP version is not installed", the zero version
 def test_packages_of_other_names_are_not_logged(lab):
     others = [OTHER, "TavikSystemsInc-2.TavikCorvelSoftwar_9.9.9.9_x64__abc", "TavikSystemsInc-2.8F31D07A2B6E_9.9.9.9_x64__abc",
@@ -114,7 +114,7 @@ def test_failures_of_one_package_are_logged_and_the_next_one_is_read(lab):
           FAILED(POINTER, ""), FAILED(POINTER, ""), has(numbered(9), "2.99.9.0"), FAILED(POINTER, numbered(9)), has(version="2.24.20.0"))
 
 
-# (failure, text): the error object counts if it is of this failure; then what it holds.
+# (failure, text): an error object that describes the failure gives the text; otherwise the system does.
 TEXTS = [("0x80070005:Told by the system.", "Told by the system."),
          ("0x80070005:Description|Restricted description", "Restricted description"),
          ("0x80070005:Description|", "Description"),

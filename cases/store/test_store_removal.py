@@ -25,7 +25,7 @@ def removed(name: str = CORVEL, version: str = "2.23.40.0", code: int = 0, text:
 
 
 def run(lab, *packages: dict[str, Any], manager: dict[str, Any] | None = None, arguments: str = "", kind: str = "24.20", store: bool = True):
-    """The installer lies in the driver package; Store packages as described."""
+    """The installer is in the driver package; Store packages as described."""
     described = {"packages": list(packages), "manager": manager or {}} if store else False
     return lab.run(found(kind, store=described), arguments)
 

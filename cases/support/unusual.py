@@ -68,7 +68,7 @@ def not_downloaded(path: str, call: str = "remove") -> str:
 
 
 def elsewhere(temp: str, *lines: str) -> list[str]:
-    """These lines for a temporary folder that is not the one of the machine's description."""
+    """The lines, with this temporary folder in place of the one in the machine's description."""
     return [line.replace("{temp}", temp) for line in lines]
 
 

@@ -10,7 +10,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 namespace
 {
 constexpr int kLogs = 1000;
-constexpr int kTimes = 8;  // the text; more bytes than those by which the encoding is detected
+constexpr int kTimes = 8;  // repeats the text beyond the bytes by which the encoding is detected
 
 std::string WholeLog()
 {

@@ -7,7 +7,7 @@ from cases.fault_injection.world import World
 
 
 def expected_logs() -> Iterator[tuple[str, str, int, tuple[str, ...]]]:
-    """Of each planned run and each of its possible endings: id of the run, outcome, exit code, lines."""
+    """For each planned run and each of its possible endings: id of the run, outcome, exit code, lines."""
     for run in campaign.runs():
         machine = run.machine()
         for ending in model.endings(machine, World.of(machine), run.scenario.arguments, run.fault):

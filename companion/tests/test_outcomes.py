@@ -202,7 +202,7 @@ def test_what_is_stated_is_compared(stated, codes, logs, at_once, fault):
 
 # The fault campaign
 
-# Proves: Any run of the fault campaign => the same, stated by its model
+# Proves: Any run of the fault campaign => exit code and log have exactly one outcome, the one that its model states
 def test_the_model_and_the_catalogue_agree_on_every_planned_run():
     """On the logs that the model expects. The judge compares these with the logs of the runs."""
     known = {(outcome, code, log): run for run, outcome, code, log in expected_logs()}

@@ -1,4 +1,4 @@
-// Lies on a machine under the name of a Windows DLL. When loaded, it appends the line "<program>|<this file>" to
+// Is on a machine under the name of a Windows DLL. When loaded, it appends the line "<program>|<this file>" to
 // C:\lab\planted.txt.
 #include <windows.h>
 

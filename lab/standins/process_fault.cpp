@@ -6,7 +6,7 @@ namespace standin
 {
 namespace
 {
-// Of the host system, whose limits hold for Wine's processes.
+// Numbers of the host's kernel, whose limits hold for Wine's processes.
 constexpr std::uintptr_t kSetLimitCall = 302;
 constexpr std::uintptr_t kAddressSpaceLimit = 9;
 

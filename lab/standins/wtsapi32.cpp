@@ -29,7 +29,7 @@ WINBOOL WINAPI Lab_WTSQuerySessionInformationW(HANDLE server, DWORD session, WTS
     {
         const auto given = call.Given(L"text");
         const std::size_t size = given ? (given->size() + 1) * sizeof(wchar_t) : 0;
-        // From the heap that the real WTSFreeMemory gives it back to.
+        // From the heap for which the real WTSFreeMemory frees it.
         *buffer = given ? static_cast<wchar_t*>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, size)) : nullptr;
         if (*buffer != nullptr)
         {

@@ -1,4 +1,4 @@
-"""What the lab says about a mistake, and the end of a run that takes too long. The cases show the rest."""
+"""How the lab reports a mistake, and how it ends a run that takes too long. The cases show the rest, the download server too."""
 from __future__ import annotations
 
 import os

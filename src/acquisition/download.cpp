@@ -80,6 +80,16 @@ HeldFolder PrepareFolder(const DownloadPlan& plan)
     }
 }
 
+// Removes an old file, but not through a link in the folder's place. Throws for "remove".
+void RemoveOldFile(const DownloadPlan& plan, const std::wstring& path)
+{
+    if (IsLink(plan.folder))  // it can be made one while it is empty: no file could be created in it to keep it
+    {
+        ThrowFileError("remove", path, ERROR_CANT_RESOLVE_FILENAME);
+    }
+    RemoveFileIfPresent(path);
+}
+
 // Creates the file for the body; an old one was removed. Returns none, with the last error set, if that fails, if
 // another program has put something there, or if the file is outside the folder.
 FileHandle CreateTemporaryFile(const DownloadPlan& plan, const FileHandle& folder)
@@ -271,8 +281,8 @@ HeldInstaller DownloadInstaller(std::wstring release)
         return {};
     }
     const InternetSession session = Connect(server);
-    RemoveFileIfPresent(plan.finalPath);
-    RemoveFileIfPresent(plan.temporaryPath);
+    RemoveOldFile(plan, plan.finalPath);
+    RemoveOldFile(plan, plan.temporaryPath);
 
     Transfer transfer;
     transfer.file = CreateTemporaryFile(plan, held.folder.folder);
@@ -288,7 +298,7 @@ HeldInstaller DownloadInstaller(std::wstring release)
     {
         return {};
     }
-    RemoveFileIfPresent(plan.finalPath);
+    RemoveOldFile(plan, plan.finalPath);
     MoveFileW(plan.temporaryPath.c_str(),
               plan.finalPath.c_str());  // not checked; a failed rename shows up at the installer's start
     held.path = plan.finalPath;

@@ -100,7 +100,7 @@ struct Entry
     std::wstring path;
     DWORD attributes = 0;    // as listed; only links are marked as reparse points
     size_t folder = 0;       // index of its parent folder's entry; the root entry has its own index
-    FileHandle object = {};  // of a folder: open from before its entries are listed until they are removed
+    FileHandle object = {};  // folders only: open from before the entries are listed until they are removed
 };
 
 // True for a folder with entries of its own; a link to a folder has none.
@@ -143,7 +143,7 @@ std::vector<Entry> List(HANDLE folder, const std::wstring& path, size_t index)
             const std::wstring name(information->FileName, information->FileNameLength / sizeof(wchar_t));
             if (!IsDotEntry(name.c_str()))
             {
-                // Of a reparse point, the field for the attributes' size contains the tag.
+                // EaSize of a reparse point contains its tag.
                 const bool isLink = MarksLink(information->FileAttributes, information->EaSize);
                 entries.push_back({Join(path, name), ForRemoval(information->FileAttributes, isLink), index});
             }

@@ -45,18 +45,18 @@ struct HeldFolder
     FileHandle keeper;  // a file in it, because an empty folder can be turned into a link; gone with its handle
 };
 
-// Holds a folder and creates a file in it, where that can be created. Returns none, with the last error set, like
-// HoldFolder and if the path leads elsewhere by then.
+// Holds a folder and, if possible, creates a file in it. Returns none, with the last error set, when HoldFolder does,
+// and when the path leads elsewhere by then.
 HeldFolder HoldWithKeeper(const std::wstring& path);
 
-// Opens a file so that it cannot be written, renamed or removed until the handle is closed. While another program has
-// it open for one of these, tries again, up to a second in all. Returns none if the file cannot be opened.
+// Opens a file so that it cannot be written, renamed or removed until the handle is closed. Tries again for
+// up to a second while another program has it open for one of these. Returns none if the file cannot be opened.
 FileHandle HoldFile(const std::wstring& path);
 
 // True if an open object is inside an open folder, at any depth, wherever the paths lead by now. `spelling` says
-// whether both were opened by paths with the same beginning (FILE_NAME_OPENED) or any (FILE_NAME_NORMALIZED). If the
-// file system has no names for open folders: with FILE_NAME_OPENED true as long as the folder is no link, because it
-// cannot be renamed while it is held. False if a name cannot be read otherwise.
+// whether both were opened by paths with the same beginning (FILE_NAME_OPENED) or any (FILE_NAME_NORMALIZED). On a file
+// system without names for open folders, FILE_NAME_OPENED gives true as long as the folder is no link, because a held
+// folder cannot be renamed. In all other cases, false if a name cannot be read.
 bool IsBelow(HANDLE object, HANDLE folder, DWORD spelling = FILE_NAME_OPENED);
 
 // True if an open folder that has not been listed yet contains one object, of that name.

@@ -174,11 +174,15 @@ DWORD CreateSecureDirectory(const std::wstring& folder, HeldFolder& parent)
             owner = nullptr;
             error = CreateFolder(folder, attributes, owner);
         }
+        const bool isLast = attempt == kPreparations;
+        if (error == ERROR_ALREADY_EXISTS && !isLast)  // another program was quicker
+        {
+            continue;
+        }
         if (error != ERROR_SUCCESS)
         {
             return error;
         }
-        const bool isLast = attempt == kPreparations;
         const FileHandle held = HoldFolder(folder, READ_CONTROL);
         if (!HasOurRights(held, owner))  // then no marker is created in it
         {

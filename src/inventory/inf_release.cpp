@@ -110,7 +110,7 @@ public:
     }
 
 private:
-    // Passes over bytes up to and with the "[" that begins the next header. Returns their number.
+    // Skips the bytes up to and including the "[" that begins the next header. Returns how many there were.
     size_t SkipToHeader(std::string_view bytes)
     {
         const size_t mark = FindMark(lastByte_, bytes);
@@ -127,7 +127,7 @@ private:
         return mark + 1;
     }
 
-    // Takes the bytes of a header up to and with its line end. Returns their number.
+    // Takes the bytes of a header up to and including its line end. Returns how many there were.
     size_t TakeHeader(std::string_view bytes)
     {
         const size_t end = std::min(bytes.find_first_of(kLineEnds), bytes.size());

@@ -306,6 +306,36 @@ TEST_F(DownloadThroughLink, ThatAppearsLaterEndsTheDownload)
     }
 }
 
+// Proves: The download folder becomes a link before an old file is removed => file-system exception "remove"; the files where it leads stay
+TEST_F(DownloadThroughLink, ThatAppearsBeforeARemovalIsNotFollowed)
+{
+    ONLY_ON_WINE("the host moves the open folder away");
+    DWORD moment = 0;
+    SUBSTITUTE(CreateFileW)
+    create([&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD creation,
+               DWORD flags, HANDLE model) {
+        const bool isNow = creation == moment && std::wstring(path).starts_with(Folder());
+        const HANDLE file = isNow && creation == CREATE_NEW
+                                ? FailWith(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE)  // so the folder stays empty
+                                : create.Original()(path, access, share, security, creation, flags, model);
+        if (isNow)
+        {
+            PlaceLink();
+        }
+        return file;
+    });
+    SUBSTITUTE(FlushFileBuffers) flush([](HANDLE) { return TRUE; });
+    for (const DWORD each : {1u, 2u})  // CREATE_NEW and CREATE_ALWAYS: the first file in the folder, and the download
+    {
+        moment = each;
+        ExpectFileError(FileErrorOf([] { DownloadInstaller(L"24.20"); }), "remove", FinalPath(),
+                        ERROR_CANT_RESOLVE_FILENAME);
+        ExpectUntouchedTarget();
+        link_.reset();
+        RemoveAll(Folder() + L".away");
+    }
+}
+
 // Proves: The download folder stays a link => file-system exception, nothing is opened
 TEST_F(DownloadThroughLink, ThatCannotBeRemovedIsNotUsed)
 {
@@ -464,7 +494,7 @@ TEST_F(Download, LeavesNothingForTheNextOne)
     EXPECT_EQ(Content(FinalPath()), "newer");
 }
 
-// Proves: The address is made => server folder, release, file name, glued together without a separator
+// Proves: The address is made => server folder, release and file name, joined without a separator
 // Proves: An https address with a port other than 443 => requested without encryption
 // Proves: An http address with port 443 => requested with encryption
 TEST_F(Download, GluesItsAddressTogetherAndThePortAloneDecidesAboutTls)

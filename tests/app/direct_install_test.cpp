@@ -16,7 +16,7 @@ constexpr wchar_t kInstallKey[] = L"SOFTWARE\\Orrel Technologies\\Install\\";
 const BoxRecorder::Box kUpdateFailed = {
     L"Update failed. Please visit www.tavik.example to install the appropriate driver.", 0x10010};
 
-// Without a module instance, so without a window, where the test does not ask for one.
+// Has no module instance and so no window, unless the test asks for one.
 class DirectInstall : public AppTest
 {
 protected:
@@ -187,7 +187,7 @@ TEST_F(DirectInstall, MarkerKeyIsCreatedInTheOwnViewWithDefaultSecurityAndClosed
 // Proves: The marker cannot be written => the same
 TEST_F(DirectInstall, MarkerThatCannotBeWrittenIsOneLineAndTheApplicationStarts)
 {
-    std::vector<std::string> errors;  // that are handled while something is written
+    std::vector<std::string> errors;  // the exceptions that are handled while the log is written
     SUBSTITUTE(WriteFile)
     write([&](auto... arguments) {
         try

@@ -90,7 +90,7 @@ BOOL WINAPI RecordPolicy(PROCESS_MITIGATION_POLICY policy, void* data, SIZE_T by
     return FailWith(87);  // the result does not matter
 }
 
-// Proves: The process starts as the system account => links that users plant are refused before any file is touched; in no other account, on no Windows without this, and not if the log or the temporary folder is behind a link
+// Proves: The process starts as the system account => links that users plant are refused before any file is touched; not for other accounts, not if Windows lacks the function, and not if the log or the temporary folder is behind a link
 TEST_F(ProcessEntry, RefusesPlantedLinksAsTheSystemAccountOnly)
 {
     BOOL isSystem = FALSE;

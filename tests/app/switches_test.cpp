@@ -132,7 +132,7 @@ TEST_F(Switches, LineWithoutArgumentsSetsNothingAndIsNotLogged)
     EXPECT_EQ(Flags(), "");
 }
 
-// Proves: The split command line is no longer needed => its memory is given back
+// Proves: The split command line is no longer needed => its memory is freed
 TEST_F(Switches, MemoryOfTheSplitLineIsGivenBack)
 {
     void* split = nullptr;

@@ -171,7 +171,7 @@ TEST_F(LinkInTheWay, StaysIfItsTargetExistsOrOnlyCannotBeReached)
     EXPECT_THAT(removed_, testing::IsEmpty());
 }
 
-// Proves: A file is removed => absence is no error; write-protected and locked files are
+// Proves: A file is removed => a missing one is no error; a write-protected or locked one is
 TEST(RemoveFileIfPresent, RemovesAFileOrAnEmptyFolder)
 {
     const TemporaryFolder folder;

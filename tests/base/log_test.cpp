@@ -49,7 +49,7 @@ private:
 };
 
 // Proves: Windows lies on any drive => the log folder is `Program Files\Tavik\MIM\Log\` on that drive
-// Proves: The Windows folder cannot be asked, or has no backslash => its text as far as it is known is put in front
+// Proves: The Windows folder cannot be asked, or has no backslash => whatever is known of its text is put in front
 TEST(LogFolder, IsOnTheDriveOfTheWindowsFolder)
 {
     EXPECT_EQ(GetLogFolder(), kLogFolder);

@@ -9,7 +9,7 @@ namespace repair
 {
 namespace
 {
-// Proves: The text of a code is asked for => the system's text in one line, exactly as long as the system says, placeholders left alone; the memory is given back
+// Proves: The text of a code is asked for => the system's text in one line, exactly as long as the system says, placeholders left alone; the memory is freed
 TEST(SystemMessage, AsksTheSystemForOneLineAndKeepsExactlyTheLengthReturned)
 {
     wchar_t* const given = static_cast<wchar_t*>(LocalAlloc(LMEM_ZEROINIT, 64));

@@ -39,8 +39,8 @@ protected:
     LogCapture log_;
 };
 
-// Proves: The application is installed => it is asked to exit, then five names are killed in a fixed order, even when the asking succeeded; 30 seconds for each step
-// Proves: The location ends in a backslash => two backslashes; it is taken as it is
+// Proves: The application is installed => it is asked to exit, then five names are killed in a fixed order, even when the request succeeds; 30 seconds for each step
+// Proves: The location ends in a backslash => the path gets two backslashes, because the value is used as it is
 TEST_F(StopComponents, AsksTheApplicationToExitAndThenKillsAllFiveByName)
 {
     registry_.SetString(kInstallHaldenKey, L"Location", L"C:\\Program Files\\HL\\");

@@ -317,7 +317,7 @@ TEST_F(InstallSequence, GuardLetsOtherExceptionsThrough)
     EXPECT_THAT(log_.Lines(), Each(Not(StartsWith(L"\tException"))));
 }
 
-// Proves: The guard => installs only what was there, passes the result on
+// Proves: No exception, through the guard => only what was there is installed, and its result is returned
 TEST_F(InstallSequence, GuardInstallsOnlyWhatWasThereAndPassesTheResult)
 {
     machine_.UnpacksMainPackage();

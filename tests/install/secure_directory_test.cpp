@@ -220,10 +220,10 @@ TEST_F(SecureDirectoryTest, GrantsThreeEntriesInThisOrder)
     EXPECT_THAT(entries_, ElementsAre(SeenEntry{0x10000000, 2, 3, 0, 5, administrators},
                                       SeenEntry{0x10000000, 2, 3, 0, 5, localSystem},
                                       SeenEntry{0xA0010000, 2, 3, 1, 5, L"VILLA\\ann"}));
-    EXPECT_EQ(sessionTexts_, 0);  // all given back
+    EXPECT_EQ(sessionTexts_, 0);  // all freed
 }
 
-// Proves: The folder is made => rights, parents, removal of the old one, the folder with the rights, the marker; the memory is given back
+// Proves: The folder is made => rights, parents, removal of the old one, the folder with the rights, the marker; the memory is freed
 TEST_F(SecureDirectoryTest, SetsUpTheRightsFirstThenTheParentsThenTheFolderThenTheMarker)
 {
     EXPECT_EQ(Create(), 0u);
@@ -274,7 +274,7 @@ TEST_F(SecureDirectoryTest, AdministratorsOwnTheFolderWhereTheProcessMaySetThem)
         });
         const bool isThere = code == ERROR_ALREADY_EXISTS;
         EXPECT_EQ(Create(), isThere ? code : 0u);
-        EXPECT_EQ(std::exchange(owners_, {}), isThere ? std::vector<bool>{true} : (std::vector<bool>{true, false}));
+        EXPECT_EQ(std::exchange(owners_, {}), (std::vector<bool>{true, isThere}));  // once more with the same owner
         EXPECT_EQ(Exists(folder_ + L"\\~.tmp"), !isThere);
     }
     markers_.clear();
@@ -356,7 +356,7 @@ TEST_F(LinkedDirectoryTest, IsPreparedOnceMoreIfALinkReplacesItLater)
     EXPECT_FALSE(Exists(target_ + L"\\~.tmp"));
 }
 
-// Proves: Another folder is in the place of the new one (its owner, inherited rights, another file in it) => it is prepared once more, and not a third time
+// Proves: Another folder is in the place of the new one (made first, its owner, inherited rights, another file in it) => it is prepared once more, and not a third time
 TEST_F(SecureDirectoryTest, IsPreparedOnceMoreIfItIsNotAsItWasMade)
 {
     SUBSTITUTE(CloseHandle)
@@ -394,6 +394,20 @@ TEST_F(SecureDirectoryTest, IsPreparedOnceMoreIfItIsNotAsItWasMade)
         });
         EXPECT_THAT(run(), ElementsAre("entries", "marker", "marker"));
     }
+    {
+        bool isQuicker = true;
+        SUBSTITUTE(CreateDirectoryW)
+        create([&](const wchar_t* path, SECURITY_ATTRIBUTES* security) {
+            if (security != nullptr && std::exchange(isQuicker, false))
+            {
+                create.Original()(path, nullptr);
+                parent_.WriteBytes(L"Tavik\\LPInstaller\\planted", "x");
+            }
+            return create.Original()(path, security);
+        });
+        EXPECT_THAT(run(), ElementsAre("entries", "marker"));
+        EXPECT_FALSE(Exists(folder_ + L"\\planted"));
+    }
     // The default owner is the marker's too.
     SUBSTITUTE(SetSecurityDescriptorOwner)
     noOwner([&](void* descriptor, PSID owner, BOOL defaulted) {
@@ -422,8 +436,8 @@ INSTANTIATE_TEST_SUITE_P(
                     FailedCall{&Failures::folder, {"entries", "secured folder", "secured folder"}, false}));
 
 // Proves: The access list cannot be made => its error, nothing is created; the installation goes on with what is there
-// Proves: The descriptor cannot be set up => its error, an old folder stays, the memory is given back
-// Proves: The folder cannot be created (extraction folder) => its error, no marker, the memory is given back; the installation goes on
+// Proves: The descriptor cannot be set up => its error, an old folder stays, the memory is freed
+// Proves: The folder cannot be created (extraction folder) => its error, no marker, the memory is freed; the installation goes on
 TEST_P(SecureDirectoryFailure, ReturnsItsErrorAndGoesNoFurther)
 {
     CreateDirectories(folder_);
@@ -458,7 +472,7 @@ TEST_F(SecureDirectoryTest, ThrowsWhenTheOldFolderCannotBeRemoved)
     CloseHandle(open);
 }
 
-// Proves: The marker cannot be created => passed over
+// Proves: The marker cannot be created => ignored
 TEST_F(SecureDirectoryTest, GoesOnWithoutAMarkerThatCannotBeCreated)
 {
     failures_.marker = 5;

@@ -340,7 +340,7 @@ TEST_F(DriverEnumeration, TakesNothingOfOneDeviceIntoTheNext)
     EXPECT_EQ(second.releaseVersion, L"1");
 }
 
-// Proves: An exception while an INF is read => it passes through, the device list is given back
+// Proves: An exception while an INF is read => it passes through, the device list is freed
 TEST_F(DriverEnumeration, ClosesItsListWhenAnExceptionPassesThrough)
 {
     AddAdapter(kId, L"1").packages = {MakePackage(L"pack", "1")};

@@ -362,7 +362,7 @@ TEST_F(FakeInf, SectionsAreSearchedInListOrderDuplicatesToo)
     EXPECT_THAT(calls_, Contains(L"open").Times(2));
 }
 
-// Proves: A line that cannot be fetched, or is longer than 2,063 characters => passed over
+// Proves: A line that cannot be fetched, or is longer than 2,063 characters => skipped
 TEST_F(FakeInf, LineThatCannotBeFetchedIsPassedOver)
 {
     lines_ = {L"HKR,,ReleaseVersion,,1", L"", L"HKR,,ReleaseVersion,,2", L"x", L""};

@@ -206,7 +206,7 @@ TEST_F(StringListTest, TextsThatCannotBeCopiedAreAFailureAndNoneIsHandedOut)
     EXPECT_EQ(has, 1);  // still at the first
 }
 
-// Proves: A text of the list cannot be made or copied => a failure, and nothing half done is handed out
+// Proves: A text of the list cannot be made or copied => a failure, and no incomplete list is returned
 TEST_F(StringListTest, TextsThatCannotBeMadeAreThrown)
 {
     runtime_.failingFunctions["WindowsCreateString"] = E_FAIL;

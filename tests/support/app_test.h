@@ -42,7 +42,7 @@ protected:
     {
         registry_.SetString(L"SOFTWARE\\Tavik", L"DWXServerFolder", folder);
     }
-    // A file lies where the folder of the installer has to be, so the installation raises an exception.
+    // A file is where the folder of the installer has to be, so the installation raises an exception.
     void BlockTheInstallation() { machine_.Folder().WriteBytes(L"Tavik_VLTInstallerDownload", "in the way"); }
     void FailTheMainPackage()
     {

@@ -151,7 +151,7 @@ def test_a_machine_is_repaired_from_it(lab, mirror):
 
 
 def test_a_machine_is_repaired_from_it_over_https(lab, secure_mirror):
-    """Under the name of the lab's certificate, on port 443: nowhere else does the tool use TLS."""
+    """The mirror has the name of the lab's certificate and port 443, the only one on which the tool uses TLS."""
     folder = f"https://{certificates.HOST}/vlt/"
     lab.run(machine(folder, hosts={certificates.HOST: secure_mirror.address}), "-SILENT")
     lab.check(outcome="repaired", after=REPAIRED, log=[*opening("-SILENT"), *inventory(), *downloaded(folder), unpack(), *REPAIR])
@@ -221,7 +221,7 @@ def test_other_methods_are_refused(mirror, method):
 
 # Proves: 1,000 clients ask the mirror at once => all are answered
 def test_a_thousand_clients_at_once():
-    """One second only, and 1 KiB for each: docs/mirror.md has the figures for real sizes. With nginx's workers, who may be another user."""
+    """One second only, and 1 KiB for each: docs/mirror.md has the figures for real sizes. nginx's workers may run as another user."""
     with tempfile.TemporaryDirectory(prefix="mirror-") as name:
         folder, port = pathlib.Path(name), free_port()
         folder.chmod(0o755)

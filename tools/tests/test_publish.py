@@ -51,7 +51,7 @@ def listed(file: pathlib.Path, folder: str) -> str:
 
 # Names
 
-# Proves: An installer is published => under the name the tool asks for, in one step, listed, and again without effect
+# Proves: An installer is published => under the name the tool asks for, in one step, and listed; publishing it again changes nothing
 @pytest.mark.parametrize("release, folder", [
     ("24.20", "24.20"), ("24.20.11.01-240619a", "24.20"), ("24.2", "24.2"), ("24.2-a", "24.2"), ("9", "9"), ("24.2.1", "24.2."),
     ("22.q4.1", "22.q4"), ("22.Q4", "22.Q4"), ("4.2.20-x-y", "4.2.2")])
@@ -140,7 +140,7 @@ def refused_file(signers: Signers, installer: pathlib.Path, target: pathlib.Path
     return signers.sign(plain, "other" if how == "accompanied" else how, target, along="maker" if how == "accompanied" else "")
 
 
-# Proves: It is not signed, changed, or signed by another signer => refused, and the mirror stays as it is
+# Proves: It is unsigned, changed, or signed by another signer => refused, and the mirror stays as it is
 @pytest.mark.parametrize("how, why", [
     ("unsigned", "it is not signed"), ("text", "not a Windows program"), ("changed", "the signature is not good"),
     ("longer", "something was added"), ("shorter", "something was added"), ("other", "not signed by"),

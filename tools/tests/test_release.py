@@ -87,7 +87,7 @@ def test_archives_of_the_same_files_are_the_same(tmp_path):
         assert {entry.filename: entry.date_time for entry in archive.infolist()} == dict.fromkeys(("a.txt", "b.exe"), (2026, 11, 21, 0, 0, 0))
 
 
-# Proves: A release is asked for that no one should get => refused: changed sources, a reserved address, a server on a port of its own, no certificate
+# Proves: A release is requested that must not be made => refused: changed sources, a reserved address, a server on a port of its own, no certificate
 @pytest.mark.parametrize("address", ["download.tavik.example", "http://support.TAVIK.example/", "download.tavik.test:8080", "http://10.0.0.1:8080/"])
 def test_addresses_for_trials_are_refused(address):
     with pytest.raises(SystemExit, match=f"The program would ask {re.escape(address)}, which is for trials only"):

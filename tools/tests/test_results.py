@@ -36,7 +36,7 @@ def test_a_missing_file_of_results_is_no_success(tmp_path):
     (["test_results.py::test_a_missing_file_of_results_is_no_success"], {}, ["tools/tests/test_results.py::test_a_missing_file_of_results_is_no_success"]),
     (["test_a_missing_file_of_results_is_no_success"], {}, ["tools/tests/test_results.py::test_a_missing_file_of_results_is_no_success"]),
     ([TEST], {"unit_tests": [TEST]}, []),
-    ([f"All/{TEST}/0", "tools"], {"unit_tests": [f"All/{TEST}/0"]}, ["tools"])])
+    ([f"All/{TEST}/0", f'All/{TEST}/query L"x"', "tools"], {"unit_tests": [f"All/{TEST}/0", f"All/{TEST}/*"]}, ["tools"])])
 def test_names_of_tests(names, patterns, cases):
     assert run_tests.chosen(names) == (patterns, cases)
 

@@ -57,8 +57,8 @@ def check(prefix: Prefix, name: str, *arguments: str) -> tuple[int, list[dict[st
 @pytest.fixture(scope="module")
 def bare():
     with session.bare(PROGRAM) as prefix:
-        # Without a mask everything that the program makes is open to all, unless it closes it itself. From an open folder it
-        # starts nothing, which would be a new difference.
+        # Without a mask everything that the program makes is open to all, unless it restricts the access itself. It starts nothing
+        # from an open folder, so a folder left open shows as a new difference.
         before = os.umask(0)
         try:
             prefix.start()
@@ -138,7 +138,7 @@ def test_every_function_that_the_product_calls_is_covered_by_a_fact():
 
 
 def test_what_only_wine_shows_is_skipped_on_windows_with_the_reason(bare: Prefix):
-    """In-process tests that were copied to a real Windows: as far as that can be seen on Wine."""
+    """Runs in-process tests under Wine as if they had been copied to a real Windows."""
     replace_file(bare.drive / "lab" / UNIT_TESTS.name, paths.need(UNIT_TESTS).read_bytes())
     output = bare.path / "tests.txt"
     bare.variables["TAVIK_TESTS_AS_ON_WINDOWS"] = "1"
