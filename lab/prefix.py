@@ -255,7 +255,8 @@ def _build_base(folder: pathlib.Path) -> None:
         for link in [item for item in user.iterdir() if item.is_symlink()]:
             link.unlink()
             link.mkdir()
-    shutil.copy(CAPTION_SIGNS, prefix.drive / "windows" / "Fonts")
+    if CAPTION_SIGNS.exists():
+        shutil.copy(CAPTION_SIGNS, prefix.drive / "windows" / "Fonts")
     user = Hive(prefix.path / "user.reg")
     user.set(r"Software\Wine\Drivers", "Graphics", "null")
     user.set(r"Software\Wine\X11 Driver", "Managed", "N")
