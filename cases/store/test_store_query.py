@@ -25,6 +25,7 @@ def check(lab, end: tuple, *lines: str, release: str | None = None) -> None:
     check_nothing_leaks(lab.result)
 
 
+# Proves: The first Windows Runtime call of a thread without an apartment => Windows and Wine 10 (not Wine 8) answer CO_E_NOTINITIALIZED, the tool joins the multithreaded apartment and asks again
 @pytest.mark.quick
 def test_store_version_of_the_drivers_release_is_left_alone(lab):
     lab.run(store_only(CURRENT))
