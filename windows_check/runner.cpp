@@ -108,11 +108,20 @@ Finding Look(const Check& check, DWORD limitMs)
 {
     const auto attempt = std::make_shared<Attempt>();
     current = attempt.get();
-    std::thread([attempt, check] {
+    std::thread thread([attempt, check] {
         RunOne(check, attempt->finding);
         SetEvent(attempt->done.Get());
-    }).detach();
+    });
     const bool isDone = WaitForSingleObject(attempt->done.Get(), limitMs) == WAIT_OBJECT_0;
+    // A thread that is detached while it ends may crash in the compiler's library, during the next check.
+    if (isDone && attempt->crash == 0)
+    {
+        thread.join();
+    }
+    else
+    {
+        thread.detach();
+    }
     current = nullptr;
     if (!isDone)
     {
