@@ -67,6 +67,15 @@ const Meaning& DecidedBy(const Finding& finding)
     return finding.candidates.size() == 1 ? *finding.candidates.front().meaning : MeaningOf("unclear");
 }
 
+// Windows Installer may still be removing a product: an orderly tool would have waited for it, or it is what keeps
+// Windows Installer busy.
+bool MayStillChange(const Meaning& meaning)
+{
+    constexpr std::string_view kOutcomes[] = {"interrupted", "log-cut",      "no-log",      "unclear",
+                                              "quiet-end",   "install-busy", "direct-busy", "timed-out-ended"};
+    return std::ranges::find(kOutcomes, meaning.id) != std::end(kOutcomes);
+}
+
 bool IsSuccess(int code)
 {
     return code == ERROR_SUCCESS || code == ERROR_SUCCESS_REBOOT_REQUIRED;
@@ -198,7 +207,9 @@ Finding FleetRun::Execute()
     {
         KeepForNextRun(run_.mark);
     }
-    return isRecovery_ && !IsDirect(switches_)
+    // Optional packages that cannot be installed do not keep the tool from its work.
+    const bool mustRecover = (run_.lost & kMainProduct) != 0 || (isRecovery_ && run_.failures < kRecoveryAttempts);
+    return mustRecover && !IsDirect(switches_)
                ? Recover()
                : StartTool({tool_, MakeMark(), switches_, options_.limitSeconds, options_.kill});
 }
@@ -263,14 +274,14 @@ Finding FleetRun::StartTool(const ToolStart& start)
     SetEnvironmentVariableW(L"TMP", place_.Temporary().c_str());
     SetEnvironmentVariableW(L"TEMP", place_.Temporary().c_str());
     const std::uint32_t wanted = before_.installed.products | run_.lost;
-    run_.products = wanted;
+    const std::uint32_t unchecked = std::exchange(run_.products, wanted);  // of earlier runs
     run_.mark = start.mark;
     Remember();
 
     ToolEnd end = RunTool(start);
     if (end.startError != ERROR_SUCCESS)
     {
-        run_.products = 0;
+        run_.products = unchecked;
         place_.RemoveTemporary();
         const std::string reason = SystemFailure(ToUtf8(start.tool), end.startError);
         WriteError(reason);
@@ -286,9 +297,15 @@ Finding FleetRun::StartTool(const ToolStart& start)
         }
     }
     const Installed after = ReadInstalled();
+    const Meaning& meaning = DecidedBy(end.finding);
+    const bool mayStillChange = MayStillChange(meaning) || (unchecked != 0 && !IsSuccess(meaning.code));
     run_.versionAfter = VersionOf(after);
-    run_.products = 0;
+    run_.products = mayStillChange ? wanted : 0;  // the next run compares again
     run_.lost = wanted & ~after.products;
+    if (run_.lost == 0 && mayStillChange)
+    {
+        return end.finding;
+    }
     if (run_.lost == 0)
     {
         ForgetRecovery(run_);
@@ -297,7 +314,6 @@ Finding FleetRun::StartTool(const ToolStart& start)
         return end.finding;
     }
     KeepForNextRun(start.mark);
-    const Meaning& meaning = DecidedBy(end.finding);
     return ReportLoss(end.finding, std::string(meaning.id) + ": " + std::string(meaning.title) + ", exit code " +
                                        std::to_string(end.finding.exitCode.value_or(0)));
 }
@@ -332,13 +348,14 @@ Finding FleetRun::InstallLostPackages()
     const PackagesResult result = InstallKeptPackages(place_, run_.lost);
     const Installed after = ReadInstalled();
     run_.versionAfter = VersionOf(after);
-    run_.lost &= ~after.products;
+    run_.lost = (before_.installed.products | run_.lost) & ~after.products;
     const std::string what = "packages: " + result.codes;
     if (run_.lost != 0)
     {
         return ReportLoss({}, what);
     }
     ForgetRecovery(run_);
+    run_.products = 0;
     place_.RemoveKept();
     return Only(result.needsRestart ? "recovered-restart" : "recovered", {what});
 }

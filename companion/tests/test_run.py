@@ -336,6 +336,32 @@ def test_the_application_cannot_be_installed_at_all():
         check_repaired(machine, whole())
 
 
+REMOVAL = "msi!MsiInstallProductW * if=properties~REMOVE=ALL"
+
+
+# Proves: The tool is ended while Windows Installer removes the application, which ends later => the next `run` installs it
+@pytest.mark.parametrize("second", [None, REMOVAL + " return=1618"], ids=["next run", "busy in between"])
+def test_a_removal_that_ends_after_the_tool(second):
+    """Here Windows Installer works inside the tool, so the removal is done by hand."""
+    with fleet(found()) as machine:
+        assert machine.run(REMOVAL + " exit=9") == ("interrupted", 1618)
+        if second is not None:
+            assert machine.run(second, f"{MAIN} return=1618") == ("install-busy", 1618)
+        assert machine.remembered()["ProductsBefore"] == 1
+        remove_application(machine)
+        assert machine.run() == ("recovered", 0)
+        check_repaired(machine, whole())
+        assert machine.remembered()["ProductsBefore"] == 0
+
+
+# Proves: Optional packages cannot be installed again => from the fourth `run` on the tool is started, and the code stays 1603
+def test_lost_packages_do_not_keep_the_tool_from_its_work():
+    lost = {"RecoveryPending": 1, "ProductsLost": 2, "RecoveryFailures": 3}
+    result, (said,) = start(found(registry={rf"HKLM\{LAST_RUN}": lost}), "-- -SILENT")
+    assert (said["outcome"], said["code"], result.after.products) == ("recovery-failed", 1603, ["Tavik Halden 24.20"])
+    assert result.after.registry[LAST_RUN]["RecoveryFailures"] == 4
+
+
 # Proves: The power fails between removal and installation => the next `run` installs the application
 def test_a_power_cut_between_removal_and_installation():
     with fleet({"desktop": {"families": list(FAMILIES)}}) as machine:
