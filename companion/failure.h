@@ -17,6 +17,7 @@ inline constexpr int kStatusDue = 4;
 inline constexpr int kStatusRecovery = 5;
 inline constexpr int kStatusNotInstalled = 6;
 inline constexpr int kStatusNoAdapter = 7;
+inline constexpr int kStatusNoUsableDriver = 8;
 
 // The command could not do its work. The text is a message for people, in UTF-8.
 class Failure : public std::runtime_error

@@ -29,6 +29,7 @@ constexpr TextValue kTexts[] = {
     {L"KeptInstaller", &LastRun::keptInstaller},
     {L"KeptRelease", &LastRun::keptRelease},
     {L"RecoveryAttempts", &LastRun::recoveryAttempts},
+    {L"Tool", &LastRun::tool},
 };
 
 struct NumberValue
@@ -39,10 +40,10 @@ struct NumberValue
 constexpr NumberValue kNumbers[] = {
     {L"Code", &LastRun::code},
     {L"Attempt", &LastRun::attempt},
-    {L"ProductsBefore", &LastRun::products},
     {L"ProductsLost", &LastRun::lost},
     {L"RecoveryFailures", &LastRun::failures},
 };
+constexpr wchar_t kProducts[] = L"ProductsBefore";
 constexpr wchar_t kToolCode[] = L"ToolCode";
 constexpr wchar_t kRecoveryPending[] = L"RecoveryPending";
 
@@ -83,9 +84,14 @@ void WriteNumber(const RegistryKey& key, const wchar_t* name, std::uint32_t numb
 std::optional<LastRun> ReadLastRun()
 {
     HKEY handle = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kKey, 0, KEY_READ | KEY_WOW64_64KEY, &handle) != ERROR_SUCCESS)
+    const LSTATUS status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kKey, 0, KEY_READ | KEY_WOW64_64KEY, &handle);
+    if (status == ERROR_FILE_NOT_FOUND)
     {
         return std::nullopt;
+    }
+    if (status != ERROR_SUCCESS)
+    {
+        throw Failure(SystemFailure("the registry key of the last run cannot be read", static_cast<DWORD>(status)));
     }
     const RegistryKey key(handle);
     LastRun last;
@@ -97,6 +103,7 @@ std::optional<LastRun> ReadLastRun()
     {
         last.*value.field = ReadNumber(key, value.name).value_or(0);
     }
+    last.products = ReadNumber(key, kProducts).value_or(0);
     last.toolCode = ReadNumber(key, kToolCode);
     last.recoveryPending = ReadNumber(key, kRecoveryPending).value_or(0) != 0;
     return last;
@@ -127,6 +134,7 @@ void WriteLastRun(const LastRun& last)
     {
         RegDeleteValueW(key.Get(), kToolCode);
     }
+    WriteNumber(key, kProducts, last.products);  // the last one, so that an interruption here forgets no loss
     Check(RegFlushKey(key.Get()));
 }
 

@@ -37,9 +37,10 @@ struct LastRun
     std::wstring keptInstaller;     // path
     std::wstring keptRelease;       // the driver's release that the kept installer belongs to
     std::wstring recoveryAttempts;  // what was tried, for people
+    std::wstring tool;              // path of the tool that was started
 };
 
-// Returns nothing if no run was remembered. Never throws Failure.
+// Returns nothing if no run was remembered. Throws Failure if that cannot be read.
 std::optional<LastRun> ReadLastRun();
 
 // Replaces all values and writes them to the disk, so that they survive a power cut. Throws Failure.

@@ -11,7 +11,8 @@ OutputFile::OutputFile(std::wstring path, bool mayReplace)
     : path_(std::move(path)),
       mayReplace_(mayReplace),
       partPath_(path_ + L".part"),
-      file_(CreateFileW(partPath_.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr))
+      file_(CreateFileW(partPath_.c_str(), GENERIC_WRITE, 0, nullptr, mayReplace ? CREATE_ALWAYS : CREATE_NEW,
+                        FILE_ATTRIBUTE_NORMAL, nullptr))
 {
     if (!file_)
     {

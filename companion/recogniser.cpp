@@ -164,6 +164,7 @@ bool Recogniser::Matches(const State& state, std::optional<int> exitCode) const
 
 void TrustLog(Finding& finding)
 {
+    finding.exitCode = finding.insideCode ? finding.insideCode : finding.exitCode;
     if (!finding.byLog.empty())
     {
         finding.candidates = finding.byLog;
@@ -196,7 +197,7 @@ void Recogniser::Reconsider(int exitCode)
     finding_.candidates = inside ? Find(inside, false) : std::vector<Candidate>();
     if (!finding_.candidates.empty())
     {
-        finding_.exitCode = inside;
+        finding_.insideCode = inside;
         return;
     }
     // A tool that was ended from outside leaves any code, and a log without an end. A log with an end contradicts such

@@ -24,8 +24,9 @@ struct Candidate
 
 struct Finding
 {
-    std::string log;              // name of the log; empty if there is none
-    std::optional<int> exitCode;  // if the caller knows it
+    std::string log;                // name of the log; empty if there is none
+    std::optional<int> exitCode;    // if the caller knows it
+    std::optional<int> insideCode;  // the code of Windows in it that decided
     RunMode mode = RunMode::kAny;
     std::vector<Candidate> candidates;  // the outcomes that match, in the order of the catalogue
     std::vector<Candidate> byLog;       // if the log contradicts the exit code: the outcomes that match without it
@@ -37,7 +38,7 @@ struct Finding
     std::string lastLine;
 };
 
-// Lets the log decide if it contradicts the exit code, which may be another program's.
+// Lets the log decide if it contradicts the exit code, which may be another program's, or another form of it.
 void TrustLog(Finding& finding);
 
 // Takes the bytes of one log in order. Keeps only the few lines that match, so memory does not grow with the log.

@@ -98,14 +98,17 @@ std::wstring FindInstaller(const SafePlace& place, const std::optional<std::wstr
 
 void KeepInstaller(const SafePlace& place, std::wstring installer, LastRun& run)
 {
+    bool mayReplace = true;
     if (IsIn(installer, place.Kept()))  // what else is kept is removed
     {
         CreateDirectoryW(place.Temporary().c_str(), nullptr);
         const std::wstring aside = place.Temporary() + kInstaller;
-        installer = MoveFileW(installer.c_str(), aside.c_str()) != 0 ? aside : installer;
+        mayReplace = MoveFileW(installer.c_str(), aside.c_str()) != 0;
+        installer = mayReplace ? aside : installer;
     }
-    const bool isMoved = place.KeepTemporary();
-    if ((run.lost & kMainProduct) != 0)  // its installer unpacks again
+    const bool isMoved = mayReplace && place.KeepTemporary();
+    CreateDirectoryW(place.Kept().c_str(), nullptr);  // for a copy
+    if ((run.lost & kMainProduct) != 0)               // its installer unpacks again
     {
         RemoveUnpacked(place);
     }
@@ -114,7 +117,7 @@ void KeepInstaller(const SafePlace& place, std::wstring installer, LastRun& run)
     {
         installer.replace(0, place.Temporary().size(), place.Kept());
     }
-    else if (installer != copy)
+    else if (installer != copy && !installer.empty())
     {
         if (CopyFileW(installer.c_str(), copy.c_str(), FALSE) != 0)
         {
@@ -128,6 +131,13 @@ void KeepInstaller(const SafePlace& place, std::wstring installer, LastRun& run)
     run.keptInstaller = FileExists(installer) ? installer : std::wstring();
 }
 
+bool HasKeptPackages(const SafePlace& place, std::uint32_t products)
+{
+    return std::ranges::all_of(kOptional, [&](const OptionalProduct& one) {
+        return (products & one.product) == 0 || FileExists(JoinPath(place.Kept(), kExtractionFolder) + one.package);
+    });
+}
+
 PackagesResult InstallKeptPackages(const SafePlace& place, std::uint32_t products)
 {
     MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
@@ -139,6 +149,7 @@ PackagesResult InstallKeptPackages(const SafePlace& place, std::uint32_t product
         {
             const std::wstring path = JoinPath(place.Kept(), kExtractionFolder) + package;
             const std::int32_t code = InstallMsiPackage(path, GetCustomInstallDir());
+            result.isBusy = result.isBusy || code == ERROR_INSTALL_ALREADY_RUNNING;
             result.codes += (result.codes.empty() ? "" : ", ") + std::string(name) + " " + std::to_string(code);
         }
     }

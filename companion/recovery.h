@@ -23,7 +23,11 @@ struct PackagesResult
 {
     std::string codes;  // of Windows Installer, for people
     bool needsRestart = false;
+    bool isBusy = false;  // Windows Installer was
 };
+
+// True if the packages of these optional products are kept.
+bool HasKeptPackages(const SafePlace& place, std::uint32_t products);
 
 // Installs the kept packages of optional products. Blocks without a time limit; Windows Installer shows nothing.
 PackagesResult InstallKeptPackages(const SafePlace& place, std::uint32_t products);

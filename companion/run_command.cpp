@@ -110,12 +110,14 @@ std::wstring VersionOf(const Installed& installed)
 void KeepPrograms(const SafePlace& place, const std::wstring& tool)
 {
     CreateDirectoryW(place.Programs().c_str(), nullptr);
-    for (const std::wstring& program : {OurPath(), tool})
+    const std::pair<std::wstring, std::wstring> programs[] = {{OurPath(), FileNameOf(OurPath())}, {tool, kTool}};
+    for (const auto& [program, name] : programs)
     {
-        const std::wstring target = JoinPath(place.Programs(), FileNameOf(program));
+        const std::wstring target = JoinPath(place.Programs(), name);
         const std::wstring copy = target + L".new";
         if (!EqualNoCase(ToUtf8(program), ToUtf8(target)) &&
             (CopyFileW(program.c_str(), copy.c_str(), FALSE) == 0 ||
+             SetFileAttributesW(copy.c_str(), FILE_ATTRIBUTE_NORMAL) == 0 ||  // a copy is write-protected too
              MoveFileExW(copy.c_str(), target.c_str(), MOVEFILE_REPLACE_EXISTING) == 0))
         {
             WriteError(SystemFailure(ToUtf8(target) + ": this program cannot be kept", GetLastError()));
@@ -152,8 +154,7 @@ void ForgetRecovery(LastRun& run)
 class FleetRun
 {
 public:
-    FleetRun(const RunOptions& options, const Switches& switches, std::wstring tool, const SafePlace& place,
-             LastRun& run)
+    FleetRun(const RunOptions& options, const Switches& switches, std::wstring tool, SafePlace& place, LastRun& run)
         : options_(options), switches_(switches), tool_(std::move(tool)), place_(place), run_(run)
     {
     }
@@ -168,12 +169,12 @@ private:
     Finding Recover();
     Finding InstallLostPackages();
     void Remember();
-    Finding ReportLoss(const Finding& finding, const std::string& what);
+    Finding ReportLoss(const Finding& finding, const std::string& what, bool isBusy);
 
     const RunOptions& options_;
     const Switches& switches_;
     const std::wstring tool_;
-    const SafePlace& place_;
+    SafePlace& place_;
     LastRun& run_;
     MachineState before_;
     bool isRecovery_ = false;  // products are missing before the tool starts
@@ -181,7 +182,7 @@ private:
 
 Finding FleetRun::Execute()
 {
-    if (IsToolRunning(tool_))
+    if (IsToolRunning(tool_) || IsToolRunning(run_.tool))
     {
         return Only("tool-running");
     }
@@ -244,16 +245,17 @@ void FleetRun::Remember()
 }
 
 // Reports that products are still lost after the tool, or this program, has tried to install them.
-Finding FleetRun::ReportLoss(const Finding& finding, const std::string& what)
+Finding FleetRun::ReportLoss(const Finding& finding, const std::string& what, bool isBusy)
 {
-    run_.failures += isRecovery_ ? 1 : 0;
+    run_.failures += isRecovery_ && !isBusy ? 1 : 0;
     run_.recoveryPending = true;
     run_.recoveryAttempts += (run_.recoveryAttempts.empty() ? L"" : L"; ") + run_.started + L" " + ToWide(what);
     if (run_.recoveryAttempts.size() > kLongestAttempts)
     {
         run_.recoveryAttempts.erase(0, run_.recoveryAttempts.size() - kLongestAttempts);
     }
-    const bool hasFailed = run_.failures >= kRecoveryAttempts || run_.keptInstaller.empty();
+    const bool hasFailed =
+        run_.failures >= kRecoveryAttempts || ((run_.lost & kMainProduct) != 0 && run_.keptInstaller.empty());
     std::vector<std::string> evidence = {what};
     evidence.push_back("tried: " + ToUtf8(run_.recoveryAttempts));
     evidence.push_back(run_.keptInstaller.empty() ? "no installer is kept" : "kept: " + ToUtf8(run_.keptInstaller));
@@ -263,19 +265,14 @@ Finding FleetRun::ReportLoss(const Finding& finding, const std::string& what)
 // Runs the tool and compares the products afterwards with those that must be there.
 Finding FleetRun::StartTool(const ToolStart& start)
 {
-    try
-    {
-        place_.MakeTemporary();
-    }
-    catch (const Failure& failure)  // a program of an earlier run still has files open there
-    {
-        return Only("tool-running", {failure.what()});
-    }
+    place_.MakeTemporary();
     SetEnvironmentVariableW(L"TMP", place_.Temporary().c_str());
     SetEnvironmentVariableW(L"TEMP", place_.Temporary().c_str());
     const std::uint32_t wanted = before_.installed.products | run_.lost;
     const std::uint32_t unchecked = std::exchange(run_.products, wanted);  // of earlier runs
     run_.mark = start.mark;
+    run_.tool = start.tool;
+    const std::uint32_t lostBefore = run_.lost;
     Remember();
 
     ToolEnd end = RunTool(start);
@@ -313,9 +310,21 @@ Finding FleetRun::StartTool(const ToolStart& start)
         place_.RemoveKept();
         return end.finding;
     }
-    KeepForNextRun(start.mark);
-    return ReportLoss(end.finding, std::string(meaning.id) + ": " + std::string(meaning.title) + ", exit code " +
-                                       std::to_string(end.finding.exitCode.value_or(0)));
+    // What is kept stays: an attempt to recover may have used another installer.
+    const bool isKept =
+        (run_.lost & kMainProduct) != 0 ? FileExists(run_.keptInstaller) : HasKeptPackages(place_, run_.lost);
+    if (isKept && (run_.lost & ~lostBefore) == 0)
+    {
+        place_.RemoveTemporary();
+    }
+    else
+    {
+        KeepForNextRun(start.mark);
+    }
+    return ReportLoss(end.finding,
+                      std::string(meaning.id) + ": " + std::string(meaning.title) + ", exit code " +
+                          std::to_string(end.finding.exitCode.value_or(0)),
+                      meaning.id == "direct-busy");
 }
 
 Finding FleetRun::Recover()
@@ -326,15 +335,16 @@ Finding FleetRun::Recover()
     }
     if (run_.keptInstaller.empty())
     {
-        return ReportLoss({}, "no installer");
+        return ReportLoss({}, "no installer", false);
     }
     Switches direct = {L"-VLT", L"-Install", L"-Path", run_.keptInstaller};
     if (HasSwitch(switches_, "-SILENT"))
     {
         direct.emplace_back(L"-SILENT");
     }
-    Finding finding =
-        StartTool({tool_, MakeMark(), direct, std::min(options_.limitSeconds, kRecoveryLimitSeconds), true});
+    const int limit = options_.kill ? std::min(options_.limitSeconds, kRecoveryLimitSeconds) : kRecoveryLimitSeconds;
+    Finding finding = StartTool({tool_, MakeMark(), direct, limit, true});
+    EndHiddenApplication();
     const Meaning& meaning = DecidedBy(finding);
     const bool isDone = run_.lost == 0 && IsSuccess(meaning.code);
     const char* const id = meaning.code == 0 ? "recovered" : "recovered-restart";
@@ -352,7 +362,7 @@ Finding FleetRun::InstallLostPackages()
     const std::string what = "packages: " + result.codes;
     if (run_.lost != 0)
     {
-        return ReportLoss({}, what);
+        return ReportLoss({}, what, result.isBusy);
     }
     ForgetRecovery(run_);
     run_.products = 0;
@@ -382,6 +392,8 @@ void WriteToApplicationLog(const Meaning& meaning, const Finding& finding, const
 int Conclude(const Finding& finding, LastRun run, const std::optional<SafePlace>& place)
 {
     const Meaning& meaning = DecidedBy(finding);
+    // Otherwise the key belongs to the run that has the folder, or may have it.
+    const bool isOurs = place ? !place->IsTaken() : run.outcome != kRunning;
     run.outcome = ToWide(meaning.id);
     run.title = ToWide(meaning.title);
     run.code = static_cast<std::uint32_t>(meaning.code);
@@ -398,7 +410,7 @@ int Conclude(const Finding& finding, LastRun run, const std::optional<SafePlace>
             WriteError(failure.what());
         }
     };
-    if (!place || !place->IsTaken())  // otherwise the key belongs to the run that has the folder
+    if (isOurs)
     {
         attempt([&] { WriteLastRun(run); });
     }
@@ -411,7 +423,8 @@ int Conclude(const Finding& finding, LastRun run, const std::optional<SafePlace>
 
 int ExecuteRun(const RunOptions& options, const Switches& switches)
 {
-    LastRun run = Begin();
+    LastRun run;
+    bool isRead = false;
     std::optional<SafePlace> place;
     Finding finding;
     try
@@ -421,6 +434,8 @@ int ExecuteRun(const RunOptions& options, const Switches& switches)
         {
             return Conclude(Only("tool-running"), std::move(run), place);
         }
+        run = Begin();  // not earlier: until now another run may have written it
+        isRead = true;
         const std::wstring tool = options.tool.empty() ? ToolBesideUs() : ToWide(options.tool);
         if (options.keep)
         {
@@ -432,6 +447,18 @@ int ExecuteRun(const RunOptions& options, const Switches& switches)
     {
         WriteError(failure.what());
         finding = Only("not-started", {failure.what()});
+        if (!isRead)
+        {
+            place.reset();
+            try
+            {
+                run = Begin();
+            }
+            catch (const Failure&)  // a key that cannot be read is not written
+            {
+                run.outcome = kRunning;
+            }
+        }
     }
     return Conclude(finding, std::move(run), place);
 }

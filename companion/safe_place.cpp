@@ -20,6 +20,8 @@ namespace
 {
 // Owned by administrators; they and the system have all rights; nothing is inherited from the folder above.
 constexpr wchar_t kSecurity[] = L"O:BAD:PAI(A;OICI;FA;;;BA)(A;OICI;FA;;;SY)";
+// More than one, because an installer that goes on, or a user, may have a file open in the last one.
+constexpr int kTemporaryFolders = 9;
 constexpr int kMoveAttempts = 20;
 constexpr DWORD kMovePauseMs = 250;
 
@@ -40,15 +42,16 @@ bool IsOurAccount(PSID sid)
 }
 
 // True if administrators or the system own the open folder, or the administrator that this program runs as: on some
-// machines a policy makes him the owner.
-bool BelongsToAdministrators(HANDLE folder)
+// machines a policy makes him the owner. Throws Failure if the owner cannot be read.
+bool BelongsToAdministrators(const std::wstring& path, HANDLE folder)
 {
     PSID owner = nullptr;
     void* memory = nullptr;
-    if (GetSecurityInfo(folder, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr, nullptr,
-                        &memory) != ERROR_SUCCESS)
+    const DWORD error =
+        GetSecurityInfo(folder, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr, nullptr, &memory);
+    if (error != ERROR_SUCCESS)
     {
-        return false;
+        Fail(path, error);
     }
     const LocalMemory descriptor(memory);
     return IsWellKnownSid(owner, WinBuiltinAdministratorsSid) != 0 || IsWellKnownSid(owner, WinLocalSystemSid) != 0 ||
@@ -78,7 +81,7 @@ FileHandle CreateProtected(const std::wstring& path)
         Fail(path, GetLastError());
     }
     FileHandle held = HoldFolder(path, READ_CONTROL);
-    if (!held || !BelongsToAdministrators(held.Get()))
+    if (!held || !BelongsToAdministrators(path, held.Get()))
     {
         Fail(path, ERROR_ACCESS_DENIED);
     }
@@ -100,24 +103,43 @@ bool Protect(HANDLE folder)
 
 FileHandle OpenOrCreateProtected(const std::wstring& path)
 {
-    FileHandle held = IsLink(path) ? FileHandle() : HoldFolder(path, READ_CONTROL | WRITE_DAC);
-    if (held && BelongsToAdministrators(held.Get()) && Protect(held.Get()))
+    if (!IsLink(path) && !FileExists(path))
     {
-        return held;
+        Rights rights;
+        // An existing one is checked: another first run may have made it just now.
+        if (rights.descriptor && CreateDirectoryW(path.c_str(), &rights.attributes) == 0 &&
+            GetLastError() != ERROR_ALREADY_EXISTS)
+        {
+            Fail(path, GetLastError());
+        }
+        FileHandle held = HoldFolder(path, READ_CONTROL | WRITE_DAC);
+        if (!held)
+        {
+            Fail(path, GetLastError());
+        }
+        if (BelongsToAdministrators(path, held.Get()))
+        {
+            if (!Protect(held.Get()))
+            {
+                Fail(path, ERROR_ACCESS_DENIED);
+            }
+            return held;
+        }
     }
-    held.Close();
     RemoveAll(path);
     return CreateProtected(path);
 }
 
-void RemoveQuietly(const std::wstring& path) noexcept
+bool RemoveQuietly(const std::wstring& path) noexcept
 {
     try
     {
         RemoveAll(path);
+        return true;
     }
     catch (const std::filesystem::filesystem_error&)
     {
+        return false;
     }
 }
 }  // namespace
@@ -148,13 +170,33 @@ SafePlace::SafePlace() : folder_(GetProgramFolder() + L"\\Repair")
     {
         Fail(folder_, error);
     }
+    temporary_ = TemporaryName(1);
+    for (int number = 2; number <= kTemporaryFolders; ++number)  // the last run has used the last one
+    {
+        const std::wstring name = TemporaryName(number);
+        temporary_ = GetFileAttributesW(name.c_str()) != INVALID_FILE_ATTRIBUTES ? name : temporary_;
+    }
 }
 
-void SafePlace::MakeTemporary() const
+std::wstring SafePlace::TemporaryName(int number) const
 {
+    return folder_ + L"\\Temp" + (number == 1 ? L"" : std::to_wstring(number));
+}
+
+void SafePlace::MakeTemporary()
+{
+    temporary_.clear();
+    for (int number = kTemporaryFolders; number >= 1; --number)  // all, because each can be a big one
+    {
+        const std::wstring name = TemporaryName(number);
+        temporary_ = RemoveQuietly(name) ? name : temporary_;
+    }
+    if (temporary_.empty())
+    {
+        Fail(TemporaryName(1), ERROR_SHARING_VIOLATION);
+    }
     try
     {
-        RemoveAll(Temporary());
         const FileHandle held = CreateProtected(Temporary());
         CreateDirectories(JoinPath(Temporary(), kExtractionFolder));
     }
@@ -173,9 +215,15 @@ bool SafePlace::KeepTemporary() const
         const DWORD error = GetLastError();
         if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND || attempt == kMoveAttempts)
         {
-            return CreateDirectoryW(Kept().c_str(), nullptr) != 0;
+            return false;
         }
         Sleep(kMovePauseMs);
+    }
+    // The tool has let the session's user delete the packages.
+    const FileHandle packages = HoldFolder(JoinPath(Kept(), kExtractionFolder), READ_CONTROL | WRITE_DAC);
+    if (packages)
+    {
+        Protect(packages.Get());
     }
     return true;
 }

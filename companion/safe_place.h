@@ -22,7 +22,7 @@ public:
     [[nodiscard]] bool IsTaken() const { return !lock_; }
 
     // The tool's temporary folder.
-    [[nodiscard]] std::wstring Temporary() const { return folder_ + L"\\Temp"; }
+    [[nodiscard]] const std::wstring& Temporary() const { return temporary_; }
     // What a recovery needs.
     [[nodiscard]] std::wstring Kept() const { return folder_ + L"\\Kept"; }
 
@@ -30,10 +30,10 @@ public:
     [[nodiscard]] std::wstring Programs() const { return folder_ + L"\\Programs"; }
 
     // Makes the temporary folder anew, with the folder that the installer is started in: in a session without a user
-    // the tool does not make that. Throws Failure.
-    void MakeTemporary() const;
+    // the tool does not make that. If a program has the old one open, this one gets another name. Throws Failure.
+    void MakeTemporary();
 
-    // Makes the temporary folder, or an empty one, the kept one. Returns false if that fails.
+    // Makes the temporary folder the kept one. Returns false if that fails; then there is no kept one.
     [[nodiscard]] bool KeepTemporary() const;
 
     // Failures are ignored: the next run makes both anew.
@@ -41,7 +41,10 @@ public:
     void RemoveKept() const noexcept;
 
 private:
+    [[nodiscard]] std::wstring TemporaryName(int number) const;
+
     std::wstring folder_;
+    std::wstring temporary_;
     FileHandle held_;  // so that the folder cannot be replaced
     FileHandle lock_;
 };

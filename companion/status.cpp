@@ -82,9 +82,13 @@ void FindVerdict(Status& status)
     }
     if (drivers.empty())
     {
+        if (HasLine(status, {"Failed to call SetupDi*"}))
+        {
+            return Decide(status, "unknown", kFailed, "unknown: Windows does not list the adapters");
+        }
         return HasLine(status, {"Unable to find ReleaseVersion regkey for *", "Failed to get SPDRP_DRIVER for *",
-                                "Failed to call SetupDi*"})
-                   ? Decide(status, "no-usable-driver", kStatusNoAdapter,
+                                "Enumerating installed drivers for *"})
+                   ? Decide(status, "no-usable-driver", kStatusNoUsableDriver,
                             "no usable driver: the adapter's has no release")
                    : Decide(status, "no-adapter", kStatusNoAdapter, "no adapter: Windows lists none of the maker");
     }

@@ -47,7 +47,7 @@ int Detect(const Status& status)
     {
         throw Failure(status.sentence);
     }
-    if (status.exitCode != kStatusDue && status.exitCode != kStatusRecovery)
+    if (status.exitCode != kStatusDue && status.exitCode != kStatusRecovery && status.exitCode != kStatusNoUsableDriver)
     {
         WriteOutput(status.sentence + "\n");
     }
@@ -79,7 +79,7 @@ void AddStatusCommand(CLI::App& program, int& result)
         ->excludes(json);
     command.footer(
         "Exit code: 0 up to date; 1 not known; 2 wrong usage; 4 a repair is due; 5 a recovery is pending; 6 the\n"
-        "application is not installed; 7 no adapter of the maker, or none with a usable driver.\n"
+        "application is not installed; 7 no adapter of the maker; 8 none of them has a usable driver.\n"
         "\n"
         "Examples:\n"
         "  TavikToolCompanion status --json\n"

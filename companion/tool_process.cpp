@@ -172,7 +172,7 @@ bool HasAdministratorRights(HANDLE process)
     HANDLE handle = nullptr;
     if (OpenProcessToken(process, TOKEN_QUERY, &handle) == 0)
     {
-        return false;
+        return GetLastError() == ERROR_ACCESS_DENIED;  // an administrator cannot ask about a process of the system
     }
     const ProcessHandle token(handle);
     TOKEN_ELEVATION elevation = {};
@@ -248,7 +248,10 @@ bool IsToolRunning(const std::wstring& tool)
     });
 }
 
-bool IsApplicationRunning()
+namespace
+{
+// True if a window program of the application fits.
+bool AnyWindowProgram(const std::function<bool(DWORD id, DWORD session)>& fits)
 {
     std::wstring location;
     try
@@ -259,9 +262,31 @@ bool IsApplicationRunning()
     {
         return false;
     }
-    return AnyProcess([&location](HANDLE, const std::wstring& path) {
+    return AnyProcess([&](HANDLE process, const std::wstring& path) {
+        const DWORD id = GetProcessId(process);
+        DWORD session = MAXDWORD;
+        ProcessIdToSessionId(id, &session);
         return std::ranges::any_of(kWindowPrograms,
-                                   [&](const wchar_t* name) { return EqualNoCase(path, location + name); });
+                                   [&](const wchar_t* name) { return EqualNoCase(path, location + name); }) &&
+               fits(id, session);
+    });
+}
+}  // namespace
+
+bool IsApplicationRunning()
+{
+    return AnyWindowProgram([](DWORD, DWORD session) { return session != 0; });
+}
+
+void EndHiddenApplication()
+{
+    AnyWindowProgram([](DWORD id, DWORD session) {
+        const ProcessHandle process(session == 0 ? OpenProcess(PROCESS_TERMINATE, FALSE, id) : nullptr);
+        if (process)
+        {
+            TerminateProcess(process.Get(), ERROR_SUCCESS);
+        }
+        return false;
     });
 }
 }  // namespace repair

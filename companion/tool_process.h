@@ -43,9 +43,13 @@ std::wstring OurPath();
 std::wstring ToolBesideUs();
 
 // True if a process of the tool runs with administrator rights: one started from this path, or from another one with
-// the tool's name. Without these rights it is another program of that name, or cannot do anything.
+// the tool's name. Without these rights it is another program of that name, or cannot do anything. One whose rights
+// cannot be asked for counts.
 bool IsToolRunning(const std::wstring& tool);
 
-// True if a window program of the application runs, in any session.
+// True if a window program of the application runs in any session of a user.
 bool IsApplicationRunning();
+
+// Ends the window programs that a direct installation has started where no user sees them, in session 0.
+void EndHiddenApplication();
 }  // namespace repair

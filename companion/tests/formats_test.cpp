@@ -8,10 +8,38 @@
 
 #include "companion/failure.h"
 #include "companion/output_file.h"
+#include "companion/recogniser.h"
 #include "companion/unicode.h"
 #include "companion/zip_archive.h"
 
 using namespace repair;
+
+TEST(Recogniser, TheExitCodeStaysUnlessTheLogIsTrusted)
+{
+    const std::wstring log =
+        L"Launched with command line: tool\nCurrently installed VLT is version [23.40] from driver version [23.40.1]\n"
+        L"Installing C:\\dwx-next64.msi\n\tResult = 1603\n";
+    Recogniser recogniser("x.log", static_cast<int>(0x80070643U));
+    recogniser.Feed({reinterpret_cast<const char*>(log.data()), log.size() * sizeof(wchar_t)});
+    Finding finding = recogniser.Finish();
+    ASSERT_EQ(finding.candidates.size(), 1U);
+    EXPECT_EQ(finding.exitCode, static_cast<int>(0x80070643U));
+    TrustLog(finding);
+    EXPECT_EQ(finding.exitCode, 1603);
+}
+
+TEST(OutputFile, AFileOfTheNameOfItsPartIsNotOverwritten)
+{
+    const std::wstring path = (std::filesystem::temp_directory_path() / L"formats_test").wstring();
+    const std::wstring part = path + L".part";
+    {
+        OutputFile(path, true).Append("x");
+        const FileHandle other(CreateFileW(part.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    }
+    EXPECT_THROW(OutputFile(path, false), Failure);
+    EXPECT_TRUE(std::filesystem::exists(part));
+    std::filesystem::remove(part);
+}
 
 TEST(Unicode, LettersAreFoldedAsWindowsDoes)
 {

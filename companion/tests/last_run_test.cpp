@@ -9,7 +9,7 @@
 #include "base/registry.h"
 #include "companion/failure.h"
 
-IMPORTED(RegFlushKey, RegSetValueExW)
+IMPORTED(RegFlushKey, RegOpenKeyExW, RegSetValueExW)
 
 using namespace repair;
 
@@ -71,6 +71,23 @@ TEST(LastRun, ValuesOfAnotherTypeAreMissing)
     MachineRegistry::SetValue(kKey, L"Outcome", REG_DWORD, {1, 0, 0, 0});
     const LastRun read = ReadLastRun().value_or(Written());
     EXPECT_EQ(std::tuple(read.code, read.outcome, read.toolCode), std::tuple(0U, L"", std::nullopt));
+}
+
+TEST(LastRun, WhatAnInterruptedWriteLeavesForgetsNoLoss)
+{
+    const MachineRegistry registry;
+    const RECORD(RegSetValueExW) set;
+    WriteLastRun(Written());
+    const auto calls = set.Calls();
+    ASSERT_FALSE(calls.empty());
+    EXPECT_EQ(std::get<1>(calls.back()), L"ProductsBefore");
+}
+
+TEST(LastRun, AKeyThatCannotBeReadIsAnError)
+{
+    const MachineRegistry registry;
+    SUBSTITUTE(RegOpenKeyExW) open([](auto...) { return ERROR_ACCESS_DENIED; });
+    EXPECT_THROW(ReadLastRun(), Failure);
 }
 
 TEST(LastRun, AWriteThatFailsIsAnError)

@@ -6,8 +6,10 @@
 #include <aclapi.h>
 
 #include "base/files.h"
+#include "companion/failure.h"
+#include "companion/recovery.h"
 
-IMPORTED(GetSecurityInfo, SetSecurityInfo)
+IMPORTED(GetSecurityInfo, MoveFileW, SetSecurityInfo)
 
 using namespace repair;
 
@@ -57,6 +59,60 @@ TEST_F(SafePlaceTest, AFolderOfAnotherOwnerIsMadeAnew)
     EXPECT_FALSE(place.IsTaken());
     EXPECT_FALSE(isFirst);
     EXPECT_FALSE(Exists(kPlanted));
+}
+
+TEST_F(SafePlaceTest, AFolderWhoseOwnerCannotBeReadIsLeftAlone)
+{
+    SUBSTITUTE(GetSecurityInfo) get([](auto...) { return DWORD{ERROR_ACCESS_DENIED}; });
+    EXPECT_THROW(SafePlace(), Failure);
+    EXPECT_TRUE(Exists(kPlanted));
+}
+
+TEST_F(SafePlaceTest, AFileThatIsOpenInTheTemporaryFolderGivesTheNextRunAnotherOne)
+{
+    SafePlace place;
+    place.MakeTemporary();
+    EXPECT_EQ(place.Temporary(), kFolder + L"\\Temp");
+    {
+        const FileHandle open(CreateFileW((place.Temporary() + L"\\open").c_str(), GENERIC_WRITE, FILE_SHARE_READ,
+                                          nullptr, CREATE_ALWAYS, 0, nullptr));
+        place.MakeTemporary();
+        EXPECT_EQ(place.Temporary(), kFolder + L"\\Temp2");
+        EXPECT_TRUE(Exists(kFolder + L"\\Temp2\\Tavik_VLTInstallerDownload\\LPInstaller"));
+    }
+    place.MakeTemporary();
+    EXPECT_EQ(place.Temporary(), kFolder + L"\\Temp");
+    EXPECT_FALSE(Exists(kFolder + L"\\Temp2"));
+}
+
+TEST_F(SafePlaceTest, KeptPackagesGetTheRightsOfTheFolder)
+{
+    SafePlace place;
+    place.MakeTemporary();
+    const RECORD(SetSecurityInfo) set;
+    EXPECT_TRUE(place.KeepTemporary());
+    EXPECT_EQ(set.Calls().size(), 1U);
+}
+
+TEST_F(SafePlaceTest, AnInstallerIsCopiedWhenItsFolderCannotBeMoved)
+{
+    SafePlace place;
+    place.MakeTemporary();
+    const std::wstring installer = place.Temporary() + L"\\dwx2_install.exe";
+    {
+        const FileHandle made(CreateFileW(installer.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    }
+    SUBSTITUTE(MoveFileW)
+    move([](auto...) {
+        SetLastError(ERROR_PATH_NOT_FOUND);
+        return FALSE;
+    });
+    LastRun run;
+    run.lost = kMainProduct;
+    KeepInstaller(place, installer, run);
+    EXPECT_EQ(run.keptInstaller, kFolder + L"\\Kept\\dwx2_install.exe");
+    KeepInstaller(place, run.keptInstaller, run);  // it cannot be moved aside either
+    EXPECT_TRUE(Exists(run.keptInstaller)) << "and is not removed with its folder";
 }
 
 TEST_F(SafePlaceTest, OneRunAtATime)

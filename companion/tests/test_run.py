@@ -220,6 +220,16 @@ def test_the_programs_are_kept():
         assert kept == {program.name: program.stat().st_size for program in (paths.COMPANION, paths.TOOL)}
 
 
+def test_kept_programs_have_their_names_and_can_be_replaced():
+    files = {r"C:\x\other.exe": {"copy": str(paths.TOOL)}}
+    with fleet({"desktop": {"release": "24.20"}, "files": files}) as machine:
+        machine.session.drive.joinpath("x", "other.exe").chmod(0o444)
+        for _ in range(2):
+            assert machine.run(arguments=r"--keep --tool C:\x\other.exe -- -SILENT") == ("same-release", 0)
+        kept = machine.session.drive.joinpath(*PLACE.split("\\")[1:], "Programs", "TavikCompatibilityTool.exe")
+        assert kept.stat().st_mode & 0o200 and not kept.with_name(kept.name + ".new").exists()
+
+
 # The application is in use
 
 # Proves: `run --unless-in-use` is started while the application is open => nothing is started, code 1618; without it the machine is repaired
@@ -246,7 +256,7 @@ def test_the_registry_after_a_run():
     assert values == {
         "Outcome": "repaired", "Title": "Repaired", "Code": 0, "ToolCode": 0, "Release": "24.20.11.01", "VersionBefore": "23.40", "VersionAfter": "24.20",
         "Log": rf"C:\Program Files\Tavik\MIM\Log\{said['log']}", "Attempt": 1, "ProductsBefore": 0, "ProductsLost": 0, "RecoveryPending": 0,
-        "RecoveryFailures": 0, "RecoveryAttempts": "", "KeptInstaller": "", "KeptRelease": ""}
+        "RecoveryFailures": 0, "RecoveryAttempts": "", "KeptInstaller": "", "KeptRelease": "", "Tool": r"C:\lab\TavikCompatibilityTool.exe"}
 
 
 def test_attempts_are_counted_until_one_succeeds():
@@ -425,6 +435,32 @@ def test_the_tool_ends_after_the_time_limit_without_the_application():
         time.sleep(0.5)
         assert machine.run() == ("recovered", 0)
         check_repaired(machine, whole())
+
+
+# Proves: The recovery takes longer than the time limit of the tool => it is not ended
+def test_a_time_limit_does_not_end_the_recovery():
+    with fleet(found()) as machine:
+        assert machine.run(f"{MAIN} return=1618") == ("recovery-pending", 1618)
+        assert machine.run(f"{MAIN} sleep=5000", arguments="--timeout 2 -- -SILENT") == ("recovered", 0)
+
+
+# Proves: Windows Installer is busy whenever `run` recovers => code 1618 again and again
+def test_a_busy_windows_installer_is_no_failed_recovery():
+    with fleet(found(desktop={"families": list(FAMILIES)})) as machine:
+        rule = f"{DVR} return=1618"
+        assert [machine.run(rule) for _ in range(5)] == [("recovery-pending", 1618)] * 5
+        assert machine.run() == ("recovered", 0)
+    with fleet(found()) as machine:
+        rule = f"{MAIN} return=1618"
+        assert [machine.run(rule) for _ in range(5)] == [("recovery-pending", 1618)] * 5
+
+
+# Proves: A direct installation by hand fails while a recovery is pending => what is kept stays, and the next `run` recovers
+def test_a_failed_attempt_by_hand_costs_nothing_that_is_kept():
+    with fleet(found(desktop={"families": list(FAMILIES)}, files={r"C:\wrong.exe": "no program"})) as machine:
+        assert machine.run(f"{DVR} return=1618") == ("recovery-pending", 1618)
+        assert machine.run(arguments=r"-- -VLT -Install -Path C:\wrong.exe -SILENT")[1] == 1618
+        assert machine.run() == ("recovered", 0) and machine.said["evidence"] == ["packages: DVR 0"]
 
 
 def remove_application(machine: Fleet) -> None:
