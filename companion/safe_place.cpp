@@ -106,9 +106,8 @@ FileHandle OpenOrCreateProtected(const std::wstring& path)
     if (!IsLink(path) && !FileExists(path))
     {
         Rights rights;
-        // An existing one is checked: another first run may have made it just now.
-        if (rights.descriptor && CreateDirectoryW(path.c_str(), &rights.attributes) == 0 &&
-            GetLastError() != ERROR_ALREADY_EXISTS)
+        const bool isNew = rights.descriptor && CreateDirectoryW(path.c_str(), &rights.attributes) != 0;
+        if (!isNew && GetLastError() != ERROR_ALREADY_EXISTS)  // another first run may have made it just now
         {
             Fail(path, GetLastError());
         }
@@ -119,7 +118,7 @@ FileHandle OpenOrCreateProtected(const std::wstring& path)
         }
         if (BelongsToAdministrators(path, held.Get()))
         {
-            if (!Protect(held.Get()))
+            if (!isNew && !Protect(held.Get()))
             {
                 Fail(path, ERROR_ACCESS_DENIED);
             }
