@@ -25,7 +25,7 @@ MAY_INCLUDE = {
     "companion": {"companion", "base", "inventory", "resources/version.h", *STATUS},
     "windows_check": {"windows_check", "support", *TOOL},
     "tests": {"support", *TOOL},
-    "companion/tests": {"companion", "support", "base"},
+    "companion/tests": {"companion", "support", "base", "install/constants.h"},
     "companion/fuzz": {"companion"},
     "bench": {"bench", *TOOL},
 }
