@@ -48,7 +48,7 @@ TEST(ExceptionText, IsReadAsUtf8AndWhatIsNotInTheCodePageOfTheSystem)
         {"plain [C:\\x]", L"plain [C:\\x]"},
         {"J\xc3\xbcrgen \xe2\x98\x83 \xf0\x9f\x98\x80.", L"J\u00fcrgen \u2603 \U0001f600."},
         {"\xc3\xa4\xc3\xb6\xe2\x98\x83\xe2\x98\x83", L"\u00e4\u00f6\u2603\u2603"},  // one directly after the other
-        {"ung\xfcltig: [J\xc3\xbcrgen]", L"ung\u00fcltig: [J\u00fcrgen]"},  // both in one text
+        {"ung\xfcltig: [J\xc3\xbcrgen]", L"ung\u00fcltig: [J\u00fcrgen]"},          // both in one text
         {"\x80 \xe4", L"\u20ac \u00e4"},
         {"x\xe2\x98", L"x\u00e2\u02dc"},                                 // cut off
         {"\xc0\xaf \xed\xa0\x80", L"\u00c0\u00af \u00ed\u00a0\u20ac"}};  // not allowed
