@@ -96,15 +96,21 @@ std::string Summarise(const CollectedLog& log, const Redactor& redactor)
 // Applies `edit` to each text.
 void EditTexts(nlohmann::ordered_json& json, const std::function<std::string(const std::string&)>& edit)
 {
-    if (json.is_string())
+    std::vector<nlohmann::ordered_json*> left = {&json};
+    while (!left.empty())
     {
-        json = edit(json.get<std::string>());
-    }
-    else if (json.is_structured())
-    {
-        for (nlohmann::ordered_json& item : json)
+        nlohmann::ordered_json& one = *left.back();
+        left.pop_back();
+        if (one.is_string())
         {
-            EditTexts(item, edit);
+            one = edit(one.get<std::string>());
+        }
+        else if (one.is_structured())
+        {
+            for (nlohmann::ordered_json& item : one)
+            {
+                left.push_back(&item);
+            }
         }
     }
 }

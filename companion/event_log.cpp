@@ -51,6 +51,7 @@ void WriteEvent(std::uint32_t id, int code, const std::vector<std::wstring>& tex
 {
     Register(program);
     std::vector<const wchar_t*> pointers;
+    pointers.reserve(texts.size());
     for (const std::wstring& text : texts)
     {
         pointers.push_back(text.c_str());

@@ -174,7 +174,7 @@ LocalTime LastWritten(const std::wstring& path)
 std::optional<int> DurationOfRun(const std::wstring& path)
 {
     constexpr std::int64_t kTicksPerSecond = 10'000'000;
-    constexpr std::int64_t kLongest = 24 * 3600;
+    constexpr std::int64_t kLongest = std::int64_t{24} * 3600;
     constexpr std::int64_t kRounding = 2;  // archives round times down to even seconds
     const std::optional<LocalTime> began = ParseLogName(ToUtf8(FileNameOf(path)));
     const std::int64_t seconds = began ? (Ticks(LastWritten(path)) - Ticks(*began)) / kTicksPerSecond : kLongest + 1;

@@ -206,8 +206,9 @@ void Recogniser::Reconsider(int exitCode)
     const bool isRunCode = Contains(kRunCodes, inside.value_or(exitCode));
     finding_.byLog = Find(std::nullopt, false);
     const auto hasNoEnd = [](const Candidate& candidate) { return !candidate.hasEnd; };
-    finding_.byLog.erase(isRunCode ? finding_.byLog.end() : std::ranges::remove_if(finding_.byLog, hasNoEnd).begin(),
-                         finding_.byLog.end());
+    finding_.byLog.erase(
+        isRunCode ? finding_.byLog.end() : std::remove_if(finding_.byLog.begin(), finding_.byLog.end(), hasNoEnd),
+        finding_.byLog.end());
 }
 
 Finding Recogniser::Finish()
