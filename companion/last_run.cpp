@@ -11,12 +11,13 @@ namespace
 {
 constexpr wchar_t kKey[] = L"SOFTWARE\\Tavik\\RepairTool\\LastRun";
 
-struct TextValue
+template <class Type>
+struct Value
 {
     const wchar_t* name;
-    std::wstring LastRun::*field;
+    Type LastRun::*field;
 };
-constexpr TextValue kTexts[] = {
+constexpr Value<std::wstring> kTexts[] = {
     {L"Outcome", &LastRun::outcome},
     {L"Title", &LastRun::title},
     {L"Started", &LastRun::started},
@@ -32,12 +33,7 @@ constexpr TextValue kTexts[] = {
     {L"Tool", &LastRun::tool},
 };
 
-struct NumberValue
-{
-    const wchar_t* name;
-    std::uint32_t LastRun::*field;
-};
-constexpr NumberValue kNumbers[] = {
+constexpr Value<std::uint32_t> kNumbers[] = {
     {L"Code", &LastRun::code},
     {L"Attempt", &LastRun::attempt},
     {L"ProductsLost", &LastRun::lost},
@@ -95,11 +91,11 @@ std::optional<LastRun> ReadLastRun()
     }
     const RegistryKey key(handle);
     LastRun last;
-    for (const TextValue& value : kTexts)
+    for (const Value<std::wstring>& value : kTexts)
     {
         last.*value.field = ReadText(key, value.name);
     }
-    for (const NumberValue& value : kNumbers)
+    for (const Value<std::uint32_t>& value : kNumbers)
     {
         last.*value.field = ReadNumber(key, value.name).value_or(0);
     }
@@ -115,13 +111,13 @@ void WriteLastRun(const LastRun& last)
     Check(RegCreateKeyExW(HKEY_LOCAL_MACHINE, kKey, 0, nullptr, 0, KEY_READ | KEY_WRITE | KEY_WOW64_64KEY, nullptr,
                           &handle, nullptr));
     const RegistryKey key(handle);
-    for (const TextValue& value : kTexts)
+    for (const Value<std::wstring>& value : kTexts)
     {
         const std::wstring& text = last.*value.field;
         Check(RegSetValueExW(key.Get(), value.name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
                              static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))));
     }
-    for (const NumberValue& value : kNumbers)
+    for (const Value<std::uint32_t>& value : kNumbers)
     {
         WriteNumber(key, value.name, last.*value.field);
     }
