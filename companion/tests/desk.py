@@ -15,7 +15,7 @@ import time
 from typing import Any
 
 from lab import paths
-from lab.prefix import Prefix
+from lab.prefix import NOT_INSTALLED, Prefix
 
 COMPANION = r"C:\lab\TavikToolCompanion.exe"
 NAME = "InstallVLTForWUDriver_2026-11-6_4_7_31_15.log"
@@ -57,20 +57,24 @@ class Desk:
         ours, theirs = pty.openpty()
         fcntl.ioctl(theirs, termios.TIOCSWINSZ, struct.pack("HHHH", 60, 200, 0, 0))
         shown, pressed, limit = b"", False, time.monotonic() + 60
-        with subprocess.Popen([paths.WINE, *command], env=self.prefix.environment(), stdin=theirs, stdout=theirs, stderr=theirs,
-                              start_new_session=True) as process:
+        variables = {**self.prefix.environment(), "WINEDLLOVERRIDES": NOT_INSTALLED}  # here a console is shown
+        with subprocess.Popen([paths.WINE, *command], env=variables, stdin=theirs, stdout=theirs, stderr=theirs, start_new_session=True) as process:
             os.close(theirs)
             while time.monotonic() < limit:
                 ended = process.poll() is not None
                 if select.select([ours], [], [], 0.1)[0]:
-                    with contextlib.suppress(OSError):  # nothing is left
+                    try:
                         shown += os.read(ours, 65536)
+                    except OSError:  # the last program of the console has ended
+                        break
                 elif ended:
                     break
                 if b"Press a key" in shown and not pressed:
                     time.sleep(0.5)
                     pressed = process.poll() is None
                     os.write(ours, b"x")
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                process.wait(max(0.0, limit - time.monotonic()))
             process.kill()
         os.close(ours)
         text = re.sub(r"\x1b\[[?0-9;]*[A-Za-z]", "", shown.decode("utf-8", "replace")).replace("\r", "")
