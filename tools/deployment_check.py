@@ -129,7 +129,7 @@ def task(top: Path) -> Iterator[str]:
         "UserId": "S-1-5-18",  # SYSTEM
         "URI": name,
         "Command": rf'"{target}\TavikToolCompanion.exe"'.replace("%ProgramW6432%", "%ProgramFiles%"),
-        "Arguments": "run -- -SILENT",
+        "Arguments": "run --unless-in-use -- -SILENT",
         # A device of the class of display adapters got a driver; Install-TavikRepair.cmd enables this log.
         "Subscription": f'<QueryList><Query Id="0" Path="{log}"><Select Path="{log}">*[System[Provider[@Name=\'Microsoft-Windows-Kernel-PnP\'] and '
                         f"EventID=400]] and *[EventData[Data[@Name='ClassGuid']='{display_class(top)}']]</Select></Query></QueryList>"}
@@ -212,9 +212,11 @@ def scripts(top: Path) -> Iterator[str]:
 
 
 def limits(top: Path) -> Iterator[str]:
-    """Each recipe starts `run`, silently, and `run` ends before its system ends it."""
+    """Each recipe starts `run`, silently, and `run` ends before its system ends it, also when it installs a lost application; only for
+    Remediations, which has too little time for that, the page says what then happens."""
     deploy = top / "deploy"
-    default = int(re.search(r"kDefaultLimitSeconds = (\d+)", read(top / "companion/run_command.cpp"))[1])
+    default, recovery = (int(re.search(rf"{name} = (\d+)", read(top / "companion/run_command.cpp"))[1])
+                         for name in ("kDefaultLimitSeconds", "kRecoveryLimitSeconds"))
     app = json.loads(read(deploy / "intune/app.json"))
     configmgr = read(deploy / "configmgr/New-TavikApplication.ps1")
     task_file = ElementTree.parse(deploy / "task/TavikRepairAfterDriverUpdate.xml")
@@ -227,8 +229,8 @@ def limits(top: Path) -> Iterator[str]:
         started = re.search(r"\brun( --keep| --unless-in-use)?(?: --timeout (\d+))? -- -SILENT", command)
         if not started:
             yield f"{name}: must start the companion's run, silently: {command}"
-        elif int(started[2] or default) >= minutes * 60:
-            yield f"{name}: run waits {started[2] or default} seconds, and its system ends it after {minutes} minutes"
+        elif (seconds := max(int(started[2] or default), recovery if minutes != REMEDIATION_MINUTES else 0)) >= minutes * 60:
+            yield f"{name}: run waits {seconds} seconds, and its system ends it after {minutes} minutes"
 
 
 # Ansible

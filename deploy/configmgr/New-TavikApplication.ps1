@@ -7,6 +7,6 @@ $type = Add-CMScriptDeploymentType -ApplicationName $Name -DeploymentTypeName $N
     -InstallCommand 'TavikToolCompanion.exe run --keep --timeout 3000 -- -SILENT' `
     -ScriptLanguage PowerShell -ScriptText (Get-Content -LiteralPath "FileSystem::$Detection" -Raw) `
     -InstallationBehaviorType InstallForSystem -LogonRequirementType WhetherOrNotUserLoggedOn -UserInteractionMode Hidden `
-    -RebootBehavior BasedOnExitCode -EstimatedRuntimeMins 15 -MaximumRuntimeMins 60
+    -RebootBehavior BasedOnExitCode -EstimatedRuntimeMins 15 -MaximumRuntimeMins 90
 # 0, 3010 and 1618 are there from the start. 1603 counts as a failure anyway; so reports show a name for it.
 Add-CMDeploymentTypeReturnCode -InputObject $type -ReturnCode 1603 -CodeType Failure -Name 'Repair failed'

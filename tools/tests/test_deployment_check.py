@@ -90,7 +90,7 @@ FAULTS = {
         (TASK, "&lt;/Select&gt;", "", "Subscription is"), (TASK, "4d36e968", "4d36e969", "Subscription is"), (TASK, "EventID=400]]", "EventID=400]", "Subscription is"),
         (TASK, 'Path="Microsoft-Windows-Kernel-PnP/Configuration"', 'Path="System"', "Subscription is"), (TASK, "S-1-5-18", "S-1-5-32-544", "UserId is"),
         (TASK, 'Context="System"', 'Context="Someone"', "no principal"),
-        (TASK, "run -- -SILENT", "run -- -SILENT -FORCE", "Arguments is"), (TASK_SCRIPT, "RepairAfterDriverUpdate\n", "Repair\n", "URI is"),
+        (TASK, "use -- -SILENT", "use -- -SILENT -FORCE", "Arguments is"), (TASK_SCRIPT, "RepairAfterDriverUpdate\n", "Repair\n", "URI is"),
         (TASK_SCRIPT, "Kernel-PnP/Configuration", "Kernel-PnP/Device", "Subscription is"), (TASK_SCRIPT, r"%\Tavik\Repair", r"%\Tavik\Tool", "Command is"),
     ],
     "return_codes": [
@@ -111,7 +111,8 @@ FAULTS = {
         (WINGET + ".installer.yaml", "Tool-1.0.0.1\\", "", "in the folder"),
     ],
     "limits": [
-        (CONFIGMGR, "run --keep", "explain", "must start the companion's run"), (CONFIGMGR, "--timeout 3000", "--timeout 3600", "ends it after 60 minutes"),
+        (CONFIGMGR, "run --keep", "explain", "must start the companion's run"), (CONFIGMGR, "--timeout 3000", "--timeout 5400", "ends it after 90 minutes"),
+        (CONFIGMGR, "MaximumRuntimeMins 90", "MaximumRuntimeMins 60", "run waits 3600 seconds"),
         (INTUNE, '"maxRunTimeInMinutes": 180', '"maxRunTimeInMinutes": 150', "ends it after 150 minutes"), (INTUNE, "-- -SILENT", "--", "silently"),
         (REMEDY, " --timeout 1500", "", "run waits 9000 seconds"), (TASK, "PT3H", "PT2H", "ends it after 120 minutes"),
         ("companion/run_command.cpp", "kDefaultLimitSeconds = 9000", "kDefaultLimitSeconds = 10800", "ends it after 180 minutes"),
