@@ -1,12 +1,11 @@
-"""Where things are. TAVIK_BUILD names a build tree other than build/release, TAVIK_SHIPPED a folder with other programs to test."""
+"""Where things are. TAVIK_BUILD names a build tree other than build/release."""
 import os
 import pathlib
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = pathlib.Path(os.environ.get("TAVIK_BUILD", ROOT / "build" / "release")).resolve()
-SHIPPED = pathlib.Path(os.environ.get("TAVIK_SHIPPED", BUILD)).resolve()
-TOOL = SHIPPED / "TavikCompatibilityTool.exe"
-COMPANION = SHIPPED / "TavikToolCompanion.exe"
+TOOL = BUILD / "TavikCompatibilityTool.exe"
+COMPANION = BUILD / "TavikToolCompanion.exe"
 PROGRAMS = BUILD / "lab" / "programs"
 PACKAGES = BUILD / "lab" / "packages"
 STANDINS = BUILD / "lab" / "standins"

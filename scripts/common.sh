@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 case " $* " in
     *" --help "* | *" -h "* | *" --list "*) ;;
-    *) scripts/setup --quiet ;;
+    *) scripts/setup --quiet ${TAVIK_BUILT:+--run} ;;
 esac
 
 # The caller's display, proxies, library paths and temporary folder are left out, so that no result depends on them.

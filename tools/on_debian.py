@@ -1,12 +1,13 @@
 """Runs a command of this checkout on a Debian of another version. Needs root and, the first time, the network.
 
-    scripts/on-debian 13 scripts/test --quick    12 or 13; any command and its arguments
+    scripts/on-debian 13 scripts/test            12 or 13; any command and its arguments
+    scripts/on-debian 13 --built scripts/test --quick    with what was built here, in build/release, in place of a build of its own
     scripts/on-debian 13 bash                    to look around
 
-The first time a small Debian is made in build/debian-13/root, and scripts/setup installs there what this project needs (about 10
-minutes, 4 GB). The command sees the checkout at the same place as here, and build/debian-13/build in the place of build/. What this
-Debian has built is in build/shipped there: "env TAVIK_SHIPPED=build/shipped scripts/test --quick" tests these programs instead of its
-own. Everything else is apart, but for network and processes. To begin anew, remove build/debian-13.
+The first time a small Debian is made in build/debian-13/root, with what it needs to run tests (SIZE). What builds there installs
+the other packages first (10 minutes, 4 GB in all). The command sees the checkout at the same place as here, and build/debian-13/build in
+the place of build/. Everything else is apart, but for network and processes. TAVIK_WINDOWS is passed on. To begin anew, remove
+build/debian-13.
 """
 from __future__ import annotations
 
@@ -28,8 +29,7 @@ set -e; root=$1; top=$2; build=$3; shift 3
 mount --bind "$root" "$root"
 for folder in /proc /sys /dev; do mount --rbind "$folder" "$root$folder"; done
 while folder=$1; shift; [ "$folder" != -- ]; do mkdir -p "$root$folder"; mount --bind "$folder" "$root$folder"; done
-shipped=$top/build/release
-[ ! -d "$shipped" ] || { mkdir -p "$build/shipped"; mount --bind -o ro "$shipped" "$build/shipped"; }
+[ -z "$TAVIK_BUILT" ] || { mkdir -p "$build/release"; mount --bind "$top/build/release" "$build/release"; }
 mount --rbind "$build" "$root$top/build"
 cp -L /etc/resolv.conf /etc/hosts "$root/etc/"
 exec chroot "$root" sh -c 'cd "$0" && exec "$@"' "$top" "$@"
@@ -55,6 +55,11 @@ def machine_sources(version: str) -> list[str]:
     return found
 
 
+def other() -> str:
+    """The version that this machine does not have."""
+    return "12" if 'VERSION_ID="13"' in Path("/etc/os-release").read_text("utf-8") else "13"
+
+
 def obstacle() -> str:
     """Why no root can be entered here; empty when one can."""
     if os.geteuid() != 0:
@@ -70,11 +75,12 @@ def shared_folders() -> list[str]:
     return [str(TOP), *(str(folder) for folder in folders if not folder.is_relative_to(TOP))]
 
 
-def enter(root: Path, build: Path, command: list[str]) -> list[str]:
+def enter(root: Path, build: Path, command: list[str], built: bool = False) -> list[str]:
     """The command line that runs a command in the root. The caller's variables are left out: their paths mean nothing there."""
-    kept = [f"{name}={os.environ[name]}" for name in ("TERM", "CI", "http_proxy", "https_proxy") if name in os.environ]
+    kept = [f"{name}={os.environ[name]}" for name in ("TERM", "CI", "http_proxy", "https_proxy", "TAVIK_WINDOWS") if name in os.environ]
+    kept.append(f"TAVIK_BUILT={'1' * built}")
     clean = ["env", "-i", "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "HOME=/root", "LANG=C.UTF-8", *kept]
-    return ["unshare", "--mount", "sh", "-c", ENTER, "sh", str(root), str(TOP), str(build), *shared_folders(), "--", *clean, *command]
+    return [*clean, "unshare", "--mount", "sh", "-c", ENTER, "sh", str(root), str(TOP), str(build), *shared_folders(), "--", *command]
 
 
 def step(log: Path, command: list[str], what: str) -> None:
@@ -94,13 +100,13 @@ def make(version: str, folder: Path) -> Path:
         if not root.is_dir():
             part = folder / "root.part"
             shutil.rmtree(part, ignore_errors=True)
-            say(f"on-debian: making a Debian {version} in {folder.relative_to(TOP)} (about 10 minutes; the log is make.log there)")
+            say(f"on-debian: making a Debian {version} in {folder.relative_to(TOP)} (SHORT; the log is make.log there)")
             log.unlink(missing_ok=True)
             lines = folder / "sources.list"
             lines.write_text("".join(f"{line}\n" for line in machine_sources(version)), "ascii")
             step(log, ["mmdebstrap", "--variant=minbase", "--include=ca-certificates", "--dpkgopt=force-unsafe-io", NAMES[version], str(part), str(lines)],
                  "mmdebstrap")
-            step(log, enter(part, build, ["scripts/setup"]), "scripts/setup")
+            step(log, enter(part, build, ["sh", "-c", "scripts/setup --run && apt-get clean"]), "scripts/setup")
             part.rename(root)
     return root
 
@@ -112,10 +118,13 @@ def main(arguments: list[str]) -> int:
     if obstacle():
         fail(f"on-debian: {obstacle()}.")
     version, *command = arguments
+    built = command[0] == "--built"
+    if built and (len(command) == 1 or not (TOP / "build" / "release" / "tests").is_dir()):
+        fail("on-debian: --built needs a command, and a build here: run scripts/test or scripts/build first.")
     folder = TOP / "build" / f"debian-{version}"
     root = make(version, folder)
     sys.stdout.flush()
-    entering = enter(root, folder / "build", command)
+    entering = enter(root, folder / "build", command[built:], built)
     os.execvp(entering[0], entering)
 
 

@@ -14,6 +14,7 @@ from typing import NoReturn
 
 TOP = Path(__file__).resolve().parent.parent
 PYTHON = "/usr/bin/python3"  # the one with Debian's modules
+BUILT = bool(os.environ.get("TAVIK_BUILT"))  # set by scripts/on-debian: build/release was built on another Debian and stays as it is
 RUNNING: set[subprocess.Popen[bytes]] = set()  # the processes that `followed` has started, in all threads
 
 
@@ -96,6 +97,9 @@ def end(process: subprocess.Popen[bytes]) -> None:
 
 def build(preset: str = "release", *targets: str) -> None:
     """Configures and builds. Ends the program when that fails, with the first error and the name of the log."""
+    if BUILT:
+        say("  nothing is built: these are the programs of another Debian")
+        return
     log = TOP / "build" / f"build-{preset}.log"
     terminal = sys.stdout.isatty() and os.environ.get("TERM") != "dumb" and "NO_COLOR" not in os.environ
 

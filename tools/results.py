@@ -5,9 +5,11 @@ disturbed by a busy host: it is named and counts as passed.
 """
 from __future__ import annotations
 
+import re
 import sys
 import xml.etree.ElementTree as ElementTree
 from collections import Counter
+from collections.abc import Sequence
 from pathlib import Path
 
 
@@ -48,12 +50,16 @@ def failed(file: Path) -> list[str]:
         return []
 
 
-def summary(files: list[Path]) -> bool:
+def summary(files: list[Path], left_out: Sequence[str] = ()) -> bool:
     """Prints what did not pass and the closing line. True when at least one test ran, none failed and every file could be read:
-    what did not run is not a success."""
-    count: Counter[str] = Counter()
+    what did not run is not a success. left_out: what could not run on this machine; it counts as skipped."""
+    count = Counter(skipped=len(left_out))
+    for reason in left_out:
+        print(f"skipped: {reason}")
     unread = 0
     for file in files:
+        there = re.search(r"/build/debian-(\d+)/build/", str(file))
+        where = f"Debian {there[1]}: " if there else ""
         again = file.with_name(f"{file.stem}-again.xml")
         try:
             found = cases(file)
@@ -69,7 +75,7 @@ def summary(files: list[Path]) -> bool:
                 result, shown = "passed", "passed alone, failed among others"
             count[result] += 1
             if shown != "passed":
-                print(f"{shown}: {name(case)}{': ' + reason if reason else ''}"[:300])
+                print(f"{shown}: {where}{name(case)}{': ' + reason if reason else ''}"[:300])
     skipped = f", {count['skipped']} skipped" if count["skipped"] else ""
     print(f"{count['passed']} passed, {count['failed']} failed{skipped}")
     return bool(files) and not unread and not count["failed"]

@@ -1,6 +1,7 @@
 """Installs what is missing, builds, checks and tests.
 
     scripts/test                    everything
+    scripts/test --other-debian     everything, and then the same programs on the other Debian (scripts/on-debian) as with --quick
     scripts/test --quick            build, layout, includes, in-process tests, and one case for each file of cases
     scripts/test FILE::CASE         one case, as in test_check.py::test_second_instance_is_silent_when_told; the file's folder, or
                                     the file itself, may be left out; FILE alone runs all its cases, a folder all below it
@@ -30,8 +31,8 @@ from pathlib import Path
 
 from lab.paths import WINE
 from lab.prefix import Prefix, template
-from tools import results, run_checks
-from tools.project import PYTHON, RUNNING, TOP, build, end, fail, files, followed, say
+from tools import on_debian, results, run_checks
+from tools.project import BUILT, PYTHON, RUNNING, TOP, build, end, fail, files, followed, say
 
 CASES = ["cases", "lab/tests", "tools/tests", "companion/tests", "windows_check/tests", "bench"]
 IN_PROCESS = {"unit_tests": "tests", "companion_tests": "companion/tests"}  # program: folder of its sources
@@ -50,6 +51,7 @@ class Session:
         self.results.mkdir(parents=True)
         self.files: list[Path] = []
         self.failed: list[str] = []
+        self.left_out: list[str] = []
 
     def stage(self, name: str, run: Callable[[], bool]) -> None:
         start = time.monotonic()
@@ -62,7 +64,7 @@ class Session:
     def finish(self) -> int:
         if self.failed:
             say(f"Failed stages: {', '.join(self.failed)}. Logs and results are in {self.results.relative_to(TOP)}/ and build/check/.")
-        return 0 if results.summary(self.files) and not self.failed else 1
+        return 0 if results.summary(self.files, self.left_out) and not self.failed else 1
 
     # In-process tests
 
@@ -98,10 +100,13 @@ class Session:
         shared = [self.build / "tests" / f"{program}-shared.xml" for program in IN_PROCESS]
         for file in shared:
             file.unlink(missing_ok=True)
-        self.files += [self.results / "in-process.xml", *shared]
+        self.files += [self.results / name for name in ("in-process.xml", *(file.name for file in shared))]
         with self.warm_prefix() as prefix:
-            return self.in_process(prefix, "in-process", ["ctest", "--preset", self.preset, "-j", "1", "--repeat", "after-timeout:2",
+            good = self.in_process(prefix, "in-process", ["ctest", "--preset", self.preset, "-j", "1", "--repeat", "after-timeout:2",
                                                           "--output-junit", self.results / "in-process.xml"], show)
+        for file in filter(Path.exists, shared):
+            shutil.move(file, self.results)  # the other Debian has the same build folder
+        return good
 
     def some_in_process(self, patterns: dict[str, list[str]]) -> bool:
         """patterns: by program. Each test gets a process of its own, because some need one."""
@@ -145,6 +150,19 @@ class Session:
                 return True
         say(f"cases failed; their output is in {(self.results / 'cases.log').relative_to(TOP)}:\n    " + "\n    ".join(bad))
         return False
+
+    def other_debian(self) -> bool:
+        version = on_debian.other()
+        log, there = self.results / f"debian-{version}.log", TOP / "build" / f"debian-{version}" / "build" / "test"
+        enter = ["scripts/on-debian", version]
+        if followed([*enter, "true"], log, lambda line: line if line.startswith("on-debian: making") else ""):
+            last = log.read_text("utf-8", "replace").strip().rpartition("\n")[2]
+            self.left_out.append(f"the slice on Debian {version}, which cannot be entered here: {last}")
+            return True
+        shutil.rmtree(there, ignore_errors=True)
+        self.files += [there / name for name in ("in-process.xml", *(f"{program}-shared.xml" for program in IN_PROCESS), "cases.xml")]
+        # Its summary is part of the one at the end of this run.
+        return followed([*enter, "--built", "scripts/test", "--quick"], log, lambda line: f"  {line}" if line.startswith(("== ", "Once more")) else "") == 0
 
 
 def in_process_tests() -> dict[str, list[str]]:
@@ -197,9 +215,9 @@ def count_checks(exe: Path) -> int:
 
 
 def main(arguments: list[str]) -> int:
-    undefined, quick = "--undefined" in arguments, "--quick" in arguments
-    names = [argument for argument in arguments if argument not in ("--undefined", "--quick")]
-    if any(name.startswith("-") for name in names) or quick and (names or undefined):
+    undefined, quick, other = (option in arguments for option in ("--undefined", "--quick", "--other-debian"))
+    names = [argument for argument in arguments if argument not in ("--undefined", "--quick", "--other-debian")]
+    if any(name.startswith("-") for name in names) or (quick or other) and (names or undefined) or quick and other:
         print(__doc__)
         return 0 if "--help" in names or "-h" in names else 2
     start = time.monotonic()
@@ -215,7 +233,7 @@ def main(arguments: list[str]) -> int:
             fail(f"The exe has {found} checks for undefined behaviour instead of hundreds. Compare the preset \"undefined\" in CMakePresets.json.")
 
     background = None
-    if quick:
+    if quick and not BUILT:  # else the other Debian has checked the sources
         session.stage("checks", lambda: not run_checks.run(["layout", "includes"]))
     elif not names and not undefined:
         say("== checks run beside the tests, while a core is free")
@@ -229,6 +247,8 @@ def main(arguments: list[str]) -> int:
     if background:
         session.stage("the rest of the checks", lambda: not background.wait())
         session.failed += [f"check {name}" for name in background.failed]
+    if other:
+        session.stage(f"Debian {on_debian.other()}", session.other_debian)
     say(f"All stages took {time.monotonic() - start:.0f} s.")
     return session.finish()
 

@@ -70,3 +70,12 @@ def test_user_without_rights_is_told_so(monkeypatch, capsys):
         on_debian.main(["13", "true"])
     assert on_debian.main(["11", "true"]) == on_debian.main(["13"]) == 2
     assert "scripts/on-debian 13" in capsys.readouterr().out
+
+
+def test_programs_built_here_are_asked_for_only_when_there_are_any(monkeypatch, tmp_path):
+    monkeypatch.setattr(on_debian, "obstacle", lambda: "")
+    monkeypatch.setattr(on_debian, "TOP", tmp_path)
+    with pytest.raises(SystemExit, match="run scripts/test or scripts/build first"):
+        on_debian.main(["13", "--built", "true"])
+    assert "TAVIK_BUILT=1" in on_debian.enter(tmp_path, tmp_path, ["true"], True)
+    assert "TAVIK_BUILT=" in on_debian.enter(tmp_path, tmp_path, ["true"])

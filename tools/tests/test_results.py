@@ -1,6 +1,8 @@
 """tools/results.py and the names that scripts/test takes."""
 from __future__ import annotations
 
+import re
+
 import pytest
 
 from tools import results, run_tests
@@ -25,6 +27,30 @@ def test_what_did_not_pass_is_named_and_what_did_not_run_is_no_success(tmp_path,
         (tmp_path / name).write_text(f"<testsuite>{cases}</testsuite>", "utf-8")
     assert results.summary([tmp_path / "cases.xml"]) is good
     assert capsys.readouterr().out.strip().endswith(last)
+
+
+def test_results_of_another_debian_are_part_of_the_whole_and_what_it_could_not_run_is_skipped(tmp_path, capsys, monkeypatch):
+    session = object.__new__(run_tests.Session)  # its own way of making one would remove the results of this run
+    session.results, session.files, session.left_out = tmp_path, [], []
+    (tmp_path / "cases.xml").write_text(f"<testsuite>{GOOD}</testsuite>", "utf-8")
+
+    def refused(command, log, *_) -> int:
+        log.write_text("a word\non-debian: folders cannot be mounted here.\n", "utf-8")
+        return 1
+    monkeypatch.setattr(run_tests, "followed", refused)
+    assert session.other_debian() and session.files == []
+    assert results.summary([tmp_path / "cases.xml"], session.left_out)
+    assert capsys.readouterr().out.endswith("cannot be entered here: on-debian: folders cannot be mounted here.\n1 passed, 0 failed, 1 skipped\n")
+
+    commands = []
+    monkeypatch.setattr(run_tests, "TOP", tmp_path)
+    monkeypatch.setattr(run_tests, "followed", lambda command, *_: commands.append(command) or (len(commands) == 2))
+    assert not session.other_debian() and commands[1][2:] == ["--built", "scripts/test", "--quick"]
+    for file in session.files:
+        file.parent.mkdir(parents=True, exist_ok=True)
+        file.write_text(f"<testsuite>{BAD if file.name == 'cases.xml' else GOOD}</testsuite>", "utf-8")
+    assert not results.summary([tmp_path / "cases.xml", *session.files])
+    assert re.fullmatch(r"failed: Debian 1[23]: cases/start/test_check.py::test_b: no\n4 passed, 1 failed\n", capsys.readouterr().out)
 
 
 def test_a_missing_file_of_results_is_no_success(tmp_path):

@@ -20,7 +20,7 @@ from lab.prefix import Prefix, replace_file, wine_version
 from tools import windows_facts
 from cases.support.store import CORVEL, OTHER, package
 
-PROGRAM = paths.SHIPPED / "TavikWindowsCheck.exe"
+PROGRAM = paths.BUILD / "TavikWindowsCheck.exe"
 UNIT_TESTS = paths.BUILD / "tests" / "unit_tests.exe"
 # Made by the compiler, arithmetic on memory, or of a library that is linked in.
 NO_CALLS = {"IID_IUnknown", "abort", "atexit", "memchr", "memcmp", "memcpy", "memmove", "memset", "strlen", "wcslen"}
