@@ -30,4 +30,10 @@ function(add_delay_import target)
     add_dependencies(${target} delay_${name})
     target_link_libraries(${target} PRIVATE ${out})
   endforeach()
+  get_target_property(type ${target} TYPE)
+  if(type STREQUAL "EXECUTABLE") # for programs that link a library of ours, project_load_configuration does it
+    add_custom_command(TARGET ${target} POST_BUILD
+      COMMAND ${LOAD_CONFIGURATION_PYTHON} -m tools.load_configuration --imports $<TARGET_FILE:${target}>
+      WORKING_DIRECTORY ${CMAKE_SOURCE_DIR} VERBATIM)
+  endif()
 endfunction()

@@ -306,8 +306,11 @@ def _install(base: pathlib.Path, made: pathlib.Path, products: tuple[str, ...], 
         source.mkdir()
         for product in products:
             shutil.copy(product_file(product), source)
-            where = [f"INSTALLDIR={folder}"] if folder else []
-            code = prefix.wine("msiexec", "/i", rf"C:\lab-packages\{product}.msi", "/qn", *where)
+            install = ["msiexec", "/i", rf"C:\lab-packages\{product}.msi", "/qn"]
+            if folder:  # quoted as a person types it: Wine 10 refuses quotes around the property's name
+                (source / "install.bat").write_text(f'{" ".join(install)} INSTALLDIR="{folder}"\r\n', "utf-8")
+                install = ["cmd", "/c", r"C:\lab-packages\install.bat"]
+            code = prefix.wine(*install)
             if code not in (0, 3010 & 0xFF):  # a Unix exit code keeps the low 8 bits
                 raise RuntimeError(f"package {product} cannot be installed: msiexec ended with exit code {code}")
         shutil.rmtree(source)

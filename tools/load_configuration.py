@@ -1,7 +1,9 @@
 """Enters the load configuration into the header of a program: GNU ld links src/base/load_configuration.cpp, but has no switch that
-tells Windows where it is. The build calls it after each link of a program that ships:
+tells Windows where it is. And makes the section of imports writable, as the first call of a delay-loaded function writes into it;
+GNU ld 2.44 marks it read-only. The build calls it after each link:
 
-    tools.load_configuration EXE
+    tools.load_configuration EXE              a program that ships
+    tools.load_configuration --imports EXE    another program with delay-loaded functions
 """
 from __future__ import annotations
 
@@ -26,6 +28,14 @@ def checksum(data: bytes) -> int:
     return total + len(data)
 
 
+def with_writable_imports(data: bytes) -> bytes:
+    pe = pefile.PE(data=data, fast_load=True)
+    for section in pe.sections:
+        if section.Name.rstrip(b"\0") == b".idata":
+            section.Characteristics |= pefile.SECTION_CHARACTERISTICS["IMAGE_SCN_MEM_WRITE"]
+    return bytes(pe.write())
+
+
 def entered(data: bytes) -> bytes:
     """The program with the entry and a new checksum."""
     if data.count(STRUCTURE) != 1:
@@ -39,12 +49,12 @@ def entered(data: bytes) -> bytes:
 
 
 def main(arguments: list[str]) -> int:
-    if len(arguments) != 1:
+    if len(arguments) != 1 and arguments[:-1] != ["--imports"]:
         print(__doc__)
         return 2
-    program = Path(arguments[0])
-    complete = entered(program.read_bytes())
-    program.write_bytes(complete)
+    program = Path(arguments[-1])
+    complete = with_writable_imports(program.read_bytes())
+    program.write_bytes(entered(complete) if len(arguments) == 1 else complete)
     return 0
 
 

@@ -4,7 +4,7 @@
     scripts/on-debian 13 --built scripts/test --quick    with what was built here, in build/release, in place of a build of its own
     scripts/on-debian 13 bash                    to look around
 
-The first time a small Debian is made in build/debian-13/root, with what it needs to run tests (SIZE). What builds there installs
+The first time a small Debian is made in build/debian-13/root, with what it needs to run tests (4 minutes, 1.5 GB). What builds there installs
 the other packages first (10 minutes, 4 GB in all). The command sees the checkout at the same place as here, and build/debian-13/build in
 the place of build/. Everything else is apart, but for network and processes. TAVIK_WINDOWS is passed on. To begin anew, remove
 build/debian-13.
@@ -100,7 +100,7 @@ def make(version: str, folder: Path) -> Path:
         if not root.is_dir():
             part = folder / "root.part"
             shutil.rmtree(part, ignore_errors=True)
-            say(f"on-debian: making a Debian {version} in {folder.relative_to(TOP)} (SHORT; the log is make.log there)")
+            say(f"on-debian: making a Debian {version} in {folder.relative_to(TOP)} (about 4 minutes; the log is make.log there)")
             log.unlink(missing_ok=True)
             lines = folder / "sources.list"
             lines.write_text("".join(f"{line}\n" for line in machine_sources(version)), "ascii")

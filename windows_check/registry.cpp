@@ -45,7 +45,7 @@ std::wstring StoreAndRead(DWORD type, const std::wstring& text)
     return StoreAndRead(type, text, (text.size() + 1) * sizeof(wchar_t));
 }
 
-SHORT_FACT(registry, not_terminated, StoreAndRead(REG_SZ, L"24.20", 10))
+SHORT_FACT(registry, not_terminated, StoreAndRead(REG_SZ, L"24.20x", 10))  // a terminator behind it would be stored too
 SHORT_FACT(registry, no_bytes, StoreAndRead(REG_SZ, L"", 0))
 SHORT_FACT(registry, odd_bytes, StoreAndRead(REG_SZ, L"24.", 5))
 SHORT_FACT(registry, embedded_nul, StoreAndRead(REG_SZ, std::wstring(L"24\0xx", 5)))

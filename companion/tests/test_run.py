@@ -23,6 +23,7 @@ from companion.tests.desk import COMPANION
 from lab import paths, state
 from lab.hive import Hive
 from lab.machine import Machine
+from lab.prefix import wine_version
 from lab.result import Result
 from lab.run import run
 from lab.session import Session, read_log, remove_folder
@@ -202,12 +203,14 @@ def test_two_runs_at_once():
     assert result.after.value(LAST_RUN, "Outcome") == "repaired"
 
 
+# Proves: A user without rights runs a program of the tool's name => `run` does not take it for the tool (shown on Wine 10; Wine 8 gives all rights to every program)
 def test_a_tool_that_was_started_elsewhere():
-    """From another folder: its name and its rights decide."""
+    """From another folder: its name and its rights decide. This program's manifest asks for none."""
     other = r"C:\somewhere\TavikCompatibilityTool.exe"
     stays = {other: {"program": "CorvelSoftware.exe"}}
     result, (said,) = start(found(files=stays, running=[other]), "-- -SILENT")
-    assert (said["outcome"], result.exit_code, result.logs) == ("tool-running", 1618, [])
+    assert (said["outcome"], result.exit_code) == (("tool-running", 1618) if wine_version() < 10 else ("repaired", 0))
+    assert (result.logs == []) is (wine_version() < 10)
 
 
 # Proves: `run --keep` => both programs are in the protected folder, and stay there

@@ -123,25 +123,33 @@ bool Drag(HWND window, const Text& distance)
     return isDown && isUp;
 }
 
-// The window's thread continues at an address without code.
+// The window's thread continues at an address without code. It is asked more than once: on Wine 10 a thread that just
+// comes back from the system sometimes goes on as before.
 bool CrashThreadOf(HWND window)
 {
-    constexpr DWORD kAccess = THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT | THREAD_SET_CONTEXT;
+    constexpr DWORD kAccess = THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT | THREAD_SET_CONTEXT | SYNCHRONIZE;
     const HANDLE thread = OpenThread(kAccess, FALSE, GetWindowThreadProcessId(window, nullptr));
     if (thread == nullptr)
     {
         return false;
     }
-    CONTEXT context{};
-    context.ContextFlags = CONTEXT_CONTROL;
-    SuspendThread(thread);
-    bool done = GetThreadContext(thread, &context) != 0;
-    context.Rip = 8;
-    done = done && SetThreadContext(thread, &context) != 0;
-    ResumeThread(thread);
+    bool hasEnded = false;
+    for (int attempt = 0; attempt < 20 && !hasEnded; ++attempt)
+    {
+        CONTEXT context{};
+        context.ContextFlags = CONTEXT_CONTROL;
+        SuspendThread(thread);
+        if (GetThreadContext(thread, &context) != 0)
+        {
+            context.Rip = 8;
+            SetThreadContext(thread, &context);
+        }
+        ResumeThread(thread);
+        PostMessageW(window, WM_NULL, 0, 0);  // it may wait for a message
+        hasEnded = WaitForSingleObject(thread, 200) == WAIT_OBJECT_0;
+    }
     CloseHandle(thread);
-    PostMessageW(window, WM_NULL, 0, 0);  // it may wait for a message
-    return done;
+    return hasEnded;
 }
 
 bool Move(const Text& from, const Text& to)

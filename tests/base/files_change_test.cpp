@@ -311,7 +311,7 @@ TEST(RemoveAll, FileThatIsDeletedButStillOpenElsewhereIsAnErrorInsteadOfAnEndles
     SUBSTITUTE(SetFileInformationByHandle)
     set([&](HANDLE object, FILE_INFO_BY_HANDLE_CLASS kind, void* data, DWORD bytes) {
         attempts += kind == FileDispositionInfo ? 1 : 0;
-        return set.Original()(object, kind, data, bytes);
+        return kind == FileDispositionInfo ? set.Original()(object, kind, data, bytes) : FailWith(ERROR_INVALID_PARAMETER);
     });
     const auto error = FileErrorOf([&] { RemoveAll(tree); });
     ExpectFileError(error, "remove_all", tree, 145);
@@ -348,6 +348,14 @@ TEST(RemoveAll, FolderThatCannotBeListedFailsAsNotEmpty)
     list([&](HANDLE object, FILE_INFO_BY_HANDLE_CLASS kind, void* data, DWORD bytes) {
         return kind == FileFullDirectoryInfo ? FailWith(ERROR_ACCESS_DENIED)
                                              : list.Original()(object, kind, data, bytes);
+    });
+    if (WineVersion() < 10)  // it takes a folder for empty when asked for the second time
+    {
+        ExpectFileError(FileErrorOf([&] { RemoveAll(tree); }), "remove_all", tree, 145);
+    }
+    SUBSTITUTE(SetFileInformationByHandle)
+    set([&](HANDLE object, FILE_INFO_BY_HANDLE_CLASS kind, void* data, DWORD bytes) {
+        return kind == FileDispositionInfo ? set.Original()(object, kind, data, bytes) : FailWith(ERROR_INVALID_PARAMETER);
     });
     ExpectFileError(FileErrorOf([&] { RemoveAll(tree); }), "remove_all", tree, 145);
 }

@@ -9,7 +9,7 @@ import pefile
 import pytest
 
 from tools import exe_gate as check_exe
-from tools.load_configuration import STRUCTURE
+from tools.load_configuration import STRUCTURE, with_writable_imports
 from lab import paths
 
 DIRECTORY = pefile.DIRECTORY_ENTRY
@@ -258,3 +258,9 @@ def test_a_source_compiled_without_the_protector(shipped, tmp_path):
 
 def test_a_build_without_its_compiler_calls(shipped, tmp_path):
     assert [one for one in complaints(shipped, tmp_path, tmp_path) if one.startswith("compile_commands.json is missing")]
+
+
+def test_imports_that_the_linker_made_read_only_become_writable():
+    data = paths.need(paths.TOOL).read_bytes()
+    protect = section(".idata", lambda _, one: setattr(one, "Characteristics", one.Characteristics & ~0x80000000))
+    assert protect(data) != data == with_writable_imports(protect(data))
