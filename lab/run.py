@@ -4,16 +4,20 @@ from __future__ import annotations
 import contextlib
 import json
 import pathlib
+import subprocess
 import time
+import warnings
 
 from lab import state
 from lab.display import Photographer
 from lab.hive import Hive
 from lab.machine import Machine
-from lab.prefix import processes_of
+from lab.prefix import processes_of, wine_version
 from lab.result import Again, Result
 from lab.session import SYSTEM, TOOL, Session, StartError, remove_folder
 from lab.sparse import SparseFile
+
+HUNG = "Wine hung"
 
 
 class RunError(RuntimeError):
@@ -134,6 +138,11 @@ def run(machine: Machine, arguments: str = "", *, timeout: float = 60, hold: flo
             if not isinstance(error, StartError) or last_try:
                 raise RunError(error, one.folder) from None
             remove_folder(one.folder)
+        except subprocess.TimeoutExpired as error:
+            # The watcher ends a tool that hangs. If it does not end itself, Wine hangs: Wine 10 does now and then, under load, after a box.
+            if wine_version() < 10 or last_try:
+                raise RunError(error, one.folder) from error
+            warnings.warn(f"{HUNG}: the run was repeated; the machine is kept in {one.folder}", stacklevel=1)
         except Exception as error:
             raise RunError(error, one.folder) from error
     if not keep:

@@ -31,6 +31,7 @@ from pathlib import Path
 
 from lab.paths import WINE
 from lab.prefix import Prefix, template
+from lab.run import HUNG
 from tools import on_debian, results, run_checks
 from tools.project import BUILT, PYTHON, RUNNING, TOP, build, end, fail, files, followed, say
 
@@ -139,7 +140,11 @@ class Session:
         self.files.append(self.results / "cases.xml")
         # A run of the lab waits more than it computes, so there are two for each core.
         single = all("::" in argument for argument in arguments)
-        if self.pytest("cases", 1 if single else len(os.sched_getaffinity(0)) * 2, *arguments) == 0:
+        good = self.pytest("cases", 1 if single else len(os.sched_getaffinity(0)) * 2, *arguments) == 0
+        hung = (self.results / "cases.log").read_text("utf-8", "replace").count(f"UserWarning: {HUNG}")
+        if hung:
+            say(f"{HUNG} in {hung} runs, which were repeated.")
+        if good:
             return True
         # Some watch a window for fractions of a second, and a busy host disturbs them. What fails is run again with the machine to
         # itself; the summary names it in any case. If more than a few fail, the host is not the cause.

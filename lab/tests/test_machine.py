@@ -4,12 +4,15 @@ from __future__ import annotations
 import os
 import pathlib
 import re
+import subprocess
+import warnings
 
 import pytest
 
 from cases.support.expect import SAME_RELEASE
 from cases.support.store import store_only
 from lab import paths
+from lab import run as lab_run
 from lab.machine import Machine
 from lab.session import remove_folder
 from tools import demo
@@ -85,3 +88,22 @@ def test_command_of_the_host_that_fails_is_told_in_one_sentence(tmp_path, monkey
     said = re.fullmatch(r"The demonstration stopped: cp -al \S+ failed with exit code 7: the disk is full \(the machine is kept in (\S+)\)", str(told.value))
     assert said
     remove_folder(pathlib.Path(said[1]))
+
+
+@pytest.mark.parametrize("version, folders", [(8, [1]), (10, [1, 2])])
+def test_run_in_which_wine_10_itself_hangs_is_repeated_once(monkeypatch, version, folders):
+    tried = []
+
+    class Hung:
+        def __init__(self, *_) -> None:
+            tried.append(len(tried) + 1)
+            self.folder = pathlib.Path("machine")
+
+        def execute(self, *_, **__) -> None:
+            raise subprocess.TimeoutExpired("watcher.exe", 120)
+    monkeypatch.setattr(lab_run, "ToolRun", Hung)
+    monkeypatch.setattr(lab_run, "wine_version", lambda: version)
+    with pytest.raises(lab_run.RunError), warnings.catch_warnings(record=True) as told:
+        warnings.simplefilter("always")
+        lab_run.run(Machine({}))
+    assert tried == folders and [str(one.message).startswith("Wine hung") for one in told] == [True] * (len(folders) - 1)

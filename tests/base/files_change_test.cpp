@@ -311,7 +311,8 @@ TEST(RemoveAll, FileThatIsDeletedButStillOpenElsewhereIsAnErrorInsteadOfAnEndles
     SUBSTITUTE(SetFileInformationByHandle)
     set([&](HANDLE object, FILE_INFO_BY_HANDLE_CLASS kind, void* data, DWORD bytes) {
         attempts += kind == FileDispositionInfo ? 1 : 0;
-        return kind == FileDispositionInfo ? set.Original()(object, kind, data, bytes) : FailWith(ERROR_INVALID_PARAMETER);
+        return kind == FileDispositionInfo ? set.Original()(object, kind, data, bytes)
+                                           : FailWith(ERROR_INVALID_PARAMETER);
     });
     const auto error = FileErrorOf([&] { RemoveAll(tree); });
     ExpectFileError(error, "remove_all", tree, 145);
@@ -355,7 +356,8 @@ TEST(RemoveAll, FolderThatCannotBeListedFailsAsNotEmpty)
     }
     SUBSTITUTE(SetFileInformationByHandle)
     set([&](HANDLE object, FILE_INFO_BY_HANDLE_CLASS kind, void* data, DWORD bytes) {
-        return kind == FileDispositionInfo ? set.Original()(object, kind, data, bytes) : FailWith(ERROR_INVALID_PARAMETER);
+        return kind == FileDispositionInfo ? set.Original()(object, kind, data, bytes)
+                                           : FailWith(ERROR_INVALID_PARAMETER);
     });
     ExpectFileError(FileErrorOf([&] { RemoveAll(tree); }), "remove_all", tree, 145);
 }

@@ -32,11 +32,12 @@ public:
     static void CreateKey(const std::wstring& path) { RegCloseKey(Create(HKEY_LOCAL_MACHINE, path)); }
 
     // The bytes exactly as given, with or without a terminator. Creates the key.
-    static void SetValue(const std::wstring& path, const std::wstring& name, DWORD type, const std::vector<BYTE>& data)
+    static void SetValue(const std::wstring& path, const std::wstring& name, DWORD type, std::vector<BYTE> data)
     {
         const HKEY key = Create(HKEY_LOCAL_MACHINE, path);
-        EXPECT_EQ(RegSetValueExW(key, name.c_str(), 0, type, data.data(), static_cast<DWORD>(data.size())),
-                  ERROR_SUCCESS);
+        const auto size = static_cast<DWORD>(data.size());
+        data.insert(data.end(), 2, 'x');  // a zero behind a text would be stored as its terminator
+        EXPECT_EQ(RegSetValueExW(key, name.c_str(), 0, type, data.data(), size), ERROR_SUCCESS);
         RegCloseKey(key);
     }
 

@@ -14,7 +14,8 @@ namespace repair
 inline int WineVersion()
 {
     const FARPROC version = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version");
-    return version != nullptr ? std::atoi(reinterpret_cast<const char* (*)()>(reinterpret_cast<void (*)()>(version))()) : 0;
+    return version != nullptr ? std::atoi(reinterpret_cast<const char* (*)()>(reinterpret_cast<void (*)()>(version))())
+                              : 0;
 }
 
 // True when the tests run on Wine. The variable TAVIK_TESTS_AS_ON_WINDOWS (any value) makes them skip as on Windows, so
