@@ -160,14 +160,15 @@ class Session:
         version = on_debian.other()
         log, there = self.results / f"debian-{version}.log", TOP / "build" / f"debian-{version}" / "build" / "test"
         enter = ["scripts/on-debian", version]
-        if followed([*enter, "true"], log, lambda line: line if line.startswith("on-debian: making") else ""):
+        if followed([*enter, "true"], log, lambda line: line if line.startswith("on-debian: making") else "", limit=1200):
             last = log.read_text("utf-8", "replace").strip().rpartition("\n")[2]
             self.left_out.append(f"the slice on Debian {version}, which cannot be entered here: {last}")
             return True
         shutil.rmtree(there, ignore_errors=True)
         self.files += [there / name for name in ("in-process.xml", *(f"{program}-shared.xml" for program in IN_PROCESS), "cases.xml")]
         # Its summary is part of the one at the end of this run.
-        return followed([*enter, "--built", "scripts/test", "--quick"], log, lambda line: f"  {line}" if line.startswith(("== ", "Once more")) else "") == 0
+        return followed([*enter, "--built", "scripts/test", "--quick"], log,
+                        lambda line: f"  {line}" if line.startswith(("== ", "Once more", HUNG)) else "", limit=1800) == 0
 
 
 def in_process_tests() -> dict[str, list[str]]:

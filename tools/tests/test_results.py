@@ -34,7 +34,7 @@ def test_results_of_another_debian_are_part_of_the_whole_and_what_it_could_not_r
     session.results, session.files, session.left_out = tmp_path, [], []
     (tmp_path / "cases.xml").write_text(f"<testsuite>{GOOD}</testsuite>", "utf-8")
 
-    def refused(command, log, *_) -> int:
+    def refused(command, log, *_, **__) -> int:
         log.write_text("a word\non-debian: folders cannot be mounted here.\n", "utf-8")
         return 1
     monkeypatch.setattr(run_tests, "followed", refused)
@@ -44,7 +44,7 @@ def test_results_of_another_debian_are_part_of_the_whole_and_what_it_could_not_r
 
     commands = []
     monkeypatch.setattr(run_tests, "TOP", tmp_path)
-    monkeypatch.setattr(run_tests, "followed", lambda command, *_: commands.append(command) or (len(commands) == 2))
+    monkeypatch.setattr(run_tests, "followed", lambda command, *_, **__: commands.append(command) or (len(commands) == 2))
     assert not session.other_debian() and commands[1][2:] == ["--built", "scripts/test", "--quick"]
     for file in session.files:
         file.parent.mkdir(parents=True, exist_ok=True)
