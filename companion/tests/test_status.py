@@ -44,7 +44,8 @@ def status(description: dict[str, Any], arguments: str = "") -> Result:
     ({"server": {"reach": "override"}}, "due", 4, DUE + "http://{server}/drivers/installer/vlt/24.20/dwx2_install.txt"),
     ({"desktop": False, "store": STORE}, "due", 4, DUE + "the Microsoft Store"),
     ({"adapters": []}, "no-adapter", 7, "no adapter: Windows lists none of the maker"),
-    ({"adapters": [{"release": False}]}, "no-usable-driver", 8, "no usable driver: the adapter's has no release"),
+    *((one, "no-usable-driver", 8, "no usable driver: the adapter's has no release") for one in (
+        {"adapters": [{"release": False}]}, {"adapters": [{"driver_key": False}]}, {"adapters": [{"description": "Microsoft Basic Display Adapter"}]})),
     ({"faults": ["setupapi!SetupDiGetClassDevsW * error=5"]}, "unknown", 1, "unknown: Windows does not list the adapters"),
     ({"desktop": False}, "not-installed", 6, "not installed: there is neither edition"),
     ({"desktop": False, "store": False}, "unknown", 1, "unknown: there is no desktop edition, and Windows does not list the Store packages; start as administrator"),
@@ -52,7 +53,7 @@ def status(description: dict[str, Any], arguments: str = "") -> Result:
      "recovery pending: the last run lost Halden, DVR, the next one installs it"),
     ({"desktop": {"release": "24.20"}, "registry": {LAST_RUN: {"RecoveryPending": 1, "ProductsLost": 1}}}, "up-to-date", 0,
      "up to date: 24.20 driver, 24.20 installed")],
-    ids=["same release", "driver package", "maker's server", "own server", "Store", "no adapter", "no release", "adapters unreadable", "no edition", "Store unreadable",
+    ids=["same release", "driver package", "maker's server", "own server", "Store", "no adapter", "no release", "no driver key", "generic driver", "adapters unreadable", "no edition", "Store unreadable",
          "lost", "lost and back"])
 def test_the_verdict(description, verdict, code, sentence):
     result = status(description, "--json")
