@@ -78,7 +78,7 @@ void FindVerdict(Status& status)
             names += (names.empty() ? "" : ", ") + name;
         }
         return Decide(status, "recovery-pending", kStatusRecovery,
-                      "recovery pending: the last run lost " + names + ", the next one installs it");
+                      "recovery pending: the last run lost " + names + ", the next one tries to install it");
     }
     if (drivers.empty())
     {

@@ -50,7 +50,7 @@ def status(description: dict[str, Any], arguments: str = "") -> Result:
     ({"desktop": False}, "not-installed", 6, "not installed: there is neither edition"),
     ({"desktop": False, "store": False}, "unknown", 1, "unknown: there is no desktop edition, and Windows does not list the Store packages; start as administrator"),
     ({"desktop": False, "registry": {LAST_RUN: {"RecoveryPending": 1, "ProductsLost": 3}}}, "recovery-pending", 5,
-     "recovery pending: the last run lost Halden, DVR, the next one installs it"),
+     "recovery pending: the last run lost Halden, DVR, the next one tries to install it"),
     ({"desktop": {"release": "24.20"}, "registry": {LAST_RUN: {"RecoveryPending": 1, "ProductsLost": 1}}}, "up-to-date", 0,
      "up to date: 24.20 driver, 24.20 installed")],
     ids=["same release", "driver package", "maker's server", "own server", "Store", "no adapter", "no release", "no driver key", "generic driver", "adapters unreadable", "no edition", "Store unreadable",
