@@ -1,5 +1,7 @@
 #include "companion/code_words.h"
 
+#include <cstdint>
+#include <cstdio>
 #include <utility>
 
 #include "companion/pattern.h"
@@ -45,14 +47,35 @@ constexpr std::pair<long long, std::string_view> kCodes[] = {
 // The forms in which the log has codes.
 constexpr std::string_view kLines[] = {
     "*. Error <result>",        "*. Error = <result>*",    "*. Error: <result>*", "*. Error code = <result>*",
-    "*. Error code: <result>*", "* error code: <result>*", "\tResult = <result>"};
+    "*. Error code: <result>*", "* error code: <result>*", "\tResult = <result>", "\t Result = <result> *"};
 }  // namespace
+
+std::optional<int> InsideHresult(long long code)
+{
+    const auto bits = static_cast<std::uint32_t>(code);
+    return bits >> 16 == 0x8007 ? std::optional(static_cast<int>(bits & 0xFFFF)) : std::nullopt;
+}
+
+std::string DescribeCode(long long code)
+{
+    constexpr long long kGreatestHresult = -0x10000;  // above it are codes such as -1
+    if (code < INT32_MIN || code > kGreatestHresult)
+    {
+        return std::to_string(code);
+    }
+    char hex[sizeof("0x80070643")] = {};
+    std::snprintf(hex, sizeof(hex), "0x%08X", static_cast<unsigned int>(code));
+    const std::optional<int> inside = InsideHresult(code);
+    return std::to_string(code) + " (" + hex + (inside ? ", " + std::to_string(*inside) + " of Windows)" : ")");
+}
 
 std::string_view CodeInWords(long long code)
 {
+    const std::optional<int> inside = InsideHresult(code);
+    const long long plain = inside ? *inside : code;
     for (const auto& [known, words] : kCodes)
     {
-        if (known == code)
+        if (known == plain)
         {
             return words;
         }
@@ -77,6 +100,8 @@ std::string CodeOfLine(std::string_view line)
 {
     const std::optional<long long> code = CodeIn(line);
     const std::string_view words = code ? CodeInWords(*code) : std::string_view();
-    return words.empty() ? std::string() : std::to_string(*code) + ": " + std::string(words);
+    const std::string number = code ? DescribeCode(*code) : std::string();
+    const bool isHresult = number.ends_with(')');
+    return words.empty() ? (isHresult ? number : std::string()) : number + ": " + std::string(words);
 }
 }  // namespace repair

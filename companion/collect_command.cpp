@@ -150,6 +150,10 @@ void MakeFolder(const std::wstring& folder)
     if (CreateDirectoryW(folder.c_str(), nullptr) == 0)
     {
         const DWORD error = GetLastError();
+        if (error == ERROR_ALREADY_EXISTS && !IsFolder(folder))
+        {
+            throw Failure(ToUtf8(folder) + " is a file: name a folder");
+        }
         if (error != ERROR_ALREADY_EXISTS)
         {
             throw Failure(SystemFailure(ToUtf8(folder) + " cannot be created", error));
@@ -243,9 +247,9 @@ void AddCollectCommand(CLI::App& program, int& result)
         *program.add_subcommand("collect", "Puts all logs into one archive, without names of users and machines.");
     command
         .add_option("FOLDER", options->folder,
-                    "gets TavikToolLogs.zip with the logs and facts.json, which\n"
-                    "describes the machine, and TavikToolLogs.jsonl,\n"
-                    "the summary: one JSON object per log")
+                    "gets TavikToolLogs.zip with the logs and, without --from,\n"
+                    "facts.json, which describes the machine; and\n"
+                    "TavikToolLogs.jsonl, the summary: one JSON object per log")
         ->type_name("")
         ->required();
     command.add_option("--from", options->from, "folder with the logs; the tool's own without it")->type_name("FOLDER");

@@ -6,10 +6,12 @@
 
 #include <CLI/CLI.hpp>
 
+#include "base/files.h"
 #include "companion/cmtrace.h"
 #include "companion/commands.h"
 #include "companion/console.h"
 #include "companion/failure.h"
+#include "companion/log_facts.h"
 #include "companion/log_files.h"
 #include "companion/output_file.h"
 #include "companion/unicode.h"
@@ -54,6 +56,35 @@ std::vector<std::wstring> LogsToConvert(const std::wstring& given)
     return logs;
 }
 
+// Throws NotALog for what `explain` does not take as a log either.
+void CheckLog(const std::wstring& path)
+{
+    LogFacts facts;
+    bool isEmpty = true;
+    ReadLines(path, [&](const Line& line) {
+        isEmpty = false;
+        if (line.begins && line.ends && !facts.IsLog())
+        {
+            facts.Take(line.text);
+        }
+    });
+    if (!isEmpty && !facts.IsLog())
+    {
+        throw MakeNotALog(path);
+    }
+}
+
+void ConvertTo(const std::wstring& out, const ConvertOptions& options, const std::wstring& log)
+{
+    if (FileExists(out) && SameObject(log, out))
+    {
+        throw Failure(ToUtf8(out) + " is the log itself, which is never replaced: name another file");
+    }
+    OutputFile file(out, options.replace);
+    Convert(options, log, [&file](std::string_view bytes) { file.Append(bytes); });
+    file.Keep();
+}
+
 int ExecuteConvert(const ConvertOptions& options)
 {
     const std::wstring out = ToWide(options.out);
@@ -63,18 +94,29 @@ int ExecuteConvert(const ConvertOptions& options)
     {
         throw CLI::ValidationError("OUT", "several logs need a folder that exists, and " + options.out + " is none");
     }
+    int result = kDone;
     for (const std::wstring& log : logs)
     {
+        try
+        {
+            CheckLog(log);
+        }
+        catch (const NotALog& failure)  // go on with the other logs
+        {
+            WriteError(failure.what());
+            result = kNotALog;
+            continue;
+        }
         if (out.empty())
         {
             Convert(options, log, WriteOutput);
-            continue;
         }
-        OutputFile file(intoFolder ? JoinPath(out, FileNameOf(log) + L".txt") : out, options.replace);
-        Convert(options, log, [&file](std::string_view bytes) { file.Append(bytes); });
-        file.Keep();
+        else
+        {
+            ConvertTo(intoFolder ? JoinPath(out, FileNameOf(log) + L".txt") : out, options, log);
+        }
     }
-    return kDone;
+    return result;
 }
 }  // namespace
 
@@ -93,6 +135,8 @@ void AddConvertCommand(CLI::App& program, int& result)
     command.add_flag("--force", options->replace, "replace files that exist");
     command.add_flag("--cmtrace", options->forCmTrace, "write the format of CMTrace and OneTrace");
     command.footer(
+        "Exit code: 0 done; 1 failed; 2 wrong usage; 3 a file is no log of the tool.\n"
+        "\n"
         "Examples:\n"
         "  TavikToolCompanion convert InstallVLTForWUDriver_2026-11-6_4_7_31_15.log log.txt\n"
         "  TavikToolCompanion convert --cmtrace InstallVLTForWUDriver_2026-11-6_4_7_31_15.log trace.log");

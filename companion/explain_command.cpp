@@ -127,10 +127,7 @@ Finding Explain(const LogOfRun& log)
     TrustLog(finding);
     if (finding.lines > 0 && !finding.facts.IsLog())
     {
-        throw NotALog(
-            ToUtf8(log.path) +
-            " is no log of the tool: its logs are named InstallVLTForWUDriver_<date and time>.log and are in " +
-            ToUtf8(GetLogFolder()));
+        throw MakeNotALog(log.path);
     }
     finding.seconds = DurationOfRun(log.path);
     return finding;
@@ -146,11 +143,29 @@ std::string ListOthers(const std::vector<std::wstring>& names)
     return text;
 }
 
+// For a log that cannot be explained.
+void WriteFailure(const ExplainOptions& options, const LogOfRun& log, const Failure& failure)
+{
+    WriteError(failure.what());
+    if (options.asJson)
+    {
+        WriteOutput(UnreadableAsJson(ToUtf8(FileNameOf(log.path)), failure.what()) + "\n");
+    }
+}
+
 int ExecuteExplain(const ExplainOptions& options)
 {
+    const std::optional<int> exitCode = ParseExitCode(options.exitCode);
+    if (exitCode && options.logs.empty() && !options.withoutLog)
+    {
+        WriteOutput(options.asJson ? ExitAsJson(*exitCode) + "\n"
+                                   : ExitAsText(*exitCode, options.exitCode, ToUtf8(GetLogFolder())));
+        return kDone;
+    }
     if (options.withoutLog != options.logs.empty())
     {
-        throw CLI::ValidationError("LOG", "name the log of the run, or give --no-log if the run left none");
+        throw CLI::ValidationError("LOG",
+                                   "name the log of the run, or give --no-log if the run left none, or --exit alone");
     }
     int result = kDone;
     bool isFirst = true;
@@ -166,12 +181,12 @@ int ExecuteExplain(const ExplainOptions& options)
         }
         catch (const NotALog& failure)  // go on with the other logs
         {
-            WriteError(failure.what());
+            WriteFailure(options, log, failure);
             result = result == kDone ? kNotALog : result;
         }
         catch (const UnreadableFile& failure)
         {
-            WriteError(failure.what());
+            WriteFailure(options, log, failure);
             result = kFailed;
         }
     }
@@ -192,6 +207,11 @@ int ExplainToOwner(const std::wstring& path)
         WriteError(failure.what());
         return kNotALog;
     }
+    catch (const UnreadableFile& failure)
+    {
+        WriteError(failure.what());
+        return kFailed;
+    }
     return kDone;
 }
 
@@ -207,7 +227,7 @@ void AddExplainCommand(CLI::App& program, int& result)
     command
         .add_option("--exit", options->exitCode,
                     "exit code of the run, also as 0x...; without it several\n"
-                    "outcomes may remain")
+                    "outcomes may remain; without LOG, what it can mean")
         ->type_name("NUMBER")
         ->check([](const std::string& text) {
             return ParseExitCode(text) ? "" : "\"" + text + "\" is not a 32-bit number";
@@ -219,6 +239,7 @@ void AddExplainCommand(CLI::App& program, int& result)
         "\n"
         "Examples:\n"
         "  TavikToolCompanion explain InstallVLTForWUDriver_2026-11-6_4_7_31_15.log --exit 1618\n"
+        "  TavikToolCompanion explain --exit 1618\n"
         "  TavikToolCompanion explain --no-log --exit 3\n"
         "  TavikToolCompanion explain --json @runs.txt");
     command.callback([options, &result] { result = ExecuteExplain(*options); });

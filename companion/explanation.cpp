@@ -1,6 +1,8 @@
 #include "companion/explanation.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 #include <utf8cpp/utf8.h>
@@ -17,6 +19,7 @@ using Json = nlohmann::ordered_json;
 
 constexpr size_t kTextWidth = 100;
 constexpr std::string_view kIndent = "           ";
+constexpr std::string_view kTool = "TavikCompatibilityTool.exe";
 
 std::string_view ModeName(RunMode mode)
 {
@@ -25,20 +28,61 @@ std::string_view ModeName(RunMode mode)
 
 std::string_view RetryInWords(std::string_view retry)
 {
-    return retry == "later"           ? "later, it may work by itself then"
+    return retry == "later"           ? "start the tool again later, the cause may be gone by then"
            : retry == "after-restart" ? "after a restart"
                                       : retry;
 }
 
-std::string Describe(const Candidate& candidate)
+// Says so if the log proves what the catalogue only supposes.
+std::string WithProof(std::string_view sentences, const LogFacts& facts)
+{
+    constexpr std::string_view kSupposed = "may be gone";
+    std::string text(sentences);
+    const size_t at = text.find(kSupposed);
+    return at == std::string::npos || !facts.IsApplicationGone() ? text : text.replace(at, kSupposed.size(), "is gone");
+}
+
+// The line to type if the next step is to install with the installer that the log names; not wrapped.
+std::string DescribeCommand(const Meaning& meaning, const LogFacts& facts)
+{
+    const bool installs = meaning.action.find("-VLT -Install") != std::string_view::npos && facts.Source() != "given" &&
+                          !facts.StartedInstaller().empty();
+    return installs ? "Command    " + std::string(kTool) + " -VLT -Install -Path \"" +
+                          Printable(facts.StartedInstaller()) + "\"\n"
+                    : "";
+}
+
+// What "start again" means if the run had switches.
+std::string DescribeSameCommand(const Meaning& meaning, const LogFacts& facts)
+{
+    const bool startsAgain = meaning.action.find("tart again") != std::string_view::npos && facts.Switches() &&
+                             !facts.Switches()->empty() && !facts.IsApplicationGone();
+    return startsAgain ? std::string(kIndent) + "with the same command: " + std::string(kTool) + " " +
+                             Printable(*facts.Switches()) + "\n"
+                       : "";
+}
+
+// A log without a known end, or with a damaged one, may be a part of one.
+std::string DescribeCopy(const Finding& finding)
+{
+    const bool hasNoEnd = std::ranges::any_of(finding.candidates, [](const Candidate& candidate) {
+        return candidate.meaning->id == "interrupted" || candidate.meaning->id == "log-cut";
+    });
+    return finding.lines > 0 && (hasNoEnd || finding.damage.lastLineOpen)
+               ? Paragraph("Note", "If this log is a copy, the copy may be incomplete: get the whole log first.")
+               : "";
+}
+
+std::string Describe(const Candidate& candidate, const LogFacts& facts)
 {
     const Meaning& meaning = *candidate.meaning;
     std::string text = Paragraph("Outcome", std::string(meaning.id) + " - " + std::string(meaning.title));
-    text += Paragraph("Meaning", meaning.owner);
-    text += Paragraph("Cause", meaning.cause);
-    text += Paragraph("Next step", meaning.action);
+    text += Paragraph("Meaning", WithProof(meaning.owner, facts));
+    text += Paragraph("Cause", WithProof(meaning.cause, facts));
+    text += Paragraph("Next step", WithProof(meaning.action, facts)) + DescribeCommand(meaning, facts);
     text += Paragraph("Retry", RetryInWords(meaning.retry));
     text += Paragraph("Report as", std::to_string(meaning.code));
+    text += Paragraph("Event", std::to_string(meaning.event) + ", if \"TavikToolCompanion run\" started the tool");
     for (const std::string& line : candidate.evidence)
     {
         text += &line == &candidate.evidence.front() ? "Log lines  " : kIndent;
@@ -76,10 +120,38 @@ std::string DescribeFacts(const Finding& finding)
     return text;
 }
 
+// An exit code as a code of Windows, in plain words.
+std::string_view ExitInWords(int exitCode)
+{
+    constexpr int kLastOwnCode = 3;  // the tool's own codes up to it mean something else to Windows
+    return exitCode >= 0 && exitCode <= kLastOwnCode ? std::string_view() : CodeInWords(exitCode);
+}
+
+std::string DescribeWords(int exitCode)
+{
+    const std::string_view words = ExitInWords(exitCode);
+    return words.empty() ? ""
+                         : Paragraph("Code", std::to_string(InsideHresult(exitCode).value_or(exitCode)) + ": " +
+                                                 std::string(words));
+}
+
+// The next step as far as it fits into a line.
+std::string FirstStep(std::string_view action)
+{
+    size_t end = action.size() - 1;  // the full stop
+    for (const std::string_view mark : {". ", ": ", "; "})
+    {
+        end = std::min(end, action.find(mark));
+    }
+    return std::string(action.substr(0, end));
+}
+
 std::string DescribeExitCode(const Finding& finding)
 {
     const int code = *finding.exitCode;
-    std::string text = std::to_string(code);
+    constexpr std::uint32_t kHresultOfWindows = 0x8007'0000;
+    std::string text = DescribeCode(
+        finding.insideCode ? static_cast<int>(kHresultOfWindows | static_cast<std::uint32_t>(code)) : code);
     if (finding.exitFits)
     {
         return text;
@@ -156,11 +228,13 @@ std::string ExplainAsText(const Finding& finding)
     if (finding.exitCode)
     {
         text += Paragraph("Exit code", DescribeExitCode(finding));
+        text += InsideHresult(*finding.exitCode) ? DescribeWords(*finding.exitCode) : "";
     }
     for (const std::string& sentence : DescribeDamage(finding.damage))
     {
         text += Paragraph("Damaged", sentence);
     }
+    text += DescribeCopy(finding);
     if (finding.candidates.empty())
     {
         text += Paragraph("Outcome", "none of the catalogue");
@@ -173,7 +247,7 @@ std::string ExplainAsText(const Finding& finding)
     }
     for (const Candidate& candidate : finding.candidates)
     {
-        text += finding.candidates.size() > 1 ? "\n" + Describe(candidate) : Describe(candidate);
+        text += (finding.candidates.size() > 1 ? "\n" : "") + Describe(candidate, finding.facts);
     }
     return text;
 }
@@ -183,16 +257,63 @@ std::string ExplainInPlainWords(const Finding& finding)
     const auto began = ParseLogName(finding.log);
     std::string text = Paragraph("Log", Printable(finding.log));
     text += began ? Paragraph("Started", FormatLocalTime(*began).substr(0, 16).replace(10, 1, " ")) : "";
+    text += DescribeCopy(finding);
     if (finding.candidates.size() != 1)
     {
         text += Paragraph("Result", "The log does not say it. It is one of these:");
     }
     for (const Candidate& candidate : finding.candidates)
     {
-        text += "\n" + Paragraph("Result", candidate.meaning->title) + Paragraph("Meaning", candidate.meaning->owner) +
-                Paragraph("What to do", candidate.meaning->action);
+        const Meaning& meaning = *candidate.meaning;
+        text += "\n" + Paragraph("Result", meaning.title) +
+                Paragraph("Meaning", WithProof(meaning.owner, finding.facts)) +
+                Paragraph("What to do", WithProof(meaning.action, finding.facts)) +
+                DescribeSameCommand(meaning, finding.facts) + DescribeCommand(meaning, finding.facts);
     }
     return text;
+}
+
+std::string ExitAsText(int exitCode, std::string_view given, std::string_view logFolder)
+{
+    std::string text = Paragraph("Exit code", DescribeCode(exitCode)) + DescribeWords(exitCode);
+    const std::pair<int, std::string_view> reported[] = {
+        {0, "done, or nothing to do"}, {3010, "done, restart needed"}, {1618, "try again later"}, {1603, "failed"}};
+    for (const auto& [code, words] : reported)
+    {
+        text += code == InsideHresult(exitCode).value_or(exitCode)
+                    ? Paragraph("Run", "\"TavikToolCompanion run\" ends with " + std::to_string(code) +
+                                           " for: " + std::string(words) +
+                                           ". It printed the outcome, which is also in the Application log.")
+                    : "";
+    }
+    std::string_view label = "Can mean   ";
+    for (const Meaning* const meaning : OutcomesOfExit(exitCode))
+    {
+        text += std::string(std::exchange(label, kIndent)) + std::string(meaning->id) + " - " +
+                std::string(meaning->title) + ": " + FirstStep(meaning->action) + "\n";
+    }
+    return text + Paragraph("Next step", "The log decides: TavikToolCompanion explain LOG --exit " +
+                                             std::string(given) + ". The logs are in " + std::string(logFolder) +
+                                             ". If the run left no log, give --no-log instead of LOG.");
+}
+
+std::string ExitAsJson(int exitCode)
+{
+    const std::string_view words = ExitInWords(exitCode);
+    Json object;
+    object["log"] = nullptr;
+    object["exit"] = exitCode;
+    object["words"] = words.empty() ? Json() : Json(words);
+    object["outcome"] = nullptr;
+    object["candidates"] = Json::array();
+    object["outcomes"] = Json::array();
+    for (const Meaning* const meaning : OutcomesOfExit(exitCode))
+    {
+        object["candidates"].push_back(meaning->id);
+        object["outcomes"].push_back(
+            {{"outcome", meaning->id}, {"title", meaning->title}, {"action", meaning->action}});
+    }
+    return InOneLine(object);
 }
 
 std::string ExplainAsJson(const Finding& finding, const std::function<std::string(std::string_view)>& clean)

@@ -29,6 +29,10 @@ std::string ExplainAsText(const Finding& finding);
 // Returns what the owner of the PC needs: the outcome in plain words and the next step.
 std::string ExplainInPlainWords(const Finding& finding);
 
+// What an exit code can mean if the log is not at hand. `given` is the code as the user wrote it.
+std::string ExitAsText(int exitCode, std::string_view given, std::string_view logFolder);
+std::string ExitAsJson(int exitCode);
+
 // Returns one line without its end. Applies `clean` to every text that comes from the machine: file name and lines.
 std::string ExplainAsJson(const Finding& finding, const std::function<std::string(std::string_view)>& clean = nullptr);
 

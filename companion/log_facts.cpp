@@ -94,6 +94,7 @@ void LogFacts::Take(std::string_view line)
     const auto matches = [line](std::string_view pattern) { return MatchLine(pattern, line).matches; };
     isLog_ = isLog_ || std::ranges::any_of(kOwnLines, matches) ||
              (line.size() >= kCutLine && kCommandLine.starts_with(line));
+    TakePackage(line);
     std::string text;
     if (std::exchange(isDriverNext_, false) && line.starts_with("\t ["))
     {
@@ -170,10 +171,34 @@ void LogFacts::TakeInstaller(std::string_view line)
     {
         isDecided_ = true;
     }
-    else if (source_.empty() && switches_ && MatchLine("Process * /NCRC /S *", line).matches)
+    else if (MatchLine("Process * /NCRC /S *", line).matches)
     {
-        source_ = "given";
-        installer_ = GivenFile(*switches_);
+        constexpr size_t kBegin = std::string_view("Process ").size();
+        startedInstaller_ = line.substr(kBegin, line.find(" /NCRC /S ") - kBegin);
+        if (source_.empty() && switches_)
+        {
+            source_ = "given";
+            installer_ = GivenFile(*switches_);
+        }
+    }
+}
+
+void LogFacts::TakePackage(std::string_view line)
+{
+    if (line.starts_with("\tResult = "))
+    {
+        const bool hasFailed = MatchLine("\tResult = <failure>", line).matches;
+        wasRemoved_ = wasRemoved_ || (step_ == Step::kRemoval && !hasFailed);
+        wasKept_ = wasKept_ || (step_ == Step::kRemoval && hasFailed) || (step_ == Step::kInstallation && !hasFailed);
+        step_ = Step::kOther;
+    }
+    else if (line.starts_with("Uninstalling installed Halden "))
+    {
+        step_ = Step::kRemoval;
+    }
+    else if (MatchLine("Installing *dwx-next64.msi", line).matches)
+    {
+        step_ = Step::kInstallation;
     }
 }
 

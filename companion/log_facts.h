@@ -35,10 +35,22 @@ public:
     [[nodiscard]] const std::string& Source() const { return source_; }
     // Path or address of the installer.
     [[nodiscard]] const std::string& Installer() const { return installer_; }
+    // Path of the installer that was started; it may have been removed since.
+    [[nodiscard]] const std::string& StartedInstaller() const { return startedInstaller_; }
+    // True if the log proves that the application was removed and not installed again.
+    [[nodiscard]] bool IsApplicationGone() const { return wasRemoved_ && !wasKept_; }
     [[nodiscard]] const std::vector<StorePackage>& StorePackages() const { return storePackages_; }
 
 private:
+    enum class Step  // of the main product; its result follows
+    {
+        kOther,
+        kRemoval,
+        kInstallation,
+    };
+
     void TakeInstaller(std::string_view line);
+    void TakePackage(std::string_view line);
 
     bool isLog_ = false;
     std::optional<std::string> switches_;
@@ -51,6 +63,10 @@ private:
     std::vector<StorePackage> storePackages_;
     std::string source_;
     std::string installer_;
+    std::string startedInstaller_;
     std::string release_;  // that is downloaded
+    Step step_ = Step::kOther;
+    bool wasRemoved_ = false;
+    bool wasKept_ = false;  // a removal failed, or the new one was installed
 };
 }  // namespace repair

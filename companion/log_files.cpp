@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "base/handles.h"
-#include "companion/failure.h"
+#include "base/log.h"
 #include "companion/unicode.h"
 
 namespace repair
@@ -98,6 +98,13 @@ bool IsFolder(const std::wstring& path)
 {
     const DWORD attributes = GetFileAttributesW(path.c_str());
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+NotALog MakeNotALog(const std::wstring& path)
+{
+    return NotALog(ToUtf8(path) +
+                   " is no log of the tool: its logs are named InstallVLTForWUDriver_<date and time>.log and are in " +
+                   ToUtf8(GetLogFolder()));
 }
 
 std::uint64_t ReadFileBytes(const std::wstring& path, const std::function<void(std::string_view)>& sink,

@@ -10,6 +10,7 @@
 
 #include <windows.h>
 
+#include "companion/failure.h"
 #include "companion/line_reader.h"
 #include "companion/log_name.h"
 
@@ -24,6 +25,9 @@ std::vector<std::wstring> ListLogs(const std::wstring& folder);
 std::vector<std::wstring> ExpandWildcards(const std::wstring& path);
 
 bool IsFolder(const std::wstring& path);
+
+// Names the file, and where the tool's logs are.
+NotALog MakeNotALog(const std::wstring& path);
 
 // Passes at most `most` bytes of the file to `sink`, piece by piece, and returns how many there were. Other programs
 // may write to the file meanwhile. Throws UnreadableFile.

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <exception>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <windows.h>
@@ -14,6 +15,7 @@
 #include "companion/commands.h"
 #include "companion/console.h"
 #include "companion/failure.h"
+#include "companion/log_files.h"
 #include "companion/unicode.h"
 #include "resources/version.h"
 
@@ -24,8 +26,8 @@ using namespace repair;
 constexpr char kDescription[] =
     "TavikToolCompanion reads the logs of the Tavik Software Compatibility Tool, and runs the tool.";
 constexpr char kFooter[] =
-    "Exit code: 0 done; 1 failed, or a check found an error; 2 wrong usage. The command run has its own, see its "
-    "help.\n"
+    "Exit code: 0 done; 1 failed, or a check found an error; 2 wrong usage; 3 a file is no log of the tool. The\n"
+    "commands status and run have more, see their help.\n"
     "A double-click explains the newest log; a log dropped on the program is explained.\n"
     "\n"
     "Examples:\n"
@@ -93,12 +95,15 @@ void DescribeProgram(CLI::App& program, int& result, const std::vector<std::wstr
     }
 }
 
-// True if a log, or a folder with logs, was dropped on this program: Explorer gives full paths.
-bool AreDropped(const std::vector<std::wstring>& arguments)
+// True if a log, or a folder with logs, was dropped on this program or typed without a command. No command or option
+// looks like that.
+bool ArePaths(const std::vector<std::wstring>& arguments)
 {
     return !arguments.empty() && std::ranges::all_of(arguments, [](const std::wstring& argument) {
-        return argument.find(L'\\') != std::wstring::npos &&
-               GetFileAttributesW(argument.c_str()) != INVALID_FILE_ATTRIBUTES;
+        constexpr std::string_view kEnding = ".log";
+        const std::string text = ToUtf8(argument);
+        return text.find('\\') != std::string::npos ||
+               EqualNoCase(text.substr(text.size() - std::min(text.size(), kEnding.size())), kEnding);
     });
 }
 
@@ -106,9 +111,14 @@ int ExecuteForOwner(std::vector<std::wstring> paths)
 {
     paths.resize(std::max<size_t>(paths.size(), 1));  // no path: the newest log
     int result = kDone;
-    for (const std::wstring& path : paths)
+    bool isFirst = true;
+    for (const std::wstring& given : paths)
     {
-        result = std::max(result, ExplainToOwner(path));
+        for (const std::wstring& path : ExpandWildcards(given))
+        {
+            WriteOutput(std::exchange(isFirst, false) ? "" : "\n");
+            result = std::max(result, ExplainToOwner(path));
+        }
     }
     return result;
 }
@@ -159,7 +169,7 @@ int wmain()
     const Utf8Console console;
     const std::vector<std::wstring> arguments = GivenArguments();
     const bool closes = HasOwnConsole();
-    const bool isForOwner = AreDropped(arguments) || (closes && arguments.empty());
+    const bool isForOwner = ArePaths(arguments) || (closes && arguments.empty());
     int result = kFailed;
     try
     {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "companion/code_words.h"
+
 namespace repair
 {
 namespace
@@ -40,11 +42,10 @@ bool AllowsExit(const Outcome& outcome, std::optional<int> exitCode, std::option
     return true;
 }
 
-// HRESULT_FROM_WIN32: deployment systems show codes of Windows in this form.
-std::optional<int> InsideHresult(int exitCode)
+bool AllowsResult(const Outcome& outcome, std::optional<long long> number)
 {
-    const auto bits = static_cast<std::uint32_t>(exitCode);
-    return bits >> 16 == 0x8007 ? std::optional(static_cast<int>(bits & 0xFFFF)) : std::nullopt;
+    return (outcome.result.empty() || (number && Contains(outcome.result, *number))) &&
+           (!number || !Contains(outcome.resultNot, *number));
 }
 }  // namespace
 
@@ -156,10 +157,26 @@ bool Recogniser::Matches(const State& state, std::optional<int> exitCode) const
     {
         return false;
     }
-    const bool resultFits = (outcome.result.empty() || (state.number && Contains(outcome.result, *state.number))) &&
-                            (!state.number || !Contains(outcome.resultNot, *state.number));
     const bool lastFits = outcome.last.empty() || (finding_.lines > 0 && MatchesAny(outcome.last));
-    return resultFits && lastFits && (outcome.oneOf.empty() || state.oneOfFound);
+    return AllowsResult(outcome, state.number) && lastFits && (outcome.oneOf.empty() || state.oneOfFound);
+}
+
+std::vector<const Meaning*> OutcomesOfExit(int exitCode)
+{
+    const auto allows = [](const Outcome& outcome, int code) {
+        const bool isOfWindows = outcome.exitRule == ExitRule::kResult;
+        return AllowsExit(outcome, code, code) && (!isOfWindows || (code > 0 && AllowsResult(outcome, code)));
+    };
+    std::vector<const Meaning*> found;
+    for (const Outcome& outcome : BuiltInCatalogue().outcomes)
+    {
+        const int inside = InsideHresult(exitCode).value_or(exitCode);
+        if (outcome.mode != RunMode::kRun && (allows(outcome, exitCode) || allows(outcome, inside)))
+        {
+            found.push_back(&outcome.meaning);
+        }
+    }
+    return found;
 }
 
 void TrustLog(Finding& finding)

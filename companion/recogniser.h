@@ -38,6 +38,9 @@ struct Finding
     std::string lastLine;
 };
 
+// Returns the outcomes of a run of the tool that can have this exit code, whatever its log says.
+std::vector<const Meaning*> OutcomesOfExit(int exitCode);
+
 // Lets the log decide if it contradicts the exit code, which may be another program's, or another form of it.
 void TrustLog(Finding& finding);
 

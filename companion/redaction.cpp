@@ -20,8 +20,9 @@ constexpr std::array kGeneral = {
     Text(U"administrator"), Text(U"administrators"), Text(U"all users"),       Text(U"default"),
     Text(U"default user"),  Text(U"everyone"),       Text(U"guest"),           Text(U"local service"),
     Text(U"localhost"),     Text(U"localservice"),   Text(U"network service"), Text(U"networkservice"),
-    Text(U"public"),        Text(U"system"),         Text(U"systemprofile"),   Text(U"temp"),
-    Text(U"users"),         Text(U"workgroup"),      Text(U"127.0.0.1"),       Text(U"::1"),
+    Text(U"public"),        Text(U"system"),         Text(U"systemprofile"),   Text(U"tavik"),
+    Text(U"temp"),          Text(U"users"),          Text(U"workgroup"),       Text(U"127.0.0.1"),
+    Text(U"::1"),
 };
 
 // Words before a backslash that are no domain: registry roots, buses, and the second word of "NT AUTHORITY" and
@@ -207,8 +208,9 @@ void Redactor::LearnAccount(std::u32string_view text)
         const Text word = text.substr(0, length);
         const bool endsHere = length < text.size() && text[length] != U' ';
         text.remove_prefix(std::min(text.size(), length + 1));
-        inPath = inPath || word.find(U":\\") != Text::npos || word.starts_with(U"\\\\");
-        if (!inPath)
+        // After a share, rather replace a folder than keep a name.
+        inPath = inPath || word.find(U":\\") != Text::npos;
+        if (!inPath || word.find(U'\\') == Text::npos)
         {
             LearnWord(word);
         }

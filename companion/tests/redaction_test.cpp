@@ -103,6 +103,15 @@ TEST(Redaction, ServersAndLoginsAreReplaced)
                     "https://[<machine3>]:443/x", "as <user1>@<domain1>", "\\\\?\\UNC\\<machine4>\\x"));
 }
 
+TEST(Redaction, ANameAfterAShareOrAnAddressAfterAPathIsReplaced)
+{
+    EXPECT_THAT(
+        Redacted({"\\\\fs1\\home on FIRMA\\anna.mueller", "\\\\fs1\\home on bert.meier" + std::string("@firm.example"),
+                  "\\\\fs1\\My Apps\\Tavik", "C:\\My Files of carla" + std::string("@firm.example")}),
+        ElementsAre("\\\\<machine1>\\home on <domain1>\\<user1>", "\\\\<machine1>\\home on <user2>@<domain2>",
+                    "\\\\<machine1>\\My <domain3>\\Tavik", "C:\\My Files of <user3>@<domain2>"));
+}
+
 TEST(Redaction, TheMakersServerStays)
 {
     Redactor redactor;

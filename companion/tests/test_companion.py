@@ -35,6 +35,7 @@ def test_help_and_version(desk):
     assert (code, errors) == (0, "") and text.startswith("TavikToolCompanion reads the logs") and "Examples:\n" in text
     assert all(re.search(rf"^  {command} +\w", text, re.M) for command in COMMANDS) and desk.run("/?") == (0, text, "")
     defined = re.search(r'TAVIK_VERSION_TEXT "(.+)"', (paths.ROOT / "src" / "resources" / "version.h").read_text("utf-8"))[1]
+    assert re.search(r"; 3 a file is no log of the tool\. The\s+commands status and run have more", text)
     assert desk.run("--version") == (0, f"TavikToolCompanion {defined}\n", "")
 
 
@@ -56,6 +57,7 @@ def test_commands_and_options_in_any_letter_case(desk):
 @pytest.mark.parametrize("arguments, says", [
     (["expand"], "The following argument was not expected: expand"),
     (["explain"], "LOG: name the log of the run, or give --no-log"), (["explain", "a", "--no-log"], "LOG: name the log of the run, or give --no-log"),
+    (["explain", "a", "--no-log", "--exit", "3"], "LOG: name the log of the run, or give --no-log"),
     (["explain", "a", "--what"], "The following argument was not expected: --what"), (["explain", "a", "--exit"], "--exit: 1 required NUMBER missing"),
     *((["explain", "a", "--exit", text], f'--exit: "{text}" is not a 32-bit number') for text in ("x", "1x", " 1", "4294967296", "-2147483649", "0x", "0x-5", "0x1FFFFFFFF")),
     (["convert"], "LOG is required"), (["convert", "a", "b", "c"], "The following argument was not expected: c"),
@@ -128,6 +130,8 @@ def test_logs_of_another_folder(desk):
     assert desk.run("collect", r"C:\other", "--from", r"C:\from")[1].startswith("2 logs in ")
     with zipfile.ZipFile(desk.prefix.windows_path(r"C:\other\TavikToolLogs.zip")) as archive:
         assert archive.namelist() == [NAME, LATER, "summary.jsonl"]  # not the facts of this machine
+        file = rf"C:\from\{NAME}"
+        assert desk.run("collect", file, "--from", r"C:\from") == (1, "", f"TavikToolCompanion: {file} is a file: name a folder\n")
         assert json.loads(archive.read("summary.jsonl").splitlines()[1]) == {"log": LATER, "error": "this is no log of the tool"}
 
 

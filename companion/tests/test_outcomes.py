@@ -65,7 +65,7 @@ def test_a_fallback_matches_only_alone():
 
 def test_without_an_exit_code_all_that_fit_are_named():
     assert one(exit=[1]).matches(None, ["a"]) and one(exit="result", lines=["R = <result>"]).matches(None, ["R = 5"])
-    assert outcomes.matching(None, ["Launched with command line: x"]) == ["quiet-end", "interrupted", "log-cut"]
+    assert outcomes.matching(None, ["Launched with command line: x"]) == ["interrupted", "quiet-end", "log-cut"]
 
 
 @pytest.mark.parametrize("log, lines", [("a\nb\n", ["a", "b"]), ("a\nb", ["a", "b"]), ("", []), ("\n", [""]), ("a\n\nb\r\n", ["a", "", "b\r"])])

@@ -26,7 +26,7 @@ def test_a_run_in_plain_words(desk):
     assert (code, errors) == (0, "")
     assert text.splitlines()[:6] == [f"Log        {NAME}", "Began      2026-11-06T04:07:31.015", "Switches   -SILENT", "Installed  23.40",
                                      "Exit code  1618", f"Outcome    install-busy - {busy.title}"]
-    assert all(part in words for part in (f"Meaning {busy.owner}", f"Cause {busy.cause}", f"Next step {busy.action}", "Report as 1618"))
+    assert all(part in words for part in (f"Meaning {busy.owner}", f"Cause {busy.cause}", f"Next step {busy.action}", "Report as 1618 Event 303, if"))
     assert text.endswith(f"Log lines  {BUSY[2]}\n           {BUSY[3]}\nCode       1618: another installation is in progress: wait until it has ended\n")
 
 
@@ -34,21 +34,54 @@ def test_without_the_exit_code_several_outcomes_may_remain(desk):
     path = desk.put(rf"C:\logs\{NAME}", utf16([LAUNCHED, CHECK]))
     code, text, _ = desk.run("explain", path)
     assert code == 0 and "one of 3; the exit code (--exit) decides which" in text
-    assert re.findall(r"^Outcome    ([a-z-]+) - ", text, re.M) == ["quiet-end", "interrupted", "log-cut"]
+    assert re.findall(r"^Outcome    ([a-z-]+) - ", text, re.M) == ["interrupted", "quiet-end", "log-cut"]
     assert desk.explain(path)[0]["outcome"] is None and desk.explain(path, "--exit", "3")[0]["outcome"] == "quiet-end"
 
 
 def test_a_log_that_cannot_be_read(desk):
     good = desk.put(r"C:\logs\good.log", utf16(SAME))
-    code, text, errors = desk.run("explain", "--json", r"C:\nowhere\ü.log", good, "--exit", "-1")
+    page = desk.put(r"C:\logs\page.txt", b"a page\n")
+    code, text, errors = desk.run("explain", "--json", r"C:\nowhere\ü.log", page, good, "--exit", "-1")
     assert code == 1 and r"TavikToolCompanion: C:\nowhere\ü.log cannot be opened: error 3, the folder was not found: check the path" in errors
-    assert [json.loads(line)["outcome"] for line in text.splitlines()] == ["same-release"]
+    missing, refused, read = map(json.loads, text.splitlines())
+    assert list(missing) == list(refused) == ["log", "error"] and (missing["log"], refused["log"]) == ("ü.log", "page.txt")
+    assert all(f"TavikToolCompanion: {one['error']}\n" in errors for one in (missing, refused)) and read["outcome"] == "same-release"
 
 
 @pytest.mark.parametrize("code, outcome", [("3", "no-log-folder"), ("4294967295", "no-log")])
 def test_a_run_without_a_log(desk, code, outcome):
     assert [one["outcome"] for one in desk.explain("--no-log", "--exit", code)] == [outcome]
     assert [one["outcome"] for one in desk.explain(desk.put(r"C:\logs\empty.log", b""), "--exit", code)] == [outcome]
+
+
+ALWAYS = {"interrupted", "no-log"}
+
+
+@pytest.mark.parametrize("given, number, shown, ids", [
+    ("1618", 1618, ["Exit code  1618", "Code       1618: another installation is in progress: wait until it has ended",
+                    'Run        "TavikToolCompanion run" ends with 1618 for: try again later. It printed the outcome, which is also'], {"install-busy", *ALWAYS}),
+    ("0x80070643", -2147023293, ["Exit code  -2147023293 (0x80070643, 1603 of Windows)", "Code       1603: the package failed:"],
+     {"install-failed", "store-error", "store-no-window", *ALWAYS}),
+    ("-1", -1, ["Exit code  -1", "Can mean   same-release - Already compatible: Nothing"], None), ("3", 3, ["Exit code  3"], None)])
+def test_an_exit_code_without_a_log(desk, given, number, shown, ids):
+    code, text, errors = desk.run("explain", "--exit", given)
+    assert (code, errors) == (0, "") and [line for line in shown if f"\n{line}" not in f"\n{text}"] == []
+    assert ("Code  " in text) == (number not in (-1, 3)) and f"Next step  The log decides: TavikToolCompanion explain LOG --exit {given}." in text
+    known = {one.id: one for one in outcomes.catalogue() if one.mode != "run"}
+    other = {"install-failed-other"} if number == 3 else set()  # any other code of Windows
+    ids = ids or other | {one.id for one in known.values() if number not in one.exit_not and
+                          (number in one.exit if isinstance(one.exit, list) else one.exit == "any" or (one.exit == "negative" and number < 0))}
+    for one in ids:
+        assert f" {one} - {known[one].title}: {re.split('[.:;]( |$)', known[one].action)[0]}\n" in text
+    told, = (json.loads(line) for line in desk.run("explain", "--exit", given, "--json")[1].splitlines())
+    assert list(told) == ["log", "exit", "words", "outcome", "candidates", "outcomes"] and (told["exit"], bool(told["words"])) == (number, "Code  " in text)
+    assert set(told["candidates"]) == {one["outcome"] for one in told["outcomes"]} == ids
+
+
+@pytest.mark.parametrize("data, note", [(utf16(BUSY[:3])[:-20], True), (utf16(BUSY[:3]), True), (utf16(SAME)[:-2], True), (utf16(SAME), False), (b"", False)])
+def test_a_log_without_an_end_may_be_an_incomplete_copy(desk, data, note):
+    path = desk.put(r"C:\logs\copy.log", data)
+    assert ("Note       If this log is a copy, the copy may be incomplete: get the whole log first.\n" in desk.run("explain", path, "--exit", "1618")[1]) == note
 
 
 BODY = "a line of the log\nUser does not desktop VLT installed.\n\tGrüße € 😀\n"
@@ -137,11 +170,39 @@ def test_every_log_of_the_lab_is_recognised_as_the_catalogue_says(desk):
 
 # For the owner of the PC
 
+FETCHED = r"C:\Users\The Owner\AppData\Local\Temp\Tavik_VLTInstallerDownload\dwx2_install.exe"
+UNPACKS, REMOVES = rf"Process {FETCHED} /NCRC /S -EXTRACTONLY=YES /D=C:\x completed with exit code 0", "Uninstalling installed Halden {1}"
+SAYS = ["with the same command: TavikCompatibilityTool.exe -SILENT\n", f'Command    TavikCompatibilityTool.exe -VLT -Install -Path "{FETCHED}"\n', "its previous version is gone."]
+
+
+# The whole command line where the log knows it, and "is gone" instead of "may be gone" where the log proves it.
+@pytest.mark.parametrize("log, says", [
+    ([*BUSY[:2], UNPACKS, *BUSY[2:]], SAYS[:2]), ([*BUSY[:2], UNPACKS, REMOVES, "\tResult = 3010", *BUSY[2:]], SAYS[1:]),
+    ([*BUSY[:2], UNPACKS, REMOVES, "\tResult = 0", REMOVES, "\tResult = 1618", *BUSY[2:]], SAYS[:2]),
+    ([*BUSY[:2], UNPACKS, REMOVES.replace("Halden", "DVR"), "\tResult = 0", *BUSY[2:]], SAYS[:2]),
+    ([*BUSY[:2], *BUSY[2:]], SAYS[:1]), (["Launched with command line: tool.exe", *BUSY[1:]], []), (SAME, [])])
+def test_what_to_type(desk, log, says):
+    path = desk.put(r"C:\logs\type.log", utf16(log))
+    text = desk.run(path)[1]
+    assert [one for one in SAYS if one in text.replace("\n           ", " ").replace(" with the same", "with the same") or one in text] == says
+    assert (SAYS[1] in desk.run("explain", path, "--exit", "1618")[1]) == (SAYS[1] in says)
+
+
+def test_a_path_without_a_command(desk):
+    both = [desk.put(rf"C:\typed\{name}", utf16(SAME)) for name in (NAME, LATER)]
+    code, text, errors = desk.run(r"C:\typed\*.log")
+    assert (code, errors) == (0, "") and text == "\n".join(desk.run(path)[1] for path in both)
+    missing = r"C:\typed\nix.log"
+    assert desk.run(missing, both[0]) == (1, "\n" + desk.run(both[0])[1], f"TavikToolCompanion: {missing} cannot be opened: error 2, the file was not found: check the path\n")
+    assert "nix.log cannot be opened: error 2, the file was not found" in desk.run("nix.LOG")[2]
+    assert desk.run(r"C:\typed\*.txt") == (1, "", "TavikToolCompanion: C:\\typed\\*.txt: no file has such a name; check folder and spelling\n")
+
+
 # Proves: The companion is started by a double-click, or a log is dropped on it => the newest log, or that one, in plain words with the next step; it waits for a key
 @pytest.mark.parametrize("arguments, code, shows", [
     ((), 0, ["Started    2026-11-16 04:07", "Result     Windows Installer is busy", "Meaning    Another installation is in progress.", "What to do Wait for the other"]),
     ((rf"C:\drop\{NAME}",), 0, ["Started    2026-11-06 04:07", "Result     Already compatible", "What to do Nothing."]), ((r"C:\drop",), 0, ["Result     Already compatible"]),
-    ((rf"C:\drop\{NAME}", rf"C:\drop\cut.log"), 0, ["Result     Already compatible", "The log does not say it. It is one of these:", "Result     Interrupted"]),
+    ((rf"C:\drop\{NAME}", rf"C:\drop\cut.log"), 0, ["Result     Already compatible", "What to do Nothing.\n\nLog        cut.log\n", "The log does not say it. It is one of these:\n\nResult     Interrupted"]),
     ((r"C:\drop\page.txt",), 3, [r"C:\drop\page.txt is no log of the tool"]), ((r"C:\bare",), 1, [r"there are no logs in C:\bare: start the tool first"])],
     ids=["double-click", "log", "folder", "two logs", "no log", "no logs"])
 def test_started_by_a_double_click(desk, arguments, code, shows):
@@ -224,7 +285,18 @@ def test_an_exit_code_that_the_log_contradicts(desk, log, given, code, outcome, 
     one, = desk.explain(path, "--exit", given)
     assert (one["exit"], one["outcome"], one["exit_fits"]) == (code, outcome, fits is None)
     shown = " ".join(desk.run("explain", path, "--exit", given)[1].split())
-    assert f"Outcome {outcome} - " in shown and ((f"{code}, which does not fit this log: it" in shown and fits in shown) if fits else "does not fit" not in shown)
+    assert f"Outcome {outcome} - " in shown and (("which does not fit this log: it" in shown and fits in shown) if fits else "does not fit" not in shown)
+    hresults = {"0x80070652": "-2147023278 (0x80070652, 1618 of Windows)", "0x80070643": "-2147023293 (0x80070643, 1603 of Windows), which"}
+    assert f"Exit code {hresults.get(given, code)}" in shown
+
+
+# HRESULTs: what the Store answers, and what deployment systems show.
+@pytest.mark.parametrize("number, shown", [
+    ("-2147024891", "-2147024891 (0x80070005, 5 of Windows): access was denied: start as administrator"), ("-2147009281", "-2147009281 (0x80073CFF, 15615 of Windows)"),
+    ("-2145844845", "-2145844845 (0x80190193)"), ("5", "5: access was denied: start as administrator"), ("-1", None), ("1602", None)])
+def test_the_code_of_a_line_in_words(desk, number, shown):
+    text = desk.run("explain", desk.put(r"C:\logs\code.log", utf16([*BUSY[:3], f"\tResult = {number}"])))[1]
+    assert re.findall("^Code       (.*)$", text, re.M)[:1] == ([shown] if shown else []), text
 
 
 # Files, folders, wildcards
@@ -281,6 +353,10 @@ def test_a_file_is_replaced_only_if_asked(desk):
     assert desk.run("convert", log, other) == (1, "", says)
     file = desk.prefix.windows_path(other)
     assert file.read_bytes() == utf16(BUSY) and not file.with_name(file.name + ".part").exists()
+    for same in (log, log.upper(), rf"C:\logs\.\..\logs\{NAME}"):
+        for force in ([], ["--force"]):
+            assert desk.run("convert", log, same, *force) == (1, "", f"TavikToolCompanion: {same} is the log itself, which is never replaced: name another file\n")
+    assert desk.prefix.windows_path(log).read_bytes() == utf16(SAME)
     assert desk.run("convert", log, other, "--FORCE") == (0, "", "") and file.read_bytes().decode() == "".join(line + "\r\n" for line in SAME)
 
 
@@ -293,6 +369,17 @@ def test_a_log_as_text(desk):
     assert desk.prefix.windows_path(r"C:\logs\out.txt").read_bytes() == wanted.encode()
     code, _, errors = desk.run("convert", path, r"C:\nowhere\out.txt")
     assert code == 1 and "cannot be created: error 3, the folder was not found: check the path" in errors
+
+
+def test_only_logs_are_converted(desk):
+    for name, data in ((NAME, utf16(SAME)), (LATER, b""), ("notes.txt", b"my notes\n"), (LAST, utf16([SAME[2] + "x" * 65536]))):
+        desk.put(rf"C:\mixed\{name}", data)
+    out = desk.prefix.windows_path(desk.put(r"C:\made\x", b"")).parent
+    for given, refused in ((r"C:\mixed\*", (LAST, "notes.txt")), (r"C:\mixed", (LAST,)), (r"C:\mixed\notes.txt", ("notes.txt",))):
+        code, text, errors = desk.run("convert", given, r"C:\made", "--force")
+        assert (code, text) == (3, "") and sorted(re.findall(r"C:\\mixed\\(.*) is no log of the tool: ", errors)) == sorted(refused)
+    assert {file.name for file in out.iterdir()} == {"x", f"{NAME}.txt", f"{LATER}.txt"}
+    assert desk.run("convert", r"C:\mixed\notes.txt")[:2] == (3, "")
 
 
 # Lines and their severity in the log viewer: 1 information, 2 warning, 3 error.
@@ -316,10 +403,10 @@ def test_a_log_for_the_log_viewer(desk):
 
 def test_a_line_that_is_too_long(desk):
     """It comes in pieces of 65,536 bytes, and matches no pattern."""
-    path = desk.put(r"C:\logs\long.log", utf16([SAME[2] + "x" * (3 * 65536 - len(SAME[2])), "end"]))
-    assert desk.run("convert", path)[1] == f"{SAME[2]}{'x' * (3 * 65536 - len(SAME[2]))}\r\nend\r\n"
+    path = desk.put(r"C:\logs\long.log", utf16([SAME[2] + "x" * (3 * 65536 - len(SAME[2])), LAUNCHED]))
+    assert desk.run("convert", path)[1] == f"{SAME[2]}{'x' * (3 * 65536 - len(SAME[2]))}\r\n{LAUNCHED}\r\n"
     records = [len(record.partition("]LOG]!>")[0]) - len("<![LOG[") for record in desk.run("convert", "--cmtrace", path)[1].splitlines()]
-    assert records == [65536, 65536, 65536, len("end")]
+    assert records == [65536, 65536, 65536, len(LAUNCHED)]
     one, = desk.explain(desk.put(r"C:\logs\long.log", utf16([LAUNCHED, SAME[2] + "x" * 65536])), "--exit", "-1")
     assert (one["outcome"], one["lines"], one["last_line"]) == ("interrupted", 2, "\ufffd")
     assert one["damage"] == ["1 of its lines are too long to be the tool's"]
