@@ -19,7 +19,7 @@ using Json = nlohmann::ordered_json;
 
 constexpr size_t kTextWidth = 100;
 constexpr std::string_view kIndent = "           ";
-constexpr std::string_view kTool = "TavikCompatibilityTool.exe";
+constexpr std::string_view kToolName = "TavikCompatibilityTool.exe";
 
 std::string_view ModeName(RunMode mode)
 {
@@ -47,7 +47,7 @@ std::string DescribeCommand(const Meaning& meaning, const LogFacts& facts)
 {
     const bool installs = meaning.action.find("-VLT -Install") != std::string_view::npos && facts.Source() != "given" &&
                           !facts.StartedInstaller().empty();
-    return installs ? "Command    " + std::string(kTool) + " -VLT -Install -Path \"" +
+    return installs ? "Command    " + std::string(kToolName) + " -VLT -Install -Path \"" +
                           Printable(facts.StartedInstaller()) + "\"\n"
                     : "";
 }
@@ -57,7 +57,7 @@ std::string DescribeSameCommand(const Meaning& meaning, const LogFacts& facts)
 {
     const bool startsAgain = meaning.action.find("tart again") != std::string_view::npos && facts.Switches() &&
                              !facts.Switches()->empty() && !facts.IsApplicationGone();
-    return startsAgain ? std::string(kIndent) + "with the same command: " + std::string(kTool) + " " +
+    return startsAgain ? std::string(kIndent) + "with the same command: " + std::string(kToolName) + " " +
                              Printable(*facts.Switches()) + "\n"
                        : "";
 }

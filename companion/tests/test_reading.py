@@ -59,7 +59,7 @@ ALWAYS = {"interrupted", "no-log"}
 
 @pytest.mark.parametrize("given, number, shown, ids", [
     ("1618", 1618, ["Exit code  1618", "Code       1618: another installation is in progress: wait until it has ended",
-                    'Run        "TavikToolCompanion run" ends with 1618 for: try again later. It printed the outcome, which is also'], {"install-busy", *ALWAYS}),
+                    'Run        "TavikToolCompanion run" ends with 1618 for: try again later. It printed the outcome,'], {"install-busy", *ALWAYS}),
     ("0x80070643", -2147023293, ["Exit code  -2147023293 (0x80070643, 1603 of Windows)", "Code       1603: the package failed:"],
      {"install-failed", "store-error", "store-no-window", *ALWAYS}),
     ("-1", -1, ["Exit code  -1", "Can mean   same-release - Already compatible: Nothing"], None), ("3", 3, ["Exit code  3"], None)])
@@ -184,7 +184,7 @@ SAYS = ["with the same command: TavikCompatibilityTool.exe -SILENT\n", f'Command
 def test_what_to_type(desk, log, says):
     path = desk.put(r"C:\logs\type.log", utf16(log))
     text = desk.run(path)[1]
-    assert [one for one in SAYS if one in text.replace("\n           ", " ").replace(" with the same", "with the same") or one in text] == says
+    assert [one for one in SAYS if one in text or one in " ".join(text.split())] == says
     assert (SAYS[1] in desk.run("explain", path, "--exit", "1618")[1]) == (SAYS[1] in says)
 
 
@@ -194,7 +194,7 @@ def test_a_path_without_a_command(desk):
     assert (code, errors) == (0, "") and text == "\n".join(desk.run(path)[1] for path in both)
     missing = r"C:\typed\nix.log"
     assert desk.run(missing, both[0]) == (1, "\n" + desk.run(both[0])[1], f"TavikToolCompanion: {missing} cannot be opened: error 2, the file was not found: check the path\n")
-    assert "nix.log cannot be opened: error 2, the file was not found" in desk.run("nix.LOG")[2]
+    assert "nix.LOG cannot be opened: error 2, the file was not found" in desk.run("nix.LOG")[2]
     assert desk.run(r"C:\typed\*.txt") == (1, "", "TavikToolCompanion: C:\\typed\\*.txt: no file has such a name; check folder and spelling\n")
 
 
@@ -202,7 +202,7 @@ def test_a_path_without_a_command(desk):
 @pytest.mark.parametrize("arguments, code, shows", [
     ((), 0, ["Started    2026-11-16 04:07", "Result     Windows Installer is busy", "Meaning    Another installation is in progress.", "What to do Wait for the other"]),
     ((rf"C:\drop\{NAME}",), 0, ["Started    2026-11-06 04:07", "Result     Already compatible", "What to do Nothing."]), ((r"C:\drop",), 0, ["Result     Already compatible"]),
-    ((rf"C:\drop\{NAME}", rf"C:\drop\cut.log"), 0, ["Result     Already compatible", "What to do Nothing.\n\nLog        cut.log\n", "The log does not say it. It is one of these:\n\nResult     Interrupted"]),
+    ((rf"C:\drop\{NAME}", rf"C:\drop\cut.log"), 0, ["Result     Already compatible", "\n\nLog        cut.log\n", "The log does not say it. It is one of these:\n\nResult     Interrupted"]),
     ((r"C:\drop\page.txt",), 3, [r"C:\drop\page.txt is no log of the tool"]), ((r"C:\bare",), 1, [r"there are no logs in C:\bare: start the tool first"])],
     ids=["double-click", "log", "folder", "two logs", "no log", "no logs"])
 def test_started_by_a_double_click(desk, arguments, code, shows):
