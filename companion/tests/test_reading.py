@@ -172,15 +172,16 @@ def test_every_log_of_the_lab_is_recognised_as_the_catalogue_says(desk):
 
 FETCHED = r"C:\Users\The Owner\AppData\Local\Temp\Tavik_VLTInstallerDownload\dwx2_install.exe"
 UNPACKS, REMOVES = rf"Process {FETCHED} /NCRC /S -EXTRACTONLY=YES /D=C:\x completed with exit code 0", "Uninstalling installed Halden {1}"
+WEB = r"Unable to find dwx2-install.exe at [C:\store]. Downloading dwx2_install.exe for [24.20] from web."
 SAYS = ["with the same command: TavikCompatibilityTool.exe -SILENT\n", f'Command    TavikCompatibilityTool.exe -VLT -Install -Path "{FETCHED}"\n', "its previous version is gone."]
 
 
 # The whole command line where the log knows it, and "is gone" instead of "may be gone" where the log proves it.
 @pytest.mark.parametrize("log, says", [
-    ([*BUSY[:2], UNPACKS, *BUSY[2:]], SAYS[:2]), ([*BUSY[:2], UNPACKS, REMOVES, "\tResult = 3010", *BUSY[2:]], SAYS[1:]),
-    ([*BUSY[:2], UNPACKS, REMOVES, "\tResult = 0", REMOVES, "\tResult = 1618", *BUSY[2:]], SAYS[:2]),
-    ([*BUSY[:2], UNPACKS, REMOVES.replace("Halden", "DVR"), "\tResult = 0", *BUSY[2:]], SAYS[:2]),
-    ([*BUSY[:2], *BUSY[2:]], SAYS[:1]), (["Launched with command line: tool.exe", *BUSY[1:]], []), (SAME, [])])
+    ([*BUSY[:2], WEB, UNPACKS, *BUSY[2:]], SAYS[:2]), ([*BUSY[:2], WEB, UNPACKS, REMOVES, "\tResult = 3010", *BUSY[2:]], SAYS[1:]),
+    ([*BUSY[:2], WEB, UNPACKS, REMOVES, "\tResult = 0", REMOVES, "\tResult = 1618", *BUSY[2:]], SAYS[:2]),
+    ([*BUSY[:2], WEB, UNPACKS, REMOVES.replace("Halden", "DVR"), "\tResult = 0", *BUSY[2:]], SAYS[:2]),
+    (BUSY, SAYS[:1]), (["Launched with command line: tool.exe", *BUSY[1:]], []), (SAME, [])])
 def test_what_to_type(desk, log, says):
     path = desk.put(r"C:\logs\type.log", utf16(log))
     text = desk.run(path)[1]
