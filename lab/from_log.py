@@ -1,7 +1,7 @@
 """A machine like the one that a log tells about, and the comparison of its log with that one.
 
 Story goes through the lines of a log once. What a line tells becomes part of the machine: an adapter, a product, an answer of the
-server, a call that fails. What no line tells is the common machine's, and is said in `assumed`.
+server, a call that fails. `assumed` names what is made up beyond the lines; all else is the common machine's.
 """
 from __future__ import annotations
 
@@ -25,6 +25,7 @@ APPLICATION = r"HKLM\Software\Tavik\HL"
 PROGRAMS = {"hlcmd.exe": "Halden", "CorvelSettings.exe": "Halden", "CorvelSoftware.exe": "Halden", "tavikow.exe": "DVR", "TavikLPServ.exe": "PXL"}
 RESTART = (1641, 3010, 3011)
 ORREL = r"HKLM\Software\Orrel Technologies\Install\Halden"
+NO_DESKTOP = "User does not desktop VLT installed."
 FAILURE, NO_MEMORY = "0x80004005", "0x8007000E"  # where a line has a text but no code, or not even a text
 
 # What differs from machine to machine, in the order of the replacements.
@@ -111,7 +112,7 @@ class Story:
         self.desktop = self.is_check = False
         self.version = self.driver = self.folder = self.location = self.release = ""
         self.store: dict[str, Any] = {"packages": [], "manager": {}, "service": {}}
-        self.server: dict[str, Any] = {"reach": "none"}
+        self.server: dict[str, Any] = {}
         self.content: Any = None  # of the installer
         self.answer: dict[str, Any] | None = None
         self.installer: dict[str, Any] = {}
@@ -131,7 +132,8 @@ class Story:
             end = self.next
             self._go_through(told.facts.get("inventory", []))
             self.next = end
-            self.assume("the adapters are those of the facts" if self.adapters else "the adapter is the common machine's")
+            if self.adapters:
+                self.assume("the adapters are those of the facts")
         default = 1
         if not self.is_check and self.is_installed and self.has_started is None and told.lines[-1].startswith(("\tResult = ", "Remvoing ")):
             # Where nothing was installed before, the Store packages come next.
@@ -191,6 +193,7 @@ class Story:
         self.is_check, self.desktop, self.version, self.driver = True, True, "23.40", "23.40.11.01"
         self.when, self.arguments, self.instance = [f"window : second {self.arguments}"], "", 1
         self.assume("the first start, without switches, is the other instance; the log of the second one is compared")
+        self.assume("the installed version is 23.40")
 
     @on(r"Failed to call SetupDi(GetClassDevs|GetDeviceInstanceId) (-?\d+)  .*")
     def _setup_failed(self, call: str, code: str) -> None:
@@ -241,7 +244,7 @@ class Story:
             unknown[0]["release"] = release
         self.next = "msi!MsiEnumRelatedProductsW 1"
 
-    @on(r"User does not desktop VLT installed\.")
+    @on(re.escape(NO_DESKTOP))
     def _without_desktop(self) -> None:
         self.desktop = False
         self.next = "winrt!FindPackages 1"
@@ -263,6 +266,7 @@ class Story:
 
     @on(r"(?:Exception (.*)|Unknown expection occured) when enumerating info for (.*)")
     def _package_unread(self, text: str | None, name: str) -> None:
+        self.assume(f"the package that cannot be read is {name or 'Unknown_1.0.0.0_x64__0'}, version 1.0.0.0")
         self.store["packages"].append({"name": name or "Unknown_1.0.0.0_x64__0", "version": "1.0.0.0",
                                        "fail": f"{'get_Version' if name else 'get_FullName'}:{self._failure(text)}"})
 
@@ -270,14 +274,13 @@ class Story:
     def _store_failed(self, text: str | None) -> None:
         if "end" in self.store["service"]:
             known = FAILURE if self.told.exit_code is None else f"0x{self.told.exit_code & 0xFFFFFFFF:08X}"
-            self.store["service"]["end"] = f"error:{self._failure(text, known)}"
+            self.store["service"] = {"end": f"error:{self._failure(text, known)}"}
         else:
             self.store["manager"]["find"] = self._failure(text)
 
     @on(r"Attempting to download and install the UWP version of VLT\.")
     def _store(self) -> None:
-        self.store["service"]["end"] = "completed"
-        self.store["service"]["state"] = 1  # until the log says that it was completed
+        self.store["service"] = {"end": "completed", "state": 1}  # until the log says more
         self.next = "winrt!DownloadAndInstallStorePackagesAsync 1"
 
     @on(r"Successfully installed the UWP version of VLT")
@@ -286,7 +289,9 @@ class Story:
 
     @on(r"Error: (Store context does not implement|Unable to initialize).*")
     def _store_window(self, what: str) -> None:
-        self.store["service"]["window"] = "missing" if what.startswith("Store") else FAILURE
+        self.store["service"] = {"window": "missing" if what.startswith("Store") else FAILURE}
+        if what.startswith("Unable"):
+            self.assume(f"the code of the Store's window is {FAILURE}")
 
     @on(r"Found dwx2-install\.exe at \[(.*)\]")
     def _found(self, path: str) -> None:
@@ -341,19 +346,26 @@ class Story:
     @on(r"Failed writing to file: .*")
     def _disk_full(self) -> None:
         self.largest_file = 65536
+        self.assume("no file can be longer than 65536 bytes, as if the disk were full")
 
     @on(r"Unable to create file to download data into\. Target path: .* Error: (\d+)")
     def _in_use(self, code: str) -> None:
         self.files[DOWNLOADS + r"\dwx2_install.exe.tmp"] = "in use"
         self.lists["read_only" if code == "5" else "held"].append(DOWNLOADS + r"\dwx2_install.exe.tmp")
+        self.assume(f"the temporary download is {'write-protected' if code == '5' else 'held open by another program'}")
 
     @on("\tException occured during the download of dwx2_install\\.exe\\. filesystem error: (\\w+): .*")
     def _in_the_way(self, operation: str) -> None:
-        file = DOWNLOADS if operation.startswith("create") else DOWNLOADS + r"\dwx2_install.exe"
-        self.files[file] = "in the way"
-        if file != DOWNLOADS:
-            self.lists["held"].append(file)
+        if operation.startswith("create"):
+            self._no_folder()
+        else:
+            self.files[DOWNLOADS + r"\dwx2_install.exe"] = "in the way"
+            self.lists["held"].append(DOWNLOADS + r"\dwx2_install.exe")
             self.assume("the old download is held open by another program")
+
+    def _no_folder(self) -> None:
+        self.files[DOWNLOADS] = "in the way"
+        self.assume("a file has the name of the download folder")
 
     @on("\tException occured during the download of dwx2_install\\.exe\\. "
         "(Unable to open internet connection|Unable to connect to server|std::bad_alloc).*")
@@ -361,6 +373,7 @@ class Story:
         if what.startswith("std"):
             self.lists["faults"].append("wininet!HttpQueryInfoW 1 memory=none")
             self.environment["LD_PRELOAD"] = "libgcc_s.so.1"  # without it Wine cannot end a thread when there is no memory
+            self.assume("there is no memory left when the status of the answer is read")
         elif "open" in what or "{server}" in self.server.get("folder", "{server}"):
             self.fail(f"wininet!Internet{'Open' if 'open' in what else 'Connect'}W 1", 8)
             self.assume("the code of the connection's failure is 8")
@@ -382,7 +395,7 @@ class Story:
     @on("\tException occured during installation\\. (?:filesystem error: (\\w+))?.*")
     def _exception(self, operation: str | None) -> None:
         if operation == "create_directories":
-            self.files[DOWNLOADS] = "in the way"
+            self._no_folder()
         elif operation is not None:
             held = DOWNLOADS + r"\LPInstaller\old.txt"
             self.files[held] = "left"
@@ -396,6 +409,7 @@ class Story:
         self.location = location
         if how != "Process":
             self.lists["remove"].append(rf"{HOME}\Halden\hlcmd.exe")
+            self.assume("hlcmd.exe is missing")
         elif code != "0":
             self.programs["hlcmd.exe.exit"] = int(code) & 0xFFFFFFFF
 
@@ -449,8 +463,10 @@ class Story:
     @on(r"Unable to create VLTUWPReplaced registry key .*")
     def _not_marked(self) -> None:
         self.when.append(rf"file {HOME}\DVR\release.txt : deny Software\Orrel Technologies\Install")
+        self.assume("the marker cannot be written from the installation of DVR on")
         if self.store["packages"]:
             self.store["packages"][-1]["completion"] = "later:1500"  # time to deny it
+            self.assume("the removal of the Store package takes 1.5 seconds")
 
     @on(r"(Process|Launching process) (.*)\\CorvelSoftware\.exe  (?:completed with exit code (-?\d+)|failed\..*)")
     def _application(self, how: str, location: str, code: str | None) -> None:
@@ -477,18 +493,28 @@ class Story:
 
     def _desktop(self) -> Any:
         if not self.desktop:
+            if not self.is_check and not self.calls:
+                self.assume("no desktop edition is installed")
             self._record(("HLVersion", self.version, ""), ("DriverVersion", self.driver, ""))
             self._keep_location()
             return False
-        known = self.told.facts.get("desktop", {}).get("families")
-        if not self.families and not known:
-            self.assume("of the desktop edition, only Halden is installed")
+        families = self.families
+        if self.is_check and self.calls and "Halden" not in families and NO_DESKTOP not in self.told.lines:
+            families = ["Halden", *families]
+            self.lists["faults"].append("msi!MsiEnumRelatedProductsW 3 error=259")  # the check makes the first two calls
+            self.assume("Windows Installer names Halden to the check, but no longer to the removal")
+        elif not families:
+            known = self.told.facts.get("desktop", {}).get("families")
+            families = known or ["Halden"]
+            self.assume("the products are those of the facts" if known else "of the desktop edition, only Halden is installed")
         release = self.version if self.version in RELEASES else RELEASES[0]
         others = [one for one in RELEASES if one != release]
         packages: list[str] = []
-        for family in self.families or known or ["Halden"]:
+        for family in families:
             number = sum(one.startswith(family) for one in packages)
             packages.append(f"{family}-{[release, *others][min(number, len(others))]}")
+        if untold := [one for one in packages if one != f"Halden-{self.version}"]:
+            self.assume(f"the releases of the installed products: {', '.join(untold)}")
         if self.is_check:
             written = [one for one in packages if one.startswith("Halden")][-1:] or [""]
             release = written[0].removeprefix("Halden-")
@@ -539,6 +565,7 @@ class Story:
 
     def _adapters(self) -> list[dict[str, Any]]:
         if not self.adapters and "Currently installed drivers on system:" not in self.told.lines:
+            self.assume("the adapter is the common machine's")
             return [{}]
         for one in self.adapters:
             if "release" not in one and one["packages"]:
@@ -548,6 +575,9 @@ class Story:
 
     def _machine(self) -> dict[str, Any]:
         self._fill_installer()
+        self.assume(f"the temporary folder is {TEMP}")
+        if self.store["service"] == {"end": "completed", "state": 1}:
+            self.assume("the Store's installation ends without an error, in state 1 (3 is completed)")
         machine = {"description": f"As in {self.told.name}", "temp": TEMP, "adapters": self._adapters(), "desktop": self._desktop(),
                    "store": {key: value for key, value in self.store.items() if value}, "server": self.server, "files": self.files,
                    "registry": self.values, "programs": self.programs, "environment": self.environment, "installer": self.installer,
@@ -555,9 +585,14 @@ class Story:
         return {key: value for key, value in machine.items() if value or key in ("adapters", "desktop")}
 
     def toml(self) -> str:
+        again = " ".join(["lab/run THIS_FILE", *(f"--when {one!r}" for one in self.when), *(["--", self.arguments] if self.arguments else [])])
         head = [f"# Made by lab/run --from from {self.told.name}. What the log does not say is assumed:", *(f"#   {one}" for one in self.assumed),
-                "# Run it again:", f"#   lab/run THIS_FILE {' '.join(f'--when {one!r}' for one in self.when)} -- {self.arguments}", ""]
-        return "\n".join([*head, *(f"{key} = {_toml(value)}" for key, value in self.machine.items()), ""])
+                "# Run it again, without and with the comparison:", f"#   {again}", "#   lab/run --from LOG THIS_FILE", ""]
+        adapters = self.machine["adapters"]  # an empty list is written as one
+        lines = [f"{key} = {_toml(value)}" for key, value in self.machine.items() if key != "adapters" or not value]
+        for one in adapters:
+            lines += ["", "[[adapters]]", *(f"{key} = {_toml(value)}" for key, value in one.items())]
+        return "\n".join([*head, *lines, ""])
 
 
 def _toml(value: Any) -> str:

@@ -13,14 +13,14 @@ import pytest
 from cases.support.direct import GIVEN, SWITCHES, given
 from cases.support.download import FINAL, PATH
 from cases.support.expect import EXTRACTED, NOT_THE_MAKERS, OTHER_ADAPTER, TEMP
-from cases.support.repair import found
+from cases.support.repair import UPGRADE_CODES, found
 from cases.support.store import CORVEL, package, store_only
 from companion import outcomes
 from lab import from_log, paths
 from lab.from_log import Story, Told
 
 OTHER_FOLDER = {"desktop": {"families": ["Halden", "DVR"], "folder": r"C:\My Apps"}}
-RUNS = {  # machine and switches of the first run, by outcome
+RUNS = {  # machine and switches of the first run, by outcome; a second run of one has a comment behind it
     "same-release": ("compatible.toml", "-SILENT"),
     "no-adapter": ({"adapters": [OTHER_ADAPTER]}, ""),
     "no-usable-driver": ({"adapters": [{"release": False}, {"driver_key": False}, {"description": "Tavik Corvel 5500", "release": False}]}, ""),
@@ -28,6 +28,8 @@ RUNS = {  # machine and switches of the first run, by outcome
     "no-application-store-unread": (store_only(manager={"find": "0x80070005:Refused."}), ""),
     "repaired": ({**found(), **OTHER_FOLDER, "running": [r"C:\My Apps\Halden\CorvelSoftware.exe"],
                   "programs": {"CorvelSoftware.exe.deaf": True}}, "-SILENT"),
+    "repaired: Halden is gone after the check": (
+        found(desktop={"families": ["Halden", "DVR"]}, faults=[f"msi!MsiEnumRelatedProductsW 3+ if=upgrade:{UPGRADE_CODES['Halden']} return=259"]), ""),
     "repaired-restart": (found("24.20-reboot"), ""),
     "repaired-old-left": (found(desktop={"packages": ["Halden-24.10", "Halden-23.40-stubborn"]}), ""),
     "repaired-store-left": (found(store={"packages": [package(removal="0x80073CF1:Package was not found.")]}), ""),
@@ -55,9 +57,10 @@ def told(log: list[str]) -> tuple[Story, str]:
     return story, "\n".join(line for line in from_log.compare(story, log) if not line.startswith(" "))
 
 
-@pytest.mark.parametrize("outcome", RUNS)
-def test_the_machine_of_a_log_has_the_same_outcome_and_log(lab, outcome):
-    machine, arguments = RUNS[outcome]
+@pytest.mark.parametrize("name", RUNS)
+def test_the_machine_of_a_log_has_the_same_outcome_and_log(lab, name):
+    outcome = name.partition(":")[0]
+    machine, arguments = RUNS[name]
     log = lab.run(machine, arguments).log
     lab.outcome(outcome)
     story, difference = told(log)
@@ -88,12 +91,16 @@ def test_an_archive_from_another_pc_is_read_run_and_compared(lab, tmp_path: path
     done = lab_run("--from", file, "--log", "2024-7-1", machine)
     assert done.returncode == 0, done.stdout + done.stderr
     assert r"assumed     \\<computer1>\share\setup.exe is C:\computer1\share\setup.exe here" in done.stdout
-    assert "this one (+): no lines differ" in done.stdout and "log: direct-failed; here: direct-failed" in done.stdout
+    assert "this one (+): no lines differ\n\noutcome" in done.stdout and "log: direct-failed; here: direct-failed" in done.stdout
     assert re.search(r"^exit code   3$", done.stdout, re.M)
     assert tomllib.loads(machine.read_text("utf-8"))["files"] == {r"C:\computer1\share\setup.exe": {"installer": "24.20"}}
 
+    corrected = machine.read_text("utf-8").replace("error=1603", "error=1618")
+    machine.write_text(corrected, "utf-8")
     again = lab_run("--from", file, "--log", "2024-7-1", machine)
-    assert again.returncode == 2 and "customer.toml exists" in again.stderr
+    assert again.returncode == 3 and "customer.toml, which exists and is used as it is" in again.stdout, again.stdout + again.stderr
+    assert "assumed " not in again.stdout and machine.read_text("utf-8") == corrected
+    assert "this one (+): 2 lines differ" in again.stdout and "  - \tResult = 1603\n  + \tResult = 1618\n" in again.stdout
     newest = lab_run("--from", file)
     assert newest.returncode == 2 and "this is no log of the tool" in newest.stderr
     wrong = lab_run("--from", file, "--log", "2023")
@@ -103,6 +110,37 @@ def test_an_archive_from_another_pc_is_read_run_and_compared(lab, tmp_path: path
 @pytest.mark.parametrize("path, here", [(r"C:\My Apps", r"C:\My Apps"), (r"D:\x", r"C:\x"), (r"\\server\a b", r"C:\server\a b"), ("%A%c:x", r"C:\Acx")])
 def test_every_path_is_on_the_only_drive(path, here):
     assert Story(Told("x.log", [f'Launched with command line: x.exe -VLT -Install -Path "{path}"']), is_unfinished=True).given == here
+
+
+UNINSTALLED = [rf"Uninstalling installed {family} C:\windows\Installer\1.msi" for family in ("Halden", "Halden", "DVR")]
+STORE = "Attempting to download and install the UWP version of VLT."
+EXCEPTION = "\tException occured during the download of dwx2_install.exe. "
+
+
+@pytest.mark.parametrize("lines, assumed", [
+    (UNINSTALLED, "the releases of the installed products: Halden-24.10, DVR-23.40"),
+    ([r"Installing C:\x\dwx-next64.msi", "\tResult = 0"], "Windows Installer names Halden to the check, but no longer to the removal"),
+    ([STORE, "failed to install the UWP version of VLT"], "the Store's installation ends without an error, in state 1 (3 is completed)"),
+    ([STORE, "Error: Unable to initialize with window."], "the code of the Store's window is 0x80004005"),
+    (["Exception No. when enumerating info for A_2"], "the package that cannot be read is A_2, version 1.0.0.0"),
+    (["Failed writing to file: x"], "no file can be longer than 65536 bytes, as if the disk were full"),
+    (["Unable to create file to download data into. Target path: x. Error: 5"], "the temporary download is write-protected"),
+    ([EXCEPTION + "filesystem error: create_directory: x"], "a file has the name of the download folder"),
+    ([EXCEPTION + "std::bad_alloc"], "there is no memory left when the status of the answer is read"),
+    ([r"Launching process C:\x\hlcmd.exe exit failed. Error code = 2 x"], "hlcmd.exe is missing"),
+    (["Unable to create VLTUWPReplaced registry key x"], "the marker cannot be written from the installation of DVR on"),
+    (["Another instance is running. Exiting."], "the installed version is 23.40"),
+    ([], "the adapter is the common machine's"), ([], r"the temporary folder is C:\temp")])
+def test_what_no_line_tells_is_named(lines, assumed):
+    version = "Currently installed VLT is version [23.40] from driver version [23.40.11.01]"
+    story = Story(Told("x.log", ["Launched with command line: x.exe", version, *lines]), is_unfinished=False)
+    assert assumed in story.assumed and f"\n#   {assumed}\n" in story.toml()
+
+
+def test_a_description_is_easy_to_change():
+    lines = ["Launched with command line: x.exe", "Enumerating installed drivers for A\\B\\1 - One", "[Two] - [A\\B\\2] is not an Tavik Display Adapter."]
+    text = Story(Told("x.log", lines), is_unfinished=False).toml()
+    assert "\n#   lab/run THIS_FILE\n" in text and '\n[[adapters]]\nid = "A\\\\B\\\\2"\ndescription = "Two"\n' in text
 
 
 def test_facts_say_what_a_log_that_ends_early_does_not():
