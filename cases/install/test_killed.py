@@ -124,7 +124,9 @@ def test_as_soon_as_something_is_seen(lab, when):
     allowed = (REPAIRS,) if "Uninstalling" not in first else (FINDS_NOTHING, IS_SAME if "Result" in first else REPAIRS)
     end = next((one for one in allowed if (result.again.exit_code, result.logs[-1][-1]) == (one[1], one[3])), None)
     assert end is not None and [box["text"] for box in result.again.boxes] == [end[2][1]]
-    assert [name for name in result.after.products if "Halden" in name] == ([] if end is FINDS_NOTHING else MAIN)
+    halden = [name for name in result.after.products if "Halden" in name]
+    # What is killed while it is registered can be listed already, without being found by its upgrade code.
+    assert halden in (([], MAIN) if end is FINDS_NOTHING else (MAIN,))
     assert MARKER not in result.after.files
 
 
