@@ -75,6 +75,14 @@ def shared_folders() -> list[str]:
     return [str(TOP), *(str(folder) for folder in folders if not folder.is_relative_to(TOP))]
 
 
+def listed_tests() -> list[Path]:
+    """ctest's lists of the tests that need processes of their own; none when a program is newer than its list."""
+    folder = TOP / "build" / "release" / "tests"
+    lists = sorted(folder.glob("*_tests.cmake"))
+    newest = max((file.stat().st_mtime for file in folder.glob("*.exe")), default=0)
+    return lists if all(file.stat().st_mtime >= newest for file in lists) else []
+
+
 def enter(root: Path, build: Path, command: list[str], built: bool = False) -> list[str]:
     """The command line that runs a command in the root. The caller's variables are left out: their paths mean nothing there."""
     kept = [f"{name}={os.environ[name]}" for name in ("TERM", "CI", "http_proxy", "https_proxy", "TAVIK_WINDOWS") if name in os.environ]
@@ -119,8 +127,12 @@ def main(arguments: list[str]) -> int:
         fail(f"on-debian: {obstacle()}.")
     version, *command = arguments
     built = command[0] == "--built"
-    if built and (len(command) == 1 or not (TOP / "build" / "release" / "tests").is_dir()):
-        fail("on-debian: --built needs a command, and a build here: run scripts/test or scripts/build first.")
+    if built:
+        lists = listed_tests()
+        if len(command) == 1 or not lists:
+            fail("on-debian: --built needs a command, and programs whose in-process tests ran here: run scripts/test in-process first.")
+        for file in lists:
+            file.touch()  # or ctest lists the tests anew when CMake was called since, with modules that are not there
     folder = TOP / "build" / f"debian-{version}"
     root = make(version, folder)
     sys.stdout.flush()

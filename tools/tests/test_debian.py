@@ -72,10 +72,23 @@ def test_user_without_rights_is_told_so(monkeypatch, capsys):
     assert "scripts/on-debian 13" in capsys.readouterr().out
 
 
-def test_programs_built_here_are_asked_for_only_when_there_are_any(monkeypatch, tmp_path):
+def test_programs_built_here_need_a_list_of_their_tests(monkeypatch, tmp_path):
     monkeypatch.setattr(on_debian, "obstacle", lambda: "")
     monkeypatch.setattr(on_debian, "TOP", tmp_path)
-    with pytest.raises(SystemExit, match="run scripts/test or scripts/build first"):
-        on_debian.main(["13", "--built", "true"])
-    assert "TAVIK_BUILT=1" in on_debian.enter(tmp_path, tmp_path, ["true"], True)
+    entered = []
+    monkeypatch.setattr(on_debian, "make", lambda version, folder: folder / "root")
+    monkeypatch.setattr(os, "execvp", lambda program, command: entered.append(command))
+    tests = tmp_path / "build" / "release" / "tests"
+    tests.mkdir(parents=True)
+    exe, listed, of_cmake = (tests / name for name in ("unit_tests.exe", "unit_tests[1]_tests.cmake", "unit_tests[1]_include.cmake"))
+    for file in (exe, of_cmake):
+        file.touch()
+    for make_list in (lambda: None, lambda: (listed.touch(), os.utime(listed, (1, 1)))):  # none; older than the program
+        make_list()
+        with pytest.raises(SystemExit, match="run scripts/test in-process first"):
+            on_debian.main(["13", "--built", "true"])
+    os.utime(exe, (2, 2))
+    os.utime(listed, (3, 3))  # CMake was called since: of_cmake is newer
+    on_debian.main(["13", "--built", "true"])
+    assert "TAVIK_BUILT=1" in entered[0] and listed.stat().st_mtime >= of_cmake.stat().st_mtime
     assert "TAVIK_BUILT=" in on_debian.enter(tmp_path, tmp_path, ["true"])
