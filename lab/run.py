@@ -139,7 +139,8 @@ def run(machine: Machine, arguments: str = "", *, timeout: float = 60, hold: flo
                 raise RunError(error, one.folder) from None
             remove_folder(one.folder)
         except subprocess.TimeoutExpired as error:
-            # The watcher ends a tool that hangs. If it does not end itself, Wine hangs: Wine 10 does now and then, under load, after a box.
+            # The watcher ends a tool that hangs. If it does not end itself, Wine hangs: under load
+            # the server of Wine 10 now and then never ends a request.
             if wine_version() < 10 or last_try:
                 raise RunError(error, one.folder) from error
             warnings.warn(f"{HUNG}: the run was repeated; the machine is kept in {one.folder}", stacklevel=1)
