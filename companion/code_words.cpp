@@ -66,7 +66,7 @@ std::string DescribeCode(long long code)
     char hex[sizeof("0x80070643")] = {};
     std::snprintf(hex, sizeof(hex), "0x%08X", static_cast<unsigned int>(code));
     const std::optional<int> inside = InsideHresult(code);
-    return std::to_string(code) + " (" + hex + (inside ? ", " + std::to_string(*inside) + " of Windows)" : ")");
+    return std::to_string(code) + " (" + hex + (inside ? ", Windows code " + std::to_string(*inside) : "") + ")";
 }
 
 std::string_view CodeInWords(long long code)

@@ -11,7 +11,7 @@ namespace repair
 // codes in this form.
 std::optional<int> InsideHresult(long long code);
 
-// Returns "1618", or for an HRESULT "-2147023293 (0x80070643, 1603 of Windows)".
+// Returns "1618", or for an HRESULT "-2147023293 (0x80070643, Windows code 1603)".
 std::string DescribeCode(long long code);
 
 // Returns for example "the server's name was not found: check the address and the name server (DNS)", or an empty text

@@ -100,20 +100,24 @@ int ExecuteConvert(const ConvertOptions& options)
         try
         {
             CheckLog(log);
+            if (out.empty())
+            {
+                Convert(options, log, WriteOutput);
+            }
+            else
+            {
+                ConvertTo(intoFolder ? JoinPath(out, FileNameOf(log) + L".txt") : out, options, log);
+            }
         }
         catch (const NotALog& failure)  // go on with the other logs
         {
             WriteError(failure.what());
-            result = kNotALog;
-            continue;
+            result = result == kDone ? kNotALog : result;
         }
-        if (out.empty())
+        catch (const UnreadableFile& failure)
         {
-            Convert(options, log, WriteOutput);
-        }
-        else
-        {
-            ConvertTo(intoFolder ? JoinPath(out, FileNameOf(log) + L".txt") : out, options, log);
+            WriteError(failure.what());
+            result = kFailed;
         }
     }
     return result;

@@ -143,6 +143,30 @@ std::string ListOthers(const std::vector<std::wstring>& names)
     return text;
 }
 
+// If the newest run found no application: the installer of the last run that had one, unless that run succeeded.
+std::string DescribeOlderInstaller(const Finding& newest, const std::wstring& folder, const LogOfRun& log)
+{
+    constexpr std::string_view kOr =
+        "Install it again with the installer of an earlier run, if that file still exists:";
+    for (size_t i = 0; i < log.others.size() && newest.facts.Edition() == "none"; ++i)
+    {
+        try
+        {
+            const Finding older = Explain({JoinPath(folder, log.others[i]), {}, {}});
+            if (!older.facts.StartedInstaller().empty())
+            {
+                const std::string command = CommandToInstall(older);
+                return command.empty() ? command : Paragraph("Or", kOr) + command;
+            }
+        }
+        catch (const Failure&)  // no log, or not readable
+        {
+            continue;
+        }
+    }
+    return "";
+}
+
 // For a log that cannot be explained.
 void WriteFailure(const ExplainOptions& options, const LogOfRun& log, const Failure& failure)
 {
@@ -200,7 +224,8 @@ int ExplainToOwner(const std::wstring& path)
     const LogOfRun log = path.empty() || IsFolder(given) ? NewestLog(given, {}) : LogOfRun{given, {}, {}};
     try
     {
-        WriteOutput(ExplainInPlainWords(Explain(log)));
+        const Finding finding = Explain(log);
+        WriteOutput(ExplainInPlainWords(finding) + DescribeOlderInstaller(finding, given, log));
     }
     catch (const NotALog& failure)
     {

@@ -20,6 +20,7 @@ using Json = nlohmann::ordered_json;
 constexpr size_t kTextWidth = 100;
 constexpr std::string_view kIndent = "           ";
 constexpr std::string_view kToolName = "TavikCompatibilityTool.exe";
+constexpr std::string_view kMark = "-run=";  // the first argument of a tool that `run` has started
 
 std::string_view ModeName(RunMode mode)
 {
@@ -42,24 +43,48 @@ std::string WithProof(std::string_view sentences, const LogFacts& facts)
     return at == std::string::npos || !facts.IsApplicationGone() ? text : text.replace(at, kSupposed.size(), "is gone");
 }
 
-// The line to type if the next step is to install with the installer that the log names; not wrapped.
+bool IsOfRun(const LogFacts& facts)
+{
+    return facts.Switches().value_or("").starts_with(kMark);
+}
+
+// The tool alone would find no application to replace; `run` would install the lost one.
+bool IsInVain(const LogFacts& facts)
+{
+    return facts.IsApplicationGone() && !IsOfRun(facts);
+}
+
+bool Installs(const Meaning& meaning)
+{
+    return meaning.action.find("-VLT -Install") != std::string_view::npos;
+}
+
+// The line to type if the next step is to install with the installer that the log names; not wrapped. `run` removes
+// its download.
 std::string DescribeCommand(const Meaning& meaning, const LogFacts& facts)
 {
-    const bool installs = meaning.action.find("-VLT -Install") != std::string_view::npos && facts.Source() != "given" &&
-                          !facts.StartedInstaller().empty();
+    const bool installs = Installs(meaning) && facts.Source() != "given" && !facts.StartedInstaller().empty() &&
+                          !(IsOfRun(facts) && facts.Source() == "download");
     return installs ? "Command    " + std::string(kToolName) + " -VLT -Install -Path \"" +
                           Printable(facts.StartedInstaller()) + "\"\n"
                     : "";
 }
 
-// What "start again" means if the run had switches.
+// The line to type for "start again" if the run had switches.
 std::string DescribeSameCommand(const Meaning& meaning, const LogFacts& facts)
 {
     const bool startsAgain = meaning.action.find("tart again") != std::string_view::npos && facts.Switches() &&
-                             !facts.Switches()->empty() && !facts.IsApplicationGone();
-    return startsAgain ? std::string(kIndent) + "with the same command: " + std::string(kToolName) + " " +
-                             Printable(*facts.Switches()) + "\n"
-                       : "";
+                             !facts.Switches()->empty() && !IsInVain(facts);
+    if (!startsAgain)
+    {
+        return "";
+    }
+    const std::string& switches = *facts.Switches();
+    return "Same again " +
+           Printable(IsOfRun(facts)
+                         ? "TavikToolCompanion run --" + switches.substr(std::min(switches.find(' '), switches.size()))
+                         : std::string(kToolName) + " " + switches) +
+           "\n";
 }
 
 // A log without a known end, or with a damaged one, may be a part of one.
@@ -80,7 +105,7 @@ std::string Describe(const Candidate& candidate, const LogFacts& facts)
     text += Paragraph("Meaning", WithProof(meaning.owner, facts));
     text += Paragraph("Cause", WithProof(meaning.cause, facts));
     text += Paragraph("Next step", WithProof(meaning.action, facts)) + DescribeCommand(meaning, facts);
-    text += Paragraph("Retry", RetryInWords(meaning.retry));
+    text += Installs(meaning) && IsInVain(facts) ? "" : Paragraph("Retry", RetryInWords(meaning.retry));
     text += Paragraph("Report as", std::to_string(meaning.code));
     text += Paragraph("Event", std::to_string(meaning.event) + ", if \"TavikToolCompanion run\" started the tool");
     for (const std::string& line : candidate.evidence)
@@ -157,8 +182,9 @@ std::string DescribeExitCode(const Finding& finding)
         return text;
     }
     text += ", which does not fit this log: ";
-    const bool isReported = std::ranges::any_of(
-        finding.candidates, [code](const Candidate& candidate) { return candidate.meaning->code == code; });
+    const bool isReported = std::ranges::any_of(finding.candidates, [code](const Candidate& candidate) {
+        return candidate.meaning->code == InsideHresult(code).value_or(code);
+    });
     return text + (isReported
                        ? "it is the code that \"TavikToolCompanion run\" reports for this outcome"
                        : "it may be the code of \"TavikToolCompanion run\", of another run, or of a program that "
@@ -273,6 +299,16 @@ std::string ExplainInPlainWords(const Finding& finding)
     return text;
 }
 
+std::string CommandToInstall(const Finding& finding)
+{
+    std::string command;
+    for (const Candidate& candidate : finding.candidates)
+    {
+        command = command.empty() ? DescribeCommand(*candidate.meaning, finding.facts) : command;
+    }
+    return command;
+}
+
 std::string ExitAsText(int exitCode, std::string_view given, std::string_view logFolder)
 {
     std::string text = Paragraph("Exit code", DescribeCode(exitCode)) + DescribeWords(exitCode);
@@ -348,9 +384,9 @@ std::string ExplainAsJson(const Finding& finding, const std::function<std::strin
         object["title"] = meaning->title;
         object["code"] = meaning->code;
         object["retry"] = meaning->retry;
-        object["meaning"] = meaning->owner;
-        object["cause"] = meaning->cause;
-        object["action"] = meaning->action;
+        object["meaning"] = WithProof(meaning->owner, facts);
+        object["cause"] = WithProof(meaning->cause, facts);
+        object["action"] = WithProof(meaning->action, facts);
         object["evidence"] = Json::array();
         for (const std::string& line : evidence)
         {

@@ -29,6 +29,9 @@ std::string ExplainAsText(const Finding& finding);
 // Returns what the owner of the PC needs: the outcome in plain words and the next step.
 std::string ExplainInPlainWords(const Finding& finding);
 
+// Returns the line to type if the next step is to install with the installer that the log names, otherwise nothing.
+std::string CommandToInstall(const Finding& finding);
+
 // What an exit code can mean if the log is not at hand. `given` is the code as the user wrote it.
 std::string ExitAsText(int exitCode, std::string_view given, std::string_view logFolder);
 std::string ExitAsJson(int exitCode);

@@ -188,8 +188,11 @@ void LogFacts::TakePackage(std::string_view line)
     if (line.starts_with("\tResult = "))
     {
         const bool hasFailed = MatchLine("\tResult = <failure>", line).matches;
-        wasRemoved_ = wasRemoved_ || (step_ == Step::kRemoval && !hasFailed);
-        wasKept_ = wasKept_ || (step_ == Step::kRemoval && hasFailed) || (step_ == Step::kInstallation && !hasFailed);
+        // Neither if the line is cut or damaged.
+        const bool hasSucceeded = !hasFailed && MatchLine("\tResult = <result>", line).matches;
+        wasRemoved_ = wasRemoved_ || (step_ == Step::kRemoval && hasSucceeded);
+        wasKept_ =
+            wasKept_ || (step_ == Step::kRemoval && !hasSucceeded) || (step_ == Step::kInstallation && !hasFailed);
         step_ = Step::kOther;
     }
     else if (line.starts_with("Uninstalling installed Halden "))

@@ -67,6 +67,6 @@ private:
     std::string release_;  // that is downloaded
     Step step_ = Step::kOther;
     bool wasRemoved_ = false;
-    bool wasKept_ = false;  // a removal failed, or the new one was installed
+    bool wasKept_ = false;  // a removal may have failed, or the new one was installed
 };
 }  // namespace repair

@@ -114,10 +114,19 @@ int ExecuteForOwner(std::vector<std::wstring> paths)
     bool isFirst = true;
     for (const std::wstring& given : paths)
     {
-        for (const std::wstring& path : ExpandWildcards(given))
+        try
         {
-            WriteOutput(std::exchange(isFirst, false) ? "" : "\n");
-            result = std::max(result, ExplainToOwner(path));
+            for (const std::wstring& path : ExpandWildcards(given))
+            {
+                WriteOutput(std::exchange(isFirst, false) ? "" : "\n");
+                const int code = ExplainToOwner(path);
+                result = code == kFailed || result == kDone ? code : result;
+            }
+        }
+        catch (const Failure& failure)  // go on with the other paths
+        {
+            WriteError(failure.what());
+            result = kFailed;
         }
     }
     return result;

@@ -60,7 +60,7 @@ ALWAYS = {"interrupted", "no-log"}
 @pytest.mark.parametrize("given, number, shown, ids", [
     ("1618", 1618, ["Exit code  1618", "Code       1618: another installation is in progress: wait until it has ended",
                     'Run        "TavikToolCompanion run" ends with 1618 for: try again later. It printed the outcome,'], {"install-busy", *ALWAYS}),
-    ("0x80070643", -2147023293, ["Exit code  -2147023293 (0x80070643, 1603 of Windows)", "Code       1603: the package failed:"],
+    ("0x80070643", -2147023293, ["Exit code  -2147023293 (0x80070643, Windows code 1603)", "Code       1603: the package failed:"],
      {"install-failed", "store-error", "store-no-window", *ALWAYS}),
     ("-1", -1, ["Exit code  -1", "Can mean   same-release - Already compatible: Nothing"], None), ("3", 3, ["Exit code  3"], None)])
 def test_an_exit_code_without_a_log(desk, given, number, shown, ids):
@@ -173,12 +173,17 @@ def test_every_log_of_the_lab_is_recognised_as_the_catalogue_says(desk):
 FETCHED = r"C:\Users\The Owner\AppData\Local\Temp\Tavik_VLTInstallerDownload\dwx2_install.exe"
 UNPACKS, REMOVES = rf"Process {FETCHED} /NCRC /S -EXTRACTONLY=YES /D=C:\x completed with exit code 0", "Uninstalling installed Halden {1}"
 WEB = r"Unable to find dwx2-install.exe at [C:\store]. Downloading dwx2_install.exe for [24.20] from web."
-SAYS = ["with the same command: TavikCompatibilityTool.exe -SILENT\n", f'Command    TavikCompatibilityTool.exe -VLT -Install -Path "{FETCHED}"\n', "its previous version is gone."]
+FAILED = [*BUSY[:2], WEB, UNPACKS, *BUSY[2:]]
+BY_RUN = LAUNCHED.replace("-SILENT", "-run=1-2 -SILENT")
+SAYS = ["\nSame again TavikCompatibilityTool.exe -SILENT\n", f'\nCommand    TavikCompatibilityTool.exe -VLT -Install -Path "{FETCHED}"\n', " is gone",
+        "\nSame again TavikToolCompanion run -- -SILENT\n"]
 
 
 # The whole command line where the log knows it, and "is gone" instead of "may be gone" where the log proves it.
 @pytest.mark.parametrize("log, says", [
-    ([*BUSY[:2], WEB, UNPACKS, *BUSY[2:]], SAYS[:2]), ([*BUSY[:2], WEB, UNPACKS, REMOVES, "\tResult = 3010", *BUSY[2:]], SAYS[1:]),
+    (FAILED, SAYS[:2]), ([BY_RUN, *FAILED[1:]], SAYS[3:]), ([BY_RUN, CHECK, r"Found dwx2-install.exe at [C:\x]", *FAILED[3:]], [SAYS[1], SAYS[3]]),
+    ([BY_RUN, *FAILED[1:4], REMOVES, "\tResult = 0", *BUSY[2:]], SAYS[2:]), ([*FAILED[:4], REMOVES, "\tResult = "], SAYS[:2]),
+    ([*BUSY[:2], WEB, UNPACKS, REMOVES, "\tResult = 3010", *BUSY[2:]], SAYS[1:3]),
     ([*BUSY[:2], WEB, UNPACKS, REMOVES, "\tResult = 0", REMOVES, "\tResult = 1618", *BUSY[2:]], SAYS[:2]),
     ([*BUSY[:2], WEB, UNPACKS, REMOVES.replace("Halden", "DVR"), "\tResult = 0", *BUSY[2:]], SAYS[:2]),
     (BUSY, SAYS[:1]), (["Launched with command line: tool.exe", *BUSY[1:]], []), (SAME, [])])
@@ -186,7 +191,25 @@ def test_what_to_type(desk, log, says):
     path = desk.put(r"C:\logs\type.log", utf16(log))
     text = desk.run(path)[1]
     assert [one for one in SAYS if one in text or one in " ".join(text.split())] == says
-    assert (SAYS[1] in desk.run("explain", path, "--exit", "1618")[1]) == (SAYS[1] in says)
+    explained, told = desk.run("explain", path, "--exit", "1618")[1], desk.explain(path, "--exit", "1618")[0]
+    assert ("\nRetry " in explained, SAYS[1] in explained) == (says != SAYS[1:3], SAYS[1] in says)
+    assert told["outcome"] != "install-busy" or (SAYS[2] in told["meaning"]) == (SAYS[2] in says)
+
+
+NONE = [LAUNCHED, "Currently installed VLT is version [] from driver version []", "User does not desktop VLT installed.", "UWP version is not installed"]
+NO_APPLICATION = [*NONE, "User does not have VLT installed. Exiting."]
+STORE = [*NONE, "User does not have VLT installed.", "Attempting to download and install the UWP version of VLT.", "failed to install the UWP version of VLT"]
+OLDER = f"\nOr         Install it again with the installer of an earlier run, if that file still exists:{SAYS[1]}"
+
+
+def test_a_lost_application_and_the_installer_of_an_earlier_run(desk):
+    known = [((FAILED, NO_APPLICATION), True), ((FAILED, NO_APPLICATION, ["a page"], STORE), True), ((FAILED, [*FAILED[:-1], "\tResult = 0"], STORE), False),
+             ((FAILED, SAME), False), ((NO_APPLICATION,), False)]
+    for at, (logs, _) in enumerate(known):
+        for day, log in enumerate(logs, 1):
+            desk.put(rf"C:\lost{at}\InstallVLTForWUDriver_2026-11-{day}_4_7_31_15.log", utf16(log))
+    texts = [desk.run(rf"C:\lost{at}")[1] for at in range(len(known))]
+    assert [(text.endswith(OLDER), SAYS[1] in text) for text in texts] == [(says, says) for _, says in known]
 
 
 def test_a_path_without_a_command(desk):
@@ -197,6 +220,10 @@ def test_a_path_without_a_command(desk):
     assert desk.run(missing, both[0]) == (1, "\n" + desk.run(both[0])[1], f"TavikToolCompanion: {missing} cannot be opened: error 2, the file was not found: check the path\n")
     assert "nix.LOG cannot be opened: error 2, the file was not found" in desk.run("nix.LOG")[2]
     assert desk.run(r"C:\typed\*.txt") == (1, "", "TavikToolCompanion: C:\\typed\\*.txt: no file has such a name; check folder and spelling\n")
+    page = desk.put(r"C:\typed\page", b"a page\n")
+    for others in ((missing, r"C:\typed\*.txt", page), (page, r"C:\typed\*.txt", missing)):
+        code, text, errors = desk.run(*others, both[0])
+        assert (code, text.lstrip("\n"), errors.count("\n")) == (1, desk.run(both[0])[1], 3)
 
 
 # Proves: The companion is started by a double-click, or a log is dropped on it => the newest log, or that one, in plain words with the next step; it waits for a key
@@ -280,24 +307,25 @@ REFUSED = [LAUNCHED, CHECK, "Response code from server: 404", "Error response co
     (SAME, "1603", 1603, "same-release", "may be the code"), (SAME, "9", 9, "same-release", "may be the code"),
     (BUSY, "1603", 1603, "install-busy", "may be the code"), (BUSY[:1] + BUSY[2:], "1618", 1618, "direct-busy", "reports for this outcome"),
     (BUSY, "0x80070652", 1618, "install-busy", None), (BUSY, "0X652", 1618, "install-busy", None), (SAME, "0xFFFFFFFF", -1, "same-release", None),
-    (SAME, "0x80070643", -2147023293, "same-release", "may be the code"), (BUSY, "9", 9, "interrupted", None), (BUSY[:2], "0", 0, "log-cut", None)])
+    (SAME, "0x80070643", -2147023293, "same-release", "may be the code"), (REFUSED, "0x80070643", -2147023293, "download-not-there", "reports for this outcome"), (BUSY, "9", 9, "interrupted", None), (BUSY[:2], "0", 0, "log-cut", None)])
 def test_an_exit_code_that_the_log_contradicts(desk, log, given, code, outcome, fits):
     path = desk.put(rf"C:\logs\{NAME}", utf16(log))
     one, = desk.explain(path, "--exit", given)
     assert (one["exit"], one["outcome"], one["exit_fits"]) == (code, outcome, fits is None)
     shown = " ".join(desk.run("explain", path, "--exit", given)[1].split())
     assert f"Outcome {outcome} - " in shown and (("which does not fit this log: it" in shown and fits in shown) if fits else "does not fit" not in shown)
-    hresults = {"0x80070652": "-2147023278 (0x80070652, 1618 of Windows)", "0x80070643": "-2147023293 (0x80070643, 1603 of Windows), which"}
+    hresults = {"0x80070652": "-2147023278 (0x80070652, Windows code 1618)", "0x80070643": "-2147023293 (0x80070643, Windows code 1603), which"}
     assert f"Exit code {hresults.get(given, code)}" in shown
 
 
 # HRESULTs: what the Store answers, and what deployment systems show.
 @pytest.mark.parametrize("number, shown", [
-    ("-2147024891", "-2147024891 (0x80070005, 5 of Windows): access was denied: start as administrator"), ("-2147009281", "-2147009281 (0x80073CFF, 15615 of Windows)"),
+    ("-2147024891", "-2147024891 (0x80070005, Windows code 5): access was denied: start as administrator"), ("-2147009281", "-2147009281 (0x80073CFF, Windows code 15615)"),
     ("-2145844845", "-2145844845 (0x80190193)"), ("5", "5: access was denied: start as administrator"), ("-1", None), ("1602", None)])
 def test_the_code_of_a_line_in_words(desk, number, shown):
-    text = desk.run("explain", desk.put(r"C:\logs\code.log", utf16([*BUSY[:3], f"\tResult = {number}"])))[1]
-    assert re.findall("^Code       (.*)$", text, re.M)[:1] == ([shown] if shown else []), text
+    for lines in ([f"\tResult = {number}"], ["\tResult = 0", f"\t Result = {number} text"]):
+        text = desk.run("explain", desk.put(r"C:\logs\code.log", utf16([*BUSY[:3], *lines])))[1]
+        assert re.findall("^Code       (.*)$", text, re.M)[:1] == ([shown] if shown else []), text
 
 
 # Files, folders, wildcards
@@ -381,6 +409,16 @@ def test_only_logs_are_converted(desk):
         assert (code, text) == (3, "") and sorted(re.findall(r"C:\\mixed\\(.*) is no log of the tool: ", errors)) == sorted(refused)
     assert {file.name for file in out.iterdir()} == {"x", f"{NAME}.txt", f"{LATER}.txt"}
     assert desk.run("convert", r"C:\mixed\notes.txt")[:2] == (3, "")
+
+
+def test_the_conversion_goes_on_after_a_log_that_cannot_be_read(desk):
+    last = "InstallVLTForWUDriver_2026-11-18_4_7_31_15.log"
+    for name, data in ((NAME, utf16(SAME)), (LAST, b"a page\n"), (last, utf16(SAME))):
+        desk.put(rf"C:\partly\{name}", data)
+    desk.prefix.windows_path(rf"C:\partly\{LATER}").symlink_to("/proc/self/mem")  # it can be opened, but not read
+    code, text, errors = desk.run("convert", r"C:\partly")
+    assert (code, text) == (1, "".join(line + "\r\n" for line in SAME) * 2)
+    assert [part in errors for part in (rf"C:\partly\{LATER} cannot be read: error", rf"C:\partly\{LAST} is no log of the tool: ")] == [True, True]
 
 
 # Lines and their severity in the log viewer: 1 information, 2 warning, 3 error.
