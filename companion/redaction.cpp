@@ -25,12 +25,12 @@ constexpr std::array kGeneral = {
     Text(U"::1"),
 };
 
-// Words before a backslash that are no domain: registry roots, buses, and the second word of "NT AUTHORITY" and
-// similar.
+// Words before a backslash that are no domain: registry roots, buses, and the second word of "NT AUTHORITY", "Program
+// Files" and similar.
 constexpr std::array kNoDomain = {
-    Text(U"acpi"),     Text(U"authority"), Text(U"builtin"), Text(U"display"), Text(U"hdaudio"),
-    Text(U"hkcu"),     Text(U"hklm"),      Text(U"pci"),     Text(U"root"),    Text(U"service"),
-    Text(U"software"), Text(U"swd"),       Text(U"system"),  Text(U"usb"),
+    Text(U"acpi"),    Text(U"authority"), Text(U"builtin"), Text(U"display"), Text(U"files"),
+    Text(U"hdaudio"), Text(U"hkcu"),      Text(U"hklm"),    Text(U"pci"),     Text(U"root"),
+    Text(U"service"), Text(U"software"),  Text(U"swd"),     Text(U"system"),  Text(U"usb"),
 };
 
 // Endings that show that the part after the backslash is a file.
@@ -74,6 +74,12 @@ Text Trimmed(Text text)
 {
     text = text.substr(0, text.find_last_not_of(U" .") + 1);
     return text.substr(std::min(text.find_first_not_of(U' '), text.size()));
+}
+
+// A folder named after a release, such as "24.20".
+bool IsRelease(Text text)
+{
+    return text.find(U'.') != Text::npos && text.find_first_not_of(U"0123456789.") == Text::npos;
 }
 
 bool IsFile(Text text)
@@ -240,7 +246,7 @@ void Redactor::LearnWord(std::u32string_view word)
             LearnName(NameKind::kDomain, after);
         }
     }
-    else if (!IsFile(after) && before.size() <= kLongestDomain && after.size() <= kLongestUser &&
+    else if (!IsFile(after) && !IsRelease(after) && before.size() <= kLongestDomain && after.size() <= kLongestUser &&
              !IsOneOf(before, kNoDomain))
     {
         LearnName(NameKind::kDomain, before);

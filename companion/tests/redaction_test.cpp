@@ -112,6 +112,15 @@ TEST(Redaction, ANameAfterAShareOrAnAddressAfterAPathIsReplaced)
                     "\\\\<machine1>\\My <domain3>\\Tavik", "C:\\My Files of <user3>@<domain2>"));
 }
 
+TEST(Redaction, AFolderOfAShareIsNoAccount)
+{
+    EXPECT_THAT(Redacted({"-Path \"\\\\srv\\Tavik Releases\\24.20 final\\setup.exe\"", "\\\\srv\\Program Files\\Tavik",
+                          "Releases: version [24.20], C:\\Program Files\\x", "FIRM\\12345"}),
+                ElementsAre("-Path \"\\\\<machine1>\\Tavik Releases\\24.20 final\\setup.exe\"",
+                            "\\\\<machine1>\\Program Files\\Tavik", "Releases: version [24.20], C:\\Program Files\\x",
+                            "<domain1>\\<user1>"));
+}
+
 TEST(Redaction, TheMakersServerStays)
 {
     Redactor redactor;
