@@ -22,6 +22,7 @@ using namespace repair;
 namespace
 {
 constexpr char kNoTool[] = "C:\\none.exe";
+constexpr DWORD kEndMilliseconds = 5000;
 
 LastRun WithOutcome(const std::wstring& outcome)
 {
@@ -35,7 +36,12 @@ class RunCommand : public testing::Test
 {
 protected:
     RunCommand() { CreateDirectories(folder_); }
-    ~RunCommand() override { RemoveAll(folder_); }
+    ~RunCommand() override
+    {
+        TerminateProcess(process_.Get(), 0);  // if the test has failed; its file could not be removed
+        WaitForSingleObject(process_.Get(), kEndMilliseconds);
+        RemoveAll(folder_);
+    }
 
     static int Run(const std::string& tool)
     {
@@ -51,9 +57,10 @@ protected:
 
     const std::wstring folder_ = GetProgramFolder() + L"\\Repair";
     const MachineRegistry registry_;
+    ProcessHandle process_;
 };
 
-TEST_F(RunCommand, WhatEndsBeforeTheFolderIsTakenIsRead)
+TEST_F(RunCommand, ALossThatAnotherRunRemembersMeanwhileIsKept)
 {
     SUBSTITUTE(SetSecurityInfo)
     protect([](auto...) {
@@ -102,7 +109,7 @@ TEST_F(RunCommand, AnApplicationThatNoUserSeesIsNotInUseAndEndsWithTheRecovery)
     ASSERT_NE(CreateProcessW(program.c_str(), nullptr, nullptr, nullptr, FALSE, CREATE_SUSPENDED, nullptr, nullptr,
                              &startup, &started),
               0);
-    const ProcessHandle process(started.hProcess);
+    process_ = ProcessHandle(started.hProcess);
     CloseHandle(started.hThread);
     EndHiddenApplication();
     EXPECT_TRUE(IsApplicationRunning());
@@ -113,5 +120,5 @@ TEST_F(RunCommand, AnApplicationThatNoUserSeesIsNotInUseAndEndsWithTheRecovery)
     });
     EXPECT_FALSE(IsApplicationRunning());
     Run("C:\\windows\\system32\\hostname.exe");
-    EXPECT_EQ(WaitForSingleObject(process.Get(), 5000), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(process_.Get(), kEndMilliseconds), WAIT_OBJECT_0);
 }
