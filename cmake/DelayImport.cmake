@@ -32,6 +32,7 @@ function(add_delay_import target)
   endforeach()
   get_target_property(type ${target} TYPE)
   if(type STREQUAL "EXECUTABLE") # for programs that link a library of ours, project_load_configuration does it
+    set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${CMAKE_SOURCE_DIR}/tools/load_configuration.py)
     add_custom_command(TARGET ${target} POST_BUILD
       COMMAND ${LOAD_CONFIGURATION_PYTHON} -m tools.load_configuration --imports $<TARGET_FILE:${target}>
       WORKING_DIRECTORY ${CMAKE_SOURCE_DIR} VERBATIM)

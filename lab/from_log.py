@@ -10,7 +10,9 @@ import difflib
 import json
 import pathlib
 import re
+import shlex
 import zipfile
+import zlib
 from collections.abc import Callable
 from typing import Any
 
@@ -53,6 +55,9 @@ class Told:
     facts: dict[str, Any] = dataclasses.field(default_factory=dict)
     others: list[str] = dataclasses.field(default_factory=list)  # more logs of the archive
 
+    def checksum(self) -> str:
+        return format(zlib.crc32("\n".join(self.lines).encode("utf-8", "replace")), "08x")
+
 
 def decoded(data: bytes) -> list[str]:
     """The lines of a log as the tool writes it, or of one that became UTF-8, as `collect` does."""
@@ -83,6 +88,7 @@ def read(path: pathlib.Path, exit_code: int | None = None, name: str = "") -> To
     return told
 
 
+MADE = "# Made by lab/run --from from"
 # Lines that tell the code of one call.
 FAILED_CALLS = {r"Unable to crack URL: .* Error = (\d+)": "InternetCrackUrlW 1", r"Unable to call HttpOpenRequest to .* Error (\d+)": "HttpOpenRequestW 1",
                 r"Unable to call HttpSendRequest to .* Error (\d+)": "HttpSendRequestW 1",
@@ -585,8 +591,10 @@ class Story:
         return {key: value for key, value in machine.items() if value or key in ("adapters", "desktop")}
 
     def toml(self) -> str:
-        again = " ".join(["lab/run THIS_FILE", *(f"--when {one!r}" for one in self.when), *(["--", self.arguments] if self.arguments else [])])
-        head = [f"# Made by lab/run --from from {self.told.name}. What the log does not say is assumed:", *(f"#   {one}" for one in self.assumed),
+        # lab/run puts quotes around what has a space.
+        switches = [one.replace('"', "") if " " in one else one for one in re.findall(r'(?:"[^"]*"|\S)+', self.arguments)]
+        again = shlex.join(["lab/run", "THIS_FILE", *(f"--when={one}" for one in self.when), *(["--"] * bool(switches)), *switches])
+        head = [f"{MADE} {self.told.name}, checksum {self.told.checksum()}. What the log does not say is assumed:", *(f"#   {one}" for one in self.assumed),
                 "# Run it again, without and with the comparison:", f"#   {again}", "#   lab/run --from LOG THIS_FILE", ""]
         adapters = self.machine["adapters"]  # an empty list is written as one
         lines = [f"{key} = {_toml(value)}" for key, value in self.machine.items() if key != "adapters" or not value]

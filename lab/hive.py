@@ -106,15 +106,15 @@ class Hive:
         self._head = head + "\n"
         self.sections: dict[str, tuple[str, str]] = {}  # lower-case name -> (header line, body)
         # All names at once: each run of the lab reads thousands of them three times.
-        headers, _, bodies = zip(*[section.partition("\n") for section in sections])
-        texts = [header.rpartition("]")[0] for header in headers]
+        parts = [section.partition("\n") for section in sections]
+        texts = [header.rpartition("]")[0] for header, _, _ in parts]
         plain = "\n".join(texts).replace("\\\\", "\\").lower().split("\n")
-        for text, name, header, body in zip(texts, plain, headers, bodies):
+        for text, name, (header, _, body) in zip(texts, plain, parts):
             if "\\x" in text or "\\[" in text or "\\]" in text:
                 name = _unescape(text).lower()
             self.sections[name] = ("[" + header, body + "\n")
         # Wine 10 has the current control set as a link, which only Wine itself follows.
-        self._is_linked = "\nsystem\\controlset001\\" in "\n".join(self.sections)
+        self._is_linked = "\nsystem\\controlset001\\" in "\n" + "\n".join(self.sections)
 
     def _real(self, key: str) -> str:
         key = key.strip("\\")

@@ -14,7 +14,7 @@ from lab.hive import Hive
 from lab.machine import Machine
 from lab.prefix import processes_of, wine_version
 from lab.result import Again, Result
-from lab.session import SYSTEM, TOOL, Session, StartError, remove_folder
+from lab.session import SYSTEM, TOOL, WATCHER, Session, StartError, remove_folder
 from lab.sparse import SparseFile
 
 HUNG = "Wine hung"
@@ -141,7 +141,7 @@ def run(machine: Machine, arguments: str = "", *, timeout: float = 60, hold: flo
         except subprocess.TimeoutExpired as error:
             # The watcher ends a tool that hangs. If it does not end itself, Wine hangs: under load
             # the server of Wine 10 now and then never ends a request.
-            if wine_version() < 10 or last_try:
+            if wine_version() < 10 or last_try or error.cmd[-1] != WATCHER:
                 raise RunError(error, one.folder) from error
             warnings.warn(f"{HUNG}: the run was repeated; the machine is kept in {one.folder}", stacklevel=1)
         except Exception as error:

@@ -18,6 +18,7 @@ from lab.privileges import Disks, limit_files, name_hosts
 from lab.server import WebServer
 
 TOOL = rf"C:\lab\{paths.TOOL.name}"
+WATCHER = r"C:\lab\watcher.exe"
 SYSTEM = r"C:\windows\system32"
 LOGS = pathlib.Path("Program Files", "Tavik", "MIM", "Log")
 LOG_NAMES = "InstallVLTForWUDriver_*.log"
@@ -175,7 +176,7 @@ class Session:
                   "when": [{"trigger": trigger.strip(), "action": action.strip()} for trigger, _, action in split]}
         (self.lab / "watcher.json").write_text(json.dumps(orders), "utf-8")
         output = self.folder / "errors.txt"
-        code = self.prefix.wine(r"C:\lab\watcher.exe", output=output, timeout=timeout + 60, launcher=self.launcher)
+        code = self.prefix.wine(WATCHER, output=output, timeout=timeout + 60, launcher=self.launcher)
         text = output.read_text("utf-8", "replace")
         if code == 1 and not text:  # the watcher itself gives other codes, or a reason
             raise StartError("the watcher was not started")

@@ -37,24 +37,26 @@ def with_writable_imports(data: bytes) -> bytes:
 
 
 def entered(data: bytes) -> bytes:
-    """The program with the entry and a new checksum."""
+    """The program with the entry."""
     if data.count(STRUCTURE) != 1:
         sys.exit(f"The load configuration is in the program {data.count(STRUCTURE)} times, expected once. Compare "
                  "src/base/load_configuration.cpp with STRUCTURE in tools/load_configuration.py.")
     pe = pefile.PE(data=data, fast_load=True)
     entry = pe.OPTIONAL_HEADER.DATA_DIRECTORY[pefile.DIRECTORY_ENTRY["IMAGE_DIRECTORY_ENTRY_LOAD_CONFIG"]]
     entry.VirtualAddress, entry.Size = pe.get_rva_from_offset(data.index(STRUCTURE)), SIZE
-    pe.OPTIONAL_HEADER.CheckSum = checksum(bytes(pe.write()))
     return bytes(pe.write())
 
 
 def main(arguments: list[str]) -> int:
-    if len(arguments) != 1 and arguments[:-1] != ["--imports"]:
+    imports = arguments[:1] == ["--imports"]
+    if len(arguments) != 1 + imports or arguments[-1].startswith("-"):
         print(__doc__)
         return 2
     program = Path(arguments[-1])
-    complete = with_writable_imports(program.read_bytes())
-    program.write_bytes(entered(complete) if len(arguments) == 1 else complete)
+    data = with_writable_imports(program.read_bytes())
+    pe = pefile.PE(data=data if imports else entered(data), fast_load=True)
+    pe.OPTIONAL_HEADER.CheckSum = checksum(bytes(pe.write()))
+    program.write_bytes(bytes(pe.write()))
     return 0
 
 

@@ -14,7 +14,7 @@ from typing import NoReturn
 
 TOP = Path(__file__).resolve().parent.parent
 PYTHON = "/usr/bin/python3"  # the one with Debian's modules
-BUILT = bool(os.environ.get("TAVIK_BUILT"))  # set by scripts/on-debian: build/release was built on another Debian and stays as it is
+BUILT = bool(os.environ.get("TAVIK_BUILT"))  # set by scripts/on-debian: build/release was built on another Debian and is not built again
 RUNNING: set[subprocess.Popen[bytes]] = set()  # the processes that `followed` has started, in all threads
 
 

@@ -156,7 +156,7 @@ FACT(removal, by_handle)
     const std::wstring path = WriteBytes(MakeFolder(L"by-handle") + L"\\file", "x");
     SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY);
     const repair::FileHandle elsewhere = Hold(path, GENERIC_READ, kShareAll);
-    repair::FileHandle file = Hold(path, DELETE, kShareAll);
+    repair::FileHandle file = Hold(path, DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES, kShareAll);
     FILE_DISPOSITION_INFO_EX atOnce = {FILE_DISPOSITION_FLAG_DELETE | FILE_DISPOSITION_FLAG_POSIX_SEMANTICS |
                                        FILE_DISPOSITION_FLAG_IGNORE_READONLY_ATTRIBUTE};
     constexpr auto kFileDispositionInfoEx = static_cast<FILE_INFO_BY_HANDLE_CLASS>(21);

@@ -214,7 +214,8 @@ def test_two_runs_at_once():
 
 
 # Proves: A user without rights runs a program of the tool's name => `run` does not take it for the tool (shown on Wine 10; Wine 8 gives all rights to every program)
-@pytest.mark.parametrize("name, tool", [("TavikCompatibilityTool.exe", ""), ("other.exe", r"C:\somewhere\other.exe")], ids=["its name", "remembered"])
+@pytest.mark.parametrize("name, tool", [pytest.param("TavikCompatibilityTool.exe", "", marks=pytest.mark.quick, id="its name"),
+                                        pytest.param("other.exe", r"C:\somewhere\other.exe", id="remembered")])
 def test_a_tool_that_was_started_elsewhere(name, tool):
     """From another folder: its name, or its path in LastRun, and its rights decide. This program's manifest asks for none."""
     other = rf"C:\somewhere\{name}"

@@ -4,6 +4,7 @@ from __future__ import annotations
 import json
 import pathlib
 import re
+import shlex
 import subprocess
 import tomllib
 import zipfile
@@ -141,6 +142,26 @@ def test_a_description_is_easy_to_change():
     lines = ["Launched with command line: x.exe", "Enumerating installed drivers for A\\B\\1 - One", "[Two] - [A\\B\\2] is not an Tavik Display Adapter."]
     text = Story(Told("x.log", lines), is_unfinished=False).toml()
     assert "\n#   lab/run THIS_FILE\n" in text and '\n[[adapters]]\nid = "A\\\\B\\\\2"\ndescription = "Two"\n' in text
+
+
+def test_command_at_the_head_is_for_a_shell():
+    path = r"C:\my setups\new\a.exe"
+    lines = [rf'Launched with command line: "C:\x y\x.exe" -VLT -Install -Path "{path}" -A="b"', "Unable to create VLTUWPReplaced registry key x"]
+    story = Story(Told("x.log", lines), is_unfinished=False)
+    command = re.search("^#   (lab/run THIS_FILE .*)$", story.toml(), re.M)[1]
+    assert "\\" in story.when[0]
+    assert shlex.split(command) == ["lab/run", "THIS_FILE", f"--when={story.when[0]}", "--", "-VLT", "-Install", "-Path", path, '-A="b"']
+
+
+@pytest.mark.parametrize("name, other", [("customer.log", False), ("other.log", True)])
+def test_description_of_another_log_is_named(tmp_path: pathlib.Path, name, other):
+    """The description is damaged, so that nothing is run."""
+    logs = {one: f"Launched with command line: x.exe -{one}" for one in ("customer.log", "other.log")}
+    machine = tmp_path / "customer.toml"
+    machine.write_text(Story(Told("customer.log", [logs["customer.log"]]), is_unfinished=True).toml() + "]", "utf-8")
+    (tmp_path / name).write_text(logs[name] + "\n", "utf-8")
+    done = lab_run("--from", tmp_path / name, machine)
+    assert done.returncode == 2 and ("made from another log" in done.stdout) is other, done.stdout + done.stderr
 
 
 def test_facts_say_what_a_log_that_ends_early_does_not():

@@ -1,4 +1,4 @@
-"""How the lab reports a mistake, and how it ends a run that takes too long. The cases show the rest, the download server too."""
+"""How the lab reports a mistake, how it ends a run that takes too long, and how it reads the registry. The cases show the rest, the download server too."""
 from __future__ import annotations
 
 import os
@@ -11,10 +11,10 @@ import pytest
 
 from cases.support.expect import SAME_RELEASE
 from cases.support.store import store_only
-from lab import paths
+from lab import paths, session
 from lab import run as lab_run
+from lab.hive import Hive
 from lab.machine import Machine
-from lab.session import remove_folder
 from tools import demo
 
 
@@ -87,11 +87,19 @@ def test_command_of_the_host_that_fails_is_told_in_one_sentence(tmp_path, monkey
         demo.main([])
     said = re.fullmatch(r"The demonstration stopped: cp -al \S+ failed with exit code 7: the disk is full \(the machine is kept in (\S+)\)", str(told.value))
     assert said
-    remove_folder(pathlib.Path(said[1]))
+    session.remove_folder(pathlib.Path(said[1]))
 
 
-@pytest.mark.parametrize("version, folders", [(8, [1]), (10, [1, 2])])
-def test_run_in_which_wine_10_itself_hangs_is_repeated_once(monkeypatch, version, folders):
+@pytest.mark.parametrize("text, found", [("", None), ('\n[System\\\\ControlSet001\\\\A] 1\n"B"=dword:00000007\n', 7)])
+def test_registry_file_with_one_section_or_none(tmp_path, text, found):
+    file = tmp_path / "system.reg"
+    file.write_text(f"WINE REGISTRY Version 2\n{text}", "ascii")
+    values = Hive(file).values(r"System\CurrentControlSet\A")
+    assert (values and values["B"].plain()) == found
+
+
+@pytest.mark.parametrize("version, program, folders", [(8, session.WATCHER, [1]), (10, session.WATCHER, [1, 2]), (10, "-w", [1])])
+def test_run_in_which_wine_10_itself_hangs_is_repeated_once(monkeypatch, version, program, folders):
     tried = []
 
     class Hung:
@@ -100,7 +108,7 @@ def test_run_in_which_wine_10_itself_hangs_is_repeated_once(monkeypatch, version
             self.folder = pathlib.Path("machine")
 
         def execute(self, *_, **__) -> None:
-            raise subprocess.TimeoutExpired("watcher.exe", 120)
+            raise subprocess.TimeoutExpired(["wine", program], 120)
     monkeypatch.setattr(lab_run, "ToolRun", Hung)
     monkeypatch.setattr(lab_run, "wine_version", lambda: version)
     with pytest.raises(lab_run.RunError), warnings.catch_warnings(record=True) as told:

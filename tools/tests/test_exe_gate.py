@@ -9,7 +9,8 @@ import pefile
 import pytest
 
 from tools import exe_gate as check_exe
-from tools.load_configuration import STRUCTURE, with_writable_imports
+from tools import load_configuration
+from tools.load_configuration import STRUCTURE
 from lab import paths
 
 DIRECTORY = pefile.DIRECTORY_ENTRY
@@ -260,7 +261,13 @@ def test_a_build_without_its_compiler_calls(shipped, tmp_path):
     assert [one for one in complaints(shipped, tmp_path, tmp_path) if one.startswith("compile_commands.json is missing")]
 
 
-def test_imports_that_the_linker_made_read_only_become_writable():
-    data = paths.need(paths.TOOL).read_bytes()
-    protect = section(".idata", lambda _, one: setattr(one, "Characteristics", one.Characteristics & ~0x80000000))
-    assert protect(data) != data == with_writable_imports(protect(data))
+def test_imports_that_the_linker_made_read_only_become_writable(shipped, tmp_path):
+    protected = section(".idata", lambda _, one: setattr(one, "Characteristics", one.Characteristics & ~0x80000000))(shipped)
+    file = tmp_path / "x.exe"
+    file.write_bytes(field("OPTIONAL_HEADER.CheckSum", check_exe.checksum(protected))(protected))
+    assert load_configuration.main(["--imports", str(file)]) == 0 and file.read_bytes() == shipped
+
+
+@pytest.mark.parametrize("arguments", [[], ["--imports"], ["--help"], ["a.exe", "b.exe"], ["--imports", "a.exe", "b.exe"]], ids=" ".join)
+def test_arguments_that_are_not_understood(arguments):
+    assert load_configuration.main(arguments) == 2

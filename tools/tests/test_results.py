@@ -29,21 +29,34 @@ def test_what_did_not_pass_is_named_and_what_did_not_run_is_no_success(tmp_path,
     assert capsys.readouterr().out.strip().endswith(last)
 
 
-def test_results_of_another_debian_are_part_of_the_whole_and_what_it_could_not_run_is_skipped(tmp_path, capsys, monkeypatch):
-    session = object.__new__(run_tests.Session)  # its own way of making one would remove the results of this run
-    session.results, session.files, session.left_out = tmp_path, [], []
-    (tmp_path / "cases.xml").write_text(f"<testsuite>{GOOD}</testsuite>", "utf-8")
-
-    def refused(command, log, *_, **__) -> int:
-        log.write_text("a word\non-debian: folders cannot be mounted here.\n", "utf-8")
-        return 1
-    monkeypatch.setattr(run_tests, "followed", refused)
-    assert session.other_debian() and session.files == []
-    assert results.summary([tmp_path / "cases.xml"], session.left_out)
-    assert capsys.readouterr().out.endswith("cannot be entered here: on-debian: folders cannot be mounted here.\n1 passed, 0 failed, 1 skipped\n")
-
-    commands = []
+@pytest.fixture
+def session(tmp_path, monkeypatch) -> run_tests.Session:
+    made = object.__new__(run_tests.Session)  # its own way of making one would remove the results of this run
+    made.results, made.files, made.failed, made.left_out, made.hung = tmp_path, [tmp_path / "cases.xml"], [], [], 0
     monkeypatch.setattr(run_tests, "TOP", tmp_path)
+    return made
+
+
+NO_NETWORK = "  Could not resolve 'deb.example'\non-debian: mmdebstrap failed with exit code 25; it needs the network."
+
+
+@pytest.mark.parametrize("obstacle, code, told, reason", [
+    ("folders cannot be mounted here", 0, "", "folders cannot be mounted here"),
+    ("", 1, NO_NETWORK, "on-debian: mmdebstrap failed with exit code 25; it needs the network."),
+    ("", 124, NO_NETWORK, ""), ("", 1, "E: Unable to locate package wine65\non-debian: scripts/setup failed. It needs the network.", ""), ("", 1, "", "")])
+def test_another_debian_that_cannot_be_had_is_skipped_and_one_that_cannot_be_made_is_a_failure(session, capsys, monkeypatch, obstacle, code, told, reason):
+    monkeypatch.setattr(run_tests.on_debian, "obstacle", lambda: obstacle)
+    monkeypatch.setattr(run_tests, "followed", lambda command, log, *_, **__: log.write_text(told + "\n", "utf-8") and code)
+    session.files[0].write_text(f"<testsuite>{GOOD}</testsuite>", "utf-8")
+    session.stage("Debian", session.other_debian)
+    assert session.finish() == (0 if reason else 1)
+    assert capsys.readouterr().out.endswith(f"cannot be entered here: {reason}\n1 passed, 0 failed, 1 skipped\n" if reason else "\n1 passed, 0 failed\n")
+
+
+def test_results_of_another_debian_are_part_of_the_whole(session, tmp_path, capsys, monkeypatch):
+    session.files, commands = [], []
+    (tmp_path / "cases.xml").write_text(f"<testsuite>{GOOD}</testsuite>", "utf-8")
+    monkeypatch.setattr(run_tests.on_debian, "obstacle", lambda: "")
     monkeypatch.setattr(run_tests, "followed", lambda command, *_, **__: commands.append(command) or (len(commands) == 2))
     assert not session.other_debian() and commands[1][2:] == ["--built", "scripts/test", "--quick"]
     for file in session.files:
@@ -51,6 +64,25 @@ def test_results_of_another_debian_are_part_of_the_whole_and_what_it_could_not_r
         file.write_text(f"<testsuite>{BAD if file.name == 'cases.xml' else GOOD}</testsuite>", "utf-8")
     assert not results.summary([tmp_path / "cases.xml", *session.files])
     assert re.fullmatch(r"failed: Debian 1[23]: cases/start/test_check.py::test_b: no\n4 passed, 1 failed\n", capsys.readouterr().out)
+
+
+@pytest.mark.parametrize("count, hung, alone, good", [(40, 0, None, True), (40, 8, None, True), (40, 9, None, False), (100, 10, None, True), (100, 11, None, False),
+                                                      (40, 7, 1, True), (40, 8, 1, False)])
+def test_runs_in_which_wine_hung_are_counted_and_too_many_are_a_failure(session, capsys, monkeypatch, count, hung, alone, good):
+    """alone: so many hang when what failed is run again."""
+    def pytest_runs(name: str, *_) -> int:
+        again = name == "cases-again"
+        (session.results / f"{name}.log").write_text("x.py:1: UserWarning: Wine hung: the run was repeated\n" * (alone if again else hung), "utf-8")
+        last = BAD if alone is not None and not again else BAD.replace('<failure message="no"/>', "")
+        (session.results / f"{name}.xml").write_text(f"<testsuite>{last if again else GOOD * (count - 1) + last}</testsuite>", "utf-8")
+        return int(last == BAD)
+    monkeypatch.setattr(session, "pytest", pytest_runs)
+    session.files.clear()
+    session.stage("cases", lambda: session.cases("cases"))
+    total = hung + (alone or 0)
+    assert session.finish() == (0 if good else 1)
+    said = capsys.readouterr().out
+    assert (f"\nWine hung in {total} runs, which were repeated.\n" in said.partition("== cases")[2]) is (total > 0) and said.endswith(f"\n{count} passed, 0 failed\n")
 
 
 def test_a_missing_file_of_results_is_no_success(tmp_path):
