@@ -43,7 +43,8 @@ NO_NETWORK = "  Could not resolve 'deb.example'\non-debian: mmdebstrap failed wi
 @pytest.mark.parametrize("obstacle, code, told, reason", [
     ("folders cannot be mounted here", 0, "", "folders cannot be mounted here"),
     ("", 1, NO_NETWORK, "on-debian: mmdebstrap failed with exit code 25; it needs the network."),
-    ("", 124, NO_NETWORK, ""), ("", 1, "E: Unable to locate package wine65\non-debian: scripts/setup failed. It needs the network.", ""), ("", 1, "", "")])
+    ("", 124, NO_NETWORK, ""), ("", 1, "E: Unable to locate package wine65\non-debian: scripts/setup failed. It needs the network.", ""), ("", 1, "", "")],
+    ids=["obstacle", "no network", "time limit", "unknown package", "no reason"])
 def test_another_debian_that_cannot_be_had_is_skipped_and_one_that_cannot_be_made_is_a_failure(session, capsys, monkeypatch, obstacle, code, told, reason):
     monkeypatch.setattr(run_tests.on_debian, "obstacle", lambda: obstacle)
     monkeypatch.setattr(run_tests, "followed", lambda command, log, *_, **__: log.write_text(told + "\n", "utf-8") and code)
