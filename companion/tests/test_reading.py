@@ -191,6 +191,7 @@ def test_what_to_type(desk, log, says):
     path = desk.put(r"C:\logs\type.log", utf16(log))
     text = desk.run(path)[1]
     assert [one for one in SAYS if one in text or one in " ".join(text.split())] == says
+    assert ("\nSame again " in text) == (SAYS[0] in says or SAYS[3] in says)
     explained, told = desk.run("explain", path, "--exit", "1618")[1], desk.explain(path, "--exit", "1618")[0]
     assert ("\nRetry " in explained, SAYS[1] in explained) == (says != SAYS[1:3], SAYS[1] in says)
     assert told["outcome"] != "install-busy" or (SAYS[2] in told["meaning"]) == (SAYS[2] in says)
