@@ -6,6 +6,7 @@ import contextlib
 import json
 import pathlib
 import re
+import shutil
 import signal
 import subprocess
 import threading
@@ -19,7 +20,7 @@ import pytest
 from cases.support.direct import HOME
 from cases.support.repair import FAMILIES, PACKAGES, found
 from companion import outcomes
-from companion.tests.desk import COMPANION
+from companion.tests.desk import COMPANION, LAST, SAME, utf16
 from lab import paths, state
 from lab.hive import Hive
 from lab.machine import Machine
@@ -145,6 +146,7 @@ def wait_for(file: pathlib.Path) -> None:
 def test_a_tool_that_has_ended_when_the_time_limit_is_noticed(desk, switch):
     """The companion is stopped from before the limit until after the tool's end."""
     begun, over = (desk.prefix.windows_path(rf"C:\lab\{name}") for name in ("begun", "over"))
+    desk.put(rf"C:\Program Files\Tavik\MIM\Log\{LAST}", utf16(SAME))  # newer, but of another run
     begun.unlink(missing_ok=True)
     over.unlink(missing_ok=True)
     process = subprocess.Popen([paths.WINE, COMPANION, "run", "--timeout", "1", *switch, "--tool", r"C:\windows\system32\cmd.exe", "--", "/c",
@@ -441,6 +443,14 @@ def test_an_optional_package_is_installed_by_the_next_run():
         assert machine.said["evidence"][0] == "packages: DVR 1603, PXL 0"
         assert machine.run() == ("recovered", 0) and machine.said["evidence"] == ["packages: DVR 0"]
         check_repaired(machine, whole())
+
+
+def test_an_optional_package_that_needs_a_restart():
+    with fleet(found(desktop={"families": list(FAMILIES)})) as machine:
+        assert machine.run(f"{DVR} return=1618") == ("recovery-pending", 1618)
+        kept = machine.session.prefix.windows_path(KEPT + r"\Tavik_VLTInstallerDownload\LPInstaller" + PACKAGES["DVR"])
+        shutil.copy(paths.need(paths.PACKAGES / "DVR-23.40-reboot.msi"), kept)
+        assert machine.run() == ("recovered-restart", 3010)
 
 
 # Proves: The tool goes on after the time limit => the next `run` waits for its end and recovers what it has lost

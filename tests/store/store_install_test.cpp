@@ -40,5 +40,11 @@ TEST_F(StoreInstall, FactoryIsFetchedOncePerProcessAndTheContextEveryTime)
     EXPECT_THAT(runtime_.Calls(), Contains(L"DllGetActivationFactory Windows.Services.Store.StoreContext").Times(1));
     EXPECT_THAT(runtime_.Calls(), Contains(L"GetDefault").Times(2));
 }
+
+TEST_F(StoreInstall, AMissingFunctionOfTheRuntimeIsTheResult)
+{
+    runtime_.missingFunctions = {"RoGetActivationFactory"};
+    EXPECT_EQ(InstallStoreApplication(nullptr), HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND));
+}
 }  // namespace
 }  // namespace repair

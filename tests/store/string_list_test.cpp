@@ -3,6 +3,26 @@
 #include "support/fake_runtime.h"
 #include "support/test.h"
 
+#include <new>
+
+static thread_local bool isOutOfMemory = false;
+
+void* operator new(size_t bytes)
+{
+    void* const memory = isOutOfMemory ? nullptr : HeapAlloc(GetProcessHeap(), 0, bytes);
+    return memory != nullptr ? memory : throw std::bad_alloc();
+}
+
+void operator delete(void* memory) noexcept
+{
+    HeapFree(GetProcessHeap(), 0, memory);
+}
+
+void operator delete(void* memory, size_t) noexcept
+{
+    HeapFree(GetProcessHeap(), 0, memory);
+}
+
 namespace repair
 {
 namespace
@@ -188,6 +208,16 @@ TEST_F(StringListTest, EveryInterfaceLeadsToTheSameIdentityOfBaseTrust)
     std::int32_t level = 9;
     EXPECT_EQ(list_->GetTrustLevel(&level), S_OK);
     EXPECT_EQ(level, 0);
+}
+
+TEST_F(StringListTest, AnIteratorForWhichThereIsNoMemoryIsAFailure)
+{
+    component::IStringIterator* iterator = reinterpret_cast<component::IStringIterator*>(this);
+    isOutOfMemory = true;
+    const HRESULT result = list_->First(&iterator);
+    isOutOfMemory = false;
+    EXPECT_EQ(result, E_OUTOFMEMORY);
+    EXPECT_EQ(iterator, nullptr);
 }
 
 TEST_F(StringListTest, TextsThatCannotBeCopiedAreAFailureAndNoneIsHandedOut)
