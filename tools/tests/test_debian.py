@@ -15,7 +15,7 @@ FAKES = {
     "id": "echo 1000",
     "dpkg-query": 'for one; do grep -qx -- "$one" DIR/installed && echo "$one installed"; done; exit 1',
     "apt-get": "exit 0",
-    "apt-cache": 'echo "$2:"; if grep -qx -- "$2" DIR/has; then echo "  Candidate: 1"; else echo "  Candidate: (none)"; fi',
+    "apt-cache": 'shift; for one; do echo "$one:"; if grep -qx -- "$one" DIR/has; then echo "  Candidate: 1"; else echo "  Candidate: (none)"; fi; done',
     "sudo": '[ "$6" = install ] || exit 0; shift 6; for one; do grep -qx -- "$one" DIR/has && echo "$one" >>DIR/installed; done; exit 0',
 }
 
@@ -43,6 +43,14 @@ def test_package_with_two_names_is_installed_under_the_one_that_there_is(tmp_pat
     assert any("|" in name for name in names())
     code, said, _ = set_up(tmp_path, here)
     assert (code, said) == (0, f"setup: all {len(here)} packages are installed.\n")
+
+
+def test_package_with_two_names_is_the_first_also_when_the_second_is_installed(tmp_path):
+    both = "\n".join(names()).replace("|", "\n").split()
+    second = [name.split("|")[1] for name in names() if "|" in name]
+    (tmp_path / "installed").write_text("".join(f"{name}\n" for name in second), "ascii")
+    code, said, installed = set_up(tmp_path, both)
+    assert code == 0 and {name.split("|")[0] for name in names() if "|" in name} <= set(installed), said
 
 
 def test_package_that_is_nowhere_is_named(tmp_path):
