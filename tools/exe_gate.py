@@ -361,8 +361,10 @@ def load_configuration(exe: Exe) -> Complaints:
     found = getattr(exe.pe, "DIRECTORY_ENTRY_LOAD_CONFIG", None)
     if found is None:
         yield "there is no load configuration (tools/load_configuration.py)"
-    elif found.struct.Reserved1 != SEARCH_SYSTEM32:  # DependentLoadFlags
-        yield f"the load configuration has the flags {found.struct.Reserved1:#x}: DLLs of the import table are not limited to system32"
+        return
+    flags = getattr(found.struct, "DependentLoadFlags" if hasattr(found.struct, "DependentLoadFlags") else "Reserved1")  # its older name
+    if flags != SEARCH_SYSTEM32:
+        yield f"the load configuration has the flags {flags:#x}: DLLs of the import table are not limited to system32"
 
 
 RULES = (header, load_configuration, relocations, sections, imports, looked_up, unwinding, stack_protector, manifest, version, traces, rest)
