@@ -15,7 +15,8 @@ template <class Type>
 struct Value
 {
     const wchar_t* name;
-    Type LastRun::*field;
+    using Field = Type LastRun::*;
+    Field field;
 };
 constexpr Value<std::wstring> kTexts[] = {
     {L"Outcome", &LastRun::outcome},

@@ -142,8 +142,8 @@ std::uint64_t ReadFileBytes(const std::wstring& path, const std::function<void(s
 Damage ReadLines(const std::wstring& path, const std::function<void(const Line&)>& sink, std::uint64_t most)
 {
     LineReader reader(sink);
-    ReadFileBytes(
-        path, [&reader](std::string_view bytes) { reader.Feed(bytes); }, most);
+    const auto feed = [&reader](std::string_view bytes) { reader.Feed(bytes); };
+    ReadFileBytes(path, feed, most);
     return reader.Finish();
 }
 

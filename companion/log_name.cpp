@@ -14,7 +14,8 @@ constexpr std::string_view kStem = "InstallVLTForWUDriver_";
 
 struct Field
 {
-    int LocalTime::*number;
+    using Number = int LocalTime::*;
+    Number number;
     int smallest;
     int greatest;
     char next;  // character that must follow; 0: any

@@ -232,7 +232,8 @@ protected:
         link_.reset();
         return TRUE;
     }};
-    SUBSTITUTE(Sleep) pause_{[this](DWORD milliseconds) { pause_.Original()(milliseconds == 500 ? 0 : milliseconds); }};
+    SUBSTITUTE(Sleep)
+    pause_{[this](DWORD milliseconds) { pause_.Original()(milliseconds == 500 ? 0 : milliseconds); }};
 };
 
 // Proves: The download folder is a link => it is removed as one and made anew as a folder; nothing is written where it led

@@ -46,7 +46,8 @@ protected:
 
 private:
     std::wstring line_;
-    SUBSTITUTE(GetCommandLineW) commandLine_{[this] { return line_.data(); }};
+    SUBSTITUTE(GetCommandLineW)
+    commandLine_{[this] { return line_.data(); }};
 };
 
 const Line kLines[] = {

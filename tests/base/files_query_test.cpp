@@ -332,7 +332,8 @@ struct FakeListing
     }};
     SUBSTITUTE(FindNextFileW)
     next{[this](HANDLE, WIN32_FIND_DATAW* data) { return Give(data) ? TRUE : FailWith(end); }};
-    SUBSTITUTE(FindClose) close{[this](HANDLE) { return ++closed, TRUE; }};
+    SUBSTITUTE(FindClose)
+    close{[this](HANDLE) { return ++closed, TRUE; }};
     SUBSTITUTE(CreateFileW)
     open{[this](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD disposition,
                 DWORD flags, HANDLE pattern) {

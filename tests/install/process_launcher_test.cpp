@@ -63,7 +63,8 @@ private:
         closed_ += handle == process_ ? 1 : 0;
         return close_.Original()(handle);
     }};
-    SUBSTITUTE(TerminateProcess) terminate_{[this](HANDLE, UINT) { return ++killed_, TRUE; }};
+    SUBSTITUTE(TerminateProcess)
+    terminate_{[this](HANDLE, UINT) { return ++killed_, TRUE; }};
 };
 
 // Proves: No working directory is given => the shell chooses one

@@ -422,7 +422,8 @@ TEST_F(SecureDirectoryTest, IsPreparedOnceMoreIfItIsNotAsItWasMade)
 // A call that fails, and the calls until then; they leave an old folder unless they remove it.
 struct FailedCall
 {
-    DWORD Failures::*call;
+    using Call = DWORD Failures::*;
+    Call call;
     std::vector<std::string> calls;
     bool isOldFolderLeft;
 };

@@ -113,7 +113,8 @@ TEST_F(StatusWindowTest, IsShownAndReadyWithItsTitleAndIconWhenTheStartReturns)
 // A window whose timer never fires.
 class StillWindow : public StatusWindowTest
 {
-    SUBSTITUTE(SetTimer) noTimer_{[](HWND, UINT_PTR, UINT, TIMERPROC) { return UINT_PTR{1}; }};
+    SUBSTITUTE(SetTimer)
+    noTimer_{[](HWND, UINT_PTR, UINT, TIMERPROC) { return UINT_PTR{1}; }};
 };
 
 // Proves: The minimise mark => is a hyphen in the template and a dash on the window

@@ -18,8 +18,8 @@ void StayLoaded()
 }  // namespace
 }  // namespace lab
 
-extern "C" __declspec(dllexport) HRESULT WINAPI
-    DllGetActivationFactory(HSTRING classId, winrt_abi::IActivationFactory** factory)
+using winrt_abi::IActivationFactory;
+extern "C" __declspec(dllexport) HRESULT WINAPI DllGetActivationFactory(HSTRING classId, IActivationFactory** factory)
 {
     lab::StayLoaded();
     return lab::GetFactory(lab::TextOf(classId), factory);
