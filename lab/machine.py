@@ -45,7 +45,8 @@ DESKTOP_KEYS = {"release", "families", "folder", "packages"}
 STORE_KEYS = {"manager", "service", "packages"}
 SERVER_KEYS = {"reach", "folder", "certificate", "tls", "also_plain", "answers"}
 INFINITE = 0xFFFFFFFF
-CLASSES = ("Windows.Management.Deployment.PackageManager", "Windows.Services.Store.StoreContext")
+CLASSES = [rf"Software\Microsoft\WindowsRuntime\ActivatableClassId\{name}"
+           for name in ("Windows.Management.Deployment.PackageManager", "Windows.Services.Store.StoreContext")]
 
 
 def _word(value: Any) -> Any:
@@ -163,12 +164,14 @@ class Machine:
     def _install_store(self, lab: pathlib.Path, system: Hive) -> None:
         store = self.data["store"]
         if store is False:
+            for key in CLASSES:  # Wine 10 has a package manager of its own
+                system.remove(key)
             return
         (lab / "standins" / "winrt.dll").write_bytes(paths.need(paths.STANDINS / "winrt.dll").read_bytes())
         (lab / "standins" / "store.txt").write_text(store_text(store), "utf-8")
         (lab / "standins" / "store-undisturbed.txt").write_text(store_text(undisturbed(store)), "utf-8")
-        for name in CLASSES:
-            system.set(rf"Software\Microsoft\WindowsRuntime\ActivatableClassId\{name}", "DllPath", r"C:\lab\standins\winrt.dll")
+        for key in CLASSES:
+            system.set(key, "DllPath", r"C:\lab\standins\winrt.dll")
 
     def _install_behaviour(self, lab: pathlib.Path) -> None:
         keys.check(self.data["installer"], {"sleep", "exit", "extract"}, "installer")

@@ -242,7 +242,7 @@ def ansible(top: Path) -> Iterator[str]:
     config = TOP / "build" / "check" / "ansible-lint.yml"
     config.parent.mkdir(parents=True, exist_ok=True)
     config.write_text(yaml.safe_dump({"profile": "production", "strict": True, "offline": True, "mock_modules": sorted(modules)}), "ascii")
-    yield from output_of("ansible-lint", "--nocolor", "-c", str(config), "site.yml", "requirements.yml", "roles", folder=folder,
+    yield from output_of("ansible-lint", "--nocolor", "-c", str(config), "--project-dir", ".", "site.yml", "requirements.yml", "roles", folder=folder,
                           ANSIBLE_ROLES_PATH=str(folder / "roles"))
 
 

@@ -5,7 +5,8 @@ import pytest
 
 from cases.support.expect import FINISHED, NO_ADAPTER, NO_ADAPTER_LEFT, NOT_INSTALLED, SAME, SAME_RELEASE, check_refused, opening
 from cases.support.store import (ATTEMPT, CORVEL, DENIED, DISABLED, EARLIER, INSTALLED, NO_STORE, NOTHING, OTHER, POINTER, asked, calls,
-                                 check_nothing_leaks, has, numbered, package, store_only, until_query)
+                                 check_nothing_leaks, has, numbered, package, store_only, until_apartment, until_query)
+from lab.prefix import wine_version
 
 # How a run ends: outcome, exit code, message box, last lines of the log.
 SAME_HERE = ("same-release", -1, SAME_RELEASE, f"{SAME} Exiting.")
@@ -164,12 +165,13 @@ def test_search_that_fails_finds_nothing(lab, manager, lines):
 def test_thread_without_an_apartment_gets_one(lab):
     lab.run(store_only(CURRENT, manager={"activation": "mta"}))
     check(lab, SAME_HERE, has(version="2.24.20.0"))
-    assert asked(lab.result, FACTORY) == [f"{FACTORY} -> 0x800401F0 thread=1", f"{FACTORY} -> 0x0 thread=1"]
+    assert asked(lab.result, FACTORY) == until_apartment(FACTORY)
 
 
-@pytest.mark.parametrize("failure, text, times", [("0x800401F0", "", 2), ("0x80040154:Gone.", "Gone.", 1)],
+@pytest.mark.parametrize("failure, text, times", [("0x800401F0", "", 2 if wine_version() < 10 else 1), ("0x80040154:Gone.", "Gone.", 1)],
                          ids=["no apartment", "another failure"])
 def test_activation_is_tried_again_only_for_a_missing_apartment(lab, failure, text, times):
+    """Wine 10 itself refuses the first time, as Windows does; the component is asked the second time only."""
     lab.run(store_only(package(), manager={"activation": failure}))
     check(lab, UNREAD, SEARCHING(text))
     assert len(asked(lab.result, "DllGetActivationFactory")) == times

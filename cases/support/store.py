@@ -7,6 +7,7 @@ from __future__ import annotations
 from typing import Any
 
 from cases.support.expect import NO_DESKTOP, SAME, inventory, opening
+from lab.prefix import wine_version
 from lab.result import Result
 
 # Full names. The application has two package names, and only their beginning is looked for.
@@ -59,6 +60,11 @@ def calls(result: Result, thread: int | None = 1) -> list[str]:
 
 def asked(result: Result, what: str) -> list[str]:
     return [line for line in result.store_calls if line.startswith(what)]
+
+
+def until_apartment(factory: str) -> list[str]:
+    """How a component is asked that wants an apartment (activation "mta"). Wine 10 refuses the first time itself, as Windows does."""
+    return [f"{factory} -> {answer} thread=1" for answer in ("0x800401F0", "0x0")[wine_version() >= 10:]]
 
 
 def leaks(calls: list[str], *more: str) -> list[str]:

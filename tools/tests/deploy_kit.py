@@ -31,7 +31,7 @@ def _openssl(folder: pathlib.Path, *arguments: str) -> None:
 class Signers:
     """Two authorities, `ca` and `stranger`, and a signing certificate of each name below. Files end in .pem and .key."""
     NAMES = {"maker": (SIGNER, "ca", 365), "other": ("Other Maker", "ca", 365), "impostor": (SIGNER, "stranger", 365),
-             "expired": (SIGNER, "ca", -1)}
+             "expired": (SIGNER, "ca", 0)}  # at once
 
     def __init__(self, folder: pathlib.Path):
         self.folder, self.ca = folder, folder / "ca.pem"
