@@ -15,6 +15,7 @@ import re
 import shutil
 import subprocess
 import sys
+import tempfile
 import xml.etree.ElementTree as ElementTree
 from collections.abc import Iterator
 from pathlib import Path
@@ -237,13 +238,13 @@ def limits(top: Path) -> Iterator[str]:
 
 def ansible(top: Path) -> Iterator[str]:
     """Its modules for Windows need not be installed: their names are made known, their arguments are not checked."""
-    folder = top / "deploy" / "ansible"
-    modules = {name for file in folder.rglob("*.yml") for name in re.findall(r"ansible\.windows\.win_\w+", read(file))}
-    config = TOP / "build" / "check" / "ansible-lint.yml"
-    config.parent.mkdir(parents=True, exist_ok=True)
-    config.write_text(yaml.safe_dump({"profile": "production", "strict": True, "offline": True, "mock_modules": sorted(modules)}), "ascii")
-    yield from output_of("ansible-lint", "--nocolor", "-c", str(config), "--project-dir", ".", "site.yml", "requirements.yml", "roles", folder=folder,
-                          ANSIBLE_ROLES_PATH=str(folder / "roles"))
+    with tempfile.TemporaryDirectory() as copy:  # newer versions of ansible-lint write into the folder
+        folder = shutil.copytree(top / "deploy" / "ansible", Path(copy) / "ansible")
+        modules = {name for file in folder.rglob("*.yml") for name in re.findall(r"ansible\.windows\.win_\w+", read(file))}
+        (folder / ".ansible-lint").write_text(
+            yaml.safe_dump({"profile": "production", "strict": True, "offline": True, "mock_modules": sorted(modules)}), "ascii")
+        yield from output_of("ansible-lint", "--nocolor", "site.yml", "requirements.yml", "roles", folder=folder,
+                             ANSIBLE_ROLES_PATH=str(folder / "roles"))
 
 
 # With --full
