@@ -57,7 +57,8 @@ class Disks:
         if self.keeper.stdout.readline() != b"mounted\n":
             self.keeper.kill()
             raise PermissionError(f"the machine's disks cannot be mounted: {self.keeper.communicate()[1].decode().strip()}")
-        self.launcher = ("nsenter", f"--mount=/proc/{self.keeper.pid}/ns/mnt", "--")
+        process = f"/proc/{self.keeper.pid}"  # its root, as this may be another Debian inside a machine (scripts/on-debian)
+        self.launcher = ("nsenter", f"--mount={process}/ns/mnt", f"--root={process}/root", "--")
 
     def seen(self, folder: pathlib.Path) -> pathlib.Path:
         """The folder as it looks with the disks."""

@@ -5,7 +5,7 @@ import re
 
 import pytest
 
-from cases.support.expect import (FINISHED, INSTALL_FAILED, MAIN_PACKAGE_MISSING, NO_DESKTOP, REPAIR, UNTOUCHED, install,
+from cases.support.expect import (FINISHED, INSTALL_FAILED, MAIN_PACKAGE_MISSING, NO_DESKTOP, NO_PROGRAM, REPAIR, UNTOUCHED, install,
                                   inventory, not_started, opening, remove, stop)
 from cases.support.repair import (FAMILIES, FOLDER, INSTALL_KEY, INSTALL_PROPERTIES, INSTALLER, MSI_AGREES, PACKAGES, REMOVAL_PROPERTIES,
                                   UPGRADE_CODES, asked_of_msi, brought, found, installs, products, removes, until_found, until_unpacked)
@@ -212,8 +212,7 @@ def test_without_the_main_package_nothing_is_changed(lab, arguments):
 # Proves: The installer cannot be started
 def test_installer_that_is_no_program(lab):
     lab.run(brought("not a program"))
-    lab.check(outcome="installer-blocked", after=UNTOUCHED, log=[
-        *until_found(), not_started(INSTALLER, code="193"), MAIN_PACKAGE_MISSING])
+    lab.check(outcome="installer-blocked", after=UNTOUCHED, log=[*until_found(), not_started(INSTALLER, code=NO_PROGRAM), MAIN_PACKAGE_MISSING])
 
 
 # The folder of the application

@@ -17,6 +17,7 @@ from lab.result import Result
 
 CAPTION = "Tavik Software Compatibility Tool"
 USER = f"C:\\users\\{pwd.getpwuid(os.getuid()).pw_name}\\"  # Wine names the user as the host does
+NO_PROGRAM = "193" if wine_version() < 10 else "6"  # of a file that is no program; Windows: 193
 IN_USE = "32" if wine_version() < 10 else "6"  # a program that another one holds open is started; Windows: 32
 TEMP = USER + ("Temp\\" if wine_version() < 10 else "AppData\\Local\\Temp\\")
 

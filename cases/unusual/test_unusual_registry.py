@@ -15,6 +15,7 @@ from cases.support.expect import (NO_ADAPTER_LEFT, NO_SERVER, NOT_DOWNLOADED, in
 from cases.support.repair import INSTALL_PROPERTIES, MSI_AGREES, asked_of_msi, found, until_unpacked
 from cases.support.unusual import ANY_VERSION, DEVICE, LIST, MEBIBYTE, card, check, check_ends_without_server
 from lab.adapters import ENUM, RELEASE
+from lab.prefix import wine_version
 
 TAVIK = r"HKLM\Software\Tavik"
 HL = TAVIK + r"\HL"
@@ -28,13 +29,14 @@ def utf16(text: str) -> str:
 
 def kinds(text: str) -> dict[str, tuple[Any, str | None]]:
     """Ways in which a value can hold a text, and what the tool reads: None for a value that counts as missing."""
+    unended = text if wine_version() < 10 else None  # Wine 10 does not tell that a terminator needs room, and refuses the second read: 234
     return {
-        "no terminator": ({"type": "REG_SZ", "hex": utf16(text)}, text),
+        "no terminator": ({"type": "REG_SZ", "hex": utf16(text)}, unended),
         "two terminators": ({"type": "REG_SZ", "hex": utf16(text + "\0\0")}, text),
         "null inside": ({"type": "REG_SZ", "hex": utf16(text + "\0more\0")}, text),
         "nulls only": ({"type": "REG_SZ", "hex": "000000000000"}, ""),
         "one byte": ({"type": "REG_SZ", "hex": "00"}, ""),
-        "odd size": ({"type": "REG_SZ", "hex": utf16(text) + "00"}, text),
+        "odd size": ({"type": "REG_SZ", "hex": utf16(text) + "00"}, unended),
         "no bytes": ({"type": "REG_SZ", "hex": ""}, ""),
         "variables": ({"type": "REG_EXPAND_SZ", "text": "%NOT_SET%" + text}, "%NOT_SET%" + text),
         "number": (7, None),

@@ -13,6 +13,7 @@ from cases.support.repair import found
 from companion.tests.desk import BUSY, COMPANION, NAME, utf16
 from lab import paths
 from lab.machine import Machine
+from lab.prefix import wine_version
 from lab.result import Result
 from lab.run import run
 from lab.session import LOGS, Session, remove_folder
@@ -142,6 +143,9 @@ def test_asking_changes_nothing():
             one.prefix.start()
     before, again, after = seen
     remove_folder(one.folder)
+    if wine_version() >= 10:  # it makes this key, empty, when it lists a device's drivers
+        [made] = [name for name in after if "VEN_1E7D" in name and name.endswith("Device Parameters")]
+        assert re.fullmatch(r"\d+\n#time=\w+\n\n", after.pop(made))
     assert len(after) > 5000 and changed(again, after) <= changed(before, again)
     plain = [{name: re.sub(r'^\d+\n#time.*\n|"DriverDateData".*', "", text) if ".reg " in name else text for name, text in one.items()} for one in (again, after)]
     assert changed(*plain) == set()

@@ -29,12 +29,14 @@ std::vector<std::wstring> WideList(const Json& texts)
 
 void WriteValue(const Json& value)
 {
-    const auto data = value["data"].get<std::vector<BYTE>>();
+    auto data = value["data"].get<std::vector<BYTE>>();
+    const auto size = static_cast<DWORD>(data.size());
+    data.resize(size + sizeof(wchar_t), 0xFF);  // or Wine may take what is there for a terminator and add it
     HKEY key = nullptr;
     if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, Wide(value["key"]).c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
                         nullptr) != ERROR_SUCCESS ||
-        RegSetValueExW(key, Wide(value["name"]).c_str(), 0, value["type"].get<DWORD>(), data.data(),
-                       static_cast<DWORD>(data.size())) != ERROR_SUCCESS)
+        RegSetValueExW(key, Wide(value["name"]).c_str(), 0, value["type"].get<DWORD>(), data.data(), size) !=
+            ERROR_SUCCESS)
     {
         Refuse(L"cannot write the value " + Wide(value["key"]) + L"\\" + Wide(value["name"]));
     }
