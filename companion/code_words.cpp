@@ -99,7 +99,13 @@ std::optional<long long> CodeIn(std::string_view line)
 std::string CodeOfLine(std::string_view line)
 {
     const std::optional<long long> code = CodeIn(line);
-    const std::string_view words = code ? CodeInWords(*code) : std::string_view();
+    constexpr int kAccessDenied = 5;
+    // The tool always has these rights, so the advice for programs without them would be wrong.
+    const bool isDenied = code && InsideHresult(*code).value_or(*code) == kAccessDenied;
+    const std::string_view words =
+        isDenied ? "access was denied to an administrator: check the rights on the files, and the security product"
+        : code   ? CodeInWords(*code)
+                 : std::string_view();
     const std::string number = code ? DescribeCode(*code) : std::string();
     const bool isHresult = number.ends_with(')');
     return words.empty() ? (isHresult ? number : std::string()) : number + ": " + std::string(words);

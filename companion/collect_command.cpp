@@ -216,7 +216,7 @@ int ExecuteCollect(const CollectOptions& options)
     {
         logs.push_back(Examine(from, name, redactor));
     }
-    if (logs.empty())
+    if (logs.empty() && !options.from.empty())
     {
         throw Failure("there are no logs in " + ToUtf8(from) + ": name another folder with --from");
     }
@@ -234,8 +234,10 @@ int ExecuteCollect(const CollectOptions& options)
                    " names of users and machines; the last ones were not replaced");
         result = kFailed;
     }
-    WriteOutput(std::to_string(logs.size()) + (logs.size() == 1 ? " log in " : " logs in ") +
-                ToUtf8(JoinPath(folder, kBundle)) + ", summary in " + ToUtf8(JoinPath(folder, kSummary)) + "\n");
+    const std::string bundle = ToUtf8(JoinPath(folder, kBundle));
+    WriteOutput(logs.empty() ? "no logs in " + ToUtf8(from) + "; facts of this machine in " + bundle + "\n"
+                             : std::to_string(logs.size()) + (logs.size() == 1 ? " log in " : " logs in ") + bundle +
+                                   ", summary in " + ToUtf8(JoinPath(folder, kSummary)) + "\n");
     return result;
 }
 }  // namespace

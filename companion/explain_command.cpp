@@ -27,6 +27,7 @@ struct ExplainOptions
 {
     std::vector<std::string> logs;  // "@LIST" names a list
     std::string exitCode;
+    std::string event;
     bool asJson = false;
     bool withoutLog = false;
 };
@@ -35,7 +36,7 @@ struct LogOfRun
 {
     std::wstring path;  // empty: the run left no log
     std::optional<int> exitCode;
-    std::vector<std::wstring> others;  // the older logs of the same folder, the newest first
+    std::vector<std::wstring> others;  // paths of the older logs of the same folder, the newest first
 };
 
 // Reads an exit code: a signed 32-bit number in decimal digits, or its bits in hexadecimal ones after "0x". Windows
@@ -84,7 +85,8 @@ LogOfRun NewestLog(const std::wstring& folder, std::optional<int> exitCode)
                       ToUtf8(GetLogFolder()));
     }
     std::ranges::reverse(names);
-    return {JoinPath(folder, names.front()), exitCode, {names.begin() + 1, names.end()}};
+    std::ranges::transform(names, names.begin(), [&](const std::wstring& name) { return JoinPath(folder, name); });
+    return {names.front(), exitCode, {names.begin() + 1, names.end()}};
 }
 
 std::vector<LogOfRun> LogsToExplain(const ExplainOptions& options)
@@ -133,18 +135,19 @@ Finding Explain(const LogOfRun& log)
     return finding;
 }
 
-std::string ListOthers(const std::vector<std::wstring>& names)
+std::string ListOthers(const std::vector<std::wstring>& paths)
 {
     std::string text;
-    for (const std::wstring& name : names)
+    for (const std::wstring& path : paths)
     {
-        text += Paragraph(text.empty() ? "Older logs" : "", Printable(ToUtf8(name)));
+        text += Paragraph(text.empty() ? "Older logs" : "", Printable(ToUtf8(FileNameOf(path))));
     }
     return text;
 }
 
-// If the newest run found no application: the installer of the last run that had one, unless that run succeeded.
-std::string DescribeOlderInstaller(const Finding& newest, const std::wstring& folder, const LogOfRun& log)
+// If the newest run found no application: the installer of the last run that had one, unless that run succeeded or was
+// for another driver, whose application would not fit.
+std::string DescribeOlderInstaller(const Finding& newest, const LogOfRun& log)
 {
     constexpr std::string_view kOr =
         "Install it again with the installer of an earlier run, if that file still exists:";
@@ -152,10 +155,13 @@ std::string DescribeOlderInstaller(const Finding& newest, const std::wstring& fo
     {
         try
         {
-            const Finding older = Explain({JoinPath(folder, log.others[i]), {}, {}});
+            const Finding older = Explain({log.others[i], {}, {}});
             if (!older.facts.StartedInstaller().empty())
             {
-                const std::string command = CommandToInstall(older);
+                const bool isSameDriver = !newest.facts.Driver().empty() &&
+                                          older.facts.Driver() == newest.facts.Driver() &&
+                                          older.facts.Adapter() == newest.facts.Adapter();
+                const std::string command = isSameDriver ? CommandToInstall(older) : std::string();
                 return command.empty() ? command : Paragraph("Or", kOr) + command;
             }
         }
@@ -177,8 +183,22 @@ void WriteFailure(const ExplainOptions& options, const LogOfRun& log, const Fail
     }
 }
 
+// The outcome whose event has the number in the text, or null.
+const Meaning* FindEvent(const std::string& text)
+{
+    const std::optional<int> number = ParseExitCode(text);
+    return number ? OutcomeOfEvent(*number) : nullptr;
+}
+
 int ExecuteExplain(const ExplainOptions& options)
 {
+    if (!options.event.empty())
+    {
+        Finding finding;
+        finding.candidates.push_back({FindEvent(options.event), {}, false});
+        WriteOutput(options.asJson ? ExplainAsJson(finding) + "\n" : ExplainAsText(finding));
+        return kDone;
+    }
     const std::optional<int> exitCode = ParseExitCode(options.exitCode);
     if (exitCode && options.logs.empty() && !options.withoutLog)
     {
@@ -199,7 +219,8 @@ int ExecuteExplain(const ExplainOptions& options)
         {
             const Finding finding = Explain(log);
             WriteOutput(options.asJson ? ExplainAsJson(finding) + "\n"
-                                       : (isFirst ? "" : "\n") + ExplainAsText(finding) + ListOthers(log.others));
+                                       : (isFirst ? "" : "\n") + ExplainAsText(finding) +
+                                             DescribeOlderInstaller(finding, log) + ListOthers(log.others));
             result = finding.candidates.empty() ? kFailed : result;
             isFirst = false;
         }
@@ -225,7 +246,7 @@ int ExplainToOwner(const std::wstring& path)
     try
     {
         const Finding finding = Explain(log);
-        WriteOutput(ExplainInPlainWords(finding) + DescribeOlderInstaller(finding, given, log));
+        WriteOutput(ExplainInPlainWords(finding) + DescribeOlderInstaller(finding, log));
     }
     catch (const NotALog& failure)
     {
@@ -244,27 +265,37 @@ void AddExplainCommand(CLI::App& program, int& result)
 {
     const auto options = std::make_shared<ExplainOptions>();
     CLI::App& command = *program.add_subcommand("explain", "Names the outcome of a run and the next step.");
+    CLI::Option* const log = command
+                                 .add_option("LOG", options->logs,
+                                             "one log or more, also with * and ?; a folder: its newest\n"
+                                             "log; @LIST: a text file, each line exit code, tab, path\nof a log")
+                                 ->type_name("");
     command
-        .add_option("LOG", options->logs,
-                    "one log or more, also with * and ?; a folder: its newest\n"
-                    "log; @LIST: a text file, each line exit code, tab, path\nof a log")
-        ->type_name("");
+        .add_option("--event", options->event,
+                    "number of an event of TavikToolCompanion in the\nApplication log: names its outcome; without LOG")
+        ->type_name("NUMBER")
+        ->excludes(log)
+        ->check([](const std::string& text) {
+            return FindEvent(text) != nullptr ? "" : "\"" + text + "\" is no event of TavikToolCompanion";
+        });
     command
         .add_option("--exit", options->exitCode,
                     "exit code of the run, also as 0x...; without it several\n"
                     "outcomes may remain; without LOG, what it can mean")
         ->type_name("NUMBER")
+        ->excludes("--event")
         ->check([](const std::string& text) {
             return ParseExitCode(text) ? "" : "\"" + text + "\" is not a 32-bit number";
         });
     command.add_flag("--json", options->asJson, "print one JSON object per run, each on one line");
-    command.add_flag("--no-log", options->withoutLog, "the run left no log");
+    command.add_flag("--no-log", options->withoutLog, "the run left no log")->excludes("--event");
     command.footer(
         "Exit code: 0 done; 1 failed; 2 wrong usage; 3 the file is no log of the tool.\n"
         "\n"
         "Examples:\n"
         "  TavikToolCompanion explain InstallVLTForWUDriver_2026-11-6_4_7_31_15.log --exit 1618\n"
         "  TavikToolCompanion explain --exit 1618\n"
+        "  TavikToolCompanion explain --event 303\n"
         "  TavikToolCompanion explain --no-log --exit 3\n"
         "  TavikToolCompanion explain --json @runs.txt");
     command.callback([options, &result] { result = ExecuteExplain(*options); });

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <tuple>
 #include <utility>
 
 #include <nlohmann/json.hpp>
@@ -34,18 +35,32 @@ std::string_view RetryInWords(std::string_view retry)
                                       : retry;
 }
 
-// Says so if the log proves what the catalogue only supposes.
-std::string WithProof(std::string_view sentences, const LogFacts& facts)
-{
-    constexpr std::string_view kSupposed = "may be gone";
-    std::string text(sentences);
-    const size_t at = text.find(kSupposed);
-    return at == std::string::npos || !facts.IsApplicationGone() ? text : text.replace(at, kSupposed.size(), "is gone");
-}
-
 bool IsOfRun(const LogFacts& facts)
 {
     return facts.Switches().value_or("").starts_with(kMark);
+}
+
+// Replaces what the catalogue only supposes by what the log proves.
+std::string WithProof(std::string_view sentences, const LogFacts& facts)
+{
+    const std::string version = Printable(facts.Version());
+    const bool isGone = facts.IsApplicationGone();
+    const std::tuple<bool, std::string_view, std::string> proofs[] = {
+        {isGone, "may be gone", "is gone"},
+        {isGone, "If the application is still installed, start again with the same command. If it is gone, install it",
+         IsOfRun(facts) ? "Start \"TavikToolCompanion run\" again, which installs it, or install it" : "Install it"},
+        {!version.empty() && !facts.Driver().starts_with(version), "the old entries",
+         "the entries of version " + version}};
+    std::string text(sentences);
+    for (const auto& [isProven, supposed, proven] : proofs)
+    {
+        const size_t at = isProven ? text.find(supposed) : std::string::npos;
+        if (at != std::string::npos)
+        {
+            text.replace(at, supposed.size(), proven);
+        }
+    }
+    return text;
 }
 
 // The tool alone would find no application to replace; `run` would install the lost one.
@@ -57,6 +72,18 @@ bool IsInVain(const LogFacts& facts)
 bool Installs(const Meaning& meaning)
 {
     return meaning.action.find("-VLT -Install") != std::string_view::npos;
+}
+
+// The same start again would be in vain: an administrator must act.
+Meaning OfLog(Meaning meaning, const LogFacts& facts)
+{
+    constexpr int kFailedCode = 1603;
+    if (Installs(meaning) && IsInVain(facts))
+    {
+        meaning.retry = "no";
+        meaning.code = kFailedCode;
+    }
+    return meaning;
 }
 
 // The line to type if the next step is to install with the installer that the log names; not wrapped. `run` removes
@@ -87,26 +114,35 @@ std::string DescribeSameCommand(const Meaning& meaning, const LogFacts& facts)
            "\n";
 }
 
-// A log without a known end, or with a damaged one, may be a part of one.
-std::string DescribeCopy(const Finding& finding)
+// A log without a known end, or with a damaged one, may be a part of one; and an old product may be left unseen.
+std::string DescribeNotes(const Finding& finding)
 {
+    const bool removedNothing = finding.facts.Edition() == "desktop" && !finding.facts.TriedRemoval() &&
+                                std::ranges::any_of(finding.candidates, [](const Candidate& candidate) {
+                                    return candidate.meaning->id.starts_with("repaired");
+                                });
     const bool hasNoEnd = std::ranges::any_of(finding.candidates, [](const Candidate& candidate) {
         return candidate.meaning->id == "interrupted" || candidate.meaning->id == "log-cut";
     });
-    return finding.lines > 0 && (hasNoEnd || finding.damage.lastLineOpen)
-               ? Paragraph("Note", "If this log is a copy, the copy may be incomplete: get the whole log first.")
-               : "";
+    const bool mayBePart = finding.lines > 0 && (hasNoEnd || finding.damage.lastLineOpen);
+    return (mayBePart ? Paragraph("Note", "If this log is a copy, the copy may be incomplete: get the whole log first.")
+                      : "") +
+           (removedNothing
+                ? Paragraph("Note",
+                            "The log has no line \"Uninstalling\": the tool found no old product to remove. If "
+                            "an old version is still listed under Apps, remove it there.")
+                : "");
 }
 
 std::string Describe(const Candidate& candidate, const LogFacts& facts)
 {
-    const Meaning& meaning = *candidate.meaning;
+    const Meaning meaning = OfLog(*candidate.meaning, facts);
     std::string text = Paragraph("Outcome", std::string(meaning.id) + " - " + std::string(meaning.title));
     text += Paragraph("Meaning", WithProof(meaning.owner, facts));
     text += Paragraph("Cause", WithProof(meaning.cause, facts));
     text += Paragraph("Next step", WithProof(meaning.action, facts)) + DescribeCommand(meaning, facts);
-    text += Installs(meaning) && IsInVain(facts) ? "" : Paragraph("Retry", RetryInWords(meaning.retry));
-    text += Paragraph("Report as", std::to_string(meaning.code));
+    text += Paragraph("Retry", RetryInWords(meaning.retry));
+    text += Paragraph("Report as", std::to_string(meaning.code) + ", to a deployment system");
     text += Paragraph("Event", std::to_string(meaning.event) + ", if \"TavikToolCompanion run\" started the tool");
     for (const std::string& line : candidate.evidence)
     {
@@ -121,6 +157,11 @@ std::string Describe(const Candidate& candidate, const LogFacts& facts)
     return text;
 }
 
+std::string OthersInWords(const LogFacts& facts)
+{
+    return facts.OtherAdapters().empty() ? "" : "not Tavik's: " + facts.OtherAdapters();
+}
+
 // What is known beside the outcome.
 std::string DescribeFacts(const Finding& finding)
 {
@@ -132,6 +173,7 @@ std::string DescribeFacts(const Finding& finding)
     add("Duration", finding.seconds ? std::to_string(*finding.seconds) + " s" : "");
     add("Switches", facts.Switches() ? facts.Switches()->empty() ? "none" : *facts.Switches() : "");
     add("Driver", facts.Driver());
+    add("Adapters", OthersInWords(facts));
     add("Installed", DescribeInstalled(facts.Edition(), facts.Version()));
     const std::pair<std::string_view, std::string> sources[] = {
         {"driver-package", "from the driver package, " + facts.Installer()},
@@ -182,13 +224,11 @@ std::string DescribeExitCode(const Finding& finding)
         return text;
     }
     text += ", which does not fit this log: ";
-    const bool isReported = std::ranges::any_of(finding.candidates, [code](const Candidate& candidate) {
-        return candidate.meaning->code == InsideHresult(code).value_or(code);
+    const bool isReported = std::ranges::any_of(finding.candidates, [&](const Candidate& candidate) {
+        return OfLog(*candidate.meaning, finding.facts).code == InsideHresult(code).value_or(code);
     });
-    return text + (isReported
-                       ? "it is the code that \"TavikToolCompanion run\" reports for this outcome"
-                       : "it may be the code of \"TavikToolCompanion run\", of another run, or of a program that "
-                         "ended the tool");
+    return text + (isReported ? "it is the code that \"TavikToolCompanion run\" reports for this outcome"
+                              : "it may be the code of another run, or of a program that ended the tool");
 }
 }  // namespace
 
@@ -240,7 +280,8 @@ std::string DescribeInstalled(std::string_view edition, std::string_view version
         return "none";
     }
     const std::string number(version.empty() && !edition.empty() ? "unknown version" : version);
-    return edition.empty() ? number : number + (edition == "store" ? ", Store edition" : ", desktop edition");
+    return edition.empty() ? number + (number.empty() ? "" : ", edition unknown")
+                           : number + (edition == "store" ? ", Store edition" : ", desktop edition");
 }
 
 std::string ExplainAsText(const Finding& finding)
@@ -260,7 +301,7 @@ std::string ExplainAsText(const Finding& finding)
     {
         text += Paragraph("Damaged", sentence);
     }
-    text += DescribeCopy(finding);
+    text += DescribeNotes(finding);
     if (finding.candidates.empty())
     {
         text += Paragraph("Outcome", "none of the catalogue");
@@ -283,7 +324,9 @@ std::string ExplainInPlainWords(const Finding& finding)
     const auto began = ParseLogName(finding.log);
     std::string text = Paragraph("Log", Printable(finding.log));
     text += began ? Paragraph("Started", FormatLocalTime(*began).substr(0, 16).replace(10, 1, " ")) : "";
-    text += DescribeCopy(finding);
+    text += DescribeNotes(finding);
+    const std::string others = OthersInWords(finding.facts);
+    text += others.empty() ? others : Paragraph("Adapters", Printable(others));
     if (finding.candidates.size() != 1)
     {
         text += Paragraph("Result", "The log does not say it. It is one of these:");
@@ -311,17 +354,39 @@ std::string CommandToInstall(const Finding& finding)
 
 std::string ExitAsText(int exitCode, std::string_view given, std::string_view logFolder)
 {
-    std::string text = Paragraph("Exit code", DescribeCode(exitCode)) + DescribeWords(exitCode);
+    constexpr std::string_view kWhere =
+        "Registry   reg query HKLM\\SOFTWARE\\Tavik\\RepairTool\\LastRun /reg:64\n"
+        "Event      wevtutil query-events Application /rd:true /count:1 /format:text "
+        "\"/query:*[System[Provider[@Name='TavikToolCompanion']]]\"\n";
+    constexpr int kLastByte = 0xFF;
+    const std::string number = std::to_string(exitCode);
+    std::string text = Paragraph("Exit code", DescribeCode(exitCode));
+    if (const Meaning* const meaning = OutcomeOfEvent(exitCode))
+    {
+        text += Paragraph("Event", number + " is also the number of an event, of " + std::string(meaning->id) +
+                                       ": TavikToolCompanion explain --event " + number);
+    }
+    for (const int whole : {-1, 1603, 1618, 3010})
+    {
+        text +=
+            exitCode == (whole & kLastByte)
+                ? Paragraph("Note", "A caller that sees only 8 bits sees " + number + " for " + std::to_string(whole) +
+                                        ": TavikToolCompanion explain --exit " + std::to_string(whole))
+                : "";
+    }
     const std::pair<int, std::string_view> reported[] = {
         {0, "done, or nothing to do"}, {3010, "done, restart needed"}, {1618, "try again later"}, {1603, "failed"}};
     for (const auto& [code, words] : reported)
     {
         text += code == InsideHresult(exitCode).value_or(exitCode)
-                    ? Paragraph("Run", "\"TavikToolCompanion run\" ends with " + std::to_string(code) +
-                                           " for: " + std::string(words) +
-                                           ". It printed the outcome, which is also in the Application log.")
+                    ? Paragraph("Run", "\"TavikToolCompanion run\", which deployment systems start, ends with " +
+                                           std::to_string(code) + " for many outcomes: " + std::string(words) +
+                                           ". Each of the next two lines shows the outcome on that PC. What follows "
+                                           "them is about a tool that was started alone.") +
+                          std::string(kWhere)
                     : "";
     }
+    text += DescribeWords(exitCode);
     std::string_view label = "Can mean   ";
     for (const Meaning* const meaning : OutcomesOfExit(exitCode))
     {
@@ -378,15 +443,15 @@ std::string ExplainAsJson(const Finding& finding, const std::function<std::strin
     object["outcome"] = nullptr;
     if (finding.candidates.size() == 1)
     {
-        const Meaning* const meaning = finding.candidates.front().meaning;
+        const Meaning meaning = OfLog(*finding.candidates.front().meaning, facts);
         const std::vector<std::string>& evidence = finding.candidates.front().evidence;
-        object["outcome"] = meaning->id;
-        object["title"] = meaning->title;
-        object["code"] = meaning->code;
-        object["retry"] = meaning->retry;
-        object["meaning"] = WithProof(meaning->owner, facts);
-        object["cause"] = WithProof(meaning->cause, facts);
-        object["action"] = WithProof(meaning->action, facts);
+        object["outcome"] = meaning.id;
+        object["title"] = meaning.title;
+        object["code"] = meaning.code;
+        object["retry"] = meaning.retry;
+        object["meaning"] = WithProof(meaning.owner, facts);
+        object["cause"] = WithProof(meaning.cause, facts);
+        object["action"] = WithProof(meaning.action, facts);
         object["evidence"] = Json::array();
         for (const std::string& line : evidence)
         {

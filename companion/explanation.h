@@ -20,7 +20,7 @@ std::string Printable(std::string_view utf8);
 // Bytes that are not UTF-8 become U+FFFD.
 std::string InOneLine(const nlohmann::ordered_json& object);
 
-// Returns "23.40, desktop edition"; `edition` is "desktop", "store", "none" or empty if it is not known.
+// Returns "23.40, desktop edition"; `edition` is "desktop", "store", "none" or empty if it is unknown.
 std::string DescribeInstalled(std::string_view edition, std::string_view version);
 
 // Returns several lines, each with a line feed. U+FFFD replaces the log's control characters, except tabs.

@@ -96,12 +96,22 @@ void LogFacts::Take(std::string_view line)
              (line.size() >= kCutLine && kCommandLine.starts_with(line));
     TakePackage(line);
     std::string text;
-    if (std::exchange(isDriverNext_, false) && line.starts_with("\t ["))
+    constexpr std::string_view kDriver = "\t [";
+    if (std::exchange(isDriverNext_, false) && line.starts_with(kDriver))
     {
         const size_t folder = std::min(line.rfind("] ["), line.size());
         const size_t release = folder == 0 ? std::string_view::npos : line.rfind("] [", folder - 1);
         driver_ =
             release == std::string_view::npos ? line.substr(0, 0) : line.substr(release + 3, folder - release - 3);
+        adapter_ = driver_.empty() ? line.substr(0, 0) : line.substr(kDriver.size(), release - kDriver.size());
+    }
+    else if (matches("[*] - [*] is not an Tavik Display Adapter."))
+    {
+        constexpr size_t kMost = 100;
+        const std::string_view name = line.substr(1, line.find("] - [") - 1);
+        otherAdapters_ += otherAdapters_.size() + name.size() > kMost
+                              ? std::string()
+                              : (otherAdapters_.empty() ? "" : ", ") + std::string(name);
     }
     else if (!switches_ && Cut(line, kCommandLine, "", text))
     {
@@ -185,6 +195,7 @@ void LogFacts::TakeInstaller(std::string_view line)
 
 void LogFacts::TakePackage(std::string_view line)
 {
+    triedRemoval_ = triedRemoval_ || line.starts_with("Uninstalling installed ");
     if (line.starts_with("\tResult = "))
     {
         const bool hasFailed = MatchLine("\tResult = <failure>", line).matches;

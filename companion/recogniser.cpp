@@ -179,6 +179,13 @@ std::vector<const Meaning*> OutcomesOfExit(int exitCode)
     return found;
 }
 
+const Meaning* OutcomeOfEvent(long long number)
+{
+    const std::span<const Outcome> outcomes = BuiltInCatalogue().outcomes;
+    const auto found = std::ranges::find(outcomes, number, [](const Outcome& one) { return one.meaning.event; });
+    return found == outcomes.end() ? nullptr : &found->meaning;
+}
+
 void TrustLog(Finding& finding)
 {
     finding.exitCode = finding.insideCode ? finding.insideCode : finding.exitCode;

@@ -41,6 +41,9 @@ struct Finding
 // Returns the outcomes of a run of the tool that can have this exit code, whatever its log says.
 std::vector<const Meaning*> OutcomesOfExit(int exitCode);
 
+// Returns the outcome with this number in the Application log, or null.
+const Meaning* OutcomeOfEvent(long long number);
+
 // Lets the log decide if it contradicts the exit code, which may be another program's, or another form of it.
 void TrustLog(Finding& finding);
 

@@ -37,7 +37,7 @@ TavikToolCompanion explain LOG --exit N
 Without that program, compare exit code and log with the entries of one group: a run with `-VLT -Install` belongs to
 [Given installer](#given-installer), a log that ends early to [Any run](#any-run).
 
-| Group | Outcomes |
+| Group | Outcomes, each after the number of its event (source `TavikToolCompanion` of the Application log) |
 |---|---|
 {index}
 The exit code alone is not enough: -1 has many reasons, 0 can hide a restart that is needed, and with `-VLT -Install` even a failed
@@ -117,7 +117,7 @@ def page(found: list[Outcome]) -> str:
     groups: dict[str, list[Outcome]] = {}
     for one in found:
         groups.setdefault(one.heading, []).append(one)
-    index = "".join(f"| {title} | {', '.join(f'[{one.id}](#{one.id})' for one in group)} |\n" for title, group in groups.items())
+    index = "".join(f"| {title} | {', '.join(f'{one.event} [{one.id}](#{one.id})' for one in group)} |\n" for title, group in groups.items())
     return HEAD.format(number=sum(one.mode != "run" for one in found), own=sum(one.mode == "run" for one in found), index=index, codes=code_table(found)) + "".join(
         f"\n## {title}\n{''.join(map(entry, group))}" for title, group in groups.items())
 

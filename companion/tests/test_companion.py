@@ -60,6 +60,8 @@ def test_commands_and_options_in_any_letter_case(desk):
     (["explain", "a", "--no-log", "--exit", "3"], "LOG: name the log of the run, or give --no-log"),
     (["explain", "a", "--what"], "The following argument was not expected: --what"), (["explain", "a", "--exit"], "--exit: 1 required NUMBER missing"),
     *((["explain", "a", "--exit", text], f'--exit: "{text}" is not a 32-bit number') for text in ("x", "1x", " 1", "4294967296", "-2147483649", "0x", "0x-5", "0x1FFFFFFFF")),
+    *((["explain", "--event", text], f'--event: "{text}" is no event of TavikToolCompanion') for text in ("x", "300", "1618")),
+    *((["explain", "--event", "303", *more], f"--event excludes {more[0]}") for more in (["--exit", "3"], ["--no-log"])), (["explain", "a", "--event", "303"], "LOG excludes --event"),
     (["convert"], "LOG is required"), (["convert", "a", "b", "c"], "The following argument was not expected: c"),
     (["collect"], "FOLDER is required"), (["run", "-SILENT"], "The following argument was not expected: -SILENT"),
     (["run", "--timeout", "0"], "--timeout: Value 0 not in range 1 to 604800"), (["run", "--timeout", "x"], "--timeout: Value x not in range"),
@@ -121,6 +123,18 @@ def test_a_name_in_the_text_of_an_exception_is_replaced(desk):
     assert desk.run("collect", r"C:\foreign", "--from", r"C:\foreign", "--name", "Jürgen")[0] == 0
     with zipfile.ZipFile(desk.prefix.windows_path(r"C:\foreign\TavikToolLogs.zip")) as archive:
         assert archive.read(NAME).decode().splitlines()[-1] == result.log[-1].replace("Jürgen", "<user1>")
+
+
+def test_without_logs_the_facts_are_collected(desk):
+    folder = "C:\\" + str(LOGS).replace("/", "\\")
+    for log in desk.prefix.windows_path(folder).glob("*"):
+        log.unlink()
+    code, text, errors = desk.run("collect", r"C:\bare")
+    assert (code, text, errors) == (0, f"no logs in {folder}\\; facts of this machine in C:\\bare\\TavikToolLogs.zip\n", "")
+    with zipfile.ZipFile(desk.prefix.windows_path(r"C:\bare\TavikToolLogs.zip")) as archive:
+        assert archive.namelist() == ["summary.jsonl", "facts.json"] and archive.read("summary.jsonl") == b""
+        facts = json.loads(archive.read("facts.json"))
+    assert facts["last_codes"] == [] and {"verdict", "windows", "companion"} <= set(facts)
 
 
 def test_logs_of_another_folder(desk):

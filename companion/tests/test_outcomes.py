@@ -124,6 +124,7 @@ def test_the_page_has_a_heading_for_every_outcome_and_a_link_to_it():
     known = sorted(one.id for one in outcomes.catalogue())
     assert sorted(re.findall(r"^### ([a-z-]+)$", text, re.M)) == known
     assert {int(number) for number in re.findall(r"; event (\d+)$", text, re.M)} == {one.event for one in outcomes.catalogue()}
+    assert dict(re.findall(r"\b(\d+) \[([a-z-]+)\]\(#\2\)", text)) == {str(one.event): one.id for one in outcomes.catalogue()}
     assert sorted(re.findall(r"\[([a-z-]+)\]\(#\1\)", text)) == known and text.index("](#") < 1000
 
 

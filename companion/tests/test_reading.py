@@ -24,9 +24,9 @@ def test_a_run_in_plain_words(desk):
     busy, = (one for one in outcomes.catalogue() if one.id == "install-busy")
     words = " ".join(text.split())
     assert (code, errors) == (0, "")
-    assert text.splitlines()[:6] == [f"Log        {NAME}", "Began      2026-11-06T04:07:31.015", "Switches   -SILENT", "Installed  23.40",
+    assert text.splitlines()[:6] == [f"Log        {NAME}", "Began      2026-11-06T04:07:31.015", "Switches   -SILENT", "Installed  23.40, edition unknown",
                                      "Exit code  1618", f"Outcome    install-busy - {busy.title}"]
-    assert all(part in words for part in (f"Meaning {busy.owner}", f"Cause {busy.cause}", f"Next step {busy.action}", "Report as 1618 Event 303, if"))
+    assert all(part in words for part in (f"Meaning {busy.owner}", f"Cause {busy.cause}", f"Next step {busy.action}", "Report as 1618, to a deployment system Event 303, if"))
     assert text.endswith(f"Log lines  {BUSY[2]}\n           {BUSY[3]}\nCode       1618: another installation is in progress: wait until it has ended\n")
 
 
@@ -59,7 +59,9 @@ ALWAYS = {"interrupted", "no-log"}
 
 @pytest.mark.parametrize("given, number, shown, ids", [
     ("1618", 1618, ["Exit code  1618", "Code       1618: another installation is in progress: wait until it has ended",
-                    'Run        "TavikToolCompanion run" ends with 1618 for: try again later. It printed the outcome,'], {"install-busy", *ALWAYS}),
+                    'Exit code  1618\nRun        "TavikToolCompanion run", which deployment systems start, ends with 1618 for many\n           outcomes: try again later. ',
+                    "Registry   reg query HKLM\\SOFTWARE\\Tavik\\RepairTool\\LastRun /reg:64\nEvent      wevtutil query-events Application /rd:true /count:1 /format:text "
+                    "\"/query:*[System[Provider[@Name='TavikToolCompanion']]]\"\nCode       1618: "], {"install-busy", *ALWAYS}),
     ("0x80070643", -2147023293, ["Exit code  -2147023293 (0x80070643, Windows code 1603)", "Code       1603: the package failed:"],
      {"install-failed", "store-error", "store-no-window", *ALWAYS}),
     ("-1", -1, ["Exit code  -1", "Can mean   same-release - Already compatible: Nothing"], None), ("3", 3, ["Exit code  3"], None)])
@@ -76,6 +78,25 @@ def test_an_exit_code_without_a_log(desk, given, number, shown, ids):
     told, = (json.loads(line) for line in desk.run("explain", "--exit", given, "--json")[1].splitlines())
     assert list(told) == ["log", "exit", "words", "outcome", "candidates", "outcomes"] and (told["exit"], bool(told["words"])) == (number, "Code  " in text)
     assert set(told["candidates"]) == {one["outcome"] for one in told["outcomes"]} == ids
+
+
+# A number that is not what it seems: what is said of it.
+@pytest.mark.parametrize("given, says", [
+    ("303", "Event 303 is also the number of an event, of install-busy: TavikToolCompanion explain --event 303 Can mean"), ("300", None), ("3", None),
+    ("255", "sees 255 for -1: TavikToolCompanion explain --exit -1 Can mean"), ("67", "sees 67 for 1603: TavikToolCompanion explain --exit 1603 Can mean"),
+    ("82", "sees 82 for 1618: "), ("194", "sees 194 for 3010: "), ("-1", None), ("1618", None)])
+def test_an_event_or_a_cut_code_given_as_exit_code(desk, given, says):
+    text = " ".join(desk.run("explain", "--exit", given)[1].split())
+    assert says in text if says else "number of an event" not in text and "8 bits" not in text
+
+
+def test_the_outcome_of_an_event(desk):
+    for one in outcomes.catalogue():
+        if one.event % 100 == 3 or one.mode == "run":
+            told, = desk.explain("--event", str(one.event))
+            assert (told["outcome"], told["action"], told["code"], told["log"]) == (one.id, " ".join(one.action.split()), one.code, None)
+    code, text, errors = desk.run("explain", "--event", "303")
+    assert (code, errors) == (0, "") and "\nOutcome    install-busy - Windows Installer is busy\n" in text and "\nRetry      start the tool again later" in text
 
 
 @pytest.mark.parametrize("data, note", [(utf16(BUSY[:3])[:-20], True), (utf16(BUSY[:3]), True), (utf16(SAME)[:-2], True), (utf16(SAME), False), (b"", False)])
@@ -175,7 +196,7 @@ UNPACKS, REMOVES = rf"Process {FETCHED} /NCRC /S -EXTRACTONLY=YES /D=C:\x comple
 WEB = r"Unable to find dwx2-install.exe at [C:\store]. Downloading dwx2_install.exe for [24.20] from web."
 FAILED = [*BUSY[:2], WEB, UNPACKS, *BUSY[2:]]
 BY_RUN = LAUNCHED.replace("-SILENT", "-run=1-2 -SILENT")
-SAYS = ["\nSame again TavikCompatibilityTool.exe -SILENT\n", f'\nCommand    TavikCompatibilityTool.exe -VLT -Install -Path "{FETCHED}"\n', " is gone",
+SAYS = ["\nSame again TavikCompatibilityTool.exe -SILENT\n", f'\nCommand    TavikCompatibilityTool.exe -VLT -Install -Path "{FETCHED}"\n', " version is gone",
         "\nSame again TavikToolCompanion run -- -SILENT\n"]
 
 
@@ -193,8 +214,12 @@ def test_what_to_type(desk, log, says):
     assert [one for one in SAYS if one in text or one in " ".join(text.split())] == says
     assert ("\nSame again " in text) == (SAYS[0] in says or SAYS[3] in says)
     explained, told = desk.run("explain", path, "--exit", "1618")[1], desk.explain(path, "--exit", "1618")[0]
-    assert ("\nRetry " in explained, SAYS[1] in explained) == (says != SAYS[1:3], SAYS[1] in says)
-    assert told["outcome"] != "install-busy" or (SAYS[2] in told["meaning"]) == (SAYS[2] in says)
+    assert ("\nRetry      no\n" in explained, SAYS[1] in explained) == (says == SAYS[1:3] or log == SAME, SAYS[1] in says)
+    if told["outcome"] == "install-busy":
+        assert [SAYS[2] in told["meaning"], told["retry"] == "no", told["code"] == 1603] == [SAYS[2] in says, *[says == SAYS[1:3]] * 2]
+        step = re.search(r"end\. (.*) with -VLT", told["action"])[1]
+        assert step == ("Install it" if says == SAYS[1:3] else 'Start "TavikToolCompanion run" again, which installs it, or install it' if says == SAYS[2:]
+                        else "If the application is still installed, start again with the same command. If it is gone, install it")
 
 
 NONE = [LAUNCHED, "Currently installed VLT is version [] from driver version []", "User does not desktop VLT installed.", "UWP version is not installed"]
@@ -203,14 +228,24 @@ STORE = [*NONE, "User does not have VLT installed.", "Attempting to download and
 OLDER = f"\nOr         Install it again with the installer of an earlier run, if that file still exists:{SAYS[1]}"
 
 
+def with_driver(log, release="24.20.11.01-a", adapter="Tavik Corvel 7800"):
+    return [*log[:2], "Currently installed drivers on system:", rf"	 [{adapter}] [{release}] [C:\store]", *log[2:]]
+
+
 def test_a_lost_application_and_the_installer_of_an_earlier_run(desk):
-    known = [((FAILED, NO_APPLICATION), True), ((FAILED, NO_APPLICATION, ["a page"], STORE), True), ((FAILED, [*FAILED[:-1], "\tResult = 0"], STORE), False),
-             ((FAILED, SAME), False), ((NO_APPLICATION,), False)]
+    """Only for the driver that the newest log names: another release would not fit."""
+    failed, none, store = map(with_driver, (FAILED, NO_APPLICATION, STORE))
+    known = [((failed, none), True), ((failed, none, ["a page"], store), True), ((failed, [*failed[:-1], "\tResult = 0"], store), False),
+             ((failed, SAME), False), ((none,), False), ((with_driver(FAILED, "25.10.01.02-b"), none), False),
+             ((with_driver(FAILED, adapter="Other"), none), False), ((failed, NO_APPLICATION), False), ((FAILED, NO_APPLICATION), False),
+             ((failed, with_driver(FAILED, "25.10.01.02-b"), none), False)]
     for at, (logs, _) in enumerate(known):
         for day, log in enumerate(logs, 1):
             desk.put(rf"C:\lost{at}\InstallVLTForWUDriver_2026-11-{day}_4_7_31_15.log", utf16(log))
     texts = [desk.run(rf"C:\lost{at}")[1] for at in range(len(known))]
     assert [(text.endswith(OLDER), SAYS[1] in text) for text in texts] == [(says, says) for _, says in known]
+    texts = [desk.run("explain", rf"C:\lost{at}")[1] for at in range(len(known))]
+    assert [(OLDER + "Older logs " in text, SAYS[1] in text) for text in texts] == [(says, says) for _, says in known]
 
 
 def test_a_path_without_a_command(desk):
@@ -282,6 +317,26 @@ def test_what_is_known_of_a_run(desk, lines, facts):
     assert [value for value in known if f" {value}" not in shown] == []
 
 
+OTHERS = [f"[{name}] - [PCI\\VEN_8086&DEV_46A6] is not an Tavik Display Adapter." for name in ("Other Graphics", "Another")]
+REMOVAL, DENIED = "Uninstalling installed Halden C:\\x.msi", "\tResult = -2147024891"
+UNSEEN = "Note The log has no line \"Uninstalling\": the tool found no old product to remove."
+
+
+# What the log knows more than the catalogue: the outcome, what is said, and what is not.
+@pytest.mark.parametrize("log, outcome, says, not_said", [
+    ([*BUSY[:2], *OTHERS, "Unable to find installed Tavik display adapters. Exiting."], "no-adapter", "Adapters not Tavik's: Other Graphics, Another ", UNSEEN),
+    ([*with_driver(FAILED[:4]), BUSY[2], "\tResult = 0"], "repaired", UNSEEN, "not Tavik's"),
+    ([*with_driver(FAILED[:4]), REMOVAL, "\tResult = 0", BUSY[2], "\tResult = 0"], "repaired", "Nothing.", UNSEEN),
+    ([*with_driver(FAILED[:4]), REMOVAL, DENIED, BUSY[2], "\tResult = 0"], "repaired-old-left", "Remove the entries of version 23.40 under Apps", "start as administrator"),
+    ([*with_driver(FAILED[:4], "23.40.11.01"), REMOVAL, DENIED, BUSY[2], "\tResult = 0"], "repaired-old-left", "Remove the old entries under Apps", UNSEEN)])
+def test_what_the_log_adds_to_an_outcome(desk, log, outcome, says, not_said):
+    path = desk.put(r"C:\logs\adds.log", utf16(log))
+    code = {"no-adapter": "-1"}.get(outcome, "0")
+    for arguments in (["explain", path, "--exit", code], [path]):
+        text = " ".join(desk.run(*arguments)[1].split())
+        assert says in text and not_said not in text and (arguments == [path] or f"Outcome {outcome} - " in text)
+
+
 @pytest.mark.parametrize("command, switches, given", [
     (r'"C:\My Files\tool.exe" -VLT -Install -Path "C:\My Files\a b.exe" -SILENT', r'-VLT -Install -Path "C:\My Files\a b.exe" -SILENT', r"C:\My Files\a b.exe"),
     (r"tool.exe -vlt -install -PATH C:\x.exe", r"-vlt -install -PATH C:\x.exe", r"C:\x.exe"), ("tool.exe", "", "")])
@@ -305,7 +360,7 @@ REFUSED = [LAUNCHED, CHECK, "Response code from server: 404", "Error response co
 
 @pytest.mark.parametrize("log, given, code, outcome, fits", [
     (SAME, "0", 0, "same-release", "reports for this outcome"), (REFUSED, "1603", 1603, "download-not-there", "reports for this outcome"),
-    (SAME, "1603", 1603, "same-release", "may be the code"), (SAME, "9", 9, "same-release", "may be the code"),
+    (SAME, "1603", 1603, "same-release", "may be the code of another run, or"), (SAME, "9", 9, "same-release", "may be the code"),
     (BUSY, "1603", 1603, "install-busy", "may be the code"), (BUSY[:1] + BUSY[2:], "1618", 1618, "direct-busy", "reports for this outcome"),
     (BUSY, "0x80070652", 1618, "install-busy", None), (BUSY, "0X652", 1618, "install-busy", None), (SAME, "0xFFFFFFFF", -1, "same-release", None),
     (SAME, "0x80070643", -2147023293, "same-release", "may be the code"), (REFUSED, "0x80070643", -2147023293, "download-not-there", "reports for this outcome"), (BUSY, "9", 9, "interrupted", None), (BUSY[:2], "0", 0, "log-cut", None)])
@@ -321,8 +376,8 @@ def test_an_exit_code_that_the_log_contradicts(desk, log, given, code, outcome, 
 
 # HRESULTs: what the Store answers, and what deployment systems show.
 @pytest.mark.parametrize("number, shown", [
-    ("-2147024891", "-2147024891 (0x80070005, Windows code 5): access was denied: start as administrator"), ("-2147009281", "-2147009281 (0x80073CFF, Windows code 15615)"),
-    ("-2145844845", "-2145844845 (0x80190193)"), ("5", "5: access was denied: start as administrator"), ("-1", None), ("1602", None)])
+    ("-2147024891", "-2147024891 (0x80070005, Windows code 5): access was denied to an administrator: check"), ("-2147009281", "-2147009281 (0x80073CFF, Windows code 15615)"),
+    ("-2145844845", "-2145844845 (0x80190193)"), ("5", "5: access was denied to an administrator: check the rights on the files, and the security"), ("-1", None), ("1602", None)])
 def test_the_code_of_a_line_in_words(desk, number, shown):
     for lines in ([f"\tResult = {number}"], ["\tResult = 0", f"\t Result = {number} text"]):
         text = desk.run("explain", desk.put(r"C:\logs\code.log", utf16([*BUSY[:3], *lines])))[1]
