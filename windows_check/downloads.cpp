@@ -150,7 +150,7 @@ private:
     {
         fd_set waiting = {};
         FD_SET(listener_, &waiting);
-        timeval patience = {0, 20'000};
+        timeval patience = {0, 20'000};  // NOLINT(misc-const-correctness): not const in the headers of Debian 12
         return select(0, &waiting, nullptr, nullptr, &patience) > 0;
     }
 
