@@ -164,6 +164,17 @@ def test_description_of_another_log_is_named(tmp_path: pathlib.Path, name, other
     assert done.returncode == 2 and ("made from another log" in done.stdout) is other, done.stdout + done.stderr
 
 
+@pytest.mark.parametrize("code, fits", [("-1", True), ("1603", False)])
+def test_exit_code_that_the_log_contradicts_is_left_out(tmp_path: pathlib.Path, code, fits):
+    """The description is damaged, so that nothing is run."""
+    machine, log = tmp_path / "customer.toml", tmp_path / "customer.log"
+    machine.write_text("]", "utf-8")
+    log.write_text("Launched with command line: x.exe\nCurrently installed VLT is version [24.20] from driver version [24.20.11.01]\n"
+                   "Currently installed version of VLT is from the same release as the active driver. Exiting.\n", "utf-8")
+    done = lab_run("--from", log, f"--exit={code}", machine)
+    assert done.returncode == 2 and ("does not fit this log" in done.stdout) is not fits, done.stdout + done.stderr
+
+
 def test_facts_say_what_a_log_that_ends_early_does_not():
     inventory = [NOT_THE_MAKERS, "Currently installed drivers on system:"]
     facts = {"inventory": inventory, "desktop": {"families": ["Halden", "PXL"]}}
