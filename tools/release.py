@@ -13,6 +13,7 @@ The version comes from src/resources/version.h, the date from CHANGELOG.md, the 
 from __future__ import annotations
 
 import argparse
+import base64
 import hashlib
 import json
 import os
@@ -45,6 +46,12 @@ FOLDERS = ["deploy", "docs"]
 # Except pages for those who have the sources, and such parts of the other pages.
 NOT_PACKED = [f"docs/{name}.md" for name in ("architecture", "building", "performance", "releasing", "testing", "windows-facts")]
 NOT_SHOWN = re.compile(r"<!-- in the repository only -->\n.*?<!-- end -->\n\n?", re.S)
+SIGNER = re.compile(r"<!-- signer -->(.*?)<!-- end -->")
+# The page for owners is packed as a web page: a double-click opens that.
+OWNER_PAGE, START_PAGE = "docs/owner.md", "START-HERE.html"
+STYLE = ("body { font: 16px/1.5 sans-serif; max-width: 64em; margin: 2em auto; padding: 0 1em } p img { max-width: 100% } "
+         "table { border-collapse: collapse } td, th { border: 1px solid #999; padding: .5em; text-align: left; vertical-align: top } "
+         "code { background: #eee; padding: 0 .2em }")
 WINDOWS_CHECK = ["build/release/TavikWindowsCheck.exe", "windows_check/README.txt", "build/docs/windows-facts.md"]
 
 
@@ -83,10 +90,27 @@ def zip_files(target: Path, files: dict[str, Path], date: str) -> None:
             archive.writestr(entry, files[name].read_bytes())
 
 
-def packed_page(page: Path) -> str:
+def packed_page(page: Path, signer: str) -> str:
     """As readers without the sources need it. The page of outcomes takes the place of the catalogue it is made from."""
     text = re.sub(r"^<!-- .* -->\n", "", NOT_SHOWN.sub("", page.read_text("utf-8")), flags=re.MULTILINE)
-    return text.replace("](companion/outcomes.toml)", "](docs/outcomes.md)").replace("](../companion/outcomes.toml)", "](outcomes.md)")
+    text = SIGNER.sub(lambda found: signer or found[1], text)
+    for target, instead in (("companion/outcomes.toml", "docs/outcomes.md"), ("../companion/outcomes.toml", "outcomes.md"),
+                            (OWNER_PAGE, START_PAGE), (Path(OWNER_PAGE).name, f"../{START_PAGE}")):
+        text = text.replace(f"]({target})", f"]({instead})")
+    return text
+
+
+def web_page(text: str, folder: Path) -> str:
+    """A page of the folder as one HTML file with its pictures inside, so that it can be read in the zip too."""
+    try:
+        import markdown
+    except ImportError:
+        fail("The page for owners needs the Debian package python3-markdown. Install it with scripts/setup.")
+    body = re.sub(r'(?<= src=")[^"]+', lambda found: "data:image/png;base64," + base64.b64encode((folder / found[0]).read_bytes()).decode(),
+                  markdown.markdown(text, extensions=["tables", "toc"]))  # toc: headings get the names that links use
+    title = re.search(r"^# (.+)", text, re.MULTILINE)
+    return (f'<!DOCTYPE html>\n<html lang="en">\n<head>\n<meta charset="utf-8">\n<title>{title[1] if title else ""}</title>\n'
+            f"<style>{STYLE}</style>\n</head>\n<body>\n{body}\n</body>\n</html>\n")
 
 
 def check_pages(archive: Path) -> None:
@@ -94,7 +118,7 @@ def check_pages(archive: Path) -> None:
     with tempfile.TemporaryDirectory() as work, zipfile.ZipFile(archive) as packed:
         packed.extractall(work)
         top = Path(work).resolve()
-        pages = sorted(top.rglob("*.md"))
+        pages = sorted(file for file in top.rglob("*") if file.suffix in (".md", ".html"))
         wrong = [*texts.dead_links(pages, top), *(f"{page.relative_to(top)}: \"{found}\" is for readers who have the sources"
                  for page in pages for found in re.findall(r"(?i)\bclone\b|\bscripts/[a-z-]+", page.read_text("utf-8")))]
     if wrong:
@@ -195,8 +219,8 @@ def make_unsigned(out: Path, source: str) -> str:
     return version
 
 
-def pack(source: Path, target: Path, version: str, date: str, ending: str = "") -> None:
-    """The archives; the programs are taken from the folder source."""
+def pack(source: Path, target: Path, version: str, date: str, ending: str = "", signer: str = "") -> None:
+    """The archives; the programs are taken from the folder source. Signer is what the page for owners says of the signature."""
     name = f"TavikCompatibilityTool-{version}"
     files = {f"{program}.exe": source / f"{program}.exe" for program in PROGRAMS}
     files |= {one: source / one for one in ("THIRD-PARTY.txt", "sbom.spdx.json")}
@@ -208,8 +232,10 @@ def pack(source: Path, target: Path, version: str, date: str, ending: str = "") 
         for one in [one for one, file in files.items() if file.suffix == ".md" and file != outcome_pages.PAGE]:
             page = Path(work, one)
             page.parent.mkdir(parents=True, exist_ok=True)
-            page.write_text(packed_page(files.pop(one)), "utf-8")
-            files |= {} if one in NOT_PACKED else {one: page}
+            page.write_text(packed_page(files.pop(one), signer), "utf-8")
+            files |= {} if one in [*NOT_PACKED, OWNER_PAGE] else {one: page}
+        files[START_PAGE] = Path(work, START_PAGE)
+        files[START_PAGE].write_text(web_page(Path(work, OWNER_PAGE).read_text("utf-8"), TOP / "docs"), "utf-8")
         sums = Path(work, "SHA256SUMS")
         sums.write_text("".join(f"{hashlib.sha256(file.read_bytes()).hexdigest()}  {one}\n" for one, file in sorted(files.items())), "utf-8")
         zip_files(target / f"{name}{ending}.zip", {f"{name}/{one}": file for one, file in {**files, "SHA256SUMS": sums}.items()}, date)
@@ -263,7 +289,8 @@ def make(given: argparse.Namespace) -> None:
         shutil.copytree(WORK, signed)
         for name in [*PROGRAMS, *(Path(path).stem for path in WINDOWS_CHECK if path.endswith(".exe"))]:
             signer.sign_program(WORK / f"{name}.exe", signed / f"{name}.exe", "Tavik Software Compatibility Tool")
-        pack(signed, DIST, version, date)
+        trial = " (this is a **test build**, which Windows does not trust: for trials only)" if signer.is_trial else ""
+        pack(signed, DIST, version, date, signer=f"**{signer.name}**{trial}")
         shutil.copytree(WORK, DIST / "unsigned", ignore=shutil.ignore_patterns("*.debug", "*.zip"))
         checksums(DIST / "unsigned", [file.name for file in (DIST / "unsigned").iterdir() if file.name != "SHA256SUMS"])
         if signer.is_trial:

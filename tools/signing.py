@@ -5,6 +5,9 @@ import subprocess
 from dataclasses import dataclass
 from pathlib import Path
 
+from cryptography import x509
+from cryptography.x509.oid import NameOID
+
 from tools.project import fail
 
 SYSTEM_CAS = Path("/etc/ssl/certs/ca-certificates.crt")
@@ -76,6 +79,12 @@ class Signer:
             "-addext", "keyUsage=critical,digitalSignature", "-addext", "extendedKeyUsage=codeSigning",
             "-keyout", self.work / "key.pem", "-out", certificate)
         return certificate
+
+    @property
+    def name(self) -> str:
+        """The signer's name, as Windows shows it."""
+        certificate = x509.load_pem_x509_certificate(Path(self.lists[1]).read_bytes())
+        return str(certificate.subject.get_attributes_for_oid(NameOID.COMMON_NAME)[0].value)
 
     def _verifies(self, exe: Path) -> bool:
         return succeeds("osslsigncode", "verify", "-CAfile", self.trusted, "-TSA-CAfile", self.trusted, "-in", exe)

@@ -16,7 +16,7 @@ from pathlib import Path
 
 from tools.project import TOP, files
 
-LINK = re.compile(r"!?\[[^\]]*\]\(([^()\s]+)\)")
+LINK = re.compile(r'(?:\]\(|\b(?:href|src)=")([^()\s"]+)[)"]')
 GENERATED = TOP / "build" / "docs"
 AVOIDED = re.compile(r"(?<![a-z])(nobody|somebody|whoever|anybody|mend(ed|s|ing)?|torture|stands|glance|look(ed|ing|s)? at|hollow)s?(?![a-z])", re.I)
 OWN_FOLDER = re.compile(r"(?:^|[^\w.}-])/(?:home|root|work|Users)/[\w.]")
@@ -31,7 +31,7 @@ def anchors(page: Path) -> set[str]:
     """The anchors of the headings, as the usual viewers make them: letters, digits, hyphens for blanks."""
     text = without_code(page.read_text("utf-8"))
     headings = re.findall(r"^#+ (.+)$", text, re.MULTILINE)
-    return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings} | set(re.findall(r'<a id="([^"]+)">', text))
+    return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings} | set(re.findall(r'<\w+ id="([^"]+)">', text))
 
 
 def fault(page: Path, target: str, top: Path = TOP) -> str:
@@ -43,7 +43,7 @@ def fault(page: Path, target: str, top: Path = TOP) -> str:
         return ""
     if not file.is_relative_to(top) or not file.exists():
         return "does not exist"
-    return "has no such heading" if anchor and file.suffix == ".md" and anchor not in anchors(file) else ""
+    return "has no such heading" if anchor and file.suffix in (".md", ".html") and anchor not in anchors(file) else ""
 
 
 def dead_links(pages: list[Path], top: Path = TOP) -> Iterator[str]:

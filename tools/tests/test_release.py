@@ -1,11 +1,14 @@
 """The parts of scripts/release that need no build. The whole is made and compared by scripts/release --check."""
 from __future__ import annotations
 
+import base64
 import hashlib
+import html
 import os
 import pathlib
 import re
 import subprocess
+import sys
 import zipfile
 
 import pytest
@@ -130,8 +133,8 @@ def parts(tmp_path, monkeypatch):
     return tmp_path
 
 
-def packed(parts: pathlib.Path) -> dict[str, str]:
-    release.pack(parts, parts, "1.0.0.1", "2026-11-21", "-unsigned")
+def packed(parts: pathlib.Path, signer: str = "") -> dict[str, str]:
+    release.pack(parts, parts, "1.0.0.1", "2026-11-21", "-unsigned", signer)
     with zipfile.ZipFile(parts / "TavikCompatibilityTool-1.0.0.1-unsigned.zip") as archive:
         return {name.partition("/")[2]: archive.read(name).decode("utf-8", "replace") for name in archive.namelist()}
 
@@ -145,7 +148,7 @@ def test_licences_go_with_the_programs(parts):
 # Proves: A release is made
 def test_pages_of_the_archive_are_for_readers_without_the_sources(parts):
     files = packed(parts)
-    assert "docs/owner.md" in files and "docs/testing.md" not in files and "](docs/outcomes.md)" in files["README.md"]
+    assert "docs/mirror.md" in files and "docs/testing.md" not in files and "](docs/outcomes.md)" in files["README.md"]
     assert "## Use it" in files["README.md"] and "## Try it" not in files["README.md"] and "repository only" not in "".join(files.values())
     sums = [line.split("  ") for line in files["SHA256SUMS"].splitlines()]
     assert hashlib.sha256(files["README.md"].encode()).hexdigest() == {name: digest for digest, name in sums}["README.md"]
@@ -160,6 +163,33 @@ def test_page_that_readers_of_the_archive_cannot_follow_is_refused(parts, text, 
         page.write(text)
     with pytest.raises(SystemExit, match=f"outcomes.md: {re.escape(complaint)}"):
         packed(parts)
+
+
+@pytest.mark.parametrize("text, complaint", [('<a href="#none">', "#none has no such heading"), ('<img src="docs/a.png">', "docs/a.png does not exist")])
+def test_web_page_that_cannot_be_followed_is_refused(parts, monkeypatch, text, complaint):
+    real = release.web_page
+    monkeypatch.setattr(release, "web_page", lambda page, folder: real(page, folder) + text)
+    with pytest.raises(SystemExit, match=f"START-HERE.html: {re.escape(complaint)}"):
+        packed(parts)
+
+
+# Proves: A release is made
+def test_page_for_owners_opens_with_a_double_click(parts):
+    files = packed(parts, "**Some Name** (signed)")
+    assert "docs/owner.md" not in files and "](START-HERE.html)" in files["README.md"] and "](../START-HERE.html)" in files["docs/exit-codes.md"]
+    source, page = (paths.ROOT / "docs/owner.md").read_text("utf-8"), files["START-HERE.html"]
+    pictures = dict(re.findall(r'<img alt="([^"]+)" src="data:image/png;base64,([^"]+)"', page))
+    assert {html.unescape(text): base64.b64decode(data) for text, data in pictures.items()} == {
+        text: (paths.ROOT / "docs" / name).read_bytes() for text, name in re.findall(r"!\[(.+?)\]\((.+?)\)", source)}
+    shown = html.unescape(re.sub(r"<[^>]+>", "", re.sub(r"<(style|code)>.*?</\1>", "", page)))
+    assert page.count("<tr>") == source.count("\n|") - 1 and not re.search(r"^#|\*\*|\||`|\]\(|<!--", shown, re.MULTILINE)
+    assert "must be Some Name (signed)." in shown
+
+
+def test_missing_package_is_named(monkeypatch):
+    monkeypatch.setitem(sys.modules, "markdown", None)
+    with pytest.raises(SystemExit, match="python3-markdown"):
+        release.web_page("", paths.ROOT)
 
 
 def test_page_for_owners_shows_every_box():

@@ -36,7 +36,9 @@ def signed(choice: Choice, tmp_path) -> str:
     (tmp_path / "SHA256SUMS").write_text("0  file\n")
     signer.sign_list(tmp_path / "SHA256SUMS")
     assert (tmp_path / "SHA256SUMS.p7s").read_text().startswith("-----BEGIN CMS-----")
-    return run("osslsigncode", "verify", "-CAfile", signer.trusted, "-TSA-CAfile", signer.trusted, "-in", tmp_path / "signed.exe")
+    said = run("osslsigncode", "verify", "-CAfile", signer.trusted, "-TSA-CAfile", signer.trusted, "-in", tmp_path / "signed.exe")
+    assert f"CN={signer.name}\n" in said
+    return said
 
 
 # Proves: A release is signed => key in a file (PEM, PKCS #12), in a token, or made for trials; with a time stamp when a server is named
