@@ -219,6 +219,11 @@ def make_unsigned(out: Path, source: str) -> str:
     return version
 
 
+def signed_by(signer: Signer) -> str:
+    trial = " (this is a **test build**, which Windows does not trust: for trials only)" if signer.is_trial else ""
+    return f"**{signer.name}**{trial}"
+
+
 def pack(source: Path, target: Path, version: str, date: str, ending: str = "", signer: str = "") -> None:
     """The archives; the programs are taken from the folder source. Signer is what the page for owners says of the signature."""
     name = f"TavikCompatibilityTool-{version}"
@@ -289,8 +294,7 @@ def make(given: argparse.Namespace) -> None:
         shutil.copytree(WORK, signed)
         for name in [*PROGRAMS, *(Path(path).stem for path in WINDOWS_CHECK if path.endswith(".exe"))]:
             signer.sign_program(WORK / f"{name}.exe", signed / f"{name}.exe", "Tavik Software Compatibility Tool")
-        trial = " (this is a **test build**, which Windows does not trust: for trials only)" if signer.is_trial else ""
-        pack(signed, DIST, version, date, signer=f"**{signer.name}**{trial}")
+        pack(signed, DIST, version, date, signer=signed_by(signer))
         shutil.copytree(WORK, DIST / "unsigned", ignore=shutil.ignore_patterns("*.debug", "*.zip"))
         checksums(DIST / "unsigned", [file.name for file in (DIST / "unsigned").iterdir() if file.name != "SHA256SUMS"])
         if signer.is_trial:

@@ -10,6 +10,7 @@ from collections.abc import Iterator
 import pytest
 
 from lab import paths
+from tools.release import signed_by
 from tools.signing import Choice, Signer, run
 
 MODULE = pathlib.Path("/usr/lib/softhsm/libsofthsm2.so")
@@ -38,6 +39,7 @@ def signed(choice: Choice, tmp_path) -> str:
     assert (tmp_path / "SHA256SUMS.p7s").read_text().startswith("-----BEGIN CMS-----")
     said = run("osslsigncode", "verify", "-CAfile", signer.trusted, "-TSA-CAfile", signer.trusted, "-in", tmp_path / "signed.exe")
     assert f"CN={signer.name}\n" in said
+    assert signed_by(signer) == f"**{signer.name}**" + (" (this is a **test build**, which Windows does not trust: for trials only)" if choice == Choice() else "")
     return said
 
 
