@@ -183,8 +183,10 @@ def test_driver_keys_of_every_kind(lab):
     good = "{4D36E968-E325-11CE-BFC1-08002BE10318}\\0001"
     value, key = "get registry value", "open registry key"
     values: list[tuple[Any, str]] = [
-        (good, ""), ("{4D36E968-E325-11CE-BFC1-08002BE10318}\\", value), ("", value), ("\\", value), ("..\\" * 20, key), ("k" * 4000, key),
+        (good, ""), ("{4D36E968-E325-11CE-BFC1-08002BE10318}\\", value), ("\\", value), ("..\\" * 20, key), ("k" * 4000, key),
         ("%s%n\\0001", key), ({"type": "REG_SZ", "hex": utf16(good)}, ""), ({"type": "REG_SZ", "hex": utf16(good) + "00"}, "")]
+    if wine_version() < 10:  # Wine 10 reads these values itself before the first window, and hangs at one without a backslash
+        values.append(("", value))
     lab.run(adapters_with("Driver", [text for text, _ in values]))
     lines = [NO_RELEASE(NAME, card(number), why) if why else f"Enumerating installed drivers for {card(number)} - {NAME}"
              for number, (_, why) in enumerate(values, 1)]
