@@ -52,6 +52,7 @@ ALL = {
     "reproducible": module("tools.reproducible"),
     "cppcheck": [*SHELL, "mkdir -p build/check/cppcheck && cppcheck --platform=win64 --std=c++20 --library=windows "
                  "--enable=warning,performance,portability -D__cppcheck__ -D__MINGW32__ -DUNICODE -D_WIN32_WINNT=0x0A00 "
+                 "-DTAVIK_DOWNLOAD_HOST='\"\"' -DTAVIK_WEB_SITE='\"\"' "  # macros between two texts
                  "-I src -I tests -I . -I lab/standins --inline-suppr --suppressions-list=tools/cppcheck.txt "
                  "--cppcheck-build-dir=build/check/cppcheck --error-exitcode=1 --quiet -j 2 -i companion/tests "
                  "src companion tests/support windows_check lab bench"],
